@@ -1,0 +1,66 @@
+#include "common/text.h"
+
+#include <cstdio>
+#include <cwchar>
+
+#include <windows.h>
+
+namespace {
+
+std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
+  const int wideLength = static_cast<int>(text.size());
+  const int length =
+      ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, nullptr, 0, nullptr, nullptr);
+  if (length < 1) return {};
+  std::string narrow(static_cast<std::size_t>(length), '\0');
+  ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, narrow.data(), length, nullptr, nullptr);
+  return narrow;
+}
+
+}  // namespace
+
+std::wstring WideFromUtf8(std::string_view text) {
+  const int narrowLength = static_cast<int>(text.size());
+  const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, nullptr, 0);
+  if (length < 1) return {};
+  std::wstring wide(static_cast<std::size_t>(length), L'\0');
+  ::MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, wide.data(), length);
+  return wide;
+}
+
+std::string Utf8FromWide(std::wstring_view text) {
+  return NarrowFromWide(CP_UTF8, text);
+}
+
+std::string AnsiFromWide(std::wstring_view text) {
+  return NarrowFromWide(CP_ACP, text);
+}
+
+std::string Narrow(const CTString& text) {
+  return Utf8FromWide(
+      std::wstring_view(static_cast<const wchar_t*>(text), static_cast<std::size_t>(text.GetLength())));
+}
+
+std::string PrintNarrow(const char* format, std::va_list arguments) {
+  std::va_list measured;
+  va_copy(measured, arguments);
+  const int length = ::_vscprintf_p(format, measured);
+  va_end(measured);
+  if (length < 1) return {};
+  const auto size = static_cast<std::size_t>(length);
+  std::string text(size + 1, '\0');
+  ::_vsprintf_p(text.data(), text.size(), format, arguments);
+  text.resize(size);
+  return text;
+}
+
+std::wstring PrintWide(const wchar_t* format, std::va_list arguments) {
+  std::va_list measured;
+  va_copy(measured, arguments);
+  const int length = ::_vscwprintf(format, measured);
+  va_end(measured);
+  if (length < 1) return {};
+  std::wstring text(static_cast<std::size_t>(length), L'\0');
+  ::_vsnwprintf(text.data(), text.size(), format, arguments);
+  return text;
+}

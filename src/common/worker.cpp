@@ -1,0 +1,55 @@
+#include "common/worker.h"
+
+#include <memory>
+#include <utility>
+
+namespace {
+
+HMODULE ThisModule(DWORD flags) {
+  HMODULE module = nullptr;
+  ::GetModuleHandleExW(flags | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<const wchar_t*>(&PinThisModule), &module);
+  return module;
+}
+
+struct Worker {
+  std::function<void()> body;
+  UniqueModule module;
+};
+
+/// Runs and destroys the worker; what is left of it is the reference on the module.
+HMODULE Run(Worker* started) noexcept {
+  const std::unique_ptr<Worker> worker(started);
+  try {
+    worker->body();
+  } catch (...) {
+    // Out of memory: whoever waits for the thread finds no result of it, which is its failure.
+  }
+  worker->body = nullptr;
+  return worker->module.release();
+}
+
+DWORD WINAPI WorkerThread(void* started) {
+  // Nothing with a destructor may live in this frame: the thread ends inside the call.
+  ::FreeLibraryAndExitThread(Run(static_cast<Worker*>(started)), 0);
+}
+
+DWORD AllocationGranularity() {
+  SYSTEM_INFO info{};
+  ::GetSystemInfo(&info);
+  return info.dwAllocationGranularity;
+}
+
+}  // namespace
+
+UniqueHandle StartWorker(std::function<void()> body) {
+  auto worker = std::make_unique<Worker>(Worker{std::move(body), UniqueModule(ThisModule(0))});
+  UniqueHandle thread(
+      ::CreateThread(nullptr, AllocationGranularity(), WorkerThread, worker.get(), 0, nullptr));
+  if (thread != nullptr) static_cast<void>(worker.release());
+  return thread;
+}
+
+void PinThisModule() {
+  ThisModule(GET_MODULE_HANDLE_EX_FLAG_PIN);
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <string>
+
+#include "common/tstring.h"
+
+struct IXMLDOMDocument;
+
+/// The service's settings, read once per process from "CorvelConfig.ini" beside the host's executable.
+/// Made and loaded by one thread at start; only read afterwards.
+class CConfigParser {
+ public:
+  /// The singleton, made on first use; enters the multithreaded COM apartment on the calling thread.
+  /// Null when COM refuses, for instance on a thread of another apartment.
+  static CConfigParser* GetInstance();
+  /// The same without Init: no keys, no file, no log file name.
+  static CConfigParser* GetInstance_CmdLine();
+  /// Destroys the singleton and undoes its COM use, when the calling thread is the one that began it.
+  static void ReleaseInstance();
+  /// Destroys the singleton while the process ends: COM is no longer there to be left.
+  static void ReleaseAtProcessExit();
+
+  // What the settings say, or their defaults while there is no configuration.
+  static CTString ConfiguredRegistryLocation();
+  static CTString ConfiguredFirmwareFolder();
+  static CTString ConfiguredIPCType();
+  static int ConfiguredTraceLevel();
+  static int ConfiguredRebootType();
+  static int ConfiguredEraseMode();
+
+  virtual ~CConfigParser();
+
+  bool Init();
+  /// Reads the file that Init fixed, whatever `path` is. @return true when it is loaded, now or before.
+  bool LoadConfig(const wchar_t* path);
+  void SetConfigVar(const wchar_t* key, const wchar_t* value);
+  bool IsLoaded() const { return m_loaded; }
+
+  /// "PCIE" when exactly that is configured, else "USB".
+  CTString GetIPCType();
+  /// Stores the modem's bus type (UTF-8).
+  void SetIPCType(const char* type);
+  CTString GetRegistryLocation() const;
+  CTString GetFirmwareFolder() const;
+  int GetTraceLevel() const { return m_traceLevel; }
+  int GetRebootType() const { return m_rebootType; }
+  int GetEraseMode() const { return m_eraseMode; }
+
+ private:
+  CConfigParser() = default;
+
+  std::map<std::wstring, int> m_keys;
+  CTString m_fileName;
+  CTString m_filePath;
+  bool m_loaded = false;
+  int m_traceLevel = 0;
+  int m_rebootType = 0;
+  int m_eraseMode = 0;
+  wchar_t m_registryLocation[512]{};
+  wchar_t m_firmwareFolder[512]{};
+  wchar_t m_ipcType[512]{};
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// What kind of memory an item is written to, and when.
+struct MemoryClass {
+  std::uint32_t code;
+  const char* name;
+  int downloadOrder;
+};
+
+/// The row of a code that the flashing library reports; an unknown one counts as "Certificate".
+const MemoryClass& FindMemoryClass(std::uint32_t code);
+
+/// One downloadable item: one entry of one image's table of contents.
+class CDownloadFile {
+ public:
+  CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memoryClassCode, std::string filePath,
+                const CDownloadFile* firstItem, std::uint32_t itemIndex);
+
+  const MemoryClass& GetMemoryClass() const { return m_memoryClass; }
+  /// Path of the image in UTF-8.
+  const std::string& GetFilePath() const { return m_filePath; }
+  /// The name by which the flashing library knows the item: "|index|path".
+  const std::string& GetTocName() const { return m_tocName; }
+
+  /// Progress steps of this item; 0 until the library was asked.
+  std::uint32_t getNofProgressBars = 0;
+
+ private:
+  std::uint32_t m_flashTechnology;
+  MemoryClass m_memoryClass;
+  std::string m_filePath;
+  const CDownloadFile* m_firstItem;
+  std::uint32_t m_itemIndex;
+  std::string m_tocName;
+};

@@ -1,0 +1,2 @@
+#include "download/firmwaredownloader.h"
+CFirmwareDownloader::~CFirmwareDownloader() = default;

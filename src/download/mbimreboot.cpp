@@ -1,0 +1,5 @@
+#include <cstdlib>
+#include "download/firmwaredownloader.h"
+HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {
+  std::abort();
+}

@@ -1,0 +1,5 @@
+#include <cstdlib>
+#include "toolkit/toolkit.h"
+bool ToolKit::MainThreadImplementation(void*) {
+  std::abort();
+}

@@ -1,0 +1,283 @@
+#include "toolkit/toolkit.h"
+
+#include <windows.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "common/debuglogger.h"
+#include "common/fileio.h"
+#include "common/handles.h"
+#include "common/log.h"
+#include "common/text.h"
+#include "common/win32error.h"
+#include "common/worker.h"
+#include "config/configparser.h"
+
+namespace {
+
+constexpr int kLoggingOn = 3;
+constexpr int kLoggingOff = 0;
+constexpr int kKeptDownloadLogs = 5;
+constexpr wchar_t kPathSeparator = L'\\';
+
+constexpr wchar_t kCommandLineRoot[] = L"HKLM";
+constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
+
+/// Fills one of the exported texts, cut to what it holds.
+template <std::size_t Size>
+void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {
+  target[source.copy(target, Size - 1)] = L'\0';
+}
+
+struct LocalMemoryFreer {
+  void operator()(char* memory) const noexcept { ::LocalFree(memory); }
+};
+using UniqueSystemText = std::unique_ptr<char, LocalMemoryFreer>;
+
+UniqueSystemText SystemMessage(DWORD error) {
+  char* text = nullptr;
+  ::FormatMessageA(
+      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+      error, 0, reinterpret_cast<char*>(&text), 0, nullptr);
+  return UniqueSystemText(text);
+}
+
+}  // namespace
+
+ToolKit* ToolKit::m_Instance = nullptr;
+HKEY__* ToolKit::hMainKey = HKEY_LOCAL_MACHINE;
+wchar_t ToolKit::mMainKey[512]{};
+wchar_t ToolKit::mStrKey[512]{};
+wchar_t ToolKit::mRegitstryLocation[512]{};
+unsigned long ToolKit::mRetry_times = 3;
+unsigned long ToolKit::g_retry_times = 0;
+UpdateFirmwareResult ToolKit::mFlashResult = FirmwareNotUpdated;
+bool ToolKit::m_MBIM_Modem_presence = false;
+bool ToolKit::m_MBIM_Modem_monitor = false;
+CTString ToolKit::m_ModemFlsFile;
+CTString ToolKit::m_NVMFlsFile;
+bool ToolKit::g_bIsFiveBranch = true;
+int ToolKit::m_EraseMode = 2;
+
+ToolKit* ToolKit::GetInstance() {
+  LOG_TRACE("CFirmwareCore::GetInstance ++");
+  if (m_Instance == nullptr) {
+    m_Instance = new (std::nothrow) ToolKit;
+    if (m_Instance == nullptr) LOG_ERROR("CFirmwareCore::Initialize() failed");
+  }
+  LOG_TRACE("CFirmwareCore::GetInstance --");
+  return m_Instance;
+}
+
+void ToolKit::ReleaseInstance() {
+  delete m_Instance;
+  m_Instance = nullptr;
+}
+
+bool ToolKit::Initialize() {
+  LOG_TRACE("\t Initialize ++");
+  if (m_Instance == nullptr) {
+    LOG_TRACE("\t to LoadConfig");
+    GetInstance();
+    CDebugLogger::SetLevel(kLoggingOn);
+    if (!LoadConfig(nullptr)) {
+      LOG_ERROR("\t Load Config failed, Initialize --");
+      return false;
+    }
+
+    if (CConfigParser::ConfiguredTraceLevel() < 1) {
+      LOG_TRACE("\t Log Turn OFF");
+      CDebugLogger::SetLevel(kLoggingOff);
+    } else {
+      CDebugLogger::SetLevel(kLoggingOn);
+    }
+
+    LOG_TRACE("\t to GetLabelsLocation");
+    GetLabelsLocation();
+
+    LOG_TRACE("\t to create MainThreadImplementation");
+    // The supervisor never ends, so its code must never go: a host may well free the library.
+    PinThisModule();
+    const UniqueHandle supervisor = StartWorker([] { MainThreadImplementation(nullptr); });
+    if (supervisor == nullptr) {
+      LOG_ERROR("\t CreateThread error: %d, Initialize --\n", LastErrorNumber());
+      return false;
+    }
+  }
+  LOG_TRACE("\t Initialize --");
+  return true;
+}
+
+bool ToolKit::Initialize_CmdLine() {
+  LOG_TRACE("++ Initialize_CmdLine");
+  if (m_Instance == nullptr) {
+    GetInstance();
+    hMainKey = HKEY_LOCAL_MACHINE;
+    CopyBounded(mMainKey, kCommandLineRoot);
+    CopyBounded(mStrKey, kCommandLineKey);
+  }
+  LOG_TRACE("-- Initialize_CmdLine");
+  return true;
+}
+
+bool ToolKit::LoadConfig(const wchar_t* path) {
+  CDebugLogger::SetLevel(kLoggingOn);
+  CConfigParser* const config = CConfigParser::GetInstance();
+  return config != nullptr && config->LoadConfig(path);
+}
+
+bool ToolKit::IsConfigLoaded() {
+  CConfigParser* const config = CConfigParser::GetInstance();
+  return config != nullptr && config->IsLoaded();
+}
+
+void ToolKit::CloseConfig() {
+  CConfigParser::ReleaseInstance();
+}
+
+void ToolKit::TurnLoggingOn() {
+  CDebugLogger::SetLevel(kLoggingOn);
+}
+
+void ToolKit::TurnLoggingOff() {
+  CDebugLogger::SetLevel(kLoggingOff);
+}
+
+void ToolKit::SetDebugLoggerFileName(const char* name) {
+  CDebugLogger* const logger = CDebugLogger::GetInstance();
+  if (logger != nullptr) logger->SetFileName(name);
+}
+
+void ToolKit::OutputDebug(int level, const char* module, const char* function, const char* file, int line,
+                          const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  try {
+    CDebugLogger::WriteRecord(level, module, function, file, line, format, arguments);
+  } catch (...) {
+    // Out of memory: the record is lost, as any that cannot be written.
+  }
+  va_end(arguments);
+}
+
+CTString ToolKit::GetInstallationDir() {
+  std::array<wchar_t, MAX_PATH> path{};
+  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+  // A path that does not fit is cut and reported by its length alone.
+  if (length == 0 || length == path.size()) {
+    LOG_ERROR("\t GetModuleFileName() failed with: 0x%08lx", ::GetLastError());
+    return {};
+  }
+  std::array<wchar_t, _MAX_DRIVE> drive{};
+  std::array<wchar_t, _MAX_DIR> folder{};
+  ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
+                  0);
+  return CTString(drive.data()) + folder.data();
+}
+
+bool ToolKit::GetDataDir(CTString& folder, bool) {
+  folder = GetInstallationDir();
+  return false;
+}
+
+bool ToolKit::GetLocalAppDataDir(CTString& folder) {
+  folder = GetInstallationDir();
+  return false;
+}
+
+bool ToolKit::GetProgramDataDir(CTString& folder) {
+  folder = GetInstallationDir();
+  return false;
+}
+
+bool ToolKit::GetLocalDataToolkitDir(CTString& folder) {
+  folder = GetInstallationDir();
+  return true;
+}
+
+bool ToolKit::MakeDirectory(const char* path) {
+  std::string prefix;
+  int position = 0;
+  for (std::string part = Tokenize(path, "\\", position); !part.empty();
+       part = Tokenize(path, "\\", position)) {
+    prefix += prefix.empty() ? part : '\\' + part;
+    if (CFileIo::Exists(prefix.c_str())) continue;
+    if (!::CreateDirectoryA(prefix.c_str(), nullptr)) {
+      LOG_ERROR("CreateDirectory(%s) failed: %s", prefix.c_str(), GetWin32ErrorStr(::GetLastError()));
+      return false;
+    }
+  }
+  return true;
+}
+
+const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
+  static char text[128];
+  const UniqueSystemText message = SystemMessage(error);
+  std::snprintf(text, sizeof text, "Error code %d: %s", static_cast<int>(error),
+                message == nullptr ? "" : message.get());
+  return text;
+}
+
+std::string ToolKit::Tokenize(const char* text, const char* delimiters, int& position) {
+  if (text == nullptr || delimiters == nullptr || position < 0) return {};
+  const std::string_view all(text);
+  const std::string_view set(delimiters);
+  const auto tokenAt = [&](std::size_t from) {
+    return all.substr(from, all.find_first_of(set, from) - from);
+  };
+
+  std::size_t from = std::min(static_cast<std::size_t>(position), all.size());
+  std::string_view token = tokenAt(from);
+  if (token.empty() && from < all.size()) token = tokenAt(++from);
+  if (token.empty()) {
+    position = -1;
+    return {};
+  }
+  const std::size_t next = all.find_first_not_of(set, from + token.size());
+  position = static_cast<int>(next == std::string_view::npos ? all.size() : next);
+  return std::string(token);
+}
+
+bool ToolKit::IsFileOfType(CTString path, CTString extension) {
+  const int dot = path.ReverseFind(L".", -1);
+  if (dot < 0) return false;
+  CTString ending = path.SubStr(dot, -1);
+  ending.MakeLower();
+  extension.MakeLower();
+  return ending == extension;
+}
+
+int ToolKit::GetEraseMode() {
+  return m_EraseMode;
+}
+
+HKEY__* ToolKit::GetHKEYRegistryMainKey() {
+  return hMainKey;
+}
+
+const wchar_t* ToolKit::GetRegistryMainKey() {
+  return mMainKey;
+}
+
+const wchar_t* ToolKit::GetRegistryStrKey() {
+  return mStrKey;
+}
+
+CTString ToolKit::GetModemFlsFile() {
+  return m_ModemFlsFile;
+}
+
+CTString ToolKit::GetNVMFlsFile() {
+  return m_NVMFlsFile;
+}
+
+int ToolKit::GetMaxModemDownloadLogNum() {
+  return kKeptDownloadLogs;
+}

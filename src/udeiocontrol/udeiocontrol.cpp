@@ -1,0 +1,8 @@
+#include "udeiocontrol/udeiocontrol.h"
+#include <cstdlib>
+CUdeIoControl* CUdeIoControl::GetInstance() {
+  std::abort();
+}
+bool CUdeIoControl::TriggerFlashReset() {
+  std::abort();
+}

@@ -21,7 +21,7 @@ else()
     -Wno-cast-function-type)
   target_compile_definitions(corvel_settings INTERFACE __USE_MINGW_ANSI_STDIO=0)
   target_link_options(corvel_settings INTERFACE
-    -static -Wl,--nxcompat -Wl,--dynamicbase -Wl,--high-entropy-va)
+    -static -fstack-protector-strong -Wl,--nxcompat -Wl,--dynamicbase -Wl,--high-entropy-va)
 endif()
 
 if(CORVEL_CHECKED)

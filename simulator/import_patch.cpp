@@ -1,0 +1,67 @@
+#include "import_patch.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <ranges>
+
+namespace {
+
+template <typename T>
+T* At(HMODULE module, std::size_t offset) {
+  return reinterpret_cast<T*>(reinterpret_cast<std::byte*>(module) + offset);
+}
+
+/// Visits each import by name: library, function, slot of the address.
+void VisitImports(HMODULE module, const std::function<void(const char*, const char*, void**)>& visit) {
+  const auto* dos = At<IMAGE_DOS_HEADER>(module, 0);
+  const auto* headers = At<IMAGE_NT_HEADERS>(module, static_cast<std::size_t>(dos->e_lfanew));
+  const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  if (directory.VirtualAddress == 0) return;
+
+  for (const auto* library = At<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
+       library->Name != 0; ++library) {
+    const auto* name = At<IMAGE_THUNK_DATA>(module, library->OriginalFirstThunk);
+    auto* slot = At<IMAGE_THUNK_DATA>(module, library->FirstThunk);
+    for (; name->u1.AddressOfData != 0; ++name, ++slot) {
+      if (IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal)) continue;
+      const auto* import = At<IMAGE_IMPORT_BY_NAME>(module, static_cast<std::size_t>(name->u1.AddressOfData));
+      visit(At<char>(module, library->Name), reinterpret_cast<const char*>(import->Name),
+            reinterpret_cast<void**>(&slot->u1.Function));
+    }
+  }
+}
+
+void WriteSlot(void** slot, void* address) {
+  DWORD protection = 0;
+  ::VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &protection);
+  ::InterlockedExchangePointer(slot, address);
+  ::VirtualProtect(slot, sizeof(void*), protection, &protection);
+}
+
+}  // namespace
+
+bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
+  bool found = false;
+  VisitImports(m_module, [&](const char*, const char* name, void** slot) {
+    if (std::strcmp(name, function) != 0) return;
+    m_originals.emplace_back(slot, *slot);
+    WriteSlot(slot, replacement);
+    found = true;
+  });
+  return found;
+}
+
+void ImportPatch::Restore() {
+  for (const auto& [slot, original] : m_originals | std::views::reverse) WriteSlot(slot, original);
+  m_originals.clear();
+}
+
+std::vector<std::string> ImportedFunctions(HMODULE module) {
+  std::vector<std::string> names;
+  VisitImports(module, [&](const char* library, const char* name, void**) {
+    names.push_back(std::string(library) + "!" + name);
+  });
+  return names;
+}

@@ -65,18 +65,6 @@ bool CTString::operator==(const char* other) const {
   return other != nullptr && m_wideText == Decode(other);
 }
 
-bool CTString::operator==(CTString& other) {
-  return std::as_const(*this) == std::as_const(other);
-}
-
-bool CTString::operator==(const wchar_t* other) {
-  return std::as_const(*this) == other;
-}
-
-bool CTString::operator==(const char* other) {
-  return std::as_const(*this) == other;
-}
-
 int CTString::Compare(const CTString& other) const {
   const int order = m_wideText.compare(other.m_wideText);
   return (order > 0) - (order < 0);

@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "download/mobilebroadband.h"
@@ -60,7 +61,8 @@ struct MobileBroadbandBehaviour {
 };
 
 /// Stands for the Mobile Broadband service of Windows: registers its two classes in this process, for the
-/// multithreaded apartment, and calls the advised sinks from threads of its own. One at a time.
+/// multithreaded apartment, and calls the advised sinks from threads of its own. One at a time. What it
+/// handed out may be released after its end.
 class SimulatedMobileBroadband {
  public:
   explicit SimulatedMobileBroadband(MobileBroadbandBehaviour behaviour = {});
@@ -90,8 +92,6 @@ class SimulatedMobileBroadband {
   void WaitForCompletions();
 
  private:
-  class Registration;
-
   std::shared_ptr<class MobileBroadbandService> m_service;
-  std::unique_ptr<Registration> m_registration;
+  std::thread m_thread;
 };

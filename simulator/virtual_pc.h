@@ -14,6 +14,9 @@
 #include "virtual_clock.h"
 #include "virtual_modem.h"
 
+class ImportPatch;
+class Machine;
+
 /// What the virtual PC is like.
 struct VirtualPcOptions {
   double speed = 1.0;
@@ -69,8 +72,8 @@ class VirtualPc {
   std::vector<JournalEntry> Journal() const;
 
  private:
-  class Machine;
   std::shared_ptr<Machine> m_machine;
+  std::unique_ptr<ImportPatch> m_patch;
 };
 
 /// Names that `PlatformCallFault::function` takes.

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -37,7 +38,18 @@ class TemporaryFolder {
     std::filesystem::resize_file(m_path / name, size);
     return File(name);
   }
-  bool Holds(const std::wstring& name) const { return std::filesystem::exists(m_path / name); }
+  bool Holds(const std::filesystem::path& name) const { return std::filesystem::exists(m_path / name); }
+  /// The bytes of a file, also while somebody writes it; empty when there is none.
+  std::string Content(const std::filesystem::path& name) const {
+    std::ifstream file(m_path / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  // The same for functions that take names in the system's ANSI code page.
+  std::string File(const std::string& name) const { return (m_path / name).string(); }
+  std::string Write(const std::string& name, std::string_view bytes) const {
+    return std::filesystem::path(Write(std::filesystem::path(name).wstring(), bytes)).string();
+  }
 
  private:
   std::filesystem::path m_path;

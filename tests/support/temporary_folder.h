@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -13,10 +14,13 @@
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::wstring& suffix = L"") {
-    static int count = 0;
-    m_path = std::filesystem::temp_directory_path() / (L"corvel-" + std::to_wstring(::GetCurrentProcessId()) +
-                                                       L"-" + std::to_wstring(++count) + suffix);
-    std::filesystem::create_directories(m_path);
+    static std::atomic<int> count{0};
+    const std::wstring process = std::to_wstring(::GetCurrentProcessId());
+    // A process of the same number may have left a folder behind.
+    do {
+      m_path = std::filesystem::temp_directory_path() /
+               (L"corvel-" + process + L"-" + std::to_wstring(++count) + suffix);
+    } while (!std::filesystem::create_directory(m_path));
   }
   ~TemporaryFolder() {
     std::error_code ignored;

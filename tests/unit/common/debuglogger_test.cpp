@@ -212,6 +212,9 @@ TEST_F(DebugLoggerTest, TurningOnAndOffStoresThreeAndZero) {
 
 class LogFileTest : public DebugLoggerTest {
  protected:
+  // The file is closed before its folder goes.
+  ~LogFileTest() override { CDebugLogger::GetInstance()->SetFileName(""); }
+
   void Name(const std::string& path) { CDebugLogger::GetInstance()->SetFileName(path.c_str()); }
 
   TemporaryFolder folder;

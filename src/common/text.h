@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -19,3 +20,9 @@ std::string Narrow(const CTString& text);
 /// runtime refuses (a character that the locale lacks, mixed positional parameters) prints nothing.
 std::string PrintNarrow(const char* format, std::va_list arguments);
 std::wstring PrintWide(const wchar_t* format, std::va_list arguments);
+
+/// Fills a fixed text, cut to what it holds.
+template <std::size_t Size>
+void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {
+  target[source.copy(target, Size - 1)] = L'\0';
+}

@@ -30,12 +30,6 @@ constexpr wchar_t kPathSeparator = L'\\';
 constexpr wchar_t kCommandLineRoot[] = L"HKLM";
 constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
 
-/// Fills one of the exported texts, cut to what it holds.
-template <std::size_t Size>
-void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {
-  target[source.copy(target, Size - 1)] = L'\0';
-}
-
 struct LocalMemoryFreer {
   void operator()(char* memory) const noexcept { ::LocalFree(memory); }
 };
@@ -81,7 +75,7 @@ void ToolKit::ReleaseInstance() {
   m_Instance = nullptr;
 }
 
-bool ToolKit::Initialize() {
+bool ToolKit::Initialize() try {
   LOG_TRACE("\t Initialize ++");
   if (m_Instance == nullptr) {
     LOG_TRACE("\t to LoadConfig");
@@ -113,6 +107,9 @@ bool ToolKit::Initialize() {
   }
   LOG_TRACE("\t Initialize --");
   return true;
+} catch (...) {
+  // Out of memory: there is no thread.
+  return false;
 }
 
 bool ToolKit::Initialize_CmdLine() {
@@ -127,15 +124,21 @@ bool ToolKit::Initialize_CmdLine() {
   return true;
 }
 
-bool ToolKit::LoadConfig(const wchar_t* path) {
+bool ToolKit::LoadConfig(const wchar_t* path) try {
   CDebugLogger::SetLevel(kLoggingOn);
   CConfigParser* const config = CConfigParser::GetInstance();
   return config != nullptr && config->LoadConfig(path);
+} catch (...) {
+  // Out of memory: not loaded.
+  return false;
 }
 
-bool ToolKit::IsConfigLoaded() {
+bool ToolKit::IsConfigLoaded() try {
   CConfigParser* const config = CConfigParser::GetInstance();
   return config != nullptr && config->IsLoaded();
+} catch (...) {
+  // Out of memory: not loaded.
+  return false;
 }
 
 void ToolKit::CloseConfig() {

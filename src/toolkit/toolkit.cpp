@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -178,8 +179,9 @@ CTString ToolKit::GetInstallationDir() {
     LOG_ERROR("\t GetModuleFileName() failed with: 0x%08lx", ::GetLastError());
     return {};
   }
+  // The folder may take nearly all of the path, which is more than the runtime's own limit for one.
   std::array<wchar_t, _MAX_DRIVE> drive{};
-  std::array<wchar_t, _MAX_DIR> folder{};
+  std::array<wchar_t, MAX_PATH> folder{};
   ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
                   0);
   return CTString(drive.data()) + folder.data();
@@ -222,6 +224,7 @@ bool ToolKit::MakeDirectory(const char* path) {
 
 const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
   static char text[128];
+  const LastErrorKeeper keepForTheCaller;
   const UniqueSystemText message = SystemMessage(error);
   std::snprintf(text, sizeof text, "Error code %d: %s", static_cast<int>(error),
                 message == nullptr ? "" : message.get());

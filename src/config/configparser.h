@@ -6,8 +6,8 @@
 #include <string>
 
 #include "common/tstring.h"
-
-struct IXMLDOMDocument;
+#include "config/elementtree.h"
+#include "xmlfile/dom.h"
 
 /// The service's settings, read once per process from "CorvelConfig.ini" beside the host's executable.
 /// Made and loaded by one thread at start; only read afterwards.
@@ -62,4 +62,22 @@ class CConfigParser {
   wchar_t m_registryLocation[512]{};
   wchar_t m_firmwareFolder[512]{};
   wchar_t m_ipcType[512]{};
+
+ public:
+  // Resources: names and texts in an XML file. COM must be initialised on the calling thread.
+
+  /// Reads the children of the file's root element. @return false, with the former resources kept, when the
+  /// file does not load.
+  bool LoadResource(const wchar_t* path);
+  /// Rewrites an XML file in a readable form, indented and in UTF-8; the content stays (see FormatDocument).
+  /// @return false when any step failed; the file is then as it was.
+  bool SaveConfig(const wchar_t* path);
+  bool IsResourceLoaded() const { return m_resourceLoaded; }
+  const CElementTree& Resources() const { return m_resources; }
+
+ private:
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_document;
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_formattedDocument;
+  CElementTree m_resources;
+  bool m_resourceLoaded = false;
 };

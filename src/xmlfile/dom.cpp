@@ -4,6 +4,8 @@
 
 #include <comdef.h>
 
+using Microsoft::WRL::ComPtr;
+
 namespace {
 
 CTString TextOf(BSTR text) {
@@ -32,4 +34,18 @@ VARIANT OwnedBstr::AsVariant() const {
 
 CTString OwnedVariant::Text() const {
   return TextOf(m_value.bstrVal);
+}
+
+HRESULT CollectChildren(IXMLDOMNode* node, std::vector<ComPtr<IXMLDOMNode>>& children) {
+  if (node == nullptr) return E_FAIL;
+  ComPtr<IXMLDOMNodeList> list;
+  HRESULT result = node->get_childNodes(list.GetAddressOf());
+  if (FAILED(result) || list == nullptr) return FailureOf(result);
+  for (;;) {
+    ComPtr<IXMLDOMNode> child;
+    result = list->nextNode(child.GetAddressOf());
+    if (FAILED(result)) return result;
+    if (child == nullptr) return S_OK;
+    children.push_back(child);
+  }
 }

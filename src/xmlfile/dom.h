@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include <windows.h>
 
 #include <msxml.h>
@@ -63,6 +65,9 @@ class OwnedVariant {
  private:
   VARIANT m_value;
 };
+
+/// All children of a node, in order. A null node is a failure.
+HRESULT CollectChildren(IXMLDOMNode* node, std::vector<Microsoft::WRL::ComPtr<IXMLDOMNode>>& children);
 
 /// A failure code for a call that failed, or that succeeded without the object it was asked for.
 constexpr HRESULT FailureOf(HRESULT result) {

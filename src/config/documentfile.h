@@ -2,6 +2,16 @@
 
 #include "xmlfile/dom.h"
 
+/// Makes an empty document that loads synchronously, without validation and external entities.
+HRESULT CreateDocument(VARIANT_BOOL keepWhiteSpace, Microsoft::WRL::ComPtr<IXMLDOMDocument>& document);
+
+/// Makes a document of a file. @return false when it is missing, malformed or cannot be read.
+bool OpenDocument(const CTString& path, VARIANT_BOOL keepWhiteSpace,
+                  Microsoft::WRL::ComPtr<IXMLDOMDocument>& document);
+
+/// Writes a document over a file. @return false on failure; the file is then as it was.
+bool SaveDocument(IXMLDOMDocument* document, const CTString& path);
+
 /// The encoding that every formatted document declares.
 inline constexpr const wchar_t* kFormattedEncoding = L"UTF-8";
 
@@ -15,4 +25,4 @@ inline constexpr const wchar_t* kFormattedEncoding = L"UTF-8";
 HRESULT FormatDocument(IXMLDOMDocument* source, IXMLDOMDocument* target);
 
 /// The node that carries the XML declaration, which can only be the first; null when there is none.
-Microsoft::WRL::ComPtr<IXMLDOMNode> FindDeclaration(IXMLDOMDocument* document);
+HRESULT FindDeclaration(IXMLDOMDocument* document, Microsoft::WRL::ComPtr<IXMLDOMNode>& declaration);

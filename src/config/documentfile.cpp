@@ -1,9 +1,11 @@
-#include "config/documentformat.h"
+#include "config/documentfile.h"
 
 #include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "common/handles.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -14,6 +16,17 @@ constexpr std::size_t kSpacesPerLevel = 2;
 
 /// Without a limit the white space of a deeply nested document would grow with the square of its depth.
 constexpr std::size_t kDeepestIndent = 40;
+
+/// What a file's successor is called until it takes the file's place. A fixed name: what a power cut leaves
+/// behind is overwritten by the next save.
+constexpr const wchar_t* kUnfinishedSuffix = L".saving";
+
+/// The data must be on the disk before the new name is: otherwise a power cut could leave an empty file.
+bool Flush(const wchar_t* path) {
+  const UniqueHandle file = OwnFileHandle(
+      ::CreateFileW(path, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  return file != nullptr && ::FlushFileBuffers(file.get()) != FALSE;
+}
 
 /// An element whose children have yet to be put on lines of their own.
 struct PendingElement {
@@ -164,8 +177,9 @@ HRESULT CopyDocument(IXMLDOMDocument* source, IXMLDOMDocument* target) {
 
 /// A new declaration rather than a changed one: not every implementation lets a parsed one be changed.
 HRESULT ReplaceDeclaration(IXMLDOMDocument* document) {
-  const ComPtr<IXMLDOMNode> old = FindDeclaration(document);
-  HRESULT result = old == nullptr ? S_OK : Remove(document, old.Get());
+  ComPtr<IXMLDOMNode> old;
+  HRESULT result = FindDeclaration(document, old);
+  if (SUCCEEDED(result) && old != nullptr) result = Remove(document, old.Get());
   if (FAILED(result)) return result;
 
   const OwnedBstr target{CTString(kDeclarationTarget)};
@@ -182,14 +196,46 @@ HRESULT ReplaceDeclaration(IXMLDOMDocument* document) {
 
 }  // namespace
 
-ComPtr<IXMLDOMNode> FindDeclaration(IXMLDOMDocument* document) {
+HRESULT CreateDocument(VARIANT_BOOL keepWhiteSpace, ComPtr<IXMLDOMDocument>& document) {
+  HRESULT result = ::CoCreateInstance(kDomDocumentClass, nullptr, kDomClassContext, kDomDocumentInterface,
+                                      reinterpret_cast<void**>(document.ReleaseAndGetAddressOf()));
+  if (SUCCEEDED(result)) result = document->put_async(VARIANT_FALSE);
+  if (SUCCEEDED(result)) result = document->put_validateOnParse(VARIANT_FALSE);
+  if (SUCCEEDED(result)) result = document->put_resolveExternals(VARIANT_FALSE);
+  if (SUCCEEDED(result)) result = document->put_preserveWhiteSpace(keepWhiteSpace);
+  return result;
+}
+
+bool OpenDocument(const CTString& path, VARIANT_BOOL keepWhiteSpace, ComPtr<IXMLDOMDocument>& document) {
+  if (FAILED(CreateDocument(keepWhiteSpace, document))) return false;
+  const OwnedBstr source(path);
+  VARIANT_BOOL loaded = VARIANT_FALSE;
+  return SUCCEEDED(document->load(source.AsVariant(), &loaded)) && loaded != VARIANT_FALSE;
+}
+
+// Writes beside the old file and then replaces it in one step, so that no failure harms it. ReplaceFile
+// would keep more of the file's attributes, but some of its failures leave no file under the name.
+bool SaveDocument(IXMLDOMDocument* document, const CTString& path) {
+  const CTString unfinished = path + kUnfinishedSuffix;
+  const OwnedBstr target(unfinished);
+  const bool saved = SUCCEEDED(document->save(target.AsVariant())) && Flush(unfinished) &&
+                     ::MoveFileExW(unfinished, path, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+  if (!saved) ::DeleteFileW(unfinished);
+  return saved;
+}
+
+HRESULT FindDeclaration(IXMLDOMDocument* document, ComPtr<IXMLDOMNode>& declaration) {
+  declaration.Reset();
   ComPtr<IXMLDOMNode> first;
+  HRESULT result = document->get_firstChild(first.GetAddressOf());
+  if (FAILED(result) || first == nullptr) return result;
   DOMNodeType type = NODE_INVALID;
+  result = TypeOf(first.Get(), type);
+  if (FAILED(result) || type != NODE_PROCESSING_INSTRUCTION) return result;
   OwnedBstr name;
-  if (FAILED(document->get_firstChild(first.GetAddressOf())) || first == nullptr) return {};
-  if (FAILED(TypeOf(first.Get(), type)) || type != NODE_PROCESSING_INSTRUCTION) return {};
-  if (FAILED(first->get_nodeName(name.Receive()))) return {};
-  return name.Text() == kDeclarationTarget ? first : ComPtr<IXMLDOMNode>();
+  result = first->get_nodeName(name.Receive());
+  if (SUCCEEDED(result) && name.Text() == kDeclarationTarget) declaration = first;
+  return result;
 }
 
 HRESULT FormatDocument(IXMLDOMDocument* source, IXMLDOMDocument* target) {

@@ -1,5 +1,7 @@
 #include "support/fake_dom.h"
 
+#include <windows.h>
+
 #include <oleauto.h>
 
 #include <cstddef>

@@ -52,7 +52,7 @@ class Machine {
   std::map<std::string, int> LibraryCalls() const;
 
  private:
-  void Hang(const LibraryCallFault& fault);
+  void Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault);
 
   mutable std::mutex m_mutex;
   std::vector<JournalEntry> m_journal;

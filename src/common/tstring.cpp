@@ -65,18 +65,6 @@ bool CTString::operator==(const char* other) const {
   return other != nullptr && m_wideText == Decode(other);
 }
 
-bool CTString::operator==(CTString& other) {
-  return std::as_const(*this) == std::as_const(other);
-}
-
-bool CTString::operator==(const wchar_t* other) {
-  return std::as_const(*this) == other;
-}
-
-bool CTString::operator==(const char* other) {
-  return std::as_const(*this) == other;
-}
-
 int CTString::Compare(const CTString& other) const {
   const int order = m_wideText.compare(other.m_wideText);
   return (order > 0) - (order < 0);
@@ -196,7 +184,7 @@ CTString& CTString::TrimRight(const wchar_t* set) {
 void CTString::Format(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::string printed = PrintNarrow(format, arguments);
+  const std::string printed = PrintNarrow(format, arguments).value_or(std::string());
   va_end(arguments);
   m_wideText = WideFromUtf8(printed);
 }
@@ -205,7 +193,7 @@ void CTString::Format(const wchar_t* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   // The arguments may point into this very text, so it is replaced only when all is printed.
-  std::wstring printed = PrintWide(format, arguments);
+  std::wstring printed = PrintWide(format, arguments).value_or(std::wstring());
   va_end(arguments);
   m_wideText = std::move(printed);
 }

@@ -38,11 +38,8 @@ class CORVEL_TOOLKIT_API CTString {
   virtual ~CTString();
 
   /// Equal when length and every code unit agree; case-sensitive. A null pointer is never equal.
-  bool operator==(CTString& other);
   bool operator==(const CTString& other) const;
-  bool operator==(const wchar_t* other);
   bool operator==(const wchar_t* other) const;
-  bool operator==(const char* other);
   bool operator==(const char* other) const;
 
   /// Ordinal comparison by code unit: -1, 0 or 1. Of a text and its extension, the shorter is less.
@@ -101,7 +98,7 @@ class CORVEL_TOOLKIT_API CTString {
   CTString& TrimRight(const wchar_t* set);
 
   /// Replaces the text by printed arguments; the narrow kind prints UTF-8. Any length. The arguments may
-  /// point into this object.
+  /// point into this object. What the C runtime refuses to print gives an empty text.
   void Format(const char* format, ...);
   void Format(const wchar_t* format, ...);
 

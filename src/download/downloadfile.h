@@ -20,6 +20,9 @@ class CDownloadFile {
                 const CDownloadFile* firstItem, std::uint32_t itemIndex);
 
   const MemoryClass& GetMemoryClass() const { return m_memoryClass; }
+  std::uint32_t GetFlashTechnology() const { return m_flashTechnology; }
+  /// The item that opens the same image; null for that item itself and for an NVM image.
+  const CDownloadFile* GetFirstItem() const { return m_firstItem; }
   /// Path of the image in UTF-8.
   const std::string& GetFilePath() const { return m_filePath; }
   /// The name by which the flashing library knows the item: "|index|path".

@@ -1,0 +1,164 @@
+#include "download/downloadtooldll.h"
+
+#include <algorithm>
+#include <atomic>
+#include <new>
+
+#include "common/log.h"
+#include "common/neverdestroyed.h"
+#include "common/text.h"
+#include "common/tstring.h"
+#include "common/win32error.h"
+#include "download/firmwaredownloader.h"
+
+namespace {
+
+constexpr int kCallbackRefused = 1;
+
+constexpr std::int32_t kStatusProgress = 2;
+constexpr std::int32_t kStatusMessage = 4;
+const CTString kSendingData(L"  - Sending data. (RAW mode)");
+
+struct Export {
+  FlashSlot slot;
+  const char* name;
+};
+
+// In the order of resolution, which puts fls before dffs. All but the last are mandatory.
+constexpr std::array<Export, static_cast<std::size_t>(FlashSlot::Count)> kExports{{
+    {FlashSlot::BootTarget, "_ZEMO_DL_boot_target"},
+    {FlashSlot::CloseCommPort, "_ZEMO_DL_close_comm_port"},
+    {FlashSlot::DownloadCustFile, "_ZEMO_DL_download_cust_file"},
+    {FlashSlot::DownloadFlsFile, "_ZEMO_DL_download_fls_file"},
+    {FlashSlot::DownloadDffsFile, "_ZEMO_DL_download_dffs_file"},
+    {FlashSlot::ForceTargetReset, "_ZEMO_DL_force_target_reset"},
+    {FlashSlot::GetSysVersion, "_ZEMO_DL_get_sys_version"},
+    {FlashSlot::GetNextFreeChannel, "_ZEMO_get_next_free_channel"},
+    {FlashSlot::GetNofProgressBars, "_ZEMO_DL_dll_get_nof_progressbars"},
+    {FlashSlot::InitCallback, "_ZEMO_DL_init_callback"},
+    {FlashSlot::OpenCommPort, "_ZEMO_DL_open_comm_port"},
+    {FlashSlot::SetDllParameter, "_ZEMO_DL_set_dll_parameter"},
+    {FlashSlot::TocGetFlashTechnology, "_ZEMO_DL_TOC_get_flash_technogy"},
+    {FlashSlot::TocGetMemoryClass, "_ZEMO_DL_TOC_get_memory_class"},
+    {FlashSlot::TocGetNofItems, "_ZEMO_DL_TOC_get_nof_items"},
+    {FlashSlot::OutOfSessionComm, "_ZEMO_DL_out_of_session_comm"},
+}};
+
+/// The process's own hold on the library. The sharing binding has a second reference on the module.
+struct Binding {
+  SRWLOCK lock = SRWLOCK_INIT;
+  std::shared_ptr<FlashLibrary> library;
+  UniqueModule module;
+  CTString fileName;
+};
+
+NeverDestroyed<Binding> g_binding;
+
+// Whether the library is sending data now. Only a status message changes it, not loading or unloading.
+std::atomic<bool> g_sending{false};
+
+std::shared_ptr<FlashLibrary> NewLibrary() {
+  try {
+    return std::make_shared<FlashLibrary>();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+UniqueModule AnotherReference(HMODULE module) {
+  HMODULE same = nullptr;
+  ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<const wchar_t*>(module),
+                       &same);
+  return UniqueModule(same);
+}
+
+void SetLibrary(std::shared_ptr<FlashLibrary> library) {
+  const ScopedLock lock(g_binding->lock);
+  g_binding->library.swap(library);
+}
+
+void ReportProgress(CFirmwareDownloader& engine, const char* statusText) {
+  const int percent = engine.GetAbsoluteProgress(statusText);
+  engine.UnlessAbandoned([percent] {
+    ToolKit::SetFlashProcess(ToolKit::GetHKEYRegistryMainKey(), ToolKit::GetRegistryStrKey(), percent);
+  });
+}
+
+}  // namespace
+
+bool CDownloadToolDll::Load() {
+  LOG_TRACE("++ CDownloadToolDll::Load");
+  const std::shared_ptr<FlashLibrary> library = NewLibrary();
+  SetLibrary(library);
+  if (library != nullptr) g_binding->fileName = "Firmwareflashdownload.dll";
+  if (library != nullptr && SetFunctionPointers(*library)) {
+    LOG_TRACE("CDownloadToolDll::Load ,SetFunctionPointers()");
+    return AssociateCallbackWithDll(*library);
+  }
+  LOG_TRACE("-- CDownloadToolDll::Load");
+  // A library that cannot be loaded still counts as bound; callers meet it as calls that fail.
+  return library != nullptr;
+}
+
+void CDownloadToolDll::Unload() {
+  LOG_TRACE("CDownloadToolDll::Unload ++");
+  if (Library() != nullptr) {
+    LOG_TRACE("CDownloadToolDll::Unload, release memory");
+    if (g_binding->module != nullptr) {
+      LOG_TRACE("CDownloadToolDll::Unload, release library");
+      g_binding->module.reset();
+    }
+    SetLibrary(nullptr);
+  }
+  LOG_TRACE("CDownloadToolDll::Unload --");
+}
+
+std::shared_ptr<FlashLibrary> CDownloadToolDll::Library() {
+  const ScopedLock lock(g_binding->lock);
+  return g_binding->library;
+}
+
+bool CDownloadToolDll::SetFunctionPointers(FlashLibrary& library) {
+  CTString& path = g_binding->fileName;
+  path = ToolKit::GetInstallationDir() + path;
+  g_binding->module.reset(::LoadLibraryW(path));
+  if (g_binding->module == nullptr) {
+    const int error = LastErrorNumber();
+    LOG_ERROR("LoadLibrary of %s failed with: %d", Narrow(path).c_str(), error);
+    return false;
+  }
+  library.module = AnotherReference(g_binding->module.get());
+
+  for (const Export& entry : kExports) library.functions[entry.slot] = GetFunctionFromDll(entry.name);
+  return std::ranges::all_of(kExports, [&](const Export& entry) {
+    return entry.slot == FlashSlot::OutOfSessionComm || library.functions[entry.slot] != nullptr;
+  });
+}
+
+FARPROC CDownloadToolDll::GetFunctionFromDll(const char* name) {
+  const HMODULE module = g_binding->module.get();
+  if (const FARPROC function = ::GetProcAddress(module, name)) return function;
+  if (const FARPROC function = ::GetProcAddress(module, name + 1)) return function;
+  LOG_ERROR("GetProcAddress(%s) failed with: %d", name, LastErrorNumber());
+  return nullptr;
+}
+
+bool CDownloadToolDll::AssociateCallbackWithDll(FlashLibrary& library) {
+  const int result = library.functions.InitCallback()(&HandleCallbacks, library.callbackStatus.data());
+  if (result != kCallbackRefused) return true;
+  LOG_ERROR("PROGRESS: InitCallback failed due to %s\n", library.callbackStatus.data());
+  return false;
+}
+
+void CDownloadToolDll::HandleCallbacks(std::uint8_t channel, std::int32_t status,
+                                       const char* statusText) try {
+  const char* const text = statusText == nullptr ? "" : statusText;
+  LOG_TRACE("Channel: %d, Status: %d, StatusText: %s", channel, static_cast<int>(status), text);
+  const std::shared_ptr<CFirmwareDownloader> engine = CFirmwareDownloader::OfThisThread();
+  // News of an attempt that was given up must not pass for the present one's.
+  if (engine != nullptr && engine->IsAbandoned()) return;
+  if (status == kStatusMessage) g_sending = CTString(text) == kSendingData;
+  if (status == kStatusProgress && g_sending && engine != nullptr) ReportProgress(*engine, text);
+} catch (...) {
+  // Out of memory: this percentage is lost, and the library must not see an exception.
+}

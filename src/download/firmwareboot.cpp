@@ -1,0 +1,228 @@
+#include "download/firmwaredownloader.h"
+
+#include "common/log.h"
+#include "common/text.h"
+#include "common/win32error.h"
+#include "common/worker.h"
+#include "config/configparser.h"
+#include "download/atprocessor.h"
+#include "download/flashportsearch.h"
+#include "download/flashtimes.h"
+#include "udeiocontrol/udeiocontrol.h"
+
+namespace {
+
+constexpr DWORD kSearchPeriodMs = 1000;
+constexpr DWORD kBootTimeLimitMs = 10000;
+constexpr DWORD kPauseAfterCloseMs = 4000;
+constexpr DWORD kPauseAfterResetMs = 1000;
+constexpr DWORD kFurtherPauseAfterFailedResetMs = 4000;
+constexpr std::uint32_t kBaudRate = 921600;
+constexpr int kRefused = -1;
+constexpr int kRebootByAtCommand = 1;
+constexpr char kRebootCommand[] = "at+xlog=4\r";
+
+}  // namespace
+
+bool CFirmwareDownloader::RetryBudgetSpent() {
+  return ToolKit::g_retry_times > ToolKit::mRetry_times;
+}
+
+void CFirmwareDownloader::SpendRetry() {
+  UnlessAbandoned([] { ++ToolKit::g_retry_times; });
+}
+
+int CFirmwareDownloader::BootDeviceInFirmwareMode() {
+  LOG_TRACE("\t BootDeviceInFirmwareMode ++");
+  const bool underWay = IsMBIMModemPresence() ? RequestReboot() : FindFlashPort();
+  const bool started = underWay || (ToolKit::g_bIsFiveBranch && ControlBBrst());
+  const int result = started ? kBootOk : kBootFailed;
+  LOG_TRACE("\t %s --, retValue: %d\n", QUALIFIED_FUNCTION, result);
+  return result;
+}
+
+bool CFirmwareDownloader::RequestReboot() {
+  LOG_TRACE("\t MBIM device present.");
+  if (RebootModem() != 0) {
+    LOG_ERROR("\t RebootModem FAIL.");
+    SpendRetry();
+    return false;
+  }
+  LOG_TRACE("\t RebootModem OK, waiting for flash port");
+  m_searchFlashPort = true;
+  return true;
+}
+
+bool CFirmwareDownloader::FindFlashPort() {
+  LOG_TRACE("\t MBIM device NOT available.");
+  if (!IsFlashPortPresence()) return false;
+  LOG_TRACE("\t Flash port available. Getting flash port path");
+  m_searchFlashPort = true;
+  return true;
+}
+
+int CFirmwareDownloader::RebootModem() {
+  LOG_TRACE("RebootModem");
+  if (IsAbandoned()) return kRefused;
+  if (CConfigParser::ConfiguredRebootType() == kRebootByAtCommand) return RebootModemByXlog4();
+  return static_cast<int>(RebootModemByMbimCmd());
+}
+
+int CFirmwareDownloader::RebootModemByXlog4() {
+  LOG_TRACE("RebootModemByXlog4 ++");
+  const int result =
+      ATProcessor::GetInstance()->sendATCmd(kRebootCommand, sizeof kRebootCommand - 1, nullptr, nullptr);
+  LOG_TRACE("RebootModemByXlog4 --");
+  return result;
+}
+
+bool CFirmwareDownloader::ControlBBrst() {
+  while (!IsAbandoned() && !RetryBudgetSpent()) {
+    LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(ToolKit::g_retry_times));
+    SpendRetry();
+    if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
+      LOG_TRACE("\t Call BB_RST OK, waiting for flash port.");
+      ScanForHardwareChangesAndSettle();
+      ::Sleep(kPauseAfterResetMs);
+      m_searchFlashPort = true;
+      return true;
+    }
+    LOG_ERROR("\t Call BB_RST FAIL. Retry after 5s.");
+    ScanForHardwareChangesAndSettle();
+    ::Sleep(kFurtherPauseAfterFailedResetMs);
+  }
+  LOG_ERROR("\t Call BB_RST %d times, reached maximum retry times!!!",
+            static_cast<int>(ToolKit::g_retry_times));
+  UnlessAbandoned([] { ToolKit::g_retry_times = ToolKit::mRetry_times + 1; });
+  LOG_TRACE("\t ControlBBrst --");
+  return false;
+}
+
+int CFirmwareDownloader::MonitorFlashPort() {
+  while (!SearchFlashPort()) {
+    SpendRetry();
+    if (!ToolKit::g_bIsFiveBranch || !ControlBBrst()) return kBootFailed;
+  }
+  return kBootOk;
+}
+
+/// One search for the flash port. @return true when m_COMPort holds it.
+bool CFirmwareDownloader::SearchFlashPort() {
+  m_COMPort.Empty();
+  const auto search = std::make_shared<FlashPortSearch>();
+  UniqueHandle thread = StartWorker(
+      [engine = shared_from_this(), search] { CheckFlashPortImplementation(engine.get(), *search); });
+  if (thread == nullptr) {
+    LOG_ERROR("\t CheckFlashPortImplementation CreateThread error: %d, call BB_RST\n", LastErrorNumber());
+    return false;
+  }
+  if (!search->CreateSignal()) {
+    LOG_ERROR("\t CreateSemaphore failed!, call BB_RST\n");
+    // Left open, and the thread goes on searching: that is how this failure is known in the field.
+    static_cast<void>(thread.release());
+    return false;
+  }
+
+  const DWORD waited = search->Wait(kFlashPortWaitMs, m_abandoned);
+  thread.reset();
+  m_searchFlashPort = false;
+  m_COMPort = search->Port();
+  if (waited == WAIT_TIMEOUT) LOG_ERROR("\t Timeout in waiting for flash channel");
+  if (waited == WAIT_OBJECT_0 && m_COMPort.IsEmpty()) LOG_ERROR("\t Cannot get flash channel");
+  if (waited == WAIT_OBJECT_0 && !m_COMPort.IsEmpty())
+    LOG_TRACE("\t Flash channel = %s", Narrow(m_COMPort).c_str());
+  search->CloseSignal();
+
+  if (m_COMPort.IsEmpty()) LOG_ERROR("\t Cannot get flash port, call BB_RST\n");
+  return !m_COMPort.IsEmpty();
+}
+
+int CFirmwareDownloader::InjectBootTarget() {
+  m_bootResult = kBootFailed;
+  const UniqueHandle thread =
+      StartWorker([engine = shared_from_this()] { engine->InjectBootTargetThread(); });
+  if (thread == nullptr) {
+    LOG_ERROR("\t CreateThread InjectBootTargetThread FAIL: 0x%x\n", static_cast<unsigned>(::GetLastError()));
+    // On purpose: a modem that was booted before may still take the image, and writing will tell.
+    return kBootOk;
+  }
+  LOG_TRACE("\t InjectBootTargetThread timeout: %ds", static_cast<int>(kBootTimeLimitMs / 1000));
+  if (::WaitForSingleObject(thread.get(), kBootTimeLimitMs) != WAIT_OBJECT_0) {
+    LOG_ERROR("\t InjectBootTargetThread timeout or other issue, return FINIAL_FAIL");
+    return kBootFailed;
+  }
+  switch (m_bootResult) {
+    case kBootOk:
+      LOG_TRACE("\t InjectBootTargetThread return OK");
+      return kBootOk;
+    case kBootNeedsReset:
+      LOG_TRACE("\t InjectBootTargetThread return NEED_BBRST");
+      return kBootNeedsReset;
+    default:
+      LOG_ERROR("\t InjectBootTargetThread return FINIAL_FAIL");
+      return kBootFailed;
+  }
+}
+
+int CFirmwareDownloader::InjectBootTargetThread() {
+  const ThreadScope scope(*this);
+  if (m_downloadList.empty()) {
+    LOG_ERROR("\t Boot File is NULL!, %s --", QUALIFIED_FUNCTION);
+    m_bootResult = kBootFailed;
+    return kBootFailed;
+  }
+  const std::string bootFile = m_downloadList.front()->GetFilePath();
+  int result = OpenAndBoot(bootFile);
+  if (result != kBootOk) result = ToolKit::g_bIsFiveBranch && ControlBBrst() ? kBootNeedsReset : kBootFailed;
+  m_bootResult = result;
+  return result;
+}
+
+/// Opens a channel on the flash port and boots the target over it. @return 0, or anything else when either
+/// failed and the channel was closed again.
+int CFirmwareDownloader::OpenAndBoot(const std::string& bootFile) {
+  LOG_TRACE("\t Downloader, GetNextFreeChannel");
+  m_commChannel = CallLibrary(Library().GetNextFreeChannel(), std::uint8_t{0});
+  LOG_TRACE("\t GetNextFreeChannel, mCommChannel:%d", m_commChannel.load());
+
+  LOG_TRACE("\t Downloader, OpenCommPort");
+  const std::string port = Narrow(m_COMPort);
+  if (CallLibrary(Library().OpenCommPort(), kRefused, m_commChannel.load(), port.c_str(), port.c_str(),
+                  kBaudRate, Status()) != 0) {
+    LOG_ERROR("\t ERROR: Open Comm Port failed due to %s, call BB_RST\n", Status());
+    CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
+    return kBootFailed;
+  }
+
+  LOG_TRACE("\t Downloader, BootTarget");
+  if (CallLibrary(Library().BootTarget(), kRefused, m_commChannel.load(), bootFile.c_str(), &m_bootWord,
+                  Status()) != 0) {
+    LOG_ERROR("\t ERROR: Boot Target failed due to %s, call BB_RST\n", Status());
+    CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
+    return kBootFailed;
+  }
+  return kBootOk;
+}
+
+void CFirmwareDownloader::CloseAfterFailure(const char* pauseText) {
+  LOG_TRACE("\t Close Comm Port\n");
+  if (CallLibrary(Library().CloseCommPort(), kRefused, m_commChannel.load(), Status()) == 0) {
+    LOG_TRACE("%s", pauseText);
+    ::Sleep(kPauseAfterCloseMs);
+  }
+  SpendRetry();
+  m_COMPort.Empty();
+}
+
+bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search) {
+  if (engine == nullptr) return true;
+  bool listed = true;
+  do {
+    const FlashPortSearch::Sight sight = search.Look();
+    listed = sight != FlashPortSearch::Sight::NoList;
+    if (sight == FlashPortSearch::Sight::Found) break;
+    ::Sleep(kSearchPeriodMs);
+  } while (engine->m_searchFlashPort);
+  LOG_TRACE("%s: OpenCdcAcmDeviceInterface --, bRet: %d\n", QUALIFIED_FUNCTION, listed ? 1 : 0);
+  return true;
+}

@@ -2,13 +2,14 @@
 
 #include <windows.h>
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "common/handles.h"
 #include "common/tstring.h"
 #include "download/downloadfile.h"
 #include "download/downloadtooldll.h"
@@ -16,11 +17,17 @@
 
 class FlashPortSearch;
 
+/// What bringing the modem into flash mode comes to.
+inline constexpr int kBootOk = 0;
+inline constexpr int kBootNeedsReset = 1;
+inline constexpr int kBootFailed = 2;
+
 /// The download engine: brings the modem into flash mode, writes the images, resets it.
 ///
-/// One engine serves one attempt. An attempt that overran its time is abandoned, not stopped: its worker
-/// still holds the engine, the library and all they use, while a new attempt has a new engine. Whoever
-/// works for an abandoned engine takes no further step that anybody outside can see.
+/// One engine serves one attempt, on one worker thread and the threads that this starts. An attempt that
+/// overran its time is abandoned, not stopped: its worker still holds the engine, the library and all they
+/// use, while a new attempt has a new engine. Whoever works for an abandoned engine takes no further step
+/// that anybody outside can see.
 class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloader> {
  public:
   /// The engine of the present attempt, made with the flashing library bound on first use. Null when the
@@ -28,21 +35,19 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   static std::shared_ptr<CFirmwareDownloader> GetInstance();
   /// Ends the present attempt: unbinds the library and gives the engine up.
   static void Unload();
-  /// The engine of the present attempt, if there is one.
-  static std::shared_ptr<CFirmwareDownloader> Current();
-
-  ~CFirmwareDownloader();
+  /// The engine that the calling thread works for; else that of the present attempt, if there is one.
+  static std::shared_ptr<CFirmwareDownloader> OfThisThread();
 
   /// Flashes the images (either may be empty) and resets the modem.
   UpdateFirmwareResult Download(CTString firmwareFile, CTString custFile);
 
-  /// Overall percentage, 0 to 100, from one item's percentage as the library's callback reports it.
+  /// Overall percentage, 0 to 100, from the present item's percentage as the library's callback reports it.
   int GetAbsoluteProgress(const char* statusText);
 
-  /// True once a newer attempt may be running: no step may reach the modem, the registry or shared state.
+  /// True once a newer attempt may be running.
   bool IsAbandoned() const { return m_abandoned; }
   /// Does `step` unless the attempt is abandoned, and keeps it from being abandoned meanwhile.
-  bool UnlessAbandoned(const std::function<void()>& step);
+  void UnlessAbandoned(const std::function<void()>& step);
 
   static bool IsMBIMModemPresence();
   static bool IsFlashPortPresence();
@@ -51,6 +56,10 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   /// The same, with half a second before and after, for use behind a baseband reset.
   static void ScanForHardwareChangesAndSettle();
 
+  // Bringing the modem into flash mode.
+  int BootDeviceInFirmwareMode();
+  int MonitorFlashPort();
+  int InjectBootTarget();
   /// Asks the running modem through the Mobile Broadband API to reboot into flash mode.
   /// @return S_OK when the modem took the command.
   HRESULT RebootModemByMbimCmd();
@@ -58,5 +67,87 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
  private:
   CFirmwareDownloader() = default;
 
+  /// Makes the calling thread one that works for an engine while it lives.
+  class ThreadScope {
+   public:
+    explicit ThreadScope(CFirmwareDownloader& engine);
+    ~ThreadScope();
+    ThreadScope(const ThreadScope&) = delete;
+    ThreadScope& operator=(const ThreadScope&) = delete;
+
+   private:
+    CFirmwareDownloader* m_outer;
+  };
+
+  void Abandon();
+
+  // The session's steps.
+  bool IsFirmwareFileValid();
+  bool IsCustFileValid();
+  bool InitializeParametersForDownload();
+  bool SetUpDownloadLog();
+  bool SetParameter(std::uint8_t id, std::uint32_t value);
+  static bool IsPCIEdevice();
+  bool MarkFirmwareFileForDownload();
+  bool MarkCustFile(std::uint32_t& technology);
+  bool MarkFurtherItems(std::uint32_t technology, const CDownloadFile* firstItem);
+  CDownloadFile* AddToDownloadList(std::uint32_t technology, std::uint32_t memoryClass, const CTString& file,
+                                   const CDownloadFile* firstItem, std::uint32_t index);
+  bool GetFlashTechnology(std::uint32_t& technology);
+  bool GetFlashTechnologyOfCust(std::uint32_t& technology);
+  bool GetMemoryClass(std::uint32_t& memoryClass, std::uint32_t index);
+  bool GetMemoryClassOfCust(std::uint32_t& memoryClass, std::uint32_t index);
+  bool QueryFlashTechnology(const CTString& file, std::uint32_t& technology);
+  bool QueryMemoryClass(const CTString& file, std::uint32_t& memoryClass, std::uint32_t index);
+  bool BringIntoFlashMode();
+  UpdateFirmwareResult WriteAndReset();
+  int DownloadFirmwareIntoDevice();
+  int WriteItem(const CDownloadFile& item);
+  int WriteCustItem(const CDownloadFile& item);
+  void CleanupAfterDownload();
+
+  // The boot's steps.
+  static bool RetryBudgetSpent();
+  void SpendRetry();
+  bool RequestReboot();
+  bool FindFlashPort();
+  int RebootModem();
+  static int RebootModemByXlog4();
+  bool ControlBBrst();
+  bool SearchFlashPort();
+  static bool CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search);
+  int InjectBootTargetThread();
+  int OpenAndBoot(const std::string& bootFile);
+  void CloseAfterFailure(const char* pauseText);
+
+  /// Calls into the flashing library. A function that it lacks, or an attempt that was given up, counts as a
+  /// call that failed with `failed`.
+  template <typename Function, typename Result, typename... Arguments>
+  Result CallLibrary(Function* function, Result failed, Arguments... arguments) {
+    if (function == nullptr || IsAbandoned()) return failed;
+    return static_cast<Result>(function(arguments...));
+  }
+  const FunctionTable& Library() const { return m_library->functions; }
+  char* Status() { return m_status.data(); }
+
   std::atomic<bool> m_abandoned{false};
+  SRWLOCK m_abandonLock = SRWLOCK_INIT;
+
+  std::shared_ptr<FlashLibrary> m_library;
+  StatusText m_status{};
+
+  int m_CurrentProgress = 0;
+  int m_LastProgressUpdate = 0;
+  CTString m_FirmwareFile;
+  CTString m_CustFile;
+  std::uint32_t m_ProgressBars = 0;
+  const CDownloadFile* m_DownloadingFile = nullptr;
+  CTString m_downloadLogFile;
+  std::vector<std::unique_ptr<CDownloadFile>> m_downloadList;
+
+  CTString m_COMPort;
+  std::atomic<bool> m_searchFlashPort{false};
+  std::atomic<int> m_bootResult{kBootFailed};
+  std::uint32_t m_bootWord = 0;
+  std::atomic<std::uint8_t> m_commChannel{0};
 };

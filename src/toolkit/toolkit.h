@@ -179,6 +179,8 @@ class CORVEL_TOOLKIT_API ToolKit {
   static bool GetDataDir(CTString& folder, bool unused);
 
  private:
+  friend class FlashJob;
+
   static bool IsMBIMModemPresence();
 
   static ToolKit* m_Instance;

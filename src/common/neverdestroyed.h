@@ -1,0 +1,19 @@
+#pragma once
+
+#include <new>
+
+/// Process-wide state that outlives every thread: its destructor never runs. A worker that comes back while
+/// the process ends finds it whole, and unloading has nothing to tear down.
+template <typename T>
+class NeverDestroyed {
+ public:
+  NeverDestroyed() { ::new (static_cast<void*>(m_storage)) T(); }
+  NeverDestroyed(const NeverDestroyed&) = delete;
+  NeverDestroyed& operator=(const NeverDestroyed&) = delete;
+
+  T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_storage)); }
+  T* operator->() noexcept { return &**this; }
+
+ private:
+  alignas(T) unsigned char m_storage[sizeof(T)];
+};

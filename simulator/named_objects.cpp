@@ -11,9 +11,9 @@ std::wstring Own(const wchar_t* name) {
 }  // namespace
 
 HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name) {
-  return ::CreateSemaphoreW(security, count, maximum, name == nullptr ? nullptr : Own(name).c_str());
+  return ::CreateSemaphoreW(security, count, maximum, name == nullptr ? nullptr : OwnName(name).c_str());
 }
 
 HANDLE WINAPI CreateOwnEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name) {
-  return ::CreateEventW(security, manual, state, name == nullptr ? nullptr : Own(name).c_str());
+  return ::CreateEventW(security, manual, state, name == nullptr ? nullptr : OwnName(name).c_str());
 }

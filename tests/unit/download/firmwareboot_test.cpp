@@ -250,7 +250,7 @@ TEST_F(FlashPortTest, FailsWhenNoThreadCanBeStartedAndNoResetIsAllowed) {
 
 class NoSemaphoreTest : public FlashPortTest {
  protected:
-  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, OwnNames::Own(L"CFirmwareDownloader").c_str())};
+  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str())};
 };
 
 TEST_F(NoSemaphoreTest, ResetsAndGoesOnSearchingMeanwhile) {

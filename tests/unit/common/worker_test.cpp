@@ -140,7 +140,8 @@ TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {
 using LargeCapture = std::array<char, 1000>;
 void* __cdecl RefuseTheLargeCapture(std::size_t size) {
   const bool isCapture = size >= sizeof(LargeCapture) && size <= sizeof(LargeCapture) + sizeof(void*);
-  return isCapture ? nullptr : std::malloc(size);
+  // Not malloc: in this program that would come back here.
+  return isCapture ? nullptr : std::calloc(1, size);
 }
 
 // The body is allocated where it is handed over, in this program.

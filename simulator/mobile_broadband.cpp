@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
-#include <ranges>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -190,7 +189,7 @@ class MobileBroadbandService {
     std::vector<ComPtr<IMbnDeviceServicesEvents>> sinks;
     {
       const std::lock_guard lock(m_mutex);
-      std::ranges::copy(m_sinks | std::views::values, std::back_inserter(sinks));
+      for (const auto& [cookie, sink] : m_sinks) sinks.push_back(sink);
     }
     for (const auto& sink : sinks) notification(*sink.Get());
   }

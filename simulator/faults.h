@@ -1,0 +1,162 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cfgmgr32.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// Which times a thing goes wrong: from the `first` time on (counted from 1), `count` times. Default: never.
+struct Occurrence {
+  static constexpr int kForEver = INT_MAX;
+
+  int first = 1;
+  int count = 0;
+
+  static constexpr Occurrence Never() { return {}; }
+  static constexpr Occurrence Always() { return {1, kForEver}; }
+  static constexpr Occurrence Times(int times) { return {1, times}; }
+  static constexpr Occurrence Only(int which) { return {which, 1}; }
+
+  constexpr bool Hits(int number) const { return number >= first && number - first < count; }
+  constexpr bool Ever() const { return count > 0; }
+};
+
+/// What is wrong with the modem. Durations are virtual time.
+struct ModemFaults {
+  /// Ways into flash mode (counted over all routes) after which the flash port comes `flash_port_delay`
+  /// later than usual, or not at all.
+  Occurrence flash_port_late;
+  std::chrono::milliseconds flash_port_delay{20000};
+  Occurrence flash_port_missing;
+  /// The flash port's ids and paths are in lower case.
+  bool flash_port_lower_case = false;
+
+  /// Added to the way back to normal mode behind the forced reset.
+  std::chrono::milliseconds return_delay{0};
+  /// Behind the forced reset the modem is away until the product has given up its re-arrival wait, and is
+  /// back at the look that follows: the product's last check finds it.
+  bool returns_at_last_check = false;
+  /// Behind the forced reset the modem is away until it got that many baseband resets.
+  int returns_after_resets = 0;
+  bool never_returns = false;
+
+  /// The modem hears the AT command, or the Mobile Broadband reboot command, and stays as it is.
+  bool ignores_at_command = false;
+  bool ignores_mbim_reboot = false;
+};
+
+/// What is wrong with one kind of device list.
+struct ListFaults {
+  Occurrence size_query_fails;
+  Occurrence list_query_fails;
+  CONFIGRET code = CR_FAILURE;
+  /// A device arrives between the size query and the list query: CR_BUFFER_SMALL.
+  Occurrence grows;
+};
+
+/// What is wrong with the device tree.
+struct DeviceTreeFaults {
+  ListFaults device_ids;
+  ListFaults serial_interfaces;
+  ListFaults ude_interfaces;
+  /// All device ids come in lower case, as some systems deliver them.
+  bool lower_case_ids = false;
+  Occurrence locate_fails;
+  Occurrence reenumerate_fails;
+  CONFIGRET code = CR_FAILURE;
+};
+
+/// What is wrong with the driver behind the baseband reset line. An error of 0 means that the call succeeds.
+struct DriverFaults {
+  bool absent = false;
+  DWORD open_error = ERROR_SUCCESS;
+  DWORD request_error = ERROR_SUCCESS;
+  Occurrence requests_refused;  ///< with request_error; ignored while that is 0
+  /// The reset request never completes by itself. The modem is reset all the same unless `ignores_reset`.
+  bool never_completes = false;
+  bool ignores_reset = false;
+  /// Two instances of the interface; the probe stays pending on the right one alone.
+  bool two_instances = false;
+  bool right_instance_first = false;
+};
+
+/// What is wrong with the AT port. An error of 0 means that the call succeeds.
+struct AtPortFaults {
+  bool absent = false;
+  DWORD open_error = ERROR_SUCCESS;
+  DWORD get_state_error = ERROR_SUCCESS;
+  DWORD set_state_error = ERROR_SUCCESS;
+  DWORD write_error = ERROR_SUCCESS;
+};
+
+/// One way in which a call of the flashing library goes wrong.
+struct LibraryCallFault {
+  std::string function;  ///< export name, e.g. "_ZEMO_DL_boot_target"
+  /// Which calls, counted over the calls that match `argument`.
+  Occurrence calls;
+  /// Parameter id of "_ZEMO_DL_set_dll_parameter", item index for the calls that take an item, -1 for any.
+  int argument = -1;
+  /// The answer; without one the call does its work after the hang.
+  std::optional<std::int32_t> result;
+  /// The call hangs: first until the product has given up a wait of this many milliseconds that began
+  /// before or after it (0: no such condition), then for `hang` of virtual time.
+  DWORD until_wait_expires = 0;
+  std::chrono::milliseconds hang{0};
+};
+
+/// How the library reports an item's progress.
+enum class ProgressStyle : std::uint32_t {
+  kNormal,
+  kNonNumeric,      ///< "abc", "4x", "" among the numbers
+  kFalling,         ///< 0, 60, 30, 100
+  kPastHundred,     ///< up to 250
+  kBeforeRawMode,   ///< all percentages before the text that announces sending
+  kNearRawModeText  ///< the announcement has one leading blank only
+};
+
+/// What is wrong with the flashing library.
+struct LibraryFaults {
+  bool missing = false;  ///< cannot be loaded: error 126
+  std::vector<std::string> missing_exports;
+  bool exports_without_underscore = false;
+  std::vector<LibraryCallFault> calls;
+  ProgressStyle progress = ProgressStyle::kNormal;
+};
+
+/// One call of the product to the platform that fails: any function of `FaultableCalls()` (virtual_pc.h).
+struct PlatformCallFault {
+  std::string function;  ///< e.g. "CreateThread"
+  Occurrence calls;      ///< counted from the installation of the virtual PC
+  DWORD error = ERROR_NOT_ENOUGH_MEMORY;
+};
+
+/// All that can go wrong; default: nothing does.
+struct Faults {
+  ModemFaults modem;
+  DeviceTreeFaults tree;
+  DriverFaults driver;
+  AtPortFaults at_port;
+  LibraryFaults library;
+  std::vector<PlatformCallFault> platform;
+};
+
+/// The frequent library faults by name.
+LibraryCallFault BootTargetRefused(Occurrence calls);
+LibraryCallFault OpenPortRefused(Occurrence calls);
+LibraryCallFault ParameterRefused(int id, Occurrence calls = Occurrence::Always());
+/// Writing the item with this index in its file fails; -1 for any item.
+LibraryCallFault ItemRefused(int index, Occurrence calls);
+LibraryCallFault CallbackRegistrationAnswers(std::int32_t result);
+LibraryCallFault ForcedResetRefused(Occurrence calls = Occurrence::Always());
+LibraryCallFault NoProgressBars();
+/// A table-of-contents query fails: "nof_items", "memory_class" or "flash_technogy".
+LibraryCallFault TocQueryFails(const std::string& query, Occurrence calls = Occurrence::Always());
+/// The call outlasts the 130 s limit of an attempt and comes back `after` later.
+LibraryCallFault OutlastsAttempt(const std::string& function, int call,
+                                 std::chrono::milliseconds after = std::chrono::milliseconds(2000));

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+/// Memory classes of an image's items, by the flashing library's codes.
+enum class MemoryClass : std::uint32_t {
+  kBinary = 0,
+  kPsi = 1,
+  kEbl = 3,
+  kCode = 4,
+  kCust = 5,
+  kStaticEep = 7,
+  kStaticFfs = 11,
+  kDynamicFfs = 12,
+  kRootDisk = 14,
+  kCertificate = 19,
+  kNotUsed = 20,
+};
+
+/// One row of an image's table of contents.
+struct ImageItem {
+  std::uint32_t memory_class = 0;
+  std::uint32_t flash_offset = 0;  ///< where it goes in the modem's flash memory
+  std::uint32_t data_offset = 0;   ///< where it lies in the file
+  std::uint32_t size = 0;
+  std::uint32_t crc32 = 0;  ///< of its bytes
+};
+
+/// A firmware image in memory: header, table of contents, items. The format is in docs/simulator.md.
+struct FlashImage {
+  std::uint32_t flash_technology = 1;
+  std::vector<ImageItem> items;
+  std::vector<std::uint8_t> file;  ///< the whole file
+
+  std::span<const std::uint8_t> Bytes(const ImageItem& item) const;
+};
+
+/// What an image is made from: per item class, size and place in the flash memory.
+struct ImagePlan {
+  struct Item {
+    MemoryClass memory_class;
+    std::uint32_t size;
+    std::uint32_t flash_offset;
+  };
+  std::vector<Item> items;
+  std::uint32_t flash_technology = 1;
+  std::uint32_t seed = 1;  ///< same seed, same bytes
+};
+
+/// Ways to spoil an image.
+enum class ImageDamage { kNone, kMagic, kHeaderChecksum, kTruncatedTable, kTruncatedData, kItemChecksum };
+
+std::uint32_t Crc32(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);
+
+/// The default modem image: 12 MB, items of all classes that the library writes differently.
+ImagePlan ModemImagePlan(std::uint32_t seed = 1);
+/// The default NVM image: 200 KB, one item.
+ImagePlan NvmImagePlan(std::uint32_t seed = 2);
+/// A small one-item image (at most 64 KB) that does not meet the others in the flash memory.
+ImagePlan SmallImagePlan(std::uint32_t seed, std::uint32_t size = 64 * 1024,
+                         std::uint32_t flash_offset = 0xE00000);
+
+FlashImage BuildImage(const ImagePlan& plan, ImageDamage damage = ImageDamage::kNone);
+/// Nothing when the bytes are no sound image; items' own checksums are not looked at.
+std::optional<FlashImage> ParseImage(std::vector<std::uint8_t> file);
+std::optional<FlashImage> LoadImageFile(const std::filesystem::path& path);
+/// @return false when the file could not be written whole.
+bool SaveImageFile(const FlashImage& image, const std::filesystem::path& path);
+/// Writes the two default images. @return false when either could not be written.
+bool MakeDefaultImages(const std::filesystem::path& modem, const std::filesystem::path& nvm);

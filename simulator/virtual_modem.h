@@ -1,0 +1,158 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "faults.h"
+#include "flash_image.h"
+#include "virtual_clock.h"
+
+enum class ModemState {
+  kNormal,       ///< present as Mobile Broadband modem and AT port
+  kLeaving,      ///< took a reboot command, still present
+  kRestarting,   ///< away, on the way to flash mode
+  kFlashPort,    ///< flash port present, nobody has it open
+  kChannelOpen,  ///< somebody opened the flash port
+  kBooted,       ///< the boot file runs
+  kWriting,      ///< in the middle of an item
+  kReturning,    ///< away, on the way to normal mode
+  kDead          ///< away for good
+};
+const char* NameOf(ModemState state);
+
+/// How long the modem takes, in virtual time.
+struct ModemTiming {
+  Milliseconds leaving{3000};     ///< reboot command taken, still present
+  Milliseconds restarting{4000};  ///< away until the flash port comes, also behind a baseband reset
+  Milliseconds open_port{300};
+  Milliseconds boot{1500};
+  Milliseconds returning{6000};  ///< away until it is back in normal mode
+  /// After a baseband reset the boot loader waits that long for somebody to open the port; then the modem
+  /// starts normally. A modem that was told to go into flash mode stays there.
+  Milliseconds boot_loader_window{10000};
+  std::uint32_t bytes_per_second = 1'000'000;
+};
+
+enum class JournalEvent {
+  kAtCommand,
+  kMbimReboot,
+  kBasebandReset,
+  kFlashPortOpened,
+  kFlashPortRefused,
+  kBooted,
+  kBootRefused,
+  kItemWritten,
+  kItemRefused,
+  kFlashPortClosed,
+  kForcedReset,
+  kStateChanged,
+  kLibraryLoaded,
+  kLibraryUnloaded,
+  kLibraryCall,
+  kReenumeration
+};
+const char* NameOf(JournalEvent event);
+
+/// One thing that happened, with the virtual time at which it did.
+struct JournalEntry {
+  Milliseconds time{0};
+  JournalEvent event = JournalEvent::kStateChanged;
+  std::string detail;
+};
+
+/// Where the modem's memory differs from the images.
+struct MemoryComparison {
+  bool equal = false;
+  std::uint32_t items = 0;  ///< compared
+  std::uint64_t bytes = 0;  ///< compared
+  std::string difference;   ///< the first one, in words; empty when equal
+};
+
+/// The modem: one state machine that is brought up to date by the clock whenever somebody looks. It has its
+/// own flash memory in a file and refuses what a modem refuses. Any thread.
+class VirtualModem {
+ public:
+  static constexpr std::uint32_t kMemorySize = 16 * 1024 * 1024;
+  using Journal = std::function<void(JournalEvent, std::string)>;
+
+  VirtualModem(const VirtualClock& clock, std::filesystem::path memory_file, ModemTiming timing,
+               ModemFaults faults, ModemState initial, Journal journal);
+
+  ModemState State();
+  bool IsPresentAsModem();
+  bool IsPresentAsFlashPort();
+
+  /// Bytes on the AT port; a complete "at+xlog=4\r" reboots into flash mode.
+  void HearAtBytes(std::span<const std::uint8_t> bytes);
+  /// The reboot command of the Mobile Broadband device service. @return false when it is not in normal mode.
+  bool RebootByMbim();
+  /// The pulse on the baseband reset line: flash mode, from every state.
+  void ResetBaseband();
+  /// The product gave up waiting for the modem.
+  void WaitForReturnExpired();
+
+  /// Opens the flash port for one user. @return a session, 0 when the modem refuses.
+  std::uint32_t OpenPort();
+  void ClosePort(std::uint32_t session);
+  /// Takes the header and table of contents of a boot file. @return false when the modem refuses.
+  bool Boot(std::uint32_t session, std::span<const std::uint8_t> header);
+  bool BeginItem(std::uint32_t session, const ImageItem& item);
+  bool WriteBlock(std::uint32_t session, std::span<const std::uint8_t> bytes);
+  /// Ends an item. @return false when size or checksum of what came is not what was announced.
+  bool EndItem(std::uint32_t session);
+  /// Restarts into normal mode. @return false when the session is over.
+  bool ForceReset(std::uint32_t session);
+
+  std::uint32_t ItemsWritten();
+  std::uint64_t BytesWritten();
+  std::vector<std::uint8_t> Memory();
+  /// Compares the memory with what a flash of these images leaves there: all items of the modem image, or of
+  /// the only image; the first item of an NVM image that goes with a modem image.
+  MemoryComparison CompareWith(const FlashImage* modem, const FlashImage* nvm);
+
+ private:
+  struct Item {
+    ImageItem announced;
+    std::uint32_t written = 0;
+    std::uint32_t crc = 0;
+    Milliseconds begun{0};
+  };
+
+  void Advance();
+  void Enter(ModemState state);
+  void EnterAfter(ModemState state, Milliseconds delay);
+  void StartIntoFlashMode(bool stay);
+  void ReturnToNormal();
+  bool IsOpen(std::uint32_t session) const;
+  bool Refuse(JournalEvent event, const std::string& reason);
+  bool StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes);
+
+  const VirtualClock& m_clock;
+  std::filesystem::path m_memory_file;
+  ModemTiming m_timing;
+  ModemFaults m_faults;
+  Journal m_journal;
+
+  std::mutex m_mutex;
+  ModemState m_state;
+  Milliseconds m_state_ends{Milliseconds::max()};
+  ModemState m_next_state;
+  bool m_stays_in_flash_mode = true;
+  int m_flash_mode_starts = 0;
+  int m_resets_until_return = 0;
+  bool m_returns_when_wait_expires = false;
+  std::uint32_t m_session = 0;
+  std::uint32_t m_last_session = 0;
+  bool m_is_booted = false;
+  std::optional<Item> m_item;
+  std::string m_at_input;
+  std::uint32_t m_items_written = 0;
+  std::uint64_t m_bytes_written = 0;
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "faults.h"
+#include "flash_image.h"
+#include "virtual_clock.h"
+#include "virtual_modem.h"
+
+/// What the virtual PC is like.
+struct VirtualPcOptions {
+  double speed = 1.0;
+  /// Folder of the modem's flash memory ("modem_flash.bin"); made when missing.
+  std::filesystem::path folder;
+  ModemState initial_state = ModemState::kNormal;
+  ModemTiming timing;
+  Faults faults;
+  int at_port_number = 7;
+  /// What the device tree calls the AT port; "%d" stands for the port's number.
+  std::wstring at_port_name = L"Modem AT Port (COM%d)";
+  /// The AT port is a real one of the system: only the device tree's answers about it are simulated.
+  bool at_port_is_real = false;
+};
+
+/// A PC with a modem in it, around one loaded module of the product. Its calls to the platform are answered
+/// by the simulation as far as they concern the modem; everybody else's calls, the program's own included,
+/// go to the system.
+///
+/// One at a time per process. Faults are read when a call comes, so they may only be set before `Install`.
+/// Destroy it before the process ends; product threads that are still in a simulated call may come back
+/// later.
+class VirtualPc {
+ public:
+  explicit VirtualPc(VirtualPcOptions options);
+  ~VirtualPc();
+  VirtualPc(const VirtualPc&) = delete;
+  VirtualPc& operator=(const VirtualPc&) = delete;
+
+  /// Puts the simulation between the module and the platform.
+  void Install(HMODULE product);
+  /// Loads the product and installs the simulation before any thread that it starts takes a step.
+  /// @return the module; null, with the last error set, when it cannot be loaded.
+  HMODULE LoadUnderSimulation(const std::filesystem::path& product);
+  /// Gives the module its own calls back.
+  void Uninstall();
+
+  VirtualModem& Modem();
+  const VirtualClock& Clock() const;
+
+  /// Boot files that the modem started or was asked to start: download attempts that came that far.
+  int BootAttempts() const;
+  int LibraryLoads() const;
+  int LibraryUnloads() const;
+  int BasebandResets() const;
+  int ForcedResets() const;
+  int MbimReboots() const;
+  std::vector<std::string> AtCommands() const;
+  /// Calls of the library by export name, in all.
+  std::map<std::string, int> LibraryCalls() const;
+  /// Calls of the product to the replaced platform functions, by name.
+  std::map<std::string, int> PlatformCalls() const;
+  std::vector<JournalEntry> Journal() const;
+
+ private:
+  class Machine;
+  std::shared_ptr<Machine> m_machine;
+};
+
+/// Names that `PlatformCallFault::function` takes.
+std::vector<std::string> FaultableCalls();

@@ -2,11 +2,14 @@
 
 #include <windows.h>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "common/handles.h"
 #include "common/mutex.h"
@@ -17,7 +20,7 @@ namespace {
 constexpr int kLevelAtLoad = 3;
 constexpr unsigned long kNoTimeLimit = 0xFFFFFFFFul;
 constexpr char kTab = '\t';
-constexpr std::size_t kLongestPathPart = 256;
+constexpr std::size_t kLongestNamePart = 255;
 
 std::atomic<int> g_level{kLevelAtLoad};
 std::atomic<bool> g_shutDown{false};
@@ -26,7 +29,7 @@ CDebugLogger* g_instance = nullptr;
 
 // A kernel mutex and nothing else: one that a killed thread held is handed over as abandoned at process
 // exit, where any other lock would wait for ever.
-CMutex g_logMutex(false, nullptr, true, nullptr);
+CMutex g_logMutex;
 
 /// Holds the log mutex for a scope. A failed lock is ignored: the record matters more.
 class LogTurn {
@@ -50,26 +53,51 @@ const char* LevelWord(int level) {
   }
 }
 
+/// What cannot be printed is named by its format: a lost message would hide where things went wrong.
+std::string PrintOrNameFormat(const char* format, std::va_list arguments) {
+  std::optional<std::string> text = PrintNarrow(format, arguments);
+  if (text) return *std::move(text);
+  return std::string("<not printable> ") + (format == nullptr ? "" : format);
+}
+
 std::string Print(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  std::string text = PrintNarrow(format, arguments);
+  std::string text = PrintOrNameFormat(format, arguments);
   va_end(arguments);
   return text;
 }
 
+/// The four parts of a path in the system's ANSI code page, each as long as it is.
+struct PathParts {
+  explicit PathParts(const char* path)
+      : drive(SizeFor(path), '\0'), folder(drive), name(drive), extension(drive) {
+    ::_splitpath_s(path, drive.data(), drive.size(), folder.data(), folder.size(), name.data(), name.size(),
+                   extension.data(), extension.size());
+    for (std::string* part : {&drive, &folder, &name, &extension}) part->resize(std::strlen(part->c_str()));
+  }
+
+  std::string drive;
+  std::string folder;
+  std::string name;
+  std::string extension;
+
+ private:
+  static std::size_t SizeFor(const char* path) {
+    return std::max<std::size_t>(std::strlen(path) + 1, _MAX_DRIVE);
+  }
+};
+
 std::string FileNameOf(const char* path) {
-  std::array<char, kLongestPathPart> name{};
-  std::array<char, kLongestPathPart> extension{};
-  ::_splitpath_s(path, nullptr, 0, nullptr, 0, name.data(), name.size(), extension.data(), extension.size());
-  return Print("%s%s", name.data(), extension.data());
+  if (path == nullptr) return {};
+  const PathParts parts(path);
+  return Print("%s%s", parts.name.substr(0, kLongestNamePart).c_str(),
+               parts.extension.substr(0, kLongestNamePart).c_str());
 }
 
-std::string FolderOf(const char* path) {
-  std::array<char, kLongestPathPart> drive{};
-  std::array<char, kLongestPathPart> folder{};
-  ::_splitpath_s(path, drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr, 0);
-  return Print("%s%s", drive.data(), folder.data());
+std::string FolderOf(const std::string& path) {
+  const PathParts parts(path.c_str());
+  return parts.drive + parts.folder;
 }
 
 }  // namespace
@@ -99,10 +127,12 @@ int CDebugLogger::GetLevel() {
 void CDebugLogger::WriteRecord(int level, const char* component, const char* function, const char* file,
                                int line, const char* format, std::va_list arguments) {
   const LastErrorKeeper keepForTheCaller;
+  // Before the lock: once the library is being unloaded, the mutex may be gone too.
+  if (g_shutDown) return;
   const LogTurn turn;
-  if (g_level <= 0 || g_shutDown) return;
+  if (g_level <= 0) return;
 
-  const std::string message = PrintNarrow(format, arguments);
+  const std::string message = PrintOrNameFormat(format, arguments);
   SYSTEMTIME now{};
   ::GetLocalTime(&now);
   const std::string date = Print("%04d-%02d-%02d", now.wYear, now.wMonth, now.wDay);
@@ -115,10 +145,15 @@ void CDebugLogger::WriteRecord(int level, const char* component, const char* fun
       kTab, LevelWord(level), kTab, fileName.c_str(), kTab, line, kTab, function, kTab, message.c_str());
 
   CDebugLogger* logger = GetInstance();
-  if (logger != nullptr) logger->WriteText(record);
+  if (logger != nullptr) logger->Append(record);
 }
 
 void CDebugLogger::WriteText(const std::string& text) {
+  const LogTurn turn;
+  Append(text);
+}
+
+void CDebugLogger::Append(const std::string& text) {
   if (!m_file.IsOpen() && FAILED(m_file.Open(g_fileName.c_str(), true))) return;
   std::uint32_t written = 0;
   m_file.Write(text.data(), static_cast<std::uint32_t>(text.size()), &written);
@@ -129,7 +164,7 @@ void CDebugLogger::WriteText(const std::string& text) {
 
 void CDebugLogger::SetFileName(const char* path) {
   g_fileName = path == nullptr ? "" : path;
-  const std::string folder = FolderOf(g_fileName.c_str());
+  const std::string folder = FolderOf(g_fileName);
   if (!CFileIo::Exists(folder.c_str())) ::CreateDirectoryA(folder.c_str(), nullptr);
   if (m_file.IsOpen()) m_file.Close();
 }

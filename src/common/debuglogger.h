@@ -31,5 +31,7 @@ class CDebugLogger {
   virtual ~CDebugLogger() = default;
 
  private:
+  void Append(const std::string& text);
+
   CFileIo m_file;
 };

@@ -48,6 +48,7 @@ HRESULT CFileIo::OpenEx(const char* name, DWORD access, DWORD shareMode, DWORD c
   const DWORD error = ::GetLastError();
   m_open = m_handle != INVALID_HANDLE_VALUE;
   if (replaced != nullptr) ::CloseHandle(replaced);
+  ::SetLastError(error);
   return m_open ? S_OK : HResultFromWin32(error);
 }
 

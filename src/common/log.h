@@ -1,34 +1,85 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "toolkit/toolkit.h"
 
 /// The tag that every record of this library carries.
 inline constexpr const char* kLogComponent = "FlashSvc";
 
-/// A function's qualified name, cut at compile time from the signature that the compiler spells out.
+/// A function's qualified name, cut at compile time from what the compiler spells out: the whole signature
+/// (GCC, clang) or the name alone (MSVC). Unnamed namespaces are left out, and a lambda goes by the name of
+/// the function that it stands in, so that the log reads the same whichever compiler built it.
 template <std::size_t Size>
 class QualifiedFunctionName {
  public:
   consteval explicit QualifiedFunctionName(const char (&signature)[Size]) {
-    std::size_t end = 0;
-    while (end + 1 < Size && signature[end] != '(') ++end;
-    std::size_t begin = end;
-    while (begin > 0 && signature[begin - 1] != ' ' && signature[begin - 1] != '*' &&
-           signature[begin - 1] != '&') {
-      --begin;
-    }
-    for (std::size_t i = begin; i < end; ++i) m_name[i - begin] = signature[i];
+    Cut(std::string_view(signature, Size - 1));
   }
   constexpr const char* Text() const { return m_name; }
 
  private:
+  static constexpr std::string_view kUnnamedNamespaces[] = {
+      "{anonymous}::", "(anonymous namespace)::", "`anonymous-namespace'::", "`anonymous namespace'::"};
+  static constexpr std::string_view kOperator = "operator";
+  static constexpr std::string_view kCallOperators[] = {"operator()", "operator ()"};
+  static constexpr std::string_view kLambda = "::<lambda";
+
+  /// Walks up to the parameters; a blank, a star or an ampersand outside of template arguments means that
+  /// what came before was the return type.
+  consteval void Cut(std::string_view rest) {
+    std::size_t depth = 0;
+    while (!rest.empty()) {
+      if (SkipUnnamedNamespace(rest)) continue;
+      if (depth == 0) {
+        if (rest.starts_with('(') || rest.starts_with(kLambda)) return;
+        if (rest.starts_with(kOperator) && AtStartOfName()) return TakeOperator(rest);
+        if (rest.front() == ' ' || rest.front() == '*' || rest.front() == '&') {
+          Restart();
+          rest.remove_prefix(1);
+          continue;
+        }
+      }
+      if (rest.front() == '<') ++depth;
+      if (rest.front() == '>') --depth;
+      Take(rest, 1);
+    }
+  }
+
+  static consteval bool SkipUnnamedNamespace(std::string_view& rest) {
+    for (const std::string_view unnamed : kUnnamedNamespaces) {
+      if (!rest.starts_with(unnamed)) continue;
+      rest.remove_prefix(unnamed.size());
+      return true;
+    }
+    return false;
+  }
+
+  consteval void TakeOperator(std::string_view rest) {
+    for (const std::string_view call : kCallOperators) {
+      if (rest.starts_with(call)) return Take(rest, call.size());
+    }
+    Take(rest, rest.substr(0, rest.find('(')).size());
+  }
+
+  consteval bool AtStartOfName() const { return m_length == 0 || m_name[m_length - 1] == ':'; }
+
+  consteval void Take(std::string_view& rest, std::size_t count) {
+    for (const char letter : rest.substr(0, count)) m_name[m_length++] = letter;
+    rest.remove_prefix(count);
+  }
+
+  consteval void Restart() {
+    while (m_length > 0) m_name[--m_length] = '\0';
+  }
+
   char m_name[Size]{};
+  std::size_t m_length = 0;
 };
 
 #if defined(_MSC_VER) && !defined(__clang__)
-#define QUALIFIED_FUNCTION __FUNCTION__
+#define QUALIFIED_FUNCTION (QualifiedFunctionName(__FUNCTION__).Text())
 #else
 #define QUALIFIED_FUNCTION (QualifiedFunctionName(__PRETTY_FUNCTION__).Text())
 #endif

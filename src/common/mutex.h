@@ -8,13 +8,15 @@ struct _SECURITY_ATTRIBUTES;
 class CORVEL_TOOLKIT_API CMutex {
  public:
   /// Creates or opens a mutex; a failure leaves the object without one, and Lock and Unlock then fail.
+  /// Without arguments: a new mutex that has no name and no owner.
   ///
   /// @param flag        when creating: the calling thread owns the mutex at once;
   ///                    when opening: child processes inherit the handle.
   /// @param name        ANSI name, or null for an unnamed mutex.
   /// @param create      true creates (or opens, when the name exists); false only opens, for synchronising.
   /// @param attributes  security of a created mutex, may be null; not kept. Not used when opening.
-  CMutex(bool flag, const char* name, bool create, _SECURITY_ATTRIBUTES* attributes);
+  explicit CMutex(bool flag = false, const char* name = nullptr, bool create = true,
+                  _SECURITY_ATTRIBUTES* attributes = nullptr);
   CMutex(const CMutex&) = delete;
   CMutex& operator=(const CMutex&) = delete;
   /// Closes the handle. Does not unlock.

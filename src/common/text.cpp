@@ -1,13 +1,16 @@
 #include "common/text.h"
 
+#include <windows.h>
+
 #include <cstdio>
 #include <cwchar>
 
-#include <windows.h>
+#include "common/handles.h"
 
 namespace {
 
 std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
+  const LastErrorKeeper keep;
   const int wideLength = static_cast<int>(text.size());
   const int length =
       ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, nullptr, 0, nullptr, nullptr);
@@ -20,6 +23,7 @@ std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
 }  // namespace
 
 std::wstring WideFromUtf8(std::string_view text) {
+  const LastErrorKeeper keep;
   const int narrowLength = static_cast<int>(text.size());
   const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, nullptr, 0);
   if (length < 1) return {};
@@ -41,12 +45,13 @@ std::string Narrow(const CTString& text) {
       std::wstring_view(static_cast<const wchar_t*>(text), static_cast<std::size_t>(text.GetLength())));
 }
 
-std::string PrintNarrow(const char* format, std::va_list arguments) {
+std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
+  if (format == nullptr) return std::nullopt;
   std::va_list measured;
   va_copy(measured, arguments);
   const int length = ::_vscprintf_p(format, measured);
   va_end(measured);
-  if (length < 1) return {};
+  if (length < 0) return std::nullopt;
   const auto size = static_cast<std::size_t>(length);
   std::string text(size + 1, '\0');
   ::_vsprintf_p(text.data(), text.size(), format, arguments);
@@ -54,12 +59,13 @@ std::string PrintNarrow(const char* format, std::va_list arguments) {
   return text;
 }
 
-std::wstring PrintWide(const wchar_t* format, std::va_list arguments) {
+std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list arguments) {
+  if (format == nullptr) return std::nullopt;
   std::va_list measured;
   va_copy(measured, arguments);
   const int length = ::_vscwprintf(format, measured);
   va_end(measured);
-  if (length < 1) return {};
+  if (length < 0) return std::nullopt;
   std::wstring text(static_cast<std::size_t>(length), L'\0');
   ::_vsnwprintf(text.data(), text.size(), format, arguments);
   return text;

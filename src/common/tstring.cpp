@@ -184,7 +184,7 @@ CTString& CTString::TrimRight(const wchar_t* set) {
 void CTString::Format(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::string printed = PrintNarrow(format, arguments);
+  const std::string printed = PrintNarrow(format, arguments).value_or(std::string());
   va_end(arguments);
   m_wideText = WideFromUtf8(printed);
 }
@@ -193,7 +193,7 @@ void CTString::Format(const wchar_t* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   // The arguments may point into this very text, so it is replaced only when all is printed.
-  std::wstring printed = PrintWide(format, arguments);
+  std::wstring printed = PrintWide(format, arguments).value_or(std::wstring());
   va_end(arguments);
   m_wideText = std::move(printed);
 }

@@ -98,7 +98,7 @@ class CORVEL_TOOLKIT_API CTString {
   CTString& TrimRight(const wchar_t* set);
 
   /// Replaces the text by printed arguments; the narrow kind prints UTF-8. Any length. The arguments may
-  /// point into this object.
+  /// point into this object. What the C runtime refuses to print gives an empty text.
   void Format(const char* format, ...);
   void Format(const wchar_t* format, ...);
 

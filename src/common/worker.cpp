@@ -1,6 +1,7 @@
 #include "common/worker.h"
 
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace {
@@ -43,10 +44,22 @@ DWORD AllocationGranularity() {
 }  // namespace
 
 UniqueHandle StartWorker(std::function<void()> body) {
-  auto worker = std::make_unique<Worker>(Worker{std::move(body), UniqueModule(ThisModule(0))});
+  UniqueModule module(ThisModule(0));
+  if (module == nullptr) return nullptr;
+  std::unique_ptr<Worker> worker(new (std::nothrow) Worker{std::move(body), std::move(module)});
+  if (worker == nullptr) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+
   UniqueHandle thread(
       ::CreateThread(nullptr, AllocationGranularity(), WorkerThread, worker.get(), 0, nullptr));
-  if (thread != nullptr) static_cast<void>(worker.release());
+  if (thread != nullptr) {
+    static_cast<void>(worker.release());
+  } else {
+    const LastErrorKeeper keepForTheCaller;
+    worker.reset();
+  }
   return thread;
 }
 

@@ -1,33 +1,255 @@
 #include "config/configparser.h"
+
+#include <objbase.h>
+#include <share.h>
+
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <cwchar>
+#include <memory>
+#include <new>
+#include <optional>
+
+#include "common/debuglogger.h"
+#include "common/fileio.h"
+#include "common/log.h"
+#include "common/text.h"
+#include "toolkit/toolkit.h"
+
+namespace {
+
+constexpr wchar_t kConfigFileName[] = L"CorvelConfig.ini";
+constexpr wchar_t kLogFileName[] = L"FlashServiceDebugLogger_DLL.log";
+constexpr wchar_t kPcie[] = L"PCIE";
+constexpr wchar_t kUsb[] = L"USB";
+constexpr std::size_t kTextCapacity = 512;
+
+enum KeyNumber {
+  kUnknownKey = 0,
+  kTraceLevel = 1,
+  kRegistryLocation = 2,
+  kFirmwareFolder = 3,
+  kIpcType = 4,
+  kRebootType = 5,
+  kEraseMode = 6,
+};
+
+struct Key {
+  const wchar_t* text;
+  KeyNumber number;
+};
+
+constexpr Key kKeys[] = {
+    {L"[TraceLevel]", kTraceLevel},
+    {L"[RegistryLocation]", kRegistryLocation},
+    {L"[ModemAndNVMFirmwareFolder]", kFirmwareFolder},
+    {L"[IPCTYPE]", kIpcType},
+    {L"[REBOOTTYPE]", kRebootType},
+    {L"[ERASEMODE]", kEraseMode},
+};
+
+struct FileCloser {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+
+/// Opens for reading in text mode; nobody else may have or get the file meanwhile.
+UniqueFile OpenForOneself(const wchar_t* path) {
+  return UniqueFile(::_wfsopen(path, L"rt", _SH_DENYRW));
+}
+
+/// The next line with its line end, whatever its length, each byte one character; nothing at the end.
+std::optional<std::wstring> ReadLine(std::FILE* file) {
+  std::wstring line;
+  for (int byte = std::fgetc(file); byte != EOF; byte = std::fgetc(file)) {
+    line += static_cast<wchar_t>(byte);
+    if (byte == '\n') return line;
+  }
+  if (line.empty()) return std::nullopt;
+  return line;
+}
+
+/// As atoi converts, but clamped where atoi leaves too large a number open.
+int LeadingNumber(const wchar_t* text) {
+  return std::strtol(Utf8FromWide(text).c_str(), nullptr, 10);
+}
+
+}  // namespace
+
+CConfigParser* CConfigParser::m_instance = nullptr;
+
 CConfigParser* CConfigParser::GetInstance() {
-  std::abort();
+  if (m_instance != nullptr) return m_instance;
+  const HRESULT entered = EnterComAndMake();
+  if (FAILED(entered)) {
+    LOG_ERROR("COM initialization failed with: %x", static_cast<unsigned int>(entered));
+    return nullptr;
+  }
+  if (m_instance != nullptr) m_instance->Init();
+  return m_instance;
 }
+
+CConfigParser* CConfigParser::GetInstance_CmdLine() {
+  if (m_instance != nullptr) return m_instance;
+  const HRESULT entered = EnterComAndMake();
+  if (FAILED(entered)) LOG_ERROR("COM initialization failed with: %x", static_cast<unsigned int>(entered));
+  return m_instance;
+}
+
+HRESULT CConfigParser::EnterComAndMake() {
+  const HRESULT entered = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  if (FAILED(entered)) return entered;
+  m_instance = new (std::nothrow) CConfigParser;
+  if (m_instance == nullptr) ::CoUninitialize();
+  return entered;
+}
+
 void CConfigParser::ReleaseInstance() {
-  std::abort();
+  if (m_instance == nullptr) return;
+  // Anywhere else, leaving would take down an apartment that the host itself entered.
+  const bool leaveCom = m_instance->EnteredComOnThisThread();
+  delete m_instance;
+  m_instance = nullptr;
+  if (leaveCom) ::CoUninitialize();
 }
+
 void CConfigParser::ReleaseAtProcessExit() {
-  std::abort();
+  // Not destroyed: that would release interfaces whose apartment is gone. The memory goes with the process.
+  m_instance = nullptr;
 }
-CConfigParser::~CConfigParser() = default;
-bool CConfigParser::LoadConfig(const wchar_t*) {
-  std::abort();
-}
+
 CTString CConfigParser::ConfiguredRegistryLocation() {
-  std::abort();
+  return m_instance == nullptr ? CTString() : m_instance->GetRegistryLocation();
 }
+
 CTString CConfigParser::ConfiguredFirmwareFolder() {
-  std::abort();
+  return m_instance == nullptr ? CTString() : m_instance->GetFirmwareFolder();
 }
+
 CTString CConfigParser::ConfiguredIPCType() {
-  std::abort();
+  return m_instance == nullptr ? CTString(kUsb) : m_instance->GetIPCType();
 }
+
 int CConfigParser::ConfiguredTraceLevel() {
-  std::abort();
+  return m_instance == nullptr ? 0 : m_instance->GetTraceLevel();
 }
+
 int CConfigParser::ConfiguredRebootType() {
-  std::abort();
+  return m_instance == nullptr ? 0 : m_instance->GetRebootType();
 }
+
 int CConfigParser::ConfiguredEraseMode() {
-  std::abort();
+  return m_instance == nullptr ? 0 : m_instance->GetEraseMode();
+}
+
+CConfigParser::CConfigParser()
+    : m_comThreadId(::GetCurrentThreadId()), m_comThread(::OpenThread(SYNCHRONIZE, FALSE, m_comThreadId)) {}
+
+CConfigParser::~CConfigParser() = default;
+
+bool CConfigParser::EnteredComOnThisThread() const {
+  return m_comThreadId == ::GetCurrentThreadId();
+}
+
+bool CConfigParser::Init() {
+  m_loaded = false;
+  m_traceLevel = m_rebootType = m_eraseMode = 0;
+  m_registryLocation[0] = m_firmwareFolder[0] = m_ipcType[0] = L'\0';
+  for (const Key& key : kKeys) m_keys[key.text] = key.number;
+
+  const CTString folder = ToolKit::GetInstallationDir();
+  if (folder.IsEmpty()) return false;
+  m_fileName = kConfigFileName;
+  m_filePath = folder + m_fileName;
+  CDebugLogger* const logger = CDebugLogger::GetInstance();
+  if (logger != nullptr) {
+    logger->SetFileName(AnsiFromWide(static_cast<const wchar_t*>(folder + kLogFileName)).c_str());
+  }
+  return true;
+}
+
+bool CConfigParser::LoadConfig(const wchar_t*) {
+  if (m_loaded) return true;
+  LOG_TRACE("Start LoadConfig ++");
+  LOG_TRACE("VERSION: %s", CORVEL_VERSION);
+
+  const wchar_t* const path = m_filePath;
+  if (!CFileIo::Exists(AnsiFromWide(path).c_str())) {
+    LOG_ERROR("\t%s not exist, exit", Narrow(m_filePath).c_str());
+    return false;
+  }
+  const UniqueFile file = OpenForOneself(path);
+  if (file == nullptr) {
+    LOG_TRACE("%s: file: %ls not exist!!!\n", QUALIFIED_FUNCTION, path);
+    LOG_TRACE("%s --\n", QUALIFIED_FUNCTION);
+    return false;
+  }
+
+  // The first line is a title, whatever it holds.
+  static_cast<void>(ReadLine(file.get()));
+  while (const std::optional<std::wstring> line = ReadLine(file.get())) TakeLine(*line);
+  m_loaded = true;
+  return true;
+}
+
+void CConfigParser::TakeLine(std::wstring_view line) {
+  if (line.ends_with(L'\n') || line.ends_with(L'\r')) line.remove_suffix(1);
+  const std::size_t equals = line.find(L'=');
+  if (equals == std::wstring_view::npos) return;
+  std::wstring_view setting = line.substr(equals + 1);
+  setting.remove_prefix(std::min(setting.find_first_not_of(L' '), setting.size()));
+
+  wchar_t key[kTextCapacity];
+  wchar_t value[kTextCapacity];
+  CopyBounded(key, line.substr(0, equals));
+  CopyBounded(value, setting);
+  SetConfigVar(key, value);
+}
+
+void CConfigParser::SetConfigVar(const wchar_t* key, const wchar_t* value) {
+  const auto known = m_keys.find(key);
+  const int number = known == m_keys.end() ? kUnknownKey : known->second;
+  LOG_TRACE("\t get Config Var, %s : %s", Utf8FromWide(key).c_str(), Utf8FromWide(value).c_str());
+  switch (number) {
+    case kTraceLevel:
+      m_traceLevel = LeadingNumber(value);
+      break;
+    case kRegistryLocation:
+      CopyBounded(m_registryLocation, value);
+      break;
+    case kFirmwareFolder:
+      CopyBounded(m_firmwareFolder, value);
+      break;
+    case kIpcType:
+      CopyBounded(m_ipcType, value);
+      break;
+    case kRebootType:
+      m_rebootType = LeadingNumber(value);
+      break;
+    case kEraseMode:
+      m_eraseMode = LeadingNumber(value);
+      break;
+    default:
+      break;
+  }
+}
+
+CTString CConfigParser::GetIPCType() {
+  LOG_TRACE("++ IPCType: %s", Utf8FromWide(m_ipcType).c_str());
+  const wchar_t* const used = std::wcscmp(m_ipcType, kPcie) == 0 ? kPcie : kUsb;
+  LOG_TRACE("++ use IPCType: %s", Utf8FromWide(used).c_str());
+  return CTString(used);
+}
+
+void CConfigParser::SetIPCType(const char* type) {
+  CopyBounded(m_ipcType, static_cast<const wchar_t*>(CTString(type)));
+}
+
+CTString CConfigParser::GetRegistryLocation() const {
+  return CTString(m_registryLocation);
+}
+
+CTString CConfigParser::GetFirmwareFolder() const {
+  return CTString(m_firmwareFolder);
 }

@@ -4,10 +4,10 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
+#include "common/handles.h"
 #include "common/tstring.h"
-
-struct IXMLDOMDocument;
 
 /// The service's settings, read once per process from "CorvelConfig.ini" beside the host's executable.
 /// Made and loaded by one thread at start; only read afterwards.
@@ -20,7 +20,7 @@ class CConfigParser {
   static CConfigParser* GetInstance_CmdLine();
   /// Destroys the singleton and undoes its COM use, when the calling thread is the one that began it.
   static void ReleaseInstance();
-  /// Destroys the singleton while the process ends: COM is no longer there to be left.
+  /// Drops the singleton while the process ends: COM is no longer there to be left.
   static void ReleaseAtProcessExit();
 
   // What the settings say, or their defaults while there is no configuration.
@@ -33,9 +33,12 @@ class CConfigParser {
 
   virtual ~CConfigParser();
 
+  /// Resets all settings and fixes where the settings file and the debug log lie.
+  /// @return false when the folder of the host's executable is unknown; there is no file to load then.
   bool Init();
   /// Reads the file that Init fixed, whatever `path` is. @return true when it is loaded, now or before.
   bool LoadConfig(const wchar_t* path);
+  /// Stores one setting; texts are cut to 511 characters. An unknown key changes nothing.
   void SetConfigVar(const wchar_t* key, const wchar_t* value);
   bool IsLoaded() const { return m_loaded; }
 
@@ -50,8 +53,17 @@ class CConfigParser {
   int GetEraseMode() const { return m_eraseMode; }
 
  private:
-  CConfigParser() = default;
+  CConfigParser();
 
+  static HRESULT EnterComAndMake();
+  bool EnteredComOnThisThread() const;
+  void TakeLine(std::wstring_view line);
+
+  static CConfigParser* m_instance;
+
+  // The open thread keeps the system from giving its id to another one.
+  DWORD m_comThreadId;
+  UniqueHandle m_comThread;
   std::map<std::wstring, int> m_keys;
   CTString m_fileName;
   CTString m_filePath;

@@ -1,11 +1,56 @@
 #pragma once
 
+#include <windows.h>
+
+#include <atomic>
 #include <cstdint>
 
-/// Sends one AT command to the modem's serial port, and can read the reply.
+/// Sends one AT command to the modem's serial port, and can read the reply. The critical section serialises
+/// opening, writing and reading; the instance is made on first use and never destroyed.
 class ATProcessor {
  public:
   static ATProcessor* GetInstance();
+  ATProcessor(const ATProcessor&) = delete;
+  ATProcessor& operator=(const ATProcessor&) = delete;
+
+  /// Finds the port, opens it, writes the command, reads the reply if asked for, closes the port. A port
+  /// that cannot be opened leaves the section owned by this thread.
+  /// @param responseLength room in `response`; then the number of bytes read.
   /// @return 0 when the command was written (and, if asked for, the reply read), -1 otherwise.
   int sendATCmd(const char* command, std::uint32_t length, char* response, std::uint32_t* responseLength);
+
+  /// The number of the first present COM port of an enumerator and device id ("USB\VID_..."): all digits
+  /// of its friendly name run together. @return 0 when it cannot be found.
+  int findComPort(const wchar_t* filter);
+
+  /// Opens and configures a port such as "\\.\COM3". A failed call leaves the section owned by this thread,
+  /// and the port open if it was the configuration that failed.
+  bool openPort(const char* fileName);
+  void closePort();
+
+  bool writeCmd(const char* command, std::uint32_t length);
+
+  /// Reads until OK, ERROR, a full buffer or 5 s are over.
+  /// @param length room in `buffer`; then the number of bytes read.
+  /// @return always 0.
+  int readResponse(char* buffer, std::uint32_t* length);
+
+  /// Sends "at" and looks for OK in the reply. Always false, as reading always answers 0.
+  bool verifyATExcutable();
+
+  /// Number of received bytes that wait to be read; 0 when that cannot be told.
+  std::uint32_t bytesWaiting();
+  /// Reads one byte. @return false when there was none, or when reading failed and the queues were emptied.
+  bool readByte(char* byte);
+
+ protected:
+  ATProcessor();
+  ~ATProcessor() = default;
+
+ private:
+  bool configurePort();
+  std::uint32_t readBatch(std::uint32_t waiting, char* buffer, std::uint32_t room);
+
+  std::atomic<HANDLE> m_port{INVALID_HANDLE_VALUE};
+  CRITICAL_SECTION m_section;
 };

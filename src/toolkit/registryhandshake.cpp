@@ -1,35 +1,269 @@
-#include <cstdlib>
+#include <windows.h>
+
+#include <algorithm>
+#include <cwchar>
+#include <optional>
+#include <string_view>
+
+#include "common/handles.h"
+#include "common/log.h"
+#include "common/text.h"
+#include "common/win32error.h"
+#include "config/configparser.h"
 #include "toolkit/toolkit.h"
-void ToolKit::GetLabelsLocation() {
-  std::abort();
+
+namespace {
+
+constexpr int kUnreadable = -255;
+constexpr int kFlagRaised = 1;
+constexpr int kDefaultRetryTimes = 3;
+constexpr DWORD kPauseAfterFailureMs = 5000;
+
+constexpr wchar_t kReadyFlagValue[] = L"Fls_Ready";
+constexpr wchar_t kRetryTimesValue[] = L"Retry_Times";
+constexpr wchar_t kChangeEventName[] = L"RegistryNotify";
+
+struct RootPrefix {
+  const wchar_t* prefix;
+  HKEY root;
+};
+
+const RootPrefix kRoots[] = {
+    {L"HKLM", HKEY_LOCAL_MACHINE}, {L"HKU", HKEY_USERS},          {L"HKCU", HKEY_CURRENT_USER},
+    {L"HKCR", HKEY_CLASSES_ROOT},  {L"HCC", HKEY_CURRENT_CONFIG},
+};
+
+constexpr int kError = 1;
+constexpr int kTrace = 3;
+
+/// What a setter writes and says.
+struct Setter {
+  const char* function;
+  const wchar_t* valueName;
+  const char* success;  ///< Format of one number; null says nothing.
+  const char* failure;
+  int failureLevel;
+};
+
+constexpr Setter kSetReadyFlag{"ToolKit::SetFlashReadyFlag", kReadyFlagValue, nullptr,
+                               "\t Could not set registry value", kTrace};
+constexpr Setter kSetTimeOut{"ToolKit::SetFlashTimeOut", L"Time_Out", "\t Flash Time_Out: %d",
+                             "\t WriteRegistry SetFlashTimeOut failed", kError};
+constexpr Setter kSetProcess{"ToolKit::SetFlashProcess", L"Flash_Progress",
+                             "\t WriteRegistry Flash_Progress: %d", "\t WriteRegistry SetFlashProcess failed",
+                             kError};
+constexpr Setter kSetOnGoing{"ToolKit::SetFlashOnGoingFlag", L"Flash_OnGoing",
+                             "\t WriteRegistry Flash_OnGoing: %d",
+                             "\t WriteRegistry SetFlashOnGoingFlag failed", kError};
+constexpr Setter kSetResult{"ToolKit::SetFlashResult", L"Flash_Result", "\t WriteRegistry Flash_Result: %d",
+                            "\t WriteRegistry SetFlashResult failed", kError};
+
+void Set(const Setter& setter, HKEY root, const wchar_t* subKey, int value) {
+  const auto log = [&setter](int level, int line, const char* format, auto argument) {
+    ToolKit::OutputDebug(level, kLogComponent, setter.function, __FILE__, line, format, argument);
+  };
+  if (!ToolKit::WriteRegistry(root, subKey, setter.valueName, value)) {
+    log(setter.failureLevel, __LINE__, "%s", setter.failure);
+  } else if (setter.success != nullptr) {
+    log(kTrace, __LINE__, setter.success, value);
+  }
 }
-int ToolKit::ReadRegistry(HKEY__*, const wchar_t*, const wchar_t*, int) {
-  std::abort();
+
+/// The text in the ANSI code page for a log line, cut to 511 bytes. One buffer for the whole process: each
+/// call overwrites the text of the one before, so a log line can hold only one.
+const char* AnsiForLog(std::wstring_view text) {
+  static char buffer[512];
+  std::fill(std::begin(buffer), std::end(buffer), '\0');
+  ::WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()), buffer, sizeof buffer - 1,
+                        nullptr, nullptr);
+  return buffer;
 }
-bool ToolKit::WriteRegistry(HKEY__*, const wchar_t*, const wchar_t*, int) {
-  std::abort();
+
+UniqueRegistryKey OpenKey(HKEY root, const wchar_t* subKey, REGSAM access) {
+  HKEY key = nullptr;
+  const bool opened = ::RegOpenKeyExW(root, subKey, 0, access, &key) == ERROR_SUCCESS;
+  return UniqueRegistryKey(opened ? key : nullptr);
 }
-int ToolKit::GetFlashReadyFlag(HKEY__*, const wchar_t*) {
-  std::abort();
+
+void CreateKey(HKEY root, const wchar_t* subKey) {
+  HKEY key = nullptr;
+  if (::RegCreateKeyExW(root, subKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &key,
+                        nullptr) == ERROR_SUCCESS) {
+    ::RegCloseKey(key);
+  }
 }
-int ToolKit::GetFlashRetryTimes(HKEY__*, const wchar_t*) {
-  std::abort();
+
+/// Any value of up to four bytes, whatever its type; missing bytes are zero.
+std::optional<int> QueryNumber(const UniqueRegistryKey& key, const wchar_t* valueName) {
+  DWORD type = 0;
+  DWORD data = 0;
+  DWORD size = sizeof data;
+  const LSTATUS status = ::RegQueryValueExW(key.get(), valueName, nullptr, &type,
+                                            reinterpret_cast<unsigned char*>(&data), &size);
+  if (status != ERROR_SUCCESS) return std::nullopt;
+  return static_cast<int>(data);
 }
-void ToolKit::SetFlashReadyFlag(HKEY__*, const wchar_t*, int) {
-  std::abort();
+
+/// A look at the ready flag that leaves no trace. It asks for the same access as ReadRegistry: seeing what
+/// that cannot read would keep the monitor turning.
+bool IsReadyFlagRaised(HKEY root, const wchar_t* subKey) {
+  const UniqueRegistryKey key = OpenKey(root, subKey, KEY_ALL_ACCESS);
+  return key != nullptr && QueryNumber(key, kReadyFlagValue) == kFlagRaised;
 }
-void ToolKit::SetFlashTimeOut(HKEY__*, const wchar_t*, int) {
-  std::abort();
+
+/// One change notification: an event that the system signals when the key or what is below it changes.
+class RegistryWatch {
+ public:
+  bool MakeEvent() {
+    m_event.reset(::CreateEventW(nullptr, FALSE, TRUE, kChangeEventName));
+    return m_event != nullptr;
+  }
+  bool Open(HKEY root, const wchar_t* subKey) {
+    m_key = OpenKey(root, subKey, KEY_NOTIFY);
+    return m_key != nullptr;
+  }
+  bool Arm() {
+    return ::RegNotifyChangeKeyValue(m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
+                                     m_event.get(), TRUE) == ERROR_SUCCESS;
+  }
+  bool Wait() { return ::WaitForSingleObject(m_event.get(), INFINITE) != WAIT_FAILED; }
+  void Close() {
+    m_event.reset();
+    m_key.reset();
+  }
+
+ private:
+  // In this order the event is closed first: closing an armed key signals it, and others may share it.
+  UniqueRegistryKey m_key;
+  UniqueHandle m_event;
+};
+
+}  // namespace
+
+void ToolKit::GetLabelsLocation() try {
+  const CTString location = CConfigParser::ConfiguredRegistryLocation();
+  CopyBounded(mRegitstryLocation, static_cast<const wchar_t*>(location));
+
+  // Without a separator the position is -1, and both parts are the whole text; that is intended.
+  const int separator = location.Find(L"\\", 0);
+  CopyBounded(mMainKey, static_cast<const wchar_t*>(location.SubStr(0, separator)));
+  CopyBounded(mStrKey, static_cast<const wchar_t*>(location.SubStr(separator + 1, -1)));
+  LOG_TRACE("mMainKey:%s", AnsiForLog(mMainKey));
+  LOG_TRACE("mStrKey:%s", AnsiForLog(mStrKey));
+
+  for (const RootPrefix& known : kRoots) {
+    if (std::wcscmp(mMainKey, known.prefix) == 0) hMainKey = known.root;
+  }
+  LOG_TRACE("hMainKey:0x%x", static_cast<unsigned int>(reinterpret_cast<ULONG_PTR>(hMainKey)));
+} catch (...) {
+  // Out of memory: the location stays as it is.
 }
-void ToolKit::SetFlashProcess(HKEY__*, const wchar_t*, int) {
-  std::abort();
+
+int ToolKit::ReadRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* valueName, int) {
+  UniqueRegistryKey key = OpenKey(root, subKey, KEY_ALL_ACCESS);
+  if (key == nullptr) {
+    LOG_TRACE("\t Reg OpenKeyEx failed");
+    ::RegCloseKey(root);
+    return kUnreadable;
+  }
+
+  const std::optional<int> data = QueryNumber(key, valueName);
+  if (data) {
+    LOG_TRACE("\t Read regedit %s successfully, data:%d", AnsiForLog(valueName), *data);
+  } else {
+    LOG_TRACE("\t Read regedit failed");
+  }
+
+  // Intended: the root that was passed in is closed, and the sub-key stays open.
+  ::RegCloseKey(root);
+  static_cast<void>(key.release());
+  return data.value_or(kUnreadable);
 }
-void ToolKit::SetFlashOnGoingFlag(HKEY__*, const wchar_t*, int) {
-  std::abort();
+
+bool ToolKit::WriteRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* valueName, int data) {
+  UniqueRegistryKey key = OpenKey(root, subKey, KEY_ALL_ACCESS);
+  if (key == nullptr) {
+    LOG_TRACE("\t RegOpenKeyEx failed, try to create it, GetLastError():%d", LastErrorNumber());
+    CreateKey(root, subKey);
+    LOG_TRACE("\t RegCreateKeyEx, GetLastError():%d", LastErrorNumber());
+    key = OpenKey(root, subKey, KEY_ALL_ACCESS);
+  }
+  if (key == nullptr) {
+    LOG_ERROR("\t Could not find or create registry key, GetLastError():%d", LastErrorNumber());
+    return false;
+  }
+
+  if (const std::optional<int> old = QueryNumber(key, valueName)) {
+    LOG_TRACE("\t Read regedit successfully, data:%d", *old);
+  }
+  const auto value = static_cast<DWORD>(data);
+  const LSTATUS status = ::RegSetValueExW(key.get(), valueName, 0, REG_DWORD,
+                                          reinterpret_cast<const unsigned char*>(&value), sizeof value);
+  if (status != ERROR_SUCCESS) LOG_TRACE("\t RegSetValueEx failed, WriteRegistry --");
+  return status == ERROR_SUCCESS;
 }
-void ToolKit::SetFlashResult(HKEY__*, const wchar_t*, int) {
-  std::abort();
+
+int ToolKit::GetFlashReadyFlag(HKEY__* root, const wchar_t* subKey) {
+  return ReadRegistry(root, subKey, kReadyFlagValue, REG_DWORD);
 }
+
+int ToolKit::GetFlashRetryTimes(HKEY__* root, const wchar_t* subKey) {
+  const int times = ReadRegistry(root, subKey, kRetryTimesValue, REG_DWORD);
+  return times == kUnreadable ? kDefaultRetryTimes : times;
+}
+
+void ToolKit::SetFlashReadyFlag(HKEY__* root, const wchar_t* subKey, int value) {
+  Set(kSetReadyFlag, root, subKey, value);
+}
+
+void ToolKit::SetFlashTimeOut(HKEY__* root, const wchar_t* subKey, int milliseconds) {
+  Set(kSetTimeOut, root, subKey, milliseconds);
+}
+
+void ToolKit::SetFlashProcess(HKEY__* root, const wchar_t* subKey, int percent) {
+  Set(kSetProcess, root, subKey, percent);
+}
+
+void ToolKit::SetFlashOnGoingFlag(HKEY__* root, const wchar_t* subKey, int value) {
+  Set(kSetOnGoing, root, subKey, value);
+}
+
+void ToolKit::SetFlashResult(HKEY__* root, const wchar_t* subKey, int code) {
+  Set(kSetResult, root, subKey, code);
+}
+
 bool ToolKit::MonitorFlashReadyFlag() {
-  std::abort();
+  int flag = kUnreadable;
+  while (flag != kFlagRaised) {
+    LOG_TRACE("MonitorFlashReadyFlag ++");
+    RegistryWatch watch;
+    if (!watch.MakeEvent()) {
+      LOG_ERROR("\t CreateEvent FAIL, monitor again after 5s");
+      ::Sleep(kPauseAfterFailureMs);
+      continue;
+    }
+    if (!watch.Open(hMainKey, mStrKey)) {
+      watch.Close();
+      LOG_ERROR("\t RegOpenKeyEx FAIL, monitor again after 5s");
+      ::Sleep(kPauseAfterFailureMs);
+      continue;
+    }
+    if (!watch.Arm()) {
+      watch.Close();
+      LOG_ERROR("\t RegNotifyChangeKeyValue FAIL, monitor again after 5s");
+      ::Sleep(kPauseAfterFailureMs);
+      continue;
+    }
+
+    // Arming has reset the event, however it was made: a flag raised before that is seen only by looking
+    // now, and one raised from here on signals the event.
+    const bool raisedBefore = IsReadyFlagRaised(hMainKey, mStrKey);
+    LOG_TRACE("\t WaitForSingleObject, wait registry to be changed...");
+    if (raisedBefore || watch.Wait()) LOG_TRACE("\t Registry is changed");
+    flag = GetFlashReadyFlag(hMainKey, mStrKey);
+    LOG_TRACE("\t flash flag changed to %d", flag);
+    watch.Close();
+  }
+  LOG_TRACE("MonitorFlashReadyFlag --");
+  return true;
 }

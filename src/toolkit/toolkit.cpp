@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -29,12 +30,6 @@ constexpr wchar_t kPathSeparator = L'\\';
 
 constexpr wchar_t kCommandLineRoot[] = L"HKLM";
 constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
-
-/// Fills one of the exported texts, cut to what it holds.
-template <std::size_t Size>
-void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {
-  target[source.copy(target, Size - 1)] = L'\0';
-}
 
 struct LocalMemoryFreer {
   void operator()(char* memory) const noexcept { ::LocalFree(memory); }
@@ -81,7 +76,7 @@ void ToolKit::ReleaseInstance() {
   m_Instance = nullptr;
 }
 
-bool ToolKit::Initialize() {
+bool ToolKit::Initialize() try {
   LOG_TRACE("\t Initialize ++");
   if (m_Instance == nullptr) {
     LOG_TRACE("\t to LoadConfig");
@@ -113,6 +108,9 @@ bool ToolKit::Initialize() {
   }
   LOG_TRACE("\t Initialize --");
   return true;
+} catch (...) {
+  // Out of memory: there is no thread.
+  return false;
 }
 
 bool ToolKit::Initialize_CmdLine() {
@@ -127,15 +125,21 @@ bool ToolKit::Initialize_CmdLine() {
   return true;
 }
 
-bool ToolKit::LoadConfig(const wchar_t* path) {
+bool ToolKit::LoadConfig(const wchar_t* path) try {
   CDebugLogger::SetLevel(kLoggingOn);
   CConfigParser* const config = CConfigParser::GetInstance();
   return config != nullptr && config->LoadConfig(path);
+} catch (...) {
+  // Out of memory: not loaded.
+  return false;
 }
 
-bool ToolKit::IsConfigLoaded() {
+bool ToolKit::IsConfigLoaded() try {
   CConfigParser* const config = CConfigParser::GetInstance();
   return config != nullptr && config->IsLoaded();
+} catch (...) {
+  // Out of memory: not loaded.
+  return false;
 }
 
 void ToolKit::CloseConfig() {
@@ -175,8 +179,9 @@ CTString ToolKit::GetInstallationDir() {
     LOG_ERROR("\t GetModuleFileName() failed with: 0x%08lx", ::GetLastError());
     return {};
   }
+  // The folder may take nearly all of the path, which is more than the runtime's own limit for one.
   std::array<wchar_t, _MAX_DRIVE> drive{};
-  std::array<wchar_t, _MAX_DIR> folder{};
+  std::array<wchar_t, MAX_PATH> folder{};
   ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
                   0);
   return CTString(drive.data()) + folder.data();
@@ -219,6 +224,7 @@ bool ToolKit::MakeDirectory(const char* path) {
 
 const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
   static char text[128];
+  const LastErrorKeeper keepForTheCaller;
   const UniqueSystemText message = SystemMessage(error);
   std::snprintf(text, sizeof text, "Error code %d: %s", static_cast<int>(error),
                 message == nullptr ? "" : message.get());

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include "exit_code.h"
+
+struct FlashOptions {
+  std::string ipc = "usb";
+  int trace = 1;
+  bool waitForController = false;
+  unsigned int timeoutSeconds = 0;  ///< 0: no limit
+  bool json = false;
+  bool quiet = false;
+};
+
+struct StatusOptions {
+  bool watch = false;
+  bool service = false;
+  bool json = false;
+};
+
+struct CheckOptions {
+  bool json = false;
+};
+
+/// One flash, start to end.
+ExitCode RunFlash(const FlashOptions& options);
+/// What the handshake, the modem and the firmware folder look like.
+ExitCode RunStatus(const StatusOptions& options);
+/// Whether a flash could begin, without touching the modem.
+ExitCode RunCheck(const CheckOptions& options);

@@ -1,0 +1,11 @@
+#pragma once
+
+/// What the program's exit status says. Documented for scripts; do not renumber.
+enum class ExitCode : int {
+  Flashed = 0,
+  FlashFailed = 1,
+  WrongUsage = 2,
+  NoImages = 3,
+  NotReady = 4,
+  Interrupted = 5,
+};

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "handshake.h"
+
+/// Shows how a flash comes along: one line that is written over on a terminal, a line per change of stage
+/// or ten percent elsewhere.
+class ProgressLine {
+ public:
+  explicit ProgressLine(bool quiet);
+
+  /// Takes in what the library says now and shows it.
+  void Show(const Handshake& values);
+  /// Ends the live line, so that what follows begins on a line of its own.
+  void Finish();
+
+  int Attempts() const { return m_attempts; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void TakeIn(const Handshake& values);
+  std::string LiveText(const Handshake& values) const;
+  std::string PlainText(const Handshake& values) const;
+  std::string Stage(const Handshake& values) const;
+  long long SecondsSince(Clock::time_point begin) const;
+  long long RemainingSeconds(const Handshake& values) const;
+
+  bool m_quiet;
+  bool m_live;
+  bool m_lineOpen = false;
+  std::string m_lastPlain;
+  int m_attempts = 0;
+  std::uint32_t m_lastResult = 0;
+  Clock::time_point m_begin = Clock::now();
+  Clock::time_point m_attemptBegin = Clock::now();
+};

@@ -1,0 +1,47 @@
+#include "setup.h"
+
+#include <windows.h>
+
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "text.h"
+#include "toolkit/toolkit.h"
+
+namespace {
+
+constexpr wchar_t kConfigurationName[] = L"CorvelConfig.ini";
+
+}  // namespace
+
+void Report(const Problem& problem, bool json) {
+  if (json) {
+    const nlohmann::ordered_json document{
+        {"error", {{"code", problem.code}, {"message", problem.message}, {"what_to_do", problem.whatToDo}}}};
+    std::cout << document.dump(2) << std::endl;
+    return;
+  }
+  std::cerr << "corvel_cmdline: " << problem.message << "\n" << problem.whatToDo << std::endl;
+}
+
+std::wstring ConfigurationPath() {
+  return ProgramFolder() + kConfigurationName;
+}
+
+HandshakeKey CommandLineKey() {
+  ToolKit::Initialize_CmdLine();
+  return {.root = ToolKit::GetHKEYRegistryMainKey(),
+          .rootName = ToolKit::GetRegistryMainKey(),
+          .path = ToolKit::GetRegistryStrKey()};
+}
+
+FolderImages LookForImages(const std::wstring& folder) {
+  FolderImages images;
+  std::error_code ignored;
+  images.folderExists = !folder.empty() && std::filesystem::is_directory(folder, ignored);
+  if (!images.folderExists || !ToolKit::FetchModemNVMFls(CTString(folder))) return images;
+  images.modem = static_cast<std::wstring>(ToolKit::GetModemFlsFile());
+  images.nvm = static_cast<std::wstring>(ToolKit::GetNVMFlsFile());
+  return images;
+}

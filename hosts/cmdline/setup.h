@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+#include "configuration_file.h"
+#include "handshake.h"
+
+/// What went wrong before or instead of a flash, in words for people and scripts.
+struct Problem {
+  std::string code;
+  std::string message;
+  std::string whatToDo;
+};
+
+/// Prints a problem: as a JSON error object on standard output, or in words on standard error.
+void Report(const Problem& problem, bool json);
+
+std::wstring ConfigurationPath();
+/// The key that the library uses for this host, whatever the configuration says.
+HandshakeKey CommandLineKey();
+
+/// The images that a flash would take from a folder; paths are empty where there is none.
+struct FolderImages {
+  bool folderExists = false;
+  std::wstring modem;
+  std::wstring nvm;
+
+  bool Any() const { return !modem.empty() || !nvm.empty(); }
+};
+FolderImages LookForImages(const std::wstring& folder);

@@ -1,0 +1,104 @@
+#include "handshake.h"
+
+#include "text.h"
+
+namespace {
+
+std::optional<std::uint32_t> ReadNumber(const HandshakeKey& key, const wchar_t* name) {
+  DWORD value = 0;
+  DWORD size = sizeof value;
+  const LSTATUS status =
+      ::RegGetValueW(key.root, key.path.c_str(), name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+  if (status != ERROR_SUCCESS) return std::nullopt;
+  return value;
+}
+
+std::string MeaningOfReady(std::optional<std::uint32_t> ready) {
+  if (!ready) return "never raised";
+  return *ready == 1 ? "a flash is asked for" : "no flash is asked for";
+}
+
+std::string MeaningOfRetries(std::optional<std::uint32_t> retries) {
+  if (!retries) return "absent: up to 3 retries";
+  return "up to " + std::to_string(*retries) + (*retries == 1 ? " retry" : " retries");
+}
+
+std::string MeaningOfTimeOut(std::optional<std::uint32_t> timeOut) {
+  return timeOut ? std::to_string(*timeOut / 1000) + " s for one attempt and the modem's return"
+                 : "not yet written";
+}
+
+std::string MeaningOfOnGoing(std::optional<std::uint32_t> onGoing) {
+  if (!onGoing) return "not yet written";
+  return *onGoing == 1 ? "a job is running, or its last attempt ended in failure" : "no job is running";
+}
+
+std::string MeaningOfProgress(std::optional<std::uint32_t> progress) {
+  return progress ? std::to_string(*progress) + " % of the images are written" : "not yet written";
+}
+
+}  // namespace
+
+std::string HandshakeKey::Text() const {
+  return ToUtf8(rootName + L"\\" + path);
+}
+
+Handshake ReadHandshake(const HandshakeKey& key) {
+  return {.ready = ReadNumber(key, L"Fls_Ready"),
+          .retryTimes = ReadNumber(key, L"Retry_Times"),
+          .timeOut = ReadNumber(key, L"Time_Out"),
+          .onGoing = ReadNumber(key, L"Flash_OnGoing"),
+          .progress = ReadNumber(key, L"Flash_Progress"),
+          .result = ReadNumber(key, L"Flash_Result")};
+}
+
+std::string MeaningOfResult(std::optional<std::uint32_t> result) {
+  if (!result) return "never written";
+  switch (static_cast<FlashResult>(*result)) {
+    case FlashResult::Idle:
+      return "idle";
+    case FlashResult::Flashing:
+      return "flashing";
+    case FlashResult::Retrying:
+      return "retrying";
+    case FlashResult::Failed:
+      return "failed";
+    case FlashResult::Succeeded:
+      return "succeeded";
+  }
+  return "unknown";
+}
+
+std::vector<HandshakeLine> Describe(const Handshake& values) {
+  return {{"Fls_Ready", values.ready, MeaningOfReady(values.ready)},
+          {"Retry_Times", values.retryTimes, MeaningOfRetries(values.retryTimes)},
+          {"Time_Out", values.timeOut, MeaningOfTimeOut(values.timeOut)},
+          {"Flash_OnGoing", values.onGoing, MeaningOfOnGoing(values.onGoing)},
+          {"Flash_Progress", values.progress, MeaningOfProgress(values.progress)},
+          {"Flash_Result", values.result, MeaningOfResult(values.result)}};
+}
+
+DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value) {
+  return static_cast<DWORD>(
+      ::RegSetKeyValueW(key.root, key.path.c_str(), name, REG_DWORD, &value, sizeof value));
+}
+
+DWORD CheckHandshakeKeyWritable(const HandshakeKey& key) {
+  HKEY opened = nullptr;
+  const auto status = static_cast<DWORD>(::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0,
+                                                           KEY_ALL_ACCESS, nullptr, &opened, nullptr));
+  if (status == ERROR_SUCCESS) ::RegCloseKey(opened);
+  return status;
+}
+
+HandshakeWatch::HandshakeWatch(const HandshakeKey& key)
+    : m_event(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+  HKEY opened = nullptr;
+  ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_NOTIFY, nullptr, &opened, nullptr);
+  m_key.reset(opened);
+}
+
+DWORD HandshakeWatch::Arm() {
+  return static_cast<DWORD>(::RegNotifyChangeKeyValue(
+      m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, m_event.get(), TRUE));
+}

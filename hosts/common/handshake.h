@@ -1,0 +1,73 @@
+#pragma once
+
+#include <windows.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// Flash_Result as the library writes it.
+enum class FlashResult : std::uint32_t { Idle = 0, Flashing = 1, Retrying = 2, Failed = 3, Succeeded = 4 };
+
+/// Where the library and its controlling program meet.
+struct HandshakeKey {
+  HKEY root = HKEY_LOCAL_MACHINE;
+  std::wstring rootName = L"HKLM";
+  std::wstring path;
+
+  std::string Text() const;
+};
+
+/// The values of the handshake; empty where a value is absent or no number.
+struct Handshake {
+  std::optional<std::uint32_t> ready;
+  std::optional<std::uint32_t> retryTimes;
+  std::optional<std::uint32_t> timeOut;
+  std::optional<std::uint32_t> onGoing;
+  std::optional<std::uint32_t> progress;
+  std::optional<std::uint32_t> result;
+
+  bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
+};
+
+/// One value with its name and what it says, for people.
+struct HandshakeLine {
+  const char* name;
+  std::optional<std::uint32_t> value;
+  std::string meaning;
+};
+
+Handshake ReadHandshake(const HandshakeKey& key);
+std::vector<HandshakeLine> Describe(const Handshake& values);
+std::string MeaningOfResult(std::optional<std::uint32_t> result);
+/// @return the Win32 error, 0 on success. Makes the key if need be.
+DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value);
+/// @return the Win32 error of opening the key for writing, 0 when it can be.
+DWORD CheckHandshakeKeyWritable(const HandshakeKey& key);
+
+/// Signals an event whenever a value under the key changes. Arm first, then look, then wait: a change
+/// between two looks is then never missed.
+class HandshakeWatch {
+ public:
+  explicit HandshakeWatch(const HandshakeKey& key);
+
+  /// @return the Win32 error, 0 when the event will be signalled at the next change.
+  DWORD Arm();
+  HANDLE Event() const { return m_event.get(); }
+
+ private:
+  struct HandleCloser {
+    using pointer = HANDLE;
+    void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
+  };
+  struct KeyCloser {
+    using pointer = HKEY;
+    void operator()(HKEY key) const noexcept { ::RegCloseKey(key); }
+  };
+
+  std::unique_ptr<void, HandleCloser> m_event;
+  std::unique_ptr<HKEY__, KeyCloser> m_key;
+};

@@ -1,0 +1,77 @@
+#include "modem_presence.h"
+
+#include <windows.h>
+
+#include <cfgmgr32.h>
+
+#include <cwchar>
+#include <cwctype>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr wchar_t kModem[] = L"VID_1D5A&PID_0AC9&MI_00";
+constexpr wchar_t kFlashPort[] = L"VID_1D5A&PID_0ACC&MI_00";
+constexpr wchar_t kAtPort[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";
+constexpr GUID kResetInterface = {
+    0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
+
+std::vector<std::wstring> PresentDeviceIds() {
+  ULONG length = 0;
+  if (::CM_Get_Device_ID_List_SizeW(&length, nullptr, CM_GETIDLIST_FILTER_PRESENT) != CR_SUCCESS) return {};
+  std::vector<wchar_t> list(length + 1);
+  if (::CM_Get_Device_ID_ListW(nullptr, list.data(), length, CM_GETIDLIST_FILTER_PRESENT) != CR_SUCCESS)
+    return {};
+  std::vector<std::wstring> ids;
+  for (const wchar_t* id = list.data(); *id != L'\0'; id += std::wcslen(id) + 1) {
+    std::wstring& copy = ids.emplace_back(id);
+    for (wchar_t& unit : copy) unit = static_cast<wchar_t>(std::towupper(unit));
+  }
+  return ids;
+}
+
+bool Holds(const std::vector<std::wstring>& ids, const wchar_t* part) {
+  for (const std::wstring& id : ids) {
+    if (id.find(part) != std::wstring::npos) return true;
+  }
+  return false;
+}
+
+bool ResetDriverPresent() {
+  GUID resetInterface = kResetInterface;
+  ULONG length = 0;
+  return ::CM_Get_Device_Interface_List_SizeW(&length, &resetInterface, nullptr,
+                                              CM_GET_DEVICE_INTERFACE_LIST_PRESENT) == CR_SUCCESS &&
+         length > 1;
+}
+
+}  // namespace
+
+ModemPresence LookForModem() {
+  const std::vector<std::wstring> ids = PresentDeviceIds();
+  ModemPresence presence{
+      .mode = ModemMode::Absent, .atPort = Holds(ids, kAtPort), .resetDriver = ResetDriverPresent()};
+  if (Holds(ids, kModem)) {
+    presence.mode = ModemMode::Mbim;
+  } else if (Holds(ids, kFlashPort)) {
+    presence.mode = ModemMode::FlashPort;
+  } else if (presence.atPort) {
+    presence.mode = ModemMode::AtPortOnly;
+  }
+  return presence;
+}
+
+const char* NameOf(ModemMode mode) {
+  switch (mode) {
+    case ModemMode::Mbim:
+      return "MBIM (normal)";
+    case ModemMode::FlashPort:
+      return "flash port (boot loader)";
+    case ModemMode::AtPortOnly:
+      return "AT port only";
+    case ModemMode::Absent:
+      return "absent";
+  }
+  return "unknown";
+}

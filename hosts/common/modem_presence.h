@@ -1,0 +1,14 @@
+#pragma once
+
+/// What the modem is at present, as the device tree shows it.
+enum class ModemMode { Mbim, FlashPort, AtPortOnly, Absent };
+
+struct ModemPresence {
+  ModemMode mode = ModemMode::Absent;
+  bool atPort = false;
+  /// The driver that can reset the modem's baseband.
+  bool resetDriver = false;
+};
+
+ModemPresence LookForModem();
+const char* NameOf(ModemMode mode);

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <windows.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "download/mobilebroadband.h"
+
+/// How one asynchronous request goes.
+struct SimulatedRequest {
+  /// What the call returns. A completion follows S_OK and E_PENDING only.
+  HRESULT answer = S_OK;
+  /// What the completion reports.
+  HRESULT status = S_OK;
+  /// Virtual time from the call to its completion; nothing: it never comes.
+  std::optional<std::chrono::milliseconds> completesAfter = std::chrono::milliseconds(0);
+};
+
+/// The character of a simulated Mobile Broadband service. Change it only while nobody calls the service.
+struct MobileBroadbandBehaviour {
+  /// Asked whenever somebody lists the interfaces: without a modem in normal mode there are none. Not
+  /// set: the modem is there.
+  std::function<bool()> modemIsInNormalMode;
+  std::vector<std::wstring> interfaces{L"{4D36E972-E325-11CE-BFC1-08002BE10318}"};
+  /// Ids of the device services; by default the modem's own among two of others.
+  std::vector<std::wstring> deviceServices{L"{533FBEEB-14FE-4467-9F90-33A223E56C3F}",
+                                           L"{0ED374CB-F835-4474-BC11-3B3FD76F5641}",
+                                           L"{E550A0C8-5E82-479E-82F7-10ABF4C3351F}"};
+  /// Whether the array of device services carries the record info that frees the ids in it.
+  bool deviceServicesCarryRecordInfo = true;
+
+  bool commandSessionIsOpen = false;
+  SimulatedRequest openCommandSession;
+  SimulatedRequest querySupportedCommands;
+  SimulatedRequest setCommand;
+  /// Nothing: the completion carries no list.
+  std::optional<std::vector<ULONG>> supportedCommands{{1, 2, 3}};
+  /// What the completion of a set command carries.
+  std::vector<BYTE> response{0x00, 0x00, 0x00, 0x00};
+
+  /// Calls that fail, by the name that SimulatedMobileBroadband::Calls reports. "MbnInterfaceManager" and
+  /// "MbnDeviceServicesManager" are the creations of the two classes.
+  std::map<std::string, HRESULT> failures;
+  /// Calls that succeed and hand out nothing.
+  std::set<std::string> emptyHanded;
+
+  /// Runs inside SetCommand when the modem takes its reboot command: id 1, payload 01 00 00 00.
+  std::function<void()> onRebootCommand;
+  /// Runs inside each call, by its name, before the call does anything.
+  std::function<void(const std::string&)> onCall;
+  /// Real time of a virtual delay; not set: they are the same.
+  std::function<std::chrono::milliseconds(std::chrono::milliseconds)> realTime;
+};
+
+/// Stands for the Mobile Broadband service of Windows: registers its two classes in this process, for the
+/// multithreaded apartment, and calls the advised sinks from threads of its own. One at a time. What it
+/// handed out may be released after its end.
+class SimulatedMobileBroadband {
+ public:
+  explicit SimulatedMobileBroadband(MobileBroadbandBehaviour behaviour = {});
+  /// Takes the classes back. A completion that is still to come does not come any more.
+  ~SimulatedMobileBroadband();
+  SimulatedMobileBroadband(const SimulatedMobileBroadband&) = delete;
+  SimulatedMobileBroadband& operator=(const SimulatedMobileBroadband&) = delete;
+
+  MobileBroadbandBehaviour& Behaviour();
+
+  /// Names of the calls so far, in their order: "GetInterfaces", "OpenCommandSession", "Advise"...
+  std::vector<std::string> Calls() const;
+  int CallCount(const std::string& name) const;
+  /// The data of each SetCommand so far.
+  std::vector<std::vector<BYTE>> Payloads() const;
+  /// How often the modem took its reboot command.
+  int RebootCommands() const;
+
+  /// Objects handed out that somebody still holds a reference on.
+  int LiveObjects() const;
+  /// Sinks that are advised at present.
+  int AdvisedSinks() const;
+
+  /// Calls every advised sink on a thread of its own and waits for it.
+  void Notify(const std::function<void(IMbnDeviceServicesEvents&)>& notification);
+  /// Waits until no completion is on its way.
+  void WaitForCompletions();
+
+ private:
+  std::shared_ptr<class MobileBroadbandService> m_service;
+  std::thread m_thread;
+};

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/configparser.h"
+#include "import_patch.h"
+#include "support/temporary_folder.h"
+#include "support/test_log.h"
+
+/// A folder that the library takes for the one of its host's executable: its configuration and its debug
+/// log lie there. The configuration ends with it.
+class HostFolder {
+ public:
+  explicit HostFolder(const std::wstring& suffix = L"") : m_folder(suffix) {
+    s_executable = m_folder.File(L"host.exe");
+    m_patch.Replace("GetModuleFileNameW", &ModuleFileName);
+    CDebugLogger::SetLevel(3);
+  }
+  ~HostFolder() {
+    CConfigParser::ReleaseInstance();
+    CDebugLogger::GetInstance()->SetFileName("");
+    CDebugLogger::ReleaseInstance();
+  }
+
+  void WriteConfig(std::string_view bytes) { m_folder.Write(L"CorvelConfig.ini", bytes); }
+  std::wstring ConfigPath() const { return m_folder.File(L"CorvelConfig.ini"); }
+  /// From now on the path of the executable cannot be had.
+  static void Hide() { s_executable.clear(); }
+
+  std::vector<LogRecord> Log() const { return ReadLog(m_folder.File(L"FlashServiceDebugLogger_DLL.log")); }
+  std::vector<std::string> Messages() const { return MessagesOf(Log()); }
+
+ private:
+  static DWORD WINAPI ModuleFileName(HMODULE, wchar_t* buffer, DWORD size) {
+    if (s_executable.empty()) {
+      ::SetLastError(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+    const std::size_t copied = s_executable.copy(buffer, size - 1);
+    buffer[copied] = L'\0';
+    return static_cast<DWORD>(copied);
+  }
+
+  static inline std::wstring s_executable;
+  TemporaryFolder m_folder;
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};

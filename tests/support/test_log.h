@@ -1,0 +1,77 @@
+#pragma once
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "common/debuglogger.h"
+#include "common/text.h"
+#include "support/temporary_folder.h"
+
+struct LogRecord {
+  std::string level;
+  std::string file;
+  std::string function;
+  std::string message;
+};
+
+/// The records of a debug log, in their order.
+inline std::vector<LogRecord> ReadLog(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::string end = "##\r\n";
+
+  std::vector<LogRecord> records;
+  for (std::size_t from = 0, to = 0; (to = all.find(end, from)) != std::string::npos;
+       from = to + end.size()) {
+    // Date, time, process and thread, component, level, file, line, function; the rest is the message.
+    std::vector<std::string> fields;
+    std::size_t begin = from;
+    while (fields.size() < 8) {
+      const std::size_t tab = all.find('\t', begin);
+      fields.push_back(all.substr(begin, tab - begin));
+      begin = tab + 1;
+    }
+    records.push_back({fields[4], fields[5], fields[7], all.substr(begin, to - begin)});
+  }
+  return records;
+}
+
+inline std::vector<std::string> MessagesOf(const std::vector<LogRecord>& records) {
+  std::vector<std::string> messages;
+  for (const LogRecord& record : records) messages.push_back(record.message);
+  return messages;
+}
+
+/// The debug log, turned on and written to a file of the test's own.
+class TestLog {
+ public:
+  TestLog() {
+    CDebugLogger::SetLevel(3);
+    CDebugLogger::GetInstance()->SetFileName(AnsiFromWide(m_folder.File(L"test.log")).c_str());
+  }
+  ~TestLog() {
+    CDebugLogger::GetInstance()->SetFileName("");
+    CDebugLogger::ReleaseInstance();
+  }
+
+  std::vector<LogRecord> Records() const { return ReadLog(m_folder.File(L"test.log")); }
+  std::vector<std::string> Messages() const { return MessagesOf(Records()); }
+  /// The level word of the record with this message; empty when there is none.
+  std::string LevelOf(const std::string& message) const {
+    for (const LogRecord& record : Records()) {
+      if (record.message == message) return record.level;
+    }
+    return {};
+  }
+  std::ptrdiff_t Count(const std::string& message) const {
+    const std::vector<std::string> all = Messages();
+    return std::count(all.begin(), all.end(), message);
+  }
+
+ private:
+  TemporaryFolder m_folder;
+};

@@ -67,6 +67,8 @@ struct DeviceTreeFaults {
   ListFaults ude_interfaces;
   /// All device ids come in lower case, as some systems deliver them.
   bool lower_case_ids = false;
+  /// No devices but the modem's and the driver's: lists may be empty.
+  bool without_other_devices = false;
   Occurrence locate_fails;
   Occurrence reenumerate_fails;
   CONFIGRET code = CR_FAILURE;
@@ -95,9 +97,12 @@ struct AtPortFaults {
   DWORD write_error = ERROR_SUCCESS;
 };
 
+/// Stands for the three calls that write an item.
+inline constexpr char kAnyDownloadCall[] = "_ZEMO_DL_download_*";
+
 /// One way in which a call of the flashing library goes wrong.
 struct LibraryCallFault {
-  std::string function;  ///< export name, e.g. "_ZEMO_DL_boot_target"
+  std::string function;  ///< export name, e.g. "_ZEMO_DL_boot_target", or kAnyDownloadCall
   /// Which calls, counted over the calls that match `argument`.
   Occurrence calls;
   /// Parameter id of "_ZEMO_DL_set_dll_parameter", item index for the calls that take an item, -1 for any.

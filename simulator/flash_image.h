@@ -66,6 +66,14 @@ ImagePlan SmallImagePlan(std::uint32_t seed, std::uint32_t size = 64 * 1024,
                          std::uint32_t flash_offset = 0xE00000);
 
 FlashImage BuildImage(const ImagePlan& plan, ImageDamage damage = ImageDamage::kNone);
+/// Length of header and table for a number of items, and the smallest header that tells that number.
+inline constexpr std::size_t kImageHeaderSize = 32;
+std::size_t ImageTableEnd(std::uint32_t items);
+/// Number of items according to a header, 0 when it is none.
+std::uint32_t ImageItemCount(std::span<const std::uint8_t> header);
+/// Reads header and table of contents, whose checksum must be right; `file` of the result stays empty.
+std::optional<FlashImage> ParseImageTable(std::span<const std::uint8_t> bytes);
+
 /// Nothing when the bytes are no sound image; items' own checksums are not looked at.
 std::optional<FlashImage> ParseImage(std::vector<std::uint8_t> file);
 std::optional<FlashImage> LoadImageFile(const std::filesystem::path& path);

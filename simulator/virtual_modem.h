@@ -17,7 +17,7 @@
 enum class ModemState {
   kNormal,       ///< present as Mobile Broadband modem and AT port
   kLeaving,      ///< took a reboot command, still present
-  kRestarting,   ///< away, on the way to flash mode
+  kRestarting,   ///< away, on the way to flash mode; as initial state: away until a baseband reset
   kFlashPort,    ///< flash port present, nobody has it open
   kChannelOpen,  ///< somebody opened the flash port
   kBooted,       ///< the boot file runs
@@ -89,8 +89,8 @@ class VirtualModem {
   bool IsPresentAsModem();
   bool IsPresentAsFlashPort();
 
-  /// Bytes on the AT port; a complete "at+xlog=4\r" reboots into flash mode.
-  void HearAtBytes(std::span<const std::uint8_t> bytes);
+  /// Bytes on the AT port; a complete "at+xlog=4\r" reboots into flash mode. @return what the modem replies.
+  std::string HearAtBytes(std::span<const std::uint8_t> bytes);
   /// The reboot command of the Mobile Broadband device service. @return false when it is not in normal mode.
   bool RebootByMbim();
   /// The pulse on the baseband reset line: flash mode, from every state.
@@ -125,11 +125,17 @@ class VirtualModem {
     Milliseconds begun{0};
   };
 
+  static constexpr Milliseconds kNoEnd = Milliseconds::max();
+
+  // All of these are called under the lock.
   void Advance();
-  void Enter(ModemState state);
-  void EnterAfter(ModemState state, Milliseconds delay);
-  void StartIntoFlashMode(bool stay);
+  void Enter(ModemState state, Milliseconds ends = kNoEnd);
+  void EnterRestarting(Milliseconds since);
+  void EnterFlashPort(Milliseconds since);
+  void EndSession();
+  bool LeaveForFlashMode();
   void ReturnToNormal();
+  std::string Obey(const std::string& command);
   bool IsOpen(std::uint32_t session) const;
   bool Refuse(JournalEvent event, const std::string& reason);
   bool StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes);
@@ -142,8 +148,7 @@ class VirtualModem {
 
   std::mutex m_mutex;
   ModemState m_state;
-  Milliseconds m_state_ends{Milliseconds::max()};
-  ModemState m_next_state;
+  Milliseconds m_state_ends{kNoEnd};
   bool m_stays_in_flash_mode = true;
   int m_flash_mode_starts = 0;
   int m_resets_until_return = 0;

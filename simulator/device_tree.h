@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+class Machine;
+
+/// Paths under which the modem's functions and the driver can be opened at present.
+std::wstring FlashPortPath(const Machine& machine);
+std::vector<std::wstring> UdePaths(const Machine& machine);
+/// The one of two instances that reaches the modem.
+std::wstring RightUdePath(const Machine& machine);
+bool IsAtPortPresent(Machine& machine);
+bool EqualIgnoringCase(const std::wstring& left, const std::wstring& right);

@@ -1,0 +1,54 @@
+#include <windows.h>
+
+#include "machine.h"
+#include "serial_port.h"
+#include "ude_driver.h"
+
+namespace {
+
+/// A handle as CreateFile returns it.
+HANDLE AsCreated(HANDLE handle) {
+  return handle == nullptr ? INVALID_HANDLE_VALUE : handle;
+}
+
+HANDLE WINAPI SimulatedCreateW(LPCWSTR name, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES security,
+                               DWORD disposition, DWORD flags, HANDLE pattern) {
+  const auto machine = CurrentMachine();
+  if (machine) {
+    if (const auto error = machine->BeginPlatformCall("CreateFileW")) {
+      ::SetLastError(*error);
+      return INVALID_HANDLE_VALUE;
+    }
+    if (const auto driver = OpenDriver(*machine, name != nullptr ? name : L"")) return AsCreated(*driver);
+  }
+  return ::CreateFileW(name, access, sharing, security, disposition, flags, pattern);
+}
+
+HANDLE WINAPI SimulatedCreateA(LPCSTR name, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES security,
+                               DWORD disposition, DWORD flags, HANDLE pattern) {
+  const auto machine = CurrentMachine();
+  if (machine) {
+    if (const auto error = machine->BeginPlatformCall("CreateFileA")) {
+      ::SetLastError(*error);
+      return INVALID_HANDLE_VALUE;
+    }
+    if (const auto port = OpenSerialPort(*machine, name != nullptr ? name : "")) return AsCreated(*port);
+  }
+  return ::CreateFileA(name, access, sharing, security, disposition, flags, pattern);
+}
+
+BOOL WINAPI SimulatedClose(HANDLE handle) {
+  // What stands behind the handle outlives it by this call, and is forgotten before the number is used again.
+  const auto machine = CurrentMachine();
+  const auto device = machine ? machine->handles.Remove(handle) : nullptr;
+  if (machine) machine->BeginPlatformCall("CloseHandle");
+  return ::CloseHandle(handle);
+}
+
+}  // namespace
+
+void PatchFiles(ImportPatch& patch) {
+  patch.Replace("CreateFileW", &SimulatedCreateW);
+  patch.Replace("CreateFileA", &SimulatedCreateA);
+  patch.Replace("CloseHandle", &SimulatedClose);
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+
+/// The wire between the simulated flashing library and the virtual PC that it runs in: the virtual PC hands
+/// this table to the library right after loading it. Plain C types only, since the two are separate modules.
+extern "C" {
+
+struct ModemItem {
+  std::uint32_t memory_class;
+  std::uint32_t flash_offset;
+  std::uint32_t size;
+  std::uint32_t crc32;
+};
+
+/// Results of the functions: 1 = done, 0 = refused, unless stated otherwise.
+struct ModemInterface {
+  std::uint32_t size;  ///< of this structure
+
+  /// Called first by every export. The virtual PC may hold the call back, and may decide its answer.
+  /// `argument` is the parameter id or item index, -1 when there is none; `detail` is for the journal.
+  /// @return 1 when the call ends at once with `*result`.
+  std::int32_t (*begin_call)(const char* function, std::int32_t argument, const char* detail,
+                             std::int32_t* result);
+  /// @return a session, 0 when the port is not there or refuses.
+  std::uint32_t (*open_port)(const char* path);
+  void (*close_port)(std::uint32_t session);
+  std::int32_t (*boot)(std::uint32_t session, const std::uint8_t* header, std::uint32_t size);
+  std::int32_t (*begin_item)(std::uint32_t session, const ModemItem* item);
+  std::int32_t (*write_block)(std::uint32_t session, const std::uint8_t* bytes, std::uint32_t size);
+  std::int32_t (*end_item)(std::uint32_t session);
+  std::int32_t (*force_reset)(std::uint32_t session);
+  /// A value of `ProgressStyle`.
+  std::uint32_t (*progress_style)();
+};
+
+/// Type of the library's seventeenth export, "SimulatorAttachModem". The table must outlive the library.
+using AttachModemFunction = void (*)(const ModemInterface* modem);
+}

@@ -1,0 +1,26 @@
+#include "loader_lock.h"
+
+#include <stdexcept>
+
+namespace {
+
+// ntdll's functions for those who must keep libraries from being loaded for a moment.
+using LockFunction = LONG(NTAPI*)(ULONG flags, ULONG* disposition, ULONG_PTR* cookie);
+using UnlockFunction = LONG(NTAPI*)(ULONG flags, ULONG_PTR cookie);
+
+template <typename Function>
+Function OfSystem(const char* name) {
+  return reinterpret_cast<Function>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), name));
+}
+
+}  // namespace
+
+LoaderLock::LoaderLock() {
+  const auto lock = OfSystem<LockFunction>("LdrLockLoaderLock");
+  if (lock == nullptr || lock(0, nullptr, &m_cookie) < 0)
+    throw std::runtime_error("the loader lock is not to be had");
+}
+
+LoaderLock::~LoaderLock() {
+  OfSystem<UnlockFunction>("LdrUnlockLoaderLock")(0, m_cookie);
+}

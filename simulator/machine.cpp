@@ -1,0 +1,130 @@
+#include "machine.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+/// How long the product waits for the modem to come back; its last check follows.
+constexpr DWORD kReturnWait = 23000;
+
+std::filesystem::path MadeFolder(std::filesystem::path folder) {
+  std::filesystem::create_directories(folder);
+  return folder;
+}
+
+bool Concerns(const LibraryCallFault& fault, const std::string& function, int argument) {
+  const bool is_download = function.starts_with("_ZEMO_DL_download_");
+  const bool names_it = fault.function == function || (fault.function == kAnyDownloadCall && is_download);
+  return names_it && (fault.argument == -1 || fault.argument == argument);
+}
+
+SRWLOCK g_lock = SRWLOCK_INIT;
+// A pointer without a destructor: product threads may still look at it while the program ends.
+std::shared_ptr<Machine>* g_machine = nullptr;
+
+}  // namespace
+
+std::shared_ptr<Machine> CurrentMachine() {
+  const ScopedLock lock(g_lock);
+  return g_machine != nullptr ? *g_machine : nullptr;
+}
+
+void SetCurrentMachine(std::shared_ptr<Machine> machine) {
+  std::shared_ptr<Machine> former;
+  const ScopedLock lock(g_lock);
+  if (g_machine == nullptr) g_machine = new std::shared_ptr<Machine>;
+  former = std::exchange(*g_machine, std::move(machine));
+}
+
+Machine::Machine(VirtualPcOptions pc_options)
+    : options(std::move(pc_options)),
+      clock(options.speed),
+      modem(clock, MadeFolder(options.folder) / "modem_flash.bin", options.timing, options.faults.modem,
+            options.initial_state,
+            [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
+      m_fault_calls(options.faults.library.calls.size()) {}
+
+std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
+  const LastErrorKeeper keep;
+  const std::lock_guard lock(m_mutex);
+  const int number = ++m_platform_calls[function];
+  for (const auto& fault : options.faults.platform) {
+    if (fault.function == function && fault.calls.Hits(number)) return fault.error;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,
+                                                      const std::string& detail) {
+  Note(JournalEvent::kLibraryCall, detail.empty() ? function : function + " " + detail);
+  std::unique_lock lock(m_mutex);
+  ++m_library_calls[function];
+  std::optional<std::int32_t> answer;
+  for (std::size_t i = 0; i < m_fault_calls.size(); ++i) {
+    const auto& fault = options.faults.library.calls[i];
+    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_fault_calls[i])) continue;
+    Hang(lock, fault);
+    if (!answer) answer = fault.result;
+  }
+  return answer;
+}
+
+void Machine::Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault) {
+  if (fault.until_wait_expires != 0) {
+    const int before = m_expired_waits[fault.until_wait_expires];
+    m_hangs.wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
+  }
+  if (fault.hang > Milliseconds::zero()) {
+    const Milliseconds real(clock.RealWait(static_cast<DWORD>(fault.hang.count())));
+    m_hangs.wait_for(lock, real, [&] { return m_hangs_ended; });
+  }
+}
+
+int Machine::CountLook(const std::string& what) {
+  const std::lock_guard lock(m_mutex);
+  return ++m_looks[what];
+}
+
+void Machine::WaitExpired(DWORD milliseconds) {
+  if (milliseconds == kReturnWait) modem.WaitForReturnExpired();
+  {
+    const std::lock_guard lock(m_mutex);
+    ++m_expired_waits[milliseconds];
+  }
+  m_hangs.notify_all();
+}
+
+void Machine::EndHangs() {
+  {
+    const std::lock_guard lock(m_mutex);
+    m_hangs_ended = true;
+  }
+  m_hangs.notify_all();
+}
+
+void Machine::Note(JournalEvent event, std::string detail) {
+  const Milliseconds now = clock.Now();
+  const std::lock_guard lock(m_mutex);
+  m_journal.push_back({now, event, std::move(detail)});
+}
+
+std::vector<JournalEntry> Machine::Journal() const {
+  const std::lock_guard lock(m_mutex);
+  return m_journal;
+}
+
+int Machine::Count(JournalEvent event) const {
+  const std::lock_guard lock(m_mutex);
+  return static_cast<int>(std::ranges::count(m_journal, event, &JournalEntry::event));
+}
+
+std::map<std::string, int> Machine::PlatformCalls() const {
+  const std::lock_guard lock(m_mutex);
+  return m_platform_calls;
+}
+
+std::map<std::string, int> Machine::LibraryCalls() const {
+  const std::lock_guard lock(m_mutex);
+  return m_library_calls;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+
+/// Does things later, on a thread of its own that starts with the first of them.
+class Scheduler {
+ public:
+  Scheduler() = default;
+  /// Drops what has not been done yet.
+  ~Scheduler();
+  Scheduler(const Scheduler&) = delete;
+  Scheduler& operator=(const Scheduler&) = delete;
+
+  void After(std::chrono::milliseconds real_delay, std::function<void()> action);
+
+ private:
+  using Moment = std::chrono::steady_clock::time_point;
+  void Run();
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::multimap<Moment, std::function<void()>> m_actions;
+  bool m_ends = false;
+  std::thread m_thread;
+};

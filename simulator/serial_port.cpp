@@ -1,0 +1,161 @@
+#include "serial_port.h"
+
+#include <algorithm>
+
+#include "device_tree.h"
+#include "machine.h"
+
+namespace {
+
+std::optional<HANDLE> Refused(DWORD error) {
+  ::SetLastError(error);
+  return nullptr;
+}
+
+BOOL Fail(DWORD error) {
+  ::SetLastError(error);
+  return FALSE;
+}
+
+/// What the driver's settings are before anybody changes them.
+DCB InitialSettings() {
+  DCB settings{};
+  settings.DCBlength = sizeof(settings);
+  settings.BaudRate = CBR_9600;
+  settings.fBinary = TRUE;
+  settings.ByteSize = 7;
+  settings.Parity = EVENPARITY;
+  settings.StopBits = TWOSTOPBITS;
+  settings.XonChar = 0x11;
+  settings.XoffChar = 0x13;
+  return settings;
+}
+
+std::shared_ptr<OpenAtPort> Find(const std::shared_ptr<Machine>& machine, HANDLE file) {
+  return machine ? machine->handles.Find<OpenAtPort>(file) : nullptr;
+}
+
+/// The common beginning of the calls: counts, fails when it has to, and tells whose call it is.
+struct SerialCall {
+  SerialCall(const char* function, HANDLE file) : machine(CurrentMachine()), port(Find(machine, file)) {
+    if (machine) error = machine->BeginPlatformCall(function);
+    if (!error && port && !IsAtPortPresent(*machine)) error = ERROR_BAD_COMMAND;
+  }
+  std::shared_ptr<Machine> machine;
+  std::shared_ptr<OpenAtPort> port;
+  std::optional<DWORD> error;
+};
+
+BOOL WINAPI SimulatedGetState(HANDLE file, LPDCB settings) {
+  const SerialCall call("GetCommState", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::GetCommState(file, settings);
+  const DWORD error = call.machine->options.faults.at_port.get_state_error;
+  if (error != ERROR_SUCCESS) return Fail(error);
+  *settings = call.port->settings;
+  return TRUE;
+}
+
+BOOL WINAPI SimulatedSetState(HANDLE file, LPDCB settings) {
+  const SerialCall call("SetCommState", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::SetCommState(file, settings);
+  const DWORD error = call.machine->options.faults.at_port.set_state_error;
+  if (error != ERROR_SUCCESS) return Fail(error);
+  // The driver refuses flow control characters that it could not tell apart.
+  if (settings->XonChar == settings->XoffChar) return Fail(ERROR_INVALID_PARAMETER);
+  call.port->settings = *settings;
+  return TRUE;
+}
+
+BOOL WINAPI SimulatedPurge(HANDLE file, DWORD flags) {
+  const SerialCall call("PurgeComm", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::PurgeComm(file, flags);
+  if ((flags & PURGE_RXCLEAR) != 0) call.port->Clear();
+  return TRUE;
+}
+
+BOOL WINAPI SimulatedClearError(HANDLE file, LPDWORD errors, LPCOMSTAT status) {
+  const SerialCall call("ClearCommError", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::ClearCommError(file, errors, status);
+  if (errors != nullptr) *errors = 0;
+  if (status != nullptr) {
+    *status = {};
+    status->cbInQue = call.port->Waiting();
+  }
+  return TRUE;
+}
+
+BOOL WINAPI SimulatedRead(HANDLE file, LPVOID buffer, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) {
+  const SerialCall call("ReadFile", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::ReadFile(file, buffer, size, read, overlapped);
+  return call.port->Read({static_cast<char*>(buffer), size}, read);
+}
+
+BOOL WINAPI SimulatedWrite(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD written,
+                           LPOVERLAPPED overlapped) {
+  const SerialCall call("WriteFile", file);
+  if (call.error) return Fail(*call.error);
+  if (!call.port) return ::WriteFile(file, buffer, size, written, overlapped);
+  const DWORD error = call.machine->options.faults.at_port.write_error;
+  if (error != ERROR_SUCCESS) return Fail(error);
+  return call.port->Write(*call.machine, {static_cast<const std::uint8_t*>(buffer), size}, written);
+}
+
+}  // namespace
+
+BOOL OpenAtPort::Write(Machine& machine, std::span<const std::uint8_t> bytes, LPDWORD written) {
+  const std::string replies = machine.modem.HearAtBytes(bytes);
+  const std::lock_guard lock(m_mutex);
+  m_replies += replies;
+  if (written != nullptr) *written = static_cast<DWORD>(bytes.size());
+  return TRUE;
+}
+
+BOOL OpenAtPort::Read(std::span<char> bytes, LPDWORD read) {
+  const std::lock_guard lock(m_mutex);
+  const std::size_t count = std::min(bytes.size(), m_replies.size());
+  std::copy_n(m_replies.begin(), count, bytes.begin());
+  m_replies.erase(0, count);
+  if (read != nullptr) *read = static_cast<DWORD>(count);
+  return TRUE;
+}
+
+DWORD OpenAtPort::Waiting() {
+  const std::lock_guard lock(m_mutex);
+  return static_cast<DWORD>(m_replies.size());
+}
+
+void OpenAtPort::Clear() {
+  const std::lock_guard lock(m_mutex);
+  m_replies.clear();
+}
+
+std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path) {
+  if (machine.options.at_port_is_real || !path.starts_with("\\\\.\\COM")) return {};
+  const auto& faults = machine.options.faults.at_port;
+  const bool is_ours = path == "\\\\.\\COM" + std::to_string(machine.options.at_port_number);
+  if (!is_ours || !IsAtPortPresent(machine)) return Refused(ERROR_FILE_NOT_FOUND);
+  if (faults.open_error != ERROR_SUCCESS) return Refused(faults.open_error);
+  if (machine.handles.HasAny<OpenAtPort>()) return Refused(ERROR_ACCESS_DENIED);
+
+  auto port = std::make_shared<OpenAtPort>();
+  port->settings = InitialSettings();
+  // The handle must be a real one, since the product closes it; nothing is done through it.
+  UniqueHandle handle = OwnFileHandle(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                                    nullptr, OPEN_EXISTING, 0, nullptr));
+  if (handle) machine.handles.Add(handle.get(), std::move(port));
+  return handle.release();
+}
+
+void PatchSerialPort(ImportPatch& patch) {
+  patch.Replace("GetCommState", &SimulatedGetState);
+  patch.Replace("SetCommState", &SimulatedSetState);
+  patch.Replace("PurgeComm", &SimulatedPurge);
+  patch.Replace("ClearCommError", &SimulatedClearError);
+  patch.Replace("ReadFile", &SimulatedRead);
+  patch.Replace("WriteFile", &SimulatedWrite);
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "simulated_handles.h"
+
+class Machine;
+
+/// The AT port while the product has it open.
+class OpenAtPort : public SimulatedDevice {
+ public:
+  /// As the system's calls of these names; the modem hears what is written and its replies can be read.
+  BOOL Write(Machine& machine, std::span<const std::uint8_t> bytes, LPDWORD written);
+  BOOL Read(std::span<char> bytes, LPDWORD read);
+  DWORD Waiting();
+  void Clear();
+
+  DCB settings{};
+
+ private:
+  std::mutex m_mutex;
+  std::string m_replies;
+};
+
+/// Opens "\\.\COMn". @return as OpenDriver does.
+std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path);

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/handles.h"
+
+/// What stands behind a handle that the simulation gave to the product. The handle itself is a real one.
+struct SimulatedDevice {
+  virtual ~SimulatedDevice() = default;
+};
+
+/// Which of the product's handles are simulated devices. Any thread.
+class SimulatedHandles {
+ public:
+  void Add(HANDLE handle, std::shared_ptr<SimulatedDevice> device) {
+    const std::lock_guard lock(m_mutex);
+    m_devices[handle] = std::move(device);
+  }
+
+  /// The device of that type behind a handle, null when there is none.
+  template <typename Device>
+  std::shared_ptr<Device> Find(HANDLE handle) {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_devices.find(handle);
+    return found == m_devices.end() ? nullptr : std::dynamic_pointer_cast<Device>(found->second);
+  }
+
+  template <typename Device>
+  bool HasAny() {
+    const std::lock_guard lock(m_mutex);
+    for (const auto& [handle, device] : m_devices) {
+      if (std::dynamic_pointer_cast<Device>(device)) return true;
+    }
+    return false;
+  }
+
+  std::shared_ptr<SimulatedDevice> Remove(HANDLE handle) {
+    const std::lock_guard lock(m_mutex);
+    const auto node = m_devices.extract(handle);
+    return node.empty() ? nullptr : node.mapped();
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::map<HANDLE, std::shared_ptr<SimulatedDevice>> m_devices;
+};

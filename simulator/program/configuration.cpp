@@ -13,7 +13,8 @@ constexpr wchar_t kFileName[] = L"CorvelConfig.ini";
 std::string SingleBytes(const std::wstring& text) {
   std::string bytes;
   for (const wchar_t character : text) {
-    if (character > 0xFF) throw std::runtime_error("the work folder's path has characters that the configuration cannot hold");
+    if (character > 0xFF)
+      throw std::runtime_error("the work folder's path has characters that the configuration cannot hold");
     bytes += static_cast<char>(character);
   }
   return bytes;
@@ -22,10 +23,16 @@ std::string SingleBytes(const std::wstring& text) {
 std::string Sound(const std::string& location, const std::string& folder, Route route) {
   return "Simulated modem\r\n"
          "[TraceLevel]=1\r\n"
-         "[RegistryLocation]=" + location + "\r\n"
-         "[ModemAndNVMFirmwareFolder]=" + folder + "\r\n"
+         "[RegistryLocation]=" +
+         location +
+         "\r\n"
+         "[ModemAndNVMFirmwareFolder]=" +
+         folder +
+         "\r\n"
          "[IPCTYPE]=USB\r\n"
-         "[REBOOTTYPE]=" + (route == Route::kAt ? "1" : "0") + "\r\n"
+         "[REBOOTTYPE]=" +
+         (route == Route::kAt ? "1" : "0") +
+         "\r\n"
          "[ERASEMODE]=2\r\n";
 }
 
@@ -39,9 +46,13 @@ std::string Odd(const std::string& location, const std::string& folder) {
          "[UNKNOWN]=1\r\n"
          "[TraceLevel]=   1 and more\n"
          "[RegistryLocation]=HKLM\\SOFTWARE\\Corvel\\LaterLinesWin\r\n"
-         "[RegistryLocation]=  " + location + "\r\n"
+         "[RegistryLocation]=  " +
+         location +
+         "\r\n"
          "[registrylocation]=HKLM\\SOFTWARE\\Corvel\\CaseCounts\r\n"
-         "[ModemAndNVMFirmwareFolder]=" + folder + "\n"
+         "[ModemAndNVMFirmwareFolder]=" +
+         folder +
+         "\n"
          "[IPCTYPE]=pcie\r\n"
          "[ERASEMODE]=7\r\n"
          "[REBOOTTYPE]= 1\r\n"
@@ -75,7 +86,8 @@ ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const 
   if (!file) throw std::runtime_error("the configuration cannot be written");
   if (setup.configuration != Configuration::kLocked) return;
 
-  const HANDLE lock = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE lock = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
   if (lock == INVALID_HANDLE_VALUE) {
     throw std::runtime_error("the configuration cannot be locked: " + SystemErrorText(::GetLastError()));
   }

@@ -11,8 +11,8 @@
 /// "CorvelConfig.ini" of one run, in the folder of the running program.
 class ConfigurationFile {
  public:
-  ConfigurationFile(const std::filesystem::path& folder, const Setup& setup, const std::wstring& registry_location,
-                    const std::filesystem::path& firmware_folder);
+  ConfigurationFile(const std::filesystem::path& folder, const Setup& setup,
+                    const std::wstring& registry_location, const std::filesystem::path& firmware_folder);
 
  private:
   struct FileCloser {

@@ -54,7 +54,8 @@ void FirmwareFolder::Hold(ImageHolder holder) {
   if (holder == ImageHolder::kNobody) return;
   const auto path = m_folder / (holder == ImageHolder::kOwnerOfModem ? kModemImage : kNvmImage);
   const DWORD sharing = holder == ImageHolder::kReaderOfNvm ? FILE_SHARE_READ : 0;
-  const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
     throw std::runtime_error("an image cannot be opened: " + SystemErrorText(::GetLastError()));
   }
@@ -65,5 +66,6 @@ int FirmwareFolder::ImagesLeft() const {
   std::error_code error;
   const std::filesystem::directory_iterator entries(m_folder, error);
   if (error) return 0;
-  return static_cast<int>(std::ranges::count_if(entries, [](const auto& entry) { return entry.path().extension() == L".fls"; }));
+  return static_cast<int>(
+      std::ranges::count_if(entries, [](const auto& entry) { return entry.path().extension() == L".fls"; }));
 }

@@ -37,7 +37,8 @@ std::optional<Route> RouteOfName(std::string_view name) {
 
 const Scenario* FindScenario(std::string_view name) {
   const auto& all = Scenarios();
-  const auto found = std::ranges::find(all, name, [](const Scenario& each) { return std::string_view(each.name); });
+  const auto found =
+      std::ranges::find(all, name, [](const Scenario& each) { return std::string_view(each.name); });
   return found == all.end() ? nullptr : &*found;
 }
 

@@ -29,8 +29,8 @@ enum class ImageSet {
   kNoFolder,
   kModemOnly,
   kNvmOnly,
-  kTwoSmall,           ///< two NVM images; the one that is listed last counts
-  kEmptyOnly,          ///< one image of zero length
+  kTwoSmall,   ///< two NVM images; the one that is listed last counts
+  kEmptyOnly,  ///< one image of zero length
   kModemAndEmptyNvm,
 };
 
@@ -39,7 +39,7 @@ enum class ImageHolder {
   kNobody,
   kOwnerOfModem,  ///< denies the modem image to everybody
   kOwnerOfNvm,
-  kReaderOfNvm,   ///< reads the NVM image and lets others read it too
+  kReaderOfNvm,  ///< reads the NVM image and lets others read it too
 };
 
 /// What "CorvelConfig.ini" is like.

@@ -135,8 +135,8 @@ const std::vector<Scenario>& Routes() {
                     .log = {"\t MBIM device NOT available.", "\t Call BB_RST, g_retry_times: 0",
                             "TriggerFlashReset ++", "Only one device interface instance found.",
                             "-- GetOverlappedResult: OK, bytes transferred: ", "TriggerFlashReset --",
-                            "\t Call BB_RST OK, waiting for flash port.", "\t Flash channel = ",
-                            "\t WriteRegistry Flash_Result: 4"},
+                            "\t Call BB_RST OK, waiting for flash port.",
+                            "\t Flash channel = ", "\t WriteRegistry Flash_Result: 4"},
                     .forbidden = {"RebootModem"}}},
       {.name = "route-flash-port",
        .group = "routes",
@@ -145,8 +145,8 @@ const std::vector<Scenario>& Routes() {
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"\t MBIM device NOT available.",
-                            "\t Flash port available. Getting flash port path", "\t Flash channel = ",
-                            "\t WriteRegistry Flash_Result: 4"},
+                            "\t Flash port available. Getting flash port path",
+                            "\t Flash channel = ", "\t WriteRegistry Flash_Result: 4"},
                     .forbidden = {"RebootModem", "BB_RST", "\t Timeout in waiting for flash channel"}}},
   };
   return rows;
@@ -159,9 +159,10 @@ const std::vector<Scenario>& Downloads() {
       {.name = "download-fails-once",
        .group = "download",
        .description = "the first download fails, the second succeeds",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t Could not download file(|0|",
@@ -176,9 +177,10 @@ const std::vector<Scenario>& Downloads() {
       {.name = "download-fails-three-times",
        .group = "download",
        .description = "the last attempt within the limit succeeds",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(3))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(3))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 4,
                     .log = {"\t Flash FAIL, retry again, g_retry_times: 1(Max 3)",
@@ -190,9 +192,10 @@ const std::vector<Scenario>& Downloads() {
        .group = "download",
        .description = "\"Retry_Times\" is 0: one failed download ends the job",
        .setup = {.retry_times = 0,
-                 .faults = [](VirtualPcOptions& pc) {
-                   pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
-                 }},
+                 .faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(0, 0),
                     .attempts = 1,
                     .modem = ModemState::kFlashPort,
@@ -205,9 +208,10 @@ const std::vector<Scenario>& Downloads() {
       {.name = "download-fails-default-limit",
        .group = "download",
        .description = "\"Retry_Times\" is absent: four failed downloads end the job",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .modem = ModemState::kFlashPort,
@@ -221,9 +225,10 @@ const std::vector<Scenario>& Downloads() {
        .group = "download",
        .description = "\"Retry_Times\" is 3: the same",
        .setup = {.retry_times = 3,
-                 .faults = [](VirtualPcOptions& pc) {
-                   pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
-                 }},
+                 .faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(0, 3),
                     .attempts = 4,
                     .modem = ModemState::kFlashPort,
@@ -234,9 +239,7 @@ const std::vector<Scenario>& Downloads() {
       {.name = "parameters-refused",
        .group = "download",
        .description = "the flashing library refuses a parameter: the modem is left alone",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ParameterRefused(17)};
-       }},
+       .setup = {.faults = [](VirtualPcOptions& pc) { pc.faults.library.calls = {ParameterRefused(17)}; }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .memory = Memory::kUntouched,
@@ -266,9 +269,10 @@ const std::vector<Scenario>& Hangs() {
       {.name = "library-hangs",
        .group = "hang",
        .description = "a download hangs past 130 s and comes back after the library was given up",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {OutlastsAttempt("_ZEMO_DL_download_fls_file", 1, 1s)};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {OutlastsAttempt("_ZEMO_DL_download_fls_file", 1, 1s)};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t Flash TIMEOUT or other issue, goto Flash_FAILED",
@@ -279,9 +283,10 @@ const std::vector<Scenario>& Hangs() {
       {.name = "library-hangs-past-the-job",
        .group = "hang",
        .description = "a download hangs until the job is over and keeps the image from the other attempts",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {OutlastsAttempt("_ZEMO_DL_download_fls_file", 1, 60s)};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {OutlastsAttempt("_ZEMO_DL_download_fls_file", 1, 60s)};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .modem = ModemState::kFlashPort,
@@ -296,13 +301,14 @@ const std::vector<Scenario>& Hangs() {
       {.name = "boot-hangs",
        .group = "hang",
        .description = "booting hangs past 10 s and comes back after the library was given up",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         LibraryCallFault hang;
-         hang.function = "_ZEMO_DL_boot_target";
-         hang.calls = Occurrence::Only(1);
-         hang.hang = 10500ms;
-         pc.faults.library.calls = {hang};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       LibraryCallFault hang;
+                       hang.function = "_ZEMO_DL_boot_target";
+                       hang.calls = Occurrence::Only(1);
+                       hang.hang = 10500ms;
+                       pc.faults.library.calls = {hang};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t InjectBootTargetThread timeout: 10s",
@@ -321,25 +327,27 @@ const std::vector<Scenario>& Boots() {
       {.name = "boot-refused-once",
        .group = "boot",
        .description = "the target is refused once; a baseband reset and it boots",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {BootTargetRefused(Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {BootTargetRefused(Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .resets = 1,
                     .log = {"\t ERROR: Boot Target failed due to ", "\t Close Comm Port",
                             "\t Wait 4s after close commport due to it will trigger UDE BB_RST",
                             "\t Call BB_RST, g_retry_times: 1", "\t Call BB_RST OK, waiting for flash port.",
-                            "\t InjectBootTargetThread return NEED_BBRST", "\t Flash channel = ",
-                            "\t InjectBootTargetThread return OK", "\t BootDeviceInFirmwareMode OK",
-                            "\t WriteRegistry Flash_Result: 4"},
+                            "\t InjectBootTargetThread return NEED_BBRST",
+                            "\t Flash channel = ", "\t InjectBootTargetThread return OK",
+                            "\t BootDeviceInFirmwareMode OK", "\t WriteRegistry Flash_Result: 4"},
                     .once = {"\t GO BootDeviceInFirmwareMode, g_retry_times: "}}},
       {.name = "boot-refused-always",
        .group = "boot",
        .description = "the target never boots: the reset budget is spent in the first attempt",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {BootTargetRefused(Occurrence::Always())};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {BootTargetRefused(Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .resets = 2,
@@ -358,9 +366,10 @@ const std::vector<Scenario>& Boots() {
        .group = "boot",
        .description = "the target is refused and \"Retry_Times\" is 0: no baseband reset either",
        .setup = {.retry_times = 0,
-                 .faults = [](VirtualPcOptions& pc) {
-                   pc.faults.library.calls = {BootTargetRefused(Occurrence::Always())};
-                 }},
+                 .faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {BootTargetRefused(Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(0, 0),
                     .attempts = 1,
                     .modem = ModemState::kFlashPort,
@@ -371,9 +380,10 @@ const std::vector<Scenario>& Boots() {
       {.name = "port-refused-once",
        .group = "boot",
        .description = "the flash port cannot be opened once",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {OpenPortRefused(Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {OpenPortRefused(Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .resets = 1,
@@ -385,9 +395,10 @@ const std::vector<Scenario>& Boots() {
       {.name = "port-refused-always",
        .group = "boot",
        .description = "the flash port can never be opened",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {OpenPortRefused(Occurrence::Always())};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {OpenPortRefused(Occurrence::Always())};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .resets = 2,
@@ -410,23 +421,21 @@ const std::vector<Scenario>& Ports() {
       {.name = "flash-port-late",
        .group = "port",
        .description = "the flash port comes 20 s late: a baseband reset instead of it",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.modem.flash_port_late = Occurrence::Only(1);
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) { pc.faults.modem.flash_port_late = Occurrence::Only(1); }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .resets = 1,
                     .log = {"\t RebootModem OK, waiting for flash port",
                             "\t Timeout in waiting for flash channel",
                             "\t Cannot get flash port, call BB_RST", "\t Call BB_RST, g_retry_times: 1",
-                            "\t Call BB_RST OK, waiting for flash port.", "\t Flash channel = ",
-                            "\t WriteRegistry Flash_Result: 4"}}},
+                            "\t Call BB_RST OK, waiting for flash port.",
+                            "\t Flash channel = ", "\t WriteRegistry Flash_Result: 4"}}},
       {.name = "flash-port-never",
        .group = "port",
        .description = "the flash port never comes",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.modem.flash_port_missing = Occurrence::Always();
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) { pc.faults.modem.flash_port_missing = Occurrence::Always(); }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .resets = 2,
@@ -471,9 +480,10 @@ const std::vector<Scenario>& Writes() {
       {.name = "write-fails-first-item",
        .group = "write",
        .description = "the first item cannot be written once",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kItemPsi, Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kItemPsi, Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t memType:(1)", "\t Could not download file(|0|",
@@ -482,9 +492,10 @@ const std::vector<Scenario>& Writes() {
       {.name = "write-fails-middle-item",
        .group = "write",
        .description = "an item in the middle cannot be written once",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kItemCode, Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kItemCode, Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t memType:(1)", "\t memType:(3)", "\t memType:(19)", "\t memType:(4)",
@@ -494,9 +505,10 @@ const std::vector<Scenario>& Writes() {
       {.name = "write-fails-last-item",
        .group = "write",
        .description = "the last item cannot be written once",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kItemRootDisk, Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kItemRootDisk, Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t memType:(1)", "\t memType:(3)", "\t memType:(19)", "\t memType:(4)",
@@ -507,22 +519,21 @@ const std::vector<Scenario>& Writes() {
       {.name = "write-fails-always",
        .group = "write",
        .description = "an item can never be written",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kItemCode, Occurrence::Always())};
-       }},
-       .expected = {.values = Failure(kProgressBeforeCode),
-                    .attempts = 4,
-                    .modem = ModemState::kFlashPort,
-                    .memory = Memory::kIncomplete,
-                    .log = {"\t Could not download file(|2|",
-                            "\t Flash FAIL, retry again, g_retry_times: 1(Max 3)",
-                            "\t Could not download file(|2|",
-                            "\t Flash FAIL, retry again, g_retry_times: 2(Max 3)",
-                            "\t Could not download file(|2|",
-                            "\t Flash FAIL, retry again, g_retry_times: 3(Max 3)",
-                            "\t Could not download file(|2|",
-                            "\t Flash still failed after reach maximum retry value"},
-                    .forbidden = {"\t memType:(7)"}}},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kItemCode, Occurrence::Always())};
+                     }},
+       .expected =
+           {.values = Failure(kProgressBeforeCode),
+            .attempts = 4,
+            .modem = ModemState::kFlashPort,
+            .memory = Memory::kIncomplete,
+            .log = {"\t Could not download file(|2|", "\t Flash FAIL, retry again, g_retry_times: 1(Max 3)",
+                    "\t Could not download file(|2|", "\t Flash FAIL, retry again, g_retry_times: 2(Max 3)",
+                    "\t Could not download file(|2|", "\t Flash FAIL, retry again, g_retry_times: 3(Max 3)",
+                    "\t Could not download file(|2|",
+                    "\t Flash still failed after reach maximum retry value"},
+            .forbidden = {"\t memType:(7)"}}},
   };
   return rows;
 }
@@ -534,9 +545,8 @@ const std::vector<Scenario>& Progresses() {
       {.name = "progress-not-numeric",
        .group = "progress",
        .description = "percentages that are no numbers",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.progress = ProgressStyle::kNonNumeric;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) { pc.faults.library.progress = ProgressStyle::kNonNumeric; }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Status: 2, StatusText: abc", "Status: 2, StatusText: 4x",
@@ -544,9 +554,8 @@ const std::vector<Scenario>& Progresses() {
       {.name = "progress-falling",
        .group = "progress",
        .description = "percentages that fall",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.progress = ProgressStyle::kFalling;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) { pc.faults.library.progress = ProgressStyle::kFalling; }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Status: 2, StatusText: 60", "Status: 2, StatusText: 30",
@@ -555,18 +564,18 @@ const std::vector<Scenario>& Progresses() {
       {.name = "progress-past-hundred",
        .group = "progress",
        .description = "percentages up to 250",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.progress = ProgressStyle::kPastHundred;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) { pc.faults.library.progress = ProgressStyle::kPastHundred; }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Status: 2, StatusText: 250", "\t WriteRegistry Flash_Result: 4"}}},
       {.name = "progress-before-sending",
        .group = "progress",
        .description = "all percentages come before the library says that it sends data",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.progress = ProgressStyle::kBeforeRawMode;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.progress = ProgressStyle::kBeforeRawMode;
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Status: 2, StatusText: 50",
@@ -576,9 +585,10 @@ const std::vector<Scenario>& Progresses() {
       {.name = "progress-near-text",
        .group = "progress",
        .description = "the text that announces sending has one leading blank only",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.progress = ProgressStyle::kNearRawModeText;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.progress = ProgressStyle::kNearRawModeText;
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Status: 4, StatusText:  - Sending data. (RAW mode)",
@@ -596,9 +606,10 @@ const std::vector<Scenario>& Resets() {
       {.name = "reset-refused-once",
        .group = "reset",
        .description = "the modem is not reset after the first download",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ForcedResetRefused(Occurrence::Times(1))};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ForcedResetRefused(Occurrence::Times(1))};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 2,
                     .log = {"\t DownloadFirmwareIntoDevice OK",
@@ -688,10 +699,11 @@ const std::vector<Scenario>& Returns() {
       {.name = "mixed-within-limit",
        .group = "return",
        .description = "two failed downloads and one failed return draw on one counter, just enough",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(2))};
-         pc.faults.modem.returns_after_resets = 1;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(2))};
+                       pc.faults.modem.returns_after_resets = 1;
+                     }},
        .expected = {.values = Success(),
                     .attempts = 3,
                     .resets = 1,
@@ -702,10 +714,11 @@ const std::vector<Scenario>& Returns() {
       {.name = "mixed-past-limit",
        .group = "return",
        .description = "two failed downloads leave two waits for a modem that never comes back",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(2))};
-         pc.faults.modem.never_returns = true;
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {ItemRefused(kAnyItem, Occurrence::Times(2))};
+                       pc.faults.modem.never_returns = true;
+                     }},
        .expected = {.values = Failure(100),
                     .attempts = 3,
                     .resets = 1,
@@ -865,9 +878,10 @@ const std::vector<Scenario>& Libraries() {
       {.name = "library-without-boot",
        .group = "library",
        .description = "the flashing library lacks the export that boots the target",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.missing_exports = {"_ZEMO_DL_boot_target"};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.missing_exports = {"_ZEMO_DL_boot_target"};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .resets = 2,
@@ -880,9 +894,10 @@ const std::vector<Scenario>& Libraries() {
       {.name = "library-without-parameters",
        .group = "library",
        .description = "the flashing library lacks the export that takes parameters",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.missing_exports = {"_ZEMO_DL_set_dll_parameter"};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.missing_exports = {"_ZEMO_DL_set_dll_parameter"};
+                     }},
        .expected = {.values = Failure(),
                     .attempts = 4,
                     .memory = Memory::kUntouched,
@@ -892,9 +907,10 @@ const std::vector<Scenario>& Libraries() {
       {.name = "library-without-version",
        .group = "library",
        .description = "the flashing library lacks an export that is never called: no progress, no harm",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.missing_exports = {"_ZEMO_DL_get_sys_version"};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.missing_exports = {"_ZEMO_DL_get_sys_version"};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"GetProcAddress(_ZEMO_DL_get_sys_version) failed with: 127",
@@ -904,29 +920,31 @@ const std::vector<Scenario>& Libraries() {
       {.name = "library-without-out-of-session",
        .group = "library",
        .description = "the flashing library lacks the one export that it may lack",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.missing_exports = {"_ZEMO_DL_out_of_session_comm"};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.missing_exports = {"_ZEMO_DL_out_of_session_comm"};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"GetProcAddress(_ZEMO_DL_out_of_session_comm) failed with: 127",
-                            "CDownloadToolDll::Load ,SetFunctionPointers()", "StatusText:",
-                            "\t WriteRegistry Flash_Result: 4"}}},
+                            "CDownloadToolDll::Load ,SetFunctionPointers()",
+                            "StatusText:", "\t WriteRegistry Flash_Result: 4"}}},
       {.name = "library-without-underscores",
        .group = "library",
        .description = "the flashing library's exports have no leading underscore",
        .setup = {.faults = [](VirtualPcOptions& pc) { pc.faults.library.exports_without_underscore = true; }},
        .expected = {.values = Success(),
                     .attempts = 1,
-                    .log = {"CDownloadToolDll::Load ,SetFunctionPointers()", "StatusText:",
-                            "\t WriteRegistry Flash_Result: 4"},
+                    .log = {"CDownloadToolDll::Load ,SetFunctionPointers()",
+                            "StatusText:", "\t WriteRegistry Flash_Result: 4"},
                     .forbidden = {"GetProcAddress("}}},
       {.name = "callback-refused",
        .group = "library",
        .description = "registering the callback answers 1: flashed without progress",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {CallbackRegistrationAnswers(1)};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {CallbackRegistrationAnswers(1)};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"CDownloadToolDll::Load ,SetFunctionPointers()",
@@ -937,9 +955,10 @@ const std::vector<Scenario>& Libraries() {
       {.name = "callback-answers-2",
        .group = "library",
        .description = "registering the callback answers 2, which is no failure",
-       .setup = {.faults = [](VirtualPcOptions& pc) {
-         pc.faults.library.calls = {CallbackRegistrationAnswers(2)};
-       }},
+       .setup = {.faults =
+                     [](VirtualPcOptions& pc) {
+                       pc.faults.library.calls = {CallbackRegistrationAnswers(2)};
+                     }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"CDownloadToolDll::Load ,SetFunctionPointers()",
@@ -1035,15 +1054,14 @@ const std::vector<Scenario>& MobileBroadbands() {
        .group = "mbim",
        .description = "opening the command session is pending: waited for, then refused",
        .setup = {.faults =
-                     [](VirtualPcOptions& pc) {
-                       pc.mobile_broadband.openCommandSession.answer = E_PENDING;
-                     }},
+                     [](VirtualPcOptions& pc) { pc.mobile_broadband.openCommandSession.answer = E_PENDING; }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .resets = 1,
                     .log = {"\t OpenCommandSession call successful... waiting for callback",
-                            "\t pMbnDeviceService = g_MbnDeviceService;", "\t OpenCommandSession (FAILED(hr))",
-                            "\t DeInitilazation()", "RebootModemByMbimCmd --", "\t RebootModem FAIL.",
+                            "\t pMbnDeviceService = g_MbnDeviceService;",
+                            "\t OpenCommandSession (FAILED(hr))", "\t DeInitilazation()",
+                            "RebootModemByMbimCmd --", "\t RebootModem FAIL.",
                             "\t Call BB_RST, g_retry_times: 1", "\t WriteRegistry Flash_Result: 4"},
                     .forbidden = {"\t to SetCommand"}}},
       {.name = "mbim-open-lost",
@@ -1094,8 +1112,7 @@ const std::vector<Scenario>& MobileBroadbands() {
       {.name = "mbim-set-pending",
        .group = "mbim",
        .description = "the reboot command is pending and reported: it still counts as refused",
-       .setup = {.faults =
-                     [](VirtualPcOptions& pc) { pc.mobile_broadband.setCommand.answer = E_PENDING; }},
+       .setup = {.faults = [](VirtualPcOptions& pc) { pc.mobile_broadband.setCommand.answer = E_PENDING; }},
        .expected = {.values = Success(),
                     .attempts = 1,
                     .resets = 1,
@@ -1290,9 +1307,9 @@ const std::vector<Scenario>& Configurations() {
 const std::vector<Scenario>& Scenarios() {
   static const std::vector<Scenario> all = [] {
     std::vector<Scenario> rows;
-    for (const auto* group :
-         {&Routes(), &Downloads(), &Hangs(), &Boots(), &Ports(), &Writes(), &Progresses(), &Resets(), &Returns(),
-          &Images(), &Libraries(), &Drivers(), &MobileBroadbands(), &AtPorts(), &Configurations()}) {
+    for (const auto* group : {&Routes(), &Downloads(), &Hangs(), &Boots(), &Ports(), &Writes(), &Progresses(),
+                              &Resets(), &Returns(), &Images(), &Libraries(), &Drivers(), &MobileBroadbands(),
+                              &AtPorts(), &Configurations()}) {
       rows.insert(rows.end(), group->begin(), group->end());
     }
     return rows;

@@ -20,7 +20,8 @@ ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
   m_watch = std::make_unique<HandshakeWatch>(m_key);
   if (!m_stands_for_machine) return;
   HKEY key = nullptr;
-  Require(::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_ALL_ACCESS, &key), "the registry key cannot be made");
+  Require(::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_ALL_ACCESS, &key),
+          "the registry key cannot be made");
   Require(::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key), "the registry key cannot stand for another");
   ::RegCloseKey(key);
 }
@@ -47,7 +48,8 @@ void ScratchKey::ArmWatch() {
 }
 
 void ScratchKey::WaitForChange(std::chrono::milliseconds limit) {
-  if (::WaitForSingleObject(m_watch->Event(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0) m_is_armed = false;
+  if (::WaitForSingleObject(m_watch->Event(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0)
+    m_is_armed = false;
 }
 
 void ScratchKey::Remove(const std::wstring& path) {

@@ -5,8 +5,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "firmware_folder.h"
 #include "configuration.h"
+#include "firmware_folder.h"
 #include "scratch_key.h"
 #include "text.h"
 
@@ -63,8 +63,8 @@ class Session {
       throw std::runtime_error("the library cannot be loaded: " + SystemErrorText(::GetLastError()));
     }
     const bool starts = m_plan.awaited == nullptr || m_plan.awaited->service_starts;
-    m_report.service_started =
-        WaitUntil(starts ? kServiceStartLimit : kServiceStartLimit / 6, [this] { return m_now.values.timeOut.has_value(); });
+    m_report.service_started = WaitUntil(starts ? kServiceStartLimit : kServiceStartLimit / 6,
+                                         [this] { return m_now.values.timeOut.has_value(); });
     RaiseFlag();
     if (!m_report.service_started) {
       m_report.finished = !starts;
@@ -138,7 +138,8 @@ class Session {
     if (NamesNoKey(m_plan.setup.configuration)) return true;
     const auto log = ReadDebugLog(m_report.log_file);
     const int back = CountWorkersBack(log);
-    const int expected = awaited != nullptr && awaited->workers_back ? *awaited->workers_back : CountAttempts(log);
+    const int expected =
+        awaited != nullptr && awaited->workers_back ? *awaited->workers_back : CountAttempts(log);
     return back >= expected && WaitsAgain(log);
   }
 
@@ -179,7 +180,8 @@ class Session {
     constexpr std::uint8_t kErased = 0xFF;
     if (m_report.comparison.equal) return Memory::kEqual;
     const auto bytes = m_pc.Modem().Memory();
-    const bool erased = !bytes.empty() && std::ranges::all_of(bytes, [](auto byte) { return byte == kErased; });
+    const bool erased =
+        !bytes.empty() && std::ranges::all_of(bytes, [](auto byte) { return byte == kErased; });
     return erased ? Memory::kUntouched : Memory::kIncomplete;
   }
 

@@ -1,4 +1,4 @@
-// Calls that go to the system as they are, unless a fault says that they fail.
+// Calls that go to the system, unless a fault says that they fail.
 
 #include <windows.h>
 
@@ -36,6 +36,22 @@ struct FaultableCall {
   }
 };
 
+/// Named objects are shared by the whole session of the user: two virtual PCs side by side would take each
+/// other's signals. Each gets its own under the name that it asks for.
+std::wstring NameInThisPc(LPCWSTR name) {
+  return std::wstring(name) + L"." + std::to_wstring(::GetCurrentProcessId());
+}
+
+HANDLE WINAPI CreateSemaphoreInThisPc(LPSECURITY_ATTRIBUTES security, LONG initial, LONG maximum,
+                                      LPCWSTR name) {
+  return ::CreateSemaphoreW(security, initial, maximum,
+                            name != nullptr ? NameInThisPc(name).c_str() : nullptr);
+}
+
+HANDLE WINAPI CreateEventInThisPc(LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCWSTR name) {
+  return ::CreateEventW(security, manual, initial, name != nullptr ? NameInThisPc(name).c_str() : nullptr);
+}
+
 struct Replacement {
   const char* name;
   std::function<void(ImportPatch&)> install;
@@ -57,9 +73,9 @@ const std::vector<Replacement>& Replacements() {
   constexpr auto kResult = Failure::kResult;
   static const std::vector<Replacement> replacements{
       Faultable<struct T0>("CreateThread", &::CreateThread, kLastError),
-      Faultable<struct T1>("CreateSemaphoreW", &::CreateSemaphoreW, kLastError),
+      Faultable<struct T1>("CreateSemaphoreW", &CreateSemaphoreInThisPc, kLastError),
       Faultable<struct T2>("ReleaseSemaphore", &::ReleaseSemaphore, kLastError),
-      Faultable<struct T3>("CreateEventW", &::CreateEventW, kLastError),
+      Faultable<struct T3>("CreateEventW", &CreateEventInThisPc, kLastError),
       Faultable<struct T4>("CreateEventExW", &::CreateEventExW, kLastError),
       Faultable<struct T5>("SetEvent", &::SetEvent, kLastError),
       Faultable<struct T6>("CancelIoEx", &::CancelIoEx, kLastError),

@@ -43,7 +43,7 @@ DWORD AllocationGranularity() {
 
 }  // namespace
 
-UniqueHandle StartWorker(std::function<void()> body) {
+UniqueHandle StartWorkerThread(std::function<void()> body) {
   UniqueModule module(ThisModule(0));
   if (module == nullptr) return nullptr;
   std::unique_ptr<Worker> worker(new (std::nothrow) Worker{std::move(body), std::move(module)});

@@ -1,14 +1,30 @@
 #pragma once
 
+#include <windows.h>
+
 #include <functional>
+#include <new>
+#include <utility>
 
 #include "common/handles.h"
+
+/// StartWorker for a body that is allocated already.
+UniqueHandle StartWorkerThread(std::function<void()> body);
 
 /// Starts `body` on a thread of its own, whose initial stack is the system's allocation granularity. The
 /// thread keeps this module loaded for as long as it runs, so a worker that nobody waits for any more may
 /// come back whenever it likes.
-/// @return the thread; empty, with the last error set, when it could not be started.
-UniqueHandle StartWorker(std::function<void()> body);
+/// @return the thread; empty, with the last error set, when it could not be started, be it for lack of
+/// memory.
+template <typename Body>
+UniqueHandle StartWorker(Body body) noexcept {
+  try {
+    return StartWorkerThread(std::move(body));
+  } catch (const std::bad_alloc&) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+}
 
 /// Keeps this module loaded until the process ends.
 void PinThisModule();

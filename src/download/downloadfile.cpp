@@ -48,4 +48,4 @@ CDownloadFile::CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memory
       m_filePath(std::move(filePath)),
       m_firstItem(firstItem),
       m_itemIndex(itemIndex),
-      m_tocName("|" + std::to_string(m_itemIndex) + "|" + m_filePath) {}
+      m_tocName(std::string("|").append(std::to_string(m_itemIndex)).append("|").append(m_filePath)) {}

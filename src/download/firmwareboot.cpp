@@ -77,7 +77,8 @@ int CFirmwareDownloader::RebootModemByXlog4() {
 }
 
 bool CFirmwareDownloader::ControlBBrst() {
-  while (!IsAbandoned() && !RetryBudgetSpent()) {
+  while (!RetryBudgetSpent()) {
+    if (IsAbandoned()) return false;
     LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(ToolKit::g_retry_times));
     SpendRetry();
     if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
@@ -99,11 +100,12 @@ bool CFirmwareDownloader::ControlBBrst() {
 }
 
 int CFirmwareDownloader::MonitorFlashPort() {
-  while (!SearchFlashPort()) {
+  while (!IsAbandoned()) {
+    if (SearchFlashPort()) return kBootOk;
     SpendRetry();
     if (!ToolKit::g_bIsFiveBranch || !ControlBBrst()) return kBootFailed;
   }
-  return kBootOk;
+  return kBootFailed;
 }
 
 /// One search for the flash port. @return true when m_COMPort holds it.
@@ -222,7 +224,8 @@ bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engi
     listed = sight != FlashPortSearch::Sight::NoList;
     if (sight == FlashPortSearch::Sight::Found) break;
     ::Sleep(kSearchPeriodMs);
-  } while (engine->m_searchFlashPort);
+    // A search that nobody waits for ends with its attempt at the latest.
+  } while (engine->m_searchFlashPort && !engine->IsAbandoned());
   LOG_TRACE("%s: OpenCdcAcmDeviceInterface --, bRet: %d\n", QUALIFIED_FUNCTION, listed ? 1 : 0);
   return true;
 }

@@ -114,6 +114,11 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::OfThisThread() {
   return t_engine != nullptr ? t_engine->shared_from_this() : PresentEngine();
 }
 
+const FunctionTable& CFirmwareDownloader::Library() const {
+  static constexpr FunctionTable kNothing;
+  return m_library == nullptr ? kNothing : m_library->functions;
+}
+
 void CFirmwareDownloader::Abandon() {
   const ScopedLock lock(m_abandonLock);
   m_abandoned = true;

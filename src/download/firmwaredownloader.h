@@ -127,7 +127,8 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
     if (function == nullptr || IsAbandoned()) return failed;
     return static_cast<Result>(function(arguments...));
   }
-  const FunctionTable& Library() const { return m_library->functions; }
+  /// The functions of this attempt's library; none when it could not be bound for lack of memory.
+  const FunctionTable& Library() const;
   char* Status() { return m_status.data(); }
 
   std::atomic<bool> m_abandoned{false};

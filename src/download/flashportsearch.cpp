@@ -74,11 +74,8 @@ DWORD FlashPortSearch::Wait(DWORD milliseconds, const std::atomic<bool>& abandon
   const ULONGLONG begin = ::GetTickCount64();
   for (DWORD left = milliseconds;;) {
     const DWORD result = ::WaitForSingleObject(m_signal.get(), left);
-    if (result != WAIT_OBJECT_0 || !Port().IsEmpty()) return result;
-    if (abandoned) {
-      ::ReleaseSemaphore(m_signal.get(), 1, nullptr);
-      return result;
-    }
+    if (result == WAIT_OBJECT_0 && abandoned) ::ReleaseSemaphore(m_signal.get(), 1, nullptr);
+    if (result != WAIT_OBJECT_0 || abandoned || !Port().IsEmpty()) return result;
     const ULONGLONG passed = ::GetTickCount64() - begin;
     if (passed >= milliseconds) return result;
     left = milliseconds - static_cast<DWORD>(passed);

@@ -19,7 +19,7 @@ class FlashPortSearch {
   bool CreateSignal();
   /// Waits for the port, `milliseconds` at most. A wake-up that no report of this search caused does not end
   /// the wait: the signal is shared by name, so it may carry what an earlier search left. An abandoned
-  /// waiter hands a signal on, since it was not meant for it.
+  /// waiter hands a signal on: somebody else may be waiting for it.
   /// @return the result of the last wait on the signal.
   DWORD Wait(DWORD milliseconds, const std::atomic<bool>& abandoned);
   void CloseSignal();

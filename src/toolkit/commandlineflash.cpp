@@ -26,5 +26,6 @@ bool ToolKit::FirmwareFlash_CmdLine(int traceLevel, char* ipcType, int, char*, c
   return false;
 } catch (...) {
   // Out of memory; "Flash_Result" tells how far the job came.
+  CFirmwareDownloader::Unload();
   return false;
 }

@@ -1,10 +1,12 @@
 #include "common/log.h"
+#include "download/firmwaredownloader.h"
 #include "toolkit/flashjob.h"
 #include "toolkit/toolkit.h"
 
 namespace {
 
 constexpr DWORD kPauseWithoutImagesMs = 3000;
+constexpr DWORD kPauseAfterLackOfMemoryMs = 3000;
 
 void RunPass() {
   LOG_TRACE("%s", kServiceRules.startOfPass);
@@ -19,18 +21,22 @@ void RunPass() {
   ToolKit::SetFlashReadyFlag(ToolKit::hMainKey, ToolKit::mStrKey, 0);
 }
 
+/// Nothing ends the supervisor, not even lack of memory: the next pass finds the flag as it stands.
+template <typename Step>
+void Survive(Step step) {
+  try {
+    step();
+  } catch (...) {
+    CFirmwareDownloader::Unload();
+    ::Sleep(kPauseAfterLackOfMemoryMs);
+  }
+}
+
 }  // namespace
 
 bool ToolKit::MainThreadImplementation(void*) {
   LOG_TRACE("\t MainThreadImplementation ++");
-  GetModemBranch();
-  FlashJob::WriteInitialValues();
-  for (;;) {
-    try {
-      RunPass();
-    } catch (...) {
-      // Out of memory; the next pass finds the flag as it stands and tries again.
-      ::Sleep(kPauseWithoutImagesMs);
-    }
-  }
+  Survive(GetModemBranch);
+  Survive(FlashJob::WriteInitialValues);
+  for (;;) Survive(RunPass);
 }

@@ -26,7 +26,6 @@ namespace {
 constexpr int kLoggingOn = 3;
 constexpr int kLoggingOff = 0;
 constexpr int kKeptDownloadLogs = 5;
-constexpr wchar_t kPathSeparator = L'\\';
 
 constexpr wchar_t kCommandLineRoot[] = L"HKLM";
 constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";

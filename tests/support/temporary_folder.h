@@ -2,8 +2,10 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -12,10 +14,13 @@
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::wstring& suffix = L"") {
-    static int count = 0;
-    m_path = std::filesystem::temp_directory_path() / (L"corvel-" + std::to_wstring(::GetCurrentProcessId()) +
-                                                       L"-" + std::to_wstring(++count) + suffix);
-    std::filesystem::create_directories(m_path);
+    static std::atomic<int> count{0};
+    const std::wstring process = std::to_wstring(::GetCurrentProcessId());
+    // A process of the same number may have left a folder behind.
+    do {
+      m_path = std::filesystem::temp_directory_path() /
+               (L"corvel-" + process + L"-" + std::to_wstring(++count) + suffix);
+    } while (!std::filesystem::create_directory(m_path));
   }
   ~TemporaryFolder() {
     std::error_code ignored;
@@ -37,7 +42,18 @@ class TemporaryFolder {
     std::filesystem::resize_file(m_path / name, size);
     return File(name);
   }
-  bool Holds(const std::wstring& name) const { return std::filesystem::exists(m_path / name); }
+  bool Holds(const std::filesystem::path& name) const { return std::filesystem::exists(m_path / name); }
+  /// The bytes of a file, also while somebody writes it; empty when there is none.
+  std::string Content(const std::filesystem::path& name) const {
+    std::ifstream file(m_path / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  // The same for functions that take names in the system's ANSI code page.
+  std::string File(const std::string& name) const { return (m_path / name).string(); }
+  std::string Write(const std::string& name, std::string_view bytes) const {
+    return std::filesystem::path(Write(std::filesystem::path(name).wstring(), bytes)).string();
+  }
 
  private:
   std::filesystem::path m_path;

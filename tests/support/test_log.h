@@ -58,6 +58,13 @@ class TestLog {
     CDebugLogger::ReleaseInstance();
   }
 
+  /// What the file holds, byte for byte.
+  std::string Text() const { return m_folder.Content(L"test.log"); }
+  bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
+  /// True once there is a file, be it empty.
+  bool Exists() const { return m_folder.Holds(L"test.log"); }
+  std::string Path() const { return m_folder.File("test.log"); }
+
   std::vector<LogRecord> Records() const { return ReadLog(m_folder.File(L"test.log")); }
   std::vector<std::string> Messages() const { return MessagesOf(Records()); }
   /// The level word of the record with this message; empty when there is none.

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+/// Registers this program as the source of the service's messages. @return the Win32 error, 0 on success.
+DWORD RegisterEventSourceMessages();
+void UnregisterEventSourceMessages();
+
+/// Writes one message of the message table to the Windows event log. Losing it is no failure.
+void WriteEvent(DWORD message, const std::wstring& insertion = {});

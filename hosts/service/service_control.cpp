@@ -1,0 +1,173 @@
+#include "service_control.h"
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include "event_log.h"
+#include "identity.h"
+#include "text.h"
+
+namespace {
+
+constexpr DWORD kPollMs = 100;
+constexpr DWORD kLongestStartMs = 30000;
+constexpr DWORD kFailureResetSeconds = 24 * 60 * 60;
+
+struct ServiceCloser {
+  using pointer = SC_HANDLE;
+  void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
+};
+using UniqueService = std::unique_ptr<SC_HANDLE__, ServiceCloser>;
+
+ControlResult Failed(const char* step) {
+  return {::GetLastError(), step};
+}
+
+UniqueService OpenManager(DWORD access) {
+  return UniqueService(::OpenSCManagerW(nullptr, nullptr, access));
+}
+
+UniqueService OpenFlashService(SC_HANDLE manager, DWORD access) {
+  return UniqueService(::OpenServiceW(manager, kServiceName, access));
+}
+
+/// Restarts a service that failed, by ending early too, with growing delays.
+bool SetFailureActions(SC_HANDLE service) {
+  std::array<SC_ACTION, 3> actions{
+      {{SC_ACTION_RESTART, 5000}, {SC_ACTION_RESTART, 30000}, {SC_ACTION_RESTART, 60000}}};
+  SERVICE_FAILURE_ACTIONSW failure{};
+  failure.dwResetPeriod = kFailureResetSeconds;
+  failure.cActions = static_cast<DWORD>(actions.size());
+  failure.lpsaActions = actions.data();
+  SERVICE_FAILURE_ACTIONS_FLAG alsoErrors{TRUE};
+  return ::ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure) &&
+         ::ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &alsoErrors);
+}
+
+bool SetDescription(SC_HANDLE service) {
+  std::wstring text = kDescription;
+  SERVICE_DESCRIPTIONW description{text.data()};
+  return ::ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description) != FALSE;
+}
+
+/// The system's own limit would end a download that is under way when the PC shuts down.
+bool SetPreShutdownLimit(SC_HANDLE service) {
+  SERVICE_PRESHUTDOWN_INFO limit{kLongestStopMs};
+  return ::ChangeServiceConfig2W(service, SERVICE_CONFIG_PRESHUTDOWN_INFO, &limit) != FALSE;
+}
+
+bool QueryStatus(SC_HANDLE service, SERVICE_STATUS_PROCESS& status) {
+  DWORD needed = 0;
+  return ::QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                sizeof status, &needed) != FALSE;
+}
+
+/// Waits while the service is in `passing`. @return the state after that, or when the time is up.
+DWORD WaitWhile(SC_HANDLE service, DWORD passing, DWORD longestMs) {
+  SERVICE_STATUS_PROCESS status{};
+  for (DWORD waited = 0;
+       QueryStatus(service, status) && status.dwCurrentState == passing && waited < longestMs;
+       waited += kPollMs) {
+    ::Sleep(kPollMs);
+  }
+  return status.dwCurrentState;
+}
+
+DWORD ExitCodeOf(SC_HANDLE service) {
+  SERVICE_STATUS_PROCESS status{};
+  if (!QueryStatus(service, status)) return ::GetLastError();
+  return status.dwWin32ExitCode != NO_ERROR ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
+}
+
+}  // namespace
+
+ControlResult InstallService(bool automatic) {
+  const UniqueService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
+  if (manager == nullptr) return Failed("open the service manager");
+  // Quoted: a blank in an unquoted path lets another program be started in its place.
+  const std::wstring command = L"\"" + ProgramPath() + L"\"";
+  const UniqueService service(
+      ::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                       SERVICE_WIN32_OWN_PROCESS, automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START,
+                       SERVICE_ERROR_NORMAL, command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  if (service == nullptr) return Failed("create the service");
+  if (!SetDescription(service.get())) return Failed("describe the service");
+  if (!SetFailureActions(service.get())) return Failed("set the failure actions");
+  if (!SetPreShutdownLimit(service.get())) return Failed("set the time limit of a shutdown");
+  return {RegisterEventSourceMessages(), "register the messages of the event log"};
+}
+
+ControlResult UninstallService() {
+  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  if (manager == nullptr) return Failed("open the service manager");
+  const UniqueService service = OpenFlashService(
+      manager.get(), DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_USER_DEFINED_CONTROL);
+  if (service == nullptr) return Failed("open the service");
+  SERVICE_STATUS_PROCESS status{};
+  if (QueryStatus(service.get(), status) && status.dwCurrentState != SERVICE_STOPPED) {
+    const ControlResult stopped = StopFlashService(false);
+    if (stopped.error != ERROR_SUCCESS) return stopped;
+  }
+  if (!::DeleteService(service.get())) return Failed("delete the service");
+  UnregisterEventSourceMessages();
+  return {};
+}
+
+ControlResult StartFlashService() {
+  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  if (manager == nullptr) return Failed("open the service manager");
+  const UniqueService service = OpenFlashService(manager.get(), SERVICE_START | SERVICE_QUERY_STATUS);
+  if (service == nullptr) return Failed("open the service");
+  if (!::StartServiceW(service.get(), 0, nullptr)) return Failed("start the service");
+  if (WaitWhile(service.get(), SERVICE_START_PENDING, kLongestStartMs) == SERVICE_RUNNING) return {};
+  return {ExitCodeOf(service.get()), "get the service to run"};
+}
+
+ControlResult StopFlashService(bool forced) {
+  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  if (manager == nullptr) return Failed("open the service manager");
+  const UniqueService service =
+      OpenFlashService(manager.get(), SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_USER_DEFINED_CONTROL);
+  if (service == nullptr) return Failed("open the service");
+  SERVICE_STATUS status{};
+  if (!::ControlService(service.get(), forced ? kControlForcedStop : SERVICE_CONTROL_STOP, &status)) {
+    return Failed("stop the service");
+  }
+  // A forced stop is a control like others: the service runs on for the moment that it takes to obey.
+  WaitWhile(service.get(), SERVICE_RUNNING, kLongestStopMs);
+  if (WaitWhile(service.get(), SERVICE_STOP_PENDING, kLongestStopMs) == SERVICE_STOPPED) return {};
+  return {ERROR_SERVICE_REQUEST_TIMEOUT, "see the service stopped"};
+}
+
+ControlResult QueryFlashService(ServiceState& state) {
+  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  if (manager == nullptr) return Failed("open the service manager");
+  const UniqueService service = OpenFlashService(manager.get(), SERVICE_QUERY_STATUS);
+  if (service == nullptr) {
+    return ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST ? ControlResult{} : Failed("open the service");
+  }
+  SERVICE_STATUS_PROCESS status{};
+  if (!QueryStatus(service.get(), status)) return Failed("ask for the service's state");
+  state = {.installed = true,
+           .state = status.dwCurrentState,
+           .processId = status.dwProcessId,
+           .win32ExitCode = status.dwWin32ExitCode,
+           .serviceExitCode = status.dwServiceSpecificExitCode};
+  return {};
+}
+
+const char* NameOfState(DWORD state) {
+  switch (state) {
+    case SERVICE_STOPPED:
+      return "stopped";
+    case SERVICE_START_PENDING:
+      return "starting";
+    case SERVICE_STOP_PENDING:
+      return "stopping";
+    case SERVICE_RUNNING:
+      return "running";
+    default:
+      return "in another state";
+  }
+}

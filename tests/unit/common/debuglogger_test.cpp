@@ -1,0 +1,501 @@
+#include "common/debuglogger.h"
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/handles.h"
+#include "import_patch.h"
+#include "support/temporary_folder.h"
+#include "support/test_log.h"
+#include "toolkit/toolkit.h"
+
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+constexpr char kFile[] = "C:\\build\\src\\module.src";
+constexpr char kOfTheSystem[] = "toolkit_internals.dll";
+constexpr DWORD kLongEnough = 30000;
+
+template <typename... Values>
+void Log(const char* format, Values... values) {
+  ToolKit::OutputDebug(3, "FlashSvc", "Class::Function", kFile, 339, format, values...);
+}
+
+void LogAtLevel(int level) {
+  ToolKit::OutputDebug(level, "FlashSvc", "Class::Function", kFile, 339, "message");
+}
+
+std::vector<std::string> Fields(const std::string& record) {
+  std::vector<std::string> fields;
+  std::istringstream text(record);
+  for (std::string field; std::getline(text, field, '\t');) fields.push_back(field);
+  return fields;
+}
+
+/// The lines of a log, without their line ends.
+std::vector<std::string> Records(const std::string& log) {
+  std::vector<std::string> records;
+  std::size_t from = 0;
+  for (std::size_t end = 0; (end = log.find("\r\n", from)) != std::string::npos; from = end + 2) {
+    records.push_back(log.substr(from, end - from));
+  }
+  return records;
+}
+
+class DebugLoggerTest : public testing::Test {
+ protected:
+  ~DebugLoggerTest() override { CDebugLogger::SetLevel(3); }
+
+  TestLog log;
+  ImportPatch patch{::GetModuleHandleA(kOfTheSystem)};
+};
+
+// The record
+
+TEST_F(DebugLoggerTest, WritesARecordOfTabSeparatedFields) {
+  Log("\t get Config Var, [%s] : %s", "IPCTYPE", "USB");
+  const std::string ids =
+      std::to_string(::GetCurrentProcessId()) + "~" + std::to_string(::GetCurrentThreadId());
+  EXPECT_THAT(log.Text(), StartsWith("#"));
+  EXPECT_THAT(log.Text(), EndsWith("\t" + ids +
+                                   "\tFlashSvc\tTrace\tmodule.src\t339\tClass::Function"
+                                   "\t\t get Config Var, [IPCTYPE] : USB##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, WritesDateAndTimeWithAllTheirDigits) {
+  Log("message");
+  const auto fields = Fields(log.Text());
+  ASSERT_EQ(fields.size(), 9u);
+  EXPECT_THAT(fields[0], MatchesRegex("#\\d\\d\\d\\d-\\d\\d-\\d\\d"));
+  EXPECT_THAT(fields[1], MatchesRegex("\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d"));
+}
+
+VOID WINAPI EarlyMorning(SYSTEMTIME* time) {
+  *time = {2026, 1, 4, 2, 3, 4, 5, 6};
+}
+
+TEST_F(DebugLoggerTest, FillsSmallNumbersOfDateAndTimeWithZeros) {
+  ASSERT_TRUE(patch.Replace("GetLocalTime", &EarlyMorning));
+  Log("message");
+  EXPECT_THAT(log.Text(), StartsWith("#2026-01-02\t03:04:05.006\t"));
+}
+
+TEST_F(DebugLoggerTest, NamesTheLevelsOneToThree) {
+  LogAtLevel(1);
+  LogAtLevel(2);
+  LogAtLevel(3);
+  const auto records = Records(log.Text());
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(Fields(records[0])[4], "Error");
+  EXPECT_EQ(Fields(records[1])[4], "Warning");
+  EXPECT_EQ(Fields(records[2])[4], "Trace");
+}
+
+TEST_F(DebugLoggerTest, WritesAnyOtherLevelAsOff) {
+  LogAtLevel(0);
+  LogAtLevel(7);
+  LogAtLevel(-1);
+  const auto records = Records(log.Text());
+  ASSERT_EQ(records.size(), 3u);
+  for (const std::string& record : records) EXPECT_EQ(Fields(record)[4], "Off");
+}
+
+TEST_F(DebugLoggerTest, LeavesTheFolderOfTheSourceFileOut) {
+  ToolKit::OutputDebug(3, "c", "f", "D:/a.b/source.cpp", 1, "slashes");
+  ToolKit::OutputDebug(3, "c", "f", "plain", 1, "no folder, no extension");
+  ToolKit::OutputDebug(3, "c", "f", "\\\\server\\share\\x.y.z", 1, "two dots");
+  const auto records = Records(log.Text());
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(Fields(records[0])[5], "source.cpp");
+  EXPECT_EQ(Fields(records[1])[5], "plain");
+  EXPECT_EQ(Fields(records[2])[5], "x.y.z");
+}
+
+TEST_F(DebugLoggerTest, CutsAnOverlongSourceFileNameTo255Characters) {
+  const std::string file = "C:\\" + std::string(300, 'f') + "\\" + std::string(300, 'n') + ".cpp";
+  ToolKit::OutputDebug(3, "c", "f", file.c_str(), 1, "message");
+  EXPECT_EQ(Fields(log.Text())[5], std::string(255, 'n') + ".cpp");
+}
+
+// The message
+
+TEST_F(DebugLoggerTest, WritesAMessageOfMoreThanTenThousandCharactersWhole) {
+  const std::string message(10001, 'm');
+  Log("%s", message.c_str());
+  EXPECT_THAT(log.Text(), EndsWith("\t" + message + "##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, KeepsALineEndInTheMessage) {
+  Log("first\nsecond\n");
+  EXPECT_THAT(log.Text(), EndsWith("\tfirst\nsecond\n##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, TakesPositionalParameters) {
+  Log("%2$s before %1$s", "b", "a");
+  EXPECT_THAT(log.Text(), EndsWith("\ta before b##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, PrintsWideTexts) {
+  Log("%ls %S", L"one", L"two");
+  EXPECT_THAT(log.Text(), EndsWith("\tone two##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, NamesTheFormatOfAMessageThatTheRuntimeRefusesToPrint) {
+  Log("\t path: %ls", L"\u4E2D");
+  EXPECT_THAT(log.Text(), EndsWith("<not printable> \t path: %ls##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, SurvivesMissingTexts) {
+  ToolKit::OutputDebug(3, nullptr, nullptr, nullptr, 1, nullptr);
+  EXPECT_EQ(Records(log.Text()).size(), 1u);
+}
+
+TEST_F(DebugLoggerTest, WritesAnEmptyMessage) {
+  Log("%s", "");
+  EXPECT_THAT(log.Text(), EndsWith("\tClass::Function\t##\r\n"));
+}
+
+// The switch
+
+TEST_F(DebugLoggerTest, WritesNothingAndCreatesNoFileAtLevelZero) {
+  CDebugLogger::SetLevel(0);
+  Log("message");
+  EXPECT_FALSE(log.Exists());
+}
+
+TEST_F(DebugLoggerTest, WritesNothingAtANegativeLevel) {
+  CDebugLogger::SetLevel(-1);
+  Log("message");
+  EXPECT_FALSE(log.Exists());
+}
+
+TEST_F(DebugLoggerTest, KeepsWhatWasWrittenBeforeLoggingWasTurnedOff) {
+  Log("before");
+  ToolKit::TurnLoggingOff();
+  Log("while off");
+  ToolKit::TurnLoggingOn();
+  Log("after");
+  const auto records = Records(log.Text());
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_THAT(records[0], HasSubstr("before"));
+  EXPECT_THAT(records[1], HasSubstr("after"));
+}
+
+TEST_F(DebugLoggerTest, TheSwitchIsNoThreshold) {
+  CDebugLogger::SetLevel(1);
+  LogAtLevel(3);
+  EXPECT_EQ(Records(log.Text()).size(), 1u);
+}
+
+TEST_F(DebugLoggerTest, TurningOnAndOffStoresThreeAndZero) {
+  ToolKit::TurnLoggingOff();
+  EXPECT_EQ(CDebugLogger::GetLevel(), 0);
+  ToolKit::TurnLoggingOn();
+  EXPECT_EQ(CDebugLogger::GetLevel(), 3);
+}
+
+// The file
+
+class LogFileTest : public DebugLoggerTest {
+ protected:
+  // The file is closed before its folder goes.
+  ~LogFileTest() override { CDebugLogger::GetInstance()->SetFileName(""); }
+
+  void Name(const std::string& path) { CDebugLogger::GetInstance()->SetFileName(path.c_str()); }
+
+  TemporaryFolder folder;
+};
+
+TEST_F(LogFileTest, IsCreatedByTheFirstRecordNotByItsName) {
+  Name(folder.File("new.log"));
+  EXPECT_FALSE(folder.Holds("new.log"));
+  Log("message");
+  EXPECT_TRUE(folder.Holds("new.log"));
+}
+
+TEST_F(LogFileTest, IsNamedThroughTheExportedFunctionToo) {
+  ToolKit().SetDebugLoggerFileName(folder.File("host.log").c_str());
+  Log("message");
+  EXPECT_TRUE(folder.Holds("host.log"));
+}
+
+TEST_F(LogFileTest, OfAnEarlierRunIsEmptiedByTheFirstRecord) {
+  Name(folder.Write("old.log", "old records"));
+  EXPECT_EQ(folder.Content("old.log"), "old records");
+  Log("message");
+  EXPECT_EQ(Records(folder.Content("old.log")).size(), 1u);
+}
+
+TEST_F(LogFileTest, IsFollowedByAnotherWhenTheNameChanges) {
+  Name(folder.File("first.log"));
+  Log("one");
+  Name(folder.File("second.log"));
+  Log("two");
+  EXPECT_THAT(folder.Content("first.log"), EndsWith("\tone##\r\n"));
+  EXPECT_EQ(Records(folder.Content("second.log")).size(), 1u);
+}
+
+TEST_F(LogFileTest, IsEmptiedWhenItIsNamedAgain) {
+  Name(folder.File("same.log"));
+  Log("one");
+  Name(folder.File("same.log"));
+  Log("two");
+  const auto records = Records(folder.Content("same.log"));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_THAT(records[0], HasSubstr("two"));
+}
+
+TEST_F(LogFileTest, GetsItsMissingFolderWhenItIsNamed) {
+  Name(folder.File("logs\\new.log"));
+  EXPECT_TRUE(folder.Holds("logs"));
+  Log("message");
+  EXPECT_TRUE(folder.Holds("logs/new.log"));
+}
+
+TEST_F(LogFileTest, TwoMissingFoldersDeepIsNotMadeAndDropsItsRecords) {
+  Name(folder.File("logs\\deeper\\new.log"));
+  Log("message");
+  EXPECT_FALSE(folder.Holds("logs"));
+}
+
+TEST_F(LogFileTest, WithoutANameDropsRecordsUntilThereIsOne) {
+  Name("");
+  Log("lost");
+  Name(folder.File("new.log"));
+  Log("kept");
+  EXPECT_EQ(Records(folder.Content("new.log")).size(), 1u);
+}
+
+TEST_F(LogFileTest, ThatCannotBeOpenedIsTriedAgainForEveryRecord) {
+  Name(folder.File("a\\b\\new.log"));
+  Log("lost");
+  std::filesystem::create_directories(folder.Path() / "a" / "b");
+  Log("kept");
+  EXPECT_EQ(Records(folder.Content("a/b/new.log")).size(), 1u);
+}
+
+TEST_F(LogFileTest, TakesANullNameForNone) {
+  CDebugLogger::GetInstance()->SetFileName(nullptr);
+  Log("lost");
+  SUCCEED();
+}
+
+TEST_F(LogFileTest, LetsOthersReadWhileItIsWritten) {
+  Log("message");
+  CFileIo reader;
+  EXPECT_EQ(reader.OpenEx(log.Path().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING,
+                          0, nullptr, nullptr),
+            S_OK);
+}
+
+TEST_F(LogFileTest, IsRefusedToAReaderWhoDoesNotShareWriting) {
+  Log("message");
+  CFileIo reader;
+  EXPECT_EQ(reader.Open(log.Path().c_str(), false), static_cast<HRESULT>(0x80070020u));
+}
+
+TEST_F(LogFileTest, TakesAFinishedTextAsItStands) {
+  CDebugLogger::GetInstance()->WriteText("finished line\r\n");
+  Log("message");
+  EXPECT_THAT(log.Text(), StartsWith("finished line\r\n#"));
+}
+
+TEST_F(LogFileTest, IsClosedByReleasingAndEmptiedByALaterRecord) {
+  Log("one");
+  CDebugLogger::ReleaseInstance();
+  CFileIo exclusive;
+  EXPECT_EQ(exclusive.Open(log.Path().c_str(), false), S_OK);
+  exclusive.Close();
+  Log("two");
+  EXPECT_EQ(Records(log.Text()).size(), 1u);
+}
+
+// Failures and locking
+
+struct Calls {
+  int writes = 0;
+  int sizes = 0;
+  int flushes = 0;
+} calls;
+
+BOOL WINAPI CountWrite(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  ++calls.writes;
+  return ::WriteFile(file, data, size, written, overlapped);
+}
+DWORD WINAPI CountSize(HANDLE file, LPDWORD high) {
+  ++calls.sizes;
+  return ::GetFileSize(file, high);
+}
+BOOL WINAPI CountFlush(HANDLE file) {
+  ++calls.flushes;
+  return ::FlushFileBuffers(file);
+}
+BOOL WINAPI RefuseWrite(HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) {
+  ::SetLastError(ERROR_DISK_FULL);
+  return FALSE;
+}
+DWORD WINAPI FailToWait(HANDLE, DWORD) {
+  return WAIT_FAILED;
+}
+
+TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
+  calls = {};
+  ASSERT_TRUE(patch.Replace("WriteFile", &CountWrite));
+  ASSERT_TRUE(patch.Replace("GetFileSize", &CountSize));
+  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &CountFlush));
+  Log("message");
+  EXPECT_EQ(calls.writes, 1);
+  EXPECT_EQ(calls.sizes, 1);
+  EXPECT_EQ(calls.flushes, 0);
+}
+
+TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
+  ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
+  Log("lost");
+  patch.Restore();
+  Log("kept");
+  const auto records = Records(log.Text());
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_THAT(records[0], HasSubstr("kept"));
+}
+
+TEST_F(DebugLoggerTest, WritesTheRecordEvenWhenTheLockFails) {
+  ASSERT_TRUE(patch.Replace("WaitForSingleObject", &FailToWait));
+  Log("message");
+  EXPECT_EQ(Records(log.Text()).size(), 1u);
+}
+
+TEST_F(DebugLoggerTest, LeavesTheCallersLastErrorAlone) {
+  ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
+  ::SetLastError(1234);
+  Log("lost");
+  EXPECT_EQ(::GetLastError(), 1234u);
+}
+
+TEST_F(DebugLoggerTest, NeverInterleavesTheRecordsOfSeveralThreads) {
+  constexpr int kThreads = 4;
+  constexpr int kRecordsOfEach = 100;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([] {
+      for (int j = 0; j < kRecordsOfEach; ++j) Log("a message of some length");
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  const auto records = Records(log.Text());
+  EXPECT_EQ(records.size(), std::size_t{kThreads * kRecordsOfEach});
+  EXPECT_TRUE(std::ranges::all_of(records, [](const std::string& record) {
+    return record.starts_with("#") && record.ends_with("\ta message of some length##");
+  }));
+}
+
+HANDLE g_writing = nullptr;
+BOOL WINAPI WriteForEver(HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) {
+  ::SetEvent(g_writing);
+  ::Sleep(INFINITE);
+  return FALSE;
+}
+DWORD WINAPI LogOnce(LPVOID) {
+  Log("never ends");
+  return 0;
+}
+
+// As at process exit, where the system ends all other threads before the library is told.
+TEST_F(DebugLoggerTest, TakesTheLockOverFromAThreadThatWasKilledWhileItHeldIt) {
+  const UniqueHandle writing(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  g_writing = writing.get();
+  Log("before");
+  ASSERT_TRUE(patch.Replace("WriteFile", &WriteForEver));
+  const UniqueHandle thread(::CreateThread(nullptr, 0, &LogOnce, nullptr, 0, nullptr));
+  ASSERT_EQ(::WaitForSingleObject(writing.get(), kLongEnough), WAIT_OBJECT_0);
+  ::TerminateThread(thread.get(), 1);
+  ASSERT_EQ(::WaitForSingleObject(thread.get(), kLongEnough), WAIT_OBJECT_0);
+  patch.Restore();
+
+  Log("after");
+  EXPECT_THAT(log.Text(), EndsWith("\tafter##\r\n"));
+}
+
+// Processes: this program starts itself with one of the following tests.
+
+constexpr char kLogOfTheChild[] = "CORVEL_TEST_LOG_FILE";
+
+void NameTheFileOfTheChild() {
+  const char* const path = std::getenv(kLogOfTheChild);
+  ASSERT_NE(path, nullptr) << "runs only as a child process";
+  CDebugLogger::GetInstance()->SetFileName(path);
+}
+
+TEST(LogChild, DISABLED_WritesOneRecord) {
+  NameTheFileOfTheChild();
+  Log("from the child");
+}
+
+TEST(LogChild, DISABLED_LogsAfterShutDown) {
+  NameTheFileOfTheChild();
+  Log("before");
+  CDebugLogger::ReleaseInstance();
+  CDebugLogger::ShutDown();
+  Log("after");
+}
+
+void RunChild(const std::string& test, const std::string& logFile) {
+  std::array<char, MAX_PATH> program{};
+  ::GetModuleFileNameA(nullptr, program.data(), static_cast<DWORD>(program.size()));
+  std::string command =
+      "\"" + std::string(program.data()) +
+      "\" --gtest_brief=1 --gtest_also_run_disabled_tests --gtest_filter=LogChild.DISABLED_" + test;
+  ::SetEnvironmentVariableA(kLogOfTheChild, logFile.c_str());
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  ASSERT_TRUE(::CreateProcessA(program.data(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &startup, &process));
+  const UniqueHandle child(process.hProcess);
+  const UniqueHandle thread(process.hThread);
+  ASSERT_EQ(::WaitForSingleObject(child.get(), kLongEnough), WAIT_OBJECT_0);
+  DWORD exitCode = 1;
+  ASSERT_TRUE(::GetExitCodeProcess(child.get(), &exitCode));
+  ASSERT_EQ(exitCode, 0u);
+}
+
+TEST(LogOfSeveralProcesses, StartsAfreshWithEachRunOfTheHost) {
+  const TemporaryFolder folder;
+  RunChild("WritesOneRecord", folder.File("host.log"));
+  RunChild("WritesOneRecord", folder.File("host.log"));
+  EXPECT_EQ(Records(folder.Content("host.log")).size(), 1u);
+}
+
+TEST(LogOfSeveralProcesses, BelongsToTheFirstOneThatOpenedIt) {
+  const TestLog log;
+  Log("from the parent");
+  RunChild("WritesOneRecord", log.Path());
+  Log("from the parent");
+  EXPECT_EQ(Records(log.Text()).size(), 2u);
+  EXPECT_FALSE(log.Contains("from the child"));
+}
+
+TEST(LogOfSeveralProcesses, KeepsItsRecordsWhenOneComesAfterShutDown) {
+  const TemporaryFolder folder;
+  RunChild("LogsAfterShutDown", folder.File("host.log"));
+  const auto records = Records(folder.Content("host.log"));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_THAT(records[0], HasSubstr("before"));
+}
+
+}  // namespace

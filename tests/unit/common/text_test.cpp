@@ -1,0 +1,93 @@
+#include "common/text.h"
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+
+namespace {
+
+std::optional<std::string> Print(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  auto text = PrintNarrow(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+std::optional<std::wstring> Print(const wchar_t* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  auto text = PrintWide(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+TEST(TextConversion, GoesBothWaysBetweenUtf8AndWide) {
+  EXPECT_EQ(WideFromUtf8("caf\xC3\xA9"), L"caf\u00E9");
+  EXPECT_EQ(Utf8FromWide(L"caf\u00E9"), "caf\xC3\xA9");
+}
+
+TEST(TextConversion, OfAnEmptyTextIsEmpty) {
+  EXPECT_EQ(WideFromUtf8(""), L"");
+  EXPECT_EQ(Utf8FromWide(L""), "");
+  EXPECT_EQ(AnsiFromWide(L""), "");
+}
+
+TEST(TextConversion, KeepsAnEmbeddedTerminator) {
+  EXPECT_EQ(WideFromUtf8(std::string_view("a\0b", 3)), std::wstring(L"a\0b", 3));
+  EXPECT_EQ(Utf8FromWide(std::wstring_view(L"a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(TextConversion, UsesTheSystemsCodePageForAnsi) {
+  char expected[8]{};
+  ::WideCharToMultiByte(CP_ACP, 0, L"caf\u00E9", -1, expected, sizeof expected, nullptr, nullptr);
+  EXPECT_EQ(AnsiFromWide(L"caf\u00E9"), expected);
+}
+
+TEST(TextConversion, LeavesTheLastErrorAlone) {
+  ::SetLastError(1234);
+  WideFromUtf8("");
+  WideFromUtf8("\xFF");
+  Utf8FromWide(L"");
+  EXPECT_EQ(::GetLastError(), 1234u);
+}
+
+TEST(TextNarrow, GivesUtf8WithoutChangingTheText) {
+  const CTString text(L"caf\u00E9");
+  EXPECT_EQ(Narrow(text), "caf\xC3\xA9");
+}
+
+TEST(TextPrint, TakesPositionalParameters) {
+  EXPECT_EQ(Print("%2$s %1$s", "world", "hello"), "hello world");
+}
+
+TEST(TextPrint, PrintsWideTextsInANarrowFormat) {
+  EXPECT_EQ(Print("[%ls] [%S]", L"one", L"two"), "[one] [two]");
+}
+
+TEST(TextPrint, GivesAnEmptyTextForAnEmptyFormat) {
+  EXPECT_EQ(Print("%s", ""), "");
+  EXPECT_EQ(Print(L"%s", L""), L"");
+}
+
+TEST(TextPrint, TakesAnyLength) {
+  const std::string text(100000, 'x');
+  EXPECT_EQ(Print("%s", text.c_str()), text);
+}
+
+TEST(TextPrint, GivesNothingForACharacterThatTheLocaleLacks) {
+  EXPECT_EQ(Print("%ls", L"\u4E2D"), std::nullopt);
+}
+
+TEST(TextPrint, GivesNothingWithoutAFormat) {
+  EXPECT_EQ(Print(static_cast<const char*>(nullptr)), std::nullopt);
+  EXPECT_EQ(Print(static_cast<const wchar_t*>(nullptr)), std::nullopt);
+}
+
+TEST(TextPrint, TakesPlainStringsAsWideInAWideFormat) {
+  EXPECT_EQ(Print(L"%s|%ls|%S", L"hello", L"wide", "narrow"), L"hello|wide|narrow");
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "common/worker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "import_patch.h"
+
+namespace {
+
+constexpr DWORD kLongEnough = 30000;
+
+HMODULE Library() {
+  return ::GetModuleHandleW(L"toolkit_internals.dll");
+}
+
+struct Asked {
+  SECURITY_ATTRIBUTES* security = nullptr;
+  SIZE_T stackSize = 0;
+  DWORD threadFlags = 0;
+  DWORD moduleFlags = 0;
+  int references = 0;
+} asked;
+
+HANDLE WINAPI RecordThread(SECURITY_ATTRIBUTES* security, SIZE_T stackSize, LPTHREAD_START_ROUTINE start,
+                           LPVOID parameter, DWORD flags, LPDWORD id) {
+  asked.security = security;
+  asked.stackSize = stackSize;
+  asked.threadFlags = flags;
+  return ::CreateThread(security, stackSize, start, parameter, flags, id);
+}
+
+HANDLE WINAPI RefuseThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE, LPVOID, DWORD, LPDWORD) {
+  ::SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+  return nullptr;
+}
+
+BOOL WINAPI CountModuleReference(DWORD flags, LPCWSTR address, HMODULE* module) {
+  asked.moduleFlags = flags;
+  ++asked.references;
+  return ::GetModuleHandleExW(flags, address, module);
+}
+
+BOOL WINAPI RefuseModule(DWORD, LPCWSTR, HMODULE* module) {
+  *module = nullptr;
+  ::SetLastError(ERROR_MOD_NOT_FOUND);
+  return FALSE;
+}
+
+BOOL WINAPI CountReleaseOfModule(HMODULE module) {
+  --asked.references;
+  return ::FreeLibrary(module);
+}
+
+std::atomic<int> releasesAtExit{0};
+VOID WINAPI CountReleaseAtExit(HMODULE module, DWORD code) {
+  ++releasesAtExit;
+  EXPECT_EQ(module, Library());
+  ::FreeLibraryAndExitThread(module, code);
+}
+
+class WorkerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    asked = {};
+    releasesAtExit = 0;
+  }
+  static void Join(const UniqueHandle& thread) {
+    ASSERT_NE(thread, nullptr);
+    ASSERT_EQ(::WaitForSingleObject(thread.get(), kLongEnough), WAIT_OBJECT_0);
+  }
+
+  ImportPatch patch{Library()};
+};
+
+TEST_F(WorkerTest, RunsItsBodyOnAThreadOfItsOwn) {
+  DWORD id = 0;
+  Join(StartWorker([&] { id = ::GetCurrentThreadId(); }));
+  EXPECT_NE(id, 0u);
+  EXPECT_NE(id, ::GetCurrentThreadId());
+}
+
+TEST_F(WorkerTest, AsksForTheAllocationGranularityAsInitialStack) {
+  SYSTEM_INFO info{};
+  ::GetSystemInfo(&info);
+  ASSERT_TRUE(patch.Replace("CreateThread", &RecordThread));
+  Join(StartWorker([] {}));
+  EXPECT_EQ(asked.stackSize, info.dwAllocationGranularity);
+  EXPECT_EQ(asked.threadFlags, 0u);
+  EXPECT_EQ(asked.security, nullptr);
+}
+
+// A stack of 64 KiB in all would be too little for COM and for long records.
+TEST_F(WorkerTest, HasFarMoreStackThanTheInitialOne) {
+  int sum = 0;
+  Join(StartWorker([&] {
+    volatile char large[400 * 1024];
+    large[0] = 1;
+    large[sizeof large - 1] = 2;
+    sum = large[0] + large[sizeof large - 1];
+  }));
+  EXPECT_EQ(sum, 3);
+}
+
+TEST_F(WorkerTest, KeepsTheLibraryLoadedForAsLongAsItRuns) {
+  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
+  ASSERT_TRUE(patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit));
+  int releasedDuringTheBody = -1;
+  Join(StartWorker([&] { releasedDuringTheBody = releasesAtExit; }));
+  EXPECT_EQ(asked.references, 1);
+  EXPECT_EQ(asked.moduleFlags, static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
+  EXPECT_EQ(releasedDuringTheBody, 0);
+  EXPECT_EQ(releasesAtExit, 1);
+}
+
+TEST_F(WorkerTest, DestroysItsBodyWhenItEnds) {
+  auto owned = std::make_shared<int>(1);
+  const std::weak_ptr<int> watched = owned;
+  Join(StartWorker([kept = std::move(owned)] {}));
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(WorkerTest, SurvivesABodyThatThrows) {
+  Join(StartWorker([] { throw std::bad_alloc(); }));
+}
+
+TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {
+  ASSERT_TRUE(patch.Replace("CreateThread", &RefuseThread));
+  bool ran = false;
+  EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
+  EXPECT_FALSE(ran);
+}
+
+TEST_F(WorkerTest, ThatCannotBeStartedReleasesItsBodyAndTheLibrary) {
+  ASSERT_TRUE(patch.Replace("CreateThread", &RefuseThread));
+  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
+  ASSERT_TRUE(patch.Replace("FreeLibrary", &CountReleaseOfModule));
+  auto owned = std::make_shared<int>(1);
+  const std::weak_ptr<int> watched = owned;
+  EXPECT_EQ(StartWorker([kept = std::move(owned)] {}), nullptr);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(asked.references, 0);
+}
+
+TEST_F(WorkerTest, IsNotStartedWithoutAReferenceOnTheLibrary) {
+  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &RefuseModule));
+  bool ran = false;
+  EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
+  EXPECT_FALSE(ran);
+}
+
+TEST_F(WorkerTest, PinningAsksForTheLibraryToStayForGood) {
+  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
+  PinThisModule();
+  EXPECT_EQ(asked.moduleFlags,
+            static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
+}
+
+}  // namespace

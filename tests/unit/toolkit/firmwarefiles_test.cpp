@@ -1,0 +1,342 @@
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/handles.h"
+#include "common/text.h"
+#include "import_patch.h"
+#include "support/temporary_folder.h"
+#include "support/test_log.h"
+#include "toolkit/toolkit.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr std::uintmax_t kThreshold = 0xA00000;
+
+/// Entries that searches find instead of those of the file system.
+class ListedEntries {
+ public:
+  ListedEntries() {
+    s_entries.clear();
+    s_deleted.clear();
+    m_patch.Replace("FindFirstFileW", &First);
+    m_patch.Replace("FindNextFileW", &Next);
+    m_patch.Replace("FindClose", &Close);
+    m_patch.Replace("DeleteFileW", &Delete);
+  }
+  void Add(const std::wstring& name, std::uint64_t size) {
+    WIN32_FIND_DATAW entry{};
+    name.copy(entry.cFileName, MAX_PATH - 1);
+    entry.dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
+    entry.nFileSizeHigh = static_cast<DWORD>(size >> 32);
+    entry.nFileSizeLow = static_cast<DWORD>(size & 0xFFFFFFFFu);
+    s_entries.push_back(entry);
+  }
+  const std::vector<std::wstring>& Deleted() const { return s_deleted; }
+
+ private:
+  static HANDLE WINAPI First(const wchar_t*, WIN32_FIND_DATAW* entry) {
+    s_next = 0;
+    return Next(nullptr, entry) ? &s_next : INVALID_HANDLE_VALUE;
+  }
+  static BOOL WINAPI Next(HANDLE, WIN32_FIND_DATAW* entry) {
+    if (s_next == s_entries.size()) return FALSE;
+    *entry = s_entries[s_next++];
+    return TRUE;
+  }
+  static BOOL WINAPI Close(HANDLE) { return TRUE; }
+  static BOOL WINAPI Delete(const wchar_t* path) {
+    s_deleted.emplace_back(path);
+    return FALSE;
+  }
+
+  static inline std::vector<WIN32_FIND_DATAW> s_entries;
+  static inline std::vector<std::wstring> s_deleted;
+  static inline std::size_t s_next = 0;
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+class FirmwareFilesTest : public testing::Test {
+ protected:
+  bool Fetch() { return ToolKit::FetchModemNVMFls(CTString(folder.Path().wstring())); }
+  static std::wstring Modem() { return ToolKit::GetModemFlsFile(); }
+  static std::wstring Nvm() { return ToolKit::GetNVMFlsFile(); }
+  std::string Narrow(const std::wstring& path) { return Utf8FromWide(path); }
+
+  TemporaryFolder folder;
+  TestLog log;
+};
+
+TEST_F(FirmwareFilesTest, TheLargeFileIsTheModemImageAndTheSmallOneTheNvmImage) {
+  const std::wstring large = folder.WriteOfSize(L"a.fls", 12u << 20);
+  const std::wstring small = folder.WriteOfSize(L"b.fls", 200u << 10);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), large);
+  EXPECT_EQ(Nvm(), small);
+}
+
+TEST_F(FirmwareFilesTest, TheNamesOfTheImagesDoNotMatter) {
+  const std::wstring small = folder.WriteOfSize(L"modem.fls", 200u << 10);
+  const std::wstring large = folder.WriteOfSize(L"nvm.fls", 12u << 20);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), large);
+  EXPECT_EQ(Nvm(), small);
+}
+
+TEST_F(FirmwareFilesTest, AFileOfTheThresholdIsAModemImage) {
+  const std::wstring image = folder.WriteOfSize(L"a.fls", kThreshold);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), image);
+  EXPECT_EQ(Nvm(), L"");
+}
+
+TEST_F(FirmwareFilesTest, AFileOneByteBelowTheThresholdIsAnNvmImage) {
+  const std::wstring image = folder.WriteOfSize(L"a.fls", kThreshold - 1);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), image);
+}
+
+TEST_F(FirmwareFilesTest, TheLaterListedOfTwoSmallFilesIsTheNvmImage) {
+  ListedEntries entries;
+  entries.Add(L"second.fls", 10);
+  entries.Add(L"first.fls", 20);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), folder.File(L"first.fls"));
+}
+
+TEST_F(FirmwareFilesTest, AFileOfFourGibibytesExactlyIsAModemImage) {
+  ListedEntries entries;
+  entries.Add(L"a.fls", 0x100000000u);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), folder.File(L"a.fls"));
+  EXPECT_THAT(log.Messages(), Contains(HasSubstr(", ffd.nFileSizeHigh:1, ffd.nFileSizeLow:0")));
+}
+
+TEST_F(FirmwareFilesTest, AFileOfMoreThanTwoGibibytesIsAModemImageThoughItsSizePrintsNegative) {
+  ListedEntries entries;
+  entries.Add(L"a.fls", 3'000'000'000u);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), folder.File(L"a.fls"));
+  EXPECT_THAT(log.Messages(), Contains(HasSubstr(", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:-1294967296")));
+}
+
+TEST_F(FirmwareFilesTest, WhatTheFileSystemMatchesByItsShortNameIsTaken) {
+  ListedEntries entries;
+  entries.Add(L"img.flsx", 10);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Nvm(), folder.File(L"img.flsx"));
+}
+
+TEST_F(FirmwareFilesTest, AFolderNamedLikeAnImageIsNotOne) {
+  std::filesystem::create_directory(folder.Path() / L"a.fls");
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Nvm(), L"");
+}
+
+TEST_F(FirmwareFilesTest, AFolderWithoutImagesIsAFailure) {
+  folder.Write(L"readme.txt", "none");
+  EXPECT_FALSE(Fetch());
+  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(),
+                                          "ToolKit::FetchModemNVMFls: FindFirstFile failed"));
+  EXPECT_EQ(log.LevelOf("ToolKit::FetchModemNVMFls: FindFirstFile failed"), "Trace");
+}
+
+TEST_F(FirmwareFilesTest, AMissingFolderIsAFailure) {
+  const std::wstring missing = folder.File(L"missing");
+  EXPECT_FALSE(ToolKit::FetchModemNVMFls(CTString(missing)));
+  const std::string message = "folder(" + Narrow(missing) + ") is not a folder, exit";
+  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", message, "FetchModemNVMFls --"));
+  EXPECT_EQ(log.LevelOf(message), "Error");
+}
+
+TEST_F(FirmwareFilesTest, AnEmptyFolderNameIsAFailure) {
+  EXPECT_FALSE(ToolKit::FetchModemNVMFls(CTString()));
+}
+
+TEST_F(FirmwareFilesTest, AFileInThePlaceOfTheFolderIsNoFailureButHoldsNoImages) {
+  const std::wstring file = folder.Write(L"file", "");
+  EXPECT_TRUE(ToolKit::FetchModemNVMFls(CTString(file)));
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), L"");
+  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", "FetchModemNVMFls --"));
+}
+
+TEST_F(FirmwareFilesTest, EverySearchForgetsTheImagesOfTheOneBefore) {
+  folder.WriteOfSize(L"a.fls", 12u << 20);
+  folder.WriteOfSize(L"b.fls", 10);
+  Fetch();
+  ToolKit::FetchModemNVMFls(CTString(folder.File(L"missing")));
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), L"");
+}
+
+TEST_F(FirmwareFilesTest, TheSearchIsLogged) {
+  const std::string large = Narrow(folder.WriteOfSize(L"a.fls", 12u << 20));
+  const std::string small = Narrow(folder.WriteOfSize(L"b.fls", 10));
+  Fetch();
+  EXPECT_THAT(
+      log.Messages(),
+      ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(), "   pathFlz:" + large,
+                  "   pathFlz:" + large + ", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:12582912",
+                  "   Found, modem fls file: " + large, "   pathFlz:" + small,
+                  "   pathFlz:" + small + ", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:10",
+                  "   Found, NVM fls file: " + small, "FetchModemNVMFls --"));
+}
+
+class LongImagePathTest : public FirmwareFilesTest {
+ protected:
+  /// Lists one small image whose full path has `length` characters, and returns the path.
+  std::wstring ListImageWithPathOf(std::size_t length) {
+    const std::size_t nameLength = length - folder.Path().wstring().size() - 1;
+    const std::wstring name = std::wstring(nameLength - 4, L'x') + L".fls";
+    entries.Add(name, 10);
+    return folder.File(name);
+  }
+
+  ListedEntries entries;
+};
+
+TEST_F(LongImagePathTest, APathOf259CharactersIsTaken) {
+  const std::wstring path = ListImageWithPathOf(259);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Nvm(), path);
+}
+
+TEST_F(LongImagePathTest, APathOf260CharactersIsSkippedWithALogLine) {
+  const std::wstring path = ListImageWithPathOf(260);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Nvm(), L"");
+  EXPECT_EQ(log.LevelOf("FetchModemNVMFls: over MAX PATH, flz paths=" + Narrow(path)), "Trace");
+  EXPECT_THAT(log.Messages(), Not(Contains(HasSubstr("nFileSizeHigh"))));
+}
+
+TEST_F(FirmwareFilesTest, DeletingRemovesBothImagesAndKeepsTheirPaths) {
+  const std::wstring large = folder.WriteOfSize(L"a.fls", 12u << 20);
+  const std::wstring small = folder.WriteOfSize(L"b.fls", 10);
+  Fetch();
+  ToolKit::DeleteFLSFiles();
+  EXPECT_FALSE(folder.Holds(L"a.fls"));
+  EXPECT_FALSE(folder.Holds(L"b.fls"));
+  EXPECT_EQ(Modem(), large);
+  EXPECT_EQ(Nvm(), small);
+}
+
+TEST_F(FirmwareFilesTest, DeletingIsLoggedAmongTheErrors) {
+  ToolKit::m_ModemFlsFile.Empty();
+  ToolKit::m_NVMFlsFile.Empty();
+  ToolKit::DeleteFLSFiles();
+  EXPECT_THAT(log.Messages(), ElementsAre("\t DeleteFLSFiles ++", "\t DeleteFLSFiles --"));
+  EXPECT_EQ(log.LevelOf("\t DeleteFLSFiles ++"), "Error");
+  EXPECT_EQ(log.LevelOf("\t DeleteFLSFiles --"), "Error");
+}
+
+TEST_F(FirmwareFilesTest, AnImageThatCannotBeDeletedIsLoggedWithTheSystemsError) {
+  const std::wstring large = folder.WriteOfSize(L"a.fls", 12u << 20);
+  folder.WriteOfSize(L"b.fls", 10);
+  Fetch();
+  const UniqueHandle opened =
+      OwnFileHandle(::CreateFileW(large.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  ToolKit::DeleteFLSFiles();
+  EXPECT_EQ(log.LevelOf("\t DeleteFile(" + Narrow(large) + ") failed with: 20"), "Error");
+  EXPECT_FALSE(folder.Holds(L"b.fls"));
+}
+
+class KeepLogFileNumTest : public FirmwareFilesTest {
+ protected:
+  void Keep(const std::wstring& pattern, unsigned int count) {
+    ToolKit::KeepLogFileNum(CTString(folder.File(pattern)), count);
+  }
+  void WriteLogs(int count) {
+    for (int i = 1; i <= count; ++i) folder.Write(L"ZEMO_DownloadDll_" + std::to_wstring(i) + L".log", "");
+  }
+  std::vector<std::string> Left() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+};
+
+TEST_F(KeepLogFileNumTest, FiveLogsAndACountOfFourDeleteExactlyTheFirstListed) {
+  WriteLogs(5);
+  Keep(L"ZEMO_DownloadDll_*.log", 4);
+  EXPECT_THAT(Left(), ElementsAre("ZEMO_DownloadDll_2.log", "ZEMO_DownloadDll_3.log",
+                                  "ZEMO_DownloadDll_4.log", "ZEMO_DownloadDll_5.log"));
+}
+
+TEST_F(KeepLogFileNumTest, NoMoreThanTheCountAreAllKept) {
+  WriteLogs(4);
+  Keep(L"ZEMO_DownloadDll_*.log", 4);
+  EXPECT_EQ(Left().size(), 4u);
+}
+
+TEST_F(KeepLogFileNumTest, ACountOfZeroDeletesEveryMatchAndNothingElse) {
+  WriteLogs(3);
+  folder.Write(L"other.log", "");
+  Keep(L"ZEMO_DownloadDll_*.log", 0);
+  EXPECT_THAT(Left(), ElementsAre("other.log"));
+}
+
+TEST_F(KeepLogFileNumTest, NothingThatMatchesDeletesNothing) {
+  folder.Write(L"other.log", "");
+  Keep(L"ZEMO_DownloadDll_*.log", 0);
+  EXPECT_THAT(Left(), ElementsAre("other.log"));
+}
+
+TEST_F(KeepLogFileNumTest, AFolderThatMatchesTakesADeletionThatFails) {
+  std::filesystem::create_directory(folder.Path() / L"ZEMO_DownloadDll_0.log");
+  WriteLogs(2);
+  Keep(L"ZEMO_DownloadDll_*.log", 2);
+  EXPECT_THAT(Left(),
+              ElementsAre("ZEMO_DownloadDll_0.log", "ZEMO_DownloadDll_1.log", "ZEMO_DownloadDll_2.log"));
+}
+
+TEST_F(KeepLogFileNumTest, ALockedLogTakesADeletionThatFails) {
+  WriteLogs(3);
+  const UniqueHandle opened = OwnFileHandle(::CreateFileW(
+      folder.File(L"ZEMO_DownloadDll_1.log").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  Keep(L"ZEMO_DownloadDll_*.log", 1);
+  EXPECT_THAT(Left(), ElementsAre("ZEMO_DownloadDll_1.log", "ZEMO_DownloadDll_3.log"));
+}
+
+TEST_F(KeepLogFileNumTest, TheFoldersOwnEntriesCountToo) {
+  WriteLogs(2);
+  Keep(L"*", 2);
+  EXPECT_EQ(Left().size(), 2u);
+}
+
+TEST_F(KeepLogFileNumTest, AnEmptyPatternDeletesNothing) {
+  ListedEntries entries;
+  entries.Add(L"a", 1);
+  ToolKit::KeepLogFileNum(CTString(), 0);
+  EXPECT_THAT(entries.Deleted(), testing::IsEmpty());
+}
+
+TEST_F(KeepLogFileNumTest, TheNamesAreDeletedInTheFolderOfThePatternInTheirListedOrder) {
+  ListedEntries entries;
+  entries.Add(L"b.log", 1);
+  entries.Add(L"a.log", 1);
+  entries.Add(L"c.log", 1);
+  ToolKit::KeepLogFileNum(CTString(L"C:\\logs\\\\*.log"), 1);
+  EXPECT_THAT(entries.Deleted(), ElementsAre(L"C:\\logs\\\\b.log", L"C:\\logs\\\\a.log"));
+}
+
+TEST(MaxModemDownloadLogNumTest, IsFive) {
+  EXPECT_EQ(ToolKit::GetMaxModemDownloadLogNum(), 5);
+}
+
+}  // namespace

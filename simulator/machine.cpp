@@ -114,6 +114,11 @@ std::vector<JournalEntry> Machine::Journal() const {
   return m_journal;
 }
 
+void Machine::ClearJournal() {
+  const std::lock_guard lock(m_mutex);
+  m_journal.clear();
+}
+
 int Machine::Count(JournalEvent event) const {
   const std::lock_guard lock(m_mutex);
   return static_cast<int>(std::ranges::count(m_journal, event, &JournalEntry::event));

@@ -47,6 +47,7 @@ class Machine {
 
   void Note(JournalEvent event, std::string detail);
   std::vector<JournalEntry> Journal() const;
+  void ClearJournal();
   int Count(JournalEvent event) const;
   std::map<std::string, int> PlatformCalls() const;
   std::map<std::string, int> LibraryCalls() const;

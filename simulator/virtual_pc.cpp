@@ -129,6 +129,10 @@ std::vector<JournalEntry> VirtualPc::Journal() const {
   return m_machine->Journal();
 }
 
+void VirtualPc::ClearJournal() {
+  m_machine->ClearJournal();
+}
+
 std::vector<std::string> FaultableCalls() {
   std::vector<std::string> names = PassedOnCalls();
   for (const char* name : {"WaitForSingleObject",

@@ -33,9 +33,8 @@ std::filesystem::path TemporaryFolder() {
          (std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(++count));
 }
 
-/// The same file under another name where the disk can do that, else a copy.
+/// A copy: a link could not be removed while the program that it is a link to runs.
 void Bring(const std::filesystem::path& file, const std::filesystem::path& to) {
-  if (::CreateHardLinkW(to.c_str(), file.c_str(), nullptr)) return;
   if (!::CopyFileW(file.c_str(), to.c_str(), FALSE)) Fail("the work folder cannot be filled");
 }
 

@@ -579,8 +579,9 @@ class ClassFactory final : public IClassFactory {
     if (outer != nullptr) return CLASS_E_NOAGGREGATION;
     const HRESULT failure = m_service->Enter(m_call);
     if (FAILED(failure)) return failure;
+    // Not Attach: mingw-w64's takes a reference of its own.
     ComPtr<Object> made;
-    made.Attach(new Object(m_service));
+    *made.GetAddressOf() = new Object(m_service);
     return made->QueryInterface(iid, object);
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }

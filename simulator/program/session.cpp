@@ -33,6 +33,7 @@ constexpr std::chrono::milliseconds kDisplayPeriod = 200ms;
 VirtualPcOptions PcOptions(const SessionPlan& plan) {
   VirtualPcOptions pc;
   pc.speed = plan.speed;
+  if (plan.speed > 1) pc.pace = Pace::kElastic;
   pc.folder = plan.folder;
   if (plan.setup.route == Route::kBbrst) pc.initial_state = ModemState::kRestarting;
   if (plan.setup.route == Route::kFlashPort) pc.initial_state = ModemState::kFlashPort;

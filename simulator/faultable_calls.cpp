@@ -7,9 +7,9 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "machine.h"
+#include "named_objects.h"
 #include "working_threads.h"
 
 namespace {
@@ -38,22 +38,6 @@ struct FaultableCall {
     return failure;
   }
 };
-
-/// Named objects are shared by the whole session of the user: two virtual PCs side by side would take each
-/// other's signals. Each gets its own under the name that it asks for.
-std::wstring NameInThisPc(LPCWSTR name) {
-  return std::wstring(name) + L"." + std::to_wstring(::GetCurrentProcessId());
-}
-
-HANDLE WINAPI CreateSemaphoreInThisPc(LPSECURITY_ATTRIBUTES security, LONG initial, LONG maximum,
-                                      LPCWSTR name) {
-  return ::CreateSemaphoreW(security, initial, maximum,
-                            name != nullptr ? NameInThisPc(name).c_str() : nullptr);
-}
-
-HANDLE WINAPI CreateEventInThisPc(LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCWSTR name) {
-  return ::CreateEventW(security, manual, initial, name != nullptr ? NameInThisPc(name).c_str() : nullptr);
-}
 
 struct ThreadStart {
   LPTHREAD_START_ROUTINE routine;
@@ -108,9 +92,9 @@ const std::vector<Replacement>& Replacements() {
   constexpr auto kResult = Failure::kResult;
   static const std::vector<Replacement> replacements{
       Faultable<struct T0>("CreateThread", &CreateWorkingThread, kLastError),
-      Faultable<struct T1>("CreateSemaphoreW", &CreateSemaphoreInThisPc, kLastError),
+      Faultable<struct T1>("CreateSemaphoreW", &CreateOwnSemaphore, kLastError),
       Faultable<struct T2>("ReleaseSemaphore", &::ReleaseSemaphore, kLastError),
-      Faultable<struct T3>("CreateEventW", &CreateEventInThisPc, kLastError),
+      Faultable<struct T3>("CreateEventW", &CreateOwnEvent, kLastError),
       Faultable<struct T4>("CreateEventExW", &::CreateEventExW, kLastError),
       Faultable<struct T5>("SetEvent", &::SetEvent, kLastError),
       Faultable<struct T6>("CancelIoEx", &::CancelIoEx, kLastError),

@@ -227,7 +227,7 @@ class FakeFlashLibrary {
       if (happens != s_library->during.end()) {
         // A copy: what happens may change what happens next time.
         const std::function<void()> action = happens->second;
-        action();
+        if (action) action();
       }
     }
     for (const std::string& key : {call, function}) {

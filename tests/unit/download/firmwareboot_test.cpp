@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
+#include <objbase.h>
 
 #include "support/flash_bench.h"
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -79,6 +81,28 @@ TEST_F(BootTest, ResetsTheBasebandOfAModemThatIsNowhere) {
   EXPECT_EQ(engine->BootDeviceInFirmwareMode(), 0);
   EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
 }
+
+int g_creations = 0;
+HRESULT WINAPI RefuseCreation(REFCLSID, IUnknown*, DWORD, REFIID, void**) {
+  ++g_creations;
+  return REGDB_E_CLASSNOTREG;
+}
+
+class RebootTypeTest : public BootTest, public testing::WithParamInterface<const wchar_t*> {};
+
+TEST_P(RebootTypeTest, AnyTypeButOneRebootsByMobileBroadbandCommand) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CoCreateInstance", &RefuseCreation));
+  g_creations = 0;
+  FlashBench::Configure(L"[REBOOTTYPE]", GetParam());
+  engine->BootDeviceInFirmwareMode();
+  EXPECT_EQ(g_creations, 1);
+  EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
+  EXPECT_THAT(Said(), AllOf(Contains("RebootModem"), Contains("E:\t RebootModem FAIL."),
+                            Not(Contains("RebootModemByXlog4 ++"))));
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, RebootTypeTest, testing::Values(L"0", L"2", L"-1", L"", L"11"));
 
 // --- The baseband reset ----------------------------------------------------------------------------------
 
@@ -250,7 +274,7 @@ TEST_F(FlashPortTest, FailsWhenNoThreadCanBeStartedAndNoResetIsAllowed) {
 
 class NoSemaphoreTest : public FlashPortTest {
  protected:
-  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, OwnNames::Own(L"CFirmwareDownloader").c_str())};
+  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str())};
 };
 
 TEST_F(NoSemaphoreTest, ResetsAndGoesOnSearchingMeanwhile) {

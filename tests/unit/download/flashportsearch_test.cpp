@@ -20,7 +20,7 @@ class FlashPortSearchTest : public testing::Test {
   void FlashPortIsPresent() { bench.modem.Become(FakeModem::Mode::Flash); }
   /// A semaphore as an earlier search left it, with a count that nobody took.
   static UniqueHandle StaleSignal() {
-    return UniqueHandle(::CreateSemaphoreW(nullptr, 1, 1, OwnNames::Own(L"CFirmwareDownloader").c_str()));
+    return UniqueHandle(::CreateSemaphoreW(nullptr, 1, 1, OwnName(L"CFirmwareDownloader").c_str()));
   }
 
   FlashBench bench;
@@ -171,8 +171,7 @@ TEST_F(FlashPortSearchTest, AnAbandonedWaiterWithAPortOfItsOwnHandsTheSignalOnTo
 }
 
 TEST_F(FlashPortSearchTest, AReportBehindTheEndOfTheWaitSignalsNobody) {
-  const UniqueHandle another(
-      ::CreateSemaphoreW(nullptr, 0, 1, OwnNames::Own(L"CFirmwareDownloader").c_str()));
+  const UniqueHandle another(::CreateSemaphoreW(nullptr, 0, 1, OwnName(L"CFirmwareDownloader").c_str()));
   ASSERT_TRUE(search.CreateSignal());
   search.CloseSignal();
   FlashPortIsPresent();
@@ -181,7 +180,7 @@ TEST_F(FlashPortSearchTest, AReportBehindTheEndOfTheWaitSignalsNobody) {
 }
 
 TEST_F(FlashPortSearchTest, HasNoSignalWhenItsNameIsTakenByAnotherKind) {
-  const UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, OwnNames::Own(L"CFirmwareDownloader").c_str()));
+  const UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str()));
   EXPECT_FALSE(search.CreateSignal());
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }

@@ -22,6 +22,8 @@ class SimulationTest : public testing::Test {
                      (std::string("virtual_pc_test_") + std::to_string(::GetCurrentProcessId()) + "_" +
                       test->test_suite_name() + "_" + test->name());
     options.speed = 1000;
+    // A busy machine must not let a short-lived state pass unseen.
+    options.timing.boot_loader_window = std::chrono::hours(1);
   }
   ~SimulationTest() override {
     pc.reset();

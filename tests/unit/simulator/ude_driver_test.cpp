@@ -43,7 +43,8 @@ class UdeDriverTest : public SimulationTest {
 };
 
 TEST_F(UdeDriverTest, ResetIsPendingAndThenCompletes) {
-  options.speed = 20;
+  options.speed = 1;
+  options.timing.restarting = Milliseconds(0);
   Start();
   ASSERT_NE(Open(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
@@ -64,7 +65,7 @@ TEST_F(UdeDriverTest, ARequestThatNeverCompletesTimesOutAndIsCancelled) {
 }
 
 TEST_F(UdeDriverTest, ProbeStaysPendingOnTheRightInstance) {
-  options.speed = 20;
+  options.speed = 1;
   options.faults.driver.two_instances = true;
   Start();
   ASSERT_NE(Open(1), INVALID_HANDLE_VALUE);
@@ -80,6 +81,7 @@ TEST_F(UdeDriverTest, ProbeCompletesAtOnceOnTheWrongInstance) {
 }
 
 TEST_F(UdeDriverTest, AResetOnTheWrongInstanceReachesNoModem) {
+  options.speed = 1;
   options.faults.driver.two_instances = true;
   options.faults.driver.right_instance_first = true;
   Start();

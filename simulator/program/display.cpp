@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::uint32_t kComplete = 100;
 constexpr std::uint32_t kPlainStep = 10;
-constexpr std::size_t kBarWidth = 30;
-constexpr std::size_t kNarrowestWithBar = 86;
+constexpr std::size_t kBarWidth = 24;
+constexpr std::size_t kNarrowestWithBar = 80;
 
 std::uint32_t PercentOf(const Snapshot& now) {
   return std::min(now.values.progress.value_or(0), kComplete);
@@ -24,7 +24,7 @@ std::string Bar(std::uint32_t percent) {
 std::string LiveText(const Snapshot& now, bool with_bar) {
   std::array<char, 160> text{};
   const auto seconds = static_cast<long>(now.elapsed.count() / 1000);
-  std::snprintf(text.data(), text.size(), "%-24s %s%3u %%  %4ld s  attempt %d", StageOf(now).c_str(),
+  std::snprintf(text.data(), text.size(), "%-22s %s%3u %%  %4ld s  attempt %d", StageOf(now).c_str(),
                 with_bar ? Bar(PercentOf(now)).c_str() : "", static_cast<unsigned>(PercentOf(now)), seconds,
                 std::max(now.attempt, 1));
   return text.data();

@@ -1,5 +1,7 @@
 // A whole virtual PC with a modem in it, around the real library: flashes it once, or runs the scenarios.
 
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -251,6 +253,9 @@ int Execute(const Command& command) {
 }  // namespace
 
 int main(int count, char** words) try {
+  // Lines end as the reader's own do, whichever system reads them.
+  ::_setmode(::_fileno(stdout), _O_BINARY);
+  ::_setmode(::_fileno(stderr), _O_BINARY);
   ExitStatus status = ExitStatus::kGood;
   const auto command = ParseCommandLine(count, words, status);
   if (!command) return static_cast<int>(status);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <future>
@@ -96,6 +97,14 @@ void* __cdecl NoMemoryForASink(std::size_t size) {
   return size == sizeof(CMbnSinks) ? nullptr : std::malloc(size);
 }
 
+/// The sink to look for, and how often it was freed.
+std::atomic<std::uintptr_t> g_watchedSink{0};
+std::atomic<int> g_sinkFreed{0};
+void __cdecl WatchFree(void* memory) {
+  if (memory != nullptr && reinterpret_cast<std::uintptr_t>(memory) == g_watchedSink) ++g_sinkFreed;
+  std::free(memory);
+}
+
 /// Counts the modem's waits and says how each one ends; by default as it really does.
 class ModemWaits {
  public:
@@ -161,6 +170,15 @@ class MbimRebootTest : public testing::Test {
   std::string LastMessage() const {
     const std::vector<std::string> messages = Messages();
     return messages.empty() ? "" : messages.back();
+  }
+  /// @return false where the runtime is linked in, and nothing can be watched.
+  bool WatchTheSink() {
+    g_watchedSink = 0;
+    g_sinkFreed = 0;
+    service.Behaviour().onCall = [](const std::string& call) {
+      if (call == "Advise") g_watchedSink = reinterpret_cast<std::uintptr_t>(g_CMbnSinks);
+    };
+    return patch.Replace("free", &WatchFree);
   }
   bool SinkWasMade() const { return log.Count("\t new CMbnSinks OK") > 0; }
 
@@ -781,6 +799,19 @@ TEST_F(MbimRebootTest, ASinkThatCouldNotBeUnadvisedStaysAndHearsNothingMore) {
   service.Notify(
       [](IMbnDeviceServicesEvents& sink) { sink.OnSetCommandComplete(nullptr, 1, nullptr, kFailure, 9); });
   EXPECT_EQ(g_LastStatus, S_OK);
+}
+
+TEST_F(MbimRebootTest, ASinkThatNobodyRefersToIsDeletedWithItsRun) {
+  if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
+  Reboot();
+  EXPECT_EQ(g_sinkFreed, 1);
+}
+
+TEST_F(MbimRebootTest, ASinkThatTheServiceStillRefersToIsNotDeleted) {
+  if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
+  Fail("Unadvise");
+  Reboot();
+  EXPECT_EQ(g_sinkFreed, 0);
 }
 
 TEST_F(MbimRebootTest, TheNextRunAfterSuchASinkHasOneOfItsOwn) {

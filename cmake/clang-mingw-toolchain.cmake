@@ -7,10 +7,19 @@ set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
 
 file(GLOB gcc_folders /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
+if(NOT gcc_folders)
+  message(FATAL_ERROR "No mingw-w64 GCC with POSIX threads is installed: run scripts/setup.")
+endif()
 list(GET gcc_folders 0 gcc_folder)
 set(CMAKE_CXX_FLAGS_INIT
-  "-isystem ${gcc_folder}/include/c++ -isystem ${gcc_folder}/include/c++/x86_64-w64-mingw32 -Wno-unused-command-line-argument")
+  "-isystem ${gcc_folder}/include/c++ -isystem ${gcc_folder}/include/c++/x86_64-w64-mingw32")
 foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-B${gcc_folder} -L${gcc_folder}")
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-B${gcc_folder} -L${gcc_folder} -static")
 endforeach()
-set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "-lpthread")
+
+# clang does not know that GCC's C++ library stands on the thread library here. They need each other, and the
+# system's libraries too.
+set(CMAKE_CXX_STANDARD_LIBRARIES
+  "-Wl,--start-group -lstdc++ -lgcc -lgcc_eh -lpthread -lssp -lmingw32 -lmoldname -lmingwex -lmsvcrt -lkernel32 -Wl,--end-group \
+-luser32 -ladvapi32 -lshell32 -lole32 -loleaut32 -luuid"
+  CACHE STRING "Libraries that every program is linked with")

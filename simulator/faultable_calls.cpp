@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "machine.h"
+#include "named_objects.h"
 
 namespace {
 
@@ -57,9 +58,9 @@ const std::vector<Replacement>& Replacements() {
   constexpr auto kResult = Failure::kResult;
   static const std::vector<Replacement> replacements{
       Faultable<struct T0>("CreateThread", &::CreateThread, kLastError),
-      Faultable<struct T1>("CreateSemaphoreW", &::CreateSemaphoreW, kLastError),
+      Faultable<struct T1>("CreateSemaphoreW", &CreateOwnSemaphore, kLastError),
       Faultable<struct T2>("ReleaseSemaphore", &::ReleaseSemaphore, kLastError),
-      Faultable<struct T3>("CreateEventW", &::CreateEventW, kLastError),
+      Faultable<struct T3>("CreateEventW", &CreateOwnEvent, kLastError),
       Faultable<struct T4>("CreateEventExW", &::CreateEventExW, kLastError),
       Faultable<struct T5>("SetEvent", &::SetEvent, kLastError),
       Faultable<struct T6>("CancelIoEx", &::CancelIoEx, kLastError),

@@ -48,11 +48,16 @@ LibraryCallFault TocQueryFails(const std::string& query, Occurrence calls) {
   return Answers("_ZEMO_DL_TOC_get_" + query, calls, 1);
 }
 
-LibraryCallFault OutlastsAttempt(const std::string& function, int call, std::chrono::milliseconds after) {
+LibraryCallFault Hangs(const std::string& function, int call, std::chrono::milliseconds duration) {
   LibraryCallFault fault;
   fault.function = function;
   fault.calls = Occurrence::Only(call);
+  fault.hang = duration;
+  return fault;
+}
+
+LibraryCallFault OutlastsAttempt(const std::string& function, int call, std::chrono::milliseconds after) {
+  LibraryCallFault fault = Hangs(function, call, after);
   fault.until_wait_expires = kAttemptLimit;
-  fault.hang = after;
   return fault;
 }

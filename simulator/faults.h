@@ -109,8 +109,8 @@ struct LibraryCallFault {
   int argument = -1;
   /// The answer; without one the call does its work after the hang.
   std::optional<std::int32_t> result;
-  /// The call hangs: first until the product has given up a wait of this many milliseconds that began
-  /// before or after it (0: no such condition), then for `hang` of virtual time.
+  /// The call hangs: first until the product gives up a wait of this many milliseconds (0: no such
+  /// condition), then for `hang` of virtual time.
   DWORD until_wait_expires = 0;
   std::chrono::milliseconds hang{0};
 };
@@ -137,7 +137,7 @@ struct LibraryFaults {
 /// One call of the product to the platform that fails: any function of `FaultableCalls()` (virtual_pc.h).
 struct PlatformCallFault {
   std::string function;  ///< e.g. "CreateThread"
-  Occurrence calls;      ///< counted from the installation of the virtual PC
+  Occurrence calls;      ///< counted from the installation on, so without what loading the product calls
   DWORD error = ERROR_NOT_ENOUGH_MEMORY;
 };
 
@@ -162,6 +162,9 @@ LibraryCallFault ForcedResetRefused(Occurrence calls = Occurrence::Always());
 LibraryCallFault NoProgressBars();
 /// A table-of-contents query fails: "nof_items", "memory_class" or "flash_technogy".
 LibraryCallFault TocQueryFails(const std::string& query, Occurrence calls = Occurrence::Always());
-/// The call outlasts the 130 s limit of an attempt and comes back `after` later.
+/// The call comes back late.
+LibraryCallFault Hangs(const std::string& function, int call, std::chrono::milliseconds duration);
+/// The call, one that writes an item, outlasts the 130 s limit of an attempt and comes back `after` later. (A
+/// boot that hangs is given up after 10 s already, which never lets that limit pass: see Hangs.)
 LibraryCallFault OutlastsAttempt(const std::string& function, int call,
                                  std::chrono::milliseconds after = std::chrono::milliseconds(2000));

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <ranges>
 
 namespace {
 
@@ -54,8 +53,10 @@ bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
 }
 
 void ImportPatch::Restore() {
-  for (const auto& [slot, original] : m_originals | std::views::reverse) WriteSlot(slot, original);
-  m_originals.clear();
+  for (; !m_originals.empty(); m_originals.pop_back()) {
+    const auto& [slot, original] = m_originals.back();
+    WriteSlot(slot, original);
+  }
 }
 
 std::vector<std::string> ImportedFunctions(HMODULE module) {

@@ -58,24 +58,19 @@ std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
 std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,
                                                       const std::string& detail) {
   Note(JournalEvent::kLibraryCall, detail.empty() ? function : function + " " + detail);
-  std::vector<const LibraryCallFault*> hits;
-  {
-    const std::lock_guard lock(m_mutex);
-    ++m_library_calls[function];
-    for (std::size_t i = 0; i < m_fault_calls.size(); ++i) {
-      const auto& fault = options.faults.library.calls[i];
-      if (Concerns(fault, function, argument) && fault.calls.Hits(++m_fault_calls[i])) hits.push_back(&fault);
-    }
+  std::unique_lock lock(m_mutex);
+  ++m_library_calls[function];
+  std::optional<std::int32_t> answer;
+  for (std::size_t i = 0; i < m_fault_calls.size(); ++i) {
+    const auto& fault = options.faults.library.calls[i];
+    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_fault_calls[i])) continue;
+    Hang(lock, fault);
+    if (!answer) answer = fault.result;
   }
-  for (const auto* fault : hits) Hang(*fault);
-  for (const auto* fault : hits) {
-    if (fault->result) return fault->result;
-  }
-  return std::nullopt;
+  return answer;
 }
 
-void Machine::Hang(const LibraryCallFault& fault) {
-  std::unique_lock lock(m_mutex);
+void Machine::Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault) {
   if (fault.until_wait_expires != 0) {
     const int before = m_expired_waits[fault.until_wait_expires];
     m_hangs.wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
@@ -117,6 +112,11 @@ void Machine::Note(JournalEvent event, std::string detail) {
 std::vector<JournalEntry> Machine::Journal() const {
   const std::lock_guard lock(m_mutex);
   return m_journal;
+}
+
+void Machine::ClearJournal() {
+  const std::lock_guard lock(m_mutex);
+  m_journal.clear();
 }
 
 int Machine::Count(JournalEvent event) const {

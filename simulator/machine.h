@@ -47,12 +47,13 @@ class Machine {
 
   void Note(JournalEvent event, std::string detail);
   std::vector<JournalEntry> Journal() const;
+  void ClearJournal();
   int Count(JournalEvent event) const;
   std::map<std::string, int> PlatformCalls() const;
   std::map<std::string, int> LibraryCalls() const;
 
  private:
-  void Hang(const LibraryCallFault& fault);
+  void Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault);
 
   mutable std::mutex m_mutex;
   std::vector<JournalEntry> m_journal;

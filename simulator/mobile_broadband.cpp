@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
-#include <ranges>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -190,7 +189,7 @@ class MobileBroadbandService {
     std::vector<ComPtr<IMbnDeviceServicesEvents>> sinks;
     {
       const std::lock_guard lock(m_mutex);
-      std::ranges::copy(m_sinks | std::views::values, std::back_inserter(sinks));
+      for (const auto& [cookie, sink] : m_sinks) sinks.push_back(sink);
     }
     for (const auto& sink : sinks) notification(*sink.Get());
   }
@@ -579,8 +578,9 @@ class ClassFactory final : public IClassFactory {
     if (outer != nullptr) return CLASS_E_NOAGGREGATION;
     const HRESULT failure = m_service->Enter(m_call);
     if (FAILED(failure)) return failure;
+    // Not Attach: mingw-w64's takes a reference of its own.
     ComPtr<Object> made;
-    made.Attach(new Object(m_service));
+    *made.GetAddressOf() = new Object(m_service);
     return made->QueryInterface(iid, object);
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }

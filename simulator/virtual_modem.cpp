@@ -28,6 +28,11 @@ void MakeErasedMemory(const std::filesystem::path& file, std::uint32_t size) {
   }
 }
 
+bool LiesInMemory(const ImageItem& item) {
+  constexpr std::uint32_t kSize = VirtualModem::kMemorySize;
+  return item.flash_offset <= kSize && item.size <= kSize - item.flash_offset;
+}
+
 }  // namespace
 
 const char* NameOf(ModemState state) {
@@ -101,6 +106,7 @@ VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memo
       m_journal(std::move(journal)),
       m_state(initial) {
   MakeErasedMemory(m_memory_file, kMemorySize);
+  m_memory.open(m_memory_file, std::ios::binary | std::ios::in | std::ios::out);
 }
 
 ModemState VirtualModem::State() {
@@ -284,9 +290,7 @@ bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
   if (!IsOpen(session)) return Refuse(JournalEvent::kItemRefused, "the port is not open");
   if (!m_is_booted) return Refuse(JournalEvent::kItemRefused, "written before boot");
   if (m_item) return Refuse(JournalEvent::kItemRefused, "the item before is not complete");
-  if (item.flash_offset > kMemorySize || item.size > kMemorySize - item.flash_offset) {
-    return Refuse(JournalEvent::kItemRefused, "outside the memory");
-  }
+  if (!LiesInMemory(item)) return Refuse(JournalEvent::kItemRefused, "outside the memory");
   m_item = Item{item, 0, 0, m_clock.Now()};
   Enter(ModemState::kWriting);
   return true;
@@ -329,11 +333,10 @@ bool VirtualModem::EndItem(std::uint32_t session) {
 }
 
 bool VirtualModem::StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes) {
-  std::fstream memory(m_memory_file, std::ios::binary | std::ios::in | std::ios::out);
-  memory.seekp(offset);
-  memory.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  memory.flush();
-  return memory.good();
+  m_memory.seekp(offset);
+  m_memory.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  m_memory.flush();
+  return m_memory.good();
 }
 
 bool VirtualModem::ForceReset(std::uint32_t session) {
@@ -380,6 +383,10 @@ MemoryComparison VirtualModem::CompareWith(const FlashImage* modem, const FlashI
     return comparison;
   }
   const auto compare = [&](const FlashImage& image, const ImageItem& item) {
+    if (!LiesInMemory(item)) {
+      comparison.difference = "an item lies outside the memory";
+      return;
+    }
     const auto bytes = image.Bytes(item);
     const auto there = std::span(memory).subspan(item.flash_offset, item.size);
     const auto at = std::ranges::mismatch(bytes, there).in1 - bytes.begin();

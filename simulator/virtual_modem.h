@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -157,6 +158,7 @@ class VirtualModem {
   std::uint32_t m_last_session = 0;
   bool m_is_booted = false;
   std::optional<Item> m_item;
+  std::fstream m_memory;
   std::string m_at_input;
   std::uint32_t m_items_written = 0;
   std::uint64_t m_bytes_written = 0;

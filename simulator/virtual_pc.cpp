@@ -5,6 +5,25 @@
 #include "loader_lock.h"
 #include "machine.h"
 
+namespace {
+
+/// Connects the Mobile Broadband service with the modem and the clock.
+MobileBroadbandBehaviour Connected(MobileBroadbandBehaviour behaviour,
+                                   const std::shared_ptr<Machine>& machine) {
+  if (!behaviour.modemIsInNormalMode) {
+    behaviour.modemIsInNormalMode = [machine] { return machine->modem.IsPresentAsModem(); };
+  }
+  if (!behaviour.onRebootCommand) behaviour.onRebootCommand = [machine] { machine->modem.RebootByMbim(); };
+  if (!behaviour.realTime) {
+    behaviour.realTime = [machine](Milliseconds delay) {
+      return Milliseconds(machine->clock.RealWait(static_cast<DWORD>(delay.count())));
+    };
+  }
+  return behaviour;
+}
+
+}  // namespace
+
 VirtualPc::VirtualPc(VirtualPcOptions options) : m_machine(std::make_shared<Machine>(std::move(options))) {}
 
 VirtualPc::~VirtualPc() {
@@ -13,7 +32,27 @@ VirtualPc::~VirtualPc() {
 
 void VirtualPc::Install(HMODULE product) {
   Uninstall();
+  Begin();
+  Patch(product);
+}
+
+HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
+  Uninstall();
+  // In front of the lock: the Mobile Broadband service waits for a thread of its own to start.
+  Begin();
+  const LoaderLock lock;
+  const HMODULE module = ::LoadLibraryW(product.c_str());
+  if (module != nullptr) Patch(module);
+  return module;
+}
+
+void VirtualPc::Begin() {
   SetCurrentMachine(m_machine);
+  m_mobile_broadband =
+      std::make_unique<SimulatedMobileBroadband>(Connected(m_machine->options.mobile_broadband, m_machine));
+}
+
+void VirtualPc::Patch(HMODULE product) {
   m_patch = std::make_unique<ImportPatch>(product);
   PatchFaultableCalls(*m_patch);
   PatchClock(*m_patch);
@@ -24,22 +63,20 @@ void VirtualPc::Install(HMODULE product) {
   PatchLibraryLoader(*m_patch);
 }
 
-HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
-  const LoaderLock lock;
-  const HMODULE module = ::LoadLibraryW(product.c_str());
-  if (module != nullptr) Install(module);
-  return module;
-}
-
 void VirtualPc::Uninstall() {
-  if (!m_patch) return;
+  if (!m_mobile_broadband) return;
   m_patch.reset();
+  m_mobile_broadband.reset();
   m_machine->EndHangs();
   SetCurrentMachine(nullptr);
 }
 
 VirtualModem& VirtualPc::Modem() {
   return m_machine->modem;
+}
+
+SimulatedMobileBroadband& VirtualPc::MobileBroadband() {
+  return *m_mobile_broadband;
 }
 
 const VirtualClock& VirtualPc::Clock() const {
@@ -90,6 +127,10 @@ std::map<std::string, int> VirtualPc::PlatformCalls() const {
 
 std::vector<JournalEntry> VirtualPc::Journal() const {
   return m_machine->Journal();
+}
+
+void VirtualPc::ClearJournal() {
+  m_machine->ClearJournal();
 }
 
 std::vector<std::string> FaultableCalls() {

@@ -11,6 +11,7 @@
 
 #include "faults.h"
 #include "flash_image.h"
+#include "mobile_broadband.h"
 #include "virtual_clock.h"
 #include "virtual_modem.h"
 
@@ -25,6 +26,9 @@ struct VirtualPcOptions {
   ModemState initial_state = ModemState::kNormal;
   ModemTiming timing;
   Faults faults;
+  /// Character of the Mobile Broadband service, its faults included. What connects it with the modem and the
+  /// clock (the functions in it) is filled in where it is not set.
+  MobileBroadbandBehaviour mobile_broadband;
   int at_port_number = 7;
   /// What the device tree calls the AT port; "%d" stands for the port's number.
   std::wstring at_port_name = L"Modem AT Port (COM%d)";
@@ -55,11 +59,14 @@ class VirtualPc {
   void Uninstall();
 
   VirtualModem& Modem();
+  /// Only while the simulation is installed.
+  SimulatedMobileBroadband& MobileBroadband();
   const VirtualClock& Clock() const;
 
   /// Boot files that the modem started or was asked to start: download attempts that came that far.
   int BootAttempts() const;
   int LibraryLoads() const;
+  /// Releases of a reference on the library; a product that takes several gives back several.
   int LibraryUnloads() const;
   int BasebandResets() const;
   int ForcedResets() const;
@@ -70,9 +77,15 @@ class VirtualPc {
   /// Calls of the product to the replaced platform functions, by name.
   std::map<std::string, int> PlatformCalls() const;
   std::vector<JournalEntry> Journal() const;
+  /// Empties the journal and thereby the counts taken from it, so that long runs do not grow.
+  void ClearJournal();
 
  private:
+  void Begin();
+  void Patch(HMODULE product);
+
   std::shared_ptr<Machine> m_machine;
+  std::unique_ptr<SimulatedMobileBroadband> m_mobile_broadband;
   std::unique_ptr<ImportPatch> m_patch;
 };
 

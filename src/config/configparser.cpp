@@ -15,7 +15,17 @@
 #include "common/fileio.h"
 #include "common/log.h"
 #include "common/text.h"
+#include "config/documentfile.h"
 #include "toolkit/toolkit.h"
+
+// %S is Microsoft's, and so is the function that prints it: no pedantry, but the types are checked.
+#if defined(__GNUC__)
+#define LOG_ERROR_WITH_WIDE_TEXT(...) __extension__ LOG_ERROR(__VA_ARGS__)
+#else
+#define LOG_ERROR_WITH_WIDE_TEXT(...) LOG_ERROR(__VA_ARGS__)
+#endif
+
+using Microsoft::WRL::ComPtr;
 
 namespace {
 
@@ -153,7 +163,7 @@ bool CConfigParser::EnteredComOnThisThread() const {
 }
 
 bool CConfigParser::Init() {
-  m_loaded = false;
+  m_loaded = m_resourceLoaded = false;
   m_traceLevel = m_rebootType = m_eraseMode = 0;
   m_registryLocation[0] = m_firmwareFolder[0] = m_ipcType[0] = L'\0';
   for (const Key& key : kKeys) m_keys[key.text] = key.number;
@@ -252,4 +262,65 @@ CTString CConfigParser::GetRegistryLocation() const {
 
 CTString CConfigParser::GetFirmwareFolder() const {
   return CTString(m_firmwareFolder);
+}
+
+bool CConfigParser::LoadResource(const wchar_t* path) {
+  LOG_TRACE("Start LoadResource");
+  const CTString file(path);
+  if (!OpenDocument(file, VARIANT_FALSE, m_document)) {
+    LOG_ERROR_WITH_WIDE_TEXT("Could not Open %S", static_cast<const wchar_t*>(file));
+    return false;
+  }
+  ComPtr<IXMLDOMElement> root;
+  HRESULT result = m_document->get_documentElement(root.GetAddressOf());
+  if (SUCCEEDED(result)) result = root == nullptr ? E_FAIL : m_resources.Read(root.Get());
+  if (FAILED(result)) {
+    LOG_ERROR_WITH_WIDE_TEXT("Could not read the elements of %S: %x", static_cast<const wchar_t*>(file),
+                             HexOf(result));
+    return false;
+  }
+  m_resourceLoaded = true;
+  return true;
+}
+
+bool CConfigParser::SaveConfig(const wchar_t* path) {
+  LOG_TRACE("Start SaveConfig");
+  const CTString file(path);
+  if (!OpenDocument(file, VARIANT_TRUE, m_document)) {
+    LOG_ERROR("Could not load %s", Narrow(file).c_str());
+    return false;
+  }
+  if (FAILED(CreateDocument(VARIANT_TRUE, m_formattedDocument)) ||
+      FAILED(FormatDocument(m_document.Get(), m_formattedDocument.Get()))) {
+    LOG_ERROR_WITH_WIDE_TEXT("Failed to format the document %S", static_cast<const wchar_t*>(file));
+    return false;
+  }
+
+  ComPtr<IXMLDOMNode> declaration;
+  if (FAILED(FindDeclaration(m_formattedDocument.Get(), declaration)) || declaration == nullptr) {
+    LOG_ERROR("Could not find child element");
+    return false;
+  }
+  ComPtr<IXMLDOMNamedNodeMap> attributes;
+  if (FAILED(declaration->get_attributes(attributes.GetAddressOf())) || attributes == nullptr) {
+    LOG_ERROR("Could not map child element");
+    return false;
+  }
+  const OwnedBstr encodingName{CTString(L"encoding")};
+  ComPtr<IXMLDOMNode> encoding;
+  if (FAILED(attributes->getNamedItem(encodingName.Get(), encoding.GetAddressOf())) || encoding == nullptr) {
+    LOG_ERROR("Could not find encoding element");
+    return false;
+  }
+  const OwnedBstr encodingValue{CTString(kFormattedEncoding)};
+  if (FAILED(encoding->put_nodeValue(encodingValue.AsVariant()))) {
+    LOG_ERROR("Could not set encoding element to UTF-8");
+    return false;
+  }
+
+  if (!SaveDocument(m_formattedDocument.Get(), file)) {
+    LOG_ERROR_WITH_WIDE_TEXT("Could not save %S", static_cast<const wchar_t*>(file));
+    return false;
+  }
+  return true;
 }

@@ -8,6 +8,8 @@
 
 #include "common/handles.h"
 #include "common/tstring.h"
+#include "config/elementtree.h"
+#include "xmlfile/dom.h"
 
 /// The service's settings, read once per process from "CorvelConfig.ini" beside the host's executable.
 /// Made and loaded by one thread at start; only read afterwards.
@@ -52,6 +54,16 @@ class CConfigParser {
   int GetRebootType() const { return m_rebootType; }
   int GetEraseMode() const { return m_eraseMode; }
 
+  /// Reads the names and texts of the children of an XML file's root element. COM must be initialised on the
+  /// calling thread, here and for SaveConfig.
+  /// @return false, with the former resources kept, when the file cannot be read.
+  bool LoadResource(const wchar_t* path);
+  /// Rewrites an XML file in a readable form, indented and in UTF-8; FormatDocument says what may change.
+  /// @return false when any step failed; the file is then as it was.
+  bool SaveConfig(const wchar_t* path);
+  bool IsResourceLoaded() const { return m_resourceLoaded; }
+  const CElementTree& Resources() const { return m_resources; }
+
  private:
   CConfigParser();
 
@@ -64,10 +76,14 @@ class CConfigParser {
   // The open thread keeps the system from giving its id to another one.
   DWORD m_comThreadId;
   UniqueHandle m_comThread;
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_document;
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_formattedDocument;
+  CElementTree m_resources;
   std::map<std::wstring, int> m_keys;
   CTString m_fileName;
   CTString m_filePath;
   bool m_loaded = false;
+  bool m_resourceLoaded = false;
   int m_traceLevel = 0;
   int m_rebootType = 0;
   int m_eraseMode = 0;

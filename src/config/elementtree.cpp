@@ -1,0 +1,32 @@
+#include "config/elementtree.h"
+
+#include <utility>
+#include <vector>
+
+using Microsoft::WRL::ComPtr;
+
+HRESULT CElementTree::Read(IXMLDOMElement* element) {
+  std::vector<ComPtr<IXMLDOMNode>> children;
+  HRESULT result = CollectChildren(element, children);
+  if (FAILED(result)) return result;
+
+  Store entries;
+  for (const ComPtr<IXMLDOMNode>& child : children) {
+    OwnedBstr name;
+    OwnedBstr text;
+    result = child->get_nodeName(name.Receive());
+    if (SUCCEEDED(result)) result = child->get_text(text.Receive());
+    if (FAILED(result)) return result;
+    entries.insert_or_assign(name.Text(), std::wstring(text.Text()));
+  }
+  m_entries = std::move(entries);
+  return S_OK;
+}
+
+bool CElementTree::GetBoolean(const std::wstring& name, bool fallback) const {
+  const auto entry = m_entries.find(name);
+  if (entry == m_entries.end()) return fallback;
+  if (entry->second == L"true" || entry->second == L"TRUE") return true;
+  if (entry->second == L"false" || entry->second == L"FALSE") return false;
+  return fallback;
+}

@@ -23,8 +23,9 @@ constexpr int kNoPort = -1;
 constexpr DWORD kReadTimeLimitMs = 5000;
 constexpr DWORD kReadPollPeriodMs = 10;
 
-constexpr DWORD kPurgeQueues = PURGE_TXCLEAR | PURGE_RXCLEAR;
-constexpr DWORD kPurgeAll = PURGE_TXABORT | PURGE_RXABORT | kPurgeQueues;
+constexpr DWORD kPurgeAll = PURGE_TXABORT | PURGE_RXABORT | PURGE_TXCLEAR | PURGE_RXCLEAR;
+constexpr DWORD kPurgeAfterFailure = 0xA;
+static_assert(kPurgeAll == 0xF && kPurgeAfterFailure == (PURGE_RXABORT | PURGE_RXCLEAR));
 
 constexpr ULONG kDeviceIdsLength = 1024;
 constexpr ULONG kFriendlyNameBytes = 920;
@@ -205,7 +206,7 @@ bool ATProcessor::writeCmd(const char* command, std::uint32_t length) {
   DWORD written = 0;
   if (!::WriteFile(m_port, command, length, &written, nullptr)) {
     const DWORD error = ::GetLastError();
-    ::PurgeComm(m_port, kPurgeQueues);
+    ::PurgeComm(m_port, kPurgeAfterFailure);
     ::LeaveCriticalSection(&m_section);
     LOG_ERROR("%s write at command failed with error 0x%x\n", QUALIFIED_FUNCTION,
               static_cast<unsigned>(error));
@@ -278,7 +279,7 @@ std::uint32_t ATProcessor::bytesWaiting() {
 bool ATProcessor::readByte(char* byte) {
   DWORD read = 0;
   if (!::ReadFile(m_port, byte, 1, &read, nullptr)) {
-    ::PurgeComm(m_port, kPurgeQueues);
+    ::PurgeComm(m_port, kPurgeAfterFailure);
     return false;
   }
   return read == 1;

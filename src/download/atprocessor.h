@@ -40,7 +40,7 @@ class ATProcessor {
 
   /// Number of received bytes that wait to be read; 0 when that cannot be told.
   std::uint32_t bytesWaiting();
-  /// Reads one byte. @return false when there was none, or when reading failed and the queues were emptied.
+  /// Reads one byte. @return false when there was none, or when reading failed and the port was purged.
   bool readByte(char* byte);
 
  protected:

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <cstring>
 #include <cwchar>
+#include <iterator>
 #include <memory>
 #include <new>
-#include <ranges>
 #include <string_view>
 
 #include "common/devicelist.h"

@@ -1,1 +1,156 @@
 #pragma once
+
+#include <memory>
+#include <vector>
+
+#include <windows.h>
+
+#include <oaidl.h>
+
+#include "common/toolkitexport.h"
+#include "common/tstring.h"
+
+// The interfaces of MSXML's document object model; <msxml.h> defines them for hosts that call them.
+struct IXMLDOMDocument;
+struct IXMLDOMElement;
+struct IXMLDOMNode;
+struct IXMLDOMNodeList;
+
+#if defined(_MSC_VER)
+#pragma warning(push)
+#pragma warning(disable : 4251)  // The members are private; host and library share one runtime.
+#endif
+
+namespace QUENTA::Brevant::Interfaces::ToolkitCore {
+
+/// Name and typed value of one element, for CXMLFile::CreateNodes.
+///
+/// Copies share the BSTR of a VT_BSTR value and nobody frees it: it lives for as long as the process.
+class CORVEL_TOOLKIT_API XML_NAME_VALUE {
+ public:
+  /// A value of the given type.
+  /// @param type VT_BSTR makes a BSTR of the text; VT_UI2 takes its leading decimal number, cut to 16 bits;
+  ///             any other type is stored alone, with a value of zero.
+  XML_NAME_VALUE(const CTString& name, const CTString& text, VARENUM type) noexcept;
+  /// A VT_DATE value; a time that no date can hold gives the date 0 (30 December 1899).
+  XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noexcept;
+  XML_NAME_VALUE(const XML_NAME_VALUE& other) = default;
+  XML_NAME_VALUE(XML_NAME_VALUE&& other) = default;
+  XML_NAME_VALUE& operator=(const XML_NAME_VALUE& other) = default;
+  XML_NAME_VALUE& operator=(XML_NAME_VALUE&& other) = default;
+  ~XML_NAME_VALUE() = default;
+
+  CTString Name() const { return m_name; }
+  /// The value as it is: its BSTR stays shared with this record, so do not clear it.
+  VARIANT Value() const { return m_value; }
+
+ private:
+  CTString m_name;
+  VARIANT m_value;
+};
+
+/// One XML document, bound to the path of one file.
+///
+/// To read: GetRootNode, then GetNodesCount or GetChildNodesOfNode and the lookups. To write: CreateRootNode,
+/// the Create operations, SaveDocumentToFile. GetRootNode and CreateRootNode each begin a fresh document.
+///
+/// COM must be initialised on the calling thread, and stay so until the object is gone. An object belongs
+/// to one thread at a time.
+///
+/// Results are HRESULTs: 0 on success, 0x80004005 for a missing argument or document, else what the
+/// document model returned. Each call that fails there writes one record to the debug log.
+///
+/// Nodes and lists handed out belong to the caller, who releases them; only the root of GetRootNode stays
+/// the object's own. After a failure an out pointer is null and an out text or number unchanged, but for
+/// GetChildNodesOfNode's count, which is 0. Operations that create accept a null out pointer.
+///
+/// Nothing here throws: lack of memory ends the process.
+class CORVEL_TOOLKIT_API CXMLFile {
+ public:
+  /// Keeps the path; no file is touched yet.
+  explicit CXMLFile(const CTString& path) noexcept;
+  CXMLFile(const CXMLFile&) = delete;
+  CXMLFile& operator=(const CXMLFile&) = delete;
+  /// Releases the document. Nodes that the caller still holds keep it alive.
+  ~CXMLFile();
+
+  /// Begins an empty document that loads synchronously, without validation, external entities or ignorable
+  /// white space. GetRootNode and CreateRootNode call it; nodes, root and list of a former document go.
+  HRESULT InitializeDOM() noexcept;
+
+  // Reading.
+
+  /// Loads the file. On failure the object has no document.
+  /// @param root the document element: borrowed, not to be released, valid until the next GetRootNode or
+  ///             CreateRootNode and no longer than this object. May be null.
+  HRESULT GetRootNode(IXMLDOMElement** root) noexcept;
+  /// Number of the root's child nodes as loaded; -1 without a loaded document.
+  int GetNodesCount() noexcept;
+  HRESULT GetChildNodesOfNode(IXMLDOMNode* node, IXMLDOMNodeList** children, long& count) noexcept;
+  /// One node of a list. @return S_FALSE (1), with a null node, for an index outside the list.
+  HRESULT GetNodeAtIndex(int index, IXMLDOMNode** node, IXMLDOMNodeList* list) noexcept;
+  HRESULT GetNameForNode(IXMLDOMNode* node, CTString& name) noexcept;
+  /// The texts of the node and all its descendants, joined.
+  HRESULT GetTextForNode(IXMLDOMNode* node, CTString& text) noexcept;
+  /// True when the node has exactly that name, prefix and case included.
+  bool DoesNodeNameEquals(IXMLDOMNode* node, const CTString& name) noexcept;
+  /// True when item `n` of the list is an element of that name.
+  /// @param node the item, whenever it exists, whatever the answer. May be null.
+  bool IsNthNodeAnElementWithName(int n, const CTString& name, IXMLDOMNode** node,
+                                  IXMLDOMNodeList* list) noexcept;
+  /// The value of one attribute. @return 0x80004005 when the node has no such attribute.
+  HRESULT GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName, CTString& value) noexcept;
+  /// Looks, from the list's current position on, for a node whose attribute has the given value, and leaves
+  /// the list behind it. @return 0 also when there is none; then `node` is null.
+  HRESULT FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTString& attributeName,
+                                     const CTString& value, IXMLDOMNode** node) noexcept;
+
+  // Writing. A null parent means the document itself, which holds one element at most.
+
+  /// Appends the XML declaration: version 1.0, encoding UTF-8.
+  HRESULT CreateAndAddPINode() noexcept;
+  HRESULT CreateAndAddNode(const CTString& name, IXMLDOMNode** node, IXMLDOMNode* parent) noexcept;
+  /// Begins a document with the declaration and an empty root element.
+  /// @return 0x80004005 for any failure; then the object has no document. An empty name changes nothing.
+  HRESULT CreateRootNode(const CTString& name, IXMLDOMNode** node) noexcept;
+  /// The same, and the root refers to its schema by "xsi:noNamespaceSchemaLocation". An empty name or
+  /// schema changes nothing.
+  HRESULT CreateRootNode(const CTString& name, const CTString& schema, IXMLDOMNode** node) noexcept;
+  /// Gives the node an attribute; one of the same name is replaced.
+  HRESULT AddAttributeToNode(const CTString& attributeName, const VARIANT& value, IXMLDOMNode* node) noexcept;
+  HRESULT CreateAttributeForNode(const CTString& name, const CTString& value, IXMLDOMNode* node) noexcept;
+  /// A child element with one attribute. Like every element whose value is refused, it stays in the document
+  /// without one when the attribute fails.
+  HRESULT CreateAttributeNode(const CTString& elementName, const CTString& attributeName,
+                              const CTString& attributeValue, IXMLDOMNode* parent,
+                              IXMLDOMNode** node) noexcept;
+  HRESULT CreateNode(const CTString& name, IXMLDOMNode* parent, IXMLDOMNode** node) noexcept;
+  /// A child element with a typed value, written in the document model's text form of that type.
+  HRESULT CreateNode(const CTString& name, const VARIANT& value, IXMLDOMNode* parent,
+                     IXMLDOMNode** node) noexcept;
+  HRESULT CreateTextNode(const CTString& name, const CTString& text, IXMLDOMNode* parent,
+                         IXMLDOMNode** node) noexcept;
+  /// One child element per record, in order. @return 0x80004005 at the first failure, where it stops.
+  HRESULT CreateNodes(const std::vector<XML_NAME_VALUE>& nodes, IXMLDOMNode* parent) noexcept;
+  /// Writes the document to the path, over what is there.
+  HRESULT SaveDocumentToFile() noexcept;
+
+ private:
+  struct Releaser {
+    void operator()(IUnknown* object) const noexcept { object->Release(); }
+  };
+
+  void ReleaseDocument() noexcept;
+  HRESULT Abandon(HRESULT result) noexcept;
+
+  CTString m_path;
+  std::unique_ptr<IXMLDOMDocument, Releaser> m_document;
+  std::unique_ptr<IXMLDOMElement, Releaser> m_root;
+  std::unique_ptr<IXMLDOMNodeList, Releaser> m_children;
+};
+
+}  // namespace QUENTA::Brevant::Interfaces::ToolkitCore
+
+#if defined(_MSC_VER)
+#pragma warning(pop)
+#endif

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -30,8 +30,12 @@ constexpr char kFile[] = "C:\\build\\src\\module.src";
 constexpr char kOfTheSystem[] = "toolkit_internals.dll";
 constexpr DWORD kLongEnough = 30000;
 
+// A macro, so that the compiler checks the formats.
+#define RECORD(...) ToolKit::OutputDebug(3, "FlashSvc", "Class::Function", kFile, 339, __VA_ARGS__)
+
+/// For formats that the C runtime knows and the language does not.
 template <typename... Values>
-void Log(const char* format, Values... values) {
+void LogUnchecked(const char* format, Values... values) {
   ToolKit::OutputDebug(3, "FlashSvc", "Class::Function", kFile, 339, format, values...);
 }
 
@@ -67,7 +71,7 @@ class DebugLoggerTest : public testing::Test {
 // The record
 
 TEST_F(DebugLoggerTest, WritesARecordOfTabSeparatedFields) {
-  Log("\t get Config Var, [%s] : %s", "IPCTYPE", "USB");
+  RECORD("\t get Config Var, [%s] : %s", "IPCTYPE", "USB");
   const std::string ids =
       std::to_string(::GetCurrentProcessId()) + "~" + std::to_string(::GetCurrentThreadId());
   EXPECT_THAT(log.Text(), StartsWith("#"));
@@ -77,7 +81,7 @@ TEST_F(DebugLoggerTest, WritesARecordOfTabSeparatedFields) {
 }
 
 TEST_F(DebugLoggerTest, WritesDateAndTimeWithAllTheirDigits) {
-  Log("message");
+  RECORD("message");
   const auto fields = Fields(log.Text());
   ASSERT_EQ(fields.size(), 9u);
   EXPECT_THAT(fields[0], MatchesRegex("#\\d\\d\\d\\d-\\d\\d-\\d\\d"));
@@ -90,7 +94,7 @@ VOID WINAPI EarlyMorning(SYSTEMTIME* time) {
 
 TEST_F(DebugLoggerTest, FillsSmallNumbersOfDateAndTimeWithZeros) {
   ASSERT_TRUE(patch.Replace("GetLocalTime", &EarlyMorning));
-  Log("message");
+  RECORD("message");
   EXPECT_THAT(log.Text(), StartsWith("#2026-01-02\t03:04:05.006\t"));
 }
 
@@ -135,27 +139,27 @@ TEST_F(DebugLoggerTest, CutsAnOverlongSourceFileNameTo255Characters) {
 
 TEST_F(DebugLoggerTest, WritesAMessageOfMoreThanTenThousandCharactersWhole) {
   const std::string message(10001, 'm');
-  Log("%s", message.c_str());
+  RECORD("%s", message.c_str());
   EXPECT_THAT(log.Text(), EndsWith("\t" + message + "##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, KeepsALineEndInTheMessage) {
-  Log("first\nsecond\n");
+  RECORD("first\nsecond\n");
   EXPECT_THAT(log.Text(), EndsWith("\tfirst\nsecond\n##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, TakesPositionalParameters) {
-  Log("%2$s before %1$s", "b", "a");
+  LogUnchecked("%2$s before %1$s", "b", "a");
   EXPECT_THAT(log.Text(), EndsWith("\ta before b##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, PrintsWideTexts) {
-  Log("%ls %S", L"one", L"two");
+  LogUnchecked("%ls %S", L"one", L"two");
   EXPECT_THAT(log.Text(), EndsWith("\tone two##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, NamesTheFormatOfAMessageThatTheRuntimeRefusesToPrint) {
-  Log("\t path: %ls", L"\u4E2D");
+  RECORD("\t path: %ls", L"\u4E2D");
   EXPECT_THAT(log.Text(), EndsWith("<not printable> \t path: %ls##\r\n"));
 }
 
@@ -165,7 +169,7 @@ TEST_F(DebugLoggerTest, SurvivesMissingTexts) {
 }
 
 TEST_F(DebugLoggerTest, WritesAnEmptyMessage) {
-  Log("%s", "");
+  RECORD("%s", "");
   EXPECT_THAT(log.Text(), EndsWith("\tClass::Function\t##\r\n"));
 }
 
@@ -173,22 +177,22 @@ TEST_F(DebugLoggerTest, WritesAnEmptyMessage) {
 
 TEST_F(DebugLoggerTest, WritesNothingAndCreatesNoFileAtLevelZero) {
   CDebugLogger::SetLevel(0);
-  Log("message");
+  RECORD("message");
   EXPECT_FALSE(log.Exists());
 }
 
 TEST_F(DebugLoggerTest, WritesNothingAtANegativeLevel) {
   CDebugLogger::SetLevel(-1);
-  Log("message");
+  RECORD("message");
   EXPECT_FALSE(log.Exists());
 }
 
 TEST_F(DebugLoggerTest, KeepsWhatWasWrittenBeforeLoggingWasTurnedOff) {
-  Log("before");
+  RECORD("before");
   ToolKit::TurnLoggingOff();
-  Log("while off");
+  RECORD("while off");
   ToolKit::TurnLoggingOn();
-  Log("after");
+  RECORD("after");
   const auto records = Records(log.Text());
   ASSERT_EQ(records.size(), 2u);
   EXPECT_THAT(records[0], HasSubstr("before"));
@@ -223,37 +227,37 @@ class LogFileTest : public DebugLoggerTest {
 TEST_F(LogFileTest, IsCreatedByTheFirstRecordNotByItsName) {
   Name(folder.File("new.log"));
   EXPECT_FALSE(folder.Holds("new.log"));
-  Log("message");
+  RECORD("message");
   EXPECT_TRUE(folder.Holds("new.log"));
 }
 
 TEST_F(LogFileTest, IsNamedThroughTheExportedFunctionToo) {
   ToolKit().SetDebugLoggerFileName(folder.File("host.log").c_str());
-  Log("message");
+  RECORD("message");
   EXPECT_TRUE(folder.Holds("host.log"));
 }
 
 TEST_F(LogFileTest, OfAnEarlierRunIsEmptiedByTheFirstRecord) {
   Name(folder.Write("old.log", "old records"));
   EXPECT_EQ(folder.Content("old.log"), "old records");
-  Log("message");
+  RECORD("message");
   EXPECT_EQ(Records(folder.Content("old.log")).size(), 1u);
 }
 
 TEST_F(LogFileTest, IsFollowedByAnotherWhenTheNameChanges) {
   Name(folder.File("first.log"));
-  Log("one");
+  RECORD("one");
   Name(folder.File("second.log"));
-  Log("two");
+  RECORD("two");
   EXPECT_THAT(folder.Content("first.log"), EndsWith("\tone##\r\n"));
   EXPECT_EQ(Records(folder.Content("second.log")).size(), 1u);
 }
 
 TEST_F(LogFileTest, IsEmptiedWhenItIsNamedAgain) {
   Name(folder.File("same.log"));
-  Log("one");
+  RECORD("one");
   Name(folder.File("same.log"));
-  Log("two");
+  RECORD("two");
   const auto records = Records(folder.Content("same.log"));
   ASSERT_EQ(records.size(), 1u);
   EXPECT_THAT(records[0], HasSubstr("two"));
@@ -262,40 +266,40 @@ TEST_F(LogFileTest, IsEmptiedWhenItIsNamedAgain) {
 TEST_F(LogFileTest, GetsItsMissingFolderWhenItIsNamed) {
   Name(folder.File("logs\\new.log"));
   EXPECT_TRUE(folder.Holds("logs"));
-  Log("message");
+  RECORD("message");
   EXPECT_TRUE(folder.Holds("logs/new.log"));
 }
 
 TEST_F(LogFileTest, TwoMissingFoldersDeepIsNotMadeAndDropsItsRecords) {
   Name(folder.File("logs\\deeper\\new.log"));
-  Log("message");
+  RECORD("message");
   EXPECT_FALSE(folder.Holds("logs"));
 }
 
 TEST_F(LogFileTest, WithoutANameDropsRecordsUntilThereIsOne) {
   Name("");
-  Log("lost");
+  RECORD("lost");
   Name(folder.File("new.log"));
-  Log("kept");
+  RECORD("kept");
   EXPECT_EQ(Records(folder.Content("new.log")).size(), 1u);
 }
 
 TEST_F(LogFileTest, ThatCannotBeOpenedIsTriedAgainForEveryRecord) {
   Name(folder.File("a\\b\\new.log"));
-  Log("lost");
+  RECORD("lost");
   std::filesystem::create_directories(folder.Path() / "a" / "b");
-  Log("kept");
+  RECORD("kept");
   EXPECT_EQ(Records(folder.Content("a/b/new.log")).size(), 1u);
 }
 
 TEST_F(LogFileTest, TakesANullNameForNone) {
   CDebugLogger::GetInstance()->SetFileName(nullptr);
-  Log("lost");
+  RECORD("lost");
   SUCCEED();
 }
 
 TEST_F(LogFileTest, LetsOthersReadWhileItIsWritten) {
-  Log("message");
+  RECORD("message");
   CFileIo reader;
   EXPECT_EQ(reader.OpenEx(log.Path().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING,
                           0, nullptr, nullptr),
@@ -303,24 +307,24 @@ TEST_F(LogFileTest, LetsOthersReadWhileItIsWritten) {
 }
 
 TEST_F(LogFileTest, IsRefusedToAReaderWhoDoesNotShareWriting) {
-  Log("message");
+  RECORD("message");
   CFileIo reader;
   EXPECT_EQ(reader.Open(log.Path().c_str(), false), static_cast<HRESULT>(0x80070020u));
 }
 
 TEST_F(LogFileTest, TakesAFinishedTextAsItStands) {
   CDebugLogger::GetInstance()->WriteText("finished line\r\n");
-  Log("message");
+  RECORD("message");
   EXPECT_THAT(log.Text(), StartsWith("finished line\r\n#"));
 }
 
 TEST_F(LogFileTest, IsClosedByReleasingAndEmptiedByALaterRecord) {
-  Log("one");
+  RECORD("one");
   CDebugLogger::ReleaseInstance();
   CFileIo exclusive;
   EXPECT_EQ(exclusive.Open(log.Path().c_str(), false), S_OK);
   exclusive.Close();
-  Log("two");
+  RECORD("two");
   EXPECT_EQ(Records(log.Text()).size(), 1u);
 }
 
@@ -357,7 +361,7 @@ TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
   ASSERT_TRUE(patch.Replace("WriteFile", &CountWrite));
   ASSERT_TRUE(patch.Replace("GetFileSize", &CountSize));
   ASSERT_TRUE(patch.Replace("FlushFileBuffers", &CountFlush));
-  Log("message");
+  RECORD("message");
   EXPECT_EQ(calls.writes, 1);
   EXPECT_EQ(calls.sizes, 1);
   EXPECT_EQ(calls.flushes, 0);
@@ -365,9 +369,9 @@ TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
 
 TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
   ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
-  Log("lost");
+  RECORD("lost");
   patch.Restore();
-  Log("kept");
+  RECORD("kept");
   const auto records = Records(log.Text());
   ASSERT_EQ(records.size(), 1u);
   EXPECT_THAT(records[0], HasSubstr("kept"));
@@ -375,14 +379,14 @@ TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
 
 TEST_F(DebugLoggerTest, WritesTheRecordEvenWhenTheLockFails) {
   ASSERT_TRUE(patch.Replace("WaitForSingleObject", &FailToWait));
-  Log("message");
+  RECORD("message");
   EXPECT_EQ(Records(log.Text()).size(), 1u);
 }
 
 TEST_F(DebugLoggerTest, LeavesTheCallersLastErrorAlone) {
   ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
   ::SetLastError(1234);
-  Log("lost");
+  RECORD("lost");
   EXPECT_EQ(::GetLastError(), 1234u);
 }
 
@@ -392,7 +396,7 @@ TEST_F(DebugLoggerTest, NeverInterleavesTheRecordsOfSeveralThreads) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([] {
-      for (int j = 0; j < kRecordsOfEach; ++j) Log("a message of some length");
+      for (int j = 0; j < kRecordsOfEach; ++j) RECORD("a message of some length");
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -411,7 +415,7 @@ BOOL WINAPI WriteForEver(HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) {
   return FALSE;
 }
 DWORD WINAPI LogOnce(LPVOID) {
-  Log("never ends");
+  RECORD("never ends");
   return 0;
 }
 
@@ -419,7 +423,7 @@ DWORD WINAPI LogOnce(LPVOID) {
 TEST_F(DebugLoggerTest, TakesTheLockOverFromAThreadThatWasKilledWhileItHeldIt) {
   const UniqueHandle writing(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   g_writing = writing.get();
-  Log("before");
+  RECORD("before");
   ASSERT_TRUE(patch.Replace("WriteFile", &WriteForEver));
   const UniqueHandle thread(::CreateThread(nullptr, 0, &LogOnce, nullptr, 0, nullptr));
   ASSERT_EQ(::WaitForSingleObject(writing.get(), kLongEnough), WAIT_OBJECT_0);
@@ -427,44 +431,21 @@ TEST_F(DebugLoggerTest, TakesTheLockOverFromAThreadThatWasKilledWhileItHeldIt) {
   ASSERT_EQ(::WaitForSingleObject(thread.get(), kLongEnough), WAIT_OBJECT_0);
   patch.Restore();
 
-  Log("after");
+  RECORD("after");
   EXPECT_THAT(log.Text(), EndsWith("\tafter##\r\n"));
 }
 
-// Processes: this program starts itself with one of the following tests.
+// Several processes
 
-constexpr char kLogOfTheChild[] = "CORVEL_TEST_LOG_FILE";
-
-void NameTheFileOfTheChild() {
-  const char* const path = std::getenv(kLogOfTheChild);
-  ASSERT_NE(path, nullptr) << "runs only as a child process";
-  CDebugLogger::GetInstance()->SetFileName(path);
-}
-
-TEST(LogChild, DISABLED_WritesOneRecord) {
-  NameTheFileOfTheChild();
-  Log("from the child");
-}
-
-TEST(LogChild, DISABLED_LogsAfterShutDown) {
-  NameTheFileOfTheChild();
-  Log("before");
-  CDebugLogger::ReleaseInstance();
-  CDebugLogger::ShutDown();
-  Log("after");
-}
-
-void RunChild(const std::string& test, const std::string& logFile) {
-  std::array<char, MAX_PATH> program{};
-  ::GetModuleFileNameA(nullptr, program.data(), static_cast<DWORD>(program.size()));
-  std::string command =
-      "\"" + std::string(program.data()) +
-      "\" --gtest_brief=1 --gtest_also_run_disabled_tests --gtest_filter=LogChild.DISABLED_" + test;
-  ::SetEnvironmentVariableA(kLogOfTheChild, logFile.c_str());
+void RunChild(const std::string& role, const std::string& logFile) {
+  std::array<wchar_t, MAX_PATH> test{};
+  ::GetModuleFileNameW(nullptr, test.data(), static_cast<DWORD>(test.size()));
+  const std::string program = std::filesystem::path(test.data()).replace_filename("log_child.exe").string();
+  std::string command = "\"" + program + "\" \"" + logFile + "\" " + role;
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
-  ASSERT_TRUE(::CreateProcessA(program.data(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+  ASSERT_TRUE(::CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                                &startup, &process));
   const UniqueHandle child(process.hProcess);
   const UniqueHandle thread(process.hThread);
@@ -476,26 +457,26 @@ void RunChild(const std::string& test, const std::string& logFile) {
 
 TEST(LogOfSeveralProcesses, StartsAfreshWithEachRunOfTheHost) {
   const TemporaryFolder folder;
-  RunChild("WritesOneRecord", folder.File("host.log"));
-  RunChild("WritesOneRecord", folder.File("host.log"));
+  RunChild("one-record", folder.File("host.log"));
+  RunChild("one-record", folder.File("host.log"));
   EXPECT_EQ(Records(folder.Content("host.log")).size(), 1u);
 }
 
 TEST(LogOfSeveralProcesses, BelongsToTheFirstOneThatOpenedIt) {
   const TestLog log;
-  Log("from the parent");
-  RunChild("WritesOneRecord", log.Path());
-  Log("from the parent");
+  RECORD("from the parent");
+  RunChild("one-record", log.Path());
+  RECORD("from the parent");
   EXPECT_EQ(Records(log.Text()).size(), 2u);
   EXPECT_FALSE(log.Contains("from the child"));
 }
 
 TEST(LogOfSeveralProcesses, KeepsItsRecordsWhenOneComesAfterShutDown) {
   const TemporaryFolder folder;
-  RunChild("LogsAfterShutDown", folder.File("host.log"));
+  RunChild("after-shut-down", folder.File("host.log"));
   const auto records = Records(folder.Content("host.log"));
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_THAT(records[0], HasSubstr("before"));
+  EXPECT_THAT(records[0], HasSubstr("from the child"));
 }
 
 }  // namespace

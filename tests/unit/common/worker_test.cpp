@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <utility>
@@ -133,6 +135,21 @@ TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {
   EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
   EXPECT_FALSE(ran);
+}
+
+using LargeCapture = std::array<char, 1000>;
+void* __cdecl RefuseTheLargeCapture(std::size_t size) {
+  const bool isCapture = size >= sizeof(LargeCapture) && size <= sizeof(LargeCapture) + sizeof(void*);
+  // Not malloc: in this program that would come back here.
+  return isCapture ? nullptr : std::calloc(1, size);
+}
+
+// The body is allocated where it is handed over, in this program.
+TEST_F(WorkerTest, ThatThereIsNoMemoryForIsOneThatCannotBeStarted) {
+  ImportPatch own(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(own.Replace("malloc", &RefuseTheLargeCapture));
+  EXPECT_EQ(StartWorker([capture = LargeCapture()] { static_cast<void>(capture); }), nullptr);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
 }
 
 TEST_F(WorkerTest, ThatCannotBeStartedReleasesItsBodyAndTheLibrary) {

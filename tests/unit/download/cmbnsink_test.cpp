@@ -16,7 +16,7 @@
 #include "common/automation.h"
 #include "common/handles.h"
 #include "import_patch.h"
-#include "recorded_log.h"
+#include "support/test_log.h"
 
 #if defined(__GNUC__)
 // The interfaces have no destructor: one would take a slot.
@@ -136,10 +136,10 @@ class MbnSinkTest : public testing::Test {
     return object;
   }
   std::vector<std::string> Messages() const { return m_log.Messages(); }
-  bool Logged(const std::string& message) const { return m_log.Holds(message); }
+  bool Logged(const std::string& message) const { return m_log.Count(message) > 0; }
 
  private:
-  RecordedLog m_log;
+  TestLog m_log;
   std::unique_ptr<CMbnSinks> m_sink = std::make_unique<CMbnSinks>();
 };
 

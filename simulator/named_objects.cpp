@@ -1,0 +1,19 @@
+#include "named_objects.h"
+
+#include <string>
+
+namespace {
+
+std::wstring Own(const wchar_t* name) {
+  return name + (L"-" + std::to_wstring(::GetCurrentProcessId()));
+}
+
+}  // namespace
+
+HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name) {
+  return ::CreateSemaphoreW(security, count, maximum, name == nullptr ? nullptr : OwnName(name).c_str());
+}
+
+HANDLE WINAPI CreateOwnEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name) {
+  return ::CreateEventW(security, manual, state, name == nullptr ? nullptr : OwnName(name).c_str());
+}

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+/// A name for this process alone, made from one that the whole session shares.
+std::wstring OwnName(const wchar_t* name);
+
+/// The system's functions of the same name, but that names are this process's own: virtual PCs that run at
+/// the same time must not wake each other, any more than real ones do.
+HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name);
+HANDLE WINAPI CreateOwnEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name);

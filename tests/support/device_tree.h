@@ -1,0 +1,216 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cfgmgr32.h>
+
+#include <cwchar>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "import_patch.h"
+
+/// A small device tree in the place of the system's. A device that was once installed and is absent gives
+/// an empty list for its id, one that never was an error; the empty id locates the root, as in the system.
+class DeviceTree {
+ public:
+  DeviceTree() {
+    s_tree = this;
+    m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
+    m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
+    m_patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
+    m_patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
+    m_patch.Replace("CM_Locate_DevNodeW", &Locate);
+    m_patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
+    m_patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
+  }
+  ~DeviceTree() {
+    m_patch.Restore();
+    s_tree = nullptr;
+  }
+  DeviceTree(const DeviceTree&) = delete;
+  DeviceTree& operator=(const DeviceTree&) = delete;
+
+  void Has(const std::wstring& id, const std::wstring& friendlyName = L"") {
+    m_devices.push_back({id, friendlyName});
+  }
+  void HasInterface(const GUID& interfaceClass, const std::wstring& path) {
+    m_interfaces.push_back({interfaceClass, path});
+  }
+  void OnceHad(const std::wstring& id) { m_absent.push_back(id); }
+  void LosesAllDevices() { m_devices.clear(); }
+  void LosesAllInterfaces() { m_interfaces.clear(); }
+  /// From now on the call answers with `error`.
+  void Refuses(const std::string& call, CONFIGRET error) { m_refused[call] = error; }
+  /// Runs once, right behind the next answer to a question for a list's length.
+  void AfterTellingALength(std::function<void()> change) { m_afterLength = std::move(change); }
+
+  int Reenumerations() const { return m_reenumerations; }
+  int CallsOf(const std::string& call) const {
+    const auto found = m_calls.find(call);
+    return found == m_calls.end() ? 0 : found->second;
+  }
+  std::wstring LastFilter() const { return m_lastFilter; }
+  ULONG LastFlags() const { return m_lastFlags; }
+  ULONG LastBufferLength() const { return m_lastBufferLength; }
+  ULONG LastNameBytes() const { return m_lastNameBytes; }
+
+ private:
+  static constexpr DEVINST kRoot = 1;
+  static constexpr DEVINST kFirstDevice = 100;
+
+  struct Device {
+    std::wstring id;
+    std::wstring friendlyName;
+  };
+  struct Interface {
+    GUID interfaceClass;
+    std::wstring path;
+  };
+
+  /// Counts the call. @return what it answers by arrangement.
+  CONFIGRET Enter(const std::string& call) {
+    ++m_calls[call];
+    const auto refused = m_refused.find(call);
+    return refused == m_refused.end() ? CR_SUCCESS : refused->second;
+  }
+
+  static CONFIGRET Tell(const std::vector<std::wstring>& texts, ULONG* length) {
+    std::size_t units = 1;
+    for (const std::wstring& text : texts) units += text.size() + 1;
+    *length = static_cast<ULONG>(units);
+    return CR_SUCCESS;
+  }
+
+  static CONFIGRET Give(const std::vector<std::wstring>& texts, wchar_t* buffer, ULONG length) {
+    if (length == 0) return CR_INVALID_POINTER;
+    ULONG needed = 0;
+    Tell(texts, &needed);
+    if (length < needed) return CR_BUFFER_SMALL;
+    for (const std::wstring& text : texts) {
+      text.copy(buffer, text.size());
+      buffer += text.size();
+      *buffer++ = L'\0';
+    }
+    *buffer = L'\0';
+    return CR_SUCCESS;
+  }
+
+  void ToldALength() {
+    if (const auto change = std::exchange(m_afterLength, nullptr)) change();
+  }
+
+  static bool IsOf(const std::wstring& id, std::wstring_view enumeratorAndDevice) {
+    const std::wstring prefix = std::wstring(enumeratorAndDevice) + L"\\";
+    return ::_wcsnicmp(id.c_str(), prefix.c_str(), prefix.size()) == 0;
+  }
+
+  std::vector<std::wstring> Ids() const {
+    std::vector<std::wstring> ids;
+    for (const Device& device : m_devices) ids.push_back(device.id);
+    return ids;
+  }
+  std::vector<std::wstring> Paths(const GUID& interfaceClass) const {
+    std::vector<std::wstring> paths;
+    for (const Interface& one : m_interfaces) {
+      if (::IsEqualGUID(one.interfaceClass, interfaceClass)) paths.push_back(one.path);
+    }
+    return paths;
+  }
+
+  static CONFIGRET WINAPI IdListSize(ULONG* length, const wchar_t* filter, ULONG flags) {
+    const CONFIGRET answer = s_tree->Enter("CM_Get_Device_ID_List_SizeW");
+    if (answer != CR_SUCCESS) return answer;
+    if (filter != nullptr || flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
+    Tell(s_tree->Ids(), length);
+    s_tree->ToldALength();
+    return CR_SUCCESS;
+  }
+
+  static CONFIGRET WINAPI IdList(const wchar_t* filter, wchar_t* buffer, ULONG length, ULONG flags) {
+    DeviceTree& tree = *s_tree;
+    const CONFIGRET answer = tree.Enter("CM_Get_Device_ID_ListW");
+    if (answer != CR_SUCCESS) return answer;
+    tree.m_lastFilter = filter == nullptr ? L"" : filter;
+    tree.m_lastFlags = flags;
+    tree.m_lastBufferLength = length;
+    if (filter == nullptr) return Give(tree.Ids(), buffer, length);
+
+    std::vector<std::wstring> ids;
+    for (const Device& device : tree.m_devices) {
+      if (IsOf(device.id, filter)) ids.push_back(device.id);
+    }
+    bool known = !ids.empty();
+    for (const std::wstring& absent : tree.m_absent) known = known || IsOf(absent, filter);
+    return known ? Give(ids, buffer, length) : CR_NO_SUCH_VALUE;
+  }
+
+  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, wchar_t*, ULONG) {
+    const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_List_SizeW");
+    if (answer != CR_SUCCESS) return answer;
+    Tell(s_tree->Paths(*interfaceClass), length);
+    s_tree->ToldALength();
+    return CR_SUCCESS;
+  }
+
+  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, wchar_t*, wchar_t* buffer, ULONG length,
+                                        ULONG) {
+    const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_ListW");
+    return answer == CR_SUCCESS ? Give(s_tree->Paths(*interfaceClass), buffer, length) : answer;
+  }
+
+  static CONFIGRET WINAPI Locate(DEVINST* node, wchar_t* id, ULONG) {
+    const CONFIGRET answer = s_tree->Enter("CM_Locate_DevNodeW");
+    if (answer != CR_SUCCESS) return answer;
+    if (id == nullptr || *id == L'\0') {
+      *node = kRoot;
+      return CR_SUCCESS;
+    }
+    for (std::size_t i = 0; i < s_tree->m_devices.size(); ++i) {
+      if (s_tree->m_devices[i].id != id) continue;
+      *node = kFirstDevice + static_cast<DEVINST>(i);
+      return CR_SUCCESS;
+    }
+    return CR_NO_SUCH_DEVNODE;
+  }
+
+  static CONFIGRET WINAPI Reenumerate(DEVINST node, ULONG) {
+    const CONFIGRET answer = s_tree->Enter("CM_Reenumerate_DevNode");
+    if (answer != CR_SUCCESS) return answer;
+    if (node != kRoot) return CR_INVALID_DEVNODE;
+    ++s_tree->m_reenumerations;
+    return CR_SUCCESS;
+  }
+
+  static CONFIGRET WINAPI Property(DEVINST node, ULONG property, ULONG*, void* buffer, ULONG* bytes, ULONG) {
+    const CONFIGRET answer = s_tree->Enter("CM_Get_DevNode_Registry_PropertyW");
+    if (answer != CR_SUCCESS) return answer;
+    s_tree->m_lastNameBytes = *bytes;
+    if (node == kRoot || property != CM_DRP_FRIENDLYNAME) return CR_NO_SUCH_VALUE;
+    const std::wstring& name = s_tree->m_devices.at(node - kFirstDevice).friendlyName;
+    const std::size_t needed = (name.size() + 1) * sizeof(wchar_t);
+    if (*bytes < needed) return CR_BUFFER_SMALL;
+    std::wmemcpy(static_cast<wchar_t*>(buffer), name.c_str(), name.size() + 1);
+    *bytes = static_cast<ULONG>(needed);
+    return CR_SUCCESS;
+  }
+
+  static inline DeviceTree* s_tree = nullptr;
+
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::vector<Device> m_devices;
+  std::vector<Interface> m_interfaces;
+  std::vector<std::wstring> m_absent;
+  std::map<std::string, CONFIGRET> m_refused;
+  std::map<std::string, int> m_calls;
+  std::function<void()> m_afterLength;
+  std::wstring m_lastFilter;
+  ULONG m_lastFlags = 0;
+  ULONG m_lastBufferLength = 0;
+  ULONG m_lastNameBytes = 0;
+  int m_reenumerations = 0;
+};

@@ -1,0 +1,440 @@
+#include "support/fake_dom.h"
+
+#include <windows.h>
+
+#include <oleauto.h>
+
+#include <cstddef>
+
+#include "xmlfile/dom.h"
+
+#if defined(__GNUC__)
+// COM's interfaces have no destructors; the objects delete themselves where theirs is known.
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+#endif
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+/// Ends a method whose call the test has given another answer.
+#define PLAY(call) \
+  if (const HRESULT answer = this->m_dom.Play(call); answer != S_OK) return answer
+#define UNUSED_METHOD(...)                         \
+  HRESULT STDMETHODCALLTYPE __VA_ARGS__ override { \
+    return E_NOTIMPL;                              \
+  }
+
+/// Counts its references and itself; the interfaces below it are all of automation.
+template <typename Interface>
+class FakeObject : public Interface {
+ public:
+  explicit FakeObject(FakeDom& dom) : m_dom(dom) { m_dom.CountObject(1); }
+  virtual ~FakeObject() { m_dom.CountObject(-1); }
+  FakeObject(const FakeObject&) = delete;
+  FakeObject& operator=(const FakeObject&) = delete;
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
+    *object = nullptr;
+    PLAY("QueryInterface");
+    if (id != kDomElementInterface) return E_NOINTERFACE;
+    AddRef();
+    *object = static_cast<Interface*>(this);
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    const ULONG left = --m_references;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  UNUSED_METHOD(GetTypeInfoCount(UINT*))
+  UNUSED_METHOD(GetTypeInfo(UINT, LCID, ITypeInfo**))
+  UNUSED_METHOD(GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*))
+  UNUSED_METHOD(Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*))
+
+ protected:
+  FakeDom& m_dom;
+
+ private:
+  ULONG m_references = 1;
+};
+
+IXMLDOMNode* NewNode(FakeDom& dom, const FakeNodeData& data);
+IXMLDOMNodeList* NewList(FakeDom& dom, const std::vector<FakeNodeData>& items);
+IXMLDOMNamedNodeMap* NewMap(FakeDom& dom);
+
+template <typename Interface>
+class FakeNode : public FakeObject<Interface> {
+ public:
+  FakeNode(FakeDom& dom, const FakeNodeData& data) : FakeObject<Interface>(dom), m_data(data) {}
+
+  HRESULT STDMETHODCALLTYPE get_nodeName(BSTR* name) override {
+    *name = nullptr;
+    PLAY("get_nodeName");
+    *name = ::SysAllocString(m_data.name.c_str());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_nodeValue(VARIANT* value) override {
+    PLAY("get_nodeValue");
+    value->vt = this->m_dom.ValueType();
+    if (value->vt == VT_BSTR) value->bstrVal = ::SysAllocString(m_data.value.c_str());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_nodeValue(VARIANT) override {
+    PLAY("put_nodeValue");
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_nodeType(DOMNodeType* type) override {
+    PLAY("get_nodeType");
+    *type = m_data.type;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_childNodes(IXMLDOMNodeList** children) override {
+    *children = nullptr;
+    PLAY("get_childNodes");
+    *children = NewList(this->m_dom, m_data.children);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_firstChild(IXMLDOMNode** child) override {
+    *child = nullptr;
+    PLAY("get_firstChild");
+    if (m_data.children.empty()) return S_FALSE;
+    *child = NewNode(this->m_dom, m_data.children.front());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_attributes(IXMLDOMNamedNodeMap** attributes) override {
+    *attributes = nullptr;
+    PLAY("get_attributes");
+    *attributes = NewMap(this->m_dom);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE insertBefore(IXMLDOMNode* child, VARIANT, IXMLDOMNode** added) override {
+    return Take("insertBefore", child, added);
+  }
+  HRESULT STDMETHODCALLTYPE removeChild(IXMLDOMNode* child, IXMLDOMNode** removed) override {
+    return Take("removeChild", child, removed);
+  }
+  HRESULT STDMETHODCALLTYPE appendChild(IXMLDOMNode* child, IXMLDOMNode** added) override {
+    return Take("appendChild", child, added);
+  }
+  HRESULT STDMETHODCALLTYPE get_text(BSTR* text) override {
+    *text = nullptr;
+    PLAY("get_text");
+    *text = ::SysAllocString(m_data.value.c_str());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_text(BSTR) override {
+    PLAY("put_text");
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_nodeTypedValue(VARIANT) override {
+    PLAY("put_nodeTypedValue");
+    return S_OK;
+  }
+
+  UNUSED_METHOD(get_parentNode(IXMLDOMNode**))
+  UNUSED_METHOD(get_lastChild(IXMLDOMNode**))
+  UNUSED_METHOD(get_previousSibling(IXMLDOMNode**))
+  UNUSED_METHOD(get_nextSibling(IXMLDOMNode**))
+  UNUSED_METHOD(replaceChild(IXMLDOMNode*, IXMLDOMNode*, IXMLDOMNode**))
+  UNUSED_METHOD(hasChildNodes(VARIANT_BOOL*))
+  UNUSED_METHOD(get_ownerDocument(IXMLDOMDocument**))
+  UNUSED_METHOD(cloneNode(VARIANT_BOOL, IXMLDOMNode**))
+  UNUSED_METHOD(get_nodeTypeString(BSTR*))
+  UNUSED_METHOD(get_specified(VARIANT_BOOL*))
+  UNUSED_METHOD(get_definition(IXMLDOMNode**))
+  UNUSED_METHOD(get_nodeTypedValue(VARIANT*))
+  UNUSED_METHOD(get_dataType(VARIANT*))
+  UNUSED_METHOD(put_dataType(BSTR))
+  UNUSED_METHOD(get_xml(BSTR*))
+  UNUSED_METHOD(transformNode(IXMLDOMNode*, BSTR*))
+  UNUSED_METHOD(selectNodes(BSTR, IXMLDOMNodeList**))
+  UNUSED_METHOD(selectSingleNode(BSTR, IXMLDOMNode**))
+  UNUSED_METHOD(get_parsed(VARIANT_BOOL*))
+  UNUSED_METHOD(get_namespaceURI(BSTR*))
+  UNUSED_METHOD(get_prefix(BSTR*))
+  UNUSED_METHOD(get_baseName(BSTR*))
+  UNUSED_METHOD(transformNodeToObject(IXMLDOMNode*, VARIANT))
+
+ private:
+  HRESULT Take(const char* call, IXMLDOMNode* child, IXMLDOMNode** out) {
+    *out = nullptr;
+    PLAY(call);
+    child->AddRef();
+    *out = child;
+    return S_OK;
+  }
+
+  const FakeNodeData m_data;
+};
+
+class FakeElement : public FakeNode<IXMLDOMElement> {
+ public:
+  using FakeNode::FakeNode;
+
+  HRESULT STDMETHODCALLTYPE getAttribute(BSTR, VARIANT* value) override {
+    value->vt = VT_NULL;
+    PLAY("getAttribute");
+    return S_FALSE;
+  }
+  UNUSED_METHOD(get_tagName(BSTR*))
+  UNUSED_METHOD(setAttribute(BSTR, VARIANT))
+  UNUSED_METHOD(removeAttribute(BSTR))
+  UNUSED_METHOD(getAttributeNode(BSTR, IXMLDOMAttribute**))
+  UNUSED_METHOD(setAttributeNode(IXMLDOMAttribute*, IXMLDOMAttribute**))
+  UNUSED_METHOD(removeAttributeNode(IXMLDOMAttribute*, IXMLDOMAttribute**))
+  UNUSED_METHOD(getElementsByTagName(BSTR, IXMLDOMNodeList**))
+  UNUSED_METHOD(normalize())
+};
+
+class FakeAttribute : public FakeNode<IXMLDOMAttribute> {
+ public:
+  using FakeNode::FakeNode;
+
+  HRESULT STDMETHODCALLTYPE put_value(VARIANT) override {
+    PLAY("put_value");
+    return S_OK;
+  }
+  UNUSED_METHOD(get_name(BSTR*))
+  UNUSED_METHOD(get_value(VARIANT*))
+};
+
+class FakeInstruction : public FakeNode<IXMLDOMProcessingInstruction> {
+ public:
+  using FakeNode::FakeNode;
+
+  UNUSED_METHOD(get_target(BSTR*))
+  UNUSED_METHOD(get_data(BSTR*))
+  UNUSED_METHOD(put_data(BSTR))
+};
+
+class FakeText : public FakeNode<IXMLDOMText> {
+ public:
+  using FakeNode::FakeNode;
+
+  UNUSED_METHOD(get_data(BSTR*))
+  UNUSED_METHOD(put_data(BSTR))
+  UNUSED_METHOD(get_length(LONG*))
+  UNUSED_METHOD(substringData(LONG, LONG, BSTR*))
+  UNUSED_METHOD(appendData(BSTR))
+  UNUSED_METHOD(insertData(LONG, BSTR))
+  UNUSED_METHOD(deleteData(LONG, LONG))
+  UNUSED_METHOD(replaceData(LONG, LONG, BSTR))
+  UNUSED_METHOD(splitText(LONG, IXMLDOMText**))
+};
+
+class FakeList : public FakeObject<IXMLDOMNodeList> {
+ public:
+  FakeList(FakeDom& dom, const std::vector<FakeNodeData>& items) : FakeObject(dom), m_items(items) {}
+
+  HRESULT STDMETHODCALLTYPE get_item(LONG index, IXMLDOMNode** item) override {
+    *item = nullptr;
+    PLAY("get_item");
+    return Give(static_cast<std::size_t>(index), item);
+  }
+  HRESULT STDMETHODCALLTYPE get_length(LONG* length) override {
+    PLAY("get_length");
+    *length = static_cast<LONG>(m_items.size());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE nextNode(IXMLDOMNode** item) override {
+    *item = nullptr;
+    PLAY("nextNode");
+    return Give(m_next++, item);
+  }
+  UNUSED_METHOD(reset())
+  UNUSED_METHOD(get__newEnum(IUnknown**))
+
+ private:
+  HRESULT Give(std::size_t index, IXMLDOMNode** item) {
+    if (index >= m_items.size()) return S_FALSE;
+    *item = NewNode(m_dom, m_items[index]);
+    return S_OK;
+  }
+
+  const std::vector<FakeNodeData> m_items;
+  std::size_t m_next = 0;
+};
+
+class FakeMap : public FakeObject<IXMLDOMNamedNodeMap> {
+ public:
+  using FakeObject::FakeObject;
+
+  HRESULT STDMETHODCALLTYPE getNamedItem(BSTR name, IXMLDOMNode** item) override {
+    *item = nullptr;
+    PLAY("getNamedItem");
+    *item = new FakeAttribute(m_dom, {NODE_ATTRIBUTE, name, L"attribute value", {}});
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE setNamedItem(IXMLDOMNode* item, IXMLDOMNode** added) override {
+    *added = nullptr;
+    PLAY("setNamedItem");
+    item->AddRef();
+    *added = item;
+    return S_OK;
+  }
+  UNUSED_METHOD(removeNamedItem(BSTR, IXMLDOMNode**))
+  UNUSED_METHOD(get_item(LONG, IXMLDOMNode**))
+  UNUSED_METHOD(get_length(LONG*))
+  UNUSED_METHOD(getQualifiedItem(BSTR, BSTR, IXMLDOMNode**))
+  UNUSED_METHOD(removeQualifiedItem(BSTR, BSTR, IXMLDOMNode**))
+  UNUSED_METHOD(nextNode(IXMLDOMNode**))
+  UNUSED_METHOD(reset())
+  UNUSED_METHOD(get__newEnum(IUnknown**))
+};
+
+class FakeDocument : public FakeNode<IXMLDOMDocument> {
+ public:
+  explicit FakeDocument(FakeDom& dom) : FakeNode(dom, dom.Document()) {}
+
+  HRESULT STDMETHODCALLTYPE get_documentElement(IXMLDOMElement** element) override {
+    *element = nullptr;
+    PLAY("get_documentElement");
+    *element = new FakeElement(m_dom, m_dom.Document().children.back());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE createTextNode(BSTR text, IXMLDOMText** node) override {
+    *node = nullptr;
+    PLAY("createTextNode");
+    *node = new FakeText(m_dom, {NODE_TEXT, L"#text", text, {}});
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE createProcessingInstruction(BSTR target, BSTR data,
+                                                        IXMLDOMProcessingInstruction** node) override {
+    *node = nullptr;
+    PLAY("createProcessingInstruction");
+    *node = new FakeInstruction(m_dom, {NODE_PROCESSING_INSTRUCTION, target, data, {}});
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE createAttribute(BSTR name, IXMLDOMAttribute** attribute) override {
+    *attribute = nullptr;
+    PLAY("createAttribute");
+    *attribute = new FakeAttribute(m_dom, {NODE_ATTRIBUTE, name, L"", {}});
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE createNode(VARIANT, BSTR name, BSTR, IXMLDOMNode** node) override {
+    *node = nullptr;
+    PLAY("createNode");
+    *node = NewNode(m_dom, {NODE_ELEMENT, name, L"", {}});
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE load(VARIANT, VARIANT_BOOL* loaded) override {
+    *loaded = VARIANT_FALSE;
+    PLAY("load");
+    *loaded = VARIANT_TRUE;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE save(VARIANT) override {
+    PLAY("save");
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_async(VARIANT_BOOL value) override { return Put("put_async", value); }
+  HRESULT STDMETHODCALLTYPE put_validateOnParse(VARIANT_BOOL value) override {
+    return Put("put_validateOnParse", value);
+  }
+  HRESULT STDMETHODCALLTYPE put_resolveExternals(VARIANT_BOOL value) override {
+    return Put("put_resolveExternals", value);
+  }
+  HRESULT STDMETHODCALLTYPE put_preserveWhiteSpace(VARIANT_BOOL value) override {
+    return Put("put_preserveWhiteSpace", value);
+  }
+
+  UNUSED_METHOD(get_doctype(IXMLDOMDocumentType**))
+  UNUSED_METHOD(get_implementation(IXMLDOMImplementation**))
+  UNUSED_METHOD(putref_documentElement(IXMLDOMElement*))
+  UNUSED_METHOD(createElement(BSTR, IXMLDOMElement**))
+  UNUSED_METHOD(createDocumentFragment(IXMLDOMDocumentFragment**))
+  UNUSED_METHOD(createComment(BSTR, IXMLDOMComment**))
+  UNUSED_METHOD(createCDATASection(BSTR, IXMLDOMCDATASection**))
+  UNUSED_METHOD(createEntityReference(BSTR, IXMLDOMEntityReference**))
+  UNUSED_METHOD(getElementsByTagName(BSTR, IXMLDOMNodeList**))
+  UNUSED_METHOD(nodeFromID(BSTR, IXMLDOMNode**))
+  UNUSED_METHOD(get_readyState(LONG*))
+  UNUSED_METHOD(get_parseError(IXMLDOMParseError**))
+  UNUSED_METHOD(get_url(BSTR*))
+  UNUSED_METHOD(get_async(VARIANT_BOOL*))
+  UNUSED_METHOD(abort())
+  UNUSED_METHOD(loadXML(BSTR, VARIANT_BOOL*))
+  UNUSED_METHOD(get_validateOnParse(VARIANT_BOOL*))
+  UNUSED_METHOD(get_resolveExternals(VARIANT_BOOL*))
+  UNUSED_METHOD(get_preserveWhiteSpace(VARIANT_BOOL*))
+  UNUSED_METHOD(put_onreadystatechange(VARIANT))
+  UNUSED_METHOD(put_ondataavailable(VARIANT))
+  UNUSED_METHOD(put_ontransformnode(VARIANT))
+
+ private:
+  HRESULT Put(const std::string& call, VARIANT_BOOL value) {
+    PLAY(call + (value == VARIANT_FALSE ? " off" : " on"));
+    return S_OK;
+  }
+};
+
+IXMLDOMNode* NewNode(FakeDom& dom, const FakeNodeData& data) {
+  if (data.type == NODE_ELEMENT) return new FakeElement(dom, data);
+  if (data.type == NODE_TEXT) return new FakeText(dom, data);
+  return new FakeInstruction(dom, data);
+}
+
+IXMLDOMNodeList* NewList(FakeDom& dom, const std::vector<FakeNodeData>& items) {
+  return new FakeList(dom, items);
+}
+
+IXMLDOMNamedNodeMap* NewMap(FakeDom& dom) {
+  return new FakeMap(dom);
+}
+
+const FakeNodeData kDeclaration{NODE_PROCESSING_INSTRUCTION, L"xml", L"version='1.0'", {}};
+const FakeNodeData kBlank{NODE_TEXT, L"#text", L"\n ", {}};
+const FakeNodeData kFirst{NODE_ELEMENT, L"first", L"one", {}};
+const FakeNodeData kSecond{NODE_ELEMENT, L"second", L"two", {}};
+const FakeNodeData kRoot{NODE_ELEMENT, L"root", L"", {kBlank, kFirst, kSecond}};
+
+}  // namespace
+
+FakeDom::FakeDom() : m_document{NODE_DOCUMENT, L"#document", L"", {kDeclaration, kRoot}} {
+  s_current = this;
+  m_patch.Replace("CoCreateInstance", &Create);
+}
+
+FakeDom::~FakeDom() {
+  s_current = nullptr;
+}
+
+void FakeDom::FailCallNumber(int number) {
+  m_callsUntilFailure = number;
+  m_hasFailed = false;
+}
+
+// Attach, as mingw-w64 has it, would add a reference.
+ComPtr<IXMLDOMNode> FakeDom::Element() {
+  ComPtr<IXMLDOMNode> node;
+  *node.GetAddressOf() = NewNode(*this, kFirst);
+  return node;
+}
+
+ComPtr<IXMLDOMNodeList> FakeDom::List() {
+  ComPtr<IXMLDOMNodeList> list;
+  *list.GetAddressOf() = NewList(*this, {kFirst, kSecond});
+  return list;
+}
+
+HRESULT FakeDom::Play(const std::string& call) {
+  m_calls.push_back(call);
+  if (m_callsUntilFailure > 0 && --m_callsUntilFailure == 0) {
+    m_hasFailed = true;
+    return kRefused;
+  }
+  const auto answer = m_answers.find(call);
+  return answer == m_answers.end() ? S_OK : answer->second;
+}
+
+HRESULT WINAPI FakeDom::Create(REFCLSID classId, IUnknown*, DWORD context, REFIID interfaceId,
+                               void** object) {
+  *object = nullptr;
+  s_current->m_creations.push_back({classId, context, interfaceId});
+  const HRESULT result = s_current->Play("CoCreateInstance");
+  if (result == S_OK) *object = static_cast<IXMLDOMDocument*>(new FakeDocument(*s_current));
+  return result;
+}

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <windows.h>
+
+#include <msxml.h>
+#include <wrl/client.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "import_patch.h"
+
+/// What one made-up node is.
+struct FakeNodeData {
+  DOMNodeType type = NODE_ELEMENT;
+  std::wstring name;
+  std::wstring value;
+  std::vector<FakeNodeData> children;
+};
+
+/// A document object model without documents, behind the interfaces of the real one, in the library's
+/// CoCreateInstance for as long as it lives. Reading shows a made-up document; what is written is forgotten.
+/// Every call succeeds until the test says otherwise.
+class FakeDom {
+ public:
+  FakeDom();
+  ~FakeDom();
+  FakeDom(const FakeDom&) = delete;
+  FakeDom& operator=(const FakeDom&) = delete;
+
+  /// From now on calls of this name give this result and no object.
+  void Answer(const std::string& call, HRESULT result) { m_answers[call] = result; }
+  /// Of the calls from now on, only the one with this number (from 1) fails.
+  void FailCallNumber(int number);
+  bool HasFailed() const { return m_hasFailed; }
+  /// From now on values are of this type instead of text.
+  void GiveValuesOfType(VARTYPE type) { m_valueType = type; }
+
+  /// An element and a list of two elements to work on.
+  Microsoft::WRL::ComPtr<IXMLDOMNode> Element();
+  Microsoft::WRL::ComPtr<IXMLDOMNodeList> List();
+
+  /// Objects that somebody still holds a reference to.
+  int LivingObjects() const { return m_living; }
+  const std::vector<std::string>& Calls() const { return m_calls; }
+
+  struct Creation {
+    CLSID classId;
+    DWORD context;
+    IID interfaceId;
+  };
+  const std::vector<Creation>& Creations() const { return m_creations; }
+
+  // For the made-up objects.
+  HRESULT Play(const std::string& call);
+  VARTYPE ValueType() const { return m_valueType; }
+  const FakeNodeData& Document() const { return m_document; }
+  void CountObject(int change) { m_living += change; }
+
+  /// The result that FailCallNumber uses, and tests may.
+  static constexpr HRESULT kRefused = static_cast<HRESULT>(0x8000BEEFu);
+
+ private:
+  static HRESULT WINAPI Create(REFCLSID classId, IUnknown* outer, DWORD context, REFIID interfaceId,
+                               void** object);
+
+  static inline FakeDom* s_current = nullptr;
+
+  std::map<std::string, HRESULT> m_answers;
+  int m_callsUntilFailure = 0;
+  bool m_hasFailed = false;
+  VARTYPE m_valueType = VT_BSTR;
+  int m_living = 0;
+  std::vector<std::string> m_calls;
+  std::vector<Creation> m_creations;
+  FakeNodeData m_document;
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};

@@ -1,0 +1,208 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cfgmgr32.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/handles.h"
+#include "import_patch.h"
+
+/// Stands for the modem and the PC around it as the library sees them: the device tree, the driver that can
+/// pulse the reset line, and the AT port. Remembers what was done to it.
+class FakeModem {
+ public:
+  enum class Mode { Absent, Normal, Flash };
+
+  explicit FakeModem(std::function<ULONGLONG()> now) : m_now(std::move(now)) {
+    s_modem = this;
+    m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
+    m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
+    m_patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
+    m_patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
+    m_patch.Replace("CM_Locate_DevNodeW", &Locate);
+    m_patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
+    m_patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
+    m_patch.Replace("CreateFileW", &OpenWide);
+    m_patch.Replace("CreateFileA", &OpenNarrow);
+    m_patch.Replace("DeviceIoControl", &Control);
+    m_patch.Replace("GetOverlappedResultEx", &OverlappedResult);
+    m_patch.Replace("GetCommState", &GetState);
+    m_patch.Replace("SetCommState", &SetState);
+    m_patch.Replace("PurgeComm", &Purge);
+    m_patch.Replace("WriteFile", &Write);
+  }
+  ~FakeModem() {
+    m_patch.Restore();
+    s_modem = nullptr;
+  }
+  FakeModem(const FakeModem&) = delete;
+  FakeModem& operator=(const FakeModem&) = delete;
+
+  /// The modem changes its mode, at once or later; nothing else is to happen to it until then.
+  void Become(Mode mode, ULONGLONG afterMs = 0) {
+    m_next = {m_now() + afterMs, mode};
+    Settle();
+  }
+  /// It is gone, and comes back in `mode`.
+  void LeaveAndBecome(Mode mode, ULONGLONG afterMs) {
+    Become(Mode::Absent);
+    Become(mode, afterMs);
+  }
+
+  // Its character.
+  std::function<void()> onReboot = [this] { LeaveAndBecome(Mode::Flash, 2000); };
+  std::function<void()> onReset = [this] { LeaveAndBecome(Mode::Flash, 2000); };
+  /// Whether the AT port takes a command.
+  bool takesCommands = true;
+  /// Whether the driver takes the reset; a list of answers, the last one for good.
+  std::vector<bool> takesResets{true};
+  std::wstring flashPortPath = L"\\\\?\\USB#VID_1D5A&PID_0ACC&MI_00#1#{86e0d1e0-8089-11d0-9ce4-08003e301f73}";
+  std::vector<std::wstring> otherPorts;
+  CONFIGRET idListSizeResult = CR_SUCCESS;
+  CONFIGRET portListSizeResult = CR_SUCCESS;
+  CONFIGRET portListResult = CR_SUCCESS;
+  std::optional<ULONG> portListLength;
+  CONFIGRET locateResult = CR_SUCCESS;
+  /// What else happens when somebody asks for the list of devices or of ports.
+  std::function<void()> onIdList;
+  std::function<void()> onPortList;
+
+  /// What was done to it: "reset", "reboot" (with the command's bytes), "reenumerate".
+  std::vector<std::string> heard;
+  int portLists = 0;
+  int idLists = 0;
+
+  std::ptrdiff_t Count(const std::string& what) const { return std::count(heard.begin(), heard.end(), what); }
+
+ private:
+  void Settle() {
+    if (m_next && m_now() >= m_next->first) {
+      m_mode = m_next->second;
+      m_next.reset();
+    }
+  }
+
+  static std::wstring MultiString(const std::vector<std::wstring>& texts) {
+    std::wstring list;
+    for (const std::wstring& text : texts) list += text + L'\0';
+    return list + L'\0';
+  }
+  std::wstring DeviceIds() {
+    Settle();
+    std::vector<std::wstring> ids{L"ROOT\\SYSTEM\\0000"};
+    if (m_mode == Mode::Normal) ids.push_back(L"usb\\vid_1d5a&pid_0ac9&mi_00\\6&1234&0&0000");
+    if (m_mode == Mode::Flash) ids.push_back(L"usb\\vid_1d5a&pid_0acc&mi_00\\6&5678&0&0000");
+    return MultiString(ids);
+  }
+  std::wstring Interfaces(const GUID& interfaceClass) {
+    constexpr unsigned long kDriverClass = 0x6568C4A1;
+    if (interfaceClass.Data1 == kDriverClass) return MultiString({kDriverPath});
+    Settle();
+    std::vector<std::wstring> ports = otherPorts;
+    if (m_mode == Mode::Flash) ports.push_back(flashPortPath);
+    return MultiString(ports);
+  }
+  static bool IsDriver(const GUID& interfaceClass) { return interfaceClass.Data1 == 0x6568C4A1; }
+
+  static CONFIGRET WINAPI IdListSize(ULONG* length, PCWSTR, ULONG) {
+    *length = static_cast<ULONG>(s_modem->DeviceIds().size());
+    return s_modem->idListSizeResult;
+  }
+  static CONFIGRET WINAPI IdList(PCWSTR filter, WCHAR* buffer, ULONG length, ULONG) {
+    if (filter != nullptr) return Copy(MultiString({L"USB\\VID_1D5A&PID_0AE2&MI_00\\1"}), buffer, length);
+    ++s_modem->idLists;
+    if (s_modem->onIdList) s_modem->onIdList();
+    return Copy(s_modem->DeviceIds(), buffer, length);
+  }
+  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, WCHAR*, ULONG) {
+    *length = static_cast<ULONG>(s_modem->Interfaces(*interfaceClass).size());
+    if (IsDriver(*interfaceClass)) return CR_SUCCESS;
+    ++s_modem->portLists;
+    if (s_modem->onPortList) s_modem->onPortList();
+    *length =
+        s_modem->portListLength.value_or(static_cast<ULONG>(s_modem->Interfaces(*interfaceClass).size()));
+    return s_modem->portListSizeResult;
+  }
+  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, WCHAR*, WCHAR* buffer, ULONG length, ULONG) {
+    if (!IsDriver(*interfaceClass) && s_modem->portListResult != CR_SUCCESS) return s_modem->portListResult;
+    return Copy(s_modem->Interfaces(*interfaceClass), buffer, length);
+  }
+  static CONFIGRET Copy(const std::wstring& list, WCHAR* buffer, ULONG length) {
+    if (length < list.size()) return CR_BUFFER_SMALL;
+    list.copy(buffer, list.size());
+    return CR_SUCCESS;
+  }
+  static CONFIGRET WINAPI Locate(DEVINST* device, WCHAR*, ULONG) {
+    *device = 1;
+    return s_modem->locateResult;
+  }
+  static CONFIGRET WINAPI Reenumerate(DEVINST, ULONG) {
+    s_modem->heard.emplace_back("reenumerate");
+    return CR_SUCCESS;
+  }
+  static CONFIGRET WINAPI Property(DEVINST, ULONG, ULONG*, void* buffer, ULONG*, ULONG) {
+    constexpr wchar_t name[] = L"Modem (COM3)";
+    std::memcpy(buffer, name, sizeof name);
+    return CR_SUCCESS;
+  }
+
+  static HANDLE WINAPI OpenWide(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                DWORD disposition, DWORD flags, HANDLE pattern) {
+    if (std::wcscmp(name, kDriverPath) != 0)
+      return ::CreateFileW(name, access, share, security, disposition, flags, pattern);
+    return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  }
+  static HANDLE WINAPI OpenNarrow(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                  DWORD disposition, DWORD flags, HANDLE pattern) {
+    if (std::strncmp(name, "\\\\.\\COM", 7) != 0)
+      return ::CreateFileA(name, access, share, security, disposition, flags, pattern);
+    return s_modem->m_port = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  }
+  static BOOL WINAPI Control(HANDLE, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPOVERLAPPED) {
+    s_modem->heard.emplace_back("reset");
+    auto& answers = s_modem->takesResets;
+    const bool takes = answers.front();
+    if (answers.size() > 1) answers.erase(answers.begin());
+    if (takes) {
+      s_modem->onReset();
+    } else {
+      ::SetLastError(ERROR_GEN_FAILURE);
+    }
+    return takes ? TRUE : FALSE;
+  }
+  static BOOL WINAPI OverlappedResult(HANDLE, LPOVERLAPPED, LPDWORD, DWORD, BOOL) { return TRUE; }
+  static BOOL WINAPI GetState(HANDLE, LPDCB) { return TRUE; }
+  static BOOL WINAPI SetState(HANDLE, LPDCB) { return TRUE; }
+  static BOOL WINAPI Purge(HANDLE, DWORD) { return TRUE; }
+  static BOOL WINAPI Write(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written,
+                           LPOVERLAPPED overlapped) {
+    if (s_modem->m_port == nullptr || file != s_modem->m_port)
+      return ::WriteFile(file, bytes, count, written, overlapped);
+    s_modem->m_port = nullptr;
+    s_modem->heard.push_back("reboot " + std::string(static_cast<const char*>(bytes), count));
+    if (!s_modem->takesCommands) {
+      ::SetLastError(ERROR_GEN_FAILURE);
+      return FALSE;
+    }
+    *written = count;
+    s_modem->onReboot();
+    return TRUE;
+  }
+
+  static constexpr wchar_t kDriverPath[] = L"\\\\?\\UDE#1#{6568c4a1-b6ee-4e4b-bc5f-ce819e627213}";
+  static inline FakeModem* s_modem = nullptr;
+
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::function<ULONGLONG()> m_now;
+  Mode m_mode = Mode::Normal;
+  std::optional<std::pair<ULONGLONG, Mode>> m_next;
+  HANDLE m_port = nullptr;
+};

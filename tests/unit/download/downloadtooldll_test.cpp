@@ -1,0 +1,242 @@
+#include "download/downloadtooldll.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+
+#include "support/flash_bench.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+class DownloadToolDllTest : public testing::Test {
+ protected:
+  ~DownloadToolDllTest() override { CDownloadToolDll::Unload(); }
+
+  std::vector<std::string> Said() const { return bench.Said({"downloadtooldll.cpp"}); }
+  FARPROC Slot(FlashSlot slot) const { return CDownloadToolDll::Library()->functions[slot]; }
+
+  FlashBench bench;
+};
+
+TEST_F(DownloadToolDllTest, LoadsTheLibraryFromTheInstallationFolderWithoutAnotherSeparator) {
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  const std::wstring path =
+      static_cast<const wchar_t*>(ToolKit::GetInstallationDir() + L"Firmwareflashdownload.dll");
+  EXPECT_THAT(bench.library.loadedPaths, ElementsAre(path));
+}
+
+TEST_F(DownloadToolDllTest, BindsAllSixteenExports) {
+  CDownloadToolDll::Load();
+  for (std::size_t slot = 0; slot < static_cast<std::size_t>(FlashSlot::Count); ++slot) {
+    EXPECT_NE(Slot(static_cast<FlashSlot>(slot)), nullptr) << slot;
+  }
+}
+
+TEST_F(DownloadToolDllTest, KeepsTheSlotsInTheTablesOrder) {
+  EXPECT_EQ(static_cast<int>(FlashSlot::BootTarget), 0);
+  EXPECT_EQ(static_cast<int>(FlashSlot::DownloadDffsFile), 3);
+  EXPECT_EQ(static_cast<int>(FlashSlot::DownloadFlsFile), 4);
+  EXPECT_EQ(static_cast<int>(FlashSlot::InitCallback), 9);
+  EXPECT_EQ(static_cast<int>(FlashSlot::OutOfSessionComm), 15);
+}
+
+TEST_F(DownloadToolDllTest, ResolvesFlsBeforeDffs) {
+  CDownloadToolDll::Load();
+  EXPECT_THAT(bench.library.lookups,
+              ElementsAre("_ZEMO_DL_boot_target", "_ZEMO_DL_close_comm_port", "_ZEMO_DL_download_cust_file",
+                          "_ZEMO_DL_download_fls_file", "_ZEMO_DL_download_dffs_file",
+                          "_ZEMO_DL_force_target_reset", "_ZEMO_DL_get_sys_version",
+                          "_ZEMO_get_next_free_channel", "_ZEMO_DL_dll_get_nof_progressbars",
+                          "_ZEMO_DL_init_callback", "_ZEMO_DL_open_comm_port", "_ZEMO_DL_set_dll_parameter",
+                          "_ZEMO_DL_TOC_get_flash_technogy", "_ZEMO_DL_TOC_get_memory_class",
+                          "_ZEMO_DL_TOC_get_nof_items", "_ZEMO_DL_out_of_session_comm"));
+}
+
+TEST_F(DownloadToolDllTest, FindsAnExportWithoutItsUnderscoreAndSaysNothing) {
+  bench.library.exportsHaveNoUnderscore = true;
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_NE(Slot(FlashSlot::BootTarget), nullptr);
+  EXPECT_THAT(Said(),
+              ElementsAre("++ CDownloadToolDll::Load", "CDownloadToolDll::Load ,SetFunctionPointers()"));
+}
+
+TEST_F(DownloadToolDllTest, CountsAMissingLibraryAsBoundWithNullSlots) {
+  bench.library.loadError = ERROR_MOD_NOT_FOUND;
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_EQ(Slot(FlashSlot::SetDllParameter), nullptr);
+  EXPECT_THAT(Said(), ElementsAre("++ CDownloadToolDll::Load",
+                                  "E:LoadLibrary of " + Utf8FromWide(bench.library.loadedPaths.at(0)) +
+                                      " failed with: 126",
+                                  "-- CDownloadToolDll::Load"));
+}
+
+TEST_F(DownloadToolDllTest, CountsALibraryThatLacksAMandatoryExportAsBound) {
+  bench.library.missingExports = {"_ZEMO_DL_boot_target", "_ZEMO_DL_open_comm_port"};
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_EQ(Slot(FlashSlot::BootTarget), nullptr);
+  EXPECT_NE(Slot(FlashSlot::SetDllParameter), nullptr);
+  EXPECT_THAT(
+      Said(),
+      ElementsAre("++ CDownloadToolDll::Load", "E:GetProcAddress(_ZEMO_DL_boot_target) failed with: 127",
+                  "E:GetProcAddress(_ZEMO_DL_open_comm_port) failed with: 127", "-- CDownloadToolDll::Load"));
+}
+
+TEST_F(DownloadToolDllTest, WithoutTheVersionExportRegistersNoCallback) {
+  bench.library.missingExports = {"_ZEMO_DL_get_sys_version"};
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_THAT(bench.library.calls, IsEmpty());
+}
+
+TEST_F(DownloadToolDllTest, ToleratesAMissingOutOfSessionExportButNamesIt) {
+  bench.library.missingExports = {"_ZEMO_DL_out_of_session_comm"};
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_THAT(bench.library.calls, ElementsAre("init_callback()"));
+  EXPECT_THAT(Said(), ElementsAre("++ CDownloadToolDll::Load",
+                                  "E:GetProcAddress(_ZEMO_DL_out_of_session_comm) failed with: 127",
+                                  "CDownloadToolDll::Load ,SetFunctionPointers()"));
+}
+
+TEST_F(DownloadToolDllTest, FailsOnlyWhenTheCallbackIsRefusedWithOne) {
+  bench.library.results["init_callback"] = 1;
+  bench.library.reason = "no callbacks today";
+  EXPECT_FALSE(CDownloadToolDll::Load());
+  EXPECT_THAT(Said(),
+              ElementsAre("++ CDownloadToolDll::Load", "CDownloadToolDll::Load ,SetFunctionPointers()",
+                          "E:PROGRESS: InitCallback failed due to no callbacks today\n"));
+}
+
+TEST_F(DownloadToolDllTest, TakesAnyCallbackResultButOneForSuccess) {
+  bench.library.results["init_callback"] = 2;
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  CDownloadToolDll::Unload();
+  bench.library.results["init_callback"] = -1;
+  EXPECT_TRUE(CDownloadToolDll::Load());
+}
+
+TEST_F(DownloadToolDllTest, PrintsAReasonThatFillsTheWholeBuffer) {
+  bench.library.results["init_callback"] = 1;
+  bench.library.reason = std::string(512, 'x');
+  EXPECT_FALSE(CDownloadToolDll::Load());
+  EXPECT_THAT(Said(), Contains("E:PROGRESS: InitCallback failed due to " + std::string(512, 'x') + "\n"));
+}
+
+TEST_F(DownloadToolDllTest, UnloadReleasesMemoryThenTheLibrary) {
+  CDownloadToolDll::Load();
+  ASSERT_TRUE(bench.library.IsMapped());
+  CDownloadToolDll::Unload();
+  EXPECT_FALSE(bench.library.IsMapped());
+  EXPECT_EQ(CDownloadToolDll::Library(), nullptr);
+  EXPECT_THAT(Said(),
+              ElementsAre("++ CDownloadToolDll::Load", "CDownloadToolDll::Load ,SetFunctionPointers()",
+                          "CDownloadToolDll::Unload ++", "CDownloadToolDll::Unload, release memory",
+                          "CDownloadToolDll::Unload, release library", "CDownloadToolDll::Unload --"));
+}
+
+TEST_F(DownloadToolDllTest, UnloadOfALibraryThatWasNotLoadedReleasesMemoryOnly) {
+  bench.library.loadError = ERROR_MOD_NOT_FOUND;
+  CDownloadToolDll::Load();
+  CDownloadToolDll::Unload();
+  EXPECT_THAT(Said(), Not(Contains("CDownloadToolDll::Unload, release library")));
+  EXPECT_THAT(Said(), Contains("CDownloadToolDll::Unload, release memory"));
+}
+
+TEST_F(DownloadToolDllTest, UnloadWithoutABindingOnlySaysSo) {
+  CDownloadToolDll::Unload();
+  EXPECT_THAT(Said(), ElementsAre("CDownloadToolDll::Unload ++", "CDownloadToolDll::Unload --"));
+}
+
+TEST_F(DownloadToolDllTest, StaysMappedForWhoeverIsStillInsideIt) {
+  CDownloadToolDll::Load();
+  auto user = CDownloadToolDll::Library();
+  CDownloadToolDll::Unload();
+  EXPECT_TRUE(bench.library.IsMapped());
+  EXPECT_NE(user->functions[FlashSlot::BootTarget], nullptr);
+  user.reset();
+  EXPECT_FALSE(bench.library.IsMapped());
+}
+
+// --- The callback ----------------------------------------------------------------------------------------
+
+class CallbackTest : public DownloadToolDllTest {
+ protected:
+  CallbackTest() { CFirmwareDownloader::GetInstance(); }
+  bool ReportedProgress() const { return bench.key.Number(L"Flash_Progress").has_value(); }
+};
+
+TEST_F(CallbackTest, LogsEveryCall) {
+  bench.library.Report(2, "45");
+  bench.library.Report(99, "something");
+  EXPECT_THAT(Said(), Contains("Channel: 7, Status: 2, StatusText: 45"));
+  EXPECT_THAT(Said(), Contains("Channel: 7, Status: 99, StatusText: something"));
+}
+
+TEST_F(CallbackTest, ReportsNoProgressBeforeDataIsSent) {
+  bench.library.ReportPercent("45");
+  EXPECT_FALSE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, ReportsProgressWhileDataIsSent) {
+  bench.library.ReportSending();
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, AnyOtherStatusTextSwitchesProgressOff) {
+  bench.library.ReportSending();
+  bench.library.Report(4, "something else");
+  bench.library.ReportPercent("45");
+  EXPECT_FALSE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, TheSameWordsWithOneLeadingBlankSwitchProgressOff) {
+  bench.library.ReportSending();
+  bench.library.Report(4, " - Sending data. (RAW mode)");
+  bench.library.ReportPercent("45");
+  EXPECT_FALSE(ReportedProgress());
+  bench.library.ReportSending();
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, AnotherStatusLeavesTheSendingStateAlone) {
+  bench.library.ReportSending();
+  bench.library.Report(3, "something else");
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, NeitherUnloadingNorLoadingResetsTheSendingState) {
+  bench.library.ReportSending();
+  CFirmwareDownloader::Unload();
+  CFirmwareDownloader::GetInstance();
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, ToleratesANullText) {
+  bench.library.ReportSending();
+  bench.library.Report(2, nullptr);
+  EXPECT_EQ(bench.Registry(L"Flash_Progress"), 0);
+  bench.library.Report(4, nullptr);
+  EXPECT_TRUE(bench.HasSaid("Channel: 7, Status: 4, StatusText: "));
+}
+
+TEST_F(CallbackTest, ToleratesThatThereIsNoEngine) {
+  bench.library.ReportSending();
+  CFirmwareDownloader::Unload();
+  bench.library.ReportPercent("45");
+  EXPECT_FALSE(ReportedProgress());
+}
+
+TEST_F(CallbackTest, WritesProgressUnderTheServicesOwnKey) {
+  bench.library.ReportSending();
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(bench.HasSaid("\t WriteRegistry Flash_Progress: 0"));
+}
+
+}  // namespace

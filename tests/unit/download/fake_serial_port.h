@@ -1,0 +1,165 @@
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "import_patch.h"
+
+/// The serial port of a modem in the place of the system's: exclusive, and with a driver whose settings,
+/// failures and answers a test chooses. Ports of other numbers do not exist; other files are the system's.
+class FakeSerialPort {
+ public:
+  explicit FakeSerialPort(const std::string& fileName) : m_fileName(fileName) {
+    s_port = this;
+    m_patch.Replace("CreateFileA", &Create);
+    m_patch.Replace("CloseHandle", &Close);
+    m_patch.Replace("GetCommState", &GetState);
+    m_patch.Replace("SetCommState", &SetState);
+    m_patch.Replace("PurgeComm", &Purge);
+    m_patch.Replace("ClearCommError", &ClearError);
+    m_patch.Replace("ReadFile", &Read);
+    m_patch.Replace("WriteFile", &Write);
+  }
+  ~FakeSerialPort() {
+    m_patch.Restore();
+    s_port = nullptr;
+  }
+  FakeSerialPort(const FakeSerialPort&) = delete;
+  FakeSerialPort& operator=(const FakeSerialPort&) = delete;
+
+  /// The `call` fails with ERROR_GEN_FAILURE the `time`th time it is made.
+  void Fails(const std::string& call, int time = 1) { m_failures[call] = time; }
+  void HasSettings(const DCB& settings) { m_settings = settings; }
+  /// Bytes that wait together; the next batch arrives when they are read.
+  void Answers(const std::string& batch) { m_batches.push_back(batch); }
+  void CutsWritesTo(DWORD bytes) { m_longestWrite = bytes; }
+
+  const std::vector<std::string>& Calls() const { return m_calls; }
+  const std::vector<std::string>& FileNames() const { return m_fileNames; }
+  const std::vector<DWORD>& Purges() const { return m_purges; }
+  const std::vector<std::string>& Commands() const { return m_commands; }
+  const DCB& Settings() const { return m_settings; }
+  bool IsOpen() const { return m_open; }
+  int TimesClosed() const { return m_timesClosed; }
+  int BytesUnread() const {
+    std::size_t count = 0;
+    for (const std::string& batch : m_batches) count += batch.size();
+    return static_cast<int>(count);
+  }
+
+ private:
+  static HANDLE Handle() { return reinterpret_cast<HANDLE>(std::intptr_t{0x5E41A1}); }
+
+  /// Notes the call. @return false, with the last error set, when it fails by arrangement.
+  bool Enter(const std::string& call) {
+    m_calls.push_back(call);
+    const auto made = std::count(m_calls.begin(), m_calls.end(), call);
+    const auto failure = m_failures.find(call);
+    const bool fails = failure != m_failures.end() && failure->second == made;
+    if (fails) ::SetLastError(ERROR_GEN_FAILURE);
+    return !fails;
+  }
+
+  HANDLE Open(const char* fileName) {
+    m_fileNames.push_back(fileName);
+    if (!Enter("CreateFileA")) return INVALID_HANDLE_VALUE;
+    if (fileName != m_fileName || m_open) {
+      ::SetLastError(m_open ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND);
+      return INVALID_HANDLE_VALUE;
+    }
+    m_open = true;
+    return Handle();
+  }
+
+  static HANDLE WINAPI Create(const char* fileName, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                              DWORD creation, DWORD flags, HANDLE fileTemplate) {
+    if (std::string_view(fileName).starts_with("\\\\.\\COM")) return s_port->Open(fileName);
+    return ::CreateFileA(fileName, access, share, security, creation, flags, fileTemplate);
+  }
+
+  static BOOL WINAPI Close(HANDLE handle) {
+    if (handle != Handle()) return ::CloseHandle(handle);
+    s_port->m_open = false;
+    ++s_port->m_timesClosed;
+    return TRUE;
+  }
+
+  static BOOL WINAPI GetState(HANDLE, DCB* settings) {
+    if (!s_port->Enter("GetCommState")) return FALSE;
+    *settings = s_port->m_settings;
+    return TRUE;
+  }
+
+  static BOOL WINAPI SetState(HANDLE, DCB* settings) {
+    if (!s_port->Enter("SetCommState")) return FALSE;
+    s_port->m_settings = *settings;
+    return TRUE;
+  }
+
+  /// Leaves a last error behind, as a call between another's failure and its report may.
+  static BOOL WINAPI Purge(HANDLE, DWORD what) {
+    s_port->Enter("PurgeComm");
+    s_port->m_purges.push_back(what);
+    ::SetLastError(ERROR_INVALID_FUNCTION);
+    return TRUE;
+  }
+
+  static BOOL WINAPI ClearError(HANDLE, DWORD*, COMSTAT* status) {
+    if (!s_port->Enter("ClearCommError")) return FALSE;
+    auto& batches = s_port->m_batches;
+    if (!batches.empty() && batches.front().empty()) batches.pop_front();
+    status->cbInQue = batches.empty() ? 0 : static_cast<DWORD>(batches.front().size());
+    return TRUE;
+  }
+
+  static BOOL WINAPI Read(HANDLE handle, void* buffer, DWORD count, DWORD* read, OVERLAPPED* overlapped) {
+    if (handle != Handle()) return ::ReadFile(handle, buffer, count, read, overlapped);
+    if (!s_port->Enter("ReadFile")) return FALSE;
+    std::string& batch = s_port->m_batches.front();
+    *read = 0;
+    if (batch.front() == kNoByte) {
+      batch.erase(0, 1);
+      return TRUE;
+    }
+    *read = std::min(count, static_cast<DWORD>(batch.size()));
+    std::memcpy(buffer, batch.data(), *read);
+    batch.erase(0, *read);
+    return TRUE;
+  }
+
+  static BOOL WINAPI Write(HANDLE handle, const void* buffer, DWORD count, DWORD* written,
+                           OVERLAPPED* overlapped) {
+    if (handle != Handle()) return ::WriteFile(handle, buffer, count, written, overlapped);
+    if (!s_port->Enter("WriteFile")) return FALSE;
+    *written = std::min(count, s_port->m_longestWrite);
+    s_port->m_commands.emplace_back(static_cast<const char*>(buffer), count);
+    return TRUE;
+  }
+
+ public:
+  /// In an answer: a read that succeeds and yields no byte.
+  static constexpr char kNoByte = '\x01';
+
+ private:
+  static inline FakeSerialPort* s_port = nullptr;
+
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::string m_fileName;
+  DCB m_settings{};
+  std::map<std::string, int> m_failures;
+  std::deque<std::string> m_batches;
+  DWORD m_longestWrite = MAXDWORD;
+  bool m_open = false;
+  int m_timesClosed = 0;
+  std::vector<std::string> m_calls;
+  std::vector<std::string> m_fileNames;
+  std::vector<DWORD> m_purges;
+  std::vector<std::string> m_commands;
+};

@@ -1,0 +1,188 @@
+#include "download/flashportsearch.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "support/flash_bench.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Sight = FlashPortSearch::Sight;
+
+class FlashPortSearchTest : public testing::Test {
+ protected:
+  std::vector<std::string> Said() const { return bench.Said({"flashportsearch.cpp"}); }
+  std::string FlashPort() const { return Utf8FromWide(bench.modem.flashPortPath); }
+  void FlashPortIsPresent() { bench.modem.Become(FakeModem::Mode::Flash); }
+  /// A semaphore as an earlier search left it, with a count that nobody took.
+  static UniqueHandle StaleSignal() {
+    return UniqueHandle(::CreateSemaphoreW(nullptr, 1, 1, OwnName(L"CFirmwareDownloader").c_str()));
+  }
+
+  FlashBench bench;
+  FlashPortSearch search;
+  std::atomic<bool> abandoned{false};
+};
+
+TEST_F(FlashPortSearchTest, LooksThroughThePathsUpToTheFlashPort) {
+  bench.modem.otherPorts = {L"\\\\?\\ACPI#PNP0501#1"};
+  FlashPortIsPresent();
+  EXPECT_EQ(search.Look(), Sight::Found);
+  EXPECT_EQ(Narrow(search.Port()), FlashPort());
+  const std::size_t length = bench.modem.otherPorts[0].size() + 1 + bench.modem.flashPortPath.size() + 1 + 1;
+  EXPECT_THAT(Said(),
+              ElementsAre("deviceInterfaceListLength:" + std::to_string(length) + "\n",
+                          "Device Path: \\\\?\\ACPI#PNP0501#1\n", "Device Path: " + FlashPort() + "\n",
+                          "Flash port found, pDeviceContext->HwId: VID_1D5A&PID_0ACC&MI_00 found\n",
+                          "mCFirmwareDownloader->m_COMPort: " + FlashPort()));
+}
+
+TEST_F(FlashPortSearchTest, TellsThatItFreesAListWithoutTheFlashPort) {
+  bench.modem.otherPorts = {L"COM1"};
+  EXPECT_EQ(search.Look(), Sight::NotFound);
+  EXPECT_THAT(Said(), ElementsAre("deviceInterfaceListLength:6\n", "Device Path: COM1\n",
+                                  "free deviceInterfaceList"));
+}
+
+TEST_F(FlashPortSearchTest, DoesNotMatchAPathWithTheIdInLowerCase) {
+  bench.modem.flashPortPath = L"\\\\?\\usb#vid_1d5a&pid_0acc&mi_00#1";
+  FlashPortIsPresent();
+  EXPECT_EQ(search.Look(), Sight::NotFound);
+  EXPECT_TRUE(search.Port().IsEmpty());
+}
+
+TEST_F(FlashPortSearchTest, FindsNoActiveInterfaceInAnEmptyList) {
+  EXPECT_EQ(search.Look(), Sight::NoList);
+  EXPECT_THAT(Said(), ElementsAre("E:Error - No active device interfaces found.\n"));
+}
+
+TEST_F(FlashPortSearchTest, TellsBothThatTheLengthWasRefusedAndThatItIsTooShort) {
+  bench.modem.portListSizeResult = CR_FAILURE;
+  bench.modem.portListLength = 0;
+  EXPECT_EQ(search.Look(), Sight::NoList);
+  EXPECT_THAT(Said(), ElementsAre("E:Error retrieving device interface list: 19\n",
+                                  "E:Error - No active device interfaces found.\n"));
+}
+
+TEST_F(FlashPortSearchTest, FetchesNoListWhoseLengthWasRefused) {
+  bench.modem.portListSizeResult = CR_FAILURE;
+  bench.modem.portListLength = 100;
+  EXPECT_EQ(search.Look(), Sight::NoList);
+  EXPECT_THAT(Said(), ElementsAre("E:Error retrieving device interface list: 19\n"));
+}
+
+TEST_F(FlashPortSearchTest, FreesAListThatCouldNotBeFetched) {
+  FlashPortIsPresent();
+  bench.modem.portListLength = 10;
+  EXPECT_EQ(search.Look(), Sight::NoList);
+  EXPECT_THAT(Said(),
+              ElementsAre("deviceInterfaceListLength:10\n", "E:Error retrieving device interface list: 26\n",
+                          "free deviceInterfaceList"));
+}
+
+TEST_F(FlashPortSearchTest, TakesAtMost511CharactersOfAPath) {
+  bench.modem.flashPortPath += std::wstring(600, L'x');
+  FlashPortIsPresent();
+  EXPECT_EQ(search.Look(), Sight::Found);
+  EXPECT_EQ(Narrow(search.Port()), FlashPort().substr(0, 511));
+}
+
+constexpr ULONG kRefusedLength = 54321;
+
+void* __cdecl RefuseTheList(std::size_t size) {
+  return size == kRefusedLength * sizeof(wchar_t) ? nullptr : std::malloc(size);
+}
+
+TEST_F(FlashPortSearchTest, SurvivesThatThereIsNoMemoryForTheList) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheList));
+  bench.modem.portListLength = kRefusedLength;
+  EXPECT_EQ(search.Look(), Sight::NotFound);
+  EXPECT_THAT(Said(), ElementsAre("deviceInterfaceListLength:54321\n",
+                                  "E:Error allocating memory for device interface list.\n"));
+}
+
+// --- The signal ------------------------------------------------------------------------------------------
+
+TEST_F(FlashPortSearchTest, APortFoundBeforeTheSignalExistsEndsTheWaitAtOnce) {
+  FlashPortIsPresent();
+  search.Look();
+  ASSERT_TRUE(search.CreateSignal());
+  EXPECT_EQ(search.Wait(15000, abandoned), WAIT_OBJECT_0);
+  EXPECT_EQ(bench.clock.Now(), 0u);
+}
+
+TEST_F(FlashPortSearchTest, APortFoundMeanwhileEndsTheWait) {
+  ASSERT_TRUE(search.CreateSignal());
+  bench.modem.Become(FakeModem::Mode::Flash, 3000);
+  bench.clock.Start([this] {
+    while (search.Look() != Sight::Found) bench.clock.Pause(1000);
+  });
+  EXPECT_EQ(search.Wait(15000, abandoned), WAIT_OBJECT_0);
+  EXPECT_EQ(bench.clock.Now(), 3000u);
+}
+
+TEST_F(FlashPortSearchTest, TheWaitEndsWithItsTime) {
+  ASSERT_TRUE(search.CreateSignal());
+  EXPECT_EQ(search.Wait(15000, abandoned), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_EQ(bench.clock.Now(), 15000u);
+}
+
+TEST_F(FlashPortSearchTest, ACountThatAnEarlierSearchLeftDoesNotEndTheWait) {
+  const UniqueHandle stale = StaleSignal();
+  ASSERT_TRUE(search.CreateSignal());
+  EXPECT_EQ(search.Wait(15000, abandoned), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_EQ(bench.clock.Now(), 15000u);
+}
+
+TEST_F(FlashPortSearchTest, APortFoundBehindAnEarlierSearchsCountEndsTheWait) {
+  const UniqueHandle stale = StaleSignal();
+  ASSERT_TRUE(search.CreateSignal());
+  bench.clock.Start([this] {
+    bench.clock.Pause(4000);
+    FlashPortIsPresent();
+    search.Look();
+  });
+  EXPECT_EQ(search.Wait(15000, abandoned), WAIT_OBJECT_0);
+  EXPECT_EQ(bench.clock.Now(), 4000u);
+}
+
+TEST_F(FlashPortSearchTest, AnAbandonedWaiterHandsTheSignalOn) {
+  const UniqueHandle shared = StaleSignal();
+  abandoned = true;
+  ASSERT_TRUE(search.CreateSignal());
+  EXPECT_EQ(search.Wait(15000, abandoned), WAIT_OBJECT_0);
+  EXPECT_EQ(::WaitForSingleObject(shared.get(), 0), WAIT_OBJECT_0);
+}
+
+// Both searches report, but the semaphore counts only to one.
+TEST_F(FlashPortSearchTest, AnAbandonedWaiterWithAPortOfItsOwnHandsTheSignalOnToo) {
+  const UniqueHandle shared = StaleSignal();
+  abandoned = true;
+  FlashPortIsPresent();
+  search.Look();
+  ASSERT_TRUE(search.CreateSignal());
+  EXPECT_EQ(search.Wait(15000, abandoned), WAIT_OBJECT_0);
+  EXPECT_EQ(::WaitForSingleObject(shared.get(), 0), WAIT_OBJECT_0);
+}
+
+TEST_F(FlashPortSearchTest, AReportBehindTheEndOfTheWaitSignalsNobody) {
+  const UniqueHandle another(::CreateSemaphoreW(nullptr, 0, 1, OwnName(L"CFirmwareDownloader").c_str()));
+  ASSERT_TRUE(search.CreateSignal());
+  search.CloseSignal();
+  FlashPortIsPresent();
+  EXPECT_EQ(search.Look(), Sight::Found);
+  EXPECT_EQ(::WaitForSingleObject(another.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST_F(FlashPortSearchTest, HasNoSignalWhenItsNameIsTakenByAnotherKind) {
+  const UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str()));
+  EXPECT_FALSE(search.CreateSignal());
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+}
+
+}  // namespace

@@ -1,0 +1,48 @@
+#include <algorithm>
+
+#include "simulation_test.h"
+
+namespace {
+
+using PlatformFaultsTest = SimulationTest;
+
+DWORD WINAPI Nothing(void*) {
+  return 0;
+}
+
+TEST_F(PlatformFaultsTest, OnlyTheChosenCallFails) {
+  options.faults.platform = {{"CreateThread", Occurrence::Only(2), ERROR_NO_SYSTEM_RESOURCES}};
+  Start();
+  const UniqueHandle first(platform.StartThread(nullptr, 0, &Nothing, nullptr, 0, nullptr));
+  const UniqueHandle second(platform.StartThread(nullptr, 0, &Nothing, nullptr, 0, nullptr));
+  const DWORD error = ::GetLastError();
+  const UniqueHandle third(platform.StartThread(nullptr, 0, &Nothing, nullptr, 0, nullptr));
+  EXPECT_NE(first, nullptr);
+  EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(error, static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
+  EXPECT_NE(third, nullptr);
+  EXPECT_EQ(pc->PlatformCalls()["CreateThread"], 3);
+}
+
+TEST_F(PlatformFaultsTest, RegistryCallsFailByTheirResult) {
+  options.faults.platform = {{"RegOpenKeyExW", Occurrence::Always(), ERROR_ACCESS_DENIED}};
+  Start();
+  HKEY key = nullptr;
+  EXPECT_EQ(platform.OpenKey(HKEY_CURRENT_USER, L"Software", 0, KEY_READ, &key), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(PlatformFaultsTest, AnExpiredWaitFails) {
+  options.faults.platform = {{"WaitForSingleObject", Occurrence::Times(1), ERROR_INVALID_HANDLE}};
+  Start();
+  const UniqueHandle event(::CreateEventW(nullptr, TRUE, TRUE, nullptr));
+  EXPECT_EQ(platform.Wait(event.get(), 0), WAIT_FAILED);
+  EXPECT_EQ(platform.Wait(event.get(), 0), WAIT_OBJECT_0);
+}
+
+TEST_F(PlatformFaultsTest, EveryCallIsNamedOnce) {
+  auto names = FaultableCalls();
+  std::ranges::sort(names);
+  EXPECT_TRUE(std::ranges::adjacent_find(names) == names.end());
+}
+
+}  // namespace

@@ -1,0 +1,127 @@
+#include <array>
+#include <string_view>
+
+#include "simulation_test.h"
+
+namespace {
+
+class SerialPortTest : public SimulationTest {
+ protected:
+  ~SerialPortTest() override {
+    if (m_port != INVALID_HANDLE_VALUE) platform.Close(m_port);
+  }
+
+  HANDLE Open(const char* name = "\\\\.\\COM7") {
+    return platform.CreateFileNarrow(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
+                                     nullptr);
+  }
+  void StartAndOpen() {
+    Start();
+    m_port = Open();
+    ASSERT_NE(m_port, INVALID_HANDLE_VALUE);
+  }
+  bool Write(std::string_view text) {
+    DWORD written = 0;
+    return platform.Write(m_port, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE &&
+           written == text.size();
+  }
+
+  HANDLE m_port = INVALID_HANDLE_VALUE;
+};
+
+TEST_F(SerialPortTest, TheRebootCommandReachesTheModem) {
+  StartAndOpen();
+  EXPECT_TRUE(Write("at+xlog=4\r"));
+  EXPECT_EQ(pc->AtCommands(), std::vector<std::string>{"at+xlog=4\r"});
+  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+}
+
+TEST_F(SerialPortTest, RepliesCanBeReadAndPurged) {
+  StartAndOpen();
+  ASSERT_TRUE(Write("at\r"));
+  COMSTAT status{};
+  DWORD errors = 0;
+  ASSERT_TRUE(platform.ClearError(m_port, &errors, &status));
+  EXPECT_EQ(status.cbInQue, 6u);
+  char first = 0;
+  DWORD read = 0;
+  ASSERT_TRUE(platform.Read(m_port, &first, 1, &read, nullptr));
+  EXPECT_EQ(first, '\r');
+  ASSERT_TRUE(platform.Purge(m_port, PURGE_RXCLEAR));
+  ASSERT_TRUE(platform.ClearError(m_port, &errors, &status));
+  EXPECT_EQ(status.cbInQue, 0u);
+}
+
+TEST_F(SerialPortTest, KeepsTheSettingsThatItWasGiven) {
+  StartAndOpen();
+  DCB settings{};
+  settings.DCBlength = sizeof(settings);
+  ASSERT_TRUE(platform.GetState(m_port, &settings));
+  settings.BaudRate = CBR_115200;
+  ASSERT_TRUE(platform.SetState(m_port, &settings));
+  DCB read{};
+  ASSERT_TRUE(platform.GetState(m_port, &read));
+  EXPECT_EQ(read.BaudRate, static_cast<DWORD>(CBR_115200));
+}
+
+TEST_F(SerialPortTest, RefusesFlowControlCharactersThatAreTheSame) {
+  StartAndOpen();
+  DCB settings{};
+  ASSERT_TRUE(platform.GetState(m_port, &settings));
+  settings.XoffChar = settings.XonChar;
+  EXPECT_FALSE(platform.SetState(m_port, &settings));
+}
+
+TEST_F(SerialPortTest, IsOpenedByOneAtATime) {
+  StartAndOpen();
+  EXPECT_EQ(Open(), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+}
+
+TEST_F(SerialPortTest, ACloseFreesThePort) {
+  StartAndOpen();
+  platform.Close(m_port);
+  m_port = Open();
+  EXPECT_NE(m_port, INVALID_HANDLE_VALUE);
+}
+
+TEST_F(SerialPortTest, AnotherPortIsNotThere) {
+  Start();
+  EXPECT_EQ(Open("\\\\.\\COM0"), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(SerialPortTest, IsGoneWithTheModem) {
+  StartAndOpen();
+  ASSERT_TRUE(Write("at+xlog=4\r"));
+  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  EXPECT_FALSE(Write("at\r"));
+}
+
+struct SerialFault {
+  const char* name;
+  DWORD AtPortFaults::*error;
+};
+
+class SerialFaultTest : public SerialPortTest, public testing::WithParamInterface<SerialFault> {};
+
+TEST_P(SerialFaultTest, FailsWithItsError) {
+  options.faults.at_port.*GetParam().error = ERROR_GEN_FAILURE;
+  Start();
+  m_port = Open();
+  DCB settings{};
+  const bool works = m_port != INVALID_HANDLE_VALUE && platform.GetState(m_port, &settings) &&
+                     platform.SetState(m_port, &settings) && Write("at\r");
+  const DWORD error = ::GetLastError();
+  EXPECT_FALSE(works);
+  EXPECT_EQ(error, static_cast<DWORD>(ERROR_GEN_FAILURE));
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, SerialFaultTest,
+                         testing::Values(SerialFault{"open", &AtPortFaults::open_error},
+                                         SerialFault{"get", &AtPortFaults::get_state_error},
+                                         SerialFault{"set", &AtPortFaults::set_state_error},
+                                         SerialFault{"write", &AtPortFaults::write_error}),
+                         [](const auto& fault) { return std::string(fault.param.name); });
+
+}  // namespace

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+#include "platform_calls.h"
+#include "virtual_pc.h"
+
+/// A virtual PC around a library that stands for the product; `platform` is what that library would call.
+class SimulationTest : public testing::Test {
+ protected:
+  SimulationTest() {
+    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+    options.folder = std::filesystem::temp_directory_path() /
+                     (std::string("virtual_pc_test_") + std::to_string(::GetCurrentProcessId()) + "_" +
+                      test->test_suite_name() + "_" + test->name());
+    options.speed = 1000;
+    // A busy machine must not let a short-lived state pass unseen.
+    options.timing.boot_loader_window = std::chrono::hours(1);
+  }
+  ~SimulationTest() override {
+    pc.reset();
+    std::error_code error;
+    std::filesystem::remove_all(options.folder, error);
+  }
+
+  void Start() {
+    pc = std::make_unique<VirtualPc>(options);
+    caller.reset(::LoadLibraryW(L"platform_caller.dll"));
+    ASSERT_NE(caller, nullptr);
+    pc->Install(caller.get());
+    const auto get =
+        reinterpret_cast<GetPlatformCallsFunction>(::GetProcAddress(caller.get(), "GetPlatformCalls"));
+    ASSERT_NE(get, nullptr);
+    get(&platform);
+  }
+
+  /// Texts of a list as Configuration Manager delivers it.
+  static std::vector<std::wstring> Split(const std::vector<wchar_t>& list) {
+    std::vector<std::wstring> texts;
+    for (const wchar_t* text = list.data(); *text != L'\0'; text += texts.back().size() + 1)
+      texts.emplace_back(text);
+    return texts;
+  }
+
+  std::vector<std::wstring> PresentIds() {
+    ULONG size = 0;
+    EXPECT_EQ(platform.IdListSize(&size, nullptr, CM_GETIDLIST_FILTER_PRESENT), CR_SUCCESS);
+    std::vector<wchar_t> list(size);
+    EXPECT_EQ(platform.IdList(nullptr, list.data(), size, CM_GETIDLIST_FILTER_PRESENT), CR_SUCCESS);
+    return Split(list);
+  }
+
+  bool IsPresent(const std::wstring& part) {
+    for (const auto& id : PresentIds()) {
+      if (id.find(part) != std::wstring::npos) return true;
+    }
+    return false;
+  }
+
+  std::vector<std::wstring> Interfaces(GUID interface_class) {
+    ULONG size = 0;
+    EXPECT_EQ(platform.InterfaceListSize(&size, &interface_class, nullptr, 0), CR_SUCCESS);
+    std::vector<wchar_t> list(size);
+    EXPECT_EQ(platform.InterfaceList(&interface_class, nullptr, list.data(), size, 0), CR_SUCCESS);
+    return Split(list);
+  }
+
+  /// Lets virtual time pass until the modem is in that state. @return false when it does not come there.
+  bool Reaches(ModemState state, Milliseconds limit = Milliseconds(120000)) {
+    const auto end = pc->Clock().Now() + limit;
+    while (pc->Modem().State() != state && pc->Clock().Now() < end) pc->Clock().Sleep(Milliseconds(1000));
+    return pc->Modem().State() == state;
+  }
+
+  static constexpr GUID kSerialClass{
+      0x86E0D1E0, 0x8089, 0x11D0, {0x9C, 0xE4, 0x08, 0x00, 0x3E, 0x30, 0x1F, 0x73}};
+  static constexpr GUID kUdeFlashClass{
+      0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
+
+  VirtualPcOptions options;
+  std::unique_ptr<VirtualPc> pc;
+  UniqueModule caller;
+  PlatformCalls platform{};
+};

@@ -1,0 +1,119 @@
+#include "simulation_test.h"
+
+namespace {
+
+constexpr DWORD kProbe = 0x220014;
+constexpr DWORD kReset = 0x220020;
+
+class UdeDriverTest : public SimulationTest {
+ protected:
+  ~UdeDriverTest() override { Close(); }
+
+  HANDLE Open(std::size_t instance = 0) {
+    Close();
+    m_file = platform.CreateFileWide(Interfaces(kUdeFlashClass).at(instance).c_str(),
+                                     GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    return m_file;
+  }
+  void Close() {
+    if (m_file != INVALID_HANDLE_VALUE) platform.Close(m_file);
+    m_file = INVALID_HANDLE_VALUE;
+  }
+  /// @return 0 when the request completed at once, else its error; 997 when it is pending.
+  DWORD Request(DWORD code) {
+    m_event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    m_overlapped = {};
+    m_overlapped.hEvent = m_event.get();
+    return platform.IoControl(m_file, code, nullptr, 0, nullptr, 0, nullptr, &m_overlapped)
+               ? 0
+               : ::GetLastError();
+  }
+  /// @return 0 when the request completed in time, else the error.
+  DWORD Result() {
+    return platform.OverlappedResult(m_file, &m_overlapped, &m_bytes, 3000, FALSE) ? 0 : ::GetLastError();
+  }
+
+  DWORD m_bytes = 77;
+  OVERLAPPED m_overlapped{};
+
+ private:
+  HANDLE m_file = INVALID_HANDLE_VALUE;
+  UniqueHandle m_event;
+};
+
+TEST_F(UdeDriverTest, ResetIsPendingAndThenCompletes) {
+  options.speed = 1;
+  options.timing.restarting = Milliseconds(0);
+  Start();
+  ASSERT_NE(Open(), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
+  EXPECT_EQ(Result(), 0u);
+  EXPECT_EQ(m_bytes, 0u);
+  EXPECT_EQ(pc->BasebandResets(), 1);
+  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+}
+
+TEST_F(UdeDriverTest, ARequestThatNeverCompletesTimesOutAndIsCancelled) {
+  options.faults.driver.never_completes = true;
+  Start();
+  const HANDLE file = Open();
+  ASSERT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
+  EXPECT_EQ(Result(), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_TRUE(platform.CancelIo(file, &m_overlapped));
+  EXPECT_EQ(Result(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+}
+
+TEST_F(UdeDriverTest, ProbeStaysPendingOnTheRightInstance) {
+  options.speed = 1;
+  options.faults.driver.two_instances = true;
+  Start();
+  ASSERT_NE(Open(1), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(Request(kProbe), static_cast<DWORD>(ERROR_IO_PENDING));
+  EXPECT_EQ(::WaitForSingleObject(m_overlapped.hEvent, 10000), WAIT_OBJECT_0);
+}
+
+TEST_F(UdeDriverTest, ProbeCompletesAtOnceOnTheWrongInstance) {
+  options.faults.driver.two_instances = true;
+  Start();
+  ASSERT_NE(Open(0), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(Request(kProbe), 0u);
+}
+
+TEST_F(UdeDriverTest, AResetOnTheWrongInstanceReachesNoModem) {
+  options.speed = 1;
+  options.faults.driver.two_instances = true;
+  options.faults.driver.right_instance_first = true;
+  Start();
+  Open(1);
+  Request(kReset);
+  EXPECT_EQ(Result(), 0u);
+  EXPECT_EQ(pc->BasebandResets(), 0);
+}
+
+TEST_F(UdeDriverTest, OpenIsRefused) {
+  options.faults.driver.open_error = ERROR_ACCESS_DENIED;
+  Start();
+  EXPECT_EQ(Open(), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+}
+
+TEST_F(UdeDriverTest, RequestIsRefused) {
+  options.faults.driver.request_error = ERROR_GEN_FAILURE;
+  options.faults.driver.requests_refused = Occurrence::Times(1);
+  Start();
+  Open();
+  EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_GEN_FAILURE));
+  EXPECT_EQ(pc->BasebandResets(), 0);
+  EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
+}
+
+TEST_F(UdeDriverTest, AClosedHandleIsNoDeviceAnyMore) {
+  Start();
+  Open();
+  Close();
+  EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(pc->BasebandResets(), 0);
+}
+
+}  // namespace

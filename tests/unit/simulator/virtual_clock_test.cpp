@@ -1,0 +1,68 @@
+#include "virtual_clock.h"
+
+#include <gtest/gtest.h>
+
+#include "simulation_test.h"
+
+TEST(VirtualClockTest, DividesWaitsByItsSpeed) {
+  const VirtualClock clock(20);
+  EXPECT_EQ(clock.RealWait(15000), 750u);
+}
+
+TEST(VirtualClockTest, AWaitIsAtLeastOneMillisecond) {
+  const VirtualClock clock(1000);
+  EXPECT_EQ(clock.RealWait(10), 1u);
+}
+
+TEST(VirtualClockTest, NoWaitAndEndlessWaitStay) {
+  const VirtualClock clock(10);
+  EXPECT_EQ(clock.RealWait(0), 0u);
+  EXPECT_EQ(clock.RealWait(INFINITE), INFINITE);
+}
+
+TEST(VirtualClockTest, ASlowClockDoesNotMakeAWaitEndless) {
+  const VirtualClock clock(0.001);
+  EXPECT_EQ(clock.RealWait(0x7FFFFFFF), INFINITE - 1);
+}
+
+using SimulatedClockTest = SimulationTest;
+
+TEST_F(SimulatedClockTest, TheProductSleepsByVirtualTime) {
+  options.speed = 100;
+  Start();
+  const auto before = pc->Clock().Now();
+  const ULONGLONG real_before = ::GetTickCount64();
+  platform.SleepFor(5000);
+  EXPECT_GE((pc->Clock().Now() - before).count(), 4900);
+  EXPECT_LT(::GetTickCount64() - real_before, 4000u);
+}
+
+TEST_F(SimulatedClockTest, TickCountsAgreeWithTheWaits) {
+  options.speed = 100;
+  Start();
+  const ULONGLONG before = platform.TickCount();
+  platform.SleepFor(5000);
+  EXPECT_GE(platform.TickCount() - before, 4900u);
+}
+
+TEST_F(SimulatedClockTest, AWaitEndsAtOnceWhenItsObjectIsSignalled) {
+  Start();
+  const UniqueHandle event(::CreateEventW(nullptr, TRUE, TRUE, nullptr));
+  EXPECT_EQ(platform.Wait(event.get(), INFINITE), WAIT_OBJECT_0);
+}
+
+TEST_F(SimulatedClockTest, AWaitTimesOut) {
+  Start();
+  const UniqueHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  EXPECT_EQ(platform.Wait(event.get(), 15000), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST_F(SimulatedClockTest, CallsAreTheSystemsAgainAfterTheEnd) {
+  options.faults.platform = {{"CreateThread", Occurrence::Always(), ERROR_NOT_ENOUGH_MEMORY}};
+  Start();
+  pc->Uninstall();
+  const auto get =
+      reinterpret_cast<GetPlatformCallsFunction>(::GetProcAddress(caller.get(), "GetPlatformCalls"));
+  get(&platform);
+  EXPECT_EQ(platform.SleepFor, &::Sleep);
+}

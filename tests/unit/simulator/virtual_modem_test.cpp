@@ -1,0 +1,213 @@
+#include "virtual_modem.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "simulation_test.h"
+
+namespace {
+
+std::span<const std::uint8_t> Bytes(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+class VirtualModemTest : public SimulationTest {
+ protected:
+  /// Brings the modem to where items can be written. @return the session.
+  std::uint32_t OpenAndBoot() {
+    const std::uint32_t session = pc->Modem().OpenPort();
+    EXPECT_TRUE(pc->Modem().Boot(session, image.file));
+    return session;
+  }
+  bool WriteFirstItem(std::uint32_t session, const FlashImage& source) {
+    const ImageItem& item = source.items[0];
+    return pc->Modem().BeginItem(session, item) && pc->Modem().WriteBlock(session, source.Bytes(item)) &&
+           pc->Modem().EndItem(session);
+  }
+  std::vector<std::string> Events(JournalEvent event) {
+    std::vector<std::string> details;
+    for (const auto& entry : pc->Journal()) {
+      if (entry.event == event) details.push_back(entry.detail);
+    }
+    return details;
+  }
+
+  FlashImage image = BuildImage(SmallImagePlan(3));
+};
+
+TEST_F(VirtualModemTest, GoesThroughFlashModeAndBack) {
+  Start();
+  pc->Modem().HearAtBytes(Bytes("at+xlog=4\r"));
+  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  const auto session = OpenAndBoot();
+  ASSERT_TRUE(WriteFirstItem(session, image));
+  ASSERT_TRUE(pc->Modem().ForceReset(session));
+  ASSERT_TRUE(Reaches(ModemState::kNormal));
+  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+            (std::vector<std::string>{"leaving", "restarting", "flash port", "channel open", "booted",
+                                      "writing", "booted", "returning", "normal"}));
+}
+
+TEST_F(VirtualModemTest, MemoryEqualsTheImageThatWasWritten) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  EXPECT_FALSE(pc->Modem().CompareWith(&image, nullptr).equal);
+  ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
+  const auto comparison = pc->Modem().CompareWith(&image, nullptr);
+  EXPECT_TRUE(comparison.equal) << comparison.difference;
+  EXPECT_EQ(comparison.bytes, 64u * 1024);
+}
+
+TEST_F(VirtualModemTest, ComparisonNamesTheFirstDifference) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
+  image.file[image.items[0].data_offset + 5] ^= 1;
+  EXPECT_EQ(pc->Modem().CompareWith(&image, nullptr).difference, "class 5 differs at 0xe00005");
+}
+
+TEST_F(VirtualModemTest, ComparingWithNothingIsNoProof) {
+  Start();
+  EXPECT_FALSE(pc->Modem().CompareWith(nullptr, nullptr).equal);
+}
+
+TEST_F(VirtualModemTest, OfAnNvmImageBesideAModemImageOnlyTheFirstItemCounts) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  ImagePlan two_items = SmallImagePlan(4, 1024, 0xF00000);
+  two_items.items.push_back({MemoryClass::kCust, 1024, 0xF10000});
+  const FlashImage nvm = BuildImage(two_items);
+  const auto session = OpenAndBoot();
+  ASSERT_TRUE(WriteFirstItem(session, image));
+  ASSERT_TRUE(WriteFirstItem(session, nvm));
+  EXPECT_TRUE(pc->Modem().CompareWith(&image, &nvm).equal);
+  EXPECT_FALSE(pc->Modem().CompareWith(nullptr, &nvm).equal);
+}
+
+TEST_F(VirtualModemTest, RefusesWritingBeforeBoot) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  const auto session = pc->Modem().OpenPort();
+  EXPECT_FALSE(pc->Modem().BeginItem(session, image.items[0]));
+  EXPECT_EQ(Events(JournalEvent::kItemRefused).back(), "written before boot");
+}
+
+TEST_F(VirtualModemTest, RefusesAnItemWithAWrongChecksum) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  const FlashImage damaged = BuildImage(SmallImagePlan(3), ImageDamage::kItemChecksum);
+  EXPECT_FALSE(WriteFirstItem(OpenAndBoot(), damaged));
+  EXPECT_EQ(pc->Modem().ItemsWritten(), 0u);
+}
+
+TEST_F(VirtualModemTest, RefusesADamagedBootFile) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  const auto session = pc->Modem().OpenPort();
+  EXPECT_FALSE(pc->Modem().Boot(session, BuildImage(SmallImagePlan(3), ImageDamage::kHeaderChecksum).file));
+}
+
+TEST_F(VirtualModemTest, RefusesASecondOpenOfItsPort) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  EXPECT_NE(pc->Modem().OpenPort(), 0u);
+  EXPECT_EQ(pc->Modem().OpenPort(), 0u);
+}
+
+TEST_F(VirtualModemTest, RefusesTheOldSessionAfterABasebandReset) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  const auto session = OpenAndBoot();
+  pc->Modem().ResetBaseband();
+  EXPECT_FALSE(WriteFirstItem(session, image));
+  EXPECT_FALSE(pc->Modem().ForceReset(session));
+}
+
+TEST_F(VirtualModemTest, StartsNormallyWhenNobodyUsesTheBootLoaderAfterABasebandReset) {
+  options.timing.boot_loader_window = Milliseconds(10000);
+  Start();
+  pc->Modem().ResetBaseband();
+  ASSERT_TRUE(Reaches(ModemState::kNormal));
+  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+            (std::vector<std::string>{"restarting", "flash port", "returning", "normal"}));
+}
+
+TEST_F(VirtualModemTest, StaysInFlashModeWhenItWasToldTo) {
+  Start();
+  EXPECT_TRUE(pc->Modem().RebootByMbim());
+  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  pc->Clock().Sleep(Milliseconds(60000));
+  EXPECT_EQ(pc->Modem().State(), ModemState::kFlashPort);
+}
+
+TEST_F(VirtualModemTest, TakesNoRebootCommandInFlashMode) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  EXPECT_FALSE(pc->Modem().RebootByMbim());
+}
+
+TEST_F(VirtualModemTest, TakesTheAtCommandOnlyWhole) {
+  options.timing.leaving = std::chrono::hours(1);
+  Start();
+  pc->Modem().HearAtBytes(Bytes("at+xlog=4"));
+  EXPECT_EQ(pc->Modem().State(), ModemState::kNormal);
+  EXPECT_EQ(pc->Modem().HearAtBytes(Bytes("\r")), "\r\nOK\r\n");
+  EXPECT_EQ(pc->Modem().State(), ModemState::kLeaving);
+}
+
+TEST_F(VirtualModemTest, AFlashPortThatIsMissingOnceComesAfterAReset) {
+  options.faults.modem.flash_port_missing = Occurrence::Times(1);
+  Start();
+  pc->Modem().RebootByMbim();
+  EXPECT_FALSE(Reaches(ModemState::kFlashPort));
+  pc->Modem().ResetBaseband();
+  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+}
+
+class ModemReturnTest : public VirtualModemTest {
+ protected:
+  void FlashAndReset() {
+    options.initial_state = ModemState::kFlashPort;
+    Start();
+    const auto session = OpenAndBoot();
+    ASSERT_TRUE(WriteFirstItem(session, image));
+    ASSERT_TRUE(pc->Modem().ForceReset(session));
+  }
+};
+
+TEST_F(ModemReturnTest, ComesBackLate) {
+  options.faults.modem.return_delay = Milliseconds(200000);
+  FlashAndReset();
+  const auto before = pc->Clock().Now();
+  EXPECT_TRUE(Reaches(ModemState::kNormal, std::chrono::hours(10)));
+  EXPECT_GE((pc->Clock().Now() - before).count(), 100000);
+}
+
+TEST_F(ModemReturnTest, ComesBackWhenTheProductGaveUpWaiting) {
+  options.faults.modem.returns_at_last_check = true;
+  FlashAndReset();
+  EXPECT_FALSE(Reaches(ModemState::kNormal));
+  const UniqueHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  platform.Wait(event.get(), 23000);
+  EXPECT_EQ(pc->Modem().State(), ModemState::kNormal);
+}
+
+TEST_F(ModemReturnTest, ComesBackAfterSoManyResets) {
+  options.faults.modem.returns_after_resets = 2;
+  FlashAndReset();
+  pc->Modem().ResetBaseband();
+  EXPECT_FALSE(Reaches(ModemState::kNormal));
+  pc->Modem().ResetBaseband();
+  EXPECT_TRUE(Reaches(ModemState::kNormal));
+}
+
+TEST_F(ModemReturnTest, NeverComesBack) {
+  options.faults.modem.never_returns = true;
+  FlashAndReset();
+  pc->Modem().ResetBaseband();
+  EXPECT_FALSE(Reaches(ModemState::kNormal));
+}
+
+}  // namespace

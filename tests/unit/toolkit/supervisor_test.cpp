@@ -1,0 +1,154 @@
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+
+#include "support/job_bench.h"
+#include "toolkit/flashjob.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+/// The service's supervisor on a thread of its own. Between jobs it waits for the controlling program.
+class SupervisorTest : public testing::Test {
+ protected:
+  void RunSupervisor() {
+    bench.clock.Start([] { ToolKit::MainThreadImplementation(nullptr); });
+    bench.clock.RunUntilIdle();
+  }
+  void RaiseFlag() {
+    bench.key.SetNumber(L"Fls_Ready", 1);
+    bench.clock.DeliverSignals();
+    bench.clock.RunUntilIdle();
+  }
+  void LowerFlag() const { bench.key.SetNumber(L"Fls_Ready", 0); }
+  bool IsWaiting() const { return bench.clock.LivingThreads() == 1; }
+  std::vector<std::string> Said() const { return bench.Said({"supervisor.cpp"}); }
+
+  JobBench bench;
+};
+
+TEST_F(SupervisorTest, WritesTheInitialValuesAndThenWaits) {
+  LowerFlag();
+  RunSupervisor();
+  EXPECT_TRUE(IsWaiting());
+  EXPECT_THAT(bench.Writes(), ElementsAre("Time_Out: 153000", "Flash_OnGoing: 0", "Flash_Progress: 0",
+                                          "Flash_Result: 0", "Time_Out: 153000", "Flash_OnGoing: 0"));
+  EXPECT_THAT(Said(), ElementsAre("\t MainThreadImplementation ++", "\t Start a new loop process..."));
+  EXPECT_EQ(bench.library.loads, 0);
+}
+
+TEST_F(SupervisorTest, DetectsTheModemBranchBeforeItWritesAnything) {
+  LowerFlag();
+  ToolKit::g_bIsFiveBranch = false;
+  RunSupervisor();
+  EXPECT_TRUE(ToolKit::g_bIsFiveBranch);
+  const std::vector<std::string> said = bench.Said({"modembranch.cpp", "registryhandshake.cpp"});
+  EXPECT_EQ(said.front(), "ToolKit::CheckModemBranch ++\n");
+}
+
+TEST_F(SupervisorTest, FlashesAtOnceWhenTheFlagIsRaisedAlready) {
+  RunSupervisor();
+  EXPECT_EQ(bench.Result(), 4);
+  EXPECT_EQ(bench.Ready(), 0);
+  EXPECT_TRUE(IsWaiting());
+}
+
+TEST_F(SupervisorTest, FlashesWhenTheFlagIsRaised) {
+  LowerFlag();
+  RunSupervisor();
+  EXPECT_EQ(bench.Downloads(), 0);
+  RaiseFlag();
+  EXPECT_EQ(bench.Result(), 4);
+  EXPECT_TRUE(IsWaiting());
+}
+
+TEST_F(SupervisorTest, BeginsANewPassBehindEachJob) {
+  RunSupervisor();
+  EXPECT_EQ(bench.TimesSaid("\t Start a new loop process..."), 2);
+  const std::vector<std::string> writes = bench.Writes();
+  EXPECT_EQ(writes[writes.size() - 2], "Time_Out: 153000");
+  EXPECT_EQ(writes[writes.size() - 1], "Flash_OnGoing: 0");
+}
+
+TEST_F(SupervisorTest, ClearsTheOnGoingFlagOfAFailedJobWithTheNextPass) {
+  bench.FailDownloads(100);
+  RunSupervisor();
+  EXPECT_EQ(bench.Result(), 3);
+  EXPECT_EQ(bench.OnGoing(), 0);
+}
+
+TEST_F(SupervisorTest, RunsOneJobAfterTheOther) {
+  RunSupervisor();
+  bench.AddImage(L"modem.fls", {1}, JobBench::kSmallestModemImage);
+  RaiseFlag();
+  EXPECT_EQ(bench.Result(), 4);
+  EXPECT_EQ(bench.Downloads(), 2);
+  EXPECT_EQ(bench.library.loads, 2);
+}
+
+TEST_F(SupervisorTest, GivesEachJobTheWholeRetryBudget) {
+  bench.modem.takesCommands = false;
+  RunSupervisor();
+  EXPECT_EQ(ToolKit::g_retry_times, 0u);
+}
+
+// --- Without images --------------------------------------------------------------------------------------
+
+class NoImagesTest : public SupervisorTest {
+ protected:
+  NoImagesTest() { FlashBench::Configure(L"[ModemAndNVMFirmwareFolder]", empty.Path().c_str()); }
+  TemporaryFolder empty;
+};
+
+TEST_F(NoImagesTest, ReportsAFailureAndClearsTheFlag) {
+  RunSupervisor();
+  EXPECT_EQ(bench.Result(), 3);
+  EXPECT_EQ(bench.Ready(), 0);
+  EXPECT_EQ(bench.library.loads, 0);
+  EXPECT_TRUE(bench.HasImages());
+}
+
+TEST_F(NoImagesTest, PausesThreeSecondsBeforeItReports) {
+  RunSupervisor();
+  EXPECT_EQ(bench.clock.Now(), 3000u);
+  const std::vector<std::string> all = bench.host.Messages();
+  EXPECT_THAT(all, Contains("\t Can't find available fls, monitor again, continue to monitor registry change "
+                            "and fetch modem/nvm files"));
+  EXPECT_THAT(bench.Writes(),
+              ElementsAre("Time_Out: 153000", "Flash_OnGoing: 0", "Flash_Progress: 0", "Flash_Result: 0",
+                          "Time_Out: 153000", "Flash_OnGoing: 0", "Flash_Progress: 0", "Flash_Result: 0",
+                          "Flash_Result: 3", "Time_Out: 153000", "Flash_OnGoing: 0"));
+}
+
+TEST_F(NoImagesTest, TriesAgainOnlyWhenTheFlagIsRaisedAnew) {
+  RunSupervisor();
+  EXPECT_EQ(bench.TimesSaid("\t Start a new loop process..."), 2);
+  FlashBench::Configure(L"[ModemAndNVMFirmwareFolder]", bench.images.Path().c_str());
+  RaiseFlag();
+  EXPECT_EQ(bench.Result(), 4);
+}
+
+// --- Without memory --------------------------------------------------------------------------------------
+
+int g_refusals = 0;
+void* __cdecl RefuseTheEngine(std::size_t size) {
+  if (size != sizeof(CFirmwareDownloader) || g_refusals == 0) return std::malloc(size);
+  --g_refusals;
+  return nullptr;
+}
+
+TEST_F(SupervisorTest, SurvivesLackOfMemoryAndTriesAgain) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheEngine));
+  g_refusals = 1;
+  RunSupervisor();
+  EXPECT_EQ(g_refusals, 0);
+  EXPECT_EQ(bench.TimesSaid("\t Start a new loop process..."), 3);
+  EXPECT_EQ(bench.Result(), 4);
+}
+
+}  // namespace

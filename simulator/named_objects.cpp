@@ -1,14 +1,8 @@
 #include "named_objects.h"
 
-#include <string>
-
-namespace {
-
-std::wstring Own(const wchar_t* name) {
+std::wstring OwnName(const wchar_t* name) {
   return name + (L"-" + std::to_wstring(::GetCurrentProcessId()));
 }
-
-}  // namespace
 
 HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name) {
   return ::CreateSemaphoreW(security, count, maximum, name == nullptr ? nullptr : OwnName(name).c_str());

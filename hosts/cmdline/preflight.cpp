@@ -49,7 +49,7 @@ Finding NoImages(const char* code, std::string message, std::string whatToDo) {
 }
 
 Finding LookAtConfiguration(const std::optional<ConfigurationFile>& configuration) {
-  constexpr char kSubject[] = "configuration";
+  constexpr const char* kSubject = "configuration";
   if (!configuration) {
     return Error(kSubject, "no_configuration",
                  ToUtf8(ConfigurationPath()) + " is missing, or another program has it open",
@@ -116,7 +116,7 @@ std::string MissingExports(HMODULE library) {
 }
 
 Finding LookAtFlashingLibrary() {
-  constexpr char kSubject[] = "flashing library";
+  constexpr const char* kSubject = "flashing library";
   const std::wstring path = ProgramFolder() + kFlashingLibrary;
   const OwnedModule library(::LoadLibraryW(path.c_str()));
   const DWORD error = ::GetLastError();

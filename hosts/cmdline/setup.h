@@ -13,7 +13,8 @@ struct Problem {
 };
 
 /// The error object of a problem, with what else there is to tell behind it.
-nlohmann::ordered_json AsJson(const Problem& problem, const nlohmann::ordered_json& details = {});
+nlohmann::ordered_json AsJson(const Problem& problem,
+                              const nlohmann::ordered_json& details = nlohmann::ordered_json::object());
 /// Prints a problem: as a JSON error object on standard output, or in words on standard error.
 void Report(const Problem& problem, bool json);
 

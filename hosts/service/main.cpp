@@ -50,6 +50,10 @@ std::string Advice(const ControlResult& result) {
 
 int Conclude(const ControlResult& result, const std::string& success) {
   if (result.error == ERROR_SUCCESS) {
+    if (*result.missing != '\0') {
+      std::cerr << "corvel_service: This service manager does not offer " << result.missing << "."
+                << std::endl;
+    }
     std::cout << success << std::endl;
     return kDone;
   }

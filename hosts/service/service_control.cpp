@@ -83,9 +83,12 @@ DWORD ExitCodeOf(SC_HANDLE service) {
 /// Gives a new service all that it needs beyond its entry in the manager's list.
 ControlResult Furnish(SC_HANDLE service) {
   if (!SetDescription(service)) return Failed("describe the service");
-  if (!SetFailureActions(service)) return Failed("set the failure actions");
   if (!SetPreShutdownLimit(service)) return Failed("set the time limit of a shutdown");
-  return {RegisterEventSourceMessages(), "register the messages of the event log"};
+  const bool restarts = SetFailureActions(service);
+  // A manager that does not know such a setting runs the service all the same.
+  if (!restarts && ::GetLastError() != ERROR_INVALID_LEVEL) return Failed("set the failure actions");
+  return {RegisterEventSourceMessages(), "register the messages of the event log",
+          restarts ? "" : "a restart after a failure"};
 }
 
 ControlResult Remove(SC_HANDLE service) {

@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "machine.h"
+#include "working_threads.h"
 
 namespace {
 
@@ -8,12 +9,23 @@ void WINAPI SimulatedSleep(DWORD milliseconds) {
   const auto machine = CurrentMachine();
   if (!machine) return ::Sleep(milliseconds);
   machine->BeginPlatformCall("Sleep");
-  ::Sleep(machine->clock.RealWait(milliseconds));
+  const working_threads::Rest rest;
+  machine->clock.WaitInSlices(milliseconds, [](DWORD real) {
+    ::Sleep(real);
+    return false;
+  });
 }
 
 DWORD WINAPI SimulatedSleepEx(DWORD milliseconds, BOOL alertable) {
   const auto machine = CurrentMachine();
-  return ::SleepEx(machine ? machine->clock.RealWait(milliseconds) : milliseconds, alertable);
+  if (!machine) return ::SleepEx(milliseconds, alertable);
+  const working_threads::Rest rest;
+  DWORD result = 0;
+  machine->clock.WaitInSlices(milliseconds, [&](DWORD real) {
+    result = ::SleepEx(real, alertable);
+    return result != 0;
+  });
+  return result;
 }
 
 DWORD WINAPI SimulatedWait(HANDLE handle, DWORD milliseconds) {
@@ -23,7 +35,14 @@ DWORD WINAPI SimulatedWait(HANDLE handle, DWORD milliseconds) {
     ::SetLastError(*error);
     return WAIT_FAILED;
   }
-  const DWORD result = ::WaitForSingleObject(handle, machine->clock.RealWait(milliseconds));
+  // What is there already is no wait, and takes no virtual time.
+  DWORD result = ::WaitForSingleObject(handle, 0);
+  if (result != WAIT_TIMEOUT) return result;
+  const working_threads::Rest rest;
+  machine->clock.WaitInSlices(milliseconds, [&](DWORD real) {
+    result = ::WaitForSingleObject(handle, real);
+    return result != WAIT_TIMEOUT;
+  });
   if (result == WAIT_TIMEOUT) machine->WaitExpired(milliseconds);
   return result;
 }
@@ -31,7 +50,13 @@ DWORD WINAPI SimulatedWait(HANDLE handle, DWORD milliseconds) {
 DWORD WINAPI SimulatedMultipleWait(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
   const auto machine = CurrentMachine();
   if (!machine) return ::WaitForMultipleObjects(count, handles, all, milliseconds);
-  const DWORD result = ::WaitForMultipleObjects(count, handles, all, machine->clock.RealWait(milliseconds));
+  DWORD result = ::WaitForMultipleObjects(count, handles, all, 0);
+  if (result != WAIT_TIMEOUT) return result;
+  const working_threads::Rest rest;
+  machine->clock.WaitInSlices(milliseconds, [&](DWORD real) {
+    result = ::WaitForMultipleObjects(count, handles, all, real);
+    return result != WAIT_TIMEOUT;
+  });
   if (result == WAIT_TIMEOUT) machine->WaitExpired(milliseconds);
   return result;
 }
@@ -44,7 +69,13 @@ BOOL WINAPI SimulatedOverlappedResult(HANDLE file, LPOVERLAPPED overlapped, LPDW
     ::SetLastError(*error);
     return FALSE;
   }
-  return ::GetOverlappedResultEx(file, overlapped, bytes, machine->clock.RealWait(milliseconds), alertable);
+  const working_threads::Rest rest;
+  BOOL result = FALSE;
+  machine->clock.WaitInSlices(milliseconds, [&](DWORD real) {
+    result = ::GetOverlappedResultEx(file, overlapped, bytes, real, alertable);
+    return result || ::GetLastError() != WAIT_TIMEOUT;
+  });
+  return result;
 }
 
 ULONGLONG WINAPI SimulatedTickCount() {

@@ -1,4 +1,4 @@
-// Calls that go to the system as they are, unless a fault says that they fail.
+// Calls that go to the system, unless a fault says that they fail.
 
 #include <windows.h>
 
@@ -6,9 +6,11 @@
 #include <objbase.h>
 
 #include <functional>
+#include <memory>
 
 #include "machine.h"
 #include "named_objects.h"
+#include "working_threads.h"
 
 namespace {
 
@@ -37,6 +39,38 @@ struct FaultableCall {
   }
 };
 
+struct ThreadStart {
+  LPTHREAD_START_ROUTINE routine;
+  void* parameter;
+};
+
+DWORD WINAPI RunWorkingThread(void* parameter) {
+  // The thread may end inside its routine: nothing that needs destroying may be left here by then.
+  const ThreadStart thread = *std::unique_ptr<ThreadStart>(static_cast<ThreadStart*>(parameter));
+  working_threads::JoinCallingThread();
+  const DWORD result = thread.routine(thread.parameter);
+  working_threads::LeaveCallingThread();
+  return result;
+}
+
+HANDLE WINAPI CreateWorkingThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack,
+                                  LPTHREAD_START_ROUTINE routine, LPVOID parameter, DWORD flags, LPDWORD id) {
+  auto start = std::make_unique<ThreadStart>(ThreadStart{routine, parameter});
+  working_threads::Begin();
+  const HANDLE thread = ::CreateThread(security, stack, &RunWorkingThread, start.get(), flags, id);
+  if (thread != nullptr) {
+    static_cast<void>(start.release());
+  } else {
+    working_threads::End();
+  }
+  return thread;
+}
+
+[[noreturn]] void WINAPI ExitWorkingThread(HMODULE module, DWORD code) {
+  working_threads::LeaveCallingThread();
+  ::FreeLibraryAndExitThread(module, code);
+}
+
 struct Replacement {
   const char* name;
   std::function<void(ImportPatch&)> install;
@@ -57,7 +91,7 @@ const std::vector<Replacement>& Replacements() {
   constexpr auto kLastError = Failure::kLastError;
   constexpr auto kResult = Failure::kResult;
   static const std::vector<Replacement> replacements{
-      Faultable<struct T0>("CreateThread", &::CreateThread, kLastError),
+      Faultable<struct T0>("CreateThread", &CreateWorkingThread, kLastError),
       Faultable<struct T1>("CreateSemaphoreW", &CreateOwnSemaphore, kLastError),
       Faultable<struct T2>("ReleaseSemaphore", &::ReleaseSemaphore, kLastError),
       Faultable<struct T3>("CreateEventW", &CreateOwnEvent, kLastError),
@@ -88,6 +122,7 @@ const std::vector<Replacement>& Replacements() {
 
 void PatchFaultableCalls(ImportPatch& patch) {
   for (const auto& replacement : Replacements()) replacement.install(patch);
+  patch.Replace("FreeLibraryAndExitThread", &ExitWorkingThread);
 }
 
 std::vector<std::string> PassedOnCalls() {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "working_threads.h"
+
 namespace {
 
 /// How long the product waits for the modem to come back; its last check follows.
@@ -39,7 +41,7 @@ void SetCurrentMachine(std::shared_ptr<Machine> machine) {
 
 Machine::Machine(VirtualPcOptions pc_options)
     : options(std::move(pc_options)),
-      clock(options.speed),
+      clock(options.speed, options.pace),
       modem(clock, MadeFolder(options.folder) / "modem_flash.bin", options.timing, options.faults.modem,
             options.initial_state,
             [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
@@ -47,6 +49,7 @@ Machine::Machine(VirtualPcOptions pc_options)
 
 std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
   const LastErrorKeeper keep;
+  working_threads::NoteActivity();
   const std::lock_guard lock(m_mutex);
   const int number = ++m_platform_calls[function];
   for (const auto& fault : options.faults.platform) {
@@ -71,14 +74,14 @@ std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& functio
 }
 
 void Machine::Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault) {
+  const working_threads::Rest rest;
   if (fault.until_wait_expires != 0) {
     const int before = m_expired_waits[fault.until_wait_expires];
     m_hangs.wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
   }
-  if (fault.hang > Milliseconds::zero()) {
-    const Milliseconds real(clock.RealWait(static_cast<DWORD>(fault.hang.count())));
-    m_hangs.wait_for(lock, real, [&] { return m_hangs_ended; });
-  }
+  clock.WaitInSlices(static_cast<DWORD>(fault.hang.count()), [&](DWORD real) {
+    return m_hangs.wait_for(lock, Milliseconds(real), [&] { return m_hangs_ended; });
+  });
 }
 
 int Machine::CountLook(const std::string& what) {
@@ -116,7 +119,8 @@ std::vector<JournalEntry> Machine::Journal() const {
 
 void Machine::ClearJournal() {
   const std::lock_guard lock(m_mutex);
-  m_journal.clear();
+  // Its memory too: who watches what the process holds must not see the journal in it.
+  std::vector<JournalEntry>().swap(m_journal);
 }
 
 int Machine::Count(JournalEvent event) const {

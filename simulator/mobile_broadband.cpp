@@ -200,10 +200,11 @@ class MobileBroadbandService {
   void CompleteLater(const SimulatedRequest& request, std::function<void()> completion) {
     if (request.answer != S_OK && request.answer != E_PENDING) return;
     if (!request.completesAfter) return;
+    const bool inRealTime = behaviour.realTime && !behaviour.virtualNow;
     const milliseconds delay =
-        behaviour.realTime ? behaviour.realTime(*request.completesAfter) : *request.completesAfter;
+        inRealTime ? behaviour.realTime(*request.completesAfter) : *request.completesAfter;
     const std::lock_guard lock(m_mutex);
-    m_completions.emplace(steady_clock::now() + delay, std::move(completion));
+    m_completions.emplace(Now() + delay, std::move(completion));
     m_changed.notify_all();
   }
 
@@ -215,9 +216,9 @@ class MobileBroadbandService {
         m_changed.wait(lock);
         continue;
       }
-      const auto due = m_completions.begin()->first;
-      if (steady_clock::now() < due) {
-        m_changed.wait_until(lock, due);
+      const milliseconds left = m_completions.begin()->first - Now();
+      if (left > milliseconds::zero()) {
+        m_changed.wait_for(lock, behaviour.virtualNow ? kLookPeriod : left);
         continue;
       }
       RunFirstCompletion(lock);
@@ -225,7 +226,7 @@ class MobileBroadbandService {
   }
 
   void Stop() {
-    std::multimap<steady_clock::time_point, std::function<void()>> dropped;
+    std::multimap<milliseconds, std::function<void()>> dropped;
     const std::lock_guard lock(m_mutex);
     m_stopped = true;
     dropped.swap(m_completions);
@@ -238,6 +239,14 @@ class MobileBroadbandService {
   }
 
  private:
+  /// How often a foreign clock is looked at.
+  static constexpr milliseconds kLookPeriod{2};
+
+  milliseconds Now() const {
+    if (behaviour.virtualNow) return behaviour.virtualNow();
+    return std::chrono::ceil<milliseconds>(steady_clock::now().time_since_epoch());
+  }
+
   void RunFirstCompletion(std::unique_lock<std::mutex>& lock) {
     auto completion = m_completions.extract(m_completions.begin());
     m_completing = true;
@@ -254,7 +263,7 @@ class MobileBroadbandService {
   std::condition_variable m_changed;
   bool m_stopped = false;
   bool m_completing = false;
-  std::multimap<steady_clock::time_point, std::function<void()>> m_completions;
+  std::multimap<milliseconds, std::function<void()>> m_completions;
   std::vector<std::string> m_calls;
   std::vector<std::vector<BYTE>> m_payloads;
   std::map<DWORD, ComPtr<IMbnDeviceServicesEvents>> m_sinks;

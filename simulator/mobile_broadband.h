@@ -58,6 +58,8 @@ struct MobileBroadbandBehaviour {
   std::function<void(const std::string&)> onCall;
   /// Real time of a virtual delay; not set: they are the same.
   std::function<std::chrono::milliseconds(std::chrono::milliseconds)> realTime;
+  /// Present virtual time, by which completions come due; not set: the real one, with realTime.
+  std::function<std::chrono::milliseconds()> virtualNow;
 };
 
 /// Stands for the Mobile Broadband service of Windows: registers its two classes in this process, for the

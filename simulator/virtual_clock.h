@@ -2,15 +2,27 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 
 using Milliseconds = std::chrono::milliseconds;
+
+/// How time passes in the virtual PC.
+enum class Pace {
+  kSteady,  ///< always `speed` times as fast as the real time
+  /// So fast only while all threads of the product wait; while one of them works, as fast as the real time.
+  /// Computing then takes as long as it takes, even on a loaded machine, and no time limit is missed for it.
+  kElastic
+};
 
 /// Time of the virtual PC: `speed` times as fast as the real one. Any thread.
 class VirtualClock {
  public:
-  explicit VirtualClock(double speed);
+  explicit VirtualClock(double speed, Pace pace = Pace::kSteady);
+  ~VirtualClock();
 
   double Speed() const { return m_speed; }
   /// Virtual time since this clock was made.
@@ -23,9 +35,26 @@ class VirtualClock {
   void Sleep(Milliseconds duration) const;
   void SleepUntil(Milliseconds moment) const;
 
+  /// Waits for up to a virtual time in slices of real time. `wait` waits so many real milliseconds and tells
+  /// whether what it waits for came.
+  template <typename Wait>
+  void WaitInSlices(DWORD virtual_milliseconds, const Wait& wait) const {
+    if (virtual_milliseconds == 0 || virtual_milliseconds == INFINITE) {
+      static_cast<void>(wait(virtual_milliseconds));
+      return;
+    }
+    const Milliseconds end = Now() + Milliseconds(virtual_milliseconds);
+    for (Milliseconds left = end - Now(); left > Milliseconds::zero(); left = end - Now()) {
+      if (wait(RealWait(static_cast<DWORD>(left.count())))) return;
+    }
+  }
+
  private:
+  class Ticker;
+
   double m_speed;
   std::int64_t m_frequency = 0;
   std::int64_t m_start = 0;
   std::uint64_t m_start_ticks = 0;
+  std::unique_ptr<Ticker> m_ticker;  ///< of an elastic clock
 };

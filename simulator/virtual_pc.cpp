@@ -14,11 +14,7 @@ MobileBroadbandBehaviour Connected(MobileBroadbandBehaviour behaviour,
     behaviour.modemIsInNormalMode = [machine] { return machine->modem.IsPresentAsModem(); };
   }
   if (!behaviour.onRebootCommand) behaviour.onRebootCommand = [machine] { machine->modem.RebootByMbim(); };
-  if (!behaviour.realTime) {
-    behaviour.realTime = [machine](Milliseconds delay) {
-      return Milliseconds(machine->clock.RealWait(static_cast<DWORD>(delay.count())));
-    };
-  }
+  if (!behaviour.virtualNow) behaviour.virtualNow = [machine] { return machine->clock.Now(); };
   return behaviour;
 }
 

@@ -21,6 +21,7 @@ class Machine;
 /// What the virtual PC is like.
 struct VirtualPcOptions {
   double speed = 1.0;
+  Pace pace = Pace::kSteady;
   /// Folder of the modem's flash memory ("modem_flash.bin"); made when missing.
   std::filesystem::path folder;
   ModemState initial_state = ModemState::kNormal;

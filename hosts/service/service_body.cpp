@@ -55,8 +55,12 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
     case kControlForcedStop:
       ::SetEvent(service.m_force.get());
       [[fallthrough]];
-    case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_PRESHUTDOWN:
+      ::SetEvent(service.m_stop.get());
+      return NO_ERROR;
+    case SERVICE_CONTROL_STOP:
+      // The manager may not have heard yet that no stop is accepted.
+      if (ReadHandshake(service.m_key).IsJobRunning()) return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
       ::SetEvent(service.m_stop.get());
       return NO_ERROR;
     case SERVICE_CONTROL_INTERROGATE:

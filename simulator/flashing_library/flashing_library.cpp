@@ -21,6 +21,12 @@
 #include "image_reader.h"
 #include "modem_interface.h"
 
+#if defined(__GLIBCXX__)
+namespace __gnu_cxx {
+void __freeres();
+}
+#endif
+
 namespace {
 
 constexpr std::int32_t kOk = 0;
@@ -360,6 +366,10 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
     for (std::uint8_t channel = 0; channel < Channels::kCount; ++channel) {
       if (const std::uint32_t session = g_channels.Take(channel)) g_modem.load()->close_port(session);
     }
+#if defined(__GLIBCXX__)
+    // The C++ runtime's memory for exceptions in need, one for each time that the library is loaded.
+    __gnu_cxx::__freeres();
+#endif
   }
   return TRUE;
 }

@@ -77,8 +77,7 @@ int CFirmwareDownloader::RebootModemByXlog4() {
 }
 
 bool CFirmwareDownloader::ControlBBrst() {
-  while (!RetryBudgetSpent()) {
-    if (IsAbandoned()) return false;
+  while (!IsAbandoned() && !RetryBudgetSpent()) {
     LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(ToolKit::g_retry_times));
     SpendRetry();
     if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
@@ -92,6 +91,8 @@ bool CFirmwareDownloader::ControlBBrst() {
     ScanForHardwareChangesAndSettle();
     ::Sleep(kFurtherPauseAfterFailedResetMs);
   }
+  // The budget is a newer attempt's by now.
+  if (IsAbandoned()) return false;
   LOG_ERROR("\t Call BB_RST %d times, reached maximum retry times!!!",
             static_cast<int>(ToolKit::g_retry_times));
   UnlessAbandoned([] { ToolKit::g_retry_times = ToolKit::mRetry_times + 1; });

@@ -141,7 +141,7 @@ using UniqueDeviceServices = std::unique_ptr<SAFEARRAY, DeviceServicesDestroyer>
 HRESULT FetchInterface(SAFEARRAY* interfaces, LONG index, ComPtr<IMbnInterface>& mbnInterface) {
   mbnInterface.Reset();
   ComPtr<IUnknown> element;
-  if (::SafeArrayGetElemsize(interfaces) != sizeof(element)) return DISP_E_TYPEMISMATCH;
+  if (::SafeArrayGetElemsize(interfaces) != sizeof(IUnknown*)) return DISP_E_TYPEMISMATCH;
   const HRESULT result = ::SafeArrayGetElement(interfaces, &index, element.GetAddressOf());
   if (FAILED(result) || element == nullptr) return result;
   return element->QueryInterface(IID_PPV_ARGS(mbnInterface.GetAddressOf()));

@@ -238,31 +238,36 @@ bool CXMLFile::IsNthNodeAnElementWithName(int n, const CTString& name, IXMLDOMNo
 HRESULT CXMLFile::GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName,
                                       CTString& value) noexcept {
   if (node == nullptr) return E_FAIL;
+  const OwnedBstr name(attributeName);
+  OwnedVariant nodeValue;
+  const HRESULT result = GetAttributeForNode(node, name.Get(), nodeValue.Receive());
+  if (SUCCEEDED(result)) value = nodeValue.Text();
+  return result;
+}
 
+/// On success the value is a text, which the caller clears; on failure it is whatever the call left.
+HRESULT CXMLFile::GetAttributeForNode(IXMLDOMNode* node, BSTR attributeName, VARIANT* value) noexcept {
   ComPtr<IXMLDOMNamedNodeMap> attributes;
   HRESULT result = node->get_attributes(attributes.GetAddressOf());
   if (FAILED(result)) LOG_ERROR("IXMLDOMNode::get_attributes() failed with: %x", HexOf(result));
   // Texts and comments have no map; that is no failure of the call.
   if (FAILED(result) || attributes == nullptr) return FailureOf(result);
 
-  const OwnedBstr name(attributeName);
   ComPtr<IXMLDOMNode> attribute;
-  result = attributes->getNamedItem(name.Get(), attribute.GetAddressOf());
+  result = attributes->getNamedItem(attributeName, attribute.GetAddressOf());
   if (FAILED(result)) {
-    LOG_ERROR("IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x", Narrow(attributeName).c_str(),
+    LOG_ERROR("IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x", Utf8FromWide(attributeName).c_str(),
               HexOf(result));
   }
   if (FAILED(result) || attribute == nullptr) return FailureOf(result);
 
-  OwnedVariant nodeValue;
-  result = attribute->get_nodeValue(nodeValue.Receive());
-  if (FAILED(result) || !nodeValue.IsText()) {
-    LOG_TRACE("Attribute Name: %s, Attribute Type: %d", Narrow(attributeName).c_str(),
-              static_cast<int>(nodeValue.Type()));
+  result = attribute->get_nodeValue(value);
+  if (FAILED(result) || value->vt != VT_BSTR) {
+    LOG_TRACE("Attribute Name: %s, Attribute Type: %d", Utf8FromWide(attributeName).c_str(),
+              static_cast<int>(value->vt));
     LOG_ERROR("IXMLDOMNode::get_nodeValue() failed with: %x", HexOf(result));
     return FailureOf(result);
   }
-  value = nodeValue.Text();
   return S_OK;
 }
 
@@ -271,6 +276,7 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
   Clear(node);
   if (list == nullptr || node == nullptr || attributeName.IsEmpty()) return E_FAIL;
 
+  const OwnedBstr name(attributeName);
   for (;;) {
     ComPtr<IXMLDOMNode> candidate;
     const HRESULT result = list->nextNode(candidate.GetAddressOf());
@@ -279,8 +285,8 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
       return result;
     }
     if (candidate == nullptr) return S_OK;
-    CTString found;
-    if (SUCCEEDED(GetAttributeForNode(candidate.Get(), attributeName, found)) && found.Compare(value) == 0) {
+    OwnedVariant found;
+    if (SUCCEEDED(GetAttributeForNode(candidate.Get(), name.Get(), found.Receive())) && found.Equals(value)) {
       HandOut(candidate, node);
       return S_OK;
     }

@@ -142,6 +142,7 @@ class CORVEL_TOOLKIT_API CXMLFile {
 
   void ReleaseDocument() noexcept;
   HRESULT Abandon(HRESULT result) noexcept;
+  HRESULT GetAttributeForNode(IXMLDOMNode* node, BSTR attributeName, VARIANT* value) noexcept;
 
   CTString m_path;
   std::unique_ptr<IXMLDOMDocument, Releaser> m_document;

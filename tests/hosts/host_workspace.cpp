@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 
 #include "text.h"
@@ -86,6 +87,19 @@ void HostWorkspace::PutImages() const {
 
 void HostWorkspace::PutProduct(const std::wstring& productName, const std::wstring& name) const {
   Bring(ProgramFolder() + productName, File(name));
+}
+
+std::vector<std::wstring> HostWorkspace::FilesBesideTheInstallation() const {
+  const std::set<std::wstring> installed{
+      L"corvel_cmdline.exe",        L"corvel_service.exe", L"CorvelToolKit.dll",
+      L"Firmwareflashdownload.dll", L"CorvelConfig.ini",   L"firmware",
+      L"virtual_pc_host.dll",       L"VirtualPc.ini",      L"modem_flash.bin"};
+  std::vector<std::wstring> others;
+  for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+    const std::wstring name = entry.path().filename().wstring();
+    if (!installed.contains(name)) others.push_back(name);
+  }
+  return others;
 }
 
 MemoryComparison HostWorkspace::CompareModemMemory() const {

@@ -36,6 +36,8 @@ class HostWorkspace {
   void PutImages() const;
   void PutProduct(const std::wstring& productName, const std::wstring& name) const;
 
+  /// Names of files that neither the installation nor the virtual PC put there.
+  std::vector<std::wstring> FilesBesideTheInstallation() const;
   /// Whether the virtual modem's memory is what a flash of both images leaves there.
   MemoryComparison CompareModemMemory() const;
 

@@ -296,6 +296,21 @@ TEST_F(ServiceTest, FlashesForAControllingProgram) {
   EXPECT_EQ(Service({L"stop"}).exitCode, 0);
 }
 
+TEST_F(ServiceTest, LeavesNothingBehindAfterALifeWithAFlash) {
+  workspace.MakeVirtualPc({"speed=60"});
+  InstallAndStart();
+  ASSERT_EQ(RunToEnd(Controller(), ControllerArguments()).exitCode, 0);
+  ASSERT_EQ(Service({L"stop"}).exitCode, 0);
+  ASSERT_EQ(Service({L"uninstall"}).exitCode, 0);
+  EXPECT_FALSE(ManagedService().Exists());
+  EXPECT_FALSE(KeyExists(kServiceEntry));
+  EXPECT_FALSE(KeyExists(kEventSource));
+  // The images are used up; the debug log is all that was made.
+  EXPECT_TRUE(std::filesystem::is_empty(workspace.ImageFolder()));
+  EXPECT_THAT(workspace.FilesBesideTheInstallation(),
+              testing::ElementsAre(L"FlashServiceDebugLogger_DLL.log"));
+}
+
 TEST_F(ServiceTest, TellsTheControllingProgramOfAFailure) {
   workspace.MakeVirtualPc({"speed=60", "fault=download-refused"});
   InstallAndStart();

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -13,7 +12,6 @@
 #include <ostream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "common/automation.h"
@@ -96,6 +94,14 @@ void* __cdecl NoMemoryForASink(std::size_t size) {
   return size == sizeof(CMbnSinks) ? nullptr : std::malloc(size);
 }
 
+/// The sink to look for; none once it was freed, for its memory may be handed out again at once.
+std::atomic<void*> g_watchedSink{nullptr};
+void __cdecl WatchFree(void* memory) {
+  void* freed = memory;
+  if (memory != nullptr) g_watchedSink.compare_exchange_strong(freed, nullptr);
+  std::free(memory);
+}
+
 /// Counts the modem's waits and says how each one ends; by default as it really does.
 class ModemWaits {
  public:
@@ -161,6 +167,14 @@ class MbimRebootTest : public testing::Test {
   std::string LastMessage() const {
     const std::vector<std::string> messages = Messages();
     return messages.empty() ? "" : messages.back();
+  }
+  /// @return false where the runtime is linked in, and nothing can be watched.
+  bool WatchTheSink() {
+    g_watchedSink = nullptr;
+    service.Behaviour().onCall = [](const std::string& call) {
+      if (call == "Advise") g_watchedSink = g_CMbnSinks;
+    };
+    return patch.Replace("free", &WatchFree);
   }
   bool SinkWasMade() const { return log.Count("\t new CMbnSinks OK") > 0; }
 
@@ -781,6 +795,20 @@ TEST_F(MbimRebootTest, ASinkThatCouldNotBeUnadvisedStaysAndHearsNothingMore) {
   service.Notify(
       [](IMbnDeviceServicesEvents& sink) { sink.OnSetCommandComplete(nullptr, 1, nullptr, kFailure, 9); });
   EXPECT_EQ(g_LastStatus, S_OK);
+}
+
+TEST_F(MbimRebootTest, ASinkThatNobodyRefersToIsDeletedWithItsRun) {
+  if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
+  Reboot();
+  EXPECT_TRUE(Asked("Advise"));
+  EXPECT_EQ(g_watchedSink, nullptr);
+}
+
+TEST_F(MbimRebootTest, ASinkThatTheServiceStillRefersToIsNotDeleted) {
+  if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
+  Fail("Unadvise");
+  Reboot();
+  EXPECT_NE(g_watchedSink, nullptr);
 }
 
 TEST_F(MbimRebootTest, TheNextRunAfterSuchASinkHasOneOfItsOwn) {

@@ -1,0 +1,20 @@
+#define CATCH_CONFIG_RUNNER
+#include <catch2/catch.hpp>
+
+#include "ratio.h"
+
+// Each test case compares one piece of the library with its floor: the same system calls made bare.
+int main(int argc, char** argv) {
+  Catch::Session session;
+  bool noBounds = false;
+  Options& options = TheOptions();
+  using Catch::clara::Opt;
+  session.cli(session.cli() | Opt(options.rounds, "count")["--rounds"]("how often each pair is measured") |
+              Opt(options.json, "file")["--json"]("also write the rows as JSON") |
+              Opt(noBounds)["--no-bounds"]("a ratio above its bound is no failure"));
+  if (const int refused = session.applyCommandLine(argc, argv); refused != 0) return refused;
+  options.checkBounds = !noBounds;
+
+  const int failures = session.run();
+  return Report() ? failures : 1;
+}

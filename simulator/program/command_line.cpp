@@ -1,0 +1,96 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "report.h"
+#include "text.h"
+
+namespace {
+
+constexpr char kFooter[] =
+    "Exit status: 0 flashed and the modem's memory equals the images, or all expectations of the\n"
+    "scenarios hold; 1 not so; 2 wrong usage; 3 the virtual PC could not run.";
+constexpr double kSlowest = 0.1;
+constexpr double kFastest = 1000;
+
+void AddOptions(CLI::App& program, Command& command, std::string& route, std::string& images,
+                std::string& keep) {
+  std::vector<std::string> routes;
+  for (const Route each : kRoutes) routes.emplace_back(NameOf(each));
+
+  program.add_flag("--list", command.list, "List the scenarios");
+  CLI::Option* const scenario =
+      program.add_option("--scenario", command.scenario, "Run one scenario")
+          ->check([](const std::string& name) {
+            return FindScenario(name) != nullptr ? "" : "no scenario is called " + name;
+          });
+  CLI::Option* const all =
+      program.add_flag("--all", command.all, "Run all scenarios, each in a process of its own");
+  program.add_option("--group", command.group, "With --all: only the scenarios of this group")
+      ->needs(all)
+      ->check(CLI::IsMember(ScenarioGroups()));
+  program.add_option("--jobs", command.jobs, "With --all: how many run at a time")
+      ->needs(all)
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  all->excludes(scenario);
+  program.add_option("--route", route, "How the modem gets into flash mode")
+      ->check(CLI::IsMember(routes))
+      ->excludes(scenario)
+      ->excludes(all)
+      ->capture_default_str();
+  program
+      .add_option("--speed", command.speed,
+                  "How many times as fast as real time the virtual PC runs (default 1, with --all 20)")
+      ->check(CLI::Range(kSlowest, kFastest));
+  program.add_flag("--json", command.json, "Print the summary as JSON, and nothing else on standard output");
+  program.add_option("--make-images", images, "Only write the default images into this folder");
+  program.add_option("--keep", keep, "Work in this folder, and leave everything there (it is emptied first)");
+  program.add_flag("--terminal", command.terminal, "Standard output ends at a terminal: show one live line");
+  program.add_option("--width", command.width, "Columns of the terminal")
+      ->check(CLI::Range(20, 1000))
+      ->capture_default_str();
+  program.add_option("--in-place", command.in_place)->group("");
+}
+
+}  // namespace
+
+std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& status) {
+  CLI::App program{"Flashes a simulated modem with the real library, in a virtual PC."};
+  program.name("modem_simulator");
+  program.set_version_flag("--version", std::string("modem_simulator ") + CORVEL_VERSION);
+  program.footer(kFooter);
+
+  Command command;
+  std::string route = NameOf(Route::kMbim);
+  std::string images;
+  std::string keep;
+  AddOptions(program, command, route, images, keep);
+  try {
+    program.parse(count, words);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      program.exit(error);
+      status = ExitStatus::kGood;
+      return std::nullopt;
+    }
+    if (AsksForJson(count, words)) {
+      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+    } else {
+      program.exit(error);
+    }
+    status = ExitStatus::kWrongUsage;
+    return std::nullopt;
+  }
+  command.route = *RouteOfName(route);
+  command.make_images = ToWide(images);
+  command.keep = ToWide(keep);
+  return command;
+}
+
+bool AsksForJson(int count, char** words) {
+  return std::any_of(words, words + count, [](const char* word) { return std::string(word) == "--json"; });
+}

@@ -1,0 +1,95 @@
+#include "configuration.h"
+
+#include <fstream>
+#include <stdexcept>
+
+#include "text.h"
+
+namespace {
+
+constexpr wchar_t kFileName[] = L"CorvelConfig.ini";
+
+/// The file knows only single-byte characters.
+std::string SingleBytes(const std::wstring& text) {
+  std::string bytes;
+  for (const wchar_t character : text) {
+    if (character > 0xFF)
+      throw std::runtime_error("the work folder's path has characters that the configuration cannot hold");
+    bytes += static_cast<char>(character);
+  }
+  return bytes;
+}
+
+std::string Sound(const std::string& location, const std::string& folder, Route route) {
+  return "Simulated modem\r\n"
+         "[TraceLevel]=1\r\n"
+         "[RegistryLocation]=" +
+         location +
+         "\r\n"
+         "[ModemAndNVMFirmwareFolder]=" +
+         folder +
+         "\r\n"
+         "[IPCTYPE]=USB\r\n"
+         "[REBOOTTYPE]=" +
+         (route == Route::kAt ? "1" : "0") +
+         "\r\n"
+         "[ERASEMODE]=2\r\n";
+}
+
+/// All that the format allows or passes over; what counts is the sound configuration with a reboot by AT.
+std::string Odd(const std::string& location, const std::string& folder) {
+  return "[RegistryLocation]=HKLM\\SOFTWARE\\Corvel\\TitleLinesDoNotCount\r\n"
+         "\r\n"
+         "; a comment\r\n"
+         "no equals sign\r\n"
+         "=a value without a key\r\n"
+         "[UNKNOWN]=1\r\n"
+         "[TraceLevel]=   1 and more\n"
+         "[RegistryLocation]=HKLM\\SOFTWARE\\Corvel\\LaterLinesWin\r\n"
+         "[RegistryLocation]=  " +
+         location +
+         "\r\n"
+         "[registrylocation]=HKLM\\SOFTWARE\\Corvel\\CaseCounts\r\n"
+         "[ModemAndNVMFirmwareFolder]=" +
+         folder +
+         "\n"
+         "[IPCTYPE]=pcie\r\n"
+         "[ERASEMODE]=7\r\n"
+         "[REBOOTTYPE]= 1\r\n"
+         "[REBOOTTYPE] =0";
+}
+
+std::string TextOf(const Setup& setup, const std::string& location, const std::string& folder) {
+  switch (setup.configuration) {
+    case Configuration::kEmpty:
+      return "";
+    case Configuration::kOneLine:
+      return "[RegistryLocation]=" + location;
+    case Configuration::kOddLines:
+      return Odd(location, folder);
+    default:
+      return Sound(location, folder, setup.route);
+  }
+}
+
+}  // namespace
+
+ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const Setup& setup,
+                                     const std::wstring& registry_location,
+                                     const std::filesystem::path& firmware_folder) {
+  const auto path = folder / kFileName;
+  std::filesystem::remove(path);
+  if (setup.configuration == Configuration::kMissing) return;
+  std::ofstream file(path, std::ios::binary);
+  file << TextOf(setup, SingleBytes(registry_location), SingleBytes(firmware_folder.wstring()));
+  file.close();
+  if (!file) throw std::runtime_error("the configuration cannot be written");
+  if (setup.configuration != Configuration::kLocked) return;
+
+  const HANDLE lock = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (lock == INVALID_HANDLE_VALUE) {
+    throw std::runtime_error("the configuration cannot be locked: " + SystemErrorText(::GetLastError()));
+  }
+  m_lock.reset(lock);
+}

@@ -1,0 +1,38 @@
+#include "debug_log.h"
+
+#include <fstream>
+#include <iterator>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kRecordEnd = "##\r\n";
+/// Date, time, process and thread, component, level, file, line, function; the rest is the message.
+constexpr int kFieldsBeforeMessage = 8;
+constexpr int kFunctionField = 7;
+
+DebugRecord ParseRecord(std::string_view text) {
+  DebugRecord record;
+  for (int field = 0; field < kFieldsBeforeMessage; ++field) {
+    const auto tab = text.find('\t');
+    if (tab == std::string_view::npos) return record;
+    if (field == kFunctionField) record.function = text.substr(0, tab);
+    text.remove_prefix(tab + 1);
+  }
+  record.message = text;
+  return record;
+}
+
+}  // namespace
+
+std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::vector<DebugRecord> records;
+  std::string_view rest(all);
+  for (auto end = rest.find(kRecordEnd); end != std::string_view::npos; end = rest.find(kRecordEnd)) {
+    records.push_back(ParseRecord(rest.substr(0, end)));
+    rest.remove_prefix(end + kRecordEnd.size());
+  }
+  return records;
+}

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+/// One record of the library's debug log, as far as anybody here looks at it.
+struct DebugRecord {
+  std::string function;
+  std::string message;
+};
+
+/// The complete records of a log that may still be written to; none when there is no such file.
+std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path);

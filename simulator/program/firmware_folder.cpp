@@ -1,0 +1,71 @@
+#include "firmware_folder.h"
+
+#include <algorithm>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "text.h"
+
+namespace {
+
+constexpr wchar_t kModemImage[] = L"modem.fls";
+constexpr wchar_t kNvmImage[] = L"nvm.fls";
+/// Listed in this order; the library takes the later one.
+constexpr wchar_t kFirstSmallImage[] = L"a.fls";
+constexpr wchar_t kSecondSmallImage[] = L"b.fls";
+
+}  // namespace
+
+FirmwareFolder::FirmwareFolder(std::filesystem::path folder, ImageSet images, ImageHolder holder)
+    : m_folder(std::move(folder)) {
+  std::filesystem::remove_all(m_folder);
+  if (images == ImageSet::kNoFolder) return;
+  std::filesystem::create_directories(m_folder);
+
+  const bool with_modem = images == ImageSet::kModemAndNvm || images == ImageSet::kModemOnly ||
+                          images == ImageSet::kModemAndEmptyNvm;
+  if (with_modem) {
+    m_modem = BuildImage(ModemImagePlan());
+    Lay(*m_modem, kModemImage);
+  }
+  if (images == ImageSet::kModemAndNvm || images == ImageSet::kNvmOnly) {
+    m_nvm = BuildImage(NvmImagePlan());
+    Lay(*m_nvm, kNvmImage);
+  }
+  if (images == ImageSet::kTwoSmall) {
+    Lay(BuildImage(SmallImagePlan(3)), kFirstSmallImage);
+    m_nvm = BuildImage(SmallImagePlan(4));
+    Lay(*m_nvm, kSecondSmallImage);
+  }
+  if (images == ImageSet::kEmptyOnly || images == ImageSet::kModemAndEmptyNvm) LayEmpty(kNvmImage);
+  Hold(holder);
+}
+
+void FirmwareFolder::Lay(const FlashImage& image, const wchar_t* name) const {
+  if (!SaveImageFile(image, m_folder / name)) throw std::runtime_error("an image cannot be written");
+}
+
+void FirmwareFolder::LayEmpty(const wchar_t* name) const {
+  if (!std::ofstream(m_folder / name)) throw std::runtime_error("an image cannot be written");
+}
+
+void FirmwareFolder::Hold(ImageHolder holder) {
+  if (holder == ImageHolder::kNobody) return;
+  const auto path = m_folder / (holder == ImageHolder::kOwnerOfModem ? kModemImage : kNvmImage);
+  const DWORD sharing = holder == ImageHolder::kReaderOfNvm ? FILE_SHARE_READ : 0;
+  const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    throw std::runtime_error("an image cannot be opened: " + SystemErrorText(::GetLastError()));
+  }
+  m_held.reset(file);
+}
+
+int FirmwareFolder::ImagesLeft() const {
+  std::error_code error;
+  const std::filesystem::directory_iterator entries(m_folder, error);
+  if (error) return 0;
+  return static_cast<int>(
+      std::ranges::count_if(entries, [](const auto& entry) { return entry.path().extension() == L".fls"; }));
+}

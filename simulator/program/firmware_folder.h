@@ -1,0 +1,37 @@
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "flash_image.h"
+#include "scenario.h"
+
+/// The folder in which the controlling program lays the images of one run.
+class FirmwareFolder {
+ public:
+  FirmwareFolder(std::filesystem::path folder, ImageSet images, ImageHolder holder);
+
+  const std::filesystem::path& Folder() const { return m_folder; }
+  /// The sound images that the library has to choose; null without one.
+  const FlashImage* Modem() const { return m_modem ? &*m_modem : nullptr; }
+  const FlashImage* Nvm() const { return m_nvm ? &*m_nvm : nullptr; }
+  int ImagesLeft() const;
+
+ private:
+  struct FileCloser {
+    using pointer = HANDLE;
+    void operator()(HANDLE file) const noexcept { ::CloseHandle(file); }
+  };
+
+  void Lay(const FlashImage& image, const wchar_t* name) const;
+  void LayEmpty(const wchar_t* name) const;
+  void Hold(ImageHolder holder);
+
+  std::filesystem::path m_folder;
+  std::optional<FlashImage> m_modem;
+  std::optional<FlashImage> m_nvm;
+  std::unique_ptr<void, FileCloser> m_held;
+};

@@ -1,0 +1,128 @@
+#include "judgement.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kProgressWritten = "\t WriteRegistry Flash_Progress: ";
+constexpr std::string_view kAttemptBegins = "ToolKit::DownloadFirmwareImplementation ++";
+constexpr int kComplete = 100;
+
+std::string Show(std::optional<std::uint32_t> value) {
+  return value ? std::to_string(*value) : "absent";
+}
+
+bool Holds(const DebugRecord& record, const char* text) {
+  return record.message.find(text) != std::string::npos;
+}
+
+/// A log text on one line.
+std::string Quoted(std::string_view text) {
+  std::string quoted = "\"";
+  for (const char character : text) {
+    if (character == '\t') {
+      quoted += "\\t";
+    } else if (character == '\n') {
+      quoted += "\\n";
+    } else {
+      quoted += character;
+    }
+  }
+  return quoted + "\"";
+}
+
+class Judge {
+ public:
+  explicit Judge(const SessionReport& report) : m_report(report) {}
+
+  template <typename Value, typename Printer>
+  void Compare(const char* what, const Value& expected, const Value& found, const Printer& print) {
+    if (expected == found) return;
+    Add(std::string(what) + " is " + print(found) + ", not " + print(expected));
+  }
+  void CompareNumber(const char* what, int expected, int found) {
+    Compare(what, expected, found, [](int number) { return std::to_string(number); });
+  }
+
+  void CompareValues(const Handshake& expected, const Handshake& found) {
+    Compare("Fls_Ready", expected.ready, found.ready, Show);
+    Compare("Retry_Times", expected.retryTimes, found.retryTimes, Show);
+    Compare("Time_Out", expected.timeOut, found.timeOut, Show);
+    Compare("Flash_OnGoing", expected.onGoing, found.onGoing, Show);
+    Compare("Flash_Progress", expected.progress, found.progress, Show);
+    Compare("Flash_Result", expected.result, found.result, Show);
+  }
+
+  void RequireInOrder(const std::vector<const char*>& texts) {
+    auto from = m_report.log.begin();
+    const char* before = nullptr;
+    for (const char* text : texts) {
+      const auto found =
+          std::find_if(from, m_report.log.end(), [&](const auto& record) { return Holds(record, text); });
+      if (found == m_report.log.end()) {
+        Add("the log lacks " + Quoted(text) + (before != nullptr ? " behind " + Quoted(before) : ""));
+        return;
+      }
+      from = found + 1;
+      before = text;
+    }
+  }
+
+  void RequireOnce(const char* text) {
+    const auto count =
+        std::ranges::count_if(m_report.log, [&](const auto& record) { return Holds(record, text); });
+    if (count != 1) Add("the log has " + Quoted(text) + " " + std::to_string(count) + " times, not once");
+  }
+
+  void Forbid(const char* text) {
+    const auto found =
+        std::ranges::find_if(m_report.log, [&](const auto& record) { return Holds(record, text); });
+    if (found != m_report.log.end()) Add("the log must not hold " + Quoted(found->message));
+  }
+
+  /// The percentage never falls within an attempt and never passes 100.
+  void CheckProgress() {
+    int last = 0;
+    for (const DebugRecord& record : m_report.log) {
+      if (record.message == kAttemptBegins) last = 0;
+      if (!record.message.starts_with(kProgressWritten)) continue;
+      const int percent = std::atoi(record.message.c_str() + kProgressWritten.size());
+      if (percent > kComplete || percent < last) {
+        Add("Flash_Progress went from " + std::to_string(last) + " to " + std::to_string(percent));
+      }
+      last = percent;
+    }
+  }
+
+  void Add(std::string difference) { m_differences.push_back(std::move(difference)); }
+  std::vector<std::string> Take() { return std::move(m_differences); }
+
+ private:
+  const SessionReport& m_report;
+  std::vector<std::string> m_differences;
+};
+
+}  // namespace
+
+std::vector<std::string> Differences(const Expectation& expected, const SessionReport& report) {
+  Judge judge(report);
+  if (!report.finished) judge.Add(report.difficulty);
+  if (report.service_started && !expected.service_starts) judge.Add("the library began its service");
+  judge.CompareValues(expected.values, report.values);
+  judge.CompareNumber("number of attempts", expected.attempts, report.attempts);
+  judge.CompareNumber("number of download workers that came back",
+                      expected.workers_back.value_or(expected.attempts), report.workers_back);
+  judge.CompareNumber("number of baseband resets", expected.resets, report.resets);
+  judge.Compare("modem", expected.modem, report.modem,
+                [](ModemState state) { return std::string(NameOf(state)); });
+  judge.Compare("flash memory", expected.memory, report.memory,
+                [](Memory memory) { return std::string(NameOf(memory)); });
+  judge.CompareNumber("number of images left", expected.images_left, report.images_left);
+  judge.RequireInOrder(expected.log);
+  for (const char* text : expected.once) judge.RequireOnce(text);
+  for (const char* text : expected.forbidden) judge.Forbid(text);
+  judge.CheckProgress();
+  return judge.Take();
+}

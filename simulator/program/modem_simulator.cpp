@@ -1,0 +1,270 @@
+// A whole virtual PC with a modem in it, around the real library: flashes it once, or runs the scenarios.
+
+#include <fcntl.h>
+#include <io.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "command_line.h"
+#include "display.h"
+#include "judgement.h"
+#include "report.h"
+#include "scratch_key.h"
+#include "session.h"
+#include "text.h"
+#include "work_folder.h"
+
+namespace {
+
+constexpr double kSpeedOfAll = 20;
+/// The longest that a run takes in virtual time, and what its preparation takes in real time.
+constexpr double kLongestRunSeconds = 1600;
+constexpr double kPreparationSeconds = 60;
+
+std::wstring NextKey() {
+  static std::atomic<int> count{0};
+  return L"Software\\Corvel\\Simulator\\" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+         std::to_wstring(++count);
+}
+
+std::chrono::milliseconds RealLimit(double speed) {
+  const double seconds = kLongestRunSeconds / speed + kPreparationSeconds;
+  return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
+
+int List(bool json) {
+  if (json) {
+    auto rows = nlohmann::ordered_json::array();
+    for (const Scenario& each : Scenarios()) {
+      rows.push_back({{"name", each.name}, {"group", each.group}, {"description", each.description}});
+    }
+    std::cout << nlohmann::ordered_json{{"scenarios", rows}}.dump(2) << std::endl;
+    return 0;
+  }
+  for (const std::string& group : ScenarioGroups()) {
+    std::cout << group << "\n";
+    for (const Scenario& each : Scenarios()) {
+      if (group == each.group) std::printf("  %-34s %s\n", each.name, each.description);
+    }
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
+int MakeImages(const std::filesystem::path& folder) {
+  std::filesystem::create_directories(folder);
+  if (!MakeDefaultImages(folder / L"modem.fls", folder / L"nvm.fls")) {
+    throw std::runtime_error("the images cannot be written");
+  }
+  return 0;
+}
+
+/// Runs the flash or the scenario here, in the work folder.
+int RunInPlace(const Command& command) {
+  const Scenario* const scenario = command.ChosenScenario();
+  SessionPlan plan;
+  if (scenario != nullptr) {
+    plan.setup = scenario->setup;
+    plan.awaited = &scenario->expected;
+  } else {
+    plan.setup.route = command.route;
+  }
+  plan.speed = command.speed.value_or(1.0);
+  plan.folder = ProgramFolder();
+  plan.key = ToWide(command.in_place);
+
+  DisplayStyle style = command.terminal ? DisplayStyle::kTerminal : DisplayStyle::kPlain;
+  if (command.json) style = DisplayStyle::kNone;
+  Display display(style, command.width, std::cout);
+  Outcome outcome;
+  outcome.route = plan.setup.route;
+  outcome.speed = plan.speed;
+  outcome.scenario = scenario;
+  outcome.session = RunSession(plan, [&display](const Snapshot& now) { display.Show(now); });
+  display.Finish();
+  if (scenario != nullptr) outcome.differences = Differences(scenario->expected, outcome.session);
+
+  if (command.json) {
+    std::cout << JsonOf(outcome).dump(2) << std::endl;
+  } else {
+    std::cout << SummaryOf(outcome) << std::flush;
+  }
+  return static_cast<int>(outcome.IsGood() ? ExitStatus::kGood : ExitStatus::kNotGood);
+}
+
+std::vector<std::wstring> ArgumentsOf(const Command& command, const std::wstring& key) {
+  std::vector<std::wstring> arguments{L"--in-place", key, L"--speed",
+                                      std::to_wstring(command.speed.value_or(1.0))};
+  if (command.scenario.empty()) {
+    arguments.insert(arguments.end(), {L"--route", ToWide(NameOf(command.route))});
+  } else {
+    arguments.insert(arguments.end(), {L"--scenario", ToWide(command.scenario)});
+  }
+  if (command.json) arguments.emplace_back(L"--json");
+  if (command.terminal)
+    arguments.insert(arguments.end(), {L"--terminal", L"--width", std::to_wstring(command.width)});
+  return arguments;
+}
+
+/// What to tell of a child that did not end as it should; empty for one that did.
+std::string TroubleOf(const ChildResult& child) {
+  if (!child.ended) return "the virtual PC did not come to an end and was stopped";
+  if (child.exit_code <= static_cast<DWORD>(ExitStatus::kCouldNotRun)) return {};
+  return "the virtual PC crashed with code " + std::to_string(child.exit_code);
+}
+
+/// Runs one flash or scenario in a process and folder of its own.
+int RunOne(const Command& command) {
+  WorkFolder folder(command.keep);
+  folder.KeepLog();
+  if (!command.keep.empty()) folder.KeepAll();
+  const std::wstring key = NextKey();
+  const ChildResult child =
+      RunChild(folder.Program(), ArgumentsOf(command, key), RealLimit(command.speed.value_or(1.0)));
+  ScratchKey::Remove(key);
+  const std::string trouble = TroubleOf(child);
+  if (!trouble.empty()) throw std::runtime_error(trouble + "; debug log in " + NameForPeople(folder.Path()));
+  return static_cast<int>(child.exit_code);
+}
+
+/// Runs scenarios side by side, each in a process of its own, and tells about each when it is over.
+class ScenarioRun {
+ public:
+  ScenarioRun(const Command& command, std::vector<const Scenario*> scenarios)
+      : m_command(command), m_scenarios(std::move(scenarios)), m_results(m_scenarios.size()) {}
+
+  int Run() {
+    std::vector<std::jthread> workers;
+    for (unsigned i = 0; i < m_command.jobs; ++i) workers.emplace_back([this] { Work(); });
+    workers.clear();
+    Report();
+    return static_cast<int>(m_failed == 0 ? ExitStatus::kGood : ExitStatus::kNotGood);
+  }
+
+ private:
+  void Work() {
+    for (std::size_t i = m_next++; i < m_scenarios.size(); i = m_next++) {
+      try {
+        m_results[i] = RunScenario(*m_scenarios[i]);
+      } catch (const std::exception& error) {
+        m_results[i] = JsonOfError(error.what());
+        m_results[i]["scenario"] = m_scenarios[i]->name;
+      }
+      Tell(m_results[i]);
+    }
+  }
+
+  nlohmann::ordered_json RunScenario(const Scenario& scenario) const {
+    Command one = m_command;
+    one.all = false;
+    one.scenario = scenario.name;
+    one.json = true;
+    one.terminal = false;
+    WorkFolder folder(m_command.keep.empty() ? std::filesystem::path() : m_command.keep / scenario.name);
+    if (!m_command.keep.empty()) folder.KeepAll();
+    const std::wstring key = NextKey();
+    const auto output = folder.Path() / L"report.json";
+    const ChildResult child =
+        RunChild(folder.Program(), ArgumentsOf(one, key), RealLimit(*one.speed), output);
+    ScratchKey::Remove(key);
+
+    std::ifstream file(output);
+    auto report = nlohmann::ordered_json::parse(file, nullptr, false);
+    const std::string trouble = TroubleOf(child);
+    if (!trouble.empty() || report.is_discarded()) {
+      report = JsonOfError(trouble.empty() ? "the virtual PC left no report" : trouble);
+    }
+    report["scenario"] = scenario.name;
+    if (!report.value("good", false) && m_command.keep.empty()) {
+      folder.KeepLog();
+      report["debug_log"] = NameForPeople(folder.Path() / L"FlashServiceDebugLogger_DLL.log");
+    }
+    return report;
+  }
+
+  void Tell(const nlohmann::ordered_json& report) {
+    const std::lock_guard lock(m_mutex);
+    const bool good = report.value("good", false);
+    if (!good) ++m_failed;
+    if (m_command.json) return;
+    std::printf("%-6s %-34s result %-4s attempts %d  resets %d  %6.1f s\n", good ? "ok" : "FAILED",
+                report["scenario"].get<std::string>().c_str(), ResultOf(report).c_str(),
+                report.value("attempts", 0), report.value("baseband_resets", 0),
+                report.value("duration_s", 0.0));
+    if (report.contains("error")) std::printf("       %s\n", report["error"].get<std::string>().c_str());
+    for (const auto& difference : report.value("differences", std::vector<std::string>{})) {
+      std::printf("       %s\n", difference.c_str());
+    }
+    if (!good) std::printf("       debug log: %s\n", report.value("debug_log", std::string()).c_str());
+    std::fflush(stdout);
+  }
+
+  static std::string ResultOf(const nlohmann::ordered_json& report) {
+    if (!report.contains("result") || report["result"].is_null()) return "none";
+    return report["result"].dump();
+  }
+
+  void Report() const {
+    if (m_command.json) {
+      const nlohmann::ordered_json all{{"good", m_failed == 0},
+                                       {"run", m_scenarios.size()},
+                                       {"failed", m_failed},
+                                       {"scenarios", m_results}};
+      std::cout << all.dump(2) << std::endl;
+      return;
+    }
+    std::printf("%zu scenarios, %d failed\n", m_scenarios.size(), m_failed);
+    std::fflush(stdout);
+  }
+
+  const Command& m_command;
+  const std::vector<const Scenario*> m_scenarios;
+  std::vector<nlohmann::ordered_json> m_results;
+  std::atomic<std::size_t> m_next{0};
+  std::mutex m_mutex;
+  int m_failed = 0;
+};
+
+int RunAll(Command command) {
+  command.speed = command.speed.value_or(kSpeedOfAll);
+  std::vector<const Scenario*> chosen;
+  for (const Scenario& each : Scenarios()) {
+    if (command.group.empty() || command.group == each.group) chosen.push_back(&each);
+  }
+  return ScenarioRun(command, std::move(chosen)).Run();
+}
+
+int Execute(const Command& command) {
+  if (command.list) return List(command.json);
+  if (!command.make_images.empty()) return MakeImages(command.make_images);
+  if (!command.in_place.empty()) return RunInPlace(command);
+  return command.all ? RunAll(command) : RunOne(command);
+}
+
+}  // namespace
+
+int main(int count, char** words) try {
+  // Lines end as the reader's own do, whichever system reads them.
+  ::_setmode(::_fileno(stdout), _O_BINARY);
+  ::_setmode(::_fileno(stderr), _O_BINARY);
+  ExitStatus status = ExitStatus::kGood;
+  const auto command = ParseCommandLine(count, words, status);
+  if (!command) return static_cast<int>(status);
+  return Execute(*command);
+} catch (const std::exception& error) {
+  if (AsksForJson(count, words)) {
+    std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+  } else {
+    std::cerr << "modem_simulator: " << error.what() << std::endl;
+  }
+  return static_cast<int>(ExitStatus::kCouldNotRun);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <string>
+#include <vector>
+
+#include "scenario.h"
+#include "session.h"
+
+/// What a run came to: its report, and how it was asked for.
+struct Outcome {
+  Route route = Route::kMbim;
+  double speed = 1.0;
+  const Scenario* scenario = nullptr;  ///< null for a plain flash
+  SessionReport session;
+  std::vector<std::string> differences;  ///< from what the scenario expects
+
+  /// All that the scenario expects; for a plain flash: the library reports success, and the modem's memory
+  /// equals the images.
+  bool IsGood() const;
+};
+
+std::string SummaryOf(const Outcome& outcome);
+nlohmann::ordered_json JsonOf(const Outcome& outcome);
+/// What stands in the place of a summary when there is none.
+nlohmann::ordered_json JsonOfError(const std::string& message);
+
+/// A file's name as the user of this machine knows it: under Wine the one of the system below.
+std::string NameForPeople(const std::filesystem::path& path);

@@ -1,0 +1,51 @@
+#include "scenario.h"
+
+#include <algorithm>
+
+const char* NameOf(Route route) {
+  switch (route) {
+    case Route::kMbim:
+      return "mbim";
+    case Route::kAt:
+      return "at";
+    case Route::kBbrst:
+      return "bbrst";
+    case Route::kFlashPort:
+      return "flash-port";
+  }
+  return "";
+}
+
+const char* NameOf(Memory memory) {
+  switch (memory) {
+    case Memory::kUntouched:
+      return "untouched";
+    case Memory::kIncomplete:
+      return "incomplete";
+    case Memory::kEqual:
+      return "equal to the images";
+  }
+  return "";
+}
+
+std::optional<Route> RouteOfName(std::string_view name) {
+  for (const Route route : kRoutes) {
+    if (name == NameOf(route)) return route;
+  }
+  return std::nullopt;
+}
+
+const Scenario* FindScenario(std::string_view name) {
+  const auto& all = Scenarios();
+  const auto found =
+      std::ranges::find(all, name, [](const Scenario& each) { return std::string_view(each.name); });
+  return found == all.end() ? nullptr : &*found;
+}
+
+std::vector<std::string> ScenarioGroups() {
+  std::vector<std::string> groups;
+  for (const Scenario& each : Scenarios()) {
+    if (std::ranges::find(groups, each.group) == groups.end()) groups.emplace_back(each.group);
+  }
+  return groups;
+}

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "faults.h"
+#include "handshake.h"
+#include "virtual_pc.h"
+
+/// How the modem gets into flash mode.
+enum class Route {
+  kMbim,      ///< it is told to by the Mobile Broadband service
+  kAt,        ///< it is told to by its AT port
+  kBbrst,     ///< it is away, and its baseband is reset
+  kFlashPort  ///< it is there already
+};
+inline constexpr std::array<Route, 4> kRoutes{Route::kMbim, Route::kAt, Route::kBbrst, Route::kFlashPort};
+const char* NameOf(Route route);
+std::optional<Route> RouteOfName(std::string_view name);
+
+/// What lies in the firmware folder.
+enum class ImageSet {
+  kModemAndNvm,
+  kNone,
+  kNoFolder,
+  kModemOnly,
+  kNvmOnly,
+  kTwoSmall,   ///< two NVM images; the one that is listed last counts
+  kEmptyOnly,  ///< one image of zero length
+  kModemAndEmptyNvm,
+};
+
+/// Who else has an image open from the start to the end.
+enum class ImageHolder {
+  kNobody,
+  kOwnerOfModem,  ///< denies the modem image to everybody
+  kOwnerOfNvm,
+  kReaderOfNvm,  ///< reads the NVM image and lets others read it too
+};
+
+/// What "CorvelConfig.ini" is like.
+enum class Configuration { kSound, kMissing, kLocked, kEmpty, kOneLine, kOddLines };
+
+enum class Memory {
+  kUntouched,   ///< nothing was written
+  kIncomplete,  ///< something was, but it is not what the images hold
+  kEqual,
+};
+const char* NameOf(Memory memory);
+
+/// The virtual PC and what the controlling program gives it.
+struct Setup {
+  Route route = Route::kMbim;
+  std::optional<std::uint32_t> retry_times = std::nullopt;
+  ImageSet images = ImageSet::kModemAndNvm;
+  ImageHolder holder = ImageHolder::kNobody;
+  Configuration configuration = Configuration::kSound;
+  /// What is wrong with the PC and the modem; null: nothing.
+  void (*faults)(VirtualPcOptions& pc) = nullptr;
+};
+
+/// What has to come of it.
+struct Expectation {
+  /// At the end, when the library waits for the next request. "Fls_Ready" and "Retry_Times" included.
+  Handshake values = {};
+  /// Download attempts that were started.
+  int attempts = 0;
+  /// Pulses on the baseband reset line.
+  int resets = 0;
+  ModemState modem = ModemState::kNormal;
+  Memory memory = Memory::kEqual;
+  /// Images that are left in the firmware folder.
+  int images_left = 0;
+  /// Texts of the debug log in the order in which they must follow each other; others may stand between.
+  std::vector<const char*> log = {};
+  /// Texts that exactly one record holds.
+  std::vector<const char*> once = {};
+  /// Texts that no record may hold.
+  std::vector<const char*> forbidden = {};
+  /// False when the library must not begin its service at all.
+  bool service_starts = true;
+  /// Download workers that come back, abandoned ones included; nothing: as many as attempts.
+  std::optional<int> workers_back = std::nullopt;
+};
+
+/// One thing that can happen to a flash. A row of the table; nothing else knows about it.
+struct Scenario {
+  const char* name;
+  const char* group;
+  const char* description;
+  Setup setup = {};
+  Expectation expected = {};
+};
+
+const std::vector<Scenario>& Scenarios();
+const Scenario* FindScenario(std::string_view name);
+/// Groups in the order of the table.
+std::vector<std::string> ScenarioGroups();

@@ -1,0 +1,57 @@
+#include "scratch_key.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "text.h"
+
+namespace {
+
+void Require(LSTATUS status, const char* what) {
+  if (status == ERROR_SUCCESS) return;
+  throw std::runtime_error(std::string(what) + ": " + SystemErrorText(static_cast<unsigned long>(status)));
+}
+
+}  // namespace
+
+ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
+    : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)}, m_stands_for_machine(stands_for_machine) {
+  Remove(m_key.path);
+  m_watch = std::make_unique<HandshakeWatch>(m_key);
+  if (!m_stands_for_machine) return;
+  HKEY key = nullptr;
+  Require(::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_ALL_ACCESS, &key),
+          "the registry key cannot be made");
+  Require(::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key), "the registry key cannot stand for another");
+  ::RegCloseKey(key);
+}
+
+ScratchKey::~ScratchKey() {
+  if (m_stands_for_machine) ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+  m_watch.reset();
+  Remove(m_key.path);
+}
+
+std::wstring ScratchKey::Location() const {
+  return m_key.rootName + L"\\" + m_key.path;
+}
+
+void ScratchKey::Write(const wchar_t* name, std::uint32_t value) {
+  Require(static_cast<LSTATUS>(WriteHandshakeValue(m_key, name, value)), "the registry cannot be written");
+}
+
+void ScratchKey::ArmWatch() {
+  // Arming again before the event was signalled would only pile up notifications.
+  if (m_is_armed) return;
+  Require(static_cast<LSTATUS>(m_watch->Arm()), "the registry key cannot be watched");
+  m_is_armed = true;
+}
+
+void ScratchKey::WaitForChange(std::chrono::milliseconds limit) {
+  if (::WaitForSingleObject(m_watch->Event(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0)
+    m_is_armed = false;
+}
+
+void ScratchKey::Remove(const std::wstring& path) {
+  ::RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <windows.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "handshake.h"
+
+/// The handshake's registry key of one run, below HKEY_CURRENT_USER: made empty, removed at the end.
+class ScratchKey {
+ public:
+  /// @param stands_for_machine the key takes the place of HKEY_LOCAL_MACHINE in this process: a library
+  /// whose configuration names no key writes its values right there.
+  ScratchKey(std::wstring path, bool stands_for_machine);
+  ~ScratchKey();
+  ScratchKey(const ScratchKey&) = delete;
+  ScratchKey& operator=(const ScratchKey&) = delete;
+
+  /// As the configuration names it: "HKCU\...".
+  std::wstring Location() const;
+
+  Handshake Read() const { return ReadHandshake(m_key); }
+  void Write(const wchar_t* name, std::uint32_t value);
+
+  /// From now on a change counts: arm first, then look, then wait.
+  void ArmWatch();
+  void WaitForChange(std::chrono::milliseconds limit);
+
+  static void Remove(const std::wstring& path);
+
+ private:
+  HandshakeKey m_key;
+  bool m_stands_for_machine;
+  bool m_is_armed = false;
+  std::unique_ptr<HandshakeWatch> m_watch;
+};

@@ -1,0 +1,116 @@
+#include "work_folder.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "text.h"
+
+namespace {
+
+constexpr const wchar_t* kLibraries[] = {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll"};
+constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
+constexpr unsigned kStopped = 3;
+
+struct HandleCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
+};
+using Handle = std::unique_ptr<void, HandleCloser>;
+
+[[noreturn]] void Fail(const std::string& what) {
+  const DWORD error = ::GetLastError();
+  throw std::runtime_error(what + ": " + SystemErrorText(error));
+}
+
+std::filesystem::path TemporaryFolder() {
+  static std::atomic<int> count{0};
+  return std::filesystem::temp_directory_path() / L"corvel_simulator" /
+         (std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(++count));
+}
+
+/// A copy: a link could not be removed while the program that it is a link to runs.
+void Bring(const std::filesystem::path& file, const std::filesystem::path& to) {
+  if (!::CopyFileW(file.c_str(), to.c_str(), FALSE)) Fail("the work folder cannot be filled");
+}
+
+std::wstring CommandLine(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+  std::wstring line = L"\"" + program.wstring() + L"\"";
+  for (const std::wstring& argument : arguments) line += L" \"" + argument + L"\"";
+  return line;
+}
+
+Handle OutputFile(const std::filesystem::path& path) {
+  SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) Fail("the output file cannot be written");
+  return Handle(file);
+}
+
+Handle Start(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+             const std::filesystem::path& output) {
+  // One at a time: a child inherits whatever may be inherited at that moment, another's output included.
+  static std::mutex one_at_a_time;
+  const std::lock_guard lock(one_at_a_time);
+
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  Handle file;
+  if (!output.empty()) {
+    file = OutputFile(output);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = file.get();
+    startup.hStdError = file.get();
+  }
+  std::wstring line = CommandLine(program, arguments);
+  PROCESS_INFORMATION child{};
+  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                        program.parent_path().c_str(), &startup, &child)) {
+    Fail("the program cannot be started in its work folder");
+  }
+  ::CloseHandle(child.hThread);
+  return Handle(child.hProcess);
+}
+
+}  // namespace
+
+WorkFolder::WorkFolder(std::filesystem::path folder)
+    : m_path(folder.empty() ? TemporaryFolder() : std::filesystem::absolute(folder)) {
+  const std::filesystem::path program = ProgramPath();
+  std::filesystem::remove_all(m_path);
+  std::filesystem::create_directories(m_path);
+  m_program = m_path / program.filename();
+  Bring(program, m_program);
+  for (const wchar_t* library : kLibraries) Bring(program.parent_path() / library, m_path / library);
+}
+
+WorkFolder::~WorkFolder() {
+  if (m_leave == Leave::kAll) return;
+  std::error_code ignored;
+  if (m_leave == Leave::kNothing) {
+    std::filesystem::remove_all(m_path, ignored);
+    return;
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(m_path, ignored)) {
+    if (entry.path().filename() != kLogFile) std::filesystem::remove_all(entry.path(), ignored);
+  }
+}
+
+ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                     std::chrono::milliseconds limit, const std::filesystem::path& output) {
+  const Handle process = Start(program, arguments, output);
+  ChildResult result;
+  result.ended = ::WaitForSingleObject(process.get(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0;
+  if (!result.ended) {
+    ::TerminateProcess(process.get(), kStopped);
+    ::WaitForSingleObject(process.get(), INFINITE);
+  }
+  ::GetExitCodeProcess(process.get(), &result.exit_code);
+  return result;
+}

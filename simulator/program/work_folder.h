@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+/// A folder with the running program and the libraries beside it: the library looks for its configuration,
+/// the flashing library and a place for its log beside the program, so each run gets a program of its own.
+class WorkFolder {
+ public:
+  /// @param folder empty for a temporary one.
+  explicit WorkFolder(std::filesystem::path folder = {});
+  ~WorkFolder();
+  WorkFolder(const WorkFolder&) = delete;
+  WorkFolder& operator=(const WorkFolder&) = delete;
+
+  const std::filesystem::path& Path() const { return m_path; }
+  const std::filesystem::path& Program() const { return m_program; }
+
+  /// Leaves the debug log and what the run reported, or all of it, behind.
+  void KeepLog() { m_leave = Leave::kLog; }
+  void KeepAll() { m_leave = Leave::kAll; }
+
+ private:
+  enum class Leave { kNothing, kLog, kAll };
+
+  std::filesystem::path m_path;
+  std::filesystem::path m_program;
+  Leave m_leave = Leave::kNothing;
+};
+
+/// How a child program ended.
+struct ChildResult {
+  bool ended = false;  ///< false when it was stopped because it took too long
+  unsigned long exit_code = 0;
+};
+
+/// Runs a program to its end. Its output goes where this one's goes, or into a file. Any thread.
+ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                     std::chrono::milliseconds limit, const std::filesystem::path& output = {});

@@ -1,0 +1,312 @@
+// The service over a long time, in a process of its own per test: the library reads its configuration once
+// per process and stays loaded.
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "configuration.h"
+#include "debug_log.h"
+#include "firmware_folder.h"
+#include "import_patch.h"
+#include "scratch_key.h"
+#include "text.h"
+#include "virtual_pc.h"
+#include "work_folder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using RealClock = std::chrono::steady_clock;
+
+constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
+constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
+constexpr auto kPatience = 60s;
+
+/// A modem that does everything quickly, so that a hundred flashes take little time.
+ModemTiming QuickTiming() {
+  ModemTiming timing;
+  timing.leaving = 300ms;
+  timing.restarting = 300ms;
+  timing.open_port = 50ms;
+  timing.boot = 100ms;
+  timing.returning = 500ms;
+  timing.bytes_per_second = 50'000'000;
+  return timing;
+}
+
+/// The service in its virtual PC, and the controlling program in front of it.
+class SoakTest : public testing::Test {
+ protected:
+  void Prepare(double speed, Route route = Route::kAt) {
+    ::Setup setup;
+    setup.route = route;
+    m_configuration.emplace(m_folder, setup, m_key.Location(), m_folder / L"firmware");
+    VirtualPcOptions options;
+    options.speed = speed;
+    if (speed > 1) options.pace = Pace::kElastic;
+    options.folder = m_folder;
+    options.timing = QuickTiming();
+    m_pc.emplace(options);
+  }
+
+  void StartService(double speed, Route route = Route::kAt) {
+    Prepare(speed, route);
+    ASSERT_NE(m_pc->LoadUnderSimulation(m_folder / kLibrary), nullptr);
+    ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
+  }
+
+  /// How often the service has begun to wait for a change of the key.
+  int Rounds() const {
+    const auto calls = m_pc->PlatformCalls();
+    const auto found = calls.find("RegNotifyChangeKeyValue");
+    return found == calls.end() ? 0 : found->second;
+  }
+  /// How often the service saw the raised flag.
+  std::ptrdiff_t CountRequestsHeard() const {
+    return std::ranges::count(Log(), "\t flash flag changed to 1", &DebugRecord::message);
+  }
+
+  bool Becomes(const std::function<bool()>& condition) const {
+    const auto end = RealClock::now() + kPatience;
+    while (!condition()) {
+      if (RealClock::now() > end) return false;
+      ::Sleep(2);
+    }
+    return true;
+  }
+
+  /// One whole flash, up to the service's next wait.
+  void FlashOnce(ImageSet images) {
+    const FirmwareFolder firmware(m_folder / L"firmware", images, ImageHolder::kNobody);
+    const int rounds = Rounds();
+    m_key.Write(L"Fls_Ready", 1);
+    ASSERT_TRUE(Becomes([&] { return m_key.Read().ready == 0u && Rounds() > rounds; }));
+    ASSERT_TRUE(m_key.Read().Is(FlashResult::Succeeded));
+  }
+
+  std::vector<DebugRecord> Log() const { return ReadDebugLog(m_folder / kLogFile); }
+
+  const std::filesystem::path m_folder = ProgramFolder();
+  ScratchKey m_key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
+  std::optional<ConfigurationFile> m_configuration;
+  std::optional<VirtualPc> m_pc;
+};
+
+// --- What the process holds ------------------------------------------------------------------------------
+
+int ThreadsOfThisProcess() {
+  const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  int count = 0;
+  for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry)) {
+    if (entry.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
+  }
+  ::CloseHandle(snapshot);
+  return count;
+}
+
+/// Counted one by one: the system's own count does not exist everywhere.
+int HandlesOfThisProcess() {
+  constexpr std::uintptr_t kStep = 4;
+  constexpr std::uintptr_t kHighest = 32768;
+  int count = 0;
+  for (std::uintptr_t value = kStep; value < kHighest; value += kStep) {
+    DWORD flags = 0;
+    if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
+  }
+  return count;
+}
+
+std::size_t BytesInUse(HANDLE heap) {
+  std::size_t bytes = 0;
+  ::HeapLock(heap);
+  PROCESS_HEAP_ENTRY entry{};
+  while (::HeapWalk(heap, &entry)) {
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) bytes += entry.cbData;
+  }
+  ::HeapUnlock(heap);
+  return bytes;
+}
+
+/// Bytes in use on all heaps, those of the C runtimes among them.
+std::size_t BytesInUse() {
+  std::array<HANDLE, 64> heaps{};
+  const DWORD count = ::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
+  std::size_t bytes = 0;
+  for (DWORD i = 0; i < count; ++i) bytes += BytesInUse(heaps[i]);
+  return bytes;
+}
+
+/// Reads of the registry that opened the key: each leaves its handle open, which is how it is meant to be.
+int KeysLeftOpen(const std::vector<DebugRecord>& log) {
+  return static_cast<int>(std::ranges::count_if(log, [](const DebugRecord& record) {
+    return record.function == "ToolKit::ReadRegistry" && record.message.starts_with("\t Read regedit ");
+  }));
+}
+
+struct Holdings {
+  int threads = 0;
+  int handles = 0;
+  int keys_left_open = 0;
+  std::size_t bytes = 0;
+};
+
+class HundredFlashes : public SoakTest {
+ protected:
+  static constexpr int kWarmUp = 20;
+  static constexpr int kFlashes = 100;
+
+  Holdings Count() {
+    m_pc->ClearJournal();
+    Holdings holdings;
+    holdings.keys_left_open = KeysLeftOpen(Log());
+    holdings.threads = ThreadsOfThisProcess();
+    holdings.handles = HandlesOfThisProcess();
+    holdings.bytes = BytesInUse();
+    return holdings;
+  }
+
+  /// Every tenth flash has a modem image too.
+  void Flash(int from, int to) {
+    for (int i = from; i < to; ++i) {
+      FlashOnce(i % 10 == 0 ? ImageSet::kModemAndNvm : ImageSet::kNvmOnly);
+      if (HasFatalFailure()) return;
+    }
+  }
+
+  void FlashAndCompare(Route route, std::size_t bytes_per_flash) {
+    StartService(100, route);
+    ASSERT_NO_FATAL_FAILURE(Flash(0, kWarmUp));
+    const Holdings before = Count();
+    ASSERT_NO_FATAL_FAILURE(Flash(kWarmUp, kFlashes));
+    // Threads whose end was waited for may still be on their way out.
+    EXPECT_TRUE(Becomes([&] { return ThreadsOfThisProcess() <= before.threads; }));
+    const Holdings after = Count();
+
+    EXPECT_EQ(after.handles - before.handles, after.keys_left_open - before.keys_left_open);
+    EXPECT_GT(after.keys_left_open, before.keys_left_open);
+    EXPECT_LE(after.threads, before.threads);
+    EXPECT_LE(after.bytes, before.bytes + bytes_per_flash * (kFlashes - kWarmUp));
+    std::printf("threads %d -> %d, handles %d -> %d, keys left open %d -> %d, bytes %zu -> %zu\n",
+                before.threads, after.threads, before.handles, after.handles, before.keys_left_open,
+                after.keys_left_open, before.bytes, after.bytes);
+  }
+};
+
+TEST_F(HundredFlashes, LeaveNothingBehindButTheKeysOfTheirReads) {
+  FlashAndCompare(Route::kAt, 64);
+}
+
+TEST_F(HundredFlashes, LeaveNothingBehindWhenTheServiceReboots) {
+  // The simulated service remembers its calls: some 1 KB for each flash.
+  FlashAndCompare(Route::kMbim, 2048);
+}
+
+// --- Waiting for a request -------------------------------------------------------------------------------
+
+class Waiting : public SoakTest {
+ protected:
+  static std::uint64_t ProcessorTime() {
+    FILETIME created{}, ended{}, kernel{}, user{};
+    ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernel, &user);
+    const auto number = [](const FILETIME& time) {
+      return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
+    };
+    return number(kernel) + number(user);
+  }
+};
+
+TEST_F(Waiting, TakesNoProcessorTimeForAMinute) {
+  StartService(1);
+  ::Sleep(1000);  // The service's last steps before its wait, and the end of whatever started it.
+  const auto calls = m_pc->PlatformCalls();
+  const std::size_t records = Log().size();
+  const std::uint64_t time = ProcessorTime();
+
+  ::Sleep(60'000);
+
+  EXPECT_EQ(ProcessorTime(), time);
+  EXPECT_EQ(m_pc->PlatformCalls(), calls);
+  EXPECT_EQ(Log().size(), records);
+}
+
+TEST_F(Waiting, AFlagThatIsUpAlreadyStartsTheJobAtOnce) {
+  m_key.Write(L"Fls_Ready", 1);
+  Prepare(1);
+  ASSERT_NE(m_pc->LoadUnderSimulation(m_folder / kLibrary), nullptr);
+  EXPECT_TRUE(Becomes([this] { return m_key.Read().result == 3u && m_key.Read().ready == 0u; }));
+  // No change of the key ended the wait: the first round was enough.
+  const auto log = Log();
+  EXPECT_EQ(std::ranges::count(log, "\t flash flag changed to 1", &DebugRecord::message), 1);
+  EXPECT_EQ(
+      std::ranges::count_if(
+          log, [](const auto& record) { return record.message.starts_with("\t flash flag changed to "); }),
+      1);
+}
+
+/// Raises the flag when the service begins its second round: after it looked, before it is told of changes.
+class FlagBetweenRounds {
+ public:
+  static LSTATUS WINAPI Notify(HKEY key, BOOL subtree, DWORD filter, HANDLE event, BOOL asynchronous) {
+    if (++s_rounds == 2) s_key->Write(L"Fls_Ready", 1);
+    return ::RegNotifyChangeKeyValue(key, subtree, filter, event, asynchronous);
+  }
+
+  static inline std::atomic<int> s_rounds{0};
+  static inline ScratchKey* s_key = nullptr;
+};
+
+TEST_F(Waiting, AFlagThatGoesUpBetweenTwoRoundsStartsTheJobAtOnce) {
+  StartService(1);
+  FlagBetweenRounds::s_key = &m_key;
+  ImportPatch patch(::GetModuleHandleW(kLibrary));
+  ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &FlagBetweenRounds::Notify));
+  // The present wait may know the function that it began with. A request that finds no images ends it.
+  m_key.Write(L"Fls_Ready", 1);
+  ASSERT_TRUE(Becomes([this] { return m_key.Read().ready == 0u && FlagBetweenRounds::s_rounds == 1; }));
+  ASSERT_EQ(CountRequestsHeard(), 1);
+
+  m_key.Write(L"Retry_Times", 3);
+
+  EXPECT_TRUE(Becomes([this] { return CountRequestsHeard() == 2; }));
+  EXPECT_EQ(FlagBetweenRounds::s_rounds, 2);
+}
+
+TEST_F(Waiting, AnotherValueOfTheFlagStartsNothing) {
+  StartService(1);
+  m_key.Write(L"Fls_Ready", 2);
+  ASSERT_TRUE(Becomes([this] { return Rounds() == 2; }));
+  EXPECT_EQ(CountRequestsHeard(), 0);
+  EXPECT_EQ(m_key.Read().ready, 2u);
+}
+
+int RunInWorkFolder(int count, char** words) {
+  std::vector<std::wstring> arguments{L"--in-place"};
+  for (int i = 1; i < count; ++i) arguments.push_back(ToWide(words[i]));
+  const WorkFolder folder;
+  const ChildResult child = RunChild(folder.Program(), arguments, 10min);
+  if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
+  return static_cast<int>(child.exit_code);
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  const bool in_place =
+      std::any_of(words, words + count, [](std::string_view word) { return word == "--in-place"; });
+  if (!in_place) return RunInWorkFolder(count, words);
+  testing::InitGoogleTest(&count, words);
+  return RUN_ALL_TESTS();
+}

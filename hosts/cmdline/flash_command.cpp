@@ -2,12 +2,16 @@
 
 #include <chrono>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "commands.h"
+#include "interruption.h"
+#include "json_output.h"
+#include "preflight.h"
 #include "progress_line.h"
 #include "setup.h"
 #include "text.h"
@@ -16,24 +20,58 @@
 namespace {
 
 constexpr DWORD kRefreshMs = 500;
-constexpr char kLogName[] = "FlashCommandLineLogger_DLL.log";
+constexpr wchar_t kLogName[] = L"FlashCommandLineLogger_DLL.log";
+constexpr wchar_t kOneAtATime[] = L"Global\\corvel_cmdline flash";
 
-HANDLE g_interrupted = nullptr;
-
-BOOL WINAPI OnConsoleControl(DWORD) {
-  ::SetEvent(g_interrupted);
-  return TRUE;
+std::wstring LogPath() {
+  return ProgramFolder() + kLogName;
 }
 
-/// The log's name in the narrow form that the library takes, beside this program.
-std::string LogPath() {
-  const std::wstring path = ProgramFolder() + ToWide(kLogName);
-  std::string narrow(path.size() * 2 + 1, '\0');
-  const int length = ::WideCharToMultiByte(CP_ACP, 0, path.c_str(), static_cast<int>(path.size()),
-                                           narrow.data(), static_cast<int>(narrow.size()), nullptr, nullptr);
-  narrow.resize(static_cast<std::size_t>(length));
-  return narrow;
-}
+/// This program's claim to be the only one that flashes by the command line's key.
+class Claim {
+ public:
+  Claim() : m_mutex(::CreateMutexW(nullptr, FALSE, kOneAtATime)) {
+    if (::GetLastError() == ERROR_ALREADY_EXISTS) m_mutex.reset();
+  }
+  bool IsHeld() const { return m_mutex != nullptr; }
+
+ private:
+  OwnedHandle m_mutex;
+};
+
+/// The request for a flash. Takes it back in the end, unless the library has dealt with it.
+class Request {
+ public:
+  explicit Request(const HandshakeKey& key)
+      : m_key(key), m_error(WriteHandshakeValue(key, L"Fls_Ready", 1)) {}
+  ~Request() {
+    if (ReadHandshake(m_key).ready == 1u) WriteHandshakeValue(m_key, L"Fls_Ready", 0);
+  }
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
+  DWORD Error() const { return m_error; }
+
+ private:
+  const HandshakeKey& m_key;
+  DWORD m_error;
+};
+
+/// The library's part, on a thread of its own. It cannot be stopped, only left: the process then ends
+/// under it.
+class Job {
+ public:
+  Job(int trace, std::string ipcType) {
+    std::thread([ended = m_ended, trace, type = std::move(ipcType)]() mutable {
+      ToolKit::FirmwareFlash_CmdLine(trace, type.data(), 0, nullptr, nullptr);
+      ::SetEvent(ended->get());
+    }).detach();
+  }
+  HANDLE Ended() const { return m_ended->get(); }
+
+ private:
+  std::shared_ptr<OwnedHandle> m_ended = std::make_shared<OwnedHandle>(NewEvent());
+};
 
 /// One run of the flash verb.
 class FlashRun {
@@ -46,69 +84,70 @@ class FlashRun {
  private:
   enum class Ending { JobEnded, Interrupted, TimedOut };
 
-  std::optional<Problem> Prepare();
-  std::optional<ExitCode> CheckImages();
-  bool RaiseFlag();
+  std::optional<ExitCode> FindObstacle();
+  bool LoadConfiguration();
+  void ForgetLastRun();
   Ending Follow(HANDLE jobEnded);
   bool PastTimeLimit() const;
-  bool IsDownloading() const { return ReadHandshake(m_key).onGoing == 1u; }
+  long long Seconds() const;
+  bool MayStop() const;
   void WarnOnce();
-  void LowerFlag();
   ExitCode Conclude();
+  ExitCode ConcludeWithoutImages();
   ExitCode GiveUp(Ending ending);
+  nlohmann::ordered_json Details(const Handshake& values) const;
 
   const FlashOptions& m_options;
   HandshakeKey m_key;
   ProgressLine m_progress;
-  bool m_raised = false;
+  Interruption m_interruption;
   bool m_warned = false;
   std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
 };
 
-std::optional<Problem> FlashRun::Prepare() {
-  if (!ToolKit::LoadConfig(nullptr)) {
-    return Problem{"no_configuration",
-                   "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
-                   "Put CorvelConfig.ini beside this program and close whatever holds it open; "
-                   "\"corvel_cmdline check\" tells more."};
+bool FlashRun::LoadConfiguration() {
+  // Asking makes the configuration and with it the service's log name; the log of this host has to be named
+  // between that and the first record.
+  ToolKit::IsConfigLoaded();
+  if (ToolKit* const toolkit = ToolKit::GetInstance()) {
+    toolkit->SetDebugLoggerFileName(m_options.trace > 0 ? ToAnsi(LogPath()).c_str() : "");
   }
-  if (m_options.trace > 0) {
-    if (ToolKit* const toolkit = ToolKit::GetInstance()) toolkit->SetDebugLoggerFileName(LogPath().c_str());
-  } else {
-    ToolKit::TurnLoggingOff();
-  }
-  if (const DWORD error = CheckHandshakeKeyWritable(m_key)) {
-    return Problem{"no_registry_access",
-                   "The registry key " + m_key.Text() + " cannot be written: " + SystemErrorText(error) + ".",
-                   "Run this program as an administrator."};
-  }
-  return std::nullopt;
+  const bool loaded = ToolKit::LoadConfig(nullptr);
+  // Loading turned it on.
+  if (m_options.trace == 0) ToolKit::TurnLoggingOff();
+  return loaded;
 }
 
-std::optional<ExitCode> FlashRun::CheckImages() {
-  const auto configuration = ConfigurationFile::Read(ConfigurationPath());
-  const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
-  if (LookForImages(folder).Any()) return std::nullopt;
-  Report({"no_images", "There is no firmware image (*.fls) in the folder \"" + ToUtf8(folder) + "\".",
-          "Copy the modem image and the NVM image there, or correct [ModemAndNVMFirmwareFolder] in "
-          "CorvelConfig.ini."},
+std::optional<ExitCode> FlashRun::FindObstacle() {
+  const std::vector<Finding> findings = LookBeforeFlash();
+  const Finding* const error = FirstError(findings);
+  // A controlling program may put the images there until it asks for the flash.
+  const bool imagesMayCome = m_options.waitForController && error && error->exitCode == ExitCode::NoImages;
+  if (error == nullptr || imagesMayCome) return std::nullopt;
+  Report({error->code, std::string("Not ready, ") + error->subject + ": " + error->message + ".",
+          error->whatToDo},
          m_options.json);
-  return ExitCode::NoImages;
+  return error->exitCode;
 }
 
-bool FlashRun::RaiseFlag() {
-  if (m_options.waitForController) return true;
-  m_raised = WriteHandshakeValue(m_key, L"Fls_Ready", 1) == ERROR_SUCCESS;
-  return m_raised;
-}
-
-void FlashRun::LowerFlag() {
-  if (m_raised) WriteHandshakeValue(m_key, L"Fls_Ready", 0);
+void FlashRun::ForgetLastRun() {
+  // As the library does when it begins; until then the values of an earlier run must not be taken for this
+  // one's.
+  ToolKit::SetFlashOnGoingFlag(m_key.root, m_key.path.c_str(), 0);
+  ToolKit::SetFlashProcess(m_key.root, m_key.path.c_str(), 0);
+  ToolKit::SetFlashResult(m_key.root, m_key.path.c_str(), 0);
 }
 
 bool FlashRun::PastTimeLimit() const {
-  return m_options.timeoutSeconds > 0 &&
-         std::chrono::steady_clock::now() - m_begin >= std::chrono::seconds(m_options.timeoutSeconds);
+  return m_options.timeoutSeconds > 0 && Seconds() >= m_options.timeoutSeconds;
+}
+
+long long FlashRun::Seconds() const {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_begin).count();
+}
+
+bool FlashRun::MayStop() const {
+  return m_warned || m_interruption.IsFinal() || !ReadHandshake(m_key).IsJobRunning();
 }
 
 void FlashRun::WarnOnce() {
@@ -118,11 +157,12 @@ void FlashRun::WarnOnce() {
          "recovers it.\nPress Ctrl+C once more to stop all the same."
       << std::endl;
   m_warned = true;
+  ::ResetEvent(m_interruption.Event());
 }
 
 FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
   HandshakeWatch watch(m_key);
-  const HANDLE signals[] = {jobEnded, g_interrupted, watch.Event()};
+  const HANDLE signals[] = {jobEnded, m_interruption.Event(), watch.Event()};
   for (;;) {
     // Armed before the look, so that no change falls between the look and the wait.
     watch.Arm();
@@ -131,7 +171,7 @@ FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
       case WAIT_OBJECT_0:
         return Ending::JobEnded;
       case WAIT_OBJECT_0 + 1:
-        if (m_warned || !IsDownloading()) return Ending::Interrupted;
+        if (MayStop()) return Ending::Interrupted;
         WarnOnce();
         break;
       default:
@@ -140,90 +180,91 @@ FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
   }
 }
 
+nlohmann::ordered_json FlashRun::Details(const Handshake& values) const {
+  return {{"flashed", values.Is(FlashResult::Succeeded)},
+          {"result", values.result.value_or(0)},
+          {"meaning", MeaningOfResult(values.result)},
+          {"progress", values.progress.value_or(0)},
+          {"attempts", m_progress.Attempts()},
+          {"seconds", Seconds()},
+          {"log", m_options.trace > 0 ? ToUtf8(LogPath()) : ""}};
+}
+
+ExitCode FlashRun::ConcludeWithoutImages() {
+  Report({"no_images", "The firmware folder held no image when the flash began.",
+          "Copy the images (*.fls) into the configured folder and try again."},
+         m_options.json);
+  return ExitCode::NoImages;
+}
+
 ExitCode FlashRun::Conclude() {
   const Handshake values = ReadHandshake(m_key);
   m_progress.Show(values);
   m_progress.Finish();
-  if (values.Is(FlashResult::Idle) && values.ready == 1u) {
-    LowerFlag();
-    Report({"no_images", "The firmware folder held no image when the flash began.",
-            "Copy the images (*.fls) into the configured folder and try again."},
-           m_options.json);
-    return ExitCode::NoImages;
-  }
+  if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages();
 
   const bool flashed = values.Is(FlashResult::Succeeded);
-  const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_begin).count();
-  const std::string next = flashed
-                               ? "Nothing is left to do."
-                               : "Look at the debug log for lines of level Error. The image files were "
-                                 "removed: copy them anew, and "
-                                 "run the flash again. A modem that was left in flash mode is found there.";
+  const Problem failure{
+      "flash_failed", "The flash failed.",
+      std::string(values.Is(FlashResult::Failed)
+                      ? "The image files were removed: copy them anew and run the flash again."
+                      : "The download could not be started: run the flash again.") +
+          " A modem that was left in flash mode is found there. The debug log says more in its lines of "
+          "level "
+          "Error."};
   if (m_options.json) {
-    const nlohmann::ordered_json document{{"flashed", flashed},
-                                          {"result", values.result.value_or(0)},
-                                          {"meaning", MeaningOfResult(values.result)},
-                                          {"progress", values.progress.value_or(0)},
-                                          {"attempts", m_progress.Attempts()},
-                                          {"seconds", seconds},
-                                          {"log", m_options.trace > 0 ? LogPath() : ""},
-                                          {"what_to_do", next}};
-    std::cout << document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
+    PrintJson(flashed ? Details(values) : AsJson(failure, Details(values)));
   } else {
-    std::cout << (flashed ? "The modem was flashed and is back." : "The flash failed.") << " Result "
+    std::cout << (flashed ? "The modem was flashed and is back." : failure.message) << " Result "
               << values.result.value_or(0) << " (" << MeaningOfResult(values.result) << "), "
               << m_progress.Attempts() << (m_progress.Attempts() == 1 ? " attempt, " : " attempts, ")
-              << static_cast<long long>(seconds) << " s.\n"
-              << next << std::endl;
-    if (m_options.trace > 0) std::cout << "Debug log: " << LogPath() << std::endl;
+              << Seconds() << " s.\n"
+              << (flashed ? "Nothing is left to do." : failure.whatToDo) << std::endl;
+    if (m_options.trace > 0) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
   }
   return flashed ? ExitCode::Flashed : ExitCode::FlashFailed;
 }
 
 ExitCode FlashRun::GiveUp(Ending ending) {
   m_progress.Finish();
-  const bool downloading = IsDownloading();
-  if (!downloading) LowerFlag();
-  Report({ending == Ending::TimedOut ? "timed_out" : "interrupted",
-          ending == Ending::TimedOut ? "The time limit passed before the flash ended." : "Interrupted.",
-          downloading ? "The modem may be left in flash mode; the next run recovers it."
-                      : "The modem was not touched."},
-         m_options.json);
+  const bool timedOut = ending == Ending::TimedOut;
+  Report(
+      {timedOut ? "timed_out" : "interrupted",
+       timedOut ? "The time limit passed before the flash ended." : "Interrupted.",
+       ReadHandshake(m_key).IsJobRunning() ? "The modem may be left in flash mode; the next run recovers it."
+                                           : "The modem was not touched."},
+      m_options.json);
   return ExitCode::Interrupted;
 }
 
 ExitCode FlashRun::Run() {
-  if (const auto problem = Prepare()) {
-    Report(*problem, m_options.json);
+  const Claim claim;
+  if (!claim.IsHeld()) {
+    Report({"already_running", "Another corvel_cmdline is flashing.", "Wait for its end."}, m_options.json);
     return ExitCode::NotReady;
   }
-  if (!m_options.waitForController) {
-    if (const auto noImages = CheckImages()) return *noImages;
-  }
-  g_interrupted = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  ::SetConsoleCtrlHandler(OnConsoleControl, TRUE);
-  if (!RaiseFlag()) {
-    Report({"no_registry_access", "Fls_Ready cannot be set.", "Run this program as an administrator."},
+  // Before anything may log: the records would go into the log of the service.
+  ToolKit::TurnLoggingOff();
+  if (const auto obstacle = FindObstacle()) return *obstacle;
+  if (!LoadConfiguration()) {
+    Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
+            "Close whatever holds it open; \"corvel_cmdline check\" tells more."},
            m_options.json);
     return ExitCode::NotReady;
   }
 
-  std::string ipcType = m_options.ipc == "pcie" ? "PCIE" : "USB";
-  const HANDLE jobEnded = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  std::thread job([&, trace = m_options.trace] {
-    ToolKit::FirmwareFlash_CmdLine(trace, ipcType.data(), 0, nullptr, nullptr);
-    ::SetEvent(jobEnded);
-  });
-  const Ending ending = Follow(jobEnded);
-  if (ending == Ending::JobEnded) {
-    job.join();
-    return Conclude();
+  ForgetLastRun();
+  std::optional<Request> request;
+  if (!m_options.waitForController) request.emplace(m_key);
+  if (request && request->Error() != ERROR_SUCCESS) {
+    Report({"no_registry_access", "Fls_Ready cannot be set: " + SystemErrorText(request->Error()) + ".",
+            "Run this program as an administrator."},
+           m_options.json);
+    return ExitCode::NotReady;
   }
-  const ExitCode code = GiveUp(ending);
-  // The job cannot be stopped, only left: the process ends under it.
-  std::cout.flush();
-  std::cerr.flush();
-  ::ExitProcess(static_cast<UINT>(code));
+  const Job job(m_options.trace, m_options.ipc == "pcie" ? "PCIE" : "USB");
+  const Ending ending = Follow(job.Ended());
+  return ending == Ending::JobEnded ? Conclude() : GiveUp(ending);
 }
 
 }  // namespace

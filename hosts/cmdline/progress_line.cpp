@@ -9,7 +9,7 @@
 namespace {
 
 constexpr std::uint32_t kComplete = 100;
-constexpr std::uint32_t kBarWidth = 30;
+constexpr std::uint32_t kBarWidth = 20;
 constexpr std::uint32_t kPlainStep = 10;
 
 bool IsTerminal() {
@@ -51,7 +51,9 @@ void ProgressLine::Finish() {
 void ProgressLine::TakeIn(const Handshake& values) {
   const std::uint32_t result = values.result.value_or(0);
   const bool begins = values.Is(FlashResult::Flashing) && m_lastResult != result;
-  if (begins) {
+  // A short attempt may be over before anybody looks.
+  const bool wasMissed = m_attempts == 0 && result > static_cast<std::uint32_t>(FlashResult::Flashing);
+  if (begins || wasMissed) {
     ++m_attempts;
     m_attemptBegin = Clock::now();
   }
@@ -61,15 +63,16 @@ void ProgressLine::TakeIn(const Handshake& values) {
 std::string ProgressLine::Stage(const Handshake& values) const {
   if (values.Is(FlashResult::Succeeded)) return "flashed";
   if (values.Is(FlashResult::Failed)) return "failed";
-  if (values.Is(FlashResult::Retrying)) return "retrying";
-  if (!values.Is(FlashResult::Flashing)) return "waiting for Fls_Ready";
-  if (Percent(values) == kComplete) return "waiting for the modem to come back";
-  return Percent(values) == 0 ? "bringing the modem into flash mode" : "writing";
+  if (values.Is(FlashResult::Idle) || !values.result) return "waiting to begin";
+  if (Percent(values) == kComplete) return "awaiting the modem";
+  if (values.Is(FlashResult::Retrying)) return "pausing to retry";
+  return Percent(values) == 0 ? "into flash mode" : "writing";
 }
 
+/// Fits into eighty columns: a line that wraps cannot be written over.
 std::string ProgressLine::LiveText(const Handshake& values) const {
   char text[160];
-  std::snprintf(text, sizeof text, "%-34s %s %3u %%  attempt %d  %lld s  (limit in %lld s)   ",
+  std::snprintf(text, sizeof text, "%-18s %s %3u %%  attempt %d  %lld s (limit in %lld s)  ",
                 Stage(values).c_str(), Bar(Percent(values)).c_str(), static_cast<unsigned>(Percent(values)),
                 std::max(m_attempts, 1), SecondsSince(m_begin), RemainingSeconds(values));
   return text;

@@ -4,8 +4,8 @@
 
 #include <filesystem>
 #include <iostream>
-#include <nlohmann/json.hpp>
 
+#include "json_output.h"
 #include "text.h"
 #include "toolkit/toolkit.h"
 
@@ -15,13 +15,15 @@ constexpr wchar_t kConfigurationName[] = L"CorvelConfig.ini";
 
 }  // namespace
 
+nlohmann::ordered_json AsJson(const Problem& problem, const nlohmann::ordered_json& details) {
+  nlohmann::ordered_json document{
+      {"error", {{"code", problem.code}, {"message", problem.message}, {"what_to_do", problem.whatToDo}}}};
+  document.update(details);
+  return document;
+}
+
 void Report(const Problem& problem, bool json) {
-  if (json) {
-    const nlohmann::ordered_json document{
-        {"error", {{"code", problem.code}, {"message", problem.message}, {"what_to_do", problem.whatToDo}}}};
-    std::cout << document.dump(2) << std::endl;
-    return;
-  }
+  if (json) return PrintJson(AsJson(problem));
   std::cerr << "corvel_cmdline: " << problem.message << "\n" << problem.whatToDo << std::endl;
 }
 

@@ -1,17 +1,20 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 
-#include "configuration_file.h"
 #include "handshake.h"
 
-/// What went wrong before or instead of a flash, in words for people and scripts.
+/// What went wrong, in words for scripts and people.
 struct Problem {
   std::string code;
   std::string message;
   std::string whatToDo;
 };
 
+/// The error object of a problem, with what else there is to tell behind it.
+nlohmann::ordered_json AsJson(const Problem& problem,
+                              const nlohmann::ordered_json& details = nlohmann::ordered_json::object());
 /// Prints a problem: as a JSON error object on standard output, or in words on standard error.
 void Report(const Problem& problem, bool json);
 

@@ -1,9 +1,12 @@
 #include <windows.h>
 
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "commands.h"
+#include "configuration_file.h"
+#include "interruption.h"
+#include "json_output.h"
 #include "modem_presence.h"
 #include "setup.h"
 #include "text.h"
@@ -12,6 +15,8 @@
 namespace {
 
 constexpr DWORD kLookAtModemMs = 1000;
+constexpr std::size_t kNameColumn = 16;
+constexpr std::size_t kValueColumn = 11;
 
 /// All that the verb shows, as it is at one moment.
 struct Status {
@@ -40,7 +45,7 @@ nlohmann::ordered_json AsJson(const Status& status) {
   return {{"key", status.key.Text()},
           {"values", values},
           {"modem",
-           {{"mode", NameOf(status.modem.mode)},
+           {{"mode", TokenOf(status.modem.mode)},
             {"at_port", status.modem.atPort},
             {"reset_driver", status.modem.resetDriver}}},
           {"images",
@@ -49,52 +54,55 @@ nlohmann::ordered_json AsJson(const Status& status) {
             {"nvm", ToUtf8(status.images.nvm)}}}};
 }
 
+std::string Padded(std::string text, std::size_t width) {
+  if (text.size() < width) text.resize(width, ' ');
+  return text;
+}
+
+std::string OrDash(const std::wstring& text) {
+  return text.empty() ? "-" : ToUtf8(text);
+}
+
 void Print(const Status& status) {
   std::cout << status.key.Text() << "\n";
   for (const HandshakeLine& line : Describe(status.values)) {
-    const std::string value = line.value ? std::to_string(*line.value) : "-";
-    std::cout << "  " << line.name << std::string(16 - std::string_view(line.name).size(), ' ') << value
-              << std::string(value.size() < 8 ? 8 - value.size() : 1, ' ') << line.meaning << "\n";
+    std::cout << "  " << Padded(line.name, kNameColumn)
+              << Padded(line.value ? std::to_string(*line.value) : "-", kValueColumn) << line.meaning << "\n";
   }
   std::cout << "Modem:       " << NameOf(status.modem.mode)
             << (status.modem.atPort ? ", AT port present" : "")
             << (status.modem.resetDriver ? ", reset driver present" : ", reset driver absent") << "\n"
             << "Folder:      " << (status.folder.empty() ? "(not configured)" : ToUtf8(status.folder)) << "\n"
-            << "Modem image: " << (status.images.modem.empty() ? "-" : ToUtf8(status.images.modem)) << "\n"
-            << "NVM image:   " << (status.images.nvm.empty() ? "-" : ToUtf8(status.images.nvm)) << std::endl;
-}
-
-void Show(const Status& status, bool json) {
-  if (json) {
-    std::cout << AsJson(status).dump(2) << std::endl;
-  } else {
-    Print(status);
-  }
-}
-
-bool Same(const Status& one, const Status& other) {
-  return AsJson(one) == AsJson(other);
+            << "Modem image: " << OrDash(status.images.modem) << "\n"
+            << "NVM image:   " << OrDash(status.images.nvm) << std::endl;
 }
 
 /// Shows every change until the program is interrupted.
-void Watch(const HandshakeKey& key, const std::wstring& folder, bool json) {
+ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, bool json) {
+  const Interruption interruption;
   HandshakeWatch watch(key);
-  Status shown = Look(key, folder);
-  Show(shown, json);
-  for (;;) {
+  nlohmann::ordered_json shown;
+  const HANDLE signals[] = {interruption.Event(), watch.Event()};
+  do {
+    // Without a key there is no announcement of its values either; the look once a second finds it.
     watch.Arm();
     const Status now = Look(key, folder);
-    if (!Same(now, shown)) Show(now, json);
-    shown = now;
+    nlohmann::ordered_json document = AsJson(now);
+    if (document == shown) continue;
+    if (json) {
+      PrintJson(document, JsonLayout::OneLine);
+    } else {
+      Print(now);
+    }
+    shown = std::move(document);
     // The modem and the folder announce nothing: they are looked at once a second.
-    ::WaitForSingleObject(watch.Event(), kLookAtModemMs);
-  }
+  } while (::WaitForMultipleObjects(2, signals, FALSE, kLookAtModemMs) != WAIT_OBJECT_0);
+  return ExitCode::Interrupted;
 }
 
 }  // namespace
 
 ExitCode RunStatus(const StatusOptions& options) {
-  const HandshakeKey commandLineKey = CommandLineKey();
   // Looking must not empty the log of a run that is going on.
   ToolKit::TurnLoggingOff();
   const auto configuration = ConfigurationFile::Read(ConfigurationPath());
@@ -104,12 +112,15 @@ ExitCode RunStatus(const StatusOptions& options) {
            options.json);
     return ExitCode::NotReady;
   }
-  const HandshakeKey key = options.service ? configuration->ServiceKey() : commandLineKey;
+  const HandshakeKey key = options.service ? configuration->ServiceKey() : CommandLineKey();
   const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
-  if (options.watch) {
-    Watch(key, folder, options.json);
+  if (options.watch) return Watch(key, folder, options.json);
+
+  const Status status = Look(key, folder);
+  if (options.json) {
+    PrintJson(AsJson(status));
   } else {
-    Show(Look(key, folder), options.json);
+    Print(status);
   }
   return ExitCode::Flashed;
 }

@@ -1,9 +1,14 @@
 #include "configuration_file.h"
 
-#include <filesystem>
-#include <fstream>
+#include <share.h>
+
+#include <cstdio>
+#include <cwchar>
+#include <memory>
 
 namespace {
+
+constexpr std::size_t kLongestText = 511;
 
 struct Root {
   const wchar_t* name;
@@ -16,30 +21,45 @@ const Root kRoots[] = {{L"HKLM", HKEY_LOCAL_MACHINE},
                        {L"HKCR", HKEY_CLASSES_ROOT},
                        {L"HCC", HKEY_CURRENT_CONFIG}};
 
-/// Each byte of the file is one character.
-std::wstring Widened(const std::string& text) {
-  std::wstring wide;
-  for (const char byte : text) wide += static_cast<wchar_t>(static_cast<unsigned char>(byte));
-  return wide;
+const Root* FindRoot(const std::wstring& location) {
+  for (const Root& root : kRoots) {
+    if (location.substr(0, location.find(L'\\')) == root.name) return &root;
+  }
+  return nullptr;
+}
+
+struct FileCloser {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+
+/// Each byte of the file is one character. At the end of the file there is no line.
+std::optional<std::wstring> ReadLine(std::FILE* file) {
+  std::wstring line;
+  int byte = std::fgetc(file);
+  for (; byte != EOF && byte != '\n'; byte = std::fgetc(file)) line += static_cast<wchar_t>(byte);
+  if (byte == EOF && line.empty()) return std::nullopt;
+  if (byte == EOF && line.back() == L'\r') line.pop_back();
+  return line;
 }
 
 }  // namespace
 
 std::optional<ConfigurationFile> ConfigurationFile::Read(const std::wstring& path) {
-  std::ifstream file{std::filesystem::path(path)};
-  if (!file) return std::nullopt;
+  // The library reads the file only while nobody else has it open.
+  const std::unique_ptr<std::FILE, FileCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
+  if (file == nullptr) return std::nullopt;
   ConfigurationFile configuration;
-  std::string line;
-  std::getline(file, line);
-  while (std::getline(file, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) continue;
-    const std::size_t value = line.find_first_not_of(' ', equals + 1);
-    configuration.m_settings[Widened(line.substr(0, equals))] =
-        value == std::string::npos ? std::wstring() : Widened(line.substr(value));
-  }
+  static_cast<void>(ReadLine(file.get()));
+  while (const auto line = ReadLine(file.get())) configuration.Take(*line);
   return configuration;
+}
+
+void ConfigurationFile::Take(const std::wstring& line) {
+  const std::size_t equals = line.find(L'=');
+  if (equals == std::wstring::npos) return;
+  const std::size_t value = line.find_first_not_of(L' ', equals + 1);
+  m_settings[line.substr(0, equals).substr(0, kLongestText)] =
+      value == std::wstring::npos ? std::wstring() : line.substr(value, kLongestText);
 }
 
 std::wstring ConfigurationFile::Get(const std::wstring& key) const {
@@ -47,14 +67,19 @@ std::wstring ConfigurationFile::Get(const std::wstring& key) const {
   return found == m_settings.end() ? std::wstring() : found->second;
 }
 
+bool ConfigurationFile::NamesKnownRoot() const {
+  return FindRoot(Get(L"[RegistryLocation]")) != nullptr;
+}
+
 HandshakeKey ConfigurationFile::ServiceKey() const {
   const std::wstring location = Get(L"[RegistryLocation]");
-  const std::size_t separator = location.find(L'\\');
   HandshakeKey key;
-  key.rootName = location.substr(0, separator);
-  key.path = separator == std::wstring::npos ? location : location.substr(separator + 1);
-  for (const Root& root : kRoots) {
-    if (key.rootName == root.name) key.root = root.key;
+  // An unknown root is HKEY_LOCAL_MACHINE; a location without a separator is root and path in one.
+  if (const Root* const root = FindRoot(location)) {
+    key.root = root->key;
+    key.rootName = root->name;
   }
+  const std::size_t separator = location.find(L'\\');
+  key.path = separator == std::wstring::npos ? location : location.substr(separator + 1);
   return key;
 }

@@ -1,5 +1,7 @@
 #include "handshake.h"
 
+#include <utility>
+
 #include "text.h"
 
 namespace {
@@ -85,20 +87,37 @@ DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uin
 
 DWORD CheckHandshakeKeyWritable(const HandshakeKey& key) {
   HKEY opened = nullptr;
-  const auto status = static_cast<DWORD>(::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0,
-                                                           KEY_ALL_ACCESS, nullptr, &opened, nullptr));
-  if (status == ERROR_SUCCESS) ::RegCloseKey(opened);
+  DWORD found = REG_OPENED_EXISTING_KEY;
+  const auto status = static_cast<DWORD>(
+      ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &opened, &found));
+  const OwnedKey owner(opened);
+  if (status == ERROR_SUCCESS && found == REG_CREATED_NEW_KEY) ::RegDeleteKeyW(key.root, key.path.c_str());
   return status;
 }
 
-HandshakeWatch::HandshakeWatch(const HandshakeKey& key)
-    : m_event(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
-  HKEY opened = nullptr;
-  ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_NOTIFY, nullptr, &opened, nullptr);
-  m_key.reset(opened);
-}
+HandshakeWatch::HandshakeWatch(HandshakeKey key) : m_location(std::move(key)) {}
 
 DWORD HandshakeWatch::Arm() {
-  return static_cast<DWORD>(::RegNotifyChangeKeyValue(
+  if (IsArmed()) return ERROR_SUCCESS;
+  m_armed = false;
+  if (const DWORD error = Open()) return error;
+  ::ResetEvent(m_event.get());
+  const auto error = static_cast<DWORD>(::RegNotifyChangeKeyValue(
       m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, m_event.get(), TRUE));
+  m_armed = error == ERROR_SUCCESS;
+  // A key that was deleted is of no more use, even when one of the same name is there again.
+  if (!m_armed) m_key.reset();
+  return error;
+}
+
+bool HandshakeWatch::IsArmed() const {
+  return m_armed && ::WaitForSingleObject(m_event.get(), 0) == WAIT_TIMEOUT;
+}
+
+DWORD HandshakeWatch::Open() {
+  if (m_key != nullptr) return ERROR_SUCCESS;
+  HKEY opened = nullptr;
+  const LSTATUS status = ::RegOpenKeyExW(m_location.root, m_location.path.c_str(), 0, KEY_NOTIFY, &opened);
+  m_key.reset(opened);
+  return static_cast<DWORD>(status);
 }

@@ -2,12 +2,12 @@
 
 #include <windows.h>
 
-#include <array>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "owners.h"
 
 /// Flash_Result as the library writes it.
 enum class FlashResult : std::uint32_t { Idle = 0, Flashing = 1, Retrying = 2, Failed = 3, Succeeded = 4 };
@@ -31,6 +31,12 @@ struct Handshake {
   std::optional<std::uint32_t> result;
 
   bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
+  /// True from the first download attempt to the end of the job, pauses before a repetition included.
+  bool IsJobRunning() const {
+    return onGoing == 1u && (Is(FlashResult::Flashing) || Is(FlashResult::Retrying));
+  }
+  /// True while the modem is brought into flash mode, written, or waited for.
+  bool IsAttemptRunning() const { return onGoing == 1u && Is(FlashResult::Flashing); }
 };
 
 /// One value with its name and what it says, for people.
@@ -45,29 +51,29 @@ std::vector<HandshakeLine> Describe(const Handshake& values);
 std::string MeaningOfResult(std::optional<std::uint32_t> result);
 /// @return the Win32 error, 0 on success. Makes the key if need be.
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value);
-/// @return the Win32 error of opening the key for writing, 0 when it can be.
+/// @return the Win32 error of opening the key as the library does, 0 when it can be. A key that was not
+/// there is not there afterwards either.
 DWORD CheckHandshakeKeyWritable(const HandshakeKey& key);
 
 /// Signals an event whenever a value under the key changes. Arm first, then look, then wait: a change
 /// between two looks is then never missed.
 class HandshakeWatch {
  public:
-  explicit HandshakeWatch(const HandshakeKey& key);
+  explicit HandshakeWatch(HandshakeKey key);
 
-  /// @return the Win32 error, 0 when the event will be signalled at the next change.
+  /// Arms the event anew after a change; while no change has come, it stays armed.
+  /// @return the Win32 error, 0 when the event will be signalled at the next change; ERROR_FILE_NOT_FOUND
+  /// while there is no key.
   DWORD Arm();
   HANDLE Event() const { return m_event.get(); }
 
  private:
-  struct HandleCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
-  };
-  struct KeyCloser {
-    using pointer = HKEY;
-    void operator()(HKEY key) const noexcept { ::RegCloseKey(key); }
-  };
+  bool IsArmed() const;
+  DWORD Open();
 
-  std::unique_ptr<void, HandleCloser> m_event;
-  std::unique_ptr<HKEY__, KeyCloser> m_key;
+  HandshakeKey m_location;
+  // In this order the key is closed first: that signals the event.
+  OwnedHandle m_event = NewEvent();
+  OwnedKey m_key;
+  bool m_armed = false;
 };

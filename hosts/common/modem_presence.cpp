@@ -17,13 +17,27 @@ constexpr wchar_t kAtPort[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";
 constexpr GUID kResetInterface = {
     0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
 
+/// The device manager's list of what is present; empty when it cannot be had.
+std::vector<wchar_t> PresentDeviceList() {
+  for (;;) {
+    ULONG length = 0;
+    if (::CM_Get_Device_ID_List_SizeW(&length, nullptr, CM_GETIDLIST_FILTER_PRESENT) != CR_SUCCESS) return {};
+    std::vector<wchar_t> list(length + 1);
+    switch (::CM_Get_Device_ID_ListW(nullptr, list.data(), length, CM_GETIDLIST_FILTER_PRESENT)) {
+      case CR_SUCCESS:
+        return list;
+      case CR_BUFFER_SMALL:
+        break;  // A device came in between.
+      default:
+        return {};
+    }
+  }
+}
+
 std::vector<std::wstring> PresentDeviceIds() {
-  ULONG length = 0;
-  if (::CM_Get_Device_ID_List_SizeW(&length, nullptr, CM_GETIDLIST_FILTER_PRESENT) != CR_SUCCESS) return {};
-  std::vector<wchar_t> list(length + 1);
-  if (::CM_Get_Device_ID_ListW(nullptr, list.data(), length, CM_GETIDLIST_FILTER_PRESENT) != CR_SUCCESS)
-    return {};
+  const std::vector<wchar_t> list = PresentDeviceList();
   std::vector<std::wstring> ids;
+  if (list.empty()) return ids;
   for (const wchar_t* id = list.data(); *id != L'\0'; id += std::wcslen(id) + 1) {
     std::wstring& copy = ids.emplace_back(id);
     for (wchar_t& unit : copy) unit = static_cast<wchar_t>(std::towupper(unit));
@@ -70,6 +84,20 @@ const char* NameOf(ModemMode mode) {
       return "flash port (boot loader)";
     case ModemMode::AtPortOnly:
       return "AT port only";
+    case ModemMode::Absent:
+      return "absent";
+  }
+  return "unknown";
+}
+
+const char* TokenOf(ModemMode mode) {
+  switch (mode) {
+    case ModemMode::Mbim:
+      return "mbim";
+    case ModemMode::FlashPort:
+      return "flash_port";
+    case ModemMode::AtPortOnly:
+      return "at_port";
     case ModemMode::Absent:
       return "absent";
   }

@@ -11,4 +11,6 @@ struct ModemPresence {
 };
 
 ModemPresence LookForModem();
+/// For people, and for programs.
 const char* NameOf(ModemMode mode);
+const char* TokenOf(ModemMode mode);

@@ -2,13 +2,24 @@
 
 #include <windows.h>
 
-std::string ToUtf8(std::wstring_view text) {
-  const int length = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                           nullptr, nullptr);
+namespace {
+
+std::string Narrowed(std::wstring_view text, UINT codePage) {
+  const auto size = static_cast<int>(text.size());
+  const int length = ::WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
   std::string narrow(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
-  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(), length,
-                        nullptr, nullptr);
+  ::WideCharToMultiByte(codePage, 0, text.data(), size, narrow.data(), length, nullptr, nullptr);
   return narrow;
+}
+
+}  // namespace
+
+std::string ToUtf8(std::wstring_view text) {
+  return Narrowed(text, CP_UTF8);
+}
+
+std::string ToAnsi(std::wstring_view text) {
+  return Narrowed(text, CP_ACP);
 }
 
 std::wstring ToWide(std::string_view text) {

@@ -6,6 +6,8 @@
 /// UTF-8 for people and JSON, UTF-16 for Windows.
 std::string ToUtf8(std::wstring_view text);
 std::wstring ToWide(std::string_view text);
+/// The system's narrow form, for functions that take no other; what it cannot hold becomes "?".
+std::string ToAnsi(std::wstring_view text);
 
 /// The system's message for an error code, without its line end.
 std::string SystemErrorText(unsigned long error);

@@ -2,11 +2,16 @@
 
 #include <windows.h>
 
+#include <utility>
+
 #include "configuration_file.h"
 #include "identity.h"
 #include "text.h"
 
 namespace {
+
+constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
+constexpr wchar_t kConfiguration[] = L"CorvelConfig.ini";
 
 // ToolKit::IsConfigLoaded under the name that the library's compiler gives it.
 #if defined(_MSC_VER)
@@ -15,29 +20,32 @@ constexpr char kIsConfigLoaded[] = "?IsConfigLoaded@ToolKit@@SA_NXZ";
 constexpr char kIsConfigLoaded[] = "_ZN7ToolKit14IsConfigLoadedEv";
 #endif
 
+FlashLibrary Failed(unsigned long code, std::wstring reason) {
+  return {.failure = LibraryFailure{code, std::move(reason)}, .key = {}};
+}
+
 }  // namespace
 
-std::optional<LibraryFailure> LoadFlashLibrary() {
-  const std::wstring path = ProgramFolder() + L"CorvelToolKit.dll";
+FlashLibrary LoadFlashLibrary() {
+  const std::wstring path = ProgramFolder() + kLibrary;
+  // Never freed: its supervisor runs for the life of the process.
   const HMODULE library = ::LoadLibraryW(path.c_str());
   if (library == nullptr) {
-    return LibraryFailure{kFailedNoLibrary, path + L": " + ToWide(SystemErrorText(::GetLastError()))};
+    const DWORD error = ::GetLastError();
+    return Failed(kFailedNoLibrary, path + L": " + ToWide(SystemErrorText(error)));
   }
   const auto isConfigLoaded = reinterpret_cast<bool (*)()>(::GetProcAddress(library, kIsConfigLoaded));
-  if (isConfigLoaded == nullptr) return LibraryFailure{kFailedNoLibrary, path + L" is of another version"};
-  if (!isConfigLoaded()) {
-    return LibraryFailure{kFailedNoConfiguration,
-                          ProgramFolder() + L"CorvelConfig.ini is missing, or held open by another program"};
+  if (isConfigLoaded == nullptr) return Failed(kFailedNoLibrary, path + L" is of another version");
+  const auto key = FlashServiceKey();
+  if (!isConfigLoaded() || !key) {
+    return Failed(kFailedNoConfiguration,
+                  ProgramFolder() + kConfiguration + L" is missing, or another program has it open");
   }
-  return std::nullopt;
+  return {.failure = std::nullopt, .key = *key};
 }
 
-HandshakeKey FlashServiceKey() {
-  const auto configuration = ConfigurationFile::Read(ProgramFolder() + L"CorvelConfig.ini");
-  return configuration ? configuration->ServiceKey() : HandshakeKey{};
-}
-
-bool IsFlashing() {
-  const Handshake values = ReadHandshake(FlashServiceKey());
-  return values.onGoing == 1u && (values.Is(FlashResult::Flashing) || values.Is(FlashResult::Retrying));
+std::optional<HandshakeKey> FlashServiceKey() {
+  const auto configuration = ConfigurationFile::Read(ProgramFolder() + kConfiguration);
+  if (!configuration) return std::nullopt;
+  return configuration->ServiceKey();
 }

@@ -11,12 +11,17 @@ struct LibraryFailure {
   std::wstring reason;
 };
 
+/// The flash library in this process.
+struct FlashLibrary {
+  /// Nothing when it serves.
+  std::optional<LibraryFailure> failure;
+  /// Where it and the controlling program meet.
+  HandshakeKey key;
+};
+
 /// Loads the flash library, which starts its supervisor, and looks whether it found its configuration.
 /// Loaded here and not by the loader: the verbs that only manage the service must not start it.
-std::optional<LibraryFailure> LoadFlashLibrary();
+FlashLibrary LoadFlashLibrary();
 
-/// The handshake key that the library took from the configuration.
-HandshakeKey FlashServiceKey();
-
-/// True while an attempt is running, from booting the modem to its return.
-bool IsFlashing();
+/// The handshake key that the configuration names at present; nothing when it cannot be read.
+std::optional<HandshakeKey> FlashServiceKey();

@@ -13,5 +13,6 @@ inline constexpr unsigned long kControlForcedStop = 128;
 inline constexpr unsigned long kFailedNoLibrary = 1;
 inline constexpr unsigned long kFailedNoConfiguration = 2;
 
-/// How long a stop may wait for a running flash: one attempt with its re-arrival, and some.
-inline constexpr unsigned long kLongestStopMs = 180000;
+/// How long a stop may wait for a running attempt: 130 s of download, 23 s for the modem's return, and some.
+/// More than any limit that the system gives a service by itself.
+inline constexpr unsigned long kLongestStopMs = 200000;

@@ -1,16 +1,19 @@
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "flash_library.h"
 #include "identity.h"
+#include "json_output.h"
 #include "service_body.h"
 #include "service_control.h"
+#include "terminal.h"
 #include "text.h"
 
 namespace {
@@ -31,6 +34,10 @@ std::string Advice(const ControlResult& result) {
       return "Install it first: corvel_service install";
     case ERROR_SERVICE_EXISTS:
       return "It is installed already.";
+    case ERROR_SERVICE_ALREADY_RUNNING:
+      return "It is running already.";
+    case ERROR_SERVICE_NOT_ACTIVE:
+      return "It is not running.";
     case ERROR_INVALID_SERVICE_CONTROL:
     case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
       return "A flash is running. Wait for its end, or use --force and let the next flash recover the modem.";
@@ -43,6 +50,10 @@ std::string Advice(const ControlResult& result) {
 
 int Conclude(const ControlResult& result, const std::string& success) {
   if (result.error == ERROR_SUCCESS) {
+    if (*result.missing != '\0') {
+      std::cerr << "corvel_service: This service manager does not offer " << result.missing << "."
+                << std::endl;
+    }
     std::cout << success << std::endl;
     return kDone;
   }
@@ -57,16 +68,15 @@ int ShowStatus(bool json) {
   ServiceState state;
   const ControlResult result = QueryFlashService(state);
   if (result.error != ERROR_SUCCESS) return Conclude(result, "");
-  const Handshake values = ReadHandshake(FlashServiceKey());
+  const auto key = FlashServiceKey();
+  const Handshake values = key ? ReadHandshake(*key) : Handshake{};
   if (json) {
-    const nlohmann::ordered_json document{
-        {"installed", state.installed},
-        {"state", state.installed ? NameOfState(state.state) : "not installed"},
-        {"process_id", state.processId},
-        {"exit_code", state.win32ExitCode},
-        {"service_exit_code", state.serviceExitCode},
-        {"flash_result", MeaningOfResult(values.result)}};
-    std::cout << document.dump(2) << std::endl;
+    PrintJson({{"installed", state.installed},
+               {"state", state.installed ? NameOfState(state.state) : "not installed"},
+               {"process_id", state.processId},
+               {"exit_code", state.win32ExitCode},
+               {"service_exit_code", state.serviceExitCode},
+               {"flash_result", MeaningOfResult(values.result)}});
     return kDone;
   }
   std::cout << ToUtf8(kServiceName) << ": " << (state.installed ? NameOfState(state.state) : "not installed");
@@ -82,7 +92,7 @@ int RunWithoutVerb(const CLI::App& program) {
   const unsigned long error = RunAsService();
   if (error == ERROR_SUCCESS) return kDone;
   if (error != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) {
-    std::cerr << "corvel_service: " << SystemErrorText(error) << std::endl;
+    std::cerr << "corvel_service: " << SystemErrorText(error) << "." << std::endl;
     return kFailed;
   }
   std::cerr << "corvel_service: This program was not started by the service manager; it needs a verb.\n\n"
@@ -90,53 +100,63 @@ int RunWithoutVerb(const CLI::App& program) {
   return kWrongUsage;
 }
 
-}  // namespace
-
-int main(int count, char** words) try {
+int Run(std::vector<std::string> words) {
   CLI::App program{"Runs the modem flash library as a Windows service."};
   program.name("corvel_service");
   program.set_version_flag("--version", std::string("corvel_service ") + CORVEL_VERSION);
   program.footer(kExitCodes);
   program.require_subcommand(0, 1);
-  int status = kDone;
+
+  std::function<int()> action = [&program] { return RunWithoutVerb(program); };
+  const auto add = [&](const char* name, const char* description, std::function<int()> verbAction) {
+    CLI::App* const verb = program.add_subcommand(name, description);
+    verb->footer(kExitCodes);
+    verb->callback([&action, verbAction = std::move(verbAction)] { action = verbAction; });
+    return verb;
+  };
 
   std::string start = "auto";
-  CLI::App* const install = program.add_subcommand("install", "Install the service");
-  install->add_option("--start", start, "When the service starts")
+  add("install", "Install the service",
+      [&] { return Conclude(InstallService(start == "auto"), "Installed."); })
+      ->add_option("--start", start, "When the service starts")
       ->check(CLI::IsMember({"auto", "demand"}))
       ->capture_default_str();
-  install->callback([&] { status = Conclude(InstallService(start == "auto"), "Installed."); });
-
-  program.add_subcommand("uninstall", "Stop the service and remove it")->callback([&] {
-    status = Conclude(UninstallService(), "Removed.");
-  });
-  program.add_subcommand("start", "Start the service")->callback([&] {
-    status = Conclude(StartFlashService(), "Running.");
-  });
+  add("uninstall", "Stop the service and remove it", [] { return Conclude(UninstallService(), "Removed."); });
+  add("start", "Start the service", [] { return Conclude(StartFlashService(), "Running."); });
 
   bool forced = false;
-  CLI::App* const stop = program.add_subcommand("stop", "Stop the service, unless a flash is running");
-  stop->add_flag("--force", forced, "Stop it even then");
-  stop->callback([&] { status = Conclude(StopFlashService(forced), "Stopped."); });
+  add("stop", "Stop the service, unless a flash is running", [&] {
+    return Conclude(StopFlashService(forced), "Stopped.");
+  })->add_flag("--force", forced, "Stop it even then");
 
   bool json = false;
-  CLI::App* const state = program.add_subcommand("status", "Show the service's state");
-  state->add_flag("--json", json, "Print one JSON document and nothing else");
-  state->callback([&] { status = ShowStatus(json); });
+  add("status", "Show the service's state", [&] {
+    return ShowStatus(json);
+  })->add_flag("--json", json, "Print one JSON document and nothing else");
 
   bool console = false;
-  CLI::App* const run = program.add_subcommand("run", "Run in this terminal until Ctrl+C");
-  run->add_flag("--console", console, "Needed, so that nobody does it by mistake")->required();
-  run->callback([&] { status = RunInConsole(); });
+  add("run", "Run in this terminal until Ctrl+C", [] { return RunInConsole(); })
+      ->add_flag("--console", console, "Needed, so that nobody does it by mistake")
+      ->required();
 
   try {
-    program.parse(count, words);
+    // The parser takes them from the back.
+    std::ranges::reverse(words);
+    program.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    const int code = program.exit(error);
-    return code == 0 ? kDone : kWrongUsage;
+    return program.exit(error) == 0 ? kDone : kWrongUsage;
   }
-  return program.get_subcommands().empty() ? RunWithoutVerb(program) : status;
-} catch (const std::exception& error) {
-  std::cerr << "corvel_service: " << error.what() << std::endl;
-  return kFailed;
+  return action();
+}
+
+}  // namespace
+
+int main() {
+  const Utf8Terminal terminal;
+  try {
+    return Run(CommandLineWords());
+  } catch (const std::exception& error) {
+    std::cerr << "corvel_service: " << error.what() << "." << std::endl;
+    return kFailed;
+  }
 }

@@ -2,16 +2,16 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include "event_log.h"
 #include "flash_library.h"
 #include "identity.h"
+#include "interruption.h"
 #include "messages.h"
+#include "owners.h"
 #include "text.h"
 
 namespace {
@@ -20,22 +20,17 @@ constexpr DWORD kStartHintMs = 10000;
 constexpr DWORD kPollWhileStoppingMs = 500;
 constexpr DWORD kStopHintMs = 5000;
 
-struct HandleCloser {
-  using pointer = HANDLE;
-  void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
-};
-using UniqueHandle = std::unique_ptr<void, HandleCloser>;
+/// How often the handshake is looked at while its key announces no changes.
+constexpr DWORD kPollWithoutNoticeMs = 1000;
 
-UniqueHandle NewEvent() {
-  return UniqueHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+DWORD PeriodOf(HandshakeWatch& watch) {
+  return watch.Arm() == ERROR_SUCCESS ? INFINITE : kPollWithoutNoticeMs;
 }
 
 /// The service between start and stop. Controls come on the dispatcher's thread, the rest runs on the
 /// service's own.
 class Service {
  public:
-  Service() : m_stop(NewEvent()), m_force(NewEvent()) {}
-
   void Run();
 
  private:
@@ -44,13 +39,13 @@ class Service {
   void Report(DWORD state, DWORD hintMs = 0);
   void ReportFailure(const LibraryFailure& failure);
   void WaitForStop();
-  bool WaitForFlashToEnd();
+  bool WaitForAttemptToEnd();
 
   SERVICE_STATUS_HANDLE m_status = nullptr;
-  UniqueHandle m_stop;
-  UniqueHandle m_force;
-  std::atomic<DWORD> m_state{SERVICE_START_PENDING};
-  std::atomic<bool> m_flashing{false};
+  OwnedHandle m_stop = NewEvent();
+  OwnedHandle m_force = NewEvent();
+  HandshakeKey m_key;
+  bool m_flashing = false;
   DWORD m_checkPoint = 0;
 };
 
@@ -60,8 +55,12 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
     case kControlForcedStop:
       ::SetEvent(service.m_force.get());
       [[fallthrough]];
-    case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_PRESHUTDOWN:
+      ::SetEvent(service.m_stop.get());
+      return NO_ERROR;
+    case SERVICE_CONTROL_STOP:
+      // The manager may not have heard yet that no stop is accepted.
+      if (ReadHandshake(service.m_key).IsJobRunning()) return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
       ::SetEvent(service.m_stop.get());
       return NO_ERROR;
     case SERVICE_CONTROL_INTERROGATE:
@@ -72,7 +71,6 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
 }
 
 void Service::Report(DWORD state, DWORD hintMs) {
-  m_state = state;
   SERVICE_STATUS status{};
   status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
   status.dwCurrentState = state;
@@ -98,18 +96,23 @@ void Service::ReportFailure(const LibraryFailure& failure) {
 }
 
 void Service::WaitForStop() {
-  HandshakeWatch watch(FlashServiceKey());
+  HandshakeWatch watch(m_key);
   const HANDLE signals[] = {m_stop.get(), watch.Event()};
+  DWORD period = INFINITE;
   do {
-    watch.Arm();
-    const bool flashing = IsFlashing();
-    if (m_flashing.exchange(flashing) != flashing) Report(SERVICE_RUNNING);
-  } while (::WaitForMultipleObjects(2, signals, FALSE, INFINITE) != WAIT_OBJECT_0);
+    // Armed before the look, so that no change falls between the look and the wait.
+    period = PeriodOf(watch);
+    const bool flashing = ReadHandshake(m_key).IsJobRunning();
+    if (flashing == m_flashing) continue;
+    m_flashing = flashing;
+    Report(SERVICE_RUNNING);
+  } while (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0);
 }
 
-/// @return false when the flash had to be left running.
-bool Service::WaitForFlashToEnd() {
-  for (DWORD waited = 0; IsFlashing(); waited += kPollWhileStoppingMs) {
+/// Between two attempts a stop does no harm: the job begins anew when the service is started next.
+/// @return false when the attempt had to be left running.
+bool Service::WaitForAttemptToEnd() {
+  for (DWORD waited = 0; ReadHandshake(m_key).IsAttemptRunning(); waited += kPollWhileStoppingMs) {
     if (waited >= kLongestStopMs) return false;
     Report(SERVICE_STOP_PENDING, kStopHintMs);
     if (::WaitForSingleObject(m_force.get(), kPollWhileStoppingMs) == WAIT_OBJECT_0) return false;
@@ -121,16 +124,15 @@ void Service::Run() {
   m_status = ::RegisterServiceCtrlHandlerExW(kServiceName, OnControl, this);
   if (m_status == nullptr) return;
   Report(SERVICE_START_PENDING, kStartHintMs);
-  if (const auto failure = LoadFlashLibrary()) {
-    ReportFailure(*failure);
-    return;
-  }
+  const FlashLibrary library = LoadFlashLibrary();
+  if (library.failure) return ReportFailure(*library.failure);
+  m_key = library.key;
   Report(SERVICE_RUNNING);
-  WriteEvent(MSG_SERVICE_STARTED, ToWide(FlashServiceKey().Text()));
+  WriteEvent(MSG_SERVICE_STARTED, ToWide(m_key.Text()));
 
   WaitForStop();
   Report(SERVICE_STOP_PENDING, kStopHintMs);
-  const bool complete = WaitForFlashToEnd();
+  const bool complete = WaitForAttemptToEnd();
   WriteEvent(complete ? MSG_SERVICE_STOPPED : MSG_SERVICE_STOPPED_WHILE_FLASHING);
   Report(SERVICE_STOPPED);
 }
@@ -141,17 +143,28 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
   service.Run();
 }
 
-HANDLE g_interrupted = nullptr;
-
-BOOL WINAPI OnConsoleControl(DWORD) {
-  ::SetEvent(g_interrupted);
-  return TRUE;
-}
-
 void Print(const Handshake& values) {
   std::cout << "Fls_Ready " << values.ready.value_or(0) << ", Flash_Result " << values.result.value_or(0)
             << " (" << MeaningOfResult(values.result) << "), " << values.progress.value_or(0) << " %"
             << std::endl;
+}
+
+/// Shows every change until it is interrupted, while a flash is running twice.
+void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interruption) {
+  HandshakeWatch watch(key);
+  const HANDLE signals[] = {interruption.Event(), watch.Event()};
+  for (bool warned = false;;) {
+    const DWORD period = PeriodOf(watch);
+    Print(ReadHandshake(key));
+    if (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0) continue;
+    if (warned || interruption.IsFinal() || !ReadHandshake(key).IsJobRunning()) return;
+    std::cerr
+        << "corvel_service: A flash is running. Stopping now may leave the modem in flash mode; the next "
+           "flash recovers it.\nPress Ctrl+C once more to stop all the same."
+        << std::endl;
+    warned = true;
+    ::ResetEvent(interruption.Event());
+  }
 }
 
 }  // namespace
@@ -163,26 +176,14 @@ unsigned long RunAsService() {
 }
 
 int RunInConsole() {
-  const UniqueHandle interrupted = NewEvent();
-  g_interrupted = interrupted.get();
-  ::SetConsoleCtrlHandler(OnConsoleControl, TRUE);
-  if (const auto failure = LoadFlashLibrary()) {
-    std::cerr << "corvel_service: " << ToUtf8(failure->reason) << "\nMend it and start again." << std::endl;
+  const Interruption interruption;
+  const FlashLibrary library = LoadFlashLibrary();
+  if (library.failure) {
+    std::cerr << "corvel_service: " << ToUtf8(library.failure->reason) << "\nMend it and start again."
+              << std::endl;
     return 1;
   }
-  const HandshakeKey key = FlashServiceKey();
-  std::cout << "Waiting for Fls_Ready under " << key.Text() << "; Ctrl+C ends." << std::endl;
-  HandshakeWatch watch(key);
-  const HANDLE signals[] = {interrupted.get(), watch.Event()};
-  do {
-    watch.Arm();
-    Print(ReadHandshake(key));
-  } while (::WaitForMultipleObjects(2, signals, FALSE, INFINITE) != WAIT_OBJECT_0);
-  if (IsFlashing()) {
-    std::cerr
-        << "corvel_service: stopped while a flash was running. The modem may be left in flash mode; the next "
-           "flash recovers it."
-        << std::endl;
-  }
+  std::cout << "Waiting for Fls_Ready under " << library.key.Text() << "; Ctrl+C ends." << std::endl;
+  ShowUntilInterrupted(library.key, interruption);
   return 0;
 }

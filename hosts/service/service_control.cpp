@@ -80,6 +80,23 @@ DWORD ExitCodeOf(SC_HANDLE service) {
   return status.dwWin32ExitCode != NO_ERROR ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
 }
 
+/// Gives a new service all that it needs beyond its entry in the manager's list.
+ControlResult Furnish(SC_HANDLE service) {
+  if (!SetDescription(service)) return Failed("describe the service");
+  if (!SetPreShutdownLimit(service)) return Failed("set the time limit of a shutdown");
+  const bool restarts = SetFailureActions(service);
+  // A manager that does not know such a setting runs the service all the same.
+  if (!restarts && ::GetLastError() != ERROR_INVALID_LEVEL) return Failed("set the failure actions");
+  return {RegisterEventSourceMessages(), "register the messages of the event log",
+          restarts ? "" : "a restart after a failure"};
+}
+
+ControlResult Remove(SC_HANDLE service) {
+  if (!::DeleteService(service)) return Failed("delete the service");
+  UnregisterEventSourceMessages();
+  return {};
+}
+
 }  // namespace
 
 ControlResult InstallService(bool automatic) {
@@ -92,26 +109,22 @@ ControlResult InstallService(bool automatic) {
                        SERVICE_WIN32_OWN_PROCESS, automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START,
                        SERVICE_ERROR_NORMAL, command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
   if (service == nullptr) return Failed("create the service");
-  if (!SetDescription(service.get())) return Failed("describe the service");
-  if (!SetFailureActions(service.get())) return Failed("set the failure actions");
-  if (!SetPreShutdownLimit(service.get())) return Failed("set the time limit of a shutdown");
-  return {RegisterEventSourceMessages(), "register the messages of the event log"};
+  const ControlResult furnished = Furnish(service.get());
+  if (furnished.error != ERROR_SUCCESS) Remove(service.get());
+  return furnished;
 }
 
 ControlResult UninstallService() {
   const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service = OpenFlashService(
-      manager.get(), DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_USER_DEFINED_CONTROL);
+  const UniqueService service = OpenFlashService(manager.get(), DELETE | SERVICE_QUERY_STATUS);
   if (service == nullptr) return Failed("open the service");
   SERVICE_STATUS_PROCESS status{};
   if (QueryStatus(service.get(), status) && status.dwCurrentState != SERVICE_STOPPED) {
     const ControlResult stopped = StopFlashService(false);
     if (stopped.error != ERROR_SUCCESS) return stopped;
   }
-  if (!::DeleteService(service.get())) return Failed("delete the service");
-  UnregisterEventSourceMessages();
-  return {};
+  return Remove(service.get());
 }
 
 ControlResult StartFlashService() {

@@ -7,6 +7,8 @@ struct ControlResult {
   DWORD error = ERROR_SUCCESS;
   /// What the failing call was meant to do.
   const char* step = "";
+  /// What the service goes without although the call succeeded; empty: nothing.
+  const char* missing = "";
 };
 
 struct ServiceState {

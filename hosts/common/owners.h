@@ -1,0 +1,30 @@
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+
+// Owners of system objects. An empty one holds nullptr, never INVALID_HANDLE_VALUE.
+
+struct OwnedHandleCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
+};
+using OwnedHandle = std::unique_ptr<void, OwnedHandleCloser>;
+
+struct OwnedKeyCloser {
+  using pointer = HKEY;
+  void operator()(HKEY key) const noexcept { ::RegCloseKey(key); }
+};
+using OwnedKey = std::unique_ptr<HKEY__, OwnedKeyCloser>;
+
+struct OwnedModuleCloser {
+  using pointer = HMODULE;
+  void operator()(HMODULE module) const noexcept { ::FreeLibrary(module); }
+};
+using OwnedModule = std::unique_ptr<HINSTANCE__, OwnedModuleCloser>;
+
+/// An event without a name that stays signalled until it is reset.
+inline OwnedHandle NewEvent() {
+  return OwnedHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+}

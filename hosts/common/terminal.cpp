@@ -1,0 +1,31 @@
+#include "terminal.h"
+
+#include <shellapi.h>
+
+#include <memory>
+
+#include "text.h"
+
+namespace {
+
+struct LocalMemoryFreer {
+  void operator()(wchar_t** memory) const noexcept { ::LocalFree(memory); }
+};
+
+}  // namespace
+
+std::vector<std::string> CommandLineWords() {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, LocalMemoryFreer> words(::CommandLineToArgvW(::GetCommandLineW(), &count));
+  std::vector<std::string> texts;
+  for (int i = 1; i < count; ++i) texts.push_back(ToUtf8(words.get()[i]));
+  return texts;
+}
+
+Utf8Terminal::Utf8Terminal() : m_former(::GetConsoleOutputCP()) {
+  ::SetConsoleOutputCP(CP_UTF8);
+}
+
+Utf8Terminal::~Utf8Terminal() {
+  ::SetConsoleOutputCP(m_former);
+}

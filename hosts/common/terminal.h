@@ -1,0 +1,21 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+/// The words of the command line in UTF-8, without the program's name.
+std::vector<std::string> CommandLineWords();
+
+/// Lets a terminal show UTF-8 for as long as it lives.
+class Utf8Terminal {
+ public:
+  Utf8Terminal();
+  ~Utf8Terminal();
+  Utf8Terminal(const Utf8Terminal&) = delete;
+  Utf8Terminal& operator=(const Utf8Terminal&) = delete;
+
+ private:
+  UINT m_former;
+};

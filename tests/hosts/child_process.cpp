@@ -1,0 +1,113 @@
+#include "child_process.h"
+
+#include <array>
+#include <stdexcept>
+
+namespace {
+
+constexpr UINT kEndedByTest = 254;
+void* const kInterruptEvent = reinterpret_cast<void*>(ULONG_PTR{CTRL_C_EVENT});
+constexpr std::chrono::milliseconds kLookPeriod{20};
+
+std::wstring CommandLine(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+  std::wstring line = L"\"" + program.wstring() + L"\"";
+  for (const std::wstring& argument : arguments) line += L" \"" + argument + L"\"";
+  return line;
+}
+
+}  // namespace
+
+ChildProcess::Collector::Collector() {
+  SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  HANDLE read = nullptr;
+  HANDLE write = nullptr;
+  if (!::CreatePipe(&read, &write, &inherited, 0)) throw std::runtime_error("no pipe for a child's output");
+  ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
+  m_read.reset(read);
+  m_write.reset(write);
+}
+
+ChildProcess::Collector::~Collector() {
+  if (m_thread.joinable()) m_thread.join();
+}
+
+void ChildProcess::Collector::Begin() {
+  m_write.reset();
+  m_thread = std::thread([this] {
+    std::array<char, 4096> part{};
+    for (DWORD size = 0; ::ReadFile(m_read.get(), part.data(), part.size(), &size, nullptr);) {
+      const std::lock_guard lock(m_mutex);
+      m_text.append(part.data(), size);
+    }
+  });
+}
+
+void ChildProcess::Collector::WaitForEnd() {
+  if (m_thread.joinable()) m_thread.join();
+}
+
+std::string ChildProcess::Collector::Text() {
+  const std::lock_guard lock(m_mutex);
+  return m_text;
+}
+
+ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = m_output.WriteEnd();
+  startup.hStdError = m_errors.WriteEnd();
+  std::wstring line = CommandLine(program, arguments);
+  PROCESS_INFORMATION child{};
+  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                        program.parent_path().c_str(), &startup, &child)) {
+    throw std::runtime_error("the host cannot be started");
+  }
+  ::CloseHandle(child.hThread);
+  m_process.reset(child.hProcess);
+  m_output.Begin();
+  m_errors.Begin();
+}
+
+ChildProcess::~ChildProcess() {
+  if (m_process != nullptr && ::WaitForSingleObject(m_process.get(), 0) == WAIT_TIMEOUT) {
+    ::TerminateProcess(m_process.get(), kEndedByTest);
+  }
+}
+
+std::optional<int> ChildProcess::WaitForEnd(std::chrono::milliseconds limit) {
+  if (::WaitForSingleObject(m_process.get(), static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) {
+    return std::nullopt;
+  }
+  m_output.WaitForEnd();
+  m_errors.WaitForEnd();
+  DWORD status = 0;
+  ::GetExitCodeProcess(m_process.get(), &status);
+  return static_cast<int>(status);
+}
+
+bool ChildProcess::Says(const std::string& text, std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const auto says = [&] { return (Output() + Errors()).find(text) != std::string::npos; };
+  while (!says() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(kLookPeriod);
+  return says();
+}
+
+bool ChildProcess::Interrupt() const {
+  // What the system itself starts in each process of a console. Going by the console is no choice: there may
+  // be none, and it would interrupt the test too.
+  const auto deliver = reinterpret_cast<LPTHREAD_START_ROUTINE>(
+      ::GetProcAddress(::GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine"));
+  const OwnedHandle thread(
+      ::CreateRemoteThread(m_process.get(), nullptr, 0, deliver, kInterruptEvent, 0, nullptr));
+  return thread != nullptr;
+}
+
+RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+  ChildProcess child(program, arguments);
+  RunResult result;
+  result.exitCode = child.WaitForEnd();
+  result.output = child.Output();
+  result.errors = child.Errors();
+  return result;
+}

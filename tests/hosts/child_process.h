@@ -1,0 +1,64 @@
+#pragma once
+
+#include <windows.h>
+
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "owners.h"
+
+/// A host that runs as a child, with pipes for its output. Ended by force when the test is over.
+class ChildProcess {
+ public:
+  ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  /// Waits for the end. @return the exit status; nothing when it has not ended in time.
+  std::optional<int> WaitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(60));
+  /// Waits until the program has written the text on standard output or standard error.
+  bool Says(const std::string& text, std::chrono::milliseconds limit = std::chrono::seconds(60));
+  /// Ctrl+C, for this program alone.
+  bool Interrupt() const;
+
+  std::string Output() { return m_output.Text(); }
+  std::string Errors() { return m_errors.Text(); }
+
+ private:
+  /// What comes through one pipe, collected by a thread.
+  class Collector {
+   public:
+    Collector();
+    ~Collector();
+    HANDLE WriteEnd() const { return m_write.get(); }
+    /// The child has its own copy of the write end by now.
+    void Begin();
+    void WaitForEnd();
+    std::string Text();
+
+   private:
+    OwnedHandle m_read;
+    OwnedHandle m_write;
+    std::mutex m_mutex;
+    std::string m_text;
+    std::thread m_thread;
+  };
+
+  Collector m_output;
+  Collector m_errors;
+  OwnedHandle m_process;
+};
+
+/// How a program that was run to its end came out.
+struct RunResult {
+  std::optional<int> exitCode;
+  std::string output;
+  std::string errors;
+};
+RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments);

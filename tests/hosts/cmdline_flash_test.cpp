@@ -1,0 +1,300 @@
+#include <sstream>
+
+#include "cmdline_test.h"
+#include "text.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr char kFast[] = "speed=60";
+
+class FlashTest : public CommandLineTest {
+ protected:
+  RunResult Flash(const Arguments& more = {}) const {
+    Arguments arguments{L"flash"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return RunHost(arguments);
+  }
+  bool ImagesAreThere() const {
+    return std::filesystem::exists(workspace.ModemImage()) && std::filesystem::exists(workspace.NvmImage());
+  }
+  std::string Log() const { return workspace.Content(L"FlashCommandLineLogger_DLL.log"); }
+};
+
+// --- Flashes that end ------------------------------------------------------------------------------------
+
+TEST_F(FlashTest, WritesTheImagesIntoTheModem) {
+  workspace.MakeVirtualPc({kFast});
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output,
+              HasSubstr("The modem was flashed and is back. Result 4 (succeeded), 1 attempt, "));
+  EXPECT_THAT(result.output, HasSubstr("Nothing is left to do."));
+  const MemoryComparison comparison = workspace.CompareModemMemory();
+  EXPECT_TRUE(comparison.equal) << comparison.difference;
+}
+
+TEST_F(FlashTest, LeavesTheHandshakeAsASucceededJobDoes) {
+  workspace.MakeVirtualPc({kFast});
+  ASSERT_EQ(Flash().exitCode, 0);
+  const Handshake values = key.Read();
+  EXPECT_EQ(values.ready, 0u);
+  EXPECT_EQ(values.result, 4u);
+  EXPECT_EQ(values.onGoing, 0u);
+  EXPECT_EQ(values.progress, 100u);
+  EXPECT_FALSE(std::filesystem::exists(workspace.ModemImage()));
+}
+
+TEST_F(FlashTest, WithJsonPrintsOneDocumentAndNothingElse) {
+  workspace.MakeVirtualPc({kFast});
+  const RunResult result = Flash({L"--json", L"--quiet"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.errors, IsEmpty());
+  const nlohmann::json document = Document(result.output);
+  ASSERT_TRUE(document.is_object()) << result.output;
+  EXPECT_EQ(document["flashed"], true);
+  EXPECT_EQ(document["result"], 4);
+  EXPECT_EQ(document["attempts"], 1);
+  EXPECT_EQ(document["progress"], 100);
+  EXPECT_EQ(document["log"], ToUtf8(workspace.File(L"FlashCommandLineLogger_DLL.log").wstring()));
+  EXPECT_FALSE(document.contains("error"));
+}
+
+TEST_F(FlashTest, ShowsItsStagesLineByLineWithoutATerminal) {
+  workspace.MakeVirtualPc({kFast});
+  const RunResult result = Flash();
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("into flash mode, 0 %, attempt 1"), HasSubstr("writing, 5"),
+                                   HasSubstr("awaiting the modem, 100 %"), HasSubstr("flashed, 100 %")));
+}
+
+TEST_F(FlashTest, TakesNothingThatAnEarlierRunLeftForItsOwn) {
+  workspace.MakeVirtualPc({kFast});
+  key.Write(L"Flash_Result", 3);
+  key.Write(L"Flash_OnGoing", 1);
+  key.Write(L"Flash_Progress", 77);
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.errors, AllOf(Not(HasSubstr("failed")), Not(HasSubstr("70 %, attempt 1\n0 s"))));
+}
+
+TEST_F(FlashTest, RepeatsAFailedDownload) {
+  workspace.MakeVirtualPc({kFast, "fault=download-refused-once"});
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(Document(result.output)["attempts"], 2);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(FlashTest, FlashesAModemThatAnEarlierRunLeftInFlashMode) {
+  workspace.MakeVirtualPc({kFast, "state=flash port"});
+  EXPECT_EQ(Flash().exitCode, 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(FlashTest, BringsAModemBackThatIsAway) {
+  workspace.MakeVirtualPc({kFast, "state=restarting"});
+  EXPECT_EQ(Flash().exitCode, 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(FlashTest, FailsWhenEveryDownloadFails) {
+  workspace.MakeVirtualPc({kFast, "fault=download-refused"});
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(ErrorCode(result.output), "flash_failed");
+  EXPECT_EQ(Document(result.output)["attempts"], 4);
+  const Handshake values = key.Read();
+  EXPECT_EQ(values.result, 3u);
+  EXPECT_EQ(values.ready, 0u);
+  // Nobody begins another round that would clear it.
+  EXPECT_EQ(values.onGoing, 1u);
+}
+
+TEST_F(FlashTest, MakesNoSecondAttemptWhenRetryTimesIsZero) {
+  key.Write(L"Retry_Times", 0);
+  workspace.MakeVirtualPc({kFast, "fault=download-refused"});
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, AllOf(HasSubstr("The flash failed. Result 3 (failed), 1 attempt, "),
+                                   HasSubstr("copy them anew")));
+}
+
+TEST_F(FlashTest, FailsWhenTheModemDoesNotComeBack) {
+  key.Write(L"Retry_Times", 1);
+  workspace.MakeVirtualPc({kFast, "fault=never-returns"});
+  EXPECT_EQ(Flash().exitCode, 1);
+  const Handshake values = key.Read();
+  EXPECT_EQ(values.result, 3u);
+  EXPECT_EQ(values.onGoing, 0u);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(FlashTest, FailsAndKeepsTheImagesWhenNoDownloadCanBeStarted) {
+  workspace.MakeVirtualPc({kFast, "fault=no-worker"});
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, HasSubstr("The download could not be started"));
+  EXPECT_TRUE(ImagesAreThere());
+  EXPECT_EQ(key.Read().ready, 0u);
+}
+
+// --- Options ---------------------------------------------------------------------------------------------
+
+TEST_F(FlashTest, HandsTheBusToTheLibrary) {
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_EQ(Flash({L"--ipc", L"pcie"}).exitCode, 0);
+  EXPECT_THAT(Log(), HasSubstr("\t IPC Type :PCIE"));
+}
+
+TEST_F(FlashTest, KeepsItsRecordsOutOfTheServicesLog) {
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_EQ(Flash().exitCode, 0);
+  EXPECT_THAT(Log(), AllOf(HasSubstr("Start LoadConfig ++"), HasSubstr("++ MainThreadImplementation")));
+  EXPECT_FALSE(workspace.Holds(L"FlashServiceDebugLogger_DLL.log"));
+}
+
+TEST_F(FlashTest, WritesNoLogAtAllWithoutTrace) {
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_EQ(Flash({L"--trace", L"0"}).exitCode, 0);
+  EXPECT_FALSE(workspace.Holds(L"FlashCommandLineLogger_DLL.log"));
+  EXPECT_FALSE(workspace.Holds(L"FlashServiceDebugLogger_DLL.log"));
+}
+
+TEST_F(FlashTest, LeavesTheRequestToTheControllerWhenAsked) {
+  workspace.MakeVirtualPc({kFast});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(host.Says("waiting to begin"));
+  EXPECT_NE(key.Read().ready, 1u);
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(host.WaitForEnd(), 0);
+}
+
+TEST_F(FlashTest, LetsTheControllerBringTheImagesLater) {
+  workspace.MakeVirtualPc({kFast});
+  workspace.Remove(L"firmware");
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(host.Says("waiting to begin"));
+  workspace.PutImages();
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(host.WaitForEnd(), 0);
+}
+
+TEST_F(FlashTest, TellsAControllerThatBroughtNoImages) {
+  workspace.MakeVirtualPc({kFast});
+  workspace.Remove(L"firmware");
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller", L"--json", L"--quiet"});
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(host.WaitForEnd(), 3);
+  EXPECT_EQ(ErrorCode(host.Output()), "no_images");
+  // The request is the controller's own, so it stays.
+  EXPECT_EQ(key.Read().ready, 1u);
+}
+
+// --- Flashes that cannot begin ---------------------------------------------------------------------------
+
+TEST_F(FlashTest, WithoutImagesItAsksForNothing) {
+  workspace.MakeVirtualPc();
+  workspace.Remove(L"firmware\\modem.fls");
+  workspace.Remove(L"firmware\\nvm.fls");
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(ErrorCode(result.output), "no_images");
+  EXPECT_FALSE(key.Exists());
+}
+
+TEST_F(FlashTest, WithoutFolderItAsksForNothing) {
+  workspace.MakeVirtualPc();
+  workspace.Remove(L"firmware");
+  EXPECT_EQ(Flash().exitCode, 3);
+  EXPECT_FALSE(key.Exists());
+}
+
+TEST_F(FlashTest, IsNotReadyWithoutConfiguration) {
+  workspace.MakeVirtualPc();
+  workspace.Remove(L"CorvelConfig.ini");
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_THAT(result.output, IsEmpty());
+  EXPECT_THAT(result.errors, HasSubstr("Put CorvelConfig.ini beside this program"));
+}
+
+TEST_F(FlashTest, IsNotReadyWithoutFlashingLibraryAndKeepsTheImages) {
+  workspace.MakeVirtualPc();
+  workspace.Remove(L"Firmwareflashdownload.dll");
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "no_flashing_library");
+  EXPECT_TRUE(ImagesAreThere());
+}
+
+TEST_F(FlashTest, IsNotReadyWhileAnotherOneFlashes) {
+  workspace.MakeVirtualPc({kFast});
+  ChildProcess first(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(first.Says("waiting to begin"));
+  const RunResult second = Flash({L"--json"});
+  EXPECT_EQ(second.exitCode, 4);
+  EXPECT_EQ(ErrorCode(second.output), "already_running");
+}
+
+// --- Flashes that are given up ---------------------------------------------------------------------------
+
+TEST_F(FlashTest, TakesItsRequestBackWhenTheTimeLimitPassesInVain) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  const RunResult result = Flash({L"--timeout", L"1", L"--json"});
+  EXPECT_EQ(result.exitCode, 5);
+  EXPECT_EQ(ErrorCode(result.output), "timed_out");
+  EXPECT_EQ(key.Read().ready, 0u);
+  EXPECT_TRUE(ImagesAreThere());
+}
+
+TEST_F(FlashTest, LeavesTheControllersFlagAloneWhenTheTimeLimitPasses) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(Flash({L"--wait-for-controller", L"--timeout", L"1"}).exitCode, 5);
+  EXPECT_EQ(key.Read().ready, 1u);
+}
+
+TEST_F(FlashTest, SaysWhatTheTimeLimitDidToARunningFlash) {
+  workspace.MakeVirtualPc({"speed=1"});
+  const RunResult result = Flash({L"--timeout", L"2"});
+  EXPECT_EQ(result.exitCode, 5);
+  EXPECT_THAT(result.errors, HasSubstr("may be left in flash mode; the next run recovers it"));
+  EXPECT_EQ(key.Read().ready, 0u);
+}
+
+TEST_F(FlashTest, TakesItsRequestBackWhenItIsInterruptedWhileWaiting) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--json"});
+  ASSERT_TRUE(host.Says("waiting to begin"));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 5);
+  EXPECT_EQ(ErrorCode(host.Output()), "interrupted");
+  EXPECT_EQ(key.Read().ready, 0u);
+}
+
+TEST_F(FlashTest, WarnsOnceBeforeItLetsAFlashBeInterrupted) {
+  workspace.MakeVirtualPc({"speed=1"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash"});
+  ASSERT_TRUE(host.Says("into flash mode"));
+  ASSERT_TRUE(host.Interrupt());
+  ASSERT_TRUE(host.Says("Stopping now may leave the modem in flash mode"));
+  EXPECT_EQ(host.WaitForEnd(std::chrono::milliseconds(0)), std::nullopt);
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 5);
+  EXPECT_THAT(host.Errors(), HasSubstr("Interrupted."));
+}
+
+TEST_F(FlashTest, FinishesAFlashThatWasInterruptedOnce) {
+  workspace.MakeVirtualPc({"speed=20"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash"});
+  ASSERT_TRUE(host.Says("into flash mode"));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+}  // namespace

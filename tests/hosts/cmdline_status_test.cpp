@@ -1,0 +1,107 @@
+#include "cmdline_test.h"
+#include "configuration_file.h"
+#include "text.h"
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class StatusTest : public CommandLineTest {
+ protected:
+  nlohmann::json Status(const Arguments& more = {}) const {
+    Arguments arguments{L"status", L"--json"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const RunResult result = RunHost(arguments);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.errors, IsEmpty());
+    return Document(result.output);
+  }
+};
+
+TEST_F(StatusTest, ShowsTheSixValuesWithTheirMeaning) {
+  key.Write(L"Fls_Ready", 1);
+  key.Write(L"Retry_Times", 0);
+  key.Write(L"Time_Out", 153000);
+  key.Write(L"Flash_OnGoing", 1);
+  key.Write(L"Flash_Progress", 42);
+  key.Write(L"Flash_Result", 2);
+  const nlohmann::json values = Status()["values"];
+  EXPECT_EQ(values["Fls_Ready"]["value"], 1);
+  EXPECT_EQ(values["Retry_Times"]["meaning"], "up to 0 retries");
+  EXPECT_EQ(values["Time_Out"]["meaning"], "153 s for one attempt and the modem's return");
+  EXPECT_EQ(values["Flash_OnGoing"]["value"], 1);
+  EXPECT_EQ(values["Flash_Progress"]["meaning"], "42 % of the images are written");
+  EXPECT_EQ(values["Flash_Result"]["meaning"], "retrying");
+}
+
+TEST_F(StatusTest, ShowsAKeyThatIsNotThereWithoutMakingIt) {
+  const nlohmann::json values = Status()["values"];
+  EXPECT_TRUE(values["Fls_Ready"]["value"].is_null());
+  EXPECT_TRUE(values["Flash_Result"]["value"].is_null());
+  EXPECT_FALSE(key.Exists());
+}
+
+TEST_F(StatusTest, ShowsTheImagesThatWouldBeTaken) {
+  const nlohmann::json images = Status()["images"];
+  EXPECT_EQ(images["modem"], ToUtf8(workspace.ModemImage().wstring()));
+  EXPECT_EQ(images["nvm"], ToUtf8(workspace.NvmImage().wstring()));
+}
+
+TEST_F(StatusTest, ShowsTheModemsMode) {
+  EXPECT_EQ(Status()["modem"]["mode"], "absent");
+  workspace.MakeVirtualPc();
+  const nlohmann::json modem = Status()["modem"];
+  EXPECT_EQ(modem["mode"], "mbim");
+  EXPECT_EQ(modem["at_port"], true);
+  EXPECT_EQ(modem["reset_driver"], true);
+  workspace.MakeVirtualPc({"state=flash port"});
+  EXPECT_EQ(Status()["modem"]["mode"], "flash_port");
+}
+
+TEST_F(StatusTest, PrintsTheSameForPeople) {
+  key.Write(L"Flash_Result", 4);
+  const RunResult result = RunHost({L"status"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr("HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService"));
+  EXPECT_THAT(result.output, HasSubstr("Flash_Result    4          succeeded"));
+  EXPECT_THAT(result.output, HasSubstr("Modem:       absent, reset driver absent"));
+}
+
+TEST_F(StatusTest, ShowsTheKeyOfTheServiceWhenAsked) {
+  const KeptKey serviceKey(
+      {.root = HKEY_CURRENT_USER,
+       .rootName = L"HKCU",
+       .path = L"Software\\Corvel\\Test\\Status-" + std::to_wstring(::GetCurrentProcessId())});
+  serviceKey.Write(L"Flash_Progress", 7);
+  workspace.SetServiceKey(ToWide(serviceKey.Location().Text()));
+  const nlohmann::json status = Status({L"--service"});
+  EXPECT_EQ(status["key"], serviceKey.Location().Text());
+  EXPECT_EQ(status["values"]["Flash_Progress"]["value"], 7);
+}
+
+TEST_F(StatusTest, CannotShowTheServiceWithoutItsConfiguration) {
+  workspace.Remove(L"CorvelConfig.ini");
+  const RunResult result = RunHost({L"status", L"--service", L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "no_configuration");
+}
+
+TEST_F(StatusTest, WatchPrintsALineOfJsonPerChangeUntilItIsInterrupted) {
+  ChildProcess watcher(workspace.CommandLineHost(), {L"status", L"--watch", L"--json"});
+  ASSERT_TRUE(watcher.Says("\"never raised\""));
+  key.Write(L"Flash_Progress", 11);
+  ASSERT_TRUE(watcher.Says("\"11 % of the images are written\""));
+  key.Write(L"Flash_Progress", 12);
+  ASSERT_TRUE(watcher.Says("\"12 % of the images are written\""));
+  ASSERT_TRUE(watcher.Interrupt());
+  EXPECT_EQ(watcher.WaitForEnd(), 5);
+
+  std::istringstream lines(watcher.Output());
+  int documents = 0;
+  for (std::string line; std::getline(lines, line); ++documents)
+    EXPECT_TRUE(Document(line).is_object()) << line;
+  EXPECT_GE(documents, 3);
+}
+
+}  // namespace

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "handshake.h"
+
+/// A key of the handshake that is empty for a test, and afterwards what it was before.
+class KeptKey {
+ public:
+  explicit KeptKey(HandshakeKey key) : m_key(std::move(key)), m_before(ReadHandshake(m_key)) { Delete(); }
+  ~KeptKey() {
+    Delete();
+    for (const HandshakeLine& line : Describe(m_before)) {
+      if (line.value)
+        Write(std::wstring(line.name, line.name + std::string_view(line.name).size()), *line.value);
+    }
+  }
+  KeptKey(const KeptKey&) = delete;
+  KeptKey& operator=(const KeptKey&) = delete;
+
+  const HandshakeKey& Location() const { return m_key; }
+  Handshake Read() const { return ReadHandshake(m_key); }
+  void Write(const std::wstring& name, std::uint32_t value) const {
+    WriteHandshakeValue(m_key, name.c_str(), value);
+  }
+  bool Exists() const {
+    HKEY opened = nullptr;
+    const bool exists =
+        ::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_READ, &opened) == ERROR_SUCCESS;
+    const OwnedKey owner(opened);
+    return exists;
+  }
+
+ private:
+  void Delete() const { ::RegDeleteTreeW(m_key.root, m_key.path.c_str()); }
+
+  HandshakeKey m_key;
+  Handshake m_before;
+};
+
+/// The key that the command line always uses.
+inline HandshakeKey KeyOfCommandLine() {
+  return {.path = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService"};
+}

@@ -1,0 +1,383 @@
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <winsvc.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "child_process.h"
+#include "host_workspace.h"
+#include "import_patch.h"
+#include "kept_key.h"
+#include "service_control.h"
+#include "text.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr wchar_t kName[] = L"CorvelFlashService";
+constexpr wchar_t kEventSource[] =
+    L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\CorvelFlashService";
+constexpr wchar_t kServiceEntry[] = L"SYSTEM\\CurrentControlSet\\Services\\CorvelFlashService";
+constexpr DWORD kSystemsStopLimitMs = 180000;
+constexpr DWORD kOneAttemptMs = 153000;
+
+struct ServiceHandleCloser {
+  using pointer = SC_HANDLE;
+  void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
+};
+using ServiceHandle = std::unique_ptr<SC_HANDLE__, ServiceHandleCloser>;
+
+bool KeyExists(const wchar_t* path) {
+  HKEY opened = nullptr;
+  const bool exists = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &opened) == ERROR_SUCCESS;
+  const OwnedKey owner(opened);
+  return exists;
+}
+
+std::wstring TextValue(const wchar_t* path, const wchar_t* name) {
+  wchar_t text[1024]{};
+  DWORD size = sizeof text;
+  ::RegGetValueW(HKEY_LOCAL_MACHINE, path, name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr,
+                 text, &size);
+  return text;
+}
+
+/// The system's own view of the service.
+class ManagedService {
+ public:
+  ManagedService()
+      : m_manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
+        m_service(::OpenServiceW(m_manager.get(), kName, SERVICE_ALL_ACCESS)) {}
+
+  bool Exists() const { return m_service != nullptr; }
+
+  SERVICE_STATUS_PROCESS Status() const {
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    ::QueryServiceStatusEx(m_service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                           sizeof status, &needed);
+    return status;
+  }
+
+  const QUERY_SERVICE_CONFIGW& Configuration() {
+    DWORD needed = 0;
+    m_configuration.resize(8192);
+    ::QueryServiceConfigW(m_service.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(m_configuration.data()),
+                          static_cast<DWORD>(m_configuration.size()), &needed);
+    return *reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(m_configuration.data());
+  }
+
+  template <typename Info>
+  const Info* Query(DWORD level) {
+    DWORD needed = 0;
+    m_info.resize(8192);
+    if (!::QueryServiceConfig2W(m_service.get(), level, m_info.data(), static_cast<DWORD>(m_info.size()),
+                                &needed)) {
+      return nullptr;
+    }
+    return reinterpret_cast<const Info*>(m_info.data());
+  }
+
+ private:
+  ServiceHandle m_manager;
+  ServiceHandle m_service;
+  std::vector<BYTE> m_configuration;
+  std::vector<BYTE> m_info;
+};
+
+class ServiceTest : public testing::Test {
+ protected:
+  ServiceTest() { workspace.SetServiceKey(ToWide(key.Location().Text())); }
+  ~ServiceTest() override {
+    Service({L"stop", L"--force"});
+    Service({L"uninstall"});
+  }
+
+  RunResult Service(const std::vector<std::wstring>& arguments) const {
+    return RunToEnd(workspace.Service(), arguments);
+  }
+  void InstallAndStart() const {
+    ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+    ASSERT_EQ(Service({L"start"}).exitCode, 0);
+  }
+  std::filesystem::path Controller() const { return ProgramFolder() + L"controller_example.exe"; }
+  std::vector<std::wstring> ControllerArguments(const std::wstring& seconds = L"60") const {
+    return {ToWide(key.Location().Text()), seconds};
+  }
+  nlohmann::json Status() const {
+    return nlohmann::json::parse(Service({L"status", L"--json"}).output, nullptr, false);
+  }
+
+  HostWorkspace workspace;
+  KeptKey key{{.path = L"SOFTWARE\\Corvel\\Test\\Service-" + std::to_wstring(::GetCurrentProcessId())}};
+};
+
+// --- What is asked of the manager ----------------------------------------------------------------------
+
+/// What InstallService asked for beyond the service's entry. Not every manager keeps it.
+struct AskedFor {
+  DWORD resetSeconds = 0;
+  std::vector<SC_ACTION> actions;
+  bool forErrorsToo = false;
+};
+AskedFor g_askedFor;
+
+BOOL WINAPI RecordConfiguration(SC_HANDLE, DWORD level, void* info) {
+  if (level == SERVICE_CONFIG_FAILURE_ACTIONS) {
+    const auto* asked = static_cast<const SERVICE_FAILURE_ACTIONSW*>(info);
+    g_askedFor.resetSeconds = asked->dwResetPeriod;
+    g_askedFor.actions.assign(asked->lpsaActions, asked->lpsaActions + asked->cActions);
+  }
+  if (level == SERVICE_CONFIG_FAILURE_ACTIONS_FLAG) {
+    g_askedFor.forErrorsToo =
+        static_cast<const SERVICE_FAILURE_ACTIONS_FLAG*>(info)->fFailureActionsOnNonCrashFailures != FALSE;
+  }
+  return TRUE;
+}
+
+TEST(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
+  ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RecordConfiguration));
+  EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
+  ASSERT_EQ(g_askedFor.actions.size(), 3u);
+  DWORD delay = 0;
+  for (const SC_ACTION& action : g_askedFor.actions) {
+    EXPECT_EQ(action.Type, SC_ACTION_RESTART);
+    EXPECT_GT(action.Delay, delay);
+    delay = action.Delay;
+  }
+  EXPECT_GT(g_askedFor.resetSeconds, 0u);
+  EXPECT_TRUE(g_askedFor.forErrorsToo);
+}
+
+// --- Installing ------------------------------------------------------------------------------------------
+
+TEST_F(ServiceTest, InstallsItselfWithAQuotedPath) {
+  const RunResult result = Service({L"install"});
+  EXPECT_EQ(result.exitCode, 0) << result.errors;
+  ManagedService service;
+  ASSERT_TRUE(service.Exists());
+  const QUERY_SERVICE_CONFIGW& configuration = service.Configuration();
+  EXPECT_EQ(std::wstring(configuration.lpBinaryPathName), L"\"" + workspace.Service().wstring() + L"\"");
+  EXPECT_EQ(configuration.dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
+  EXPECT_EQ(configuration.dwServiceType, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
+}
+
+TEST_F(ServiceTest, StartsOnDemandWhenInstalledSo) {
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  EXPECT_EQ(ManagedService().Configuration().dwStartType, static_cast<DWORD>(SERVICE_DEMAND_START));
+}
+
+TEST_F(ServiceTest, HasTimeAtAShutdownForARunningAttempt) {
+  ASSERT_EQ(Service({L"install"}).exitCode, 0);
+  ManagedService service;
+  const auto* limit = service.Query<SERVICE_PRESHUTDOWN_INFO>(SERVICE_CONFIG_PRESHUTDOWN_INFO);
+  ASSERT_NE(limit, nullptr);
+  EXPECT_GT(limit->dwPreshutdownTimeout, kSystemsStopLimitMs);
+  EXPECT_GT(limit->dwPreshutdownTimeout, kOneAttemptMs);
+}
+
+TEST_F(ServiceTest, RegistersItsMessagesAsAnEventSource) {
+  ASSERT_EQ(Service({L"install"}).exitCode, 0);
+  const std::wstring file = TextValue(kEventSource, L"EventMessageFile");
+  EXPECT_EQ(file, workspace.Service().wstring());
+}
+
+TEST_F(ServiceTest, IsNotInstalledTwice) {
+  ASSERT_EQ(Service({L"install"}).exitCode, 0);
+  const RunResult second = Service({L"install"});
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_THAT(second.errors, HasSubstr("It is installed already."));
+  EXPECT_TRUE(ManagedService().Exists());
+}
+
+TEST_F(ServiceTest, LeavesNothingBehindWhenItIsUninstalled) {
+  ASSERT_EQ(Service({L"install"}).exitCode, 0);
+  ASSERT_EQ(Service({L"uninstall"}).exitCode, 0);
+  EXPECT_FALSE(ManagedService().Exists());
+  EXPECT_FALSE(KeyExists(kServiceEntry));
+  EXPECT_FALSE(KeyExists(kEventSource));
+  EXPECT_EQ(Status()["state"], "not installed");
+}
+
+TEST_F(ServiceTest, SaysThatItIsNotInstalled) {
+  for (const wchar_t* verb : {L"start", L"stop", L"uninstall"}) {
+    const RunResult result = Service({verb});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.errors, HasSubstr("Install it first"));
+  }
+}
+
+/// The message table is a resource of the program that ships.
+TEST_F(ServiceTest, HoldsItsMessages) {
+  const OwnedModule program(::LoadLibraryExW(workspace.Service().c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+  ASSERT_NE(program, nullptr);
+  constexpr DWORD kErrorMessage = 0xC0000003;
+  wchar_t text[512]{};
+  const std::wstring reason = L"a reason";
+  DWORD_PTR insertions[] = {reinterpret_cast<DWORD_PTR>(reason.c_str())};
+  ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, program.get(), kErrorMessage,
+                   0, text, static_cast<DWORD>(std::size(text)), reinterpret_cast<va_list*>(insertions));
+  EXPECT_EQ(std::wstring(text), L"The modem flash service cannot run: a reason\r\n");
+}
+
+// --- Usage -----------------------------------------------------------------------------------------------
+
+TEST_F(ServiceTest, SaysThatItWasNotStartedByTheManagerAndShowsItsHelp) {
+  const RunResult result = Service({});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("was not started by the service manager"), HasSubstr("install"),
+                                   HasSubstr("uninstall"), HasSubstr("run")));
+}
+
+TEST_F(ServiceTest, TellsItsVersionAndHelp) {
+  EXPECT_EQ(Service({L"--version"}).output, "corvel_service " CORVEL_VERSION "\r\n");
+  EXPECT_THAT(Service({L"install", L"--help"}).output, HasSubstr("--start"));
+  EXPECT_EQ(Service({L"install", L"--help"}).exitCode, 0);
+}
+
+TEST_F(ServiceTest, RefusesWrongUsage) {
+  EXPECT_EQ(Service({L"bogus"}).exitCode, 2);
+  EXPECT_EQ(Service({L"install", L"--start", L"never"}).exitCode, 2);
+  EXPECT_EQ(Service({L"run"}).exitCode, 2);
+}
+
+// --- Running ---------------------------------------------------------------------------------------------
+
+TEST_F(ServiceTest, RunsUntilItIsStopped) {
+  InstallAndStart();
+  EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
+  EXPECT_EQ(Status()["state"], "running");
+  EXPECT_EQ(ManagedService().Status().dwControlsAccepted,
+            static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN));
+  EXPECT_EQ(Service({L"stop"}).exitCode, 0);
+  EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(ManagedService().Status().dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
+}
+
+TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheConfigurationIsMissing) {
+  workspace.Remove(L"CorvelConfig.ini");
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  const RunResult result = Service({L"start"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("is CorvelConfig.ini beside this program?"));
+  const SERVICE_STATUS_PROCESS status = ManagedService().Status();
+  EXPECT_EQ(status.dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(status.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
+  EXPECT_EQ(status.dwServiceSpecificExitCode, 2u);
+}
+
+TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheLibraryIsMissing) {
+  workspace.Remove(L"CorvelToolKit.dll");
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  EXPECT_EQ(Service({L"start"}).exitCode, 1);
+  EXPECT_EQ(ManagedService().Status().dwServiceSpecificExitCode, 1u);
+}
+
+TEST_F(ServiceTest, FlashesForAControllingProgram) {
+  workspace.MakeVirtualPc({"speed=60"});
+  InstallAndStart();
+  const RunResult controller = RunToEnd(Controller(), ControllerArguments());
+  EXPECT_EQ(controller.exitCode, 0);
+  EXPECT_THAT(controller.output, HasSubstr("Flash_Result 4: flashed"));
+  const MemoryComparison comparison = workspace.CompareModemMemory();
+  EXPECT_TRUE(comparison.equal) << comparison.difference;
+  EXPECT_EQ(key.Read().ready, 0u);
+  EXPECT_EQ(Service({L"stop"}).exitCode, 0);
+}
+
+TEST_F(ServiceTest, LeavesNothingBehindAfterALifeWithAFlash) {
+  workspace.MakeVirtualPc({"speed=60"});
+  InstallAndStart();
+  ASSERT_EQ(RunToEnd(Controller(), ControllerArguments()).exitCode, 0);
+  ASSERT_EQ(Service({L"stop"}).exitCode, 0);
+  ASSERT_EQ(Service({L"uninstall"}).exitCode, 0);
+  EXPECT_FALSE(ManagedService().Exists());
+  EXPECT_FALSE(KeyExists(kServiceEntry));
+  EXPECT_FALSE(KeyExists(kEventSource));
+  // The images are used up; the debug log is all that was made.
+  EXPECT_TRUE(std::filesystem::is_empty(workspace.ImageFolder()));
+  EXPECT_THAT(workspace.FilesBesideTheInstallation(),
+              testing::ElementsAre(L"FlashServiceDebugLogger_DLL.log"));
+}
+
+TEST_F(ServiceTest, TellsTheControllingProgramOfAFailure) {
+  workspace.MakeVirtualPc({"speed=60", "fault=download-refused"});
+  InstallAndStart();
+  const RunResult controller = RunToEnd(Controller(), ControllerArguments());
+  EXPECT_EQ(controller.exitCode, 1);
+  EXPECT_THAT(controller.output, HasSubstr("Flash_Result 3: failed"));
+}
+
+TEST_F(ServiceTest, ControllingProgramTakesItsRequestBackWhenNobodyListens) {
+  const RunResult controller = RunToEnd(Controller(), ControllerArguments(L"1"));
+  EXPECT_EQ(controller.exitCode, 3);
+  EXPECT_EQ(key.Read().ready, 0u);
+}
+
+TEST_F(ServiceTest, IsNotStoppedWhileItFlashes) {
+  workspace.MakeVirtualPc({"speed=10"});
+  InstallAndStart();
+  ChildProcess controller(Controller(), ControllerArguments());
+  ASSERT_TRUE(controller.Says("Flash_Result 1"));
+  const RunResult stop = Service({L"stop"});
+  EXPECT_EQ(stop.exitCode, 3);
+  EXPECT_THAT(stop.errors, HasSubstr("A flash is running."));
+  const RunResult uninstall = Service({L"uninstall"});
+  EXPECT_EQ(uninstall.exitCode, 3);
+  EXPECT_EQ(controller.WaitForEnd(), 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+  EXPECT_EQ(Service({L"stop"}).exitCode, 0);
+}
+
+TEST_F(ServiceTest, IsStoppedByForceWhileItFlashes) {
+  workspace.MakeVirtualPc({"speed=1"});
+  InstallAndStart();
+  ChildProcess controller(Controller(), ControllerArguments());
+  ASSERT_TRUE(controller.Says("Flash_Result 1"));
+  EXPECT_EQ(Service({L"stop", L"--force"}).exitCode, 0);
+  EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_FALSE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(ServiceTest, RecoversTheModemAfterAForcedStop) {
+  workspace.MakeVirtualPc({"speed=1"});
+  InstallAndStart();
+  ChildProcess controller(Controller(), ControllerArguments());
+  ASSERT_TRUE(controller.Says("Flash_Result 1"));
+  ASSERT_EQ(Service({L"stop", L"--force"}).exitCode, 0);
+  // The modem waits in flash mode, and the request still stands.
+  workspace.MakeVirtualPc({"speed=60", "state=flash port"});
+  ASSERT_EQ(Service({L"start"}).exitCode, 0);
+  EXPECT_EQ(controller.WaitForEnd(), 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(ServiceTest, RunsInATerminalUntilItIsInterrupted) {
+  workspace.MakeVirtualPc({"speed=60"});
+  ChildProcess host(workspace.Service(), {L"run", L"--console"});
+  ASSERT_TRUE(host.Says("Waiting for Fls_Ready under " + key.Location().Text()));
+  EXPECT_EQ(RunToEnd(Controller(), ControllerArguments()).exitCode, 0);
+  ASSERT_TRUE(host.Says("Flash_Result 4 (succeeded), 100 %"));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 0);
+}
+
+TEST_F(ServiceTest, DoesNotRunInATerminalWithoutConfiguration) {
+  workspace.Remove(L"CorvelConfig.ini");
+  const RunResult result = Service({L"run", L"--console"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("CorvelConfig.ini is missing"));
+}
+
+}  // namespace

@@ -17,13 +17,15 @@ void Require(LSTATUS status, const char* what) {
 ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
     : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)}, m_stands_for_machine(stands_for_machine) {
   Remove(m_key.path);
-  m_watch = std::make_unique<HandshakeWatch>(m_key);
-  if (!m_stands_for_machine) return;
   HKEY key = nullptr;
-  Require(::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_ALL_ACCESS, &key),
+  Require(::RegCreateKeyExW(m_key.root, m_key.path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                            nullptr),
           "the registry key cannot be made");
-  Require(::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key), "the registry key cannot stand for another");
+  m_watch = std::make_unique<HandshakeWatch>(m_key);
+  const LSTATUS stands =
+      m_stands_for_machine ? ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) : ERROR_SUCCESS;
   ::RegCloseKey(key);
+  Require(stands, "the registry key cannot stand for another");
 }
 
 ScratchKey::~ScratchKey() {

@@ -77,6 +77,13 @@ class SoakTest : public testing::Test {
     return std::ranges::count(Log(), "\t flash flag changed to 1", &DebugRecord::message);
   }
 
+  /// Whether the service has nothing left to do in its present round but to wait: on its way there it still
+  /// opens the key for a look.
+  bool Waits() const {
+    return std::ranges::count(Log(), "\t WaitForSingleObject, wait registry to be changed...",
+                              &DebugRecord::message) == Rounds();
+  }
+
   bool Becomes(const std::function<bool()>& condition) const {
     const auto end = RealClock::now() + kPatience;
     while (!condition()) {
@@ -189,8 +196,10 @@ class HundredFlashes : public SoakTest {
   void FlashAndCompare(Route route, std::size_t bytes_per_flash) {
     StartService(100, route);
     ASSERT_NO_FATAL_FAILURE(Flash(0, kWarmUp));
+    ASSERT_TRUE(Becomes([this] { return Waits(); }));
     const Holdings before = Count();
     ASSERT_NO_FATAL_FAILURE(Flash(kWarmUp, kFlashes));
+    ASSERT_TRUE(Becomes([this] { return Waits(); }));
     // Threads whose end was waited for may still be on their way out.
     EXPECT_TRUE(Becomes([&] { return ThreadsOfThisProcess() <= before.threads; }));
     const Holdings after = Count();

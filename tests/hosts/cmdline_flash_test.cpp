@@ -67,7 +67,7 @@ TEST_F(FlashTest, WithJsonPrintsOneDocumentAndNothingElse) {
 TEST_F(FlashTest, ShowsItsStagesLineByLineWithoutATerminal) {
   workspace.MakeVirtualPc({kFast});
   const RunResult result = Flash();
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("into flash mode, 0 %, attempt 1"), HasSubstr("writing, 5"),
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("into flash mode, 0 %, attempt 1"), HasSubstr("writing, "),
                                    HasSubstr("awaiting the modem, 100 %"), HasSubstr("flashed, 100 %")));
 }
 

@@ -27,7 +27,7 @@ namespace {
 
 constexpr double kSpeedOfAll = 20;
 /// The longest that a run takes in virtual time, and what its preparation takes in real time.
-constexpr double kLongestRunSeconds = 1600;
+constexpr double kLongestRunSeconds = 3000;
 constexpr double kPreparationSeconds = 60;
 
 std::wstring NextKey() {

@@ -15,22 +15,22 @@ void Require(LSTATUS status, const char* what) {
 }  // namespace
 
 ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
-    : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)}, m_stands_for_machine(stands_for_machine) {
+    : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)},
+      m_stands_for_machine(stands_for_machine),
+      m_watch(m_key) {
   Remove(m_key.path);
-  HKEY key = nullptr;
-  Require(::RegCreateKeyExW(m_key.root, m_key.path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+  HKEY made = nullptr;
+  Require(::RegCreateKeyExW(m_key.root, m_key.path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &made,
                             nullptr),
           "the registry key cannot be made");
-  m_watch = std::make_unique<HandshakeWatch>(m_key);
   const LSTATUS stands =
-      m_stands_for_machine ? ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) : ERROR_SUCCESS;
-  ::RegCloseKey(key);
+      m_stands_for_machine ? ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, made) : ERROR_SUCCESS;
+  ::RegCloseKey(made);
   Require(stands, "the registry key cannot stand for another");
 }
 
 ScratchKey::~ScratchKey() {
   if (m_stands_for_machine) ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-  m_watch.reset();
   Remove(m_key.path);
 }
 
@@ -43,15 +43,11 @@ void ScratchKey::Write(const wchar_t* name, std::uint32_t value) {
 }
 
 void ScratchKey::ArmWatch() {
-  // Arming again before the event was signalled would only pile up notifications.
-  if (m_is_armed) return;
-  Require(static_cast<LSTATUS>(m_watch->Arm()), "the registry key cannot be watched");
-  m_is_armed = true;
+  Require(static_cast<LSTATUS>(m_watch.Arm()), "the registry key cannot be watched");
 }
 
 void ScratchKey::WaitForChange(std::chrono::milliseconds limit) {
-  if (::WaitForSingleObject(m_watch->Event(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0)
-    m_is_armed = false;
+  ::WaitForSingleObject(m_watch.Event(), static_cast<DWORD>(limit.count()));
 }
 
 void ScratchKey::Remove(const std::wstring& path) {

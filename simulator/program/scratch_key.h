@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <chrono>
-#include <memory>
 #include <string>
 
 #include "handshake.h"
@@ -33,6 +32,5 @@ class ScratchKey {
  private:
   HandshakeKey m_key;
   bool m_stands_for_machine;
-  bool m_is_armed = false;
-  std::unique_ptr<HandshakeWatch> m_watch;
+  HandshakeWatch m_watch;
 };

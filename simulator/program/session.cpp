@@ -23,9 +23,11 @@ constexpr char kNewPass[] = "\t Start a new loop process...";
 constexpr char kWaitsForRequest[] = "\t WaitForSingleObject, wait registry to be changed...";
 
 // Limits of virtual time: four attempts of 130 s and four re-arrivals are the longest job there is.
-constexpr Milliseconds kServiceStartLimit = 60s;
-constexpr Milliseconds kJobLimit = 1200s;
-constexpr Milliseconds kSettleLimit = 300s;
+// The rest is for machines that are slow to start a thread: at high speed, virtual time flies meanwhile.
+constexpr Milliseconds kServiceStartLimit = 300s;
+constexpr Milliseconds kNoServiceLimit = 50s;
+constexpr Milliseconds kJobLimit = 2000s;
+constexpr Milliseconds kSettleLimit = 600s;
 /// How often somebody looks at what tells no changes, in real time.
 constexpr std::chrono::milliseconds kLookPeriod = 20ms;
 constexpr std::chrono::milliseconds kDisplayPeriod = 200ms;
@@ -64,7 +66,7 @@ class Session {
       throw std::runtime_error("the library cannot be loaded: " + SystemErrorText(::GetLastError()));
     }
     const bool starts = m_plan.awaited == nullptr || m_plan.awaited->service_starts;
-    m_report.service_started = WaitUntil(starts ? kServiceStartLimit : kServiceStartLimit / 6,
+    m_report.service_started = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
                                          [this] { return m_now.values.timeOut.has_value(); });
     RaiseFlag();
     if (!m_report.service_started) {

@@ -15,6 +15,7 @@ namespace {
 constexpr const wchar_t* kLibraries[] = {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll"};
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr unsigned kStopped = 3;
+constexpr int kTriesToStart = 3;
 
 struct HandleCloser {
   using pointer = HANDLE;
@@ -68,12 +69,16 @@ Handle Start(const std::filesystem::path& program, const std::vector<std::wstrin
     startup.hStdOutput = file.get();
     startup.hStdError = file.get();
   }
-  std::wstring line = CommandLine(program, arguments);
   PROCESS_INFORMATION child{};
-  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                        program.parent_path().c_str(), &startup, &child)) {
-    Fail("the program cannot be started in its work folder");
+  bool started = false;
+  // Wine starts now and then a process that ends before it begins, and says so by this error.
+  for (int tries = 0; !started && tries < kTriesToStart; ++tries) {
+    std::wstring line = CommandLine(program, arguments);
+    started = ::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                               program.parent_path().c_str(), &startup, &child) != FALSE;
+    if (!started && ::GetLastError() != ERROR_INTERNAL_ERROR) break;
   }
+  if (!started) Fail("the program cannot be started in its work folder");
   ::CloseHandle(child.hThread);
   return Handle(child.hProcess);
 }

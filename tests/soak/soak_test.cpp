@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
 
@@ -14,6 +15,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "configuration.h"
 #include "debug_log.h"
@@ -75,13 +78,6 @@ class SoakTest : public testing::Test {
   /// How often the service saw the raised flag.
   std::ptrdiff_t CountRequestsHeard() const {
     return std::ranges::count(Log(), "\t flash flag changed to 1", &DebugRecord::message);
-  }
-
-  /// Whether the service has nothing left to do in its present round but to wait: on its way there it still
-  /// opens the key for a look.
-  bool Waits() const {
-    return std::ranges::count(Log(), "\t WaitForSingleObject, wait registry to be changed...",
-                              &DebugRecord::message) == Rounds();
   }
 
   bool Becomes(const std::function<bool()>& condition) const {
@@ -174,13 +170,28 @@ class HundredFlashes : public SoakTest {
  protected:
   static constexpr int kWarmUp = 20;
   static constexpr int kFlashes = 100;
+  static constexpr int kStretch = 20;
+  static constexpr int kMostObjectsOfLocks = 4;
+  static constexpr DWORD kSteadyFor = 100;
+
+  /// The service has done everything that it does before it waits.
+  bool IsAtRest() const {
+    const auto log = Log();
+    return !log.empty() && log.back().message == "\t WaitForSingleObject, wait registry to be changed...";
+  }
 
   Holdings Count() {
+    EXPECT_TRUE(Becomes([this] { return IsAtRest(); }));
     m_pc->ClearJournal();
     Holdings holdings;
+    // Threads whose end nobody waits for may still be on their way out.
+    EXPECT_TRUE(Becomes([&holdings] {
+      const int threads = std::exchange(holdings.threads, ThreadsOfThisProcess());
+      const int handles = std::exchange(holdings.handles, HandlesOfThisProcess());
+      ::Sleep(kSteadyFor);
+      return threads == holdings.threads && handles == holdings.handles;
+    }));
     holdings.keys_left_open = KeysLeftOpen(Log());
-    holdings.threads = ThreadsOfThisProcess();
-    holdings.handles = HandlesOfThisProcess();
     holdings.bytes = BytesInUse();
     return holdings;
   }
@@ -193,24 +204,30 @@ class HundredFlashes : public SoakTest {
     }
   }
 
+  /// Compares what the process holds after each stretch with what it held before it.
   void FlashAndCompare(Route route, std::size_t bytes_per_flash) {
     StartService(100, route);
     ASSERT_NO_FATAL_FAILURE(Flash(0, kWarmUp));
-    ASSERT_TRUE(Becomes([this] { return Waits(); }));
-    const Holdings before = Count();
-    ASSERT_NO_FATAL_FAILURE(Flash(kWarmUp, kFlashes));
-    ASSERT_TRUE(Becomes([this] { return Waits(); }));
-    // Threads whose end was waited for may still be on their way out.
-    EXPECT_TRUE(Becomes([&] { return ThreadsOfThisProcess() <= before.threads; }));
-    const Holdings after = Count();
-
-    EXPECT_EQ(after.handles - before.handles, after.keys_left_open - before.keys_left_open);
-    EXPECT_GT(after.keys_left_open, before.keys_left_open);
-    EXPECT_LE(after.threads, before.threads);
-    EXPECT_LE(after.bytes, before.bytes + bytes_per_flash * (kFlashes - kWarmUp));
+    const Holdings first = Count();
+    Holdings before = first;
+    std::vector<int> unaccounted;
+    for (int from = kWarmUp; from < kFlashes; from += kStretch) {
+      ASSERT_NO_FATAL_FAILURE(Flash(from, from + kStretch));
+      const Holdings after = Count();
+      const int keys = after.keys_left_open - before.keys_left_open;
+      EXPECT_GE(keys, kStretch);
+      unaccounted.push_back(after.handles - before.handles - keys);
+      EXPECT_LE(after.threads, before.threads);
+      before = after;
+    }
     std::printf("threads %d -> %d, handles %d -> %d, keys left open %d -> %d, bytes %zu -> %zu\n",
-                before.threads, after.threads, before.handles, after.handles, before.keys_left_open,
-                after.keys_left_open, before.bytes, after.bytes);
+                first.threads, before.threads, first.handles, before.handles, first.keys_left_open,
+                before.keys_left_open, first.bytes, before.bytes);
+    // A lock of the simulator makes the objects behind it when threads first meet there, once. What a flash
+    // left behind would show in every stretch.
+    EXPECT_THAT(unaccounted, testing::Each(testing::AllOf(testing::Ge(0), testing::Le(kMostObjectsOfLocks))));
+    EXPECT_THAT(unaccounted, testing::Contains(0));
+    EXPECT_LE(before.bytes, first.bytes + bytes_per_flash * (kFlashes - kWarmUp));
   }
 };
 
@@ -227,6 +244,9 @@ TEST_F(HundredFlashes, LeaveNothingBehindWhenTheServiceReboots) {
 
 class Waiting : public SoakTest {
  protected:
+  /// Of the system's accounting, in units of 100 ns.
+  static constexpr std::uint64_t kTick = 160'000;
+
   static std::uint64_t ProcessorTime() {
     FILETIME created{}, ended{}, kernel{}, user{};
     ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernel, &user);
@@ -246,7 +266,8 @@ TEST_F(Waiting, TakesNoProcessorTimeForAMinute) {
 
   ::Sleep(60'000);
 
-  EXPECT_EQ(ProcessorTime(), time);
+  // The time is counted in ticks, and what was used before may have lain just below the next one.
+  EXPECT_LE(ProcessorTime() - time, kTick);
   EXPECT_EQ(m_pc->PlatformCalls(), calls);
   EXPECT_EQ(Log().size(), records);
 }

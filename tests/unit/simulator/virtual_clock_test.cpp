@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "simulation_test.h"
+#include "working_threads.h"
 
 TEST(VirtualClockTest, DividesWaitsByItsSpeed) {
   const VirtualClock clock(20);
@@ -65,4 +66,48 @@ TEST_F(SimulatedClockTest, CallsAreTheSystemsAgainAfterTheEnd) {
       reinterpret_cast<GetPlatformCallsFunction>(::GetProcAddress(caller.get(), "GetPlatformCalls"));
   get(&platform);
   EXPECT_EQ(platform.SleepFor, &::Sleep);
+}
+
+/// A thread of the product that works for as long as this lives.
+class WorkingThread {
+ public:
+  WorkingThread() { working_threads::Begin(); }
+  ~WorkingThread() { working_threads::End(); }
+  WorkingThread(const WorkingThread&) = delete;
+  WorkingThread& operator=(const WorkingThread&) = delete;
+};
+
+TEST(ElasticClockTest, FliesWhileNobodyWorks) {
+  const VirtualClock clock(1000, Pace::kElastic);
+  const std::uint64_t begin = ::GetTickCount64();
+  clock.Sleep(Milliseconds(60'000));
+  EXPECT_GE(clock.Now(), Milliseconds(60'000));
+  EXPECT_LT(::GetTickCount64() - begin, 30'000u);
+}
+
+TEST(ElasticClockTest, GoesAsTheRealOneWhileAThreadWorks) {
+  constexpr std::uint64_t kResolution = 50;
+  const WorkingThread thread;
+  const VirtualClock clock(1000, Pace::kElastic);
+  const std::uint64_t begin = ::GetTickCount64();
+  ::Sleep(100);
+  const Milliseconds now = clock.Now();
+  EXPECT_LE(static_cast<std::uint64_t>(now.count()), ::GetTickCount64() - begin + kResolution);
+}
+
+TEST(ElasticClockTest, AWaitInSlicesEndsWithWhatItWaitsFor) {
+  const VirtualClock clock(1000, Pace::kElastic);
+  int slices = 0;
+  clock.WaitInSlices(0x7FFFFFFF, [&](DWORD) { return ++slices == 2; });
+  EXPECT_EQ(slices, 2);
+}
+
+TEST(ElasticClockTest, AWaitWithoutEndIsOneSlice) {
+  const VirtualClock clock(1000, Pace::kElastic);
+  DWORD waited = 0;
+  clock.WaitInSlices(INFINITE, [&](DWORD real) {
+    waited = real;
+    return true;
+  });
+  EXPECT_EQ(waited, INFINITE);
 }

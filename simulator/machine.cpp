@@ -73,14 +73,14 @@ std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& functio
   return answer;
 }
 
-void Machine::Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault) {
+void Machine::Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault) {
   const working_threads::Rest rest;
   if (fault.until_wait_expires != 0) {
     const int before = m_expired_waits[fault.until_wait_expires];
-    m_hangs.wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
+    m_hangs.Wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
   }
   clock.WaitInSlices(static_cast<DWORD>(fault.hang.count()), [&](DWORD real) {
-    return m_hangs.wait_for(lock, Milliseconds(real), [&] { return m_hangs_ended; });
+    return m_hangs.WaitFor(lock, Milliseconds(real), [&] { return m_hangs_ended; });
   });
 }
 
@@ -95,7 +95,7 @@ void Machine::WaitExpired(DWORD milliseconds) {
     const std::lock_guard lock(m_mutex);
     ++m_expired_waits[milliseconds];
   }
-  m_hangs.notify_all();
+  m_hangs.NotifyAll();
 }
 
 void Machine::EndHangs() {
@@ -103,7 +103,7 @@ void Machine::EndHangs() {
     const std::lock_guard lock(m_mutex);
     m_hangs_ended = true;
   }
-  m_hangs.notify_all();
+  m_hangs.NotifyAll();
 }
 
 void Machine::Note(JournalEvent event, std::string detail) {

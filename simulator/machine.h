@@ -2,11 +2,9 @@
 
 #include <windows.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "faults.h"
 #include "flashing_library/modem_interface.h"
 #include "import_patch.h"
+#include "lock.h"
 #include "scheduler.h"
 #include "simulated_handles.h"
 #include "virtual_clock.h"
@@ -53,16 +52,16 @@ class Machine {
   std::map<std::string, int> LibraryCalls() const;
 
  private:
-  void Hang(std::unique_lock<std::mutex>& lock, const LibraryCallFault& fault);
+  void Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault);
 
-  mutable std::mutex m_mutex;
+  mutable Lock m_mutex;
   std::vector<JournalEntry> m_journal;
   std::map<std::string, int> m_platform_calls;
   std::map<std::string, int> m_library_calls;
   std::map<std::string, int> m_looks;
   std::vector<int> m_fault_calls;
   std::map<DWORD, int> m_expired_waits;
-  std::condition_variable m_hangs;
+  Condition m_hangs;
   bool m_hangs_ended = false;
 };
 

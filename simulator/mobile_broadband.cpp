@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -13,6 +11,8 @@
 #include <olectl.h>
 
 #include <wrl/client.h>
+
+#include "lock.h"
 
 #if defined(__GNUC__)
 // The interfaces have no destructor: one would take a slot.
@@ -169,6 +169,12 @@ class MobileBroadbandService {
     return m_payloads;
   }
 
+  void ForgetCalls() {
+    const std::lock_guard lock(m_mutex);
+    std::vector<std::string>().swap(m_calls);
+    std::vector<std::vector<BYTE>>().swap(m_payloads);
+  }
+
   DWORD Advise(ComPtr<IMbnDeviceServicesEvents> sink) {
     const std::lock_guard lock(m_mutex);
     m_sinks.emplace(++m_lastCookie, std::move(sink));
@@ -205,7 +211,7 @@ class MobileBroadbandService {
         inRealTime ? behaviour.realTime(*request.completesAfter) : *request.completesAfter;
     const std::lock_guard lock(m_mutex);
     m_completions.emplace(Now() + delay, std::move(completion));
-    m_changed.notify_all();
+    m_changed.NotifyAll();
   }
 
   /// Works the completions off until Stop.
@@ -213,12 +219,12 @@ class MobileBroadbandService {
     std::unique_lock lock(m_mutex);
     while (!m_stopped) {
       if (m_completions.empty()) {
-        m_changed.wait(lock);
+        m_changed.Wait(lock);
         continue;
       }
       const milliseconds left = m_completions.begin()->first - Now();
       if (left > milliseconds::zero()) {
-        m_changed.wait_for(lock, behaviour.virtualNow ? kLookPeriod : left);
+        m_changed.WaitFor(lock, behaviour.virtualNow ? kLookPeriod : left);
         continue;
       }
       RunFirstCompletion(lock);
@@ -230,12 +236,12 @@ class MobileBroadbandService {
     const std::lock_guard lock(m_mutex);
     m_stopped = true;
     dropped.swap(m_completions);
-    m_changed.notify_all();
+    m_changed.NotifyAll();
   }
 
   void WaitForCompletions() {
     std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_completions.empty() && !m_completing; });
+    m_changed.Wait(lock, [this] { return m_completions.empty() && !m_completing; });
   }
 
  private:
@@ -247,7 +253,7 @@ class MobileBroadbandService {
     return std::chrono::ceil<milliseconds>(steady_clock::now().time_since_epoch());
   }
 
-  void RunFirstCompletion(std::unique_lock<std::mutex>& lock) {
+  void RunFirstCompletion(std::unique_lock<Lock>& lock) {
     auto completion = m_completions.extract(m_completions.begin());
     m_completing = true;
     lock.unlock();
@@ -256,11 +262,11 @@ class MobileBroadbandService {
     completion = {};
     lock.lock();
     m_completing = false;
-    m_changed.notify_all();
+    m_changed.NotifyAll();
   }
 
-  mutable std::mutex m_mutex;
-  std::condition_variable m_changed;
+  mutable Lock m_mutex;
+  Condition m_changed;
   bool m_stopped = false;
   bool m_completing = false;
   std::multimap<milliseconds, std::function<void()>> m_completions;
@@ -666,6 +672,10 @@ int SimulatedMobileBroadband::CallCount(const std::string& name) const {
 
 std::vector<std::vector<BYTE>> SimulatedMobileBroadband::Payloads() const {
   return m_service->Payloads();
+}
+
+void SimulatedMobileBroadband::ForgetCalls() {
+  m_service->ForgetCalls();
 }
 
 int SimulatedMobileBroadband::RebootCommands() const {

@@ -80,6 +80,8 @@ class SimulatedMobileBroadband {
   int CallCount(const std::string& name) const;
   /// The data of each SetCommand so far.
   std::vector<std::vector<BYTE>> Payloads() const;
+  /// Empties the lists of calls and of their data, so that long runs do not grow.
+  void ForgetCalls();
   /// How often the modem took its reboot command.
   int RebootCommands() const;
 

@@ -7,7 +7,7 @@ Scheduler::~Scheduler() {
     const std::lock_guard lock(m_mutex);
     m_ends = true;
   }
-  m_changed.notify_all();
+  m_changed.NotifyAll();
   if (m_thread.joinable()) m_thread.join();
 }
 
@@ -17,17 +17,21 @@ void Scheduler::After(std::chrono::milliseconds real_delay, std::function<void()
     m_actions.emplace(std::chrono::steady_clock::now() + real_delay, std::move(action));
     if (!m_thread.joinable()) m_thread = std::thread([this] { Run(); });
   }
-  m_changed.notify_all();
+  m_changed.NotifyAll();
 }
 
 void Scheduler::Run() {
   std::unique_lock lock(m_mutex);
   while (!m_ends) {
     if (m_actions.empty()) {
-      m_changed.wait(lock);
+      m_changed.Wait(lock);
       continue;
     }
-    if (m_changed.wait_until(lock, m_actions.begin()->first) != std::cv_status::timeout) continue;
+    const auto left = m_actions.begin()->first - std::chrono::steady_clock::now();
+    if (left > Moment::duration::zero()) {
+      m_changed.WaitFor(lock, left);
+      continue;
+    }
     const auto due = m_actions.extract(m_actions.begin());
     lock.unlock();
     due.mapped()();

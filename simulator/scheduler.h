@@ -1,11 +1,11 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
+
+#include "lock.h"
 
 /// Does things later, on a thread of its own that starts with the first of them.
 class Scheduler {
@@ -22,8 +22,8 @@ class Scheduler {
   using Moment = std::chrono::steady_clock::time_point;
   void Run();
 
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
+  Lock m_mutex;
+  Condition m_changed;
   std::multimap<Moment, std::function<void()>> m_actions;
   bool m_ends = false;
   std::thread m_thread;

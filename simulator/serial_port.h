@@ -3,11 +3,11 @@
 #include <windows.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 
+#include "lock.h"
 #include "simulated_handles.h"
 
 class Machine;
@@ -24,7 +24,7 @@ class OpenAtPort : public SimulatedDevice {
   DCB settings{};
 
  private:
-  std::mutex m_mutex;
+  Lock m_mutex;
   std::string m_replies;
 };
 

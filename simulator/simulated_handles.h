@@ -4,10 +4,10 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "common/handles.h"
+#include "lock.h"
 
 /// What stands behind a handle that the simulation gave to the product. The handle itself is a real one.
 struct SimulatedDevice {
@@ -46,6 +46,6 @@ class SimulatedHandles {
   }
 
  private:
-  std::mutex m_mutex;
+  Lock m_mutex;
   std::map<HANDLE, std::shared_ptr<SimulatedDevice>> m_devices;
 };

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -13,6 +12,7 @@
 
 #include "faults.h"
 #include "flash_image.h"
+#include "lock.h"
 #include "virtual_clock.h"
 
 enum class ModemState {
@@ -147,7 +147,7 @@ class VirtualModem {
   ModemFaults m_faults;
   Journal m_journal;
 
-  std::mutex m_mutex;
+  Lock m_mutex;
   ModemState m_state;
   Milliseconds m_state_ends{kNoEnd};
   bool m_stays_in_flash_mode = true;

@@ -127,6 +127,7 @@ std::vector<JournalEntry> VirtualPc::Journal() const {
 
 void VirtualPc::ClearJournal() {
   m_machine->ClearJournal();
+  if (m_mobile_broadband) m_mobile_broadband->ForgetCalls();
 }
 
 std::vector<std::string> FaultableCalls() {

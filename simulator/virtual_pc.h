@@ -78,7 +78,8 @@ class VirtualPc {
   /// Calls of the product to the replaced platform functions, by name.
   std::map<std::string, int> PlatformCalls() const;
   std::vector<JournalEntry> Journal() const;
-  /// Empties the journal and thereby the counts taken from it, so that long runs do not grow.
+  /// Empties the journal, the list of Mobile Broadband calls and thereby the counts taken from them, so that
+  /// long runs do not grow.
   void ClearJournal();
 
  private:

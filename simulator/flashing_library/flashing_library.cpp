@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -19,6 +18,7 @@
 
 #include "faults.h"
 #include "image_reader.h"
+#include "lock.h"
 #include "modem_interface.h"
 
 #if defined(__GLIBCXX__)
@@ -69,7 +69,7 @@ class Channels {
   static constexpr std::uint8_t kCount = 16;
 
  private:
-  std::mutex m_mutex;
+  Lock m_mutex;
   std::array<std::uint32_t, kCount> m_sessions{};
   std::uint8_t m_last = 0;
 };

@@ -4,9 +4,6 @@
 
 namespace {
 
-// A list without entries has one character, its end.
-constexpr ULONG kShortestFilledList = 2;
-
 UniqueHeapText AllocateText(ULONG length) {
   const std::size_t bytes = std::size_t{length} * sizeof(wchar_t);
   return UniqueHeapText(static_cast<wchar_t*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, bytes)));

@@ -18,6 +18,9 @@ struct ProcessHeapFreer {
 };
 using UniqueHeapText = std::unique_ptr<wchar_t[], ProcessHeapFreer>;
 
+/// In characters: a list without entries has one, its end.
+inline constexpr ULONG kShortestFilledList = 2;
+
 /// How far the steps of getting a list came: ask its length, allocate, fetch.
 enum class DeviceListOutcome { Fetched, LengthRefused, Empty, NoMemory, ListRefused };
 

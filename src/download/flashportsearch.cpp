@@ -1,12 +1,9 @@
 #include "download/flashportsearch.h"
 
-#include <cfgmgr32.h>
-
 #include <cwchar>
-#include <memory>
-#include <new>
 #include <string_view>
 
+#include "common/devicelist.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "download/devicepresence.h"
@@ -16,8 +13,6 @@ namespace {
 constexpr GUID kSerialPortClass = {
     0x86E0D1E0, 0x8089, 0x11D0, {0x9C, 0xE4, 0x08, 0x00, 0x3E, 0x30, 0x1F, 0x73}};
 
-// An empty list has one character, its end.
-constexpr ULONG kShortestList = 2;
 constexpr std::size_t kLongestPath = 511;
 
 constexpr wchar_t kSignalName[] = L"CFirmwareDownloader";
@@ -25,32 +20,27 @@ constexpr wchar_t kSignalName[] = L"CFirmwareDownloader";
 }  // namespace
 
 FlashPortSearch::Sight FlashPortSearch::Look() {
-  GUID serialPorts = kSerialPortClass;
-  ULONG length = 0;
-  const CONFIGRET sized = ::CM_Get_Device_Interface_List_SizeW(&length, &serialPorts, nullptr,
-                                                               CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
-  if (sized != CR_SUCCESS) LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(sized));
-  if (length < kShortestList) LOG_ERROR("Error - No active device interfaces found.\n");
-  if (sized != CR_SUCCESS || length < kShortestList) return Sight::NoList;
+  const DeviceList list = FetchPresentInterfaces(kSerialPortClass);
+  const bool lengthRefused = list.outcome == DeviceListOutcome::LengthRefused;
+  if (lengthRefused) LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(list.error));
+  if (list.length < kShortestFilledList) LOG_ERROR("Error - No active device interfaces found.\n");
+  if (lengthRefused || list.length < kShortestFilledList) return Sight::NoList;
 
-  LOG_TRACE("deviceInterfaceListLength:%d\n", static_cast<int>(length));
-  const std::unique_ptr<wchar_t[]> paths(new (std::nothrow) wchar_t[length]());
-  if (paths == nullptr) {
+  LOG_TRACE("deviceInterfaceListLength:%d\n", static_cast<int>(list.length));
+  if (list.outcome == DeviceListOutcome::NoMemory) {
     LOG_ERROR("Error allocating memory for device interface list.\n");
     return Sight::NotFound;
   }
-  const CONFIGRET fetched = ::CM_Get_Device_Interface_ListW(&serialPorts, nullptr, paths.get(), length,
-                                                            CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
-  if (fetched != CR_SUCCESS)
-    LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(fetched));
-  if (fetched == CR_SUCCESS && ReportFlashPortAmong(paths.get())) return Sight::Found;
+  const bool fetched = list.outcome == DeviceListOutcome::Fetched;
+  if (!fetched) LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(list.error));
+  if (ReportFlashPortAmong(list.Entries())) return Sight::Found;
   LOG_TRACE("free deviceInterfaceList");
-  return fetched == CR_SUCCESS ? Sight::NotFound : Sight::NoList;
+  return fetched ? Sight::NotFound : Sight::NoList;
 }
 
 /// Case-sensitive, as the paths are delivered: a port that is listed in lower case is not the one.
-bool FlashPortSearch::ReportFlashPortAmong(const wchar_t* paths) {
-  for (const wchar_t* path = paths; *path != L'\0'; path += std::wcslen(path) + 1) {
+bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
+  for (const wchar_t* path : paths) {
     LOG_TRACE("Device Path: %ls\n", path);
     if (std::wcsstr(path, kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "common/handles.h"
+#include "common/multistring.h"
 #include "common/tstring.h"
 
 /// One search for the flash port: the port that the searching thread reports, and the signal that ends the
@@ -28,7 +29,7 @@ class FlashPortSearch {
   CTString Port();
 
  private:
-  bool ReportFlashPortAmong(const wchar_t* paths);
+  bool ReportFlashPortAmong(const MultiStringView& paths);
   void Report(const CTString& port);
 
   SRWLOCK m_lock = SRWLOCK_INIT;

@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cstdlib>
 
 #include "support/flash_bench.h"
+#include "support/process_heap.h"
 
 namespace {
 
@@ -91,19 +91,23 @@ TEST_F(FlashPortSearchTest, TakesAtMost511CharactersOfAPath) {
   EXPECT_EQ(Narrow(search.Port()), FlashPort().substr(0, 511));
 }
 
-constexpr ULONG kRefusedLength = 54321;
-
-void* __cdecl RefuseTheList(std::size_t size) {
-  return size == kRefusedLength * sizeof(wchar_t) ? nullptr : std::malloc(size);
-}
-
 TEST_F(FlashPortSearchTest, SurvivesThatThereIsNoMemoryForTheList) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheList));
-  bench.modem.portListLength = kRefusedLength;
+  ProcessHeap heap;
+  heap.IsFull();
+  bench.modem.portListLength = 54321;
   EXPECT_EQ(search.Look(), Sight::NotFound);
   EXPECT_THAT(Said(), ElementsAre("deviceInterfaceListLength:54321\n",
                                   "E:Error allocating memory for device interface list.\n"));
+}
+
+TEST_F(FlashPortSearchTest, GivesEveryListBack) {
+  const ProcessHeap heap;
+  FlashPortIsPresent();
+  EXPECT_EQ(search.Look(), Sight::Found);
+  bench.modem.portListLength = 10;
+  EXPECT_EQ(search.Look(), Sight::NoList);
+  EXPECT_EQ(heap.Allocations(), 2);
+  EXPECT_EQ(heap.Frees(), 2);
 }
 
 // --- The signal ------------------------------------------------------------------------------------------

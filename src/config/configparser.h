@@ -73,9 +73,6 @@ class CConfigParser {
 
   static CConfigParser* m_instance;
 
-  // The open thread keeps the system from giving its id to another one.
-  DWORD m_comThreadId;
-  UniqueHandle m_comThread;
   Microsoft::WRL::ComPtr<IXMLDOMDocument> m_document;
   Microsoft::WRL::ComPtr<IXMLDOMDocument> m_formattedDocument;
   CElementTree m_resources;
@@ -90,4 +87,7 @@ class CConfigParser {
   wchar_t m_registryLocation[512]{};
   wchar_t m_firmwareFolder[512]{};
   wchar_t m_ipcType[512]{};
+  // The open thread keeps the system from giving its id to another one.
+  DWORD m_comThreadId;
+  UniqueHandle m_comThread;
 };

@@ -1,7 +1,6 @@
 #include "xmlfile/dom.h"
 
 #include <string>
-#include <string_view>
 
 #include <comdef.h>
 
@@ -9,12 +8,8 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-std::wstring_view View(BSTR text) {
-  return text == nullptr ? std::wstring_view() : std::wstring_view(text, ::SysStringLen(text));
-}
-
 CTString TextOf(BSTR text) {
-  return CTString(std::wstring(View(text)));
+  return text == nullptr ? CTString() : CTString(std::wstring(text, ::SysStringLen(text)));
 }
 
 }  // namespace
@@ -39,11 +34,6 @@ VARIANT OwnedBstr::AsVariant() const {
 
 CTString OwnedVariant::Text() const {
   return TextOf(m_value.bstrVal);
-}
-
-bool OwnedVariant::Equals(const CTString& text) const {
-  return View(m_value.bstrVal) ==
-         std::wstring_view(static_cast<const wchar_t*>(text), static_cast<std::size_t>(text.GetLength()));
 }
 
 HRESULT CollectChildren(IXMLDOMNode* node, std::vector<ComPtr<IXMLDOMNode>>& children) {

@@ -57,10 +57,10 @@ class OwnedVariant {
 
   /// For a call that hands out a value; use it once per object.
   VARIANT* Receive() { return &m_value; }
+  int Type() const { return m_value.vt; }
   bool IsText() const { return m_value.vt == VT_BSTR; }
-  /// The text of a value that is one, and whether it equals another.
+  /// The text of a value that is one.
   CTString Text() const;
-  bool Equals(const CTString& text) const;
 
  private:
   VARIANT m_value;

@@ -44,6 +44,13 @@ void HandOut(ComPtr<Interface>& object, Interface** out) {
   if (out != nullptr) *out = object.Detach();
 }
 
+/// A document that did not load, or not become what was asked for, must not be saved over a good file.
+template <typename... Owners>
+HRESULT Abandon(HRESULT result, Owners&... owners) {
+  (owners.reset(), ...);
+  return result;
+}
+
 VARIANT ElementType() {
   VARIANT type;
   ::VariantInit(&type);
@@ -73,24 +80,12 @@ XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noe
 
 CXMLFile::CXMLFile(const CTString& path) noexcept : m_path(path) {}
 
-CXMLFile::~CXMLFile() {
-  ReleaseDocument();
-}
+CXMLFile::~CXMLFile() = default;
 
-void CXMLFile::ReleaseDocument() noexcept {
+HRESULT CXMLFile::InitializeDOM() noexcept {
   m_children.reset();
   m_root.reset();
   m_document.reset();
-}
-
-/// A document that did not load, or not become what was asked for, must not be saved over a good file.
-HRESULT CXMLFile::Abandon(HRESULT result) noexcept {
-  ReleaseDocument();
-  return result;
-}
-
-HRESULT CXMLFile::InitializeDOM() noexcept {
-  ReleaseDocument();
   ComPtr<IXMLDOMDocument> document;
   HRESULT result = ::CoCreateInstance(kDomDocumentClass, nullptr, kDomClassContext, kDomDocumentInterface,
                                       reinterpret_cast<void**>(document.GetAddressOf()));
@@ -119,7 +114,7 @@ HRESULT CXMLFile::GetRootNode(IXMLDOMElement** root) noexcept {
   HRESULT result = m_document->load(path.AsVariant(), &loaded);
   if (FAILED(result) || loaded == VARIANT_FALSE) {
     LOG_ERROR("IXMLDOMDocument::load(%s) failed with: %x", Narrow(m_path).c_str(), HexOf(result));
-    return Abandon(E_FAIL);
+    return Abandon(E_FAIL, m_document);
   }
 
   ComPtr<IXMLDOMElement> element;
@@ -127,14 +122,14 @@ HRESULT CXMLFile::GetRootNode(IXMLDOMElement** root) noexcept {
   if (FAILED(result) || element == nullptr) {
     LOG_ERROR("IXMLDOMDocument::get_documentElement(%s) failed with: %x", Narrow(m_path).c_str(),
               HexOf(result));
-    return Abandon(FailureOf(result));
+    return Abandon(FailureOf(result), m_document);
   }
 
   ComPtr<IXMLDOMNodeList> children;
   result = element->get_childNodes(children.GetAddressOf());
   if (FAILED(result) || children == nullptr) {
     LOG_ERROR("IXMLDOMElement::get_childNodes(%s) failed with: %x", Narrow(m_path).c_str(), HexOf(result));
-    return Abandon(FailureOf(result));
+    return Abandon(FailureOf(result), m_document);
   }
 
   m_children.reset(children.Detach());
@@ -238,36 +233,30 @@ bool CXMLFile::IsNthNodeAnElementWithName(int n, const CTString& name, IXMLDOMNo
 HRESULT CXMLFile::GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName,
                                       CTString& value) noexcept {
   if (node == nullptr) return E_FAIL;
-  const OwnedBstr name(attributeName);
-  OwnedVariant nodeValue;
-  const HRESULT result = GetAttributeForNode(node, name.Get(), nodeValue.Receive());
-  if (SUCCEEDED(result)) value = nodeValue.Text();
-  return result;
-}
 
-/// On success the value is a text, which the caller clears; on failure it is whatever the call left.
-HRESULT CXMLFile::GetAttributeForNode(IXMLDOMNode* node, BSTR attributeName, VARIANT* value) noexcept {
   ComPtr<IXMLDOMNamedNodeMap> attributes;
   HRESULT result = node->get_attributes(attributes.GetAddressOf());
   if (FAILED(result)) LOG_ERROR("IXMLDOMNode::get_attributes() failed with: %x", HexOf(result));
   // Texts and comments have no map; that is no failure of the call.
   if (FAILED(result) || attributes == nullptr) return FailureOf(result);
 
+  const OwnedBstr name(attributeName);
   ComPtr<IXMLDOMNode> attribute;
-  result = attributes->getNamedItem(attributeName, attribute.GetAddressOf());
+  result = attributes->getNamedItem(name.Get(), attribute.GetAddressOf());
   if (FAILED(result)) {
-    LOG_ERROR("IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x", Utf8FromWide(attributeName).c_str(),
+    LOG_ERROR("IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x", Narrow(attributeName).c_str(),
               HexOf(result));
   }
   if (FAILED(result) || attribute == nullptr) return FailureOf(result);
 
-  result = attribute->get_nodeValue(value);
-  if (FAILED(result) || value->vt != VT_BSTR) {
-    LOG_TRACE("Attribute Name: %s, Attribute Type: %d", Utf8FromWide(attributeName).c_str(),
-              static_cast<int>(value->vt));
+  OwnedVariant nodeValue;
+  result = attribute->get_nodeValue(nodeValue.Receive());
+  if (FAILED(result) || !nodeValue.IsText()) {
+    LOG_TRACE("Attribute Name: %s, Attribute Type: %d", Narrow(attributeName).c_str(), nodeValue.Type());
     LOG_ERROR("IXMLDOMNode::get_nodeValue() failed with: %x", HexOf(result));
     return FailureOf(result);
   }
+  value = nodeValue.Text();
   return S_OK;
 }
 
@@ -276,7 +265,7 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
   Clear(node);
   if (list == nullptr || node == nullptr || attributeName.IsEmpty()) return E_FAIL;
 
-  const OwnedBstr name(attributeName);
+  CTString found;
   for (;;) {
     ComPtr<IXMLDOMNode> candidate;
     const HRESULT result = list->nextNode(candidate.GetAddressOf());
@@ -285,8 +274,7 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
       return result;
     }
     if (candidate == nullptr) return S_OK;
-    OwnedVariant found;
-    if (SUCCEEDED(GetAttributeForNode(candidate.Get(), name.Get(), found.Receive())) && found.Equals(value)) {
+    if (SUCCEEDED(GetAttributeForNode(candidate.Get(), attributeName, found)) && found == value) {
       HandOut(candidate, node);
       return S_OK;
     }
@@ -340,14 +328,14 @@ HRESULT CXMLFile::CreateRootNode(const CTString& name, IXMLDOMNode** node) noexc
   ComPtr<IXMLDOMNode> root;
   if (FAILED(InitializeDOM()) || FAILED(CreateAndAddPINode()) ||
       FAILED(CreateAndAddNode(name, root.GetAddressOf(), nullptr))) {
-    return Abandon(E_FAIL);
+    return Abandon(E_FAIL, m_document);
   }
   ComPtr<IXMLDOMElement> element;
   const HRESULT result =
       root->QueryInterface(kDomElementInterface, reinterpret_cast<void**>(element.GetAddressOf()));
   if (FAILED(result)) {
     LOG_ERROR("IXMLDOMNode::QueryInterface(IID_IXMLDOMElement) failed with: %x", HexOf(result));
-    return Abandon(E_FAIL);
+    return Abandon(E_FAIL, m_document);
   }
   m_root.reset(element.Detach());
   HandOut(root, node);
@@ -362,7 +350,7 @@ HRESULT CXMLFile::CreateRootNode(const CTString& name, const CTString& schema, I
   if (FAILED(CreateRootNode(name, root.GetAddressOf()))) return E_FAIL;
   if (FAILED(CreateAttributeForNode(kSchemaPrefixAttribute, kSchemaInstanceNamespace, root.Get())) ||
       FAILED(CreateAttributeForNode(kSchemaAttribute, schema, root.Get()))) {
-    return Abandon(E_FAIL);
+    return Abandon(E_FAIL, m_root, m_document);
   }
   HandOut(root, node);
   return S_OK;

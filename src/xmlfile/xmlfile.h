@@ -23,9 +23,10 @@ struct IXMLDOMNodeList;
 
 namespace QUENTA::Brevant::Interfaces::ToolkitCore {
 
-/// Name and typed value of one element, for CXMLFile::CreateNodes.
+/// Name and typed value of one element, for CXMLFile::CreateNodes. An object belongs to one thread at a time.
 ///
 /// Copies share the BSTR of a VT_BSTR value and nobody frees it: it lives for as long as the process.
+/// Making one from a name does not throw: lack of memory ends the process.
 class CORVEL_TOOLKIT_API XML_NAME_VALUE {
  public:
   /// A value of the given type.
@@ -40,6 +41,7 @@ class CORVEL_TOOLKIT_API XML_NAME_VALUE {
   XML_NAME_VALUE& operator=(XML_NAME_VALUE&& other) = default;
   ~XML_NAME_VALUE() = default;
 
+  /// A copy of the name.
   CTString Name() const { return m_name; }
   /// The value as it is: its BSTR stays shared with this record, so do not clear it.
   VARIANT Value() const { return m_value; }
@@ -61,8 +63,8 @@ class CORVEL_TOOLKIT_API XML_NAME_VALUE {
 /// document model returned. Each call that fails there writes one record to the debug log.
 ///
 /// Nodes and lists handed out belong to the caller, who releases them; only the root of GetRootNode stays
-/// the object's own. After a failure an out pointer is null and an out text or number unchanged, but for
-/// GetChildNodesOfNode's count, which is 0. Operations that create accept a null out pointer.
+/// the object's own. Nodes, lists and values given to an operation stay the caller's. After a failure an out
+/// pointer is null and an out text unchanged. Operations that create accept a null out pointer.
 ///
 /// Nothing here throws: lack of memory ends the process.
 class CORVEL_TOOLKIT_API CXMLFile {
@@ -86,29 +88,39 @@ class CORVEL_TOOLKIT_API CXMLFile {
   HRESULT GetRootNode(IXMLDOMElement** root) noexcept;
   /// Number of the root's child nodes as loaded; -1 without a loaded document.
   int GetNodesCount() noexcept;
+  /// The child nodes of any node: elements, texts, comments and instructions alike.
+  /// @param children the list, to be released by the caller; null after a failure.
+  /// @param count how many there are; 0 after a failure.
   HRESULT GetChildNodesOfNode(IXMLDOMNode* node, IXMLDOMNodeList** children, long& count) noexcept;
-  /// One node of a list. @return S_FALSE (1), with a null node, for an index outside the list.
+  /// One node of a list, which must be given: the loaded children do not stand in for a null one.
+  /// @param index from 0. @return S_FALSE (1), with a null node, for an index outside the list.
   HRESULT GetNodeAtIndex(int index, IXMLDOMNode** node, IXMLDOMNodeList* list) noexcept;
+  /// The node's name, prefix included; "#text", "#comment" and the like for nodes that have none.
   HRESULT GetNameForNode(IXMLDOMNode* node, CTString& name) noexcept;
   /// The texts of the node and all its descendants, joined.
   HRESULT GetTextForNode(IXMLDOMNode* node, CTString& text) noexcept;
-  /// True when the node has exactly that name, prefix and case included.
+  /// True when the node has exactly that name, prefix and case included; false for a null node and when the
+  /// name cannot be read.
   bool DoesNodeNameEquals(IXMLDOMNode* node, const CTString& name) noexcept;
-  /// True when item `n` of the list is an element of that name.
+  /// True when item `n` (from 0) of the list is an element of that name; false for a null list, too.
   /// @param node the item, whenever it exists, whatever the answer. May be null.
   bool IsNthNodeAnElementWithName(int n, const CTString& name, IXMLDOMNode** node,
                                   IXMLDOMNodeList* list) noexcept;
   /// The value of one attribute. @return 0x80004005 when the node has no such attribute.
   HRESULT GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName, CTString& value) noexcept;
   /// Looks, from the list's current position on, for a node whose attribute has the given value, and leaves
-  /// the list behind it. @return 0 also when there is none; then `node` is null.
+  /// the list behind it. Nodes whose attribute is missing or cannot be read are passed over.
+  /// @return 0 also when there is none, and then `node` is null; 0x80004005 for an empty attribute name.
   HRESULT FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTString& attributeName,
                                      const CTString& value, IXMLDOMNode** node) noexcept;
 
-  // Writing. A null parent means the document itself, which holds one element at most.
+  // Writing: 0x80004005 before a document was begun. A null parent means the document itself, which holds one
+  // element at most. Names and texts go to the document model as they are: it may refuse those that XML
+  // cannot hold (an empty name, control characters), or write a file that cannot be read again.
 
-  /// Appends the XML declaration: version 1.0, encoding UTF-8.
+  /// Appends the XML declaration: version 1.0, encoding UTF-8. CreateRootNode calls it.
   HRESULT CreateAndAddPINode() noexcept;
+  /// Appends an element without content to the parent. The other Create operations call it.
   HRESULT CreateAndAddNode(const CTString& name, IXMLDOMNode** node, IXMLDOMNode* parent) noexcept;
   /// Begins a document with the declaration and an empty root element.
   /// @return 0x80004005 for any failure; then the object has no document. An empty name changes nothing.
@@ -116,33 +128,33 @@ class CORVEL_TOOLKIT_API CXMLFile {
   /// The same, and the root refers to its schema by "xsi:noNamespaceSchemaLocation". An empty name or
   /// schema changes nothing.
   HRESULT CreateRootNode(const CTString& name, const CTString& schema, IXMLDOMNode** node) noexcept;
-  /// Gives the node an attribute; one of the same name is replaced.
+  /// Gives an element an attribute; one of the same name is replaced.
+  /// @param value written in the document model's text form of its type.
   HRESULT AddAttributeToNode(const CTString& attributeName, const VARIANT& value, IXMLDOMNode* node) noexcept;
+  /// The same with a text, which may be empty.
   HRESULT CreateAttributeForNode(const CTString& name, const CTString& value, IXMLDOMNode* node) noexcept;
   /// A child element with one attribute. Like every element whose value is refused, it stays in the document
   /// without one when the attribute fails.
   HRESULT CreateAttributeNode(const CTString& elementName, const CTString& attributeName,
                               const CTString& attributeValue, IXMLDOMNode* parent,
                               IXMLDOMNode** node) noexcept;
+  /// A child element without content.
   HRESULT CreateNode(const CTString& name, IXMLDOMNode* parent, IXMLDOMNode** node) noexcept;
   /// A child element with a typed value, written in the document model's text form of that type.
   HRESULT CreateNode(const CTString& name, const VARIANT& value, IXMLDOMNode* parent,
                      IXMLDOMNode** node) noexcept;
+  /// A child element with a text, whatever it holds: markup in it is escaped when the document is saved.
   HRESULT CreateTextNode(const CTString& name, const CTString& text, IXMLDOMNode* parent,
                          IXMLDOMNode** node) noexcept;
   /// One child element per record, in order. @return 0x80004005 at the first failure, where it stops.
   HRESULT CreateNodes(const std::vector<XML_NAME_VALUE>& nodes, IXMLDOMNode* parent) noexcept;
-  /// Writes the document to the path, over what is there.
+  /// Writes the document to the path, over what is there. A failure may leave a part of it there.
   HRESULT SaveDocumentToFile() noexcept;
 
  private:
   struct Releaser {
     void operator()(IUnknown* object) const noexcept { object->Release(); }
   };
-
-  void ReleaseDocument() noexcept;
-  HRESULT Abandon(HRESULT result) noexcept;
-  HRESULT GetAttributeForNode(IXMLDOMNode* node, BSTR attributeName, VARIANT* value) noexcept;
 
   CTString m_path;
   std::unique_ptr<IXMLDOMDocument, Releaser> m_document;

@@ -5,6 +5,8 @@
 #include <oleauto.h>
 
 #include <cstddef>
+#include <filesystem>
+#include <fstream>
 
 #include "xmlfile/dom.h"
 
@@ -73,13 +75,13 @@ class FakeNode : public FakeObject<Interface> {
   HRESULT STDMETHODCALLTYPE get_nodeName(BSTR* name) override {
     *name = nullptr;
     PLAY("get_nodeName");
-    *name = ::SysAllocString(m_data.name.c_str());
+    *name = this->m_dom.NewText(m_data.name);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_nodeValue(VARIANT* value) override {
     PLAY("get_nodeValue");
     value->vt = this->m_dom.ValueType();
-    if (value->vt == VT_BSTR) value->bstrVal = ::SysAllocString(m_data.value.c_str());
+    if (value->vt == VT_BSTR) value->bstrVal = this->m_dom.NewText(m_data.value);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE put_nodeValue(VARIANT) override {
@@ -122,7 +124,7 @@ class FakeNode : public FakeObject<Interface> {
   HRESULT STDMETHODCALLTYPE get_text(BSTR* text) override {
     *text = nullptr;
     PLAY("get_text");
-    *text = ::SysAllocString(m_data.value.c_str());
+    *text = this->m_dom.NewText(m_data.value);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE put_text(BSTR) override {
@@ -326,7 +328,8 @@ class FakeDocument : public FakeNode<IXMLDOMDocument> {
     *loaded = VARIANT_TRUE;
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE save(VARIANT) override {
+  HRESULT STDMETHODCALLTYPE save(VARIANT target) override {
+    if (m_dom.BeginsFiles()) std::ofstream(std::filesystem::path(target.bstrVal)) << "<half";
     PLAY("save");
     return S_OK;
   }
@@ -418,6 +421,10 @@ ComPtr<IXMLDOMNodeList> FakeDom::List() {
   ComPtr<IXMLDOMNodeList> list;
   *list.GetAddressOf() = NewList(*this, {kFirst, kSecond});
   return list;
+}
+
+BSTR FakeDom::NewText(const std::wstring& text) const {
+  return m_givesNullTexts ? nullptr : ::SysAllocString(text.c_str());
 }
 
 HRESULT FakeDom::Play(const std::string& call) {

@@ -37,6 +37,11 @@ class FakeDom {
   /// From now on values are of this type instead of text.
   void GiveValuesOfType(VARTYPE type) { m_valueType = type; }
 
+  /// From now on texts are null pointers, which stand for empty ones.
+  void GiveNullTexts() { m_givesNullTexts = true; }
+  /// From now on saving writes the beginning of a file, before whatever result it gives.
+  void BeginAFileWhenSaving() { m_beginsFiles = true; }
+
   /// An element and a list of two elements to work on.
   Microsoft::WRL::ComPtr<IXMLDOMNode> Element();
   Microsoft::WRL::ComPtr<IXMLDOMNodeList> List();
@@ -55,6 +60,8 @@ class FakeDom {
   // For the made-up objects.
   HRESULT Play(const std::string& call);
   VARTYPE ValueType() const { return m_valueType; }
+  BSTR NewText(const std::wstring& text) const;
+  bool BeginsFiles() const { return m_beginsFiles; }
   const FakeNodeData& Document() const { return m_document; }
   void CountObject(int change) { m_living += change; }
 
@@ -71,6 +78,8 @@ class FakeDom {
   int m_callsUntilFailure = 0;
   bool m_hasFailed = false;
   VARTYPE m_valueType = VT_BSTR;
+  bool m_givesNullTexts = false;
+  bool m_beginsFiles = false;
   int m_living = 0;
   std::vector<std::string> m_calls;
   std::vector<Creation> m_creations;

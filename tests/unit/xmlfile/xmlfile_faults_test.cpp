@@ -284,6 +284,113 @@ TEST_P(FailingCallTest, GivesItsResultAndOneErrorRecordAndHoldsNothing) {
 INSTANTIATE_TEST_SUITE_P(EachCall, FailingCallTest, testing::ValuesIn(kFailingCalls),
                          [](const auto& row) { return row.param.name; });
 
+/// An operation whose calls are to fail in turn.
+struct Operation {
+  const char* name;
+  std::function<long(Stage&)> act;
+};
+
+std::ostream& operator<<(std::ostream& out, const Operation& operation) {
+  return out << operation.name;
+}
+
+const Operation kOperations[] = {
+    {"InitializeDOM", [](Stage& stage) { return stage.file.InitializeDOM(); }},
+    {"GetRootNode", [](Stage& stage) { return stage.file.GetRootNode(nullptr); }},
+    {"GetChildNodesOfNode",
+     [](Stage& stage) {
+       ComPtr<IXMLDOMNodeList> children;
+       long count = 0;
+       return stage.file.GetChildNodesOfNode(stage.node.Get(), children.GetAddressOf(), count);
+     }},
+    {"GetNodeAtIndex",
+     [](Stage& stage) { return stage.file.GetNodeAtIndex(0, Out(stage), stage.list.Get()); }},
+    {"GetNameForNode",
+     [](Stage& stage) {
+       CTString name;
+       return stage.file.GetNameForNode(stage.node.Get(), name);
+     }},
+    {"GetTextForNode",
+     [](Stage& stage) {
+       CTString text;
+       return stage.file.GetTextForNode(stage.node.Get(), text);
+     }},
+    {"GetAttributeForNode",
+     [](Stage& stage) {
+       CTString value;
+       return stage.file.GetAttributeForNode(stage.node.Get(), L"key", value);
+     }},
+    {"CreateAndAddPINode", [](Stage& stage) { return stage.file.CreateAndAddPINode(); }},
+    {"CreateAndAddNode",
+     [](Stage& stage) { return stage.file.CreateAndAddNode(L"name", Out(stage), stage.node.Get()); }},
+    {"CreateRootNode", [](Stage& stage) { return stage.file.CreateRootNode(L"name", Out(stage)); }},
+    {"CreateRootNodeWithSchema",
+     [](Stage& stage) { return stage.file.CreateRootNode(L"name", L"a.xsd", Out(stage)); }},
+    {"AddAttributeToNode",
+     [](Stage& stage) { return stage.file.AddAttributeToNode(L"key", Number(1), stage.node.Get()); }},
+    {"CreateAttributeForNode",
+     [](Stage& stage) { return stage.file.CreateAttributeForNode(L"key", L"value", stage.node.Get()); }},
+    {"CreateAttributeNode",
+     [](Stage& stage) {
+       return stage.file.CreateAttributeNode(L"name", L"key", L"value", stage.node.Get(), Out(stage));
+     }},
+    {"CreateNode", [](Stage& stage) { return stage.file.CreateNode(L"name", stage.node.Get(), Out(stage)); }},
+    {"CreateNodeWithValue",
+     [](Stage& stage) { return stage.file.CreateNode(L"name", Number(1), stage.node.Get(), Out(stage)); }},
+    {"CreateTextNode",
+     [](Stage& stage) { return stage.file.CreateTextNode(L"name", L"text", stage.node.Get(), Out(stage)); }},
+    {"CreateNodes",
+     [](Stage& stage) {
+       return stage.file.CreateNodes({{L"a", L"1", VT_UI2}, {L"b", L"2", VT_UI2}}, stage.node.Get());
+     }},
+    {"SaveDocumentToFile", [](Stage& stage) { return stage.file.SaveDocumentToFile(); }},
+};
+
+/// What an operation did of whose calls only one failed.
+struct Attempt {
+  bool callFailed;
+  long result;
+  std::string call;
+  std::vector<LogRecord> errors;
+};
+
+Attempt AttemptWithFailingCall(const std::function<long(Stage&)>& act, int number) {
+  const TestLog log;
+  FakeDom dom;
+  Attempt attempt{};
+  {
+    Stage stage(dom);
+    EXPECT_EQ(stage.file.CreateRootNode(L"root", nullptr), S_OK);
+    dom.FailCallNumber(number);
+    attempt.result = act(stage);
+    // The failing call is the last one: the operation stops there.
+    attempt.call = dom.Calls().back().substr(0, dom.Calls().back().find(' '));
+    if (stage.outIsUsed && stage.out != nullptr) stage.out->Release();
+  }
+  EXPECT_EQ(dom.LivingObjects(), 0);
+  attempt.callFailed = dom.HasFailed();
+  attempt.errors = Errors(log);
+  return attempt;
+}
+
+class EveryCallTest : public testing::TestWithParam<Operation> {};
+
+TEST_P(EveryCallTest, ThatFailsEndsTheOperationWithOneErrorRecordOfItsName) {
+  int number = 0;
+  for (;;) {
+    const Attempt attempt = AttemptWithFailingCall(GetParam().act, ++number);
+    if (!attempt.callFailed) break;
+    EXPECT_TRUE(attempt.result == kRefused || attempt.result == E_FAIL)
+        << "call " << number << ", " << attempt.call;
+    ASSERT_EQ(attempt.errors.size(), 1u) << "call " << number << ", " << attempt.call;
+    EXPECT_THAT(attempt.errors[0].message, testing::HasSubstr(attempt.call));
+  }
+  EXPECT_GT(number, 1) << "no call was made";
+}
+
+INSTANTIATE_TEST_SUITE_P(OfEachOperation, EveryCallTest, testing::ValuesIn(kOperations),
+                         [](const auto& row) { return row.param.name; });
+
 class FakeDomTest : public testing::Test {
  protected:
   TestLog log;
@@ -379,6 +486,22 @@ TEST_F(FakeDomTest, FindSkipsNodesWhoseAttributeCannotBeRead) {
   EXPECT_EQ(file.FindNodeWithAttributeValue(list.Get(), L"key", L"v", node.GetAddressOf()), S_OK);
   EXPECT_EQ(node.Get(), nullptr);
   EXPECT_EQ(Errors(log).size(), 2u);
+}
+
+TEST_F(FakeDomTest, NullTextsAreEmptyTexts) {
+  CXMLFile file(L"x.xml");
+  const ComPtr<IXMLDOMNode> node = dom.Element();
+  dom.GiveNullTexts();
+  CTString name(L"before");
+  CTString text(L"before");
+  CTString value(L"before");
+  EXPECT_EQ(file.GetNameForNode(node.Get(), name), S_OK);
+  EXPECT_EQ(file.GetTextForNode(node.Get(), text), S_OK);
+  EXPECT_EQ(file.GetAttributeForNode(node.Get(), L"key", value), S_OK);
+  EXPECT_TRUE(name.IsEmpty());
+  EXPECT_TRUE(text.IsEmpty());
+  EXPECT_TRUE(value.IsEmpty());
+  EXPECT_TRUE(file.DoesNodeNameEquals(node.Get(), L""));
 }
 
 TEST_F(FakeDomTest, ALoadThatLoadsNothingIsAFailureThatLogsTheCallsOwnResult) {

@@ -152,12 +152,13 @@ TEST_F(ReadingTest, ADeclaredSingleByteEncodingIsFollowed) {
   EXPECT_EQ(document.Text(document.root), L"\u00E4");
 }
 
-TEST_F(ReadingTest, AMillionNodesAreRead) {
+TEST_F(ReadingTest, AMillionNodesAreReadAndSearched) {
   std::string bytes = "<r>";
-  for (int i = 0; i < 1'000'000; ++i) bytes += "<n/>";
-  Document document = Read(bytes + "</r>");
+  for (int i = 1; i < 1'000'000; ++i) bytes += "<n/>";
+  Document document = Read(bytes + "<last id='1'/></r>");
   EXPECT_EQ(document.result, S_OK);
   EXPECT_EQ(document.file.GetNodesCount(), 1'000'000);
+  EXPECT_EQ(document.Name(document.Find(L"id", L"1").Get()), L"last");
 }
 
 TEST_F(ReadingTest, TwoHundredLevelsAreRead) {
@@ -217,6 +218,12 @@ TEST_F(ReadingTest, AMissingAttributeIsAFailureWithoutRecord) {
   EXPECT_EQ(document.file.GetAttributeForNode(document.root, L"other", value), E_FAIL);
   EXPECT_TRUE(value == L"before");
   EXPECT_THAT(log.Messages(), IsEmpty());
+}
+
+TEST_F(ReadingTest, NoAttributeHasAnEmptyName) {
+  Document document = Read("<r key='value'/>");
+  CTString value;
+  EXPECT_TRUE(FAILED(document.file.GetAttributeForNode(document.root, L"", value)));
 }
 
 TEST_F(ReadingTest, ATextHasNoAttributes) {

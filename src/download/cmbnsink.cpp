@@ -171,7 +171,7 @@ HRESULT CMbnSinks::DeInitilazation() {
   return S_OK;
 }
 
-bool CMbnSinks::Retire() {
+void CMbnSinks::Retire() {
   {
     const ScopedLock lock(g_recordLock);
     m_retired = true;
@@ -183,7 +183,6 @@ bool CMbnSinks::Retire() {
   GiveUp(g_MbnSignal);
   // Cuts off the stubs through which another apartment may still hold the sink.
   ::CoDisconnectObject(static_cast<IMbnRadioEvents*>(this), 0);
-  return m_references == 0 && m_callsInProgress == 0;
 }
 
 HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {

@@ -87,8 +87,9 @@ class CMbnSinks final : public IMbnRadioEvents,
   /// Closes the events. @return S_OK.
   HRESULT DeInitilazation();
   /// Gives up the objects kept and lets nothing more be recorded or signalled through this sink.
-  /// @return true when nobody refers to it or is in one of its handlers, so that it may be deleted.
-  bool Retire();
+  void Retire();
+  /// True when nobody refers to it or is in one of its handlers. A retired sink may be deleted then.
+  bool IsDeserted() const { return m_references == 0 && m_callsInProgress == 0; }
 
   MbnClientHooks& ClientHooks() { return m_hooks; }
 

@@ -11,6 +11,7 @@
 #include "common/win32error.h"
 #include "config/configparser.h"
 #include "download/flashtimes.h"
+#include "download/mbimreboot.h"
 
 namespace {
 
@@ -107,6 +108,7 @@ void CFirmwareDownloader::Unload() {
     CDownloadToolDll::Unload();
     SetPresentEngine(nullptr);
   }
+  DeleteRetiredSinks();
   LOG_TRACE("\t Unload --");
 }
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <list>
 #include <memory>
 #include <new>
 #include <optional>
@@ -15,6 +16,7 @@
 #include "common/automation.h"
 #include "common/handles.h"
 #include "common/log.h"
+#include "common/neverdestroyed.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "download/cmbnsink.h"
@@ -68,12 +70,33 @@ class ComApartment {
   HRESULT m_result;
 };
 
+/// Guards the sinks: who shares the present one, and which are retired.
+SRWLOCK g_sinkLock = SRWLOCK_INIT;
+
+/// Sinks that are deaf by now and that somebody may still be about to leave: the service's thread can be in
+/// the handler that ended the run.
+NeverDestroyed<std::list<std::unique_ptr<CMbnSinks>>> g_retiredSinks;
+
+/// For who holds the lock.
+void DeleteDesertedSinks() {
+  std::erase_if(*g_retiredSinks, [](const auto& sink) { return sink->IsDeserted(); });
+}
+
+void RetireSink(CMbnSinks* sink) noexcept try {
+  sink->DeInitilazation();
+  sink->Retire();
+  g_retiredSinks->emplace_back(sink);
+  DeleteDesertedSinks();
+} catch (...) {
+  // Out of memory for the list: the sink is left alone for good.
+}
+
 /// A run's share of the process-wide sink. The first one makes it, the last one retires it: an abandoned
 /// run may still wait on its events when the next attempt is here.
 class SinkShare {
  public:
   SinkShare() {
-    const ScopedLock lock(s_lock);
+    const ScopedLock lock(g_sinkLock);
     if (g_CMbnSinks == nullptr) {
       g_CMbnSinks = new (std::nothrow) CMbnSinks;
       if (g_CMbnSinks == nullptr) return;
@@ -83,12 +106,8 @@ class SinkShare {
     m_sink = g_CMbnSinks;
   }
   ~SinkShare() {
-    const ScopedLock lock(s_lock);
-    if (m_sink == nullptr || --s_shares > 0) return;
-    m_sink->DeInitilazation();
-    g_CMbnSinks = nullptr;
-    // A sink that somebody may still call is left alone for good: it is deaf by now, and small.
-    if (m_sink->Retire()) delete m_sink;
+    const ScopedLock lock(g_sinkLock);
+    if (m_sink != nullptr && --s_shares == 0) RetireSink(std::exchange(g_CMbnSinks, nullptr));
   }
   SinkShare(const SinkShare&) = delete;
   SinkShare& operator=(const SinkShare&) = delete;
@@ -96,7 +115,6 @@ class SinkShare {
   CMbnSinks* Get() const { return m_sink; }
 
  private:
-  static inline SRWLOCK s_lock = SRWLOCK_INIT;
   static inline int s_shares = 0;
 
   CMbnSinks* m_sink = nullptr;
@@ -496,6 +514,11 @@ HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandon
   run.reset();
   LOG_TRACE("RebootModemByMbimCmd --");
   return result;
+}
+
+void DeleteRetiredSinks() {
+  const ScopedLock lock(g_sinkLock);
+  DeleteDesertedSinks();
 }
 
 HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
-#include <winternl.h>
 
 #include <algorithm>
 #include <array>
@@ -15,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -26,6 +26,7 @@
 #include "firmware_folder.h"
 #include "import_patch.h"
 #include "scratch_key.h"
+#include "support/handle_census.h"
 #include "text.h"
 #include "virtual_pc.h"
 #include "work_folder.h"
@@ -123,27 +124,12 @@ std::vector<DWORD> ThreadsOfThisProcess() {
   return threads;
 }
 
-/// How many handles of each type of object the process has.
-using HandleCensus = std::map<std::wstring, int>;
-
-std::wstring TypeOf(HANDLE handle) {
-  std::array<std::byte, 1024> room{};
-  const auto type = reinterpret_cast<PUBLIC_OBJECT_TYPE_INFORMATION*>(room.data());
-  if (::NtQueryObject(handle, ObjectTypeInformation, type, sizeof room, nullptr) < 0) return L"unknown";
-  return {type->TypeName.Buffer, type->TypeName.Length / sizeof(wchar_t)};
-}
-
-/// Looks at every number that a handle may have: the system's own count does not exist everywhere.
-HandleCensus HandlesOfThisProcess() {
-  constexpr std::uintptr_t kStep = 4;
-  constexpr std::uintptr_t kHighest = 32768;
-  HandleCensus census;
-  for (std::uintptr_t value = kStep; value < kHighest; value += kStep) {
-    const auto handle = reinterpret_cast<HANDLE>(value);
-    DWORD flags = 0;
-    if (::GetHandleInformation(handle, &flags)) ++census[TypeOf(handle)];
-  }
-  return census;
+/// The C runtime's thread library keeps the records of ended threads for the next ones: wiped, but for a link
+/// to the next record. How many there are depends on how many threads met, not on how much was done.
+bool IsBlank(const PROCESS_HEAP_ENTRY& block) {
+  const std::span words(static_cast<const std::uintptr_t*>(block.lpData),
+                        block.cbData / sizeof(std::uintptr_t));
+  return words.size() > 1 && std::ranges::count(words, std::uintptr_t{0}) >= std::ssize(words) - 1;
 }
 
 std::size_t BytesInUse(HANDLE heap) {
@@ -151,7 +137,7 @@ std::size_t BytesInUse(HANDLE heap) {
   ::HeapLock(heap);
   PROCESS_HEAP_ENTRY entry{};
   while (::HeapWalk(heap, &entry)) {
-    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) bytes += entry.cbData;
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 && !IsBlank(entry)) bytes += entry.cbData;
   }
   ::HeapUnlock(heap);
   return bytes;

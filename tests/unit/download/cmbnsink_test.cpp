@@ -741,13 +741,16 @@ TEST_F(MbnSinkTest, ARetiredSinkKeepsAndRecordsAndSignalsNothing) {
 }
 
 TEST_F(MbnSinkTest, ARetiredSinkThatNobodyRefersToMayBeDeleted) {
-  EXPECT_TRUE(Sink().Retire());
+  Sink().Retire();
+  EXPECT_TRUE(Sink().IsDeserted());
 }
 
 TEST_F(MbnSinkTest, ARetiredSinkThatSomebodyRefersToMustStay) {
   Sink().AddRef();
-  EXPECT_FALSE(Sink().Retire());
+  Sink().Retire();
+  EXPECT_FALSE(Sink().IsDeserted());
   Sink().Release();
+  EXPECT_TRUE(Sink().IsDeserted());
 }
 
 HANDLE g_handlerEntered = nullptr;
@@ -766,10 +769,11 @@ TEST_F(MbnSinkTest, ARetiredSinkThatIsInAHandlerMustStay) {
   Sink().ClientHooks().onInterfaceArrival = &StayInTheHandler;
   std::thread caller([this] { Sink().OnInterfaceArrival(nullptr); });
   EXPECT_EQ(::WaitForSingleObject(entered.get(), 10000), WAIT_OBJECT_0);
-  EXPECT_FALSE(Sink().Retire());
+  Sink().Retire();
+  EXPECT_FALSE(Sink().IsDeserted());
   ::SetEvent(mayLeave.get());
   caller.join();
-  EXPECT_TRUE(Sink().Retire());
+  EXPECT_TRUE(Sink().IsDeserted());
 }
 
 }  // namespace

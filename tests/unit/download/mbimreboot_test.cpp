@@ -20,6 +20,7 @@
 #include "download/firmwaredownloader.h"
 #include "import_patch.h"
 #include "mobile_broadband.h"
+#include "support/handle_census.h"
 #include "support/test_log.h"
 
 using testing::Contains;
@@ -801,6 +802,9 @@ TEST_F(MbimRebootTest, ASinkThatNobodyRefersToIsDeletedWithItsRun) {
   if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
   Reboot();
   EXPECT_TRUE(Asked("Advise"));
+  // The service's thread may be about to leave the handler that ended the run.
+  service.WaitForCompletions();
+  DeleteRetiredSinks();
   EXPECT_EQ(g_watchedSink, nullptr);
 }
 
@@ -808,7 +812,24 @@ TEST_F(MbimRebootTest, ASinkThatTheServiceStillRefersToIsNotDeleted) {
   if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
   Fail("Unadvise");
   Reboot();
+  DeleteRetiredSinks();
   EXPECT_NE(g_watchedSink, nullptr);
+}
+
+TEST_F(MbimRebootTest, ASinkThatTheServiceLeavesAfterTheRunIsDeletedWithTheEngine) {
+  if (!WatchTheSink()) GTEST_SKIP() << "the runtime is linked in";
+  CMbnSinks* held = nullptr;
+  service.Behaviour().onRebootCommand = [&held] {
+    held = g_CMbnSinks;
+    held->AddRef();
+  };
+  Reboot();
+  service.WaitForCompletions();
+  CFirmwareDownloader::Unload();
+  EXPECT_EQ(g_watchedSink, held);
+  held->Release();
+  CFirmwareDownloader::Unload();
+  EXPECT_EQ(g_watchedSink, nullptr);
 }
 
 TEST_F(MbimRebootTest, TheNextRunAfterSuchASinkHasOneOfItsOwn) {
@@ -829,12 +850,9 @@ TEST_F(MbimRebootTest, ACompletionAfterTheTimeOutReachesNobody) {
 
 TEST_F(MbimRebootTest, ManyRunsInARowLeaveNoHandle) {
   Reboot();
-  DWORD before = 0;
-  DWORD after = 0;
-  ::GetProcessHandleCount(::GetCurrentProcess(), &before);
+  const HandleCensus before = HandlesOfThisProcess();
   for (int run = 0; run < 50; ++run) Reboot();
-  ::GetProcessHandleCount(::GetCurrentProcess(), &after);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(HandlesOfThisProcess(), before);
 }
 
 }  // namespace

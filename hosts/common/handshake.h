@@ -35,8 +35,14 @@ struct Handshake {
   bool IsJobRunning() const {
     return onGoing == 1u && (Is(FlashResult::Flashing) || Is(FlashResult::Retrying));
   }
-  /// True while the modem is brought into flash mode, written, or waited for.
-  bool IsAttemptRunning() const { return onGoing == 1u && Is(FlashResult::Flashing); }
+  /// True from the request to its end: the library takes the flag back last, when the result is written.
+  bool IsJobOpen() const { return ready == 1u || IsJobRunning(); }
+  /// True while the library must not be cut off: the modem is brought into flash mode, written or waited
+  /// for, or the result is written and the flag not yet taken back, so that the job would be done again.
+  bool IsAttemptRunning() const {
+    if (Is(FlashResult::Flashing)) return onGoing == 1u || ready == 1u;
+    return ready == 1u && (Is(FlashResult::Failed) || Is(FlashResult::Succeeded));
+  }
 };
 
 /// One value with its name and what it says, for people.

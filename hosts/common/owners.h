@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <system_error>
 
 // Owners of system objects. An empty one holds nullptr, never INVALID_HANDLE_VALUE.
 
@@ -24,7 +25,14 @@ struct OwnedModuleCloser {
 };
 using OwnedModule = std::unique_ptr<HINSTANCE__, OwnedModuleCloser>;
 
+/// Throws the last error of the system with a text that says what was being done.
+[[noreturn]] inline void ThrowLastError(const char* what) {
+  throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), what);
+}
+
 /// An event without a name that stays signalled until it is reset.
 inline OwnedHandle NewEvent() {
-  return OwnedHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  OwnedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  if (event == nullptr) ThrowLastError("An event cannot be made");
+  return event;
 }

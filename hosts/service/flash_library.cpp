@@ -13,12 +13,41 @@ namespace {
 constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
 constexpr wchar_t kConfiguration[] = L"CorvelConfig.ini";
 
-// ToolKit::IsConfigLoaded under the name that the library's compiler gives it.
+// Members of ToolKit under the names that the library's compiler gives them.
 #if defined(_MSC_VER)
 constexpr char kIsConfigLoaded[] = "?IsConfigLoaded@ToolKit@@SA_NXZ";
+constexpr char kGetRoot[] = "?GetHKEYRegistryMainKey@ToolKit@@SAPEAUHKEY__@@XZ";
+constexpr char kGetRootName[] = "?GetRegistryMainKey@ToolKit@@SAPEB_WXZ";
+constexpr char kGetPath[] = "?GetRegistryStrKey@ToolKit@@SAPEB_WXZ";
 #else
 constexpr char kIsConfigLoaded[] = "_ZN7ToolKit14IsConfigLoadedEv";
+constexpr char kGetRoot[] = "_ZN7ToolKit22GetHKEYRegistryMainKeyEv";
+constexpr char kGetRootName[] = "_ZN7ToolKit18GetRegistryMainKeyEv";
+constexpr char kGetPath[] = "_ZN7ToolKit17GetRegistryStrKeyEv";
 #endif
+
+/// What the host asks the library. Bound at run time, because the library is loaded at run time.
+struct Questions {
+  explicit Questions(HMODULE library)
+      : isConfigLoaded(Bind<bool>(library, kIsConfigLoaded)),
+        root(Bind<HKEY>(library, kGetRoot)),
+        rootName(Bind<const wchar_t*>(library, kGetRootName)),
+        path(Bind<const wchar_t*>(library, kGetPath)) {}
+
+  bool AreKnown() const { return isConfigLoaded && root && rootName && path; }
+
+  template <typename Answer>
+  using Question = Answer (*)();
+  template <typename Answer>
+  static Question<Answer> Bind(HMODULE library, const char* name) {
+    return reinterpret_cast<Question<Answer>>(::GetProcAddress(library, name));
+  }
+
+  Question<bool> isConfigLoaded;
+  Question<HKEY> root;
+  Question<const wchar_t*> rootName;
+  Question<const wchar_t*> path;
+};
 
 FlashLibrary Failed(unsigned long code, std::wstring reason) {
   return {.failure = LibraryFailure{code, std::move(reason)}, .key = {}};
@@ -34,14 +63,14 @@ FlashLibrary LoadFlashLibrary() {
     const DWORD error = ::GetLastError();
     return Failed(kFailedNoLibrary, path + L": " + ToWide(SystemErrorText(error)));
   }
-  const auto isConfigLoaded = reinterpret_cast<bool (*)()>(::GetProcAddress(library, kIsConfigLoaded));
-  if (isConfigLoaded == nullptr) return Failed(kFailedNoLibrary, path + L" is of another version");
-  const auto key = FlashServiceKey();
-  if (!isConfigLoaded() || !key) {
+  const Questions ask(library);
+  if (!ask.AreKnown()) return Failed(kFailedNoLibrary, path + L" is of another version");
+  if (!ask.isConfigLoaded()) {
     return Failed(kFailedNoConfiguration,
                   ProgramFolder() + kConfiguration + L" is missing, or another program has it open");
   }
-  return {.failure = std::nullopt, .key = *key};
+  return {.failure = std::nullopt,
+          .key = {.root = ask.root(), .rootName = ask.rootName(), .path = ask.path()}};
 }
 
 std::optional<HandshakeKey> FlashServiceKey() {

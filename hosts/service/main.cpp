@@ -26,8 +26,8 @@ constexpr int kBusy = 3;
 constexpr char kExitCodes[] =
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 a flash is running and the service was not stopped.";
 
-std::string Advice(const ControlResult& result) {
-  switch (result.error) {
+std::string Advice(DWORD error) {
+  switch (error) {
     case ERROR_ACCESS_DENIED:
       return "Run this program as an administrator.";
     case ERROR_SERVICE_DOES_NOT_EXIST:
@@ -39,7 +39,6 @@ std::string Advice(const ControlResult& result) {
     case ERROR_SERVICE_NOT_ACTIVE:
       return "It is not running.";
     case ERROR_INVALID_SERVICE_CONTROL:
-    case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
       return "A flash is running. Wait for its end, or use --force and let the next flash recover the modem.";
     case ERROR_SERVICE_SPECIFIC_ERROR:
       return "Look at the Windows event log; is CorvelConfig.ini beside this program?";
@@ -58,17 +57,16 @@ int Conclude(const ControlResult& result, const std::string& success) {
     return kDone;
   }
   std::cerr << "corvel_service: Could not " << result.step << ": " << SystemErrorText(result.error) << ".\n"
-            << Advice(result) << std::endl;
-  const bool busy =
-      result.error == ERROR_INVALID_SERVICE_CONTROL || result.error == ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
-  return busy ? kBusy : kFailed;
+            << Advice(result.error) << std::endl;
+  return result.error == ERROR_INVALID_SERVICE_CONTROL ? kBusy : kFailed;
 }
 
 int ShowStatus(bool json) {
   ServiceState state;
   const ControlResult result = QueryFlashService(state);
   if (result.error != ERROR_SUCCESS) return Conclude(result, "");
-  const auto key = FlashServiceKey();
+  // The library finds no configuration while another program has it open, and a service that starts must.
+  const auto key = state.state == SERVICE_START_PENDING ? std::nullopt : FlashServiceKey();
   const Handshake values = key ? ReadHandshake(*key) : Handshake{};
   if (json) {
     PrintJson({{"installed", state.installed},

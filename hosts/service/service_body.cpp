@@ -2,8 +2,9 @@
 
 #include <windows.h>
 
+#include <exception>
 #include <iostream>
-#include <optional>
+#include <mutex>
 #include <string>
 
 #include "event_log.h"
@@ -12,12 +13,12 @@
 #include "interruption.h"
 #include "messages.h"
 #include "owners.h"
+#include "service_report.h"
 #include "text.h"
 
 namespace {
 
-constexpr DWORD kStartHintMs = 10000;
-constexpr DWORD kPollWhileStoppingMs = 500;
+constexpr DWORD kCheckPointPeriodMs = 1000;
 constexpr DWORD kStopHintMs = 5000;
 
 /// How often the handshake is looked at while its key announces no changes.
@@ -36,110 +37,149 @@ class Service {
  private:
   static DWORD WINAPI OnControl(DWORD control, DWORD, void*, void* service);
 
-  void Report(DWORD state, DWORD hintMs = 0);
-  void ReportFailure(const LibraryFailure& failure);
+  void Serve();
+  void BeginToServe(const HandshakeKey& key);
   void WaitForStop();
   bool WaitForAttemptToEnd();
 
-  SERVICE_STATUS_HANDLE m_status = nullptr;
-  OwnedHandle m_stop = NewEvent();
-  OwnedHandle m_force = NewEvent();
+  void TellOfChange();
+  void TellAnew(bool mayBeInterrupted);
+  void BeginToStop(bool mayBeInterrupted);
+  bool GoesOnStopping();
+  void Fail(const LibraryFailure& failure);
+
+  OwnedHandle m_stop;
   HandshakeKey m_key;
+
+  /// Guards what follows: both threads tell the manager what they know.
+  std::mutex m_mutex;
+  ServiceReport m_report;
   bool m_flashing = false;
-  DWORD m_checkPoint = 0;
+  bool m_mayBeInterrupted = false;
 };
 
 DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
   Service& service = *static_cast<Service*>(context);
   switch (control) {
-    case kControlForcedStop:
-      ::SetEvent(service.m_force.get());
-      [[fallthrough]];
-    case SERVICE_CONTROL_PRESHUTDOWN:
-      ::SetEvent(service.m_stop.get());
+    case SERVICE_CONTROL_INTERROGATE:
+      service.TellAnew(false);
+      return NO_ERROR;
+    case kControlAllowInterruption:
+      service.TellAnew(true);
       return NO_ERROR;
     case SERVICE_CONTROL_STOP:
-      // The manager may not have heard yet that no stop is accepted.
-      if (ReadHandshake(service.m_key).IsJobRunning()) return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
-      ::SetEvent(service.m_stop.get());
+      service.BeginToStop(true);
       return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
+    case SERVICE_CONTROL_PRESHUTDOWN:
+      service.BeginToStop(false);
       return NO_ERROR;
     default:
       return ERROR_CALL_NOT_IMPLEMENTED;
   }
 }
 
-void Service::Report(DWORD state, DWORD hintMs) {
-  SERVICE_STATUS status{};
-  status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-  status.dwCurrentState = state;
-  // A stop is refused while the modem is being written; shutting the PC down waits for the flash instead.
-  if (state == SERVICE_RUNNING) {
-    status.dwControlsAccepted = SERVICE_ACCEPT_PRESHUTDOWN | (m_flashing ? 0 : SERVICE_ACCEPT_STOP);
-  }
-  const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
-  m_checkPoint = pending ? m_checkPoint + 1 : 0;
-  status.dwCheckPoint = m_checkPoint;
-  status.dwWaitHint = hintMs;
-  ::SetServiceStatus(m_status, &status);
+/// A stop is refused, in the way that the system provides, by not accepting it while a flash is running.
+void Service::TellOfChange() {
+  const std::lock_guard lock(m_mutex);
+  const bool flashing = ReadHandshake(m_key).IsJobOpen();
+  if (!m_report.IsRunning() || flashing == m_flashing) return;
+  m_flashing = flashing;
+  m_mayBeInterrupted = false;
+  m_report.Running(!m_flashing);
 }
 
-void Service::ReportFailure(const LibraryFailure& failure) {
+/// What the manager was told may be a moment old; whoever asks gets the truth of now.
+void Service::TellAnew(bool mayBeInterrupted) {
+  const std::lock_guard lock(m_mutex);
+  if (!m_report.IsRunning()) return;
+  m_flashing = ReadHandshake(m_key).IsJobOpen();
+  m_mayBeInterrupted = m_flashing && mayBeInterrupted;
+  m_report.Running(!m_flashing || m_mayBeInterrupted);
+}
+
+/// A stop that was asked for before the manager heard of a new flash waits for the attempt, as a shutdown
+/// does: a service that accepts stops cannot turn one down.
+void Service::BeginToStop(bool mayBeInterrupted) {
+  const std::lock_guard lock(m_mutex);
+  m_mayBeInterrupted = m_mayBeInterrupted && mayBeInterrupted;
+  m_report.Stopping(kStopHintMs);
+  ::SetEvent(m_stop.get());
+}
+
+/// One more check point, unless the attempt may be interrupted.
+bool Service::GoesOnStopping() {
+  const std::lock_guard lock(m_mutex);
+  if (m_mayBeInterrupted) return false;
+  m_report.Stopping(kStopHintMs);
+  return true;
+}
+
+void Service::Fail(const LibraryFailure& failure) {
   WriteEvent(MSG_SERVICE_FAILED, failure.reason);
-  SERVICE_STATUS status{};
-  status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-  status.dwCurrentState = SERVICE_STOPPED;
-  status.dwWin32ExitCode = ERROR_SERVICE_SPECIFIC_ERROR;
-  status.dwServiceSpecificExitCode = failure.serviceCode;
-  ::SetServiceStatus(m_status, &status);
+  const std::lock_guard lock(m_mutex);
+  m_report.Failed(failure.serviceCode);
+}
+
+void Service::BeginToServe(const HandshakeKey& key) {
+  const std::lock_guard lock(m_mutex);
+  m_key = key;
+  m_flashing = ReadHandshake(m_key).IsJobOpen();
+  m_report.Running(!m_flashing);
 }
 
 void Service::WaitForStop() {
   HandshakeWatch watch(m_key);
   const HANDLE signals[] = {m_stop.get(), watch.Event()};
-  DWORD period = INFINITE;
-  do {
+  DWORD ended = WAIT_TIMEOUT;
+  while (ended != WAIT_OBJECT_0) {
     // Armed before the look, so that no change falls between the look and the wait.
-    period = PeriodOf(watch);
-    const bool flashing = ReadHandshake(m_key).IsJobRunning();
-    if (flashing == m_flashing) continue;
-    m_flashing = flashing;
-    Report(SERVICE_RUNNING);
-  } while (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0);
+    const DWORD period = PeriodOf(watch);
+    TellOfChange();
+    ended = ::WaitForMultipleObjects(2, signals, FALSE, period);
+    if (ended == WAIT_FAILED) ThrowLastError("The wait for a stop failed");
+  }
 }
 
 /// Between two attempts a stop does no harm: the job begins anew when the service is started next.
 /// @return false when the attempt had to be left running.
 bool Service::WaitForAttemptToEnd() {
-  for (DWORD waited = 0; ReadHandshake(m_key).IsAttemptRunning(); waited += kPollWhileStoppingMs) {
-    if (waited >= kLongestStopMs) return false;
-    Report(SERVICE_STOP_PENDING, kStopHintMs);
-    if (::WaitForSingleObject(m_force.get(), kPollWhileStoppingMs) == WAIT_OBJECT_0) return false;
+  HandshakeWatch watch(m_key);
+  const ULONGLONG begin = ::GetTickCount64();
+  for (;;) {
+    watch.Arm();
+    if (!ReadHandshake(m_key).IsAttemptRunning()) return true;
+    if (::GetTickCount64() - begin >= kLongestAttemptMs || !GoesOnStopping()) return false;
+    ::WaitForSingleObject(watch.Event(), kCheckPointPeriodMs);
   }
-  return true;
 }
 
-void Service::Run() {
-  m_status = ::RegisterServiceCtrlHandlerExW(kServiceName, OnControl, this);
-  if (m_status == nullptr) return;
-  Report(SERVICE_START_PENDING, kStartHintMs);
+void Service::Serve() {
+  m_stop = NewEvent();
   const FlashLibrary library = LoadFlashLibrary();
-  if (library.failure) return ReportFailure(*library.failure);
-  m_key = library.key;
-  Report(SERVICE_RUNNING);
-  WriteEvent(MSG_SERVICE_STARTED, ToWide(m_key.Text()));
+  if (library.failure) return Fail(*library.failure);
+  BeginToServe(library.key);
+  WriteEvent(MSG_SERVICE_STARTED, ToWide(library.key.Text()));
 
   WaitForStop();
-  Report(SERVICE_STOP_PENDING, kStopHintMs);
   const bool complete = WaitForAttemptToEnd();
   WriteEvent(complete ? MSG_SERVICE_STOPPED : MSG_SERVICE_STOPPED_WHILE_FLASHING);
-  Report(SERVICE_STOPPED);
+  const std::lock_guard lock(m_mutex);
+  m_report.Stopped();
+}
+
+void Service::Run() try {
+  const SERVICE_STATUS_HANDLE manager = ::RegisterServiceCtrlHandlerExW(kServiceName, OnControl, this);
+  if (manager == nullptr) return;
+  m_report.Begin(manager, kLongestStartMs);
+  Serve();
+} catch (const std::exception& error) {
+  Fail({kFailedNoResources, ToWide(error.what())});
 }
 
 void WINAPI ServiceMain(DWORD, wchar_t**) {
-  // Controls may come until the process ends, so the service outlives this function.
-  static Service service;
+  // Never destroyed: controls may come until the process ends, and once the manager has heard that the
+  // service has stopped, the process may end before this thread does.
+  Service& service = *new Service;
   service.Run();
 }
 

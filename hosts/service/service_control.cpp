@@ -6,12 +6,14 @@
 
 #include "event_log.h"
 #include "identity.h"
+#include "owners.h"
 #include "text.h"
 
 namespace {
 
 constexpr DWORD kPollMs = 100;
-constexpr DWORD kLongestStartMs = 30000;
+constexpr DWORD kLongestStopMs = kShutdownLimitMs;
+constexpr DWORD kLongestProcessEndMs = 30000;
 constexpr DWORD kFailureResetSeconds = 24 * 60 * 60;
 
 struct ServiceCloser {
@@ -53,7 +55,7 @@ bool SetDescription(SC_HANDLE service) {
 
 /// The system's own limit would end a download that is under way when the PC shuts down.
 bool SetPreShutdownLimit(SC_HANDLE service) {
-  SERVICE_PRESHUTDOWN_INFO limit{kLongestStopMs};
+  SERVICE_PRESHUTDOWN_INFO limit{kShutdownLimitMs};
   return ::ChangeServiceConfig2W(service, SERVICE_CONFIG_PRESHUTDOWN_INFO, &limit) != FALSE;
 }
 
@@ -72,6 +74,22 @@ DWORD WaitWhile(SC_HANDLE service, DWORD passing, DWORD longestMs) {
     ::Sleep(kPollMs);
   }
   return status.dwCurrentState;
+}
+
+/// The running service's process; nothing when there is none, or it is not open to this user.
+OwnedHandle ProcessOf(SC_HANDLE service) {
+  SERVICE_STATUS_PROCESS status{};
+  if (!QueryStatus(service, status) || status.dwProcessId == 0) return nullptr;
+  return OwnedHandle(::OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+}
+
+/// Sends a stop. What the manager knows of the service may be a moment old, and it refuses or passes on a
+/// stop by that, so the service is first made to say whether it can be stopped now.
+bool AskToStop(SC_HANDLE service, bool forced) {
+  SERVICE_STATUS status{};
+  return ::ControlService(service, forced ? kControlAllowInterruption : SERVICE_CONTROL_INTERROGATE,
+                          &status) &&
+         ::ControlService(service, SERVICE_CONTROL_STOP, &status);
 }
 
 DWORD ExitCodeOf(SC_HANDLE service) {
@@ -122,7 +140,7 @@ ControlResult UninstallService() {
   SERVICE_STATUS_PROCESS status{};
   if (QueryStatus(service.get(), status) && status.dwCurrentState != SERVICE_STOPPED) {
     const ControlResult stopped = StopFlashService(false);
-    if (stopped.error != ERROR_SUCCESS) return stopped;
+    if (stopped.error != ERROR_SUCCESS && stopped.error != ERROR_SERVICE_NOT_ACTIVE) return stopped;
   }
   return Remove(service.get());
 }
@@ -141,16 +159,21 @@ ControlResult StopFlashService(bool forced) {
   const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
   const UniqueService service =
-      OpenFlashService(manager.get(), SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_USER_DEFINED_CONTROL);
+      OpenFlashService(manager.get(), SERVICE_STOP | SERVICE_QUERY_STATUS |
+                                          (forced ? SERVICE_USER_DEFINED_CONTROL : SERVICE_INTERROGATE));
   if (service == nullptr) return Failed("open the service");
-  SERVICE_STATUS status{};
-  if (!::ControlService(service.get(), forced ? kControlForcedStop : SERVICE_CONTROL_STOP, &status)) {
+  WaitWhile(service.get(), SERVICE_START_PENDING, kLongestStartMs);
+  const OwnedHandle process = ProcessOf(service.get());
+  if (!AskToStop(service.get(), forced) && ::GetLastError() != ERROR_SERVICE_CANNOT_ACCEPT_CTRL) {
     return Failed("stop the service");
   }
-  // A forced stop is a control like others: the service runs on for the moment that it takes to obey.
-  WaitWhile(service.get(), SERVICE_RUNNING, kLongestStopMs);
-  if (WaitWhile(service.get(), SERVICE_STOP_PENDING, kLongestStopMs) == SERVICE_STOPPED) return {};
-  return {ERROR_SERVICE_REQUEST_TIMEOUT, "see the service stopped"};
+  // It is stopping, because of this request or of an earlier one.
+  if (WaitWhile(service.get(), SERVICE_STOP_PENDING, kLongestStopMs) != SERVICE_STOPPED) {
+    return {ERROR_SERVICE_REQUEST_TIMEOUT, "see the service stopped"};
+  }
+  // Whoever stops a service wants to replace its files next, which the process has open until it ends.
+  if (process != nullptr) ::WaitForSingleObject(process.get(), kLongestProcessEndMs);
+  return {};
 }
 
 ControlResult QueryFlashService(ServiceState& state) {

@@ -29,6 +29,9 @@ constexpr wchar_t kEventSource[] =
 constexpr wchar_t kServiceEntry[] = L"SYSTEM\\CurrentControlSet\\Services\\CorvelFlashService";
 constexpr DWORD kSystemsStopLimitMs = 180000;
 constexpr DWORD kOneAttemptMs = 153000;
+constexpr DWORD kLongestFlashMs = 60000;
+constexpr UINT kEndedByTest = 254;
+constexpr DWORD kLongestProcessEndMs = 30000;
 
 struct ServiceHandleCloser {
   using pointer = SC_HANDLE;
@@ -68,6 +71,17 @@ class ManagedService {
     return status;
   }
 
+  /// Ends what the service's own verbs could not end.
+  void DeleteByForce() const {
+    if (!Exists()) return;
+    const DWORD id = Status().dwProcessId;
+    const OwnedHandle process(id == 0 ? nullptr : ::OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+    if (process != nullptr && ::TerminateProcess(process.get(), kEndedByTest)) {
+      ::WaitForSingleObject(process.get(), kLongestProcessEndMs);
+    }
+    ::DeleteService(m_service.get());
+  }
+
   const QUERY_SERVICE_CONFIGW& Configuration() {
     DWORD needed = 0;
     m_configuration.resize(8192);
@@ -94,13 +108,27 @@ class ManagedService {
   std::vector<BYTE> m_info;
 };
 
-class ServiceTest : public testing::Test {
+/// Begins and ends without the service: what one test left there is no other's to stumble over.
+class WithoutServiceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    RemoveService();
+    ASSERT_FALSE(ManagedService().Exists()) << "another service of this name cannot be removed";
+  }
+  void TearDown() override { RemoveService(); }
+
+ private:
+  static void RemoveService() {
+    if (!ManagedService().Exists()) return;
+    StopFlashService(true);
+    UninstallService();
+    ManagedService().DeleteByForce();
+  }
+};
+
+class ServiceTest : public WithoutServiceTest {
  protected:
   ServiceTest() { workspace.SetServiceKey(ToWide(key.Location().Text())); }
-  ~ServiceTest() override {
-    Service({L"stop", L"--force"});
-    Service({L"uninstall"});
-  }
 
   RunResult Service(const std::vector<std::wstring>& arguments) const {
     return RunToEnd(workspace.Service(), arguments);
@@ -144,7 +172,9 @@ BOOL WINAPI RecordConfiguration(SC_HANDLE, DWORD level, void* info) {
   return TRUE;
 }
 
-TEST(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
+using InstallServiceTest = WithoutServiceTest;
+
+TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
   ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RecordConfiguration));
   EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
@@ -338,6 +368,29 @@ TEST_F(ServiceTest, IsNotStoppedWhileItFlashes) {
   EXPECT_EQ(controller.WaitForEnd(), 0);
   EXPECT_TRUE(workspace.CompareModemMemory().equal);
   EXPECT_EQ(Service({L"stop"}).exitCode, 0);
+}
+
+/// By calls, not by programs: nothing is to lie between the end of the flash and the stop.
+TEST_F(ServiceTest, IsStoppedRightBehindTheEndOfAFlash) {
+  workspace.MakeVirtualPc({"speed=60"});
+  InstallAndStart();
+  HandshakeWatch watch(key.Location());
+  key.Write(L"Fls_Ready", 1);
+  do {
+    ASSERT_EQ(watch.Arm(), static_cast<DWORD>(ERROR_SUCCESS));
+  } while (key.Read().ready != 0u && ::WaitForSingleObject(watch.Event(), kLongestFlashMs) == WAIT_OBJECT_0);
+  ASSERT_EQ(key.Read().result, 4u);
+  EXPECT_EQ(StopFlashService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+}
+
+/// The same at its begin.
+TEST_F(ServiceTest, IsNotStoppedRightBehindTheRequest) {
+  workspace.MakeVirtualPc({"speed=10"});
+  InstallAndStart();
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(StopFlashService(false).error, static_cast<DWORD>(ERROR_INVALID_SERVICE_CONTROL));
+  EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 TEST_F(ServiceTest, IsStoppedByForceWhileItFlashes) {

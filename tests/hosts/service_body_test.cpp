@@ -1,0 +1,323 @@
+// The service's own thread and its handler, against a service manager and a library that the test plays.
+
+#include "service_body.h"
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "event_log.h"
+#include "flash_library.h"
+#include "identity.h"
+#include "import_patch.h"
+#include "kept_key.h"
+#include "messages.h"
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr DWORD kStoppable = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN;
+constexpr DWORD kNotStoppable = SERVICE_ACCEPT_PRESHUTDOWN;
+constexpr std::chrono::seconds kLongestWait{30};
+
+/// The service manager's side: keeps what it is told and passes controls on.
+class Manager {
+ public:
+  void Hear(const SERVICE_STATUS& status) {
+    const std::lock_guard lock(m_mutex);
+    m_heard.push_back(status);
+    m_changed.notify_all();
+  }
+  void TakeHandler(LPHANDLER_FUNCTION_EX handler, void* context) {
+    m_handler = handler;
+    m_context = context;
+  }
+
+  DWORD Send(DWORD control) const { return m_handler(control, 0, nullptr, m_context); }
+
+  /// Waits until it was told something that `fits`. @return false when that does not come.
+  template <typename Predicate>
+  bool Hears(Predicate fits) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, kLongestWait, [&] { return !m_heard.empty() && fits(m_heard.back()); });
+  }
+  bool HearsState(DWORD state) {
+    return Hears([=](const SERVICE_STATUS& status) { return status.dwCurrentState == state; });
+  }
+  bool HearsAccepted(DWORD accepted) {
+    return Hears([=](const SERVICE_STATUS& status) { return status.dwControlsAccepted == accepted; });
+  }
+  SERVICE_STATUS Last() {
+    const std::lock_guard lock(m_mutex);
+    return m_heard.back();
+  }
+  std::vector<SERVICE_STATUS> All() {
+    const std::lock_guard lock(m_mutex);
+    return m_heard;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<SERVICE_STATUS> m_heard;
+  LPHANDLER_FUNCTION_EX m_handler = nullptr;
+  void* m_context = nullptr;
+};
+
+Manager* g_manager = nullptr;
+FlashLibrary g_library;
+std::vector<DWORD> g_events;
+
+// One thread: the service's main function runs where the real dispatcher would wait for it.
+BOOL WINAPI Dispatch(const SERVICE_TABLE_ENTRYW* table) {
+  table->lpServiceProc(0, nullptr);
+  return TRUE;
+}
+
+SERVICE_STATUS_HANDLE WINAPI TakeHandler(LPCWSTR, LPHANDLER_FUNCTION_EX handler, LPVOID context) {
+  g_manager->TakeHandler(handler, context);
+  return reinterpret_cast<SERVICE_STATUS_HANDLE>(g_manager);
+}
+
+BOOL WINAPI Hear(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
+  g_manager->Hear(*status);
+  return TRUE;
+}
+
+}  // namespace
+
+FlashLibrary LoadFlashLibrary() {
+  return g_library;
+}
+
+void WriteEvent(DWORD message, const std::wstring&) {
+  g_events.push_back(message);
+}
+
+namespace {
+
+class ServiceBodyTest : public testing::Test {
+ protected:
+  ServiceBodyTest() {
+    g_manager = &manager;
+    g_library = {.failure = std::nullopt, .key = key.Location()};
+    g_events.clear();
+    m_patch.Replace("StartServiceCtrlDispatcherW", &Dispatch);
+    m_patch.Replace("RegisterServiceCtrlHandlerExW", &TakeHandler);
+    m_patch.Replace("SetServiceStatus", &Hear);
+  }
+  ~ServiceBodyTest() override {
+    if (!m_service.joinable()) return;
+    EndJob();
+    manager.Send(SERVICE_CONTROL_STOP);
+    m_service.join();
+  }
+
+  void Start() {
+    m_service = std::thread([] { RunAsService(); });
+    ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
+  }
+  void StartsAndFails() const { RunAsService(); }
+  void AwaitEnd() { m_service.join(); }
+
+  void BeginJob() const {
+    key.Write(L"Fls_Ready", 1);
+    key.Write(L"Flash_OnGoing", 1);
+    key.Write(L"Flash_Result", 1);
+  }
+  void EndJob() const {
+    key.Write(L"Flash_OnGoing", 0);
+    key.Write(L"Flash_Result", 4);
+    key.Write(L"Fls_Ready", 0);
+  }
+
+  KeptKey key{
+      {.root = HKEY_CURRENT_USER,
+       .rootName = L"HKCU",
+       .path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\ServiceBody"}};
+  Manager manager;
+
+ private:
+  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  std::thread m_service;
+};
+
+// --- Start -----------------------------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, ReportsAPendingStartWithAHintBeforeItRuns) {
+  Start();
+  const std::vector<SERVICE_STATUS> heard = manager.All();
+  ASSERT_GE(heard.size(), 2u);
+  EXPECT_EQ(heard[0].dwCurrentState, static_cast<DWORD>(SERVICE_START_PENDING));
+  EXPECT_EQ(heard[0].dwControlsAccepted, 0u);
+  EXPECT_EQ(heard[0].dwCheckPoint, 1u);
+  EXPECT_EQ(heard[0].dwWaitHint, kLongestStartMs);
+  EXPECT_EQ(heard[1].dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
+  EXPECT_EQ(heard[1].dwServiceType, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
+  EXPECT_EQ(heard[1].dwControlsAccepted, kStoppable);
+  EXPECT_EQ(heard[1].dwCheckPoint, 0u);
+  EXPECT_EQ(heard[1].dwWaitHint, 0u);
+}
+
+TEST_F(ServiceBodyTest, EndsWithTheLibrarysFailureAsItsOwnCode) {
+  g_library.failure = LibraryFailure{kFailedNoConfiguration, L"no configuration"};
+  StartsAndFails();
+  EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(manager.Last().dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
+  EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kFailedNoConfiguration);
+  EXPECT_THAT(g_events, ElementsAre(static_cast<DWORD>(MSG_SERVICE_FAILED)));
+}
+
+// --- What it accepts -------------------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, AcceptsNoStopFromARequestToItsEnd) {
+  Start();
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_TRUE(manager.HearsAccepted(kNotStoppable));
+  BeginJob();
+  EndJob();
+  EXPECT_TRUE(manager.HearsAccepted(kStoppable));
+}
+
+TEST_F(ServiceBodyTest, TellsWhoeverAsksOfAFlashThatHasJustBegun) {
+  Start();
+  BeginJob();
+  EXPECT_EQ(manager.Send(SERVICE_CONTROL_INTERROGATE), static_cast<DWORD>(NO_ERROR));
+  EXPECT_EQ(manager.Last().dwControlsAccepted, kNotStoppable);
+}
+
+TEST_F(ServiceBodyTest, TellsWhoeverAsksOfAFlashThatHasJustEnded) {
+  BeginJob();
+  Start();
+  EXPECT_EQ(manager.Last().dwControlsAccepted, kNotStoppable);
+  EndJob();
+  manager.Send(SERVICE_CONTROL_INTERROGATE);
+  EXPECT_EQ(manager.Last().dwControlsAccepted, kStoppable);
+}
+
+TEST_F(ServiceBodyTest, DoesNotKnowOtherControls) {
+  Start();
+  EXPECT_EQ(manager.Send(SERVICE_CONTROL_PAUSE), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
+  EXPECT_EQ(manager.Send(kControlAllowInterruption + 1), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
+}
+
+// --- Stop ------------------------------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, IsStoppingWhenTheControlReturns) {
+  Start();
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  const std::vector<SERVICE_STATUS> heard = manager.All();
+  ASSERT_EQ(heard.size(), 4u);
+  EXPECT_EQ(heard[2].dwCurrentState, static_cast<DWORD>(SERVICE_STOP_PENDING));
+  EXPECT_EQ(heard[2].dwCheckPoint, 1u);
+  EXPECT_GT(heard[2].dwWaitHint, 0u);
+  EXPECT_EQ(heard[3].dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(heard[3].dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
+  EXPECT_EQ(heard[3].dwCheckPoint, 0u);
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+/// The manager passes such a stop on when a flash has begun of which it has not yet heard.
+TEST_F(ServiceBodyTest, AStopThatComesWithTheFlashWaitsForTheAttempt) {
+  Start();
+  BeginJob();
+  manager.Send(SERVICE_CONTROL_STOP);
+  EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOP_PENDING));
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 3; }));
+  EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOP_PENDING));
+  EndJob();
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+}
+
+TEST_F(ServiceBodyTest, AShutdownWaitsForTheAttemptWithCheckPoints) {
+  Start();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 3; }));
+  EndJob();
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+}
+
+TEST_F(ServiceBodyTest, AShutdownDoesNotWaitBetweenTwoAttempts) {
+  Start();
+  BeginJob();
+  key.Write(L"Flash_Result", 2);
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+}
+
+TEST_F(ServiceBodyTest, AStopWaitsUntilTheResultIsWrittenAndTheFlagTakenBack) {
+  Start();
+  BeginJob();
+  key.Write(L"Flash_OnGoing", 0);
+  manager.Send(SERVICE_CONTROL_STOP);
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 3; }));
+  key.Write(L"Flash_Result", 4);
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 5; }));
+  key.Write(L"Fls_Ready", 0);
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+}
+
+TEST_F(ServiceBodyTest, SaysNoMoreOnceItHasStopped) {
+  Start();
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  const std::size_t said = manager.All().size();
+  manager.Send(SERVICE_CONTROL_INTERROGATE);
+  manager.Send(SERVICE_CONTROL_STOP);
+  EXPECT_EQ(manager.All().size(), said);
+}
+
+// --- Stop by force ---------------------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, IsInterruptedByAStopThatFollowsThePermission) {
+  Start();
+  BeginJob();
+  manager.Send(kControlAllowInterruption);
+  EXPECT_EQ(manager.Last().dwControlsAccepted, kStoppable);
+  manager.Send(SERVICE_CONTROL_STOP);
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+  AwaitEnd();
+  EXPECT_THAT(g_events, ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED),
+                                    static_cast<DWORD>(MSG_SERVICE_STOPPED_WHILE_FLASHING)));
+}
+
+/// Any user may send the permission; it must not be kept until an administrator stops the service.
+TEST_F(ServiceBodyTest, ForgetsThePermissionWhenTheNextStopAsksFirst) {
+  Start();
+  BeginJob();
+  manager.Send(kControlAllowInterruption);
+  manager.Send(SERVICE_CONTROL_INTERROGATE);
+  EXPECT_EQ(manager.Last().dwControlsAccepted, kNotStoppable);
+}
+
+TEST_F(ServiceBodyTest, KeepsNoPermissionForALaterFlash) {
+  Start();
+  manager.Send(kControlAllowInterruption);
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+}
+
+TEST_F(ServiceBodyTest, AShutdownIsNotInterruptedByThePermission) {
+  Start();
+  BeginJob();
+  manager.Send(kControlAllowInterruption);
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 3; }));
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -16,6 +17,7 @@ namespace {
 constexpr DWORD kFailed = 3;
 constexpr DWORD kSucceeded = 4;
 constexpr ULONGLONG kDefaultLimitSeconds = 900;
+constexpr ULONGLONG kLongestWaitMs = 3600000;
 
 struct Key {
   HKEY root = nullptr;
@@ -49,18 +51,20 @@ bool IsOver(HKEY key) {
   return Read(key, L"Fls_Ready") == 0;
 }
 
-/// Waits for the end. @return false when the time limit passed first.
+/// Waits for the end. @return false when the time limit passed first, or the key was deleted.
 bool AwaitEnd(HKEY key, HANDLE changed, ULONGLONG limitMs) {
   const ULONGLONG begin = ::GetTickCount64();
   for (;;) {
     // Arm first, then look, then wait: a change between the look and the wait ends the wait.
-    ::RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE);
+    if (::RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE) != ERROR_SUCCESS) {
+      return false;
+    }
     if (IsOver(key)) return true;
     std::printf("Flash_Result %lu, %lu %%\n", Read(key, L"Flash_Result"), Read(key, L"Flash_Progress"));
     std::fflush(stdout);
     const ULONGLONG passed = ::GetTickCount64() - begin;
     if (passed >= limitMs) return false;
-    ::WaitForSingleObject(changed, static_cast<DWORD>(limitMs - passed));
+    ::WaitForSingleObject(changed, static_cast<DWORD>(std::min(limitMs - passed, kLongestWaitMs)));
   }
 }
 
@@ -76,10 +80,11 @@ int wmain(int count, wchar_t** words) {
 
   HKEY key = nullptr;
   const HANDLE changed = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  if (::RegCreateKeyExW(location.root, location.path.c_str(), 0, nullptr, 0,
+  if (changed == nullptr ||
+      ::RegCreateKeyExW(location.root, location.path.c_str(), 0, nullptr, 0,
                         KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_NOTIFY, nullptr, &key,
                         nullptr) != ERROR_SUCCESS ||
-      !Write(key, L"Retry_Times", 3) || !Write(key, L"Fls_Ready", 1)) {
+      !Write(key, L"Fls_Ready", 1)) {
     std::fprintf(stderr, "The registry key cannot be written: run as an administrator.\n");
     return 4;
   }

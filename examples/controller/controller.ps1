@@ -2,13 +2,14 @@
 #
 #   .\controller.ps1 -Key 'SOFTWARE\Quenta\FlashService' [-Seconds 900]     (under HKEY_LOCAL_MACHINE)
 #
-# The images lie in the service's folder already. Run as an administrator. Exit status: 0 flashed,
-# 1 failed, 3 the time limit passed (is the service running?).
+# The images lie in the service's folder already. Run as an administrator, in the 64-bit PowerShell. Exit
+# status: 0 flashed, 1 failed, 3 the time limit passed (is the service running?), 4 the registry refused.
 param(
     [Parameter(Mandatory)] [string] $Key,
     [int] $Seconds = 900
 )
 $ErrorActionPreference = 'Stop'
+trap { Write-Warning $_; exit 4 }
 
 $path = "HKLM:\$Key"
 if (-not (Test-Path $path)) { New-Item -Path $path -Force | Out-Null }
@@ -25,7 +26,6 @@ $query = "SELECT * FROM RegistryKeyChangeEvent WHERE Hive='HKEY_LOCAL_MACHINE' A
 Register-CimIndicationEvent -Namespace root/default -Query $query -SourceIdentifier FlashChanged
 
 try {
-    Set-ItemProperty -Path $path -Name Retry_Times -Value 3 -Type DWord
     Set-ItemProperty -Path $path -Name Fls_Ready -Value 1 -Type DWord
 
     $end = (Get-Date).AddSeconds($Seconds)
@@ -46,6 +46,7 @@ try {
 }
 finally {
     Unregister-Event -SourceIdentifier FlashChanged
+    Get-Event -SourceIdentifier FlashChanged -ErrorAction SilentlyContinue | Remove-Event
 }
 
 $result = Read-Value Flash_Result

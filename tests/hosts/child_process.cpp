@@ -61,7 +61,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vect
   PROCESS_INFORMATION child{};
   if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
                         program.parent_path().c_str(), &startup, &child)) {
-    throw std::runtime_error("the host cannot be started");
+    ThrowLastError("a host cannot be started");
   }
   ::CloseHandle(child.hThread);
   m_process.reset(child.hProcess);

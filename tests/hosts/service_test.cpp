@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "child_process.h"
+#include "event_log.h"
 #include "host_workspace.h"
 #include "import_patch.h"
 #include "kept_key.h"
+#include "messages.h"
 #include "service_control.h"
 #include "text.h"
 
@@ -252,13 +254,70 @@ TEST_F(ServiceTest, SaysThatItIsNotInstalled) {
 TEST_F(ServiceTest, HoldsItsMessages) {
   const OwnedModule program(::LoadLibraryExW(workspace.Service().c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
   ASSERT_NE(program, nullptr);
-  constexpr DWORD kErrorMessage = 0xC0000003;
   wchar_t text[512]{};
   const std::wstring reason = L"a reason";
   DWORD_PTR insertions[] = {reinterpret_cast<DWORD_PTR>(reason.c_str())};
-  ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, program.get(), kErrorMessage,
-                   0, text, static_cast<DWORD>(std::size(text)), reinterpret_cast<va_list*>(insertions));
+  ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, program.get(),
+                   MSG_SERVICE_FAILED, 0, text, static_cast<DWORD>(std::size(text)),
+                   reinterpret_cast<va_list*>(insertions));
   EXPECT_EQ(std::wstring(text), L"The modem flash service cannot run: a reason\r\n");
+}
+
+/// The event log itself: what is written there, as the system is asked to.
+struct WrittenEvent {
+  std::wstring source;
+  WORD type = 0;
+  DWORD id = 0;
+  std::wstring insertion;
+};
+WrittenEvent g_written;
+
+HANDLE WINAPI RecordSource(LPCWSTR, LPCWSTR source) {
+  g_written.source = source;
+  return &g_written;
+}
+
+BOOL WINAPI RecordEvent(HANDLE, WORD type, WORD, DWORD id, PSID, WORD count, DWORD, LPCWSTR* texts, LPVOID) {
+  g_written.type = type;
+  g_written.id = id;
+  g_written.insertion = count == 1 ? texts[0] : L"";
+  return TRUE;
+}
+
+BOOL WINAPI ReleaseSource(HANDLE) {
+  return TRUE;
+}
+
+class EventLogTest : public testing::Test {
+ protected:
+  EventLogTest() {
+    m_patch.Replace("RegisterEventSourceW", &RecordSource);
+    m_patch.Replace("ReportEventW", &RecordEvent);
+    m_patch.Replace("DeregisterEventSource", &ReleaseSource);
+  }
+
+ private:
+  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+};
+
+TEST_F(EventLogTest, WritesAFailureAsAnErrorOfTheRegisteredSource) {
+  WriteEvent(MSG_SERVICE_FAILED, L"a reason");
+  EXPECT_EQ(g_written.source, kName);
+  EXPECT_EQ(g_written.type, EVENTLOG_ERROR_TYPE);
+  EXPECT_EQ(g_written.id, static_cast<DWORD>(MSG_SERVICE_FAILED));
+  EXPECT_EQ(g_written.insertion, L"a reason");
+}
+
+TEST_F(EventLogTest, WritesStartAndStopAsInformation) {
+  WriteEvent(MSG_SERVICE_STARTED, L"a key");
+  EXPECT_EQ(g_written.type, EVENTLOG_INFORMATION_TYPE);
+  WriteEvent(MSG_SERVICE_STOPPED);
+  EXPECT_EQ(g_written.type, EVENTLOG_INFORMATION_TYPE);
+}
+
+TEST_F(EventLogTest, WritesAnInterruptedFlashAsAWarning) {
+  WriteEvent(MSG_SERVICE_STOPPED_WHILE_FLASHING);
+  EXPECT_EQ(g_written.type, EVENTLOG_WARNING_TYPE);
 }
 
 // --- Usage -----------------------------------------------------------------------------------------------

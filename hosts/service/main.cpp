@@ -85,6 +85,17 @@ int ShowStatus(bool json) {
   return kDone;
 }
 
+/// Two supervisors would both take the next request.
+int RunBesideNoService() {
+  ServiceState state;
+  if (QueryFlashService(state).error == ERROR_SUCCESS && state.state != SERVICE_STOPPED) {
+    std::cerr << "corvel_service: The service is " << NameOfState(state.state)
+              << ". Stop it first: corvel_service stop" << std::endl;
+    return kFailed;
+  }
+  return RunInConsole();
+}
+
 /// Started without a verb: by the service manager, or by somebody who needs help.
 int RunWithoutVerb(const CLI::App& program) {
   const unsigned long error = RunAsService();
@@ -133,7 +144,7 @@ int Run(std::vector<std::string> words) {
   })->add_flag("--json", json, "Print one JSON document and nothing else");
 
   bool console = false;
-  add("run", "Run in this terminal until Ctrl+C", [] { return RunInConsole(); })
+  add("run", "Run in this terminal until Ctrl+C", [] { return RunBesideNoService(); })
       ->add_flag("--console", console, "Needed, so that nobody does it by mistake")
       ->required();
 

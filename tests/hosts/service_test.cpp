@@ -56,6 +56,17 @@ std::wstring TextValue(const wchar_t* path, const wchar_t* name) {
   return text;
 }
 
+/// Waits until the service has deleted the images, the last that it does for a job.
+bool ImagesGo(const std::filesystem::path& folder) {
+  const HANDLE change = ::FindFirstChangeNotificationW(folder.c_str(), FALSE, FILE_NOTIFY_CHANGE_FILE_NAME);
+  while (!std::filesystem::is_empty(folder) &&
+         ::WaitForSingleObject(change, kLongestFlashMs) == WAIT_OBJECT_0) {
+    ::FindNextChangeNotification(change);
+  }
+  ::FindCloseChangeNotification(change);
+  return std::filesystem::is_empty(folder);
+}
+
 /// The system's own view of the service.
 class ManagedService {
  public:
@@ -354,6 +365,13 @@ TEST_F(ServiceTest, RunsUntilItIsStopped) {
   EXPECT_EQ(ManagedService().Status().dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
 }
 
+TEST_F(ServiceTest, HasLetGoOfItsFilesWhenItIsStopped) {
+  InstallAndStart();
+  ASSERT_EQ(Service({L"stop"}).exitCode, 0);
+  EXPECT_TRUE(std::filesystem::remove(workspace.File(L"CorvelToolKit.dll")));
+  EXPECT_FALSE(workspace.Holds(L"CorvelToolKit.dll"));
+}
+
 TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheConfigurationIsMissing) {
   workspace.Remove(L"CorvelConfig.ini");
   ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
@@ -389,13 +407,13 @@ TEST_F(ServiceTest, LeavesNothingBehindAfterALifeWithAFlash) {
   workspace.MakeVirtualPc({"speed=60"});
   InstallAndStart();
   ASSERT_EQ(RunToEnd(Controller(), ControllerArguments()).exitCode, 0);
+  EXPECT_TRUE(ImagesGo(workspace.ImageFolder()));
   ASSERT_EQ(Service({L"stop"}).exitCode, 0);
   ASSERT_EQ(Service({L"uninstall"}).exitCode, 0);
   EXPECT_FALSE(ManagedService().Exists());
   EXPECT_FALSE(KeyExists(kServiceEntry));
   EXPECT_FALSE(KeyExists(kEventSource));
   // The images are used up; the debug log is all that was made.
-  EXPECT_TRUE(std::filesystem::is_empty(workspace.ImageFolder()));
   EXPECT_THAT(workspace.FilesBesideTheInstallation(),
               testing::ElementsAre(L"FlashServiceDebugLogger_DLL.log"));
 }
@@ -483,6 +501,13 @@ TEST_F(ServiceTest, RunsInATerminalUntilItIsInterrupted) {
   ASSERT_TRUE(host.Says("Flash_Result 4 (succeeded), 100 %"));
   ASSERT_TRUE(host.Interrupt());
   EXPECT_EQ(host.WaitForEnd(), 0);
+}
+
+TEST_F(ServiceTest, DoesNotRunInATerminalBesideTheService) {
+  InstallAndStart();
+  const RunResult result = Service({L"run", L"--console"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("The service is running. Stop it first"));
 }
 
 TEST_F(ServiceTest, DoesNotRunInATerminalWithoutConfiguration) {

@@ -132,8 +132,18 @@ bool VirtualModem::IsPresentAsFlashPort() {
   }
 }
 
+ModemState VirtualModem::ComeToRest() {
+  const std::lock_guard lock(m_mutex);
+  while (m_state_ends != kNoEnd) AdvanceTo(m_state_ends);
+  return m_state;
+}
+
 void VirtualModem::Advance() {
-  while (m_clock.Now() >= m_state_ends) {
+  AdvanceTo(m_clock.Now());
+}
+
+void VirtualModem::AdvanceTo(Milliseconds moment) {
+  while (moment >= m_state_ends) {
     const auto since = m_state_ends;
     switch (m_state) {
       case ModemState::kLeaving:
@@ -373,6 +383,11 @@ std::vector<std::uint8_t> VirtualModem::Memory() {
   stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!stream) bytes.clear();
   return bytes;
+}
+
+bool VirtualModem::IsErased() {
+  const auto bytes = Memory();
+  return !bytes.empty() && std::ranges::all_of(bytes, [](auto byte) { return byte == kErased; });
 }
 
 MemoryComparison VirtualModem::CompareWith(const FlashImage* modem, const FlashImage* nvm) {

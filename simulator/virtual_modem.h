@@ -87,6 +87,8 @@ class VirtualModem {
                ModemFaults faults, ModemState initial, Journal journal);
 
   ModemState State();
+  /// What becomes of it when nobody touches it any more, however long that takes.
+  ModemState ComeToRest();
   bool IsPresentAsModem();
   bool IsPresentAsFlashPort();
 
@@ -114,6 +116,8 @@ class VirtualModem {
   std::uint32_t ItemsWritten();
   std::uint64_t BytesWritten();
   std::vector<std::uint8_t> Memory();
+  /// Whether nothing was ever written.
+  bool IsErased();
   /// Compares the memory with what a flash of these images leaves there: all items of the modem image, or of
   /// the only image; the first item of an NVM image that goes with a modem image.
   MemoryComparison CompareWith(const FlashImage* modem, const FlashImage* nvm);
@@ -130,6 +134,7 @@ class VirtualModem {
 
   // All of these are called under the lock.
   void Advance();
+  void AdvanceTo(Milliseconds moment);
   void Enter(ModemState state, Milliseconds ends = kNoEnd);
   void EnterRestarting(Milliseconds since);
   void EnterFlashPort(Milliseconds since);

@@ -1,8 +1,13 @@
 #include "virtual_pc_file.h"
 
 #include <fstream>
+#include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "scenario.h"
 
 namespace {
 
@@ -20,55 +25,93 @@ const NamedFault kFaults[] = {
      }},
     {"download-refused",
      [](VirtualPcOptions& pc) { pc.faults.library.calls.push_back(ItemRefused(-1, Occurrence::Always())); }},
-    {"download-refused-once",
-     [](VirtualPcOptions& pc) { pc.faults.library.calls.push_back(ItemRefused(-1, Occurrence::Times(1))); }},
     {"no-worker",
      [](VirtualPcOptions& pc) {
        pc.faults.platform.push_back({"CreateThread", Occurrence::Always()});
      }},
-    {"never-returns", [](VirtualPcOptions& pc) { pc.faults.modem.never_returns = true; }},
     {"slow-modem", [](VirtualPcOptions& pc) { pc.timing.bytes_per_second = kSlowBytesPerSecond; }},
 };
 
-constexpr ModemState kStates[] = {ModemState::kNormal, ModemState::kRestarting, ModemState::kFlashPort};
+constexpr ModemState kStates[] = {ModemState::kNormal,      ModemState::kLeaving, ModemState::kRestarting,
+                                  ModemState::kFlashPort,   ModemState::kBooted,  ModemState::kWriting,
+                                  ModemState::kChannelOpen, ModemState::kDead,    ModemState::kReturning};
 
-void SetFault(VirtualPcOptions& pc, const std::string& name) {
-  for (const NamedFault& fault : kFaults) {
-    if (name == fault.name) return fault.set(pc);
+using Lines = std::vector<std::pair<std::string, std::string>>;
+
+Lines ReadLines(const std::filesystem::path& path) {
+  Lines lines;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t equals = line.find('=');
+    lines.emplace_back(line.substr(0, equals), equals == std::string::npos ? "" : line.substr(equals + 1));
   }
-  throw std::runtime_error("no such fault: " + name);
+  return lines;
 }
 
-void SetState(VirtualPcOptions& pc, const std::string& name) {
+ModemState StateOf(const std::string& name) {
   for (const ModemState state : kStates) {
-    if (name != NameOf(state)) continue;
-    pc.initial_state = state;
-    return;
+    if (name == NameOf(state)) return state;
   }
   throw std::runtime_error("no such state: " + name);
 }
 
-void Take(VirtualPcOptions& pc, const std::string& key, const std::string& value) {
-  if (key == "speed") {
-    pc.speed = std::stod(value);
-  } else if (key == "state") {
-    SetState(pc, value);
-  } else if (key == "fault") {
-    SetFault(pc, value);
-  } else {
-    throw std::runtime_error("no such key: " + key);
+const NamedFault& FaultOf(const std::string& name) {
+  for (const NamedFault& fault : kFaults) {
+    if (name == fault.name) return fault;
   }
+  throw std::runtime_error("no such fault: " + name);
+}
+
+Setup SetupOf(const std::string& name) {
+  const Scenario* const scenario = FindScenario(name);
+  if (scenario == nullptr) throw std::runtime_error("no such scenario: " + name);
+  return scenario->setup;
 }
 
 }  // namespace
 
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
-  VirtualPcOptions pc;
-  pc.folder = folder;
-  std::ifstream file(folder / kVirtualPcFile);
-  for (std::string line; std::getline(file, line);) {
-    const std::size_t equals = line.find('=');
-    Take(pc, line.substr(0, equals), equals == std::string::npos ? "" : line.substr(equals + 1));
+  Setup setup;
+  double speed = 1.0;
+  std::optional<ModemState> state;
+  std::vector<NamedFault> faults;
+  for (const auto& [key, value] : ReadLines(folder / kVirtualPcFile)) {
+    if (key == "scenario") {
+      setup = SetupOf(value);
+    } else if (key == "speed") {
+      speed = std::stod(value);
+    } else if (key == "state") {
+      state = StateOf(value);
+    } else if (key == "fault") {
+      faults.push_back(FaultOf(value));
+    } else {
+      throw std::runtime_error("no such key: " + key);
+    }
   }
+  VirtualPcOptions pc = PcOptions(setup, speed, folder);
+  pc.initial_state = state.value_or(pc.initial_state);
+  for (const NamedFault& fault : faults) fault.set(pc);
   return pc;
+}
+
+void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end) {
+  std::ofstream(folder / kVirtualPcEndFile)
+      << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbim_reboots
+      << "\nat_commands=" << end.at_commands << "\nitems_written=" << end.items_written
+      << "\nbytes_written=" << end.bytes_written << "\nelapsed_ms=" << end.elapsed.count() << "\n";
+}
+
+std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder) {
+  std::map<std::string, std::string> values;
+  for (auto& [key, value] : ReadLines(folder / kVirtualPcEndFile)) values[key] = value;
+  if (values.empty()) return std::nullopt;
+  return VirtualPcEnd{
+      .modem = StateOf(values["modem"]),
+      .resets = std::stoi(values["resets"]),
+      .mbim_reboots = std::stoi(values["mbim_reboots"]),
+      .at_commands = std::stoi(values["at_commands"]),
+      .items_written = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
+      .bytes_written = std::stoull(values["bytes_written"]),
+      .elapsed = std::chrono::milliseconds(std::stoll(values["elapsed_ms"])),
+  };
 }

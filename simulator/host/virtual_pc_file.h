@@ -1,12 +1,33 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 
 #include "virtual_pc.h"
 
 /// "VirtualPc.ini" in the folder of a host: what the virtual PC around that host is like. One key=value per
-/// line: "speed", "state" (a modem state by its name), and any number of "fault" lines.
+/// line: "scenario" (a name of the scenario table), "speed", "state" (a modem state by its name), and any
+/// number of "fault" lines for what only a host's own tests need.
 inline constexpr wchar_t kVirtualPcFile[] = L"VirtualPc.ini";
 
 /// Reads the file; the modem's memory lies in the same folder. Throws when a line says nothing known.
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder);
+
+/// "VirtualPcEnd.ini" in the same folder: what the modem went through and where it is left when the host
+/// ends.
+struct VirtualPcEnd {
+  ModemState modem = ModemState::kNormal;
+  int resets = 0;
+  int mbim_reboots = 0;
+  int at_commands = 0;
+  std::uint32_t items_written = 0;
+  std::uint64_t bytes_written = 0;
+  std::chrono::milliseconds elapsed{0};  ///< virtual, since the host began
+};
+inline constexpr wchar_t kVirtualPcEndFile[] = L"VirtualPcEnd.ini";
+
+void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end);
+/// Nothing when no host has ended there, or not by itself.
+std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder);

@@ -1,7 +1,7 @@
 // Puts the virtual PC around the product in the process of a host, and in front of the host's own look at
 // the device tree. A host that loads the product later gets it under simulation. What the PC is like stands
-// in "VirtualPc.ini" beside the host's program. A library of its own, because the simulation's calls must
-// not go through the host's import table, which it changes.
+// in "VirtualPc.ini" beside the host's program, what became of it afterwards in "VirtualPcEnd.ini". A library
+// of its own, because the simulation's calls must not go through the host's import table, which it changes.
 
 #include <windows.h>
 
@@ -16,12 +16,16 @@
 #include "machine.h"
 #include "virtual_pc.h"
 #include "virtual_pc_file.h"
+#include "working_threads.h"
 
 namespace {
 
 constexpr wchar_t kProduct[] = L"CorvelToolKit.dll";
 constexpr std::size_t kLongestPath = 32768;
 constexpr int kNoVirtualPc = 125;
+/// The exported ToolKit::FirmwareFlash_CmdLine, as each compiler calls it.
+constexpr const char* kCommandLineJobs[] = {"_ZN7ToolKit21FirmwareFlash_CmdLineEiPciS0_S0_",
+                                            "?FirmwareFlash_CmdLine@ToolKit@@SA_NHPEADH00@Z"};
 
 /// Lives as long as the process: threads of the product may call until the end.
 struct Simulation {
@@ -43,15 +47,55 @@ HMODULE WINAPI LoadForHost(const wchar_t* name) {
   return g_simulation->pc.LoadUnderSimulation(name);
 }
 
+using CommandLineJob = bool (*)(int, char*, int, char*, char*);
+CommandLineJob g_job = nullptr;
+
+/// The job runs on a thread of the host's. Meanwhile that is one of the product's: time must not fly while it
+/// works.
+bool RunCommandLineJob(int trace_level, char* ipc_type, int unused, char* unused2, char* unused3) {
+  working_threads::Begin();
+  working_threads::JoinCallingThread();
+  const bool result = g_job(trace_level, ipc_type, unused, unused2, unused3);
+  working_threads::LeaveCallingThread();
+  return result;
+}
+
+void TakeInCommandLineJob(HMODULE product) {
+  for (const char* name : kCommandLineJobs) {
+    const auto job = reinterpret_cast<CommandLineJob>(::GetProcAddress(product, name));
+    if (job == nullptr) continue;
+    g_job = job;
+    g_simulation->host.Replace(name, &RunCommandLineJob);
+  }
+}
+
 }  // namespace
 
 extern "C" __declspec(dllexport) void InstallVirtualPc() try {
   g_simulation = new Simulation(ReadVirtualPcFile(HostFolder()));
   PatchDeviceTree(g_simulation->host);
   g_simulation->host.Replace("LoadLibraryW", &LoadForHost);
-  if (const HMODULE product = ::GetModuleHandleW(kProduct)) g_simulation->pc.Install(product);
+  if (const HMODULE product = ::GetModuleHandleW(kProduct)) {
+    g_simulation->pc.Install(product);
+    TakeInCommandLineJob(product);
+  }
 } catch (const std::exception& error) {
   std::fprintf(stderr, "The virtual PC cannot be set up: %s\n", error.what());
   // The host must not run on the real PC instead.
   std::_Exit(kNoVirtualPc);
+}
+
+extern "C" __declspec(dllexport) void ReportVirtualPc() try {
+  VirtualPc& pc = g_simulation->pc;
+  const auto elapsed = pc.Clock().Now();
+  WriteVirtualPcEnd(HostFolder(), {.modem = pc.Modem().ComeToRest(),
+                                   .resets = pc.BasebandResets(),
+                                   .mbim_reboots = pc.MbimReboots(),
+                                   .at_commands = static_cast<int>(pc.AtCommands().size()),
+                                   .items_written = pc.Modem().ItemsWritten(),
+                                   .bytes_written = pc.Modem().BytesWritten(),
+                                   .elapsed = elapsed});
+} catch (const std::exception& error) {
+  // The host's exit status stays its own; whoever reads the report misses it.
+  std::fprintf(stderr, "The virtual PC cannot be reported on: %s\n", error.what());
 }

@@ -1,10 +1,16 @@
-// Linked into a host beside its own objects: sets the virtual PC up before the host's main function begins.
-// Not in the library's entry routine, where the simulation could not wait for the threads that it starts.
+// Linked into a host beside its own objects: sets the virtual PC up before the host's main function begins,
+// and has it reported on when the host ends by itself. Not in the library's entry routine, where the
+// simulation could not wait for the threads that it starts.
 
 extern "C" __declspec(dllimport) void InstallVirtualPc();
+extern "C" __declspec(dllimport) void ReportVirtualPc();
 
 namespace {
 
-[[maybe_unused]] const bool g_installed = (InstallVirtualPc(), true);
+struct AroundMain {
+  AroundMain() { InstallVirtualPc(); }
+  ~AroundMain() { ReportVirtualPc(); }
+};
+[[maybe_unused]] const AroundMain g_around_main;
 
 }  // namespace

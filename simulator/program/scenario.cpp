@@ -28,6 +28,22 @@ const char* NameOf(Memory memory) {
   return "";
 }
 
+Memory MemoryAfter(VirtualModem& modem, const MemoryComparison& comparison) {
+  if (comparison.equal) return Memory::kEqual;
+  return modem.IsErased() ? Memory::kUntouched : Memory::kIncomplete;
+}
+
+VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesystem::path& folder) {
+  VirtualPcOptions pc;
+  pc.speed = speed;
+  if (speed > 1) pc.pace = Pace::kElastic;
+  pc.folder = folder;
+  if (setup.route == Route::kBbrst) pc.initial_state = ModemState::kRestarting;
+  if (setup.route == Route::kFlashPort) pc.initial_state = ModemState::kFlashPort;
+  if (setup.faults != nullptr) setup.faults(pc);
+  return pc;
+}
+
 std::optional<Route> RouteOfName(std::string_view name) {
   for (const Route route : kRoutes) {
     if (name == NameOf(route)) return route;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,6 +52,8 @@ enum class Memory {
   kEqual,
 };
 const char* NameOf(Memory memory);
+/// What the modem's memory is, once it was compared with the images.
+Memory MemoryAfter(VirtualModem& modem, const MemoryComparison& comparison);
 
 /// The virtual PC and what the controlling program gives it.
 struct Setup {
@@ -62,6 +65,9 @@ struct Setup {
   /// What is wrong with the PC and the modem; null: nothing.
   void (*faults)(VirtualPcOptions& pc) = nullptr;
 };
+
+/// The virtual PC of a setup, with the modem's memory in the folder.
+VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesystem::path& folder);
 
 /// What has to come of it.
 struct Expectation {

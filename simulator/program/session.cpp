@@ -32,17 +32,6 @@ constexpr Milliseconds kSettleLimit = 600s;
 constexpr std::chrono::milliseconds kLookPeriod = 20ms;
 constexpr std::chrono::milliseconds kDisplayPeriod = 200ms;
 
-VirtualPcOptions PcOptions(const SessionPlan& plan) {
-  VirtualPcOptions pc;
-  pc.speed = plan.speed;
-  if (plan.speed > 1) pc.pace = Pace::kElastic;
-  pc.folder = plan.folder;
-  if (plan.setup.route == Route::kBbrst) pc.initial_state = ModemState::kRestarting;
-  if (plan.setup.route == Route::kFlashPort) pc.initial_state = ModemState::kFlashPort;
-  if (plan.setup.faults != nullptr) plan.setup.faults(pc);
-  return pc;
-}
-
 bool NamesNoKey(Configuration configuration) {
   return configuration == Configuration::kEmpty || configuration == Configuration::kOneLine;
 }
@@ -56,7 +45,7 @@ class Session {
         m_key(plan.key, NamesNoKey(plan.setup.configuration)),
         m_firmware(plan.folder / L"firmware", plan.setup.images, plan.setup.holder),
         m_configuration(plan.folder, plan.setup, m_key.Location(), m_firmware.Folder()),
-        m_pc(PcOptions(plan)) {
+        m_pc(PcOptions(plan.setup, plan.speed, plan.folder)) {
     m_report.log_file = plan.folder / kLogFile;
   }
 
@@ -174,18 +163,9 @@ class Session {
     m_report.items_written = m_pc.Modem().ItemsWritten();
     m_report.bytes_written = m_pc.Modem().BytesWritten();
     m_report.comparison = m_pc.Modem().CompareWith(m_firmware.Modem(), m_firmware.Nvm());
-    m_report.memory = MemoryNow();
+    m_report.memory = MemoryAfter(m_pc.Modem(), m_report.comparison);
     m_report.images_left = m_firmware.ImagesLeft();
     m_report.journal = m_pc.Journal();
-  }
-
-  Memory MemoryNow() {
-    constexpr std::uint8_t kErased = 0xFF;
-    if (m_report.comparison.equal) return Memory::kEqual;
-    const auto bytes = m_pc.Modem().Memory();
-    const bool erased =
-        !bytes.empty() && std::ranges::all_of(bytes, [](auto byte) { return byte == kErased; });
-    return erased ? Memory::kUntouched : Memory::kIncomplete;
   }
 
   const SessionPlan& m_plan;

@@ -82,7 +82,7 @@ TEST_F(FlashTest, TakesNothingThatAnEarlierRunLeftForItsOwn) {
 }
 
 TEST_F(FlashTest, RepeatsAFailedDownload) {
-  workspace.MakeVirtualPc({kFast, "fault=download-refused-once"});
+  workspace.MakeVirtualPc({kFast, "scenario=download-fails-once"});
   const RunResult result = Flash({L"--json"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(Document(result.output)["attempts"], 2);
@@ -102,7 +102,7 @@ TEST_F(FlashTest, BringsAModemBackThatIsAway) {
 }
 
 TEST_F(FlashTest, FailsWhenEveryDownloadFails) {
-  workspace.MakeVirtualPc({kFast, "fault=download-refused"});
+  workspace.MakeVirtualPc({kFast, "scenario=download-fails-default-limit"});
   const RunResult result = Flash({L"--json"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(ErrorCode(result.output), "flash_failed");
@@ -116,7 +116,7 @@ TEST_F(FlashTest, FailsWhenEveryDownloadFails) {
 
 TEST_F(FlashTest, MakesNoSecondAttemptWhenRetryTimesIsZero) {
   key.Write(L"Retry_Times", 0);
-  workspace.MakeVirtualPc({kFast, "fault=download-refused"});
+  workspace.MakeVirtualPc({kFast, "scenario=download-fails-default-limit"});
   const RunResult result = Flash();
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.output, AllOf(HasSubstr("The flash failed. Result 3 (failed), 1 attempt, "),
@@ -125,7 +125,7 @@ TEST_F(FlashTest, MakesNoSecondAttemptWhenRetryTimesIsZero) {
 
 TEST_F(FlashTest, FailsWhenTheModemDoesNotComeBack) {
   key.Write(L"Retry_Times", 1);
-  workspace.MakeVirtualPc({kFast, "fault=never-returns"});
+  workspace.MakeVirtualPc({kFast, "scenario=return-never"});
   EXPECT_EQ(Flash().exitCode, 1);
   const Handshake values = key.Read();
   EXPECT_EQ(values.result, 3u);

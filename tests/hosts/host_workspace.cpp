@@ -91,9 +91,9 @@ void HostWorkspace::PutProduct(const std::wstring& productName, const std::wstri
 
 std::vector<std::wstring> HostWorkspace::FilesBesideTheInstallation() const {
   const std::set<std::wstring> installed{
-      L"corvel_cmdline.exe",        L"corvel_service.exe", L"CorvelToolKit.dll",
-      L"Firmwareflashdownload.dll", L"CorvelConfig.ini",   L"firmware",
-      L"virtual_pc_host.dll",       L"VirtualPc.ini",      L"modem_flash.bin"};
+      L"corvel_cmdline.exe", L"corvel_service.exe", L"CorvelToolKit.dll",   L"Firmwareflashdownload.dll",
+      L"CorvelConfig.ini",   L"firmware",           L"virtual_pc_host.dll", L"VirtualPc.ini",
+      L"VirtualPcEnd.ini",   L"modem_flash.bin"};
   std::vector<std::wstring> others;
   for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
     const std::wstring name = entry.path().filename().wstring();

@@ -15,7 +15,7 @@ class HostWorkspace {
   /// @param suffix of the folder's name.
   explicit HostWorkspace(const std::wstring& suffix = L"");
 
-  /// Puts the hosts there that carry a virtual PC, which the lines describe ("speed=60", "fault=...").
+  /// Puts the hosts there that carry a virtual PC, which the lines describe ("speed=60", "scenario=...").
   void MakeVirtualPc(const std::vector<std::string>& lines = {});
 
   std::filesystem::path CommandLineHost() const { return m_folder.Path() / L"corvel_cmdline.exe"; }

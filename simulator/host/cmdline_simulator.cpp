@@ -1,0 +1,152 @@
+// Shows the command-line host flash a modem: corvel_cmdline.exe in a virtual PC, and behind it the modem's
+// memory compared with the images, byte for byte.
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "command_line_table.h"
+#include "exit_status.h"
+#include "judgement.h"
+#include "report.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace {
+
+constexpr char kFooter[] =
+    "Exit status: 0 the host's exit status is 0 and the modem's memory equals the images, or all\n"
+    "expectations of the scenario hold; 1 not so; 2 wrong usage; 3 it could not be run.";
+constexpr double kSlowest = 0.1;
+constexpr double kFastest = 1000;
+
+struct Options {
+  std::string route = NameOf(Route::kMbim);
+  std::string scenario;
+  double speed = 1.0;
+  std::string folder;
+  bool json = false;
+};
+
+void AddOptions(CLI::App& program, Options& options) {
+  std::vector<std::string> routes;
+  for (const Route each : kRoutes) routes.emplace_back(NameOf(each));
+  CLI::Option* const scenario =
+      program
+          .add_option("--scenario", options.scenario,
+                      "One of the things that can go wrong, with what the command line makes of it checked")
+          ->check([](const std::string& name) {
+            return FindScenario(name) != nullptr ? "" : "no scenario is called " + name;
+          });
+  program.add_option("--route", options.route, "How the modem gets into flash mode")
+      ->check(CLI::IsMember(routes))
+      ->excludes(scenario)
+      ->capture_default_str();
+  program.add_option("--speed", options.speed, "How many times as fast as real time the virtual PC runs")
+      ->check(CLI::Range(kSlowest, kFastest))
+      ->capture_default_str();
+  program.add_option("--keep", options.folder, "Folder of the run; it is emptied first")
+      ->default_str("cmdline_simulator beside the program");
+  program.add_flag("--json", options.json, "Print one JSON document, with the host's own in it");
+}
+
+CommandLinePlan PlanOf(const Options& options, const Scenario* scenario) {
+  CommandLinePlan plan;
+  if (scenario != nullptr) {
+    plan.setup = scenario->setup;
+    plan.scenario = scenario->name;
+  } else {
+    plan.setup.route = *RouteOfName(options.route);
+  }
+  plan.speed = options.speed;
+  plan.folder = std::filesystem::absolute(options.folder.empty()
+                                              ? std::filesystem::path(ProgramFolder()) / L"cmdline_simulator"
+                                              : std::filesystem::path(ToWide(options.folder)));
+  if (options.json) {
+    plan.options = {L"--json", L"--quiet"};
+    plan.output = plan.folder / L"corvel_cmdline.json";
+  }
+  return plan;
+}
+
+/// The summary, with what the host itself printed in it.
+nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exit_code, bool good,
+                              const CommandLinePlan& plan) {
+  nlohmann::ordered_json json = JsonOf(outcome);
+  json["good"] = good;
+  json["exit_code"] = exit_code;
+  json["corvel_cmdline"] = nlohmann::ordered_json::parse(std::ifstream(plan.output), nullptr, false);
+  return json;
+}
+
+ExitStatus Flash(const Options& options) {
+  const Scenario* const scenario = options.scenario.empty() ? nullptr : FindScenario(options.scenario);
+  const CommandLinePlan plan = PlanOf(options, scenario);
+  const CommandLineReport report = FlashByCommandLine(plan);
+  Outcome outcome{.route = plan.setup.route,
+                  .speed = options.speed,
+                  .scenario = scenario,
+                  .session = report.session,
+                  .differences = {}};
+  unsigned long expected_exit_code = 0;
+  if (scenario != nullptr) {
+    const CommandLineExpectation all = ExpectedOfCommandLine(*scenario, plan.asker);
+    expected_exit_code = all.exit_code;
+    outcome.differences = Differences(all.expected, report.session);
+  }
+  const bool good = outcome.IsGood() && report.exit_code == expected_exit_code;
+  if (options.json) {
+    std::cout << JsonOf(outcome, report.exit_code, good, plan).dump(2) << std::endl;
+  } else {
+    std::cout << "\n"
+              << SummaryOf(outcome) << "  exit status    " << report.exit_code << " of corvel_cmdline"
+              << (report.exit_code == expected_exit_code ? "" : ", which is NOT EXPECTED") << std::endl;
+  }
+  return good ? ExitStatus::kGood : ExitStatus::kNotGood;
+}
+
+ExitStatus Run(std::vector<std::string> words) {
+  CLI::App program{"Flashes a simulated modem with corvel_cmdline.exe, in a virtual PC."};
+  program.name("cmdline_simulator");
+  program.set_version_flag("--version", std::string("cmdline_simulator ") + CORVEL_VERSION);
+  program.footer(kFooter);
+  Options options;
+  AddOptions(program, options);
+  const bool json = std::ranges::find(words, "--json") != words.end();
+  try {
+    // The parser takes them from the back.
+    std::ranges::reverse(words);
+    program.parse(std::move(words));
+    return Flash(options);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0 && json) {
+      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+      return ExitStatus::kWrongUsage;
+    }
+    return program.exit(error) == 0 ? ExitStatus::kGood : ExitStatus::kWrongUsage;
+  } catch (const std::exception& error) {
+    if (json) {
+      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+    } else {
+      std::cerr << "cmdline_simulator: " << error.what() << std::endl;
+    }
+    return ExitStatus::kCouldNotRun;
+  }
+}
+
+}  // namespace
+
+int main() {
+  // Lines end as the reader's own do, whichever system reads them.
+  ::_setmode(::_fileno(stdout), _O_BINARY);
+  ::_setmode(::_fileno(stderr), _O_BINARY);
+  return static_cast<int>(Run(CommandLineWords()));
+}

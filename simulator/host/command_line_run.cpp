@@ -1,0 +1,148 @@
+#include "command_line_run.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <fstream>
+#include <future>
+#include <optional>
+#include <string_view>
+
+#include "configuration.h"
+#include "firmware_folder.h"
+#include "kept_key.h"
+#include "text.h"
+#include "virtual_pc_file.h"
+#include "work_folder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds kRunLimit = 30min;
+constexpr std::chrono::milliseconds kLookPeriod = 10ms;
+constexpr wchar_t kHost[] = L"corvel_cmdline.exe";
+constexpr wchar_t kLog[] = L"FlashCommandLineLogger_DLL.log";
+constexpr std::string_view kWorkerBegins = "ToolKit::DownloadFirmwareImplementation ++";
+constexpr std::string_view kWorkerEnds = "ToolKit::DownloadFirmwareImplementation --, result: ";
+
+/// The modem of each route, as the scenarios name it.
+std::string NameOfSetup(const CommandLinePlan& plan) {
+  return plan.scenario.empty() ? std::string("route-") + NameOf(plan.setup.route) : plan.scenario;
+}
+
+/// One run: the folder, what lies in it, the host, and the controlling program in front of it.
+class CommandLineRun {
+ public:
+  explicit CommandLineRun(const CommandLinePlan& plan)
+      : m_plan(plan), m_begin(std::chrono::steady_clock::now()) {
+    MakeFolder();
+    if (plan.asker == Asker::kHost) LayImages();
+    m_configuration.emplace(plan.folder, plan.setup, L"HKLM\\SOFTWARE\\Corvel\\NotUsed", FirmwarePath());
+    if (plan.setup.retry_times) m_key.Write(L"Retry_Times", *plan.setup.retry_times);
+  }
+
+  CommandLineReport Run() {
+    auto host = std::async(std::launch::async, [this] {
+      return RunChild(m_plan.folder / kHost, Words(), kRunLimit, m_plan.output);
+    });
+    if (m_plan.asker == Asker::kController) {
+      AwaitTurn(host);
+      LayImages();
+      m_key.Write(L"Fls_Ready", 1);
+    }
+    return Report(host.get());
+  }
+
+ private:
+  std::filesystem::path FirmwarePath() const { return m_plan.folder / L"firmware"; }
+
+  void MakeFolder() const {
+    std::filesystem::remove_all(m_plan.folder);
+    std::filesystem::create_directories(m_plan.folder);
+    const std::filesystem::path programs = ProgramFolder();
+    Bring(programs / L"simulated" / kHost);
+    for (const wchar_t* name : {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll", L"virtual_pc_host.dll"}) {
+      Bring(programs / name);
+    }
+    std::ofstream(m_plan.folder / kVirtualPcFile)
+        << "scenario=" << NameOfSetup(m_plan) << "\nspeed=" << m_plan.speed << "\n";
+  }
+  /// A link where that can be: the programs are large.
+  void Bring(const std::filesystem::path& file) const {
+    const std::filesystem::path to = m_plan.folder / file.filename();
+    if (!::CreateHardLinkW(to.c_str(), file.c_str(), nullptr)) std::filesystem::copy_file(file, to);
+  }
+  void LayImages() { m_firmware.emplace(FirmwarePath(), m_plan.setup.images, m_plan.setup.holder); }
+
+  std::vector<std::wstring> Words() const {
+    std::vector<std::wstring> words{L"flash"};
+    if (m_plan.asker == Asker::kController) words.emplace_back(L"--wait-for-controller");
+    words.insert(words.end(), m_plan.options.begin(), m_plan.options.end());
+    return words;
+  }
+
+  /// The library writes this value when it begins, and waits for the request then.
+  void AwaitTurn(const std::future<ChildResult>& host) const {
+    while (!m_key.Read().timeOut && host.wait_for(kLookPeriod) == std::future_status::timeout) {
+    }
+  }
+
+  CommandLineReport Report(const ChildResult& child) const {
+    CommandLineReport report{.exit_code = child.exit_code, .session = {}};
+    SessionReport& session = report.session;
+    session.real_duration =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_begin);
+    session.values = m_key.Read();
+    ReportLog(session);
+    ReportEnd(session, child);
+    ReportMemory(session);
+    return report;
+  }
+
+  void ReportLog(SessionReport& session) const {
+    session.log_file = m_plan.folder / kLog;
+    session.log = ReadDebugLog(session.log_file);
+    session.attempts =
+        static_cast<int>(std::ranges::count(session.log, kWorkerBegins, &DebugRecord::message));
+    session.workers_back = static_cast<int>(std::ranges::count_if(
+        session.log, [](const DebugRecord& record) { return record.message.starts_with(kWorkerEnds); }));
+  }
+
+  void ReportEnd(SessionReport& session, const ChildResult& child) const {
+    const auto end = ReadVirtualPcEnd(m_plan.folder);
+    session.finished = child.ended && end.has_value();
+    if (!session.finished) {
+      session.difficulty = child.ended ? "the host did not end by itself" : "the host does not end";
+      return;
+    }
+    session.modem = end->modem;
+    session.resets = end->resets;
+    session.mbim_reboots = end->mbim_reboots;
+    session.at_commands = end->at_commands;
+    session.items_written = end->items_written;
+    session.bytes_written = end->bytes_written;
+    session.duration = end->elapsed;
+  }
+
+  void ReportMemory(SessionReport& session) const {
+    const VirtualClock clock(1.0);
+    VirtualModem modem(clock, m_plan.folder / L"modem_flash.bin", {}, {}, ModemState::kNormal,
+                       [](JournalEvent, const std::string&) {});
+    session.comparison = modem.CompareWith(m_firmware->Modem(), m_firmware->Nvm());
+    session.memory = MemoryAfter(modem, session.comparison);
+    session.images_left = m_firmware->ImagesLeft();
+  }
+
+  const CommandLinePlan& m_plan;
+  std::chrono::steady_clock::time_point m_begin;
+  KeptKey m_key{KeyOfCommandLine()};
+  std::optional<FirmwareFolder> m_firmware;
+  std::optional<ConfigurationFile> m_configuration;
+};
+
+}  // namespace
+
+CommandLineReport FlashByCommandLine(const CommandLinePlan& plan) {
+  return CommandLineRun(plan).Run();
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "command_line_run.h"
+#include "scenario.h"
+
+/// What has to come of a scenario when the command line runs it.
+struct CommandLineExpectation {
+  unsigned long exit_code = 0;
+  Expectation expected;
+  /// Why it is not what comes of the service; empty where only the texts differ.
+  std::string reason;
+};
+
+/// The service's outcome of the scenario with the differences of the command line.
+CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker asker);
+/// Scenarios that the host refuses before it asks for anything, and whose images a controlling program may
+/// bring later all the same.
+std::vector<const Scenario*> ScenariosOfController();
+/// Names in the table that no scenario has.
+std::vector<std::string> StrayNamesOfCommandLine();

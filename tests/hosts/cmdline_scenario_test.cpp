@@ -1,0 +1,70 @@
+// Every scenario of the service, run by the command-line host.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ostream>
+#include <string>
+
+#include "command_line_table.h"
+#include "judgement.h"
+#include "support/temporary_folder.h"
+
+/// A failed test names the scenario by its name.
+void PrintTo(const Scenario* scenario, std::ostream* out) {
+  *out << scenario->name;
+}
+
+namespace {
+
+using testing::IsEmpty;
+
+constexpr double kSpeed = 100;
+
+void ExpectAsTheTableSays(const Scenario& scenario, Asker asker) {
+  const TemporaryFolder folder;
+  const CommandLineReport report = FlashByCommandLine({.setup = scenario.setup,
+                                                       .scenario = scenario.name,
+                                                       .speed = kSpeed,
+                                                       .asker = asker,
+                                                       .folder = folder.Path() / L"run",
+                                                       .options = {L"--json"},
+                                                       .output = folder.File(L"output.txt")});
+  const CommandLineExpectation all = ExpectedOfCommandLine(scenario, asker);
+  EXPECT_THAT(Differences(all.expected, report.session), IsEmpty()) << all.reason;
+  EXPECT_EQ(report.exit_code, all.exit_code) << folder.Content(L"output.txt");
+}
+
+class CommandLineScenarioTest : public testing::TestWithParam<const Scenario*> {};
+
+TEST_P(CommandLineScenarioTest, EndsAsTheTableSays) {
+  ExpectAsTheTableSays(*GetParam(), Asker::kHost);
+}
+
+class ControllerScenarioTest : public testing::TestWithParam<const Scenario*> {};
+
+TEST_P(ControllerScenarioTest, EndsAsTheTableSaysWhenTheImagesComeLater) {
+  ExpectAsTheTableSays(*GetParam(), Asker::kController);
+}
+
+std::string TestName(const testing::TestParamInfo<const Scenario*>& scenario) {
+  std::string name = scenario.param->name;
+  std::ranges::replace(name, '-', '_');
+  return name;
+}
+
+std::vector<const Scenario*> All() {
+  std::vector<const Scenario*> scenarios;
+  for (const Scenario& each : Scenarios()) scenarios.push_back(&each);
+  return scenarios;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, CommandLineScenarioTest, testing::ValuesIn(All()), TestName);
+INSTANTIATE_TEST_SUITE_P(All, ControllerScenarioTest, testing::ValuesIn(ScenariosOfController()), TestName);
+
+TEST(CommandLineTableTest, NamesOnlyScenariosThatThereAre) {
+  EXPECT_THAT(StrayNamesOfCommandLine(), IsEmpty());
+}
+
+}  // namespace

@@ -9,12 +9,21 @@
 namespace {
 
 constexpr std::uint32_t kComplete = 100;
-constexpr std::uint32_t kBarWidth = 20;
+constexpr std::uint32_t kBarWidth = 16;
+/// A line that wraps cannot be written over, and one that fills the last of eighty columns may wrap.
+constexpr std::size_t kLiveWidth = 79;
 constexpr std::uint32_t kPlainStep = 10;
 
 bool IsTerminal() {
   DWORD mode = 0;
   return ::GetConsoleMode(::GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE;
+}
+
+/// In one piece: standard error is not buffered, and a terminal would be seen drawing each character.
+void Draw(const std::string& line) {
+  DWORD drawn = 0;
+  ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), line.data(), static_cast<DWORD>(line.size()), &drawn,
+              nullptr);
 }
 
 std::uint32_t Percent(const Handshake& values) {
@@ -28,13 +37,25 @@ std::string Bar(std::uint32_t percent) {
 
 }  // namespace
 
+std::string LiveLine(const Progress& now) {
+  char text[160];
+  std::snprintf(text, sizeof text, "%-18s %s %3u %%  attempt %d  %lld s", now.stage.c_str(),
+                Bar(now.percent).c_str(), static_cast<unsigned>(now.percent), now.attempt,
+                now.elapsedSeconds);
+  std::string line(text);
+  if (now.remainingSeconds) line += ", limit in " + std::to_string(*now.remainingSeconds) + " s";
+  // What a longer line has left behind is written over.
+  line.resize(kLiveWidth, ' ');
+  return line;
+}
+
 ProgressLine::ProgressLine(bool quiet) : m_quiet(quiet), m_live(IsTerminal()) {}
 
 void ProgressLine::Show(const Handshake& values) {
   TakeIn(values);
   if (m_quiet) return;
   if (m_live) {
-    std::cerr << '\r' << LiveText(values) << std::flush;
+    Draw("\r" + LiveText(values));
     m_lineOpen = true;
     return;
   }
@@ -69,13 +90,12 @@ std::string ProgressLine::Stage(const Handshake& values) const {
   return Percent(values) == 0 ? "into flash mode" : "writing";
 }
 
-/// Fits into eighty columns: a line that wraps cannot be written over.
 std::string ProgressLine::LiveText(const Handshake& values) const {
-  char text[160];
-  std::snprintf(text, sizeof text, "%-18s %s %3u %%  attempt %d  %lld s (limit in %lld s)  ",
-                Stage(values).c_str(), Bar(Percent(values)).c_str(), static_cast<unsigned>(Percent(values)),
-                std::max(m_attempts, 1), SecondsSince(m_begin), RemainingSeconds(values));
-  return text;
+  return LiveLine({.stage = Stage(values),
+                   .percent = Percent(values),
+                   .attempt = std::max(m_attempts, 1),
+                   .elapsedSeconds = SecondsSince(m_begin),
+                   .remainingSeconds = RemainingSeconds(values)});
 }
 
 std::string ProgressLine::PlainText(const Handshake& values) const {
@@ -88,7 +108,8 @@ long long ProgressLine::SecondsSince(Clock::time_point begin) const {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
 }
 
-long long ProgressLine::RemainingSeconds(const Handshake& values) const {
-  const long long limit = values.timeOut.value_or(0) / 1000;
-  return std::max(0LL, limit - SecondsSince(m_attempts == 0 ? Clock::now() : m_attemptBegin));
+std::optional<long long> ProgressLine::RemainingSeconds(const Handshake& values) const {
+  if (!values.timeOut || !values.IsJobRunning()) return std::nullopt;
+  const long long limit = *values.timeOut / 1000;
+  return std::max(0LL, limit - SecondsSince(m_attemptBegin));
 }

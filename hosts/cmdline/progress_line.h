@@ -1,9 +1,23 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "handshake.h"
+
+/// What a live line tells.
+struct Progress {
+  std::string stage;
+  std::uint32_t percent = 0;
+  int attempt = 1;
+  long long elapsedSeconds = 0;
+  /// Of the time limit of an attempt with the modem's return; nothing while none is running.
+  std::optional<long long> remainingSeconds = std::nullopt;
+};
+/// The live line of a terminal, always as wide, and narrower than eighty columns.
+std::string LiveLine(const Progress& now);
 
 /// Shows how a flash comes along: one line that is written over on a terminal, a line per change of stage
 /// or ten percent elsewhere.
@@ -26,7 +40,7 @@ class ProgressLine {
   std::string PlainText(const Handshake& values) const;
   std::string Stage(const Handshake& values) const;
   long long SecondsSince(Clock::time_point begin) const;
-  long long RemainingSeconds(const Handshake& values) const;
+  std::optional<long long> RemainingSeconds(const Handshake& values) const;
 
   bool m_quiet;
   bool m_live;

@@ -15,6 +15,7 @@
 
 #include "command_line_table.h"
 #include "exit_status.h"
+#include "interruption.h"
 #include "judgement.h"
 #include "report.h"
 #include "terminal.h"
@@ -90,6 +91,8 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exit_code, b
 ExitStatus Flash(const Options& options) {
   const Scenario* const scenario = options.scenario.empty() ? nullptr : FindScenario(options.scenario);
   const CommandLinePlan plan = PlanOf(options, scenario);
+  // Ctrl+C is for the host to answer, which has the same console.
+  const Interruption unheard;
   const CommandLineReport report = FlashByCommandLine(plan);
   Outcome outcome{.route = plan.setup.route,
                   .speed = options.speed,

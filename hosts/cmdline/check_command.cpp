@@ -51,7 +51,7 @@ void Print(const std::vector<Finding>& findings) {
   std::cout << std::flush;
 }
 
-nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, bool ready) {
+nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Finding* error) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const Finding& finding : findings) {
     list.push_back({{"subject", finding.subject},
@@ -60,7 +60,8 @@ nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, bool ready) 
                     {"message", finding.message},
                     {"what_to_do", finding.whatToDo}});
   }
-  return {{"ready", ready}, {"findings", list}};
+  nlohmann::ordered_json document{{"ready", error == nullptr}, {"findings", list}};
+  return error == nullptr ? document : AsJson(ProblemOf(*error), document);
 }
 
 }  // namespace
@@ -73,7 +74,7 @@ ExitCode RunCheck(const CheckOptions& options) {
 
   const Finding* const error = FirstError(findings);
   if (options.json) {
-    PrintJson(AsJson(findings, error == nullptr));
+    PrintJson(AsJson(findings, error));
   } else {
     Print(findings);
   }

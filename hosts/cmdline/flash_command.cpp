@@ -124,9 +124,7 @@ std::optional<ExitCode> FlashRun::FindObstacle() {
   // A controlling program may put the images there until it asks for the flash.
   const bool imagesMayCome = m_options.waitForController && error && error->exitCode == ExitCode::NoImages;
   if (error == nullptr || imagesMayCome) return std::nullopt;
-  Report({error->code, std::string("Not ready, ") + error->subject + ": " + error->message + ".",
-          error->whatToDo},
-         m_options.json);
+  Report(ProblemOf(*error), m_options.json);
   return error->exitCode;
 }
 

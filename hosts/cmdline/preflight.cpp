@@ -158,3 +158,8 @@ const Finding* FirstError(const std::vector<Finding>& findings) {
   const auto found = std::ranges::find(findings, Verdict::Error, &Finding::verdict);
   return found == findings.end() ? nullptr : &*found;
 }
+
+Problem ProblemOf(const Finding& error) {
+  return {error.code, std::string("Not ready, ") + error.subject + ": " + error.message + ".",
+          error.whatToDo};
+}

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "exit_code.h"
+#include "setup.h"
 
 enum class Verdict { Ok, Warning, Error };
 
@@ -22,3 +23,5 @@ struct Finding {
 std::vector<Finding> LookBeforeFlash();
 /// The first error among the findings; null when there is none.
 const Finding* FirstError(const std::vector<Finding>& findings);
+/// The error in words for scripts and people.
+Problem ProblemOf(const Finding& error);

@@ -23,6 +23,10 @@ class Findings {
   std::string Code(const std::string& subject) const { return Field(subject, "code"); }
   std::string Message(const std::string& subject) const { return Field(subject, "message"); }
   std::string WhatToDo(const std::string& subject) const { return Field(subject, "what_to_do"); }
+  /// Code of the error object that says in one what is wrong; empty when there is none.
+  std::string ErrorCode() const {
+    return m_document.contains("error") ? m_document["error"].value("code", "") : "";
+  }
 
  private:
   std::string Field(const std::string& subject, const char* field) const {
@@ -47,6 +51,7 @@ class CheckTest : public CommandLineTest {
     EXPECT_FALSE(findings.Ready());
     EXPECT_EQ(findings.Verdict(subject), "error");
     EXPECT_EQ(findings.Code(subject), code);
+    EXPECT_EQ(findings.ErrorCode(), code);
     EXPECT_THAT(findings.WhatToDo(subject), Not(IsEmpty()));
   }
   void ExpectWarning(const std::string& subject, const std::string& message) const {
@@ -64,6 +69,7 @@ TEST_F(CheckTest, FindsASoundInstallationWithItsModemReady) {
   const Findings findings = Check();
   EXPECT_EQ(findings.ExitCode(), 0);
   EXPECT_TRUE(findings.Ready());
+  EXPECT_THAT(findings.ErrorCode(), IsEmpty());
   for (const char* subject : {"configuration", "folder", "modem image", "NVM image", "flashing library",
                               "registry", "reset driver", "modem"}) {
     EXPECT_EQ(findings.Verdict(subject), "ok") << subject;
@@ -159,6 +165,11 @@ TEST_F(CheckTest, FlashingLibraryWithoutItsExports) {
   workspace.PutProduct(L"virtual_pc_host.dll", L"Firmwareflashdownload.dll");
   ExpectError("flashing library", "flashing_library_incomplete", 4);
   EXPECT_THAT(Check().Message("flashing library"), HasSubstr("_ZEMO_DL_boot_target"));
+}
+
+TEST_F(CheckTest, RegistryKeyThatCannotBeMade) {
+  const UnwritableKey parent;
+  ExpectError("registry", "no_registry_access", 4);
 }
 
 TEST_F(CheckTest, ModemInFlashModeIsReady) {

@@ -231,6 +231,14 @@ TEST_F(FlashTest, IsNotReadyWithoutFlashingLibraryAndKeepsTheImages) {
   EXPECT_TRUE(ImagesAreThere());
 }
 
+TEST_F(FlashTest, IsNotReadyWithoutAccessToTheRegistry) {
+  const UnwritableKey parent;
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "no_registry_access");
+  EXPECT_TRUE(ImagesAreThere());
+}
+
 TEST_F(FlashTest, IsNotReadyWhileAnotherOneFlashes) {
   workspace.MakeVirtualPc({kFast});
   ChildProcess first(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
@@ -276,6 +284,16 @@ TEST_F(FlashTest, TakesItsRequestBackWhenItIsInterruptedWhileWaiting) {
   EXPECT_EQ(key.Read().ready, 0u);
 }
 
+TEST_F(FlashTest, LeavesTheControllersFlagAloneWhenItIsInterrupted) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  key.Write(L"Fls_Ready", 1);
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(host.Says("waiting to begin"));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 5);
+  EXPECT_EQ(key.Read().ready, 1u);
+}
+
 TEST_F(FlashTest, WarnsOnceBeforeItLetsAFlashBeInterrupted) {
   workspace.MakeVirtualPc({"speed=1"});
   ChildProcess host(workspace.CommandLineHost(), {L"flash"});
@@ -286,6 +304,7 @@ TEST_F(FlashTest, WarnsOnceBeforeItLetsAFlashBeInterrupted) {
   ASSERT_TRUE(host.Interrupt());
   EXPECT_EQ(host.WaitForEnd(), 5);
   EXPECT_THAT(host.Errors(), HasSubstr("Interrupted."));
+  EXPECT_EQ(key.Read().ready, 0u);
 }
 
 TEST_F(FlashTest, FinishesAFlashThatWasInterruptedOnce) {

@@ -4,12 +4,38 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "child_process.h"
 #include "host_workspace.h"
 #include "kept_key.h"
+
+/// While it lives, the key of the command line cannot be made: a key that lasts has no place below one that
+/// does not.
+class UnwritableKey {
+ public:
+  UnwritableKey() {
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
+    HKEY opened = nullptr;
+    DWORD found = REG_OPENED_EXISTING_KEY;
+    ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParent, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr,
+                      &opened, &found);
+    m_key.reset(opened);
+    if (found != REG_CREATED_NEW_KEY) throw std::runtime_error("the key's parent is in use");
+  }
+  ~UnwritableKey() {
+    m_key.reset();
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
+  }
+  UnwritableKey(const UnwritableKey&) = delete;
+  UnwritableKey& operator=(const UnwritableKey&) = delete;
+
+ private:
+  static constexpr wchar_t kParent[] = L"SOFTWARE\\WOW6432Node\\Quenta";
+  OwnedKey m_key;
+};
 
 /// The command-line host in a folder of the test's own. The key that it uses is empty at first.
 class CommandLineTest : public testing::Test {

@@ -18,7 +18,8 @@
 /// an empty list for its id, one that never was an error; the empty id locates the root, as in the system.
 class DeviceTree {
  public:
-  DeviceTree() {
+  /// @param module whose calls it answers.
+  explicit DeviceTree(HMODULE module = ::GetModuleHandleW(L"toolkit_internals.dll")) : m_patch(module) {
     s_tree = this;
     m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
     m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
@@ -201,7 +202,7 @@ class DeviceTree {
 
   static inline DeviceTree* s_tree = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  ImportPatch m_patch;
   std::vector<Device> m_devices;
   std::vector<Interface> m_interfaces;
   std::vector<std::wstring> m_absent;

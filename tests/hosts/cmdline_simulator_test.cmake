@@ -1,0 +1,50 @@
+# Runs cmdline_simulator as a user would and looks at its exit status and output.
+# PROGRAM: command that starts it.
+include(${CMAKE_CURRENT_LIST_DIR}/../scenario/run_program.cmake)
+
+run(0 --help)
+run(0 --version)
+run(2 --bogus)
+run(2 --scenario no-such-scenario)
+run(2 --route by-magic)
+run(2 --speed 0)
+run(2 --scenario route-at --route at)
+
+run(2 --json --bogus)
+read_json(good)
+expect("${value}" OFF)
+read_json(error)
+
+# A work folder that cannot be made.
+run(3 --json --keep "?:/nowhere")
+read_json(good)
+expect("${value}" OFF)
+
+run(0 --route at --speed 50 --json)
+read_json(good)
+expect("${value}" ON)
+read_json(exit_code)
+expect("${value}" 0)
+read_json(memory_equal)
+expect("${value}" ON)
+read_json(at_commands)
+expect("${value}" 1)
+read_json(corvel_cmdline flashed)
+expect("${value}" ON)
+
+run(0 --scenario download-fails-no-retries --speed 50 --json)
+read_json(exit_code)
+expect("${value}" 1)
+read_json(memory)
+expect("${value}" untouched)
+read_json(registry Flash_OnGoing)
+expect("${value}" 1)
+read_json(corvel_cmdline error code)
+expect("${value}" flash_failed)
+
+run(0 --route flash-port --speed 50)
+if(NOT output MATCHES "The modem was flashed and is back." OR
+   NOT output MATCHES "equal to the images, byte for byte" OR
+   NOT output MATCHES "exit status +0 of corvel_cmdline")
+  message(SEND_ERROR "no summary of a flash:\n${output}")
+endif()

@@ -1,0 +1,63 @@
+#include "modem_presence.h"
+
+#include <gtest/gtest.h>
+
+#include "support/device_tree.h"
+
+namespace {
+
+constexpr GUID kResetInterface = {
+    0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
+
+class ModemPresenceTest : public testing::Test {
+ protected:
+  DeviceTree tree{::GetModuleHandleW(nullptr)};
+};
+
+TEST_F(ModemPresenceTest, ModemInItsNormalModeHasBothPorts) {
+  tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&1");
+  tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\7&2");
+  EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
+  EXPECT_TRUE(LookForModem().atPort);
+}
+
+TEST_F(ModemPresenceTest, BootLoader) {
+  tree.Has(L"USB\\VID_1D5A&PID_0ACC&MI_00\\7&1");
+  EXPECT_EQ(LookForModem().mode, ModemMode::FlashPort);
+  EXPECT_FALSE(LookForModem().atPort);
+}
+
+TEST_F(ModemPresenceTest, AtPortAlone) {
+  tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\7&2");
+  EXPECT_EQ(LookForModem().mode, ModemMode::AtPortOnly);
+  EXPECT_STREQ(TokenOf(LookForModem().mode), "at_port");
+}
+
+TEST_F(ModemPresenceTest, NothingAmongOtherDevices) {
+  tree.Has(L"USB\\VID_1234&PID_0AC9&MI_00\\7&1");
+  EXPECT_EQ(LookForModem().mode, ModemMode::Absent);
+}
+
+TEST_F(ModemPresenceTest, IdsInLowerCase) {
+  tree.Has(L"usb\\vid_1d5a&pid_0ac9&mi_00\\7&1");
+  EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
+}
+
+TEST_F(ModemPresenceTest, DeviceThatComesWhileTheListIsTaken) {
+  tree.AfterTellingALength([this] { tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&1"); });
+  EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
+}
+
+TEST_F(ModemPresenceTest, ListThatCannotBeHad) {
+  tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&1");
+  tree.Refuses("CM_Get_Device_ID_List_SizeW", CR_FAILURE);
+  EXPECT_EQ(LookForModem().mode, ModemMode::Absent);
+}
+
+TEST_F(ModemPresenceTest, ResetDriver) {
+  EXPECT_FALSE(LookForModem().resetDriver);
+  tree.HasInterface(kResetInterface, L"\\\\?\\UDE#1");
+  EXPECT_TRUE(LookForModem().resetDriver);
+}
+
+}  // namespace

@@ -20,7 +20,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr double kSpeed = 100;
+constexpr double kSpeed = 200;
 
 void ExpectAsTheTableSays(const Scenario& scenario, Asker asker) {
   const TemporaryFolder folder;

@@ -84,7 +84,8 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exit_code, b
   nlohmann::ordered_json json = JsonOf(outcome);
   json["good"] = good;
   json["exit_code"] = exit_code;
-  json["corvel_cmdline"] = nlohmann::ordered_json::parse(std::ifstream(plan.output), nullptr, false);
+  const auto own = nlohmann::ordered_json::parse(std::ifstream(plan.output), nullptr, false);
+  json["corvel_cmdline"] = own.is_discarded() ? nullptr : own;
   return json;
 }
 

@@ -68,6 +68,35 @@ TEST_F(VirtualModemTest, ComparisonNamesTheFirstDifference) {
   EXPECT_EQ(pc->Modem().CompareWith(&image, nullptr).difference, "class 5 differs at 0xe00005");
 }
 
+TEST_F(VirtualModemTest, IsErasedUntilSomethingIsWritten) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  EXPECT_TRUE(pc->Modem().IsErased());
+  ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
+  EXPECT_FALSE(pc->Modem().IsErased());
+}
+
+TEST_F(VirtualModemTest, LeftAloneBehindABasebandResetItComesBack) {
+  Start();
+  pc->Modem().ResetBaseband();
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kNormal);
+  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+            (std::vector<std::string>{"restarting", "flash port", "returning", "normal"}));
+}
+
+TEST_F(VirtualModemTest, LeftAloneAfterARebootCommandItStaysInFlashMode) {
+  Start();
+  pc->Modem().HearAtBytes(Bytes("at+xlog=4\r"));
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kFlashPort);
+}
+
+TEST_F(VirtualModemTest, LeftAloneWithItsPortOpenItStaysAsItIs) {
+  options.initial_state = ModemState::kFlashPort;
+  Start();
+  OpenAndBoot();
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kBooted);
+}
+
 TEST_F(VirtualModemTest, ComparingWithNothingIsNoProof) {
   Start();
   EXPECT_FALSE(pc->Modem().CompareWith(nullptr, nullptr).equal);

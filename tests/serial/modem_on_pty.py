@@ -8,12 +8,14 @@ command once for the reboot (whose bytes are compared) and once for the replies,
 the number of the port in CORVEL_TEST_COM_PORT. Exit status 0 when all of it held.
 """
 import contextlib
+import fcntl
 import os
 import pathlib
 import select
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import tty
 
@@ -24,6 +26,36 @@ REPLIES = {b"at+ok\r": b"\r\nOK\r\n", b"at+error\r": b"\r\nERROR\r\n", b"at+part
 PROGRAM_TIME_LIMIT_S = 60
 
 
+class TerminalOwner:
+    """A process that the terminal belongs to, as its controlling terminal.
+
+    Wine's server leads a session that has none: by opening a terminal without an owner it would get it, and
+    the hang-up when the terminal goes away too, which the server and all that it serves do not survive.
+    """
+
+    def __init__(self, terminal):
+        taken, tell = os.pipe()
+        wait, self._end = os.pipe()
+        self._process = os.fork()
+        if self._process == 0:
+            os.close(self._end)
+            os.setsid()
+            fcntl.ioctl(terminal, termios.TIOCSCTTY, 0)
+            os.write(tell, b"1")
+            os.read(wait, 1)  # Until the parent ends, in whatever way.
+            os._exit(0)
+        os.close(tell)
+        os.close(wait)
+        has_taken = os.read(taken, 1) != b""
+        os.close(taken)
+        if not has_taken:
+            sys.exit("modem_on_pty.py: the terminal could not be given an owner")
+
+    def end(self):
+        os.close(self._end)
+        os.waitpid(self._process, 0)
+
+
 class Modem:
     """Answers commands on its end of a pseudo-terminal and keeps what it received."""
 
@@ -32,6 +64,7 @@ class Modem:
         self.near, self.far = os.openpty()
         tty.setraw(self.far)
         self.device = os.ttyname(self.far)
+        self._owner = TerminalOwner(self.far)
         self._received = b""
         self._command = b""
         self._wake, self._stop = os.pipe()
@@ -44,6 +77,7 @@ class Modem:
     def __exit__(self, *_):
         os.close(self._stop)
         self._thread.join()
+        self._owner.end()
         for descriptor in (self._wake, self.near, self.far):
             os.close(descriptor)
 

@@ -7,6 +7,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "owners.h"
 #include "text.h"
 #include "virtual_clock.h"
 
@@ -22,11 +23,9 @@ const FlashImage& DefaultNvmImage() {
   return image;
 }
 
-/// A link where that can be: the programs are large.
+/// A copy: a link could not be removed while the program that it is a link to runs in another folder.
 void Bring(const std::filesystem::path& from, const std::filesystem::path& to) {
-  std::filesystem::remove(to);
-  if (::CreateHardLinkW(to.c_str(), from.c_str(), nullptr)) return;
-  if (!::CopyFileW(from.c_str(), to.c_str(), FALSE)) throw std::runtime_error("a program cannot be copied");
+  if (!::CopyFileW(from.c_str(), to.c_str(), FALSE)) ThrowLastError("a program cannot be copied");
 }
 
 /// The configuration's characters are single bytes.

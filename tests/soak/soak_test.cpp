@@ -173,6 +173,7 @@ class HundredFlashes : public SoakTest {
  protected:
   static constexpr int kWarmUp = 20;
   static constexpr int kFlashes = 100;
+  static constexpr int kMostHundreds = 3;
   static constexpr DWORD kSteadyFor = 100;
 
   /// The service has done everything that it does before it waits.
@@ -201,30 +202,45 @@ class HundredFlashes : public SoakTest {
     }
   }
 
-  /// Compares what the process holds after the warm-up with what it holds in the end.
-  void FlashAndCompare(Route route) {
-    StartService(100, route);
-    ASSERT_NO_FATAL_FAILURE(Flash(0, kWarmUp));
-    ASSERT_NO_FATAL_FAILURE(ComeToRest());
+  /// Flashes on and compares what the process holds before and after.
+  /// @return whether there are as many events as before; all else must be exact.
+  bool LeavesNoEvent(int from, int to) {
     const Holdings before = Count();
     const int keys_before = KeysLeftOpen(Log());
     const std::size_t bytes_before = BytesInUse();
 
-    ASSERT_NO_FATAL_FAILURE(Flash(kWarmUp, kFlashes));
-    ASSERT_NO_FATAL_FAILURE(ComeToRest());
+    Flash(from, to);
+    ComeToRest();
     // First of all, while nothing of what follows is held.
     const std::size_t bytes_after = BytesInUse();
     const Holdings after = Count();
     const int keys = KeysLeftOpen(Log()) - keys_before;
-    std::printf("threads %zu -> %zu, keys left open by reads %d, bytes %zu -> %zu\n", before.threads,
-                after.threads, keys, bytes_before, bytes_after);
+    std::printf("threads %zu -> %zu, events %d -> %d, keys left open by reads %d, bytes %zu -> %zu\n",
+                before.threads, after.threads, before.handles.at(L"Event"), after.handles.at(L"Event"), keys,
+                bytes_before, bytes_after);
 
-    EXPECT_GE(keys, kFlashes - kWarmUp);
-    Holdings expected = before;
-    expected.handles[L"Key"] += keys;
-    EXPECT_EQ(after.handles, expected.handles);
-    EXPECT_EQ(after.threads, expected.threads);
+    EXPECT_GE(keys, to - from);
+    HandleCensus expected = before.handles;
+    expected[L"Key"] += keys;
+    expected[L"Event"] = after.handles.at(L"Event");
+    EXPECT_EQ(after.handles, expected);
+    EXPECT_EQ(after.threads, before.threads);
     EXPECT_LE(bytes_after, bytes_before);
+    return after.handles.at(L"Event") == before.handles.at(L"Event");
+  }
+
+  /// A lock of the C runtime's thread library makes its event when two threads first meet there, and keeps
+  /// it: a hundred flashes in which that happened are followed by others. An event that flashes leave behind
+  /// would be there again each time.
+  void FlashAndCompare(Route route) {
+    StartService(100, route);
+    ASSERT_NO_FATAL_FAILURE(Flash(0, kWarmUp));
+    ASSERT_NO_FATAL_FAILURE(ComeToRest());
+    bool exact = false;
+    for (int hundreds = 0; hundreds < kMostHundreds && !exact && !HasFailure(); ++hundreds) {
+      exact = LeavesNoEvent(kWarmUp, kFlashes);
+    }
+    EXPECT_TRUE(exact) << "each hundred flashes leave events behind";
   }
 };
 

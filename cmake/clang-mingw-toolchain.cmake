@@ -11,9 +11,11 @@ if(NOT gcc_folders)
   message(FATAL_ERROR "No mingw-w64 GCC with POSIX threads is installed: run scripts/setup.")
 endif()
 list(GET gcc_folders 0 gcc_folder)
-# GCC emulates thread-local variables for this target, those of its C++ library too.
+# GCC emulates thread-local variables for this target, those of its C++ library too, and compares types by a
+# function of that library, which clang would define once more.
 set(CMAKE_CXX_FLAGS_INIT
-  "-isystem ${gcc_folder}/include/c++ -isystem ${gcc_folder}/include/c++/x86_64-w64-mingw32 -femulated-tls")
+  "-isystem ${gcc_folder}/include/c++ -isystem ${gcc_folder}/include/c++/x86_64-w64-mingw32 -femulated-tls \
+-D__GXX_TYPEINFO_EQUALITY_INLINE=0")
 foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-B${gcc_folder} -L${gcc_folder} -static")
 endforeach()

@@ -2,23 +2,7 @@
 # PROGRAM: command that starts it.
 include(${CMAKE_CURRENT_LIST_DIR}/../scenario/run_program.cmake)
 
-run(0 --help)
-run(0 --version)
-run(2 --bogus)
-run(2 --scenario no-such-scenario)
-run(2 --route by-magic)
-run(2 --speed 0)
-run(2 --scenario route-at --route at)
-
-run(2 --json --bogus)
-read_json(good)
-expect("${value}" OFF)
-read_json(error)
-
-# A work folder that cannot be made.
-run(3 --json --keep "?:/nowhere")
-read_json(good)
-expect("${value}" OFF)
+look_at_help_and_refusals()
 
 run(0 --route at --speed 50 --json)
 read_json(good)

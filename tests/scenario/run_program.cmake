@@ -24,3 +24,24 @@ function(expect actual expected)
     message(SEND_ERROR "\"${actual}\" instead of \"${expected}\"")
   endif()
 endfunction()
+
+# What both demo programs say without running anything.
+macro(look_at_help_and_refusals)
+  run(0 --help)
+  run(0 --version)
+  run(2 --bogus)
+  run(2 --scenario no-such-scenario)
+  run(2 --route by-magic)
+  run(2 --speed 0)
+  run(2 --scenario route-at --route at)
+
+  run(2 --json --bogus)
+  read_json(good)
+  expect("${value}" OFF)
+  read_json(error)
+
+  # A work folder that cannot be made.
+  run(3 --json --keep "?:/nowhere")
+  read_json(good)
+  expect("${value}" OFF)
+endmacro()

@@ -85,8 +85,16 @@ class QualifiedFunctionName {
 #endif
 
 /// One record of the debug log. Narrow texts are UTF-8; the last error survives.
-#define LOG_AT(level, ...) \
-  ::ToolKit::OutputDebug(level, kLogComponent, QUALIFIED_FUNCTION, __FILE__, __LINE__, __VA_ARGS__)
-#define LOG_ERROR(...) LOG_AT(1, __VA_ARGS__)
-#define LOG_WARNING(...) LOG_AT(2, __VA_ARGS__)
-#define LOG_TRACE(...) LOG_AT(3, __VA_ARGS__)
+///
+/// Readers search the log by its function field. The plain macros fill it with the function that they stand
+/// in. Helpers of a named procedure take the macros that end in _AS and give that procedure's qualified name,
+/// so that its records stay together however its code is split.
+#define LOG_AT_AS(level, function, ...) \
+  ::ToolKit::OutputDebug(level, kLogComponent, function, __FILE__, __LINE__, __VA_ARGS__)
+#define LOG_AT(level, ...) LOG_AT_AS(level, QUALIFIED_FUNCTION, __VA_ARGS__)
+#define LOG_ERROR_AS(function, ...) LOG_AT_AS(1, function, __VA_ARGS__)
+#define LOG_WARNING_AS(function, ...) LOG_AT_AS(2, function, __VA_ARGS__)
+#define LOG_TRACE_AS(function, ...) LOG_AT_AS(3, function, __VA_ARGS__)
+#define LOG_ERROR(...) LOG_ERROR_AS(QUALIFIED_FUNCTION, __VA_ARGS__)
+#define LOG_WARNING(...) LOG_WARNING_AS(QUALIFIED_FUNCTION, __VA_ARGS__)
+#define LOG_TRACE(...) LOG_TRACE_AS(QUALIFIED_FUNCTION, __VA_ARGS__)

@@ -159,6 +159,22 @@ TEST(LogMacros, AddLevelComponentFunctionAndFile) {
   EXPECT_TRUE(log.Contains("\tTrace\t"));
 }
 
+void HelpTheNamedProcedure() {
+  LOG_ERROR_AS("Named::Procedure", "failed: %d", 7);
+  LOG_WARNING_AS("Named::Procedure", "odd");
+  LOG_TRACE_AS("Named::Procedure", "done");
+}
+
+TEST(LogMacros, GiveTheProcedureThatAHelperBelongsTo) {
+  const TestLog log;
+  HelpTheNamedProcedure();
+  EXPECT_TRUE(log.Contains("\tFlashSvc\tError\tlog_test.cpp\t"));
+  EXPECT_TRUE(log.Contains("\tNamed::Procedure\tfailed: 7##\r\n"));
+  EXPECT_TRUE(log.Contains("\tNamed::Procedure\todd##\r\n"));
+  EXPECT_TRUE(log.Contains("\tNamed::Procedure\tdone##\r\n"));
+  EXPECT_FALSE(log.Contains("HelpTheNamedProcedure"));
+}
+
 TEST(LogMacros, LeaveTheLastErrorAlone) {
   const TestLog log;
   ::SetLastError(1234);

@@ -25,7 +25,9 @@ else()
     $<$<CXX_COMPILER_ID:Clang>:-Wno-unused-command-line-argument>)
   target_compile_definitions(corvel_settings INTERFACE __USE_MINGW_ANSI_STDIO=0)
   target_link_options(corvel_settings INTERFACE
-    -static -fstack-protector-strong -Wl,--nxcompat -Wl,--dynamicbase -Wl,--high-entropy-va)
+    -static -fstack-protector-strong -Wl,--nxcompat -Wl,--dynamicbase -Wl,--high-entropy-va
+    # As with MSVC, data of another library has to be declared as imported.
+    -Wl,--disable-auto-import)
 endif()
 
 if(CORVEL_CHECKED)

@@ -27,6 +27,8 @@ std::uint64_t Joined(DWORD low, DWORD high) {
 
 }  // namespace
 
+CFileIo::CFileIo() = default;
+
 CFileIo::~CFileIo() {
   Close();
 }

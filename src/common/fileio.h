@@ -12,7 +12,7 @@
 /// Names are in the system's ANSI code page.
 class CFileIo {
  public:
-  CFileIo() = default;
+  CFileIo();
   CFileIo(const CFileIo&) = delete;
   CFileIo& operator=(const CFileIo&) = delete;
   virtual ~CFileIo();

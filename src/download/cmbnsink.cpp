@@ -151,6 +151,8 @@ CMbnSinks::CMbnSinks() {
   std::ranges::copy(kDisplayName, m_displayName.begin());
 }
 
+CMbnSinks::~CMbnSinks() = default;
+
 HRESULT CMbnSinks::Initilazation() {
   const ScopedLock lock(g_recordLock);
   std::array<UniqueHandle, kEvents.size()> created;

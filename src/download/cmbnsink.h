@@ -81,6 +81,7 @@ class CMbnSinks final : public IMbnRadioEvents,
   CMbnSinks();
   CMbnSinks(const CMbnSinks&) = delete;
   CMbnSinks& operator=(const CMbnSinks&) = delete;
+  ~CMbnSinks();
 
   /// Creates those of the three events that are missing; on failure none.
   HRESULT Initilazation();

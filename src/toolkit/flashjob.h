@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "common/internaldata.h"
 #include "common/tstring.h"
 
 /// Flash_Result, as the controlling program reads it.
@@ -33,8 +34,8 @@ struct FlashJobRules {
   const char* lateWithReset;
   const char* lateWithoutReset;
 };
-extern const FlashJobRules kServiceRules;
-extern const FlashJobRules kCommandLineRules;
+extern CORVEL_INTERNAL_DATA const FlashJobRules kServiceRules;
+extern CORVEL_INTERNAL_DATA const FlashJobRules kCommandLineRules;
 
 /// One flash job: waits for the controlling program, finds the images, downloads with retries, waits for
 /// the modem to come back, reports. Runs on the thread that calls it.

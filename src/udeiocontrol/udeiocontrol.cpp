@@ -108,6 +108,10 @@ DeviceRequest::Start DeviceRequest::Send(HANDLE device, std::uint32_t code, cons
 
 constinit CUdeIoControl CUdeIoControl::s_instance;
 
+CUdeIoControl* CUdeIoControl::GetInstance() {
+  return &s_instance;
+}
+
 bool CUdeIoControl::TriggerFlashReset() {
   LOG_TRACE("TriggerFlashReset ++");
   // A channel of this call's own: on another thread, a flash that was given up may be in here as well.

@@ -16,7 +16,7 @@ struct DeviceList;
 /// runs while the process ends.
 class CUdeIoControl {
  public:
-  static CUdeIoControl* GetInstance() { return &s_instance; }
+  static CUdeIoControl* GetInstance();
   CUdeIoControl(const CUdeIoControl&) = delete;
   CUdeIoControl& operator=(const CUdeIoControl&) = delete;
 

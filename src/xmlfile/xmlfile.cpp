@@ -78,6 +78,21 @@ XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noe
   if (::SystemTimeToVariantTime(&copy, &date) != FALSE) m_value.date = date;
 }
 
+// Here and not in the header, so that the library exports them whatever the compiler.
+XML_NAME_VALUE::XML_NAME_VALUE(const XML_NAME_VALUE& other) = default;
+XML_NAME_VALUE::XML_NAME_VALUE(XML_NAME_VALUE&& other) = default;
+XML_NAME_VALUE& XML_NAME_VALUE::operator=(const XML_NAME_VALUE& other) = default;
+XML_NAME_VALUE& XML_NAME_VALUE::operator=(XML_NAME_VALUE&& other) = default;
+XML_NAME_VALUE::~XML_NAME_VALUE() = default;
+
+CTString XML_NAME_VALUE::Name() const {
+  return m_name;
+}
+
+VARIANT XML_NAME_VALUE::Value() const {
+  return m_value;
+}
+
 CXMLFile::CXMLFile(const CTString& path) noexcept : m_path(path) {}
 
 CXMLFile::~CXMLFile() = default;

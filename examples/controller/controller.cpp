@@ -3,21 +3,27 @@
 //   controller KEY [SECONDS]     for example: controller HKLM\SOFTWARE\Quenta\FlashService 900
 //
 // The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
-// 3 the time limit passed (is the service running?), 4 the registry refused.
+// 3 no end (no service took the request, it fell silent, or the time limit passed), 4 the registry refused.
 
 #include <windows.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
+#include <cwchar>
 #include <string>
 
 namespace {
 
+constexpr DWORD kFlashing = 1;
+constexpr DWORD kRetrying = 2;
 constexpr DWORD kFailed = 3;
 constexpr DWORD kSucceeded = 4;
 constexpr ULONGLONG kDefaultLimitSeconds = 900;
-constexpr ULONGLONG kLongestWaitMs = 3600000;
+constexpr ULONGLONG kLongestLimitSeconds = 1000000;
+/// A living service takes a request at once.
+constexpr ULONGLONG kLongestToTakeMs = 10000;
+/// What the service itself writes; only needed when somebody has removed it.
+constexpr DWORD kUsualTimeOutMs = 153000;
 
 struct Key {
   HKEY root = nullptr;
@@ -32,6 +38,14 @@ Key ParseKey(const std::wstring& text) {
   if (root == L"HKLM") key.root = HKEY_LOCAL_MACHINE;
   if (root == L"HKCU") key.root = HKEY_CURRENT_USER;
   return key;
+}
+
+/// @return 0 for anything but a whole number of seconds from 1 to 1000000.
+ULONGLONG ParseSeconds(const std::wstring& text) {
+  if (text.empty() || text.size() > 7 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
+    return 0;
+  const ULONGLONG seconds = std::wcstoull(text.c_str(), nullptr, 10);
+  return seconds <= kLongestLimitSeconds ? seconds : 0;
 }
 
 DWORD Read(HKEY key, const wchar_t* name) {
@@ -51,58 +65,105 @@ bool IsOver(HKEY key) {
   return Read(key, L"Fls_Ready") == 0;
 }
 
-/// Waits for the end. @return false when the time limit passed first, or the key was deleted.
-bool AwaitEnd(HKEY key, HANDLE changed, ULONGLONG limitMs) {
+bool IsFlashing(HKEY key) {
+  const DWORD result = Read(key, L"Flash_Result");
+  return result == kFlashing || result == kRetrying;
+}
+
+/// How long a living service may be silent.
+ULONGLONG LongestSilenceMs(HKEY key, bool taken) {
+  if (!taken) return kLongestToTakeMs;
+  const DWORD timeOut = Read(key, L"Time_Out");
+  return timeOut != 0 ? timeOut : kUsualTimeOutMs;
+}
+
+enum class Ending { kOver, kNotTaken, kSilent, kPastLimit, kKeyLost };
+
+/// Waits for the end of a request that stands. Only a change that comes after the request tells that somebody
+/// took it: "Flash_Result" may be one that a service left which ended long ago.
+Ending AwaitEnd(HKEY key, HANDLE changed, ULONGLONG limitMs) {
   const ULONGLONG begin = ::GetTickCount64();
+  ULONGLONG lastChange = begin;
+  bool taken = false;
   for (;;) {
     // Arm first, then look, then wait: a change between the look and the wait ends the wait.
     if (::RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE) != ERROR_SUCCESS) {
-      return false;
+      return Ending::kKeyLost;
     }
-    if (IsOver(key)) return true;
+    if (IsOver(key)) return Ending::kOver;
     std::printf("Flash_Result %lu, %lu %%\n", Read(key, L"Flash_Result"), Read(key, L"Flash_Progress"));
     std::fflush(stdout);
-    const ULONGLONG passed = ::GetTickCount64() - begin;
-    if (passed >= limitMs) return false;
-    ::WaitForSingleObject(changed, static_cast<DWORD>(std::min(limitMs - passed, kLongestWaitMs)));
+    const ULONGLONG now = ::GetTickCount64();
+    const ULONGLONG silenceEnds = lastChange + LongestSilenceMs(key, taken);
+    const ULONGLONG ends = std::min(silenceEnds, begin + limitMs);
+    const DWORD wait = ends > now ? static_cast<DWORD>(ends - now) : 0;
+    if (::WaitForSingleObject(changed, wait) == WAIT_OBJECT_0) {
+      taken = true;
+      lastChange = ::GetTickCount64();
+      continue;
+    }
+    if (!taken) return Ending::kNotTaken;
+    return silenceEnds <= begin + limitMs ? Ending::kSilent : Ending::kPastLimit;
   }
+}
+
+const char* TextOf(Ending ending) {
+  switch (ending) {
+    case Ending::kNotTaken:
+      return "Nobody took the request: is the service running?";
+    case Ending::kSilent:
+      return "The service fell silent: it has died.";
+    case Ending::kPastLimit:
+      return "The time limit passed; the flash goes on.";
+    default:
+      return "The registry key was deleted.";
+  }
+}
+
+/// Gives the request up, without an end. @return the exit status.
+int GiveUp(HKEY key, Ending ending) {
+  // Taken back when nobody serves it, so that a service started tomorrow does not flash unasked. A flash that
+  // has begun is left: if its service died, the next one recovers the modem because the request still stands.
+  const bool nobody = ending == Ending::kNotTaken || (ending == Ending::kSilent && !IsFlashing(key));
+  if (nobody) Write(key, L"Fls_Ready", 0);
+  std::fprintf(stderr, "%s The last result was %lu.\n", TextOf(ending), Read(key, L"Flash_Result"));
+  return 3;
+}
+
+int TellResult(HKEY key) {
+  const DWORD result = Read(key, L"Flash_Result");
+  std::printf("Flash_Result %lu: %s\n", result,
+              result == kSucceeded ? "flashed"
+              : result == kFailed  ? "failed"
+                                   : "not flashed");
+  return result == kSucceeded ? 0 : 1;
 }
 
 }  // namespace
 
 int wmain(int count, wchar_t** words) {
   const Key location = count >= 2 ? ParseKey(words[1]) : Key{};
-  if (location.root == nullptr || location.path.empty()) {
-    std::fprintf(stderr, "usage: controller HKLM\\KEY [SECONDS]\n");
+  const ULONGLONG limitSeconds = count >= 3 ? ParseSeconds(words[2]) : kDefaultLimitSeconds;
+  if (count > 3 || location.root == nullptr || location.path.empty() || limitSeconds == 0) {
+    std::fprintf(stderr, "usage: controller HKLM\\KEY [SECONDS]\nSECONDS: 1 to %llu\n", kLongestLimitSeconds);
     return 2;
   }
-  const ULONGLONG limitMs = (count >= 3 ? std::wcstoull(words[2], nullptr, 10) : kDefaultLimitSeconds) * 1000;
 
   HKEY key = nullptr;
   const HANDLE changed = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  // The 64-bit view, where the service looks, also when this program is built for 32 bits.
   if (changed == nullptr ||
       ::RegCreateKeyExW(location.root, location.path.c_str(), 0, nullptr, 0,
-                        KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_NOTIFY, nullptr, &key,
+                        KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_NOTIFY | KEY_WOW64_64KEY, nullptr, &key,
                         nullptr) != ERROR_SUCCESS ||
       !Write(key, L"Fls_Ready", 1)) {
     std::fprintf(stderr, "The registry key cannot be written: run as an administrator.\n");
     return 4;
   }
 
-  const bool over = AwaitEnd(key, changed, limitMs);
-  const DWORD result = Read(key, L"Flash_Result");
-  // Nobody took the request: take it back, so that a service started tomorrow does not flash unasked.
-  if (!over && result != 1 && result != 2) Write(key, L"Fls_Ready", 0);
+  const Ending ending = AwaitEnd(key, changed, limitSeconds * 1000);
+  const int status = ending == Ending::kOver ? TellResult(key) : GiveUp(key, ending);
   ::RegCloseKey(key);
   ::CloseHandle(changed);
-
-  if (!over) {
-    std::fprintf(stderr, "No end in time; the last result was %lu.\n", result);
-    return 3;
-  }
-  std::printf("Flash_Result %lu: %s\n", result,
-              result == kSucceeded ? "flashed"
-              : result == kFailed  ? "failed"
-                                   : "not flashed");
-  return result == kSucceeded ? 0 : 1;
+  return status;
 }

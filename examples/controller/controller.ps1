@@ -2,14 +2,30 @@
 #
 #   .\controller.ps1 -Key 'SOFTWARE\Quenta\FlashService' [-Seconds 900]     (under HKEY_LOCAL_MACHINE)
 #
-# The images lie in the service's folder already. Run as an administrator, in the 64-bit PowerShell. Exit
-# status: 0 flashed, 1 failed, 3 the time limit passed (is the service running?), 4 the registry refused.
+# The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
+# 3 no end (no service took the request, it fell silent, or the time limit passed), 4 the registry refused.
+
+#Requires -Version 5.1
+#Requires -RunAsAdministrator
 param(
     [Parameter(Mandatory)] [string] $Key,
-    [int] $Seconds = 900
+    [string] $Seconds = '900'
 )
 $ErrorActionPreference = 'Stop'
 trap { Write-Warning $_; exit 4 }
+
+# A 32-bit PowerShell sees other keys than the service does.
+if (-not [Environment]::Is64BitProcess) {
+    Write-Warning 'This is a 32-bit PowerShell: start the 64-bit one.'
+    exit 2
+}
+if ($Seconds -notmatch '^[0-9]{1,7}$' -or [int] $Seconds -lt 1 -or [int] $Seconds -gt 1000000) {
+    Write-Warning '-Seconds takes a whole number from 1 to 1000000.'
+    exit 2
+}
+
+$longestToTake = 10      # seconds; a living service takes a request at once
+$usualTimeOut = 153000   # milliseconds; what the service itself writes
 
 $path = "HKLM:\$Key"
 if (-not (Test-Path $path)) { New-Item -Path $path -Force | Out-Null }
@@ -18,6 +34,8 @@ function Read-Value([string] $name) {
     $value = (Get-ItemProperty -Path $path -Name $name -ErrorAction SilentlyContinue).$name
     if ($null -eq $value) { 0 } else { $value }
 }
+function Read-State { '{0} {1} {2}' -f (Read-Value Flash_Result), (Read-Value Flash_Progress), (Read-Value Flash_OnGoing) }
+function Test-Flashing { (Read-Value Flash_Result) -in 1, 2 }
 
 # Subscribed before the request is made, so that no change is missed. The system announces changes of the
 # key; a value of it may have changed more than once by the time this looks.
@@ -26,22 +44,43 @@ $query = "SELECT * FROM RegistryKeyChangeEvent WHERE Hive='HKEY_LOCAL_MACHINE' A
 Register-CimIndicationEvent -Namespace root/default -Query $query -SourceIdentifier FlashChanged
 
 try {
+    # What an earlier service left is no sign of life: only what changes after the request is.
+    $before = Read-State
     Set-ItemProperty -Path $path -Name Fls_Ready -Value 1 -Type DWord
 
-    $end = (Get-Date).AddSeconds($Seconds)
+    $taken = $false
+    $now = Get-Date
+    $end = $now.AddSeconds([int] $Seconds)
+    $lastChange = $now
     # The service has dealt with the request when it took the flag back; the result was written before.
     while ((Read-Value Fls_Ready) -ne 0) {
         Write-Output ("Flash_Result {0}, {1} %" -f (Read-Value Flash_Result), (Read-Value Flash_Progress))
-        $left = [int] ($end - (Get-Date)).TotalSeconds
-        if ($left -le 0) {
-            if ((Read-Value Flash_Result) -notin 1, 2) {
-                # Nobody took the request: take it back, so that no later service flashes unasked.
+        $taken = $taken -or (Read-State) -ne $before
+        $timeOut = Read-Value Time_Out
+        if ($timeOut -le 0) { $timeOut = $usualTimeOut }
+        $silence = if ($taken) { $timeOut / 1000 } else { $longestToTake }
+        $silenceEnds = $lastChange.AddSeconds($silence)
+        $next = if ($silenceEnds -lt $end) { $silenceEnds } else { $end }
+
+        if ((Get-Date) -ge $next) {
+            $silent = $silenceEnds -lt $end
+            # Nobody serves the request: taken back, so that no later service flashes unasked. A flash that has
+            # begun is left: if its service died, the next one recovers the modem because the request stands.
+            if (-not $taken -or ($silent -and -not (Test-Flashing))) {
                 Set-ItemProperty -Path $path -Name Fls_Ready -Value 0 -Type DWord
             }
-            Write-Error -ErrorAction Continue 'No end in time: is the service running?'
+            $why = if (-not $taken) { 'Nobody took the request: is the service running?' }
+            elseif ($silent) { 'The service fell silent: it has died.' }
+            else { 'The time limit passed; the flash goes on.' }
+            Write-Warning $why
             exit 3
         }
-        Wait-Event -SourceIdentifier FlashChanged -Timeout $left | Remove-Event
+        $left = [int] [Math]::Ceiling(($next - (Get-Date)).TotalSeconds)
+        $change = Wait-Event -SourceIdentifier FlashChanged -Timeout ([Math]::Max($left, 1))
+        if ($change) {
+            $change | Remove-Event
+            if ($taken -or (Read-State) -ne $before) { $lastChange = Get-Date }
+        }
     }
 }
 finally {

@@ -25,9 +25,11 @@ namespace {
 
 constexpr char kFooter[] =
     "Exit status: 0 the host's exit status is 0 and the modem's memory equals the images, or all\n"
-    "expectations of the scenario hold; 1 not so; 2 wrong usage; 3 it could not be run.";
+    "expectations of the scenario hold; 1 not so; 2 wrong usage; 3 it could not be run; 130 ended by Ctrl+C.";
 constexpr double kSlowest = 0.1;
 constexpr double kFastest = 1000;
+/// What the host says when Ctrl+C has ended it. Without a time limit it says so for no other reason.
+constexpr unsigned long kHostInterrupted = 5;
 
 struct Options {
   std::string route = NameOf(Route::kMbim);
@@ -44,9 +46,7 @@ void AddOptions(CLI::App& program, Options& options) {
       program
           .add_option("--scenario", options.scenario,
                       "One of the things that can go wrong, with what the command line makes of it checked")
-          ->check([](const std::string& name) {
-            return FindScenario(name) != nullptr ? "" : "no scenario is called " + name;
-          });
+          ->check(WhyNoScenario);
   program.add_option("--route", options.route, "How the modem gets into flash mode")
       ->check(CLI::IsMember(routes))
       ->excludes(scenario)
@@ -114,6 +114,7 @@ ExitStatus Flash(const Options& options) {
               << SummaryOf(outcome) << "  exit status    " << report.exit_code << " of corvel_cmdline"
               << (report.exit_code == expected_exit_code ? "" : ", which is NOT EXPECTED") << std::endl;
   }
+  if (report.exit_code == kHostInterrupted) return ExitStatus::kInterrupted;
   return good ? ExitStatus::kGood : ExitStatus::kNotGood;
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kFooter[] =
     "Exit status: 0 flashed and the modem's memory equals the images, or all expectations of the\n"
-    "scenarios hold; 1 not so; 2 wrong usage; 3 the virtual PC could not run.";
+    "scenarios hold; 1 not so; 2 wrong usage; 3 the virtual PC could not run; 130 ended by Ctrl+C.";
 constexpr double kSlowest = 0.1;
 constexpr double kFastest = 1000;
 
@@ -23,10 +23,7 @@ void AddOptions(CLI::App& program, Command& command, std::string& route, std::st
 
   program.add_flag("--list", command.list, "List the scenarios");
   CLI::Option* const scenario =
-      program.add_option("--scenario", command.scenario, "Run one scenario")
-          ->check([](const std::string& name) {
-            return FindScenario(name) != nullptr ? "" : "no scenario is called " + name;
-          });
+      program.add_option("--scenario", command.scenario, "Run one scenario")->check(WhyNoScenario);
   CLI::Option* const all =
       program.add_flag("--all", command.all, "Run all scenarios, each in a process of its own");
   program.add_option("--group", command.group, "With --all: only the scenarios of this group")

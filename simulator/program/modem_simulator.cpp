@@ -16,6 +16,7 @@
 
 #include "command_line.h"
 #include "display.h"
+#include "interruption.h"
 #include "judgement.h"
 #include "report.h"
 #include "scratch_key.h"
@@ -122,15 +123,32 @@ std::string TroubleOf(const ChildResult& child) {
   return "the virtual PC crashed with code " + std::to_string(child.exit_code);
 }
 
+/// Ctrl+C while nobody waits for it. The system's own answer is not the same everywhere.
+BOOL WINAPI EndByCtrlC(DWORD) {
+  ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(ExitStatus::kInterrupted));
+  return TRUE;
+}
+
+int ConcludeInterrupted(const Command& command) {
+  if (command.json) {
+    std::cout << JsonOfError("interrupted").dump(2) << std::endl;
+  } else {
+    std::cerr << (command.terminal ? "\n" : "") << "modem_simulator: interrupted" << std::endl;
+  }
+  return static_cast<int>(ExitStatus::kInterrupted);
+}
+
 /// Runs one flash or scenario in a process and folder of its own.
 int RunOne(const Command& command) {
+  const Interruption interruption;
   WorkFolder folder(command.keep);
   folder.KeepLog();
   if (!command.keep.empty()) folder.KeepAll();
   const std::wstring key = NextKey();
-  const ChildResult child =
-      RunChild(folder.Program(), ArgumentsOf(command, key), RealLimit(command.speed.value_or(1.0)));
+  const ChildResult child = RunChild(folder.Program(), ArgumentsOf(command, key),
+                                     RealLimit(command.speed.value_or(1.0)), {}, interruption.Event());
   ScratchKey::Remove(key);
+  if (child.interrupted) return ConcludeInterrupted(command);
   const std::string trouble = TroubleOf(child);
   if (!trouble.empty()) throw std::runtime_error(trouble + "; debug log in " + NameForPeople(folder.Path()));
   return static_cast<int>(child.exit_code);
@@ -146,24 +164,25 @@ class ScenarioRun {
     std::vector<std::jthread> workers;
     for (unsigned i = 0; i < m_command.jobs; ++i) workers.emplace_back([this] { Work(); });
     workers.clear();
+    if (m_interrupted) return ConcludeInterrupted(m_command);
     Report();
     return static_cast<int>(m_failed == 0 ? ExitStatus::kGood : ExitStatus::kNotGood);
   }
 
  private:
   void Work() {
-    for (std::size_t i = m_next++; i < m_scenarios.size(); i = m_next++) {
+    for (std::size_t i = m_next++; i < m_scenarios.size() && !m_interrupted; i = m_next++) {
       try {
         m_results[i] = RunScenario(*m_scenarios[i]);
       } catch (const std::exception& error) {
         m_results[i] = JsonOfError(error.what());
         m_results[i]["scenario"] = m_scenarios[i]->name;
       }
-      Tell(m_results[i]);
+      if (!m_interrupted) Tell(m_results[i]);
     }
   }
 
-  nlohmann::ordered_json RunScenario(const Scenario& scenario) const {
+  nlohmann::ordered_json RunScenario(const Scenario& scenario) {
     Command one = m_command;
     one.all = false;
     one.scenario = scenario.name;
@@ -173,9 +192,13 @@ class ScenarioRun {
     if (!m_command.keep.empty()) folder.KeepAll();
     const std::wstring key = NextKey();
     const auto output = folder.Path() / L"report.json";
-    const ChildResult child =
-        RunChild(folder.Program(), ArgumentsOf(one, key), RealLimit(*one.speed), output);
+    const ChildResult child = RunChild(folder.Program(), ArgumentsOf(one, key), RealLimit(*one.speed), output,
+                                       m_interruption.Event());
     ScratchKey::Remove(key);
+    if (child.interrupted) {
+      m_interrupted = true;
+      return {};
+    }
 
     std::ifstream file(output);
     auto report = nlohmann::ordered_json::parse(file, nullptr, false);
@@ -229,6 +252,8 @@ class ScenarioRun {
   const Command& m_command;
   const std::vector<const Scenario*> m_scenarios;
   std::vector<nlohmann::ordered_json> m_results;
+  const Interruption m_interruption;
+  std::atomic<bool> m_interrupted{false};
   std::atomic<std::size_t> m_next{0};
   std::mutex m_mutex;
   int m_failed = 0;
@@ -256,6 +281,7 @@ int main(int count, char** words) try {
   // Lines end as the reader's own do, whichever system reads them.
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
+  ::SetConsoleCtrlHandler(EndByCtrlC, TRUE);
   ExitStatus status = ExitStatus::kGood;
   const auto command = ParseCommandLine(count, words, status);
   if (!command) return static_cast<int>(status);

@@ -58,6 +58,13 @@ const Scenario* FindScenario(std::string_view name) {
   return found == all.end() ? nullptr : &*found;
 }
 
+std::string WhyNoScenario(const std::string& name) {
+  if (FindScenario(name) != nullptr) return {};
+  // The word behind an option without a value is the next option.
+  if (name.empty() || name.front() == '-') return "the name of a scenario is missing; --list shows them";
+  return "no scenario is called " + name + "; --list shows them";
+}
+
 std::vector<std::string> ScenarioGroups() {
   std::vector<std::string> groups;
   for (const Scenario& each : Scenarios()) {

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "exit_status.h"
 #include "text.h"
 
 namespace {
@@ -15,6 +16,7 @@ namespace {
 constexpr const wchar_t* kLibraries[] = {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll"};
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr unsigned kStopped = 3;
+constexpr auto kEndedByCtrlC = static_cast<DWORD>(ExitStatus::kInterrupted);
 constexpr int kTriesToStart = 3;
 
 struct HandleCloser {
@@ -108,14 +110,20 @@ WorkFolder::~WorkFolder() {
 }
 
 ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
-                     std::chrono::milliseconds limit, const std::filesystem::path& output) {
+                     std::chrono::milliseconds limit, const std::filesystem::path& output,
+                     void* interruption) {
   const Handle process = Start(program, arguments, output);
+  const HANDLE signals[] = {process.get(), interruption};
+  const DWORD count = interruption != nullptr ? 2 : 1;
+  const DWORD signal = ::WaitForMultipleObjects(count, signals, FALSE, static_cast<DWORD>(limit.count()));
   ChildResult result;
-  result.ended = ::WaitForSingleObject(process.get(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0;
+  result.ended = signal == WAIT_OBJECT_0;
   if (!result.ended) {
     ::TerminateProcess(process.get(), kStopped);
     ::WaitForSingleObject(process.get(), INFINITE);
   }
   ::GetExitCodeProcess(process.get(), &result.exit_code);
+  // Ctrl+C goes to both programs, and the child may be the first to deal with it.
+  result.interrupted = signal == WAIT_OBJECT_0 + 1 || result.exit_code == kEndedByCtrlC;
   return result;
 }

@@ -32,10 +32,13 @@ class WorkFolder {
 
 /// How a child program ended.
 struct ChildResult {
-  bool ended = false;  ///< false when it was stopped because it took too long
+  bool ended = false;        ///< false when it was stopped because it took too long
+  bool interrupted = false;  ///< it was stopped, or ended itself, because of Ctrl+C
   unsigned long exit_code = 0;
 };
 
 /// Runs a program to its end. Its output goes where this one's goes, or into a file. Any thread.
+/// @param interruption an event that stops the program; none for one that answers Ctrl+C itself.
 ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
-                     std::chrono::milliseconds limit, const std::filesystem::path& output = {});
+                     std::chrono::milliseconds limit, const std::filesystem::path& output = {},
+                     void* interruption = nullptr);

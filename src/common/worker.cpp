@@ -1,8 +1,11 @@
 #include "common/worker.h"
 
+#include <exception>
 #include <memory>
 #include <new>
 #include <utility>
+
+#include "common/lackofmemory.h"
 
 namespace {
 
@@ -31,6 +34,8 @@ HMODULE Run(Worker* started) noexcept {
 }
 
 DWORD WINAPI WorkerThread(void* started) {
+  // Per thread with MSVC's runtime, for the whole module with the others.
+  std::set_terminate(EndProcessForLackOfMemory);
   // Nothing with a destructor may live in this frame: the thread ends inside the call.
   ::FreeLibraryAndExitThread(Run(static_cast<Worker*>(started)), 0);
 }

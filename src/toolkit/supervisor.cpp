@@ -21,9 +21,10 @@ void RunPass() {
   ToolKit::SetFlashReadyFlag(ToolKit::hMainKey, ToolKit::mStrKey, 0);
 }
 
-/// Nothing ends the supervisor, not even lack of memory: the next pass finds the flag as it stands.
+/// Nothing ends the supervisor, not even lack of memory: the next pass finds the flag as it stands. Should
+/// even what follows a failure fail, the process goes with it: nobody would notice that the supervisor is gone.
 template <typename Step>
-void Survive(Step step) {
+void Survive(Step step) noexcept {
   try {
     step();
   } catch (...) {

@@ -21,6 +21,13 @@ inline std::wstring_view TextOf(BSTR text) {
   return {text, ::SysStringLen(text)};
 }
 
+/// Gives up a reference on a COM object. Unlike ComPtr, whose move assignment takes references in mingw-w64,
+/// its owner calls the object at its own end only, so that it can be filled under a lock.
+struct ComReleaser {
+  void operator()(IUnknown* object) const noexcept { object->Release(); }
+};
+using UniqueUnknown = std::unique_ptr<IUnknown, ComReleaser>;
+
 /// Destroys an Automation array with its elements.
 struct SafeArrayDestroyer {
   void operator()(SAFEARRAY* array) const noexcept { ::SafeArrayDestroy(array); }

@@ -38,15 +38,10 @@ constexpr std::array<HANDLE*, 3> kEvents{
 /// Guards the process-wide records and events: no handler may set an event that is being closed.
 SRWLOCK g_recordLock = SRWLOCK_INIT;
 
+/// Takes an object out of its slot, with its reference.
 template <typename Interface>
-void GiveUp(Interface*& slot) {
-  Interface* object = nullptr;
-  {
-    const ScopedLock lock(g_recordLock);
-    object = std::exchange(slot, nullptr);
-  }
-  // Foreign code: it must not run under the lock.
-  if (object != nullptr) object->Release();
+UniqueUnknown TakeOut(Interface*& slot) {
+  return UniqueUnknown(std::exchange(slot, nullptr));
 }
 
 /// The low half of a pointer, which is all that "%x" prints.
@@ -54,29 +49,32 @@ unsigned LowHalf(const void* pointer) {
   return static_cast<unsigned>(reinterpret_cast<UINT_PTR>(pointer));
 }
 
-void LogIds(SAFEARRAY* commandIds, const ArrayBounds& bounds) {
-  LOG_TRACE("\t  lLower:%d  lUpper:%d\n", static_cast<int>(bounds.lower), static_cast<int>(bounds.upper));
+// These log for the handlers, under the handler's name.
+
+void LogIds(const char* handler, SAFEARRAY* commandIds, const ArrayBounds& bounds) {
+  LOG_TRACE_AS(handler, "\t  lLower:%d  lUpper:%d\n", static_cast<int>(bounds.lower),
+               static_cast<int>(bounds.upper));
   for (const ULONG id : ArrayElements<ULONG>(commandIds)) {
-    LOG_TRACE("\t ulCommandId= %d\n", static_cast<int>(id));
+    LOG_TRACE_AS(handler, "\t ulCommandId= %d\n", static_cast<int>(id));
   }
 }
 
-void LogCommandCompletion(ULONG requestId, ULONG responseId, HRESULT status) {
-  LOG_TRACE("\t *****requestID = %d\n", static_cast<int>(requestId));
-  LOG_TRACE("\t *****reponseID = %d\n", static_cast<int>(responseId));
-  LOG_TRACE("\t *****status = %x\n", static_cast<unsigned>(status));
+void LogCommandCompletion(const char* handler, ULONG requestId, ULONG responseId, HRESULT status) {
+  LOG_TRACE_AS(handler, "\t *****requestID = %d\n", static_cast<int>(requestId));
+  LOG_TRACE_AS(handler, "\t *****reponseID = %d\n", static_cast<int>(responseId));
+  LOG_TRACE_AS(handler, "\t *****status = %x\n", static_cast<unsigned>(status));
 }
 
 /// A copy of the bytes, as long as the modem made them, after logging them. Empty when memory is exhausted.
-std::vector<BYTE> LogBytes(SAFEARRAY* data) noexcept try {
+std::vector<BYTE> LogBytes(const char* handler, SAFEARRAY* data) noexcept try {
   const ArrayElements<const BYTE> elements(data);
   std::vector<BYTE> bytes(elements.begin(), elements.end());
-  LOG_TRACE("\t Response = ");
-  for (const BYTE byte : bytes) LOG_TRACE("%02X ", byte);
-  LOG_TRACE("\t NumElements = %d\n", static_cast<int>(bytes.size()));
+  LOG_TRACE_AS(handler, "\t Response = ");
+  for (const BYTE byte : bytes) LOG_TRACE_AS(handler, "%02X ", byte);
+  LOG_TRACE_AS(handler, "\t NumElements = %d\n", static_cast<int>(bytes.size()));
   return bytes;
 } catch (...) {
-  LOG_TRACE("\t NumElements = %d\n", 0);
+  LOG_TRACE_AS(handler, "\t NumElements = %d\n", 0);
   return {};
 }
 
@@ -173,18 +171,26 @@ HRESULT CMbnSinks::DeInitilazation() {
   return S_OK;
 }
 
-void CMbnSinks::Retire() {
-  {
-    const ScopedLock lock(g_recordLock);
-    m_retired = true;
-  }
-  GiveUp(g_MbnDeviceService);
-  GiveUp(g_MbnConnection);
-  GiveUp(g_MbnInterface);
-  GiveUp(g_MbnRadio);
-  GiveUp(g_MbnSignal);
-  // Cuts off the stubs through which another apartment may still hold the sink.
+MbnKeptObjects CMbnSinks::Retire() {
+  const ScopedLock lock(g_recordLock);
+  m_retired = true;
+  return {TakeOut(g_MbnDeviceService), TakeOut(g_MbnConnection), TakeOut(g_MbnInterface), TakeOut(g_MbnRadio),
+          TakeOut(g_MbnSignal)};
+}
+
+void CMbnSinks::Disconnect() {
+  // A stub would hold a reference. Without one there is nothing to cut off, and looking for it would count
+  // and log references that are nobody's.
+  if (!AddRefToOthers()) return;
   ::CoDisconnectObject(static_cast<IMbnRadioEvents*>(this), 0);
+  Release();
+}
+
+/// Adds a reference if there are any. @return whether there are.
+bool CMbnSinks::AddRefToOthers() {
+  ULONG count = m_references;
+  while (count != 0 && !m_references.compare_exchange_weak(count, count + 1)) continue;
+  return count != 0;
 }
 
 HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {
@@ -208,7 +214,10 @@ HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {
   const auto* found = std::ranges::find_if(bases, [&](const auto& base) { return base.iid == iid; });
   *object = found == std::end(bases) ? nullptr : found->base;
   if (*object == nullptr) return E_NOINTERFACE;
-  if (iid == __uuidof(IUnknown)) LOG_TRACE("\t QueryInterface, set CMbnSinks as nofity object");
+  // Who asks a retired sink is cutting it off: nothing is set any more.
+  if (iid == __uuidof(IUnknown) && !m_retired) {
+    LOG_TRACE("\t QueryInterface, set CMbnSinks as nofity object");
+  }
   AddRef();
   return S_OK;
 }
@@ -404,7 +413,7 @@ HRESULT CMbnSinks::OnQuerySupportedCommandsComplete(IMbnDeviceService*, SAFEARRA
     ArrayBounds bounds;
     if (FAILED(::SafeArrayGetLBound(commandIDList, 1, &bounds.lower))) return S_OK;
     if (FAILED(::SafeArrayGetUBound(commandIDList, 1, &bounds.upper))) return S_OK;
-    LogIds(commandIDList, bounds);
+    LogIds(QUALIFIED_FUNCTION, commandIDList, bounds);
     handling.KeepCount(bounds.Count());
     LOG_TRACE("\t g_ulNumberSupportedCommands = %d\n", static_cast<int>(bounds.Count()));
   }
@@ -432,9 +441,9 @@ HRESULT CMbnSinks::OnSetCommandComplete(IMbnDeviceService* deviceService, ULONG 
                                         SAFEARRAY* deviceServiceData, HRESULT status, ULONG requestID) {
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnSetCommandComplete Event\n");
-  LogCommandCompletion(requestID, responseID, status);
+  LogCommandCompletion(QUALIFIED_FUNCTION, requestID, responseID, status);
   if (status == S_OK && deviceServiceData != nullptr)
-    handling.Keep(g_SetCommandResponse, LogBytes(deviceServiceData));
+    handling.Keep(g_SetCommandResponse, LogBytes(QUALIFIED_FUNCTION, deviceServiceData));
   handling.Keep(g_MbnDeviceService, deviceService);
   return handling.Completed(status, &g_Event_OnSetCommandComplete);
 }
@@ -443,9 +452,9 @@ HRESULT CMbnSinks::OnQueryCommandComplete(IMbnDeviceService* deviceService, ULON
                                           SAFEARRAY* deviceServiceData, HRESULT status, ULONG requestID) {
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnQueryCommandComplete Event\n");
-  LogCommandCompletion(requestID, responseID, status);
+  LogCommandCompletion(QUALIFIED_FUNCTION, requestID, responseID, status);
   if (status == S_OK && deviceServiceData != nullptr)
-    handling.Keep(g_QueryCommandResponse, LogBytes(deviceServiceData));
+    handling.Keep(g_QueryCommandResponse, LogBytes(QUALIFIED_FUNCTION, deviceServiceData));
   handling.Keep(g_MbnDeviceService, deviceService);
   return handling.Completed(status);
 }
@@ -454,7 +463,7 @@ HRESULT CMbnSinks::OnEventNotification(IMbnDeviceService* deviceService, ULONG,
                                        SAFEARRAY* deviceServiceData) {
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnEventNotification Event\n");
-  std::vector<BYTE> bytes = LogBytes(deviceServiceData);
+  std::vector<BYTE> bytes = LogBytes(QUALIFIED_FUNCTION, deviceServiceData);
   if ((m_hooks.wantedNotifications & kDeviceServiceNotification) != 0 && m_hooks.onNotification != nullptr) {
     handling.Tell(kDeviceServiceNotification, DeviceServiceIdOf(deviceService), bytes);
     handling.Keep(m_hooks.deviceServiceData, std::move(bytes));
@@ -486,7 +495,7 @@ HRESULT CMbnSinks::OnWriteDataComplete(IMbnDeviceService* deviceService, HRESULT
 HRESULT CMbnSinks::OnReadData(IMbnDeviceService* deviceService, SAFEARRAY* deviceServiceData) {
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnReadData Event\n");
-  LogBytes(deviceServiceData);
+  LogBytes(QUALIFIED_FUNCTION, deviceServiceData);
   if (m_hooks.onNotification != nullptr) {
     handling.Tell(kDeviceServiceNotification, DeviceServiceIdOf(deviceService), {});
   }

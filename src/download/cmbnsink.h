@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/automation.h"
 #include "common/internaldata.h"
 #include "download/mobilebroadband.h"
 
@@ -55,6 +56,9 @@ struct MbnClientHooks {
   std::vector<BYTE> deviceServiceData;
 };
 
+/// The objects that notifications came with, for whoever is to give them up.
+using MbnKeptObjects = std::array<UniqueUnknown, 5>;
+
 inline constexpr ULONG kInterfaceArrivalNotification = 0x80;
 inline constexpr ULONG kDeviceServiceNotification = 0x100;
 
@@ -87,12 +91,18 @@ class CMbnSinks final : public IMbnRadioEvents,
   HRESULT Initilazation();
   /// Closes the events. @return S_OK.
   HRESULT DeInitilazation();
-  /// Gives up the objects kept and lets nothing more be recorded or signalled through this sink.
-  void Retire();
+  /// Lets nothing more be recorded or signalled through this sink.
+  /// @return the objects kept, for the caller to give up: releasing them runs the service's code.
+  MbnKeptObjects Retire();
+  /// Cuts off the stubs through which another apartment may still hold the sink. May wait for the service.
+  void Disconnect();
   /// True when nobody refers to it or is in one of its handlers. A retired sink may be deleted then.
   bool IsDeserted() const { return m_references == 0 && m_callsInProgress == 0; }
 
   MbnClientHooks& ClientHooks() { return m_hooks; }
+
+  /// For whoever keeps retired sinks: the one that was retired before this one.
+  CMbnSinks* retiredBefore = nullptr;
 
   // IUnknown
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override;
@@ -191,13 +201,14 @@ class CMbnSinks final : public IMbnRadioEvents,
 
  private:
   class Handling;
+  bool AddRefToOthers();
   static constexpr std::size_t kLongestName = 64;
 
   std::atomic<ULONG> m_references{0};
   std::array<wchar_t, kLongestName> m_displayName{};
   MbnClientHooks m_hooks;
   std::atomic<int> m_callsInProgress{0};
-  bool m_retired = false;
+  std::atomic<bool> m_retired{false};
 };
 
 #if defined(__GNUC__)

@@ -11,7 +11,7 @@
 #include "common/win32error.h"
 #include "config/configparser.h"
 #include "download/flashtimes.h"
-#include "download/mbimreboot.h"
+#include "download/sinkshare.h"
 
 namespace {
 

@@ -2,9 +2,7 @@
 
 #include <array>
 #include <chrono>
-#include <list>
 #include <memory>
-#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,19 +12,21 @@
 #include <wrl/client.h>
 
 #include "common/automation.h"
-#include "common/handles.h"
 #include "common/log.h"
-#include "common/neverdestroyed.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "download/cmbnsink.h"
 #include "download/firmwaredownloader.h"
 #include "download/mobilebroadband.h"
+#include "download/sinkshare.h"
 
 using Microsoft::WRL::ComPtr;
 using std::chrono::milliseconds;
 
 namespace {
+
+/// Under whose name all of it is logged.
+constexpr char kProcedure[] = "CFirmwareDownloader::RebootModemByMbimCmd";
 
 constexpr std::wstring_view kVendorServiceId = L"{0ED374CB-F835-4474-BC11-3B3FD76F5641}";
 constexpr ULONG kRebootCommand = 1;
@@ -68,56 +68,6 @@ class ComApartment {
 
  private:
   HRESULT m_result;
-};
-
-/// Guards the sinks: who shares the present one, and which are retired.
-SRWLOCK g_sinkLock = SRWLOCK_INIT;
-
-/// Sinks that are deaf by now and that somebody may still be about to leave: the service's thread can be in
-/// the handler that ended the run.
-NeverDestroyed<std::list<std::unique_ptr<CMbnSinks>>> g_retiredSinks;
-
-/// For who holds the lock.
-void DeleteDesertedSinks() {
-  std::erase_if(*g_retiredSinks, [](const auto& sink) { return sink->IsDeserted(); });
-}
-
-void RetireSink(CMbnSinks* sink) noexcept try {
-  sink->DeInitilazation();
-  sink->Retire();
-  g_retiredSinks->emplace_back(sink);
-  DeleteDesertedSinks();
-} catch (...) {
-  // Out of memory for the list: the sink is left alone for good.
-}
-
-/// A run's share of the process-wide sink. The first one makes it, the last one retires it: an abandoned
-/// run may still wait on its events when the next attempt is here.
-class SinkShare {
- public:
-  SinkShare() {
-    const ScopedLock lock(g_sinkLock);
-    if (g_CMbnSinks == nullptr) {
-      g_CMbnSinks = new (std::nothrow) CMbnSinks;
-      if (g_CMbnSinks == nullptr) return;
-      LOG_TRACE("\t new CMbnSinks OK");
-    }
-    ++s_shares;
-    m_sink = g_CMbnSinks;
-  }
-  ~SinkShare() {
-    const ScopedLock lock(g_sinkLock);
-    if (m_sink != nullptr && --s_shares == 0) RetireSink(std::exchange(g_CMbnSinks, nullptr));
-  }
-  SinkShare(const SinkShare&) = delete;
-  SinkShare& operator=(const SinkShare&) = delete;
-
-  CMbnSinks* Get() const { return m_sink; }
-
- private:
-  static inline int s_shares = 0;
-
-  CMbnSinks* m_sink = nullptr;
 };
 
 /// Keeps a sink advised on a connection point.
@@ -172,7 +122,7 @@ class RebootRun {
 
   /// Everything up to the sink. Each failing step tells in its own line that the call ends there.
   Outcome Prepare();
-  /// Everything with the sink.
+  /// Everything with the sink. Nothing of it is left afterwards but what the end of the run gives back.
   HRESULT Command();
 
  private:
@@ -234,12 +184,14 @@ HRESULT RebootRun::Command() {
                                               &RebootRun::BuildPayload, &RebootRun::QuerySupportedCommands,
                                               &RebootRun::SendRebootCommand};
   const HRESULT result = Follow(kSteps).value_or(S_OK);
+  m_payload.reset();
   return SUCCEEDED(result) && m_isAbandoned() ? E_ABORT : result;
 }
 
 Outcome RebootRun::EnterApartment() {
   if (SUCCEEDED(m_apartment.Result())) return {};
-  LOG_ERROR("\t CoInitializeEx initialization failed, 0x%x, RebootModemByMbimCmd --", LastErrorNumber());
+  LOG_ERROR_AS(kProcedure, "\t CoInitializeEx initialization failed, 0x%x, RebootModemByMbimCmd --",
+               LastErrorNumber());
   return m_apartment.Result();
 }
 
@@ -247,15 +199,17 @@ Outcome RebootRun::CreateManagers() {
   HRESULT result = ::CoCreateInstance(__uuidof(MbnInterfaceManager), nullptr, CLSCTX_ALL,
                                       IID_PPV_ARGS(m_interfaceManager.GetAddressOf()));
   if (FAILED(result)) {
-    LOG_ERROR("\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x%x, RebootModemByMbimCmd --",
-              LastErrorNumber());
+    LOG_ERROR_AS(kProcedure,
+                 "\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x%x, RebootModemByMbimCmd --",
+                 LastErrorNumber());
     return result;
   }
   result = ::CoCreateInstance(__uuidof(MbnDeviceServicesManager), nullptr, CLSCTX_ALL,
                               IID_PPV_ARGS(m_deviceServicesManager.GetAddressOf()));
   if (SUCCEEDED(result)) return {};
-  LOG_ERROR("\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x%x, RebootModemByMbimCmd --",
-            LastErrorNumber());
+  LOG_ERROR_AS(kProcedure,
+               "\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x%x, RebootModemByMbimCmd --",
+               LastErrorNumber());
   return result;
 }
 
@@ -264,31 +218,32 @@ Outcome RebootRun::FindInterface() {
   HRESULT result = m_interfaceManager->GetInterfaces(&list);
   const UniqueSafeArray interfaces(list);
   if (FAILED(result)) {
-    LOG_ERROR("\t GetInterfaces FAIL, RebootModemByMbimCmd --\n");
+    LOG_ERROR_AS(kProcedure, "\t GetInterfaces FAIL, RebootModemByMbimCmd --\n");
     return result;
   }
   ArrayBounds bounds;
   result = ::SafeArrayGetLBound(interfaces.get(), 1, &bounds.lower);
   if (FAILED(result)) {
-    LOG_ERROR("\t SafeArrayGetLBound FAIL, RebootModemByMbimCmd --\n");
+    LOG_ERROR_AS(kProcedure, "\t SafeArrayGetLBound FAIL, RebootModemByMbimCmd --\n");
     return result;
   }
   result = ::SafeArrayGetUBound(interfaces.get(), 1, &bounds.upper);
   if (FAILED(result)) {
-    LOG_ERROR("\t SafeArrayGetUBound FAIL, RebootModemByMbimCmd --\n");
+    LOG_ERROR_AS(kProcedure, "\t SafeArrayGetUBound FAIL, RebootModemByMbimCmd --\n");
     return result;
   }
   // Of several interfaces the last one is used.
   for (LONG index = bounds.lower; index <= bounds.upper; ++index) {
     result = FetchInterface(interfaces.get(), index, m_interface);
     if (FAILED(result)) {
-      LOG_ERROR("\t SafeArrayGetElement(IMbnInterface) FAILED hr=0x%X, RebootModemByMbimCmd --\n",
-                Hex(result));
+      LOG_ERROR_AS(kProcedure,
+                   "\t SafeArrayGetElement(IMbnInterface) FAILED hr=0x%X, RebootModemByMbimCmd --\n",
+                   Hex(result));
       return result;
     }
   }
   if (m_interface != nullptr) return {};
-  LOG_ERROR("\t pMbnInterface == NULL, RebootModemByMbimCmd --");
+  LOG_ERROR_AS(kProcedure, "\t pMbnInterface == NULL, RebootModemByMbimCmd --");
   return E_FAIL;
 }
 
@@ -297,10 +252,10 @@ Outcome RebootRun::IdentifyInterface() {
   const HRESULT result = m_interface->get_InterfaceID(&id);
   m_interfaceId.reset(id);
   if (FAILED(result)) {
-    LOG_ERROR("get_InterfaceID FAILED hr=0x%X, RebootModemByMbimCmd --\n", Hex(result));
+    LOG_ERROR_AS(kProcedure, "get_InterfaceID FAILED hr=0x%X, RebootModemByMbimCmd --\n", Hex(result));
     return result;
   }
-  LOG_TRACE("\t fetched interfaceID :%s", NarrowBstr(m_interfaceId).c_str());
+  LOG_TRACE_AS(kProcedure, "\t fetched interfaceID :%s", NarrowBstr(m_interfaceId).c_str());
   return {};
 }
 
@@ -309,10 +264,10 @@ Outcome RebootRun::GetContext() {
       m_deviceServicesManager->GetDeviceServicesContext(m_interfaceId.get(), m_context.GetAddressOf()),
       m_context);
   if (SUCCEEDED(result)) return {};
-  LOG_ERROR(
-      "\t IMbnDeviceServicesManager::GetDeviceServicesContext('%s') failed with: %x, "
-      "RebootModemByMbimCmd --",
-      NarrowBstr(m_interfaceId).c_str(), Hex(result));
+  LOG_ERROR_AS(kProcedure,
+               "\t IMbnDeviceServicesManager::GetDeviceServicesContext('%s') failed with: %x, "
+               "RebootModemByMbimCmd --",
+               NarrowBstr(m_interfaceId).c_str(), Hex(result));
   return result;
 }
 
@@ -324,21 +279,23 @@ Outcome RebootRun::FindVendorService() {
   ArrayBounds bounds;
   result = ::SafeArrayGetLBound(services.get(), 1, &bounds.lower);
   if (FAILED(result)) {
-    LOG_ERROR("\t SafeArrayGetLBound on allDeviceServices failed with: %x, RebootModemByMbimCmd --",
-              Hex(result));
+    LOG_ERROR_AS(kProcedure,
+                 "\t SafeArrayGetLBound on allDeviceServices failed with: %x, RebootModemByMbimCmd --",
+                 Hex(result));
     return result;
   }
   result = ::SafeArrayGetUBound(services.get(), 1, &bounds.upper);
   if (FAILED(result)) {
-    LOG_ERROR("\t SafeArrayGetUBound on allDeviceServices failed with: %x, RebootModemByMbimCmd --",
-              Hex(result));
+    LOG_ERROR_AS(kProcedure,
+                 "\t SafeArrayGetUBound on allDeviceServices failed with: %x, RebootModemByMbimCmd --",
+                 Hex(result));
     return result;
   }
   for (const auto& service : ArrayElements<MBN_DEVICE_SERVICE>(services.get())) {
     if (TextOf(service.deviceServiceID) == kVendorServiceId) return {};
   }
   // The modem may know the service although it does not list it: the next step decides.
-  LOG_ERROR("\t Service Not found");
+  LOG_ERROR_AS(kProcedure, "\t Service Not found");
   return {};
 }
 
@@ -347,13 +304,14 @@ Outcome RebootRun::GetDeviceService() {
       ::SysAllocStringLen(kVendorServiceId.data(), static_cast<UINT>(kVendorServiceId.size())));
   const HRESULT result = m_context->GetDeviceService(id.get(), m_deviceService.GetAddressOf());
   if (FAILED(result)) {
-    LOG_ERROR("\t IMbnDeviceServicesContext::GetDeviceService('%s') failed with: %x",
-              Utf8FromWide(kVendorServiceId).c_str(), Hex(result));
+    LOG_ERROR_AS(kProcedure, "\t IMbnDeviceServicesContext::GetDeviceService('%s') failed with: %x",
+                 Utf8FromWide(kVendorServiceId).c_str(), Hex(result));
     return result;
   }
   if (m_deviceService != nullptr) return {};
-  LOG_ERROR("\t IMbnDeviceServicesContext::GetDeviceService('%s') succeeded but (pDeviceService) is NULL!",
-            Utf8FromWide(kVendorServiceId).c_str());
+  LOG_ERROR_AS(kProcedure,
+               "\t IMbnDeviceServicesContext::GetDeviceService('%s') succeeded but (pDeviceService) is NULL!",
+               Utf8FromWide(kVendorServiceId).c_str());
   return E_FAIL;
 }
 
@@ -361,47 +319,50 @@ Outcome RebootRun::RefuseOpenSession() {
   BOOL isOpen = FALSE;
   const HRESULT result = m_deviceService->get_IsCommandSessionOpen(&isOpen);
   if (FAILED(result)) {
-    LOG_ERROR("\t IMbnDeviceService::get_IsCommandSessionOpen() failed with: %x, RebootModemByMbimCmd --",
-              Hex(result));
+    LOG_ERROR_AS(kProcedure,
+                 "\t IMbnDeviceService::get_IsCommandSessionOpen() failed with: %x, RebootModemByMbimCmd --",
+                 Hex(result));
     return result;
   }
   if (!isOpen) return {};
-  LOG_ERROR("\t Command session is open; cannot proceed, RebootModemByMbimCmd --");
+  LOG_ERROR_AS(kProcedure, "\t Command session is open; cannot proceed, RebootModemByMbimCmd --");
   return E_FAIL;
 }
 
 Outcome RebootRun::GetEventSource() {
-  LOG_TRACE("Reboot Modem");
+  LOG_TRACE_AS(kProcedure, "Reboot Modem");
   const HRESULT result = m_deviceServicesManager->QueryInterface(IID_PPV_ARGS(m_eventSource.GetAddressOf()));
   if (SUCCEEDED(result)) return {};
-  LOG_ERROR("\t QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --");
+  LOG_ERROR_AS(kProcedure,
+               "\t QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --");
   return result;
 }
 
 Outcome RebootRun::TakeSink() {
   m_sink.emplace();
+  if (m_sink->MadeIt()) LOG_TRACE_AS(kProcedure, "\t new CMbnSinks OK");
   if (m_sink->Get() != nullptr) return {};
-  LOG_ERROR("\t new CMbnSinks failed, RebootModemByMbimCmd --");
+  LOG_ERROR_AS(kProcedure, "\t new CMbnSinks failed, RebootModemByMbimCmd --");
   return kNoSink;
 }
 
 Outcome RebootRun::AdviseSink() {
   HRESULT result = m_sink->Get()->Initilazation();
   if (FAILED(result)) {
-    LOG_ERROR("\t g_CMbnSinks->Initilazation() failed");
+    LOG_ERROR_AS(kProcedure, "\t g_CMbnSinks->Initilazation() failed");
     return result;
   }
   ComPtr<IConnectionPoint> point;
   result = Obtained(
       m_eventSource->FindConnectionPoint(__uuidof(IMbnDeviceServicesEvents), point.GetAddressOf()), point);
   if (FAILED(result)) {
-    LOG_ERROR("\t FindConnectionPoint(IID_IMbnDeviceServicesEvents,**) failed");
+    LOG_ERROR_AS(kProcedure, "\t FindConnectionPoint(IID_IMbnDeviceServicesEvents,**) failed");
     return result;
   }
   if (const Outcome abandoned = EndIfAbandoned()) return abandoned;
   result = m_advice.Start(point, *m_sink->Get());
   if (SUCCEEDED(result)) return {};
-  LOG_ERROR("\t Register, Advise(pUnkSink,**) failed");
+  LOG_ERROR_AS(kProcedure, "\t Register, Advise(pUnkSink,**) failed");
   return result;
 }
 
@@ -411,19 +372,19 @@ Outcome RebootRun::OpenCommandSession() {
   ULONG requestId = 0;
   const HRESULT result = m_deviceService->OpenCommandSession(&requestId);
   if (FAILED(result) && result != E_PENDING) {
-    LOG_ERROR("\t IMbnDeviceService::OpenCommandSession() failed with: %x", Hex(result));
+    LOG_ERROR_AS(kProcedure, "\t IMbnDeviceService::OpenCommandSession() failed with: %x", Hex(result));
     return result;
   }
-  LOG_TRACE("\t OpenCommandSession call successful... waiting for callback");
+  LOG_TRACE_AS(kProcedure, "\t OpenCommandSession call successful... waiting for callback");
   if (WaitForCompletion(g_Event_OnOpenCommandSessionComplete, kOpenAndQueryWait) != WAIT_OBJECT_0) {
-    LOG_ERROR("\t OpenCommandSession failed with timeOut or other issue");
+    LOG_ERROR_AS(kProcedure, "\t OpenCommandSession failed with timeOut or other issue");
     // Callers rely on it: the call's own result stands, a success included.
     return result;
   }
-  LOG_TRACE("\t pMbnDeviceService = g_MbnDeviceService;");
+  LOG_TRACE_AS(kProcedure, "\t pMbnDeviceService = g_MbnDeviceService;");
   if (SUCCEEDED(result)) return {};
   // A pending open is waited for and refused all the same; callers rely on that, too.
-  LOG_ERROR("\t OpenCommandSession (FAILED(hr))");
+  LOG_ERROR_AS(kProcedure, "\t OpenCommandSession (FAILED(hr))");
   return result;
 }
 
@@ -434,7 +395,7 @@ Outcome RebootRun::BuildPayload() {
   for (LONG index = 0; BYTE byte : kRebootPayload) {
     const HRESULT result = ::SafeArrayPutElement(m_payload.get(), &index, &byte);
     if (FAILED(result)) return result;
-    LOG_TRACE("\t %02X ", byte);
+    LOG_TRACE_AS(kProcedure, "\t %02X ", byte);
     ++index;
   }
   return {};
@@ -445,54 +406,55 @@ Outcome RebootRun::QuerySupportedCommands() {
   ::ResetEvent(g_Event_OnQuerySupportedCommandsComplete);
   ULONG requestId = 0;
   const HRESULT result = m_deviceService->QuerySupportedCommands(&requestId);
-  LOG_TRACE("\t QuerySupportedCommands call successful, hr:0x%x\n", Hex(result));
+  LOG_TRACE_AS(kProcedure, "\t QuerySupportedCommands call successful, hr:0x%x\n", Hex(result));
   const HANDLE event = g_Event_OnQuerySupportedCommandsComplete;
   if (event != nullptr) {
-    LOG_TRACE("\t g_Event_OnQuerySupportedCommandsComplete is valid");
+    LOG_TRACE_AS(kProcedure, "\t g_Event_OnQuerySupportedCommandsComplete is valid");
   } else {
-    LOG_TRACE("\t g_Event_OnQuerySupportedCommandsComplete is not valid");
+    LOG_TRACE_AS(kProcedure, "\t g_Event_OnQuerySupportedCommandsComplete is not valid");
   }
   // The call's result decides nothing: only the completion does.
   const DWORD waited = WaitForCompletion(event, kOpenAndQueryWait);
   if (waited != WAIT_OBJECT_0) {
-    LOG_ERROR("\t QuerySupportedCommands failed with other issue, waitObject: 0x%x, ErrorCode:0x%x",
-              static_cast<unsigned>(waited), static_cast<unsigned>(::GetLastError()));
+    LOG_ERROR_AS(kProcedure,
+                 "\t QuerySupportedCommands failed with other issue, waitObject: 0x%x, ErrorCode:0x%x",
+                 static_cast<unsigned>(waited), static_cast<unsigned>(::GetLastError()));
     return HResultFromWin32(waited);
   }
   const ULONG count = g_ulNumberSupportedCommands;
   for (ULONG index = 0; index < count; ++index) {
     // The modem decides how many there are.
     const ULONG id = index < g_ulSupportedCommandIds.size() ? g_ulSupportedCommandIds[index] : 0;
-    LOG_TRACE("\t ulCommandId[%d] = %d\n", static_cast<int>(index), static_cast<int>(id));
-    if (id == kRebootCommand) LOG_ERROR("\t ------- MBIM support Modem Reboot Command ----");
+    LOG_TRACE_AS(kProcedure, "\t ulCommandId[%d] = %d\n", static_cast<int>(index), static_cast<int>(id));
+    if (id == kRebootCommand) LOG_ERROR_AS(kProcedure, "\t ------- MBIM support Modem Reboot Command ----");
   }
   return {};
 }
 
 Outcome RebootRun::SendRebootCommand() {
   if (const Outcome abandoned = EndIfAbandoned()) return abandoned;
-  LOG_TRACE("\t to SetCommand");
+  LOG_TRACE_AS(kProcedure, "\t to SetCommand");
   ::ResetEvent(g_Event_OnSetCommandComplete);
   ULONG requestId = 0;
   const HRESULT result = m_deviceService->SetCommand(kRebootCommand, m_payload.get(), &requestId);
-  LOG_TRACE("\t SetCommand result, errorCode:0x%x", Hex(result));
+  LOG_TRACE_AS(kProcedure, "\t SetCommand result, errorCode:0x%x", Hex(result));
   if (FAILED(result) && result != E_PENDING) {
-    LOG_ERROR("IMbnDeviceService::SetCommand() failed with: %x", Hex(result));
+    LOG_ERROR_AS(kProcedure, "IMbnDeviceService::SetCommand() failed with: %x", Hex(result));
     return result;
   }
-  LOG_TRACE("\t SetCommand call successful\n");
+  LOG_TRACE_AS(kProcedure, "\t SetCommand call successful\n");
   if (result != S_OK && result != E_PENDING) return result;
-  LOG_TRACE("\t SetCommand call successful... waiting for callback -> requestID=%d\n",
-            static_cast<int>(requestId));
+  LOG_TRACE_AS(kProcedure, "\t SetCommand call successful... waiting for callback -> requestID=%d\n",
+               static_cast<int>(requestId));
   const DWORD waited = WaitForCompletion(g_Event_OnSetCommandComplete, kRebootCommandWait);
   if (waited == WAIT_OBJECT_0) return result;
-  LOG_ERROR("\t SetCommand timeout or failed with other issue");
+  LOG_ERROR_AS(kProcedure, "\t SetCommand timeout or failed with other issue");
   return HResultFromWin32(waited);
 }
 
 Outcome RebootRun::EndIfAbandoned() const {
   if (!m_isAbandoned()) return {};
-  LOG_ERROR("\t The attempt was given up: nothing more is asked of the modem");
+  LOG_ERROR_AS(kProcedure, "\t The attempt was given up: nothing more is asked of the modem");
   return E_ABORT;
 }
 
@@ -506,19 +468,14 @@ DWORD RebootRun::WaitForCompletion(HANDLE event, milliseconds timeout) const {
 }  // namespace
 
 HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandoned) {
-  LOG_TRACE("RebootModemByMbimCmd ++");
+  LOG_TRACE_AS(kProcedure, "RebootModemByMbimCmd ++");
   std::optional<RebootRun> run(std::in_place, isAbandoned);
   if (const Outcome early = run->Prepare()) return *early;
   const HRESULT result = run->Command();
-  LOG_TRACE("\t DeInitilazation()");
+  LOG_TRACE_AS(kProcedure, "\t DeInitilazation()");
   run.reset();
-  LOG_TRACE("RebootModemByMbimCmd --");
+  LOG_TRACE_AS(kProcedure, "RebootModemByMbimCmd --");
   return result;
-}
-
-void DeleteRetiredSinks() {
-  const ScopedLock lock(g_sinkLock);
-  DeleteDesertedSinks();
 }
 
 HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {

@@ -13,6 +13,3 @@
 /// @return S_OK when the modem took the command, or when its session was opened but never reported open; a
 ///         failure otherwise.
 HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandoned);
-
-/// Deletes the event sinks of ended runs that the service was still calling when they ended, and has left.
-void DeleteRetiredSinks();

@@ -11,11 +11,14 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/automation.h"
 #include "common/handles.h"
 #include "import_patch.h"
+#include "support/lock_turns.h"
+#include "support/log_entry.h"
 #include "support/test_log.h"
 
 #if defined(__GNUC__)
@@ -23,8 +26,14 @@
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 #endif
 
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::Field;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 namespace {
 
@@ -110,6 +119,17 @@ UniqueSafeArray Ids(const std::vector<ULONG>& ids) {
   return ArrayOf(VT_UI4, ids);
 }
 
+LogEntry Trace(const std::string& method, std::string message) {
+  return {"Trace", "CMbnSinks::" + method, std::move(message)};
+}
+
+/// Exactly these messages, all of them traces of one method.
+auto TracesOf(const std::string& method, const std::vector<std::string>& messages) {
+  std::vector<LogEntry> entries;
+  for (const std::string& message : messages) entries.push_back(Trace(method, message));
+  return ElementsAreArray(entries);
+}
+
 /// Takes the signal of an auto-reset event, if there is one.
 bool TakeSignal(HANDLE event) {
   return ::WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
@@ -135,7 +155,7 @@ class MbnSinkTest : public testing::Test {
     EXPECT_EQ(m_sink->QueryInterface(iid, &object), S_OK);
     return object;
   }
-  std::vector<std::string> Messages() const { return m_log.Messages(); }
+  std::vector<LogEntry> Entries() const { return EntriesOf(m_log); }
   bool Logged(const std::string& message) const { return m_log.Count(message) > 0; }
 
  private:
@@ -174,7 +194,7 @@ TEST_F(MbnSinkTest, ItsBasesLieInTheDocumentedOrder) {
 
 TEST_F(MbnSinkTest, ItsUnknownIsItsFirstInterface) {
   EXPECT_EQ(As(__uuidof(IUnknown)), static_cast<IMbnRadioEvents*>(&Sink()));
-  EXPECT_TRUE(Logged("\t QueryInterface, set CMbnSinks as nofity object"));
+  EXPECT_THAT(Entries(), TracesOf("QueryInterface", {"\t QueryInterface, set CMbnSinks as nofity object"}));
 }
 
 TEST_F(MbnSinkTest, AnInterfaceThatItGivesCarriesAReference) {
@@ -201,7 +221,7 @@ TEST_F(MbnSinkTest, CountsReferencesFromZero) {
 TEST_F(MbnSinkTest, TheLastReleaseLeavesItAliveAndUsable) {
   Sink().AddRef();
   EXPECT_EQ(Sink().Release(), 0u);
-  EXPECT_TRUE(Logged("\t ***** CMbnSinks::Release() ulNewRef=0\n"));
+  EXPECT_THAT(Entries(), TracesOf("Release", {"\t ***** CMbnSinks::Release() ulNewRef=0\n"}));
   EXPECT_EQ(Sink().OnOpenCommandSessionComplete(nullptr, kStatus, 1), S_OK);
   EXPECT_EQ(g_LastStatus, kStatus);
 }
@@ -250,6 +270,32 @@ TEST_F(MbnSinkTest, DeInitialisingClosesTheEvents) {
   EXPECT_FALSE(::GetHandleInformation(event, &flags));
 }
 
+/// What each event was asked for with.
+struct EventRequest {
+  SECURITY_ATTRIBUTES* security;
+  BOOL manualReset;
+  BOOL signalled;
+  const wchar_t* name;
+};
+std::vector<EventRequest> g_eventRequests;
+HANDLE WINAPI RecordEvent(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL signalled,
+                          const wchar_t* name) {
+  g_eventRequests.push_back({security, manualReset, signalled, name});
+  return ::CreateEventW(security, manualReset, signalled, name);
+}
+
+TEST_F(MbnSinkTest, ItsEventsAreUnnamedAndResetThemselves) {
+  Sink().DeInitilazation();
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateEventW", &RecordEvent));
+  g_eventRequests.clear();
+  Sink().Initilazation();
+  EXPECT_THAT(g_eventRequests, SizeIs(3));
+  EXPECT_THAT(g_eventRequests,
+              Each(AllOf(Field(&EventRequest::security, nullptr), Field(&EventRequest::manualReset, FALSE),
+                         Field(&EventRequest::signalled, FALSE), Field(&EventRequest::name, nullptr))));
+}
+
 int g_eventsToCreate = 0;
 HANDLE WINAPI CreateEventUntilNoneIsLeft(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL signalled,
                                          const wchar_t* name) {
@@ -288,10 +334,10 @@ TEST_F(MbnSinkTest, ACompletionAfterTheEventsAreGoneIsRecordedAndSignalsNothing)
 TEST_F(MbnSinkTest, ListedCommandsAreLoggedAndCounted) {
   const UniqueSafeArray ids = Ids({1, 7, 12});
   EXPECT_EQ(Sink().OnQuerySupportedCommandsComplete(nullptr, ids.get(), kStatus, 5), S_OK);
-  EXPECT_THAT(Messages(),
-              ElementsAre("\t *****Received OnQuerySupportedCommandsComplete Event\n",
-                          "\t  lLower:0  lUpper:2\n", "\t ulCommandId= 1\n", "\t ulCommandId= 7\n",
-                          "\t ulCommandId= 12\n", "\t g_ulNumberSupportedCommands = 3\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnQuerySupportedCommandsComplete",
+                                  {"\t *****Received OnQuerySupportedCommandsComplete Event\n",
+                                   "\t  lLower:0  lUpper:2\n", "\t ulCommandId= 1\n", "\t ulCommandId= 7\n",
+                                   "\t ulCommandId= 12\n", "\t g_ulNumberSupportedCommands = 3\n"}));
   EXPECT_EQ(g_ulNumberSupportedCommands, 3u);
   EXPECT_EQ(g_LastStatus, kStatus);
   EXPECT_TRUE(TakeSignal(g_Event_OnQuerySupportedCommandsComplete));
@@ -331,7 +377,7 @@ TEST_F(MbnSinkTest, AListThatDoesNotBeginAtZeroIsCountedByItsBounds) {
   SAFEARRAYBOUND bound{4, 10};
   const UniqueSafeArray ids(::SafeArrayCreate(VT_UI4, 1, &bound));
   Sink().OnQuerySupportedCommandsComplete(nullptr, ids.get(), S_OK, 5);
-  EXPECT_TRUE(Logged("\t  lLower:10  lUpper:13\n"));
+  EXPECT_THAT(Entries(), Contains(Trace("OnQuerySupportedCommandsComplete", "\t  lLower:10  lUpper:13\n")));
   EXPECT_EQ(g_ulNumberSupportedCommands, 4u);
 }
 
@@ -349,9 +395,10 @@ TEST_F(MbnSinkTest, AnOpenedSessionIsLoggedWithTheLowHalfOfItsService) {
   std::ostringstream lowHalf;
   lowHalf << std::hex << static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&service));
   Sink().OnOpenCommandSessionComplete(service.As<IMbnDeviceService>(), kStatus, 3);
-  EXPECT_THAT(Messages(),
-              ElementsAre("\t *****Received OnOpenCommandSessionComplete Event\n",
-                          "\t *****deviceService = " + lowHalf.str() + "\n", "\t *****status = 8007001f\n"));
+  EXPECT_THAT(Entries(),
+              TracesOf("OnOpenCommandSessionComplete",
+                       {"\t *****Received OnOpenCommandSessionComplete Event\n",
+                        "\t *****deviceService = " + lowHalf.str() + "\n", "\t *****status = 8007001f\n"}));
   EXPECT_TRUE(TakeSignal(g_Event_OnOpenCommandSessionComplete));
 }
 
@@ -376,8 +423,9 @@ TEST_F(MbnSinkTest, TheSameServiceAgainIsKeptWithOneReference) {
 
 TEST_F(MbnSinkTest, AClosedSessionIsLoggedWithItsRequest) {
   Sink().OnCloseCommandSessionComplete(nullptr, kStatus, 0x1F);
-  EXPECT_THAT(Messages(), ElementsAre("\t *****Received OnCloseCommandSessionComplete Event\n",
-                                      "\t *****status = 8007001f\n", "\t *****requestID = 1f\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnCloseCommandSessionComplete",
+                                  {"\t *****Received OnCloseCommandSessionComplete Event\n",
+                                   "\t *****status = 8007001f\n", "\t *****requestID = 1f\n"}));
   EXPECT_EQ(g_LastStatus, kStatus);
 }
 
@@ -386,10 +434,10 @@ TEST_F(MbnSinkTest, AClosedSessionIsLoggedWithItsRequest) {
 TEST_F(MbnSinkTest, ASetCommandsResponseIsLoggedAndKept) {
   const UniqueSafeArray data = Bytes({0x01, 0xAB});
   EXPECT_EQ(Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5), S_OK);
-  EXPECT_THAT(Messages(),
-              ElementsAre("\t *****Received OnSetCommandComplete Event\n", "\t *****requestID = 5\n",
-                          "\t *****reponseID = 6\n", "\t *****status = 0\n", "\t Response = ", "01 ", "AB ",
-                          "\t NumElements = 2\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnSetCommandComplete",
+                                  {"\t *****Received OnSetCommandComplete Event\n", "\t *****requestID = 5\n",
+                                   "\t *****reponseID = 6\n", "\t *****status = 0\n", "\t Response = ", "01 ",
+                                   "AB ", "\t NumElements = 2\n"}));
   EXPECT_THAT(g_SetCommandResponse, ElementsAre(0x01, 0xAB));
   EXPECT_TRUE(TakeSignal(g_Event_OnSetCommandComplete));
 }
@@ -425,19 +473,47 @@ TEST_F(MbnSinkTest, TheServicesArrayIsLeftUnlocked) {
 TEST_F(MbnSinkTest, ADataArrayOfOtherElementsIsNotRead) {
   const UniqueSafeArray data = Ids({1, 2});
   Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5);
-  EXPECT_TRUE(Logged("\t NumElements = 0\n"));
+  EXPECT_THAT(Entries(), Contains(Trace("OnSetCommandComplete", "\t NumElements = 0\n")));
   EXPECT_TRUE(TakeSignal(g_Event_OnSetCommandComplete));
 }
 
 TEST_F(MbnSinkTest, AQueryCommandsResponseIsLoggedAndKeptApart) {
   const UniqueSafeArray data = Bytes({0x02});
   EXPECT_EQ(Sink().OnQueryCommandComplete(nullptr, 6, data.get(), S_OK, 5), S_OK);
-  EXPECT_THAT(Messages(),
-              ElementsAre("\t *****Received OnQueryCommandComplete Event\n", "\t *****requestID = 5\n",
-                          "\t *****reponseID = 6\n", "\t *****status = 0\n", "\t Response = ", "02 ",
-                          "\t NumElements = 1\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnQueryCommandComplete",
+                                  {"\t *****Received OnQueryCommandComplete Event\n",
+                                   "\t *****requestID = 5\n", "\t *****reponseID = 6\n",
+                                   "\t *****status = 0\n", "\t Response = ", "02 ", "\t NumElements = 1\n"}));
   EXPECT_THAT(g_QueryCommandResponse, ElementsAre(0x02));
   EXPECT_THAT(g_SetCommandResponse, IsEmpty());
+}
+
+TEST_F(MbnSinkTest, AFailingQueryCommandIsRecordedWithoutTouchingTheResponse) {
+  g_QueryCommandResponse = {0x55};
+  const UniqueSafeArray data = Bytes({0x01});
+  EXPECT_EQ(Sink().OnQueryCommandComplete(nullptr, 6, data.get(), kStatus, 5), S_OK);
+  EXPECT_THAT(g_QueryCommandResponse, ElementsAre(0x55));
+  EXPECT_EQ(g_LastStatus, kStatus);
+}
+
+TEST_F(MbnSinkTest, AQueryCommandWithoutDataLeavesTheResponse) {
+  g_QueryCommandResponse = {0x55};
+  Sink().OnQueryCommandComplete(nullptr, 6, nullptr, S_OK, 5);
+  EXPECT_THAT(g_QueryCommandResponse, ElementsAre(0x55));
+}
+
+TEST_F(MbnSinkTest, ASetCommandsServiceIsKept) {
+  CountedObject service;
+  Sink().OnSetCommandComplete(service.As<IMbnDeviceService>(), 6, nullptr, S_OK, 5);
+  EXPECT_EQ(g_MbnDeviceService, service.As<IMbnDeviceService>());
+  Sink().Retire();
+}
+
+TEST_F(MbnSinkTest, AQueryCommandsServiceIsKept) {
+  CountedObject service;
+  Sink().OnQueryCommandComplete(service.As<IMbnDeviceService>(), 6, nullptr, S_OK, 5);
+  EXPECT_EQ(g_MbnDeviceService, service.As<IMbnDeviceService>());
+  Sink().Retire();
 }
 
 TEST_F(MbnSinkTest, NobodyIsWokenByAQueryCommand) {
@@ -456,21 +532,21 @@ struct Told {
   friend bool operator==(const Told&, const Told&) = default;
 };
 std::vector<Told> g_told;
-int g_arrivals = 0;
+std::vector<std::pair<IMbnInterface*, int>> g_arrivals;
 
 void Tell(ULONG kind, const wchar_t* id, const BYTE* data, ULONG count) noexcept {
   g_told.push_back({kind, id, std::vector<BYTE>(data, data + count)});
 }
 
-void CountArrival(IMbnInterface*, int arrived) noexcept {
-  g_arrivals += arrived;
+void NoteArrival(IMbnInterface* mbnInterface, int arrived) noexcept {
+  g_arrivals.emplace_back(mbnInterface, arrived);
 }
 
 class MbnSinkClientTest : public MbnSinkTest {
  protected:
   MbnSinkClientTest() {
     g_told.clear();
-    g_arrivals = 0;
+    g_arrivals.clear();
   }
   void AskFor(ULONG wanted) {
     Sink().ClientHooks().onNotification = &Tell;
@@ -484,8 +560,8 @@ class MbnSinkClientTest : public MbnSinkTest {
 TEST_F(MbnSinkClientTest, AnEventNotificationsBytesAreLogged) {
   const UniqueSafeArray data = Bytes({0x0C});
   EXPECT_EQ(Sink().OnEventNotification(&m_service, 3, data.get()), S_OK);
-  EXPECT_THAT(Messages(), ElementsAre("\t *****Received OnEventNotification Event\n", "\t Response = ", "0C ",
-                                      "\t NumElements = 1\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnEventNotification", {"\t *****Received OnEventNotification Event\n",
+                                                          "\t Response = ", "0C ", "\t NumElements = 1\n"}));
 }
 
 TEST_F(MbnSinkClientTest, AnEventNotificationThatIsWantedIsPassedOnWithItsService) {
@@ -499,7 +575,10 @@ TEST_F(MbnSinkClientTest, AnEventNotificationThatIsWantedIsPassedOnWithItsServic
 TEST_F(MbnSinkClientTest, AnEventNotificationThatIsNotWantedIsNotPassedOn) {
   AskFor(0x0FF);
   Sink().OnEventNotification(&m_service, 3, nullptr);
+  AskFor(0x200);
+  Sink().OnEventNotification(&m_service, 3, nullptr);
   EXPECT_THAT(g_told, IsEmpty());
+  EXPECT_THAT(Sink().ClientHooks().deviceServiceData, IsEmpty());
 }
 
 TEST_F(MbnSinkClientTest, AnEventNotificationWithoutDataOrServiceIsPassedOnEmpty) {
@@ -512,15 +591,24 @@ TEST_F(MbnSinkClientTest, ReadDataIsLoggedAndItsServicePassedOn) {
   AskFor(0);
   const UniqueSafeArray data = Bytes({0x0E});
   EXPECT_EQ(Sink().OnReadData(&m_service, data.get()), S_OK);
-  EXPECT_THAT(Messages(), ElementsAre("\t *****Received OnReadData Event\n", "\t Response = ", "0E ",
-                                      "\t NumElements = 1\n"));
+  EXPECT_THAT(Entries(), TracesOf("OnReadData", {"\t *****Received OnReadData Event\n",
+                                                 "\t Response = ", "0E ", "\t NumElements = 1\n"}));
   EXPECT_THAT(g_told, ElementsAre(Told{0x100, L"{service}", {}}));
 }
 
 TEST_F(MbnSinkClientTest, AnArrivingInterfaceReachesTheArrivalHook) {
-  Sink().ClientHooks().onInterfaceArrival = &CountArrival;
+  Sink().ClientHooks().onInterfaceArrival = &NoteArrival;
   EXPECT_EQ(Sink().OnInterfaceArrival(&m_interface), S_OK);
-  EXPECT_EQ(g_arrivals, 1);
+  EXPECT_THAT(g_arrivals, ElementsAre(std::pair<IMbnInterface*, int>(&m_interface, 1)));
+}
+
+TEST_F(MbnSinkClientTest, WithoutAHookNobodyIsTold) {
+  Sink().ClientHooks().wantedNotifications = 0x180;
+  const UniqueSafeArray data = Bytes({0x0C});
+  EXPECT_EQ(Sink().OnEventNotification(&m_service, 3, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnReadData(&m_service, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnInterfaceArrival(&m_interface), S_OK);
+  EXPECT_THAT(Sink().ClientHooks().deviceServiceData, IsEmpty());
 }
 
 TEST_F(MbnSinkClientTest, AnArrivingInterfaceIsPassedOnFromMask128Upwards) {
@@ -540,6 +628,7 @@ TEST_F(MbnSinkClientTest, AnArrivingInterfaceIsNotPassedOnBelowMask128) {
 // The handlers that only log, and those that record besides
 
 struct Handler {
+  /// The method's.
   const char* name;
   std::function<HRESULT(CMbnSinks&, CountedObject&)> call;
   const char* message;
@@ -661,7 +750,7 @@ const std::vector<Handler>& Handlers() {
        "\t *****Received OnInterfaceStateChange Event\n",
        false,
        {}},
-      {"OnVendorSpecificEventNotification",
+      {"OnEventNotification",
        [](S& s, O& o) { return s.OnEventNotification(o.As<IMbnVendorSpecificOperation>(), nullptr); },
        "\t ***Received IMbnVendorSpecificEvents::OnEventNotification Event\n",
        false,
@@ -678,7 +767,7 @@ class MbnSinkHandlerTest : public MbnSinkTest, public testing::WithParamInterfac
 
 TEST_P(MbnSinkHandlerTest, LogsItsOwnLineAndSucceeds) {
   EXPECT_EQ(GetParam().call(Sink(), m_object), S_OK);
-  EXPECT_THAT(Messages(), ElementsAre(GetParam().message));
+  EXPECT_THAT(Entries(), TracesOf(GetParam().name, {GetParam().message}));
 }
 
 TEST_P(MbnSinkHandlerTest, RecordsTheStatusIfItCarriesOne) {
@@ -694,6 +783,13 @@ TEST_P(MbnSinkHandlerTest, KeepsTheObjectIfItHasAPlaceForIt) {
   }
 }
 
+TEST_P(MbnSinkHandlerTest, WakesNobody) {
+  GetParam().call(Sink(), m_object);
+  EXPECT_FALSE(TakeSignal(g_Event_OnOpenCommandSessionComplete));
+  EXPECT_FALSE(TakeSignal(g_Event_OnQuerySupportedCommandsComplete));
+  EXPECT_FALSE(TakeSignal(g_Event_OnSetCommandComplete));
+}
+
 INSTANTIATE_TEST_SUITE_P(Each, MbnSinkHandlerTest, testing::ValuesIn(Handlers()),
                          [](const auto& test) { return std::string(test.param.name); });
 
@@ -706,7 +802,7 @@ TEST_F(MbnSinkTest, TheSmsHandlersAndTheVendorCompletionSucceedSilently) {
   EXPECT_EQ(Sink().OnSmsDeleteComplete(nullptr, 1, kStatus), S_OK);
   EXPECT_EQ(Sink().OnSmsStatusChange(nullptr), S_OK);
   EXPECT_EQ(Sink().OnSetVendorSpecificComplete(nullptr, nullptr, 1), S_OK);
-  EXPECT_THAT(Messages(), IsEmpty());
+  EXPECT_THAT(Entries(), IsEmpty());
   EXPECT_EQ(g_LastStatus, S_OK);
 }
 
@@ -738,6 +834,27 @@ TEST_F(MbnSinkTest, ARetiredSinkKeepsAndRecordsAndSignalsNothing) {
   EXPECT_EQ(g_LastStatus, S_OK);
   EXPECT_FALSE(TakeSignal(g_Event_OnSetCommandComplete));
   EXPECT_FALSE(TakeSignal(g_Event_OnQuerySupportedCommandsComplete));
+}
+
+TEST_F(MbnSinkTest, ARetiredSinkIsNotSaidToBeSetAnyMore) {
+  Sink().Retire();
+  EXPECT_EQ(As(__uuidof(IUnknown)), static_cast<IMbnRadioEvents*>(&Sink()));
+  EXPECT_THAT(Entries(), IsEmpty());
+  Sink().Release();
+}
+
+TEST_F(MbnSinkTest, DisconnectingLeavesTheReferencesOfOthers) {
+  Sink().AddRef();
+  Sink().Retire();
+  Sink().Disconnect();
+  EXPECT_THAT(Entries(), IsEmpty());
+  EXPECT_EQ(Sink().Release(), 0u);
+}
+
+TEST_F(MbnSinkTest, DisconnectingASinkThatNobodyRefersToTellsNothing) {
+  Sink().Retire();
+  Sink().Disconnect();
+  EXPECT_THAT(Entries(), IsEmpty());
 }
 
 TEST_F(MbnSinkTest, ARetiredSinkThatNobodyRefersToMayBeDeleted) {
@@ -775,5 +892,83 @@ TEST_F(MbnSinkTest, ARetiredSinkThatIsInAHandlerMustStay) {
   caller.join();
   EXPECT_TRUE(Sink().IsDeserted());
 }
+
+// The lock on what all sinks record
+
+struct GuardedCall {
+  const char* name;
+  std::function<void(CMbnSinks&)> prepare;
+  std::function<void(CMbnSinks&)> call;
+  /// Whether the call has had its effect.
+  std::function<bool()> done;
+};
+
+void PrintTo(const GuardedCall& guarded, std::ostream* stream) {
+  *stream << guarded.name;
+}
+
+CountedObject g_keptObject;
+CountedObject g_objectOfTheOther;
+
+const std::vector<GuardedCall>& GuardedCalls() {
+  using S = CMbnSinks;
+  const auto nothing = [](S&) {};
+  static const std::vector<GuardedCall> calls{
+      {"KeepingAnObject", nothing, [](S& s) { s.OnReadyStateChange(g_keptObject.As<IMbnInterface>()); },
+       [] { return g_MbnInterface != nullptr; }},
+      {"KeepingAResponse", nothing,
+       [](S& s) {
+         const UniqueSafeArray data = Bytes({0x01});
+         s.OnQueryCommandComplete(nullptr, 1, data.get(), S_OK, 1);
+       },
+       [] { return !g_QueryCommandResponse.empty(); }},
+      {"KeepingTheNumberOfCommands", nothing,
+       [](S& s) {
+         const UniqueSafeArray ids = Ids({1, 2});
+         s.OnQuerySupportedCommandsComplete(nullptr, ids.get(), S_OK, 1);
+       },
+       [] { return g_ulNumberSupportedCommands == 2; }},
+      {"ReportingACompletion", nothing, [](S& s) { s.OnOpenCommandSessionComplete(nullptr, kStatus, 1); },
+       [] { return g_LastStatus == kStatus && TakeSignal(g_Event_OnOpenCommandSessionComplete); }},
+      {"Initialising", [](S& s) { s.DeInitilazation(); }, [](S& s) { s.Initilazation(); },
+       [] { return g_Event_OnSetCommandComplete != nullptr; }},
+      {"DeInitialising", nothing, [](S& s) { s.DeInitilazation(); },
+       [] { return g_Event_OnSetCommandComplete == nullptr; }},
+      {"Retiring", [](S& s) { s.OnReadyStateChange(g_keptObject.As<IMbnInterface>()); },
+       [](S& s) { s.Retire(); }, [] { return g_MbnInterface == nullptr; }},
+  };
+  return calls;
+}
+
+class MbnSinkLockTest : public MbnSinkTest, public testing::WithParamInterface<GuardedCall> {
+ protected:
+  MbnSinkLockTest() { GetParam().prepare(Sink()); }
+  ~MbnSinkLockTest() override { Sink().Retire(); }
+  std::function<void()> TheCall() {
+    return [this] { GetParam().call(Sink()); };
+  }
+  std::function<void()> AnotherCall() {
+    return [this] { Sink().OnSignalStateChange(g_objectOfTheOther.As<IMbnSignal>()); };
+  }
+};
+
+TEST_P(MbnSinkLockTest, KeepsOthersOutUntilItIsDone) {
+  LockTurns turns;
+  ASSERT_TRUE(turns.HoldInside(TheCall()));
+  EXPECT_TRUE(GetParam().done());
+  EXPECT_TRUE(turns.AsksForTheSameLock(AnotherCall()));
+  EXPECT_EQ(g_MbnSignal, nullptr);
+}
+
+TEST_P(MbnSinkLockTest, WaitsForWhoeverIsIn) {
+  LockTurns turns;
+  ASSERT_TRUE(turns.HoldInside(AnotherCall()));
+  EXPECT_NE(g_MbnSignal, nullptr);
+  EXPECT_TRUE(turns.AsksForTheSameLock(TheCall()));
+  EXPECT_FALSE(GetParam().done());
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, MbnSinkLockTest, testing::ValuesIn(GuardedCalls()),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 }  // namespace

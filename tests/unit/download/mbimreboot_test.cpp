@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -12,22 +13,26 @@
 #include <ostream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/automation.h"
 #include "common/handles.h"
 #include "download/cmbnsink.h"
 #include "download/firmwaredownloader.h"
+#include "download/sinkshare.h"
 #include "import_patch.h"
 #include "mobile_broadband.h"
 #include "support/handle_census.h"
+#include "support/log_entry.h"
 #include "support/test_log.h"
 
+using testing::AllOf;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
-using testing::EndsWith;
+using testing::Field;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 using namespace std::chrono_literals;
 
@@ -37,10 +42,21 @@ constexpr HRESULT kFailure = static_cast<HRESULT>(0x8007001F);
 constexpr HRESULT kTimedOut = static_cast<HRESULT>(0x80070102);
 constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80070490);
 constexpr wchar_t kVendorService[] = L"{0ED374CB-F835-4474-BC11-3B3FD76F5641}";
+constexpr char kProcedure[] = "CFirmwareDownloader::RebootModemByMbimCmd";
 constexpr char kAbandoned[] = "\t The attempt was given up: nothing more is asked of the modem";
 constexpr DWORD kPatience = 20000;
 /// A limit that only the waits for the modem have.
 constexpr DWORD kShortestModemWait = 60000;
+
+LogEntry Error(std::string message) {
+  return {"Error", kProcedure, std::move(message)};
+}
+LogEntry Trace(std::string message) {
+  return {"Trace", kProcedure, std::move(message)};
+}
+auto ErrorWith(const std::string& part) {
+  return AllOf(Field(&LogEntry::level, "Error"), Field(&LogEntry::message, HasSubstr(part)));
+}
 
 // The system's functions as the library sees them. Each has one replacement, which asks the test.
 
@@ -51,14 +67,66 @@ DWORD WINAPI WaitAsTheTestSays(HANDLE object, DWORD milliseconds) {
 }
 
 std::atomic<int> g_apartmentsEntered{0};
+std::vector<std::pair<void*, DWORD>> g_apartments;
 HRESULT WINAPI CountEntering(void* reserved, DWORD apartment) {
+  g_apartments.emplace_back(reserved, apartment);
   const HRESULT result = ::CoInitializeEx(reserved, apartment);
   if (SUCCEEDED(result)) ++g_apartmentsEntered;
   return result;
 }
+std::function<void()> g_onLeaving;
 void WINAPI CountLeaving() {
+  if (g_onLeaving) g_onLeaving();
   --g_apartmentsEntered;
   ::CoUninitialize();
+}
+
+constexpr DWORD kLastError = 0x1234;
+HRESULT WINAPI NoApartment(void*, DWORD) {
+  ::SetLastError(kLastError);
+  return kFailure;
+}
+
+/// What each class was asked for with.
+struct Creation {
+  CLSID classId;
+  IUnknown* outer;
+  DWORD context;
+};
+std::vector<Creation> g_creations;
+/// How many classes can be created before one cannot.
+int g_creatableClasses = 0;
+HRESULT WINAPI RecordCreation(REFCLSID classId, IUnknown* outer, DWORD context, REFIID iid, void** object) {
+  g_creations.push_back({classId, outer, context});
+  if (g_creatableClasses-- > 0) return ::CoCreateInstance(classId, outer, context, iid, object);
+  ::SetLastError(kLastError);
+  return kFailure;
+}
+
+std::function<void()> g_onArrayDestroyed;
+HRESULT WINAPI TellDestroyedBytes(SAFEARRAY* array) {
+  VARTYPE type = VT_EMPTY;
+  ::SafeArrayGetVartype(array, &type);
+  if (type == VT_UI1) g_onArrayDestroyed();
+  return ::SafeArrayDestroy(array);
+}
+
+struct ArrayRequest {
+  VARTYPE type;
+  UINT dimensions;
+  ULONG elements;
+  LONG lower;
+};
+std::vector<ArrayRequest> g_arrayRequests;
+SAFEARRAY* WINAPI RecordArray(VARTYPE type, UINT dimensions, SAFEARRAYBOUND* bounds) {
+  g_arrayRequests.push_back({type, dimensions, bounds->cElements, bounds->lLbound});
+  return ::SafeArrayCreate(type, dimensions, bounds);
+}
+
+std::vector<std::pair<IUnknown*, DWORD>> g_disconnected;
+HRESULT WINAPI RecordDisconnect(IUnknown* object, DWORD reserved) {
+  g_disconnected.emplace_back(object, reserved);
+  return ::CoDisconnectObject(object, reserved);
 }
 
 std::atomic<int> g_textsFreed{0};
@@ -137,14 +205,18 @@ class MbimRebootTest : public testing::Test {
     EXPECT_TRUE(patch.Replace("CoInitializeEx", &CountEntering));
     EXPECT_TRUE(patch.Replace("CoUninitialize", &CountLeaving));
     g_apartmentsEntered = 0;
+    g_apartments.clear();
     g_failingCall = 0;
     g_LastStatus = S_OK;
     g_ulNumberSupportedCommands = 0;
     g_ulSupportedCommandIds = {};
   }
-  /// However a reboot ends, it leaves nothing behind.
+  /// However a reboot ends, it leaves nothing behind, and all that it told carries its name.
   ~MbimRebootTest() override {
     service.WaitForCompletions();
+    g_onLeaving = nullptr;
+    EXPECT_THAT(FunctionsThatLoggedIn("mbimreboot.cpp"), Each(kProcedure));
+    EXPECT_THAT(FunctionsThatLoggedIn("cmbnsink.cpp"), Each(StartsWith("CMbnSinks::")));
     EXPECT_EQ(service.LiveObjects(), 0);
     EXPECT_EQ(g_apartmentsEntered, 0);
     EXPECT_EQ(g_CMbnSinks, nullptr);
@@ -164,10 +236,30 @@ class MbimRebootTest : public testing::Test {
     g_failingCall = number;
   }
   bool Asked(const std::string& call) const { return service.CallCount(call) > 0; }
-  std::vector<std::string> Messages() const { return log.Messages(); }
-  std::string LastMessage() const {
-    const std::vector<std::string> messages = Messages();
-    return messages.empty() ? "" : messages.back();
+  /// What the reboot told, without the sink's records: those come on the service's threads too, some of them
+  /// after the reboot's last one.
+  std::vector<LogEntry> Told() const {
+    std::vector<LogEntry> told = EntriesOf(log);
+    std::erase_if(told, [](const LogEntry& entry) { return entry.function != kProcedure; });
+    return told;
+  }
+  LogEntry LastTold() const {
+    const std::vector<LogEntry> told = Told();
+    return told.empty() ? LogEntry{} : told.back();
+  }
+  std::vector<std::string> FunctionsThatLoggedIn(const std::string& file) const {
+    std::vector<std::string> functions;
+    for (const LogRecord& record : log.Records()) {
+      if (record.file == file) functions.push_back(record.function);
+    }
+    return functions;
+  }
+  /// What the sink told from the reboot's clean-up on.
+  std::vector<LogEntry> ToldBySinkInTheEnd() const {
+    std::vector<LogEntry> told = EntriesOf(log);
+    told.erase(told.begin(), std::ranges::find(told, Trace("\t DeInitilazation()")));
+    std::erase_if(told, [](const LogEntry& entry) { return !entry.function.starts_with("CMbnSinks::"); });
+    return told;
   }
   /// @return false where the runtime is linked in, and nothing can be watched.
   bool WatchTheSink() {
@@ -206,24 +298,20 @@ TEST_F(MbimRebootTest, AsksTheServiceInItsOrder) {
 
 TEST_F(MbimRebootTest, LogsItsSteps) {
   Reboot();
-  std::vector<std::string> steps;
-  for (const LogRecord& record : log.Records()) {
-    if (!record.function.starts_with("CMbnSinks::") && record.file == "mbimreboot.cpp") {
-      steps.push_back(record.message);
-    }
-  }
   EXPECT_THAT(
-      steps,
-      ElementsAre("RebootModemByMbimCmd ++", "\t fetched interfaceID :{4D36E972-E325-11CE-BFC1-08002BE10318}",
-                  "Reboot Modem", "\t new CMbnSinks OK",
-                  "\t OpenCommandSession call successful... waiting for callback",
-                  "\t pMbnDeviceService = g_MbnDeviceService;", "\t 01 ", "\t 00 ", "\t 00 ", "\t 00 ",
-                  "\t QuerySupportedCommands call successful, hr:0x0\n",
-                  "\t g_Event_OnQuerySupportedCommandsComplete is valid", "\t ulCommandId[0] = 0\n",
-                  "\t ulCommandId[1] = 0\n", "\t ulCommandId[2] = 0\n", "\t to SetCommand",
-                  "\t SetCommand result, errorCode:0x0", "\t SetCommand call successful\n",
-                  "\t SetCommand call successful... waiting for callback -> requestID=3\n",
-                  "\t DeInitilazation()", "RebootModemByMbimCmd --"));
+      Told(),
+      ElementsAre(
+          Trace("RebootModemByMbimCmd ++"),
+          Trace("\t fetched interfaceID :{4D36E972-E325-11CE-BFC1-08002BE10318}"), Trace("Reboot Modem"),
+          Trace("\t new CMbnSinks OK"),
+          Trace("\t OpenCommandSession call successful... waiting for callback"),
+          Trace("\t pMbnDeviceService = g_MbnDeviceService;"), Trace("\t 01 "), Trace("\t 00 "),
+          Trace("\t 00 "), Trace("\t 00 "), Trace("\t QuerySupportedCommands call successful, hr:0x0\n"),
+          Trace("\t g_Event_OnQuerySupportedCommandsComplete is valid"), Trace("\t ulCommandId[0] = 0\n"),
+          Trace("\t ulCommandId[1] = 0\n"), Trace("\t ulCommandId[2] = 0\n"), Trace("\t to SetCommand"),
+          Trace("\t SetCommand result, errorCode:0x0"), Trace("\t SetCommand call successful\n"),
+          Trace("\t SetCommand call successful... waiting for callback -> requestID=3\n"),
+          Trace("\t DeInitilazation()"), Trace("RebootModemByMbimCmd --")));
 }
 
 TEST_F(MbimRebootTest, WaitsSixtySecondsForSessionAndCommandListAndNinetyForTheCommand) {
@@ -264,8 +352,119 @@ TEST_F(MbimRebootTest, AThreadInAnApartmentOfItsOwnIsRefusedAndLeftThere) {
   }).join();
   EXPECT_EQ(result, RPC_E_CHANGED_MODE);
   EXPECT_EQ(stillThere, RPC_E_CHANGED_MODE);
-  EXPECT_THAT(LastMessage(), StartsWith("	 CoInitializeEx initialization failed, 0x"));
-  EXPECT_THAT(LastMessage(), EndsWith(", RebootModemByMbimCmd --"));
+  EXPECT_THAT(LastTold(), ErrorWith("\t CoInitializeEx initialization failed, 0x"));
+}
+
+TEST_F(MbimRebootTest, EntersTheMultithreadedApartment) {
+  Reboot();
+  EXPECT_THAT(g_apartments, ElementsAre(std::pair<void*, DWORD>(nullptr, COINIT_MULTITHREADED)));
+}
+
+TEST_F(MbimRebootTest, AnApartmentThatCannotBeEnteredIsToldWithTheLastError) {
+  ASSERT_TRUE(patch.Replace("CoInitializeEx", &NoApartment));
+  EXPECT_EQ(Reboot(), kFailure);
+  EXPECT_EQ(LastTold(), Error("\t CoInitializeEx initialization failed, 0x1234, RebootModemByMbimCmd --"));
+}
+
+/// The creation of the service's two classes.
+class MbimRebootClassTest : public MbimRebootTest {
+ protected:
+  MbimRebootClassTest() {
+    EXPECT_TRUE(patch.Replace("CoCreateInstance", &RecordCreation));
+    g_creations.clear();
+    g_creatableClasses = 2;
+  }
+};
+
+TEST_F(MbimRebootClassTest, BothAreLookedForInEveryContext) {
+  EXPECT_EQ(Reboot(), S_OK);
+  ASSERT_EQ(g_creations.size(), 2u);
+  EXPECT_EQ(g_creations[0].classId, __uuidof(MbnInterfaceManager));
+  EXPECT_EQ(g_creations[1].classId, __uuidof(MbnDeviceServicesManager));
+  EXPECT_THAT(g_creations, Each(AllOf(Field(&Creation::outer, nullptr), Field(&Creation::context, 23u))));
+}
+
+TEST_F(MbimRebootClassTest, AnInterfaceManagerThatIsMissingIsToldWithTheLastError) {
+  g_creatableClasses = 0;
+  EXPECT_EQ(Reboot(), kFailure);
+  EXPECT_EQ(LastTold(), Error("\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x1234, "
+                              "RebootModemByMbimCmd --"));
+}
+
+TEST_F(MbimRebootClassTest, ADeviceServicesManagerThatIsMissingIsToldWithTheLastError) {
+  g_creatableClasses = 1;
+  EXPECT_EQ(Reboot(), kFailure);
+  EXPECT_EQ(LastTold(), Error("\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x1234, "
+                              "RebootModemByMbimCmd --"));
+}
+
+// The clean-up
+
+const LogEntry kLastReference{"Trace", "CMbnSinks::Release", "\t ***** CMbnSinks::Release() ulNewRef=0\n"};
+
+TEST_F(MbimRebootTest, TheSinkTellsOfItsLastReferenceOnceAndOfNothingElse) {
+  Reboot();
+  service.WaitForCompletions();
+  EXPECT_THAT(ToldBySinkInTheEnd(), ElementsAre(kLastReference));
+}
+
+TEST_F(MbimRebootTest, ASinkThatIsCutOffFromTheServiceTellsNothing) {
+  Fail("Unadvise");
+  Reboot();
+  EXPECT_THAT(ToldBySinkInTheEnd(), ElementsAre());
+}
+
+TEST_F(MbimRebootTest, ASinkThatTheServiceRefersToIsCutOff) {
+  Fail("Unadvise");
+  IUnknown* sink = nullptr;
+  service.Behaviour().onCall = [&sink](const std::string& call) {
+    if (call == "Advise") sink = static_cast<IMbnRadioEvents*>(g_CMbnSinks);
+  };
+  ASSERT_TRUE(patch.Replace("CoDisconnectObject", &RecordDisconnect));
+  g_disconnected.clear();
+  Reboot();
+  ASSERT_NE(sink, nullptr);
+  EXPECT_THAT(g_disconnected, ElementsAre(std::pair<IUnknown*, DWORD>(sink, 0)));
+}
+
+TEST_F(MbimRebootTest, ThePayloadIsGoneBeforeTheCleanUpIsTold) {
+  ASSERT_TRUE(patch.Replace("SafeArrayDestroy", &TellDestroyedBytes));
+  std::vector<LogEntry> lastTold;
+  g_onArrayDestroyed = [&] { lastTold.push_back(LastTold()); };
+  Reboot();
+  g_onArrayDestroyed = nullptr;
+  EXPECT_THAT(lastTold,
+              ElementsAre(Trace("\t SetCommand call successful... waiting for callback -> requestID=3\n")));
+}
+
+TEST_F(MbimRebootTest, TheCleanUpIsToldBeforeTheNotificationsAreCalledOff) {
+  LogEntry lastTold;
+  service.Behaviour().onCall = [&](const std::string& call) {
+    if (call == "Unadvise") lastTold = LastTold();
+  };
+  Reboot();
+  EXPECT_EQ(lastTold, Trace("\t DeInitilazation()"));
+}
+
+TEST_F(MbimRebootTest, TheEventsAreThereUntilTheNotificationsAreCalledOff) {
+  HANDLE event = nullptr;
+  service.Behaviour().onCall = [&](const std::string& call) {
+    if (call == "Unadvise") event = g_Event_OnSetCommandComplete;
+  };
+  Reboot();
+  EXPECT_NE(event, nullptr);
+}
+
+TEST_F(MbimRebootTest, TheApartmentIsLeftBeforeTheEndIsToldAndAfterTheSinkIsGone) {
+  LogEntry lastTold;
+  const CMbnSinks* sink = reinterpret_cast<CMbnSinks*>(this);
+  g_onLeaving = [&] {
+    lastTold = LastTold();
+    sink = g_CMbnSinks;
+  };
+  Reboot();
+  EXPECT_EQ(lastTold, Trace("\t DeInitilazation()"));
+  EXPECT_EQ(sink, nullptr);
 }
 
 // Every call that can fail
@@ -273,7 +472,7 @@ TEST_F(MbimRebootTest, AThreadInAnApartmentOfItsOwnIsRefusedAndLeftThere) {
 struct FailingCall {
   const char* name;
   const char* call;
-  /// The line that tells it; empty when there is none of its own.
+  /// The error's line; empty when there is none of its own.
   const char* message;
   /// Whether the sink was there already, so that the clean-up is run and told.
   bool afterTheSink;
@@ -288,7 +487,7 @@ class MbimRebootFailureTest : public MbimRebootTest, public testing::WithParamIn
 TEST_P(MbimRebootFailureTest, EndsWithItsResultAndItsLine) {
   Fail(GetParam().call);
   EXPECT_EQ(Reboot(), kFailure);
-  EXPECT_THAT(Messages(), Contains(HasSubstr(GetParam().message)));
+  EXPECT_THAT(Told(), Contains(ErrorWith(GetParam().message)).Times(*GetParam().message != '\0' ? 1 : 0));
   EXPECT_EQ(service.RebootCommands(), 0);
 }
 
@@ -297,19 +496,8 @@ TEST_P(MbimRebootFailureTest, CleansUpWhatWasMade) {
   Reboot();
   EXPECT_EQ(service.AdvisedSinks(), 0);
   EXPECT_EQ(SinkWasMade(), GetParam().afterTheSink);
-  EXPECT_EQ(log.Count("\t DeInitilazation()"), GetParam().afterTheSink ? 1 : 0);
-  EXPECT_EQ(LastMessage() == "RebootModemByMbimCmd --", GetParam().afterTheSink);
-}
-
-TEST_P(MbimRebootFailureTest, TellsItAsAnError) {
-  Fail(GetParam().call);
-  Reboot();
-  for (const LogRecord& record : log.Records()) {
-    const bool isTheFailure = record.message.find(GetParam().message) != std::string::npos;
-    if (isTheFailure && *GetParam().message != '\0') {
-      EXPECT_EQ(record.level, "Error") << record.message;
-    }
-  }
+  EXPECT_THAT(Told(), Contains(Trace("\t DeInitilazation()")).Times(GetParam().afterTheSink ? 1 : 0));
+  EXPECT_EQ(LastTold() == Trace("RebootModemByMbimCmd --"), GetParam().afterTheSink);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -351,25 +539,25 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(MbimRebootTest, AServiceThatStillProbesTheModemIsReportedAsItSays) {
   service.Behaviour().failures["EnumerateDeviceServices"] = E_PENDING;
   EXPECT_EQ(Reboot(), E_PENDING);
-  EXPECT_THAT(Messages(), Not(Contains(HasSubstr("SafeArrayGetLBound"))));
+  EXPECT_THAT(Told(), Each(Field(&LogEntry::level, "Trace")));
 }
 
 TEST_F(MbimRebootTest, NoMemoryForTheSinkIsMinusOne) {
   if (!patch.Replace("malloc", &NoMemoryForASink)) GTEST_SKIP() << "the runtime is linked in";
   EXPECT_EQ(Reboot(), static_cast<HRESULT>(-1));
-  EXPECT_EQ(LastMessage(), "\t new CMbnSinks failed, RebootModemByMbimCmd --");
+  EXPECT_EQ(LastTold(), Error("\t new CMbnSinks failed, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, EventsThatCannotBeCreatedEndItWithTheirError) {
-  patch.Replace("CreateEventW", &NoEvent);
+  ASSERT_TRUE(patch.Replace("CreateEventW", &NoEvent));
   EXPECT_EQ(Reboot(), static_cast<HRESULT>(0x80070008));
-  EXPECT_EQ(log.LevelOf("\t g_CMbnSinks->Initilazation() failed"), "Error");
-  EXPECT_EQ(log.Count("\t DeInitilazation()"), 1);
+  EXPECT_THAT(Told(), Contains(Error("\t g_CMbnSinks->Initilazation() failed")));
+  EXPECT_THAT(Told(), Contains(Trace("\t DeInitilazation()")).Times(1));
   EXPECT_FALSE(Asked("Advise"));
 }
 
 TEST_F(MbimRebootTest, APayloadThatCannotBeMadeEndsIt) {
-  patch.Replace("SafeArrayCreate", &NoArray);
+  ASSERT_TRUE(patch.Replace("SafeArrayCreate", &NoArray));
   EXPECT_EQ(Reboot(), E_OUTOFMEMORY);
   EXPECT_FALSE(Asked("SetCommand"));
 }
@@ -380,63 +568,76 @@ TEST_F(MbimRebootTest, APayloadThatCannotBeFilledEndsIt) {
   EXPECT_FALSE(Asked("SetCommand"));
 }
 
+TEST_F(MbimRebootTest, ThePayloadIsAnArrayOfFourBytesFromZero) {
+  ASSERT_TRUE(patch.Replace("SafeArrayCreate", &RecordArray));
+  g_arrayRequests.clear();
+  Reboot();
+  ASSERT_EQ(g_arrayRequests.size(), 1u);
+  EXPECT_EQ(g_arrayRequests[0].type, VT_UI1);
+  EXPECT_EQ(g_arrayRequests[0].dimensions, 1u);
+  EXPECT_EQ(g_arrayRequests[0].elements, 4u);
+  EXPECT_EQ(g_arrayRequests[0].lower, 0);
+}
+
 // Interfaces
 
 TEST_F(MbimRebootTest, NoInterfaceIsAFailureWithoutASink) {
   service.Behaviour().interfaces.clear();
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(LastMessage(), "\t pMbnInterface == NULL, RebootModemByMbimCmd --");
+  EXPECT_EQ(LastTold(), Error("\t pMbnInterface == NULL, RebootModemByMbimCmd --"));
   EXPECT_FALSE(SinkWasMade());
 }
 
 TEST_F(MbimRebootTest, AModemThatIsNotInNormalModeHasNoInterface) {
   service.Behaviour().modemIsInNormalMode = [] { return false; };
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(LastMessage(), "\t pMbnInterface == NULL, RebootModemByMbimCmd --");
+  EXPECT_EQ(LastTold(), Error("\t pMbnInterface == NULL, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, TheLastOfSeveralInterfacesIsUsedAndNoneIsLeaked) {
   service.Behaviour().interfaces = {L"{first}", L"{second}", L"{third}"};
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t fetched interfaceID :{third}"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t fetched interfaceID :{third}")).Times(1));
 }
 
 TEST_F(MbimRebootTest, ALastInterfaceThatIsNullIsAFailure) {
   service.Behaviour().interfaces = {L"{first}", L""};
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(LastMessage(), "\t pMbnInterface == NULL, RebootModemByMbimCmd --");
+  EXPECT_EQ(LastTold(), Error("\t pMbnInterface == NULL, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, InterfacesThatAreNoArrayAreAFailure) {
   HandOutNothingFrom("GetInterfaces");
   EXPECT_EQ(Reboot(), E_INVALIDARG);
-  EXPECT_EQ(LastMessage(), "\t SafeArrayGetLBound FAIL, RebootModemByMbimCmd --\n");
+  EXPECT_EQ(LastTold(), Error("\t SafeArrayGetLBound FAIL, RebootModemByMbimCmd --\n"));
 }
 
 TEST_F(MbimRebootTest, InterfacesWithoutUpperBoundAreAFailure) {
   FailCall("SafeArrayGetUBound", 1, &UpperBound);
   EXPECT_EQ(Reboot(), kFailure);
-  EXPECT_EQ(LastMessage(), "\t SafeArrayGetUBound FAIL, RebootModemByMbimCmd --\n");
+  EXPECT_EQ(LastTold(), Error("\t SafeArrayGetUBound FAIL, RebootModemByMbimCmd --\n"));
 }
 
 TEST_F(MbimRebootTest, TheFirstInterfaceThatCannotBeReadEndsIt) {
   service.Behaviour().interfaces = {L"{first}", L"{second}", L"{third}"};
   FailCall("SafeArrayGetElement", 2, &GetElement);
   EXPECT_EQ(Reboot(), kFailure);
-  EXPECT_EQ(LastMessage(),
-            "\t SafeArrayGetElement(IMbnInterface) FAILED hr=0x8007001F, RebootModemByMbimCmd --\n");
+  EXPECT_EQ(LastTold(),
+            Error("\t SafeArrayGetElement(IMbnInterface) FAILED hr=0x8007001F, RebootModemByMbimCmd --\n"));
 }
 
 TEST_F(MbimRebootTest, AnInterfaceWithoutIdIsLoggedAsEmptyAndNotFound) {
   HandOutNothingFrom("get_InterfaceID");
   EXPECT_EQ(Reboot(), kNotFound);
-  EXPECT_EQ(log.Count("\t fetched interfaceID :"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t fetched interfaceID :")).Times(1));
 }
 
 TEST_F(MbimRebootTest, ASuccessWithoutAContextIsAFailure) {
   HandOutNothingFrom("GetDeviceServicesContext");
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_THAT(LastMessage(), HasSubstr("GetDeviceServicesContext"));
+  EXPECT_EQ(LastTold(),
+            Error("\t IMbnDeviceServicesManager::GetDeviceServicesContext('{4D36E972-E325-11CE-BFC1-"
+                  "08002BE10318}') failed with: 80004005, RebootModemByMbimCmd --"));
 }
 
 // Device services
@@ -460,23 +661,22 @@ TEST_P(MbimRebootServicesTest, FindsTheVendorServiceAmongOthersAndFreesEveryId) 
 TEST_P(MbimRebootServicesTest, AMissingVendorServiceIsLoggedAndThenRefused) {
   service.Behaviour().deviceServices = {L"{533FBEEB-14FE-4467-9F90-33A223E56C3F}"};
   EXPECT_EQ(Reboot(), kNotFound);
-  EXPECT_EQ(log.Count("\t Service Not found"), 1);
-  EXPECT_EQ(LastMessage(),
-            "\t IMbnDeviceServicesContext::GetDeviceService('{0ED374CB-F835-4474-BC11-"
-            "3B3FD76F5641}') failed with: 80070490");
+  EXPECT_THAT(Told(), Contains(Error("\t Service Not found")).Times(1));
+  EXPECT_EQ(LastTold(), Error("\t IMbnDeviceServicesContext::GetDeviceService('{0ED374CB-F835-4474-BC11-"
+                              "3B3FD76F5641}') failed with: 80070490"));
 }
 
 TEST_P(MbimRebootServicesTest, AnIdThatIsNullShorterLongerOrInOtherCaseIsNotTheVendorService) {
   service.Behaviour().deviceServices = {L"", L"{0ED374CB", std::wstring(kVendorService) + L"}",
                                         L"{0ed374cb-f835-4474-bc11-3b3fd76f5641}"};
   EXPECT_EQ(Reboot(), kNotFound);
-  EXPECT_EQ(log.Count("\t Service Not found"), 1);
+  EXPECT_THAT(Told(), Contains(Error("\t Service Not found")).Times(1));
 }
 
 TEST_P(MbimRebootServicesTest, AnEmptyListIsNoVendorService) {
   service.Behaviour().deviceServices.clear();
   EXPECT_EQ(Reboot(), kNotFound);
-  EXPECT_EQ(log.Count("\t Service Not found"), 1);
+  EXPECT_THAT(Told(), Contains(Error("\t Service Not found")).Times(1));
 }
 
 INSTANTIATE_TEST_SUITE_P(RecordInfo, MbimRebootServicesTest, testing::Bool(),
@@ -485,36 +685,39 @@ INSTANTIATE_TEST_SUITE_P(RecordInfo, MbimRebootServicesTest, testing::Bool(),
 TEST_F(MbimRebootTest, ServicesThatAreNoArrayAreAFailure) {
   HandOutNothingFrom("EnumerateDeviceServices");
   EXPECT_EQ(Reboot(), E_INVALIDARG);
-  EXPECT_EQ(LastMessage(),
-            "\t SafeArrayGetLBound on allDeviceServices failed with: 80070057, RebootModemByMbimCmd --");
+  EXPECT_EQ(
+      LastTold(),
+      Error("\t SafeArrayGetLBound on allDeviceServices failed with: 80070057, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, ServicesWithoutLowerBoundAreAFailure) {
   FailCall("SafeArrayGetLBound", 2, &LowerBound);
   EXPECT_EQ(Reboot(), kFailure);
-  EXPECT_EQ(LastMessage(),
-            "\t SafeArrayGetLBound on allDeviceServices failed with: 8007001f, RebootModemByMbimCmd --");
+  EXPECT_EQ(
+      LastTold(),
+      Error("\t SafeArrayGetLBound on allDeviceServices failed with: 8007001f, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, ServicesWithoutUpperBoundAreAFailure) {
   FailCall("SafeArrayGetUBound", 2, &UpperBound);
   EXPECT_EQ(Reboot(), kFailure);
-  EXPECT_EQ(LastMessage(),
-            "\t SafeArrayGetUBound on allDeviceServices failed with: 8007001f, RebootModemByMbimCmd --");
+  EXPECT_EQ(
+      LastTold(),
+      Error("\t SafeArrayGetUBound on allDeviceServices failed with: 8007001f, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, ASuccessWithoutAServiceIsAFailure) {
   HandOutNothingFrom("GetDeviceService");
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(LastMessage(),
-            "\t IMbnDeviceServicesContext::GetDeviceService('{0ED374CB-F835-4474-BC11-"
-            "3B3FD76F5641}') succeeded but (pDeviceService) is NULL!");
+  EXPECT_EQ(LastTold(), Error("\t IMbnDeviceServicesContext::GetDeviceService('{0ED374CB-F835-4474-BC11-"
+                              "3B3FD76F5641}') succeeded but (pDeviceService) is NULL!"));
 }
 
 TEST_F(MbimRebootTest, ASuccessWithoutAConnectionPointIsAFailure) {
   HandOutNothingFrom("FindConnectionPoint");
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(log.Count("\t FindConnectionPoint(IID_IMbnDeviceServicesEvents,**) failed"), 1);
+  EXPECT_THAT(Told(),
+              Contains(Error("\t FindConnectionPoint(IID_IMbnDeviceServicesEvents,**) failed")).Times(1));
 }
 
 // The command session
@@ -522,15 +725,15 @@ TEST_F(MbimRebootTest, ASuccessWithoutAConnectionPointIsAFailure) {
 TEST_F(MbimRebootTest, AnOpenSessionIsRefusedBeforeAnySinkIsMade) {
   service.Behaviour().commandSessionIsOpen = true;
   EXPECT_EQ(Reboot(), E_FAIL);
-  EXPECT_EQ(LastMessage(), "\t Command session is open; cannot proceed, RebootModemByMbimCmd --");
+  EXPECT_EQ(LastTold(), Error("\t Command session is open; cannot proceed, RebootModemByMbimCmd --"));
   EXPECT_FALSE(SinkWasMade());
 }
 
 TEST_F(MbimRebootTest, APendingOpenIsWaitedForAndThenRefused) {
   service.Behaviour().openCommandSession.answer = E_PENDING;
   EXPECT_EQ(Reboot(), E_PENDING);
-  EXPECT_EQ(log.Count("\t pMbnDeviceService = g_MbnDeviceService;"), 1);
-  EXPECT_EQ(log.LevelOf("\t OpenCommandSession (FAILED(hr))"), "Error");
+  EXPECT_THAT(Told(), Contains(Trace("\t pMbnDeviceService = g_MbnDeviceService;")).Times(1));
+  EXPECT_THAT(Told(), Contains(Error("\t OpenCommandSession (FAILED(hr))")));
   EXPECT_FALSE(Asked("QuerySupportedCommands"));
 }
 
@@ -538,14 +741,14 @@ TEST_F(MbimRebootTest, APendingOpenThatNeverCompletesStaysPending) {
   service.Behaviour().openCommandSession = {.answer = E_PENDING, .completesAfter = {}};
   waits.RunOut();
   EXPECT_EQ(Reboot(), E_PENDING);
-  EXPECT_EQ(log.LevelOf("\t OpenCommandSession failed with timeOut or other issue"), "Error");
+  EXPECT_THAT(Told(), Contains(Error("\t OpenCommandSession failed with timeOut or other issue")));
 }
 
 TEST_F(MbimRebootTest, AnOpenThatNeverCompletesKeepsItsOwnSuccessAndSendsNothing) {
   service.Behaviour().openCommandSession.completesAfter.reset();
   waits.RunOut();
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t OpenCommandSession failed with timeOut or other issue"), 1);
+  EXPECT_THAT(Told(), Contains(Error("\t OpenCommandSession failed with timeOut or other issue")).Times(1));
   EXPECT_FALSE(Asked("SetCommand"));
 }
 
@@ -557,8 +760,8 @@ TEST_F(MbimRebootTest, ACommandListThatNeverComesIsATimeOutAndSendsNothing) {
     if (number == 2) waits.RunOut();
   };
   EXPECT_EQ(Reboot(), kTimedOut);
-  EXPECT_THAT(Messages(), Contains(HasSubstr("\t QuerySupportedCommands failed with other issue, "
-                                             "waitObject: 0x102, ErrorCode:0x")));
+  EXPECT_THAT(Told(), Contains(ErrorWith("\t QuerySupportedCommands failed with other issue, "
+                                         "waitObject: 0x102, ErrorCode:0x")));
   EXPECT_FALSE(Asked("SetCommand"));
 }
 
@@ -568,7 +771,7 @@ TEST_F(MbimRebootTest, AQueryThatFailsIsWaitedForAllTheSame) {
     if (number == 2) waits.RunOut();
   };
   EXPECT_EQ(Reboot(), kTimedOut);
-  EXPECT_EQ(log.Count("\t QuerySupportedCommands call successful, hr:0x8007001f\n"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t QuerySupportedCommands call successful, hr:0x8007001f\n")).Times(1));
   EXPECT_THAT(waits.Limits(), ElementsAre(60000u, 60000u));
 }
 
@@ -582,10 +785,11 @@ TEST_F(MbimRebootTest, WithoutItsEventTheQueryEndsAtOnceWithTheWaitsCode) {
     if (call == "QuerySupportedCommands") g_CMbnSinks->DeInitilazation();
   };
   EXPECT_EQ(Reboot(), static_cast<HRESULT>(0xFFFFFFFF));
-  EXPECT_EQ(log.Count("\t g_Event_OnQuerySupportedCommandsComplete is not valid"), 1);
-  EXPECT_EQ(log.Count("\t QuerySupportedCommands failed with other issue, waitObject: 0xffffffff, "
-                      "ErrorCode:0x6"),
-            1);
+  EXPECT_THAT(Told(), Contains(Trace("\t g_Event_OnQuerySupportedCommandsComplete is not valid")).Times(1));
+  EXPECT_THAT(Told(),
+              Contains(Error("\t QuerySupportedCommands failed with other issue, waitObject: 0xffffffff, "
+                             "ErrorCode:0x6"))
+                  .Times(1));
 }
 
 TEST_F(MbimRebootTest, TheCommandIsSentWhateverTheListHolds) {
@@ -597,21 +801,21 @@ TEST_F(MbimRebootTest, TheCommandIsSentWhateverTheListHolds) {
 TEST_F(MbimRebootTest, MoreCommandsThanThereIsRoomForAreLoggedAsZero) {
   service.Behaviour().supportedCommands = std::vector<ULONG>(200, 1);
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t ulCommandId[199] = 0\n"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t ulCommandId[199] = 0\n")).Times(1));
 }
 
 TEST_F(MbimRebootTest, AnEntryThatIsTheRebootCommandIsPointedOut) {
   g_ulSupportedCommandIds[1] = 1;
   Reboot();
-  EXPECT_EQ(log.Count("\t ulCommandId[1] = 1\n"), 1);
-  EXPECT_EQ(log.LevelOf("\t ------- MBIM support Modem Reboot Command ----"), "Error");
+  EXPECT_THAT(Told(), Contains(Trace("\t ulCommandId[1] = 1\n")).Times(1));
+  EXPECT_THAT(Told(), Contains(Error("\t ------- MBIM support Modem Reboot Command ----")));
 }
 
 TEST_F(MbimRebootTest, TheCountOfAnEarlierRunSurvivesACompletionWithoutList) {
   Reboot();
   service.Behaviour().supportedCommands.reset();
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t ulCommandId[2] = 0\n"), 2);
+  EXPECT_THAT(Told(), Contains(Trace("\t ulCommandId[2] = 0\n")).Times(2));
 }
 
 // The command
@@ -620,7 +824,7 @@ TEST_F(MbimRebootTest, AModemThatResetsWithoutCompletingIsATimeOut) {
   service.Behaviour().setCommand.completesAfter.reset();
   service.Behaviour().onRebootCommand = [this] { waits.RunOut(); };
   EXPECT_EQ(Reboot(), kTimedOut);
-  EXPECT_EQ(log.LevelOf("\t SetCommand timeout or failed with other issue"), "Error");
+  EXPECT_THAT(Told(), Contains(Error("\t SetCommand timeout or failed with other issue")));
 }
 
 TEST_F(MbimRebootTest, APendingCommandIsWaitedForNinetySecondsAndThenATimeOut) {
@@ -633,14 +837,14 @@ TEST_F(MbimRebootTest, APendingCommandIsWaitedForNinetySecondsAndThenATimeOut) {
 TEST_F(MbimRebootTest, APendingCommandThatCompletesStaysPending) {
   service.Behaviour().setCommand.answer = E_PENDING;
   EXPECT_EQ(Reboot(), E_PENDING);
-  EXPECT_EQ(log.Count("\t SetCommand result, errorCode:0x8000000a"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t SetCommand result, errorCode:0x8000000a")).Times(1));
   EXPECT_EQ(waits.Limits().size(), 3u);
 }
 
 TEST_F(MbimRebootTest, AnyOtherSuccessIsNotWaitedFor) {
   service.Behaviour().setCommand.answer = S_FALSE;
   EXPECT_EQ(Reboot(), S_FALSE);
-  EXPECT_EQ(log.Count("\t SetCommand call successful\n"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t SetCommand call successful\n")).Times(1));
   EXPECT_EQ(waits.Limits().size(), 2u);
 }
 
@@ -665,8 +869,8 @@ TEST_P(MbimRebootAbandonedTest, TakesNoFurtherStepAndEndsAsAFailure) {
   EXPECT_EQ(Reboot(), E_ABORT);
   EXPECT_FALSE(Asked(GetParam().notAsked));
   EXPECT_EQ(service.AdvisedSinks(), 0);
-  EXPECT_EQ(log.LevelOf(kAbandoned), "Error");
-  EXPECT_EQ(LastMessage(), "RebootModemByMbimCmd --");
+  EXPECT_THAT(Told(), Contains(Error(kAbandoned)));
+  EXPECT_EQ(LastTold(), Trace("RebootModemByMbimCmd --"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -706,15 +910,49 @@ TEST_F(MbimRebootTest, UnloadingTheEngineGivesItsRunUp) {
   EXPECT_EQ(service.RebootCommands(), 0);
 }
 
-TEST_F(MbimRebootTest, ACompletionOfAnEarlierRequestIsNotTakenForThisOne) {
+TEST_F(MbimRebootTest, ARunThatGoesOnTakesItsCompletionForItself) {
+  bool signalledStill = true;
+  waits.onWait = [&](int number, HANDLE) {
+    if (number == 2) signalledStill = ::WaitForSingleObject(g_Event_OnOpenCommandSessionComplete, 0) == 0;
+  };
+  Reboot();
+  EXPECT_FALSE(signalledStill);
+}
+
+// A completion that comes before its request was asked for is one that an abandoned run gave up.
+
+TEST_F(MbimRebootTest, AnEarlierOpenIsNotTakenForThisOne) {
   service.Behaviour().openCommandSession.completesAfter.reset();
   service.Behaviour().onCall = [](const std::string& call) {
-    // Before the session is asked for, as when the completion that an abandoned run gave up comes late.
     if (call == "Advise") ::SetEvent(g_Event_OnOpenCommandSessionComplete);
   };
   waits.RunOut();
   Reboot();
-  EXPECT_EQ(log.Count("\t OpenCommandSession failed with timeOut or other issue"), 1);
+  EXPECT_THAT(Told(), Contains(Error("\t OpenCommandSession failed with timeOut or other issue")));
+}
+
+TEST_F(MbimRebootTest, AnEarlierQueryIsNotTakenForThisOne) {
+  service.Behaviour().querySupportedCommands.completesAfter.reset();
+  service.Behaviour().onCall = [](const std::string& call) {
+    if (call == "OpenCommandSession") ::SetEvent(g_Event_OnQuerySupportedCommandsComplete);
+  };
+  waits.onWait = [this](int number, HANDLE) {
+    if (number == 2) waits.RunOut();
+  };
+  EXPECT_EQ(Reboot(), kTimedOut);
+  EXPECT_FALSE(Asked("SetCommand"));
+}
+
+TEST_F(MbimRebootTest, AnEarlierSetIsNotTakenForThisOne) {
+  service.Behaviour().setCommand.completesAfter.reset();
+  service.Behaviour().onCall = [](const std::string& call) {
+    if (call == "QuerySupportedCommands") ::SetEvent(g_Event_OnSetCommandComplete);
+  };
+  waits.onWait = [this](int number, HANDLE) {
+    if (number == 3) waits.RunOut();
+  };
+  EXPECT_EQ(Reboot(), kTimedOut);
+  EXPECT_THAT(Told(), Contains(Error("\t SetCommand timeout or failed with other issue")));
 }
 
 /// An abandoned run that is still in its first wait while others come and go.
@@ -765,7 +1003,7 @@ TEST_F(OverlappingRebootTest, ANewAttemptSucceedsWhileAnAbandonedOneStillWaits) 
 TEST_F(OverlappingRebootTest, TheSinkIsSharedAndTornDownByTheLastRun) {
   StartOldRunThatIsGivenUpWhileItWaits();
   Reboot();
-  EXPECT_EQ(log.Count("\t new CMbnSinks OK"), 1);
+  EXPECT_THAT(Told(), Contains(Trace("\t new CMbnSinks OK")).Times(1));
   EXPECT_NE(g_CMbnSinks, nullptr);
   EXPECT_NE(g_Event_OnSetCommandComplete, nullptr);
   EndOldRun();
@@ -836,7 +1074,7 @@ TEST_F(MbimRebootTest, TheNextRunAfterSuchASinkHasOneOfItsOwn) {
   Fail("Unadvise");
   Reboot();
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t new CMbnSinks OK"), 2);
+  EXPECT_THAT(Told(), Contains(Trace("\t new CMbnSinks OK")).Times(2));
 }
 
 TEST_F(MbimRebootTest, ACompletionAfterTheTimeOutReachesNobody) {

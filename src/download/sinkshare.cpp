@@ -1,0 +1,74 @@
+#include "download/sinkshare.h"
+
+#include <new>
+#include <utility>
+
+#include "common/handles.h"
+#include "download/cmbnsink.h"
+
+namespace {
+
+/// Guards who shares the present sink, and which sinks may be deleted.
+SRWLOCK g_sinkLock = SRWLOCK_INIT;
+
+int g_shares = 0;
+
+/// Sinks that are deaf and disconnected by now, the last one first. Somebody may still be about to leave
+/// them: the service's thread can be in the handler that ended the run.
+CMbnSinks* g_retiredSinks = nullptr;
+
+/// Takes out of the list those sinks that nobody will come back to.
+/// @param joining  a retired sink to put into the list before, or null.
+/// @return the first one, chained to the others; null when there is none.
+CMbnSinks* TakeDesertedSinks(CMbnSinks* joining) {
+  CMbnSinks* deserted = nullptr;
+  const ScopedLock lock(g_sinkLock);
+  if (joining != nullptr) joining->retiredBefore = std::exchange(g_retiredSinks, joining);
+  for (CMbnSinks** link = &g_retiredSinks; *link != nullptr;) {
+    CMbnSinks* const sink = *link;
+    if (sink->IsDeserted()) {
+      *link = sink->retiredBefore;
+      sink->retiredBefore = std::exchange(deserted, sink);
+    } else {
+      link = &sink->retiredBefore;
+    }
+  }
+  return deserted;
+}
+
+void DeleteAll(CMbnSinks* sink) {
+  while (sink != nullptr) delete std::exchange(sink, sink->retiredBefore);
+}
+
+}  // namespace
+
+SinkShare::SinkShare() {
+  const ScopedLock lock(g_sinkLock);
+  if (g_CMbnSinks == nullptr) {
+    g_CMbnSinks = new (std::nothrow) CMbnSinks;
+    if (g_CMbnSinks == nullptr) return;
+    m_madeIt = true;
+  }
+  ++g_shares;
+  m_sink = g_CMbnSinks;
+}
+
+SinkShare::~SinkShare() {
+  if (m_sink == nullptr) return;
+  MbnKeptObjects kept;
+  {
+    const ScopedLock lock(g_sinkLock);
+    if (--g_shares > 0) return;
+    g_CMbnSinks = nullptr;
+    m_sink->DeInitilazation();
+    kept = m_sink->Retire();
+  }
+  // From here on the service's code runs. A newer run has a sink, events and objects of its own by now.
+  kept = {};
+  m_sink->Disconnect();
+  DeleteAll(TakeDesertedSinks(m_sink));
+}
+
+void DeleteRetiredSinks() {
+  DeleteAll(TakeDesertedSinks(nullptr));
+}

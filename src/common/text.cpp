@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 
 #include "common/handles.h"
@@ -19,6 +21,29 @@ std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
   ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, narrow.data(), length, nullptr, nullptr);
   return narrow;
 }
+
+/// While it lives, a format that the C runtime refuses is a failed call on this thread. The universal runtime
+/// would end the process; the older one does not, and has no such switch.
+class RefusedFormatsOnlyFail {
+#if defined(_UCRT) || (defined(_MSC_VER) && _MSC_VER >= 1900)
+ public:
+  RefusedFormatsOnlyFail() : m_before(::_set_thread_local_invalid_parameter_handler(&LetItFail)) {}
+  ~RefusedFormatsOnlyFail() {
+    ::_set_thread_local_invalid_parameter_handler(m_before);
+  }
+  RefusedFormatsOnlyFail(const RefusedFormatsOnlyFail&) = delete;
+  RefusedFormatsOnlyFail& operator=(const RefusedFormatsOnlyFail&) = delete;
+
+ private:
+  static void __cdecl LetItFail(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int,
+                                std::uintptr_t) {}
+
+  _invalid_parameter_handler m_before;
+#else
+ public:
+  RefusedFormatsOnlyFail() {}
+#endif
+};
 
 }  // namespace
 
@@ -47,6 +72,7 @@ std::string Narrow(const CTString& text) {
 
 std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
   if (format == nullptr) return std::nullopt;
+  const RefusedFormatsOnlyFail scope;
   std::va_list measured;
   va_copy(measured, arguments);
   const int length = ::_vscprintf_p(format, measured);
@@ -61,6 +87,7 @@ std::optional<std::string> PrintNarrow(const char* format, std::va_list argument
 
 std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list arguments) {
   if (format == nullptr) return std::nullopt;
+  const RefusedFormatsOnlyFail scope;
   std::va_list measured;
   va_copy(measured, arguments);
   const int length = ::_vscwprintf(format, measured);

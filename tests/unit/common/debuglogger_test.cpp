@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <filesystem>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -293,9 +295,42 @@ TEST_F(LogFileTest, ThatCannotBeOpenedIsTriedAgainForEveryRecord) {
 }
 
 TEST_F(LogFileTest, TakesANullNameForNone) {
+  Name(folder.File("named.log"));
+  RECORD("kept");
   CDebugLogger::GetInstance()->SetFileName(nullptr);
   RECORD("lost");
-  SUCCEED();
+  const auto records = Records(folder.Content("named.log"));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_THAT(records[0], HasSubstr("kept"));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 1);
+}
+
+struct AskedOpening {
+  std::string path;
+  DWORD access = 0;
+  DWORD sharing = 0;
+  SECURITY_ATTRIBUTES* security = nullptr;
+  DWORD creation = 0;
+  DWORD attributes = 0;
+  HANDLE pattern = nullptr;
+} askedOpening;
+HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_ATTRIBUTES* security,
+                            DWORD creation, DWORD attributes, HANDLE pattern) {
+  askedOpening = {path, access, sharing, security, creation, attributes, pattern};
+  return ::CreateFileA(path, access, sharing, security, creation, attributes, pattern);
+}
+
+TEST_F(LogFileTest, IsOpenedForWritingAnewAndSharedWithReaders) {
+  Name(folder.File("new.log"));
+  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  RECORD("message");
+  EXPECT_EQ(askedOpening.path, folder.File("new.log"));
+  EXPECT_EQ(askedOpening.access, static_cast<DWORD>(GENERIC_WRITE));
+  EXPECT_EQ(askedOpening.sharing, static_cast<DWORD>(FILE_SHARE_READ));
+  EXPECT_EQ(askedOpening.security, nullptr);
+  EXPECT_EQ(askedOpening.creation, static_cast<DWORD>(CREATE_ALWAYS));
+  EXPECT_EQ(askedOpening.attributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(askedOpening.pattern, nullptr);
 }
 
 TEST_F(LogFileTest, LetsOthersReadWhileItIsWritten) {
@@ -417,6 +452,87 @@ BOOL WINAPI WriteForEver(HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) {
 DWORD WINAPI LogOnce(LPVOID) {
   RECORD("never ends");
   return 0;
+}
+
+// Two threads, the first of which is held while it writes
+
+class TwoWritersTest : public DebugLoggerTest {
+ protected:
+  void SetUp() override {
+    s_writers = 0;
+    ASSERT_TRUE(patch.Replace("WriteFile", &HoldTheFirst));
+    ASSERT_TRUE(patch.Replace("WaitForSingleObject", &TellOfTheSecond));
+  }
+
+  /// Starts a writer and holds it in its write, then starts another. @return whether that one waits for the
+  /// log; otherwise it has come to its write.
+  template <typename Write>
+  bool TheSecondWaits(Write write) {
+    first = std::thread(write);
+    if (::WaitForSingleObject(s_held.get(), kLongEnough) != WAIT_OBJECT_0) return false;
+    s_tell = true;
+    second = std::thread(write);
+    const HANDLE either[] = {s_secondWaits.get(), s_secondWrites.get()};
+    return ::WaitForMultipleObjects(2, either, FALSE, kLongEnough) == WAIT_OBJECT_0;
+  }
+  void LetBothEnd() {
+    s_tell = false;
+    ::SetEvent(s_goOn.get());
+    first.join();
+    second.join();
+  }
+
+  static UniqueHandle NewEvent() { return UniqueHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr)); }
+
+  static BOOL WINAPI HoldTheFirst(HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
+                                  LPOVERLAPPED overlapped) {
+    if (++s_writers == 1) {
+      ::SetEvent(s_held.get());
+      ::WaitForSingleObject(s_goOn.get(), kLongEnough);
+    } else {
+      ::SetEvent(s_secondWrites.get());
+    }
+    return ::WriteFile(file, data, size, written, overlapped);
+  }
+  static DWORD WINAPI TellOfTheSecond(HANDLE object, DWORD milliseconds) {
+    if (s_tell) {
+      s_waitLimit = milliseconds;
+      ::SetEvent(s_secondWaits.get());
+    }
+    return ::WaitForSingleObject(object, milliseconds);
+  }
+
+  static inline std::atomic<int> s_writers{0};
+  static inline std::atomic<bool> s_tell{false};
+  static inline std::atomic<DWORD> s_waitLimit{0};
+  static inline UniqueHandle s_held = NewEvent();
+  static inline UniqueHandle s_goOn = NewEvent();
+  static inline UniqueHandle s_secondWaits = NewEvent();
+  static inline UniqueHandle s_secondWrites = NewEvent();
+
+  void TearDown() override {
+    for (const UniqueHandle* event : {&s_held, &s_goOn, &s_secondWaits, &s_secondWrites})
+      ::ResetEvent(event->get());
+  }
+
+  std::thread first;
+  std::thread second;
+};
+
+TEST_F(TwoWritersTest, ARecordWaitsForTheOneThatIsBeingWritten) {
+  EXPECT_TRUE(TheSecondWaits([] { RECORD("a message"); }));
+  EXPECT_EQ(s_writers, 1);
+  EXPECT_EQ(s_waitLimit, INFINITE);
+  LetBothEnd();
+  EXPECT_EQ(Records(log.Text()).size(), 2u);
+}
+
+TEST_F(TwoWritersTest, AFinishedTextWaitsForTheOneThatIsBeingWritten) {
+  EXPECT_TRUE(TheSecondWaits([] { CDebugLogger::GetInstance()->WriteText("a text\r\n"); }));
+  EXPECT_EQ(s_writers, 1);
+  EXPECT_EQ(s_waitLimit, INFINITE);
+  LetBothEnd();
+  EXPECT_EQ(log.Text(), "a text\r\na text\r\n");
 }
 
 // As at process exit, where the system ends all other threads before the library is told.

@@ -115,6 +115,48 @@ TEST_F(FileIoTest, OpensAfterAFailedOpen) {
   EXPECT_TRUE(file.IsOpen());
 }
 
+struct AskedOpening {
+  std::string path;
+  DWORD access = 0;
+  DWORD sharing = 0;
+  SECURITY_ATTRIBUTES* security = nullptr;
+  DWORD creation = 0;
+  DWORD attributes = 0;
+  HANDLE pattern = nullptr;
+  bool operator==(const AskedOpening&) const = default;
+} asked;
+HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_ATTRIBUTES* security,
+                            DWORD creation, DWORD attributes, HANDLE pattern) {
+  asked = {path, access, sharing, security, creation, attributes, pattern};
+  return INVALID_HANDLE_VALUE;
+}
+
+TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  file.Open("name", false);
+  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr}));
+}
+
+TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  file.Open("name", true);
+  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr}));
+}
+
+TEST_F(FileIoTest, OpeningByThePlatformsArgumentsPassesAllOfThem) {
+  SECURITY_ATTRIBUTES security{};
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  const HANDLE pattern = ::GetCurrentProcess();
+  file.OpenEx("name", GENERIC_ALL, FILE_SHARE_DELETE, CREATE_NEW, FILE_FLAG_OVERLAPPED, &security, pattern);
+  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_ALL, FILE_SHARE_DELETE, &security, CREATE_NEW,
+                                 FILE_FLAG_OVERLAPPED, pattern}));
+}
+
 TEST_F(FileIoTest, OpeningByThePlatformsArgumentsDoesNotKeepTheName) {
   EXPECT_EQ(OpenShared(file, Path()), S_OK);
   EXPECT_TRUE(file.IsOpen());

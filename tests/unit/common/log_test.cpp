@@ -155,8 +155,9 @@ TEST(LogMacros, AddLevelComponentFunctionAndFile) {
   LogOneOfEach();
   EXPECT_TRUE(log.Contains("\tFlashSvc\tError\tlog_test.cpp\t"));
   EXPECT_TRUE(log.Contains("\tLogOneOfEach\tfailed: 7##\r\n"));
-  EXPECT_TRUE(log.Contains("\tWarning\t"));
-  EXPECT_TRUE(log.Contains("\tTrace\t"));
+  EXPECT_EQ(log.LevelOf("failed: 7"), "Error");
+  EXPECT_EQ(log.LevelOf("odd"), "Warning");
+  EXPECT_EQ(log.LevelOf("done"), "Trace");
 }
 
 void HelpTheNamedProcedure() {
@@ -172,6 +173,9 @@ TEST(LogMacros, GiveTheProcedureThatAHelperBelongsTo) {
   EXPECT_TRUE(log.Contains("\tNamed::Procedure\tfailed: 7##\r\n"));
   EXPECT_TRUE(log.Contains("\tNamed::Procedure\todd##\r\n"));
   EXPECT_TRUE(log.Contains("\tNamed::Procedure\tdone##\r\n"));
+  EXPECT_EQ(log.LevelOf("failed: 7"), "Error");
+  EXPECT_EQ(log.LevelOf("odd"), "Warning");
+  EXPECT_EQ(log.LevelOf("done"), "Trace");
   EXPECT_FALSE(log.Contains("HelpTheNamedProcedure"));
 }
 

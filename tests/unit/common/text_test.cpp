@@ -81,6 +81,12 @@ TEST(TextPrint, GivesNothingForACharacterThatTheLocaleLacks) {
   EXPECT_EQ(Print("%ls", L"\u4E2D"), std::nullopt);
 }
 
+TEST(TextPrint, GivesNothingForParametersOfWhichOnlySomeHavePositions) {
+  // Handed over, or the compiler would refuse it first.
+  const char* const format = "%1$s %s";
+  EXPECT_EQ(Print(format, "one", "two"), std::nullopt);
+}
+
 TEST(TextPrint, GivesNothingWithoutAFormat) {
   EXPECT_EQ(Print(static_cast<const char*>(nullptr)), std::nullopt);
   EXPECT_EQ(Print(static_cast<const wchar_t*>(nullptr)), std::nullopt);

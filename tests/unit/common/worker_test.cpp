@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <utility>
@@ -60,8 +61,28 @@ BOOL WINAPI CountReleaseOfModule(HMODULE module) {
 std::atomic<int> releasesAtExit{0};
 VOID WINAPI CountReleaseAtExit(HMODULE module, DWORD code) {
   ++releasesAtExit;
+  EXPECT_EQ(code, 0u);
   EXPECT_EQ(module, Library());
   ::FreeLibraryAndExitThread(module, code);
+}
+
+DWORD ExitCodeOf(const char* program) {
+  std::array<wchar_t, MAX_PATH> test{};
+  ::GetModuleFileNameW(nullptr, test.data(), static_cast<DWORD>(test.size()));
+  const auto path = std::filesystem::path(test.data()).replace_filename(program);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  if (!::CreateProcessW(path.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process)) {
+    return ~0u;
+  }
+  const UniqueHandle child(process.hProcess);
+  const UniqueHandle thread(process.hThread);
+  DWORD code = STILL_ACTIVE;
+  if (::WaitForSingleObject(child.get(), kLongEnough) == WAIT_OBJECT_0)
+    ::GetExitCodeProcess(child.get(), &code);
+  return code;
 }
 
 class WorkerTest : public testing::Test {
@@ -126,7 +147,23 @@ TEST_F(WorkerTest, DestroysItsBodyWhenItEnds) {
 }
 
 TEST_F(WorkerTest, SurvivesABodyThatThrows) {
-  Join(StartWorker([] { throw std::bad_alloc(); }));
+  ASSERT_TRUE(patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit));
+  auto owned = std::make_shared<int>(1);
+  const std::weak_ptr<int> watched = owned;
+  bool threw = false;
+  Join(StartWorker([&threw, kept = std::move(owned)] {
+    threw = true;
+    throw std::bad_alloc();
+  }));
+  EXPECT_TRUE(threw);
+  // It ended as any worker does.
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(releasesAtExit, 1);
+}
+
+// What throws where nothing may, ends the process: in another one.
+TEST_F(WorkerTest, ThatCannotBeContainedEndsTheProcessWithAnExitCodeOfItsOwn) {
+  EXPECT_EQ(ExitCodeOf("worker_child.exe"), 0xE0000008u);
 }
 
 TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {

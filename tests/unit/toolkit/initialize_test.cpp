@@ -85,6 +85,23 @@ TEST_F(InitializeTest, TheThreadsFirstStackIsTheAllocationGranularity) {
   EXPECT_EQ(threads.Flags(), 0u);
 }
 
+DWORD g_pinned = 0;
+BOOL WINAPI RecordPin(DWORD flags, LPCWSTR address, HMODULE* module) {
+  if ((flags & GET_MODULE_HANDLE_EX_FLAG_PIN) != 0 && ThreadRequests::Count() == 0) g_pinned = flags;
+  return ::GetModuleHandleExW(flags, address, module);
+}
+
+TEST_F(InitializeTest, KeepsTheLibraryLoadedForGoodBeforeItStartsTheThread) {
+  host.WriteConfig("title\n");
+  g_pinned = 0;
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &RecordPin));
+  ToolKit::Initialize();
+  EXPECT_EQ(threads.Count(), 1);
+  EXPECT_EQ(g_pinned,
+            static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
+}
+
 TEST_F(InitializeTest, ASecondCallSucceedsAndStartsNoSecondThread) {
   host.WriteConfig("title\n");
   ToolKit::Initialize();

@@ -151,4 +151,20 @@ TEST_F(SupervisorTest, SurvivesLackOfMemoryAndTriesAgain) {
   EXPECT_EQ(bench.Result(), 4);
 }
 
+TEST_F(SupervisorTest, UnloadsTheEngineAndPausesThreeSecondsAfterLackOfMemory) {
+  RunSupervisor();
+  const ULONGLONG usual = bench.clock.Now();
+  const auto unloads = bench.TimesSaid("\t Unload ++");
+  bench.AddImage(L"modem.fls", {1, 4}, JobBench::kSmallestModemImage);
+  bench.AddImage(L"nvm.fls", {5});
+
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheEngine));
+  g_refusals = 1;
+  RaiseFlag();
+  EXPECT_EQ(g_refusals, 0);
+  EXPECT_EQ(bench.TimesSaid("\t Unload ++"), 2 * unloads + 1);
+  EXPECT_EQ(bench.clock.Now(), 2 * usual + 3000);
+}
+
 }  // namespace

@@ -31,10 +31,12 @@ std::vector<Finding> LookAtModem() {
   return {presence.resetDriver
               ? Finding{"reset driver", Verdict::Ok, "its flash interface is present", ""}
               : Finding{"reset driver", Verdict::Warning, "its flash interface is absent",
-                        "Install the modem's USB driver: without it a modem that hangs cannot be reset."},
-          present ? Finding{"modem", Verdict::Ok, NameOf(presence.mode), ""}
-                  : Finding{"modem", Verdict::Warning, NameOf(presence.mode),
-                            "Look at the device manager; a flash tries a baseband reset first."}};
+                        "Install the modem's USB driver: without it a modem that hangs cannot be reset.",
+                        "no_reset_driver"},
+          present
+              ? Finding{"modem", Verdict::Ok, NameOf(presence.mode), ""}
+              : Finding{"modem", Verdict::Warning, NameOf(presence.mode),
+                        "Look at the device manager; a flash tries a baseband reset first.", "modem_absent"}};
 }
 
 std::string Padded(std::string_view text, std::size_t width) {
@@ -51,7 +53,7 @@ void Print(const std::vector<Finding>& findings) {
   std::cout << std::flush;
 }
 
-nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Finding* error) {
+nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Finding* obstacle) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const Finding& finding : findings) {
     list.push_back({{"subject", finding.subject},
@@ -60,8 +62,14 @@ nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Findin
                     {"message", finding.message},
                     {"what_to_do", finding.whatToDo}});
   }
-  nlohmann::ordered_json document{{"ready", error == nullptr}, {"findings", list}};
-  return error == nullptr ? document : AsJson(ProblemOf(*error), document);
+  nlohmann::ordered_json document{{"ready", obstacle == nullptr}, {"findings", list}};
+  return obstacle == nullptr ? document : AsJson(ProblemOf(*obstacle), document);
+}
+
+/// What the program's end goes by: the first error, or else, if they count too, the first warning.
+const Finding* FindObstacle(const std::vector<Finding>& findings, bool strict) {
+  const Finding* const error = FirstOf(findings, Verdict::Error);
+  return error == nullptr && strict ? FirstOf(findings, Verdict::Warning) : error;
 }
 
 }  // namespace
@@ -72,11 +80,11 @@ ExitCode RunCheck(const CheckOptions& options) {
   std::vector<Finding> findings = LookBeforeFlash();
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
 
-  const Finding* const error = FirstError(findings);
+  const Finding* const obstacle = FindObstacle(findings, options.strict);
   if (options.json) {
-    PrintJson(AsJson(findings, error));
+    PrintJson(AsJson(findings, obstacle));
   } else {
     Print(findings);
   }
-  return error == nullptr ? ExitCode::Flashed : error->exitCode;
+  return obstacle == nullptr ? ExitCode::Flashed : obstacle->exitCode;
 }

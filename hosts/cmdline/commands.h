@@ -21,6 +21,7 @@ struct StatusOptions {
 
 struct CheckOptions {
   bool json = false;
+  bool strict = false;  ///< warnings count as errors
 };
 
 /// One flash, start to end.

@@ -20,12 +20,7 @@
 namespace {
 
 constexpr DWORD kRefreshMs = 500;
-constexpr wchar_t kLogName[] = L"FlashCommandLineLogger_DLL.log";
 constexpr wchar_t kOneAtATime[] = L"Global\\corvel_cmdline flash";
-
-std::wstring LogPath() {
-  return ProgramFolder() + kLogName;
-}
 
 /// This program's claim to be the only one that flashes by the command line's key.
 class Claim {
@@ -90,6 +85,7 @@ class FlashRun {
   Ending Follow(HANDLE jobEnded);
   bool PastTimeLimit() const;
   long long Seconds() const;
+  bool HasLog() const { return m_options.trace > 0 && !AnsiLogPath().empty(); }
   bool MayStop() const;
   void WarnOnce();
   ExitCode Conclude();
@@ -110,7 +106,7 @@ bool FlashRun::LoadConfiguration() {
   // between that and the first record.
   ToolKit::IsConfigLoaded();
   if (ToolKit* const toolkit = ToolKit::GetInstance()) {
-    toolkit->SetDebugLoggerFileName(m_options.trace > 0 ? ToAnsi(LogPath()).c_str() : "");
+    toolkit->SetDebugLoggerFileName(m_options.trace > 0 ? AnsiLogPath().c_str() : "");
   }
   const bool loaded = ToolKit::LoadConfig(nullptr);
   // Loading turned it on.
@@ -120,7 +116,7 @@ bool FlashRun::LoadConfiguration() {
 
 std::optional<ExitCode> FlashRun::FindObstacle() {
   const std::vector<Finding> findings = LookBeforeFlash();
-  const Finding* const error = FirstError(findings);
+  const Finding* const error = FirstOf(findings, Verdict::Error);
   // A controlling program may put the images there until it asks for the flash.
   const bool imagesMayCome = m_options.waitForController && error && error->exitCode == ExitCode::NoImages;
   if (error == nullptr || imagesMayCome) return std::nullopt;
@@ -185,7 +181,7 @@ nlohmann::ordered_json FlashRun::Details(const Handshake& values) const {
           {"progress", values.progress.value_or(0)},
           {"attempts", m_progress.Attempts()},
           {"seconds", Seconds()},
-          {"log", m_options.trace > 0 ? ToUtf8(LogPath()) : ""}};
+          {"log", HasLog() ? ToUtf8(LogPath()) : ""}};
 }
 
 ExitCode FlashRun::ConcludeWithoutImages() {
@@ -218,7 +214,7 @@ ExitCode FlashRun::Conclude() {
               << m_progress.Attempts() << (m_progress.Attempts() == 1 ? " attempt, " : " attempts, ")
               << Seconds() << " s.\n"
               << (flashed ? "Nothing is left to do." : failure.whatToDo) << std::endl;
-    if (m_options.trace > 0) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
+    if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
   }
   return flashed ? ExitCode::Flashed : ExitCode::FlashFailed;
 }

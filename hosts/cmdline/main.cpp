@@ -1,5 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
+#include <climits>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "nearest_word.h"
 #include "setup.h"
 #include "terminal.h"
 
@@ -29,6 +32,16 @@ CLI::App* AddVerb(CLI::App& program, const char* name, const char* description, 
   return verb;
 }
 
+/// @return what is wrong with a number of seconds; empty when it is one.
+std::string ComplaintAboutSeconds(const std::string& text) {
+  unsigned int seconds = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+  if (error == std::errc() && stop == end && seconds > 0) return {};
+  return "\"" + text + "\" is no number of seconds. Give a whole number from 1 to " +
+         std::to_string(UINT_MAX) + ", or leave it out for no limit.";
+}
+
 CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
   CLI::App* const verb = AddVerb(program, "flash", "Flash the images of the configured folder", options.json);
   verb->add_option("--ipc", options.ipc, "Bus of the modem")
@@ -41,7 +54,8 @@ CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
                  "Wait until another program sets Fls_Ready, instead of setting it");
   verb->add_option("--timeout", options.timeoutSeconds,
                    "Give up after that many seconds, 1 or more (default: no limit)")
-      ->check(CLI::PositiveNumber);
+      ->type_name("SECONDS")
+      ->check(ComplaintAboutSeconds);
   verb->add_flag("--quiet", options.quiet, "Show no progress");
   return verb;
 }
@@ -55,33 +69,88 @@ CLI::App* AddStatus(CLI::App& program, StatusOptions& options) {
 }
 
 CLI::App* AddCheck(CLI::App& program, CheckOptions& options) {
-  return AddVerb(program, "check", "Tell whether a flash could begin, without touching the modem",
-                 options.json);
+  CLI::App* const verb =
+      AddVerb(program, "check", "Tell whether a flash could begin, without touching the modem", options.json);
+  verb->add_flag("--strict", options.strict, "Let warnings count as errors");
+  return verb;
+}
+
+std::vector<std::string> VerbNames(const CLI::App& program) {
+  std::vector<std::string> names;
+  for (const CLI::App* const verb : program.get_subcommands({})) names.push_back(verb->get_name());
+  return names;
+}
+
+bool IsVerb(const CLI::App& program, const std::string& word) {
+  return std::ranges::count(VerbNames(program), word) > 0;
+}
+
+std::vector<std::string> OptionNames(const CLI::App& program) {
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : program.get_options()) {
+    names.push_back("--" + option->get_lnames().front());
+  }
+  return names;
+}
+
+/// "help" and "help VERB" are "--help" and "VERB --help".
+std::vector<std::string> WithHelpAsOption(const CLI::App& program, std::vector<std::string> words) {
+  if (words.empty() || words.front() != "help") return words;
+  words.erase(words.begin());
+  if (words.empty() || IsVerb(program, words.front())) words.emplace_back("--help");
+  return words;
+}
+
+std::string DidYouMean(const std::string& nearest, const std::string& otherwise) {
+  return nearest.empty() ? otherwise : "Did you mean \"" + nearest + "\"?";
+}
+
+/// A word that is neither verb nor option where it stands.
+Problem UnexpectedWord(const CLI::App& program, const std::string& word) {
+  constexpr const char* kCode = "wrong_usage";
+  const auto verbs = program.get_subcommands();
+  const CLI::App& place = verbs.empty() ? program : *verbs.front();
+  const std::string seeHelp =
+      "See \"corvel_cmdline help" + (verbs.empty() ? "" : " " + place.get_name()) + "\".";
+  if (word.starts_with("-")) {
+    return {kCode, "\"" + word + "\" is no option of " + place.get_name() + ".",
+            DidYouMean(NearestWord(word, OptionNames(place)), seeHelp)};
+  }
+  if (IsVerb(program, word)) return {kCode, "\"" + word + "\" is one verb too many.", seeHelp};
+  return {kCode, "\"" + word + "\" is no verb.", DidYouMean(NearestWord(word, VerbNames(program)), seeHelp)};
+}
+
+Problem WrongUsage(const CLI::App& program, const CLI::ParseError& error) {
+  const std::vector<std::string> unexpected = program.remaining(true);
+  if (!unexpected.empty()) return UnexpectedWord(program, unexpected.front());
+  std::string message = error.what();
+  // The parser puts the option's name first.
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+    message = message.substr(0, message.find(':')) + " needs a value.";
+  }
+  return {"wrong_usage", std::move(message), "See \"corvel_cmdline help\"."};
 }
 
 /// @return the exit status of a parse that did not lead to a verb.
 int Answer(const CLI::App& program, const CLI::ParseError& error, bool json) {
   // Help and version are no errors for the library either.
   if (error.get_exit_code() == 0) return program.exit(error);
-  if (json) {
-    Report({"wrong_usage", error.what(), "See corvel_cmdline --help."}, true);
-  } else {
-    program.exit(error);
-  }
+  Report(WrongUsage(program, error), json);
   return static_cast<int>(ExitCode::WrongUsage);
 }
 
 int Run(std::vector<std::string> words, bool json) {
   CLI::App program{"Flashes the built-in cellular modem, once."};
   program.name("corvel_cmdline");
-  program.set_version_flag("--version", std::string("corvel_cmdline ") + CORVEL_VERSION);
-  program.footer(kExitCodes);
+  program.set_version_flag("-V,--version", std::string("corvel_cmdline ") + CORVEL_VERSION);
+  program.footer(std::string("\"corvel_cmdline help VERB\" tells the options of a verb.\n") + kExitCodes);
   program.require_subcommand(1);
   Options options;
   const CLI::App* const flash = AddFlash(program, options.flash);
   const CLI::App* const status = AddStatus(program, options.status);
   AddCheck(program, options.check);
 
+  words = WithHelpAsOption(program, std::move(words));
   try {
     // The parser takes them from the back.
     std::ranges::reverse(words);

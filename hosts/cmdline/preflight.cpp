@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
+#include "configuration_advice.h"
 #include "configuration_file.h"
 #include "owners.h"
 #include "setup.h"
@@ -13,7 +15,9 @@
 namespace {
 
 constexpr wchar_t kFlashingLibrary[] = L"Firmwareflashdownload.dll";
-constexpr int kEraseModes = 4;
+
+/// What divides the two kinds of images.
+constexpr DWORD kSmallestModemImage = 10 * 1024 * 1024;
 
 constexpr std::array kExports{"_ZEMO_DL_boot_target",
                               "_ZEMO_DL_close_comm_port",
@@ -36,8 +40,8 @@ Finding Ok(const char* subject, std::string message) {
   return {subject, Verdict::Ok, std::move(message), ""};
 }
 
-Finding Warning(const char* subject, std::string message, std::string whatToDo) {
-  return {subject, Verdict::Warning, std::move(message), std::move(whatToDo)};
+Finding Warning(const char* subject, const char* code, std::string message, std::string whatToDo) {
+  return {subject, Verdict::Warning, std::move(message), std::move(whatToDo), code};
 }
 
 Finding Error(const char* subject, const char* code, std::string message, std::string whatToDo) {
@@ -48,31 +52,76 @@ Finding NoImages(const char* code, std::string message, std::string whatToDo) {
   return {"folder", Verdict::Error, std::move(message), std::move(whatToDo), code, ExitCode::NoImages};
 }
 
-Finding LookAtConfiguration(const std::optional<ConfigurationFile>& configuration) {
-  constexpr const char* kSubject = "configuration";
-  if (!configuration) {
-    return Error(kSubject, "no_configuration",
-                 ToUtf8(ConfigurationPath()) + " is missing, or another program has it open",
-                 "Put CorvelConfig.ini beside this program and close whatever holds it open.");
+void Append(std::vector<Finding>& findings, std::vector<Finding> others) {
+  std::ranges::move(others, std::back_inserter(findings));
+}
+
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) joined += (joined.empty() ? "" : ", ") + text;
+  return joined;
+}
+
+/// Goes through what a pattern matches, as the library does. Begins with the first entry.
+class FileSearch {
+ public:
+  FileSearch(const std::wstring& pattern, WIN32_FIND_DATAW& entry)
+      : m_search(::FindFirstFileW(pattern.c_str(), &entry)) {}
+  ~FileSearch() {
+    if (IsOpen()) ::FindClose(m_search);
   }
+  FileSearch(const FileSearch&) = delete;
+  FileSearch& operator=(const FileSearch&) = delete;
+
+  bool IsOpen() const { return m_search != INVALID_HANDLE_VALUE; }
+  bool Next(WIN32_FIND_DATAW& entry) const { return ::FindNextFileW(m_search, &entry) != FALSE; }
+
+ private:
+  HANDLE m_search;
+};
+
+/// Why a configuration that is there could not be read. Opened as the library does, with nobody beside it.
+Finding UnreadableConfiguration(const std::wstring& path) {
+  const HANDLE opened =
+      ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const DWORD error = ::GetLastError();
+  const OwnedHandle file(opened == INVALID_HANDLE_VALUE ? nullptr : opened);
+  const auto because = [&](std::string message, std::string whatToDo) {
+    return Error("configuration", "no_configuration", ToUtf8(path) + " " + std::move(message),
+                 std::move(whatToDo));
+  };
+  if (file != nullptr) {
+    return because("cannot be read to its end",
+                   "Run this check again, and write the file anew if that stays.");
+  }
+  switch (error) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+      return because("is missing", "Put CorvelConfig.ini beside this program.");
+    case ERROR_SHARING_VIOLATION:
+      return because("is open in another program", "Close the program that has it open.");
+    default:
+      return because("cannot be opened: " + SystemErrorText(error),
+                     "Give this program the right to read it.");
+  }
+}
+
+std::vector<Finding> LookAtConfiguration(const std::optional<ConfigurationFile>& configuration) {
+  if (!configuration) return {UnreadableConfiguration(ConfigurationPath())};
+  std::vector<Finding> findings;
   if (configuration->FirmwareFolder().empty()) {
-    return Error(
-        kSubject, "no_folder_configured", "[ModemAndNVMFirmwareFolder] is not set",
-        "Name the folder of the images in CorvelConfig.ini. The first line of the file is always skipped.");
+    findings.push_back(Error(
+        "configuration", "no_folder_configured", "[ModemAndNVMFirmwareFolder] is not set",
+        "Name the folder of the images in CorvelConfig.ini. The first line of the file is always skipped."));
   }
-  if (!configuration->NamesKnownRoot()) {
-    return Warning(kSubject, "[RegistryLocation] names no key below HKLM, HKU, HKCU, HKCR or HCC",
-                   "Correct it for the service; the command line uses a key of its own.");
-  }
-  const long eraseMode = std::wcstol(configuration->Get(L"[ERASEMODE]").c_str(), nullptr, 10);
-  if (eraseMode < 0 || eraseMode >= kEraseModes) {
-    return Warning(kSubject, "[ERASEMODE] is none of 0 to 3", "It counts as 0 as it stands.");
-  }
-  return Ok(kSubject, ToUtf8(ConfigurationPath()));
+  Append(findings, AdviseOnConfiguration(*configuration));
+  if (findings.empty()) findings.push_back(Ok("configuration", ToUtf8(ConfigurationPath())));
+  return findings;
 }
 
 Finding LookAtImage(const char* subject, const std::wstring& path, const char* missing) {
-  if (path.empty()) return Warning(subject, missing, "A flash goes on with the other image alone.");
+  if (path.empty())
+    return Warning(subject, "image_missing", missing, "A flash goes on with the other image alone.");
   // As the library does, with nobody else beside it.
   const HANDLE opened =
       ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -90,6 +139,37 @@ Finding LookAtImage(const char* subject, const std::wstring& path, const char* m
   return Ok(subject, ToUtf8(path) + ", " + std::to_string(size.QuadPart) + " bytes");
 }
 
+/// Names of the other images that are of the same kind as the one that is taken, by what the library goes by.
+std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::wstring& taken,
+                                         bool areModemImages) {
+  std::vector<std::string> names;
+  WIN32_FIND_DATAW entry{};
+  const FileSearch search(folder + L"\\*.fls", entry);
+  if (!search.IsOpen()) return names;
+  do {
+    const std::wstring path = folder + L"\\" + entry.cFileName;
+    const bool isFolder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    const bool isModemImage = entry.nFileSizeHigh != 0 || entry.nFileSizeLow >= kSmallestModemImage;
+    if (isFolder || path == taken || isModemImage != areModemImages) continue;
+    const bool isEmpty = entry.nFileSizeHigh == 0 && entry.nFileSizeLow == 0;
+    names.push_back(ToUtf8(entry.cFileName) + (isEmpty ? " (empty)" : ""));
+  } while (search.Next(entry));
+  return names;
+}
+
+std::vector<Finding> LookAtKind(const char* subject, const std::wstring& folder, const std::wstring& path,
+                                bool isModemImage) {
+  std::vector<Finding> findings{
+      LookAtImage(subject, path, isModemImage ? "no image of 10 MiB or more" : "no image below 10 MiB")};
+  const std::vector<std::string> others = OthersOfItsKind(folder, path, isModemImage);
+  if (path.empty() || others.empty()) return findings;
+  findings.push_back(Warning(subject, "several_images",
+                             std::to_string(others.size() + 1) + " of its kind: " + ToUtf8(path) +
+                                 " is taken, not " + Joined(others),
+                             "Leave one image of each kind in the folder."));
+  return findings;
+}
+
 std::vector<Finding> LookAtImages(const std::wstring& folder) {
   const FolderImages images = LookForImages(folder);
   if (!images.folderExists) {
@@ -100,19 +180,33 @@ std::vector<Finding> LookAtImages(const std::wstring& folder) {
     return {NoImages("no_images", "there is no firmware image (*.fls) in " + ToUtf8(folder),
                      "Copy the modem image and the NVM image there.")};
   }
-  return {Ok("folder", ToUtf8(folder)),
-          LookAtImage("modem image", images.modem, "no image of 10 MiB or more"),
-          LookAtImage("NVM image", images.nvm, "no image below 10 MiB")};
+  std::vector<Finding> findings{Ok("folder", ToUtf8(folder))};
+  Append(findings, LookAtKind("modem image", folder, images.modem, true));
+  Append(findings, LookAtKind("NVM image", folder, images.nvm, false));
+  return findings;
 }
 
 std::string MissingExports(HMODULE library) {
-  std::string missing;
+  std::vector<std::string> missing;
   for (const char* name : kExports) {
     // The library may export its functions with or without the leading underscore.
     if (::GetProcAddress(library, name) || ::GetProcAddress(library, name + 1)) continue;
-    missing += std::string(missing.empty() ? "" : ", ") + name;
+    missing.emplace_back(name);
   }
-  return missing;
+  return Joined(missing);
+}
+
+std::string AdviceOnLoading(const std::wstring& library, DWORD error) {
+  const bool isThere = ::GetFileAttributesW(library.c_str()) != INVALID_FILE_ATTRIBUTES;
+  if (!isThere) return "Put the 64-bit flashing library beside this program.";
+  switch (error) {
+    case ERROR_MOD_NOT_FOUND:
+      return "The library is there, but another one that it needs is not: install that beside it.";
+    case ERROR_BAD_EXE_FORMAT:
+      return "Replace it by the 64-bit flashing library.";
+    default:
+      return "Install the 64-bit flashing library anew.";
+  }
 }
 
 Finding LookAtFlashingLibrary() {
@@ -122,7 +216,7 @@ Finding LookAtFlashingLibrary() {
   const DWORD error = ::GetLastError();
   if (library == nullptr) {
     return Error(kSubject, "no_flashing_library", ToUtf8(path) + ": " + SystemErrorText(error),
-                 "Install the 64-bit flashing library beside this program.");
+                 AdviceOnLoading(path, error));
   }
   const std::string missing = MissingExports(library.get());
   if (!missing.empty()) {
@@ -130,6 +224,20 @@ Finding LookAtFlashingLibrary() {
                  "Install the version that belongs to this program.");
   }
   return Ok(kSubject, ToUtf8(path));
+}
+
+/// Nothing to say where the library can name its log as everybody else does.
+std::vector<Finding> LookAtLog() {
+  constexpr const char* kSubject = "debug log";
+  const std::string narrow = AnsiLogPath();
+  if (narrow.empty()) {
+    return {Warning(kSubject, "no_log",
+                    "there will be none: the system's code page has no name for " + ToUtf8(ProgramFolder()),
+                    "Install the programs in a folder that has a name in the system's language.")};
+  }
+  const std::wstring shortPath = FromAnsi(narrow);
+  if (shortPath == LogPath()) return {};
+  return {Ok(kSubject, ToUtf8(LogPath()) + ", written by its short name " + ToUtf8(shortPath))};
 }
 
 Finding LookAtRegistry(const HandshakeKey& key) {
@@ -144,18 +252,18 @@ Finding LookAtRegistry(const HandshakeKey& key) {
 
 std::vector<Finding> LookBeforeFlash() {
   const auto configuration = ConfigurationFile::Read(ConfigurationPath());
-  std::vector<Finding> findings{LookAtConfiguration(configuration)};
+  std::vector<Finding> findings = LookAtConfiguration(configuration);
   if (configuration && !configuration->FirmwareFolder().empty()) {
-    for (Finding& finding : LookAtImages(configuration->FirmwareFolder()))
-      findings.push_back(std::move(finding));
+    Append(findings, LookAtImages(configuration->FirmwareFolder()));
   }
   findings.push_back(LookAtFlashingLibrary());
   findings.push_back(LookAtRegistry(CommandLineKey()));
+  Append(findings, LookAtLog());
   return findings;
 }
 
-const Finding* FirstError(const std::vector<Finding>& findings) {
-  const auto found = std::ranges::find(findings, Verdict::Error, &Finding::verdict);
+const Finding* FirstOf(const std::vector<Finding>& findings, Verdict verdict) {
+  const auto found = std::ranges::find(findings, verdict, &Finding::verdict);
   return found == findings.end() ? nullptr : &*found;
 }
 

@@ -14,14 +14,15 @@ struct Finding {
   Verdict verdict;
   std::string message;
   std::string whatToDo;
-  /// Of an error: its code for scripts, and what a flash ends with because of it.
+  /// Of an error or a warning, for scripts.
   const char* code = "";
+  /// What a flash ends with because of an error.
   ExitCode exitCode = ExitCode::NotReady;
 };
 
-/// Looks at configuration, images, flashing library and registry, and touches none of them.
+/// Looks at configuration, images, flashing library and registry, and changes nothing.
 std::vector<Finding> LookBeforeFlash();
-/// The first error among the findings; null when there is none.
-const Finding* FirstError(const std::vector<Finding>& findings);
-/// The error in words for scripts and people.
+/// The first of that verdict among the findings; null when there is none.
+const Finding* FirstOf(const std::vector<Finding>& findings, Verdict verdict);
+/// An error, or a warning that counts as one, in words for scripts and people.
 Problem ProblemOf(const Finding& error);

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr wchar_t kConfigurationName[] = L"CorvelConfig.ini";
+constexpr wchar_t kLogName[] = L"FlashCommandLineLogger_DLL.log";
 
 }  // namespace
 
@@ -29,6 +30,14 @@ void Report(const Problem& problem, bool json) {
 
 std::wstring ConfigurationPath() {
   return ProgramFolder() + kConfigurationName;
+}
+
+std::wstring LogPath() {
+  return ProgramFolder() + kLogName;
+}
+
+std::string AnsiLogPath() {
+  return AnsiPath(ProgramFolder(), kLogName);
 }
 
 HandshakeKey CommandLineKey() {

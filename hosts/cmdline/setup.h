@@ -19,6 +19,10 @@ nlohmann::ordered_json AsJson(const Problem& problem,
 void Report(const Problem& problem, bool json);
 
 std::wstring ConfigurationPath();
+/// Where the debug log of a flash goes, and the name that the library takes for it; that name is empty when
+/// the system's code page has none, and then there is no log.
+std::wstring LogPath();
+std::string AnsiLogPath();
 /// The key that the library uses for this host, whatever the configuration says.
 HandshakeKey CommandLineKey();
 

@@ -2,13 +2,12 @@
 
 #include <share.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <memory>
 
 namespace {
-
-constexpr std::size_t kLongestText = 511;
 
 struct Root {
   const wchar_t* name;
@@ -42,6 +41,11 @@ std::optional<std::wstring> ReadLine(std::FILE* file) {
   return line;
 }
 
+/// As far as a text of limited length goes that ends at a zero.
+std::wstring Bounded(const std::wstring& text) {
+  return text.substr(0, std::min(text.find(L'\0'), kLongestConfigurationText));
+}
+
 }  // namespace
 
 std::optional<ConfigurationFile> ConfigurationFile::Read(const std::wstring& path) {
@@ -49,22 +53,32 @@ std::optional<ConfigurationFile> ConfigurationFile::Read(const std::wstring& pat
   const std::unique_ptr<std::FILE, FileCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
   if (file == nullptr) return std::nullopt;
   ConfigurationFile configuration;
-  static_cast<void>(ReadLine(file.get()));
   while (const auto line = ReadLine(file.get())) configuration.Take(*line);
+  if (std::ferror(file.get())) return std::nullopt;
   return configuration;
 }
 
 void ConfigurationFile::Take(const std::wstring& line) {
+  m_lines.push_back(line);
   const std::size_t equals = line.find(L'=');
-  if (equals == std::wstring::npos) return;
-  const std::size_t value = line.find_first_not_of(L' ', equals + 1);
-  m_settings[line.substr(0, equals).substr(0, kLongestText)] =
-      value == std::wstring::npos ? std::wstring() : line.substr(value, kLongestText);
+  const bool isTitle = m_lines.size() == 1;
+  if (isTitle || equals == std::wstring::npos) return;
+  const std::size_t value = std::min(line.find_first_not_of(L' ', equals + 1), line.size());
+  m_settings.push_back({.line = m_lines.size(),
+                        .key = Bounded(line.substr(0, equals)),
+                        .value = Bounded(line.substr(value)),
+                        .valueBehindBlanks = value > equals + 1});
 }
 
 std::wstring ConfigurationFile::Get(const std::wstring& key) const {
-  const auto found = m_settings.find(key);
-  return found == m_settings.end() ? std::wstring() : found->second;
+  const Setting* const setting = Find(key);
+  return setting == nullptr ? std::wstring() : setting->value;
+}
+
+const ConfigurationFile::Setting* ConfigurationFile::Find(const std::wstring& key) const {
+  const auto last = std::find_if(m_settings.rbegin(), m_settings.rend(),
+                                 [&](const Setting& setting) { return setting.key == key; });
+  return last == m_settings.rend() ? nullptr : &*last;
 }
 
 bool ConfigurationFile::NamesKnownRoot() const {

@@ -39,6 +39,13 @@ std::string MeaningOfProgress(std::optional<std::uint32_t> progress) {
   return progress ? std::to_string(*progress) + " % of the images are written" : "not yet written";
 }
 
+DWORD TryToOpen(HKEY root, const std::wstring& path, REGSAM access) {
+  HKEY opened = nullptr;
+  const LSTATUS status = ::RegOpenKeyExW(root, path.c_str(), 0, access, &opened);
+  const OwnedKey owner(opened);
+  return static_cast<DWORD>(status);
+}
+
 }  // namespace
 
 std::string HandshakeKey::Text() const {
@@ -86,13 +93,15 @@ DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uin
 }
 
 DWORD CheckHandshakeKeyWritable(const HandshakeKey& key) {
-  HKEY opened = nullptr;
-  DWORD found = REG_OPENED_EXISTING_KEY;
-  const auto status = static_cast<DWORD>(
-      ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &opened, &found));
-  const OwnedKey owner(opened);
-  if (status == ERROR_SUCCESS && found == REG_CREATED_NEW_KEY) ::RegDeleteKeyW(key.root, key.path.c_str());
-  return status;
+  DWORD error = TryToOpen(key.root, key.path, KEY_ALL_ACCESS);
+  // What is not there is made below the nearest key that is. The roots themselves are always there.
+  for (std::wstring path = key.path; error == ERROR_FILE_NOT_FOUND;) {
+    const std::size_t separator = path.rfind(L'\\');
+    if (separator == std::wstring::npos) return ERROR_SUCCESS;
+    path.resize(separator);
+    error = TryToOpen(key.root, path, KEY_CREATE_SUB_KEY);
+  }
+  return error;
 }
 
 HandshakeWatch::HandshakeWatch(HandshakeKey key) : m_location(std::move(key)) {}

@@ -57,8 +57,8 @@ std::vector<HandshakeLine> Describe(const Handshake& values);
 std::string MeaningOfResult(std::optional<std::uint32_t> result);
 /// @return the Win32 error, 0 on success. Makes the key if need be.
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value);
-/// @return the Win32 error of opening the key as the library does, 0 when it can be. A key that was not
-/// there is not there afterwards either.
+/// @return the Win32 error of opening the key as the library does, or of making it where it is not there; 0
+/// when that can be done. Makes nothing itself.
 DWORD CheckHandshakeKeyWritable(const HandshakeKey& key);
 
 /// Signals an event whenever a value under the key changes. Arm first, then look, then wait: a change

@@ -2,6 +2,7 @@
 #include <fstream>
 
 #include "cmdline_test.h"
+#include "names_beyond_code_page.h"
 #include "text.h"
 
 using testing::AllOf;
@@ -11,6 +12,30 @@ using testing::Not;
 
 namespace {
 
+constexpr wchar_t kParentOfKey[] = L"SOFTWARE\\WOW6432Node\\Quenta";
+
+bool ParentOfKeyExists() {
+  HKEY opened = nullptr;
+  const LSTATUS status = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kParentOfKey, 0, KEY_READ, &opened);
+  const OwnedKey owner(opened);
+  return status == ERROR_SUCCESS;
+}
+
+/// An image as a sound one is spoken of.
+std::string SizeOf(const std::filesystem::path& image) {
+  return ToUtf8(image.wstring()) + ", " + std::to_string(std::filesystem::file_size(image)) + " bytes";
+}
+
+/// Gives what a library imports from the system the name of a library that nobody has.
+void LetItNeedAMissingLibrary(const std::filesystem::path& library) {
+  std::fstream file(library, std::ios::in | std::ios::out | std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::size_t name = bytes.rfind("KERNEL32.dll");
+  ASSERT_NE(name, std::string::npos);
+  file.seekp(static_cast<std::streamoff>(name));
+  file << "MISSING7.dll";
+}
+
 /// What "check --json" found.
 class Findings {
  public:
@@ -19,24 +44,26 @@ class Findings {
 
   std::optional<int> ExitCode() const { return m_result.exitCode; }
   bool Ready() const { return m_document.is_object() && m_document.value("ready", false); }
-  std::string Verdict(const std::string& subject) const { return Field(subject, "verdict"); }
-  std::string Code(const std::string& subject) const { return Field(subject, "code"); }
-  std::string Message(const std::string& subject) const { return Field(subject, "message"); }
-  std::string WhatToDo(const std::string& subject) const { return Field(subject, "what_to_do"); }
-  /// Code of the error object that says in one what is wrong; empty when there is none.
-  std::string ErrorCode() const {
-    return m_document.contains("error") ? m_document["error"].value("code", "") : "";
+  std::string Verdict(const std::string& subject) const { return Field("subject", subject, "verdict"); }
+  std::string Code(const std::string& subject) const { return Field("subject", subject, "code"); }
+  std::string Message(const std::string& subject) const { return Field("subject", subject, "message"); }
+  std::string WhatToDo(const std::string& subject) const { return Field("subject", subject, "what_to_do"); }
+  std::string VerdictOfCode(const std::string& code) const { return Field("code", code, "verdict"); }
+  std::size_t Count() const { return m_document.is_object() ? m_document["findings"].size() : 0; }
+  /// Of the error object that says in one what is wrong; empty when there is none.
+  std::string Error(const char* field) const {
+    return m_document.contains("error") ? m_document["error"].value(field, "") : "";
   }
-
- private:
-  std::string Field(const std::string& subject, const char* field) const {
+  /// A field of the first finding that has that value in another one.
+  std::string Field(const char* of, const std::string& value, const char* field) const {
     if (!m_document.is_object()) return "no document: " + m_result.output;
     for (const auto& finding : m_document["findings"]) {
-      if (finding["subject"] == subject) return finding[field];
+      if (finding[of] == value) return finding[field];
     }
     return "no such finding";
   }
 
+ private:
   RunResult m_result;
   nlohmann::json m_document;
 };
@@ -45,23 +72,32 @@ class CheckTest : public CommandLineTest {
  protected:
   Findings Check() const { return Findings(RunHost({L"check", L"--json"})); }
 
-  void ExpectError(const std::string& subject, const std::string& code, int exitCode) const {
+  void ExpectError(const std::string& subject, const std::string& code, int exitCode,
+                   const std::string& message, const std::string& whatToDo) const {
     const Findings findings = Check();
     EXPECT_EQ(findings.ExitCode(), exitCode);
     EXPECT_FALSE(findings.Ready());
     EXPECT_EQ(findings.Verdict(subject), "error");
     EXPECT_EQ(findings.Code(subject), code);
-    EXPECT_EQ(findings.ErrorCode(), code);
-    EXPECT_THAT(findings.WhatToDo(subject), Not(IsEmpty()));
+    EXPECT_EQ(findings.Message(subject), message);
+    EXPECT_EQ(findings.WhatToDo(subject), whatToDo);
+    EXPECT_EQ(findings.Error("code"), code);
+    EXPECT_EQ(findings.Error("message"), "Not ready, " + subject + ": " + message + ".");
+    EXPECT_EQ(findings.Error("what_to_do"), whatToDo);
   }
-  void ExpectWarning(const std::string& subject, const std::string& message) const {
+  void ExpectWarning(const std::string& subject, const std::string& code, const std::string& message,
+                     const std::string& whatToDo) const {
     const Findings findings = Check();
     EXPECT_EQ(findings.ExitCode(), 0);
     EXPECT_TRUE(findings.Ready());
-    EXPECT_EQ(findings.Verdict(subject), "warning");
-    EXPECT_THAT(findings.Message(subject), HasSubstr(message));
-    EXPECT_THAT(findings.WhatToDo(subject), Not(IsEmpty()));
+    EXPECT_EQ(findings.VerdictOfCode(code), "warning");
+    EXPECT_EQ(findings.Field("code", code, "subject"), subject);
+    EXPECT_EQ(findings.Field("code", code, "message"), message);
+    EXPECT_EQ(findings.Field("code", code, "what_to_do"), whatToDo);
+    EXPECT_THAT(findings.Error("code"), IsEmpty());
   }
+
+  std::string PathOf(const std::wstring& name) const { return ToUtf8(workspace.File(name).wstring()); }
 };
 
 TEST_F(CheckTest, FindsASoundInstallationWithItsModemReady) {
@@ -69,107 +105,240 @@ TEST_F(CheckTest, FindsASoundInstallationWithItsModemReady) {
   const Findings findings = Check();
   EXPECT_EQ(findings.ExitCode(), 0);
   EXPECT_TRUE(findings.Ready());
-  EXPECT_THAT(findings.ErrorCode(), IsEmpty());
-  for (const char* subject : {"configuration", "folder", "modem image", "NVM image", "flashing library",
-                              "registry", "reset driver", "modem"}) {
+  EXPECT_THAT(findings.Error("code"), IsEmpty());
+  const std::vector<std::pair<std::string, std::string>> all{
+      {"configuration", PathOf(L"CorvelConfig.ini")},
+      {"folder", PathOf(L"firmware")},
+      {"modem image", SizeOf(workspace.ModemImage())},
+      {"NVM image", SizeOf(workspace.NvmImage())},
+      {"flashing library", PathOf(L"Firmwareflashdownload.dll")},
+      {"registry", "HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService"},
+      {"reset driver", "its flash interface is present"},
+      {"modem", "MBIM (normal)"}};
+  EXPECT_EQ(findings.Count(), all.size());
+  for (const auto& [subject, message] : all) {
     EXPECT_EQ(findings.Verdict(subject), "ok") << subject;
+    EXPECT_EQ(findings.Message(subject), message);
+    EXPECT_EQ(findings.Code(subject), "") << subject;
+    EXPECT_EQ(findings.WhatToDo(subject), "") << subject;
   }
-  EXPECT_THAT(findings.Message("modem image"), HasSubstr("modem.fls"));
-  EXPECT_THAT(findings.Message("NVM image"), HasSubstr("nvm.fls"));
 }
 
 TEST_F(CheckTest, PrintsALinePerFindingWithWhatToDo) {
   const RunResult result = RunHost({L"check"});
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.output,
-              AllOf(HasSubstr("ok       configuration     "), HasSubstr("ok       NVM image         "),
-                    HasSubstr("warning  modem             absent"), HasSubstr("Look at the device manager")));
+  EXPECT_THAT(result.errors, IsEmpty());
+  EXPECT_EQ(result.output,
+            "ok       configuration     " + PathOf(L"CorvelConfig.ini") +
+                "\r\n"
+                "ok       folder            " +
+                PathOf(L"firmware") +
+                "\r\n"
+                "ok       modem image       " +
+                SizeOf(workspace.ModemImage()) +
+                "\r\n"
+                "ok       NVM image         " +
+                SizeOf(workspace.NvmImage()) +
+                "\r\n"
+                "ok       flashing library  " +
+                PathOf(L"Firmwareflashdownload.dll") +
+                "\r\n"
+                "ok       registry          HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService\r\n"
+                "warning  reset driver      its flash interface is absent\r\n"
+                "                           Install the modem's USB driver: without it a modem that hangs "
+                "cannot be reset.\r\n"
+                "warning  modem             absent\r\n"
+                "                           Look at the device manager; a flash tries a baseband reset "
+                "first.\r\n");
 }
 
-TEST_F(CheckTest, LeavesNoKeyAndNoLogBehind) {
+TEST_F(CheckTest, PrintsAnErrorOnStandardOutputToo) {
+  workspace.Remove(L"firmware");
+  const RunResult result = RunHost({L"check"});
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_THAT(result.errors, IsEmpty());
+  EXPECT_THAT(result.output, HasSubstr("error    folder            \""));
+}
+
+TEST_F(CheckTest, LeavesNoFileBehind) {
   RunHost({L"check"});
+  EXPECT_THAT(workspace.FilesBesideTheInstallation(), IsEmpty());
+}
+
+TEST_F(CheckTest, LeavesNoKeyBehindNorOneAboveIt) {
+  ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParentOfKey);
+  ASSERT_FALSE(ParentOfKeyExists());
+  const Findings findings = Check();
+  EXPECT_EQ(findings.Verdict("registry"), "ok");
   EXPECT_FALSE(key.Exists());
-  EXPECT_FALSE(workspace.Holds(L"FlashServiceDebugLogger_DLL.log"));
-  EXPECT_FALSE(workspace.Holds(L"FlashCommandLineLogger_DLL.log"));
+  EXPECT_FALSE(ParentOfKeyExists());
+}
+
+TEST_F(CheckTest, FindsAKeyThatIsThereAndLeavesItsValues) {
+  key.Write(L"Flash_Result", 4);
+  const Findings findings = Check();
+  EXPECT_EQ(findings.Verdict("registry"), "ok");
+  EXPECT_EQ(key.Read().result, 4u);
 }
 
 TEST_F(CheckTest, MissingConfiguration) {
   workspace.Remove(L"CorvelConfig.ini");
-  ExpectError("configuration", "no_configuration", 4);
+  ExpectError("configuration", "no_configuration", 4, PathOf(L"CorvelConfig.ini") + " is missing",
+              "Put CorvelConfig.ini beside this program.");
 }
 
 TEST_F(CheckTest, ConfigurationThatSomebodyReads) {
   const std::ifstream reader(workspace.File(L"CorvelConfig.ini"));
-  ExpectError("configuration", "no_configuration", 4);
+  ExpectError("configuration", "no_configuration", 4,
+              PathOf(L"CorvelConfig.ini") + " is open in another program",
+              "Close the program that has it open.");
+}
+
+TEST_F(CheckTest, ConfigurationThatIsAFolder) {
+  workspace.Remove(L"CorvelConfig.ini");
+  std::filesystem::create_directory(workspace.File(L"CorvelConfig.ini"));
+  ExpectError("configuration", "no_configuration", 4,
+              PathOf(L"CorvelConfig.ini") + " cannot be opened: " + SystemErrorText(ERROR_ACCESS_DENIED),
+              "Give this program the right to read it.");
 }
 
 TEST_F(CheckTest, ConfigurationWithoutFolder) {
   workspace.RemoveLine("[ModemAndNVMFirmwareFolder]=");
-  ExpectError("configuration", "no_folder_configured", 4);
+  ExpectError("configuration", "no_folder_configured", 4, "[ModemAndNVMFirmwareFolder] is not set",
+              "Name the folder of the images in CorvelConfig.ini. The first line of the file is always "
+              "skipped.");
 }
 
 TEST_F(CheckTest, RegistryLocationBelowAnUnknownRoot) {
   workspace.WriteConfiguration("[RegistryLocation]=", L"HKCC\\Software\\Corvel");
-  ExpectWarning("configuration", "[RegistryLocation]");
+  ExpectWarning("configuration", "unknown_root",
+                "[RegistryLocation] names no key below HKLM, HKU, HKCU, HKCR or HCC: the service takes "
+                "HKLM\\Software\\Corvel",
+                "Correct it for the service; the command line uses a key of its own.");
 }
 
 TEST_F(CheckTest, EraseModeThatTheFlashingLibraryDoesNotKnow) {
   workspace.WriteConfiguration("[ERASEMODE]=", L"7");
-  ExpectWarning("configuration", "[ERASEMODE]");
+  ExpectWarning("configuration", "value_read_otherwise", "line 7: [ERASEMODE]=7 is read as 0",
+                "Write 0, 1, 2 or 3.");
+}
+
+TEST_F(CheckTest, ErrorOfTheConfigurationComesBeforeItsWarnings) {
+  workspace.RemoveLine("[ModemAndNVMFirmwareFolder]=");
+  workspace.WriteConfiguration("[ModemAndNVMFirmwarefolder]=", L"C:\\");
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_EQ(findings.Code("configuration"), "no_folder_configured");
+  EXPECT_EQ(findings.VerdictOfCode("inexact_key"), "warning");
 }
 
 TEST_F(CheckTest, MissingFolder) {
   workspace.Remove(L"firmware");
-  ExpectError("folder", "no_folder", 3);
+  ExpectError("folder", "no_folder", 3, "\"" + PathOf(L"firmware") + "\" is no folder",
+              "Make the folder and put the images there, or correct [ModemAndNVMFirmwareFolder].");
 }
 
 TEST_F(CheckTest, FolderWithoutImages) {
   workspace.Remove(L"firmware\\modem.fls");
   workspace.Remove(L"firmware\\nvm.fls");
-  ExpectError("folder", "no_images", 3);
+  ExpectError("folder", "no_images", 3, "there is no firmware image (*.fls) in " + PathOf(L"firmware"),
+              "Copy the modem image and the NVM image there.");
 }
 
 TEST_F(CheckTest, ModemImageAlone) {
   workspace.Remove(L"firmware\\nvm.fls");
-  ExpectWarning("NVM image", "no image below 10 MiB");
+  ExpectWarning("NVM image", "image_missing", "no image below 10 MiB",
+                "A flash goes on with the other image alone.");
 }
 
 TEST_F(CheckTest, NvmImageAlone) {
   workspace.Remove(L"firmware\\modem.fls");
-  ExpectWarning("modem image", "no image of 10 MiB or more");
+  ExpectWarning("modem image", "image_missing", "no image of 10 MiB or more",
+                "A flash goes on with the other image alone.");
 }
 
 TEST_F(CheckTest, ImageThatSomebodyHolds) {
   const OwnedHandle holder(::CreateFileW(workspace.ModemImage().c_str(), GENERIC_READ, FILE_SHARE_READ,
                                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  ExpectError("modem image", "image_unreadable", 4);
+  ExpectError("modem image", "image_unreadable", 4,
+              PathOf(L"firmware\\modem.fls") + ": " + SystemErrorText(ERROR_SHARING_VIOLATION),
+              "Close the program that holds the image open, and give this one the right to read it.");
 }
 
 TEST_F(CheckTest, EmptyImage) {
   std::ofstream(workspace.NvmImage(), std::ios::trunc).flush();
-  ExpectError("NVM image", "image_empty", 4);
+  ExpectError("NVM image", "image_empty", 4, PathOf(L"firmware\\nvm.fls") + " is empty",
+              "Copy the image anew.");
+}
+
+TEST_F(CheckTest, SeveralNvmImages) {
+  std::ofstream(workspace.File(L"firmware\\another.fls")) << "an image";
+  std::ofstream(workspace.File(L"firmware\\empty.fls")).flush();
+  std::filesystem::create_directory(workspace.File(L"firmware\\folder.fls"));
+  ExpectWarning(
+      "NVM image", "several_images",
+      "3 of its kind: " + PathOf(L"firmware\\nvm.fls") + " is taken, not another.fls, empty.fls (empty)",
+      "Leave one image of each kind in the folder.");
+}
+
+TEST_F(CheckTest, SeveralModemImagesOfWhichTheSmallestHas10MiB) {
+  std::ofstream(workspace.File(L"firmware\\another.fls")).flush();
+  std::filesystem::resize_file(workspace.File(L"firmware\\another.fls"), 10 * 1024 * 1024);
+  ExpectWarning("modem image", "several_images",
+                "2 of its kind: " + PathOf(L"firmware\\modem.fls") + " is taken, not another.fls",
+                "Leave one image of each kind in the folder.");
+}
+
+TEST_F(CheckTest, SmallImagesAndNoModemImageIsNotSeveralOfThat) {
+  workspace.Remove(L"firmware\\modem.fls");
+  std::ofstream(workspace.File(L"firmware\\another.fls")).flush();
+  std::filesystem::resize_file(workspace.File(L"firmware\\another.fls"), 10 * 1024 * 1024 - 1);
+  const Findings findings = Check();
+  EXPECT_EQ(findings.Code("modem image"), "image_missing");
+  EXPECT_EQ(findings.Field("code", "several_images", "subject"), "NVM image");
 }
 
 TEST_F(CheckTest, MissingFlashingLibrary) {
   workspace.Remove(L"Firmwareflashdownload.dll");
-  ExpectError("flashing library", "no_flashing_library", 4);
+  ExpectError("flashing library", "no_flashing_library", 4,
+              PathOf(L"Firmwareflashdownload.dll") + ": " + SystemErrorText(ERROR_MOD_NOT_FOUND),
+              "Put the 64-bit flashing library beside this program.");
 }
 
 TEST_F(CheckTest, FlashingLibraryThatIsNoLibrary) {
   workspace.Remove(L"Firmwareflashdownload.dll");
   std::ofstream(workspace.File(L"Firmwareflashdownload.dll")) << "no library";
-  ExpectError("flashing library", "no_flashing_library", 4);
+  ExpectError("flashing library", "no_flashing_library", 4,
+              PathOf(L"Firmwareflashdownload.dll") + ": " + SystemErrorText(ERROR_BAD_EXE_FORMAT),
+              "Replace it by the 64-bit flashing library.");
+}
+
+TEST_F(CheckTest, FlashingLibraryThatNeedsAnotherThatIsMissing) {
+  LetItNeedAMissingLibrary(workspace.File(L"Firmwareflashdownload.dll"));
+  ExpectError("flashing library", "no_flashing_library", 4,
+              PathOf(L"Firmwareflashdownload.dll") + ": " + SystemErrorText(ERROR_MOD_NOT_FOUND),
+              "The library is there, but another one that it needs is not: install that beside it.");
 }
 
 TEST_F(CheckTest, FlashingLibraryWithoutItsExports) {
   workspace.PutProduct(L"virtual_pc_host.dll", L"Firmwareflashdownload.dll");
-  ExpectError("flashing library", "flashing_library_incomplete", 4);
-  EXPECT_THAT(Check().Message("flashing library"), HasSubstr("_ZEMO_DL_boot_target"));
+  ExpectError("flashing library", "flashing_library_incomplete", 4,
+              PathOf(L"Firmwareflashdownload.dll") +
+                  " lacks _ZEMO_DL_boot_target, _ZEMO_DL_close_comm_port, _ZEMO_DL_download_cust_file, "
+                  "_ZEMO_DL_download_dffs_file, _ZEMO_DL_download_fls_file, _ZEMO_DL_force_target_reset, "
+                  "_ZEMO_DL_get_sys_version, _ZEMO_get_next_free_channel, "
+                  "_ZEMO_DL_dll_get_nof_progressbars, _ZEMO_DL_init_callback, _ZEMO_DL_open_comm_port, "
+                  "_ZEMO_DL_set_dll_parameter, _ZEMO_DL_TOC_get_flash_technogy, "
+                  "_ZEMO_DL_TOC_get_memory_class, _ZEMO_DL_TOC_get_nof_items, "
+                  "_ZEMO_DL_out_of_session_comm",
+              "Install the version that belongs to this program.");
 }
 
 TEST_F(CheckTest, RegistryKeyThatCannotBeMade) {
   const UnwritableKey parent;
-  ExpectError("registry", "no_registry_access", 4);
+  ExpectError("registry", "no_registry_access", 4,
+              "HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService: " + SystemErrorText(ERROR_ACCESS_DENIED),
+              "Run this program as an administrator.");
 }
 
 TEST_F(CheckTest, ModemInFlashModeIsReady) {
@@ -182,11 +351,39 @@ TEST_F(CheckTest, ModemInFlashModeIsReady) {
 
 TEST_F(CheckTest, ModemThatIsAwayIsAWarning) {
   workspace.MakeVirtualPc({"state=restarting"});
-  ExpectWarning("modem", "absent");
+  ExpectWarning("modem", "modem_absent", "absent",
+                "Look at the device manager; a flash tries a baseband reset first.");
 }
 
 TEST_F(CheckTest, MissingResetDriverIsAWarning) {
-  ExpectWarning("reset driver", "absent");
+  ExpectWarning("reset driver", "no_reset_driver", "its flash interface is absent",
+                "Install the modem's USB driver: without it a modem that hangs cannot be reset.");
+}
+
+TEST_F(CheckTest, StrictLetsAWarningCountAsAnError) {
+  workspace.MakeVirtualPc();
+  workspace.WriteConfiguration("[IPCTYPE]=", L"pcie");
+  const Findings findings(RunHost({L"check", L"--strict", L"--json"}));
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_FALSE(findings.Ready());
+  EXPECT_EQ(findings.Verdict("configuration"), "warning");
+  EXPECT_EQ(findings.Error("code"), "value_read_otherwise");
+  EXPECT_EQ(findings.Error("message"), "Not ready, configuration: line 7: [IPCTYPE]=pcie is read as USB.");
+}
+
+TEST_F(CheckTest, StrictIsContentWithoutWarnings) {
+  workspace.MakeVirtualPc();
+  const Findings findings(RunHost({L"check", L"--strict", L"--json"}));
+  EXPECT_EQ(findings.ExitCode(), 0);
+  EXPECT_TRUE(findings.Ready());
+}
+
+TEST_F(CheckTest, StrictEndsWithTheErrorWhenThereAreBoth) {
+  workspace.Remove(L"firmware");
+  workspace.WriteConfiguration("[IPCTYPE]=", L"pcie");
+  const Findings findings(RunHost({L"check", L"--strict", L"--json"}));
+  EXPECT_EQ(findings.ExitCode(), 3);
+  EXPECT_EQ(findings.Error("code"), "no_folder");
 }
 
 TEST(CheckInAFolderNotInAsciiTest, KeepsPathsInUtf8) {
@@ -195,6 +392,36 @@ TEST(CheckInAFolderNotInAsciiTest, KeepsPathsInUtf8) {
   const Findings findings(RunToEnd(workspace.CommandLineHost(), {L"check", L"--json"}));
   EXPECT_EQ(findings.ExitCode(), 0);
   EXPECT_EQ(findings.Message("folder"), ToUtf8(workspace.ImageFolder().wstring()));
+}
+
+/// An installation in a folder whose name the system's code page does not hold.
+class CheckBeyondTheCodePageTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (name.empty()) GTEST_SKIP() << "the system's code page holds every name";
+    // The configuration cannot name such a folder either.
+    workspace.WriteConfiguration("[ModemAndNVMFirmwareFolder]=", images.Path().wstring());
+    for (const wchar_t* image : {L"modem.fls", L"nvm.fls"}) {
+      std::filesystem::copy_file(workspace.ImageFolder() / image, images.Path() / image);
+    }
+  }
+
+  std::wstring name = NameBeyondTheCodePage();
+  HostWorkspace workspace{name};
+  TemporaryFolder images;
+  KeptKey key{KeyOfCommandLine()};
+};
+
+TEST_F(CheckBeyondTheCodePageTest, TellsByWhatNameTheLogIsWritten) {
+  const Findings findings(RunToEnd(workspace.CommandLineHost(), {L"check", L"--json"}));
+  EXPECT_EQ(findings.ExitCode(), 0);
+  EXPECT_EQ(findings.Verdict("configuration"), "ok");
+  EXPECT_EQ(findings.Verdict("debug log"), "ok");
+  const std::wstring log = workspace.File(L"FlashCommandLineLogger_DLL.log").wstring();
+  const std::wstring folder = workspace.File(L"").wstring();
+  EXPECT_EQ(findings.Message("debug log"),
+            ToUtf8(log) + ", written by its short name " +
+                ToUtf8(FromAnsi(AnsiPath(folder, L"FlashCommandLineLogger_DLL.log"))));
 }
 
 }  // namespace

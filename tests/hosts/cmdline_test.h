@@ -1,7 +1,10 @@
 #pragma once
 
+#include <windows.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sddl.h>
 
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -12,18 +15,23 @@
 #include "host_workspace.h"
 #include "kept_key.h"
 
-/// While it lives, the key of the command line cannot be made: a key that lasts has no place below one that
-/// does not.
+/// While it lives, the key of the command line cannot be made: what it would lie below may only be read and
+/// deleted.
 class UnwritableKey {
  public:
   UnwritableKey() {
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
     HKEY opened = nullptr;
     DWORD found = REG_OPENED_EXISTING_KEY;
-    ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParent, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                      &opened, &found);
+    ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParent, 0, nullptr, 0, WRITE_DAC, nullptr, &opened, &found);
     m_key.reset(opened);
     if (found != REG_CREATED_NEW_KEY) throw std::runtime_error("the key's parent is in use");
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(kForEverybodyReadAndDelete, SDDL_REVISION_1,
+                                                           &descriptor, nullptr);
+    const LSTATUS status = ::RegSetKeySecurity(opened, DACL_SECURITY_INFORMATION, descriptor);
+    ::LocalFree(descriptor);
+    if (status != ERROR_SUCCESS) throw std::runtime_error("the key's parent cannot be protected");
   }
   ~UnwritableKey() {
     m_key.reset();
@@ -34,6 +42,7 @@ class UnwritableKey {
 
  private:
   static constexpr wchar_t kParent[] = L"SOFTWARE\\WOW6432Node\\Quenta";
+  static constexpr wchar_t kForEverybodyReadAndDelete[] = L"D:P(A;;KRSD;;;WD)";
   OwnedKey m_key;
 };
 

@@ -2,14 +2,9 @@
 
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
-struct Case {
-  const char* name;
-  std::vector<std::wstring> arguments;
-};
 template <typename Param>
 std::string NameOf(const testing::TestParamInfo<Param>& each) {
   return each.param.name;
@@ -38,7 +33,8 @@ INSTANTIATE_TEST_SUITE_P(
                              {L"flash", L"--help"},
                              {"--ipc", "--trace", "--wait-for-controller", "--timeout", "--json", "--quiet"}},
                     HelpCase{"Status", {L"status", L"--help"}, {"--watch", "--json"}},
-                    HelpCase{"Check", {L"check", L"--help"}, {"--json"}}),
+                    HelpCase{"Check", {L"check", L"--help"}, {"--json", "--strict"}},
+                    HelpCase{"HelpAsAVerb", {L"help"}, {"help VERB", "--version"}}),
     NameOf<HelpCase>);
 
 TEST_F(CommandLineTest, TellsItsVersion) {
@@ -47,36 +43,107 @@ TEST_F(CommandLineTest, TellsItsVersion) {
   EXPECT_EQ(result.output, "corvel_cmdline " CORVEL_VERSION "\r\n");
 }
 
-class WrongUsageTest : public CommandLineTest, public testing::WithParamInterface<Case> {};
+TEST_F(CommandLineTest, TellsItsVersionByTheShortOptionToo) {
+  const RunResult result = RunHost({L"-V"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "corvel_cmdline " CORVEL_VERSION "\r\n");
+}
+
+TEST_F(CommandLineTest, TellsTheSameWithHelpAsAVerb) {
+  EXPECT_EQ(RunHost({L"help"}).output, RunHost({L"--help"}).output);
+  EXPECT_EQ(RunHost({L"help", L"flash"}).output, RunHost({L"flash", L"--help"}).output);
+}
+
+TEST_F(CommandLineTest, TellsOfSecondsWithoutTheParsersWords) {
+  const RunResult result = RunHost({L"flash", L"--help"});
+  EXPECT_THAT(result.output,
+              HasSubstr("--timeout SECONDS           Give up after that many seconds, 1 or more "
+                        "(default: no limit)"));
+}
+
+struct WrongUsageCase {
+  const char* name;
+  std::vector<std::wstring> arguments;
+  std::string message;
+  std::string whatToDo;
+};
+
+class WrongUsageTest : public CommandLineTest, public testing::WithParamInterface<WrongUsageCase> {};
 
 TEST_P(WrongUsageTest, SaysSoOnStandardErrorAlone) {
   const RunResult result = RunHost(GetParam().arguments);
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.output, IsEmpty());
-  EXPECT_THAT(result.errors, Not(IsEmpty()));
+  EXPECT_EQ(result.errors, "corvel_cmdline: " + GetParam().message + "\r\n" + GetParam().whatToDo + "\r\n");
 }
 
-TEST_P(WrongUsageTest, WithJsonPrintsOneErrorDocumentAndNothingElse) {
-  Arguments arguments = GetParam().arguments;
-  arguments.push_back(L"--json");
-  const RunResult result = RunHost(arguments);
+TEST_F(CommandLineTest, WithJsonPrintsWrongUsageAsOneErrorDocumentAndNothingElse) {
+  const RunResult result = RunHost({L"falsh", L"--json"});
   EXPECT_EQ(result.exitCode, 2);
-  EXPECT_EQ(ErrorCode(result.output), "wrong_usage");
   EXPECT_THAT(result.errors, IsEmpty());
+  EXPECT_EQ(Document(result.output), nlohmann::json({{"error",
+                                                      {{"code", "wrong_usage"},
+                                                       {"message", "\"falsh\" is no verb."},
+                                                       {"what_to_do", "Did you mean \"flash\"?"}}}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, WrongUsageTest,
-                         testing::Values(Case{"NoVerb", {}}, Case{"UnknownVerb", {L"blink"}},
-                                         Case{"TwoVerbs", {L"status", L"check"}},
-                                         Case{"UnknownOption", {L"flash", L"--fast"}},
-                                         Case{"OptionOfAnotherVerb", {L"check", L"--watch"}},
-                                         Case{"UnknownBus", {L"flash", L"--ipc", L"isa"}},
-                                         Case{"BusNotInAscii", {L"flash", L"--ipc", L"\u00FC\u4E2D"}},
-                                         Case{"TraceOutOfRange", {L"flash", L"--trace", L"2"}},
-                                         Case{"TimeoutZero", {L"flash", L"--timeout", L"0"}},
-                                         Case{"TimeoutNegative", {L"flash", L"--timeout", L"-1"}},
-                                         Case{"TimeoutNoNumber", {L"flash", L"--timeout", L"soon"}},
-                                         Case{"TimeoutWithoutValue", {L"flash", L"--timeout"}}),
-                         NameOf<Case>);
+TEST_F(CommandLineTest, WithJsonPrintsAWrongValueAsAnErrorDocumentToo) {
+  const RunResult result = RunHost({L"flash", L"--json", L"--timeout", L"0"});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.errors, IsEmpty());
+  EXPECT_EQ(ErrorCode(result.output), "wrong_usage");
+}
+
+constexpr char kSeeHelp[] = "See \"corvel_cmdline help\".";
+
+std::string NoSeconds(const std::string& word) {
+  return "--timeout: \"" + word +
+         "\" is no number of seconds. Give a whole number from 1 to 4294967295, or leave it out for no "
+         "limit.";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, WrongUsageTest,
+    testing::Values(
+        WrongUsageCase{"NoVerb", {}, "A subcommand is required", kSeeHelp},
+        WrongUsageCase{"UnknownVerb", {L"blink"}, "\"blink\" is no verb.", kSeeHelp},
+        WrongUsageCase{"MistypedVerb", {L"falsh"}, "\"falsh\" is no verb.", "Did you mean \"flash\"?"},
+        WrongUsageCase{"VerbInCapitals", {L"STATUS"}, "\"STATUS\" is no verb.", "Did you mean \"status\"?"},
+        WrongUsageCase{
+            "HelpOfAMistypedVerb", {L"help", L"chek"}, "\"chek\" is no verb.", "Did you mean \"check\"?"},
+        WrongUsageCase{"TwoVerbs",
+                       {L"status", L"check"},
+                       "\"check\" is one verb too many.",
+                       "See \"corvel_cmdline help status\"."},
+        WrongUsageCase{"UnknownOption",
+                       {L"flash", L"--fast"},
+                       "\"--fast\" is no option of flash.",
+                       "See \"corvel_cmdline help flash\"."},
+        WrongUsageCase{"MistypedOption",
+                       {L"flash", L"--wiat-for-controller"},
+                       "\"--wiat-for-controller\" is no option of flash.",
+                       "Did you mean \"--wait-for-controller\"?"},
+        WrongUsageCase{"OptionOfAnotherVerb",
+                       {L"check", L"--watch"},
+                       "\"--watch\" is no option of check.",
+                       "See \"corvel_cmdline help check\"."},
+        WrongUsageCase{"UnknownBus", {L"flash", L"--ipc", L"isa"}, "--ipc: isa not in {usb,pcie}", kSeeHelp},
+        WrongUsageCase{"BusNotInAscii",
+                       {L"flash", L"--ipc", L"\u00FC\u4E2D"},
+                       "--ipc: \xC3\xBC\xE4\xB8\xAD not in {usb,pcie}",
+                       kSeeHelp},
+        WrongUsageCase{"TraceOutOfRange",
+                       {L"flash", L"--trace", L"2"},
+                       "--trace: Value 2 not in range 0 to 1",
+                       kSeeHelp},
+        WrongUsageCase{"TimeoutZero", {L"flash", L"--timeout", L"0"}, NoSeconds("0"), kSeeHelp},
+        WrongUsageCase{"TimeoutNegative", {L"flash", L"--timeout", L"-1"}, NoSeconds("-1"), kSeeHelp},
+        WrongUsageCase{"TimeoutNoNumber", {L"flash", L"--timeout", L"soon"}, NoSeconds("soon"), kSeeHelp},
+        WrongUsageCase{"TimeoutWithAUnit", {L"flash", L"--timeout", L"5s"}, NoSeconds("5s"), kSeeHelp},
+        WrongUsageCase{
+            "TimeoutTooLong", {L"flash", L"--timeout", L"4294967296"}, NoSeconds("4294967296"), kSeeHelp},
+        WrongUsageCase{
+            "TimeoutWithoutValue", {L"flash", L"--timeout"}, "--timeout needs a value.", kSeeHelp}),
+    NameOf<WrongUsageCase>);
 
 }  // namespace

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <vector>
+
+#include "configuration_file.h"
+#include "preflight.h"
+
+/// Warnings about all in the file that the library will read otherwise than its writer may think. An error
+/// of the file, such as a missing folder, is not among them.
+std::vector<Finding> AdviseOnConfiguration(const ConfigurationFile& configuration);

@@ -6,8 +6,7 @@
 
 #include <objbase.h>
 
-#include <catch2/catch.hpp>
-
+#include "catch.h"
 #include "ratio.h"
 #include "xmlfile/dom.h"
 #include "xmlfile/xmlfile.h"

@@ -1,9 +1,15 @@
-# GoogleTest, built for the target from the sources that the distribution packages.
-set(GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources")
+# GoogleTest: its own CMake package where there is one, as vcpkg installs it, and otherwise built for the target
+# from the sources that Debian packages.
+find_package(GTest CONFIG QUIET)
+if(TARGET GTest::gmock_main)
+  return()
+endif()
+
+set(GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources for who has no CMake package")
 if(NOT EXISTS ${GOOGLETEST_SOURCES}/CMakeLists.txt)
   message(FATAL_ERROR
-    "GoogleTest's sources are not in ${GOOGLETEST_SOURCES}: run scripts/setup, "
-    "or set GOOGLETEST_SOURCES to a copy of them.")
+    "GoogleTest is neither a CMake package nor in ${GOOGLETEST_SOURCES}. On Windows set VCPKG_ROOT: vcpkg installs it. "
+    "On Debian run scripts/setup. Or set GOOGLETEST_SOURCES to its sources, or CORVEL_BUILD_TESTS to OFF.")
 endif()
 
 set(INSTALL_GTEST OFF)

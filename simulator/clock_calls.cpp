@@ -86,10 +86,10 @@ ULONGLONG WINAPI SimulatedTickCount() {
 }  // namespace
 
 void PatchClock(ImportPatch& patch) {
-  patch.Replace("Sleep", &SimulatedSleep);
-  patch.Replace("SleepEx", &SimulatedSleepEx);
-  patch.Replace("WaitForSingleObject", &SimulatedWait);
-  patch.Replace("WaitForMultipleObjects", &SimulatedMultipleWait);
-  patch.Replace("GetOverlappedResultEx", &SimulatedOverlappedResult);
-  patch.Replace("GetTickCount64", &SimulatedTickCount);
+  patch.ReplaceIfImported("Sleep", &SimulatedSleep);
+  patch.ReplaceIfImported("SleepEx", &SimulatedSleepEx);
+  patch.ReplaceIfImported("WaitForSingleObject", &SimulatedWait);
+  patch.ReplaceIfImported("WaitForMultipleObjects", &SimulatedMultipleWait);
+  patch.ReplaceIfImported("GetOverlappedResultEx", &SimulatedOverlappedResult);
+  patch.ReplaceIfImported("GetTickCount64", &SimulatedTickCount);
 }

@@ -303,11 +303,11 @@ bool IsAtPortPresent(Machine& machine) {
 }
 
 void PatchDeviceTree(ImportPatch& patch) {
-  patch.Replace("CM_Get_Device_ID_List_SizeW", &SimulatedIdListSize);
-  patch.Replace("CM_Get_Device_ID_ListW", &SimulatedIdList);
-  patch.Replace("CM_Get_Device_Interface_List_SizeW", &SimulatedInterfaceListSize);
-  patch.Replace("CM_Get_Device_Interface_ListW", &SimulatedInterfaceList);
-  patch.Replace("CM_Locate_DevNodeW", &SimulatedLocate);
-  patch.Replace("CM_Reenumerate_DevNode", &SimulatedReenumerate);
-  patch.Replace("CM_Get_DevNode_Registry_PropertyW", &SimulatedProperty);
+  patch.ReplaceIfImported("CM_Get_Device_ID_List_SizeW", &SimulatedIdListSize);
+  patch.ReplaceIfImported("CM_Get_Device_ID_ListW", &SimulatedIdList);
+  patch.ReplaceIfImported("CM_Get_Device_Interface_List_SizeW", &SimulatedInterfaceListSize);
+  patch.ReplaceIfImported("CM_Get_Device_Interface_ListW", &SimulatedInterfaceList);
+  patch.ReplaceIfImported("CM_Locate_DevNodeW", &SimulatedLocate);
+  patch.ReplaceIfImported("CM_Reenumerate_DevNode", &SimulatedReenumerate);
+  patch.ReplaceIfImported("CM_Get_DevNode_Registry_PropertyW", &SimulatedProperty);
 }

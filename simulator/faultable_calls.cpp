@@ -84,7 +84,7 @@ Replacement Faultable(const char* name, Result(WINAPI* original)(Arguments...), 
   Call::name = name;
   Call::failure = failure;
   Call::kind = kind;
-  return {name, [name](ImportPatch& patch) { patch.Replace(name, &Call::Call); }};
+  return {name, [name](ImportPatch& patch) { patch.ReplaceIfImported(name, &Call::Call); }};
 }
 
 const std::vector<Replacement>& Replacements() {
@@ -103,7 +103,6 @@ const std::vector<Replacement>& Replacements() {
       Faultable<struct T9>("DeleteFileW", &::DeleteFileW, kLastError),
       Faultable<struct T10>("FindFirstFileW", &::FindFirstFileW, kLastError, INVALID_HANDLE_VALUE),
       Faultable<struct T11>("FindNextFileW", &::FindNextFileW, kLastError),
-      Faultable<struct T12>("CreateDirectoryW", &::CreateDirectoryW, kLastError),
       Faultable<struct T13>("GetModuleFileNameW", &::GetModuleFileNameW, kLastError),
       Faultable<struct T14>("RegOpenKeyExW", &::RegOpenKeyExW, kResult),
       Faultable<struct T15>("RegOpenKeyExA", &::RegOpenKeyExA, kResult),
@@ -122,7 +121,7 @@ const std::vector<Replacement>& Replacements() {
 
 void PatchFaultableCalls(ImportPatch& patch) {
   for (const auto& replacement : Replacements()) replacement.install(patch);
-  patch.Replace("FreeLibraryAndExitThread", &ExitWorkingThread);
+  patch.ReplaceIfImported("FreeLibraryAndExitThread", &ExitWorkingThread);
 }
 
 std::vector<std::string> PassedOnCalls() {

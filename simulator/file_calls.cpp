@@ -48,7 +48,7 @@ BOOL WINAPI SimulatedClose(HANDLE handle) {
 }  // namespace
 
 void PatchFiles(ImportPatch& patch) {
-  patch.Replace("CreateFileW", &SimulatedCreateW);
-  patch.Replace("CreateFileA", &SimulatedCreateA);
-  patch.Replace("CloseHandle", &SimulatedClose);
+  patch.ReplaceIfImported("CreateFileW", &SimulatedCreateW);
+  patch.ReplaceIfImported("CreateFileA", &SimulatedCreateA);
+  patch.ReplaceIfImported("CloseHandle", &SimulatedClose);
 }

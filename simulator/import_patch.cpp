@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <stdexcept>
 
 namespace {
 
@@ -50,6 +52,12 @@ bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
     found = true;
   });
   return found;
+}
+
+void ImportPatch::ThrowMissing(const char* function) const {
+  std::wstring path(MAX_PATH, L'\0');
+  path.resize(::GetModuleFileNameW(m_module, path.data(), MAX_PATH));
+  throw std::runtime_error(std::filesystem::path(path).filename().string() + " does not import " + function);
 }
 
 void ImportPatch::Restore() {

@@ -19,9 +19,18 @@ class ImportPatch {
   ImportPatch& operator=(const ImportPatch&) = delete;
 
   /// Puts `replacement` in the place of the imported `function`, whichever library it comes from.
-  /// @return false when the module does not import it.
+  /// @return true. A module that does not import it gives std::runtime_error: what rests on the replacement
+  /// would go to the system unnoticed.
   template <typename Function>
   bool Replace(const char* function, Function* replacement) {
+    if (!ReplaceIfImported(function, replacement)) ThrowMissing(function);
+    return true;
+  }
+
+  /// The same for a function that the module may well do without.
+  /// @return false when the module does not import it.
+  template <typename Function>
+  bool ReplaceIfImported(const char* function, Function* replacement) {
     return ReplaceSlot(function, reinterpret_cast<void*>(replacement));
   }
 
@@ -30,6 +39,7 @@ class ImportPatch {
 
  private:
   bool ReplaceSlot(const char* function, void* replacement);
+  [[noreturn]] void ThrowMissing(const char* function) const;
 
   HMODULE m_module;
   std::vector<std::pair<void**, void*>> m_originals;

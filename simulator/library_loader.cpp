@@ -152,7 +152,7 @@ const ModemInterface& ModemOfCurrentMachine() {
 }
 
 void PatchLibraryLoader(ImportPatch& patch) {
-  patch.Replace("LoadLibraryW", &SimulatedLoad);
-  patch.Replace("GetProcAddress", &SimulatedGetProcAddress);
-  patch.Replace("FreeLibrary", &SimulatedFree);
+  patch.ReplaceIfImported("LoadLibraryW", &SimulatedLoad);
+  patch.ReplaceIfImported("GetProcAddress", &SimulatedGetProcAddress);
+  patch.ReplaceIfImported("FreeLibrary", &SimulatedFree);
 }

@@ -152,10 +152,10 @@ std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path) 
 }
 
 void PatchSerialPort(ImportPatch& patch) {
-  patch.Replace("GetCommState", &SimulatedGetState);
-  patch.Replace("SetCommState", &SimulatedSetState);
-  patch.Replace("PurgeComm", &SimulatedPurge);
-  patch.Replace("ClearCommError", &SimulatedClearError);
-  patch.Replace("ReadFile", &SimulatedRead);
-  patch.Replace("WriteFile", &SimulatedWrite);
+  patch.ReplaceIfImported("GetCommState", &SimulatedGetState);
+  patch.ReplaceIfImported("SetCommState", &SimulatedSetState);
+  patch.ReplaceIfImported("PurgeComm", &SimulatedPurge);
+  patch.ReplaceIfImported("ClearCommError", &SimulatedClearError);
+  patch.ReplaceIfImported("ReadFile", &SimulatedRead);
+  patch.ReplaceIfImported("WriteFile", &SimulatedWrite);
 }

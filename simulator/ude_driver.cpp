@@ -125,5 +125,5 @@ std::optional<HANDLE> OpenDriver(Machine& machine, const std::wstring& path) {
 }
 
 void PatchDriver(ImportPatch& patch) {
-  patch.Replace("DeviceIoControl", &SimulatedDeviceIoControl);
+  patch.ReplaceIfImported("DeviceIoControl", &SimulatedDeviceIoControl);
 }

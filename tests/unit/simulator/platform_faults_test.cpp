@@ -1,5 +1,8 @@
 #include <algorithm>
 
+#include <gmock/gmock.h>
+
+#include "import_patch.h"
 #include "simulation_test.h"
 
 namespace {
@@ -43,6 +46,38 @@ TEST_F(PlatformFaultsTest, EveryCallIsNamedOnce) {
   auto names = FaultableCalls();
   std::ranges::sort(names);
   EXPECT_TRUE(std::ranges::adjacent_find(names) == names.end());
+}
+
+/// The library as data: nothing in it runs.
+class MappedLibrary {
+ public:
+  MappedLibrary() : m_module(::LoadLibraryExW(L"CorvelToolKit.dll", nullptr, DONT_RESOLVE_DLL_REFERENCES)) {}
+  ~MappedLibrary() { ::FreeLibrary(m_module); }
+  MappedLibrary(const MappedLibrary&) = delete;
+  MappedLibrary& operator=(const MappedLibrary&) = delete;
+
+  std::vector<std::string> FunctionsCalled() const {
+    std::vector<std::string> functions = ImportedFunctions(m_module);
+    for (std::string& name : functions) name.erase(0, name.find('!') + 1);
+    return functions;
+  }
+
+ private:
+  HMODULE m_module;
+};
+
+TEST(ImportsOfTheLibrary, AreAllThatTheVirtualPcReplaces) {
+  const auto called = MappedLibrary().FunctionsCalled();
+  auto replaced = FaultableCalls();
+  replaced.insert(replaced.end(),
+                  {"CloseHandle", "FreeLibrary", "FreeLibraryAndExitThread", "GetTickCount64", "Sleep"});
+  for (const std::string& name : replaced) EXPECT_THAT(called, testing::Contains(name));
+}
+
+TEST(ImportPatchTest, RefusesAFunctionThatIsNotImported) {
+  ImportPatch patch(::GetModuleHandleW(nullptr));
+  EXPECT_THROW(patch.Replace("NoSuchFunction", &Nothing), std::runtime_error);
+  EXPECT_FALSE(patch.ReplaceIfImported("NoSuchFunction", &Nothing));
 }
 
 }  // namespace

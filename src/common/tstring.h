@@ -7,7 +7,7 @@
 
 #if defined(_MSC_VER)
 #pragma warning(push)
-#pragma warning(disable : 4251)  // The members are private; host and library share one runtime.
+#pragma warning(disable : 4251)  // Private members; toolkitexport.h tells what a host needs for them.
 #endif
 
 /// The text type of the library's interface: UTF-16 inside, UTF-8 for every narrow text that goes in or

@@ -12,11 +12,10 @@
 #include <optional>
 
 #include "common/debuglogger.h"
-#include "common/fileio.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "config/documentfile.h"
-#include "toolkit/toolkit.h"
+#include "toolkit/installationdir.h"
 
 // %S is Microsoft's, and so is the function that prints it: no pedantry, but the types are checked.
 #if defined(__GNUC__)
@@ -69,15 +68,45 @@ UniqueFile OpenForOneself(const wchar_t* path) {
   return UniqueFile(::_wfsopen(path, L"rt", _SH_DENYRW));
 }
 
-/// The next line with its line end, whatever its length, each byte one character; nothing at the end.
+/// The next line with its line end, whatever its length, each byte one character; nothing at the end, nor
+/// when reading fails on the way.
 std::optional<std::wstring> ReadLine(std::FILE* file) {
   std::wstring line;
   for (int byte = std::fgetc(file); byte != EOF; byte = std::fgetc(file)) {
     line += static_cast<wchar_t>(byte);
     if (byte == '\n') return line;
   }
-  if (line.empty()) return std::nullopt;
+  if (line.empty() || std::ferror(file) != 0) return std::nullopt;
   return line;
+}
+
+bool Exists(const wchar_t* path) {
+  return ::GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
+}
+
+/// The text in the system's ANSI code page, in which the log file is named; nothing when that page lacks one
+/// of its characters.
+std::optional<std::string> ExactAnsi(const std::wstring& text) {
+  std::string narrow = AnsiFromWide(text);
+  std::wstring back(text.size(), L'\0');
+  const int length = ::MultiByteToWideChar(CP_ACP, 0, narrow.data(), static_cast<int>(narrow.size()),
+                                           back.data(), static_cast<int>(back.size()));
+  if (static_cast<std::size_t>(length) != text.size() || back != text) return std::nullopt;
+  return narrow;
+}
+
+/// The path that the volume also knows a folder by; the same path when it knows no other.
+std::wstring ShortPath(const std::wstring& folder) {
+  std::wstring path(::GetShortPathNameW(folder.c_str(), nullptr, 0), L'\0');
+  if (path.empty()) return folder;
+  path.resize(::GetShortPathNameW(folder.c_str(), path.data(), static_cast<DWORD>(path.size())));
+  return path;
+}
+
+/// Where the log goes; nothing when no narrow name leads to the folder.
+std::optional<std::string> LogPath(const std::wstring& folder) {
+  if (auto path = ExactAnsi(folder + kLogFileName)) return path;
+  return ExactAnsi(ShortPath(folder) + kLogFileName);
 }
 
 /// As atoi converts, but clamped where atoi leaves too large a number open.
@@ -96,7 +125,14 @@ CConfigParser* CConfigParser::GetInstance() {
     LOG_ERROR("COM initialization failed with: %x", static_cast<unsigned int>(entered));
     return nullptr;
   }
-  if (m_instance != nullptr) m_instance->Init();
+  if (m_instance == nullptr) return nullptr;
+  try {
+    m_instance->Init();
+  } catch (...) {
+    // Out of memory: half an instance would pass for a whole one the next time.
+    ReleaseInstance();
+    throw;
+  }
   return m_instance;
 }
 
@@ -164,28 +200,31 @@ bool CConfigParser::EnteredComOnThisThread() const {
 
 bool CConfigParser::Init() {
   m_loaded = m_resourceLoaded = false;
-  m_traceLevel = m_rebootType = m_eraseMode = 0;
-  m_registryLocation[0] = m_firmwareFolder[0] = m_ipcType[0] = L'\0';
+  ResetSettings();
   for (const Key& key : kKeys) m_keys[key.text] = key.number;
 
-  const CTString folder = ToolKit::GetInstallationDir();
+  const CTString folder = InstallationDir();
   if (folder.IsEmpty()) return false;
   m_fileName = kConfigFileName;
   m_filePath = folder + m_fileName;
   CDebugLogger* const logger = CDebugLogger::GetInstance();
-  if (logger != nullptr) {
-    logger->SetFileName(AnsiFromWide(static_cast<const wchar_t*>(folder + kLogFileName)).c_str());
-  }
+  const std::optional<std::string> logPath = LogPath(static_cast<const wchar_t*>(folder));
+  if (logger != nullptr && logPath) logger->SetFileName(logPath->c_str());
   return true;
 }
 
-bool CConfigParser::LoadConfig(const wchar_t*) {
+void CConfigParser::ResetSettings() {
+  m_traceLevel = m_rebootType = m_eraseMode = 0;
+  m_registryLocation[0] = m_firmwareFolder[0] = m_ipcType[0] = L'\0';
+}
+
+bool CConfigParser::LoadConfig(const wchar_t*) try {
   if (m_loaded) return true;
   LOG_TRACE("Start LoadConfig ++");
   LOG_TRACE("VERSION: %s", CORVEL_VERSION);
 
   const wchar_t* const path = m_filePath;
-  if (!CFileIo::Exists(AnsiFromWide(path).c_str())) {
+  if (!Exists(path)) {
     LOG_ERROR("\t%s not exist, exit", Narrow(m_filePath).c_str());
     return false;
   }
@@ -199,8 +238,18 @@ bool CConfigParser::LoadConfig(const wchar_t*) {
   // The first line is a title, whatever it holds.
   static_cast<void>(ReadLine(file.get()));
   while (const std::optional<std::wstring> line = ReadLine(file.get())) TakeLine(*line);
+  if (std::ferror(file.get()) != 0) {
+    // Half of the settings would start a service that nobody has configured.
+    ResetSettings();
+    LOG_ERROR("\t%s could not be read to its end, none of its settings is used", Narrow(m_filePath).c_str());
+    return false;
+  }
   m_loaded = true;
   return true;
+} catch (...) {
+  // Out of memory on the way.
+  ResetSettings();
+  throw;
 }
 
 void CConfigParser::TakeLine(std::wstring_view line) {

@@ -38,7 +38,8 @@ class CConfigParser {
   /// Resets all settings and fixes where the settings file and the debug log lie.
   /// @return false when the folder of the host's executable is unknown; there is no file to load then.
   bool Init();
-  /// Reads the file that Init fixed, whatever `path` is. @return true when it is loaded, now or before.
+  /// Reads the file that Init fixed, whatever `path` is. One that cannot be read to its end leaves all
+  /// settings at their defaults. @return true when it is loaded, now or before.
   bool LoadConfig(const wchar_t* path);
   /// Stores one setting; texts are cut to 511 characters. An unknown key changes nothing.
   void SetConfigVar(const wchar_t* key, const wchar_t* value);
@@ -69,6 +70,7 @@ class CConfigParser {
 
   static HRESULT EnterComAndMake();
   bool EnteredComOnThisThread() const;
+  void ResetSettings();
   void TakeLine(std::wstring_view line);
 
   static CConfigParser* m_instance;

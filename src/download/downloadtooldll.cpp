@@ -10,6 +10,7 @@
 #include "common/tstring.h"
 #include "common/win32error.h"
 #include "download/firmwaredownloader.h"
+#include "toolkit/installationdir.h"
 
 namespace {
 
@@ -120,7 +121,7 @@ std::shared_ptr<FlashLibrary> CDownloadToolDll::Library() {
 
 bool CDownloadToolDll::SetFunctionPointers(FlashLibrary& library) {
   CTString& path = g_binding->fileName;
-  path = ToolKit::GetInstallationDir() + path;
+  path = InstallationDir() + path;
   g_binding->module.reset(::LoadLibraryW(path));
   if (g_binding->module == nullptr) {
     const int error = LastErrorNumber();

@@ -15,15 +15,33 @@ constexpr int kPathLimit = 260;
 constexpr wchar_t kImagePattern[] = L"*.fls";
 constexpr wchar_t kPathSeparator[] = L"\\";
 
-/// Starts a search; an empty owner when it cannot be started or nothing matches.
-UniqueFileSearch FindFirst(const CTString& pattern, WIN32_FIND_DATAW& entry) {
-  const HANDLE search = ::FindFirstFileW(pattern, &entry);
-  return UniqueFileSearch(search == INVALID_HANDLE_VALUE ? nullptr : search);
-}
+/// A walk over all entries that match a pattern, folders included, in the order of the file system.
+class Listing {
+ public:
+  explicit Listing(const CTString& pattern) {
+    const HANDLE search = ::FindFirstFileW(pattern, &m_entry);
+    m_search.reset(search == INVALID_HANDLE_VALUE ? nullptr : search);
+  }
 
-bool FindNext(const UniqueFileSearch& search, WIN32_FIND_DATAW& entry) {
-  return ::FindNextFileW(search.get(), &entry) != FALSE;
-}
+  /// False when it could not be started, or nothing matches. Otherwise there is a first entry.
+  bool IsStarted() const { return m_search != nullptr; }
+  const WIN32_FIND_DATAW& Entry() const { return m_entry; }
+  /// Goes to the next entry. @return false when there is none, or none could be had.
+  bool GoOn() {
+    if (::FindNextFileW(m_search.get(), &m_entry)) return true;
+    m_end = ::GetLastError();
+    return false;
+  }
+  /// Whether the walk broke off: what it has found is not all there is.
+  bool BrokeOff() const { return m_end != ERROR_NO_MORE_FILES; }
+  /// Why it ended.
+  DWORD End() const { return m_end; }
+
+ private:
+  WIN32_FIND_DATAW m_entry{};
+  UniqueFileSearch m_search;
+  DWORD m_end = ERROR_NO_MORE_FILES;
+};
 
 bool IsFolder(DWORD attributes) {
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -33,24 +51,27 @@ bool IsModemImage(const WIN32_FIND_DATAW& entry) {
   return entry.nFileSizeHigh != 0 || entry.nFileSizeLow >= kSmallestModemImageBytes;
 }
 
-/// Names of all entries that match, folders included, in the order of the file system.
+/// Names of all entries that match; none when they could not all be listed.
 std::queue<std::wstring> MatchingNames(const CTString& pattern) {
   std::queue<std::wstring> names;
-  WIN32_FIND_DATAW entry{};
-  const UniqueFileSearch search = FindFirst(pattern, entry);
-  if (search == nullptr) return names;
+  Listing listing(pattern);
+  if (!listing.IsStarted()) return names;
   do {
-    names.emplace(entry.cFileName);
-  } while (FindNext(search, entry));
-  return names;
+    names.emplace(listing.Entry().cFileName);
+  } while (listing.GoOn());
+  return listing.BrokeOff() ? std::queue<std::wstring>() : names;
+}
+
+void ForgetImages() {
+  ToolKit::m_ModemFlsFile.Empty();
+  ToolKit::m_NVMFlsFile.Empty();
 }
 
 }  // namespace
 
 bool ToolKit::FetchModemNVMFls(CTString folder) try {
   LOG_TRACE("FetchModemNVMFls ++");
-  m_ModemFlsFile.Empty();
-  m_NVMFlsFile.Empty();
+  ForgetImages();
 
   const DWORD attributes = ::GetFileAttributesW(folder);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
@@ -66,14 +87,14 @@ bool ToolKit::FetchModemNVMFls(CTString folder) try {
 
   LOG_TRACE("folder: dir=%s", Narrow(folder).c_str());
   folder += kPathSeparator;
-  WIN32_FIND_DATAW entry{};
-  const UniqueFileSearch search = FindFirst(folder + kImagePattern, entry);
-  if (search == nullptr) {
+  Listing listing(folder + kImagePattern);
+  if (!listing.IsStarted()) {
     LOG_TRACE("%s: FindFirstFile failed", QUALIFIED_FUNCTION);
     return false;
   }
 
   do {
+    const WIN32_FIND_DATAW& entry = listing.Entry();
     if (IsFolder(entry.dwFileAttributes)) continue;
     const CTString path = folder + entry.cFileName;
     const std::string printed = Narrow(path);
@@ -91,12 +112,19 @@ bool ToolKit::FetchModemNVMFls(CTString folder) try {
       m_NVMFlsFile = path;
       LOG_TRACE("   Found, NVM fls file: %s", printed.c_str());
     }
-  } while (FindNext(search, entry));
+  } while (listing.GoOn());
 
+  if (listing.BrokeOff()) {
+    // One image alone would be flashed as if it were all that there is.
+    ForgetImages();
+    LOG_ERROR("\t The search in folder(%s) broke off, no image is taken, error: %d", Narrow(folder).c_str(),
+              static_cast<int>(listing.End()));
+  }
   LOG_TRACE("FetchModemNVMFls --");
-  return true;
+  return !listing.BrokeOff();
 } catch (...) {
   // Out of memory: as if the search could not start.
+  ForgetImages();
   return false;
 }
 

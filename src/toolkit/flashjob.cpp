@@ -1,9 +1,9 @@
 #include "toolkit/flashjob.h"
 
-#include <atomic>
 #include <exception>
 
 #include "common/log.h"
+#include "common/sharedvalue.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "common/worker.h"
@@ -37,17 +37,34 @@ void SetResult(int code) {
   ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, code);
 }
 
-// The exported flags keep their plain type; these are the two that another thread changes meanwhile.
-std::atomic_ref<bool> Presence() {
-  return std::atomic_ref<bool>(ToolKit::m_MBIM_Modem_presence);
+/// Loads the flashing library. No engine now, be it for lack of memory, does not stop the attempt: the worker
+/// asks again.
+void LoadEngine() {
+  try {
+    CFirmwareDownloader::GetInstance();
+  } catch (...) {
+  }
 }
-std::atomic_ref<bool> Monitor() {
-  return std::atomic_ref<bool>(ToolKit::m_MBIM_Modem_monitor);
+
+/// One download by the present engine, with the result stored for the job that waits for it.
+UpdateFirmwareResult AttemptDownload(const CTString& modemImage, const CTString& nvmImage) {
+  const CTString modem = modemImage;
+  const CTString nvm = nvmImage;
+  const auto engine = CFirmwareDownloader::GetInstance();
+  if (engine == nullptr) return FirmwareNotUpdated;
+  const UpdateFirmwareResult result = engine->Download(modem, nvm);
+  // A worker that comes back late has nothing to say about a newer attempt.
+  engine->UnlessAbandoned([result] {
+    Shared(ToolKit::mFlashResult) = result;
+    if (result == FirmwareUpdated) SetProgress(100);
+  });
+  return result;
 }
 
 }  // namespace
 
 const FlashJobRules kServiceRules{
+    .procedure = "ToolKit::MainThreadImplementation",
     .countsMissingWorker = true,
     .pauseBeforeRetryMs = 5000,
     .looksOnceMore = true,
@@ -65,6 +82,7 @@ const FlashJobRules kServiceRules{
 };
 
 const FlashJobRules kCommandLineRules{
+    .procedure = "ToolKit::FirmwareFlash_CmdLine",
     .countsMissingWorker = false,
     .pauseBeforeRetryMs = 4000,
     .looksOnceMore = false,
@@ -89,13 +107,13 @@ void FlashJob::WriteInitialValues() {
 }
 
 void FlashJob::AwaitRequest() {
-  ToolKit::g_retry_times = 0;
-  LOG_TRACE("\t Initialze registry");
+  Shared(ToolKit::g_retry_times) = 0;
+  LOG_TRACE_AS(m_rules.procedure, "\t Initialze registry");
   SetTimeOut();
   SetOnGoing(0);
-  ToolKit::mRetry_times =
+  Shared(ToolKit::mRetry_times) =
       static_cast<unsigned long>(ToolKit::GetFlashRetryTimes(ToolKit::hMainKey, ToolKit::mStrKey));
-  LOG_TRACE("\t Monitor flash ready flag to be ready");
+  LOG_TRACE_AS(m_rules.procedure, "\t Monitor flash ready flag to be ready");
   ToolKit::MonitorFlashReadyFlag();
 }
 
@@ -103,16 +121,18 @@ bool FlashJob::FindImages() {
   SetProgress(0);
   SetResult(kResultIdle);
   m_nModemNVMFolder = CConfigParser::ConfiguredFirmwareFolder();
-  LOG_TRACE("\t fetch modem & NVM folder, m_nModemNVMFolder:%s", Narrow(m_nModemNVMFolder).c_str());
+  LOG_TRACE_AS(m_rules.procedure, "\t fetch modem & NVM folder, m_nModemNVMFolder:%s",
+               Narrow(m_nModemNVMFolder).c_str());
   if (ToolKit::FetchModemNVMFls(m_nModemNVMFolder)) return true;
-  LOG_TRACE(
+  LOG_TRACE_AS(
+      m_rules.procedure,
       "\t Can't find available fls, monitor again, continue to monitor registry change and fetch modem/nvm "
       "files");
   return false;
 }
 
 void FlashJob::Run() {
-  LOG_TRACE("\t IPC Type :%s", Narrow(CConfigParser::ConfiguredIPCType()).c_str());
+  LOG_TRACE_AS(m_rules.procedure, "\t IPC Type :%s", Narrow(CConfigParser::ConfiguredIPCType()).c_str());
   Outcome outcome = Download();
   if (outcome == Outcome::Succeeded) outcome = AwaitRearrival();
   if (outcome != Outcome::Dropped) End(outcome == Outcome::Succeeded ? kResultSucceeded : kResultFailed);
@@ -130,39 +150,39 @@ FlashJob::Outcome FlashJob::Download() {
 }
 
 FlashJob::Attempt FlashJob::DownloadOnce() {
-  // Loads the flashing library. No engine now does not stop the attempt: the worker asks again.
-  CFirmwareDownloader::GetInstance();
+  LoadEngine();
   SetOnGoing(1);
   SetResult(kResultFlashing);
 
   UniqueHandle worker = StartWorker([] { ToolKit::DownloadFirmwareImplementation(nullptr); });
   if (worker == nullptr) {
-    LOG_ERROR(m_rules.workerNotStarted, static_cast<unsigned>(::GetLastError()));
+    LOG_ERROR_AS(m_rules.procedure, m_rules.workerNotStarted, static_cast<unsigned>(::GetLastError()));
     return Attempt::NoWorker;
   }
-  LOG_TRACE(m_rules.attemptTimeLimit, static_cast<int>(kAttemptTimeLimitMs / 1000));
+  LOG_TRACE_AS(m_rules.procedure, m_rules.attemptTimeLimit, static_cast<int>(kAttemptTimeLimitMs / 1000));
   const bool ended = ::WaitForSingleObject(worker.get(), kAttemptTimeLimitMs) == WAIT_OBJECT_0;
   worker.reset();
   if (!ended) {
-    LOG_ERROR("%s", m_rules.attemptOverran);
+    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.attemptOverran);
     return Attempt::Failed;
   }
-  if (ToolKit::mFlashResult != FirmwareUpdated) {
-    LOG_ERROR("%s", m_rules.attemptFailed);
+  if (Shared(ToolKit::mFlashResult) != FirmwareUpdated) {
+    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.attemptFailed);
     return Attempt::Failed;
   }
   return Attempt::Succeeded;
 }
 
 bool FlashJob::MayDownloadAgain() {
-  if (++m_failures > ToolKit::mRetry_times) {
-    LOG_ERROR("\t Flash still failed after reach maximum retry value");
+  if (++m_failures > Shared(ToolKit::mRetry_times)) {
+    LOG_ERROR_AS(m_rules.procedure, "\t Flash still failed after reach maximum retry value");
     return false;
   }
-  LOG_ERROR(m_rules.retry, static_cast<int>(m_failures), static_cast<int>(ToolKit::mRetry_times));
+  LOG_ERROR_AS(m_rules.procedure, m_rules.retry, static_cast<int>(m_failures),
+               static_cast<int>(Shared(ToolKit::mRetry_times)));
   SetResult(kResultRetrying);
   CFirmwareDownloader::Unload();
-  LOG_TRACE("%s", m_rules.pauseBeforeRetry);
+  LOG_TRACE_AS(m_rules.procedure, "%s", m_rules.pauseBeforeRetry);
   ::Sleep(m_rules.pauseBeforeRetryMs);
   return true;
 }
@@ -170,53 +190,54 @@ bool FlashJob::MayDownloadAgain() {
 // --- Coming back -----------------------------------------------------------------------------------------
 
 FlashJob::Outcome FlashJob::AwaitRearrival() {
-  LOG_TRACE("%s", m_rules.flashed);
+  LOG_TRACE_AS(m_rules.procedure, "%s", m_rules.flashed);
   while (!ModemRearrived()) {
     if (!MayAwaitAgain()) {
       SetOnGoing(0);
       return Outcome::Failed;
     }
   }
-  LOG_TRACE("\t MBIM Modem re-arrival, FW update OK");
+  LOG_TRACE_AS(m_rules.procedure, "\t MBIM Modem re-arrival, FW update OK");
   SetOnGoing(0);
   return Outcome::Succeeded;
 }
 
 bool FlashJob::ModemRearrived() {
-  Presence() = false;
-  Monitor() = true;
+  Shared(ToolKit::m_MBIM_Modem_presence) = false;
+  Shared(ToolKit::m_MBIM_Modem_monitor) = true;
   UniqueHandle watcher = StartWorker([] { ToolKit::WaitForMBIMRearrivedImplementation(nullptr); });
   if (watcher == nullptr) {
-    LOG_ERROR("\t CreateThread WaitForMBIMRearrivedImplementation error: %x\n",
-              static_cast<unsigned>(::GetLastError()));
+    LOG_ERROR_AS(m_rules.procedure, "\t CreateThread WaitForMBIMRearrivedImplementation error: %x\n",
+                 static_cast<unsigned>(::GetLastError()));
     return false;
   }
   const bool ended = ::WaitForSingleObject(watcher.get(), kRearrivalTimeLimitMs) == WAIT_OBJECT_0;
   watcher.reset();
-  Monitor() = false;
+  Shared(ToolKit::m_MBIM_Modem_monitor) = false;
   if (!ended) return IsBackAfterAll();
-  const bool present = Presence();
-  LOG_TRACE("\t check m_MBIM_Modem_presence: %d, %s\n", present ? 1 : 0,
-            present ? "Re-arrived" : "Not arrived");
+  const bool present = Shared(ToolKit::m_MBIM_Modem_presence);
+  LOG_TRACE_AS(m_rules.procedure, "\t check m_MBIM_Modem_presence: %d, %s\n", present ? 1 : 0,
+               present ? "Re-arrived" : "Not arrived");
   return present;
 }
 
 bool FlashJob::IsBackAfterAll() {
-  LOG_ERROR("%s", ToolKit::g_bIsFiveBranch ? m_rules.lateWithReset : m_rules.lateWithoutReset);
+  LOG_ERROR_AS(m_rules.procedure, "%s",
+               Shared(ToolKit::g_bIsFiveBranch) ? m_rules.lateWithReset : m_rules.lateWithoutReset);
   return m_rules.looksOnceMore && ToolKit::IsMBIMModemPresence();
 }
 
 bool FlashJob::MayAwaitAgain() {
-  if (++m_failures > ToolKit::mRetry_times) {
-    LOG_ERROR("%s", m_rules.rearrivalLimitReached);
-    LOG_ERROR("\t Flash OK, but wait Modem re-arrived failed");
+  if (++m_failures > Shared(ToolKit::mRetry_times)) {
+    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.rearrivalLimitReached);
+    LOG_ERROR_AS(m_rules.procedure, "\t Flash OK, but wait Modem re-arrived failed");
     return false;
   }
-  LOG_ERROR("\t MBIM device not arrival, retry again, %d(Max %d)", static_cast<int>(m_failures),
-            static_cast<int>(ToolKit::mRetry_times));
+  LOG_ERROR_AS(m_rules.procedure, "\t MBIM device not arrival, retry again, %d(Max %d)",
+               static_cast<int>(m_failures), static_cast<int>(Shared(ToolKit::mRetry_times)));
   SetResult(kResultRetrying);
   CFirmwareDownloader::Unload();
-  if (ToolKit::g_bIsFiveBranch) CUdeIoControl::GetInstance()->TriggerFlashReset();
+  if (Shared(ToolKit::g_bIsFiveBranch)) CUdeIoControl::GetInstance()->TriggerFlashReset();
   ::Sleep(kPauseBeforeAwaitingAgainMs);
   return true;
 }
@@ -233,18 +254,13 @@ void FlashJob::End(int result) {
 // --- The workers -----------------------------------------------------------------------------------------
 
 bool ToolKit::DownloadFirmwareImplementation(void*) {
-  mFlashResult = FirmwareNotUpdated;
+  Shared(mFlashResult) = FirmwareNotUpdated;
   LOG_TRACE("%s ++", QUALIFIED_FUNCTION);
-  const CTString modem = m_ModemFlsFile;
-  const CTString nvm = m_NVMFlsFile;
   UpdateFirmwareResult result = FirmwareNotUpdated;
-  if (const auto engine = CFirmwareDownloader::GetInstance()) {
-    result = engine->Download(modem, nvm);
-    // A worker that comes back late has nothing to say about a newer attempt.
-    engine->UnlessAbandoned([result] {
-      mFlashResult = result;
-      if (result == FirmwareUpdated) SetProgress(100);
-    });
+  try {
+    result = AttemptDownload(m_ModemFlsFile, m_NVMFlsFile);
+  } catch (...) {
+    // Out of memory: the attempt has failed. It never goes on with a path that was lost on the way.
   }
   LOG_TRACE("%s --, result: %d", QUALIFIED_FUNCTION, static_cast<int>(result));
   return true;
@@ -255,11 +271,11 @@ bool ToolKit::WaitForMBIMRearrivedImplementation(void*) {
   do {
     if (IsDevicePresent(kMbimModemId)) {
       LOG_TRACE("\t MBIM modem re-found");
-      Presence() = true;
+      Shared(m_MBIM_Modem_presence) = true;
       break;
     }
     ::Sleep(kRearrivalPollMs);
-  } while (Monitor());
+  } while (Shared(m_MBIM_Modem_monitor));
   LOG_TRACE("WaitForMBIMRearrivedImplementation --");
   return true;
 }

@@ -15,6 +15,9 @@ inline constexpr int kResultSucceeded = 4;
 /// What a job does and says differently when the service or the command line runs it. Everything else is
 /// the same, FlashJob below.
 struct FlashJobRules {
+  /// The function that the job's records are logged under.
+  const char* procedure;
+
   /// Whether a download worker that cannot be started is a failed attempt; otherwise it ends the job where
   /// it stands.
   bool countsMissingWorker;

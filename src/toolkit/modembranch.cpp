@@ -5,6 +5,7 @@
 
 #include "common/handles.h"
 #include "common/log.h"
+#include "common/sharedvalue.h"
 #include "toolkit/toolkit.h"
 
 namespace {
@@ -40,7 +41,7 @@ int ToolKit::GetModemBranch() {
     LOG_TRACE("\t %s: Arvo hardcode to support BBRST for all branch\n", QUALIFIED_FUNCTION);
   }
   // Set on both branches: the baseband reset after a failed re-arrival works on either.
-  g_bIsFiveBranch = true;
+  Shared(g_bIsFiveBranch) = true;
   return 1;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <optional>
 #include <string_view>
 
 #include "common/handles.h"
@@ -93,22 +92,32 @@ void CreateKey(HKEY root, const wchar_t* subKey) {
   }
 }
 
+struct QueriedNumber {
+  LSTATUS status;
+  int data;
+};
+
 /// Any value of up to four bytes, whatever its type; missing bytes are zero.
-std::optional<int> QueryNumber(const UniqueRegistryKey& key, const wchar_t* valueName) {
+QueriedNumber QueryNumber(const UniqueRegistryKey& key, const wchar_t* valueName) {
   DWORD type = 0;
   DWORD data = 0;
   DWORD size = sizeof data;
   const LSTATUS status = ::RegQueryValueExW(key.get(), valueName, nullptr, &type,
                                             reinterpret_cast<unsigned char*>(&data), &size);
-  if (status != ERROR_SUCCESS) return std::nullopt;
-  return static_cast<int>(data);
+  return {status, static_cast<int>(data)};
 }
+
+enum class ReadyFlag { Raised, NotRaised, Unknown };
 
 /// A look at the ready flag that leaves no trace. It asks for the same access as ReadRegistry: seeing what
 /// that cannot read would keep the monitor turning.
-bool IsReadyFlagRaised(HKEY root, const wchar_t* subKey) {
+ReadyFlag LookAtReadyFlag(HKEY root, const wchar_t* subKey) {
   const UniqueRegistryKey key = OpenKey(root, subKey, KEY_ALL_ACCESS);
-  return key != nullptr && QueryNumber(key, kReadyFlagValue) == kFlagRaised;
+  if (key == nullptr) return ReadyFlag::Unknown;
+  const QueriedNumber flag = QueryNumber(key, kReadyFlagValue);
+  if (flag.status == ERROR_FILE_NOT_FOUND) return ReadyFlag::NotRaised;
+  if (flag.status != ERROR_SUCCESS) return ReadyFlag::Unknown;
+  return flag.data == kFlagRaised ? ReadyFlag::Raised : ReadyFlag::NotRaised;
 }
 
 /// One change notification: an event that the system signals when the key or what is below it changes.
@@ -126,7 +135,20 @@ class RegistryWatch {
     return ::RegNotifyChangeKeyValue(m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
                                      m_event.get(), TRUE) == ERROR_SUCCESS;
   }
-  bool Wait() { return ::WaitForSingleObject(m_event.get(), INFINITE) != WAIT_FAILED; }
+  /// Waits until something changes or the ready flag is seen raised. @return false when waiting failed.
+  ///
+  /// Arming has reset the event, however it was made: a flag raised before that is seen only by looking now,
+  /// and one raised from here on signals the event. A look that fails says nothing about the flag, and no
+  /// change may follow any more, so it is repeated.
+  bool Wait(HKEY root, const wchar_t* subKey) {
+    for (;;) {
+      const ReadyFlag flag = LookAtReadyFlag(root, subKey);
+      if (flag == ReadyFlag::Raised) return true;
+      const DWORD limit = flag == ReadyFlag::Unknown ? kPauseAfterFailureMs : INFINITE;
+      const DWORD ended = ::WaitForSingleObject(m_event.get(), limit);
+      if (ended != WAIT_TIMEOUT) return ended != WAIT_FAILED;
+    }
+  }
   void Close() {
     m_event.reset();
     m_key.reset();
@@ -167,9 +189,10 @@ int ToolKit::ReadRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* va
     return kUnreadable;
   }
 
-  const std::optional<int> data = QueryNumber(key, valueName);
-  if (data) {
-    LOG_TRACE("\t Read regedit %s successfully, data:%d", AnsiForLog(valueName), *data);
+  const QueriedNumber value = QueryNumber(key, valueName);
+  const bool read = value.status == ERROR_SUCCESS;
+  if (read) {
+    LOG_TRACE("\t Read regedit %s successfully, data:%d", AnsiForLog(valueName), value.data);
   } else {
     LOG_TRACE("\t Read regedit failed");
   }
@@ -177,7 +200,7 @@ int ToolKit::ReadRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* va
   // Intended: the root that was passed in is closed, and the sub-key stays open.
   ::RegCloseKey(root);
   static_cast<void>(key.release());
-  return data.value_or(kUnreadable);
+  return read ? value.data : kUnreadable;
 }
 
 bool ToolKit::WriteRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* valueName, int data) {
@@ -193,9 +216,8 @@ bool ToolKit::WriteRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* 
     return false;
   }
 
-  if (const std::optional<int> old = QueryNumber(key, valueName)) {
-    LOG_TRACE("\t Read regedit successfully, data:%d", *old);
-  }
+  const QueriedNumber old = QueryNumber(key, valueName);
+  if (old.status == ERROR_SUCCESS) LOG_TRACE("\t Read regedit successfully, data:%d", old.data);
   const auto value = static_cast<DWORD>(data);
   const LSTATUS status = ::RegSetValueExW(key.get(), valueName, 0, REG_DWORD,
                                           reinterpret_cast<const unsigned char*>(&value), sizeof value);
@@ -255,11 +277,8 @@ bool ToolKit::MonitorFlashReadyFlag() {
       continue;
     }
 
-    // Arming has reset the event, however it was made: a flag raised before that is seen only by looking
-    // now, and one raised from here on signals the event.
-    const bool raisedBefore = IsReadyFlagRaised(hMainKey, mStrKey);
     LOG_TRACE("\t WaitForSingleObject, wait registry to be changed...");
-    if (raisedBefore || watch.Wait()) LOG_TRACE("\t Registry is changed");
+    if (watch.Wait(hMainKey, mStrKey)) LOG_TRACE("\t Registry is changed");
     flag = GetFlashReadyFlag(hMainKey, mStrKey);
     LOG_TRACE("\t flash flag changed to %d", flag);
     watch.Close();

@@ -9,7 +9,7 @@ constexpr DWORD kPauseWithoutImagesMs = 3000;
 constexpr DWORD kPauseAfterLackOfMemoryMs = 3000;
 
 void RunPass() {
-  LOG_TRACE("%s", kServiceRules.startOfPass);
+  LOG_TRACE_AS(kServiceRules.procedure, "%s", kServiceRules.startOfPass);
   FlashJob job(kServiceRules);
   job.AwaitRequest();
   if (job.FindImages()) {

@@ -20,6 +20,7 @@
 #include "common/win32error.h"
 #include "common/worker.h"
 #include "config/configparser.h"
+#include "toolkit/installationdir.h"
 
 namespace {
 
@@ -43,7 +44,53 @@ UniqueSystemText SystemMessage(DWORD error) {
   return UniqueSystemText(text);
 }
 
+/// @return false, with an empty folder, for lack of memory.
+bool TakeInstallationDir(CTString& folder) try {
+  folder = InstallationDir();
+  return true;
+} catch (...) {
+  folder.Empty();
+  return false;
+}
+
+std::string NextToken(const char* text, const char* delimiters, int& position) {
+  if (text == nullptr || delimiters == nullptr || position < 0) return {};
+  const std::string_view all(text);
+  const std::string_view set(delimiters);
+  const auto tokenAt = [&](std::size_t from) {
+    return all.substr(from, all.find_first_of(set, from) - from);
+  };
+
+  std::size_t from = std::min(static_cast<std::size_t>(position), all.size());
+  std::string_view token = tokenAt(from);
+  if (token.empty() && from < all.size()) token = tokenAt(++from);
+  if (token.empty()) {
+    position = -1;
+    return {};
+  }
+  const std::size_t next = all.find_first_not_of(set, from + token.size());
+  position = static_cast<int>(next == std::string_view::npos ? all.size() : next);
+  return std::string(token);
+}
+
 }  // namespace
+
+CTString InstallationDir() {
+  std::array<wchar_t, MAX_PATH> path{};
+  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+  // A path that does not fit is cut and reported by its length alone.
+  if (length == 0 || length == path.size()) {
+    LOG_ERROR_AS("ToolKit::GetInstallationDir", "\t GetModuleFileName() failed with: 0x%08lx",
+                 ::GetLastError());
+    return {};
+  }
+  // The folder may take nearly all of the path, which is more than the runtime's own limit for one.
+  std::array<wchar_t, _MAX_DRIVE> drive{};
+  std::array<wchar_t, MAX_PATH> folder{};
+  ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
+                  0);
+  return CTString(drive.data()) + folder.data();
+}
 
 ToolKit* ToolKit::m_Instance = nullptr;
 HKEY__* ToolKit::hMainKey = HKEY_LOCAL_MACHINE;
@@ -153,9 +200,11 @@ void ToolKit::TurnLoggingOff() {
   CDebugLogger::SetLevel(kLoggingOff);
 }
 
-void ToolKit::SetDebugLoggerFileName(const char* name) {
+void ToolKit::SetDebugLoggerFileName(const char* name) try {
   CDebugLogger* const logger = CDebugLogger::GetInstance();
   if (logger != nullptr) logger->SetFileName(name);
+} catch (...) {
+  // Out of memory: the logger reports no failure.
 }
 
 void ToolKit::OutputDebug(int level, const char* module, const char* function, const char* file, int line,
@@ -170,47 +219,35 @@ void ToolKit::OutputDebug(int level, const char* module, const char* function, c
   va_end(arguments);
 }
 
-CTString ToolKit::GetInstallationDir() {
-  std::array<wchar_t, MAX_PATH> path{};
-  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-  // A path that does not fit is cut and reported by its length alone.
-  if (length == 0 || length == path.size()) {
-    LOG_ERROR("\t GetModuleFileName() failed with: 0x%08lx", ::GetLastError());
-    return {};
-  }
-  // The folder may take nearly all of the path, which is more than the runtime's own limit for one.
-  std::array<wchar_t, _MAX_DRIVE> drive{};
-  std::array<wchar_t, MAX_PATH> folder{};
-  ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
-                  0);
-  return CTString(drive.data()) + folder.data();
+CTString ToolKit::GetInstallationDir() try { return InstallationDir(); } catch (...) {
+  // Out of memory.
+  return {};
 }
 
 bool ToolKit::GetDataDir(CTString& folder, bool) {
-  folder = GetInstallationDir();
+  TakeInstallationDir(folder);
   return false;
 }
 
 bool ToolKit::GetLocalAppDataDir(CTString& folder) {
-  folder = GetInstallationDir();
+  TakeInstallationDir(folder);
   return false;
 }
 
 bool ToolKit::GetProgramDataDir(CTString& folder) {
-  folder = GetInstallationDir();
+  TakeInstallationDir(folder);
   return false;
 }
 
 bool ToolKit::GetLocalDataToolkitDir(CTString& folder) {
-  folder = GetInstallationDir();
-  return true;
+  return TakeInstallationDir(folder);
 }
 
-bool ToolKit::MakeDirectory(const char* path) {
+bool ToolKit::MakeDirectory(const char* path) try {
   std::string prefix;
   int position = 0;
-  for (std::string part = Tokenize(path, "\\", position); !part.empty();
-       part = Tokenize(path, "\\", position)) {
+  for (std::string part = NextToken(path, "\\", position); !part.empty();
+       part = NextToken(path, "\\", position)) {
     prefix += prefix.empty() ? part : '\\' + part;
     if (CFileIo::Exists(prefix.c_str())) continue;
     if (!::CreateDirectoryA(prefix.c_str(), nullptr)) {
@@ -219,6 +256,9 @@ bool ToolKit::MakeDirectory(const char* path) {
     }
   }
   return true;
+} catch (...) {
+  // Out of memory: the folders made so far stay, as after any failure.
+  return false;
 }
 
 const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
@@ -230,33 +270,24 @@ const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
   return text;
 }
 
-std::string ToolKit::Tokenize(const char* text, const char* delimiters, int& position) {
-  if (text == nullptr || delimiters == nullptr || position < 0) return {};
-  const std::string_view all(text);
-  const std::string_view set(delimiters);
-  const auto tokenAt = [&](std::size_t from) {
-    return all.substr(from, all.find_first_of(set, from) - from);
-  };
-
-  std::size_t from = std::min(static_cast<std::size_t>(position), all.size());
-  std::string_view token = tokenAt(from);
-  if (token.empty() && from < all.size()) token = tokenAt(++from);
-  if (token.empty()) {
-    position = -1;
-    return {};
-  }
-  const std::size_t next = all.find_first_not_of(set, from + token.size());
-  position = static_cast<int>(next == std::string_view::npos ? all.size() : next);
-  return std::string(token);
+std::string ToolKit::Tokenize(const char* text, const char* delimiters, int& position) try {
+  return NextToken(text, delimiters, position);
+} catch (...) {
+  // Out of memory: whoever asks for one token after the other is at the end.
+  position = -1;
+  return {};
 }
 
-bool ToolKit::IsFileOfType(CTString path, CTString extension) {
+bool ToolKit::IsFileOfType(CTString path, CTString extension) try {
   const int dot = path.ReverseFind(L".", -1);
   if (dot < 0) return false;
   CTString ending = path.SubStr(dot, -1);
   ending.MakeLower();
   extension.MakeLower();
   return ending == extension;
+} catch (...) {
+  // Out of memory: not known to be one.
+  return false;
 }
 
 int ToolKit::GetEraseMode() {
@@ -275,12 +306,14 @@ const wchar_t* ToolKit::GetRegistryStrKey() {
   return mStrKey;
 }
 
-CTString ToolKit::GetModemFlsFile() {
-  return m_ModemFlsFile;
+CTString ToolKit::GetModemFlsFile() try { return m_ModemFlsFile; } catch (...) {
+  // Out of memory.
+  return {};
 }
 
-CTString ToolKit::GetNVMFlsFile() {
-  return m_NVMFlsFile;
+CTString ToolKit::GetNVMFlsFile() try { return m_NVMFlsFile; } catch (...) {
+  // Out of memory.
+  return {};
 }
 
 int ToolKit::GetMaxModemDownloadLogNum() {

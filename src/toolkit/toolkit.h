@@ -7,7 +7,7 @@
 
 #if defined(_MSC_VER)
 #pragma warning(push)
-#pragma warning(disable : 4251)  // Host and library share one runtime.
+#pragma warning(disable : 4251)  // CTString members; toolkitexport.h tells what a host needs for them.
 #endif
 
 // The platform's own types, named here so that hosts need none of its headers for this one.
@@ -34,7 +34,12 @@ enum UpdateFirmwareResult {
 /// routine calls Initialize, which runs the supervisor thread for the rest of the process. The loading
 /// thread is put into the multithreaded COM apartment; load from a thread meant for it.
 ///
-/// Narrow texts are UTF-8 unless said otherwise. Nothing here throws.
+/// Narrow texts are UTF-8 unless said otherwise. Nothing here throws: lack of memory is the failure that the
+/// function documents, or an empty text.
+///
+/// Threads: where nothing else is said, a function belongs to start-up and is called by one thread before
+/// Initialize or between two flashes of FirmwareFlash_CmdLine. common/toolkitexport.h tells what a host needs
+/// besides this header.
 class CORVEL_TOOLKIT_API ToolKit {
  public:
   /// The singleton, made on first use; null only when memory is exhausted. Owned by the library. Call it
@@ -52,18 +57,24 @@ class CORVEL_TOOLKIT_API ToolKit {
 
   /// Loads "CorvelConfig.ini" from the folder of the host's executable, once, and turns logging on.
   /// @param path accepted and not used.
-  /// @return true when the configuration is loaded, now or before.
+  /// @return true when the configuration is loaded, now or before; false when the file is missing, cannot be
+  /// opened or cannot be read to its end. None of its settings is used then, and the next call tries again.
   static bool LoadConfig(const wchar_t* path);
+  /// True once a load has succeeded.
   static bool IsConfigLoaded();
-  /// Releases the configuration and leaves the COM apartment that it entered.
+  /// Releases the configuration and leaves the COM apartment that it entered. Call it on the thread that
+  /// loaded the configuration (on another one the apartment stays entered), and never while the service or a
+  /// flash runs: their threads read the settings without a lock. In service mode it is not needed.
   static void CloseConfig();
 
+  /// These switch the debug log. Any thread, at any time.
   static void TurnLoggingOn();
   static void TurnLoggingOff();
 
   /// Names the debug log file and makes its folder (one level). The last name set wins, and loading the
-  /// configuration sets one, so call LoadConfig first.
-  /// @param name full path in the system's ANSI code page; copied.
+  /// configuration sets one, so call LoadConfig first. Takes no lock: call it on one thread while no other
+  /// thread writes a record, so not while the service or a flash runs.
+  /// @param name full path in the system's ANSI code page; copied. Null or empty: no log file.
   void SetDebugLoggerFileName(const char* name);
 
   /// Writes one record to the debug log. Any thread.
@@ -75,16 +86,17 @@ class CORVEL_TOOLKIT_API ToolKit {
   static void OutputDebug(int level, const char* module, const char* function, const char* file, int line,
                           const char* format, ...) CORVEL_PRINTF(6, 7);
 
-  /// Folder of the host's executable with its trailing separator; empty when it cannot be had.
+  /// Folder of the host's executable with its trailing separator; empty when it cannot be had. Any thread.
   static CTString GetInstallationDir();
   /// These set `folder` to the installation folder. The first two return false although they do: callers
-  /// must not take that for a failure. The last returns true.
+  /// must not take that for a failure. The last returns true, and false only for lack of memory. Any thread.
   static bool GetLocalAppDataDir(CTString& folder);
   static bool GetProgramDataDir(CTString& folder);
   static bool GetLocalDataToolkitDir(CTString& folder);
 
   /// Creates every missing folder of a path whose parts are separated by "\".
-  /// @param path ANSI. @return false at the first part that cannot be made; the ones before it stay.
+  /// @param path ANSI. @return false at the first part that cannot be made; the ones before it stay. Any
+  /// thread, but its log record uses GetWin32ErrorStr.
   static bool MakeDirectory(const char* path);
 
   /// The system's message for a Win32 error as "Error code N: message".
@@ -92,18 +104,19 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// once.
   static const char* GetWin32ErrorStr(unsigned long error);
 
-  /// The next token of a text.
+  /// The next token of a text; an empty one at the end, and for lack of memory. Any thread.
   /// @param delimiters a set of characters.
   /// @param position   where to begin; moved behind the token and the delimiters after it, -1 at the end.
   static std::string Tokenize(const char* text, const char* delimiters, int& position);
 
-  /// True when the path ends in the extension (given with its dot), whatever the case of either.
+  /// True when the path ends in the extension (given with its dot), whatever the case of either. Any thread.
   static bool IsFileOfType(CTString path, CTString extension);
 
   static int GetEraseMode();
   static HKEY__* GetHKEYRegistryMainKey();
   static const wchar_t* GetRegistryMainKey();
   static const wchar_t* GetRegistryStrKey();
+  /// The images that FetchModemNVMFls chose; empty without one. Not while the service or a flash runs.
   static CTString GetModemFlsFile();
   static CTString GetNVMFlsFile();
   /// How many logs of the flashing library are kept at most.
@@ -126,13 +139,14 @@ class CORVEL_TOOLKIT_API ToolKit {
   static void SetFlashProcess(HKEY__* root, const wchar_t* subKey, int percent);
   static void SetFlashOnGoingFlag(HKEY__* root, const wchar_t* subKey, int value);
   static void SetFlashResult(HKEY__* root, const wchar_t* subKey, int code);
-  /// Blocks until "Fls_Ready" is 1, without using processor time; then returns true.
+  /// Blocks until "Fls_Ready" is 1, without using processor time; then returns true. What cannot be watched
+  /// or read is tried again every five seconds.
   static bool MonitorFlashReadyFlag();
 
   // Firmware images.
 
   /// Chooses the modem image (10 MiB or more) and the NVM image among the "*.fls" files of a folder.
-  /// @return false when the folder is missing or holds no such file.
+  /// @return false when the folder is missing, holds no such file or cannot be listed to its end.
   static bool FetchModemNVMFls(CTString folder);
   /// Deletes the chosen images.
   static void DeleteFLSFiles();
@@ -160,18 +174,33 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// @return always false; the outcome is "Flash_Result" in the registry.
   static bool FirmwareFlash_CmdLine(int traceLevel, char* ipcType, int unused, char* unused2, char* unused3);
 
+  // The state of the service, process-wide and without a lock. A host sets a value, if at all, before
+  // Initialize or FirmwareFlash_CmdLine. While one of them runs, the library's threads use the numbers and
+  // flags through std::atomic_ref; a host that looks at them meanwhile does the same. Texts are not to be
+  // touched then.
+
+  /// The handshake key: root, and its location as prefix, sub-key and whole text. Set by Initialize or
+  /// Initialize_CmdLine and only read afterwards.
   static HKEY__* hMainKey;
   static wchar_t mMainKey[512];
   static wchar_t mStrKey[512];
   static wchar_t mRegitstryLocation[512];
+  /// How many retries a job may make. Written at the start of each pass, read by supervisor and download.
   static unsigned long mRetry_times;
+  /// What the download has spent on recovery. Set to 0 by each pass, counted by the download.
   static unsigned long g_retry_times;
+  /// Outcome of the last download attempt. Written by the download worker, read behind it by the job.
   static UpdateFirmwareResult mFlashResult;
+  /// Whether the modem came back. Cleared by the job, set by the watcher.
   static bool m_MBIM_Modem_presence;
+  /// Whether the watcher goes on looking. Written by the job, read by the watcher.
   static bool m_MBIM_Modem_monitor;
+  /// Full paths of the images of the present or last job. Written by the job, copied by its worker.
   static CTString m_ModemFlsFile;
   static CTString m_NVMFlsFile;
+  /// Whether the baseband reset may be used. Written once, by GetModemBranch.
   static bool g_bIsFiveBranch;
+  /// What GetEraseMode hands out; nothing in the library changes or uses it.
   static int m_EraseMode;
 
  protected:

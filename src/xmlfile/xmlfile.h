@@ -18,7 +18,7 @@ struct IXMLDOMNodeList;
 
 #if defined(_MSC_VER)
 #pragma warning(push)
-#pragma warning(disable : 4251)  // The members are private; host and library share one runtime.
+#pragma warning(disable : 4251)  // Private members; toolkitexport.h tells what a host needs for them.
 #endif
 
 namespace QUENTA::Brevant::Interfaces::ToolkitCore {

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -18,7 +20,7 @@ class HostFolder {
  public:
   explicit HostFolder(const std::wstring& suffix = L"") : m_folder(suffix) {
     s_executable = m_folder.File(L"host.exe");
-    m_patch.Replace("GetModuleFileNameW", &ModuleFileName);
+    EXPECT_TRUE(m_patch.Replace("GetModuleFileNameW", &ModuleFileName));
     CDebugLogger::SetLevel(3);
   }
   ~HostFolder() {
@@ -34,6 +36,10 @@ class HostFolder {
 
   std::vector<LogRecord> Log() const { return ReadLog(m_folder.File(L"FlashServiceDebugLogger_DLL.log")); }
   std::vector<std::string> Messages() const { return MessagesOf(Log()); }
+  /// The messages with their levels, as Marked gives them.
+  std::vector<std::string> Said() const { return MarkedMessagesOf(Log()); }
+  std::wstring LogPath() const { return m_folder.File(L"FlashServiceDebugLogger_DLL.log"); }
+  bool HasLog() const { return m_folder.Holds(L"FlashServiceDebugLogger_DLL.log"); }
 
  private:
   static DWORD WINAPI ModuleFileName(HMODULE, wchar_t* buffer, DWORD size) {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/flash_bench.h"
@@ -49,6 +52,19 @@ class JobBench : public FlashBench {
   bool HasImages() const { return images.Holds(L"modem.fls") && images.Holds(L"nvm.fls"); }
   bool HasAnyImage() const { return images.Holds(L"modem.fls") || images.Holds(L"nvm.fls"); }
 
+  /// The messages of some source files in their order, with their levels as Marked gives them.
+  std::vector<std::string> Said(std::initializer_list<std::string_view> files) const {
+    return SaidWhere([&](const LogRecord& record) { return std::ranges::count(files, record.file) > 0; });
+  }
+  /// The messages that are logged under a procedure, wherever its code stands.
+  std::vector<std::string> SaidUnder(std::string_view procedure) const {
+    return SaidWhere([&](const LogRecord& record) { return record.function == procedure; });
+  }
+  std::ptrdiff_t TimesSaid(const std::string& marked) const {
+    return std::ranges::count(host.Said(), marked);
+  }
+  bool HasSaid(const std::string& marked) const { return TimesSaid(marked) > 0; }
+
   /// What the setters said that they wrote, in order.
   std::vector<std::string> Writes() const {
     std::vector<std::string> writes = Said({"registryhandshake.cpp"});
@@ -61,4 +77,12 @@ class JobBench : public FlashBench {
 
   std::string modemImage;
   std::string nvmImage;
+
+ private:
+  template <typename Condition>
+  std::vector<std::string> SaidWhere(const Condition& condition) const {
+    std::vector<LogRecord> records = host.Log();
+    std::erase_if(records, [&](const LogRecord& record) { return !condition(record); });
+    return MarkedMessagesOf(records);
+  }
 };

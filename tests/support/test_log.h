@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -43,6 +45,17 @@ inline std::vector<LogRecord> ReadLog(const std::filesystem::path& path) {
   return records;
 }
 
+/// The message with its level: "E:" in front is an error, "W:" a warning, "O:" anything else that is no
+/// trace.
+inline std::string Marked(const LogRecord& record) {
+  return (record.level == "Trace" ? "" : record.level.substr(0, 1) + ":") + record.message;
+}
+inline std::vector<std::string> MarkedMessagesOf(const std::vector<LogRecord>& records) {
+  std::vector<std::string> marked;
+  for (const LogRecord& record : records) marked.push_back(Marked(record));
+  return marked;
+}
+
 inline std::vector<std::string> MessagesOf(const std::vector<LogRecord>& records) {
   std::vector<std::string> messages;
   for (const LogRecord& record : records) messages.push_back(record.message);
@@ -56,7 +69,7 @@ inline std::vector<std::string> MessagesOf(const std::vector<LogRecord>& records
 class TestLog {
  public:
   TestLog() {
-    m_patch.Replace("FlushFileBuffers", &LeaveUnflushed);
+    EXPECT_TRUE(m_patch.Replace("FlushFileBuffers", &LeaveUnflushed));
     CDebugLogger::SetLevel(3);
     CDebugLogger::GetInstance()->SetFileName(AnsiFromWide(m_folder.File(L"test.log")).c_str());
   }
@@ -74,6 +87,8 @@ class TestLog {
 
   std::vector<LogRecord> Records() const { return ReadLog(m_folder.File(L"test.log")); }
   std::vector<std::string> Messages() const { return MessagesOf(Records()); }
+  /// The messages with their levels, as Marked gives them.
+  std::vector<std::string> Said() const { return MarkedMessagesOf(Records()); }
   /// The level word of the record with this message; empty when there is none.
   std::string LevelOf(const std::string& message) const {
     for (const LogRecord& record : Records()) {

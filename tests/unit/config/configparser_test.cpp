@@ -1,16 +1,21 @@
 #include "config/configparser.h"
 
+#include <io.h>
 #include <objbase.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "common/text.h"
 #include "import_patch.h"
 #include "support/host_folder.h"
+#include "support/scarce_memory.h"
 #include "toolkit/toolkit.h"
 
 namespace {
@@ -46,8 +51,8 @@ class ComUse {
  public:
   ComUse() {
     g_entered = g_left = 0;
-    m_patch.Replace("CoInitializeEx", &CountEntering);
-    m_patch.Replace("CoUninitialize", &CountLeaving);
+    EXPECT_TRUE(m_patch.Replace("CoInitializeEx", &CountEntering));
+    EXPECT_TRUE(m_patch.Replace("CoUninitialize", &CountLeaving));
   }
   int Entered() const { return g_entered; }
   int Left() const { return g_left; }
@@ -121,7 +126,7 @@ TEST_F(ConfigParserTest, KeysAreCaseSensitive) {
 
 TEST_F(ConfigParserTest, ALineWithoutAnEqualsSignIsIgnoredAndNotLogged) {
   LoadLine("; a comment [REBOOTTYPE] 1\r\n\r\n");
-  EXPECT_THAT(host.Messages(), Not(Contains(testing::HasSubstr("get Config Var"))));
+  EXPECT_THAT(host.Said(), Not(Contains(testing::HasSubstr("get Config Var"))));
 }
 
 TEST_F(ConfigParserTest, LeadingSpacesOfAValueAreRemovedAndTrailingOnesKept) {
@@ -270,7 +275,7 @@ TEST_F(ConfigParserTest, AnIpcTypeOfTheHostReplacesTheConfiguredOne) {
 TEST_F(ConfigParserTest, AnIpcTypeThatIsTooLongIsCutTo511Characters) {
   Config().SetIPCType(std::string(600, 'x').c_str());
   IpcType();
-  EXPECT_THAT(host.Messages(), Contains("++ IPCType: " + std::string(511, 'x')));
+  EXPECT_THAT(host.Said(), Contains("++ IPCType: " + std::string(511, 'x')));
 }
 
 TEST_F(ConfigParserTest, NoIpcTypeAtAllCountsAsAnEmptyOne) {
@@ -333,6 +338,88 @@ TEST_F(ConfigParserTest, AFileThatSomebodyReadsWithAllSharingCannotBeLoaded) {
               Contains(IsRecord("Trace", "CConfigParser::LoadConfig", "CConfigParser::LoadConfig --\n")));
 }
 
+bool g_diskIsGone = false;
+
+/// Reads what the runtime fetches at first, four thousand bytes, and then fails as a disk does.
+int __cdecl ReadOnce(std::FILE* file) {
+  const int byte = std::fgetc(file);
+  if (!std::exchange(g_diskIsGone, true)) ::_close(::_fileno(file));
+  return byte;
+}
+
+/// A file whose reading fails in the middle of a line.
+class UnreadableConfigTest : public ConfigParserTest {
+ protected:
+  UnreadableConfigTest() {
+    host.WriteConfig(
+        "title\n[TraceLevel]=1\n[ERASEMODE]=2\n[IPCTYPE]=PCIE\n[RegistryLocation]=HKCU\\Some\n"
+        "[ModemAndNVMFirmwareFolder]=C:\\images\n[Cut]=" +
+        std::string(10'000, 'x') + "\n[REBOOTTYPE]=1\n");
+    g_diskIsGone = false;
+    EXPECT_TRUE(m_patch.Replace("fgetc", &ReadOnce));
+  }
+  void BecomeReadable() { m_patch.Restore(); }
+
+ private:
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+TEST_F(UnreadableConfigTest, IsNotLoadedAndLeavesNoneOfItsSettings) {
+  EXPECT_FALSE(Config().LoadConfig(nullptr));
+  EXPECT_FALSE(Config().IsLoaded());
+  EXPECT_EQ(Config().GetTraceLevel(), 0);
+  EXPECT_EQ(Config().GetEraseMode(), 0);
+  EXPECT_EQ(Config().GetRebootType(), 0);
+  EXPECT_EQ(std::wstring(Config().GetRegistryLocation()), L"");
+  EXPECT_EQ(Folder(), L"");
+  EXPECT_EQ(IpcType(), L"USB");
+}
+
+TEST_F(UnreadableConfigTest, IsLoggedAsAnErrorBehindTheWholeLinesThatWereRead) {
+  Config().LoadConfig(nullptr);
+  EXPECT_THAT(
+      host.Said(),
+      ElementsAre("Start LoadConfig ++", "VERSION: " CORVEL_VERSION, "\t get Config Var, [TraceLevel] : 1",
+                  "\t get Config Var, [ERASEMODE] : 2", "\t get Config Var, [IPCTYPE] : PCIE",
+                  "\t get Config Var, [RegistryLocation] : HKCU\\Some",
+                  "\t get Config Var, [ModemAndNVMFirmwareFolder] : C:\\images",
+                  "E:\t" + Utf8FromWide(host.ConfigPath()) +
+                      " could not be read to its end, none of its settings is used"));
+}
+
+TEST_F(UnreadableConfigTest, IsReadAnewByTheNextLoad) {
+  Config().LoadConfig(nullptr);
+  BecomeReadable();
+  EXPECT_TRUE(Config().LoadConfig(nullptr));
+  EXPECT_EQ(Config().GetRebootType(), 1);
+}
+
+TEST_F(ConfigParserTest, WithoutMemoryNothingIsLoadedAndNothingIsKept) {
+  host.WriteConfig("title\n[ERASEMODE]=2\n[ModemAndNVMFirmwareFolder]=C:\\images\n");
+  ScarceMemory memory;
+  memory.FailEachOf([&] {
+    ToolKit::TurnLoggingOff();
+    const bool loaded = ToolKit::LoadConfig(nullptr);
+    EXPECT_TRUE(loaded || memory.HasFailed());
+    EXPECT_EQ(ToolKit::IsConfigLoaded(), loaded);
+    EXPECT_EQ(CConfigParser::ConfiguredEraseMode(), loaded ? 2 : 0);
+    ToolKit::CloseConfig();
+  });
+}
+
+// Half an instance would know neither keys nor file the next time.
+TEST_F(ConfigParserTest, WithoutMemoryNoHalfInstanceIsKept) {
+  host.WriteConfig("title\n[ERASEMODE]=2\n");
+  ScarceMemory memory;
+  memory.FailEachOf([&] {
+    ToolKit::IsConfigLoaded();
+    memory.Suffice();
+    EXPECT_TRUE(ToolKit::LoadConfig(nullptr));
+    EXPECT_EQ(CConfigParser::ConfiguredEraseMode(), 2);
+    ToolKit::CloseConfig();
+  });
+}
+
 TEST_F(ConfigParserTest, TheFileIsClosedAfterLoading) {
   LoadLine("[ERASEMODE]=1");
   EXPECT_TRUE(::DeleteFileW(host.ConfigPath().c_str()));
@@ -343,7 +430,58 @@ TEST(AccentedHostFolderTest, HoldsConfigurationAndLog) {
   host.WriteConfig("title\n[ERASEMODE]=2\n");
   EXPECT_TRUE(CConfigParser::GetInstance()->LoadConfig(nullptr));
   EXPECT_EQ(CConfigParser::GetInstance()->GetEraseMode(), 2);
-  EXPECT_THAT(host.Messages(), Contains("Start LoadConfig ++"));
+  EXPECT_THAT(host.Said(), Contains("Start LoadConfig ++"));
+}
+
+DWORD WINAPI NoShortPath(const wchar_t* path, wchar_t* buffer, DWORD size) {
+  // A volume without short names gives the path itself.
+  const std::wstring same(path);
+  if (size <= same.size()) return static_cast<DWORD>(same.size() + 1);
+  buffer[same.copy(buffer, size - 1)] = L'\0';
+  return static_cast<DWORD>(same.size());
+}
+
+DWORD WINAPI CannotShorten(const wchar_t*, wchar_t*, DWORD) {
+  ::SetLastError(ERROR_ACCESS_DENIED);
+  return 0;
+}
+
+/// A host in a folder whose name the ANSI code page lacks.
+class ForeignHostFolderTest : public testing::Test {
+ protected:
+  ForeignHostFolderTest() { host.WriteConfig("title\n[ERASEMODE]=2\n"); }
+  bool Load() { return CConfigParser::GetInstance()->LoadConfig(nullptr); }
+
+  HostFolder host{L"-\u4E2D\u6587"};
+  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+TEST_F(ForeignHostFolderTest, HoldsItsConfiguration) {
+  EXPECT_TRUE(Load());
+  EXPECT_EQ(CConfigParser::GetInstance()->GetEraseMode(), 2);
+}
+
+TEST_F(ForeignHostFolderTest, HoldsItsLogUnderTheVolumesShortPath) {
+  Load();
+  EXPECT_THAT(host.Said(), Contains("Start LoadConfig ++"));
+}
+
+TEST_F(ForeignHostFolderTest, OnAVolumeWithoutShortNamesHasNoLogAndIsLoaded) {
+  ASSERT_TRUE(patch.Replace("GetShortPathNameW", &NoShortPath));
+  EXPECT_TRUE(Load());
+  EXPECT_FALSE(host.HasLog());
+}
+
+// A name without its folder would lie in the current one.
+TEST_F(ForeignHostFolderTest, WhoseShortPathCannotBeHadHasNoLogAnywhere) {
+  const TemporaryFolder current;
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(current.Path());
+  ASSERT_TRUE(patch.Replace("GetShortPathNameW", &CannotShorten));
+  EXPECT_TRUE(Load());
+  EXPECT_FALSE(host.HasLog());
+  EXPECT_FALSE(current.Holds(L"FlashServiceDebugLogger_DLL.log"));
+  std::filesystem::current_path(before);
 }
 
 TEST_F(ConfigParserTest, ThereIsOneInstance) {

@@ -23,18 +23,14 @@ class CommandLineFlashTest : public testing::Test {
     before = bench.host.Log().size();
     return ToolKit::FirmwareFlash_CmdLine(traceLevel, usb, 0, nullptr, nullptr);
   }
-  /// What the flash itself said once the download had begun, the workers' own lines left out.
+  /// What the flash itself said once the download had begun.
   std::vector<std::string> SaidByJob() const {
-    std::vector<std::string> said = bench.Said({"flashjob.cpp"});
+    std::vector<std::string> said = bench.SaidUnder("ToolKit::FirmwareFlash_CmdLine");
     said.erase(said.begin(), std::find(said.begin(), said.end(), "\t IPC Type :USB"));
-    std::erase_if(said, [](const std::string& message) {
-      return message.starts_with("ToolKit::DownloadFirmwareImplementation") ||
-             message.starts_with("WaitForMBIMRearrivedImplementation") || message == "\t MBIM modem re-found";
-    });
     return said;
   }
-  std::vector<std::string> MessagesSince() const {
-    std::vector<std::string> all = bench.host.Messages();
+  std::vector<std::string> SaidSince() const {
+    std::vector<std::string> all = bench.host.Said();
     all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(before));
     return all;
   }
@@ -71,13 +67,13 @@ TEST_F(CommandLineFlashTest, RunsOneJobOnly) {
 
 TEST_F(CommandLineFlashTest, BeginsWithItsOwnMessage) {
   Flash();
-  EXPECT_EQ(MessagesSince().front(), "++ MainThreadImplementation");
-  EXPECT_EQ(MessagesSince()[1], "ToolKit::CheckModemBranch ++\n");
+  EXPECT_EQ(SaidSince().front(), "++ MainThreadImplementation");
+  EXPECT_EQ(SaidSince()[1], "ToolKit::CheckModemBranch ++\n");
 }
 
 TEST_F(CommandLineFlashTest, LoadsTheLibraryBeforeThePassOnceForAll) {
   Flash();
-  const std::vector<std::string> all = MessagesSince();
+  const std::vector<std::string> all = SaidSince();
   const auto pass = std::find(all.begin(), all.end(), "\t start a new loop process");
   ASSERT_NE(pass, all.end());
   EXPECT_EQ(*(pass + 1), "++ CDownloadToolDll::Load");
@@ -89,18 +85,18 @@ TEST_F(CommandLineFlashTest, LoadsTheLibraryBeforeThePassOnceForAll) {
 TEST_F(CommandLineFlashTest, WithTraceLevelZeroWritesNoLogAtAll) {
   EXPECT_FALSE(Flash(0));
   EXPECT_EQ(bench.Result(), 4);
-  EXPECT_THAT(MessagesSince(), IsEmpty());
+  EXPECT_THAT(SaidSince(), IsEmpty());
 }
 
 TEST_F(CommandLineFlashTest, WithANegativeTraceLevelWritesNoLogAtAll) {
   Flash(-1);
-  EXPECT_THAT(MessagesSince(), IsEmpty());
+  EXPECT_THAT(SaidSince(), IsEmpty());
 }
 
 TEST_F(CommandLineFlashTest, WithAPositiveTraceLevelTurnsTheLogOn) {
   ToolKit::TurnLoggingOff();
   Flash(1);
-  EXPECT_EQ(MessagesSince().front(), "++ MainThreadImplementation");
+  EXPECT_EQ(SaidSince().front(), "++ MainThreadImplementation");
 }
 
 TEST_F(CommandLineFlashTest, UsesTheIpcTypeThatItIsGiven) {
@@ -145,7 +141,7 @@ TEST_F(CommandLineFlashTest, EndsWithoutTheFolderAndLeavesResultAndFlag) {
   EXPECT_EQ(bench.Result(), 0);
   EXPECT_EQ(bench.Ready(), 1);
   EXPECT_EQ(bench.clock.Now(), 0u);
-  EXPECT_EQ(MessagesSince().back(),
+  EXPECT_EQ(SaidSince().back(),
             "\t Can't find available fls, monitor again, continue to monitor registry change and fetch "
             "modem/nvm files");
 }

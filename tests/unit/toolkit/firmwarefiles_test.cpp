@@ -10,6 +10,7 @@
 #include "common/handles.h"
 #include "common/text.h"
 #include "import_patch.h"
+#include "support/scarce_memory.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
@@ -29,10 +30,12 @@ class ListedEntries {
   ListedEntries() {
     s_entries.clear();
     s_deleted.clear();
-    m_patch.Replace("FindFirstFileW", &First);
-    m_patch.Replace("FindNextFileW", &Next);
-    m_patch.Replace("FindClose", &Close);
-    m_patch.Replace("DeleteFileW", &Delete);
+    s_end = 0;
+    s_error = ERROR_NO_MORE_FILES;
+    EXPECT_TRUE(m_patch.Replace("FindFirstFileW", &First));
+    EXPECT_TRUE(m_patch.Replace("FindNextFileW", &Next));
+    EXPECT_TRUE(m_patch.Replace("FindClose", &Close));
+    EXPECT_TRUE(m_patch.Replace("DeleteFileW", &Delete));
   }
   void Add(const std::wstring& name, std::uint64_t size) {
     WIN32_FIND_DATAW entry{};
@@ -41,6 +44,12 @@ class ListedEntries {
     entry.nFileSizeHigh = static_cast<DWORD>(size >> 32);
     entry.nFileSizeLow = static_cast<DWORD>(size & 0xFFFFFFFFu);
     s_entries.push_back(entry);
+    s_end = s_entries.size();
+  }
+  /// The next entry after `count` of them cannot be had.
+  void BreakOffAfter(std::size_t count, DWORD error) {
+    s_end = count;
+    s_error = error;
   }
   const std::vector<std::wstring>& Deleted() const { return s_deleted; }
 
@@ -50,7 +59,10 @@ class ListedEntries {
     return Next(nullptr, entry) ? &s_next : INVALID_HANDLE_VALUE;
   }
   static BOOL WINAPI Next(HANDLE, WIN32_FIND_DATAW* entry) {
-    if (s_next == s_entries.size()) return FALSE;
+    if (s_next == s_end) {
+      ::SetLastError(s_error);
+      return FALSE;
+    }
     *entry = s_entries[s_next++];
     return TRUE;
   }
@@ -63,6 +75,8 @@ class ListedEntries {
   static inline std::vector<WIN32_FIND_DATAW> s_entries;
   static inline std::vector<std::wstring> s_deleted;
   static inline std::size_t s_next = 0;
+  static inline std::size_t s_end = 0;
+  static inline DWORD s_error = ERROR_NO_MORE_FILES;
   ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
@@ -121,7 +135,7 @@ TEST_F(FirmwareFilesTest, AFileOfFourGibibytesExactlyIsAModemImage) {
   entries.Add(L"a.fls", 0x100000000u);
   EXPECT_TRUE(Fetch());
   EXPECT_EQ(Modem(), folder.File(L"a.fls"));
-  EXPECT_THAT(log.Messages(), Contains(HasSubstr(", ffd.nFileSizeHigh:1, ffd.nFileSizeLow:0")));
+  EXPECT_THAT(log.Said(), Contains(HasSubstr(", ffd.nFileSizeHigh:1, ffd.nFileSizeLow:0")));
 }
 
 TEST_F(FirmwareFilesTest, AFileOfMoreThanTwoGibibytesIsAModemImageThoughItsSizePrintsNegative) {
@@ -129,7 +143,7 @@ TEST_F(FirmwareFilesTest, AFileOfMoreThanTwoGibibytesIsAModemImageThoughItsSizeP
   entries.Add(L"a.fls", 3'000'000'000u);
   EXPECT_TRUE(Fetch());
   EXPECT_EQ(Modem(), folder.File(L"a.fls"));
-  EXPECT_THAT(log.Messages(), Contains(HasSubstr(", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:-1294967296")));
+  EXPECT_THAT(log.Said(), Contains(HasSubstr(", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:-1294967296")));
 }
 
 TEST_F(FirmwareFilesTest, WhatTheFileSystemMatchesByItsShortNameIsTaken) {
@@ -148,17 +162,16 @@ TEST_F(FirmwareFilesTest, AFolderNamedLikeAnImageIsNotOne) {
 TEST_F(FirmwareFilesTest, AFolderWithoutImagesIsAFailure) {
   folder.Write(L"readme.txt", "none");
   EXPECT_FALSE(Fetch());
-  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(),
-                                          "ToolKit::FetchModemNVMFls: FindFirstFile failed"));
-  EXPECT_EQ(log.LevelOf("ToolKit::FetchModemNVMFls: FindFirstFile failed"), "Trace");
+  EXPECT_THAT(log.Said(), ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(),
+                                      "ToolKit::FetchModemNVMFls: FindFirstFile failed"));
 }
 
 TEST_F(FirmwareFilesTest, AMissingFolderIsAFailure) {
   const std::wstring missing = folder.File(L"missing");
   EXPECT_FALSE(ToolKit::FetchModemNVMFls(CTString(missing)));
-  const std::string message = "folder(" + Narrow(missing) + ") is not a folder, exit";
-  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", message, "FetchModemNVMFls --"));
-  EXPECT_EQ(log.LevelOf(message), "Error");
+  EXPECT_THAT(log.Said(),
+              ElementsAre("FetchModemNVMFls ++", "E:folder(" + Narrow(missing) + ") is not a folder, exit",
+                          "FetchModemNVMFls --"));
 }
 
 TEST_F(FirmwareFilesTest, AnEmptyFolderNameIsAFailure) {
@@ -170,7 +183,61 @@ TEST_F(FirmwareFilesTest, AFileInThePlaceOfTheFolderIsNoFailureButHoldsNoImages)
   EXPECT_TRUE(ToolKit::FetchModemNVMFls(CTString(file)));
   EXPECT_EQ(Modem(), L"");
   EXPECT_EQ(Nvm(), L"");
-  EXPECT_THAT(log.Messages(), ElementsAre("FetchModemNVMFls ++", "FetchModemNVMFls --"));
+  EXPECT_THAT(log.Said(), ElementsAre("FetchModemNVMFls ++", "FetchModemNVMFls --"));
+}
+
+/// Entries of which the second cannot be had.
+class BrokenSearchTest : public FirmwareFilesTest {
+ protected:
+  BrokenSearchTest() {
+    entries.Add(L"a.fls", kThreshold);
+    entries.Add(L"b.fls", 10);
+    entries.BreakOffAfter(1, ERROR_NETNAME_DELETED);
+  }
+
+  ListedEntries entries;
+};
+
+// What was found by then would be flashed as if it were all that there is.
+TEST_F(BrokenSearchTest, IsAFailureAndTakesNoImage) {
+  EXPECT_FALSE(Fetch());
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), L"");
+}
+
+TEST_F(BrokenSearchTest, IsLoggedAsAnErrorBeforeTheEnd) {
+  Fetch();
+  const std::string image = Narrow(folder.File(L"a.fls"));
+  EXPECT_THAT(
+      log.Said(),
+      ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(), "   pathFlz:" + image,
+                  "   pathFlz:" + image + ", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:10485760",
+                  "   Found, modem fls file: " + image,
+                  "E:\t The search in folder(" + folder.Path().string() +
+                      "\\) broke off, no image is taken, error: 64",
+                  "FetchModemNVMFls --"));
+}
+
+TEST_F(BrokenSearchTest, ForLogsDeletesNone) {
+  ToolKit::KeepLogFileNum(CTString(folder.File(L"*.log")), 0);
+  EXPECT_THAT(entries.Deleted(), testing::IsEmpty());
+}
+
+TEST_F(FirmwareFilesTest, WithoutMemoryTheSearchFailsAndTakesNoImage) {
+  folder.WriteOfSize(L"a.fls", 12u << 20);
+  folder.WriteOfSize(L"b.fls", 10);
+  ToolKit::TurnLoggingOff();
+  ScarceMemory memory;
+  const CTString path(folder.Path().wstring());
+  // The first one is the argument's own.
+  memory.FailEachOf(
+      [&] {
+        const bool found = ToolKit::FetchModemNVMFls(path);
+        EXPECT_EQ(found, !memory.HasFailed());
+        EXPECT_EQ(ToolKit::m_ModemFlsFile.IsEmpty(), !found);
+        EXPECT_EQ(ToolKit::m_NVMFlsFile.IsEmpty(), !found);
+      },
+      2);
 }
 
 TEST_F(FirmwareFilesTest, EverySearchForgetsTheImagesOfTheOneBefore) {
@@ -187,7 +254,7 @@ TEST_F(FirmwareFilesTest, TheSearchIsLogged) {
   const std::string small = Narrow(folder.WriteOfSize(L"b.fls", 10));
   Fetch();
   EXPECT_THAT(
-      log.Messages(),
+      log.Said(),
       ElementsAre("FetchModemNVMFls ++", "folder: dir=" + folder.Path().string(), "   pathFlz:" + large,
                   "   pathFlz:" + large + ", ffd.nFileSizeHigh:0, ffd.nFileSizeLow:12582912",
                   "   Found, modem fls file: " + large, "   pathFlz:" + small,
@@ -219,7 +286,7 @@ TEST_F(LongImagePathTest, APathOf260CharactersIsSkippedWithALogLine) {
   EXPECT_TRUE(Fetch());
   EXPECT_EQ(Nvm(), L"");
   EXPECT_EQ(log.LevelOf("FetchModemNVMFls: over MAX PATH, flz paths=" + Narrow(path)), "Trace");
-  EXPECT_THAT(log.Messages(), Not(Contains(HasSubstr("nFileSizeHigh"))));
+  EXPECT_THAT(log.Said(), Not(Contains(HasSubstr("nFileSizeHigh"))));
 }
 
 TEST_F(FirmwareFilesTest, DeletingRemovesBothImagesAndKeepsTheirPaths) {
@@ -237,9 +304,7 @@ TEST_F(FirmwareFilesTest, DeletingIsLoggedAmongTheErrors) {
   ToolKit::m_ModemFlsFile.Empty();
   ToolKit::m_NVMFlsFile.Empty();
   ToolKit::DeleteFLSFiles();
-  EXPECT_THAT(log.Messages(), ElementsAre("\t DeleteFLSFiles ++", "\t DeleteFLSFiles --"));
-  EXPECT_EQ(log.LevelOf("\t DeleteFLSFiles ++"), "Error");
-  EXPECT_EQ(log.LevelOf("\t DeleteFLSFiles --"), "Error");
+  EXPECT_THAT(log.Said(), ElementsAre("E:\t DeleteFLSFiles ++", "E:\t DeleteFLSFiles --"));
 }
 
 TEST_F(FirmwareFilesTest, AnImageThatCannotBeDeletedIsLoggedWithTheSystemsError) {

@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
 #include "support/job_bench.h"
 
 namespace {
@@ -29,7 +33,13 @@ class FlashJobTest : public testing::TestWithParam<Rules> {
     job.Run();
   }
   void AllowRetries(DWORD times) const { bench.key.SetNumber(L"Retry_Times", times); }
-  std::vector<std::string> Said() const { return bench.Said({"flashjob.cpp"}); }
+  std::vector<std::string> Said() const { return bench.SaidUnder(GetParam().rules->procedure); }
+  std::vector<std::string> SaidByWorker() const {
+    return bench.SaidUnder("ToolKit::DownloadFirmwareImplementation");
+  }
+  std::vector<std::string> SaidByWatcher() const {
+    return bench.SaidUnder("ToolKit::WaitForMBIMRearrivedImplementation");
+  }
   DWORD Pause() const { return GetParam().rules->pauseBeforeRetryMs; }
   int Slept(DWORD milliseconds) const {
     return static_cast<int>(
@@ -136,8 +146,8 @@ TEST_P(FlashJobTest, TellsTheConfiguredIpcType) {
 
 TEST_P(FlashJobTest, WorkerTellsItsResult) {
   RunJob();
-  EXPECT_THAT(Said(), Contains("ToolKit::DownloadFirmwareImplementation ++"));
-  EXPECT_THAT(Said(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 1"));
+  EXPECT_THAT(SaidByWorker(), ElementsAre("ToolKit::DownloadFirmwareImplementation ++",
+                                          "ToolKit::DownloadFirmwareImplementation --, result: 1"));
 }
 
 // --- Downloads that fail ---------------------------------------------------------------------------------
@@ -195,7 +205,7 @@ TEST_P(FlashJobTest, UnloadsTheLibraryBeforeItPausesAndTriggersNoReset) {
   RunJob();
   EXPECT_EQ(Slept(Pause()), 1);
   EXPECT_EQ(bench.modem.Count("reset"), 0);
-  const std::vector<std::string> all = bench.host.Messages();
+  const std::vector<std::string> all = bench.host.Said();
   const auto unloaded = std::find(all.begin(), all.end(), "\t Unload --");
   ASSERT_NE(unloaded, all.end());
   EXPECT_EQ(*(unloaded + 1), GetParam().rules->pauseBeforeRetry);
@@ -205,7 +215,7 @@ TEST_P(FlashJobTest, CountsAnyResultButOneAsAFailureThoughTheWorkerEndedInTime) 
   AllowRetries(0);
   bench.library.results["download_fls_file"] = 1;
   RunJob();
-  EXPECT_THAT(Said(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 5"));
+  EXPECT_THAT(SaidByWorker(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 5"));
   EXPECT_EQ(bench.Result(), 3);
 }
 
@@ -213,7 +223,7 @@ TEST_P(FlashJobTest, FailsWithoutAnyImageInAFolderThatIsAFile) {
   FlashBench::Configure(L"[ModemAndNVMFirmwareFolder]", WideFromUtf8(bench.nvmImage).c_str());
   RunJob();
   EXPECT_EQ(bench.Result(), 3);
-  EXPECT_EQ(bench.TimesSaid("\t both Modem and NVM fls file is empty, Download --"), 4);
+  EXPECT_EQ(bench.TimesSaid("E:\t both Modem and NVM fls file is empty, Download --"), 4);
   EXPECT_EQ(Slept(Pause()), 3);
 }
 
@@ -338,7 +348,7 @@ TEST_P(HangingJobTest, SuccessOfAWorkerThatWasGivenUpCountsForNothing) {
   RunJob();
   EXPECT_EQ(bench.Result(), 3);
   Return();
-  EXPECT_THAT(Said(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 1"));
+  EXPECT_THAT(SaidByWorker(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 1"));
   EXPECT_EQ(ToolKit::mFlashResult, FirmwareNotUpdated);
   EXPECT_EQ(bench.Progress(), 0);
   EXPECT_EQ(bench.Result(), 3);
@@ -350,7 +360,8 @@ TEST_P(FlashJobTest, FindsTheModemWithinASecondOfItsReturn) {
   bench.ComesBackAfter(7500);
   RunJob();
   EXPECT_EQ(bench.Result(), 4);
-  EXPECT_THAT(Said(), Contains("\t MBIM modem re-found"));
+  EXPECT_THAT(SaidByWatcher(), ElementsAre("WaitForMBIMRearrivedImplementation ++", "\t MBIM modem re-found",
+                                           "WaitForMBIMRearrivedImplementation --"));
   EXPECT_THAT(Said(), Contains("\t check m_MBIM_Modem_presence: 1, Re-arrived\n"));
   EXPECT_TRUE(ToolKit::m_MBIM_Modem_presence);
   EXPECT_FALSE(ToolKit::m_MBIM_Modem_monitor);
@@ -418,7 +429,8 @@ TEST_P(FlashJobTest, WatcherEndsWithItsNextPollWhenTheWaitIsOver) {
   RunJob();
   bench.clock.RunUntilIdle();
   EXPECT_EQ(bench.clock.LivingThreads(), 0u);
-  EXPECT_THAT(Said(), Contains("WaitForMBIMRearrivedImplementation --"));
+  EXPECT_THAT(SaidByWatcher(),
+              ElementsAre("WaitForMBIMRearrivedImplementation ++", "WaitForMBIMRearrivedImplementation --"));
 }
 
 // Downloads and waits draw on the same counter: with three retries, four of them may fail.
@@ -434,7 +446,7 @@ TEST_P(FlashJobTest, TwoFailedDownloadsLeaveTwoWaitsForTheModem) {
   RunJob();
   EXPECT_EQ(bench.Downloads(), 3);
   EXPECT_EQ(bench.TimesSaid("WaitForMBIMRearrivedImplementation ++"), 2);
-  EXPECT_EQ(bench.TimesSaid("\t MBIM device not arrival, retry again, 3(Max 3)"), 1);
+  EXPECT_EQ(bench.TimesSaid("E:\t MBIM device not arrival, retry again, 3(Max 3)"), 1);
   EXPECT_EQ(bench.Result(), 3);
 }
 
@@ -466,18 +478,132 @@ TEST_P(FlashJobTest, TellsOnceThatTheFlagCouldNotBeCleared) {
   EXPECT_FALSE(bench.HasAnyImage());
 }
 
+/// What a controlling program sees of a job's end, in its order.
+class JobsEndTest : public FlashJobTest {
+ protected:
+  JobsEndTest() {
+    s_test = this;
+    EXPECT_TRUE(m_patch.Replace("RegSetValueExW", &SetValue));
+    EXPECT_TRUE(m_patch.Replace("DeleteFileW", &Delete));
+  }
+  ~JobsEndTest() override {
+    m_patch.Restore();
+    s_test = nullptr;
+  }
+
+  /// The steps from the last "Flash_Result" on.
+  std::vector<std::string> End() const {
+    const auto result = std::find_if(m_steps.rbegin(), m_steps.rend(),
+                                     [](const auto& step) { return step.starts_with("Flash_Result"); });
+    return result == m_steps.rend() ? m_steps : std::vector<std::string>(result.base() - 1, m_steps.end());
+  }
+
+ private:
+  void Note(const std::string& step) {
+    m_steps.push_back(step + (bench.library.IsMapped() ? "" : ", library unloaded"));
+  }
+  static LSTATUS WINAPI SetValue(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data,
+                                 DWORD size) {
+    DWORD value = 0;
+    std::memcpy(&value, data, size);
+    s_test->Note(Utf8FromWide(name) + " " + std::to_string(value));
+    return ::RegSetValueExW(key, name, reserved, type, data, size);
+  }
+  static BOOL WINAPI Delete(LPCWSTR path) {
+    s_test->Note("delete " + std::filesystem::path(path).filename().string());
+    return ::DeleteFileW(path);
+  }
+
+  static inline JobsEndTest* s_test = nullptr;
+  std::vector<std::string> m_steps;
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+INSTANTIATE_TEST_SUITE_P(BothWays, JobsEndTest,
+                         testing::Values(Rules{"Service", &kServiceRules},
+                                         Rules{"CommandLine", &kCommandLineRules}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_P(JobsEndTest, OfASuccessIsTheResultThenTheFlagThenTheUnloadedLibraryThenTheImages) {
+  RunJob();
+  EXPECT_THAT(End(), ElementsAre("Flash_Result 4", "Fls_Ready 0", "delete modem.fls, library unloaded",
+                                 "delete nvm.fls, library unloaded"));
+}
+
+TEST_P(JobsEndTest, OfAFailureIsTheSame) {
+  AllowRetries(0);
+  bench.FailDownloads(1);
+  RunJob();
+  EXPECT_THAT(End(), ElementsAre("Flash_Result 3", "Fls_Ready 0", "delete modem.fls, library unloaded",
+                                 "delete nvm.fls, library unloaded"));
+}
+
+// --- Without memory --------------------------------------------------------------------------------------
+
+int g_enginesRefused = 0;
+void* __cdecl RefuseEngines(std::size_t size) {
+  if (size != sizeof(CFirmwareDownloader) || g_enginesRefused == 0) return std::malloc(size);
+  --g_enginesRefused;
+  return nullptr;
+}
+
+class NoEngineTest : public FlashJobTest {
+ protected:
+  void RefuseEngine(int times) {
+    g_enginesRefused = times;
+    ASSERT_TRUE(m_patch.Replace("malloc", &RefuseEngines));
+  }
+
+ private:
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+INSTANTIATE_TEST_SUITE_P(BothWays, NoEngineTest,
+                         testing::Values(Rules{"Service", &kServiceRules},
+                                         Rules{"CommandLine", &kCommandLineRules}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_P(NoEngineTest, WorkerAsksAgainForAnEngineThatTheJobDidNotGet) {
+  RefuseEngine(1);
+  RunJob();
+  EXPECT_EQ(g_enginesRefused, 0);
+  EXPECT_EQ(bench.Downloads(), 1);
+  EXPECT_EQ(bench.Result(), 4);
+}
+
+TEST_P(NoEngineTest, AttemptWithoutAnEngineIsAFailedOne) {
+  RefuseEngine(2);
+  RunJob();
+  EXPECT_EQ(g_enginesRefused, 0);
+  EXPECT_THAT(SaidByWorker(), Contains("ToolKit::DownloadFirmwareImplementation --, result: 0"));
+  EXPECT_EQ(Slept(Pause()), 1);
+  EXPECT_EQ(bench.Result(), 4);
+}
+
+TEST_P(NoEngineTest, ResultOfAnEarlierAttemptIsForgotten) {
+  ToolKit::mFlashResult = FirmwareUpdated;
+  RefuseEngine(1);
+  EXPECT_TRUE(ToolKit::DownloadFirmwareImplementation(nullptr));
+  EXPECT_EQ(ToolKit::mFlashResult, FirmwareNotUpdated);
+}
+
+TEST_P(NoEngineTest, JobEndsAsFailedWhenNoAttemptGetsAnEngine) {
+  AllowRetries(1);
+  RefuseEngine(100);
+  RunJob();
+  EXPECT_EQ(bench.Result(), 3);
+  EXPECT_EQ(bench.Ready(), 0);
+  EXPECT_EQ(bench.Downloads(), 0);
+}
+
 // --- What the service says, in order ---------------------------------------------------------------------
 
 class ServiceJobTest : public FlashJobTest {
  protected:
-  /// What the job said once the download had begun, the workers' own lines left out.
+  /// What the job said once the download had begun.
   std::vector<std::string> SaidByJob() const {
     std::vector<std::string> said = Said();
     said.erase(said.begin(), std::find(said.begin(), said.end(), "\t IPC Type :USB"));
-    std::erase_if(said, [](const std::string& message) {
-      return message.starts_with("ToolKit::DownloadFirmwareImplementation") ||
-             message.starts_with("WaitForMBIMRearrivedImplementation") || message == "\t MBIM modem re-found";
-    });
     return said;
   }
 };
@@ -535,7 +661,7 @@ TEST_P(ServiceJobTest, GivesUpAfterFourWorkersThatCannotBeStarted) {
   bench.clock.RefuseEveryThread(ERROR_NO_SYSTEM_RESOURCES);
   RunJob();
   EXPECT_EQ(bench.Result(), 3);
-  EXPECT_EQ(bench.TimesSaid("\t CreateThread DownloadFirmwareImplementation FAIL: 0x5aa\n"), 4);
+  EXPECT_EQ(bench.TimesSaid("E:\t CreateThread DownloadFirmwareImplementation FAIL: 0x5aa\n"), 4);
 }
 
 TEST_P(ServiceJobTest, SucceedsWhenTheModemIsBackAtTheLastLook) {
@@ -547,8 +673,9 @@ TEST_P(ServiceJobTest, SucceedsWhenTheModemIsBackAtTheLastLook) {
               ElementsAre("\t IPC Type :USB", "\t DownloadFirmwareImplementation timeout: 130s",
                           "\t Flash OK, to wait for MBIM Modem re-arrival",
                           "E:\t Wait Modem re-arrival timeout or other issue, Let's check it last time\n",
-                          "IsMBIMModemPresence ++", "MBIM modem presence", "IsMBIMModemPresence --",
                           "\t MBIM Modem re-arrival, FW update OK"));
+  EXPECT_THAT(bench.SaidUnder("ToolKit::IsMBIMModemPresence"),
+              ElementsAre("IsMBIMModemPresence ++", "MBIM modem presence", "IsMBIMModemPresence --"));
 }
 
 TEST_P(ServiceJobTest, TellsAModemThatNeverComesBack) {
@@ -559,10 +686,8 @@ TEST_P(ServiceJobTest, TellsAModemThatNeverComesBack) {
               ElementsAre("\t IPC Type :USB", "\t DownloadFirmwareImplementation timeout: 130s",
                           "\t Flash OK, to wait for MBIM Modem re-arrival",
                           "E:\t Wait Modem re-arrival timeout or other issue, Let's check it last time\n",
-                          "IsMBIMModemPresence ++", "IsMBIMModemPresence --",
                           "E:\t MBIM device not arrival, retry again, 1(Max 1)",
                           "E:\t Wait Modem re-arrival timeout or other issue, Let's check it last time\n",
-                          "IsMBIMModemPresence ++", "IsMBIMModemPresence --",
                           "E:\t Flash FAIL when reach the maximum retry time.\n",
                           "E:\t Flash OK, but wait Modem re-arrived failed"));
 }

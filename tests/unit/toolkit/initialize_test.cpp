@@ -25,7 +25,7 @@ class ThreadRequests {
   ThreadRequests() {
     s_count = 0;
     s_refused = false;
-    m_patch.Replace("CreateThread", &Create);
+    EXPECT_TRUE(m_patch.Replace("CreateThread", &Create));
   }
   static void Refuse() { s_refused = true; }
   static int Count() { return s_count; }
@@ -112,10 +112,10 @@ TEST_F(InitializeTest, ASecondCallSucceedsAndStartsNoSecondThread) {
 TEST_F(InitializeTest, TheStepsAreLoggedOnceTheLogHasItsName) {
   host.WriteConfig("title\n[TraceLevel]=2\n");
   ToolKit::Initialize();
-  EXPECT_THAT(host.Messages(), ElementsAre("Start LoadConfig ++", "VERSION: " CORVEL_VERSION,
-                                           "\t get Config Var, [TraceLevel] : 2", "\t to GetLabelsLocation",
-                                           "mMainKey:", "mStrKey:", "hMainKey:0x80000002",
-                                           "\t to create MainThreadImplementation", "\t Initialize --"));
+  EXPECT_THAT(host.Said(), ElementsAre("Start LoadConfig ++", "VERSION: " CORVEL_VERSION,
+                                       "\t get Config Var, [TraceLevel] : 2", "\t to GetLabelsLocation",
+                                       "mMainKey:", "mStrKey:", "hMainKey:0x80000002",
+                                       "\t to create MainThreadImplementation", "\t Initialize --"));
   EXPECT_EQ(CDebugLogger::GetLevel(), 3);
 }
 
@@ -125,7 +125,7 @@ TEST_P(LoggingOffTest, TurnsLoggingOffBeforeTheRegistryLocationIsRead) {
   host.WriteConfig(std::string("title\n") + GetParam());
   EXPECT_TRUE(ToolKit::Initialize());
   EXPECT_EQ(CDebugLogger::GetLevel(), 0);
-  EXPECT_EQ(host.Messages().back(), "\t Log Turn OFF");
+  EXPECT_EQ(host.Said().back(), "\t Log Turn OFF");
 }
 
 INSTANTIATE_TEST_SUITE_P(TraceLevels, LoggingOffTest,
@@ -138,7 +138,7 @@ TEST_F(InitializeTest, WithoutAConfigurationItFailsAndStartsNothing) {
       host.Log(),
       Contains(AllOf(Field(&LogRecord::level, "Error"), Field(&LogRecord::function, "ToolKit::Initialize"),
                      Field(&LogRecord::message, "\t Load Config failed, Initialize --"))));
-  EXPECT_THAT(host.Messages(), Not(Contains("\t to GetLabelsLocation")));
+  EXPECT_THAT(host.Said(), Not(Contains("\t to GetLabelsLocation")));
 }
 
 TEST_F(InitializeTest, AfterAFailureASecondCallSucceedsAndStillStartsNothing) {
@@ -195,8 +195,8 @@ TEST_F(InitializeTest, CommandLineModeFixesTheKeyAndStartsNothing) {
 TEST_F(InitializeTest, CommandLineModeLoadsNoConfiguration) {
   TestLog log;
   ToolKit::Initialize_CmdLine();
-  EXPECT_THAT(log.Messages(), ElementsAre("++ Initialize_CmdLine", "CFirmwareCore::GetInstance ++",
-                                          "CFirmwareCore::GetInstance --", "-- Initialize_CmdLine"));
+  EXPECT_THAT(log.Said(), ElementsAre("++ Initialize_CmdLine", "CFirmwareCore::GetInstance ++",
+                                      "CFirmwareCore::GetInstance --", "-- Initialize_CmdLine"));
 }
 
 TEST_F(InitializeTest, AServiceThatIsStartedKeepsItsKeyInCommandLineModeToo) {

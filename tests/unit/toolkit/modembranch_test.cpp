@@ -19,11 +19,13 @@ using testing::StrEq;
 
 HKEY g_askedRoot = nullptr;
 std::string g_askedKey;
+REGSAM g_askedAccess = 0;
 std::string g_scratchKey;
 
 LSTATUS WINAPI OpenScratchKeyInstead(HKEY root, const char* subKey, DWORD options, REGSAM access, HKEY* key) {
   g_askedRoot = root;
   g_askedKey = subKey;
+  g_askedAccess = access;
   return ::RegOpenKeyExA(ScratchKey::Root(), g_scratchKey.c_str(), options, access, key);
 }
 
@@ -45,7 +47,7 @@ class ModemBranchTest : public testing::Test {
   /// The branch detection reads the scratch key in the place of the driver's.
   void RedirectDriverKey() {
     g_scratchKey = key.NarrowPath();
-    patch.Replace("RegOpenKeyExA", &OpenScratchKeyInstead);
+    ASSERT_TRUE(patch.Replace("RegOpenKeyExA", &OpenScratchKeyInstead));
   }
 
   ScratchKey key;
@@ -68,17 +70,15 @@ TEST_F(ModemBranchTest, AnyOtherNameIsTheOlderBranch) {
 TEST_F(ModemBranchTest, ReadingTheNameIsLogged) {
   DriverIsCalled("4630");
   Check();
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("ToolKit::CheckModemBranch ++\n",
-                          "ToolKit::CheckModemBranch: Read regedit successfully, data: 4630\n",
-                          "ToolKit::CheckModemBranch --\n"));
+  EXPECT_THAT(log.Said(), ElementsAre("ToolKit::CheckModemBranch ++\n",
+                                      "ToolKit::CheckModemBranch: Read regedit successfully, data: 4630\n",
+                                      "ToolKit::CheckModemBranch --\n"));
 }
 
 TEST_F(ModemBranchTest, AMissingKeyIsTheOlderBranch) {
   EXPECT_EQ(Check(), 0);
   EXPECT_THAT(buffer.data(), StrEq(""));
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("ToolKit::CheckModemBranch ++\n", "ToolKit::CheckModemBranch --\n"));
+  EXPECT_THAT(log.Said(), ElementsAre("ToolKit::CheckModemBranch ++\n", "ToolKit::CheckModemBranch --\n"));
 }
 
 TEST_F(ModemBranchTest, AMissingValueIsTheOlderBranch) {
@@ -112,8 +112,9 @@ TEST_F(ModemBranchTest, DetectionReadsTheDisplayNameOfTheDriversService) {
   DriverIsCalled("4850");
   EXPECT_EQ(ToolKit::GetModemBranch(), 1);
   EXPECT_EQ(g_askedRoot, HKEY_LOCAL_MACHINE);
+  EXPECT_EQ(g_askedAccess, static_cast<REGSAM>(KEY_READ));
   EXPECT_EQ(g_askedKey, "SYSTEM\\CurrentControlSet\\Services\\UDE");
-  EXPECT_THAT(log.Messages(), testing::Contains("\t ToolKit::GetModemBranch: Working on M.2 4850 branch\n"));
+  EXPECT_THAT(log.Said(), testing::Contains("\t ToolKit::GetModemBranch: Working on M.2 4850 branch\n"));
 }
 
 TEST_F(ModemBranchTest, TheBasebandResetIsUsedOnTheNewerBranch) {
@@ -130,7 +131,7 @@ TEST_F(ModemBranchTest, TheBasebandResetIsUsedOnTheOlderBranchToo) {
   ToolKit::g_bIsFiveBranch = false;
   EXPECT_EQ(ToolKit::GetModemBranch(), 1);
   EXPECT_TRUE(ToolKit::g_bIsFiveBranch);
-  EXPECT_THAT(log.Messages(),
+  EXPECT_THAT(log.Said(),
               IsSupersetOf({"\t ToolKit::GetModemBranch: Working on M.2 4630 branch\n",
                             "\t ToolKit::GetModemBranch: Arvo hardcode to support BBRST for all branch\n"}));
 }

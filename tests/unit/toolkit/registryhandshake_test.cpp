@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "common/text.h"
 #include "config/configparser.h"
 #include "import_patch.h"
 #include "support/host_folder.h"
@@ -26,6 +30,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 using testing::Optional;
+using testing::Pair;
 
 constexpr int kUnreadable = -255;
 // A sub-key that begins with a separator can be neither opened nor made.
@@ -36,23 +41,31 @@ class OpenKeys {
  public:
   OpenKeys() {
     s_open.clear();
-    m_patch.Replace("RegOpenKeyExW", &Open);
-    m_patch.Replace("RegCreateKeyExW", &Create);
-    m_patch.Replace("RegCloseKey", &Close);
+    s_access.clear();
+    s_created.clear();
+    EXPECT_TRUE(m_patch.Replace("RegOpenKeyExW", &Open));
+    EXPECT_TRUE(m_patch.Replace("RegCreateKeyExW", &Create));
+    EXPECT_TRUE(m_patch.Replace("RegCloseKey", &Close));
   }
   ~OpenKeys() {
     for (const HKEY key : s_open) ::RegCloseKey(key);
   }
   static std::size_t Count() { return s_open.size(); }
+  /// The access that each key was opened with.
+  static const std::vector<REGSAM>& Access() { return s_access; }
+  /// The options and the access that each key was made with.
+  static const std::vector<std::pair<DWORD, REGSAM>>& Created() { return s_created; }
 
  private:
   static LSTATUS WINAPI Open(HKEY root, const wchar_t* subKey, DWORD options, REGSAM access, HKEY* key) {
+    s_access.push_back(access);
     const LSTATUS status = ::RegOpenKeyExW(root, subKey, options, access, key);
     if (status == ERROR_SUCCESS) s_open.push_back(*key);
     return status;
   }
   static LSTATUS WINAPI Create(HKEY root, const wchar_t* subKey, DWORD reserved, wchar_t* kind, DWORD options,
                                REGSAM access, SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition) {
+    s_created.emplace_back(options, access);
     const LSTATUS status =
         ::RegCreateKeyExW(root, subKey, reserved, kind, options, access, security, key, disposition);
     if (status == ERROR_SUCCESS) s_open.push_back(*key);
@@ -64,6 +77,8 @@ class OpenKeys {
   }
 
   static inline std::vector<HKEY> s_open;
+  static inline std::vector<REGSAM> s_access;
+  static inline std::vector<std::pair<DWORD, REGSAM>> s_created;
   ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
@@ -86,19 +101,19 @@ class RegistryTest : public testing::Test {
 TEST_F(RegistryTest, ANumberIsReadAndLogged) {
   key.SetNumber(L"Value", 42);
   EXPECT_EQ(Read(), 42);
-  EXPECT_THAT(log.Messages(), ElementsAre("\t Read regedit Value successfully, data:42"));
+  EXPECT_THAT(log.Said(), ElementsAre("\t Read regedit Value successfully, data:42"));
 }
 
 TEST_F(RegistryTest, AValueInAMissingKeyReadsAsUnreadable) {
   EXPECT_EQ(Read(), kUnreadable);
-  EXPECT_THAT(log.Messages(), ElementsAre("\t Reg OpenKeyEx failed"));
+  EXPECT_THAT(log.Said(), ElementsAre("\t Reg OpenKeyEx failed"));
   EXPECT_EQ(log.LevelOf("\t Reg OpenKeyEx failed"), "Trace");
 }
 
 TEST_F(RegistryTest, AMissingValueReadsAsUnreadable) {
   key.Make();
   EXPECT_EQ(Read(), kUnreadable);
-  EXPECT_THAT(log.Messages(), ElementsAre("\t Read regedit failed"));
+  EXPECT_THAT(log.Said(), ElementsAre("\t Read regedit failed"));
   EXPECT_EQ(log.LevelOf("\t Read regedit failed"), "Trace");
 }
 
@@ -136,7 +151,7 @@ TEST_F(RegistryTest, AStoredSentinelLooksUnreadable) {
 TEST_F(RegistryTest, ValueNamesAreLoggedInTheAnsiCodePage) {
   key.SetNumber(L"Sch\u00E9ma", 7);
   Read(L"Sch\u00E9ma");
-  EXPECT_THAT(log.Messages(),
+  EXPECT_THAT(log.Said(),
               ElementsAre("\t Read regedit " + AnsiFromWide(L"Sch\u00E9ma") + " successfully, data:7"));
 }
 
@@ -144,8 +159,7 @@ TEST_F(RegistryTest, AValueNameThatDoesNotFitIsCutInTheLog) {
   const std::wstring name(600, L'n');
   key.SetNumber(name.c_str(), 7);
   EXPECT_EQ(Read(name.c_str()), 7);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("\t Read regedit " + std::string(511, 'n') + " successfully, data:7"));
+  EXPECT_THAT(log.Said(), ElementsAre("\t Read regedit " + std::string(511, 'n') + " successfully, data:7"));
 }
 
 TEST_F(RegistryTest, EachReadLeavesExactlyOneSubKeyOpen) {
@@ -153,6 +167,28 @@ TEST_F(RegistryTest, EachReadLeavesExactlyOneSubKeyOpen) {
   OpenKeys keys;
   for (int i = 0; i < 3; ++i) Read();
   EXPECT_EQ(keys.Count(), 3u);
+}
+
+TEST_F(RegistryTest, AReadAsksForFullAccess) {
+  key.SetNumber(L"Value", 1);
+  OpenKeys keys;
+  Read();
+  EXPECT_THAT(keys.Access(), ElementsAre(KEY_ALL_ACCESS));
+}
+
+TEST_F(RegistryTest, AWriteAsksForFullAccess) {
+  key.Make();
+  OpenKeys keys;
+  Write(6);
+  EXPECT_THAT(keys.Access(), ElementsAre(KEY_ALL_ACCESS));
+  EXPECT_THAT(keys.Created(), IsEmpty());
+}
+
+TEST_F(RegistryTest, AKeyThatIsMadeOutlivesARestartOfThePc) {
+  OpenKeys keys;
+  Write(6);
+  EXPECT_THAT(keys.Created(), ElementsAre(Pair(REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS)));
+  EXPECT_THAT(keys.Access(), ElementsAre(KEY_ALL_ACCESS, KEY_ALL_ACCESS));
 }
 
 TEST_F(RegistryTest, AReadOfAMissingValueLeavesItsSubKeyOpenToo) {
@@ -179,14 +215,14 @@ TEST_F(RegistryTest, WritingReplacesTheOldNumberAndLogsIt) {
   key.SetNumber(L"Value", 5);
   EXPECT_TRUE(Write(6));
   EXPECT_THAT(key.Number(L"Value"), Optional(6u));
-  EXPECT_THAT(log.Messages(), ElementsAre("\t Read regedit successfully, data:5"));
+  EXPECT_THAT(log.Said(), ElementsAre("\t Read regedit successfully, data:5"));
 }
 
 TEST_F(RegistryTest, WritingReplacesAValueOfAnotherType) {
   key.SetValue(L"Value", REG_SZ, L"long text", 20);
   EXPECT_TRUE(Write(6));
   EXPECT_THAT(key.Number(L"Value"), Optional(6u));
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(RegistryTest, WritingANegativeNumberStoresItsBits) {
@@ -197,7 +233,7 @@ TEST_F(RegistryTest, WritingANegativeNumberStoresItsBits) {
 TEST_F(RegistryTest, WritingToAMissingKeyCreatesItAndSucceeds) {
   EXPECT_TRUE(Write(6));
   EXPECT_THAT(key.Number(L"Value"), Optional(6u));
-  EXPECT_THAT(log.Messages(),
+  EXPECT_THAT(log.Said(),
               ElementsAre(MatchesRegex("\t RegOpenKeyEx failed, try to create it, GetLastError\\(\\):-?\\d+"),
                           MatchesRegex("\t RegCreateKeyEx, GetLastError\\(\\):-?\\d+")));
 }
@@ -232,7 +268,7 @@ LSTATUS WINAPI RefuseToSet(HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWOR
 TEST_F(RegistryTest, AValueThatCannotBeSetIsAFailure) {
   key.Make();
   ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  patch.Replace("RegSetValueExW", &RefuseToSet);
+  ASSERT_TRUE(patch.Replace("RegSetValueExW", &RefuseToSet));
   OpenKeys keys;
   EXPECT_FALSE(Write(6));
   EXPECT_EQ(log.LevelOf("\t RegSetValueEx failed, WriteRegistry --"), "Trace");
@@ -305,7 +341,7 @@ TEST_F(RegistryTest, TheReadyFlagIsWrittenWithoutAWord) {
   key.Make();
   ToolKit::SetFlashReadyFlag(key.Root(), key.Path(), 0);
   EXPECT_THAT(key.Number(L"Fls_Ready"), Optional(0u));
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(RegistryTest, AReadyFlagThatCannotBeWrittenIsLoggedOnceAndAsATrace) {
@@ -340,13 +376,13 @@ TEST_F(LabelsLocationTest, IsSplitAtTheFirstSeparator) {
 
 TEST_F(LabelsLocationTest, IsLogged) {
   Locate(L"HKCU\\Software\\Some");
-  EXPECT_THAT(host.Messages(), ElementsAre("\t get Config Var, [RegistryLocation] : HKCU\\Software\\Some",
-                                           "mMainKey:HKCU", "mStrKey:Software\\Some", "hMainKey:0x80000001"));
+  EXPECT_THAT(host.Said(), ElementsAre("\t get Config Var, [RegistryLocation] : HKCU\\Software\\Some",
+                                       "mMainKey:HKCU", "mStrKey:Software\\Some", "hMainKey:0x80000001"));
 }
 
 TEST_F(LabelsLocationTest, IsLoggedInTheAnsiCodePage) {
   Locate(L"HKCU\\Cl\u00E9");
-  EXPECT_THAT(host.Messages(), Contains("mStrKey:" + AnsiFromWide(L"Cl\u00E9")));
+  EXPECT_THAT(host.Said(), Contains("mStrKey:" + AnsiFromWide(L"Cl\u00E9")));
 }
 
 TEST_F(LabelsLocationTest, WithoutASeparatorIsBothPartsAndKeepsTheRoot) {
@@ -418,13 +454,13 @@ class MonitorTest : public testing::Test {
   MonitorTest() {
     s_test = this;
     ToolKit::hMainKey = key.Root();
-    std::wstring(key.Path()).copy(ToolKit::mStrKey, 511);
-    patch.Replace("CreateEventW", &CreateEventOfOneself);
-    patch.Replace("RegNotifyChangeKeyValue", &Notify);
-    patch.Replace("WaitForSingleObject", &Wait);
-    patch.Replace("Sleep", &Pause);
-    patch.Replace("CloseHandle", &Close);
-    patch.Replace("RegCloseKey", &CloseKey);
+    CopyBounded(ToolKit::mStrKey, key.Path());
+    EXPECT_TRUE(patch.Replace("CreateEventW", &CreateEventOfOneself));
+    EXPECT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &Notify));
+    EXPECT_TRUE(patch.Replace("WaitForSingleObject", &Wait));
+    EXPECT_TRUE(patch.Replace("Sleep", &Pause));
+    EXPECT_TRUE(patch.Replace("CloseHandle", &Close));
+    EXPECT_TRUE(patch.Replace("RegCloseKey", &CloseKey));
   }
   ~MonitorTest() override {
     patch.Restore();
@@ -453,7 +489,8 @@ class MonitorTest : public testing::Test {
   HANDLE event = nullptr;
   HKEY watchedKey = nullptr;
   int armed = 0;
-  int waits = 0;
+  std::size_t waits = 0;
+  std::vector<DWORD> limits;
   std::vector<DWORD> pauses;
   std::vector<std::string> closed;
 
@@ -483,12 +520,14 @@ class MonitorTest : public testing::Test {
   }
   static DWORD WINAPI Wait(HANDLE object, DWORD milliseconds) {
     if (object != s_test->event) return ::WaitForSingleObject(object, milliseconds);
-    EXPECT_EQ(milliseconds, INFINITE);
+    s_test->limits.push_back(milliseconds);
     ++s_test->waits;
     s_test->whileWaiting();
     if (std::exchange(s_test->waitFails, false)) return WAIT_FAILED;
-    const DWORD result = ::WaitForSingleObject(object, kLongestWaitMs);
-    if (result != WAIT_TIMEOUT) return result;
+    // A wait with a limit costs no time.
+    const bool endless = milliseconds == INFINITE;
+    const DWORD result = ::WaitForSingleObject(object, endless ? kLongestWaitMs : 0);
+    if (result != WAIT_TIMEOUT || (!endless && s_test->waits < kMostSteps)) return result;
     ADD_FAILURE() << "the monitor waits for a change that does not come";
     s_test->SetFlag(1);
     return WAIT_OBJECT_0;
@@ -496,6 +535,7 @@ class MonitorTest : public testing::Test {
   static void WINAPI Pause(DWORD milliseconds) {
     s_test->pauses.push_back(milliseconds);
     s_test->closed.push_back("pause");
+    if (s_test->pauses.size() > kMostSteps) GiveUp();
     s_test->whilePausing();
   }
   static BOOL WINAPI Close(HANDLE handle) {
@@ -507,14 +547,22 @@ class MonitorTest : public testing::Test {
     return ::RegCloseKey(closedKey);
   }
 
+  /// For a monitor that no flag ends: nothing but the process can.
+  [[noreturn]] static void GiveUp() {
+    std::fprintf(stderr, "the monitor pauses for ever\n");
+    std::fflush(stderr);
+    std::_Exit(EXIT_FAILURE);
+  }
+
   static constexpr DWORD kLongestWaitMs = 10000;
+  static constexpr std::size_t kMostSteps = 100;
   static inline MonitorTest* s_test = nullptr;
 };
 
 TEST_F(MonitorTest, AFlagThatIsAlreadyRaisedIsSeenAtOnce) {
   SetFlag(1);
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 0);
+  EXPECT_EQ(waits, 0u);
   EXPECT_EQ(armed, 1);
 }
 
@@ -522,7 +570,7 @@ TEST_F(MonitorTest, ARoundIsLogged) {
   SetFlag(1);
   Monitor();
   EXPECT_THAT(
-      log.Messages(),
+      log.Said(),
       ElementsAre("MonitorFlashReadyFlag ++", "\t WaitForSingleObject, wait registry to be changed...",
                   "\t Registry is changed", "\t Read regedit Fls_Ready successfully, data:1",
                   "\t flash flag changed to 1", "MonitorFlashReadyFlag --"));
@@ -533,7 +581,7 @@ TEST_F(MonitorTest, EveryRoundIsLoggedAndOnlyTheLastOneEndsTheMonitor) {
   whileWaiting = [this] { SetFlag(waits == 1 ? 2 : 1); };
   Monitor();
   EXPECT_THAT(
-      log.Messages(),
+      log.Said(),
       ElementsAre("MonitorFlashReadyFlag ++", "\t WaitForSingleObject, wait registry to be changed...",
                   "\t Registry is changed", "\t Read regedit Fls_Ready successfully, data:2",
                   "\t flash flag changed to 2", "MonitorFlashReadyFlag ++",
@@ -546,7 +594,7 @@ TEST_F(MonitorTest, AFlagRaisedWhileItWaitsEndsTheWait) {
   SetFlag(0);
   whileWaiting = [this] { SetFlag(1); };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 1);
+  EXPECT_EQ(waits, 1u);
 }
 
 TEST_F(MonitorTest, AFlagRaisedBetweenArmingAndLookingIsSeenAtOnce) {
@@ -554,7 +602,7 @@ TEST_F(MonitorTest, AFlagRaisedBetweenArmingAndLookingIsSeenAtOnce) {
   afterArming = [this] { SetFlag(1); };
   EXPECT_TRUE(Monitor());
   EXPECT_EQ(armed, 1);
-  EXPECT_EQ(waits, 0);
+  EXPECT_EQ(waits, 0u);
 }
 
 TEST_F(MonitorTest, AFlagRaisedBetweenTwoRoundsIsNotLost) {
@@ -565,7 +613,7 @@ TEST_F(MonitorTest, AFlagRaisedBetweenTwoRoundsIsNotLost) {
   };
   EXPECT_TRUE(Monitor());
   EXPECT_EQ(armed, 2);
-  EXPECT_EQ(waits, 1);
+  EXPECT_EQ(waits, 1u);
 }
 
 TEST_F(MonitorTest, ANumberOtherThanOneKeepsItWaiting) {
@@ -577,7 +625,7 @@ TEST_F(MonitorTest, ANumberOtherThanOneKeepsItWaiting) {
   };
   EXPECT_TRUE(Monitor());
   EXPECT_TRUE(waited);
-  EXPECT_EQ(waits, 1);
+  EXPECT_EQ(waits, 1u);
 }
 
 TEST_F(MonitorTest, AMissingFlagKeepsItWaiting) {
@@ -602,7 +650,7 @@ TEST_F(MonitorTest, OtherChangesCostOneRoundEachAndNoSpinning) {
     }
   };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 6);
+  EXPECT_EQ(waits, 6u);
   EXPECT_EQ(armed, 6);
   EXPECT_THAT(pauses, IsEmpty());
 }
@@ -618,7 +666,7 @@ TEST_F(MonitorTest, AChangeBelowTheKeyEndsTheWaitToo) {
     ::RegCloseKey(opened);
   };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 2);
+  EXPECT_EQ(waits, 2u);
 }
 
 TEST_F(MonitorTest, EachRoundClosesTheEventFirstAndThenTheKey) {
@@ -667,8 +715,8 @@ TEST_F(MonitorTest, AWaitThatFailsIsNotTakenForAChangeButTheFlagIsRead) {
   waitFails = true;
   whileWaiting = [this] { SetFlag(1); };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(log.Count("\t Registry is changed"), 0);
-  EXPECT_EQ(log.Count("\t flash flag changed to 1"), 1);
+  EXPECT_THAT(log.Said(), Not(Contains("\t Registry is changed")));
+  EXPECT_THAT(log.Said(), Contains("\t flash flag changed to 1"));
 }
 
 TEST_F(MonitorTest, AKeyThatIsDeletedAndMadeAgainIsWatchedAnew) {
@@ -681,29 +729,120 @@ TEST_F(MonitorTest, AKeyThatIsDeletedAndMadeAgainIsWatchedAnew) {
     ::SetEvent(event);
   };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 2);
+  EXPECT_EQ(waits, 2u);
 }
 
-int g_refused = 0;
-
-/// Gives in after a while, so that a monitor which does not wait comes to an end.
-LSTATUS WINAPI RefuseFullAccess(HKEY root, const wchar_t* subKey, DWORD options, REGSAM access, HKEY* key) {
-  if (access == KEY_ALL_ACCESS && ++g_refused <= 100) return ERROR_ACCESS_DENIED;
-  return ::RegOpenKeyExW(root, subKey, options, access, key);
+TEST_F(MonitorTest, AValueOtherThanOneIsWaitedUponWithoutLimitAndWithoutARecord) {
+  SetFlag(0);
+  whileWaiting = [this] { SetFlag(1); };
+  Monitor();
+  EXPECT_THAT(limits, ElementsAre(INFINITE));
+  EXPECT_THAT(log.Said(), Contains("\t flash flag changed to 1").Times(1));
 }
 
-TEST_F(MonitorTest, AFlagThatCannotBeReadKeepsItWaitingThoughItIsRaised) {
+TEST_F(MonitorTest, AMissingFlagIsWaitedUponWithoutLimit) {
+  key.Make();
+  whileWaiting = [this] { SetFlag(1); };
+  Monitor();
+  EXPECT_THAT(limits, ElementsAre(INFINITE));
+}
+
+TEST_F(MonitorTest, TheKeyIsWatchedWithTheRightToBeNotifiedAlone) {
   SetFlag(1);
-  g_refused = 0;
-  ImportPatch access(::GetModuleHandleW(L"toolkit_internals.dll"));
-  access.Replace("RegOpenKeyExW", &RefuseFullAccess);
-  whileWaiting = [&] {
-    EXPECT_TRUE(StillWaiting());
-    access.Restore();
-    key.SetNumber(L"Other", 1);
+  OpenKeys keys;
+  Monitor();
+  // The watch, the look, the read.
+  EXPECT_THAT(keys.Access(), ElementsAre(KEY_NOTIFY, KEY_ALL_ACCESS, KEY_ALL_ACCESS));
+}
+
+/// A key that cannot be opened with full access, or whose values cannot be queried, for some times.
+class UnreadableFlagTest : public MonitorTest {
+ protected:
+  UnreadableFlagTest() {
+    s_opensRefused = s_queriesRefused = 0;
+    s_queryError = ERROR_ACCESS_DENIED;
+    EXPECT_TRUE(m_access.Replace("RegOpenKeyExW", &Open));
+    EXPECT_TRUE(m_access.Replace("RegQueryValueExW", &Query));
+  }
+
+  static inline int s_opensRefused = 0;
+  static inline int s_queriesRefused = 0;
+  static inline LSTATUS s_queryError = ERROR_ACCESS_DENIED;
+
+ private:
+  static LSTATUS WINAPI Open(HKEY root, const wchar_t* subKey, DWORD options, REGSAM access, HKEY* opened) {
+    if (access == KEY_ALL_ACCESS && s_opensRefused > 0) {
+      --s_opensRefused;
+      return ERROR_ACCESS_DENIED;
+    }
+    return ::RegOpenKeyExW(root, subKey, options, access, opened);
+  }
+  static LSTATUS WINAPI Query(HKEY opened, const wchar_t* name, DWORD* reserved, DWORD* type, BYTE* data,
+                              DWORD* size) {
+    if (s_queriesRefused > 0) {
+      --s_queriesRefused;
+      return s_queryError;
+    }
+    return ::RegQueryValueExW(opened, name, reserved, type, data, size);
+  }
+
+  ImportPatch m_access{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+// Nobody changes the key again: who asked for the flash has done so.
+TEST_F(UnreadableFlagTest, ARaisedFlagWhoseKeyCannotBeOpenedIsLookedAtAgainEveryFiveSeconds) {
+  SetFlag(1);
+  s_opensRefused = 3;
+  EXPECT_TRUE(Monitor());
+  EXPECT_THAT(limits, ElementsAre(5000u, 5000u, 5000u));
+  EXPECT_EQ(armed, 1);
+}
+
+TEST_F(UnreadableFlagTest, ARaisedFlagThatCannotBeQueriedIsLookedAtAgainEveryFiveSeconds) {
+  SetFlag(1);
+  s_queriesRefused = 2;
+  EXPECT_TRUE(Monitor());
+  EXPECT_THAT(limits, ElementsAre(5000u, 5000u));
+}
+
+TEST_F(UnreadableFlagTest, ARequestIsNotLostWhenTheReadBehindTheChangeAndTheNextLookFail) {
+  SetFlag(0);
+  whileWaiting = [this] {
+    if (waits > 1) return;
+    SetFlag(1);
+    s_opensRefused = 2;
   };
   EXPECT_TRUE(Monitor());
-  EXPECT_EQ(waits, 1);
+  EXPECT_THAT(limits, ElementsAre(INFINITE, 5000u));
+}
+
+TEST_F(UnreadableFlagTest, ALookThatIsRepeatedIsNotLogged) {
+  SetFlag(1);
+  s_opensRefused = 3;
+  Monitor();
+  EXPECT_THAT(
+      log.Said(),
+      ElementsAre("MonitorFlashReadyFlag ++", "\t WaitForSingleObject, wait registry to be changed...",
+                  "\t Registry is changed", "\t Read regedit Fls_Ready successfully, data:1",
+                  "\t flash flag changed to 1", "MonitorFlashReadyFlag --"));
+}
+
+TEST_F(UnreadableFlagTest, AChangeEndsTheWaitBetweenTwoLooks) {
+  SetFlag(0);
+  s_opensRefused = 1;
+  whileWaiting = [this] { SetFlag(1); };
+  EXPECT_TRUE(Monitor());
+  EXPECT_THAT(limits, ElementsAre(5000u));
+}
+
+TEST_F(UnreadableFlagTest, ALookThatSucceedsAndFindsNoRequestWaitsWithoutLimitAgain) {
+  SetFlag(0);
+  s_opensRefused = 2;
+  whileWaiting = [this] {
+    if (waits == 3) SetFlag(1);
+  };
+  EXPECT_TRUE(Monitor());
+  EXPECT_THAT(limits, ElementsAre(5000u, 5000u, INFINITE));
 }
 
 }  // namespace

@@ -8,11 +8,15 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <new>
 #include <string>
 
+#include "common/debuglogger.h"
 #include "import_patch.h"
+#include "support/scarce_memory.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
+#include "toolkit/installationdir.h"
 
 namespace {
 
@@ -111,6 +115,97 @@ TEST(DataFolders, AreTheSameWhateverTheUnusedFlagSays) {
   CTString folder;
   EXPECT_FALSE(Exposed::GetDataDir(folder, false));
   EXPECT_EQ(Wide(folder), Wide(ToolKit::GetInstallationDir()));
+}
+
+// Without memory
+
+class NoMemoryTest : public testing::Test {
+ protected:
+  NoMemoryTest() { ToolKit::TurnLoggingOff(); }
+  ~NoMemoryTest() override {
+    ToolKit::TurnLoggingOn();
+    ToolKit::m_ModemFlsFile.Empty();
+    ToolKit::m_NVMFlsFile.Empty();
+  }
+
+  ScarceMemory memory;
+};
+
+TEST_F(NoMemoryTest, TheInstallationFolderIsEmpty) {
+  const std::wstring folder = Wide(ToolKit::GetInstallationDir());
+  memory.FailEachOf([&] {
+    const CTString found = ToolKit::GetInstallationDir();
+    EXPECT_TRUE(found == (memory.HasFailed() ? L"" : folder.c_str()));
+  });
+}
+
+// An empty one would pass for a path that cannot be had, and the next file for one in the current folder.
+TEST_F(NoMemoryTest, TheLibraryItselfDoesNotTakeTheInstallationFolderForAnEmptyOne) {
+  memory.Fail(1);
+  EXPECT_THROW(InstallationDir(), std::bad_alloc);
+}
+
+TEST_F(NoMemoryTest, TheDataFoldersAreEmptyAndNoneIsASuccess) {
+  for (const auto get :
+       {&ToolKit::GetLocalAppDataDir, &ToolKit::GetProgramDataDir, &ToolKit::GetLocalDataToolkitDir}) {
+    memory.FailEachOf([&] {
+      CTString folder;
+      const bool succeeded = get(folder);
+      EXPECT_EQ(folder.IsEmpty(), memory.HasFailed());
+      EXPECT_FALSE(succeeded && memory.HasFailed());
+    });
+  }
+}
+
+TEST_F(NoMemoryTest, TheDataFolderForDerivedClassesIsEmptyToo) {
+  memory.FailEachOf([&] {
+    CTString folder;
+    EXPECT_FALSE(Exposed::GetDataDir(folder, true));
+    EXPECT_EQ(folder.IsEmpty(), memory.HasFailed());
+  });
+}
+
+TEST_F(NoMemoryTest, MakingFoldersFails) {
+  const TemporaryFolder folder;
+  const std::string path = folder.File("a-name-that-needs-memory\\another-name-that-needs-memory");
+  memory.FailEachOf([&] {
+    const bool made = ToolKit::MakeDirectory(path.c_str());
+    EXPECT_EQ(made, !memory.HasFailed());
+  });
+}
+
+TEST_F(NoMemoryTest, TheNextTokenIsTheEnd) {
+  memory.FailEachOf([&] {
+    int position = 0;
+    const std::string token = ToolKit::Tokenize("a-token-that-needs-memory,b", ",", position);
+    EXPECT_EQ(token.empty(), memory.HasFailed());
+    EXPECT_EQ(position, memory.HasFailed() ? -1 : 26);
+  });
+}
+
+TEST_F(NoMemoryTest, AFileIsOfNoType) {
+  const CTString path(L"a.type-that-needs-memory");
+  const CTString extension(L".typ");
+  // The first one is the argument's own.
+  memory.FailEachOf([&] { EXPECT_FALSE(ToolKit::IsFileOfType(path, extension)); }, 2);
+}
+
+TEST_F(NoMemoryTest, ThePathsOfTheImagesAreEmpty) {
+  ToolKit::m_ModemFlsFile = L"C:\\images\\modem.fls";
+  ToolKit::m_NVMFlsFile = L"C:\\images\\nvm.fls";
+  for (const auto get : {&ToolKit::GetModemFlsFile, &ToolKit::GetNVMFlsFile}) {
+    memory.FailEachOf([&] {
+      const bool empty = get().IsEmpty();
+      EXPECT_EQ(empty, memory.HasFailed());
+    });
+  }
+}
+
+TEST_F(NoMemoryTest, NamingTheLogIsNoException) {
+  const TemporaryFolder folder;
+  const std::string path = folder.File("a-log-that-needs-memory.log");
+  memory.FailEachOf([&] { ToolKit::GetInstance()->SetDebugLoggerFileName(path.c_str()); });
+  CDebugLogger::GetInstance()->SetFileName("");
 }
 
 // MakeDirectory

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <atomic>
+
+/// One of the exported process-wide values that several threads use at once. It keeps its plain type for the
+/// hosts; the library reaches it through this alone.
+template <typename Value>
+std::atomic_ref<Value> Shared(Value& value) noexcept {
+  return std::atomic_ref<Value>(value);
+}

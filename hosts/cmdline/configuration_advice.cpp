@@ -76,14 +76,14 @@ std::wstring Essence(const std::wstring& key) {
 
 const Key* FindKey(const std::wstring& name) {
   const auto found = std::ranges::find_if(kKeys, [&](const Key& key) { return name == key.name; });
-  return found == kKeys.end() ? nullptr : found;
+  return found == kKeys.end() ? nullptr : &*found;
 }
 
 const Key* FindKeyThatLooksLike(const std::wstring& name) {
   const std::wstring essence = Essence(name);
   const auto found =
       std::ranges::find_if(kKeys, [&](const Key& key) { return essence == Essence(key.name); });
-  return found == kKeys.end() ? nullptr : found;
+  return found == kKeys.end() ? nullptr : &*found;
 }
 
 std::vector<std::string> KeyNames() {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "import_patch.h"
 #include "support/temporary_folder.h"
 
 using testing::ElementsAre;
@@ -310,6 +311,25 @@ TEST(ConfigurationFileTest, KeyAndValueEndAtAZero) {
 TEST(ConfigurationFileTest, IsNothingWithoutAFile) {
   const TemporaryFolder folder;
   EXPECT_FALSE(ConfigurationFile::Read(folder.File(std::wstring(L"CorvelConfig.ini"))).has_value());
+}
+
+BOOL WINAPI FailToRead(HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {
+  ::SetLastError(ERROR_READ_FAULT);
+  return FALSE;
+}
+
+TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
+  const TemporaryFolder folder;
+  const std::wstring path = folder.Write(std::wstring(L"CorvelConfig.ini"), "T\r\n[A]=1\r\n");
+  // Of the C runtime, whichever this program has.
+  ImportPatch msvcrt(::GetModuleHandleW(L"msvcrt.dll"));
+  ImportPatch ucrt(::GetModuleHandleW(L"ucrtbase.dll"));
+  const bool patchedMsvcrt =
+      ::GetModuleHandleW(L"msvcrt.dll") != nullptr && msvcrt.Replace("ReadFile", &FailToRead);
+  const bool patchedUcrt =
+      ::GetModuleHandleW(L"ucrtbase.dll") != nullptr && ucrt.Replace("ReadFile", &FailToRead);
+  ASSERT_TRUE(patchedMsvcrt || patchedUcrt);
+  EXPECT_FALSE(ConfigurationFile::Read(path).has_value());
 }
 
 }  // namespace

@@ -10,6 +10,10 @@ TEST(NearestWordTest, FindsAWordWithSwappedCharacters) {
   EXPECT_EQ(NearestWord("falsh", kVerbs), "flash");
 }
 
+TEST(NearestWordTest, CountsASwapAsOneMistake) {
+  EXPECT_EQ(NearestWord("abdc", {"abdxy", "abcd"}), "abcd");
+}
+
 TEST(NearestWordTest, FindsAWordWithAMissingOrAnotherCharacter) {
   EXPECT_EQ(NearestWord("chec", kVerbs), "check");
   EXPECT_EQ(NearestWord("stutus", kVerbs), "status");

@@ -325,9 +325,9 @@ TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
   ImportPatch msvcrt(::GetModuleHandleW(L"msvcrt.dll"));
   ImportPatch ucrt(::GetModuleHandleW(L"ucrtbase.dll"));
   const bool patchedMsvcrt =
-      ::GetModuleHandleW(L"msvcrt.dll") != nullptr && msvcrt.Replace("ReadFile", &FailToRead);
+      ::GetModuleHandleW(L"msvcrt.dll") != nullptr && msvcrt.ReplaceIfImported("ReadFile", &FailToRead);
   const bool patchedUcrt =
-      ::GetModuleHandleW(L"ucrtbase.dll") != nullptr && ucrt.Replace("ReadFile", &FailToRead);
+      ::GetModuleHandleW(L"ucrtbase.dll") != nullptr && ucrt.ReplaceIfImported("ReadFile", &FailToRead);
   ASSERT_TRUE(patchedMsvcrt || patchedUcrt);
   EXPECT_FALSE(ConfigurationFile::Read(path).has_value());
 }

@@ -19,6 +19,8 @@ TEST_F(ModemPresenceTest, ModemInItsNormalModeHasBothPorts) {
   tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\7&2");
   EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
   EXPECT_TRUE(LookForModem().atPort);
+  // A modem that was once there is no modem.
+  EXPECT_EQ(tree.LastFlags(), static_cast<ULONG>(CM_GETIDLIST_FILTER_PRESENT));
 }
 
 TEST_F(ModemPresenceTest, BootLoader) {

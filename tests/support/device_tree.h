@@ -24,6 +24,8 @@ class DeviceTree {
     m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
     m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
     m_patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
+    // A host looks for devices and does no more.
+    if (module == ::GetModuleHandleW(nullptr)) return;
     m_patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
     m_patch.Replace("CM_Locate_DevNodeW", &Locate);
     m_patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);

@@ -214,8 +214,17 @@ class MobileBroadbandService {
     m_changed.NotifyAll();
   }
 
+  /// Hangs until Stop, if the behaviour has it so for this Release.
+  void HangInFirstRelease() {
+    if (!behaviour.firstReleaseHangs || ::GetCurrentThreadId() == m_ownThread) return;
+    if (m_wasReleased.exchange(true)) return;
+    std::unique_lock lock(m_mutex);
+    m_changed.Wait(lock, [this] { return m_stopped; });
+  }
+
   /// Works the completions off until Stop.
   void RunCompletions() {
+    m_ownThread = ::GetCurrentThreadId();
     std::unique_lock lock(m_mutex);
     while (!m_stopped) {
       if (m_completions.empty()) {
@@ -267,6 +276,8 @@ class MobileBroadbandService {
 
   mutable Lock m_mutex;
   Condition m_changed;
+  std::atomic<DWORD> m_ownThread{0};
+  std::atomic<bool> m_wasReleased{false};
   bool m_stopped = false;
   bool m_completing = false;
   std::multimap<milliseconds, std::function<void()>> m_completions;
@@ -329,6 +340,10 @@ class DeviceService final : public ServiceObject<IMbnDeviceService> {
   DeviceService(Service service, std::wstring interfaceId, std::wstring id)
       : ServiceObject(std::move(service)), m_interfaceId(std::move(interfaceId)), m_id(std::move(id)) {}
 
+  ULONG STDMETHODCALLTYPE Release() override {
+    TheService().HangInFirstRelease();
+    return ServiceObject::Release();
+  }
   HRESULT STDMETHODCALLTYPE QuerySupportedCommands(ULONG* requestID) override {
     return Request("QuerySupportedCommands", TheService().behaviour.querySupportedCommands, requestID,
                    [this](IMbnDeviceServicesEvents& sink, HRESULT status, ULONG id) {

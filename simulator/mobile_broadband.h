@@ -52,6 +52,10 @@ struct MobileBroadbandBehaviour {
   /// Calls that succeed and hand out nothing.
   std::set<std::string> emptyHanded;
 
+  /// Whether the first Release of a device service by another thread than the service's own hangs for as long
+  /// as the service lives.
+  bool firstReleaseHangs = false;
+
   /// Runs inside SetCommand when the modem takes its reboot command: id 1, payload 01 00 00 00.
   std::function<void()> onRebootCommand;
   /// Runs inside each call, by its name, before the call does anything.

@@ -55,6 +55,7 @@ SinkShare::SinkShare() {
 
 SinkShare::~SinkShare() {
   if (m_sink == nullptr) return;
+  // Released at the very end: it is the service that says how long that takes.
   MbnKeptObjects kept;
   {
     const ScopedLock lock(g_sinkLock);
@@ -63,8 +64,7 @@ SinkShare::~SinkShare() {
     m_sink->DeInitilazation();
     kept = m_sink->Retire();
   }
-  // From here on the service's code runs. A newer run has a sink, events and objects of its own by now.
-  kept = {};
+  // From here on a newer run has a sink, events and objects of its own.
   m_sink->Disconnect();
   DeleteAll(TakeDesertedSinks(m_sink));
 }

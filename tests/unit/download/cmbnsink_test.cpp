@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -462,6 +464,24 @@ TEST_F(MbnSinkTest, AResponseIsKeptAsLongAsTheModemMadeIt) {
   const UniqueSafeArray data = Bytes(std::vector<BYTE>(300, 0x7E));
   Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5);
   EXPECT_EQ(g_SetCommandResponse, std::vector<BYTE>(300, 0x7E));
+}
+
+constexpr std::size_t kLongResponse = 777;
+void* __cdecl NoMemoryForALongResponse(std::size_t size) {
+  return size == kLongResponse ? nullptr : std::malloc(size);
+}
+
+TEST_F(MbnSinkTest, AResponseThatThereIsNoMemoryForCountsAsEmptyAndSignals) {
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  if (!patch.Replace("malloc", &NoMemoryForALongResponse)) GTEST_SKIP() << "the runtime is linked in";
+  const UniqueSafeArray data = Bytes(std::vector<BYTE>(kLongResponse, 0x7E));
+  EXPECT_EQ(Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5), S_OK);
+  EXPECT_THAT(Entries(),
+              TracesOf("OnSetCommandComplete",
+                       {"\t *****Received OnSetCommandComplete Event\n", "\t *****requestID = 5\n",
+                        "\t *****reponseID = 6\n", "\t *****status = 0\n", "\t NumElements = 0\n"}));
+  EXPECT_THAT(g_SetCommandResponse, IsEmpty());
+  EXPECT_TRUE(TakeSignal(g_Event_OnSetCommandComplete));
 }
 
 TEST_F(MbnSinkTest, TheServicesArrayIsLeftUnlocked) {

@@ -424,4 +424,11 @@ TEST_F(CheckBeyondTheCodePageTest, TellsByWhatNameTheLogIsWritten) {
                 ToUtf8(FromAnsi(AnsiPath(folder, L"FlashCommandLineLogger_DLL.log"))));
 }
 
+TEST_F(CheckBeyondTheCodePageTest, FlashThereSucceedsAndHasItsLog) {
+  workspace.MakeVirtualPc({"speed=60"});
+  const RunResult result = RunToEnd(workspace.CommandLineHost(), {L"flash", L"--json"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(workspace.Content(L"FlashCommandLineLogger_DLL.log"), HasSubstr("VERSION: "));
+}
+
 }  // namespace

@@ -9,6 +9,12 @@
 
 #include "common/handles.h"
 
+#if defined(__MINGW32__) && defined(_UCRT)
+// Not in every version of its headers.
+extern "C" _CRTIMP _invalid_parameter_handler __cdecl _set_thread_local_invalid_parameter_handler(
+    _invalid_parameter_handler);
+#endif
+
 namespace {
 
 std::string NarrowFromWide(UINT codePage, std::wstring_view text) {

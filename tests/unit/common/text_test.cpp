@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
 
 namespace {
 
@@ -86,6 +88,23 @@ TEST(TextPrint, GivesNothingForParametersOfWhichOnlySomeHavePositions) {
   const char* const format = "%1$s %s";
   EXPECT_EQ(Print(format, "one", "two"), std::nullopt);
 }
+
+#if defined(_MSC_VER) && defined(_UCRT)
+int g_refusals = 0;
+void __cdecl CountRefusal(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, std::uintptr_t) {
+  ++g_refusals;
+}
+
+// The universal runtime would end the process there, or do what the host has asked for.
+TEST(TextPrint, KeepsARefusedFormatFromTheHostsHandlerForThatCallAlone) {
+  g_refusals = 0;
+  const auto before = ::_set_thread_local_invalid_parameter_handler(&CountRefusal);
+  const char* const format = "%1$s %s";
+  EXPECT_EQ(Print(format, "one", "two"), std::nullopt);
+  EXPECT_EQ(g_refusals, 0);
+  EXPECT_EQ(::_set_thread_local_invalid_parameter_handler(before), &CountRefusal);
+}
+#endif
 
 TEST(TextPrint, GivesNothingWithoutAFormat) {
   EXPECT_EQ(Print(static_cast<const char*>(nullptr)), std::nullopt);

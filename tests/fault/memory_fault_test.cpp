@@ -1,0 +1,306 @@
+// Flash jobs of the service while allocations fail, in the virtual PC. After each of them the service must be
+// there, its report must be true, and with memory the next job must flash.
+//
+// usage: memory_fault_test [--route mbim|at|bbrst|flash-port] [--log] [--step N]
+//
+// Without --step a few places per length of a burst are tried. With it every N-th allocation of a whole job
+// is the first that fails, for all lengths of bursts: --step 1 tries all there are.
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "configuration.h"
+#include "failing_allocations.h"
+#include "flash_image.h"
+#include "import_patch.h"
+#include "scratch_key.h"
+#include "text.h"
+#include "virtual_pc.h"
+#include "work_folder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using RealClock = std::chrono::steady_clock;
+
+constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
+constexpr auto kPatience = 30s;
+// Not faster: a thread that has to wait for a processor must not miss the time limits of what it does.
+constexpr double kSpeed = 200;
+constexpr unsigned kBursts[] = {1, 2, 3, 10, 50, FailingAllocations::kForGood};
+/// So many allocations fail before memory comes back in a job that goes on meanwhile.
+constexpr unsigned kRefusalsUntilMemoryIsBack = 60;
+constexpr unsigned kPlacesPerBurst = 2;
+/// From this length on a burst takes long, for the service pauses behind each failure that it meets itself.
+constexpr unsigned kLongBurst = 50;
+
+struct Options {
+  Route route = Route::kMbim;
+  bool log = false;
+  std::optional<unsigned> step;
+};
+Options g_options;
+
+/// A modem that does everything quickly.
+ModemTiming QuickTiming() {
+  ModemTiming timing;
+  timing.leaving = 300ms;
+  timing.restarting = 300ms;
+  timing.open_port = 50ms;
+  timing.boot = 100ms;
+  timing.returning = 500ms;
+  timing.bytes_per_second = 50'000'000;
+  return timing;
+}
+
+struct Burst {
+  unsigned first;
+  unsigned count;
+};
+
+std::string NameOf(const Burst& burst) {
+  return (burst.count == FailingAllocations::kForGood ? "all" : std::to_string(burst.count)) + " from " +
+         std::to_string(burst.first);
+}
+
+/// Places spread over a job, the very first among them.
+std::vector<Burst> Spread(unsigned allocations) {
+  std::vector<Burst> bursts;
+  unsigned shift = 0;
+  for (const unsigned count : kBursts) {
+    if (count < kLongBurst) bursts.push_back({1, count});
+    for (unsigned i = 0; i < (count < kLongBurst ? kPlacesPerBurst : 1); ++i) {
+      // Shifted from length to length, so that together they come to many places.
+      const unsigned part = i * static_cast<unsigned>(std::size(kBursts)) + shift;
+      bursts.push_back(
+          {2 + allocations * part / (kPlacesPerBurst * static_cast<unsigned>(std::size(kBursts))), count});
+    }
+    ++shift;
+  }
+  return bursts;
+}
+
+std::vector<Burst> EveryNth(unsigned step, unsigned allocations) {
+  std::vector<Burst> bursts;
+  for (const unsigned count : kBursts) {
+    for (unsigned first = 1; first <= allocations; first += step) bursts.push_back({first, count});
+  }
+  return bursts;
+}
+
+/// Counts how often the service begins to wait while nothing is asked for: with its job all done. It waits
+/// while something is asked for as well, when it begins anew after a lack of memory.
+class RoundsAtRest {
+ public:
+  static LSTATUS WINAPI Notify(HKEY key, BOOL subtree, DWORD filter, HANDLE event, BOOL asynchronous) {
+    {
+      const std::lock_guard lock(s_lock);
+      if (s_key->Read().ready != 1u) ++s_count;
+    }
+    return ::RegNotifyChangeKeyValue(key, subtree, filter, event, asynchronous);
+  }
+
+  /// Raises the flag. @return the count by then: one more, and the job is done.
+  static int Raise() {
+    const std::lock_guard lock(s_lock);
+    s_key->Write(L"Fls_Ready", 1);
+    return s_count;
+  }
+  static int Count() { return s_count; }
+  static void Watch(ScratchKey& key) { s_key = &key; }
+
+ private:
+  // Looking and counting are one step, as are raising and reading the count.
+  static inline std::mutex s_lock;
+  static inline std::atomic<int> s_count{0};
+  static inline ScratchKey* s_key = nullptr;
+};
+
+class LackOfMemory : public testing::Test {
+ protected:
+  void SetUp() override {
+    ::Setup setup;
+    setup.route = g_options.route;
+    m_configuration.emplace(m_folder, setup, m_key.Location(), m_folder / L"firmware");
+    if (!g_options.log) TurnLogOff();
+    VirtualPcOptions options = PcOptions(setup, kSpeed, m_folder);
+    options.timing = QuickTiming();
+    m_pc.emplace(options);
+    const HMODULE product = m_pc->LoadUnderSimulation(m_folder / kLibrary);
+    ASSERT_NE(product, nullptr);
+    ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
+    // Never destroyed: the service goes on until the process ends.
+    static FailingAllocations& allocations = *new FailingAllocations(product);
+    ASSERT_TRUE(allocations.IsInPlace());
+    static ImportPatch& patch = *new ImportPatch(product);
+    RoundsAtRest::Watch(m_key);
+    ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &RoundsAtRest::Notify));
+    // The present wait may know the function that it began with. A request that finds no images ends it.
+    RoundsAtRest::Raise();
+    ASSERT_TRUE(Becomes([] { return RoundsAtRest::Count() > 0; })) << "the service does not wait anew";
+  }
+
+  /// One job on which allocations fail. @return its result.
+  std::optional<std::uint32_t> FlashWithout(const Burst& burst) {
+    const FlashImage image = LayNewImage();
+    FailingAllocations::Fail(burst.first, burst.count);
+    const int rounds = RoundsAtRest::Raise();
+    const auto over = [&] { return RoundsAtRest::Count() > rounds; };
+    EXPECT_TRUE(Becomes([&] {
+      return over() || FailingAllocations::Refused() >= kRefusalsUntilMemoryIsBack;
+    })) << "the job neither ends nor goes on";
+    FailingAllocations::Restore();
+    EXPECT_TRUE(Becomes(over)) << "the service does not wait for the next request";
+    const auto result = m_key.Read().result;
+    EXPECT_TRUE(result == Code(FlashResult::Failed) || result == Code(FlashResult::Succeeded))
+        << "result " << result.value_or(~0u);
+    if (result == Code(FlashResult::Succeeded)) ExpectInModem(image);
+    return result;
+  }
+
+  void FlashWithMemory() {
+    const FlashImage image = LayNewImage();
+    const int rounds = RoundsAtRest::Raise();
+    EXPECT_TRUE(Becomes([&] { return RoundsAtRest::Count() > rounds; }))
+        << "the service does not do the next job";
+    EXPECT_EQ(m_key.Read().result, Code(FlashResult::Succeeded));
+    ExpectInModem(image);
+    m_pc->ClearJournal();
+  }
+
+  /// How often the service has begun to wait for a change of the key.
+  int Rounds() const {
+    const auto calls = m_pc->PlatformCalls();
+    const auto found = calls.find("RegNotifyChangeKeyValue");
+    return found == calls.end() ? 0 : found->second;
+  }
+
+  static bool Becomes(const std::function<bool()>& condition) {
+    const auto end = RealClock::now() + kPatience;
+    while (!condition()) {
+      if (RealClock::now() > end) return false;
+      ::Sleep(2);
+    }
+    return true;
+  }
+
+ private:
+  static std::optional<std::uint32_t> Code(FlashResult result) { return static_cast<std::uint32_t>(result); }
+
+  void TurnLogOff() const {
+    const auto path = m_folder / L"CorvelConfig.ini";
+    std::ifstream file(path, std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    file.close();
+    constexpr std::string_view kOn = "[TraceLevel]=1";
+    text.replace(text.find(kOn), kOn.size(), "[TraceLevel]=0");
+    std::ofstream(path, std::ios::binary) << text;
+  }
+
+  /// Another one each time: what an earlier job wrote must not pass for the work of a later one.
+  FlashImage LayNewImage() {
+    const FlashImage image = BuildImage(SmallImagePlan(++m_images));
+    const auto folder = m_folder / L"firmware";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    EXPECT_TRUE(SaveImageFile(image, folder / L"nvm.fls"));
+    return image;
+  }
+
+  void ExpectInModem(const FlashImage& image) {
+    const MemoryComparison comparison = m_pc->Modem().CompareWith(nullptr, &image);
+    EXPECT_TRUE(comparison.equal) << comparison.difference;
+  }
+
+  const std::filesystem::path m_folder = ProgramFolder();
+  ScratchKey m_key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
+  std::optional<ConfigurationFile> m_configuration;
+  std::optional<VirtualPc> m_pc;
+  std::uint32_t m_images = 0;
+};
+
+TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
+  FlashWithMemory();
+  ASSERT_FALSE(HasFailure());
+  // Counted, and none refused.
+  FailingAllocations::Fail(FailingAllocations::kForGood, 0);
+  FlashWithMemory();
+  const unsigned allocations = FailingAllocations::Asked();
+  ASSERT_GT(allocations, 0u);
+
+  unsigned failed = 0;
+  unsigned hit = 0;
+  const std::vector<Burst> bursts =
+      g_options.step ? EveryNth(*g_options.step, allocations) : Spread(allocations);
+  for (const Burst& burst : bursts) {
+    SCOPED_TRACE(NameOf(burst));
+    if (FlashWithout(burst) == static_cast<std::uint32_t>(FlashResult::Failed)) ++failed;
+    if (FailingAllocations::Refused() > 0) ++hit;
+    FlashWithMemory();
+    if (HasFailure()) break;
+  }
+  std::printf("%zu jobs of %u allocations: memory was refused in %u, %u of them failed\n", bursts.size(),
+              allocations, hit, failed);
+  EXPECT_GT(2 * hit, bursts.size()) << "memory was hardly ever refused";
+}
+
+/// What becomes of one word of the command line. @return false when it means nothing.
+bool Take(std::string_view word, std::string_view value, Options& options) {
+  if (word == "--log") return options.log = true;
+  if (word == "--route") {
+    const auto route = RouteOfName(value);
+    if (route) options.route = *route;
+    return route.has_value();
+  }
+  unsigned step = 0;
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), step);
+  if (word != "--step" || error != std::errc() || end != value.data() + value.size() || step == 0)
+    return false;
+  options.step = step;
+  return true;
+}
+
+int RunInWorkFolder(int count, char** words) {
+  std::vector<std::wstring> arguments{L"--in-place"};
+  for (int i = 1; i < count; ++i) arguments.push_back(ToWide(words[i]));
+  const WorkFolder folder;
+  const ChildResult child = RunChild(folder.Program(), arguments, g_options.step ? 24h : 5min);
+  if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
+  if (child.exit_code > 1) std::printf("the process ended with 0x%lx\n", child.exit_code);
+  return child.exit_code == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  testing::InitGoogleTest(&count, words);
+  bool in_place = false;
+  for (int i = 1; i < count; ++i) {
+    const std::string_view word = words[i];
+    if (word == "--in-place") {
+      in_place = true;
+      continue;
+    }
+    const std::string_view value = i + 1 < count ? words[i + 1] : "";
+    if (!Take(word, value, g_options)) {
+      std::fprintf(stderr, "memory_fault_test: what is \"%s\"?\n", words[i]);
+      return 2;
+    }
+    if (word != "--log") ++i;
+  }
+  return in_place ? RUN_ALL_TESTS() : RunInWorkFolder(count, words);
+}

@@ -59,17 +59,17 @@ SAFEARRAY* WINAPI CreateVector(VARTYPE type, LONG lower, ULONG count) {
 }  // namespace
 
 FailingAllocations::FailingAllocations(HMODULE module) : m_patch(module) {
-  m_in_place = m_patch.Replace("HeapAlloc", &AllocateOnHeap);
+  m_in_place = m_patch.ReplaceIfImported("HeapAlloc", &AllocateOnHeap);
   // A module whose runtime is linked in allocates from the process heap alone; nobody has to know all of
   // these.
-  m_patch.Replace("malloc", &Malloc);
-  m_patch.Replace("calloc", &Calloc);
-  m_patch.Replace("realloc", &Realloc);
-  m_patch.Replace("SysAllocString", &AllocateText);
-  m_patch.Replace("SysAllocStringLen", &AllocateTextOfLength);
-  m_patch.Replace("SysAllocStringByteLen", &AllocateBytes);
-  m_patch.Replace("SafeArrayCreate", &CreateArray);
-  m_patch.Replace("SafeArrayCreateVector", &CreateVector);
+  m_patch.ReplaceIfImported("malloc", &Malloc);
+  m_patch.ReplaceIfImported("calloc", &Calloc);
+  m_patch.ReplaceIfImported("realloc", &Realloc);
+  m_patch.ReplaceIfImported("SysAllocString", &AllocateText);
+  m_patch.ReplaceIfImported("SysAllocStringLen", &AllocateTextOfLength);
+  m_patch.ReplaceIfImported("SysAllocStringByteLen", &AllocateBytes);
+  m_patch.ReplaceIfImported("SafeArrayCreate", &CreateArray);
+  m_patch.ReplaceIfImported("SafeArrayCreateVector", &CreateVector);
 }
 
 void FailingAllocations::Fail(unsigned first, unsigned count) {

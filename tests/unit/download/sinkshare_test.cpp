@@ -30,8 +30,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr DWORD kPatienceMs = 20000;
+constexpr DWORD kPatienceMs = 10000;
 constexpr std::chrono::milliseconds kPatience{kPatienceMs};
+/// Longer than anybody's patience: who waits for a blocked service is seen to.
+constexpr DWORD kBlockMs = 6 * kPatienceMs;
 
 UniqueHandle NewEvent() {
   return UniqueHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -43,7 +45,7 @@ class Barrier {
   ~Barrier() { Open(); }
   void PassThrough() {
     ::SetEvent(m_reached.get());
-    ::WaitForSingleObject(m_open.get(), kPatienceMs);
+    ::WaitForSingleObject(m_open.get(), kBlockMs);
   }
   bool WaitUntilReached() const {
     return ::WaitForSingleObject(m_reached.get(), kPatienceMs) == WAIT_OBJECT_0;
@@ -166,8 +168,9 @@ TEST_F(BlockedReleaseTest, UnloadingTheEngineDoesNotWait) {
 }
 
 TEST_F(BlockedReleaseTest, ANewerRunHasASinkOfItsOwn) {
-  bool madeIt = false;
-  EXPECT_TRUE(ComesToItsEnd([&madeIt] { madeIt = SinkShare().MadeIt(); }));
+  static std::atomic<bool> madeIt;
+  madeIt = false;
+  EXPECT_TRUE(ComesToItsEnd([] { madeIt = SinkShare().MadeIt(); }));
   EXPECT_TRUE(madeIt);
 }
 

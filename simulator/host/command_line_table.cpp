@@ -106,12 +106,12 @@ struct Difference {
   std::optional<Memory> memory = std::nullopt;
   std::optional<ModemState> modem = std::nullopt;
   /// In the place of the whole lists.
-  std::optional<std::vector<const char*>> log = std::nullopt;
+  std::optional<std::vector<LogText>> log = std::nullopt;
   std::optional<std::vector<const char*>> forbidden = std::nullopt;
 };
 
 const std::vector<Difference>& Differences() {
-  static const std::vector<const char*> without_images{
+  static const std::vector<LogText> without_images{
       "\t flash flag changed to 1",
       "\t Can't find available fls, monitor again, continue to monitor registry change and fetch modem/nvm "
       "files"};
@@ -159,8 +159,8 @@ const std::vector<Difference>& Differences() {
                 "\t Unload ++",
                 "CDownloadToolDll::Unload, release library",
                 "\t Unload --",
-                "\t DeleteFLSFiles ++",
-                "\t DeleteFLSFiles --"}},
+                Error("\t DeleteFLSFiles ++"),
+                Error("\t DeleteFLSFiles --")}},
        .forbidden = {{"\t to GetLabelsLocation", "\t to create MainThreadImplementation",
                       "RebootModemByXlog4", "BB_RST"}}},
       {.scenario = "library-hangs-past-the-job",
@@ -171,16 +171,17 @@ const std::vector<Difference>& Differences() {
       {.scenario = "mbim-slow",
        .reason = "the process ends under the abandoned attempt",
        .workers_back = 1,
-       .log = {{"\t to SetCommand", "Flash timeout or other issue, goto Flash_FAILED",
-                "Flash FAIL, retry again, g_retry_times: 1(Max 3)",
+       .log = {{"\t to SetCommand", Error("Flash timeout or other issue, goto Flash_FAILED"),
+                Error("Flash FAIL, retry again, g_retry_times: 1(Max 3)"),
                 "\t Flash port available. Getting flash port path", "\t WriteRegistry Flash_Result: 4"}}},
       {.scenario = "return-at-last-check",
        .reason = "there is no last look: the modem is reset, and found by the next wait",
        .resets = 1,
-       .log = {{"\t Wait Modem re-arrival timeout or other issue, call BB_RST",
-                "\t MBIM device not arrival, retry again, 1(Max 3)", "\t WriteRegistry Flash_Result: 2",
-                "\t Unload ++", "TriggerFlashReset ++", "TriggerFlashReset --", "\t MBIM modem re-found",
-                "\t MBIM Modem re-arrival, FW update OK", "\t WriteRegistry Flash_Result: 4"}},
+       .log = {{Error("\t Wait Modem re-arrival timeout or other issue, call BB_RST"),
+                Error("\t MBIM device not arrival, retry again, 1(Max 3)"),
+                "\t WriteRegistry Flash_Result: 2", "\t Unload ++", "TriggerFlashReset ++",
+                "TriggerFlashReset --", "\t MBIM modem re-found", "\t MBIM Modem re-arrival, FW update OK",
+                "\t WriteRegistry Flash_Result: 4"}},
        .forbidden = {{"\t MBIM device not arrival, retry again, 2"}}},
       {.scenario = "images-none",
        .reason = "the job ends where it stands: no result, and the controlling program's flag stays",
@@ -229,6 +230,11 @@ const char* InWordsOfCommandLine(std::string_view text) {
 
 void Translate(std::vector<const char*>& texts) {
   std::ranges::transform(texts, texts.begin(), InWordsOfCommandLine);
+}
+
+void Translate(std::vector<LogText>& texts) {
+  std::ranges::transform(texts, texts.begin(),
+                         [](const LogText& text) { return text.With(InWordsOfCommandLine(text.Text())); });
 }
 
 template <typename Row, std::size_t size>
@@ -283,7 +289,9 @@ CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker ask
   if (expected.values.result != static_cast<std::uint32_t>(FlashResult::Succeeded)) {
     all.exit_code = kFlashFailed;
   }
-  expected.log.erase(std::ranges::find(expected.log, kNextPass), expected.log.end());
+  const auto next_pass =
+      std::ranges::find(expected.log, kNextPass, [](const LogText& text) { return text.Text(); });
+  expected.log.erase(next_pass, expected.log.end());
   Translate(expected.log);
   Translate(expected.once);
   Translate(expected.forbidden);

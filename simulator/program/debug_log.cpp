@@ -9,6 +9,7 @@ namespace {
 constexpr std::string_view kRecordEnd = "##\r\n";
 /// Date, time, process and thread, component, level, file, line, function; the rest is the message.
 constexpr int kFieldsBeforeMessage = 8;
+constexpr int kLevelField = 4;
 constexpr int kFunctionField = 7;
 
 DebugRecord ParseRecord(std::string_view text) {
@@ -16,6 +17,7 @@ DebugRecord ParseRecord(std::string_view text) {
   for (int field = 0; field < kFieldsBeforeMessage; ++field) {
     const auto tab = text.find('\t');
     if (tab == std::string_view::npos) return record;
+    if (field == kLevelField) record.level = text.substr(0, tab);
     if (field == kFunctionField) record.function = text.substr(0, tab);
     text.remove_prefix(tab + 1);
   }

@@ -6,6 +6,7 @@
 
 /// One record of the library's debug log, as far as anybody here looks at it.
 struct DebugRecord {
+  std::string level;
   std::string function;
   std::string message;
 };

@@ -18,6 +18,10 @@ bool Holds(const DebugRecord& record, const char* text) {
   return record.message.find(text) != std::string::npos;
 }
 
+bool Is(const DebugRecord& record, const LogText& text) {
+  return Holds(record, text.Text()) && record.level == text.LevelWord();
+}
+
 /// A log text on one line.
 std::string Quoted(std::string_view text) {
   std::string quoted = "\"";
@@ -31,6 +35,10 @@ std::string Quoted(std::string_view text) {
     }
   }
   return quoted + "\"";
+}
+
+std::string Quoted(const LogText& text) {
+  return std::string(text.LevelWord()) + " " + Quoted(std::string_view(text.Text()));
 }
 
 class Judge {
@@ -55,25 +63,26 @@ class Judge {
     Compare("Flash_Result", expected.result, found.result, Show);
   }
 
-  void RequireInOrder(const std::vector<const char*>& texts) {
+  void RequireInOrder(const std::vector<LogText>& texts) {
     auto from = m_report.log.begin();
-    const char* before = nullptr;
-    for (const char* text : texts) {
+    const LogText* before = nullptr;
+    for (const LogText& text : texts) {
       const auto found =
-          std::find_if(from, m_report.log.end(), [&](const auto& record) { return Holds(record, text); });
+          std::find_if(from, m_report.log.end(), [&](const auto& record) { return Is(record, text); });
       if (found == m_report.log.end()) {
-        Add("the log lacks " + Quoted(text) + (before != nullptr ? " behind " + Quoted(before) : ""));
+        Add("the log lacks " + Quoted(text) + (before != nullptr ? " behind " + Quoted(*before) : ""));
         return;
       }
       from = found + 1;
-      before = text;
+      before = &text;
     }
   }
 
-  void RequireOnce(const char* text) {
+  void RequireOnce(const LogText& text) {
     const auto count =
-        std::ranges::count_if(m_report.log, [&](const auto& record) { return Holds(record, text); });
+        std::ranges::count_if(m_report.log, [&](const auto& record) { return Holds(record, text.Text()); });
     if (count != 1) Add("the log has " + Quoted(text) + " " + std::to_string(count) + " times, not once");
+    if (count == 1) RequireInOrder({text});
   }
 
   void Forbid(const char* text) {
@@ -121,7 +130,7 @@ std::vector<std::string> Differences(const Expectation& expected, const SessionR
                 [](Memory memory) { return std::string(NameOf(memory)); });
   judge.CompareNumber("number of images left", expected.images_left, report.images_left);
   judge.RequireInOrder(expected.log);
-  for (const char* text : expected.once) judge.RequireOnce(text);
+  for (const LogText& text : expected.once) judge.RequireOnce(text);
   for (const char* text : expected.forbidden) judge.Forbid(text);
   judge.CheckProgress();
   return judge.Take();

@@ -28,6 +28,18 @@ const char* NameOf(Memory memory) {
   return "";
 }
 
+const char* LogText::LevelWord() const {
+  switch (m_level) {
+    case Level::kTrace:
+      return "Trace";
+    case Level::kWarning:
+      return "Warning";
+    case Level::kError:
+      return "Error";
+  }
+  return "";
+}
+
 Memory MemoryAfter(VirtualModem& modem, const MemoryComparison& comparison) {
   if (comparison.equal) return Memory::kEqual;
   return modem.IsErased() ? Memory::kUntouched : Memory::kIncomplete;

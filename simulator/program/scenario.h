@@ -69,6 +69,30 @@ struct Setup {
 /// The virtual PC of a setup, with the modem's memory in the folder.
 VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesystem::path& folder);
 
+/// A text that a record of the debug log holds, and the level of that record: a trace, unless it is made by
+/// one of the functions below.
+class LogText {
+ public:
+  LogText(const char* text) : LogText(text, Level::kTrace) {}
+
+  const char* Text() const { return m_text; }
+  const char* LevelWord() const;
+  /// Another text of the same level.
+  LogText With(const char* text) const { return LogText(text, m_level); }
+
+  friend LogText Error(const char* text) { return LogText(text, Level::kError); }
+  friend LogText Warning(const char* text) { return LogText(text, Level::kWarning); }
+
+ private:
+  enum class Level { kTrace, kWarning, kError };
+  LogText(const char* text, Level level) : m_text(text), m_level(level) {}
+
+  const char* m_text;
+  Level m_level;
+};
+LogText Error(const char* text);
+LogText Warning(const char* text);
+
 /// What has to come of it.
 struct Expectation {
   /// At the end, when the library waits for the next request. "Fls_Ready" and "Retry_Times" included.
@@ -82,10 +106,10 @@ struct Expectation {
   /// Images that are left in the firmware folder.
   int images_left = 0;
   /// Texts of the debug log in the order in which they must follow each other; others may stand between.
-  std::vector<const char*> log = {};
+  std::vector<LogText> log = {};
   /// Texts that exactly one record holds.
-  std::vector<const char*> once = {};
-  /// Texts that no record may hold.
+  std::vector<LogText> once = {};
+  /// Texts that no record may hold, whatever its level.
   std::vector<const char*> forbidden = {};
   /// False when the library must not begin its service at all.
   bool service_starts = true;

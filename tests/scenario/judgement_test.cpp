@@ -33,7 +33,7 @@ class JudgementTest : public testing::Test {
 
   void Log(const std::vector<std::string>& messages) {
     report.log.clear();
-    for (const std::string& message : messages) report.log.push_back({"Function", message});
+    for (const std::string& message : messages) report.log.push_back({"Trace", "Function", message});
   }
   std::vector<std::string> Found() const { return Differences(expected, report); }
 
@@ -92,18 +92,35 @@ TEST_F(JudgementTest, FindsAnImageThatWasLeft) {
 
 TEST_F(JudgementTest, FindsLogTextsInTheWrongOrder) {
   Log({"second", "first"});
-  EXPECT_THAT(Found(), ElementsAre("the log lacks \"second\" behind \"first\""));
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Trace \"second\" behind Trace \"first\""));
 }
 
 TEST_F(JudgementTest, OneRecordDoesNotCountForTwoTexts) {
   Log({"first and second"});
-  EXPECT_THAT(Found(), ElementsAre("the log lacks \"second\" behind \"first\""));
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Trace \"second\" behind Trace \"first\""));
+}
+
+TEST_F(JudgementTest, FindsARecordOfAnotherLevel) {
+  report.log[1].level = "Error";
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Trace \"second\" behind Trace \"first\""));
+  expected.log = {"first", Error("second")};
+  EXPECT_THAT(Found(), IsEmpty());
+  report.log[1].level = "Warning";
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Error \"second\" behind Trace \"first\""));
+  expected.log = {"first", Warning("second")};
+  EXPECT_THAT(Found(), IsEmpty());
+}
+
+TEST_F(JudgementTest, FindsATextThatIsThereOnceInAnotherLevel) {
+  expected.log = {};
+  expected.once = {Error("first")};
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Error \"first\""));
 }
 
 TEST_F(JudgementTest, FindsATextThatShouldBeThereOnce) {
   expected.once = {"first"};
   Log({"first", "first", "second"});
-  EXPECT_THAT(Found(), ElementsAre("the log has \"first\" 2 times, not once"));
+  EXPECT_THAT(Found(), ElementsAre("the log has Trace \"first\" 2 times, not once"));
 }
 
 TEST_F(JudgementTest, FindsAForbiddenText) {

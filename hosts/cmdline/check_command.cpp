@@ -5,7 +5,9 @@
 #include "json_output.h"
 #include "modem_presence.h"
 #include "preflight.h"
+#include "setup.h"
 #include "toolkit/toolkit.h"
+#include "who_flashes.h"
 
 namespace {
 
@@ -37,6 +39,16 @@ std::vector<Finding> LookAtModem() {
               ? Finding{"modem", Verdict::Ok, NameOf(presence.mode), ""}
               : Finding{"modem", Verdict::Warning, NameOf(presence.mode),
                         "Look at the device manager; a flash tries a baseband reset first.", "modem_absent"}};
+}
+
+/// Both, because neither knows of the other: they may flash at the same time.
+std::vector<Finding> LookAtOtherHosts() {
+  const auto found = [](const char* subject, const std::optional<Obstacle>& obstacle) {
+    return obstacle ? Finding{subject, Verdict::Error, obstacle->message, obstacle->whatToDo, obstacle->code}
+                    : Finding{subject, Verdict::Ok, "not in the way", ""};
+  };
+  return {found("command line", FindFlashingCommandLine()),
+          found("flash service", FindServiceInTheWay(CommandLineKey()))};
 }
 
 std::string Padded(std::string_view text, std::size_t width) {
@@ -77,7 +89,8 @@ const Finding* FindObstacle(const std::vector<Finding>& findings, bool strict) {
 ExitCode RunCheck(const CheckOptions& options) {
   // Looking must not empty the log of the last flash.
   ToolKit::TurnLoggingOff();
-  std::vector<Finding> findings = LookBeforeFlash();
+  std::vector<Finding> findings = LookAtOtherHosts();
+  for (Finding& finding : LookBeforeFlash()) findings.push_back(std::move(finding));
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
 
   const Finding* const obstacle = FindObstacle(findings, options.strict);

@@ -5,7 +5,7 @@
 #include "exit_code.h"
 
 struct FlashOptions {
-  std::string ipc = "usb";
+  std::string ipc;  ///< "usb" or "pcie"; empty: as the configuration says
   int trace = 1;
   bool waitForController = false;
   unsigned int timeoutSeconds = 0;  ///< 0: no limit

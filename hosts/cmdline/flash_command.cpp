@@ -7,31 +7,68 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "commands.h"
+#include "configuration_file.h"
 #include "interruption.h"
 #include "json_output.h"
 #include "preflight.h"
 #include "progress_line.h"
+#include "serving_notice.h"
 #include "setup.h"
 #include "text.h"
 #include "toolkit/toolkit.h"
+#include "who_flashes.h"
 
 namespace {
 
 constexpr DWORD kRefreshMs = 500;
-constexpr wchar_t kOneAtATime[] = L"Global\\corvel_cmdline flash";
 
-/// This program's claim to be the only one that flashes by the command line's key.
-class Claim {
+/// The bus in the library's words, which knows no third one.
+std::string BusOf(const FlashOptions& options, const ConfigurationFile& configuration) {
+  const bool pcie = options.ipc.empty() ? configuration.Get(L"[IPCTYPE]") == L"PCIE" : options.ipc == "pcie";
+  return pcie ? "PCIE" : "USB";
+}
+
+bool Exists(const std::wstring& path) {
+  return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES ||
+         (::GetLastError() != ERROR_FILE_NOT_FOUND && ::GetLastError() != ERROR_PATH_NOT_FOUND);
+}
+
+std::string Listed(const std::vector<std::wstring>& paths) {
+  std::string list;
+  for (const std::wstring& path : paths) list += (list.empty() ? "" : ", ") + ToUtf8(path);
+  return list;
+}
+
+/// What became of the images that the library took. To be looked at when its job has ended.
+class UsedImages {
  public:
-  Claim() : m_mutex(::CreateMutexW(nullptr, FALSE, kOneAtATime)) {
-    if (::GetLastError() == ERROR_ALREADY_EXISTS) m_mutex.reset();
+  UsedImages() {
+    for (const CTString& image : {ToolKit::GetModemFlsFile(), ToolKit::GetNVMFlsFile()}) {
+      if (image.IsEmpty()) continue;
+      const auto path = static_cast<std::wstring>(image);
+      ++m_used;
+      if (Exists(path)) m_left.push_back(path);
+    }
   }
-  bool IsHeld() const { return m_mutex != nullptr; }
+
+  bool AreDeleted() const { return m_used > 0 && m_left.empty(); }
+  std::string WhatToDoAfterSuccess() const {
+    if (m_left.empty()) return "The images were deleted. Nothing is left to do.";
+    return "Delete what could not be deleted, or the next flash writes it again: " + Listed(m_left);
+  }
+  std::string WhatToDoAfterFailure() const {
+    if (m_left.empty()) return "The image files were removed: copy them anew and run the flash again.";
+    if (m_left.size() == m_used) return "The image files are still there: run the flash again.";
+    return "Of the image files only " + Listed(m_left) +
+           " is still there: copy the other one anew and run the flash again.";
+  }
 
  private:
-  OwnedHandle m_mutex;
+  std::size_t m_used = 0;
+  std::vector<std::wstring> m_left;
 };
 
 /// The request for a flash. Takes it back in the end, unless the library has dealt with it.
@@ -79,8 +116,10 @@ class FlashRun {
  private:
   enum class Ending { JobEnded, Interrupted, TimedOut };
 
-  std::optional<ExitCode> FindObstacle();
-  bool LoadConfiguration();
+  std::optional<ExitCode> FindObstacle(const CommandLineClaim& claim) const;
+  std::optional<ExitCode> FindOtherHost(const CommandLineClaim& claim) const;
+  bool LoadConfiguration() const;
+  void TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const;
   void ForgetLastRun();
   Ending Follow(HANDLE jobEnded);
   bool PastTimeLimit() const;
@@ -91,7 +130,7 @@ class FlashRun {
   ExitCode Conclude();
   ExitCode ConcludeWithoutImages();
   ExitCode GiveUp(Ending ending);
-  nlohmann::ordered_json Details(const Handshake& values) const;
+  nlohmann::ordered_json Details(const Handshake& values, const UsedImages& images) const;
 
   const FlashOptions& m_options;
   HandshakeKey m_key;
@@ -101,7 +140,7 @@ class FlashRun {
   std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
 };
 
-bool FlashRun::LoadConfiguration() {
+bool FlashRun::LoadConfiguration() const {
   // Asking makes the configuration and with it the service's log name; the log of this host has to be named
   // between that and the first record.
   ToolKit::IsConfigLoaded();
@@ -114,14 +153,35 @@ bool FlashRun::LoadConfiguration() {
   return loaded;
 }
 
-std::optional<ExitCode> FlashRun::FindObstacle() {
-  const std::vector<Finding> findings = LookBeforeFlash();
-  const Finding* const error = FirstOf(findings, Verdict::Error);
+std::optional<ExitCode> FlashRun::FindOtherHost(const CommandLineClaim& claim) const {
+  auto obstacle = claim.WhoHoldsIt();
+  if (!obstacle) obstacle = FindServiceInTheWay(m_key);
+  if (!obstacle) return std::nullopt;
+  Report({obstacle->code, obstacle->message + ".", obstacle->whatToDo}, m_options.json);
+  return ExitCode::NotReady;
+}
+
+std::optional<ExitCode> FlashRun::FindObstacle(const CommandLineClaim& claim) const {
+  if (const auto otherHost = FindOtherHost(claim)) return otherHost;
+  std::vector<Finding> findings = LookBeforeFlash();
   // A controlling program may put the images there until it asks for the flash.
-  const bool imagesMayCome = m_options.waitForController && error && error->exitCode == ExitCode::NoImages;
-  if (error == nullptr || imagesMayCome) return std::nullopt;
+  if (m_options.waitForController) {
+    std::erase_if(findings, [](const Finding& each) { return each.exitCode == ExitCode::NoImages; });
+  }
+  const Finding* const error = FirstOf(findings, Verdict::Error);
+  if (error == nullptr) return std::nullopt;
   Report(ProblemOf(*error), m_options.json);
   return error->exitCode;
+}
+
+void FlashRun::TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const {
+  if (m_options.quiet) return;
+  std::vector<std::wstring> paths{images.modem, images.nvm};
+  std::erase(paths, std::wstring());
+  // What a controlling program will have put there until then is not known yet.
+  const std::string what =
+      m_options.waitForController ? "the images that it finds in " + ToUtf8(folder) : Listed(paths);
+  std::cerr << "corvel_cmdline: When the flash ends, it deletes " << what << std::endl;
 }
 
 void FlashRun::ForgetLastRun() {
@@ -174,13 +234,14 @@ FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
   }
 }
 
-nlohmann::ordered_json FlashRun::Details(const Handshake& values) const {
+nlohmann::ordered_json FlashRun::Details(const Handshake& values, const UsedImages& images) const {
   return {{"flashed", values.Is(FlashResult::Succeeded)},
           {"result", values.result.value_or(0)},
           {"meaning", MeaningOfResult(values.result)},
           {"progress", values.progress.value_or(0)},
           {"attempts", m_progress.Attempts()},
           {"seconds", Seconds()},
+          {"images_deleted", images.AreDeleted()},
           {"log", HasLog() ? ToUtf8(LogPath()) : ""}};
 }
 
@@ -198,22 +259,21 @@ ExitCode FlashRun::Conclude() {
   if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages();
 
   const bool flashed = values.Is(FlashResult::Succeeded);
+  const UsedImages images;
   const Problem failure{
       "flash_failed", "The flash failed.",
-      std::string(values.Is(FlashResult::Failed)
-                      ? "The image files were removed: copy them anew and run the flash again."
-                      : "The download could not be started: run the flash again.") +
+      (values.Is(FlashResult::Failed) ? "" : "The download could not be started. ") +
+          images.WhatToDoAfterFailure() +
           " A modem that was left in flash mode is found there. The debug log says more in its lines of "
-          "level "
-          "Error."};
+          "level Error."};
   if (m_options.json) {
-    PrintJson(flashed ? Details(values) : AsJson(failure, Details(values)));
+    PrintJson(flashed ? Details(values, images) : AsJson(failure, Details(values, images)));
   } else {
     std::cout << (flashed ? "The modem was flashed and is back." : failure.message) << " Result "
               << values.result.value_or(0) << " (" << MeaningOfResult(values.result) << "), "
               << m_progress.Attempts() << (m_progress.Attempts() == 1 ? " attempt, " : " attempts, ")
               << Seconds() << " s.\n"
-              << (flashed ? "Nothing is left to do." : failure.whatToDo) << std::endl;
+              << (flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo) << std::endl;
     if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
   }
   return flashed ? ExitCode::Flashed : ExitCode::FlashFailed;
@@ -232,21 +292,21 @@ ExitCode FlashRun::GiveUp(Ending ending) {
 }
 
 ExitCode FlashRun::Run() {
-  const Claim claim;
-  if (!claim.IsHeld()) {
-    Report({"already_running", "Another corvel_cmdline is flashing.", "Wait for its end."}, m_options.json);
-    return ExitCode::NotReady;
-  }
+  const CommandLineClaim claim;
   // Before anything may log: the records would go into the log of the service.
   ToolKit::TurnLoggingOff();
-  if (const auto obstacle = FindObstacle()) return *obstacle;
-  if (!LoadConfiguration()) {
+  if (const auto obstacle = FindObstacle(claim)) return *obstacle;
+  const auto configuration = ConfigurationFile::Read(ConfigurationPath());
+  const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
+  const FolderImages images = LookForImages(folder);
+  if (!configuration || !LoadConfiguration()) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
             "Close whatever holds it open; \"corvel_cmdline check\" tells more."},
            m_options.json);
     return ExitCode::NotReady;
   }
 
+  const ServingNotice notice(Server::CommandLine, m_key);
   ForgetLastRun();
   std::optional<Request> request;
   if (!m_options.waitForController) request.emplace(m_key);
@@ -256,7 +316,8 @@ ExitCode FlashRun::Run() {
            m_options.json);
     return ExitCode::NotReady;
   }
-  const Job job(m_options.trace, m_options.ipc == "pcie" ? "PCIE" : "USB");
+  TellWhatWillBeDeleted(folder, images);
+  const Job job(m_options.trace, BusOf(m_options, *configuration));
   const Ending ending = Follow(job.Ended());
   return ending == Ending::JobEnded ? Conclude() : GiveUp(ending);
 }

@@ -43,10 +43,11 @@ std::string ComplaintAboutSeconds(const std::string& text) {
 }
 
 CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
-  CLI::App* const verb = AddVerb(program, "flash", "Flash the images of the configured folder", options.json);
-  verb->add_option("--ipc", options.ipc, "Bus of the modem")
-      ->check(CLI::IsMember({"usb", "pcie"}))
-      ->capture_default_str();
+  CLI::App* const verb =
+      AddVerb(program, "flash", "Flash the images of the configured folder, which are deleted at the end",
+              options.json);
+  verb->add_option("--ipc", options.ipc, "Bus of the modem (default: [IPCTYPE] of the configuration)")
+      ->check(CLI::IsMember({"usb", "pcie"}));
   verb->add_option("--trace", options.trace, "0 writes no debug log")
       ->check(CLI::Range(0, 1))
       ->capture_default_str();

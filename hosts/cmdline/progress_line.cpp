@@ -3,16 +3,19 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <array>
 #include <iostream>
+
+#include "terminal.h"
 
 namespace {
 
 constexpr std::uint32_t kComplete = 100;
 constexpr std::uint32_t kBarWidth = 16;
-/// A line that wraps cannot be written over, and one that fills the last of eighty columns may wrap.
-constexpr std::size_t kLiveWidth = 79;
+constexpr std::size_t kUsualColumns = 80;
 constexpr std::uint32_t kPlainStep = 10;
+constexpr std::size_t kStageWidth = 18;
+constexpr std::size_t kPercentWidth = 5;
 
 bool IsTerminal() {
   DWORD mode = 0;
@@ -26,6 +29,16 @@ void Draw(const std::string& line) {
               nullptr);
 }
 
+/// As wide as asked for, whether it was shorter or longer.
+std::string Padded(std::string text, std::size_t width) {
+  text.resize(width, ' ');
+  return text;
+}
+
+std::string PaddedLeft(const std::string& text, std::size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
 std::uint32_t Percent(const Handshake& values) {
   return std::min(values.progress.value_or(0), kComplete);
 }
@@ -37,16 +50,22 @@ std::string Bar(std::uint32_t percent) {
 
 }  // namespace
 
-std::string LiveLine(const Progress& now) {
-  char text[160];
-  std::snprintf(text, sizeof text, "%-18s %s %3u %%  attempt %d  %lld s", now.stage.c_str(),
-                Bar(now.percent).c_str(), static_cast<unsigned>(now.percent), now.attempt,
-                now.elapsedSeconds);
-  std::string line(text);
-  if (now.remainingSeconds) line += ", limit in " + std::to_string(*now.remainingSeconds) + " s";
+std::string LiveLine(const Progress& now, std::size_t columns) {
+  const std::string stage = Padded(now.stage, kStageWidth);
+  const std::string percent = PaddedLeft(std::to_string(now.percent) + " %", kPercentWidth);
+  const std::string attempt = "  attempt " + std::to_string(now.attempt);
+  const std::string seconds = "  " + std::to_string(now.elapsedSeconds) + " s";
+  const std::string limit =
+      now.remainingSeconds ? ", limit in " + std::to_string(*now.remainingSeconds) + " s" : "";
+  const std::array lines{stage + " " + Bar(now.percent) + " " + percent + attempt + seconds + limit,
+                         stage + " " + Bar(now.percent) + " " + percent + attempt + seconds,
+                         stage + " " + percent + attempt + seconds, stage + " " + percent + seconds};
+  // A line that wraps cannot be written over, and one that fills the last column may wrap.
+  const std::size_t width = std::max<std::size_t>(columns, 1) - 1;
+  const auto fitting =
+      std::ranges::find_if(lines, [width](const std::string& line) { return line.size() <= width; });
   // What a longer line has left behind is written over.
-  line.resize(kLiveWidth, ' ');
-  return line;
+  return Padded(fitting == lines.end() ? lines.back() : *fitting, width);
 }
 
 ProgressLine::ProgressLine(bool quiet) : m_quiet(quiet), m_live(IsTerminal()) {}
@@ -55,7 +74,9 @@ void ProgressLine::Show(const Handshake& values) {
   TakeIn(values);
   if (m_quiet) return;
   if (m_live) {
-    Draw("\r" + LiveText(values));
+    // Asked each time: a window may be made narrower, and a line that does not fit any more would scroll it.
+    const auto columns = VisibleColumns(::GetStdHandle(STD_ERROR_HANDLE));
+    Draw("\r" + LiveText(values, columns.value_or(kUsualColumns)));
     m_lineOpen = true;
     return;
   }
@@ -90,12 +111,13 @@ std::string ProgressLine::Stage(const Handshake& values) const {
   return Percent(values) == 0 ? "into flash mode" : "writing";
 }
 
-std::string ProgressLine::LiveText(const Handshake& values) const {
+std::string ProgressLine::LiveText(const Handshake& values, std::size_t columns) const {
   return LiveLine({.stage = Stage(values),
                    .percent = Percent(values),
                    .attempt = std::max(m_attempts, 1),
                    .elapsedSeconds = SecondsSince(m_begin),
-                   .remainingSeconds = RemainingSeconds(values)});
+                   .remainingSeconds = RemainingSeconds(values)},
+                  columns);
 }
 
 std::string ProgressLine::PlainText(const Handshake& values) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,8 +17,9 @@ struct Progress {
   /// Of the time limit of an attempt with the modem's return; nothing while none is running.
   std::optional<long long> remainingSeconds = std::nullopt;
 };
-/// The live line of a terminal, always as wide, and narrower than eighty columns.
-std::string LiveLine(const Progress& now);
+/// The live line of a terminal of so many columns. It is one narrower, whatever it tells, and leaves out what
+/// does not fit: first the limit, then the bar, then the attempt.
+std::string LiveLine(const Progress& now, std::size_t columns);
 
 /// Shows how a flash comes along: one line that is written over on a terminal, a line per change of stage
 /// or ten percent elsewhere.
@@ -36,7 +38,7 @@ class ProgressLine {
   using Clock = std::chrono::steady_clock;
 
   void TakeIn(const Handshake& values);
-  std::string LiveText(const Handshake& values) const;
+  std::string LiveText(const Handshake& values, std::size_t columns) const;
   std::string PlainText(const Handshake& values) const;
   std::string Stage(const Handshake& values) const;
   long long SecondsSince(Clock::time_point begin) const;

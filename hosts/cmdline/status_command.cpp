@@ -8,6 +8,7 @@
 #include "interruption.h"
 #include "json_output.h"
 #include "modem_presence.h"
+#include "serving_notice.h"
 #include "setup.h"
 #include "text.h"
 #include "toolkit/toolkit.h"
@@ -21,14 +22,21 @@ constexpr std::size_t kValueColumn = 11;
 /// All that the verb shows, as it is at one moment.
 struct Status {
   HandshakeKey key;
+  Writer writer;
   Handshake values;
   ModemPresence modem;
   std::wstring folder;
   FolderImages images;
+
+  /// Whether a job stands there that nobody will end.
+  bool WasCutShort() const { return writer == Writer::Gone && values.IsJobRunning(); }
 };
 
 Status Look(const HandshakeKey& key, const std::wstring& folder) {
+  // First: a host that ends between the two looks has written its result by then.
+  const Writer writer = WriterOf(key);
   return {.key = key,
+          .writer = writer,
           .values = ReadHandshake(key),
           .modem = LookForModem(),
           .folder = folder,
@@ -37,12 +45,13 @@ Status Look(const HandshakeKey& key, const std::wstring& folder) {
 
 nlohmann::ordered_json AsJson(const Status& status) {
   nlohmann::ordered_json values;
-  for (const HandshakeLine& line : Describe(status.values)) {
+  for (const HandshakeLine& line : Describe(status.values, status.writer)) {
     values[line.name] = {
         {"value", line.value ? nlohmann::ordered_json(*line.value) : nlohmann::ordered_json()},
         {"meaning", line.meaning}};
   }
   return {{"key", status.key.Text()},
+          {"host_running", status.writer == Writer::Lives},
           {"values", values},
           {"modem",
            {{"mode", TokenOf(status.modem.mode)},
@@ -65,9 +74,14 @@ std::string OrDash(const std::wstring& text) {
 
 void Print(const Status& status) {
   std::cout << status.key.Text() << "\n";
-  for (const HandshakeLine& line : Describe(status.values)) {
+  for (const HandshakeLine& line : Describe(status.values, status.writer)) {
     std::cout << "  " << Padded(line.name, kNameColumn)
               << Padded(line.value ? std::to_string(*line.value) : "-", kValueColumn) << line.meaning << "\n";
+  }
+  std::cout << "Host:        " << (status.writer == Writer::Lives ? "running" : "none running") << "\n";
+  if (status.WasCutShort()) {
+    std::cout << "             The flash was cut short. The modem may be left in flash mode; the next flash "
+                 "recovers it.\n";
   }
   std::cout << "Modem:       " << NameOf(status.modem.mode)
             << (status.modem.atPort ? ", AT port present" : "")

@@ -1,5 +1,6 @@
 #include "handshake.h"
 
+#include <cwctype>
 #include <utility>
 
 #include "text.h"
@@ -30,9 +31,11 @@ std::string MeaningOfTimeOut(std::optional<std::uint32_t> timeOut) {
                  : "not yet written";
 }
 
-std::string MeaningOfOnGoing(std::optional<std::uint32_t> onGoing) {
+std::string MeaningOfOnGoing(std::optional<std::uint32_t> onGoing, Writer writer) {
   if (!onGoing) return "not yet written";
-  return *onGoing == 1 ? "a job is running, or its last attempt ended in failure" : "no job is running";
+  if (*onGoing != 1) return "no job is running";
+  return writer == Writer::Gone ? "no job is running: the last one was cut short, or ended in failure"
+                                : "a job is running, or its last attempt ended in failure";
 }
 
 std::string MeaningOfProgress(std::optional<std::uint32_t> progress) {
@@ -52,6 +55,16 @@ std::string HandshakeKey::Text() const {
   return ToUtf8(rootName + L"\\" + path);
 }
 
+std::wstring HandshakeKey::Identity() const {
+  // The registry knows no case, and takes any number of separators for one.
+  std::wstring identity = std::to_wstring(reinterpret_cast<std::uintptr_t>(root)) + L'\\';
+  for (const wchar_t unit : path) {
+    if (unit != L'\\' || identity.back() != L'\\') identity += static_cast<wchar_t>(std::towupper(unit));
+  }
+  while (identity.back() == L'\\') identity.pop_back();
+  return identity;
+}
+
 Handshake ReadHandshake(const HandshakeKey& key) {
   return {.ready = ReadNumber(key, L"Fls_Ready"),
           .retryTimes = ReadNumber(key, L"Retry_Times"),
@@ -61,15 +74,16 @@ Handshake ReadHandshake(const HandshakeKey& key) {
           .result = ReadNumber(key, L"Flash_Result")};
 }
 
-std::string MeaningOfResult(std::optional<std::uint32_t> result) {
+std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer) {
   if (!result) return "never written";
+  const bool wasCutShort = writer == Writer::Gone;
   switch (static_cast<FlashResult>(*result)) {
     case FlashResult::Idle:
       return "idle";
     case FlashResult::Flashing:
-      return "flashing";
+      return wasCutShort ? "cut short while flashing: no host runs" : "flashing";
     case FlashResult::Retrying:
-      return "retrying";
+      return wasCutShort ? "cut short while retrying: no host runs" : "retrying";
     case FlashResult::Failed:
       return "failed";
     case FlashResult::Succeeded:
@@ -78,13 +92,13 @@ std::string MeaningOfResult(std::optional<std::uint32_t> result) {
   return "unknown";
 }
 
-std::vector<HandshakeLine> Describe(const Handshake& values) {
+std::vector<HandshakeLine> Describe(const Handshake& values, Writer writer) {
   return {{"Fls_Ready", values.ready, MeaningOfReady(values.ready)},
           {"Retry_Times", values.retryTimes, MeaningOfRetries(values.retryTimes)},
           {"Time_Out", values.timeOut, MeaningOfTimeOut(values.timeOut)},
-          {"Flash_OnGoing", values.onGoing, MeaningOfOnGoing(values.onGoing)},
+          {"Flash_OnGoing", values.onGoing, MeaningOfOnGoing(values.onGoing, writer)},
           {"Flash_Progress", values.progress, MeaningOfProgress(values.progress)},
-          {"Flash_Result", values.result, MeaningOfResult(values.result)}};
+          {"Flash_Result", values.result, MeaningOfResult(values.result, writer)}};
 }
 
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value) {

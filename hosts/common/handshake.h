@@ -19,6 +19,8 @@ struct HandshakeKey {
   std::wstring path;
 
   std::string Text() const;
+  /// Equal for two of them exactly when the registry takes them for one key.
+  std::wstring Identity() const;
 };
 
 /// The values of the handshake; empty where a value is absent or no number.
@@ -52,9 +54,12 @@ struct HandshakeLine {
   std::string meaning;
 };
 
+/// Whether the host that wrote the values still runs: a job that a dead one left open is over.
+enum class Writer { Lives, Gone };
+
 Handshake ReadHandshake(const HandshakeKey& key);
-std::vector<HandshakeLine> Describe(const Handshake& values);
-std::string MeaningOfResult(std::optional<std::uint32_t> result);
+std::vector<HandshakeLine> Describe(const Handshake& values, Writer writer = Writer::Lives);
+std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer = Writer::Lives);
 /// @return the Win32 error, 0 on success. Makes the key if need be.
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value);
 /// @return the Win32 error of opening the key as the library does, or of making it where it is not there; 0

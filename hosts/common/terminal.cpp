@@ -22,6 +22,12 @@ std::vector<std::string> CommandLineWords() {
   return texts;
 }
 
+std::optional<std::size_t> VisibleColumns(HANDLE terminal) {
+  CONSOLE_SCREEN_BUFFER_INFO screen{};
+  if (!::GetConsoleScreenBufferInfo(terminal, &screen)) return std::nullopt;
+  return static_cast<std::size_t>(screen.srWindow.Right - screen.srWindow.Left + 1);
+}
+
 Utf8Terminal::Utf8Terminal() : m_former(::GetConsoleOutputCP()) {
   ::SetConsoleOutputCP(CP_UTF8);
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-/// How the service is known to the system.
-inline constexpr wchar_t kServiceName[] = L"CorvelFlashService";
+#include "service_name.h"
+
+/// How the service is known to people.
 inline constexpr wchar_t kDisplayName[] = L"Corvel Modem Flash Service";
 inline constexpr wchar_t kDescription[] =
     L"Updates the firmware of the built-in cellular modem when asked to.";

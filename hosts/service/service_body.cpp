@@ -14,6 +14,7 @@
 #include "messages.h"
 #include "owners.h"
 #include "service_report.h"
+#include "serving_notice.h"
 #include "text.h"
 
 namespace {
@@ -157,6 +158,7 @@ void Service::Serve() {
   m_stop = NewEvent();
   const FlashLibrary library = LoadFlashLibrary();
   if (library.failure) return Fail(*library.failure);
+  const ServingNotice notice(Server::Service, library.key);
   BeginToServe(library.key);
   WriteEvent(MSG_SERVICE_STARTED, ToWide(library.key.Text()));
 
@@ -223,6 +225,7 @@ int RunInConsole() {
               << std::endl;
     return 1;
   }
+  const ServingNotice notice(Server::Service, library.key);
   std::cout << "Waiting for Fls_Ready under " << library.key.Text() << "; Ctrl+C ends." << std::endl;
   ShowUntilInterrupted(library.key, interruption);
   return 0;

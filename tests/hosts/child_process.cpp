@@ -93,6 +93,11 @@ bool ChildProcess::Says(const std::string& text, std::chrono::milliseconds limit
   return says();
 }
 
+void ChildProcess::Kill() const {
+  if (!::TerminateProcess(m_process.get(), kEndedByTest)) ThrowLastError("a host cannot be ended");
+  ::WaitForSingleObject(m_process.get(), INFINITE);
+}
+
 bool ChildProcess::Interrupt() const {
   // What the system itself starts in each process of a console. Going by the console is no choice: there may
   // be none, and it would interrupt the test too.

@@ -24,6 +24,8 @@ class ChildProcess {
   std::optional<int> WaitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(60));
   /// Waits until the program has written the text on standard output or standard error.
   bool Says(const std::string& text, std::chrono::milliseconds limit = std::chrono::seconds(60));
+  /// Ends it as a crash would, and waits until it is gone.
+  void Kill() const;
   /// Ctrl+C, for this program alone.
   bool Interrupt() const;
 

@@ -33,7 +33,7 @@ TEST_F(FlashTest, WritesTheImagesIntoTheModem) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.output,
               HasSubstr("The modem was flashed and is back. Result 4 (succeeded), 1 attempt, "));
-  EXPECT_THAT(result.output, HasSubstr("Nothing is left to do."));
+  EXPECT_THAT(result.output, HasSubstr("The images were deleted. Nothing is left to do."));
   const MemoryComparison comparison = workspace.CompareModemMemory();
   EXPECT_TRUE(comparison.equal) << comparison.difference;
 }
@@ -60,6 +60,7 @@ TEST_F(FlashTest, WithJsonPrintsOneDocumentAndNothingElse) {
   EXPECT_EQ(document["result"], 4);
   EXPECT_EQ(document["attempts"], 1);
   EXPECT_EQ(document["progress"], 100);
+  EXPECT_EQ(document["images_deleted"], true);
   EXPECT_EQ(document["log"], ToUtf8(workspace.File(L"FlashCommandLineLogger_DLL.log").wstring()));
   EXPECT_FALSE(document.contains("error"));
 }
@@ -79,6 +80,60 @@ TEST_F(FlashTest, TakesNothingThatAnEarlierRunLeftForItsOwn) {
   const RunResult result = Flash();
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.errors, AllOf(Not(HasSubstr("failed")), Not(HasSubstr("70 %, attempt 1\n0 s"))));
+}
+
+TEST_F(FlashTest, NamesTheImagesThatWillBeDeletedAtTheStart) {
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_THAT(Flash().errors, HasSubstr("corvel_cmdline: When the flash ends, it deletes " +
+                                        ToUtf8(workspace.ModemImage().wstring()) + ", " +
+                                        ToUtf8(workspace.NvmImage().wstring()) + "\r\n"));
+  workspace.PutImages();
+  workspace.Remove(L"firmware\\modem.fls");
+  EXPECT_THAT(Flash().errors, HasSubstr("it deletes " + ToUtf8(workspace.NvmImage().wstring()) + "\r\n"));
+}
+
+TEST_F(FlashTest, SpeaksOfNoDeletionThatDidNotHappen) {
+  workspace.MakeVirtualPc({kFast});
+  ::SetFileAttributesW(workspace.NvmImage().c_str(), FILE_ATTRIBUTE_READONLY);
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, AllOf(HasSubstr("Delete what could not be deleted, or the next flash writes it "
+                                             "again: " +
+                                             ToUtf8(workspace.NvmImage().wstring()) + "\r\n"),
+                                   Not(HasSubstr("Nothing is left to do"))));
+  workspace.Remove(L"firmware\\modem.fls");
+  EXPECT_EQ(Document(Flash({L"--json"}).output)["images_deleted"], false);
+  ::SetFileAttributesW(workspace.NvmImage().c_str(), FILE_ATTRIBUTE_NORMAL);
+}
+
+TEST_F(FlashTest, SpeaksOfNoRemovalAfterAFailureThatLeftTheImages) {
+  key.Write(L"Retry_Times", 0);
+  workspace.MakeVirtualPc({kFast, "scenario=download-fails-default-limit"});
+  ::SetFileAttributesW(workspace.ModemImage().c_str(), FILE_ATTRIBUTE_READONLY);
+  const RunResult one = Flash();
+  EXPECT_EQ(one.exitCode, 1);
+  EXPECT_THAT(one.output, HasSubstr("Of the image files only " + ToUtf8(workspace.ModemImage().wstring()) +
+                                    " is still there: copy the other one anew and run the flash again."));
+  const RunResult all = Flash({L"--json"});
+  EXPECT_EQ(Document(all.output)["images_deleted"], false);
+  EXPECT_THAT(all.output, HasSubstr("The image files are still there: run the flash again."));
+  ::SetFileAttributesW(workspace.ModemImage().c_str(), FILE_ATTRIBUTE_NORMAL);
+}
+
+// --- The bus ---------------------------------------------------------------------------------------------
+
+TEST_F(FlashTest, TakesTheBusOfTheConfigurationUnlessToldOtherwise) {
+  const auto busOf = [this](const wchar_t* configured, const Arguments& more) {
+    workspace.WriteConfiguration("[IPCTYPE]=", configured);
+    workspace.PutImages();
+    Flash(more);
+    return Log();
+  };
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_THAT(busOf(L"PCIE", {}), HasSubstr("\t IPC Type :PCIE"));
+  EXPECT_THAT(busOf(L"pcie", {}), HasSubstr("\t IPC Type :USB"));
+  EXPECT_THAT(busOf(L"PCIE", {L"--ipc", L"usb"}), HasSubstr("\t IPC Type :USB"));
+  EXPECT_THAT(busOf(L"USB", {L"--ipc", L"pcie"}), HasSubstr("\t IPC Type :PCIE"));
 }
 
 TEST_F(FlashTest, RepeatsAFailedDownload) {
@@ -246,6 +301,38 @@ TEST_F(FlashTest, IsNotReadyWhileAnotherOneFlashes) {
   const RunResult second = Flash({L"--json"});
   EXPECT_EQ(second.exitCode, 4);
   EXPECT_EQ(ErrorCode(second.output), "already_running");
+}
+
+TEST_F(FlashTest, CheckSaysThatAnotherOneFlashes) {
+  workspace.MakeVirtualPc({kFast});
+  ChildProcess first(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(first.Says("waiting to begin"));
+  const RunResult check = RunHost({L"check", L"--json"});
+  EXPECT_EQ(check.exitCode, 4);
+  EXPECT_EQ(ErrorCode(check.output), "already_running");
+  first.Kill();
+  EXPECT_EQ(RunHost({L"check"}).exitCode, 0);
+}
+
+TEST_F(FlashTest, TakesNoForeignObjectForAnotherOne) {
+  workspace.MakeVirtualPc({kFast});
+  const OwnedHandle event(::CreateEventW(nullptr, TRUE, FALSE, L"Global\\corvel_cmdline flash"));
+  for (const wchar_t* verb : {L"flash", L"check"}) {
+    const RunResult result = RunHost({verb, L"--json"});
+    EXPECT_EQ(result.exitCode, 4);
+    EXPECT_EQ(ErrorCode(result.output), "claim_impossible");
+    EXPECT_THAT(result.output, AllOf(HasSubstr("Another program holds the name"),
+                                     Not(HasSubstr("nother corvel_cmdline is flashing"))));
+  }
+  EXPECT_TRUE(ImagesAreThere());
+}
+
+TEST_F(FlashTest, IsNotReadyWithoutFlashingLibraryAlsoWhenTheImagesAreStillToCome) {
+  workspace.Remove(L"firmware");
+  workspace.Remove(L"Firmwareflashdownload.dll");
+  const RunResult result = Flash({L"--wait-for-controller", L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "no_flashing_library");
 }
 
 // --- Flashes that are given up ---------------------------------------------------------------------------

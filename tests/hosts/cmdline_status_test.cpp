@@ -1,5 +1,6 @@
 #include "cmdline_test.h"
 #include "configuration_file.h"
+#include "serving_notice.h"
 #include "text.h"
 
 using testing::HasSubstr;
@@ -20,6 +21,7 @@ class StatusTest : public CommandLineTest {
 };
 
 TEST_F(StatusTest, ShowsTheSixValuesWithTheirMeaning) {
+  const ServingNotice host(Server::CommandLine, key.Location());
   key.Write(L"Fls_Ready", 1);
   key.Write(L"Retry_Times", 0);
   key.Write(L"Time_Out", 153000);
@@ -33,6 +35,43 @@ TEST_F(StatusTest, ShowsTheSixValuesWithTheirMeaning) {
   EXPECT_EQ(values["Flash_OnGoing"]["value"], 1);
   EXPECT_EQ(values["Flash_Progress"]["meaning"], "42 % of the images are written");
   EXPECT_EQ(values["Flash_Result"]["meaning"], "retrying");
+}
+
+TEST_F(StatusTest, TellsThatAHostRuns) {
+  EXPECT_EQ(Status()["host_running"], false);
+  const ServingNotice host(Server::CommandLine, key.Location());
+  EXPECT_EQ(Status()["host_running"], true);
+}
+
+TEST_F(StatusTest, TakesNothingThatADeadHostLeftForAFlash) {
+  key.Write(L"Flash_OnGoing", 1);
+  key.Write(L"Flash_Result", 1);
+  const nlohmann::json values = Status()["values"];
+  EXPECT_EQ(values["Flash_Result"]["value"], 1);
+  EXPECT_EQ(values["Flash_Result"]["meaning"], "cut short while flashing: no host runs");
+  EXPECT_EQ(values["Flash_OnGoing"]["meaning"],
+            "no job is running: the last one was cut short, or ended in failure");
+  EXPECT_THAT(RunHost({L"status"}).output,
+              HasSubstr("The modem may be left in flash mode; the next flash recovers it."));
+  key.Write(L"Flash_Result", 2);
+  EXPECT_EQ(Status()["values"]["Flash_Result"]["meaning"], "cut short while retrying: no host runs");
+}
+
+TEST_F(StatusTest, SpeaksOfNoFlashCutShortWhenTheLastOneEnded) {
+  key.Write(L"Flash_OnGoing", 1);
+  key.Write(L"Flash_Result", 3);
+  const RunResult result = RunHost({L"status"});
+  EXPECT_THAT(result.output, HasSubstr("Flash_Result    3          failed\r\n"));
+  EXPECT_THAT(result.output, testing::Not(HasSubstr("The flash was cut short")));
+}
+
+TEST_F(StatusTest, TellsAFlashFromOneThatWasKilled) {
+  workspace.MakeVirtualPc({"speed=1"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash"});
+  ASSERT_TRUE(host.Says("into flash mode"));
+  EXPECT_EQ(Status()["values"]["Flash_Result"]["meaning"], "flashing");
+  host.Kill();
+  EXPECT_EQ(Status()["values"]["Flash_Result"]["meaning"], "cut short while flashing: no host runs");
 }
 
 TEST_F(StatusTest, ShowsAKeyThatIsNotThereWithoutMakingIt) {

@@ -1,0 +1,4 @@
+#pragma once
+
+/// How the flash service is known to the service manager.
+inline constexpr wchar_t kServiceName[] = L"CorvelFlashService";

@@ -1,0 +1,32 @@
+#include "serving_notice.h"
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+/// The system takes a name of 260 characters at most, and none with a separator behind its first part.
+constexpr std::size_t kLongestIdentity = 200;
+
+std::wstring NoticeName(Server server, const HandshakeKey& key) {
+  std::wstring identity = key.Identity().substr(0, kLongestIdentity);
+  std::ranges::replace(identity, L'\\', L'/');
+  return (server == Server::Service ? L"Global\\corvel_service for " : L"Global\\corvel_cmdline for ") +
+         identity;
+}
+
+}  // namespace
+
+ServingNotice::ServingNotice(Server server, const HandshakeKey& key)
+    : m_mutex(::CreateMutexW(nullptr, FALSE, NoticeName(server, key).c_str())) {}
+
+bool IsServedBy(Server server, const HandshakeKey& key) {
+  const OwnedHandle notice(::OpenMutexW(SYNCHRONIZE, FALSE, NoticeName(server, key).c_str()));
+  // A user without rights learns as much: what cannot be opened is there.
+  return notice != nullptr || ::GetLastError() == ERROR_ACCESS_DENIED;
+}
+
+Writer WriterOf(const HandshakeKey& key) {
+  return IsServedBy(Server::Service, key) || IsServedBy(Server::CommandLine, key) ? Writer::Lives
+                                                                                  : Writer::Gone;
+}

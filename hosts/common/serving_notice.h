@@ -1,0 +1,22 @@
+#pragma once
+
+#include "handshake.h"
+#include "owners.h"
+
+/// Who deals with the requests under a key.
+enum class Server { Service, CommandLine };
+
+/// Tells the other hosts, for as long as it lives, that this process deals with the requests under a key. It
+/// goes with the process, however that ends.
+class ServingNotice {
+ public:
+  ServingNotice(Server server, const HandshakeKey& key);
+
+ private:
+  OwnedHandle m_mutex;
+};
+
+/// Whether such a host lives and deals with the requests under the key.
+bool IsServedBy(Server server, const HandshakeKey& key);
+/// Whether the host that wrote what stands under the key can still be at work on it.
+Writer WriterOf(const HandshakeKey& key);

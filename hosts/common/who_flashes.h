@@ -1,0 +1,41 @@
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+
+#include "handshake.h"
+#include "owners.h"
+
+// Two hosts that drive one modem at the same time spoil each other's flash, and the one that ends first
+// deletes the images of the other. So a command line that is about to flash looks who else does.
+
+/// Who keeps a command line from flashing, in words for scripts and people; the message without its full
+/// stop.
+struct Obstacle {
+  const char* code;
+  std::string message;
+  std::string whatToDo;
+};
+
+/// This process's claim to be the only command line that flashes.
+class CommandLineClaim {
+ public:
+  CommandLineClaim();
+
+  /// Nothing when the claim is held.
+  std::optional<Obstacle> WhoHoldsIt() const;
+
+ private:
+  OwnedHandle m_mutex;
+  DWORD m_error = ERROR_SUCCESS;
+};
+
+/// Another command line that flashes, for a program that makes no claim of its own; nothing when there is
+/// none.
+std::optional<Obstacle> FindFlashingCommandLine();
+
+/// A flash service that is flashing, or that would take the request of the command line as well, because it
+/// runs and has the same key. What a service that does not run any more left in its key is no obstacle.
+std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey);

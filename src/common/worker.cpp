@@ -40,7 +40,9 @@ DWORD WINAPI WorkerThread(void* started) {
   ::FreeLibraryAndExitThread(Run(static_cast<Worker*>(started)), 0);
 }
 
-DWORD AllocationGranularity() {
+/// In bytes; 0 is the default of CreateThread.
+SIZE_T SizeOf(WorkerStack stack) {
+  if (stack == WorkerStack::Default) return 0;
   SYSTEM_INFO info{};
   ::GetSystemInfo(&info);
   return info.dwAllocationGranularity;
@@ -48,7 +50,7 @@ DWORD AllocationGranularity() {
 
 }  // namespace
 
-UniqueHandle StartWorkerThread(std::function<void()> body) {
+UniqueHandle StartWorkerThread(std::function<void()> body, WorkerStack stack) {
   UniqueModule module(ThisModule(0));
   if (module == nullptr) return nullptr;
   std::unique_ptr<Worker> worker(new (std::nothrow) Worker{std::move(body), std::move(module)});
@@ -57,8 +59,7 @@ UniqueHandle StartWorkerThread(std::function<void()> body) {
     return nullptr;
   }
 
-  UniqueHandle thread(
-      ::CreateThread(nullptr, AllocationGranularity(), WorkerThread, worker.get(), 0, nullptr));
+  UniqueHandle thread(::CreateThread(nullptr, SizeOf(stack), WorkerThread, worker.get(), 0, nullptr));
   if (thread != nullptr) {
     static_cast<void>(worker.release());
   } else {

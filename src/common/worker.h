@@ -8,18 +8,20 @@
 
 #include "common/handles.h"
 
-/// StartWorker for a body that is allocated already.
-UniqueHandle StartWorkerThread(std::function<void()> body);
+/// The initial stack of a worker: the system's allocation granularity, or what the program's file says.
+enum class WorkerStack { AllocationGranularity, Default };
 
-/// Starts `body` on a thread of its own, whose initial stack is the system's allocation granularity. The
-/// thread keeps this module loaded for as long as it runs, so a worker that nobody waits for any more may
-/// come back whenever it likes.
+/// StartWorker for a body that is allocated already.
+UniqueHandle StartWorkerThread(std::function<void()> body, WorkerStack stack);
+
+/// Starts `body` on a thread of its own. The thread keeps this module loaded for as long as it runs, so a
+/// worker that nobody waits for any more may come back whenever it likes.
 /// @return the thread; empty, with the last error set, when it could not be started, be it for lack of
 /// memory.
 template <typename Body>
-UniqueHandle StartWorker(Body body) noexcept {
+UniqueHandle StartWorker(Body body, WorkerStack stack = WorkerStack::AllocationGranularity) noexcept {
   try {
-    return StartWorkerThread(std::move(body));
+    return StartWorkerThread(std::move(body), stack);
   } catch (const std::bad_alloc&) {
     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string_view>
 
 #include "common/devicelist.h"
@@ -27,9 +28,27 @@ constexpr DWORD kRequestTimeLimitMs = 3000;
 /// What a cancelled request gets to come back before its memory is given up.
 constexpr DWORD kCancelGraceMs = 100;
 
+constexpr std::size_t kPathBufferLength = 256;
+
 constexpr int kErrorLevel = 1;
 constexpr int kTraceLevel = 3;
-constexpr std::size_t kPathBufferLength = 256;
+
+}  // namespace
+
+/// What an opening looks for, and how it tells of it: its records carry the name of the opening that was
+/// called, and two of its errors have a level of its own.
+struct InterfaceOpening {
+  const char* function;
+  GUID interfaceClass;
+  int loopErrorLevel;
+};
+
+namespace {
+
+constexpr InterfaceOpening kControlOpening{"CUdeIoControl::OpenUdeDeviceInterface", kControlInterface,
+                                           kErrorLevel};
+constexpr InterfaceOpening kFlashOpening{"CUdeIoControl::OpenUdeDeviceFlashInterface", kFlashInterface,
+                                         kTraceLevel};
 
 /// One overlapped request of its own event. The driver writes to the request's memory whenever it completes
 /// it, which may be long after the caller's patience: memory that is still in use is never freed.
@@ -161,65 +180,69 @@ void CUdeIoControl::TearDownDeviceInterface(HANDLE device) {
 
 bool CUdeIoControl::OpenUdeDeviceInterface() {
   LOG_TRACE("OpenUdeDeviceInterface++");
-  const bool opened = OpenInterface(kControlInterface, kErrorLevel);
+  const bool opened = OpenInterface(kControlOpening);
   LOG_TRACE("OpenUdeDeviceInterface--, bRet: %d", opened);
   return opened;
 }
 
 bool CUdeIoControl::OpenUdeDeviceFlashInterface() {
   LOG_TRACE("OpenUdeDeviceFlashInterface++");
-  const bool opened = OpenInterface(kFlashInterface, kTraceLevel);
+  const bool opened = OpenInterface(kFlashOpening);
   LOG_TRACE("OpenUdeDeviceFlashInterface--, bRet: %d", opened);
   return opened;
 }
 
-bool CUdeIoControl::OpenInterface(const GUID& interfaceClass, int loopErrorLevel) {
+bool CUdeIoControl::OpenInterface(const InterfaceOpening& opening) {
   // What an earlier open left is closed first, so that a failed one leaves nothing that looks opened.
   UniqueHandle(m_device.exchange(nullptr)).reset();
 
-  const DeviceList list = FetchPresentInterfaces(interfaceClass);
+  const DeviceList list = FetchPresentInterfaces(opening.interfaceClass);
   switch (list.outcome) {
     case DeviceListOutcome::LengthRefused:
-      LOG_ERROR("Error retrieving device interface list size: %d", static_cast<int>(list.error));
+      LOG_ERROR_AS(opening.function, "Error retrieving device interface list size: %d",
+                   static_cast<int>(list.error));
       return false;
     case DeviceListOutcome::Empty:
-      LOG_ERROR("Error - No active device interfaces found");
+      LOG_ERROR_AS(opening.function, "Error - No active device interfaces found");
       return false;
     case DeviceListOutcome::NoMemory:
       // Answered with true although nothing is open: callers fail at their first request.
-      LOG_AT(loopErrorLevel, "Error allocating memory for device interface list..");
+      LOG_AT_AS(opening.loopErrorLevel, opening.function,
+                "Error allocating memory for device interface list..");
       return true;
     case DeviceListOutcome::ListRefused:
-      LOG_ERROR("Error retrieving device interface list: %d", static_cast<int>(list.error));
+      LOG_ERROR_AS(opening.function, "Error retrieving device interface list: %d",
+                   static_cast<int>(list.error));
       return false;
     case DeviceListOutcome::Fetched:
       break;
   }
-  m_device = OpenWantedInstance(list, loopErrorLevel).release();
+  m_device = OpenWantedInstance(opening, list).release();
   return true;
 }
 
 /// The only instance that there is, or the first whose probe stays pending; empty when there is none.
-UniqueHandle CUdeIoControl::OpenWantedInstance(const DeviceList& list, int loopErrorLevel) {
+UniqueHandle CUdeIoControl::OpenWantedInstance(const InterfaceOpening& opening, const DeviceList& list) {
   const MultiStringView paths = list.Entries();
   const auto instances = std::ranges::distance(paths);
   const bool single = instances < 2;
   if (single) {
-    LOG_TRACE("Only one device interface instance found.");
+    LOG_TRACE_AS(opening.function, "Only one device interface instance found.");
   } else {
-    LOG_TRACE("More than one device interface instance found.");
+    LOG_TRACE_AS(opening.function, "More than one device interface instance found.");
   }
-  if (instances == 0) LOG_AT(loopErrorLevel, "Error: nextInterface is NULL or len is 0 failed");
+  if (instances == 0)
+    LOG_AT_AS(opening.loopErrorLevel, opening.function, "Error: nextInterface is NULL or len is 0 failed");
 
   for (const wchar_t* path : paths) {
-    UniqueHandle device = OpenInstance(path);
+    UniqueHandle device = OpenInstance(opening, path);
     if (device == nullptr) continue;
-    if (single || Probe(device.get()) == Instance::Wanted) return device;
+    if (single || Probe(opening, device.get()) == Instance::Wanted) return device;
   }
   return nullptr;
 }
 
-UniqueHandle CUdeIoControl::OpenInstance(const wchar_t* path) {
+UniqueHandle CUdeIoControl::OpenInstance(const InterfaceOpening& opening, const wchar_t* path) {
   const std::wstring_view fullPath = path;
   // A path that does not fit is cut, and then cannot be opened.
   std::array<wchar_t, kPathBufferLength> name{};
@@ -229,24 +252,25 @@ UniqueHandle CUdeIoControl::OpenInstance(const wchar_t* path) {
                                                     FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                                     OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
   if (device == nullptr) {
-    LOG_ERROR("CreateFile failed: %d", LastErrorNumber());
+    LOG_ERROR_AS(opening.function, "CreateFile failed: %d", LastErrorNumber());
   } else {
-    LOG_TRACE("CreateFile Success, path length is %d", static_cast<int>(fullPath.size()));
+    LOG_TRACE_AS(opening.function, "CreateFile Success, path length is %d",
+                 static_cast<int>(fullPath.size()));
   }
   return device;
 }
 
 /// The wanted one of several instances is the one that leaves the probe pending.
-CUdeIoControl::Instance CUdeIoControl::Probe(HANDLE device) {
+CUdeIoControl::Instance CUdeIoControl::Probe(const InterfaceOpening& opening, HANDLE device) {
   DeviceRequest probe(nullptr, 0);
   if (!probe.IsReady()) {
     // The search ends here, with an instance that nobody probed.
-    LOG_TRACE("CreateEventEx failed: %d", LastErrorNumber());
+    LOG_TRACE_AS(opening.function, "CreateEventEx failed: %d", LastErrorNumber());
     return Instance::Wanted;
   }
   ::ResetEvent(probe.Done());
   if (probe.Send(device, kProbeCode, nullptr, 0, 0) != DeviceRequest::Start::Pending) return Instance::Other;
-  LOG_TRACE("DeviceIoControl Success: ");
+  LOG_TRACE_AS(opening.function, "DeviceIoControl Success: ");
   if (::WaitForSingleObject(probe.Done(), INFINITE) == WAIT_OBJECT_0) probe.SetCompleted();
   return Instance::Wanted;
 }
@@ -260,25 +284,28 @@ bool CUdeIoControl::SendSyncDeviceRequest(std::uint32_t code, const void* input,
     LOG_TRACE("SendSyncDeviceRequest--");
     return false;
   }
-  DeviceRequest request(output, outputSize);
-  if (!request.IsReady()) {
+  std::optional<DeviceRequest> request(std::in_place, output, outputSize);
+  if (!request->IsReady()) {
     LOG_WARNING("SendSyncDeviceRequest--: CreateEventEx failed: %d", LastErrorNumber());
     return false;
   }
   const HANDLE device = m_device;
-  const bool sent = request.Send(device, code, input, inputSize, outputSize) != DeviceRequest::Start::Refused;
+  const bool sent =
+      request->Send(device, code, input, inputSize, outputSize) != DeviceRequest::Start::Refused;
   if (!sent) {
     LOG_WARNING("SendSyncDeviceRequest--: DeviceIoControl failed: %d", LastErrorNumber());
   } else {
-    const bool completed = RetrieveRequest(device, request.Overlapped(), false);
+    const bool completed = RetrieveRequest(device, request->Overlapped(), false);
     if (completed) {
-      request.SetCompleted();
-      if (output != nullptr) std::memcpy(output, request.Output(), outputSize);
+      request->SetCompleted();
+      if (output != nullptr) std::memcpy(output, request->Output(), outputSize);
     }
     // Callers ask whether the request reached the driver: here that it completed, not how much came back,
     // and true as the result even when it did not complete.
     if (bytesReturned != nullptr) *bytesReturned = completed ? 1 : 0;
   }
+  // The event is closed before the end is told.
+  request.reset();
   LOG_TRACE("SendSyncDeviceRequest--");
   return sent;
 }

@@ -8,6 +8,7 @@
 #include "common/handles.h"
 
 struct DeviceList;
+struct InterfaceOpening;
 
 /// The channel to the driver that can pulse the modem's baseband reset line. It takes no lock: what is
 /// opened belongs to one caller at a time, while TriggerFlashReset may run on several threads at once.
@@ -53,10 +54,10 @@ class CUdeIoControl {
 
   constexpr CUdeIoControl() = default;
 
-  bool OpenInterface(const GUID& interfaceClass, int loopErrorLevel);
-  UniqueHandle OpenWantedInstance(const DeviceList& list, int loopErrorLevel);
-  UniqueHandle OpenInstance(const wchar_t* path);
-  Instance Probe(HANDLE device);
+  bool OpenInterface(const InterfaceOpening& opening);
+  static UniqueHandle OpenWantedInstance(const InterfaceOpening& opening, const DeviceList& list);
+  static UniqueHandle OpenInstance(const InterfaceOpening& opening, const wchar_t* path);
+  static Instance Probe(const InterfaceOpening& opening, HANDLE device);
 
   static CUdeIoControl s_instance;
 

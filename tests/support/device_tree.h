@@ -103,6 +103,10 @@ class DeviceTree {
     return CR_SUCCESS;
   }
 
+  static bool AsksForPresentInterfaces(const wchar_t* device, ULONG flags) {
+    return device == nullptr && flags == CM_GET_DEVICE_INTERFACE_LIST_PRESENT;
+  }
+
   void ToldALength() {
     if (const auto change = std::exchange(m_afterLength, nullptr)) change();
   }
@@ -141,6 +145,7 @@ class DeviceTree {
     tree.m_lastFilter = filter == nullptr ? L"" : filter;
     tree.m_lastFlags = flags;
     tree.m_lastBufferLength = length;
+    if (filter == nullptr && flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
     if (filter == nullptr) return Give(tree.Ids(), buffer, length);
 
     std::vector<std::wstring> ids;
@@ -152,23 +157,27 @@ class DeviceTree {
     return known ? Give(ids, buffer, length) : CR_NO_SUCH_VALUE;
   }
 
-  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, wchar_t*, ULONG) {
+  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, wchar_t* device,
+                                            ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_List_SizeW");
     if (answer != CR_SUCCESS) return answer;
+    if (!AsksForPresentInterfaces(device, flags)) return CR_INVALID_FLAG;
     Tell(s_tree->Paths(*interfaceClass), length);
     s_tree->ToldALength();
     return CR_SUCCESS;
   }
 
-  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, wchar_t*, wchar_t* buffer, ULONG length,
-                                        ULONG) {
+  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, wchar_t* device, wchar_t* buffer, ULONG length,
+                                        ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_ListW");
+    if (!AsksForPresentInterfaces(device, flags)) return CR_INVALID_FLAG;
     return answer == CR_SUCCESS ? Give(s_tree->Paths(*interfaceClass), buffer, length) : answer;
   }
 
-  static CONFIGRET WINAPI Locate(DEVINST* node, wchar_t* id, ULONG) {
+  static CONFIGRET WINAPI Locate(DEVINST* node, wchar_t* id, ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Locate_DevNodeW");
     if (answer != CR_SUCCESS) return answer;
+    if (flags != CM_LOCATE_DEVNODE_NORMAL) return CR_INVALID_FLAG;
     if (id == nullptr || *id == L'\0') {
       *node = kRoot;
       return CR_SUCCESS;
@@ -181,9 +190,10 @@ class DeviceTree {
     return CR_NO_SUCH_DEVNODE;
   }
 
-  static CONFIGRET WINAPI Reenumerate(DEVINST node, ULONG) {
+  static CONFIGRET WINAPI Reenumerate(DEVINST node, ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Reenumerate_DevNode");
     if (answer != CR_SUCCESS) return answer;
+    if (flags != CM_REENUMERATE_NORMAL) return CR_INVALID_FLAG;
     if (node != kRoot) return CR_INVALID_DEVNODE;
     ++s_tree->m_reenumerations;
     return CR_SUCCESS;

@@ -112,17 +112,21 @@ class FakeModem {
   }
   static bool IsDriver(const GUID& interfaceClass) { return interfaceClass.Data1 == 0x6568C4A1; }
 
-  static CONFIGRET WINAPI IdListSize(ULONG* length, PCWSTR, ULONG) {
+  static CONFIGRET WINAPI IdListSize(ULONG* length, PCWSTR filter, ULONG flags) {
+    if (filter != nullptr || flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
     *length = static_cast<ULONG>(s_modem->DeviceIds().size());
     return s_modem->idListSizeResult;
   }
-  static CONFIGRET WINAPI IdList(PCWSTR filter, WCHAR* buffer, ULONG length, ULONG) {
+  static CONFIGRET WINAPI IdList(PCWSTR filter, WCHAR* buffer, ULONG length, ULONG flags) {
+    const ULONG byFilter = filter == nullptr ? 0 : CM_GETIDLIST_FILTER_ENUMERATOR;
+    if (flags != (byFilter | CM_GETIDLIST_FILTER_PRESENT)) return CR_INVALID_FLAG;
     if (filter != nullptr) return Copy(MultiString({L"USB\\VID_1D5A&PID_0AE2&MI_00\\1"}), buffer, length);
     ++s_modem->idLists;
     if (s_modem->onIdList) s_modem->onIdList();
     return Copy(s_modem->DeviceIds(), buffer, length);
   }
-  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, WCHAR*, ULONG) {
+  static CONFIGRET WINAPI InterfaceListSize(ULONG* length, GUID* interfaceClass, WCHAR* device, ULONG flags) {
+    if (device != nullptr || flags != CM_GET_DEVICE_INTERFACE_LIST_PRESENT) return CR_INVALID_FLAG;
     *length = static_cast<ULONG>(s_modem->Interfaces(*interfaceClass).size());
     if (IsDriver(*interfaceClass)) return CR_SUCCESS;
     ++s_modem->portLists;
@@ -131,7 +135,9 @@ class FakeModem {
         s_modem->portListLength.value_or(static_cast<ULONG>(s_modem->Interfaces(*interfaceClass).size()));
     return s_modem->portListSizeResult;
   }
-  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, WCHAR*, WCHAR* buffer, ULONG length, ULONG) {
+  static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, WCHAR* device, WCHAR* buffer, ULONG length,
+                                        ULONG flags) {
+    if (device != nullptr || flags != CM_GET_DEVICE_INTERFACE_LIST_PRESENT) return CR_INVALID_FLAG;
     if (!IsDriver(*interfaceClass) && s_modem->portListResult != CR_SUCCESS) return s_modem->portListResult;
     return Copy(s_modem->Interfaces(*interfaceClass), buffer, length);
   }
@@ -140,11 +146,13 @@ class FakeModem {
     list.copy(buffer, list.size());
     return CR_SUCCESS;
   }
-  static CONFIGRET WINAPI Locate(DEVINST* device, WCHAR*, ULONG) {
+  static CONFIGRET WINAPI Locate(DEVINST* device, WCHAR*, ULONG flags) {
+    if (flags != CM_LOCATE_DEVNODE_NORMAL) return CR_INVALID_FLAG;
     *device = 1;
     return s_modem->locateResult;
   }
-  static CONFIGRET WINAPI Reenumerate(DEVINST, ULONG) {
+  static CONFIGRET WINAPI Reenumerate(DEVINST, ULONG flags) {
+    if (flags != CM_REENUMERATE_NORMAL) return CR_INVALID_FLAG;
     s_modem->heard.emplace_back("reenumerate");
     return CR_SUCCESS;
   }

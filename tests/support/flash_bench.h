@@ -65,18 +65,20 @@ class FlashBench {
 
   int Registry(const wchar_t* value) const { return static_cast<int>(key.Number(value).value_or(99999)); }
 
-  /// The messages of some source files in their order; those of level 1 begin with "E:".
+  /// The records of some source files in their order.
+  std::vector<LogRecord> Records(std::initializer_list<std::string_view> files) const {
+    std::vector<LogRecord> records = host.Log();
+    std::erase_if(records, [&](const LogRecord& record) {
+      return std::find(files.begin(), files.end(), record.file) == files.end();
+    });
+    return records;
+  }
+  /// Their messages with their levels: those of level 1 begin with "E:", those of level 2 with "W:".
   std::vector<std::string> Said(std::initializer_list<std::string_view> files) const {
-    std::vector<std::string> said;
-    for (const LogRecord& record : host.Log()) {
-      for (const std::string_view file : files) {
-        if (record.file == file) said.push_back((record.level == "Error" ? "E:" : "") + record.message);
-      }
-    }
-    return said;
+    return MarkedMessagesOf(Records(files));
   }
   std::ptrdiff_t TimesSaid(const std::string& message) const {
-    const std::vector<std::string> all = host.Messages();
+    const std::vector<std::string> all = MarkedMessagesOf(host.Log());
     return std::count(all.begin(), all.end(), message);
   }
   bool HasSaid(const std::string& message) const { return TimesSaid(message) > 0; }

@@ -50,6 +50,8 @@ class SimulatedClock {
 
   /// Milliseconds since the clock was made.
   ULONGLONG Now() const { return m_now; }
+  /// The initial stack sizes that the library asked for its threads, in order; refused ones count.
+  const std::vector<SIZE_T>& StackSizes() const { return m_stackSizes; }
   /// What the library slept so far, in order.
   const std::vector<DWORD>& Sleeps() const { return m_sleeps; }
 
@@ -267,6 +269,7 @@ class SimulatedClock {
   static HANDLE WINAPI CreateThread(SECURITY_ATTRIBUTES* security, SIZE_T stackSize,
                                     LPTHREAD_START_ROUTINE start, LPVOID parameter, DWORD flags, LPDWORD id) {
     Turn turn(s_clock->m_mutex);
+    s_clock->m_stackSizes.push_back(stackSize);
     const auto refused = s_clock->m_refused.find(s_clock->m_created++);
     if (s_clock->m_refusesAll || refused != s_clock->m_refused.end()) {
       ::SetLastError(s_clock->m_refusesAll ? *s_clock->m_refusesAll : refused->second);
@@ -347,6 +350,7 @@ class SimulatedClock {
   std::set<DWORD> m_ended;
   std::set<int> m_openGates;
   std::vector<DWORD> m_sleeps;
+  std::vector<SIZE_T> m_stackSizes;
   std::vector<HANDLE> m_handles;
   std::map<int, DWORD> m_refused;
   std::optional<DWORD> m_refusesAll;

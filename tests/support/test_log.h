@@ -62,6 +62,20 @@ inline std::vector<std::string> MessagesOf(const std::vector<LogRecord>& records
   return messages;
 }
 
+/// The function fields of the records, in their order.
+inline std::vector<std::string> FunctionsOf(const std::vector<LogRecord>& records) {
+  std::vector<std::string> functions;
+  for (const LogRecord& record : records) functions.push_back(record.function);
+  return functions;
+}
+/// The function field of the record that tells this (see Marked); empty when there is none.
+inline std::string FunctionOf(const std::vector<LogRecord>& records, const std::string& told) {
+  for (const LogRecord& record : records) {
+    if (Marked(record) == told) return record.function;
+  }
+  return {};
+}
+
 /// The debug log, turned on and written to a file of the test's own.
 ///
 /// The library flushes no file meanwhile: closing a log would, and each flush waits for a disk that others

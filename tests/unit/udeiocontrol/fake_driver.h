@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -68,6 +69,31 @@ class FakeDriver {
     return m_interfaces.back().path;
   }
   void RefusesEvents() { m_refusesEvents = true; }
+  /// Runs right before one of the library's events is closed.
+  void BeforeAnEventCloses(std::function<void()> action) { m_beforeAnEventCloses = std::move(action); }
+
+  /// What a device was opened with.
+  struct Opening {
+    DWORD access;
+    DWORD share;
+    bool isSecured;
+    DWORD creation;
+    DWORD flags;
+    bool operator==(const Opening&) const = default;
+  };
+  const std::vector<Opening>& Openings() const { return m_openings; }
+  /// What an event was made with.
+  struct Event {
+    bool isPlain;
+    DWORD flags;
+    DWORD access;
+    bool operator==(const Event&) const = default;
+  };
+  const std::vector<Event>& Events() const { return m_events; }
+  /// How often one of those events was waited for without a limit.
+  int EndlessWaits() const { return m_endlessWaits; }
+  /// Whether any wait for a result could have been interrupted.
+  bool IsAlertable() const { return m_isAlertable; }
   /// The driver does not hear a cancel: the request stays pending until the test completes it.
   void IgnoresCancel() { m_ignoresCancel = true; }
   /// Runs while a request is sent.
@@ -106,6 +132,7 @@ class FakeDriver {
   static HANDLE WINAPI Create(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                               DWORD creation, DWORD flags, HANDLE fileTemplate) {
     s_driver->m_triedPaths.push_back(path);
+    s_driver->m_openings.push_back({access, share, security != nullptr, creation, flags});
     const HANDLE device = ::CreateFileW(path, access, share, security, creation, flags, fileTemplate);
     if (device == INVALID_HANDLE_VALUE) return device;
     ++s_opened;
@@ -115,6 +142,8 @@ class FakeDriver {
 
   static BOOL WINAPI Close(HANDLE handle) {
     s_driver->m_pathOf.erase(handle);
+    if (s_driver->m_openEvents.erase(handle) != 0 && s_driver->m_beforeAnEventCloses)
+      s_driver->m_beforeAnEventCloses();
     const BOOL closed = ::CloseHandle(handle);
     if (!closed) ++s_closedTwice;
     return closed;
@@ -189,6 +218,7 @@ class FakeDriver {
   static BOOL WINAPI Result(HANDLE device, OVERLAPPED* overlapped, DWORD* bytes, DWORD milliseconds,
                             BOOL alertable) {
     s_driver->m_timeLimits.push_back(milliseconds);
+    s_driver->m_isAlertable = s_driver->m_isAlertable || alertable;
     return ::GetOverlappedResultEx(device, overlapped, bytes, std::min(milliseconds, kShortWaitMs),
                                    alertable);
   }
@@ -200,12 +230,18 @@ class FakeDriver {
 
   static DWORD WINAPI Wait(HANDLE handle, DWORD milliseconds) {
     const bool endless = milliseconds == INFINITE;
+    if (endless && s_driver->m_openEvents.contains(handle)) ++s_driver->m_endlessWaits;
     return ::WaitForSingleObject(handle, endless ? INFINITE : std::min(milliseconds, kShortWaitMs));
   }
 
   static HANDLE WINAPI CreateEventCall(SECURITY_ATTRIBUTES* security, const wchar_t* name, DWORD flags,
                                        DWORD access) {
-    if (!s_driver->m_refusesEvents) return ::CreateEventExW(security, name, flags, access);
+    if (!s_driver->m_refusesEvents) {
+      s_driver->m_events.push_back({security == nullptr && name == nullptr, flags, access});
+      const HANDLE event = ::CreateEventExW(security, name, flags, access);
+      s_driver->m_openEvents.insert(event);
+      return event;
+    }
     ::SetLastError(ERROR_NO_SYSTEM_RESOURCES);
     return nullptr;
   }
@@ -219,6 +255,12 @@ class FakeDriver {
   std::vector<Request> m_requests;
   std::vector<std::wstring> m_triedPaths;
   std::vector<DWORD> m_timeLimits;
+  std::vector<Opening> m_openings;
+  std::vector<Event> m_events;
+  std::set<HANDLE> m_openEvents;
+  std::function<void()> m_beforeAnEventCloses;
+  int m_endlessWaits = 0;
+  bool m_isAlertable = false;
   std::map<HANDLE, std::wstring> m_pathOf;
   std::function<void()> m_whileSending;
   int m_cancels = 0;

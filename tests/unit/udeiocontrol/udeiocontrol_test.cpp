@@ -66,10 +66,18 @@ TEST_F(UdeIoControlTest, ASingleFlashInterfaceIsOpenedWithoutAProbe) {
   EXPECT_TRUE(channel.OpenFlashDevice());
   EXPECT_THAT(driver.TriedPaths(), ElementsAre(path));
   EXPECT_THAT(driver.Requests(), IsEmpty());
-  EXPECT_THAT(log.Messages(), ElementsAre("OpenFlashDevice ++", "OpenUdeDeviceFlashInterface++",
-                                          "Only one device interface instance found.",
-                                          "CreateFile Success, path length is " + std::to_string(path.size()),
-                                          "OpenUdeDeviceFlashInterface--, bRet: 1", "OpenFlashDevice --"));
+  EXPECT_THAT(log.Said(), ElementsAre("OpenFlashDevice ++", "OpenUdeDeviceFlashInterface++",
+                                      "Only one device interface instance found.",
+                                      "CreateFile Success, path length is " + std::to_string(path.size()),
+                                      "OpenUdeDeviceFlashInterface--, bRet: 1", "OpenFlashDevice --"));
+}
+
+TEST_F(UdeIoControlTest, TheDeviceIsOpenedForOverlappedUseAndSharedWithOthers) {
+  HasFlashInterface();
+  channel.OpenFlashDevice();
+  const FakeDriver::Opening shared{GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, false,
+                                   OPEN_EXISTING, FILE_FLAG_OVERLAPPED};
+  EXPECT_THAT(driver.Openings(), ElementsAre(shared));
 }
 
 TEST_F(UdeIoControlTest, TheControlInterfaceIsOpenedByItsOwnClass) {
@@ -81,7 +89,7 @@ TEST_F(UdeIoControlTest, TheControlInterfaceIsOpenedByItsOwnClass) {
   channel.CloseDevice();
   EXPECT_EQ(driver.StillOpen(), 0);
   EXPECT_THAT(
-      log.Messages(),
+      log.Said(),
       ElementsAre("OpenDevice ++", "OpenUdeDeviceInterface++", "Only one device interface instance found.",
                   "CreateFile Success, path length is " + std::to_string(path.size()),
                   "OpenUdeDeviceInterface--, bRet: 1", "OpenDevice --", "CloseDevice ++",
@@ -96,9 +104,102 @@ TEST_F(UdeIoControlTest, OfTwoInstancesTheOneWhoseProbeStaysPendingIsKept) {
   EXPECT_THAT(driver.Codes(), ElementsAre(kProbe, kProbe));
   EXPECT_EQ(driver.StillOpen(), 1);
   EXPECT_EQ(OpenedPath(), second);
-  EXPECT_EQ(log.Count("More than one device interface instance found."), 1);
-  EXPECT_EQ(log.Count("DeviceIoControl Success: "), 1);
+  EXPECT_THAT(log.Said(), Contains("More than one device interface instance found.").Times(1));
+  EXPECT_THAT(log.Said(), Contains("DeviceIoControl Success: ").Times(1));
 }
+
+TEST_F(UdeIoControlTest, TheProbeIsWaitedForWithoutALimitOnAnEventOfItsOwn) {
+  HasFlashInterface();
+  HasFlashInterface();
+  channel.OpenFlashDevice();
+  EXPECT_EQ(driver.EndlessWaits(), 1);
+  EXPECT_THAT(driver.Events(),
+              ElementsAre(FakeDriver::Event{true, CREATE_EVENT_MANUAL_RESET, EVENT_ALL_ACCESS}));
+}
+
+/// Which opening is called, and the levels of what it tells inside its loop.
+struct OpeningRow {
+  const char* function;
+  const GUID* interfaceClass;
+  bool (CUdeIoControl::*open)();
+  const char* loopError;
+};
+
+class OpeningTest : public UdeIoControlTest, public testing::WithParamInterface<OpeningRow> {
+ protected:
+  void Has(const std::wstring& path) { tree.HasInterface(*GetParam().interfaceClass, path); }
+  void Open() { (channel.*GetParam().open)(); }
+  void ExpectItsName(std::size_t records) const {
+    EXPECT_THAT(FunctionsOf(log.Records()), testing::Each(GetParam().function));
+    EXPECT_EQ(log.Said().size(), records);
+  }
+};
+
+TEST_P(OpeningTest, TellsOfEachInstanceUnderItsName) {
+  Has(L"\\\\.\\pipe\\corvel-ude-nobody");
+  Has(driver.Offers(Answer::AfterPending));
+  Open();
+  // Begin, more than one, one not opened, one opened, probe, end.
+  ExpectItsName(6);
+}
+
+TEST_P(OpeningTest, TellsThatThereIsOneInstanceUnderItsName) {
+  Has(driver.Offers(Answer::AfterPending));
+  Open();
+  ExpectItsName(4);
+}
+
+TEST_P(OpeningTest, TellsThatThereIsNoEventUnderItsName) {
+  Has(driver.Offers(Answer::AfterPending));
+  Has(driver.Offers(Answer::AfterPending));
+  driver.RefusesEvents();
+  Open();
+  ExpectItsName(5);
+}
+
+TEST_P(OpeningTest, TellsOfAnEmptyListUnderItsName) {
+  Open();
+  ExpectItsName(3);
+}
+
+TEST_P(OpeningTest, TellsOfARefusedLengthUnderItsName) {
+  tree.Refuses("CM_Get_Device_Interface_List_SizeW", CR_FAILURE);
+  Open();
+  ExpectItsName(3);
+}
+
+TEST_P(OpeningTest, TellsOfARefusedListUnderItsName) {
+  Has(L"any");
+  tree.Refuses("CM_Get_Device_Interface_ListW", CR_FAILURE);
+  Open();
+  ExpectItsName(3);
+}
+
+TEST_P(OpeningTest, TellsOfAnEmptyEntryUnderItsNameAndAtItsLevel) {
+  Has(L"gone");
+  tree.AfterTellingALength([this] { tree.LosesAllInterfaces(); });
+  Open();
+  ExpectItsName(4);
+  EXPECT_THAT(log.Said(), Contains(std::string(GetParam().loopError) +
+                                   "Error: nextInterface is NULL or len is 0 failed"));
+}
+
+TEST_P(OpeningTest, TellsOfLackOfMemoryUnderItsNameAndAtItsLevel) {
+  Has(L"any");
+  ProcessHeap heap;
+  heap.IsFull();
+  Open();
+  ExpectItsName(3);
+  EXPECT_THAT(log.Said(), Contains(std::string(GetParam().loopError) +
+                                   "Error allocating memory for device interface list.."));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Both, OpeningTest,
+    testing::Values(OpeningRow{"CUdeIoControl::OpenUdeDeviceInterface", &kControlInterface,
+                               &CUdeIoControl::OpenUdeDeviceInterface, "E:"},
+                    OpeningRow{"CUdeIoControl::OpenUdeDeviceFlashInterface", &kFlashInterface,
+                               &CUdeIoControl::OpenUdeDeviceFlashInterface, ""}));
 
 TEST_F(UdeIoControlTest, AnInstanceThatRefusesTheProbeIsSkipped) {
   HasFlashInterface(Answer::Refusal);
@@ -143,7 +244,7 @@ TEST_F(UdeIoControlTest, APathTooLongIsCutAndNotOpened) {
 TEST_F(UdeIoControlTest, AnEmptyListFails) {
   EXPECT_FALSE(channel.OpenFlashDevice());
   EXPECT_EQ(log.LevelOf("Error - No active device interfaces found"), "Error");
-  EXPECT_EQ(log.Count("OpenUdeDeviceFlashInterface--, bRet: 0"), 1);
+  EXPECT_THAT(log.Said(), Contains("OpenUdeDeviceFlashInterface--, bRet: 0").Times(1));
   EXPECT_EQ(tree.CallsOf("CM_Get_Device_Interface_ListW"), 0);
 }
 
@@ -151,7 +252,7 @@ TEST_F(UdeIoControlTest, ARefusedLengthFails) {
   tree.Refuses("CM_Get_Device_Interface_List_SizeW", CR_FAILURE);
   EXPECT_FALSE(channel.OpenFlashDevice());
   EXPECT_EQ(log.LevelOf("Error retrieving device interface list size: 19"), "Error");
-  EXPECT_EQ(log.Count("OpenUdeDeviceFlashInterface--, bRet: 0"), 1);
+  EXPECT_THAT(log.Said(), Contains("OpenUdeDeviceFlashInterface--, bRet: 0").Times(1));
 }
 
 TEST_F(UdeIoControlTest, AnInterfaceThatArrivesBehindTheLengthFailsWithoutAnotherTry) {
@@ -161,7 +262,7 @@ TEST_F(UdeIoControlTest, AnInterfaceThatArrivesBehindTheLengthFailsWithoutAnothe
   EXPECT_FALSE(channel.OpenFlashDevice());
   EXPECT_EQ(tree.CallsOf("CM_Get_Device_Interface_ListW"), 1);
   EXPECT_EQ(log.LevelOf("Error retrieving device interface list: 26"), "Error");
-  EXPECT_EQ(log.Count("OpenUdeDeviceFlashInterface--, bRet: 0"), 1);
+  EXPECT_THAT(log.Said(), Contains("OpenUdeDeviceFlashInterface--, bRet: 0").Times(1));
   EXPECT_EQ(heap.Frees(), 1);
 }
 
@@ -183,7 +284,8 @@ TEST_F(UdeIoControlTest, AnEmptyEntryIsAnErrorForTheControlInterface) {
 TEST_F(UdeIoControlTest, TheEndOfAListIsNoEmptyEntry) {
   HasFlashInterfaceAt(L"\\\\.\\pipe\\corvel-ude-nobody");
   channel.OpenFlashDevice();
-  EXPECT_EQ(log.Count("Error: nextInterface is NULL or len is 0 failed"), 0);
+  EXPECT_THAT(log.Said(),
+              Not(Contains(testing::EndsWith("Error: nextInterface is NULL or len is 0 failed"))));
 }
 
 TEST_F(UdeIoControlTest, WithoutMemoryTheFlashInterfaceIsTrueAndNothingIsOpen) {
@@ -192,7 +294,7 @@ TEST_F(UdeIoControlTest, WithoutMemoryTheFlashInterfaceIsTrueAndNothingIsOpen) {
   HasFlashInterface();
   EXPECT_TRUE(channel.OpenFlashDevice());
   EXPECT_EQ(log.LevelOf("Error allocating memory for device interface list.."), "Trace");
-  EXPECT_EQ(log.Count("OpenUdeDeviceFlashInterface--, bRet: 1"), 1);
+  EXPECT_THAT(log.Said(), Contains("OpenUdeDeviceFlashInterface--, bRet: 1").Times(1));
   EXPECT_FALSE(Send());
 }
 
@@ -261,6 +363,30 @@ TEST_F(RequestTest, ARequestThatCompletesIsSent) {
   EXPECT_EQ(log.LevelOf("-- GetOverlappedResult: OK, bytes transferred: 1"), "Trace");
 }
 
+TEST_F(RequestTest, ARequestHasAManualResetEventAndAWaitThatNothingInterrupts) {
+  OpenWith(Answer::AfterPending);
+  Send();
+  EXPECT_THAT(driver.Events(),
+              ElementsAre(FakeDriver::Event{true, CREATE_EVENT_MANUAL_RESET, EVENT_ALL_ACCESS}));
+  EXPECT_FALSE(driver.IsAlertable());
+}
+
+class EventOfARequestTest : public RequestTest, public testing::WithParamInterface<Answer> {};
+
+TEST_P(EventOfARequestTest, IsClosedBeforeTheEndIsTold) {
+  OpenWith(GetParam());
+  std::vector<std::string> toldBefore;
+  driver.BeforeAnEventCloses([&] { toldBefore = log.Said(); });
+  Send();
+  EXPECT_THAT(toldBefore, Contains("SendSyncDeviceRequest++"));
+  EXPECT_THAT(toldBefore, Not(Contains("SendSyncDeviceRequest--")));
+  EXPECT_EQ(log.Said().back(), "SendSyncDeviceRequest--");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryEnd, EventOfARequestTest,
+                         testing::Values(Answer::AfterPending, Answer::Never, Answer::Refusal,
+                                         Answer::Failure));
+
 TEST_F(RequestTest, AnOutputIsFilledAndTheCountIsOnlyAFlag) {
   OpenWith(Answer::AfterPending);
   std::array<char, 4> output{'a', 'b', 'c', 'd'};
@@ -277,7 +403,7 @@ TEST_F(RequestTest, ARequestThatTimesOutIsCancelledAndCountsAsSent) {
   EXPECT_EQ(flag, 0u);
   EXPECT_EQ(driver.Cancels(), 1);
   EXPECT_EQ(log.LevelOf("RetrieveRequest-- GetOverlappedResult failed: 258 "), "Warning");
-  EXPECT_EQ(log.Count("CancelIoEx GetLastError: 1168"), 0);
+  EXPECT_THAT(log.Said(), Not(Contains(testing::EndsWith("CancelIoEx GetLastError: 1168"))));
 }
 
 TEST_F(RequestTest, ARequestThatFailsIsCancelledAllTheSame) {
@@ -304,7 +430,7 @@ TEST_F(RequestTest, AnOutputWithoutAPlaceForTheCountFailsBeforeAnyIo) {
   EXPECT_FALSE(channel.SendSyncDeviceRequest(kReset, nullptr, 0, nullptr, 1, nullptr));
   EXPECT_THAT(driver.Requests(), IsEmpty());
   EXPECT_EQ(log.LevelOf("pBytesReturned is required for read operation!"), "Warning");
-  EXPECT_EQ(log.Messages().back(), "SendSyncDeviceRequest--");
+  EXPECT_EQ(log.Said().back(), "SendSyncDeviceRequest--");
 }
 
 TEST_F(RequestTest, WithoutAnEventNothingIsSent) {
@@ -374,8 +500,13 @@ TEST_F(FlashResetTest, OpensSendsAndCloses) {
   EXPECT_THAT(driver.Codes(), ElementsAre(kReset));
   EXPECT_FALSE(driver.Requests()[0].hadBuffers);
   EXPECT_EQ(driver.StillOpen(), 0);
-  EXPECT_EQ(log.Messages().front(), "TriggerFlashReset ++");
-  EXPECT_EQ(log.Messages().back(), "TriggerFlashReset --");
+  EXPECT_EQ(log.Said().front(), "TriggerFlashReset ++");
+  const std::vector<LogRecord> records = log.Records();
+  EXPECT_EQ(FunctionOf(records, "OpenFlashDevice ++"), "CUdeIoControl::OpenFlashDevice");
+  EXPECT_EQ(FunctionOf(records, "SendSyncDeviceRequest++"), "CUdeIoControl::SendSyncDeviceRequest");
+  EXPECT_EQ(FunctionOf(records, "++"), "CUdeIoControl::RetrieveRequest");
+  EXPECT_EQ(FunctionOf(records, "TearDownDeviceInterface++"), "CUdeIoControl::TearDownDeviceInterface");
+  EXPECT_EQ(log.Said().back(), "TriggerFlashReset --");
 }
 
 TEST_F(FlashResetTest, ARequestThatNeverCompletesIsStillTrue) {
@@ -389,16 +520,16 @@ TEST_F(FlashResetTest, ARequestThatNeverCompletesIsStillTrue) {
 TEST_F(FlashResetTest, WithoutAnInterfaceItFailsAndClosesNothing) {
   EXPECT_FALSE(channel.TriggerFlashReset());
   EXPECT_EQ(log.LevelOf("TriggerFlashReset--: OpenFlashDevice Failed"), "Error");
-  EXPECT_EQ(log.Messages().back(), "TriggerFlashReset--: OpenFlashDevice Failed");
-  EXPECT_EQ(log.Count("CloseFlashDevice ++"), 0);
+  EXPECT_EQ(log.Said().back(), "E:TriggerFlashReset--: OpenFlashDevice Failed");
+  EXPECT_THAT(log.Said(), Contains("CloseFlashDevice ++").Times(0));
 }
 
 TEST_F(FlashResetTest, AnInterfaceThatCannotBeOpenedFailsAtTheRequest) {
   HasFlashInterfaceAt(L"\\\\.\\pipe\\corvel-ude-nobody");
   EXPECT_FALSE(channel.TriggerFlashReset());
-  EXPECT_EQ(log.Count("SendSyncDeviceRequest--: DeviceIoControl failed: 6"), 1);
+  EXPECT_THAT(log.Said(), Contains("W:SendSyncDeviceRequest--: DeviceIoControl failed: 6").Times(1));
   EXPECT_EQ(log.LevelOf("TriggerFlashReset--: SendSyncDeviceRequest Failed"), "Error");
-  EXPECT_EQ(log.Messages().back(), "TriggerFlashReset --");
+  EXPECT_EQ(log.Said().back(), "TriggerFlashReset --");
 }
 
 TEST_F(FlashResetTest, ARefusedRequestFailsAndTheDeviceIsClosed) {

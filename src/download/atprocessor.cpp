@@ -10,6 +10,7 @@
 
 #include "common/handles.h"
 #include "common/log.h"
+#include "common/neverdestroyed.h"
 #include "common/worker.h"
 #include "download/devicepresence.h"
 
@@ -32,6 +33,8 @@ constexpr std::size_t kVerifyBufferSize = 256;
 constexpr std::size_t kPortNameSize = 32;
 constexpr int kRsOfError = 3;
 
+constexpr char kReadResponse[] = "ATProcessor::readResponse";
+
 wchar_t g_deviceIds[kDeviceIdsLength];
 
 /// Ends the read that runs.
@@ -46,10 +49,12 @@ class ReadTimeLimit {
   /// Starts the thread that ends the read. One that comes back after its read leaves later ones alone.
   void Start() const {
     // Without a thread IsOver ends the read all the same.
-    StartWorker([read = m_read] {
-      ::Sleep(kReadTimeLimitMs);
-      if (g_latestRead == read) g_breakFromRead = 1;
-    });
+    StartWorker(
+        [read = m_read] {
+          ::Sleep(kReadTimeLimitMs);
+          if (g_latestRead == read) g_breakFromRead = 1;
+        },
+        WorkerStack::Default);
   }
 
   bool IsOver() const { return g_breakFromRead != 0 || ::GetTickCount64() >= m_end; }
@@ -91,6 +96,11 @@ unsigned Unsigned(char byte) {
   return static_cast<unsigned char>(byte);
 }
 
+/// The one that the modem's port is used through. It is made while the module is loaded: whoever comes first
+/// may be a worker without memory for anything.
+class TheProcessor : public ATProcessor {};
+NeverDestroyed<TheProcessor> g_processor;
+
 }  // namespace
 
 ATProcessor::ATProcessor() {
@@ -98,8 +108,7 @@ ATProcessor::ATProcessor() {
 }
 
 ATProcessor* ATProcessor::GetInstance() {
-  static ATProcessor* const instance = new ATProcessor;
-  return instance;
+  return &*g_processor;
 }
 
 int ATProcessor::findComPort(const wchar_t* filter) {
@@ -252,11 +261,11 @@ std::uint32_t ATProcessor::readBatch(std::uint32_t waiting, char* buffer, std::u
     buffer[stored++] = byte;
     switch (watch.See(byte)) {
       case ReplyEndWatch::Sight::Ok:
-        LOG_WARNING("%s: g_breakFromRead = true OK\n", QUALIFIED_FUNCTION);
+        LOG_WARNING_AS(kReadResponse, "%s: g_breakFromRead = true OK\n", kReadResponse);
         g_breakFromRead = 1;
         break;
       case ReplyEndWatch::Sight::Error:
-        LOG_WARNING("%s: g_breakFromRead = true ERROR\n", QUALIFIED_FUNCTION);
+        LOG_WARNING_AS(kReadResponse, "%s: g_breakFromRead = true ERROR\n", kReadResponse);
         g_breakFromRead = 1;
         break;
       case ReplyEndWatch::Sight::Nothing:

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 /// Sends one AT command to the modem's serial port, and can read the reply. The critical section serialises
-/// opening, writing and reading; the instance is made on first use and never destroyed.
+/// opening, writing and reading; the instance is made while the module is loaded and never destroyed.
 class ATProcessor {
  public:
   static ATProcessor* GetInstance();

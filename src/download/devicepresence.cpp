@@ -11,8 +11,30 @@ namespace {
 
 constexpr DWORD kSettleTimeMs = 500;
 
+/// Both forms of the scan log under this name.
+constexpr char kScanForHardwareChanges[] = "CFirmwareDownloader::ScanForHardwareChanges";
+
 void MakeUpper(wchar_t* text) {
   for (; *text != L'\0'; ++text) *text = static_cast<wchar_t>(std::towupper(*text));
+}
+
+/// Asks Plug and Play to look at the whole device tree again; it does so on its own time.
+/// @return false, logged, when the tree's root was not found or the request was refused.
+bool ReenumerateDeviceTree() {
+  DEVINST root = 0;
+  const CONFIGRET located = ::CM_Locate_DevNodeW(&root, nullptr, CM_LOCATE_DEVNODE_NORMAL);
+  if (located != CR_SUCCESS) {
+    LOG_ERROR_AS(kScanForHardwareChanges, "\t CM_Locate_DevNode failed: %x\n",
+                 static_cast<unsigned>(located));
+    return false;
+  }
+  const CONFIGRET reenumerated = ::CM_Reenumerate_DevNode(root, CM_REENUMERATE_NORMAL);
+  if (reenumerated != CR_SUCCESS) {
+    LOG_ERROR_AS(kScanForHardwareChanges, "\t CM_Reenumerate_DevNode failed: %x\n",
+                 static_cast<unsigned>(reenumerated));
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -24,21 +46,6 @@ bool IsDevicePresent(const wchar_t* id) {
     if (std::wcsstr(device, id) != nullptr) return true;
   }
   return false;
-}
-
-bool ReenumerateDeviceTree() {
-  DEVINST root = 0;
-  const CONFIGRET located = ::CM_Locate_DevNodeW(&root, nullptr, CM_LOCATE_DEVNODE_NORMAL);
-  if (located != CR_SUCCESS) {
-    LOG_ERROR("\t CM_Locate_DevNode failed: %x\n", static_cast<unsigned>(located));
-    return false;
-  }
-  const CONFIGRET reenumerated = ::CM_Reenumerate_DevNode(root, CM_REENUMERATE_NORMAL);
-  if (reenumerated != CR_SUCCESS) {
-    LOG_ERROR("\t CM_Reenumerate_DevNode failed: %x\n", static_cast<unsigned>(reenumerated));
-    return false;
-  }
-  return true;
 }
 
 bool CFirmwareDownloader::IsMBIMModemPresence() {

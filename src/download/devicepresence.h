@@ -8,7 +8,3 @@ inline constexpr wchar_t kAtPortId[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";
 /// One look at the device tree: true when the id of a present device contains `id`, whatever its case.
 /// A list that cannot be had counts as absence. Any thread.
 bool IsDevicePresent(const wchar_t* id);
-
-/// Asks Plug and Play to look at the whole device tree again; it does so on its own time.
-/// @return false, logged, when the tree's root was not found or the request was refused.
-bool ReenumerateDeviceTree();

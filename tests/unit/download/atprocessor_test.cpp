@@ -10,6 +10,7 @@
 #include "download/devicepresence.h"
 #include "fake_serial_port.h"
 #include "support/device_tree.h"
+#include "support/lock_probe.h"
 #include "support/manual_clock.h"
 #include "support/test_log.h"
 
@@ -123,7 +124,7 @@ TEST_F(FindComPortTest, ANameThatCannotBeReadGivesZero) {
 
 TEST_F(FindComPortTest, BeginAndEndAreLogged) {
   Find();
-  EXPECT_THAT(log.Messages(),
+  EXPECT_THAT(log.Told(),
               ElementsAre(InFunction("findComPort", " ++\n"), InFunction("findComPort", " --\n")));
 }
 
@@ -158,6 +159,21 @@ TEST_F(AtPortTest, TheSingletonSendsAsWell) {
   EXPECT_THAT(serial.Commands(), ElementsAre(kReboot));
 }
 
+TEST_F(AtPortTest, ThePortIsOpenedForItsUserAlone) {
+  Send();
+  const FakeSerialPort::Opening exclusive{GENERIC_READ | GENERIC_WRITE, 0, false, OPEN_EXISTING, 0};
+  EXPECT_THAT(serial.Openings(), ElementsAre(exclusive));
+}
+
+TEST_F(AtPortTest, TheSettingsAreAskedForWithNothingButTheirLength) {
+  Send();
+  DCB empty{};
+  empty.DCBlength = sizeof empty;
+  ASSERT_EQ(serial.SettingsToFill().size(), 2u);
+  EXPECT_EQ(std::memcmp(&serial.SettingsToFill()[0], &empty, sizeof empty), 0);
+  EXPECT_EQ(serial.SettingsToFill()[1].DCBlength, sizeof empty);
+}
+
 TEST_F(AtPortTest, OnlySevenSettingsChange) {
   DCB settings{};
   settings.DCBlength = sizeof settings;
@@ -187,20 +203,20 @@ TEST_F(AtPortTest, OnlySevenSettingsChange) {
 
 TEST_F(AtPortTest, EachByteIsLoggedPaddedWithABlank) {
   Send("a\r\xFF");
-  EXPECT_THAT(log.Messages(), Contains("send command 0x61\n"));
-  EXPECT_THAT(log.Messages(), Contains("send command 0x d\n"));
+  EXPECT_THAT(log.Told(), Contains("W:send command 0x61\n"));
+  EXPECT_THAT(log.Told(), Contains("W:send command 0x d\n"));
   EXPECT_EQ(log.LevelOf("send command 0xff\n"), "Warning");
 }
 
 TEST_F(AtPortTest, TheStepsAreLogged) {
   Send("a");
-  EXPECT_THAT(log.Messages(),
-              ElementsAre(InFunction("sendATCmd", " ++\n"), InFunction("findComPort", " ++\n"),
-                          std::string("CM_Get_Device_ID_List: USB\\VID_1D5A&PID_0AE2&MI_00\\6&1234&0&0000\n"),
-                          InFunction("findComPort", " --\n"), InFunction("sendATCmd", " find port:7\n"),
-                          "send command 0x61\n", InFunction("writeCmd", " write at command success\n"),
-                          InFunction("sendATCmd", " --\n")));
-  EXPECT_EQ(log.LevelOf(InFunction("writeCmd", " write at command success\n")), "Error");
+  EXPECT_THAT(
+      log.Told(),
+      ElementsAre(InFunction("sendATCmd", " ++\n"), InFunction("findComPort", " ++\n"),
+                  std::string("W:CM_Get_Device_ID_List: USB\\VID_1D5A&PID_0AE2&MI_00\\6&1234&0&0000\n"),
+                  InFunction("findComPort", " --\n"), InFunction("sendATCmd", " find port:7\n"),
+                  "W:send command 0x61\n", "E:" + InFunction("writeCmd", " write at command success\n"),
+                  InFunction("sendATCmd", " --\n")));
 }
 
 TEST_F(AtPortTest, AMissingPortIsTriedAsCom0) {
@@ -208,7 +224,7 @@ TEST_F(AtPortTest, AMissingPortIsTriedAsCom0) {
   EXPECT_EQ(Send(), -1);
   EXPECT_THAT(serial.FileNames(), ElementsAre("\\\\.\\COM0"));
   EXPECT_EQ(log.LevelOf("openPort failed\n"), "Error");
-  EXPECT_EQ(log.Messages().back(), "openPort failed\n");
+  EXPECT_EQ(log.Told().back(), "E:openPort failed\n");
 }
 
 TEST_F(AtPortTest, AFailedWriteIsToldWithItsOwnErrorAndThePortIsClosed) {
@@ -227,7 +243,7 @@ TEST_F(AtPortTest, AWriteCutShortByTheDriverCounts) {
 
 TEST_F(AtPortTest, WritingToAPortThatIsNotOpenFails) {
   EXPECT_FALSE(port.writeCmd("at\r", 3));
-  EXPECT_THAT(log.Messages(), ElementsAre(InFunction("writeCmd", " comm is not opened\n")));
+  EXPECT_THAT(log.Told(), ElementsAre("E:" + InFunction("writeCmd", " comm is not opened\n")));
   EXPECT_THAT(serial.Calls(), IsEmpty());
 }
 
@@ -288,7 +304,7 @@ TEST_F(FailedOpenTest, ARefusedPortKeepsTheSectionOwned) {
   serial.Fails("CreateFileA");
   EXPECT_EQ(Send(), -1);
   EXPECT_EQ(sections.StillOwned(), 1);
-  EXPECT_EQ(log.Messages().back(), "openPort failed\n");
+  EXPECT_EQ(log.Told().back(), "E:openPort failed\n");
 }
 
 TEST_F(FailedOpenTest, TheOwnerOfTheSectionMayTryAgain) {
@@ -328,6 +344,48 @@ INSTANTIATE_TEST_SUITE_P(Steps, FailedConfigurationTest,
                                          ConfigurationStep{"SetCommState", 1},
                                          ConfigurationStep{"GetCommState", 2}));
 
+// --- The section -----------------------------------------------------------------------------------------
+
+class SectionTest : public AtPortTest {
+ protected:
+  SectionTest() { port.openPort("\\\\.\\COM7"); }
+  void Read() {
+    char reply[2]{};
+    std::uint32_t length = sizeof reply;
+    port.readResponse(reply, &length);
+  }
+  void Write() { port.writeCmd("at\r", 3); }
+
+  LockProbe locks;
+};
+
+TEST_F(SectionTest, AWriteWaitsForAnotherOne) {
+  EXPECT_TRUE(locks.Excludes([this] { Write(); }, [this] { Write(); }));
+}
+
+TEST_F(SectionTest, AWriteWaitsForARead) {
+  serial.Answers("OK");
+  EXPECT_TRUE(locks.Excludes([this] { Read(); }, [this] { Write(); }));
+}
+
+TEST_F(SectionTest, AReadWaitsForAWrite) {
+  serial.Answers("OK");
+  EXPECT_TRUE(locks.Excludes([this] { Write(); }, [this] { Read(); }));
+}
+
+TEST_F(SectionTest, AWriteWaitsForAnOpen) {
+  port.closePort();
+  EXPECT_TRUE(locks.Excludes([this] { port.openPort("\\\\.\\COM7"); }, [this] { Write(); }));
+}
+
+TEST_F(SectionTest, AnOpenWaitsForAWrite) {
+  EXPECT_TRUE(locks.Excludes([this] { Write(); },
+                             [this] {
+                               port.closePort();
+                               port.openPort("\\\\.\\COM7");
+                             }));
+}
+
 /// Reading from the opened port, with a buffer of 64 bytes unless told otherwise.
 class ReadResponseTest : public AtPortTest {
  protected:
@@ -344,7 +402,7 @@ TEST_F(ReadResponseTest, OkEndsTheReadBehindItsBatch) {
   serial.Answers("OK\r\n");
   serial.Answers("more");
   EXPECT_EQ(Read(), "OK\r\n");
-  EXPECT_EQ(log.LevelOf(InFunction("readBatch", ": g_breakFromRead = true OK\n")), "Warning");
+  EXPECT_EQ(log.LevelOf(InFunction("readResponse", ": g_breakFromRead = true OK\n")), "Warning");
   EXPECT_EQ(serial.BytesUnread(), 4);
 }
 
@@ -352,7 +410,8 @@ TEST_F(ReadResponseTest, ErrorEndsTheReadBehindItsBatch) {
   serial.Answers("ERROR\r\n");
   serial.Answers("more");
   EXPECT_EQ(Read(), "ERROR\r\n");
-  EXPECT_EQ(log.Count(InFunction("readBatch", ": g_breakFromRead = true ERROR\n")), 1);
+  EXPECT_THAT(log.Told(),
+              Contains("W:" + InFunction("readResponse", ": g_breakFromRead = true ERROR\n")).Times(1));
 }
 
 TEST_F(ReadResponseTest, AnyThreeRsOfABatchEndTheRead) {
@@ -476,6 +535,75 @@ TEST_F(ReadResponseTest, AQueueThatCannotBeAskedIsTakenForEmpty) {
   EXPECT_EQ(clock.Passed(), 10u);
 }
 
+TEST_F(ReadResponseTest, EachRecordBelongsToTheRead) {
+  serial.Answers("OK");
+  Read();
+  serial.Answers("RRR");
+  Read();
+  std::vector<LogRecord> records = log.Records();
+  EXPECT_THAT(FunctionsOf(records), testing::Each("ATProcessor::readResponse"));
+  EXPECT_EQ(records.size(), 6u);
+}
+
+TEST_F(ReadResponseTest, TheTimeLimitThreadHasTheDefaultStack) {
+  static std::vector<SIZE_T> s_sizes;
+  s_sizes.clear();
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  const auto note = +[](SECURITY_ATTRIBUTES* security, SIZE_T size, LPTHREAD_START_ROUTINE start,
+                        void* parameter, DWORD flags, DWORD* id) WINAPI {
+    s_sizes.push_back(size);
+    return ::CreateThread(security, size, start, parameter, flags, id);
+  };
+  ASSERT_TRUE(patch.Replace("CreateThread", note));
+  serial.Answers("OK");
+  Read();
+  EXPECT_THAT(s_sizes, ElementsAre(0u));
+}
+
+/// Whatever ends a read, the section is free behind it.
+class SectionAfterReadTest : public ReadResponseTest {
+ protected:
+  SectionCount sections;
+};
+
+TEST_F(SectionAfterReadTest, IsLeftBehindAReply) {
+  serial.Answers("OK");
+  Read();
+  EXPECT_EQ(sections.StillOwned(), 0);
+}
+
+TEST_F(SectionAfterReadTest, IsLeftBehindAFullBuffer) {
+  serial.Answers("0123");
+  Read(2);
+  EXPECT_EQ(sections.StillOwned(), 0);
+}
+
+TEST_F(SectionAfterReadTest, IsLeftBehindTheTimeLimit) {
+  Read();
+  EXPECT_EQ(sections.StillOwned(), 0);
+}
+
+TEST_F(SectionAfterReadTest, IsLeftByAReadThatCameTooLate) {
+  static ManualClock* s_clock = nullptr;
+  s_clock = &clock;
+  static int s_owned;
+  s_owned = 0;
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  const auto enterLate = +[](CRITICAL_SECTION* section) WINAPI {
+    s_clock->Advance(kReadLimit);
+    ::EnterCriticalSection(section);
+    ++s_owned;
+  };
+  const auto leave = +[](CRITICAL_SECTION* section) WINAPI {
+    --s_owned;
+    ::LeaveCriticalSection(section);
+  };
+  ASSERT_TRUE(patch.Replace("EnterCriticalSection", enterLate));
+  ASSERT_TRUE(patch.Replace("LeaveCriticalSection", leave));
+  EXPECT_EQ(Read(), "");
+  EXPECT_EQ(s_owned, 0);
+}
+
 class VerifyTest : public ReadResponseTest {};
 
 TEST_F(VerifyTest, AGoodReplyIsStillAFailure) {
@@ -484,7 +612,7 @@ TEST_F(VerifyTest, AGoodReplyIsStillAFailure) {
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response length:4\n")), "Warning");
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response is:       OK\r\n\n")), "Warning");
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response[2] is: 0x d\n")), "Warning");
-  EXPECT_EQ(log.Messages().back(), InFunction("verifyATExcutable", " -- failed\n"));
+  EXPECT_EQ(log.Told().back(), InFunction("verifyATExcutable", " -- failed\n"));
 }
 
 TEST_F(VerifyTest, TheTerminatingZeroIsSent) {
@@ -496,20 +624,24 @@ TEST_F(VerifyTest, TheTerminatingZeroIsSent) {
 TEST_F(VerifyTest, BytesFromEightyAreTwoDigits) {
   serial.Answers("OK\x80");
   port.verifyATExcutable();
-  EXPECT_EQ(log.Count(InFunction("verifyATExcutable", " response[2] is: 0x80\n")), 1);
+  EXPECT_THAT(log.Told(),
+              Contains("W:" + InFunction("verifyATExcutable", " response[2] is: 0x80\n")).Times(1));
 }
 
 TEST_F(VerifyTest, AReplyThatFillsTheBufferIsPrintedToItsEnd) {
   serial.Answers(std::string(300, 'x'));
   port.verifyATExcutable();
-  EXPECT_EQ(log.Count(InFunction("verifyATExcutable", " response length:256\n")), 1);
-  EXPECT_EQ(log.Count(InFunction("verifyATExcutable", " response is: ") + std::string(256, 'x') + "\n"), 1);
+  EXPECT_THAT(log.Told(),
+              Contains("W:" + InFunction("verifyATExcutable", " response length:256\n")).Times(1));
+  EXPECT_THAT(log.Told(), Contains("W:" + InFunction("verifyATExcutable", " response is: ") +
+                                   std::string(256, 'x') + "\n")
+                              .Times(1));
 }
 
 TEST_F(VerifyTest, AClosedPortFails) {
   port.closePort();
   EXPECT_FALSE(port.verifyATExcutable());
-  EXPECT_EQ(log.Messages().back(), InFunction("verifyATExcutable", " -- failed\n"));
+  EXPECT_EQ(log.Told().back(), InFunction("verifyATExcutable", " -- failed\n"));
   EXPECT_THAT(serial.Calls(), Not(Contains("ClearCommError")));
 }
 

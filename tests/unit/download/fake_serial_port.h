@@ -42,6 +42,18 @@ class FakeSerialPort {
   void CutsWritesTo(DWORD bytes) { m_longestWrite = bytes; }
 
   const std::vector<std::string>& Calls() const { return m_calls; }
+  /// What the port was opened with.
+  struct Opening {
+    DWORD access;
+    DWORD share;
+    bool isSecured;
+    DWORD creation;
+    DWORD flags;
+    bool operator==(const Opening&) const = default;
+  };
+  const std::vector<Opening>& Openings() const { return m_openings; }
+  /// The settings that were handed in to be filled, in order.
+  const std::vector<DCB>& SettingsToFill() const { return m_settingsToFill; }
   const std::vector<std::string>& FileNames() const { return m_fileNames; }
   const std::vector<DWORD>& Purges() const { return m_purges; }
   const std::vector<std::string>& Commands() const { return m_commands; }
@@ -80,7 +92,10 @@ class FakeSerialPort {
 
   static HANDLE WINAPI Create(const char* fileName, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                               DWORD creation, DWORD flags, HANDLE fileTemplate) {
-    if (std::string_view(fileName).starts_with("\\\\.\\COM")) return s_port->Open(fileName);
+    if (std::string_view(fileName).starts_with("\\\\.\\COM")) {
+      s_port->m_openings.push_back({access, share, security != nullptr, creation, flags});
+      return s_port->Open(fileName);
+    }
     return ::CreateFileA(fileName, access, share, security, creation, flags, fileTemplate);
   }
 
@@ -92,8 +107,10 @@ class FakeSerialPort {
   }
 
   static BOOL WINAPI GetState(HANDLE, DCB* settings) {
+    s_port->m_settingsToFill.push_back(*settings);
     if (!s_port->Enter("GetCommState")) return FALSE;
     *settings = s_port->m_settings;
+    settings->DCBlength = sizeof *settings;
     return TRUE;
   }
 
@@ -160,6 +177,8 @@ class FakeSerialPort {
   int m_timesClosed = 0;
   std::vector<std::string> m_calls;
   std::vector<std::string> m_fileNames;
+  std::vector<Opening> m_openings;
+  std::vector<DCB> m_settingsToFill;
   std::vector<DWORD> m_purges;
   std::vector<std::string> m_commands;
 };

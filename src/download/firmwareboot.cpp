@@ -1,6 +1,7 @@
 #include "download/firmwaredownloader.h"
 
 #include "common/log.h"
+#include "common/sharedvalue.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "common/worker.h"
@@ -21,42 +22,53 @@ constexpr std::uint32_t kBaudRate = 921600;
 constexpr int kRefused = -1;
 constexpr int kRebootByAtCommand = 1;
 constexpr char kRebootCommand[] = "at+xlog=4\r";
+/// How often is looked whether an earlier attempt has closed its channel.
+constexpr DWORD kLateClosePollMs = 100;
+
+// The procedures under whose names their helpers log.
+constexpr char kBootDevice[] = "CFirmwareDownloader::BootDeviceInFirmwareMode";
+constexpr char kMonitorFlashPort[] = "CFirmwareDownloader::MonitorFlashPort";
+constexpr char kInjectBootTargetThread[] = "CFirmwareDownloader::InjectBootTargetThread";
+
+bool IsResetAllowed() {
+  return Shared(ToolKit::g_bIsFiveBranch);
+}
 
 }  // namespace
 
 bool CFirmwareDownloader::RetryBudgetSpent() {
-  return ToolKit::g_retry_times > ToolKit::mRetry_times;
+  return Shared(ToolKit::g_retry_times) > Shared(ToolKit::mRetry_times);
 }
 
 void CFirmwareDownloader::SpendRetry() {
-  UnlessAbandoned([] { ++ToolKit::g_retry_times; });
+  UnlessAbandoned([] { ++Shared(ToolKit::g_retry_times); });
 }
 
 int CFirmwareDownloader::BootDeviceInFirmwareMode() {
   LOG_TRACE("\t BootDeviceInFirmwareMode ++");
   const bool underWay = IsMBIMModemPresence() ? RequestReboot() : FindFlashPort();
-  const bool started = underWay || (ToolKit::g_bIsFiveBranch && ControlBBrst());
+  const bool started = underWay || (IsResetAllowed() && ControlBBrst());
   const int result = started ? kBootOk : kBootFailed;
   LOG_TRACE("\t %s --, retValue: %d\n", QUALIFIED_FUNCTION, result);
   return result;
 }
 
 bool CFirmwareDownloader::RequestReboot() {
-  LOG_TRACE("\t MBIM device present.");
+  LOG_TRACE_AS(kBootDevice, "\t MBIM device present.");
   if (RebootModem() != 0) {
-    LOG_ERROR("\t RebootModem FAIL.");
+    LOG_ERROR_AS(kBootDevice, "\t RebootModem FAIL.");
     SpendRetry();
     return false;
   }
-  LOG_TRACE("\t RebootModem OK, waiting for flash port");
+  LOG_TRACE_AS(kBootDevice, "\t RebootModem OK, waiting for flash port");
   m_searchFlashPort = true;
   return true;
 }
 
 bool CFirmwareDownloader::FindFlashPort() {
-  LOG_TRACE("\t MBIM device NOT available.");
+  LOG_TRACE_AS(kBootDevice, "\t MBIM device NOT available.");
   if (!IsFlashPortPresence()) return false;
-  LOG_TRACE("\t Flash port available. Getting flash port path");
+  LOG_TRACE_AS(kBootDevice, "\t Flash port available. Getting flash port path");
   m_searchFlashPort = true;
   return true;
 }
@@ -78,7 +90,7 @@ int CFirmwareDownloader::RebootModemByXlog4() {
 
 bool CFirmwareDownloader::ControlBBrst() {
   while (!IsAbandoned() && !RetryBudgetSpent()) {
-    LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(ToolKit::g_retry_times));
+    LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(Shared(ToolKit::g_retry_times)));
     SpendRetry();
     if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
       LOG_TRACE("\t Call BB_RST OK, waiting for flash port.");
@@ -94,8 +106,8 @@ bool CFirmwareDownloader::ControlBBrst() {
   // The budget is a newer attempt's by now.
   if (IsAbandoned()) return false;
   LOG_ERROR("\t Call BB_RST %d times, reached maximum retry times!!!",
-            static_cast<int>(ToolKit::g_retry_times));
-  UnlessAbandoned([] { ToolKit::g_retry_times = ToolKit::mRetry_times + 1; });
+            static_cast<int>(Shared(ToolKit::g_retry_times)));
+  UnlessAbandoned([] { Shared(ToolKit::g_retry_times) = Shared(ToolKit::mRetry_times) + 1; });
   LOG_TRACE("\t ControlBBrst --");
   return false;
 }
@@ -104,7 +116,7 @@ int CFirmwareDownloader::MonitorFlashPort() {
   while (!IsAbandoned()) {
     if (SearchFlashPort()) return kBootOk;
     SpendRetry();
-    if (!ToolKit::g_bIsFiveBranch || !ControlBBrst()) return kBootFailed;
+    if (!IsResetAllowed() || !ControlBBrst()) return kBootFailed;
   }
   return kBootFailed;
 }
@@ -116,11 +128,12 @@ bool CFirmwareDownloader::SearchFlashPort() {
   UniqueHandle thread = StartWorker(
       [engine = shared_from_this(), search] { CheckFlashPortImplementation(engine.get(), *search); });
   if (thread == nullptr) {
-    LOG_ERROR("\t CheckFlashPortImplementation CreateThread error: %d, call BB_RST\n", LastErrorNumber());
+    LOG_ERROR_AS(kMonitorFlashPort, "\t CheckFlashPortImplementation CreateThread error: %d, call BB_RST\n",
+                 LastErrorNumber());
     return false;
   }
   if (!search->CreateSignal()) {
-    LOG_ERROR("\t CreateSemaphore failed!, call BB_RST\n");
+    LOG_ERROR_AS(kMonitorFlashPort, "\t CreateSemaphore failed!, call BB_RST\n");
     // Left open, and the thread goes on searching: that is how this failure is known in the field.
     static_cast<void>(thread.release());
     return false;
@@ -130,27 +143,30 @@ bool CFirmwareDownloader::SearchFlashPort() {
   thread.reset();
   m_searchFlashPort = false;
   m_COMPort = search->Port();
-  if (waited == WAIT_TIMEOUT) LOG_ERROR("\t Timeout in waiting for flash channel");
-  if (waited == WAIT_OBJECT_0 && m_COMPort.IsEmpty()) LOG_ERROR("\t Cannot get flash channel");
+  if (waited == WAIT_TIMEOUT) LOG_ERROR_AS(kMonitorFlashPort, "\t Timeout in waiting for flash channel");
+  if (waited == WAIT_OBJECT_0 && m_COMPort.IsEmpty())
+    LOG_ERROR_AS(kMonitorFlashPort, "\t Cannot get flash channel");
   if (waited == WAIT_OBJECT_0 && !m_COMPort.IsEmpty())
-    LOG_TRACE("\t Flash channel = %s", Narrow(m_COMPort).c_str());
+    LOG_TRACE_AS(kMonitorFlashPort, "\t Flash channel = %s", Narrow(m_COMPort).c_str());
   search->CloseSignal();
 
-  if (m_COMPort.IsEmpty()) LOG_ERROR("\t Cannot get flash port, call BB_RST\n");
+  if (m_COMPort.IsEmpty()) LOG_ERROR_AS(kMonitorFlashPort, "\t Cannot get flash port, call BB_RST\n");
   return !m_COMPort.IsEmpty();
 }
 
 int CFirmwareDownloader::InjectBootTarget() {
   m_bootResult = kBootFailed;
-  const UniqueHandle thread =
-      StartWorker([engine = shared_from_this()] { engine->InjectBootTargetThread(); });
+  UniqueHandle thread = StartWorker([engine = shared_from_this()] { engine->InjectBootTargetThread(); });
   if (thread == nullptr) {
     LOG_ERROR("\t CreateThread InjectBootTargetThread FAIL: 0x%x\n", static_cast<unsigned>(::GetLastError()));
-    // On purpose: a modem that was booted before may still take the image, and writing will tell.
-    return kBootOk;
+    // On purpose: a modem that was booted before may still take the image, and writing will tell. It uses the
+    // channel that the last attempt left.
+    return TakeChannel() ? kBootOk : kBootFailed;
   }
   LOG_TRACE("\t InjectBootTargetThread timeout: %ds", static_cast<int>(kBootTimeLimitMs / 1000));
-  if (::WaitForSingleObject(thread.get(), kBootTimeLimitMs) != WAIT_OBJECT_0) {
+  const DWORD waited = ::WaitForSingleObject(thread.get(), kBootTimeLimitMs);
+  thread.reset();
+  if (waited != WAIT_OBJECT_0) {
     LOG_ERROR("\t InjectBootTargetThread timeout or other issue, return FINIAL_FAIL");
     return kBootFailed;
   }
@@ -169,6 +185,11 @@ int CFirmwareDownloader::InjectBootTarget() {
 
 int CFirmwareDownloader::InjectBootTargetThread() {
   const ThreadScope scope(*this);
+  if (!scope.IsNoted()) {
+    LOG_ERROR("\t TlsSetValue failed with: %d, %s --", LastErrorNumber(), QUALIFIED_FUNCTION);
+    m_bootResult = kBootFailed;
+    return kBootFailed;
+  }
   if (m_downloadList.empty()) {
     LOG_ERROR("\t Boot File is NULL!, %s --", QUALIFIED_FUNCTION);
     m_bootResult = kBootFailed;
@@ -176,31 +197,46 @@ int CFirmwareDownloader::InjectBootTargetThread() {
   }
   const std::string bootFile = m_downloadList.front()->GetFilePath();
   int result = OpenAndBoot(bootFile);
-  if (result != kBootOk) result = ToolKit::g_bIsFiveBranch && ControlBBrst() ? kBootNeedsReset : kBootFailed;
+  if (result != kBootOk) result = IsResetAllowed() && ControlBBrst() ? kBootNeedsReset : kBootFailed;
   m_bootResult = result;
   return result;
+}
+
+/// Makes this attempt the one that works on the library's channel. Waits while an attempt that was given up
+/// closes its own, for that resets the modem. @return false when this attempt was given up meanwhile.
+bool CFirmwareDownloader::TakeChannel() {
+  for (bool told = false; !IsAbandoned(); told = true) {
+    UnlessAbandoned([this] { m_channelTaken = FlashChannel::Take(m_attempt); });
+    if (m_channelTaken) return true;
+    if (!told) LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is closing its channel, wait");
+    ::Sleep(kLateClosePollMs);
+  }
+  return false;
 }
 
 /// Opens a channel on the flash port and boots the target over it. @return 0, or anything else when either
 /// failed and the channel was closed again.
 int CFirmwareDownloader::OpenAndBoot(const std::string& bootFile) {
-  LOG_TRACE("\t Downloader, GetNextFreeChannel");
+  if (!TakeChannel()) return kBootFailed;
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, GetNextFreeChannel");
   m_commChannel = CallLibrary(Library().GetNextFreeChannel(), std::uint8_t{0});
-  LOG_TRACE("\t GetNextFreeChannel, mCommChannel:%d", m_commChannel.load());
+  UnlessAbandoned([this] { FlashChannel::SetLast(m_commChannel); });
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_commChannel.load());
 
-  LOG_TRACE("\t Downloader, OpenCommPort");
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, OpenCommPort");
   const std::string port = Narrow(m_COMPort);
   if (CallLibrary(Library().OpenCommPort(), kRefused, m_commChannel.load(), port.c_str(), port.c_str(),
                   kBaudRate, Status()) != 0) {
-    LOG_ERROR("\t ERROR: Open Comm Port failed due to %s, call BB_RST\n", Status());
+    LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Open Comm Port failed due to %s, call BB_RST\n",
+                 Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
     return kBootFailed;
   }
 
-  LOG_TRACE("\t Downloader, BootTarget");
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, BootTarget");
   if (CallLibrary(Library().BootTarget(), kRefused, m_commChannel.load(), bootFile.c_str(), &m_bootWord,
                   Status()) != 0) {
-    LOG_ERROR("\t ERROR: Boot Target failed due to %s, call BB_RST\n", Status());
+    LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Boot Target failed due to %s, call BB_RST\n", Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
     return kBootFailed;
   }
@@ -208,9 +244,9 @@ int CFirmwareDownloader::OpenAndBoot(const std::string& bootFile) {
 }
 
 void CFirmwareDownloader::CloseAfterFailure(const char* pauseText) {
-  LOG_TRACE("\t Close Comm Port\n");
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t Close Comm Port\n");
   if (CallLibrary(Library().CloseCommPort(), kRefused, m_commChannel.load(), Status()) == 0) {
-    LOG_TRACE("%s", pauseText);
+    LOG_TRACE_AS(kInjectBootTargetThread, "%s", pauseText);
     ::Sleep(kPauseAfterCloseMs);
   }
   SpendRetry();

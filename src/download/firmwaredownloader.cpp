@@ -7,6 +7,7 @@
 
 #include "common/log.h"
 #include "common/neverdestroyed.h"
+#include "common/sharedvalue.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "config/configparser.h"
@@ -41,14 +42,43 @@ constexpr std::array<Parameter, 10> kFixedParameters{
     {{5, 0}, {6, 1}, {17, 0}, {3, 1}, {9, 0}, {10, 0}, {18, 1}, {27, 0}, {15, 0}, {19, 0}}};
 constexpr Parameter kLastParameter{41, 0};
 
+// The procedures under whose names their helpers log.
+constexpr char kDownload[] = "CFirmwareDownloader::Download";
+constexpr char kInitializeParameters[] = "CFirmwareDownloader::InitializeParametersForDownload";
+constexpr char kMarkFirmwareFile[] = "CFirmwareDownloader::MarkFirmwareFileForDownload";
+constexpr char kDownloadIntoDevice[] = "CFirmwareDownloader::DownloadFirmwareIntoDevice";
+constexpr char kCleanup[] = "CFirmwareDownloader::CleanupAfterDownload";
+
+// A library that could not be bound for lack of memory.
+constexpr FunctionTable kNothing;
+
 struct Slot {
   SRWLOCK lock = SRWLOCK_INIT;
   std::shared_ptr<CFirmwareDownloader> engine;
 };
 NeverDestroyed<Slot> g_slot;
 
-// For whom this thread works; what the library reports on it belongs to that engine, old or new.
-thread_local CFirmwareDownloader* t_engine = nullptr;
+/// For whom a thread works: what the library reports on it belongs to that engine, old or new. The slot is
+/// taken while the module is loaded. The language's own means may ask for memory on a thread's first touch,
+/// and end the process when there is none.
+class EngineOfThread {
+ public:
+  EngineOfThread() noexcept : m_slot(::TlsAlloc()) {}
+  ~EngineOfThread() { ::TlsFree(m_slot); }
+  EngineOfThread(const EngineOfThread&) = delete;
+  EngineOfThread& operator=(const EngineOfThread&) = delete;
+
+  CFirmwareDownloader* Get() const noexcept {
+    const LastErrorKeeper keep;
+    return static_cast<CFirmwareDownloader*>(::TlsGetValue(m_slot));
+  }
+  /// @return false, with the last error set, when there is no slot or no memory for it.
+  bool Set(CFirmwareDownloader* engine) const noexcept { return ::TlsSetValue(m_slot, engine) != FALSE; }
+
+ private:
+  DWORD m_slot;
+};
+const EngineOfThread g_engineOfThread;
 
 std::shared_ptr<CFirmwareDownloader> PresentEngine() {
   const ScopedLock lock(g_slot->lock);
@@ -65,25 +95,25 @@ UniqueHandle OpenExclusively(const CTString& file) {
       ::CreateFileW(file, GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-/// True for an opened file with anything in it.
-bool HasContent(HANDLE file, const CTString& name) {
+/// True for an opened file with anything in it. Logs under the name of the `function` that asks.
+bool HasContent(const char* function, HANDLE file, const CTString& name) {
   LARGE_INTEGER size{};
   if (!::GetFileSizeEx(file, &size)) {
     const int error = LastErrorNumber();
-    LOG_TRACE("\t GetFileSizeEx(%s) failed with: %d", Narrow(name).c_str(), error);
+    LOG_TRACE_AS(function, "\t GetFileSizeEx(%s) failed with: %d", Narrow(name).c_str(), error);
     return false;
   }
-  LOG_TRACE("\t Size of %s: %d", Narrow(name).c_str(), static_cast<int>(size.LowPart));
+  LOG_TRACE_AS(function, "\t Size of %s: %d", Narrow(name).c_str(), static_cast<int>(size.LowPart));
   return size.QuadPart != 0;
 }
 
 }  // namespace
 
 CFirmwareDownloader::ThreadScope::ThreadScope(CFirmwareDownloader& engine)
-    : m_outer(std::exchange(t_engine, &engine)) {}
+    : m_outer(g_engineOfThread.Get()), m_noted(g_engineOfThread.Set(&engine)) {}
 
 CFirmwareDownloader::ThreadScope::~ThreadScope() {
-  t_engine = m_outer;
+  if (m_noted) g_engineOfThread.Set(m_outer);
 }
 
 std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
@@ -113,11 +143,11 @@ void CFirmwareDownloader::Unload() {
 }
 
 std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::OfThisThread() {
-  return t_engine != nullptr ? t_engine->shared_from_this() : PresentEngine();
+  CFirmwareDownloader* const engine = g_engineOfThread.Get();
+  return engine != nullptr ? engine->shared_from_this() : PresentEngine();
 }
 
 const FunctionTable& CFirmwareDownloader::Library() const {
-  static constexpr FunctionTable kNothing;
   return m_library == nullptr ? kNothing : m_library->functions;
 }
 
@@ -126,18 +156,18 @@ void CFirmwareDownloader::Abandon() {
   m_abandoned = true;
 }
 
-void CFirmwareDownloader::UnlessAbandoned(const std::function<void()>& step) {
-  const ScopedLock lock(m_abandonLock);
-  if (!m_abandoned) step();
-}
-
 UpdateFirmwareResult CFirmwareDownloader::Download(CTString firmwareFile, CTString custFile) {
   const ThreadScope scope(*this);
+  const int tlsError = LastErrorNumber();
   m_FirmwareFile = firmwareFile;
   m_CustFile = custFile;
   LOG_TRACE("\t %s ++", QUALIFIED_FUNCTION);
   LOG_TRACE("\t m_FirmwareFile:%s, m_CustFile:%s", Narrow(m_FirmwareFile).c_str(),
             Narrow(m_CustFile).c_str());
+  if (!scope.IsNoted()) {
+    LOG_ERROR("\t TlsSetValue failed with: %d, Download --", tlsError);
+    return FirmwareNotUpdated;
+  }
 
   if (firmwareFile.IsEmpty() && custFile.IsEmpty()) {
     LOG_ERROR("\t both Modem and NVM fls file is empty, Download --");
@@ -184,7 +214,7 @@ bool CFirmwareDownloader::IsFirmwareFileValid() {
     LOG_TRACE("\t File: %s cannot be opened, ERROR: %d", Narrow(m_FirmwareFile).c_str(), error);
     return false;
   }
-  return HasContent(file.get(), m_FirmwareFile);
+  return HasContent(QUALIFIED_FUNCTION, file.get(), m_FirmwareFile);
 }
 
 bool CFirmwareDownloader::IsCustFileValid() {
@@ -193,7 +223,7 @@ bool CFirmwareDownloader::IsCustFileValid() {
     LOG_TRACE("\t %s cannot be opened!", Narrow(m_CustFile).c_str());
     return false;
   }
-  return HasContent(file.get(), m_CustFile);
+  return HasContent(QUALIFIED_FUNCTION, file.get(), m_CustFile);
 }
 
 bool CFirmwareDownloader::InitializeParametersForDownload() {
@@ -210,10 +240,7 @@ bool CFirmwareDownloader::InitializeParametersForDownload() {
   std::ranges::for_each(kFixedParameters, set);
   if (IsPCIEdevice()) {
     const auto address = reinterpret_cast<std::uintptr_t>(&kPcie[0]);
-    const int result =
-        CallLibrary(Library().SetDllParameter(), kRefused, kBusTypeParameter, address, Status());
-    if (result != 0) LOG_ERROR("Setting parameter, %d failed", result);
-    accepted &= result == 0;
+    accepted &= SubmitParameter(QUALIFIED_FUNCTION, kBusTypeParameter, address);
   }
   set(kLastParameter);
   return accepted;
@@ -223,7 +250,7 @@ bool CFirmwareDownloader::InitializeParametersForDownload() {
 bool CFirmwareDownloader::SetUpDownloadLog() {
   CTString folder;
   if (!ToolKit::GetLocalDataToolkitDir(folder)) {
-    LOG_ERROR("Failed to get LocalAppDataDir for Modem download logging");
+    LOG_ERROR_AS(kInitializeParameters, "Failed to get LocalAppDataDir for Modem download logging");
     return false;
   }
   folder += "\\";
@@ -240,9 +267,13 @@ bool CFirmwareDownloader::SetUpDownloadLog() {
 }
 
 bool CFirmwareDownloader::SetParameter(std::uint8_t id, std::uint32_t value) {
-  const int result =
-      CallLibrary(Library().SetDllParameter(), kRefused, id, static_cast<std::uintptr_t>(value), Status());
-  if (result != 0) LOG_ERROR("Setting parameter, %d failed", result);
+  return SubmitParameter(QUALIFIED_FUNCTION, id, value);
+}
+
+bool CFirmwareDownloader::SubmitParameter(const char* function, std::uint8_t id, std::uintptr_t value) {
+  const int result = CallLibrary(Library().SetDllParameter(), kRefused, id, value, Status());
+  // An attempt that was given up asks nothing of the library, so there is no refusal to tell of.
+  if (result != 0 && !IsAbandoned()) LOG_ERROR_AS(function, "Setting parameter, %d failed", result);
   return result == 0;
 }
 
@@ -273,12 +304,12 @@ bool CFirmwareDownloader::MarkFirmwareFileForDownload() {
 }
 
 bool CFirmwareDownloader::MarkCustFile(std::uint32_t& technology) {
-  LOG_TRACE("Adding NVMfls:%s for download", Narrow(m_CustFile).c_str());
+  LOG_TRACE_AS(kMarkFirmwareFile, "Adding NVMfls:%s for download", Narrow(m_CustFile).c_str());
   // A failure has been logged, and the modem file's technology follows.
   GetFlashTechnologyOfCust(technology);
   std::uint32_t memoryClass = 0;
   if (!GetMemoryClassOfCust(memoryClass, 0)) return false;
-  LOG_TRACE("NVM, Memory Class(0): %d", static_cast<int>(memoryClass));
+  LOG_TRACE_AS(kMarkFirmwareFile, "NVM, Memory Class(0): %d", static_cast<int>(memoryClass));
   AddToDownloadList(technology, memoryClass, m_CustFile, nullptr, 0);
   return true;
 }
@@ -287,17 +318,19 @@ bool CFirmwareDownloader::MarkFurtherItems(std::uint32_t technology, const CDown
   const std::string file = Narrow(m_FirmwareFile);
   std::uint32_t count = 0;
   if (CallLibrary(Library().TocGetNofItems(), kRefused, file.c_str(), &count, Status()) != 0) {
-    LOG_TRACE("Could not get the number of downloadable items in %s", file.c_str());
+    LOG_TRACE_AS(kMarkFirmwareFile, "Could not get the number of downloadable items in %s", file.c_str());
     return false;
   }
-  LOG_TRACE("Downloadable items: %d", static_cast<int>(count));
+  LOG_TRACE_AS(kMarkFirmwareFile, "Downloadable items: %d", static_cast<int>(count));
   for (std::uint32_t index = 1; index < count; ++index) {
     std::uint32_t memoryClass = 0;
     if (!GetMemoryClass(memoryClass, index)) {
-      LOG_TRACE("Could not obtain memory class for %s(%d)", file.c_str(), static_cast<int>(index));
+      LOG_TRACE_AS(kMarkFirmwareFile, "Could not obtain memory class for %s(%d)", file.c_str(),
+                   static_cast<int>(index));
       return false;
     }
-    LOG_TRACE("Memory Class(%d): %d", static_cast<int>(index), static_cast<int>(memoryClass));
+    LOG_TRACE_AS(kMarkFirmwareFile, "Memory Class(%d): %d", static_cast<int>(index),
+                 static_cast<int>(memoryClass));
     AddToDownloadList(technology, memoryClass, m_FirmwareFile, firstItem, index);
   }
   return true;
@@ -312,43 +345,45 @@ CDownloadFile* CFirmwareDownloader::AddToDownloadList(std::uint32_t technology, 
 }
 
 bool CFirmwareDownloader::GetFlashTechnology(std::uint32_t& technology) {
-  return QueryFlashTechnology(m_FirmwareFile, technology);
+  return QueryFlashTechnology(QUALIFIED_FUNCTION, m_FirmwareFile, technology);
 }
 
 bool CFirmwareDownloader::GetFlashTechnologyOfCust(std::uint32_t& technology) {
-  return QueryFlashTechnology(m_CustFile, technology);
+  return QueryFlashTechnology(QUALIFIED_FUNCTION, m_CustFile, technology);
 }
 
 bool CFirmwareDownloader::GetMemoryClass(std::uint32_t& memoryClass, std::uint32_t index) {
-  return QueryMemoryClass(m_FirmwareFile, memoryClass, index);
+  return QueryMemoryClass(QUALIFIED_FUNCTION, m_FirmwareFile, memoryClass, index);
 }
 
 bool CFirmwareDownloader::GetMemoryClassOfCust(std::uint32_t& memoryClass, std::uint32_t index) {
-  return QueryMemoryClass(m_CustFile, memoryClass, index);
+  return QueryMemoryClass(QUALIFIED_FUNCTION, m_CustFile, memoryClass, index);
 }
 
-bool CFirmwareDownloader::QueryFlashTechnology(const CTString& file, std::uint32_t& technology) {
+bool CFirmwareDownloader::QueryFlashTechnology(const char* function, const CTString& file,
+                                               std::uint32_t& technology) {
   const std::string path = Narrow(file);
   if (CallLibrary(Library().TocGetFlashTechnology(), kRefused, path.c_str(), &technology, Status()) == 0)
     return true;
-  LOG_TRACE("Could not get the flash technology for %s", path.c_str());
+  LOG_TRACE_AS(function, "Could not get the flash technology for %s", path.c_str());
   return false;
 }
 
-bool CFirmwareDownloader::QueryMemoryClass(const CTString& file, std::uint32_t& memoryClass,
-                                           std::uint32_t index) {
+bool CFirmwareDownloader::QueryMemoryClass(const char* function, const CTString& file,
+                                           std::uint32_t& memoryClass, std::uint32_t index) {
   const std::string path = Narrow(file);
   if (CallLibrary(Library().TocGetMemoryClass(), kRefused, path.c_str(), index, &memoryClass, Status()) ==
       0) {
     return true;
   }
-  LOG_TRACE("Could not get the memory class for %s(%d)", path.c_str(), static_cast<int>(index));
+  LOG_TRACE_AS(function, "Could not get the memory class for %s(%d)", path.c_str(), static_cast<int>(index));
   return false;
 }
 
 bool CFirmwareDownloader::BringIntoFlashMode() {
   if (RetryBudgetSpent()) return false;
-  LOG_TRACE("\t GO BootDeviceInFirmwareMode, g_retry_times: %d\n", static_cast<int>(ToolKit::g_retry_times));
+  LOG_TRACE_AS(kDownload, "\t GO BootDeviceInFirmwareMode, g_retry_times: %d\n",
+               static_cast<int>(Shared(ToolKit::g_retry_times)));
   if (BootDeviceInFirmwareMode() != kBootOk) return false;
   int booted = kBootNeedsReset;
   while (booted == kBootNeedsReset) {
@@ -360,19 +395,20 @@ bool CFirmwareDownloader::BringIntoFlashMode() {
 
 UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
   if (DownloadFirmwareIntoDevice() != FirmwareUpdated) {
-    LOG_TRACE("\t DownloadFirmwareIntoDevice FAIL, set m_return_result = FirmwareUpdateFailed;");
+    LOG_TRACE_AS(kDownload,
+                 "\t DownloadFirmwareIntoDevice FAIL, set m_return_result = FirmwareUpdateFailed;");
     return FirmwareUpdateFailed;
   }
-  LOG_TRACE("\t DownloadFirmwareIntoDevice OK");
+  LOG_TRACE_AS(kDownload, "\t DownloadFirmwareIntoDevice OK");
 
   const int reset =
       CallLibrary(Library().ForceTargetReset(), kResetFailed, m_commChannel.load(), std::uint8_t{1},
                   std::uint8_t{16}, std::uint8_t{17}, std::uint8_t{0}, Status());
   if (reset == kResetFailed) {
-    LOG_TRACE("\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
+    LOG_TRACE_AS(kDownload, "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
     return FirmwareUpdateFailed;
   }
-  LOG_TRACE("\t ForceTargetReset OK.");
+  LOG_TRACE_AS(kDownload, "\t ForceTargetReset OK.");
   return FirmwareUpdated;
 }
 
@@ -425,7 +461,7 @@ int CFirmwareDownloader::WriteItem(const CDownloadFile& item) {
     case 19:
       return WriteCustItem(item);
     default:
-      LOG_ERROR("\t m_DownloadCUSTFileFunc(%d, %s)\n", m_commChannel.load(), tocName);
+      LOG_ERROR_AS(kDownloadIntoDevice, "\t m_DownloadCUSTFileFunc(%d, %s)\n", m_commChannel.load(), tocName);
       return WriteCustItem(item);
   }
 }
@@ -441,8 +477,22 @@ int CFirmwareDownloader::WriteCustItem(const CDownloadFile& item) {
 void CFirmwareDownloader::CleanupAfterDownload() {
   m_DownloadingFile = nullptr;
   m_downloadList.clear();
-  if (CallLibrary(Library().CloseCommPort(), 0, m_commChannel.load(), Status()) != 0) {
-    LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", Status());
-  }
+  std::optional<int> closed = TryLibrary(Library().CloseCommPort(), m_commChannel.load(), Status());
+  if (IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
+  if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", Status());
   SetParameter(kLogLevelParameter, kLibraryLogOff);
+}
+
+/// For an attempt that was given up, and has come back from writing: nobody else closes what it opened. The
+/// library is its own reference. @return what the library said; nothing when it was not asked.
+std::optional<int> CFirmwareDownloader::CloseChannelThatWasLeftOpen() {
+  const auto closeCommPort = Library().CloseCommPort();
+  if (!m_channelTaken || closeCommPort == nullptr) return std::nullopt;
+  const FlashChannel::LateClose close(m_attempt);
+  if (!close.IsAllowed()) {
+    LOG_WARNING_AS(kCleanup, "\t Channel %d stays open, a newer attempt has opened one",
+                   m_commChannel.load());
+    return std::nullopt;
+  }
+  return closeCommPort(m_commChannel, Status());
 }

@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +13,7 @@
 #include "common/tstring.h"
 #include "download/downloadfile.h"
 #include "download/downloadtooldll.h"
+#include "download/flashchannel.h"
 #include "toolkit/toolkit.h"
 
 class FlashPortSearch;
@@ -47,7 +48,11 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   /// True once a newer attempt may be running.
   bool IsAbandoned() const { return m_abandoned; }
   /// Does `step` unless the attempt is abandoned, and keeps it from being abandoned meanwhile.
-  void UnlessAbandoned(const std::function<void()>& step);
+  template <typename Step>
+  void UnlessAbandoned(Step step) {
+    const ScopedLock lock(m_abandonLock);
+    if (!m_abandoned) step();
+  }
 
   static bool IsMBIMModemPresence();
   static bool IsFlashPortPresence();
@@ -75,8 +80,13 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
     ThreadScope(const ThreadScope&) = delete;
     ThreadScope& operator=(const ThreadScope&) = delete;
 
+    /// False, with the last error set, when the system had no room to note it: what the library reports on
+    /// this thread could not be told from the news of another attempt.
+    bool IsNoted() const { return m_noted; }
+
    private:
     CFirmwareDownloader* m_outer;
+    bool m_noted;
   };
 
   void Abandon();
@@ -87,6 +97,7 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   bool InitializeParametersForDownload();
   bool SetUpDownloadLog();
   bool SetParameter(std::uint8_t id, std::uint32_t value);
+  bool SubmitParameter(const char* function, std::uint8_t id, std::uintptr_t value);
   static bool IsPCIEdevice();
   bool MarkFirmwareFileForDownload();
   bool MarkCustFile(std::uint32_t& technology);
@@ -97,14 +108,16 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   bool GetFlashTechnologyOfCust(std::uint32_t& technology);
   bool GetMemoryClass(std::uint32_t& memoryClass, std::uint32_t index);
   bool GetMemoryClassOfCust(std::uint32_t& memoryClass, std::uint32_t index);
-  bool QueryFlashTechnology(const CTString& file, std::uint32_t& technology);
-  bool QueryMemoryClass(const CTString& file, std::uint32_t& memoryClass, std::uint32_t index);
+  bool QueryFlashTechnology(const char* function, const CTString& file, std::uint32_t& technology);
+  bool QueryMemoryClass(const char* function, const CTString& file, std::uint32_t& memoryClass,
+                        std::uint32_t index);
   bool BringIntoFlashMode();
   UpdateFirmwareResult WriteAndReset();
   int DownloadFirmwareIntoDevice();
   int WriteItem(const CDownloadFile& item);
   int WriteCustItem(const CDownloadFile& item);
   void CleanupAfterDownload();
+  std::optional<int> CloseChannelThatWasLeftOpen();
 
   // The boot's steps.
   static bool RetryBudgetSpent();
@@ -117,15 +130,22 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   bool SearchFlashPort();
   static bool CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search);
   int InjectBootTargetThread();
+  bool TakeChannel();
   int OpenAndBoot(const std::string& bootFile);
   void CloseAfterFailure(const char* pauseText);
 
-  /// Calls into the flashing library. A function that it lacks, or an attempt that was given up, counts as a
-  /// call that failed with `failed`.
+  /// Calls into the flashing library. @return nothing when it lacks the function, or the attempt was given
+  /// up.
+  template <typename Function, typename... Arguments>
+  auto TryLibrary(Function* function, Arguments... arguments)
+      -> std::optional<decltype(function(arguments...))> {
+    if (function == nullptr || IsAbandoned()) return std::nullopt;
+    return function(arguments...);
+  }
+  /// The same, where a call that was not made counts as one that failed with `failed`.
   template <typename Function, typename Result, typename... Arguments>
   Result CallLibrary(Function* function, Result failed, Arguments... arguments) {
-    if (function == nullptr || IsAbandoned()) return failed;
-    return static_cast<Result>(function(arguments...));
+    return static_cast<Result>(TryLibrary(function, arguments...).value_or(failed));
   }
   /// The functions of this attempt's library; none when it could not be bound for lack of memory.
   const FunctionTable& Library() const;
@@ -133,6 +153,7 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
 
   std::atomic<bool> m_abandoned{false};
   SRWLOCK m_abandonLock = SRWLOCK_INIT;
+  const std::uint64_t m_attempt = FlashChannel::NewAttempt();
 
   std::shared_ptr<FlashLibrary> m_library;
   StatusText m_status{};
@@ -150,5 +171,8 @@ class CFirmwareDownloader : public std::enable_shared_from_this<CFirmwareDownloa
   std::atomic<bool> m_searchFlashPort{false};
   std::atomic<int> m_bootResult{kBootFailed};
   std::uint32_t m_bootWord = 0;
-  std::atomic<std::uint8_t> m_commChannel{0};
+  /// The channel of the last attempt until this one has its own: a session that fails before its boot closes
+  /// that one.
+  std::atomic<std::uint8_t> m_commChannel{FlashChannel::Last()};
+  std::atomic<bool> m_channelTaken{false};
 };

@@ -17,35 +17,42 @@ constexpr std::size_t kLongestPath = 511;
 
 constexpr wchar_t kSignalName[] = L"CFirmwareDownloader";
 
+constexpr char kCheckFlashPort[] = "CFirmwareDownloader::CheckFlashPortImplementation";
+
 }  // namespace
 
 FlashPortSearch::Sight FlashPortSearch::Look() {
   const DeviceList list = FetchPresentInterfaces(kSerialPortClass);
   const bool lengthRefused = list.outcome == DeviceListOutcome::LengthRefused;
-  if (lengthRefused) LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(list.error));
-  if (list.length < kShortestFilledList) LOG_ERROR("Error - No active device interfaces found.\n");
+  if (lengthRefused)
+    LOG_ERROR_AS(kCheckFlashPort, "Error retrieving device interface list: %d\n",
+                 static_cast<int>(list.error));
+  if (list.length < kShortestFilledList)
+    LOG_ERROR_AS(kCheckFlashPort, "Error - No active device interfaces found.\n");
   if (lengthRefused || list.length < kShortestFilledList) return Sight::NoList;
 
-  LOG_TRACE("deviceInterfaceListLength:%d\n", static_cast<int>(list.length));
+  LOG_TRACE_AS(kCheckFlashPort, "deviceInterfaceListLength:%d\n", static_cast<int>(list.length));
   if (list.outcome == DeviceListOutcome::NoMemory) {
-    LOG_ERROR("Error allocating memory for device interface list.\n");
+    LOG_ERROR_AS(kCheckFlashPort, "Error allocating memory for device interface list.\n");
     return Sight::NotFound;
   }
   const bool fetched = list.outcome == DeviceListOutcome::Fetched;
-  if (!fetched) LOG_ERROR("Error retrieving device interface list: %d\n", static_cast<int>(list.error));
+  if (!fetched)
+    LOG_ERROR_AS(kCheckFlashPort, "Error retrieving device interface list: %d\n",
+                 static_cast<int>(list.error));
   if (ReportFlashPortAmong(list.Entries())) return Sight::Found;
-  LOG_TRACE("free deviceInterfaceList");
+  LOG_TRACE_AS(kCheckFlashPort, "free deviceInterfaceList");
   return fetched ? Sight::NotFound : Sight::NoList;
 }
 
 /// Case-sensitive, as the paths are delivered: a port that is listed in lower case is not the one.
 bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
   for (const wchar_t* path : paths) {
-    LOG_TRACE("Device Path: %ls\n", path);
+    LOG_TRACE_AS(kCheckFlashPort, "Device Path: %ls\n", path);
     if (std::wcsstr(path, kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));
-    LOG_TRACE("Flash port found, pDeviceContext->HwId: %ls found\n", kFlashPortId);
-    LOG_TRACE("mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
+    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n", kFlashPortId);
+    LOG_TRACE_AS(kCheckFlashPort, "mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
     Report(port);
     return true;
   }

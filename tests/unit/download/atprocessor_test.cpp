@@ -124,7 +124,7 @@ TEST_F(FindComPortTest, ANameThatCannotBeReadGivesZero) {
 
 TEST_F(FindComPortTest, BeginAndEndAreLogged) {
   Find();
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               ElementsAre(InFunction("findComPort", " ++\n"), InFunction("findComPort", " --\n")));
 }
 
@@ -203,15 +203,15 @@ TEST_F(AtPortTest, OnlySevenSettingsChange) {
 
 TEST_F(AtPortTest, EachByteIsLoggedPaddedWithABlank) {
   Send("a\r\xFF");
-  EXPECT_THAT(log.Told(), Contains("W:send command 0x61\n"));
-  EXPECT_THAT(log.Told(), Contains("W:send command 0x d\n"));
+  EXPECT_THAT(log.Said(), Contains("W:send command 0x61\n"));
+  EXPECT_THAT(log.Said(), Contains("W:send command 0x d\n"));
   EXPECT_EQ(log.LevelOf("send command 0xff\n"), "Warning");
 }
 
 TEST_F(AtPortTest, TheStepsAreLogged) {
   Send("a");
   EXPECT_THAT(
-      log.Told(),
+      log.Said(),
       ElementsAre(InFunction("sendATCmd", " ++\n"), InFunction("findComPort", " ++\n"),
                   std::string("W:CM_Get_Device_ID_List: USB\\VID_1D5A&PID_0AE2&MI_00\\6&1234&0&0000\n"),
                   InFunction("findComPort", " --\n"), InFunction("sendATCmd", " find port:7\n"),
@@ -224,7 +224,7 @@ TEST_F(AtPortTest, AMissingPortIsTriedAsCom0) {
   EXPECT_EQ(Send(), -1);
   EXPECT_THAT(serial.FileNames(), ElementsAre("\\\\.\\COM0"));
   EXPECT_EQ(log.LevelOf("openPort failed\n"), "Error");
-  EXPECT_EQ(log.Told().back(), "E:openPort failed\n");
+  EXPECT_EQ(log.Said().back(), "E:openPort failed\n");
 }
 
 TEST_F(AtPortTest, AFailedWriteIsToldWithItsOwnErrorAndThePortIsClosed) {
@@ -243,7 +243,7 @@ TEST_F(AtPortTest, AWriteCutShortByTheDriverCounts) {
 
 TEST_F(AtPortTest, WritingToAPortThatIsNotOpenFails) {
   EXPECT_FALSE(port.writeCmd("at\r", 3));
-  EXPECT_THAT(log.Told(), ElementsAre("E:" + InFunction("writeCmd", " comm is not opened\n")));
+  EXPECT_THAT(log.Said(), ElementsAre("E:" + InFunction("writeCmd", " comm is not opened\n")));
   EXPECT_THAT(serial.Calls(), IsEmpty());
 }
 
@@ -304,7 +304,7 @@ TEST_F(FailedOpenTest, ARefusedPortKeepsTheSectionOwned) {
   serial.Fails("CreateFileA");
   EXPECT_EQ(Send(), -1);
   EXPECT_EQ(sections.StillOwned(), 1);
-  EXPECT_EQ(log.Told().back(), "E:openPort failed\n");
+  EXPECT_EQ(log.Said().back(), "E:openPort failed\n");
 }
 
 TEST_F(FailedOpenTest, TheOwnerOfTheSectionMayTryAgain) {
@@ -410,7 +410,7 @@ TEST_F(ReadResponseTest, ErrorEndsTheReadBehindItsBatch) {
   serial.Answers("ERROR\r\n");
   serial.Answers("more");
   EXPECT_EQ(Read(), "ERROR\r\n");
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               Contains("W:" + InFunction("readResponse", ": g_breakFromRead = true ERROR\n")).Times(1));
 }
 
@@ -612,7 +612,7 @@ TEST_F(VerifyTest, AGoodReplyIsStillAFailure) {
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response length:4\n")), "Warning");
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response is:       OK\r\n\n")), "Warning");
   EXPECT_EQ(log.LevelOf(InFunction("verifyATExcutable", " response[2] is: 0x d\n")), "Warning");
-  EXPECT_EQ(log.Told().back(), InFunction("verifyATExcutable", " -- failed\n"));
+  EXPECT_EQ(log.Said().back(), InFunction("verifyATExcutable", " -- failed\n"));
 }
 
 TEST_F(VerifyTest, TheTerminatingZeroIsSent) {
@@ -624,16 +624,16 @@ TEST_F(VerifyTest, TheTerminatingZeroIsSent) {
 TEST_F(VerifyTest, BytesFromEightyAreTwoDigits) {
   serial.Answers("OK\x80");
   port.verifyATExcutable();
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               Contains("W:" + InFunction("verifyATExcutable", " response[2] is: 0x80\n")).Times(1));
 }
 
 TEST_F(VerifyTest, AReplyThatFillsTheBufferIsPrintedToItsEnd) {
   serial.Answers(std::string(300, 'x'));
   port.verifyATExcutable();
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               Contains("W:" + InFunction("verifyATExcutable", " response length:256\n")).Times(1));
-  EXPECT_THAT(log.Told(), Contains("W:" + InFunction("verifyATExcutable", " response is: ") +
+  EXPECT_THAT(log.Said(), Contains("W:" + InFunction("verifyATExcutable", " response is: ") +
                                    std::string(256, 'x') + "\n")
                               .Times(1));
 }
@@ -641,7 +641,7 @@ TEST_F(VerifyTest, AReplyThatFillsTheBufferIsPrintedToItsEnd) {
 TEST_F(VerifyTest, AClosedPortFails) {
   port.closePort();
   EXPECT_FALSE(port.verifyATExcutable());
-  EXPECT_EQ(log.Told().back(), InFunction("verifyATExcutable", " -- failed\n"));
+  EXPECT_EQ(log.Said().back(), InFunction("verifyATExcutable", " -- failed\n"));
   EXPECT_THAT(serial.Calls(), Not(Contains("ClearCommError")));
 }
 

@@ -36,7 +36,7 @@ TEST_F(DevicePresenceTest, AModemAmongOtherDevicesIsFound) {
   tree.Has(kOtherDevice);
   tree.Has(kMbimModem);
   EXPECT_TRUE(ModemIsPresent());
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               ElementsAre("IsMBIMModemPresence ++", "MBIM modem presence", "IsMBIMModemPresence --"));
   EXPECT_THAT(FunctionsOf(log.Records()), Each("CFirmwareDownloader::IsMBIMModemPresence"));
 }
@@ -45,7 +45,7 @@ TEST_F(DevicePresenceTest, AFlashPortAmongOtherDevicesIsFound) {
   tree.Has(kOtherDevice);
   tree.Has(kFlashPort);
   EXPECT_TRUE(FlashPortIsPresent());
-  EXPECT_THAT(log.Told(),
+  EXPECT_THAT(log.Said(),
               ElementsAre("IsFlashPortPresence ++", "Flash port presence", "IsFlashPortPresence --"));
   EXPECT_THAT(FunctionsOf(log.Records()), Each("CFirmwareDownloader::IsFlashPortPresence"));
 }
@@ -58,7 +58,7 @@ TEST_F(DevicePresenceTest, AnIdInLowerCaseIsFound) {
 TEST_F(DevicePresenceTest, TheThirdInterfaceOfTheModemIsNotTheModem) {
   tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_02\\6&1234&0&0002");
   EXPECT_FALSE(ModemIsPresent());
-  EXPECT_THAT(log.Told(), ElementsAre("IsMBIMModemPresence ++", "IsMBIMModemPresence --"));
+  EXPECT_THAT(log.Said(), ElementsAre("IsMBIMModemPresence ++", "IsMBIMModemPresence --"));
 }
 
 TEST_F(DevicePresenceTest, AModemInMbimModeIsNoFlashPort) {
@@ -88,7 +88,7 @@ TEST_F(DevicePresenceTest, ARefusedLengthMeansAbsenceAndTakesNoMemory) {
   tree.Refuses("CM_Get_Device_ID_List_SizeW", CR_FAILURE);
   EXPECT_FALSE(ModemIsPresent());
   EXPECT_EQ(heap.Allocations(), 0);
-  EXPECT_THAT(log.Told(), Contains("IsMBIMModemPresence --").Times(1));
+  EXPECT_THAT(log.Said(), Contains("IsMBIMModemPresence --").Times(1));
 }
 
 TEST_F(DevicePresenceTest, AFullHeapMeansAbsence) {
@@ -97,7 +97,7 @@ TEST_F(DevicePresenceTest, AFullHeapMeansAbsence) {
   EXPECT_FALSE(ModemIsPresent());
   EXPECT_EQ(heap.Frees(), 0);
   EXPECT_EQ(tree.CallsOf("CM_Get_Device_ID_ListW"), 0);
-  EXPECT_THAT(log.Told(), Contains("IsMBIMModemPresence --").Times(1));
+  EXPECT_THAT(log.Said(), Contains("IsMBIMModemPresence --").Times(1));
 }
 
 TEST_F(DevicePresenceTest, ARefusedListMeansAbsenceAndGivesItsBlockBack) {
@@ -105,7 +105,7 @@ TEST_F(DevicePresenceTest, ARefusedListMeansAbsenceAndGivesItsBlockBack) {
   tree.Refuses("CM_Get_Device_ID_ListW", CR_FAILURE);
   EXPECT_FALSE(ModemIsPresent());
   EXPECT_EQ(heap.Frees(), 1);
-  EXPECT_THAT(log.Told(), Contains("IsMBIMModemPresence --").Times(1));
+  EXPECT_THAT(log.Said(), Contains("IsMBIMModemPresence --").Times(1));
 }
 
 TEST_F(DevicePresenceTest, ADeviceThatArrivesBehindTheLengthMeansAbsenceWithoutAnotherTry) {
@@ -132,7 +132,7 @@ TEST_F(DevicePresenceTest, TheSharedTestFindsAnIdAndWritesNoRecord) {
   tree.Has(kFlashPort);
   EXPECT_TRUE(IsDevicePresent(kFlashPortId));
   EXPECT_FALSE(IsDevicePresent(kMbimModemId));
-  EXPECT_THAT(log.Told(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 class ReenumerationTest : public testing::Test {
@@ -146,7 +146,7 @@ TEST_F(ReenumerationTest, TheWholeTreeIsReenumeratedOnce) {
   EXPECT_TRUE(CFirmwareDownloader::ScanForHardwareChanges());
   EXPECT_EQ(tree.Reenumerations(), 1);
   EXPECT_EQ(clock.Passed(), 0u);
-  EXPECT_THAT(log.Told(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(ReenumerationTest, ARootThatIsNotFoundEndsTheScan) {
@@ -172,7 +172,7 @@ TEST_F(ReenumerationTest, TheSettlingFormTakesASecondEvenWhenTheRootIsNotFound) 
   tree.Refuses("CM_Locate_DevNodeW", CR_NO_SUCH_DEVNODE);
   CFirmwareDownloader::ScanForHardwareChangesAndSettle();
   EXPECT_EQ(clock.Passed(), 1000u);
-  EXPECT_THAT(log.Told(), ElementsAre("E:\t CM_Locate_DevNode failed: d\n"));
+  EXPECT_THAT(log.Said(), ElementsAre("E:\t CM_Locate_DevNode failed: d\n"));
 }
 
 TEST_F(ReenumerationTest, BothFormsTellTheirFailuresUnderTheScansName) {

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "support/flash_bench.h"
+#include "support/lock_probe.h"
 
 namespace {
 
@@ -159,6 +160,28 @@ TEST_F(DownloadToolDllTest, StaysMappedForWhoeverIsStillInsideIt) {
   user.reset();
   EXPECT_FALSE(bench.library.IsMapped());
 }
+
+struct Change {
+  const char* name;
+  void (*run)();
+  /// Which of the locks that it gives back is the binding's.
+  int time;
+};
+
+class BindingLockTest : public DownloadToolDllTest, public testing::WithParamInterface<Change> {};
+
+TEST_P(BindingLockTest, KeepsTheOtherThreadFromTheBinding) {
+  if (GetParam().name != std::string("Load")) CDownloadToolDll::Load();
+  LockProbe locks;
+  EXPECT_TRUE(locks.Excludes(
+      GetParam().run, [] { CDownloadToolDll::Library(); }, GetParam().time));
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryUse, BindingLockTest,
+                         testing::Values(Change{"Load", [] { CDownloadToolDll::Load(); }, 1},
+                                         Change{"Library", [] { CDownloadToolDll::Library(); }, 1},
+                                         Change{"Unload", [] { CDownloadToolDll::Unload(); }, 2}),
+                         [](const auto& change) { return change.param.name; });
 
 // --- The callback ----------------------------------------------------------------------------------------
 

@@ -36,6 +36,38 @@ TEST_F(BootTest, RebootsAModemInNormalModeByAtCommand) {
                                   "\t CFirmwareDownloader::BootDeviceInFirmwareMode --, retValue: 0\n"));
 }
 
+TEST_F(BootTest, TellsEachStepOfARebootUnderItsProceduresName) {
+  bench.modem.takesCommands = false;
+  bench.modem.takesResets = {false};
+  ToolKit::mRetry_times = 1;
+  engine->BootDeviceInFirmwareMode();
+  const std::string boot = "CFirmwareDownloader::BootDeviceInFirmwareMode";
+  const std::string byAtCommand = "CFirmwareDownloader::RebootModemByXlog4";
+  const std::string reset = "CFirmwareDownloader::ControlBBrst";
+  EXPECT_THAT(FunctionsOf(bench.Records({"firmwareboot.cpp"})),
+              ElementsAre(boot, boot, "CFirmwareDownloader::RebootModem", byAtCommand, byAtCommand, boot,
+                          reset, reset, reset, reset, boot));
+}
+
+TEST_F(BootTest, TellsThatTheModemGoesUnderTheBootsName) {
+  engine->BootDeviceInFirmwareMode();
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), "\t RebootModem OK, waiting for flash port"),
+            "CFirmwareDownloader::BootDeviceInFirmwareMode");
+}
+
+TEST_F(BootTest, TellsOfTheFlashPortUnderTheBootsName) {
+  bench.modem.Become(Mode::Flash);
+  engine->BootDeviceInFirmwareMode();
+  EXPECT_THAT(FunctionsOf(bench.Records({"firmwareboot.cpp"})),
+              testing::Each("CFirmwareDownloader::BootDeviceInFirmwareMode"));
+}
+
+TEST_F(BootTest, DoesNotRebootTheModemForAnAttemptThatWasGivenUpMeanwhile) {
+  bench.modem.onIdList = [] { CFirmwareDownloader::Unload(); };
+  EXPECT_EQ(engine->BootDeviceInFirmwareMode(), 2);
+  EXPECT_THAT(bench.modem.heard, IsEmpty());
+}
+
 TEST_F(BootTest, ResetsTheBasebandWhenTheRebootFails) {
   bench.modem.takesCommands = false;
   EXPECT_EQ(engine->BootDeviceInFirmwareMode(), 0);
@@ -201,6 +233,38 @@ TEST_F(FlashPortTest, IsFoundByTheFirstPollWhenItIsThere) {
               ElementsAre(std::string(kSearchEnded) + "1\n", "\t Flash channel = " + FlashPort()));
 }
 
+TEST_F(FlashPortTest, TellsEachStepUnderItsProceduresName) {
+  bench.modem.Become(Mode::Flash);
+  Monitor();
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), "\t Flash channel = " + FlashPort()),
+            "CFirmwareDownloader::MonitorFlashPort");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), std::string(kSearchEnded) + "1\n"),
+            "CFirmwareDownloader::CheckFlashPortImplementation");
+}
+
+TEST_F(FlashPortTest, TellsThatItDoesNotComeUnderTheMonitorsName) {
+  bench.modem.Become(Mode::Absent);
+  ToolKit::g_bIsFiveBranch = false;
+  Monitor();
+  const std::vector<LogRecord> records = bench.Records({"firmwareboot.cpp"});
+  EXPECT_EQ(FunctionOf(records, "E:\t Timeout in waiting for flash channel"),
+            "CFirmwareDownloader::MonitorFlashPort");
+  EXPECT_EQ(FunctionOf(records, "E:\t Cannot get flash port, call BB_RST\n"),
+            "CFirmwareDownloader::MonitorFlashPort");
+}
+
+SYSTEM_INFO SystemInfo() {
+  SYSTEM_INFO info{};
+  ::GetSystemInfo(&info);
+  return info;
+}
+
+TEST_F(FlashPortTest, IsLookedForOnAThreadWhoseStackIsTheAllocationGranularity) {
+  bench.modem.Become(Mode::Flash);
+  Monitor();
+  EXPECT_THAT(bench.clock.StackSizes(), ElementsAre(SystemInfo().dwAllocationGranularity));
+}
+
 // The search thread may well be through before its starter goes on.
 TEST_F(FlashPortTest, IsFoundAtOnceBeforeTheSemaphoreExists) {
   bench.modem.Become(Mode::Flash);
@@ -263,6 +327,8 @@ TEST_F(FlashPortTest, ResetsWhenTheSearchThreadCannotBeStarted) {
   EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
   EXPECT_EQ(ToolKit::g_retry_times, 2u);
   EXPECT_EQ(SaidSince().front(), "E:\t CheckFlashPortImplementation CreateThread error: 1450, call BB_RST\n");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), SaidSince().front()),
+            "CFirmwareDownloader::MonitorFlashPort");
 }
 
 TEST_F(FlashPortTest, FailsWhenNoThreadCanBeStartedAndNoResetIsAllowed) {
@@ -286,6 +352,8 @@ TEST_F(NoSemaphoreTest, ResetsAndGoesOnSearchingMeanwhile) {
   EXPECT_EQ(Monitor(), 0);
   EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
   EXPECT_EQ(SaidSince().front(), "E:\t CreateSemaphore failed!, call BB_RST\n");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), SaidSince().front()),
+            "CFirmwareDownloader::MonitorFlashPort");
   EXPECT_THAT(SaidSince(), Not(Contains("E:\t Cannot get flash port, call BB_RST\n")));
   // Both searches, a second apart from each other's polls.
   EXPECT_GT(bench.modem.portLists, 15);
@@ -345,12 +413,106 @@ TEST_F(InjectTest, OpensTheFlashPortAndBootsTheImage) {
                            "\t Downloader, BootTarget", "\t InjectBootTargetThread return OK"}));
 }
 
+TEST_F(InjectTest, TellsEachStepUnderTheThreadsName) {
+  bench.library.results = {{"boot_target", 3}};
+  bench.modem.onReset = [this] {
+    bench.library.results = {{"open_comm_port", 3}};
+    bench.modem.LeaveAndBecome(Mode::Flash, 2000);
+  };
+  ToolKit::mRetry_times = 1;
+  Download();
+  const std::vector<LogRecord> records = bench.Records({"firmwareboot.cpp"});
+  for (const char* const told :
+       {"\t Downloader, GetNextFreeChannel", "\t GetNextFreeChannel, mCommChannel:7",
+        "\t Downloader, OpenCommPort", "\t Downloader, BootTarget",
+        "E:\t ERROR: Boot Target failed due to a reason, call BB_RST\n", "\t Close Comm Port\n",
+        "\t Wait 4s after close commport due to it will trigger UDE BB_RST\n",
+        "E:\t ERROR: Open Comm Port failed due to a reason, call BB_RST\n",
+        "\t Wait 4s after close commport due to it will trigger UDE bbrst\n"}) {
+    EXPECT_EQ(FunctionOf(records, told), "CFirmwareDownloader::InjectBootTargetThread") << told;
+  }
+  EXPECT_EQ(FunctionOf(records, "\t InjectBootTargetThread timeout: 10s"),
+            "CFirmwareDownloader::InjectBootTarget");
+}
+
+TEST_F(InjectTest, BootsOnAThreadWhoseStackIsTheAllocationGranularity) {
+  Download();
+  EXPECT_THAT(bench.clock.StackSizes(), testing::Each(SystemInfo().dwAllocationGranularity));
+  EXPECT_EQ(bench.clock.StackSizes().size(), 2u);
+}
+
+/// Notes what has been told whenever the library closes the handle of a thread.
+class ThreadHandles {
+ public:
+  explicit ThreadHandles(std::function<std::vector<std::string>()> told) {
+    s_told = std::move(told);
+    s_toldAtClose.clear();
+    m_patch.Replace("CloseHandle", &Close);
+  }
+  const std::vector<std::vector<std::string>>& ToldAtClose() const { return s_toldAtClose; }
+
+ private:
+  static BOOL WINAPI Close(HANDLE handle) {
+    if (::GetThreadId(handle) != 0) s_toldAtClose.push_back(s_told());
+    return ::CloseHandle(handle);
+  }
+
+  static inline std::function<std::vector<std::string>()> s_told;
+  static inline std::vector<std::vector<std::string>> s_toldAtClose;
+
+  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+};
+
+class BootHandleTest : public InjectTest {
+ protected:
+  /// What was told last when the boot thread's handle was closed.
+  std::string LastToldBeforeTheClose() const {
+    const auto& closes = handles.ToldAtClose();
+    return closes.size() == 2 && !closes[1].empty() ? closes[1].back() : "not closed";
+  }
+  ThreadHandles handles{[this] { return Said(); }};
+};
+
+TEST_F(BootHandleTest, IsClosedBeforeASuccessIsTold) {
+  Download();
+  EXPECT_EQ(LastToldBeforeTheClose(), "\t Downloader, BootTarget");
+}
+
+TEST_F(BootHandleTest, IsClosedBeforeATimeOutIsTold) {
+  bench.library.during["boot_target"] = [this] { bench.clock.Pause(60000); };
+  Download();
+  EXPECT_EQ(LastToldBeforeTheClose(), "\t Downloader, BootTarget");
+}
+
+BOOL WINAPI RefuseToNoteOffTheMainThread(DWORD slot, void* value) {
+  static const DWORD s_main = ::GetCurrentThreadId();
+  if (::GetCurrentThreadId() == s_main) return ::TlsSetValue(slot, value);
+  ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return FALSE;
+}
+
+TEST_F(InjectTest, FailsWhenItCannotBeNotedForWhomTheThreadWorks) {
+  RefuseToNoteOffTheMainThread(TLS_OUT_OF_INDEXES, nullptr);
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNoteOffTheMainThread));
+  EXPECT_EQ(Download(), FirmwareUpdateFailed);
+  EXPECT_THAT(Said(),
+              Contains("E:\t TlsSetValue failed with: 8, CFirmwareDownloader::InjectBootTargetThread --"));
+  EXPECT_EQ(Said().back(), "E:\t InjectBootTargetThread return FINIAL_FAIL");
+  EXPECT_EQ(bench.library.CallCount("get_next_free_channel"), 0);
+}
+
 TEST_F(InjectTest, CountsABootThreadThatCannotBeStartedAsBooted) {
+  bench.library.channel = 9;
+  EXPECT_EQ(Download(), FirmwareUpdated);
+  CFirmwareDownloader::Unload();
+  bench.library.calls.clear();
   bench.clock.RefuseThread(1, ERROR_NO_SYSTEM_RESOURCES);
   EXPECT_EQ(Download(), FirmwareUpdated);
   EXPECT_THAT(Said(), Contains("E:\t CreateThread InjectBootTargetThread FAIL: 0x5aa\n"));
   EXPECT_THAT(afterDownload, Not(Contains("boot_target(7, " + image + ")")));
-  EXPECT_THAT(afterDownload, Contains("download_fls_file(0, |0|" + image + ")"));
+  // The channel is that of the attempt before.
+  EXPECT_THAT(afterDownload, Contains("download_fls_file(9, |0|" + image + ")"));
 }
 
 TEST_F(InjectTest, ClosesAPortThatCannotBeOpenedPausesAndResets) {

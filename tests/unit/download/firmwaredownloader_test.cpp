@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "support/flash_bench.h"
+#include "support/lock_probe.h"
 
 namespace {
 
@@ -84,6 +85,49 @@ TEST_F(SessionTest, WithoutMemoryForTheLibraryEveryCallFails) {
   EXPECT_THAT(Said(), Contains("E:Setting parameter, -1 failed"));
 }
 
+BOOL WINAPI RefuseToNote(DWORD, void*) {
+  ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return FALSE;
+}
+
+TEST_F(SessionTest, IsRefusedWhenItCannotBeNotedForWhomTheThreadWorks) {
+  const auto engine = CFirmwareDownloader::GetInstance();
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNote));
+  EXPECT_EQ(engine->Download(CTString(modem), CTString(nvm)), FirmwareNotUpdated);
+  EXPECT_EQ(Said().back(), "E:\t TlsSetValue failed with: 8, Download --");
+  EXPECT_THAT(bench.library.calls, ElementsAre("init_callback()"));
+}
+
+// --- The locks -------------------------------------------------------------------------------------------
+
+TEST_F(SessionTest, TheEngineIsHandedOutUnderALock) {
+  CFirmwareDownloader::GetInstance();
+  LockProbe locks;
+  EXPECT_TRUE(locks.Excludes([] { CFirmwareDownloader::OfThisThread(); },
+                             [] { CFirmwareDownloader::OfThisThread(); }));
+}
+
+TEST_F(SessionTest, ANewEngineIsPutInPlaceUnderThatLock) {
+  LockProbe locks;
+  // The first lock that it gives back is the look at the present one.
+  EXPECT_TRUE(locks.Excludes([] { CFirmwareDownloader::GetInstance(); },
+                             [] { CFirmwareDownloader::OfThisThread(); }, 2));
+}
+
+TEST_F(SessionTest, GivingAnAttemptUpWaitsForAStepThatItMayStillTake) {
+  const auto engine = CFirmwareDownloader::GetInstance();
+  LockProbe locks;
+  bool waited = false;
+  engine->UnlessAbandoned([&] {
+    waited = locks.IsMetBy([] { CFirmwareDownloader::Unload(); });
+    EXPECT_FALSE(engine->IsAbandoned());
+  });
+  locks.Join();
+  EXPECT_TRUE(waited);
+  EXPECT_TRUE(engine->IsAbandoned());
+}
+
 // --- The whole session -----------------------------------------------------------------------------------
 
 TEST_F(SessionTest, TellsEachStepOfASuccess) {
@@ -114,6 +158,39 @@ TEST_F(SessionTest, TellsEachStepOfASuccess) {
                                                         "\t ForceTargetReset OK.",
                                                         "\t Download finished, result: 1",
                                                         "\t CFirmwareDownloader::Download --"}));
+}
+
+TEST_F(SessionTest, TellsEachStepUnderItsProceduresName) {
+  EXPECT_EQ(FlashBoth(), FirmwareUpdated);
+  const std::string download = "CFirmwareDownloader::Download";
+  const std::string list = "CFirmwareDownloader::MarkFirmwareFileForDownload";
+  const std::string write = "CFirmwareDownloader::DownloadFirmwareIntoDevice";
+  EXPECT_THAT(FunctionsOf(bench.Records({"firmwaredownloader.cpp"})),
+              ElementsAreArray(std::vector<std::string>{download,
+                                                        download,
+                                                        "CFirmwareDownloader::IsFirmwareFileValid",
+                                                        "CFirmwareDownloader::IsCustFileValid",
+                                                        "CFirmwareDownloader::IsPCIEdevice",
+                                                        list,
+                                                        list,
+                                                        list,
+                                                        list,
+                                                        list,
+                                                        list,
+                                                        download,
+                                                        download,
+                                                        download,
+                                                        write,
+                                                        write,
+                                                        write,
+                                                        write,
+                                                        write,
+                                                        write,
+                                                        write,
+                                                        download,
+                                                        download,
+                                                        download,
+                                                        download}));
 }
 
 TEST_F(SessionTest, CallsTheLibraryInOrder) {
@@ -169,6 +246,9 @@ TEST_F(SessionTest, WithAnEmptyModemFileDoesNotTouchTheDevice) {
 TEST_F(SessionTest, WithAMissingModemFileTellsTheError) {
   EXPECT_EQ(FlashBench::Download(modem + "x"), FirmwareNotUpdated);
   EXPECT_THAT(Said(), Contains("\t File: " + modem + "x cannot be opened, ERROR: 2"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+                       "\t File: " + modem + "x cannot be opened, ERROR: 2"),
+            "CFirmwareDownloader::IsFirmwareFileValid");
   EXPECT_TRUE(IsUntouched());
 }
 
@@ -190,7 +270,35 @@ TEST_F(SessionTest, WithAFileOfUnknownSizeIsRefused) {
   ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetFileSizeEx", &RefuseSize));
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  EXPECT_THAT(Said(), Contains("\t GetFileSizeEx(" + modem + ") failed with: 1"));
+  EXPECT_EQ(
+      FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "\t GetFileSizeEx(" + modem + ") failed with: 1"),
+      "CFirmwareDownloader::IsFirmwareFileValid");
+}
+
+struct FileOpening {
+  DWORD access;
+  DWORD share;
+  DWORD creation;
+  DWORD flags;
+  bool operator==(const FileOpening&) const = default;
+};
+std::map<std::wstring, FileOpening> g_openings;
+HANDLE WINAPI NoteOpening(const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                          DWORD creation, DWORD flags, HANDLE pattern) {
+  g_openings[name] = {access, share, creation, flags};
+  return ::CreateFileW(name, access, share, security, creation, flags, pattern);
+}
+
+TEST_F(SessionTest, OpensEachFileForItselfAlone) {
+  const auto engine = CFirmwareDownloader::GetInstance();
+  bench.library.results["set_dll_parameter"] = 1;
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateFileW", &NoteOpening));
+  g_openings.clear();
+  engine->Download(CTString(modem), CTString(nvm));
+  const FileOpening exclusive{GENERIC_READ, 0, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL};
+  EXPECT_EQ(g_openings[WideFromUtf8(modem)], exclusive);
+  EXPECT_EQ(g_openings[WideFromUtf8(nvm)], exclusive);
 }
 
 std::int64_t g_size = 0;
@@ -226,7 +334,9 @@ TEST_F(SessionTest, SubmitsAnNvmFileThatCannotBeOpenedToTheTableOfContentsAllThe
 TEST_F(SessionTest, IsRefusedWhenTheMemoryClassOfAnUnreadableNvmFileIsUnknown) {
   nvm += "x";
   EXPECT_EQ(FlashBoth(), FirmwareNotUpdated);
-  EXPECT_THAT(Said(), Contains("Could not get the memory class for " + nvm + "(0)"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+                       "Could not get the memory class for " + nvm + "(0)"),
+            "CFirmwareDownloader::GetMemoryClassOfCust");
   EXPECT_TRUE(IsUntouched());
 }
 
@@ -288,7 +398,8 @@ TEST_F(ParameterTest, AreAllSetThoughOneIsRefusedWhichEndsTheSession) {
   bench.library.results["set_dll_parameter(17, 0)"] = 42;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   EXPECT_EQ(Parameters().back(), "set_dll_parameter(41, 0)");
-  EXPECT_THAT(Said(), Contains("E:Setting parameter, 42 failed"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "E:Setting parameter, 42 failed"),
+            "CFirmwareDownloader::SetParameter");
   EXPECT_EQ(Said().back(), "\t InitializeParametersForDownload FAIL, CFirmwareDownloader::Download --");
   EXPECT_EQ(bench.library.CallCount("close_comm_port"), 0);
 }
@@ -297,7 +408,8 @@ TEST_F(ParameterTest, EndTheSessionWhenTheBusTypeIsRefused) {
   FlashBench::Configure(L"[IPCTYPE]", L"PCIE");
   bench.library.results["set_dll_parameter(39, address of PCIE)"] = 2;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  EXPECT_THAT(Said(), Contains("E:Setting parameter, 2 failed"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "E:Setting parameter, 2 failed"),
+            "CFirmwareDownloader::InitializeParametersForDownload");
 }
 
 TEST_F(ParameterTest, SettingUpTheLogLeavesFourEarlierLogs) {
@@ -336,6 +448,18 @@ TEST_F(ListTest, IsWrittenInAscendingOrder) {
 
 TEST_F(ListTest, KeepsBinaryAndEblInTheOrderInWhichTheyWereAdded) {
   EXPECT_THAT(OrderOf({4, 0, 3, 0, 3}), ElementsAre("1", "2", "3", "4", "0"));
+}
+
+// Few items are sorted stably by accident.
+TEST_F(ListTest, KeepsFortyItemsOfOneOrderAsTheyWereAdded) {
+  std::vector<std::uint32_t> memoryClasses{4};
+  std::vector<std::string> expected;
+  for (int i = 1; i <= 40; ++i) {
+    memoryClasses.push_back(i % 2 == 0 ? 0 : 3);
+    expected.push_back(std::to_string(i));
+  }
+  expected.push_back("0");
+  EXPECT_EQ(OrderOf(memoryClasses), expected);
 }
 
 TEST_F(ListTest, KeepsCustAndStaticFfsInTheOrderInWhichTheyWereAdded) {
@@ -377,7 +501,9 @@ TEST_F(ListTest, TellsTheMemoryClassOfEachItem) {
 TEST_F(ListTest, GoesOnWithoutTheNvmFilesTechnology) {
   bench.library.results["TOC_get_flash_technogy(" + nvm + ")"] = 1;
   EXPECT_EQ(FlashBoth(), FirmwareUpdated);
-  EXPECT_THAT(Said(), Contains("Could not get the flash technology for " + nvm));
+  EXPECT_EQ(
+      FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "Could not get the flash technology for " + nvm),
+      "CFirmwareDownloader::GetFlashTechnologyOfCust");
 }
 
 /// A query of the table of contents that fails, and what is said about it.
@@ -385,6 +511,7 @@ struct FailingQuery {
   const char* name;
   const char* call;
   std::vector<const char*> said;
+  std::vector<const char*> functions;
 };
 
 class FailingQueryTest : public ListTest, public testing::WithParamInterface<FailingQuery> {
@@ -394,30 +521,45 @@ class FailingQueryTest : public ListTest, public testing::WithParamInterface<Fai
 
 TEST_P(FailingQueryTest, EndsTheSessionWithACleanUp) {
   bench.library.images[modem] = {1, 4};
+  bench.library.channel = 9;
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  CFirmwareDownloader::Unload();
+  bench.library.calls.clear();
   bench.library.results[InsertModem(GetParam().call)] = 9;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  for (const char* text : GetParam().said) EXPECT_THAT(Said(), Contains(InsertModem(text)));
+  for (std::size_t i = 0; i < GetParam().said.size(); ++i) {
+    EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), InsertModem(GetParam().said[i])),
+              GetParam().functions[i]);
+  }
   EXPECT_THAT(Said(), Contains("E:\t MarkFirmwareFileForDownload FAIL, set FirmwareNotUpdated"));
   EXPECT_THAT(Said(), Contains("\t Download finished, result: 0"));
   EXPECT_TRUE(IsUntouched());
-  // A channel that was never opened is closed.
-  EXPECT_THAT(bench.library.calls, Contains("close_comm_port(0)"));
+  // It has opened none, and closes that of the session before.
+  EXPECT_THAT(bench.library.CallsOf({"close_comm_port"}), ElementsAre("close_comm_port(9)"));
   EXPECT_EQ(bench.library.calls.back(), "set_dll_parameter(12, 0)");
   EXPECT_TRUE(CleanedUp());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    TableOfContents, FailingQueryTest,
-    testing::Values(
-        FailingQuery{"Technology", "TOC_get_flash_technogy(*)", {"Could not get the flash technology for *"}},
-        FailingQuery{
-            "FirstMemoryClass", "TOC_get_memory_class(*, 0)", {"Could not get the memory class for *(0)"}},
-        FailingQuery{
-            "NumberOfItems", "TOC_get_nof_items(*)", {"Could not get the number of downloadable items in *"}},
-        FailingQuery{"FurtherMemoryClass",
-                     "TOC_get_memory_class(*, 1)",
-                     {"Could not get the memory class for *(1)", "Could not obtain memory class for *(1)"}}),
-    [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(TableOfContents, FailingQueryTest,
+                         testing::Values(FailingQuery{"Technology",
+                                                      "TOC_get_flash_technogy(*)",
+                                                      {"Could not get the flash technology for *"},
+                                                      {"CFirmwareDownloader::GetFlashTechnology"}},
+                                         FailingQuery{"FirstMemoryClass",
+                                                      "TOC_get_memory_class(*, 0)",
+                                                      {"Could not get the memory class for *(0)"},
+                                                      {"CFirmwareDownloader::GetMemoryClass"}},
+                                         FailingQuery{"NumberOfItems",
+                                                      "TOC_get_nof_items(*)",
+                                                      {"Could not get the number of downloadable items in *"},
+                                                      {"CFirmwareDownloader::MarkFirmwareFileForDownload"}},
+                                         FailingQuery{"FurtherMemoryClass",
+                                                      "TOC_get_memory_class(*, 1)",
+                                                      {"Could not get the memory class for *(1)",
+                                                       "Could not obtain memory class for *(1)"},
+                                                      {"CFirmwareDownloader::GetMemoryClass",
+                                                       "CFirmwareDownloader::MarkFirmwareFileForDownload"}}),
+                         [](const auto& row) { return row.param.name; });
 
 // --- Writing ---------------------------------------------------------------------------------------------
 
@@ -438,7 +580,7 @@ TEST_P(WayOfWritingTest, DependsOnTheMemoryClass) {
   EXPECT_THAT(Written(),
               ElementsAre(std::string(way.function) + "(7, |0|" + modem + way.furtherArgument + ")"));
   EXPECT_EQ(bench.library.CallCount(kOutOfSession), isCust ? 1 : 0);
-  EXPECT_EQ(bench.TimesSaid("\t m_DownloadCUSTFileFunc(7, |0|" + modem + ")\n"), way.isTold ? 1 : 0);
+  EXPECT_EQ(bench.TimesSaid("E:\t m_DownloadCUSTFileFunc(7, |0|" + modem + ")\n"), way.isTold ? 1 : 0);
   EXPECT_TRUE(bench.HasSaid("\t memType:(" + std::to_string(way.code) + ")"));
 }
 
@@ -464,7 +606,9 @@ TEST_F(SessionTest, WritesCode20AsACertificate) {
 TEST_F(SessionTest, TellsTheUnusualWayAsAnError) {
   bench.library.images[modem] = {6};
   Flash();
-  EXPECT_THAT(Said(), Contains("E:\t m_DownloadCUSTFileFunc(7, |0|" + modem + ")\n"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+                       "E:\t m_DownloadCUSTFileFunc(7, |0|" + modem + ")\n"),
+            "CFirmwareDownloader::DownloadFirmwareIntoDevice");
 }
 
 TEST_F(SessionTest, FailsWhenAnItemCannotBeWrittenAndWritesNoFurtherOne) {
@@ -492,7 +636,9 @@ TEST_F(SessionTest, FailsWhenNoItemHasProgressSteps) {
 TEST_F(SessionTest, FailsWhenTheForcedResetAnswersOne) {
   bench.library.results["force_target_reset"] = 1;
   EXPECT_EQ(Flash(), FirmwareUpdateFailed);
-  EXPECT_THAT(Said(), Contains("\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+                       "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;"),
+            "CFirmwareDownloader::Download");
   EXPECT_TRUE(CleanedUp());
 }
 
@@ -507,6 +653,15 @@ TEST_F(SessionTest, TellsThatTheChannelCouldNotBeClosed) {
   EXPECT_EQ(Flash(), FirmwareUpdated);
   EXPECT_THAT(Said(), Contains("E:\t ERROR: Close CommPort failed due to still busy\n"));
   EXPECT_EQ(bench.library.calls.back(), "set_dll_parameter(12, 0)");
+}
+
+TEST_F(SessionTest, CountsNoProgressOfAnItemBehindTheCleanUp) {
+  bench.library.during["close_comm_port"] = [this] {
+    bench.library.ReportSending();
+    bench.library.ReportPercent("50");
+  };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_THAT(bench.Said({"progress.cpp"}), ElementsAre("\t return m_CurrentProgress:0"));
 }
 
 TEST_F(SessionTest, TellsThatParameter12WasRefusedInTheEnd) {
@@ -607,7 +762,7 @@ INSTANTIATE_TEST_SUITE_P(AllExports, LackTest,
 TEST_F(SessionTest, WithoutTheLibraryIsRefusedAtTheParameters) {
   bench.library.loadError = ERROR_MOD_NOT_FOUND;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  EXPECT_EQ(bench.TimesSaid("Setting parameter, -1 failed"), 16);
+  EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 16);
   EXPECT_EQ(Said().back(), "\t InitializeParametersForDownload FAIL, CFirmwareDownloader::Download --");
 }
 
@@ -647,6 +802,11 @@ class AbandonedTest : public SessionTest {
     EXPECT_FALSE(bench.key.Number(L"Flash_Progress").has_value());
     EXPECT_EQ(bench.clock.LivingThreads(), 0u);
   }
+  void ExpectOnlyItsChannelWasClosed() {
+    callsBefore.emplace_back("close_comm_port(7)");
+    ExpectNothingHappened();
+    EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
+  }
 
   int result = -1;
   std::vector<std::string> callsBefore;
@@ -661,20 +821,39 @@ TEST_F(AbandonedTest, KeepsTheLibraryMappedUntilItsWorkerIsBack) {
   EXPECT_FALSE(bench.library.IsMapped());
 }
 
-TEST_F(AbandonedTest, FromWritingDoesNothingMore) {
+TEST_F(AbandonedTest, FromWritingClosesItsChannelAndDoesNothingMore) {
   bench.library.images[modem] = {1, 2};
   HangIn("download_fls_file");
   FlashAndGiveUp();
   Return();
   EXPECT_EQ(result, FirmwareUpdateFailed);
-  ExpectNothingHappened();
+  ExpectOnlyItsChannelWasClosed();
 }
 
-TEST_F(AbandonedTest, FromTheForcedResetDoesNothingMore) {
+TEST_F(AbandonedTest, FromTheForcedResetClosesItsChannelAndDoesNothingMore) {
   HangIn("force_target_reset");
   FlashAndGiveUp();
   Return();
-  ExpectNothingHappened();
+  ExpectOnlyItsChannelWasClosed();
+}
+
+TEST_F(AbandonedTest, ClosesItsChannelInALibraryThatStaysMappedForIt) {
+  bool isMapped = false;
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  bench.library.during["close_comm_port"] = [&] { isMapped = bench.library.IsMapped(); };
+  Return();
+  EXPECT_TRUE(isMapped);
+  EXPECT_FALSE(bench.library.IsMapped());
+}
+
+TEST_F(AbandonedTest, TellsThatItsChannelCouldNotBeClosed) {
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  bench.library.results["close_comm_port"] = 3;
+  bench.library.reason = "still busy";
+  Return();
+  EXPECT_EQ(bench.TimesSaid("E:\t ERROR: Close CommPort failed due to still busy\n"), 1);
 }
 
 TEST_F(AbandonedTest, FromTheTableOfContentsDoesNothingMore) {
@@ -685,10 +864,12 @@ TEST_F(AbandonedTest, FromTheTableOfContentsDoesNothingMore) {
 }
 
 TEST_F(AbandonedTest, FromTheParametersDoesNothingMore) {
-  HangIn("set_dll_parameter(41, 0)");
+  HangIn("set_dll_parameter(12, 0)");
+  FlashBench::Configure(L"[IPCTYPE]", L"PCIE");
   FlashAndGiveUp();
   Return();
   ExpectNothingHappened();
+  EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
 }
 
 TEST_F(AbandonedTest, FromBootingNeitherClosesNorResetsNorSpendsARetry) {
@@ -756,6 +937,149 @@ TEST_F(AbandonedTest, LateStatusMessageDoesNotSwitchTheNewAttemptsProgressOff) {
   Return();
   bench.library.ReportPercent("10");
   EXPECT_TRUE(bench.key.Number(L"Flash_Progress").has_value());
+}
+
+TEST_F(AbandonedTest, FromBootingLeavesTheNewAttemptsProgressAlone) {
+  HangIn("boot_target");
+  FlashAndGiveUp();
+  CFirmwareDownloader::GetInstance();
+  callsBefore = bench.library.calls;
+  Return();
+  ExpectNothingHappened();
+}
+
+TEST_F(AbandonedTest, DoesNotHandItsChannelToANewerAttempt) {
+  bench.library.channel = 9;
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  CFirmwareDownloader::Unload();
+  HangIn("get_next_free_channel");
+  FlashAndGiveUp();
+  bench.library.channel = 5;
+  Return();
+  bench.library.calls.clear();
+  bench.library.results["TOC_get_nof_items"] = 1;
+  EXPECT_EQ(Flash(), FirmwareNotUpdated);
+  EXPECT_THAT(bench.library.CallsOf({"close_comm_port"}), ElementsAre("close_comm_port(9)"));
+}
+
+TEST_F(AbandonedTest, BackInTheMiddleOfANewerWriteNeitherClosesNorResets) {
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  bench.library.channel = 8;
+  std::vector<std::string> duringTheReturn;
+  bench.library.during["download_fls_file"] = [&] {
+    const std::size_t before = bench.library.calls.size();
+    bench.clock.Open(kGate);
+    bench.clock.Pause(10000);
+    duringTheReturn.assign(bench.library.calls.begin() + static_cast<std::ptrdiff_t>(before),
+                           bench.library.calls.end());
+  };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_EQ(bench.clock.LivingThreads(), 0u);
+  EXPECT_THAT(duringTheReturn, IsEmpty());
+  EXPECT_THAT(bench.library.CallsOf({"close_comm_port", "force_target_reset"}),
+              ElementsAre("force_target_reset(8, 1, 16, 17, 0)", "close_comm_port(8)"));
+  EXPECT_THAT(bench.modem.heard, IsEmpty());
+  const std::string told = "W:\t Channel 7 stays open, a newer attempt has opened one";
+  EXPECT_EQ(bench.TimesSaid(told), 1);
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), told),
+            "CFirmwareDownloader::CleanupAfterDownload");
+  EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
+}
+
+// It writes to the channel that the attempt before left.
+TEST_F(AbandonedTest, BackWhileANewerAttemptWritesWithoutABootThreadClosesNothing) {
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  bench.clock.RefuseThread(1, ERROR_NO_SYSTEM_RESOURCES);
+  int closesMeanwhile = -1;
+  bench.library.during["download_fls_file"] = [&] {
+    bench.clock.Open(kGate);
+    bench.clock.Pause(10000);
+    closesMeanwhile = bench.library.CallCount("close_comm_port");
+  };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_EQ(closesMeanwhile, 0);
+  EXPECT_EQ(bench.library.CallCount("close_comm_port(7)"), 1);
+}
+
+TEST_F(AbandonedTest, BackBehindANewerAttemptLeavesItsChannelOpen) {
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  bench.library.channel = 8;
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  Return();
+  EXPECT_EQ(bench.library.CallCount("close_comm_port(7)"), 0);
+}
+
+// Its own early end is none that cleans up.
+TEST_F(AbandonedTest, BackFromTheTableOfContentsTellsOfNoChannel) {
+  HangIn("TOC_get_nof_items");
+  FlashAndGiveUp();
+  CFirmwareDownloader::GetInstance();
+  Return();
+  EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("stays open"))));
+}
+
+constexpr int kCloseGate = 2;
+
+/// The attempt that was given up is back, and inside its close.
+class LateCloseTest : public AbandonedTest {
+ protected:
+  LateCloseTest() {
+    HangIn("download_fls_file");
+    FlashAndGiveUp();
+    bench.library.during["close_comm_port"] = [this] {
+      bench.library.during.clear();
+      bench.clock.WaitAtGate(kCloseGate);
+    };
+    bench.clock.Open(kGate);
+    bench.clock.Pause(100);
+    bench.library.calls.clear();
+    bench.library.channel = 8;
+  }
+};
+
+TEST_F(LateCloseTest, KeepsANewerAttemptFromOpeningUntilItIsOver) {
+  std::vector<std::string> beforeItWasOver;
+  bench.clock.Start([&] {
+    bench.clock.Pause(5000);
+    beforeItWasOver = bench.library.CallsOf({"get_next_free_channel", "open_comm_port"});
+    bench.clock.Open(kCloseGate);
+  });
+  const ULONGLONG begin = bench.clock.Now();
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_THAT(beforeItWasOver, IsEmpty());
+  EXPECT_GE(bench.clock.Now() - begin, 5000u);
+  EXPECT_LE(bench.clock.Now() - begin, 5200u);
+  EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is closing its channel, wait"), 1);
+  EXPECT_EQ(
+      FunctionOf(bench.Records({"firmwareboot.cpp"}), "W:\t An earlier attempt is closing its channel, wait"),
+      "CFirmwareDownloader::InjectBootTargetThread");
+}
+
+TEST_F(LateCloseTest, ThatDoesNotEndFailsTheNewerAttemptAndHoldsNobodyElseUp) {
+  EXPECT_EQ(Flash(), FirmwareUpdateFailed);
+  CFirmwareDownloader::Unload();
+  EXPECT_THAT(bench.library.CallsOf({"open_comm_port"}), IsEmpty());
+  bench.clock.Pause(1000);
+  // The one that closes.
+  EXPECT_EQ(bench.clock.LivingThreads(), 1u);
+  bench.clock.Open(kCloseGate);
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+}
+
+TEST_F(LateCloseTest, KeepsANewerAttemptWithoutABootThreadFromWriting) {
+  bench.clock.RefuseThread(2, ERROR_NO_SYSTEM_RESOURCES);
+  std::vector<std::string> beforeItWasOver;
+  bench.clock.Start([&] {
+    bench.clock.Pause(5000);
+    beforeItWasOver = bench.library.CallsOf({"download_fls_file"});
+    bench.clock.Open(kCloseGate);
+  });
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_THAT(beforeItWasOver, IsEmpty());
+  EXPECT_THAT(bench.library.CallsOf({"open_comm_port"}), IsEmpty());
 }
 
 TEST_F(AbandonedTest, DoesNotDisturbTheNewAttempt) {

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "support/flash_bench.h"
+#include "support/lock_probe.h"
 #include "support/process_heap.h"
 
 namespace {
@@ -39,6 +40,43 @@ TEST_F(FlashPortSearchTest, LooksThroughThePathsUpToTheFlashPort) {
                           "Device Path: \\\\?\\ACPI#PNP0501#1\n", "Device Path: " + FlashPort() + "\n",
                           "Flash port found, pDeviceContext->HwId: VID_1D5A&PID_0ACC&MI_00 found\n",
                           "mCFirmwareDownloader->m_COMPort: " + FlashPort()));
+}
+
+class SearchRecordTest : public FlashPortSearchTest {
+ protected:
+  void ExpectTheSearchsName(std::size_t records) const {
+    const std::vector<LogRecord> all = bench.Records({"flashportsearch.cpp"});
+    EXPECT_THAT(FunctionsOf(all), testing::Each("CFirmwareDownloader::CheckFlashPortImplementation"));
+    EXPECT_EQ(all.size(), records);
+  }
+};
+
+TEST_F(SearchRecordTest, OfAFlashPortCarriesTheSearchsName) {
+  FlashPortIsPresent();
+  search.Look();
+  ExpectTheSearchsName(4);
+}
+
+TEST_F(SearchRecordTest, OfARefusalCarriesTheSearchsName) {
+  bench.modem.portListSizeResult = CR_FAILURE;
+  bench.modem.portListLength = 0;
+  search.Look();
+  ExpectTheSearchsName(2);
+}
+
+TEST_F(SearchRecordTest, OfAListThatCannotBeFetchedCarriesTheSearchsName) {
+  bench.modem.portListLength = 10;
+  bench.modem.portListResult = CR_FAILURE;
+  search.Look();
+  ExpectTheSearchsName(3);
+}
+
+TEST_F(SearchRecordTest, OfLackOfMemoryCarriesTheSearchsName) {
+  ProcessHeap heap;
+  heap.IsFull();
+  bench.modem.portListLength = 54321;
+  search.Look();
+  ExpectTheSearchsName(2);
 }
 
 TEST_F(FlashPortSearchTest, TellsThatItFreesAListWithoutTheFlashPort) {
@@ -143,6 +181,44 @@ TEST_F(FlashPortSearchTest, ACountThatAnEarlierSearchLeftDoesNotEndTheWait) {
   EXPECT_EQ(bench.clock.Now(), 15000u);
 }
 
+TEST_F(FlashPortSearchTest, ACountThatComesMeanwhileFromElsewhereNeitherEndsNorProlongsTheWait) {
+  const UniqueHandle another(::CreateSemaphoreW(nullptr, 0, 1, OwnName(L"CFirmwareDownloader").c_str()));
+  FlashPortSearch elsewhere;
+  ASSERT_TRUE(elsewhere.CreateSignal());
+  ASSERT_TRUE(search.CreateSignal());
+  bench.clock.Start([this, &elsewhere] {
+    bench.clock.Pause(4000);
+    FlashPortIsPresent();
+    elsewhere.Look();
+  });
+  EXPECT_EQ(search.Wait(15000, abandoned), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_EQ(bench.clock.Now(), 15000u);
+}
+
+struct Semaphore {
+  bool isSecured;
+  LONG initial;
+  LONG maximum;
+  std::wstring name;
+};
+std::vector<Semaphore> g_semaphores;
+HANDLE WINAPI NoteSemaphore(SECURITY_ATTRIBUTES* security, LONG initial, LONG maximum, const wchar_t* name) {
+  g_semaphores.push_back({security != nullptr, initial, maximum, name});
+  return ::CreateSemaphoreW(security, initial, maximum, OwnName(name).c_str());
+}
+
+TEST_F(FlashPortSearchTest, TheSignalCountsToOneAndBeginsWithNone) {
+  g_semaphores.clear();
+  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("CreateSemaphoreW", &NoteSemaphore));
+  ASSERT_TRUE(search.CreateSignal());
+  ASSERT_EQ(g_semaphores.size(), 1u);
+  EXPECT_FALSE(g_semaphores[0].isSecured);
+  EXPECT_EQ(g_semaphores[0].initial, 0);
+  EXPECT_EQ(g_semaphores[0].maximum, 1);
+  EXPECT_EQ(g_semaphores[0].name, L"CFirmwareDownloader");
+}
+
 TEST_F(FlashPortSearchTest, APortFoundBehindAnEarlierSearchsCountEndsTheWait) {
   const UniqueHandle stale = StaleSignal();
   ASSERT_TRUE(search.CreateSignal());
@@ -188,5 +264,30 @@ TEST_F(FlashPortSearchTest, HasNoSignalWhenItsNameIsTakenByAnotherKind) {
   EXPECT_FALSE(search.CreateSignal());
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }
+
+// --- The lock --------------------------------------------------------------------------------------------
+
+struct Step {
+  const char* name;
+  void (*run)(FlashPortSearch& search);
+};
+
+class SearchLockTest : public FlashPortSearchTest, public testing::WithParamInterface<Step> {
+ protected:
+  LockProbe locks;
+};
+
+TEST_P(SearchLockTest, KeepsTheOtherThreadFromThePort) {
+  FlashPortIsPresent();
+  ASSERT_TRUE(locks.Excludes([this] { GetParam().run(search); }, [this] { search.Port(); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryStep, SearchLockTest,
+    testing::Values(Step{"Look", [](FlashPortSearch& search) { search.Look(); }},
+                    Step{"CreateSignal", [](FlashPortSearch& search) { search.CreateSignal(); }},
+                    Step{"CloseSignal", [](FlashPortSearch& search) { search.CloseSignal(); }},
+                    Step{"Port", [](FlashPortSearch& search) { search.Port(); }}),
+    [](const auto& step) { return step.param.name; });
 
 }  // namespace

@@ -107,6 +107,8 @@ TEST_F(CheckTest, FindsASoundInstallationWithItsModemReady) {
   EXPECT_TRUE(findings.Ready());
   EXPECT_THAT(findings.Error("code"), IsEmpty());
   const std::vector<std::pair<std::string, std::string>> all{
+      {"command line", "not in the way"},
+      {"flash service", "not in the way"},
       {"configuration", PathOf(L"CorvelConfig.ini")},
       {"folder", PathOf(L"firmware")},
       {"modem image", SizeOf(workspace.ModemImage())},
@@ -129,7 +131,10 @@ TEST_F(CheckTest, PrintsALinePerFindingWithWhatToDo) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.errors, IsEmpty());
   EXPECT_EQ(result.output,
-            "ok       configuration     " + PathOf(L"CorvelConfig.ini") +
+            "ok       command line      not in the way\r\n"
+            "ok       flash service     not in the way\r\n"
+            "ok       configuration     " +
+                PathOf(L"CorvelConfig.ini") +
                 "\r\n"
                 "ok       folder            " +
                 PathOf(L"firmware") +

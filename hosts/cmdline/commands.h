@@ -16,6 +16,7 @@ struct FlashOptions {
 struct StatusOptions {
   bool watch = false;
   bool service = false;
+  bool history = false;
   bool json = false;
 };
 

@@ -12,7 +12,9 @@
 #include "commands.h"
 #include "configuration_file.h"
 #include "interruption.h"
+#include "job_record.h"
 #include "json_output.h"
+#include "kept_logs.h"
 #include "preflight.h"
 #include "progress_line.h"
 #include "serving_notice.h"
@@ -118,6 +120,7 @@ class FlashRun {
 
   std::optional<ExitCode> FindObstacle(const CommandLineClaim& claim) const;
   std::optional<ExitCode> FindOtherHost(const CommandLineClaim& claim) const;
+  void KeepLogOfLastRun() const;
   bool LoadConfiguration() const;
   void TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const;
   void ForgetLastRun();
@@ -129,6 +132,7 @@ class FlashRun {
   void WarnOnce();
   ExitCode Conclude();
   ExitCode ConcludeWithoutImages();
+  void LeaveRecordOf(const Handshake& values) const;
   ExitCode GiveUp(Ending ending);
   nlohmann::ordered_json Details(const Handshake& values, const UsedImages& images) const;
 
@@ -139,6 +143,12 @@ class FlashRun {
   bool m_warned = false;
   std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
 };
+
+void FlashRun::KeepLogOfLastRun() const {
+  if (m_options.trace == 0) return;
+  const std::string problem = KeepLastLog(LogPath());
+  if (!problem.empty()) std::cerr << "corvel_cmdline: " << problem << std::endl;
+}
 
 bool FlashRun::LoadConfiguration() const {
   // Asking makes the configuration and with it the service's log name; the log of this host has to be named
@@ -260,6 +270,7 @@ ExitCode FlashRun::Conclude() {
 
   const bool flashed = values.Is(FlashResult::Succeeded);
   const UsedImages images;
+  LeaveRecordOf(values);
   const Problem failure{
       "flash_failed", "The flash failed.",
       (values.Is(FlashResult::Failed) ? "" : "The download could not be started. ") +
@@ -277,6 +288,14 @@ ExitCode FlashRun::Conclude() {
     if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
   }
   return flashed ? ExitCode::Flashed : ExitCode::FlashFailed;
+}
+
+void FlashRun::LeaveRecordOf(const Handshake& values) const {
+  const std::string problem = LeaveRecord("cmdline", {.flashed = values.Is(FlashResult::Succeeded),
+                                                      .result = values.result.value_or(0),
+                                                      .progress = values.progress.value_or(0),
+                                                      .seconds = Seconds()});
+  if (!problem.empty()) std::cerr << "corvel_cmdline: " << problem << std::endl;
 }
 
 ExitCode FlashRun::GiveUp(Ending ending) {
@@ -299,6 +318,7 @@ ExitCode FlashRun::Run() {
   const auto configuration = ConfigurationFile::Read(ConfigurationPath());
   const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
   const FolderImages images = LookForImages(folder);
+  KeepLogOfLastRun();
   if (!configuration || !LoadConfiguration()) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
             "Close whatever holds it open; \"corvel_cmdline check\" tells more."},

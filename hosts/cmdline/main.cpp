@@ -64,8 +64,13 @@ CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
 CLI::App* AddStatus(CLI::App& program, StatusOptions& options) {
   CLI::App* const verb =
       AddVerb(program, "status", "Show the handshake, the modem and the images", options.json);
-  verb->add_flag("--watch", options.watch, "Show every change until Ctrl+C; with --json one line each");
-  verb->add_flag("--service", options.service, "Show the key of the service instead of the command line's");
+  CLI::Option* const watch =
+      verb->add_flag("--watch", options.watch, "Show every change until Ctrl+C; with --json one line each");
+  CLI::Option* const service = verb->add_flag("--service", options.service,
+                                              "Show the key of the service instead of the command line's");
+  verb->add_flag("--history", options.history, "Show how the last flashes ended, the service's too")
+      ->excludes(watch)
+      ->excludes(service);
   return verb;
 }
 

@@ -3,9 +3,7 @@
 #include <windows.h>
 
 #include <filesystem>
-#include <iostream>
 
-#include "json_output.h"
 #include "text.h"
 #include "toolkit/toolkit.h"
 
@@ -16,16 +14,8 @@ constexpr wchar_t kLogName[] = L"FlashCommandLineLogger_DLL.log";
 
 }  // namespace
 
-nlohmann::ordered_json AsJson(const Problem& problem, const nlohmann::ordered_json& details) {
-  nlohmann::ordered_json document{
-      {"error", {{"code", problem.code}, {"message", problem.message}, {"what_to_do", problem.whatToDo}}}};
-  document.update(details);
-  return document;
-}
-
 void Report(const Problem& problem, bool json) {
-  if (json) return PrintJson(AsJson(problem));
-  std::cerr << "corvel_cmdline: " << problem.message << "\n" << problem.whatToDo << std::endl;
+  Report("corvel_cmdline", problem, json);
 }
 
 std::wstring ConfigurationPath() {

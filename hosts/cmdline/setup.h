@@ -1,20 +1,10 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "handshake.h"
+#include "problem.h"
 
-/// What went wrong, in words for scripts and people.
-struct Problem {
-  std::string code;
-  std::string message;
-  std::string whatToDo;
-};
-
-/// The error object of a problem, with what else there is to tell behind it.
-nlohmann::ordered_json AsJson(const Problem& problem,
-                              const nlohmann::ordered_json& details = nlohmann::ordered_json::object());
 /// Prints a problem: as a JSON error object on standard output, or in words on standard error.
 void Report(const Problem& problem, bool json);
 

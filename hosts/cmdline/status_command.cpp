@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "configuration_file.h"
+#include "history_output.h"
 #include "interruption.h"
 #include "json_output.h"
 #include "modem_presence.h"
@@ -119,6 +120,9 @@ ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, bool json) {
 ExitCode RunStatus(const StatusOptions& options) {
   // Looking must not empty the log of a run that is going on.
   ToolKit::TurnLoggingOff();
+  if (options.history) {
+    return ShowHistory("corvel_cmdline", options.json) ? ExitCode::Flashed : ExitCode::NotReady;
+  }
   const auto configuration = ConfigurationFile::Read(ConfigurationPath());
   if (options.service && !configuration) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be read.",

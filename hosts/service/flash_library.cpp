@@ -6,6 +6,7 @@
 
 #include "configuration_file.h"
 #include "identity.h"
+#include "kept_logs.h"
 #include "text.h"
 
 namespace {
@@ -53,9 +54,13 @@ FlashLibrary Failed(unsigned long code, std::wstring reason) {
   return {.failure = LibraryFailure{code, std::move(reason)}, .key = {}};
 }
 
-}  // namespace
+std::wstring WhyNoConfiguration() {
+  const std::wstring path = ProgramFolder() + kConfiguration;
+  if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return path + L" is missing";
+  return path + L" cannot be read: another program has it open, or its permissions forbid it";
+}
 
-FlashLibrary LoadFlashLibrary() {
+FlashLibrary Load() {
   const std::wstring path = ProgramFolder() + kLibrary;
   // Never freed: its supervisor runs for the life of the process.
   const HMODULE library = ::LoadLibraryW(path.c_str());
@@ -66,11 +71,20 @@ FlashLibrary LoadFlashLibrary() {
   const Questions ask(library);
   if (!ask.AreKnown()) return Failed(kFailedNoLibrary, path + L" is of another version");
   if (!ask.isConfigLoaded()) {
-    return Failed(kFailedNoConfiguration,
-                  ProgramFolder() + kConfiguration + L" is missing, or another program has it open");
+    return Failed(kFailedNoConfiguration, WhyNoConfiguration());
   }
   return {.failure = std::nullopt,
           .key = {.root = ask.root(), .rootName = ask.rootName(), .path = ask.path()}};
+}
+
+}  // namespace
+
+FlashLibrary LoadFlashLibrary() {
+  // First: the library's first record empties the log.
+  std::string warning = KeepLastLog(ServiceLogPath());
+  FlashLibrary library = Load();
+  library.warning = std::move(warning);
+  return library;
 }
 
 std::optional<HandshakeKey> FlashServiceKey() {

@@ -9,8 +9,11 @@
 #include <vector>
 
 #include "flash_library.h"
+#include "history_output.h"
 #include "identity.h"
 #include "json_output.h"
+#include "nearest_word.h"
+#include "problem.h"
 #include "service_body.h"
 #include "service_control.h"
 #include "terminal.h"
@@ -22,29 +25,56 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 constexpr int kBusy = 3;
+constexpr int kNotReady = 4;
 
+constexpr char kProgram[] = "corvel_service";
 constexpr char kExitCodes[] =
-    "Exit status: 0 done, 1 failed, 2 wrong usage, 3 a flash is running and the service was not stopped.";
+    "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage; 3 a flash is running and the "
+    "service\n"
+    "was not stopped; 4 of status: not ready.";
 
-std::string Advice(DWORD error) {
-  switch (error) {
+std::string AdviceOnServiceCode(DWORD code) {
+  switch (code) {
+    case kFailedNoLibrary:
+      return "Look at the Windows event log; is CorvelToolKit.dll beside this program, and of its version?";
+    case kFailedNoConfiguration:
+      return "Look at the Windows event log; is CorvelConfig.ini beside this program? Has another program it "
+             "open?";
+    case kFailedNoResources:
+      return "Look at the Windows event log; close other programs, or start the PC anew, and try again.";
+    default:
+      return "Look at the Windows event log.";
+  }
+}
+
+std::string Advice(const ControlResult& result) {
+  switch (result.error) {
     case ERROR_ACCESS_DENIED:
       return "Run this program as an administrator.";
     case ERROR_SERVICE_DOES_NOT_EXIST:
       return "Install it first: corvel_service install";
     case ERROR_SERVICE_EXISTS:
-      return "It is installed already.";
-    case ERROR_SERVICE_ALREADY_RUNNING:
-      return "It is running already.";
+      return "It is installed already, but for another program or with another --start: uninstall it first.";
     case ERROR_SERVICE_NOT_ACTIVE:
-      return "It is not running.";
+      return "It ended at once. Look at the Windows event log.";
+    case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
+      return "It is stopping. Try again when it has stopped.";
     case ERROR_INVALID_SERVICE_CONTROL:
       return "A flash is running. Wait for its end, or use --force and let the next flash recover the modem.";
     case ERROR_SERVICE_SPECIFIC_ERROR:
-      return "Look at the Windows event log; is CorvelConfig.ini beside this program?";
+      return AdviceOnServiceCode(result.serviceCode);
     default:
       return "";
   }
+}
+
+std::string ReasonText(const ControlResult& result) {
+  if (result.error != ERROR_SERVICE_SPECIFIC_ERROR) return SystemErrorText(result.error);
+  return MeaningOfServiceCode(result.serviceCode) + " (" + std::to_string(result.serviceCode) + ")";
+}
+
+std::string FailureText(const ControlResult& result) {
+  return std::string("Could not ") + result.step + ": " + ReasonText(result) + ".";
 }
 
 int Conclude(const ControlResult& result, const std::string& success) {
@@ -56,33 +86,92 @@ int Conclude(const ControlResult& result, const std::string& success) {
     std::cout << success << std::endl;
     return kDone;
   }
-  std::cerr << "corvel_service: Could not " << result.step << ": " << SystemErrorText(result.error) << ".\n"
-            << Advice(result.error) << std::endl;
+  std::cerr << kProgram << ": " << FailureText(result) << "\n" << Advice(result) << std::endl;
   return result.error == ERROR_INVALID_SERVICE_CONTROL ? kBusy : kFailed;
+}
+
+/// For a verb that finds all as it is to be.
+int HadNothingToDo(const char* why) {
+  std::cout << why << std::endl;
+  return kDone;
+}
+
+int Install(bool automatic) {
+  const ControlResult result = InstallService(automatic);
+  if (result.error == ERROR_SERVICE_EXISTS && IsInstalledLikeThis(automatic)) {
+    return HadNothingToDo("It is installed already.");
+  }
+  return Conclude(result, "Installed.");
+}
+
+int Uninstall() {
+  const ControlResult result = UninstallService();
+  if (result.error == ERROR_SERVICE_DOES_NOT_EXIST) return HadNothingToDo("It is not installed.");
+  return Conclude(result, "Removed.");
+}
+
+int Start() {
+  const ControlResult result = StartFlashService();
+  if (result.error == ERROR_SERVICE_ALREADY_RUNNING) return HadNothingToDo("It is running already.");
+  return Conclude(result, "Running.");
+}
+
+int Stop(bool forced) {
+  const ControlResult result = StopFlashService(forced);
+  if (result.error == ERROR_SERVICE_DOES_NOT_EXIST) return HadNothingToDo("It is not installed.");
+  if (result.error == ERROR_SERVICE_NOT_ACTIVE) return HadNothingToDo("It is not running.");
+  return Conclude(result, "Stopped.");
+}
+
+/// What is wrong with the service, for its status; nothing while it can flash.
+std::optional<Problem> ProblemOf(const ServiceState& state, bool configured) {
+  if (state.HasFailed()) {
+    const ControlResult failure{
+        .error = state.win32ExitCode, .step = "run", .serviceCode = state.serviceExitCode};
+    return Problem{"service_failed", "The service ended: " + ReasonText(failure) + ".", Advice(failure)};
+  }
+  if (!configured) {
+    return Problem{"no_configuration",
+                   "The configuration " + ToUtf8(ProgramFolder()) + "CorvelConfig.ini cannot be read.",
+                   "Put it beside this program, or close whatever holds it open."};
+  }
+  return std::nullopt;
+}
+
+nlohmann::ordered_json AsJson(const ServiceState& state, const std::string& flashResult) {
+  return {{"installed", state.installed},
+          {"state", state.installed ? NameOfState(state.state) : "not installed"},
+          {"process_id", state.processId},
+          {"exit_code", state.win32ExitCode},
+          {"service_exit_code", state.serviceExitCode},
+          {"flash_result", flashResult}};
+}
+
+void Print(const ServiceState& state, const std::string& flashResult) {
+  std::cout << ToUtf8(kServiceName) << ": " << (state.installed ? NameOfState(state.state) : "not installed");
+  if (state.processId != 0) std::cout << ", process " << state.processId;
+  std::cout << "\nLast flash: " << flashResult << std::endl;
 }
 
 int ShowStatus(bool json) {
   ServiceState state;
   const ControlResult result = QueryFlashService(state);
-  if (result.error != ERROR_SUCCESS) return Conclude(result, "");
-  // The library finds no configuration while another program has it open, and a service that starts must.
-  const auto key = state.state == SERVICE_START_PENDING ? std::nullopt : FlashServiceKey();
-  const Handshake values = key ? ReadHandshake(*key) : Handshake{};
-  if (json) {
-    PrintJson({{"installed", state.installed},
-               {"state", state.installed ? NameOfState(state.state) : "not installed"},
-               {"process_id", state.processId},
-               {"exit_code", state.win32ExitCode},
-               {"service_exit_code", state.serviceExitCode},
-               {"flash_result", MeaningOfResult(values.result)}});
-    return kDone;
+  if (result.error != ERROR_SUCCESS) {
+    Report(kProgram, {"no_service_manager", FailureText(result), Advice(result)}, json);
+    return kNotReady;
   }
-  std::cout << ToUtf8(kServiceName) << ": " << (state.installed ? NameOfState(state.state) : "not installed");
-  if (state.processId != 0) std::cout << ", process " << state.processId;
-  if (state.win32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR)
-    std::cout << ", ended with " << state.serviceExitCode;
-  std::cout << "\nLast flash: " << MeaningOfResult(values.result) << std::endl;
-  return kDone;
+  // The library finds no configuration while another program has it open, and a service that starts must.
+  const bool starting = state.state == SERVICE_START_PENDING;
+  const auto key = starting ? std::nullopt : FlashServiceKey();
+  const std::string flashResult = key ? MeaningOfResult(ReadHandshake(*key).result) : "unknown";
+  const std::optional<Problem> problem = ProblemOf(state, key || starting);
+  if (json) {
+    PrintJson(problem ? AsJson(*problem, AsJson(state, flashResult)) : AsJson(state, flashResult));
+  } else {
+    Print(state, flashResult);
+    if (problem) Report(kProgram, *problem, false);
+  }
+  return problem ? kNotReady : kDone;
 }
 
 /// Two supervisors would both take the next request.
@@ -109,10 +198,48 @@ int RunWithoutVerb(const CLI::App& program) {
   return kWrongUsage;
 }
 
-int Run(std::vector<std::string> words) {
+std::vector<std::string> NamesOfVerbs(const CLI::App& program) {
+  std::vector<std::string> names;
+  for (const CLI::App* const verb : program.get_subcommands(nullptr)) names.push_back(verb->get_name());
+  return names;
+}
+
+/// "help" and "help VERB" say the same as the option.
+void TakeHelpForAnOption(std::vector<std::string>& words) {
+  if (words.empty() || words.front() != "help") return;
+  words.erase(words.begin());
+  words.resize(std::min<std::size_t>(words.size(), 1));
+  words.emplace_back("--help");
+}
+
+/// @return what is wrong with a first word that is neither a verb nor an option; nothing when it is one.
+std::optional<Problem> UnknownVerb(const CLI::App& program, const std::vector<std::string>& words) {
+  const std::vector<std::string> verbs = NamesOfVerbs(program);
+  if (words.empty() || words.front().starts_with("-") ||
+      std::ranges::find(verbs, words.front()) != verbs.end()) {
+    return std::nullopt;
+  }
+  const std::string nearest = NearestWord(words.front(), verbs);
+  return Problem{"wrong_usage", "\"" + words.front() + "\" is no verb.",
+                 nearest.empty() ? "See corvel_service --help." : "Did you mean \"" + nearest + "\"?"};
+}
+
+/// @return the exit status of a parse that did not lead to a verb.
+int Answer(const CLI::App& program, const CLI::ParseError& error, bool json) {
+  // Help and version are no errors for the library either.
+  if (error.get_exit_code() == 0) return program.exit(error);
+  if (json) {
+    Report(kProgram, {"wrong_usage", error.what(), "See corvel_service --help."}, true);
+  } else {
+    program.exit(error);
+  }
+  return kWrongUsage;
+}
+
+int Run(std::vector<std::string> words, bool json) {
   CLI::App program{"Runs the modem flash library as a Windows service."};
   program.name("corvel_service");
-  program.set_version_flag("--version", std::string("corvel_service ") + CORVEL_VERSION);
+  program.set_version_flag("-V,--version", std::string("corvel_service ") + CORVEL_VERSION);
   program.footer(kExitCodes);
   program.require_subcommand(0, 1);
 
@@ -125,35 +252,42 @@ int Run(std::vector<std::string> words) {
   };
 
   std::string start = "auto";
-  add("install", "Install the service",
-      [&] { return Conclude(InstallService(start == "auto"), "Installed."); })
+  add("install", "Install the service", [&] { return Install(start == "auto"); })
       ->add_option("--start", start, "When the service starts")
       ->check(CLI::IsMember({"auto", "demand"}))
       ->capture_default_str();
-  add("uninstall", "Stop the service and remove it", [] { return Conclude(UninstallService(), "Removed."); });
-  add("start", "Start the service", [] { return Conclude(StartFlashService(), "Running."); });
+  add("uninstall", "Stop the service and remove it", Uninstall);
+  add("start", "Start the service", Start);
 
   bool forced = false;
   add("stop", "Stop the service, unless a flash is running", [&] {
-    return Conclude(StopFlashService(forced), "Stopped.");
+    return Stop(forced);
   })->add_flag("--force", forced, "Stop it even then");
 
-  bool json = false;
-  add("status", "Show the service's state", [&] {
+  bool history = false;
+  CLI::App* const status = add("status", "Show the service's state", [&] {
+    if (history) return ShowHistory(kProgram, json) ? kDone : kNotReady;
     return ShowStatus(json);
-  })->add_flag("--json", json, "Print one JSON document and nothing else");
+  });
+  status->add_flag("--json", json, "Print one JSON document and nothing else");
+  status->add_flag("--history", history, "Show how the last flashes ended, the command line's too");
 
   bool console = false;
   add("run", "Run in this terminal until Ctrl+C", [] { return RunBesideNoService(); })
       ->add_flag("--console", console, "Needed, so that nobody does it by mistake")
       ->required();
 
+  TakeHelpForAnOption(words);
+  if (const auto problem = UnknownVerb(program, words)) {
+    Report(kProgram, *problem, json);
+    return kWrongUsage;
+  }
   try {
     // The parser takes them from the back.
     std::ranges::reverse(words);
     program.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    return program.exit(error) == 0 ? kDone : kWrongUsage;
+    return Answer(program, error, json);
   }
   return action();
 }
@@ -162,10 +296,12 @@ int Run(std::vector<std::string> words) {
 
 int main() {
   const Utf8Terminal terminal;
+  std::vector<std::string> words = CommandLineWords();
+  const bool json = std::ranges::find(words, "--json") != words.end();
   try {
-    return Run(CommandLineWords());
+    return Run(std::move(words), json);
   } catch (const std::exception& error) {
-    std::cerr << "corvel_service: " << error.what() << "." << std::endl;
+    Report(kProgram, {"internal", std::string(error.what()) + ".", "Try again."}, json);
     return kFailed;
   }
 }

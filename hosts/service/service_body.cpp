@@ -11,6 +11,7 @@
 #include "flash_library.h"
 #include "identity.h"
 #include "interruption.h"
+#include "job_record.h"
 #include "messages.h"
 #include "owners.h"
 #include "service_report.h"
@@ -43,7 +44,9 @@ class Service {
   void WaitForStop();
   bool WaitForAttemptToEnd();
 
-  void TellOfChange();
+  void LookForEndOfJob(const Handshake& values);
+
+  Handshake TellOfChange();
   void TellAnew(bool mayBeInterrupted);
   void BeginToStop(bool mayBeInterrupted);
   bool GoesOnStopping();
@@ -51,6 +54,8 @@ class Service {
 
   OwnedHandle m_stop;
   HandshakeKey m_key;
+  /// For the service's own thread alone.
+  JobWatch m_jobs;
 
   /// Guards what follows: both threads tell the manager what they know.
   std::mutex m_mutex;
@@ -80,13 +85,15 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
 }
 
 /// A stop is refused, in the way that the system provides, by not accepting it while a flash is running.
-void Service::TellOfChange() {
+/// @return what it went by.
+Handshake Service::TellOfChange() {
   const std::lock_guard lock(m_mutex);
-  const bool flashing = ReadHandshake(m_key).IsJobOpen();
-  if (!m_report.IsRunning() || flashing == m_flashing) return;
-  m_flashing = flashing;
+  Handshake values = ReadHandshake(m_key);
+  if (!m_report.IsRunning() || values.IsJobOpen() == m_flashing) return values;
+  m_flashing = values.IsJobOpen();
   m_mayBeInterrupted = false;
   m_report.Running(!m_flashing);
+  return values;
 }
 
 /// What the manager was told may be a moment old; whoever asks gets the truth of now.
@@ -128,6 +135,11 @@ void Service::BeginToServe(const HandshakeKey& key) {
   m_report.Running(!m_flashing);
 }
 
+/// Without the lock: a control must not wait for a file.
+void Service::LookForEndOfJob(const Handshake& values) {
+  if (const auto job = m_jobs.Look(values)) LeaveRecord("service", *job);
+}
+
 void Service::WaitForStop() {
   HandshakeWatch watch(m_key);
   const HANDLE signals[] = {m_stop.get(), watch.Event()};
@@ -135,7 +147,7 @@ void Service::WaitForStop() {
   while (ended != WAIT_OBJECT_0) {
     // Armed before the look, so that no change falls between the look and the wait.
     const DWORD period = PeriodOf(watch);
-    TellOfChange();
+    LookForEndOfJob(TellOfChange());
     ended = ::WaitForMultipleObjects(2, signals, FALSE, period);
     if (ended == WAIT_FAILED) ThrowLastError("The wait for a stop failed");
   }
@@ -148,7 +160,9 @@ bool Service::WaitForAttemptToEnd() {
   const ULONGLONG begin = ::GetTickCount64();
   for (;;) {
     watch.Arm();
-    if (!ReadHandshake(m_key).IsAttemptRunning()) return true;
+    const Handshake values = ReadHandshake(m_key);
+    LookForEndOfJob(values);
+    if (!values.IsAttemptRunning()) return true;
     if (::GetTickCount64() - begin >= kLongestAttemptMs || !GoesOnStopping()) return false;
     ::WaitForSingleObject(watch.Event(), kCheckPointPeriodMs);
   }
@@ -157,6 +171,7 @@ bool Service::WaitForAttemptToEnd() {
 void Service::Serve() {
   m_stop = NewEvent();
   const FlashLibrary library = LoadFlashLibrary();
+  if (!library.warning.empty()) WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(library.warning));
   if (library.failure) return Fail(*library.failure);
   const ServingNotice notice(Server::Service, library.key);
   BeginToServe(library.key);
@@ -185,6 +200,10 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
   service.Run();
 }
 
+void Warn(const std::string& text) {
+  if (!text.empty()) std::cerr << "corvel_service: " << text << std::endl;
+}
+
 void Print(const Handshake& values) {
   std::cout << "Fls_Ready " << values.ready.value_or(0) << ", Flash_Result " << values.result.value_or(0)
             << " (" << MeaningOfResult(values.result) << "), " << values.progress.value_or(0) << " %"
@@ -195,9 +214,12 @@ void Print(const Handshake& values) {
 void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interruption) {
   HandshakeWatch watch(key);
   const HANDLE signals[] = {interruption.Event(), watch.Event()};
+  JobWatch jobs;
   for (bool warned = false;;) {
     const DWORD period = PeriodOf(watch);
-    Print(ReadHandshake(key));
+    const Handshake values = ReadHandshake(key);
+    Print(values);
+    if (const auto job = jobs.Look(values)) Warn(LeaveRecord("console", *job));
     if (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0) continue;
     if (warned || interruption.IsFinal() || !ReadHandshake(key).IsJobRunning()) return;
     std::cerr
@@ -220,6 +242,7 @@ unsigned long RunAsService() {
 int RunInConsole() {
   const Interruption interruption;
   const FlashLibrary library = LoadFlashLibrary();
+  Warn(library.warning);
   if (library.failure) {
     std::cerr << "corvel_service: " << ToUtf8(library.failure->reason) << "\nMend it and start again."
               << std::endl;

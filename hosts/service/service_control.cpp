@@ -92,10 +92,22 @@ bool AskToStop(SC_HANDLE service, bool forced) {
          ::ControlService(service, SERVICE_CONTROL_STOP, &status);
 }
 
-DWORD ExitCodeOf(SC_HANDLE service) {
+ControlResult WhyItDoesNotRun(SC_HANDLE service) {
+  constexpr char kStep[] = "get the service to run";
   SERVICE_STATUS_PROCESS status{};
-  if (!QueryStatus(service, status)) return ::GetLastError();
-  return status.dwWin32ExitCode != NO_ERROR ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
+  if (!QueryStatus(service, status)) return Failed(kStep);
+  const DWORD error = status.dwWin32ExitCode != NO_ERROR ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
+  return {.error = error, .step = kStep, .serviceCode = status.dwServiceSpecificExitCode};
+}
+
+/// The program and its arguments as the manager starts them. Quoted: a blank in an unquoted path lets another
+/// program be started in its place.
+std::wstring ServiceCommand() {
+  return L"\"" + ProgramPath() + L"\"";
+}
+
+DWORD StartType(bool automatic) {
+  return automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
 }
 
 /// Gives a new service all that it needs beyond its entry in the manager's list.
@@ -120,16 +132,28 @@ ControlResult Remove(SC_HANDLE service) {
 ControlResult InstallService(bool automatic) {
   const UniqueService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
   if (manager == nullptr) return Failed("open the service manager");
-  // Quoted: a blank in an unquoted path lets another program be started in its place.
-  const std::wstring command = L"\"" + ProgramPath() + L"\"";
-  const UniqueService service(
-      ::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
-                       SERVICE_WIN32_OWN_PROCESS, automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START,
-                       SERVICE_ERROR_NORMAL, command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  const UniqueService service(::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                                               SERVICE_WIN32_OWN_PROCESS, StartType(automatic),
+                                               SERVICE_ERROR_NORMAL, ServiceCommand().c_str(), nullptr,
+                                               nullptr, nullptr, nullptr, nullptr));
   if (service == nullptr) return Failed("create the service");
   const ControlResult furnished = Furnish(service.get());
   if (furnished.error != ERROR_SUCCESS) Remove(service.get());
   return furnished;
+}
+
+bool IsInstalledLikeThis(bool automatic) {
+  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  const UniqueService service = OpenFlashService(manager.get(), SERVICE_QUERY_CONFIG);
+  // The largest that the system gives.
+  alignas(QUERY_SERVICE_CONFIGW) std::array<BYTE, 8192> memory{};
+  auto* const configuration = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(memory.data());
+  DWORD needed = 0;
+  return service != nullptr &&
+         ::QueryServiceConfigW(service.get(), configuration, static_cast<DWORD>(memory.size()), &needed) &&
+         configuration->dwStartType == StartType(automatic) &&
+         ::CompareStringOrdinal(configuration->lpBinaryPathName, -1, ServiceCommand().c_str(), -1, TRUE) ==
+             CSTR_EQUAL;
 }
 
 ControlResult UninstallService() {
@@ -150,9 +174,17 @@ ControlResult StartFlashService() {
   if (manager == nullptr) return Failed("open the service manager");
   const UniqueService service = OpenFlashService(manager.get(), SERVICE_START | SERVICE_QUERY_STATUS);
   if (service == nullptr) return Failed("open the service");
-  if (!::StartServiceW(service.get(), 0, nullptr)) return Failed("start the service");
-  if (WaitWhile(service.get(), SERVICE_START_PENDING, kLongestStartMs) == SERVICE_RUNNING) return {};
-  return {ExitCodeOf(service.get()), "get the service to run"};
+  const bool started = ::StartServiceW(service.get(), 0, nullptr) != FALSE;
+  if (!started && ::GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) return Failed("start the service");
+  switch (WaitWhile(service.get(), SERVICE_START_PENDING, kLongestStartMs)) {
+    case SERVICE_RUNNING:
+      return {started ? static_cast<DWORD>(ERROR_SUCCESS) : ERROR_SERVICE_ALREADY_RUNNING,
+              "start the service"};
+    case SERVICE_STOP_PENDING:
+      return {ERROR_SERVICE_CANNOT_ACCEPT_CTRL, "start the service"};
+    default:
+      return WhyItDoesNotRun(service.get());
+  }
 }
 
 ControlResult StopFlashService(bool forced) {
@@ -205,5 +237,18 @@ const char* NameOfState(DWORD state) {
       return "running";
     default:
       return "in another state";
+  }
+}
+
+std::string MeaningOfServiceCode(DWORD code) {
+  switch (code) {
+    case kFailedNoLibrary:
+      return "the flash library cannot be loaded";
+    case kFailedNoConfiguration:
+      return "the configuration cannot be loaded";
+    case kFailedNoResources:
+      return "the system refused a resource";
+    default:
+      return "for a reason of its own";
   }
 }

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 /// What managing the service comes to, for a message and an exit status.
 struct ControlResult {
   DWORD error = ERROR_SUCCESS;
@@ -9,6 +11,8 @@ struct ControlResult {
   const char* step = "";
   /// What the service goes without although the call succeeded; empty: nothing.
   const char* missing = "";
+  /// With ERROR_SERVICE_SPECIFIC_ERROR: the code that the service ended with.
+  DWORD serviceCode = 0;
 };
 
 struct ServiceState {
@@ -17,14 +21,24 @@ struct ServiceState {
   DWORD processId = 0;
   DWORD win32ExitCode = 0;
   DWORD serviceExitCode = 0;
+
+  /// Whether it ended by itself, and in failure. A service that was never started says so in the same place.
+  bool HasFailed() const {
+    return installed && state == SERVICE_STOPPED && win32ExitCode != NO_ERROR &&
+           win32ExitCode != ERROR_SERVICE_NEVER_STARTED;
+  }
 };
 
 ControlResult InstallService(bool automatic);
+/// Whether the service is installed already as InstallService would do it.
+bool IsInstalledLikeThis(bool automatic);
 /// Stops the service if need be and removes all that installing made.
 ControlResult UninstallService();
-/// Starts the service and waits until it runs.
+/// Starts the service and waits until it runs; ERROR_SERVICE_ALREADY_RUNNING when it did before.
 ControlResult StartFlashService();
 /// Stops the service and waits until it has stopped. A running flash is interrupted only when `forced`.
 ControlResult StopFlashService(bool forced);
 ControlResult QueryFlashService(ServiceState& state);
 const char* NameOfState(DWORD state);
+/// In words, why the service ended with one of its own codes.
+std::string MeaningOfServiceCode(DWORD code);

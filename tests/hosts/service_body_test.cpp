@@ -20,6 +20,7 @@
 #include "flash_library.h"
 #include "identity.h"
 #include "import_patch.h"
+#include "job_record.h"
 #include "kept_key.h"
 #include "messages.h"
 
@@ -78,6 +79,7 @@ class Manager {
 Manager* g_manager = nullptr;
 FlashLibrary g_library;
 std::vector<DWORD> g_events;
+std::vector<std::string> g_records;
 
 // One thread: the service's main function runs where the real dispatcher would wait for it.
 BOOL WINAPI Dispatch(const SERVICE_TABLE_ENTRYW* table) {
@@ -105,6 +107,11 @@ void WriteEvent(DWORD message, const std::wstring&) {
   g_events.push_back(message);
 }
 
+std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
+  g_records.push_back(host + ": " + std::to_string(job.result));
+  return {};
+}
+
 namespace {
 
 class ServiceBodyTest : public testing::Test {
@@ -113,6 +120,7 @@ class ServiceBodyTest : public testing::Test {
     g_manager = &manager;
     g_library = {.failure = std::nullopt, .key = key.Location()};
     g_events.clear();
+    g_records.clear();
     m_patch.Replace("StartServiceCtrlDispatcherW", &Dispatch);
     m_patch.Replace("RegisterServiceCtrlHandlerExW", &TakeHandler);
     m_patch.Replace("SetServiceStatus", &Hear);
@@ -177,6 +185,53 @@ TEST_F(ServiceBodyTest, EndsWithTheLibrarysFailureAsItsOwnCode) {
   EXPECT_EQ(manager.Last().dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
   EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kFailedNoConfiguration);
   EXPECT_THAT(g_events, ElementsAre(static_cast<DWORD>(MSG_SERVICE_FAILED)));
+}
+
+TEST_F(ServiceBodyTest, TellsOfALogThatCouldNotBeKeptAndServesAllTheSame) {
+  g_library.warning = "the log of the last run is not kept";
+  Start();
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_EVIDENCE_NOT_KEPT), static_cast<DWORD>(MSG_SERVICE_STARTED),
+                          static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+// --- What it leaves of a job -----------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, LeavesOneRecordOfEachJob) {
+  Start();
+  for (int i = 0; i < 2; ++i) {
+    key.Write(L"Flash_Result", 0);
+    BeginJob();
+    ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+    EndJob();
+    ASSERT_TRUE(manager.HearsAccepted(kStoppable));
+  }
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_records, ElementsAre("service: 4", "service: 4"));
+}
+
+TEST_F(ServiceBodyTest, LeavesARecordOfAJobThatEndsWhileAStopWaitsForIt) {
+  Start();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  ASSERT_TRUE(manager.HearsState(SERVICE_STOP_PENDING));
+  EndJob();
+  AwaitEnd();
+  EXPECT_THAT(g_records, ElementsAre("service: 4"));
+}
+
+TEST_F(ServiceBodyTest, LeavesNoRecordOfAnInterruptedJob) {
+  Start();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(kControlAllowInterruption);
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_TRUE(g_records.empty());
 }
 
 // --- What it accepts -------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <winsvc.h>
 
+#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,8 +12,10 @@
 
 #include "child_process.h"
 #include "event_log.h"
+#include "flash_history.h"
 #include "host_workspace.h"
 #include "import_patch.h"
+#include "job_record.h"
 #include "kept_key.h"
 #include "messages.h"
 #include "service_control.h"
@@ -239,9 +242,20 @@ TEST_F(ServiceTest, RegistersItsMessagesAsAnEventSource) {
 TEST_F(ServiceTest, IsNotInstalledTwice) {
   ASSERT_EQ(Service({L"install"}).exitCode, 0);
   const RunResult second = Service({L"install"});
-  EXPECT_EQ(second.exitCode, 1);
-  EXPECT_THAT(second.errors, HasSubstr("It is installed already."));
+  EXPECT_EQ(second.exitCode, 0);
+  EXPECT_EQ(second.output, "It is installed already.\r\n");
   EXPECT_TRUE(ManagedService().Exists());
+}
+
+TEST_F(ServiceTest, SaysThatAnotherServiceOfItsNameIsInstalled) {
+  ASSERT_EQ(Service({L"install"}).exitCode, 0);
+  const RunResult otherStart = Service({L"install", L"--start", L"demand"});
+  EXPECT_EQ(otherStart.exitCode, 1);
+  EXPECT_THAT(otherStart.errors, HasSubstr("for another program or with another --start"));
+  const HostWorkspace other(L"-other");
+  const RunResult otherProgram = RunToEnd(other.Service(), {L"install"});
+  EXPECT_EQ(otherProgram.exitCode, 1);
+  EXPECT_THAT(otherProgram.errors, HasSubstr("for another program or with another --start"));
 }
 
 TEST_F(ServiceTest, LeavesNothingBehindWhenItIsUninstalled) {
@@ -254,11 +268,26 @@ TEST_F(ServiceTest, LeavesNothingBehindWhenItIsUninstalled) {
 }
 
 TEST_F(ServiceTest, SaysThatItIsNotInstalled) {
-  for (const wchar_t* verb : {L"start", L"stop", L"uninstall"}) {
+  const RunResult start = Service({L"start"});
+  EXPECT_EQ(start.exitCode, 1);
+  EXPECT_THAT(start.errors, HasSubstr("Install it first"));
+  // These two find all as it is to be.
+  for (const wchar_t* verb : {L"stop", L"uninstall"}) {
     const RunResult result = Service({verb});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_THAT(result.errors, HasSubstr("Install it first"));
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output, "It is not installed.\r\n");
   }
+}
+
+TEST_F(ServiceTest, IsDoneWhenItRunsOrHasStoppedAlready) {
+  InstallAndStart();
+  const RunResult start = Service({L"start"});
+  EXPECT_EQ(start.exitCode, 0);
+  EXPECT_EQ(start.output, "It is running already.\r\n");
+  ASSERT_EQ(Service({L"stop"}).exitCode, 0);
+  const RunResult stop = Service({L"stop"});
+  EXPECT_EQ(stop.exitCode, 0);
+  EXPECT_EQ(stop.output, "It is not running.\r\n");
 }
 
 /// The message table is a resource of the program that ships.
@@ -326,6 +355,41 @@ TEST_F(EventLogTest, WritesStartAndStopAsInformation) {
   EXPECT_EQ(g_written.type, EVENTLOG_INFORMATION_TYPE);
 }
 
+TEST_F(EventLogTest, WritesAFinishedFlashAsWhatItIs) {
+  WriteEvent(MSG_FLASH_SUCCEEDED, L"how");
+  EXPECT_EQ(g_written.type, EVENTLOG_INFORMATION_TYPE);
+  EXPECT_EQ(g_written.insertion, L"how");
+  WriteEvent(MSG_FLASH_FAILED, L"how");
+  EXPECT_EQ(g_written.type, EVENTLOG_ERROR_TYPE);
+  WriteEvent(MSG_EVIDENCE_NOT_KEPT, L"why");
+  EXPECT_EQ(g_written.type, EVENTLOG_WARNING_TYPE);
+}
+
+/// With the history where this test's own program would have it.
+TEST_F(EventLogTest, HoldsOneEntryForAJobAndTheHistoryOneLine) {
+  const FlashHistory history;
+  std::filesystem::remove(history.Path());
+  EXPECT_EQ(LeaveRecord("service", {.flashed = false, .result = 3, .progress = 40, .seconds = 131}), "");
+  EXPECT_EQ(g_written.id, static_cast<DWORD>(MSG_FLASH_FAILED));
+  EXPECT_EQ(g_written.insertion, L"Flash_Result 3 (failed) after 131 s, 40 % of the images written.");
+  EXPECT_EQ(history.Read().entries.size(), 1u);
+  EXPECT_EQ(LeaveRecord("service", {.flashed = true, .result = 4, .progress = 100, .seconds = 57}), "");
+  EXPECT_EQ(g_written.id, static_cast<DWORD>(MSG_FLASH_SUCCEEDED));
+  EXPECT_EQ(history.Read().entries.size(), 2u);
+  std::filesystem::remove(history.Path());
+}
+
+TEST_F(EventLogTest, TellsOfAHistoryThatCannotBeWritten) {
+  const FlashHistory history;
+  std::filesystem::remove(history.Path());
+  std::filesystem::create_directory(history.Path());
+  const std::string problem = LeaveRecord("service", {.flashed = true, .result = 4});
+  std::filesystem::remove(history.Path());
+  EXPECT_THAT(problem, HasSubstr("The flash is not in the history"));
+  EXPECT_EQ(g_written.id, static_cast<DWORD>(MSG_EVIDENCE_NOT_KEPT));
+  EXPECT_EQ(ToUtf8(g_written.insertion), problem);
+}
+
 TEST_F(EventLogTest, WritesAnInterruptedFlashAsAWarning) {
   WriteEvent(MSG_SERVICE_STOPPED_WHILE_FLASHING);
   EXPECT_EQ(g_written.type, EVENTLOG_WARNING_TYPE);
@@ -341,7 +405,14 @@ TEST_F(ServiceTest, SaysThatItWasNotStartedByTheManagerAndShowsItsHelp) {
 }
 
 TEST_F(ServiceTest, TellsItsVersionAndHelp) {
-  EXPECT_EQ(Service({L"--version"}).output, "corvel_service " CORVEL_VERSION "\r\n");
+  for (const wchar_t* word : {L"--version", L"-V"}) {
+    EXPECT_EQ(Service({word}).output, "corvel_service " CORVEL_VERSION "\r\n");
+    EXPECT_EQ(Service({word}).exitCode, 0);
+  }
+  const RunResult help = Service({L"help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_EQ(help.output, Service({L"--help"}).output);
+  EXPECT_THAT(Service({L"help", L"install"}).output, HasSubstr("--start"));
   EXPECT_THAT(Service({L"install", L"--help"}).output, HasSubstr("--start"));
   EXPECT_EQ(Service({L"install", L"--help"}).exitCode, 0);
 }
@@ -350,6 +421,80 @@ TEST_F(ServiceTest, RefusesWrongUsage) {
   EXPECT_EQ(Service({L"bogus"}).exitCode, 2);
   EXPECT_EQ(Service({L"install", L"--start", L"never"}).exitCode, 2);
   EXPECT_EQ(Service({L"run"}).exitCode, 2);
+}
+
+TEST_F(ServiceTest, NamesTheVerbThatAMistypedOneIsNearTo) {
+  const RunResult result = Service({L"statsu"});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.errors,
+              AllOf(HasSubstr("\"statsu\" is no verb."), HasSubstr("Did you mean \"status\"?")));
+  EXPECT_THAT(Service({L"bogus"}).errors,
+              AllOf(HasSubstr("\"bogus\" is no verb."), Not(HasSubstr("Did you"))));
+}
+
+TEST_F(ServiceTest, RefusesWrongUsageInJsonToo) {
+  for (const std::vector<std::wstring>& words :
+       {std::vector<std::wstring>{L"statsu", L"--json"}, {L"status", L"--json", L"--bogus"}}) {
+    const RunResult result = Service(words);
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.errors, IsEmpty());
+    EXPECT_EQ(nlohmann::json::parse(result.output, nullptr, false)["error"]["code"], "wrong_usage");
+  }
+}
+
+// --- Status ----------------------------------------------------------------------------------------------
+
+TEST_F(ServiceTest, HasAStatusOfZeroWhileNothingIsWrong) {
+  EXPECT_EQ(Service({L"status"}).exitCode, 0);
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  EXPECT_EQ(Service({L"status"}).exitCode, 0);
+  ASSERT_EQ(Service({L"start"}).exitCode, 0);
+  EXPECT_EQ(Service({L"status", L"--json"}).exitCode, 0);
+  EXPECT_FALSE(Status().contains("error"));
+}
+
+TEST_F(ServiceTest, SaysInItsStatusThatTheConfigurationCannotBeRead) {
+  workspace.Remove(L"CorvelConfig.ini");
+  const RunResult result = Service({L"status"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_THAT(result.output, HasSubstr("Last flash: unknown"));
+  EXPECT_THAT(result.errors, HasSubstr("CorvelConfig.ini cannot be read."));
+  EXPECT_EQ(Service({L"status", L"--json"}).exitCode, 4);
+  EXPECT_EQ(Status()["error"]["code"], "no_configuration");
+  EXPECT_EQ(Status()["state"], "not installed");
+}
+
+TEST_F(ServiceTest, ShowsHowTheLastFlashesEnded) {
+  EXPECT_THAT(Service({L"status", L"--history"}).output, HasSubstr("No flash has come to its end here yet."));
+  std::ofstream(workspace.File(L"CorvelFlashHistory.txt"), std::ios::binary)
+      << "2026-11-15 23:04:11\tservice\t3\t40\t131\tfailed\r\n"
+         "2026-11-15 23:09:00\tcmdline\t4\t100\t57\tsucceeded\r\n";
+  const RunResult result = Service({L"status", L"--history"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(
+      result.output,
+      "2026-11-15 23:04:11  service  failed: Flash_Result 3 (failed) after 131 s, 40 % of the images "
+      "written.\r\n"
+      "2026-11-15 23:09:00  cmdline  succeeded: Flash_Result 4 (succeeded) after 57 s, 100 % of the images "
+      "written.\r\n");
+  const auto shown =
+      nlohmann::json::parse(Service({L"status", L"--history", L"--json"}).output, nullptr, false);
+  ASSERT_EQ(shown["history"].size(), 2u);
+  EXPECT_EQ(shown["history"][0], (nlohmann::json{{"time", "2026-11-15 23:04:11"},
+                                                 {"host", "service"},
+                                                 {"flashed", false},
+                                                 {"result", 3},
+                                                 {"meaning", "failed"},
+                                                 {"progress", 40},
+                                                 {"seconds", 131}}));
+  EXPECT_EQ(RunToEnd(workspace.CommandLineHost(), {L"status", L"--history"}).output, result.output);
+}
+
+TEST_F(ServiceTest, SaysThatTheHistoryCannotBeRead) {
+  std::filesystem::create_directory(workspace.File(L"CorvelFlashHistory.txt"));
+  const RunResult result = Service({L"status", L"--history", L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(nlohmann::json::parse(result.output, nullptr, false)["error"]["code"], "no_history");
 }
 
 // --- Running ---------------------------------------------------------------------------------------------
@@ -377,7 +522,8 @@ TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheConfigurationIsMissing) {
   ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
   const RunResult result = Service({L"start"});
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(result.errors, HasSubstr("is CorvelConfig.ini beside this program?"));
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("the configuration cannot be loaded (2)"),
+                                   HasSubstr("is CorvelConfig.ini beside this program?")));
   const SERVICE_STATUS_PROCESS status = ManagedService().Status();
   EXPECT_EQ(status.dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
   EXPECT_EQ(status.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
@@ -387,8 +533,23 @@ TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheConfigurationIsMissing) {
 TEST_F(ServiceTest, EndsWithItsOwnCodeWhenTheLibraryIsMissing) {
   workspace.Remove(L"CorvelToolKit.dll");
   ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
-  EXPECT_EQ(Service({L"start"}).exitCode, 1);
+  const RunResult result = Service({L"start"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("the flash library cannot be loaded (1)"),
+                                   HasSubstr("is CorvelToolKit.dll beside this program"),
+                                   Not(HasSubstr("CorvelConfig.ini"))));
   EXPECT_EQ(ManagedService().Status().dwServiceSpecificExitCode, 1u);
+  const RunResult status = Service({L"status"});
+  EXPECT_EQ(status.exitCode, 4);
+  EXPECT_THAT(status.errors, HasSubstr("The service ended: the flash library cannot be loaded (1)."));
+  EXPECT_EQ(Status()["error"]["code"], "service_failed");
+  EXPECT_EQ(Status()["service_exit_code"], 1);
+}
+
+TEST_F(ServiceTest, PutsItsOwnExitCodesIntoWords) {
+  EXPECT_EQ(MeaningOfServiceCode(1), "the flash library cannot be loaded");
+  EXPECT_EQ(MeaningOfServiceCode(2), "the configuration cannot be loaded");
+  EXPECT_EQ(MeaningOfServiceCode(3), "the system refused a resource");
 }
 
 TEST_F(ServiceTest, FlashesForAControllingProgram) {
@@ -413,9 +574,22 @@ TEST_F(ServiceTest, LeavesNothingBehindAfterALifeWithAFlash) {
   EXPECT_FALSE(ManagedService().Exists());
   EXPECT_FALSE(KeyExists(kServiceEntry));
   EXPECT_FALSE(KeyExists(kEventSource));
-  // The images are used up; the debug log is all that was made.
+  // The images are used up; the evidence is all that was made.
   EXPECT_THAT(workspace.FilesBesideTheInstallation(),
-              testing::ElementsAre(L"FlashServiceDebugLogger_DLL.log"));
+              testing::UnorderedElementsAre(L"FlashServiceDebugLogger_DLL.log", L"CorvelFlashHistory.txt"));
+  EXPECT_THAT(workspace.Content(L"CorvelFlashHistory.txt"), HasSubstr("\tservice\t4\t100\t"));
+}
+
+TEST_F(ServiceTest, KeepsTheLogOfTheRunBefore) {
+  const std::string evidence = "what a failed flash has written";
+  std::ofstream(workspace.File(L"FlashServiceDebugLogger_DLL.log"), std::ios::binary) << evidence;
+  InstallAndStart();
+  ASSERT_EQ(Service({L"stop"}).exitCode, 0);
+  const std::vector<std::wstring> files = workspace.FilesBesideTheInstallation();
+  ASSERT_EQ(files.size(), 2u);
+  const bool first = files[0] == L"FlashServiceDebugLogger_DLL.log";
+  EXPECT_EQ(workspace.Content(files[first ? 1 : 0]), evidence);
+  EXPECT_THAT(workspace.Content(L"FlashServiceDebugLogger_DLL.log"), HasSubstr("Monitor flash ready flag"));
 }
 
 TEST_F(ServiceTest, TellsTheControllingProgramOfAFailure) {

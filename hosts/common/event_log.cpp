@@ -1,6 +1,6 @@
 #include "event_log.h"
 
-#include "identity.h"
+#include "service_name.h"
 #include "text.h"
 
 namespace {

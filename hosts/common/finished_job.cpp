@@ -1,0 +1,35 @@
+#include "finished_job.h"
+
+namespace {
+
+bool HasEnded(const Handshake& values) {
+  return values.Is(FlashResult::Failed) || values.Is(FlashResult::Succeeded);
+}
+
+}  // namespace
+
+std::string FinishedJob::Text() const {
+  return "Flash_Result " + std::to_string(result) + " (" + MeaningOfResult(result) + ") after " +
+         std::to_string(seconds) + " s, " + std::to_string(progress) + " % of the images written.";
+}
+
+std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
+                                          std::chrono::steady_clock::time_point now) {
+  if (!HasEnded(values)) {
+    // A request that is taken back before the library has seen it is no job.
+    if (!values.IsJobOpen()) {
+      m_begin.reset();
+    } else if (!m_begin) {
+      m_begin = now;
+    }
+    return std::nullopt;
+  }
+  // Without a begin it is the result of the last job, which stays until the library sees the next request.
+  if (!m_begin) return std::nullopt;
+  const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(now - *m_begin);
+  m_begin.reset();
+  return FinishedJob{.flashed = values.Is(FlashResult::Succeeded),
+                     .result = *values.result,
+                     .progress = values.progress.value_or(0),
+                     .seconds = lasted.count()};
+}

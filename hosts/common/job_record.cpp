@@ -1,0 +1,17 @@
+#include "job_record.h"
+
+#include "event_log.h"
+#include "flash_history.h"
+#include "messages.h"
+#include "text.h"
+
+std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
+  WriteEvent(job.flashed ? MSG_FLASH_SUCCEEDED : MSG_FLASH_FAILED, ToWide(job.Text()));
+  const FlashHistory history;
+  const DWORD error = history.Append(host, job);
+  if (error == ERROR_SUCCESS) return {};
+  const std::string problem =
+      "The flash is not in the history " + ToUtf8(history.Path()) + ": " + SystemErrorText(error) + ".";
+  WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(problem));
+  return problem;
+}

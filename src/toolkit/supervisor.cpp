@@ -22,7 +22,8 @@ void RunPass() {
 }
 
 /// Nothing ends the supervisor, not even lack of memory: the next pass finds the flag as it stands. Should
-/// even what follows a failure fail, the process goes with it: nobody would notice that the supervisor is gone.
+/// even what follows a failure fail, the process goes with it: nobody would notice that the supervisor is
+/// gone.
 template <typename Step>
 void Survive(Step step) noexcept {
   try {

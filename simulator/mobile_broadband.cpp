@@ -13,6 +13,7 @@
 #include <wrl/client.h>
 
 #include "lock.h"
+#include "working_threads.h"
 
 #if defined(__GNUC__)
 // The interfaces have no destructor: one would take a slot.
@@ -218,6 +219,8 @@ class MobileBroadbandService {
   void HangInFirstRelease() {
     if (!behaviour.firstReleaseHangs || ::GetCurrentThreadId() == m_ownThread) return;
     if (m_wasReleased.exchange(true)) return;
+    // Time has to fly for the others while this thread hangs.
+    const working_threads::Rest rest;
     std::unique_lock lock(m_mutex);
     m_changed.Wait(lock, [this] { return m_stopped; });
   }

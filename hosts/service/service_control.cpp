@@ -93,7 +93,7 @@ bool AskToStop(SC_HANDLE service, bool forced) {
 }
 
 ControlResult WhyItDoesNotRun(SC_HANDLE service) {
-  constexpr char kStep[] = "get the service to run";
+  constexpr const char* kStep = "get the service to run";
   SERVICE_STATUS_PROCESS status{};
   if (!QueryStatus(service, status)) return Failed(kStep);
   const DWORD error = status.dwWin32ExitCode != NO_ERROR ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;

@@ -1,5 +1,7 @@
 #include "finished_job.h"
 
+#include <utility>
+
 namespace {
 
 bool HasEnded(const Handshake& values) {
@@ -15,6 +17,7 @@ std::string FinishedJob::Text() const {
 
 std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
                                           std::chrono::steady_clock::time_point now) {
+  const std::optional<Seen> last = std::exchange(m_last, Seen{.at = now, .result = values.result});
   if (!HasEnded(values)) {
     // A request that is taken back before the library has seen it is no job.
     if (!values.IsJobOpen()) {
@@ -24,6 +27,8 @@ std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
     }
     return std::nullopt;
   }
+  // A short job may be over before anybody has looked: another result than at the last look is its only trace.
+  if (!m_begin && last && last->result != values.result) m_begin = last->at;
   // Without a begin it is the result of the last job, which stays until the library sees the next request.
   if (!m_begin) return std::nullopt;
   const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(now - *m_begin);

@@ -21,11 +21,20 @@ struct FinishedJob {
 /// Follows the handshake from look to look and finds the ends of jobs. One thread at a time.
 class JobWatch {
  public:
-  /// @return the job that has ended since the look before. Each job is found once.
+  /// @return the job that has ended since the look before. Each job is found once, also one that began and
+  /// ended between two looks, provided that it did not end as the one before it.
   std::optional<FinishedJob> Look(
       const Handshake& values, std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
 
  private:
+  /// What stood there at a look.
+  struct Seen {
+    std::chrono::steady_clock::time_point at;
+    std::optional<std::uint32_t> result;
+  };
+
   /// When the running job began; nothing while none is running.
   std::optional<std::chrono::steady_clock::time_point> m_begin;
+  /// Nothing before the first look.
+  std::optional<Seen> m_last;
 };

@@ -16,6 +16,7 @@
 #include "problem.h"
 #include "service_body.h"
 #include "service_control.h"
+#include "serving_notice.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -153,6 +154,12 @@ void Print(const ServiceState& state, const std::string& flashResult) {
   std::cout << "\nLast flash: " << flashResult << std::endl;
 }
 
+std::string MeaningOfLastFlash(const HandshakeKey& key) {
+  // First: a host that ends between the two looks has written its result by then.
+  const Writer writer = WriterOf(key);
+  return MeaningOfResult(ReadHandshake(key).result, writer);
+}
+
 int ShowStatus(bool json) {
   ServiceState state;
   const ControlResult result = QueryFlashService(state);
@@ -163,7 +170,7 @@ int ShowStatus(bool json) {
   // The library finds no configuration while another program has it open, and a service that starts must.
   const bool starting = state.state == SERVICE_START_PENDING;
   const auto key = starting ? std::nullopt : FlashServiceKey();
-  const std::string flashResult = key ? MeaningOfResult(ReadHandshake(*key).result) : "unknown";
+  const std::string flashResult = key ? MeaningOfLastFlash(*key) : "unknown";
   const std::optional<Problem> problem = ProblemOf(state, key || starting);
   if (json) {
     PrintJson(problem ? AsJson(*problem, AsJson(state, flashResult)) : AsJson(state, flashResult));

@@ -131,7 +131,10 @@ void Service::Fail(const LibraryFailure& failure) {
 void Service::BeginToServe(const HandshakeKey& key) {
   const std::lock_guard lock(m_mutex);
   m_key = key;
-  m_flashing = ReadHandshake(m_key).IsJobOpen();
+  const Handshake values = ReadHandshake(m_key);
+  // Before anybody is told that the service runs: what is found there is no job of this service's life.
+  m_jobs.Look(values);
+  m_flashing = values.IsJobOpen();
   m_report.Running(!m_flashing);
 }
 

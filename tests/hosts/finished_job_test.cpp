@@ -47,6 +47,20 @@ TEST(JobWatchTest, TakesNoOldResultForTheEndOfANewJob) {
   EXPECT_FALSE(jobs.Look(Values(0, 0, 4), kBegin));
 }
 
+TEST(JobWatchTest, FindsAJobThatBeganAndEndedBetweenTwoLooks) {
+  JobWatch jobs;
+  EXPECT_FALSE(jobs.Look({}, kBegin));
+  const auto first = jobs.Look(Values(0, 0, 4), kBegin + 2s);
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(first->flashed);
+  EXPECT_EQ(first->seconds, 2);
+  EXPECT_FALSE(jobs.Look(Values(0, 0, 4), kBegin + 3s));
+  const auto second = jobs.Look(Values(0, 1, 3), kBegin + 4s);
+  ASSERT_TRUE(second);
+  EXPECT_FALSE(second->flashed);
+  EXPECT_EQ(second->seconds, 1);
+}
+
 TEST(JobWatchTest, ForgetsARequestThatIsTakenBack) {
   JobWatch jobs;
   jobs.Look(Values(1, 0, 0), kBegin);

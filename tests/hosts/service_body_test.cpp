@@ -213,6 +213,24 @@ TEST_F(ServiceBodyTest, LeavesOneRecordOfEachJob) {
   EXPECT_THAT(g_records, ElementsAre("service: 4", "service: 4"));
 }
 
+/// While there is no key, changes are not announced, and the job is over before the service looks again.
+TEST_F(ServiceBodyTest, LeavesARecordOfAJobThatWasOverBeforeItLookedAgain) {
+  ASSERT_FALSE(key.Exists());
+  Start();
+  EndJob();
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_records, ElementsAre("service: 4"));
+}
+
+TEST_F(ServiceBodyTest, LeavesNoRecordOfAJobThatEndedBeforeItsLife) {
+  EndJob();
+  Start();
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_TRUE(g_records.empty());
+}
+
 TEST_F(ServiceBodyTest, LeavesARecordOfAJobThatEndsWhileAStopWaitsForIt) {
   Start();
   BeginJob();

@@ -19,6 +19,7 @@
 #include "kept_key.h"
 #include "messages.h"
 #include "service_control.h"
+#include "serving_notice.h"
 #include "text.h"
 
 using testing::AllOf;
@@ -462,6 +463,15 @@ TEST_F(ServiceTest, SaysInItsStatusThatTheConfigurationCannotBeRead) {
   EXPECT_EQ(Service({L"status", L"--json"}).exitCode, 4);
   EXPECT_EQ(Status()["error"]["code"], "no_configuration");
   EXPECT_EQ(Status()["state"], "not installed");
+}
+
+/// What a service that died in the middle of a flash leaves behind says the same as while it flashed.
+TEST_F(ServiceTest, SaysInItsStatusThatAFlashWasCutShort) {
+  key.Write(L"Flash_Result", 1);
+  key.Write(L"Flash_OnGoing", 1);
+  EXPECT_EQ(Status()["flash_result"], "cut short while flashing: no host runs");
+  const ServingNotice notice(Server::Service, key.Location());
+  EXPECT_EQ(Status()["flash_result"], "flashing");
 }
 
 TEST_F(ServiceTest, ShowsHowTheLastFlashesEnded) {

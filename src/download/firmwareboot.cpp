@@ -202,11 +202,18 @@ int CFirmwareDownloader::InjectBootTargetThread() {
   return result;
 }
 
-/// Makes this attempt the one that works on the library's channel. Waits while an attempt that was given up
-/// closes its own, for that resets the modem. @return false when this attempt was given up meanwhile.
+/// Makes this attempt the one that works on the library's channel. Waits for a while when an attempt that was
+/// given up closes its own, for that resets the modem. @return false when this attempt was given up
+/// meanwhile.
 bool CFirmwareDownloader::TakeChannel() {
   for (bool told = false; !IsAbandoned(); told = true) {
-    UnlessAbandoned([this] { m_channelTaken = FlashChannel::Take(m_attempt); });
+    auto claim = FlashChannel::Claim::Refused;
+    UnlessAbandoned([&] {
+      claim = FlashChannel::Take(m_attempt);
+      m_channelTaken = claim != FlashChannel::Claim::Refused;
+    });
+    if (claim == FlashChannel::Claim::TakenOver)
+      LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is still closing its channel, go on");
     if (m_channelTaken) return true;
     if (!told) LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is closing its channel, wait");
     ::Sleep(kLateClosePollMs);

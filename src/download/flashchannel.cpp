@@ -1,15 +1,32 @@
 #include "download/flashchannel.h"
 
 #include <atomic>
+#include <optional>
+#include <utility>
+
+#include "common/handles.h"
 
 namespace {
 
 constexpr std::uint64_t kNobody = 0;
-constexpr std::uint64_t kBeingClosed = ~std::uint64_t{0};
 
 constinit std::atomic<std::uint64_t> g_attempts{kNobody};
-constinit std::atomic<std::uint64_t> g_user{kNobody};
 constinit std::atomic<std::uint8_t> g_last{0};
+
+/// Guards the three below it.
+SRWLOCK g_lock = SRWLOCK_INIT;
+std::uint64_t g_user = kNobody;
+bool g_beingClosed = false;
+/// When a newer attempt first met the present close.
+std::optional<ULONGLONG> g_metAt;
+
+bool MarkAsBeingClosed(std::uint64_t attempt) {
+  const ScopedLock lock(g_lock);
+  if (g_user != attempt) return false;
+  g_beingClosed = true;
+  g_metAt.reset();
+  return true;
+}
 
 }  // namespace
 
@@ -27,19 +44,26 @@ void SetLast(std::uint8_t channel) {
   g_last = channel;
 }
 
-bool Take(std::uint64_t attempt) {
-  std::uint64_t user = g_user;
-  while (user != kBeingClosed) {
-    if (g_user.compare_exchange_weak(user, attempt)) return true;
+Claim Take(std::uint64_t attempt) {
+  const ULONGLONG now = ::GetTickCount64();
+  const ScopedLock lock(g_lock);
+  if (g_beingClosed) {
+    if (!g_metAt.has_value()) g_metAt = now;
+    if (now - *g_metAt < kLongestWaitForLateCloseMs) return Claim::Refused;
   }
-  return false;
+  g_user = attempt;
+  return std::exchange(g_beingClosed, false) ? Claim::TakenOver : Claim::Taken;
 }
 
-LateClose::LateClose(std::uint64_t attempt)
-    : m_allowed(g_user.compare_exchange_strong(attempt, kBeingClosed)) {}
+LateClose::LateClose(std::uint64_t attempt) : m_attempt(attempt), m_allowed(MarkAsBeingClosed(attempt)) {}
 
 LateClose::~LateClose() {
-  if (m_allowed) g_user = kNobody;
+  if (!m_allowed) return;
+  const ScopedLock lock(g_lock);
+  // A newer attempt that would not wait any longer has it by now.
+  if (g_user != m_attempt) return;
+  g_user = kNobody;
+  g_beingClosed = false;
 }
 
 }  // namespace FlashChannel

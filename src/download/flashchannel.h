@@ -1,21 +1,29 @@
 #pragma once
 
+#include <windows.h>
+
 #include <cstdint>
 
 /// What the whole process knows of the flashing library's channels: the number of the last one, and which
-/// attempt used one last. Any thread; nothing here blocks.
+/// attempt used one last. Any thread; the lock inside is held for a few instructions, never during a call
+/// into the library.
 ///
 /// Closing a channel resets the modem's baseband. An attempt that was given up may come back at any time and
-/// close the channel that it left open, but never while a newer attempt flashes. One word decides between
-/// them, so that nothing has to be locked while the library is inside a call:
+/// close the channel that it left open, but never while a newer attempt flashes:
 ///
-/// * An attempt takes the word before it calls the library for a channel. An older one that comes back later
-///   finds it taken, and leaves its channel as it is.
-/// * An older attempt that still holds the word turns it into "being closed" before it calls the library. A
-///   newer attempt that comes meanwhile cannot take it, and waits until the close is over.
+/// * An attempt takes the channel before it calls the library for one. An older one that comes back later
+///   finds it taken, and leaves its own as it is.
+/// * An older attempt that still has it marks it as "being closed" before it calls the library. A newer
+/// attempt
+///   that comes meanwhile cannot take it, and waits until the close is over.
 ///
 /// Whichever of the two comes first, the close is either left out or over before the newer channel is opened.
+/// A close that does not come back must not keep the modem from ever being flashed: it is waited for once,
+/// and not for long. Whoever takes the channel then has it, however the close ends.
 namespace FlashChannel {
+
+/// How long the whole process waits for one late close, counted from the first attempt that meets it.
+inline constexpr DWORD kLongestWaitForLateCloseMs = 5000;
 
 /// A number that no other attempt of this process has.
 std::uint64_t NewAttempt();
@@ -24,9 +32,14 @@ std::uint64_t NewAttempt();
 std::uint8_t Last();
 void SetLast(std::uint8_t channel);
 
+enum class Claim {
+  Refused,    ///< An older attempt is closing its channel: ask again.
+  Taken,      ///< The attempt has it.
+  TakenOver,  ///< The same, from a close that was waited for long enough.
+};
+
 /// Makes `attempt` the one that used a channel last. Only for an attempt that was not given up.
-/// @return false while an older one is closing its channel.
-bool Take(std::uint64_t attempt);
+Claim Take(std::uint64_t attempt);
 
 /// The right of an attempt that was given up to close its channel, for as long as the call takes.
 class LateClose {
@@ -40,6 +53,7 @@ class LateClose {
   bool IsAllowed() const { return m_allowed; }
 
  private:
+  std::uint64_t m_attempt;
   bool m_allowed;
 };
 

@@ -1022,6 +1022,8 @@ TEST_F(AbandonedTest, BackFromTheTableOfContentsTellsOfNoChannel) {
 }
 
 constexpr int kCloseGate = 2;
+constexpr int kThirdGate = 3;
+constexpr int kFourthGate = 4;
 
 /// The attempt that was given up is back, and inside its close.
 class LateCloseTest : public AbandonedTest {
@@ -1058,15 +1060,67 @@ TEST_F(LateCloseTest, KeepsANewerAttemptFromOpeningUntilItIsOver) {
       "CFirmwareDownloader::InjectBootTargetThread");
 }
 
-TEST_F(LateCloseTest, ThatDoesNotEndFailsTheNewerAttemptAndHoldsNobodyElseUp) {
-  EXPECT_EQ(Flash(), FirmwareUpdateFailed);
+TEST_F(LateCloseTest, ThatDoesNotEndDelaysOneAttemptByFiveSecondsOnly) {
+  const ULONGLONG begin = bench.clock.Now();
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  const ULONGLONG end = bench.clock.Now();
+  const std::string told = "W:\t An earlier attempt is still closing its channel, go on";
+  EXPECT_EQ(bench.TimesSaid(told), 1);
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), told),
+            "CFirmwareDownloader::InjectBootTargetThread");
   CFirmwareDownloader::Unload();
-  EXPECT_THAT(bench.library.CallsOf({"open_comm_port"}), IsEmpty());
-  bench.clock.Pause(1000);
+  const ULONGLONG beginOfNext = bench.clock.Now();
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  const ULONGLONG durationOfNext = bench.clock.Now() - beginOfNext;
+  EXPECT_EQ(end - begin, durationOfNext + 5000);
+  EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is closing its channel, wait"), 1);
+  EXPECT_EQ(bench.TimesSaid(told), 1);
   // The one that closes.
   EXPECT_EQ(bench.clock.LivingThreads(), 1u);
-  bench.clock.Open(kCloseGate);
+}
+
+// The first one waits for a part of it, and is given up meanwhile.
+TEST_F(LateCloseTest, ThatDoesNotEndIsWaitedForByAllAttemptsTogetherForFiveSeconds) {
+  bench.clock.Start([this] {
+    bench.clock.Pause(3000);
+    CFirmwareDownloader::Unload();
+  });
+  EXPECT_EQ(Flash(), FirmwareUpdateFailed);
+  const ULONGLONG begin = bench.clock.Now();
   EXPECT_EQ(Flash(), FirmwareUpdated);
+  CFirmwareDownloader::Unload();
+  const ULONGLONG beginOfNext = bench.clock.Now();
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_LE(beginOfNext - begin, bench.clock.Now() - beginOfNext + 2100);
+}
+
+TEST_F(LateCloseTest, ThatEndsAtLastTakesNothingFromTheAttemptThatWentOn) {
+  bench.library.during["download_fls_file"] = [this] { bench.clock.WaitAtGate(kThirdGate); };
+  FlashAndGiveUp(12000);
+  bench.clock.Open(kCloseGate);
+  bench.clock.Pause(1000);
+  bench.clock.Open(kThirdGate);
+  bench.clock.RunUntilIdle();
+  EXPECT_THAT(bench.library.CallsOf({"close_comm_port"}), ElementsAre("close_comm_port(8)"));
+  EXPECT_EQ(bench.clock.LivingThreads(), 0u);
+}
+
+TEST_F(LateCloseTest, ThatEndsAtLastDoesNotEndTheCloseOfTheAttemptThatWentOn) {
+  bench.library.during["download_fls_file"] = [this] { bench.clock.WaitAtGate(kThirdGate); };
+  FlashAndGiveUp(12000);
+  bench.library.during["close_comm_port"] = [this] {
+    bench.library.during.clear();
+    bench.clock.WaitAtGate(kFourthGate);
+  };
+  bench.clock.Open(kThirdGate);
+  bench.clock.Pause(100);
+  bench.clock.Open(kCloseGate);
+  bench.clock.Pause(100);
+  const ULONGLONG begin = bench.clock.Now();
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_GE(bench.clock.Now() - begin, 5000u);
+  EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is still closing its channel, go on"), 2);
+  bench.clock.Open(kFourthGate);
 }
 
 TEST_F(LateCloseTest, KeepsANewerAttemptWithoutABootThreadFromWriting) {

@@ -10,7 +10,9 @@ using testing::Not;
 
 namespace {
 
-constexpr char kFast[] = "speed=60";
+constexpr char kFast[] = "speed=200";
+/// Slow enough for each stage to be seen.
+constexpr char kStageByStage[] = "speed=60";
 
 class FlashTest : public CommandLineTest {
  protected:
@@ -66,7 +68,7 @@ TEST_F(FlashTest, WithJsonPrintsOneDocumentAndNothingElse) {
 }
 
 TEST_F(FlashTest, ShowsItsStagesLineByLineWithoutATerminal) {
-  workspace.MakeVirtualPc({kFast});
+  workspace.MakeVirtualPc({kStageByStage});
   const RunResult result = Flash();
   EXPECT_THAT(result.errors, AllOf(HasSubstr("into flash mode, 0 %, attempt 1"), HasSubstr("writing, "),
                                    HasSubstr("awaiting the modem, 100 %"), HasSubstr("flashed, 100 %")));

@@ -1,7 +1,7 @@
 #include "common/fileio.h"
 
+#include "common/errortext.h"
 #include "common/win32error.h"
-#include "toolkit/toolkit.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ HRESULT CFileIo::Open(const char* name, bool forWrite) {
       OpenEx(m_fileName.c_str(), forWrite ? GENERIC_WRITE : GENERIC_READ, FILE_SHARE_READ,
              forWrite ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr, nullptr);
   // Fetched for whoever looks at the shared text in a debugger; the result is all that callers get.
-  if (FAILED(result)) ToolKit::GetWin32ErrorStr(static_cast<unsigned long>(HRESULT_CODE(result)));
+  if (FAILED(result)) Win32ErrorText(static_cast<unsigned long>(HRESULT_CODE(result)));
   return result;
 }
 

@@ -1,9 +1,16 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <string_view>
 
-#include "toolkit/toolkit.h"
+#if defined(__GNUC__) && !defined(__clang__)
+#define CORVEL_LOG_FORMAT __attribute__((format(ms_printf, 6, 7)))
+#elif defined(__GNUC__)
+#define CORVEL_LOG_FORMAT __attribute__((format(printf, 6, 7)))
+#else
+#define CORVEL_LOG_FORMAT
+#endif
 
 /// The tag that every record of this library carries.
 inline constexpr const char* kLogComponent = "FlashSvc";
@@ -84,13 +91,21 @@ class QualifiedFunctionName {
 #define QUALIFIED_FUNCTION (QualifiedFunctionName(__PRETTY_FUNCTION__).Text())
 #endif
 
+/// Writes one record to the debug log, as ToolKit::OutputDebug documents it. Any thread. Never throws: a
+/// record that there is no memory for is lost, as any that cannot be written.
+void WriteLogRecord(int level, const char* component, const char* function, const char* file, int line,
+                    const char* format, ...) noexcept CORVEL_LOG_FORMAT;
+/// The same for arguments that the caller was given.
+void WriteLogRecordOf(int level, const char* component, const char* function, const char* file, int line,
+                      const char* format, std::va_list arguments) noexcept;
+
 /// One record of the debug log. Narrow texts are UTF-8; the last error survives.
 ///
 /// Readers search the log by its function field. The plain macros fill it with the function that they stand
 /// in. Helpers of a named procedure take the macros that end in _AS and give that procedure's qualified name,
 /// so that its records stay together however its code is split.
 #define LOG_AT_AS(level, function, ...) \
-  ::ToolKit::OutputDebug(level, kLogComponent, function, __FILE__, __LINE__, __VA_ARGS__)
+  ::WriteLogRecord(level, kLogComponent, function, __FILE__, __LINE__, __VA_ARGS__)
 #define LOG_AT(level, ...) LOG_AT_AS(level, QUALIFIED_FUNCTION, __VA_ARGS__)
 #define LOG_ERROR_AS(function, ...) LOG_AT_AS(1, function, __VA_ARGS__)
 #define LOG_WARNING_AS(function, ...) LOG_AT_AS(2, function, __VA_ARGS__)

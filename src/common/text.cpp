@@ -71,11 +71,6 @@ std::string AnsiFromWide(std::wstring_view text) {
   return NarrowFromWide(CP_ACP, text);
 }
 
-std::string Narrow(const CTString& text) {
-  return Utf8FromWide(
-      std::wstring_view(static_cast<const wchar_t*>(text), static_cast<std::size_t>(text.GetLength())));
-}
-
 std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
   if (format == nullptr) return std::nullopt;
   const RefusedFormatsOnlyFail scope;

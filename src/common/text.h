@@ -6,17 +6,12 @@
 #include <string>
 #include <string_view>
 
-#include "common/tstring.h"
-
 /// Conversions between the wide texts of Windows and the two narrow encodings in use: UTF-8 for values,
 /// the system's ANSI page for narrow file names and the logger. Empty when a conversion fails. They leave the
 /// last error alone, so that a log line may convert one value and print the error beside it.
 std::wstring WideFromUtf8(std::string_view text);
 std::string Utf8FromWide(std::wstring_view text);
 std::string AnsiFromWide(std::wstring_view text);
-
-/// The text in UTF-8 for a log line. Works on a copy, so several threads may read the same object.
-std::string Narrow(const CTString& text);
 
 /// Print with the C runtime's printf to any length; the narrow one takes positional parameters too. Nothing
 /// when the runtime refuses (a wide character that the locale lacks, mixed positional parameters).

@@ -13,9 +13,10 @@
 
 #include "common/debuglogger.h"
 #include "common/log.h"
+#include "common/narrow.h"
+#include "common/programfolder.h"
 #include "common/text.h"
 #include "config/documentfile.h"
-#include "toolkit/installationdir.h"
 
 // %S is Microsoft's, and so is the function that prints it: no pedantry, but the types are checked.
 #if defined(__GNUC__)
@@ -203,7 +204,7 @@ bool CConfigParser::Init() {
   ResetSettings();
   for (const Key& key : kKeys) m_keys[key.text] = key.number;
 
-  const CTString folder = InstallationDir();
+  const CTString folder = ProgramFolder();
   if (folder.IsEmpty()) return false;
   m_fileName = kConfigFileName;
   m_filePath = folder + m_fileName;

@@ -5,12 +5,12 @@
 #include <new>
 
 #include "common/log.h"
+#include "common/narrow.h"
 #include "common/neverdestroyed.h"
-#include "common/text.h"
+#include "common/programfolder.h"
 #include "common/tstring.h"
 #include "common/win32error.h"
 #include "download/firmwaredownloader.h"
-#include "toolkit/installationdir.h"
 
 namespace {
 
@@ -121,7 +121,7 @@ std::shared_ptr<FlashLibrary> CDownloadToolDll::Library() {
 
 bool CDownloadToolDll::SetFunctionPointers(FlashLibrary& library) {
   CTString& path = g_binding->fileName;
-  path = InstallationDir() + path;
+  path = ProgramFolder() + path;
   g_binding->module.reset(::LoadLibraryW(path));
   if (g_binding->module == nullptr) {
     const int error = LastErrorNumber();

@@ -1,8 +1,8 @@
 #include "download/firmwaredownloader.h"
 
 #include "common/log.h"
+#include "common/narrow.h"
 #include "common/sharedvalue.h"
-#include "common/text.h"
 #include "common/win32error.h"
 #include "common/worker.h"
 #include "config/configparser.h"

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/narrow.h"
 #include "common/neverdestroyed.h"
 #include "common/sharedvalue.h"
-#include "common/text.h"
 #include "common/win32error.h"
 #include "config/configparser.h"
 #include "download/flashtimes.h"

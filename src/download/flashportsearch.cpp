@@ -5,7 +5,7 @@
 
 #include "common/devicelist.h"
 #include "common/log.h"
-#include "common/text.h"
+#include "common/narrow.h"
 #include "download/devicepresence.h"
 
 namespace {

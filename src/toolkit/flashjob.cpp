@@ -3,8 +3,8 @@
 #include <exception>
 
 #include "common/log.h"
+#include "common/narrow.h"
 #include "common/sharedvalue.h"
-#include "common/text.h"
 #include "common/win32error.h"
 #include "common/worker.h"
 #include "config/configparser.h"

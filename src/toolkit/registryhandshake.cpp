@@ -59,7 +59,7 @@ constexpr Setter kSetResult{"ToolKit::SetFlashResult", L"Flash_Result", "\t Writ
 
 void Set(const Setter& setter, HKEY root, const wchar_t* subKey, int value) {
   const auto log = [&setter](int level, int line, const char* format, auto argument) {
-    ToolKit::OutputDebug(level, kLogComponent, setter.function, __FILE__, line, format, argument);
+    WriteLogRecord(level, kLogComponent, setter.function, __FILE__, line, format, argument);
   };
   if (!ToolKit::WriteRegistry(root, subKey, setter.valueName, value)) {
     log(setter.failureLevel, __LINE__, "%s", setter.failure);

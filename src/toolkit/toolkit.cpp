@@ -3,55 +3,30 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdarg>
-#include <cstdio>
-#include <cstring>
-#include <cwchar>
-#include <memory>
 #include <new>
+#include <string>
 #include <string_view>
 
 #include "common/debuglogger.h"
+#include "common/errortext.h"
 #include "common/fileio.h"
+#include "common/fileretention.h"
 #include "common/handles.h"
 #include "common/log.h"
+#include "common/programfolder.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "common/worker.h"
 #include "config/configparser.h"
-#include "toolkit/installationdir.h"
 
 namespace {
 
 constexpr int kLoggingOn = 3;
 constexpr int kLoggingOff = 0;
-constexpr int kKeptDownloadLogs = 5;
 
 constexpr wchar_t kCommandLineRoot[] = L"HKLM";
 constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
-
-struct LocalMemoryFreer {
-  void operator()(char* memory) const noexcept { ::LocalFree(memory); }
-};
-using UniqueSystemText = std::unique_ptr<char, LocalMemoryFreer>;
-
-UniqueSystemText SystemMessage(DWORD error) {
-  char* text = nullptr;
-  ::FormatMessageA(
-      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-      error, 0, reinterpret_cast<char*>(&text), 0, nullptr);
-  return UniqueSystemText(text);
-}
-
-/// @return false, with an empty folder, for lack of memory.
-bool TakeInstallationDir(CTString& folder) try {
-  folder = InstallationDir();
-  return true;
-} catch (...) {
-  folder.Empty();
-  return false;
-}
 
 std::string NextToken(const char* text, const char* delimiters, int& position) {
   if (text == nullptr || delimiters == nullptr || position < 0) return {};
@@ -74,23 +49,6 @@ std::string NextToken(const char* text, const char* delimiters, int& position) {
 }
 
 }  // namespace
-
-CTString InstallationDir() {
-  std::array<wchar_t, MAX_PATH> path{};
-  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-  // A path that does not fit is cut and reported by its length alone.
-  if (length == 0 || length == path.size()) {
-    LOG_ERROR_AS("ToolKit::GetInstallationDir", "\t GetModuleFileName() failed with: 0x%08lx",
-                 ::GetLastError());
-    return {};
-  }
-  // The folder may take nearly all of the path, which is more than the runtime's own limit for one.
-  std::array<wchar_t, _MAX_DRIVE> drive{};
-  std::array<wchar_t, MAX_PATH> folder{};
-  ::_wsplitpath_s(path.data(), drive.data(), drive.size(), folder.data(), folder.size(), nullptr, 0, nullptr,
-                  0);
-  return CTString(drive.data()) + folder.data();
-}
 
 ToolKit* ToolKit::m_Instance = nullptr;
 HKEY__* ToolKit::hMainKey = HKEY_LOCAL_MACHINE;
@@ -211,36 +169,32 @@ void ToolKit::OutputDebug(int level, const char* module, const char* function, c
                           const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  try {
-    CDebugLogger::WriteRecord(level, module, function, file, line, format, arguments);
-  } catch (...) {
-    // Out of memory: the record is lost, as any that cannot be written.
-  }
+  WriteLogRecordOf(level, module, function, file, line, format, arguments);
   va_end(arguments);
 }
 
-CTString ToolKit::GetInstallationDir() try { return InstallationDir(); } catch (...) {
+CTString ToolKit::GetInstallationDir() try { return ProgramFolder(); } catch (...) {
   // Out of memory.
   return {};
 }
 
 bool ToolKit::GetDataDir(CTString& folder, bool) {
-  TakeInstallationDir(folder);
+  TakeProgramFolder(folder);
   return false;
 }
 
 bool ToolKit::GetLocalAppDataDir(CTString& folder) {
-  TakeInstallationDir(folder);
+  TakeProgramFolder(folder);
   return false;
 }
 
 bool ToolKit::GetProgramDataDir(CTString& folder) {
-  TakeInstallationDir(folder);
+  TakeProgramFolder(folder);
   return false;
 }
 
 bool ToolKit::GetLocalDataToolkitDir(CTString& folder) {
-  return TakeInstallationDir(folder);
+  return TakeProgramFolder(folder);
 }
 
 bool ToolKit::MakeDirectory(const char* path) try {
@@ -262,12 +216,7 @@ bool ToolKit::MakeDirectory(const char* path) try {
 }
 
 const char* ToolKit::GetWin32ErrorStr(unsigned long error) {
-  static char text[128];
-  const LastErrorKeeper keepForTheCaller;
-  const UniqueSystemText message = SystemMessage(error);
-  std::snprintf(text, sizeof text, "Error code %d: %s", static_cast<int>(error),
-                message == nullptr ? "" : message.get());
-  return text;
+  return Win32ErrorText(error);
 }
 
 std::string ToolKit::Tokenize(const char* text, const char* delimiters, int& position) try {
@@ -317,5 +266,5 @@ CTString ToolKit::GetNVMFlsFile() try { return m_NVMFlsFile; } catch (...) {
 }
 
 int ToolKit::GetMaxModemDownloadLogNum() {
-  return kKeptDownloadLogs;
+  return kMostDownloadLogs;
 }

@@ -4,6 +4,7 @@
 
 #include "common/toolkitexport.h"
 #include "common/tstring.h"
+#include "common/updatefirmwareresult.h"
 
 #if defined(_MSC_VER)
 #pragma warning(push)
@@ -13,6 +14,7 @@
 // The platform's own types, named here so that hosts need none of its headers for this one.
 struct HKEY__;
 
+// For this header alone.
 #if defined(__GNUC__) && !defined(__clang__)
 #define CORVEL_PRINTF(text, first) __attribute__((format(ms_printf, text, first)))
 #elif defined(__GNUC__)
@@ -20,13 +22,6 @@ struct HKEY__;
 #else
 #define CORVEL_PRINTF(text, first)
 #endif
-
-/// Outcome of one download attempt. Only FirmwareUpdated is a success.
-enum UpdateFirmwareResult {
-  FirmwareNotUpdated = 0,    ///< The images could not be marked for download; nothing was written.
-  FirmwareUpdated = 1,       ///< Download and target reset succeeded.
-  FirmwareUpdateFailed = 5,  ///< Writing, or the forced target reset, failed.
-};
 
 /// The library's face towards its host: static services and the process-wide state of the flash service.
 ///
@@ -214,6 +209,8 @@ class CORVEL_TOOLKIT_API ToolKit {
 
   static ToolKit* m_Instance;
 };
+
+#undef CORVEL_PRINTF
 
 #if defined(_MSC_VER)
 #pragma warning(pop)

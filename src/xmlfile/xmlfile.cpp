@@ -5,7 +5,7 @@
 #include <shlwapi.h>
 
 #include "common/log.h"
-#include "common/text.h"
+#include "common/narrow.h"
 #include "xmlfile/dom.h"
 
 namespace QUENTA::Brevant::Interfaces::ToolkitCore {

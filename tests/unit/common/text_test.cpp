@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "common/narrow.h"
+
 namespace {
 
 std::optional<std::string> Print(const char* format, ...) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "common/narrow.h"
 #include "support/flash_bench.h"
 #include "support/lock_probe.h"
 #include "support/process_heap.h"

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/narrow.h"
 #include "support/job_bench.h"
 
 namespace {

@@ -12,11 +12,11 @@
 #include <string>
 
 #include "common/debuglogger.h"
+#include "common/programfolder.h"
 #include "import_patch.h"
 #include "support/scarce_memory.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
-#include "toolkit/installationdir.h"
 
 namespace {
 
@@ -142,7 +142,7 @@ TEST_F(NoMemoryTest, TheInstallationFolderIsEmpty) {
 // An empty one would pass for a path that cannot be had, and the next file for one in the current folder.
 TEST_F(NoMemoryTest, TheLibraryItselfDoesNotTakeTheInstallationFolderForAnEmptyOne) {
   memory.Fail(1);
-  EXPECT_THROW(InstallationDir(), std::bad_alloc);
+  EXPECT_THROW(ProgramFolder(), std::bad_alloc);
 }
 
 TEST_F(NoMemoryTest, TheDataFoldersAreEmptyAndNoneIsASuccess) {

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <windows.h>
+
+#include "common/handles.h"
+#include "common/tstring.h"
+
+/// A walk over all entries that match a pattern, folders included, in the order of the file system.
+class FileListing {
+ public:
+  explicit FileListing(const CTString& pattern) {
+    const HANDLE search = ::FindFirstFileW(pattern, &m_entry);
+    m_search.reset(search == INVALID_HANDLE_VALUE ? nullptr : search);
+  }
+
+  /// False when it could not be started, or nothing matches. Otherwise there is a first entry.
+  bool IsStarted() const { return m_search != nullptr; }
+  const WIN32_FIND_DATAW& Entry() const { return m_entry; }
+  /// Goes to the next entry. @return false when there is none, or none could be had.
+  bool GoOn() {
+    if (::FindNextFileW(m_search.get(), &m_entry)) return true;
+    m_end = ::GetLastError();
+    return false;
+  }
+  /// Whether the walk broke off: what it has found is not all there is.
+  bool BrokeOff() const { return m_end != ERROR_NO_MORE_FILES; }
+  /// Why it ended.
+  DWORD End() const { return m_end; }
+
+ private:
+  WIN32_FIND_DATAW m_entry{};
+  UniqueFileSearch m_search;
+  DWORD m_end = ERROR_NO_MORE_FILES;
+};

@@ -7,8 +7,8 @@
 #include <objbase.h>
 
 #include "catch.h"
+#include "common/dom.h"
 #include "ratio.h"
-#include "xmlfile/dom.h"
 #include "xmlfile/xmlfile.h"
 
 namespace {

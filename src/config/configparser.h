@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "common/dom.h"
 #include "common/handles.h"
 #include "common/tstring.h"
 #include "config/elementtree.h"
-#include "xmlfile/dom.h"
 
 /// The service's settings, read once per process from "CorvelConfig.ini" beside the host's executable.
 /// Made and loaded by one thread at start; only read afterwards.

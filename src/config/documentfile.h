@@ -1,6 +1,6 @@
 #pragma once
 
-#include "xmlfile/dom.h"
+#include "common/dom.h"
 
 /// Makes an empty document that loads synchronously, without validation and external entities.
 HRESULT CreateDocument(VARIANT_BOOL keepWhiteSpace, Microsoft::WRL::ComPtr<IXMLDOMDocument>& document);

@@ -3,7 +3,7 @@
 #include <map>
 #include <string>
 
-#include "xmlfile/dom.h"
+#include "common/dom.h"
 
 /// What the children of an XML element say: a store of names and texts. One thread at a time.
 class CElementTree {

@@ -4,9 +4,9 @@
 
 #include <shlwapi.h>
 
+#include "common/dom.h"
 #include "common/log.h"
 #include "common/narrow.h"
-#include "xmlfile/dom.h"
 
 namespace QUENTA::Brevant::Interfaces::ToolkitCore {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "xmlfile/dom.h"
+#include "common/dom.h"
 
 #if defined(__GNUC__)
 // COM's interfaces have no destructors; the objects delete themselves where theirs is known.

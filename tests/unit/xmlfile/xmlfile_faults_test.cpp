@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "common/dom.h"
 #include "support/fake_dom.h"
 #include "support/test_log.h"
-#include "xmlfile/dom.h"
 #include "xmlfile/xmlfile.h"
 
 namespace {

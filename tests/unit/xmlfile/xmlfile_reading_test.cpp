@@ -9,12 +9,12 @@
 #include <string>
 #include <thread>
 
+#include "common/dom.h"
 #include "common/handles.h"
 #include "support/com_apartment.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 #include "support/xml_files.h"
-#include "xmlfile/dom.h"
 #include "xmlfile/xmlfile.h"
 
 namespace {

@@ -8,13 +8,13 @@
 #include <functional>
 #include <string>
 
+#include "common/dom.h"
 #include "common/handles.h"
 #include "support/com_apartment.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 #include "support/wine.h"
 #include "support/xml_files.h"
-#include "xmlfile/dom.h"
 #include "xmlfile/xmlfile.h"
 
 namespace {

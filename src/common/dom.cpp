@@ -1,4 +1,4 @@
-#include "xmlfile/dom.h"
+#include "common/dom.h"
 
 #include <string>
 

@@ -16,8 +16,9 @@
 inline constexpr const char* kLogComponent = "FlashSvc";
 
 /// A function's qualified name, cut at compile time from what the compiler spells out: the whole signature
-/// (GCC, clang) or the name alone (MSVC). Unnamed namespaces are left out, and a lambda goes by the name of
-/// the function that it stands in, so that the log reads the same whichever compiler built it.
+/// (GCC, clang) or the name alone (MSVC). Unnamed namespaces are left out, and so is the library's own in
+/// front; a lambda goes by the name of the function that it stands in. So the log reads the same whichever
+/// compiler built it.
 template <std::size_t Size>
 class QualifiedFunctionName {
  public:
@@ -29,6 +30,7 @@ class QualifiedFunctionName {
  private:
   static constexpr std::string_view kUnnamedNamespaces[] = {
       "{anonymous}::", "(anonymous namespace)::", "`anonymous-namespace'::", "`anonymous namespace'::"};
+  static constexpr std::string_view kOwnNamespace = "corvel::";
   static constexpr std::string_view kOperator = "operator";
   static constexpr std::string_view kCallOperators[] = {"operator()", "operator ()"};
   static constexpr std::string_view kLambda = "::<lambda";
@@ -38,7 +40,7 @@ class QualifiedFunctionName {
   consteval void Cut(std::string_view rest) {
     std::size_t depth = 0;
     while (!rest.empty()) {
-      if (SkipUnnamedNamespace(rest)) continue;
+      if (SkipUnnamedNamespace(rest) || SkipOwnNamespace(rest)) continue;
       if (depth == 0) {
         if (rest.starts_with('(') || rest.starts_with(kLambda)) return;
         if (rest.starts_with(kOperator) && AtStartOfName()) return TakeOperator(rest);
@@ -61,6 +63,12 @@ class QualifiedFunctionName {
       return true;
     }
     return false;
+  }
+
+  consteval bool SkipOwnNamespace(std::string_view& rest) const {
+    if (m_length != 0 || !rest.starts_with(kOwnNamespace)) return false;
+    rest.remove_prefix(kOwnNamespace.size());
+    return true;
   }
 
   consteval void TakeOperator(std::string_view rest) {

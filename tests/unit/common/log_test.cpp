@@ -50,6 +50,21 @@ struct Constructed {
 
 }  // namespace names
 
+namespace corvel {
+
+std::string OfTheLibrary() {
+  return QUALIFIED_FUNCTION;
+}
+
+struct Class {
+  static Class Make(std::string& name) {
+    name = QUALIFIED_FUNCTION;
+    return {};
+  }
+};
+
+}  // namespace corvel
+
 namespace {
 
 std::string FreeUnnamed(const char*) {
@@ -93,6 +108,21 @@ TEST(QualifiedFunction, LeavesUnnamedNamespacesOut) {
   EXPECT_EQ(FreeUnnamed(""), "FreeUnnamed");
   Unnamed::Static(name);
   EXPECT_EQ(name, "Unnamed::Static");
+}
+
+TEST(QualifiedFunction, LeavesTheLibrarysOwnNamespaceOut) {
+  EXPECT_EQ(corvel::OfTheLibrary(), "OfTheLibrary");
+  std::string name;
+  corvel::Class::Make(name);
+  EXPECT_EQ(name, "Class::Make");
+}
+
+TEST(QualifiedFunction, LeavesTheLibrarysOwnNamespaceOutInFrontAlone) {
+  EXPECT_EQ(Name(QualifiedFunctionName("corvel::A corvel::{anonymous}::A::B(corvel::A)")), "A::B");
+  EXPECT_EQ(Name(QualifiedFunctionName("corvel::(anonymous namespace)::A::A(int)")), "A::A");
+  EXPECT_EQ(Name(QualifiedFunctionName("corvel::`anonymous-namespace'::Cut")), "Cut");
+  EXPECT_EQ(Name(QualifiedFunctionName("void names::corvel::A::B()")), "names::corvel::A::B");
+  EXPECT_EQ(Name(QualifiedFunctionName("void A<corvel::B>::C()")), "A<corvel::B>::C");
 }
 
 TEST(QualifiedFunction, NamesALambdaAfterTheFunctionItStandsIn) {

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "common/debuglogger.h"
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/narrow.h"
 #include "common/programfolder.h"
@@ -222,7 +223,7 @@ void CConfigParser::ResetSettings() {
 bool CConfigParser::LoadConfig(const wchar_t*) try {
   if (m_loaded) return true;
   LOG_TRACE("Start LoadConfig ++");
-  LOG_TRACE("VERSION: %s", CORVEL_VERSION);
+  LOG_TRACE("VERSION: %s", corvel::facts::kVersion);
 
   const wchar_t* const path = m_filePath;
   if (!Exists(path)) {

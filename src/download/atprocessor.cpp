@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/facts.h"
 #include "common/handles.h"
 #include "common/log.h"
 #include "common/neverdestroyed.h"
@@ -139,7 +140,7 @@ int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* resp
                            std::uint32_t* responseLength) {
   LOG_TRACE("%s ++\n", QUALIFIED_FUNCTION);
   // A port that is not there has the number 0, and is then found missing by the open.
-  const int port = findComPort(kAtPortId);
+  const int port = findComPort(corvel::facts::kAtPortId);
   if (port == kNoPort) {
     LOG_ERROR("Can't find COM port\n");
     return kFailed;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <new>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/narrow.h"
 #include "common/neverdestroyed.h"
@@ -27,22 +28,22 @@ struct Export {
 
 // In the order of resolution, which puts fls before dffs. All but the last are mandatory.
 constexpr std::array<Export, static_cast<std::size_t>(FlashSlot::Count)> kExports{{
-    {FlashSlot::BootTarget, "_ZEMO_DL_boot_target"},
-    {FlashSlot::CloseCommPort, "_ZEMO_DL_close_comm_port"},
-    {FlashSlot::DownloadCustFile, "_ZEMO_DL_download_cust_file"},
-    {FlashSlot::DownloadFlsFile, "_ZEMO_DL_download_fls_file"},
-    {FlashSlot::DownloadDffsFile, "_ZEMO_DL_download_dffs_file"},
-    {FlashSlot::ForceTargetReset, "_ZEMO_DL_force_target_reset"},
-    {FlashSlot::GetSysVersion, "_ZEMO_DL_get_sys_version"},
-    {FlashSlot::GetNextFreeChannel, "_ZEMO_get_next_free_channel"},
-    {FlashSlot::GetNofProgressBars, "_ZEMO_DL_dll_get_nof_progressbars"},
-    {FlashSlot::InitCallback, "_ZEMO_DL_init_callback"},
-    {FlashSlot::OpenCommPort, "_ZEMO_DL_open_comm_port"},
-    {FlashSlot::SetDllParameter, "_ZEMO_DL_set_dll_parameter"},
-    {FlashSlot::TocGetFlashTechnology, "_ZEMO_DL_TOC_get_flash_technogy"},
-    {FlashSlot::TocGetMemoryClass, "_ZEMO_DL_TOC_get_memory_class"},
-    {FlashSlot::TocGetNofItems, "_ZEMO_DL_TOC_get_nof_items"},
-    {FlashSlot::OutOfSessionComm, "_ZEMO_DL_out_of_session_comm"},
+    {FlashSlot::BootTarget, corvel::facts::kBootTarget},
+    {FlashSlot::CloseCommPort, corvel::facts::kCloseCommPort},
+    {FlashSlot::DownloadCustFile, corvel::facts::kDownloadCustFile},
+    {FlashSlot::DownloadFlsFile, corvel::facts::kDownloadFlsFile},
+    {FlashSlot::DownloadDffsFile, corvel::facts::kDownloadDffsFile},
+    {FlashSlot::ForceTargetReset, corvel::facts::kForceTargetReset},
+    {FlashSlot::GetSysVersion, corvel::facts::kGetSysVersion},
+    {FlashSlot::GetNextFreeChannel, corvel::facts::kGetNextFreeChannel},
+    {FlashSlot::GetNofProgressBars, corvel::facts::kGetNofProgressBars},
+    {FlashSlot::InitCallback, corvel::facts::kInitCallback},
+    {FlashSlot::OpenCommPort, corvel::facts::kOpenCommPort},
+    {FlashSlot::SetDllParameter, corvel::facts::kSetDllParameter},
+    {FlashSlot::TocGetFlashTechnology, corvel::facts::kTocGetFlashTechnology},
+    {FlashSlot::TocGetMemoryClass, corvel::facts::kTocGetMemoryClass},
+    {FlashSlot::TocGetNofItems, corvel::facts::kTocGetNofItems},
+    {FlashSlot::OutOfSessionComm, corvel::facts::kOutOfSessionComm},
 }};
 
 /// The process's own hold on the library. The sharing binding has a second reference on the module.
@@ -91,7 +92,7 @@ bool CDownloadToolDll::Load() {
   LOG_TRACE("++ CDownloadToolDll::Load");
   const std::shared_ptr<FlashLibrary> library = NewLibrary();
   SetLibrary(library);
-  if (library != nullptr) g_binding->fileName = "Firmwareflashdownload.dll";
+  if (library != nullptr) g_binding->fileName = corvel::facts::kFlashingLibrary;
   if (library != nullptr && SetFunctionPointers(*library)) {
     LOG_TRACE("CDownloadToolDll::Load ,SetFunctionPointers()");
     return AssociateCallbackWithDll(*library);

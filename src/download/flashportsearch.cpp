@@ -4,14 +4,12 @@
 #include <string_view>
 
 #include "common/devicelist.h"
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/narrow.h"
 #include "download/devicepresence.h"
 
 namespace {
-
-constexpr GUID kSerialPortClass = {
-    0x86E0D1E0, 0x8089, 0x11D0, {0x9C, 0xE4, 0x08, 0x00, 0x3E, 0x30, 0x1F, 0x73}};
 
 constexpr std::size_t kLongestPath = 511;
 
@@ -22,7 +20,7 @@ constexpr char kCheckFlashPort[] = "CFirmwareDownloader::CheckFlashPortImplement
 }  // namespace
 
 FlashPortSearch::Sight FlashPortSearch::Look() {
-  const DeviceList list = FetchPresentInterfaces(kSerialPortClass);
+  const DeviceList list = FetchPresentInterfaces(corvel::facts::kSerialPortClass);
   const bool lengthRefused = list.outcome == DeviceListOutcome::LengthRefused;
   if (lengthRefused)
     LOG_ERROR_AS(kCheckFlashPort, "Error retrieving device interface list: %d\n",
@@ -49,9 +47,10 @@ FlashPortSearch::Sight FlashPortSearch::Look() {
 bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
   for (const wchar_t* path : paths) {
     LOG_TRACE_AS(kCheckFlashPort, "Device Path: %ls\n", path);
-    if (std::wcsstr(path, kFlashPortId) == nullptr) continue;
+    if (std::wcsstr(path, corvel::facts::kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));
-    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n", kFlashPortId);
+    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n",
+                 corvel::facts::kFlashPortId);
     LOG_TRACE_AS(kCheckFlashPort, "mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
     Report(port);
     return true;

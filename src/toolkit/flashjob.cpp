@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/narrow.h"
 #include "common/sharedvalue.h"
@@ -12,6 +13,8 @@
 #include "download/firmwaredownloader.h"
 #include "toolkit/toolkit.h"
 #include "udeiocontrol/udeiocontrol.h"
+
+namespace facts = corvel::facts;
 
 namespace {
 
@@ -103,7 +106,7 @@ void FlashJob::WriteInitialValues() {
   SetTimeOut();
   SetOnGoing(0);
   SetProgress(0);
-  SetResult(kResultIdle);
+  SetResult(facts::kResultIdle);
 }
 
 void FlashJob::AwaitRequest() {
@@ -119,7 +122,7 @@ void FlashJob::AwaitRequest() {
 
 bool FlashJob::FindImages() {
   SetProgress(0);
-  SetResult(kResultIdle);
+  SetResult(facts::kResultIdle);
   m_nModemNVMFolder = CConfigParser::ConfiguredFirmwareFolder();
   LOG_TRACE_AS(m_rules.procedure, "\t fetch modem & NVM folder, m_nModemNVMFolder:%s",
                Narrow(m_nModemNVMFolder).c_str());
@@ -135,7 +138,8 @@ void FlashJob::Run() {
   LOG_TRACE_AS(m_rules.procedure, "\t IPC Type :%s", Narrow(CConfigParser::ConfiguredIPCType()).c_str());
   Outcome outcome = Download();
   if (outcome == Outcome::Succeeded) outcome = AwaitRearrival();
-  if (outcome != Outcome::Dropped) End(outcome == Outcome::Succeeded ? kResultSucceeded : kResultFailed);
+  if (outcome != Outcome::Dropped)
+    End(outcome == Outcome::Succeeded ? facts::kResultSucceeded : facts::kResultFailed);
 }
 
 // --- Downloading -----------------------------------------------------------------------------------------
@@ -152,7 +156,7 @@ FlashJob::Outcome FlashJob::Download() {
 FlashJob::Attempt FlashJob::DownloadOnce() {
   LoadEngine();
   SetOnGoing(1);
-  SetResult(kResultFlashing);
+  SetResult(facts::kResultFlashing);
 
   UniqueHandle worker = StartWorker([] { ToolKit::DownloadFirmwareImplementation(nullptr); });
   if (worker == nullptr) {
@@ -180,7 +184,7 @@ bool FlashJob::MayDownloadAgain() {
   }
   LOG_ERROR_AS(m_rules.procedure, m_rules.retry, static_cast<int>(m_failures),
                static_cast<int>(Shared(ToolKit::mRetry_times)));
-  SetResult(kResultRetrying);
+  SetResult(facts::kResultRetrying);
   CFirmwareDownloader::Unload();
   LOG_TRACE_AS(m_rules.procedure, "%s", m_rules.pauseBeforeRetry);
   ::Sleep(m_rules.pauseBeforeRetryMs);
@@ -235,7 +239,7 @@ bool FlashJob::MayAwaitAgain() {
   }
   LOG_ERROR_AS(m_rules.procedure, "\t MBIM device not arrival, retry again, %d(Max %d)",
                static_cast<int>(m_failures), static_cast<int>(Shared(ToolKit::mRetry_times)));
-  SetResult(kResultRetrying);
+  SetResult(facts::kResultRetrying);
   CFirmwareDownloader::Unload();
   if (Shared(ToolKit::g_bIsFiveBranch)) CUdeIoControl::GetInstance()->TriggerFlashReset();
   ::Sleep(kPauseBeforeAwaitingAgainMs);
@@ -269,7 +273,7 @@ bool ToolKit::DownloadFirmwareImplementation(void*) {
 bool ToolKit::WaitForMBIMRearrivedImplementation(void*) {
   LOG_TRACE("WaitForMBIMRearrivedImplementation ++");
   do {
-    if (IsDevicePresent(kMbimModemId)) {
+    if (IsDevicePresent(facts::kMbimModemId)) {
       LOG_TRACE("\t MBIM modem re-found");
       Shared(m_MBIM_Modem_presence) = true;
       break;
@@ -282,7 +286,7 @@ bool ToolKit::WaitForMBIMRearrivedImplementation(void*) {
 
 bool ToolKit::IsMBIMModemPresence() {
   LOG_TRACE("IsMBIMModemPresence ++");
-  const bool present = IsDevicePresent(kMbimModemId);
+  const bool present = IsDevicePresent(facts::kMbimModemId);
   if (present) LOG_TRACE("MBIM modem presence");
   LOG_TRACE("IsMBIMModemPresence --");
   return present;

@@ -5,13 +5,6 @@
 #include "common/internaldata.h"
 #include "common/tstring.h"
 
-/// Flash_Result, as the controlling program reads it.
-inline constexpr int kResultIdle = 0;
-inline constexpr int kResultFlashing = 1;
-inline constexpr int kResultRetrying = 2;
-inline constexpr int kResultFailed = 3;
-inline constexpr int kResultSucceeded = 4;
-
 /// What a job does and says differently when the service or the command line runs it. Everything else is
 /// the same, FlashJob below.
 struct FlashJobRules {

@@ -4,12 +4,15 @@
 #include <cwchar>
 #include <string_view>
 
+#include "common/facts.h"
 #include "common/handles.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "common/win32error.h"
 #include "config/configparser.h"
 #include "toolkit/toolkit.h"
+
+namespace facts = corvel::facts;
 
 namespace {
 
@@ -18,8 +21,6 @@ constexpr int kFlagRaised = 1;
 constexpr int kDefaultRetryTimes = 3;
 constexpr DWORD kPauseAfterFailureMs = 5000;
 
-constexpr wchar_t kReadyFlagValue[] = L"Fls_Ready";
-constexpr wchar_t kRetryTimesValue[] = L"Retry_Times";
 constexpr wchar_t kChangeEventName[] = L"RegistryNotify";
 
 struct RootPrefix {
@@ -28,8 +29,9 @@ struct RootPrefix {
 };
 
 const RootPrefix kRoots[] = {
-    {L"HKLM", HKEY_LOCAL_MACHINE}, {L"HKU", HKEY_USERS},          {L"HKCU", HKEY_CURRENT_USER},
-    {L"HKCR", HKEY_CLASSES_ROOT},  {L"HCC", HKEY_CURRENT_CONFIG},
+    {facts::kLocalMachineRoot, HKEY_LOCAL_MACHINE},   {facts::kUsersRoot, HKEY_USERS},
+    {facts::kCurrentUserRoot, HKEY_CURRENT_USER},     {facts::kClassesRoot, HKEY_CLASSES_ROOT},
+    {facts::kCurrentConfigRoot, HKEY_CURRENT_CONFIG},
 };
 
 constexpr int kError = 1;
@@ -44,18 +46,19 @@ struct Setter {
   int failureLevel;
 };
 
-constexpr Setter kSetReadyFlag{"ToolKit::SetFlashReadyFlag", kReadyFlagValue, nullptr,
+constexpr Setter kSetReadyFlag{"ToolKit::SetFlashReadyFlag", facts::kReadyFlagValue, nullptr,
                                "\t Could not set registry value", kTrace};
-constexpr Setter kSetTimeOut{"ToolKit::SetFlashTimeOut", L"Time_Out", "\t Flash Time_Out: %d",
+constexpr Setter kSetTimeOut{"ToolKit::SetFlashTimeOut", facts::kTimeOutValue, "\t Flash Time_Out: %d",
                              "\t WriteRegistry SetFlashTimeOut failed", kError};
-constexpr Setter kSetProcess{"ToolKit::SetFlashProcess", L"Flash_Progress",
+constexpr Setter kSetProcess{"ToolKit::SetFlashProcess", facts::kProgressValue,
                              "\t WriteRegistry Flash_Progress: %d", "\t WriteRegistry SetFlashProcess failed",
                              kError};
-constexpr Setter kSetOnGoing{"ToolKit::SetFlashOnGoingFlag", L"Flash_OnGoing",
+constexpr Setter kSetOnGoing{"ToolKit::SetFlashOnGoingFlag", facts::kOnGoingValue,
                              "\t WriteRegistry Flash_OnGoing: %d",
                              "\t WriteRegistry SetFlashOnGoingFlag failed", kError};
-constexpr Setter kSetResult{"ToolKit::SetFlashResult", L"Flash_Result", "\t WriteRegistry Flash_Result: %d",
-                            "\t WriteRegistry SetFlashResult failed", kError};
+constexpr Setter kSetResult{"ToolKit::SetFlashResult", facts::kResultValue,
+                            "\t WriteRegistry Flash_Result: %d", "\t WriteRegistry SetFlashResult failed",
+                            kError};
 
 void Set(const Setter& setter, HKEY root, const wchar_t* subKey, int value) {
   const auto log = [&setter](int level, int line, const char* format, auto argument) {
@@ -114,7 +117,7 @@ enum class ReadyFlag { Raised, NotRaised, Unknown };
 ReadyFlag LookAtReadyFlag(HKEY root, const wchar_t* subKey) {
   const UniqueRegistryKey key = OpenKey(root, subKey, KEY_ALL_ACCESS);
   if (key == nullptr) return ReadyFlag::Unknown;
-  const QueriedNumber flag = QueryNumber(key, kReadyFlagValue);
+  const QueriedNumber flag = QueryNumber(key, facts::kReadyFlagValue);
   if (flag.status == ERROR_FILE_NOT_FOUND) return ReadyFlag::NotRaised;
   if (flag.status != ERROR_SUCCESS) return ReadyFlag::Unknown;
   return flag.data == kFlagRaised ? ReadyFlag::Raised : ReadyFlag::NotRaised;
@@ -226,11 +229,11 @@ bool ToolKit::WriteRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* 
 }
 
 int ToolKit::GetFlashReadyFlag(HKEY__* root, const wchar_t* subKey) {
-  return ReadRegistry(root, subKey, kReadyFlagValue, REG_DWORD);
+  return ReadRegistry(root, subKey, facts::kReadyFlagValue, REG_DWORD);
 }
 
 int ToolKit::GetFlashRetryTimes(HKEY__* root, const wchar_t* subKey) {
-  const int times = ReadRegistry(root, subKey, kRetryTimesValue, REG_DWORD);
+  const int times = ReadRegistry(root, subKey, facts::kRetryTimesValue, REG_DWORD);
   return times == kUnreadable ? kDefaultRetryTimes : times;
 }
 

@@ -1,3 +1,4 @@
+#include "common/facts.h"
 #include "common/log.h"
 #include "download/firmwaredownloader.h"
 #include "toolkit/flashjob.h"
@@ -17,7 +18,7 @@ void RunPass() {
     return;
   }
   ::Sleep(kPauseWithoutImagesMs);
-  ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, kResultFailed);
+  ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, corvel::facts::kResultFailed);
   ToolKit::SetFlashReadyFlag(ToolKit::hMainKey, ToolKit::mStrKey, 0);
 }
 

@@ -10,6 +10,7 @@
 
 #include "common/debuglogger.h"
 #include "common/errortext.h"
+#include "common/facts.h"
 #include "common/fileio.h"
 #include "common/fileretention.h"
 #include "common/handles.h"
@@ -24,9 +25,6 @@ namespace {
 
 constexpr int kLoggingOn = 3;
 constexpr int kLoggingOff = 0;
-
-constexpr wchar_t kCommandLineRoot[] = L"HKLM";
-constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
 
 std::string NextToken(const char* text, const char* delimiters, int& position) {
   if (text == nullptr || delimiters == nullptr || position < 0) return {};
@@ -122,8 +120,8 @@ bool ToolKit::Initialize_CmdLine() {
   if (m_Instance == nullptr) {
     GetInstance();
     hMainKey = HKEY_LOCAL_MACHINE;
-    CopyBounded(mMainKey, kCommandLineRoot);
-    CopyBounded(mStrKey, kCommandLineKey);
+    CopyBounded(mMainKey, corvel::facts::kLocalMachineRoot);
+    CopyBounded(mStrKey, corvel::facts::kCommandLineKey);
   }
   LOG_TRACE("-- Initialize_CmdLine");
   return true;

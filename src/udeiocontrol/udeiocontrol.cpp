@@ -11,15 +11,11 @@
 #include <string_view>
 
 #include "common/devicelist.h"
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/win32error.h"
 
 namespace {
-
-constexpr GUID kControlInterface = {
-    0xE7B2CCDC, 0x4DD8, 0x4B33, {0x88, 0xF3, 0xC0, 0x56, 0x1B, 0x94, 0x70, 0xC9}};
-constexpr GUID kFlashInterface = {
-    0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
 
 constexpr std::uint32_t kProbeCode = 0x220014;
 constexpr std::uint32_t kBasebandResetCode = 0x220020;
@@ -45,10 +41,10 @@ struct InterfaceOpening {
 
 namespace {
 
-constexpr InterfaceOpening kControlOpening{"CUdeIoControl::OpenUdeDeviceInterface", kControlInterface,
-                                           kErrorLevel};
-constexpr InterfaceOpening kFlashOpening{"CUdeIoControl::OpenUdeDeviceFlashInterface", kFlashInterface,
-                                         kTraceLevel};
+constexpr InterfaceOpening kControlOpening{"CUdeIoControl::OpenUdeDeviceInterface",
+                                           corvel::facts::kControlClass, kErrorLevel};
+constexpr InterfaceOpening kFlashOpening{"CUdeIoControl::OpenUdeDeviceFlashInterface",
+                                         corvel::facts::kResetClass, kTraceLevel};
 
 /// One overlapped request of its own event. The driver writes to the request's memory whenever it completes
 /// it, which may be long after the caller's patience: memory that is still in use is never freed.

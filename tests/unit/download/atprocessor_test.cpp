@@ -7,6 +7,7 @@
 #include <limits>
 #include <string>
 
+#include "common/facts.h"
 #include "download/devicepresence.h"
 #include "fake_serial_port.h"
 #include "support/device_tree.h"
@@ -40,7 +41,7 @@ class FindComPortTest : public testing::Test {
     tree.Has(kAtDevice, friendlyName);
     return Find();
   }
-  int Find() { return port.findComPort(kAtPortId); }
+  int Find() { return port.findComPort(corvel::facts::kAtPortId); }
 
   TestLog log;
   DeviceTree tree;

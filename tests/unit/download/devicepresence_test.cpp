@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "common/facts.h"
 #include "download/firmwaredownloader.h"
 #include "support/device_tree.h"
 #include "support/manual_clock.h"
@@ -130,8 +131,8 @@ TEST_F(DevicePresenceTest, OnlyPresentDevicesAreAskedForAndTheBufferIsCountedInC
 
 TEST_F(DevicePresenceTest, TheSharedTestFindsAnIdAndWritesNoRecord) {
   tree.Has(kFlashPort);
-  EXPECT_TRUE(IsDevicePresent(kFlashPortId));
-  EXPECT_FALSE(IsDevicePresent(kMbimModemId));
+  EXPECT_TRUE(IsDevicePresent(corvel::facts::kFlashPortId));
+  EXPECT_FALSE(IsDevicePresent(corvel::facts::kMbimModemId));
   EXPECT_THAT(log.Said(), IsEmpty());
 }
 

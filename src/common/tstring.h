@@ -16,9 +16,16 @@
 /// Pointers handed out stay owned by the object. A wide pointer is valid until the next change of the
 /// text, a narrow one until the next narrow conversion on the same object.
 ///
-/// Positions and counts are taken as unsigned sizes, so a count of -1 means "as far as the text goes".
-/// A conversion that fails yields an empty text. SubStr, Erase, Insert and Replace beyond the end of the
-/// text throw std::out_of_range; nothing else here throws but for lack of memory.
+/// A null pointer is an empty text wherever a text is taken, except where it says otherwise. Texts may hold
+/// NULs; one that comes in by a bare pointer ends at its first.
+///
+/// Positions and counts are in UTF-16 units and are taken as unsigned sizes: a count of -1 means "as far as
+/// the text goes", and a position of -1 is beyond every end. Lengths and indices come back as int; beyond
+/// 2,147,483,647 units they overflow. A conversion that fails yields an empty text.
+///
+/// SubStr, Erase, Insert and Replace beyond the end of the text throw std::out_of_range; lack of memory
+/// throws std::bad_alloc, and a text beyond what std::wstring can hold std::length_error. Nothing else here
+/// throws.
 class CORVEL_TOOLKIT_API CTString {
  public:
   /// An empty text.
@@ -54,59 +61,69 @@ class CORVEL_TOOLKIT_API CTString {
   /// The text's own buffer.
   operator const wchar_t*() const;
 
-  /// A new text: this one followed by the other.
+  /// A new text: this one followed by the other, which may be null.
   CTString operator+(const CTString& other) const;
   CTString operator+(const char* other) const;
   CTString operator+(const wchar_t* other) const;
 
-  /// Appends in place and returns this object.
+  /// Appends in place and returns this object. A null pointer adds nothing; the other text may be this one.
   CTString& operator+=(const CTString& other);
   CTString& operator+=(const char* other);
   CTString& operator+=(const wchar_t* other);
 
-  /// Appends in place.
+  /// Appends in place. A null pointer adds nothing.
   void Append(const CTString& other);
   void Append(const char* other);
   void Append(const wchar_t* other);
 
-  /// Inserts the first `count` units of `text` at `pos` and returns the new length. A null text changes
-  /// nothing; a count beyond the text takes all of it.
+  /// Inserts the first `count` units of `text` at `pos`.
+  /// @param pos   0 to the length; beyond it std::out_of_range is thrown.
+  /// @param text  UTF-8 or UTF-16; null changes nothing, whatever `pos` is.
+  /// @param count in UTF-16 units, for a narrow text too; one beyond the text, or -1, takes all of it.
+  /// @return the new length.
   int Insert(int pos, const char* text, int count);
   int Insert(int pos, const wchar_t* text, int count);
 
-  /// Removes min(`count`, length - `pos`) units at `pos` and returns the wide buffer.
+  /// Removes min(`count`, length - `pos`) units at `pos` and returns the wide buffer, which stays this
+  /// object's. A `pos` beyond the length throws std::out_of_range.
   const wchar_t* Erase(int pos, int count);
 
-  /// Index of the first occurrence at or after `start`, or -1.
+  /// Index of the first occurrence at or after `start`; -1 when there is none, when `needle` is null, and
+  /// when `start` is beyond the end. An empty needle is found at `start`.
   int Find(const wchar_t* needle, int start) const;
 
-  /// Index of the last occurrence that begins at or before `start`, or -1; a start of -1 means the end.
+  /// Index of the last occurrence that begins at or before `start`; -1 when there is none and when `needle`
+  /// is null. A start of -1, or one beyond the end, means the end.
   int ReverseFind(const wchar_t* needle, int start) const;
 
-  /// Replaces `count` units at `pos` by `with`, in place; returns a copy of the result.
+  /// Replaces min(`count`, length - `pos`) units at `pos` by `with`, in place; returns a copy of the result.
+  /// A `pos` beyond the length throws std::out_of_range.
   CTString Replace(std::size_t pos, std::size_t count, CTString with);
 
-  /// A new text of min(`count`, length - `start`) units from `start`.
+  /// A new text of min(`count`, length - `start`) units from `start`. A `start` beyond the length throws
+  /// std::out_of_range, but not with an empty text: of that every part is empty.
   CTString SubStr(int start, int count) const;
 
-  /// Convert each unit by the C library's case mapping; return the wide buffer.
+  /// Convert each unit by the C library's case mapping; return the wide buffer, which stays this object's.
   const wchar_t* MakeUpper();
   const wchar_t* MakeLower();
 
-  /// Remove leading or trailing units that occur in `set`; return this object.
+  /// Remove leading or trailing units that occur in `set`; return this object. A null set removes nothing.
   CTString& TrimLeft(const wchar_t* set);
   CTString& TrimRight(const wchar_t* set);
 
   /// Replaces the text by printed arguments; the narrow kind prints UTF-8. Any length. The arguments may
-  /// point into this object. What the C runtime refuses to print gives an empty text.
+  /// point into this object. A null format, and what the C runtime refuses to print, give an empty text.
   void Format(const char* format, ...);
   void Format(const wchar_t* format, ...);
 
-  /// The leading decimal number of the text; 0 if there is none.
+  /// The leading decimal number of the text, after white space and with its sign; 0 if there is none. One
+  /// that does not fit is the nearest int.
   int ToInt() const;
 
-  /// Number of UTF-16 units.
+  /// Number of UTF-16 units, without a terminator.
   int GetLength() const;
+  /// True without any unit.
   bool IsEmpty() const;
 
   /// Make the text empty.
@@ -114,9 +131,10 @@ class CORVEL_TOOLKIT_API CTString {
   void Clear();
 
  protected:
-  /// Decodes UTF-8 into this object's wide scratch buffer.
+  /// Decodes UTF-8 into this object's wide scratch buffer, valid until its next use. Null gives an empty
+  /// text.
   const wchar_t* CharToWChar(const char* text);
-  /// Encodes into this object's narrow scratch buffer.
+  /// Encodes into this object's narrow scratch buffer, valid until its next use. Null gives an empty text.
   const char* WCharToChar(const wchar_t* text);
 
  private:

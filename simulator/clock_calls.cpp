@@ -1,7 +1,12 @@
+#include "simulator/clock_calls.h"
+
 #include <windows.h>
 
-#include "machine.h"
-#include "working_threads.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 namespace {
 
@@ -93,3 +98,5 @@ void PatchClock(ImportPatch& patch) {
   patch.ReplaceIfImported("GetOverlappedResultEx", &SimulatedOverlappedResult);
   patch.ReplaceIfImported("GetTickCount64", &SimulatedTickCount);
 }
+
+}  // namespace simulator

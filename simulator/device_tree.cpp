@@ -1,4 +1,4 @@
-#include "device_tree.h"
+#include "simulator/device_tree.h"
 
 #include <initguid.h>
 #include <windows.h>
@@ -12,7 +12,10 @@
 #include <span>
 #include <string_view>
 
-#include "machine.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+
+namespace simulator {
 
 namespace {
 
@@ -43,9 +46,9 @@ std::wstring LowerCase(std::wstring text) {
 }
 
 /// "\\?\USB#VID...#instance#{class}": how Windows makes a path of an id and a class.
-std::wstring InterfacePath(std::wstring id, std::wstring_view interface_class) {
+std::wstring InterfacePath(std::wstring id, std::wstring_view interfaceClass) {
   std::ranges::replace(id, L'\\', L'#');
-  return L"\\\\?\\" + id + L"#" + std::wstring(interface_class);
+  return L"\\\\?\\" + id + L"#" + std::wstring(interfaceClass);
 }
 
 Texts OtherDevices() {
@@ -58,7 +61,7 @@ Texts OtherDevices() {
 Texts PresentDevices(Machine& machine) {
   Texts ids;
   const auto& faults = machine.options.faults;
-  if (!faults.tree.without_other_devices) ids = OtherDevices();
+  if (!faults.tree.withoutOtherDevices) ids = OtherDevices();
   if (!faults.driver.absent) ids.push_back(kUdeId);
   if (machine.modem.IsPresentAsModem()) {
     ids.push_back(kMbimThirdId);
@@ -66,10 +69,10 @@ Texts PresentDevices(Machine& machine) {
   }
   if (IsAtPortPresent(machine)) ids.push_back(kAtPortId);
   if (machine.modem.IsPresentAsFlashPort()) {
-    ids.push_back(faults.modem.flash_port_lower_case ? LowerCase(kFlashPortId) : kFlashPortId);
+    ids.push_back(faults.modem.flashPortLowerCase ? LowerCase(kFlashPortId) : kFlashPortId);
   }
-  if (!faults.tree.without_other_devices) ids.push_back(L"SWD\\PRINTENUM\\PRINTQUEUES");
-  if (!faults.tree.lower_case_ids) return ids;
+  if (!faults.tree.withoutOtherDevices) ids.push_back(L"SWD\\PRINTENUM\\PRINTQUEUES");
+  if (!faults.tree.lowerCaseIds) return ids;
   std::ranges::transform(ids, ids.begin(), LowerCase);
   return ids;
 }
@@ -94,10 +97,10 @@ std::wstring_view Component(std::wstring_view id, int number) {
 /// A filter names an enumerator, or enumerator and device; each component counts as a whole, whatever its
 /// case.
 bool PassesFilter(const std::wstring& id, const std::wstring& filter) {
-  const auto is_equal = [&](int number) {
+  const auto isEqual = [&](int number) {
     return EqualIgnoringCase(std::wstring(Component(id, number)), std::wstring(Component(filter, number)));
   };
-  return is_equal(0) && (Component(filter, 1).empty() || is_equal(1));
+  return isEqual(0) && (Component(filter, 1).empty() || isEqual(1));
 }
 
 Texts Filtered(Texts ids, const std::wstring& filter) {
@@ -105,16 +108,16 @@ Texts Filtered(Texts ids, const std::wstring& filter) {
   return ids;
 }
 
-Texts PresentInterfaces(Machine& machine, const GUID& interface_class) {
+Texts PresentInterfaces(Machine& machine, const GUID& interfaceClass) {
   Texts paths;
   const auto& faults = machine.options.faults;
-  if (IsEqualGUID(interface_class, kUdeFlashGuid)) return UdePaths(machine);
-  if (IsEqualGUID(interface_class, kUdeControlGuid)) {
+  if (IsEqualGUID(interfaceClass, kUdeFlashGuid)) return UdePaths(machine);
+  if (IsEqualGUID(interfaceClass, kUdeControlGuid)) {
     if (!faults.driver.absent) paths.push_back(InterfacePath(kUdeId, kUdeControlClass));
     return paths;
   }
-  if (!IsEqualGUID(interface_class, kSerialGuid)) return paths;
-  if (!faults.tree.without_other_devices) paths.push_back(InterfacePath(L"ACPI\\PNP0501\\1", kSerialClass));
+  if (!IsEqualGUID(interfaceClass, kSerialGuid)) return paths;
+  if (!faults.tree.withoutOtherDevices) paths.push_back(InterfacePath(L"ACPI\\PNP0501\\1", kSerialClass));
   if (IsAtPortPresent(machine)) paths.push_back(InterfacePath(kAtPortId, kSerialClass));
   if (machine.modem.IsPresentAsFlashPort()) paths.push_back(FlashPortPath(machine));
   return paths;
@@ -138,7 +141,7 @@ CONFIGRET Deliver(const Texts& texts, PWSTR buffer, ULONG length) {
 CONFIGRET AnswerSize(Machine& machine, const ListFaults& faults, const char* list, PULONG size,
                      const Texts& texts) {
   if (size == nullptr) return CR_INVALID_POINTER;
-  if (faults.size_query_fails.Hits(machine.CountLook(std::string(list) + " size"))) return faults.code;
+  if (faults.sizeQueryFails.Hits(machine.CountLook(std::string(list) + " size"))) return faults.code;
   *size = static_cast<ULONG>(SizeOf(texts));
   return CR_SUCCESS;
 }
@@ -146,27 +149,27 @@ CONFIGRET AnswerSize(Machine& machine, const ListFaults& faults, const char* lis
 CONFIGRET AnswerList(Machine& machine, const ListFaults& faults, const char* list, PWSTR buffer, ULONG length,
                      Texts texts) {
   const int number = machine.CountLook(list);
-  if (faults.list_query_fails.Hits(number)) return faults.code;
+  if (faults.listQueryFails.Hits(number)) return faults.code;
   if (faults.grows.Hits(number)) texts.insert(texts.begin(), kNewcomerId);
   return Deliver(texts, buffer, length);
 }
 
-const ListFaults& FaultsOf(const Machine& machine, const GUID& interface_class) {
+const ListFaults& FaultsOf(const Machine& machine, const GUID& interfaceClass) {
   const auto& tree = machine.options.faults.tree;
-  return IsEqualGUID(interface_class, kSerialGuid) ? tree.serial_interfaces : tree.ude_interfaces;
+  return IsEqualGUID(interfaceClass, kSerialGuid) ? tree.serialInterfaces : tree.udeInterfaces;
 }
 
-const char* ListName(const GUID& interface_class) {
-  return IsEqualGUID(interface_class, kSerialGuid) ? "serial interfaces" : "driver interfaces";
+const char* ListName(const GUID& interfaceClass) {
+  return IsEqualGUID(interfaceClass, kSerialGuid) ? "serial interfaces" : "driver interfaces";
 }
 
 /// The devices that a filter and its flags choose, or the reason why there is no list.
 CONFIGRET Choose(Machine& machine, PCWSTR filter, ULONG flags, Texts& ids) {
-  const bool is_filtered = (flags & CM_GETIDLIST_FILTER_ENUMERATOR) != 0;
-  if (is_filtered && filter == nullptr) return CR_INVALID_POINTER;
-  const bool is_present_only = (flags & CM_GETIDLIST_FILTER_PRESENT) != 0;
-  ids = is_present_only ? PresentDevices(machine) : KnownDevices(machine);
-  if (!is_filtered) return CR_SUCCESS;
+  const bool isFiltered = (flags & CM_GETIDLIST_FILTER_ENUMERATOR) != 0;
+  if (isFiltered && filter == nullptr) return CR_INVALID_POINTER;
+  const bool isPresentOnly = (flags & CM_GETIDLIST_FILTER_PRESENT) != 0;
+  ids = isPresentOnly ? PresentDevices(machine) : KnownDevices(machine);
+  if (!isFiltered) return CR_SUCCESS;
   if (Filtered(KnownDevices(machine), filter).empty()) return CR_NO_SUCH_VALUE;
   ids = Filtered(std::move(ids), filter);
   return CR_SUCCESS;
@@ -178,7 +181,7 @@ CONFIGRET WINAPI SimulatedIdListSize(PULONG size, PCWSTR filter, ULONG flags) {
   if (const auto error = machine->BeginPlatformCall("CM_Get_Device_ID_List_SizeW")) return *error;
   Texts ids;
   if (const CONFIGRET result = Choose(*machine, filter, flags, ids); result != CR_SUCCESS) return result;
-  return AnswerSize(*machine, machine->options.faults.tree.device_ids, "device ids", size, ids);
+  return AnswerSize(*machine, machine->options.faults.tree.deviceIds, "device ids", size, ids);
 }
 
 CONFIGRET WINAPI SimulatedIdList(PCWSTR filter, PWSTR buffer, ULONG length, ULONG flags) {
@@ -188,28 +191,27 @@ CONFIGRET WINAPI SimulatedIdList(PCWSTR filter, PWSTR buffer, ULONG length, ULON
   Texts ids;
   if (const CONFIGRET result = Choose(*machine, filter, flags, ids); result != CR_SUCCESS) return result;
   if ((flags & CM_GETIDLIST_FILTER_ENUMERATOR) != 0) return Deliver(ids, buffer, length);
-  return AnswerList(*machine, machine->options.faults.tree.device_ids, "device ids", buffer, length,
+  return AnswerList(*machine, machine->options.faults.tree.deviceIds, "device ids", buffer, length,
                     std::move(ids));
 }
 
-CONFIGRET WINAPI SimulatedInterfaceListSize(PULONG size, LPGUID interface_class, DEVINSTID_W id,
-                                            ULONG flags) {
+CONFIGRET WINAPI SimulatedInterfaceListSize(PULONG size, LPGUID interfaceClass, DEVINSTID_W id, ULONG flags) {
   const auto machine = CurrentMachine();
-  if (!machine) return ::CM_Get_Device_Interface_List_SizeW(size, interface_class, id, flags);
+  if (!machine) return ::CM_Get_Device_Interface_List_SizeW(size, interfaceClass, id, flags);
   if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_List_SizeW")) return *error;
-  if (interface_class == nullptr) return CR_INVALID_POINTER;
-  return AnswerSize(*machine, FaultsOf(*machine, *interface_class), ListName(*interface_class), size,
-                    PresentInterfaces(*machine, *interface_class));
+  if (interfaceClass == nullptr) return CR_INVALID_POINTER;
+  return AnswerSize(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), size,
+                    PresentInterfaces(*machine, *interfaceClass));
 }
 
-CONFIGRET WINAPI SimulatedInterfaceList(LPGUID interface_class, DEVINSTID_W id, PWSTR buffer, ULONG length,
+CONFIGRET WINAPI SimulatedInterfaceList(LPGUID interfaceClass, DEVINSTID_W id, PWSTR buffer, ULONG length,
                                         ULONG flags) {
   const auto machine = CurrentMachine();
-  if (!machine) return ::CM_Get_Device_Interface_ListW(interface_class, id, buffer, length, flags);
+  if (!machine) return ::CM_Get_Device_Interface_ListW(interfaceClass, id, buffer, length, flags);
   if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_ListW")) return *error;
-  if (interface_class == nullptr) return CR_INVALID_POINTER;
-  return AnswerList(*machine, FaultsOf(*machine, *interface_class), ListName(*interface_class), buffer,
-                    length, PresentInterfaces(*machine, *interface_class));
+  if (interfaceClass == nullptr) return CR_INVALID_POINTER;
+  return AnswerList(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), buffer, length,
+                    PresentInterfaces(*machine, *interfaceClass));
 }
 
 /// A device's instance number: its place among the known ones, so that it stays the same.
@@ -225,7 +227,7 @@ CONFIGRET WINAPI SimulatedLocate(PDEVINST instance, DEVINSTID_W id, ULONG flags)
   if (const auto error = machine->BeginPlatformCall("CM_Locate_DevNodeW")) return *error;
   const auto& tree = machine->options.faults.tree;
   if (instance == nullptr) return CR_INVALID_POINTER;
-  if (tree.locate_fails.Hits(machine->CountLook("locate"))) return tree.code;
+  if (tree.locateFails.Hits(machine->CountLook("locate"))) return tree.code;
   // No id and an empty one both name the root of the tree.
   if (id == nullptr || *id == L'\0') {
     *instance = kRoot;
@@ -242,16 +244,16 @@ CONFIGRET WINAPI SimulatedReenumerate(DEVINST instance, ULONG flags) {
   if (!machine) return ::CM_Reenumerate_DevNode(instance, flags);
   if (const auto error = machine->BeginPlatformCall("CM_Reenumerate_DevNode")) return *error;
   const auto& tree = machine->options.faults.tree;
-  if (tree.reenumerate_fails.Hits(machine->CountLook("reenumerate"))) return tree.code;
+  if (tree.reenumerateFails.Hits(machine->CountLook("reenumerate"))) return tree.code;
   if (instance != kRoot) return CR_INVALID_DEVNODE;
-  machine->Note(JournalEvent::kReenumeration, "");
+  machine->Note(JournalEvent::Reenumeration, "");
   return CR_SUCCESS;
 }
 
 std::wstring FriendlyName(const Machine& machine) {
-  std::wstring name = machine.options.at_port_name;
+  std::wstring name = machine.options.atPortName;
   const auto place = name.find(L"%d");
-  if (place != std::wstring::npos) name.replace(place, 2, std::to_wstring(machine.options.at_port_number));
+  if (place != std::wstring::npos) name.replace(place, 2, std::to_wstring(machine.options.atPortNumber));
   return name;
 }
 
@@ -281,16 +283,16 @@ bool EqualIgnoringCase(const std::wstring& left, const std::wstring& right) {
 
 std::wstring FlashPortPath(const Machine& machine) {
   std::wstring path = InterfacePath(kFlashPortId, kSerialClass);
-  return machine.options.faults.modem.flash_port_lower_case ? LowerCase(std::move(path)) : path;
+  return machine.options.faults.modem.flashPortLowerCase ? LowerCase(std::move(path)) : path;
 }
 
 std::vector<std::wstring> UdePaths(const Machine& machine) {
   const auto& driver = machine.options.faults.driver;
   if (driver.absent) return {};
   Texts paths{RightUdePath(machine)};
-  if (!driver.two_instances) return paths;
+  if (!driver.twoInstances) return paths;
   const std::wstring wrong = InterfacePath(L"ROOT\\UDE\\0001", kUdeFlashClass);
-  paths.insert(driver.right_instance_first ? paths.end() : paths.begin(), wrong);
+  paths.insert(driver.rightInstanceFirst ? paths.end() : paths.begin(), wrong);
   return paths;
 }
 
@@ -299,7 +301,7 @@ std::wstring RightUdePath(const Machine&) {
 }
 
 bool IsAtPortPresent(Machine& machine) {
-  return !machine.options.faults.at_port.absent && machine.modem.IsPresentAsModem();
+  return !machine.options.faults.atPort.absent && machine.modem.IsPresentAsModem();
 }
 
 void PatchDeviceTree(ImportPatch& patch) {
@@ -311,3 +313,5 @@ void PatchDeviceTree(ImportPatch& patch) {
   patch.ReplaceIfImported("CM_Reenumerate_DevNode", &SimulatedReenumerate);
   patch.ReplaceIfImported("CM_Get_DevNode_Registry_PropertyW", &SimulatedProperty);
 }
+
+}  // namespace simulator

@@ -3,6 +3,9 @@
 #include <string>
 #include <vector>
 
+namespace simulator {
+
+class ImportPatch;
 class Machine;
 
 /// Paths under which the modem's functions and the driver can be opened at present.
@@ -12,3 +15,8 @@ std::vector<std::wstring> UdePaths(const Machine& machine);
 std::wstring RightUdePath(const Machine& machine);
 bool IsAtPortPresent(Machine& machine);
 bool EqualIgnoringCase(const std::wstring& left, const std::wstring& right);
+
+/// Answers questions about devices and their interfaces.
+void PatchDeviceTree(ImportPatch& patch);
+
+}  // namespace simulator

@@ -1,9 +1,11 @@
-#include "failing_allocations.h"
+#include "simulator/failing_allocations.h"
 
 #include <oleauto.h>
 
 #include <atomic>
 #include <cstdlib>
+
+namespace simulator {
 
 namespace {
 
@@ -59,7 +61,7 @@ SAFEARRAY* WINAPI CreateVector(VARTYPE type, LONG lower, ULONG count) {
 }  // namespace
 
 FailingAllocations::FailingAllocations(HMODULE module) : m_patch(module) {
-  m_in_place = m_patch.ReplaceIfImported("HeapAlloc", &AllocateOnHeap);
+  m_inPlace = m_patch.ReplaceIfImported("HeapAlloc", &AllocateOnHeap);
   // A module whose runtime is linked in allocates from the process heap alone; nobody has to know all of
   // these.
   m_patch.ReplaceIfImported("malloc", &Malloc);
@@ -91,3 +93,5 @@ unsigned FailingAllocations::Asked() {
 unsigned FailingAllocations::Refused() {
   return g_refused;
 }
+
+}  // namespace simulator

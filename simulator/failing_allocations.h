@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
+
+namespace simulator {
 
 /// Lets the allocations of one module fail: of the C runtime's heap, of the process heap, of automation texts
 /// and arrays, all counted together in the order in which they come, from whatever thread. One at a time;
@@ -16,7 +18,7 @@ class FailingAllocations {
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 
   /// False when the module does not import even the process heap: nothing would ever fail.
-  bool IsInPlace() const { return m_in_place; }
+  bool IsInPlace() const { return m_inPlace; }
 
   /// Begins to count anew; the `first`-th allocation (from 1) and those behind it fail, `count` in all.
   static void Fail(unsigned first, unsigned count);
@@ -29,5 +31,7 @@ class FailingAllocations {
 
  private:
   ImportPatch m_patch;
-  bool m_in_place = false;
+  bool m_inPlace = false;
 };
+
+}  // namespace simulator

@@ -1,3 +1,5 @@
+#include "simulator/faultable_calls.h"
+
 // Calls that go to the system, unless a fault says that they fail.
 
 #include <windows.h>
@@ -8,14 +10,17 @@
 #include <functional>
 #include <memory>
 
-#include "machine.h"
-#include "named_objects.h"
-#include "working_threads.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+#include "simulator/named_objects.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 namespace {
 
 /// How a function tells failure.
-enum class Failure { kLastError, kResult };
+enum class Failure { LastError, Result };
 
 /// Stands in front of one function of the system. `Tag` makes one of it per function.
 template <typename Tag, typename Result, typename... Arguments>
@@ -25,14 +30,14 @@ struct FaultableCall {
   static inline Function original = nullptr;
   static inline const char* name = nullptr;
   static inline Result failure{};
-  static inline Failure kind = Failure::kLastError;
+  static inline Failure kind = Failure::LastError;
 
   static Result WINAPI Call(Arguments... arguments) {
     const auto machine = CurrentMachine();
     const auto error = machine ? machine->BeginPlatformCall(name) : std::nullopt;
     if (!error) return original(arguments...);
     if constexpr (std::is_integral_v<Result>) {
-      if (kind == Failure::kResult) return static_cast<Result>(*error);
+      if (kind == Failure::Result) return static_cast<Result>(*error);
     }
     ::SetLastError(*error);
     return failure;
@@ -88,8 +93,8 @@ Replacement Faultable(const char* name, Result(WINAPI* original)(Arguments...), 
 }
 
 const std::vector<Replacement>& Replacements() {
-  constexpr auto kLastError = Failure::kLastError;
-  constexpr auto kResult = Failure::kResult;
+  constexpr auto kLastError = Failure::LastError;
+  constexpr auto kResult = Failure::Result;
   static const std::vector<Replacement> replacements{
       Faultable<struct T0>("CreateThread", &CreateWorkingThread, kLastError),
       Faultable<struct T1>("CreateSemaphoreW", &CreateOwnSemaphore, kLastError),
@@ -129,3 +134,5 @@ std::vector<std::string> PassedOnCalls() {
   for (const auto& replacement : Replacements()) names.emplace_back(replacement.name);
   return names;
 }
+
+}  // namespace simulator

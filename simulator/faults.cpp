@@ -1,4 +1,6 @@
-#include "faults.h"
+#include "simulator/faults.h"
+
+namespace simulator {
 
 namespace {
 
@@ -58,6 +60,8 @@ LibraryCallFault Hangs(const std::string& function, int call, std::chrono::milli
 
 LibraryCallFault OutlastsAttempt(const std::string& function, int call, std::chrono::milliseconds after) {
   LibraryCallFault fault = Hangs(function, call, after);
-  fault.until_wait_expires = kAttemptLimit;
+  fault.untilWaitExpires = kAttemptLimit;
   return fault;
 }
+
+}  // namespace simulator

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace simulator {
+
 /// Which times a thing goes wrong: from the `first` time on (counted from 1), `count` times. Default: never.
 struct Occurrence {
   static constexpr int kForEver = INT_MAX;
@@ -29,32 +31,32 @@ struct Occurrence {
 
 /// What is wrong with the modem. Durations are virtual time.
 struct ModemFaults {
-  /// Ways into flash mode (counted over all routes) after which the flash port comes `flash_port_delay`
+  /// Ways into flash mode (counted over all routes) after which the flash port comes `flashPortDelay`
   /// later than usual, or not at all.
-  Occurrence flash_port_late;
-  std::chrono::milliseconds flash_port_delay{20000};
-  Occurrence flash_port_missing;
+  Occurrence flashPortLate;
+  std::chrono::milliseconds flashPortDelay{20000};
+  Occurrence flashPortMissing;
   /// The flash port's ids and paths are in lower case.
-  bool flash_port_lower_case = false;
+  bool flashPortLowerCase = false;
 
   /// Added to the way back to normal mode behind the forced reset.
-  std::chrono::milliseconds return_delay{0};
+  std::chrono::milliseconds returnDelay{0};
   /// Behind the forced reset the modem is away until the product has given up its re-arrival wait, and is
   /// back at the look that follows: the product's last check finds it.
-  bool returns_at_last_check = false;
+  bool returnsAtLastCheck = false;
   /// Behind the forced reset the modem is away until it got that many baseband resets.
-  int returns_after_resets = 0;
-  bool never_returns = false;
+  int returnsAfterResets = 0;
+  bool neverReturns = false;
 
   /// The modem hears the AT command, or the Mobile Broadband reboot command, and stays as it is.
-  bool ignores_at_command = false;
-  bool ignores_mbim_reboot = false;
+  bool ignoresAtCommand = false;
+  bool ignoresMbimReboot = false;
 };
 
 /// What is wrong with one kind of device list.
 struct ListFaults {
-  Occurrence size_query_fails;
-  Occurrence list_query_fails;
+  Occurrence sizeQueryFails;
+  Occurrence listQueryFails;
   CONFIGRET code = CR_FAILURE;
   /// A device arrives between the size query and the list query: CR_BUFFER_SMALL.
   Occurrence grows;
@@ -62,39 +64,39 @@ struct ListFaults {
 
 /// What is wrong with the device tree.
 struct DeviceTreeFaults {
-  ListFaults device_ids;
-  ListFaults serial_interfaces;
-  ListFaults ude_interfaces;
+  ListFaults deviceIds;
+  ListFaults serialInterfaces;
+  ListFaults udeInterfaces;
   /// All device ids come in lower case, as some systems deliver them.
-  bool lower_case_ids = false;
+  bool lowerCaseIds = false;
   /// No devices but the modem's and the driver's: lists may be empty.
-  bool without_other_devices = false;
-  Occurrence locate_fails;
-  Occurrence reenumerate_fails;
+  bool withoutOtherDevices = false;
+  Occurrence locateFails;
+  Occurrence reenumerateFails;
   CONFIGRET code = CR_FAILURE;
 };
 
 /// What is wrong with the driver behind the baseband reset line. An error of 0 means that the call succeeds.
 struct DriverFaults {
   bool absent = false;
-  DWORD open_error = ERROR_SUCCESS;
-  DWORD request_error = ERROR_SUCCESS;
-  Occurrence requests_refused;  ///< with request_error; ignored while that is 0
-  /// The reset request never completes by itself. The modem is reset all the same unless `ignores_reset`.
-  bool never_completes = false;
-  bool ignores_reset = false;
+  DWORD openError = ERROR_SUCCESS;
+  DWORD requestError = ERROR_SUCCESS;
+  Occurrence requestsRefused;  ///< with requestError; ignored while that is 0
+  /// The reset request never completes by itself. The modem is reset all the same unless `ignoresReset`.
+  bool neverCompletes = false;
+  bool ignoresReset = false;
   /// Two instances of the interface; the probe stays pending on the right one alone.
-  bool two_instances = false;
-  bool right_instance_first = false;
+  bool twoInstances = false;
+  bool rightInstanceFirst = false;
 };
 
 /// What is wrong with the AT port. An error of 0 means that the call succeeds.
 struct AtPortFaults {
   bool absent = false;
-  DWORD open_error = ERROR_SUCCESS;
-  DWORD get_state_error = ERROR_SUCCESS;
-  DWORD set_state_error = ERROR_SUCCESS;
-  DWORD write_error = ERROR_SUCCESS;
+  DWORD openError = ERROR_SUCCESS;
+  DWORD getStateError = ERROR_SUCCESS;
+  DWORD setStateError = ERROR_SUCCESS;
+  DWORD writeError = ERROR_SUCCESS;
 };
 
 /// Stands for the three calls that write an item.
@@ -111,27 +113,27 @@ struct LibraryCallFault {
   std::optional<std::int32_t> result;
   /// The call hangs: first until the product gives up a wait of this many milliseconds (0: no such
   /// condition), then for `hang` of virtual time.
-  DWORD until_wait_expires = 0;
+  DWORD untilWaitExpires = 0;
   std::chrono::milliseconds hang{0};
 };
 
 /// How the library reports an item's progress.
 enum class ProgressStyle : std::uint32_t {
-  kNormal,
-  kNonNumeric,      ///< "abc", "4x", "" among the numbers
-  kFalling,         ///< 0, 60, 30, 100
-  kPastHundred,     ///< up to 250
-  kBeforeRawMode,   ///< all percentages before the text that announces sending
-  kNearRawModeText  ///< the announcement has one leading blank only
+  Normal,
+  NonNumeric,      ///< "abc", "4x", "" among the numbers
+  Falling,         ///< 0, 60, 30, 100
+  PastHundred,     ///< up to 250
+  BeforeRawMode,   ///< all percentages before the text that announces sending
+  NearRawModeText  ///< the announcement has one leading blank only
 };
 
 /// What is wrong with the flashing library.
 struct LibraryFaults {
   bool missing = false;  ///< cannot be loaded: error 126
-  std::vector<std::string> missing_exports;
-  bool exports_without_underscore = false;
+  std::vector<std::string> missingExports;
+  bool exportsWithoutUnderscore = false;
   std::vector<LibraryCallFault> calls;
-  ProgressStyle progress = ProgressStyle::kNormal;
+  ProgressStyle progress = ProgressStyle::Normal;
 };
 
 /// One call of the product to the platform that fails: any function of `FaultableCalls()` (virtual_pc.h).
@@ -146,7 +148,7 @@ struct Faults {
   ModemFaults modem;
   DeviceTreeFaults tree;
   DriverFaults driver;
-  AtPortFaults at_port;
+  AtPortFaults atPort;
   LibraryFaults library;
   std::vector<PlatformCallFault> platform;
 };
@@ -160,7 +162,7 @@ LibraryCallFault ItemRefused(int index, Occurrence calls);
 LibraryCallFault CallbackRegistrationAnswers(std::int32_t result);
 LibraryCallFault ForcedResetRefused(Occurrence calls = Occurrence::Always());
 LibraryCallFault NoProgressBars();
-/// A table-of-contents query fails: "nof_items", "memory_class" or "flash_technogy".
+/// A table-of-contents query fails: "nof_items", "memoryClass" or "flash_technogy".
 LibraryCallFault TocQueryFails(const std::string& query, Occurrence calls = Occurrence::Always());
 /// The call comes back late.
 LibraryCallFault Hangs(const std::string& function, int call, std::chrono::milliseconds duration);
@@ -168,3 +170,5 @@ LibraryCallFault Hangs(const std::string& function, int call, std::chrono::milli
 /// boot that hangs is given up after 10 s already, which never lets that limit pass: see Hangs.)
 LibraryCallFault OutlastsAttempt(const std::string& function, int call,
                                  std::chrono::milliseconds after = std::chrono::milliseconds(2000));
+
+}  // namespace simulator

@@ -1,8 +1,13 @@
+#include "simulator/file_calls.h"
+
 #include <windows.h>
 
-#include "machine.h"
-#include "serial_port.h"
-#include "ude_driver.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+#include "simulator/serial_port.h"
+#include "simulator/ude_driver.h"
+
+namespace simulator {
 
 namespace {
 
@@ -52,3 +57,5 @@ void PatchFiles(ImportPatch& patch) {
   patch.ReplaceIfImported("CreateFileA", &SimulatedCreateA);
   patch.ReplaceIfImported("CloseHandle", &SimulatedClose);
 }
+
+}  // namespace simulator

@@ -1,10 +1,12 @@
-#include "flash_image.h"
+#include "simulator/flash_image.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+
+namespace simulator {
 
 namespace {
 
@@ -30,9 +32,9 @@ void WriteWord(std::span<std::uint8_t> bytes, std::size_t at, std::uint32_t valu
 }
 
 /// The checksum covers the header in front of itself and the whole table.
-std::uint32_t TableChecksum(std::span<const std::uint8_t> bytes, std::size_t table_end) {
+std::uint32_t TableChecksum(std::span<const std::uint8_t> bytes, std::size_t tableEnd) {
   const std::uint32_t header = Crc32(bytes.first(kChecksumAt));
-  return Crc32(bytes.subspan(kImageHeaderSize, table_end - kImageHeaderSize), header);
+  return Crc32(bytes.subspan(kImageHeaderSize, tableEnd - kImageHeaderSize), header);
 }
 
 ImageItem ReadItem(std::span<const std::uint8_t> row) {
@@ -40,9 +42,9 @@ ImageItem ReadItem(std::span<const std::uint8_t> row) {
 }
 
 void WriteItem(std::span<std::uint8_t> row, const ImageItem& item) {
-  WriteWord(row, 0, item.memory_class);
-  WriteWord(row, 4, item.flash_offset);
-  WriteWord(row, 8, item.data_offset);
+  WriteWord(row, 0, item.memoryClass);
+  WriteWord(row, 4, item.flashOffset);
+  WriteWord(row, 8, item.dataOffset);
   WriteWord(row, 12, item.size);
   WriteWord(row, 16, item.crc32);
 }
@@ -62,48 +64,48 @@ void WriteHeader(FlashImage& image) {
   const std::span<std::uint8_t> bytes(image.file);
   std::ranges::copy(kMagic, bytes.begin());
   WriteWord(bytes, kVersionAt, kVersion);
-  WriteWord(bytes, kTechnologyAt, image.flash_technology);
+  WriteWord(bytes, kTechnologyAt, image.flashTechnology);
   WriteWord(bytes, kItemCountAt, static_cast<std::uint32_t>(image.items.size()));
   WriteWord(bytes, kFileSizeAt, static_cast<std::uint32_t>(bytes.size()));
-  const std::size_t table_end = ImageTableEnd(static_cast<std::uint32_t>(image.items.size()));
+  const std::size_t tableEnd = ImageTableEnd(static_cast<std::uint32_t>(image.items.size()));
   for (std::size_t i = 0; i < image.items.size(); ++i) {
     WriteItem(bytes.subspan(kImageHeaderSize + i * kItemRowSize, kItemRowSize), image.items[i]);
   }
-  WriteWord(bytes, kChecksumAt, TableChecksum(bytes, table_end));
+  WriteWord(bytes, kChecksumAt, TableChecksum(bytes, tableEnd));
 }
 
 void Spoil(FlashImage& image, ImageDamage damage) {
-  const std::size_t table_end = ImageTableEnd(static_cast<std::uint32_t>(image.items.size()));
+  const std::size_t tableEnd = ImageTableEnd(static_cast<std::uint32_t>(image.items.size()));
   switch (damage) {
-    case ImageDamage::kNone:
+    case ImageDamage::None:
       return;
-    case ImageDamage::kMagic:
+    case ImageDamage::Magic:
       image.file[0] ^= 0xFF;
       return;
-    case ImageDamage::kHeaderChecksum:
+    case ImageDamage::HeaderChecksum:
       image.file[kChecksumAt] ^= 0xFF;
       return;
-    case ImageDamage::kTruncatedTable:
-      image.file.resize(table_end - kItemRowSize / 2);
+    case ImageDamage::TruncatedTable:
+      image.file.resize(tableEnd - kItemRowSize / 2);
       return;
-    case ImageDamage::kTruncatedData:
+    case ImageDamage::TruncatedData:
       image.file.resize(image.file.size() - 1);
       return;
-    case ImageDamage::kItemChecksum:
+    case ImageDamage::ItemChecksum:
       image.file.back() ^= 0xFF;
       return;
   }
 }
 
-bool LiesInFile(const ImageItem& item, std::size_t table_end, std::size_t file_size) {
-  return item.data_offset >= table_end && item.data_offset <= file_size &&
-         item.size <= file_size - item.data_offset;
+bool LiesInFile(const ImageItem& item, std::size_t tableEnd, std::size_t file_size) {
+  return item.dataOffset >= tableEnd && item.dataOffset <= file_size &&
+         item.size <= file_size - item.dataOffset;
 }
 
 }  // namespace
 
 std::span<const std::uint8_t> FlashImage::Bytes(const ImageItem& item) const {
-  return std::span(file).subspan(item.data_offset, item.size);
+  return std::span(file).subspan(item.dataOffset, item.size);
 }
 
 std::uint32_t Crc32(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
@@ -126,43 +128,43 @@ ImagePlan ModemImagePlan(std::uint32_t seed) {
   ImagePlan plan;
   plan.seed = seed;
   std::uint32_t offset = 0;
-  const auto add = [&](MemoryClass memory_class, std::uint32_t size) {
-    plan.items.push_back({memory_class, size, offset});
+  const auto add = [&](MemoryClass memoryClass, std::uint32_t size) {
+    plan.items.push_back({memoryClass, size, offset});
     offset += size;
   };
-  add(MemoryClass::kPsi, 64 * kKib);
-  add(MemoryClass::kEbl, 256 * kKib);
-  add(MemoryClass::kCode, 7168 * kKib);
-  add(MemoryClass::kCust, 512 * kKib);
-  add(MemoryClass::kStaticEep, 128 * kKib);
-  add(MemoryClass::kStaticFfs, 1024 * kKib);
-  add(MemoryClass::kDynamicFfs, 1024 * kKib);
-  add(MemoryClass::kRootDisk, 2048 * kKib);
-  add(MemoryClass::kCertificate, 64 * kKib);
+  add(MemoryClass::Psi, 64 * kKib);
+  add(MemoryClass::Ebl, 256 * kKib);
+  add(MemoryClass::Code, 7168 * kKib);
+  add(MemoryClass::Cust, 512 * kKib);
+  add(MemoryClass::StaticEep, 128 * kKib);
+  add(MemoryClass::StaticFfs, 1024 * kKib);
+  add(MemoryClass::DynamicFfs, 1024 * kKib);
+  add(MemoryClass::RootDisk, 2048 * kKib);
+  add(MemoryClass::Certificate, 64 * kKib);
   return plan;
 }
 
 ImagePlan NvmImagePlan(std::uint32_t seed) {
-  return {{{MemoryClass::kCust, 200 * 1024, 0xC00000}}, 1, seed};
+  return {{{MemoryClass::Cust, 200 * 1024, 0xC00000}}, 1, seed};
 }
 
-ImagePlan SmallImagePlan(std::uint32_t seed, std::uint32_t size, std::uint32_t flash_offset) {
-  return {{{MemoryClass::kCust, size, flash_offset}}, 1, seed};
+ImagePlan SmallImagePlan(std::uint32_t seed, std::uint32_t size, std::uint32_t flashOffset) {
+  return {{{MemoryClass::Cust, size, flashOffset}}, 1, seed};
 }
 
 FlashImage BuildImage(const ImagePlan& plan, ImageDamage damage) {
   FlashImage image;
-  image.flash_technology = plan.flash_technology;
+  image.flashTechnology = plan.flashTechnology;
   std::size_t offset = ImageTableEnd(static_cast<std::uint32_t>(plan.items.size()));
   for (const auto& item : plan.items) {
-    image.items.push_back({static_cast<std::uint32_t>(item.memory_class), item.flash_offset,
+    image.items.push_back({static_cast<std::uint32_t>(item.memoryClass), item.flashOffset,
                            static_cast<std::uint32_t>(offset), item.size, 0});
     offset += item.size;
   }
   image.file.resize(offset);
   for (std::size_t i = 0; i < image.items.size(); ++i) {
     auto& item = image.items[i];
-    FillWithNoise(std::span(image.file).subspan(item.data_offset, item.size),
+    FillWithNoise(std::span(image.file).subspan(item.dataOffset, item.size),
                   plan.seed + static_cast<std::uint32_t>(i) * 7919);
     item.crc32 = Crc32(image.Bytes(item));
   }
@@ -184,16 +186,16 @@ std::uint32_t ImageItemCount(std::span<const std::uint8_t> header) {
 
 std::optional<FlashImage> ParseImageTable(std::span<const std::uint8_t> bytes) {
   const std::uint32_t count = ImageItemCount(bytes);
-  const std::size_t table_end = ImageTableEnd(count);
-  if (count == 0 || bytes.size() < table_end) return std::nullopt;
-  if (ReadWord(bytes, kChecksumAt) != TableChecksum(bytes, table_end)) return std::nullopt;
+  const std::size_t tableEnd = ImageTableEnd(count);
+  if (count == 0 || bytes.size() < tableEnd) return std::nullopt;
+  if (ReadWord(bytes, kChecksumAt) != TableChecksum(bytes, tableEnd)) return std::nullopt;
 
   FlashImage image;
-  image.flash_technology = ReadWord(bytes, kTechnologyAt);
+  image.flashTechnology = ReadWord(bytes, kTechnologyAt);
   const std::size_t file_size = ReadWord(bytes, kFileSizeAt);
   for (std::uint32_t i = 0; i < count; ++i) {
     image.items.push_back(ReadItem(bytes.subspan(kImageHeaderSize + i * kItemRowSize, kItemRowSize)));
-    if (!LiesInFile(image.items.back(), table_end, file_size)) return std::nullopt;
+    if (!LiesInFile(image.items.back(), tableEnd, file_size)) return std::nullopt;
   }
   return image;
 }
@@ -229,3 +231,5 @@ bool SaveImageFile(const FlashImage& image, const std::filesystem::path& path) {
 bool MakeDefaultImages(const std::filesystem::path& modem, const std::filesystem::path& nvm) {
   return SaveImageFile(BuildImage(ModemImagePlan()), modem) && SaveImageFile(BuildImage(NvmImagePlan()), nvm);
 }
+
+}  // namespace simulator

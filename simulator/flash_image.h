@@ -7,33 +7,35 @@
 #include <string>
 #include <vector>
 
+namespace simulator {
+
 /// Memory classes of an image's items, by the flashing library's codes.
 enum class MemoryClass : std::uint32_t {
-  kBinary = 0,
-  kPsi = 1,
-  kEbl = 3,
-  kCode = 4,
-  kCust = 5,
-  kStaticEep = 7,
-  kStaticFfs = 11,
-  kDynamicFfs = 12,
-  kRootDisk = 14,
-  kCertificate = 19,
-  kNotUsed = 20,
+  Binary = 0,
+  Psi = 1,
+  Ebl = 3,
+  Code = 4,
+  Cust = 5,
+  StaticEep = 7,
+  StaticFfs = 11,
+  DynamicFfs = 12,
+  RootDisk = 14,
+  Certificate = 19,
+  NotUsed = 20,
 };
 
 /// One row of an image's table of contents.
 struct ImageItem {
-  std::uint32_t memory_class = 0;
-  std::uint32_t flash_offset = 0;  ///< where it goes in the modem's flash memory
-  std::uint32_t data_offset = 0;   ///< where it lies in the file
+  std::uint32_t memoryClass = 0;
+  std::uint32_t flashOffset = 0;  ///< where it goes in the modem's flash memory
+  std::uint32_t dataOffset = 0;   ///< where it lies in the file
   std::uint32_t size = 0;
   std::uint32_t crc32 = 0;  ///< of its bytes
 };
 
 /// A firmware image in memory: header, table of contents, items. The format is in docs/simulator.md.
 struct FlashImage {
-  std::uint32_t flash_technology = 1;
+  std::uint32_t flashTechnology = 1;
   std::vector<ImageItem> items;
   std::vector<std::uint8_t> file;  ///< the whole file
 
@@ -43,17 +45,17 @@ struct FlashImage {
 /// What an image is made from: per item class, size and place in the flash memory.
 struct ImagePlan {
   struct Item {
-    MemoryClass memory_class;
+    MemoryClass memoryClass;
     std::uint32_t size;
-    std::uint32_t flash_offset;
+    std::uint32_t flashOffset;
   };
   std::vector<Item> items;
-  std::uint32_t flash_technology = 1;
+  std::uint32_t flashTechnology = 1;
   std::uint32_t seed = 1;  ///< same seed, same bytes
 };
 
 /// Ways to spoil an image.
-enum class ImageDamage { kNone, kMagic, kHeaderChecksum, kTruncatedTable, kTruncatedData, kItemChecksum };
+enum class ImageDamage { None, Magic, HeaderChecksum, TruncatedTable, TruncatedData, ItemChecksum };
 
 std::uint32_t Crc32(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);
 
@@ -63,9 +65,9 @@ ImagePlan ModemImagePlan(std::uint32_t seed = 1);
 ImagePlan NvmImagePlan(std::uint32_t seed = 2);
 /// A small one-item image (at most 64 KB) that does not meet the others in the flash memory.
 ImagePlan SmallImagePlan(std::uint32_t seed, std::uint32_t size = 64 * 1024,
-                         std::uint32_t flash_offset = 0xE00000);
+                         std::uint32_t flashOffset = 0xE00000);
 
-FlashImage BuildImage(const ImagePlan& plan, ImageDamage damage = ImageDamage::kNone);
+FlashImage BuildImage(const ImagePlan& plan, ImageDamage damage = ImageDamage::None);
 /// Length of header and table for a number of items, and the smallest header that tells that number.
 inline constexpr std::size_t kImageHeaderSize = 32;
 std::size_t ImageTableEnd(std::uint32_t items);
@@ -81,3 +83,5 @@ std::optional<FlashImage> LoadImageFile(const std::filesystem::path& path);
 bool SaveImageFile(const FlashImage& image, const std::filesystem::path& path);
 /// Writes the two default images. @return false when either could not be written.
 bool MakeDefaultImages(const std::filesystem::path& modem, const std::filesystem::path& nvm);
+
+}  // namespace simulator

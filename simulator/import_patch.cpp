@@ -1,4 +1,4 @@
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
+
+namespace simulator {
 
 namespace {
 
@@ -74,3 +76,5 @@ std::vector<std::string> ImportedFunctions(HMODULE module) {
   });
   return names;
 }
+
+}  // namespace simulator

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+namespace simulator {
+
 /// Replaces functions in one module's import table for as long as it lives. The module's calls go to the
 /// replacement; everybody else's, the patching program's own included, still go to the system.
 ///
@@ -47,3 +49,5 @@ class ImportPatch {
 
 /// Names of all functions that a module imports by name, with their libraries: "kernel32.dll!Sleep".
 std::vector<std::string> ImportedFunctions(HMODULE module);
+
+}  // namespace simulator

@@ -1,3 +1,5 @@
+#include "simulator/library_loader.h"
+
 #include <windows.h>
 
 #include <algorithm>
@@ -6,8 +8,12 @@
 #include <string>
 #include <string_view>
 
-#include "device_tree.h"
-#include "machine.h"
+#include "simulator/device_tree.h"
+#include "simulator/flashing_library/modem_interface.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+
+namespace simulator {
 
 namespace {
 
@@ -56,7 +62,7 @@ std::int32_t Boot(std::uint32_t session, const std::uint8_t* header, std::uint32
 
 std::int32_t BeginItem(std::uint32_t session, const ModemItem* item) {
   const auto machine = CurrentMachine();
-  const ImageItem announced{item->memory_class, item->flash_offset, 0, item->size, item->crc32};
+  const ImageItem announced{item->memoryClass, item->flashOffset, 0, item->size, item->crc32};
   return machine && machine->modem.BeginItem(session, announced) ? 1 : 0;
 }
 
@@ -78,12 +84,26 @@ std::int32_t ForceReset(std::uint32_t session) {
 std::uint32_t Style() {
   const auto machine = CurrentMachine();
   return static_cast<std::uint32_t>(machine ? machine->options.faults.library.progress
-                                            : ProgressStyle::kNormal);
+                                            : ProgressStyle::Normal);
+}
+
+const ModemInterface& ModemOfCurrentMachine() {
+  static constexpr ModemInterface modem{sizeof(ModemInterface),
+                                        &BeginCall,
+                                        &OpenPort,
+                                        &ClosePort,
+                                        &Boot,
+                                        &BeginItem,
+                                        &WriteBlock,
+                                        &EndItem,
+                                        &ForceReset,
+                                        &Style};
+  return modem;
 }
 
 void Attach(Machine& machine, HMODULE library) {
   g_library = library;
-  machine.Note(JournalEvent::kLibraryLoaded, "");
+  machine.Note(JournalEvent::LibraryLoaded, "");
   const auto attach = reinterpret_cast<AttachModemFunction>(::GetProcAddress(library, kAttachExport));
   if (attach != nullptr) attach(&ModemOfCurrentMachine());
 }
@@ -107,9 +127,9 @@ HMODULE WINAPI SimulatedLoad(LPCWSTR name) {
 
 /// The name under which the real library has an export that a faulty one has, empty when it has not.
 std::string RealExport(const LibraryFaults& faults, const std::string& name) {
-  const std::string full = faults.exports_without_underscore ? "_" + name : name;
-  const auto is_missing = [&](const std::string& each) { return each == full; };
-  return std::ranges::any_of(faults.missing_exports, is_missing) ? "" : full;
+  const std::string full = faults.exportsWithoutUnderscore ? "_" + name : name;
+  const auto isMissing = [&](const std::string& each) { return each == full; };
+  return std::ranges::any_of(faults.missingExports, isMissing) ? "" : full;
 }
 
 FARPROC WINAPI SimulatedGetProcAddress(HMODULE module, LPCSTR name) {
@@ -130,29 +150,17 @@ BOOL WINAPI SimulatedFree(HMODULE module) {
   const auto machine = CurrentMachine();
   if (machine) {
     machine->BeginPlatformCall("FreeLibrary");
-    if (module == g_library) machine->Note(JournalEvent::kLibraryUnloaded, "");
+    if (module == g_library) machine->Note(JournalEvent::LibraryUnloaded, "");
   }
   return ::FreeLibrary(module);
 }
 
 }  // namespace
 
-const ModemInterface& ModemOfCurrentMachine() {
-  static constexpr ModemInterface modem{sizeof(ModemInterface),
-                                        &BeginCall,
-                                        &OpenPort,
-                                        &ClosePort,
-                                        &Boot,
-                                        &BeginItem,
-                                        &WriteBlock,
-                                        &EndItem,
-                                        &ForceReset,
-                                        &Style};
-  return modem;
-}
-
 void PatchLibraryLoader(ImportPatch& patch) {
   patch.ReplaceIfImported("LoadLibraryW", &SimulatedLoad);
   patch.ReplaceIfImported("GetProcAddress", &SimulatedGetProcAddress);
   patch.ReplaceIfImported("FreeLibrary", &SimulatedFree);
 }
+
+}  // namespace simulator

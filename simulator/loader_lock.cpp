@@ -1,6 +1,8 @@
-#include "loader_lock.h"
+#include "simulator/loader_lock.h"
 
 #include <stdexcept>
+
+namespace simulator {
 
 namespace {
 
@@ -24,3 +26,5 @@ LoaderLock::LoaderLock() {
 LoaderLock::~LoaderLock() {
   OfSystem<UnlockFunction>("LdrUnlockLoaderLock")(0, m_cookie);
 }
+
+}  // namespace simulator

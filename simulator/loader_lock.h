@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace simulator {
+
 /// Holds the loader lock for a scope: a thread that a library starts while it is loaded takes no step of its
 /// own before the scope ends, because it needs the lock to begin.
 class LoaderLock {
@@ -14,3 +16,5 @@ class LoaderLock {
  private:
   ULONG_PTR m_cookie = 0;
 };
+
+}  // namespace simulator

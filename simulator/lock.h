@@ -6,6 +6,8 @@
 #include <chrono>
 #include <mutex>
 
+namespace simulator {
+
 /// A lock that holds no object of the system, ever. The standard library's, where it stands on POSIX threads,
 /// makes an event and heap memory behind each mutex when threads first meet there, and never gives them back:
 /// a test that counts what the product leaves behind would count the simulator's locks with it.
@@ -66,3 +68,5 @@ class Condition {
 
   CONDITION_VARIABLE m_condition = CONDITION_VARIABLE_INIT;
 };
+
+}  // namespace simulator

@@ -1,9 +1,11 @@
-#include "machine.h"
+#include "simulator/machine.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "working_threads.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 namespace {
 
@@ -16,9 +18,9 @@ std::filesystem::path MadeFolder(std::filesystem::path folder) {
 }
 
 bool Concerns(const LibraryCallFault& fault, const std::string& function, int argument) {
-  const bool is_download = function.starts_with("_ZEMO_DL_download_");
-  const bool names_it = fault.function == function || (fault.function == kAnyDownloadCall && is_download);
-  return names_it && (fault.argument == -1 || fault.argument == argument);
+  const bool isDownload = function.starts_with("_ZEMO_DL_download_");
+  const bool namesIt = fault.function == function || (fault.function == kAnyDownloadCall && isDownload);
+  return namesIt && (fault.argument == -1 || fault.argument == argument);
 }
 
 SRWLOCK g_lock = SRWLOCK_INIT;
@@ -39,19 +41,19 @@ void SetCurrentMachine(std::shared_ptr<Machine> machine) {
   former = std::exchange(*g_machine, std::move(machine));
 }
 
-Machine::Machine(VirtualPcOptions pc_options)
-    : options(std::move(pc_options)),
+Machine::Machine(VirtualPcOptions pcOptions)
+    : options(std::move(pcOptions)),
       clock(options.speed, options.pace),
       modem(clock, MadeFolder(options.folder) / "modem_flash.bin", options.timing, options.faults.modem,
-            options.initial_state,
+            options.initialState,
             [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
-      m_fault_calls(options.faults.library.calls.size()) {}
+      m_faultCalls(options.faults.library.calls.size()) {}
 
 std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
   const LastErrorKeeper keep;
   working_threads::NoteActivity();
   const std::lock_guard lock(m_mutex);
-  const int number = ++m_platform_calls[function];
+  const int number = ++m_platformCalls[function];
   for (const auto& fault : options.faults.platform) {
     if (fault.function == function && fault.calls.Hits(number)) return fault.error;
   }
@@ -60,13 +62,13 @@ std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
 
 std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,
                                                       const std::string& detail) {
-  Note(JournalEvent::kLibraryCall, detail.empty() ? function : function + " " + detail);
+  Note(JournalEvent::LibraryCall, detail.empty() ? function : function + " " + detail);
   std::unique_lock lock(m_mutex);
-  ++m_library_calls[function];
+  ++m_libraryCalls[function];
   std::optional<std::int32_t> answer;
-  for (std::size_t i = 0; i < m_fault_calls.size(); ++i) {
+  for (std::size_t i = 0; i < m_faultCalls.size(); ++i) {
     const auto& fault = options.faults.library.calls[i];
-    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_fault_calls[i])) continue;
+    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_faultCalls[i])) continue;
     Hang(lock, fault);
     if (!answer) answer = fault.result;
   }
@@ -75,12 +77,12 @@ std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& functio
 
 void Machine::Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault) {
   const working_threads::Rest rest;
-  if (fault.until_wait_expires != 0) {
-    const int before = m_expired_waits[fault.until_wait_expires];
-    m_hangs.Wait(lock, [&] { return m_hangs_ended || m_expired_waits[fault.until_wait_expires] > before; });
+  if (fault.untilWaitExpires != 0) {
+    const int before = m_expiredWaits[fault.untilWaitExpires];
+    m_hangs.Wait(lock, [&] { return m_hangsEnded || m_expiredWaits[fault.untilWaitExpires] > before; });
   }
   clock.WaitInSlices(static_cast<DWORD>(fault.hang.count()), [&](DWORD real) {
-    return m_hangs.WaitFor(lock, Milliseconds(real), [&] { return m_hangs_ended; });
+    return m_hangs.WaitFor(lock, Milliseconds(real), [&] { return m_hangsEnded; });
   });
 }
 
@@ -93,7 +95,7 @@ void Machine::WaitExpired(DWORD milliseconds) {
   if (milliseconds == kReturnWait) modem.WaitForReturnExpired();
   {
     const std::lock_guard lock(m_mutex);
-    ++m_expired_waits[milliseconds];
+    ++m_expiredWaits[milliseconds];
   }
   m_hangs.NotifyAll();
 }
@@ -101,7 +103,7 @@ void Machine::WaitExpired(DWORD milliseconds) {
 void Machine::EndHangs() {
   {
     const std::lock_guard lock(m_mutex);
-    m_hangs_ended = true;
+    m_hangsEnded = true;
   }
   m_hangs.NotifyAll();
 }
@@ -130,10 +132,12 @@ int Machine::Count(JournalEvent event) const {
 
 std::map<std::string, int> Machine::PlatformCalls() const {
   const std::lock_guard lock(m_mutex);
-  return m_platform_calls;
+  return m_platformCalls;
 }
 
 std::map<std::string, int> Machine::LibraryCalls() const {
   const std::lock_guard lock(m_mutex);
-  return m_library_calls;
+  return m_libraryCalls;
 }
+
+}  // namespace simulator

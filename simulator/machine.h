@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "faults.h"
-#include "flashing_library/modem_interface.h"
-#include "import_patch.h"
-#include "lock.h"
-#include "scheduler.h"
-#include "simulated_handles.h"
-#include "virtual_clock.h"
-#include "virtual_modem.h"
-#include "virtual_pc.h"
+#include "simulator/faults.h"
+#include "simulator/lock.h"
+#include "simulator/scheduler.h"
+#include "simulator/simulated_handles.h"
+#include "simulator/virtual_clock.h"
+#include "simulator/virtual_modem.h"
+#include "simulator/virtual_pc_options.h"
+
+namespace simulator {
 
 /// The state behind a virtual PC that the replaced calls work on. A call holds a reference for its length, so
 /// one that comes back late finds it alive.
@@ -56,29 +56,17 @@ class Machine {
 
   mutable Lock m_mutex;
   std::vector<JournalEntry> m_journal;
-  std::map<std::string, int> m_platform_calls;
-  std::map<std::string, int> m_library_calls;
+  std::map<std::string, int> m_platformCalls;
+  std::map<std::string, int> m_libraryCalls;
   std::map<std::string, int> m_looks;
-  std::vector<int> m_fault_calls;
-  std::map<DWORD, int> m_expired_waits;
+  std::vector<int> m_faultCalls;
+  std::map<DWORD, int> m_expiredWaits;
   Condition m_hangs;
-  bool m_hangs_ended = false;
+  bool m_hangsEnded = false;
 };
 
 /// The machine of the virtual PC that is installed, null when none is: the call then goes to the system.
 std::shared_ptr<Machine> CurrentMachine();
 void SetCurrentMachine(std::shared_ptr<Machine> machine);
 
-/// What the library gets as its modem: the modem of the current machine.
-const ModemInterface& ModemOfCurrentMachine();
-
-// Each puts the replacements of one concern into the module.
-void PatchClock(ImportPatch& patch);
-void PatchDeviceTree(ImportPatch& patch);
-void PatchFiles(ImportPatch& patch);
-void PatchDriver(ImportPatch& patch);
-void PatchSerialPort(ImportPatch& patch);
-void PatchLibraryLoader(ImportPatch& patch);
-void PatchFaultableCalls(ImportPatch& patch);
-/// Names of the calls that PatchFaultableCalls handles.
-std::vector<std::string> PassedOnCalls();
+}  // namespace simulator

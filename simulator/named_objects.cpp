@@ -1,4 +1,6 @@
-#include "named_objects.h"
+#include "simulator/named_objects.h"
+
+namespace simulator {
 
 std::wstring OwnName(const wchar_t* name) {
   return name + (L"-" + std::to_wstring(::GetCurrentProcessId()));
@@ -11,3 +13,5 @@ HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG
 HANDLE WINAPI CreateOwnEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name) {
   return ::CreateEventW(security, manual, state, name == nullptr ? nullptr : OwnName(name).c_str());
 }
+
+}  // namespace simulator

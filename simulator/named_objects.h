@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace simulator {
+
 /// A name for this process alone, made from one that the whole session shares.
 std::wstring OwnName(const wchar_t* name);
 
@@ -11,3 +13,5 @@ std::wstring OwnName(const wchar_t* name);
 /// the same time must not wake each other, any more than real ones do.
 HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name);
 HANDLE WINAPI CreateOwnEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name);
+
+}  // namespace simulator

@@ -1,6 +1,8 @@
-#include "scheduler.h"
+#include "simulator/scheduler.h"
 
 #include <utility>
+
+namespace simulator {
 
 Scheduler::~Scheduler() {
   {
@@ -11,10 +13,10 @@ Scheduler::~Scheduler() {
   if (m_thread.joinable()) m_thread.join();
 }
 
-void Scheduler::After(std::chrono::milliseconds real_delay, std::function<void()> action) {
+void Scheduler::After(std::chrono::milliseconds realDelay, std::function<void()> action) {
   {
     const std::lock_guard lock(m_mutex);
-    m_actions.emplace(std::chrono::steady_clock::now() + real_delay, std::move(action));
+    m_actions.emplace(std::chrono::steady_clock::now() + realDelay, std::move(action));
     if (!m_thread.joinable()) m_thread = std::thread([this] { Run(); });
   }
   m_changed.NotifyAll();
@@ -38,3 +40,5 @@ void Scheduler::Run() {
     lock.lock();
   }
 }
+
+}  // namespace simulator

@@ -5,7 +5,9 @@
 #include <map>
 #include <thread>
 
-#include "lock.h"
+#include "simulator/lock.h"
+
+namespace simulator {
 
 /// Does things later, on a thread of its own that starts with the first of them.
 class Scheduler {
@@ -16,7 +18,7 @@ class Scheduler {
   Scheduler(const Scheduler&) = delete;
   Scheduler& operator=(const Scheduler&) = delete;
 
-  void After(std::chrono::milliseconds real_delay, std::function<void()> action);
+  void After(std::chrono::milliseconds realDelay, std::function<void()> action);
 
  private:
   using Moment = std::chrono::steady_clock::time_point;
@@ -28,3 +30,5 @@ class Scheduler {
   bool m_ends = false;
   std::thread m_thread;
 };
+
+}  // namespace simulator

@@ -1,9 +1,12 @@
-#include "serial_port.h"
+#include "simulator/serial_port.h"
 
 #include <algorithm>
 
-#include "device_tree.h"
-#include "machine.h"
+#include "simulator/device_tree.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+
+namespace simulator {
 
 namespace {
 
@@ -50,7 +53,7 @@ BOOL WINAPI SimulatedGetState(HANDLE file, LPDCB settings) {
   const SerialCall call("GetCommState", file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::GetCommState(file, settings);
-  const DWORD error = call.machine->options.faults.at_port.get_state_error;
+  const DWORD error = call.machine->options.faults.atPort.getStateError;
   if (error != ERROR_SUCCESS) return Fail(error);
   *settings = call.port->settings;
   return TRUE;
@@ -60,7 +63,7 @@ BOOL WINAPI SimulatedSetState(HANDLE file, LPDCB settings) {
   const SerialCall call("SetCommState", file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::SetCommState(file, settings);
-  const DWORD error = call.machine->options.faults.at_port.set_state_error;
+  const DWORD error = call.machine->options.faults.atPort.setStateError;
   if (error != ERROR_SUCCESS) return Fail(error);
   // The driver refuses flow control characters that it could not tell apart.
   if (settings->XonChar == settings->XoffChar) return Fail(ERROR_INVALID_PARAMETER);
@@ -100,7 +103,7 @@ BOOL WINAPI SimulatedWrite(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD writ
   const SerialCall call("WriteFile", file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::WriteFile(file, buffer, size, written, overlapped);
-  const DWORD error = call.machine->options.faults.at_port.write_error;
+  const DWORD error = call.machine->options.faults.atPort.writeError;
   if (error != ERROR_SUCCESS) return Fail(error);
   return call.port->Write(*call.machine, {static_cast<const std::uint8_t*>(buffer), size}, written);
 }
@@ -135,11 +138,11 @@ void OpenAtPort::Clear() {
 }
 
 std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path) {
-  if (machine.options.at_port_is_real || !path.starts_with("\\\\.\\COM")) return {};
-  const auto& faults = machine.options.faults.at_port;
-  const bool is_ours = path == "\\\\.\\COM" + std::to_string(machine.options.at_port_number);
-  if (!is_ours || !IsAtPortPresent(machine)) return Refused(ERROR_FILE_NOT_FOUND);
-  if (faults.open_error != ERROR_SUCCESS) return Refused(faults.open_error);
+  if (machine.options.atPortIsReal || !path.starts_with("\\\\.\\COM")) return {};
+  const auto& faults = machine.options.faults.atPort;
+  const bool isOurs = path == "\\\\.\\COM" + std::to_string(machine.options.atPortNumber);
+  if (!isOurs || !IsAtPortPresent(machine)) return Refused(ERROR_FILE_NOT_FOUND);
+  if (faults.openError != ERROR_SUCCESS) return Refused(faults.openError);
   if (machine.handles.HasAny<OpenAtPort>()) return Refused(ERROR_ACCESS_DENIED);
 
   auto port = std::make_shared<OpenAtPort>();
@@ -159,3 +162,5 @@ void PatchSerialPort(ImportPatch& patch) {
   patch.ReplaceIfImported("ReadFile", &SimulatedRead);
   patch.ReplaceIfImported("WriteFile", &SimulatedWrite);
 }
+
+}  // namespace simulator

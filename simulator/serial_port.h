@@ -7,9 +7,12 @@
 #include <span>
 #include <string>
 
-#include "lock.h"
-#include "simulated_handles.h"
+#include "simulator/lock.h"
+#include "simulator/simulated_handles.h"
 
+namespace simulator {
+
+class ImportPatch;
 class Machine;
 
 /// The AT port while the product has it open.
@@ -30,3 +33,8 @@ class OpenAtPort : public SimulatedDevice {
 
 /// Opens "\\.\COMn". @return as OpenDriver does.
 std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path);
+
+/// Answers reads, writes and settings of the AT port.
+void PatchSerialPort(ImportPatch& patch);
+
+}  // namespace simulator

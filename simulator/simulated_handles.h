@@ -7,7 +7,9 @@
 #include <string>
 
 #include "common/handles.h"
-#include "lock.h"
+#include "simulator/lock.h"
+
+namespace simulator {
 
 /// What stands behind a handle that the simulation gave to the product. The handle itself is a real one.
 struct SimulatedDevice {
@@ -49,3 +51,5 @@ class SimulatedHandles {
   Lock m_mutex;
   std::map<HANDLE, std::shared_ptr<SimulatedDevice>> m_devices;
 };
+
+}  // namespace simulator

@@ -1,11 +1,14 @@
-#include "ude_driver.h"
+#include "simulator/ude_driver.h"
 
 #include <algorithm>
 #include <atomic>
 #include <memory>
 
-#include "device_tree.h"
-#include "machine.h"
+#include "simulator/device_tree.h"
+#include "simulator/import_patch.h"
+#include "simulator/machine.h"
+
+namespace simulator {
 
 namespace {
 
@@ -18,7 +21,7 @@ constexpr DWORD kAnswerTime = 100;
 /// read on it that stays pending until the server end says something.
 class DriverInstance : public SimulatedDevice {
  public:
-  DriverInstance(UniqueHandle server, bool is_right) : is_right_one(is_right), m_server(std::move(server)) {}
+  DriverInstance(UniqueHandle server, bool isRight) : isRightOne(isRight), m_server(std::move(server)) {}
 
   /// Begins a request. @return as ReadFile does.
   BOOL Request(HANDLE client, LPOVERLAPPED overlapped) {
@@ -31,7 +34,7 @@ class DriverInstance : public SimulatedDevice {
     ::WriteFile(m_server.get(), &answer, kAnswerSize, &written, nullptr);
   }
 
-  const bool is_right_one;
+  const bool isRightOne;
 
  private:
   /// The request has no output: an empty message ends the read with no bytes.
@@ -53,7 +56,7 @@ std::optional<HANDLE> Refused(DWORD error) {
 }
 
 /// Both ends of a message pipe, so that an empty message is one.
-HANDLE OpenPipe(Machine& machine, bool is_right) {
+HANDLE OpenPipe(Machine& machine, bool isRight) {
   const std::wstring name = NextPipeName();
   UniqueHandle server = OwnFileHandle(
       ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX,
@@ -63,7 +66,7 @@ HANDLE OpenPipe(Machine& machine, bool is_right) {
                                                     OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
   DWORD mode = PIPE_READMODE_MESSAGE;
   if (!client || !::SetNamedPipeHandleState(client.get(), &mode, nullptr, nullptr)) return nullptr;
-  machine.handles.Add(client.get(), std::make_shared<DriverInstance>(std::move(server), is_right));
+  machine.handles.Add(client.get(), std::make_shared<DriverInstance>(std::move(server), isRight));
   return client.release();
 }
 
@@ -74,10 +77,10 @@ void CompleteLater(Machine& machine, std::shared_ptr<DriverInstance> instance) {
 
 BOOL Probe(Machine& machine, const std::shared_ptr<DriverInstance>& instance, HANDLE file,
            LPOVERLAPPED overlapped) {
-  if (!instance->is_right_one) instance->Complete();
+  if (!instance->isRightOne) instance->Complete();
   const BOOL result = instance->Request(file, overlapped);
   const LastErrorKeeper keep;
-  if (instance->is_right_one) CompleteLater(machine, instance);
+  if (instance->isRightOne) CompleteLater(machine, instance);
   return result;
 }
 
@@ -85,29 +88,28 @@ BOOL Reset(Machine& machine, const std::shared_ptr<DriverInstance>& instance, HA
            LPOVERLAPPED overlapped) {
   const auto& faults = machine.options.faults.driver;
   const int number = machine.CountLook("reset request");
-  if (faults.request_error != ERROR_SUCCESS && faults.requests_refused.Hits(number)) {
-    ::SetLastError(faults.request_error);
+  if (faults.requestError != ERROR_SUCCESS && faults.requestsRefused.Hits(number)) {
+    ::SetLastError(faults.requestError);
     return FALSE;
   }
-  if (instance->is_right_one && !faults.ignores_reset) machine.modem.ResetBaseband();
+  if (instance->isRightOne && !faults.ignoresReset) machine.modem.ResetBaseband();
   const BOOL result = instance->Request(file, overlapped);
   const LastErrorKeeper keep;
-  if (!faults.never_completes) CompleteLater(machine, instance);
+  if (!faults.neverCompletes) CompleteLater(machine, instance);
   return result;
 }
 
-BOOL WINAPI SimulatedDeviceIoControl(HANDLE file, DWORD code, LPVOID input, DWORD input_size, LPVOID output,
-                                     DWORD output_size, LPDWORD bytes, LPOVERLAPPED overlapped) {
+BOOL WINAPI SimulatedDeviceIoControl(HANDLE file, DWORD code, LPVOID input, DWORD inputSize, LPVOID output,
+                                     DWORD outputSize, LPDWORD bytes, LPOVERLAPPED overlapped) {
   const auto machine = CurrentMachine();
   const auto instance = machine ? machine->handles.Find<DriverInstance>(file) : nullptr;
-  if (!machine)
-    return ::DeviceIoControl(file, code, input, input_size, output, output_size, bytes, overlapped);
+  if (!machine) return ::DeviceIoControl(file, code, input, inputSize, output, outputSize, bytes, overlapped);
   if (const auto error = machine->BeginPlatformCall("DeviceIoControl")) {
     ::SetLastError(*error);
     return FALSE;
   }
   if (!instance)
-    return ::DeviceIoControl(file, code, input, input_size, output, output_size, bytes, overlapped);
+    return ::DeviceIoControl(file, code, input, inputSize, output, outputSize, bytes, overlapped);
   if (code == kProbeCode) return Probe(*machine, instance, file, overlapped);
   if (code == kResetCode) return Reset(*machine, instance, file, overlapped);
   ::SetLastError(ERROR_INVALID_FUNCTION);
@@ -120,10 +122,12 @@ std::optional<HANDLE> OpenDriver(Machine& machine, const std::wstring& path) {
   const auto& faults = machine.options.faults.driver;
   const auto paths = UdePaths(machine);
   if (std::ranges::none_of(paths, [&](const auto& each) { return EqualIgnoringCase(each, path); })) return {};
-  if (faults.open_error != ERROR_SUCCESS) return Refused(faults.open_error);
+  if (faults.openError != ERROR_SUCCESS) return Refused(faults.openError);
   return OpenPipe(machine, EqualIgnoringCase(path, RightUdePath(machine)));
 }
 
 void PatchDriver(ImportPatch& patch) {
   patch.ReplaceIfImported("DeviceIoControl", &SimulatedDeviceIoControl);
 }
+
+}  // namespace simulator

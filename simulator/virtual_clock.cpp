@@ -1,9 +1,11 @@
-#include "virtual_clock.h"
+#include "simulator/virtual_clock.h"
 
 #include <cmath>
 #include <thread>
 
-#include "working_threads.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 namespace {
 
@@ -37,7 +39,7 @@ class VirtualClock::Ticker {
   Ticker(const Ticker&) = delete;
   Ticker& operator=(const Ticker&) = delete;
 
-  Milliseconds Now() const { return Milliseconds(m_now_us / kUsPerMs); }
+  Milliseconds Now() const { return Milliseconds(m_nowUs / kUsPerMs); }
 
  private:
   static constexpr DWORD kTickMs = 2;
@@ -49,23 +51,23 @@ class VirtualClock::Ticker {
       // where sleeping is not: time then slows down with them.
       ::WaitForSingleObject(m_never, kTickMs);
       const std::int64_t now = Counter();
-      const std::int64_t real_us = (now - last) * 1'000'000 / m_frequency;
+      const std::int64_t realUs = (now - last) * 1'000'000 / m_frequency;
       last = now;
-      m_now_us +=
-          working_threads::AnyAtWork() ? real_us : static_cast<std::int64_t>(kTickMs * kUsPerMs * m_speed);
+      m_nowUs +=
+          working_threads::AnyAtWork() ? realUs : static_cast<std::int64_t>(kTickMs * kUsPerMs * m_speed);
     }
   }
 
   const double m_speed;
   const std::int64_t m_frequency;
   const HANDLE m_never;
-  std::atomic<std::int64_t> m_now_us{0};
+  std::atomic<std::int64_t> m_nowUs{0};
   std::jthread m_thread;
 };
 
 VirtualClock::VirtualClock(double speed, Pace pace)
-    : m_speed(speed), m_frequency(CounterFrequency()), m_start(Counter()), m_start_ticks(::GetTickCount64()) {
-  if (pace == Pace::kElastic) m_ticker = std::make_unique<Ticker>(m_speed, m_frequency);
+    : m_speed(speed), m_frequency(CounterFrequency()), m_start(Counter()), m_startTicks(::GetTickCount64()) {
+  if (pace == Pace::Elastic) m_ticker = std::make_unique<Ticker>(m_speed, m_frequency);
 }
 
 VirtualClock::~VirtualClock() = default;
@@ -77,12 +79,12 @@ Milliseconds VirtualClock::Now() const {
 }
 
 std::uint64_t VirtualClock::TickCount() const {
-  return m_start_ticks + static_cast<std::uint64_t>(Now().count());
+  return m_startTicks + static_cast<std::uint64_t>(Now().count());
 }
 
-DWORD VirtualClock::RealWait(DWORD virtual_milliseconds) const {
-  if (virtual_milliseconds == 0 || virtual_milliseconds == INFINITE) return virtual_milliseconds;
-  const double real = std::floor(static_cast<double>(virtual_milliseconds) / m_speed);
+DWORD VirtualClock::RealWait(DWORD virtualMilliseconds) const {
+  if (virtualMilliseconds == 0 || virtualMilliseconds == INFINITE) return virtualMilliseconds;
+  const double real = std::floor(static_cast<double>(virtualMilliseconds) / m_speed);
   // A speed below 1 must not turn a long wait into an endless one.
   return static_cast<DWORD>(std::clamp(real, 1.0, static_cast<double>(INFINITE - 1)));
 }
@@ -101,3 +103,5 @@ void VirtualClock::SleepUntil(Milliseconds moment) const {
   // Less than a real millisecond is caught up with by a later wait, so that fast clocks stay fast.
   if (static_cast<double>(left.count()) >= m_speed) Sleep(left);
 }
+
+}  // namespace simulator

@@ -8,20 +8,22 @@
 #include <cstdint>
 #include <memory>
 
+namespace simulator {
+
 using Milliseconds = std::chrono::milliseconds;
 
 /// How time passes in the virtual PC.
 enum class Pace {
-  kSteady,  ///< always `speed` times as fast as the real time
+  Steady,  ///< always `speed` times as fast as the real time
   /// So fast only while all threads of the product wait; while one of them works, as fast as the real time.
   /// Computing then takes as long as it takes, even on a loaded machine, and no time limit is missed for it.
-  kElastic
+  Elastic
 };
 
 /// Time of the virtual PC: `speed` times as fast as the real one. Any thread.
 class VirtualClock {
  public:
-  explicit VirtualClock(double speed, Pace pace = Pace::kSteady);
+  explicit VirtualClock(double speed, Pace pace = Pace::Steady);
   ~VirtualClock();
 
   double Speed() const { return m_speed; }
@@ -30,7 +32,7 @@ class VirtualClock {
   /// A tick count that began with the system's and runs at the virtual speed.
   std::uint64_t TickCount() const;
   /// Real milliseconds of a virtual wait: divided by the speed, at least 1; 0 and INFINITE stay.
-  DWORD RealWait(DWORD virtual_milliseconds) const;
+  DWORD RealWait(DWORD virtualMilliseconds) const;
 
   void Sleep(Milliseconds duration) const;
   void SleepUntil(Milliseconds moment) const;
@@ -38,12 +40,12 @@ class VirtualClock {
   /// Waits for up to a virtual time in slices of real time. `wait` waits so many real milliseconds and tells
   /// whether what it waits for came.
   template <typename Wait>
-  void WaitInSlices(DWORD virtual_milliseconds, const Wait& wait) const {
-    if (virtual_milliseconds == 0 || virtual_milliseconds == INFINITE) {
-      static_cast<void>(wait(virtual_milliseconds));
+  void WaitInSlices(DWORD virtualMilliseconds, const Wait& wait) const {
+    if (virtualMilliseconds == 0 || virtualMilliseconds == INFINITE) {
+      static_cast<void>(wait(virtualMilliseconds));
       return;
     }
-    const Milliseconds end = Now() + Milliseconds(virtual_milliseconds);
+    const Milliseconds end = Now() + Milliseconds(virtualMilliseconds);
     for (Milliseconds left = end - Now(); left > Milliseconds::zero(); left = end - Now()) {
       if (wait(RealWait(static_cast<DWORD>(left.count())))) return;
     }
@@ -55,6 +57,8 @@ class VirtualClock {
   double m_speed;
   std::int64_t m_frequency = 0;
   std::int64_t m_start = 0;
-  std::uint64_t m_start_ticks = 0;
+  std::uint64_t m_startTicks = 0;
   std::unique_ptr<Ticker> m_ticker;  ///< of an elastic clock
 };
+
+}  // namespace simulator

@@ -1,10 +1,12 @@
-#include "virtual_modem.h"
+#include "simulator/virtual_modem.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <fstream>
 #include <utility>
+
+namespace simulator {
 
 namespace {
 
@@ -30,30 +32,30 @@ void MakeErasedMemory(const std::filesystem::path& file, std::uint32_t size) {
 
 bool LiesInMemory(const ImageItem& item) {
   constexpr std::uint32_t kSize = VirtualModem::kMemorySize;
-  return item.flash_offset <= kSize && item.size <= kSize - item.flash_offset;
+  return item.flashOffset <= kSize && item.size <= kSize - item.flashOffset;
 }
 
 }  // namespace
 
 const char* NameOf(ModemState state) {
   switch (state) {
-    case ModemState::kNormal:
+    case ModemState::Normal:
       return "normal";
-    case ModemState::kLeaving:
+    case ModemState::Leaving:
       return "leaving";
-    case ModemState::kRestarting:
+    case ModemState::Restarting:
       return "restarting";
-    case ModemState::kFlashPort:
+    case ModemState::FlashPort:
       return "flash port";
-    case ModemState::kChannelOpen:
+    case ModemState::ChannelOpen:
       return "channel open";
-    case ModemState::kBooted:
+    case ModemState::Booted:
       return "booted";
-    case ModemState::kWriting:
+    case ModemState::Writing:
       return "writing";
-    case ModemState::kReturning:
+    case ModemState::Returning:
       return "returning";
-    case ModemState::kDead:
+    case ModemState::Dead:
       return "dead";
   }
   return "";
@@ -61,52 +63,52 @@ const char* NameOf(ModemState state) {
 
 const char* NameOf(JournalEvent event) {
   switch (event) {
-    case JournalEvent::kAtCommand:
+    case JournalEvent::AtCommand:
       return "AT command";
-    case JournalEvent::kMbimReboot:
+    case JournalEvent::MbimReboot:
       return "MBIM reboot";
-    case JournalEvent::kBasebandReset:
+    case JournalEvent::BasebandReset:
       return "baseband reset";
-    case JournalEvent::kFlashPortOpened:
+    case JournalEvent::FlashPortOpened:
       return "flash port opened";
-    case JournalEvent::kFlashPortRefused:
+    case JournalEvent::FlashPortRefused:
       return "flash port refused";
-    case JournalEvent::kBooted:
+    case JournalEvent::Booted:
       return "booted";
-    case JournalEvent::kBootRefused:
+    case JournalEvent::BootRefused:
       return "boot refused";
-    case JournalEvent::kItemWritten:
+    case JournalEvent::ItemWritten:
       return "item written";
-    case JournalEvent::kItemRefused:
+    case JournalEvent::ItemRefused:
       return "item refused";
-    case JournalEvent::kFlashPortClosed:
+    case JournalEvent::FlashPortClosed:
       return "flash port closed";
-    case JournalEvent::kForcedReset:
+    case JournalEvent::ForcedReset:
       return "forced reset";
-    case JournalEvent::kStateChanged:
+    case JournalEvent::StateChanged:
       return "state";
-    case JournalEvent::kLibraryLoaded:
+    case JournalEvent::LibraryLoaded:
       return "library loaded";
-    case JournalEvent::kLibraryUnloaded:
+    case JournalEvent::LibraryUnloaded:
       return "library unloaded";
-    case JournalEvent::kLibraryCall:
+    case JournalEvent::LibraryCall:
       return "library call";
-    case JournalEvent::kReenumeration:
+    case JournalEvent::Reenumeration:
       return "re-enumeration";
   }
   return "";
 }
 
-VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memory_file, ModemTiming timing,
+VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
                            ModemFaults faults, ModemState initial, Journal journal)
     : m_clock(clock),
-      m_memory_file(std::move(memory_file)),
+      m_memoryFile(std::move(memoryFile)),
       m_timing(timing),
       m_faults(faults),
       m_journal(std::move(journal)),
       m_state(initial) {
-  MakeErasedMemory(m_memory_file, kMemorySize);
-  m_memory.open(m_memory_file, std::ios::binary | std::ios::in | std::ios::out);
+  MakeErasedMemory(m_memoryFile, kMemorySize);
+  m_memory.open(m_memoryFile, std::ios::binary | std::ios::in | std::ios::out);
 }
 
 ModemState VirtualModem::State() {
@@ -117,15 +119,15 @@ ModemState VirtualModem::State() {
 
 bool VirtualModem::IsPresentAsModem() {
   const auto state = State();
-  return state == ModemState::kNormal || state == ModemState::kLeaving;
+  return state == ModemState::Normal || state == ModemState::Leaving;
 }
 
 bool VirtualModem::IsPresentAsFlashPort() {
   switch (State()) {
-    case ModemState::kFlashPort:
-    case ModemState::kChannelOpen:
-    case ModemState::kBooted:
-    case ModemState::kWriting:
+    case ModemState::FlashPort:
+    case ModemState::ChannelOpen:
+    case ModemState::Booted:
+    case ModemState::Writing:
       return true;
     default:
       return false;
@@ -134,7 +136,7 @@ bool VirtualModem::IsPresentAsFlashPort() {
 
 ModemState VirtualModem::ComeToRest() {
   const std::lock_guard lock(m_mutex);
-  while (m_state_ends != kNoEnd) AdvanceTo(m_state_ends);
+  while (m_stateEnds != kNoEnd) AdvanceTo(m_stateEnds);
   return m_state;
 }
 
@@ -143,20 +145,20 @@ void VirtualModem::Advance() {
 }
 
 void VirtualModem::AdvanceTo(Milliseconds moment) {
-  while (moment >= m_state_ends) {
-    const auto since = m_state_ends;
+  while (moment >= m_stateEnds) {
+    const auto since = m_stateEnds;
     switch (m_state) {
-      case ModemState::kLeaving:
+      case ModemState::Leaving:
         EnterRestarting(since);
         break;
-      case ModemState::kRestarting:
+      case ModemState::Restarting:
         EnterFlashPort(since);
         break;
-      case ModemState::kFlashPort:
-        Enter(ModemState::kReturning, since + m_timing.returning);
+      case ModemState::FlashPort:
+        Enter(ModemState::Returning, since + m_timing.returning);
         break;
       default:
-        Enter(ModemState::kNormal);
+        Enter(ModemState::Normal);
         break;
     }
   }
@@ -164,32 +166,32 @@ void VirtualModem::AdvanceTo(Milliseconds moment) {
 
 void VirtualModem::Enter(ModemState state, Milliseconds ends) {
   m_state = state;
-  m_state_ends = ends;
-  m_journal(JournalEvent::kStateChanged, NameOf(state));
+  m_stateEnds = ends;
+  m_journal(JournalEvent::StateChanged, NameOf(state));
 }
 
 void VirtualModem::EnterRestarting(Milliseconds since) {
-  ++m_flash_mode_starts;
-  const bool is_missing = m_faults.flash_port_missing.Hits(m_flash_mode_starts);
-  const bool is_late = m_faults.flash_port_late.Hits(m_flash_mode_starts);
-  const auto delay = m_timing.restarting + (is_late ? m_faults.flash_port_delay : Milliseconds::zero());
-  Enter(ModemState::kRestarting, is_missing ? kNoEnd : since + delay);
+  ++m_flashModeStarts;
+  const bool isMissing = m_faults.flashPortMissing.Hits(m_flashModeStarts);
+  const bool isLate = m_faults.flashPortLate.Hits(m_flashModeStarts);
+  const auto delay = m_timing.restarting + (isLate ? m_faults.flashPortDelay : Milliseconds::zero());
+  Enter(ModemState::Restarting, isMissing ? kNoEnd : since + delay);
 }
 
 void VirtualModem::EnterFlashPort(Milliseconds since) {
-  Enter(ModemState::kFlashPort, m_stays_in_flash_mode ? kNoEnd : since + m_timing.boot_loader_window);
+  Enter(ModemState::FlashPort, m_staysInFlashMode ? kNoEnd : since + m_timing.bootLoaderWindow);
 }
 
 void VirtualModem::EndSession() {
   m_session = 0;
-  m_is_booted = false;
+  m_isBooted = false;
   m_item.reset();
 }
 
 bool VirtualModem::LeaveForFlashMode() {
-  if (m_state != ModemState::kNormal) return false;
-  m_stays_in_flash_mode = true;
-  Enter(ModemState::kLeaving, m_clock.Now() + m_timing.leaving);
+  if (m_state != ModemState::Normal) return false;
+  m_staysInFlashMode = true;
+  Enter(ModemState::Leaving, m_clock.Now() + m_timing.leaving);
   return true;
 }
 
@@ -198,17 +200,17 @@ std::string VirtualModem::HearAtBytes(std::span<const std::uint8_t> bytes) {
   Advance();
   std::string replies;
   for (const std::uint8_t byte : bytes) {
-    m_at_input += static_cast<char>(byte);
+    m_atInput += static_cast<char>(byte);
     if (byte != '\r') continue;
-    replies += Obey(std::exchange(m_at_input, {}));
+    replies += Obey(std::exchange(m_atInput, {}));
   }
   return replies;
 }
 
 std::string VirtualModem::Obey(const std::string& command) {
-  m_journal(JournalEvent::kAtCommand, command);
+  m_journal(JournalEvent::AtCommand, command);
   if (command == kFlashModeCommand) {
-    if (!m_faults.ignores_at_command) LeaveForFlashMode();
+    if (!m_faults.ignoresAtCommand) LeaveForFlashMode();
     return "\r\nOK\r\n";
   }
   return command == "at\r" || command == "AT\r" ? "\r\nOK\r\n" : "\r\nERROR\r\n";
@@ -217,30 +219,30 @@ std::string VirtualModem::Obey(const std::string& command) {
 bool VirtualModem::RebootByMbim() {
   const std::lock_guard lock(m_mutex);
   Advance();
-  m_journal(JournalEvent::kMbimReboot, NameOf(m_state));
-  if (m_faults.ignores_mbim_reboot) return m_state == ModemState::kNormal;
+  m_journal(JournalEvent::MbimReboot, NameOf(m_state));
+  if (m_faults.ignoresMbimReboot) return m_state == ModemState::Normal;
   return LeaveForFlashMode();
 }
 
 void VirtualModem::ResetBaseband() {
   const std::lock_guard lock(m_mutex);
   Advance();
-  m_journal(JournalEvent::kBasebandReset, NameOf(m_state));
-  if (m_state == ModemState::kDead) return;
+  m_journal(JournalEvent::BasebandReset, NameOf(m_state));
+  if (m_state == ModemState::Dead) return;
   EndSession();
-  m_returns_when_wait_expires = false;
-  if (m_resets_until_return > 0) {
-    if (--m_resets_until_return == 0) Enter(ModemState::kReturning, m_clock.Now() + m_timing.returning);
+  m_returnsWhenWaitExpires = false;
+  if (m_resetsUntilReturn > 0) {
+    if (--m_resetsUntilReturn == 0) Enter(ModemState::Returning, m_clock.Now() + m_timing.returning);
     return;
   }
-  m_stays_in_flash_mode = false;
+  m_staysInFlashMode = false;
   EnterRestarting(m_clock.Now());
 }
 
 void VirtualModem::WaitForReturnExpired() {
   const std::lock_guard lock(m_mutex);
   Advance();
-  if (std::exchange(m_returns_when_wait_expires, false)) Enter(ModemState::kNormal);
+  if (std::exchange(m_returnsWhenWaitExpires, false)) Enter(ModemState::Normal);
 }
 
 bool VirtualModem::IsOpen(std::uint32_t session) const {
@@ -257,15 +259,15 @@ std::uint32_t VirtualModem::OpenPort() {
   {
     const std::lock_guard lock(m_mutex);
     Advance();
-    if (m_state != ModemState::kFlashPort) {
-      m_journal(JournalEvent::kFlashPortRefused, NameOf(m_state));
+    if (m_state != ModemState::FlashPort) {
+      m_journal(JournalEvent::FlashPortRefused, NameOf(m_state));
       return 0;
     }
-    session = m_session = ++m_last_session;
-    Enter(ModemState::kChannelOpen);
-    m_journal(JournalEvent::kFlashPortOpened, std::to_string(session));
+    session = m_session = ++m_lastSession;
+    Enter(ModemState::ChannelOpen);
+    m_journal(JournalEvent::FlashPortOpened, std::to_string(session));
   }
-  m_clock.Sleep(m_timing.open_port);
+  m_clock.Sleep(m_timing.openPort);
   const std::lock_guard lock(m_mutex);
   return IsOpen(session) ? session : 0;
 }
@@ -275,34 +277,34 @@ void VirtualModem::ClosePort(std::uint32_t session) {
   Advance();
   if (!IsOpen(session)) return;
   EndSession();
-  m_journal(JournalEvent::kFlashPortClosed, std::to_string(session));
+  m_journal(JournalEvent::FlashPortClosed, std::to_string(session));
   EnterFlashPort(m_clock.Now());
 }
 
 bool VirtualModem::Boot(std::uint32_t session, std::span<const std::uint8_t> header) {
   {
     const std::lock_guard lock(m_mutex);
-    if (!IsOpen(session)) return Refuse(JournalEvent::kBootRefused, "the port is not open");
-    if (m_is_booted) return Refuse(JournalEvent::kBootRefused, "already booted");
-    if (!ParseImageTable(header)) return Refuse(JournalEvent::kBootRefused, "damaged boot file");
+    if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "the port is not open");
+    if (m_isBooted) return Refuse(JournalEvent::BootRefused, "already booted");
+    if (!ParseImageTable(header)) return Refuse(JournalEvent::BootRefused, "damaged boot file");
   }
   m_clock.Sleep(m_timing.boot);
   const std::lock_guard lock(m_mutex);
-  if (!IsOpen(session)) return Refuse(JournalEvent::kBootRefused, "reset while booting");
-  m_is_booted = true;
-  Enter(ModemState::kBooted);
-  m_journal(JournalEvent::kBooted, std::to_string(session));
+  if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "reset while booting");
+  m_isBooted = true;
+  Enter(ModemState::Booted);
+  m_journal(JournalEvent::Booted, std::to_string(session));
   return true;
 }
 
 bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
   const std::lock_guard lock(m_mutex);
-  if (!IsOpen(session)) return Refuse(JournalEvent::kItemRefused, "the port is not open");
-  if (!m_is_booted) return Refuse(JournalEvent::kItemRefused, "written before boot");
-  if (m_item) return Refuse(JournalEvent::kItemRefused, "the item before is not complete");
-  if (!LiesInMemory(item)) return Refuse(JournalEvent::kItemRefused, "outside the memory");
+  if (!IsOpen(session)) return Refuse(JournalEvent::ItemRefused, "the port is not open");
+  if (!m_isBooted) return Refuse(JournalEvent::ItemRefused, "written before boot");
+  if (m_item) return Refuse(JournalEvent::ItemRefused, "the item before is not complete");
+  if (!LiesInMemory(item)) return Refuse(JournalEvent::ItemRefused, "outside the memory");
   m_item = Item{item, 0, 0, m_clock.Now()};
-  Enter(ModemState::kWriting);
+  Enter(ModemState::Writing);
   return true;
 }
 
@@ -310,18 +312,18 @@ bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_
   Milliseconds done{0};
   {
     const std::lock_guard lock(m_mutex);
-    if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::kItemRefused, "no item is being written");
+    if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
     if (bytes.size() > m_item->announced.size - m_item->written) {
       m_item.reset();
-      Enter(ModemState::kBooted);
-      return Refuse(JournalEvent::kItemRefused, "more than announced");
+      Enter(ModemState::Booted);
+      return Refuse(JournalEvent::ItemRefused, "more than announced");
     }
-    if (!StoreBlock(m_item->announced.flash_offset + m_item->written, bytes)) {
-      return Refuse(JournalEvent::kItemRefused, "the memory cannot be written");
+    if (!StoreBlock(m_item->announced.flashOffset + m_item->written, bytes)) {
+      return Refuse(JournalEvent::ItemRefused, "the memory cannot be written");
     }
     m_item->written += static_cast<std::uint32_t>(bytes.size());
     m_item->crc = Crc32(bytes, m_item->crc);
-    done = m_item->begun + Milliseconds(std::int64_t{m_item->written} * 1000 / m_timing.bytes_per_second);
+    done = m_item->begun + Milliseconds(std::int64_t{m_item->written} * 1000 / m_timing.bytesPerSecond);
   }
   m_clock.SleepUntil(done);
   return true;
@@ -329,16 +331,16 @@ bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_
 
 bool VirtualModem::EndItem(std::uint32_t session) {
   const std::lock_guard lock(m_mutex);
-  if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::kItemRefused, "no item is being written");
+  if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
   const Item item = *std::exchange(m_item, std::nullopt);
-  Enter(ModemState::kBooted);
+  Enter(ModemState::Booted);
   const std::string what =
-      Print("class %u at 0x%06x", item.announced.memory_class, item.announced.flash_offset);
-  if (item.written != item.announced.size) return Refuse(JournalEvent::kItemRefused, what + ": incomplete");
-  if (item.crc != item.announced.crc32) return Refuse(JournalEvent::kItemRefused, what + ": wrong checksum");
-  ++m_items_written;
-  m_bytes_written += item.written;
-  m_journal(JournalEvent::kItemWritten, what);
+      Print("class %u at 0x%06x", item.announced.memoryClass, item.announced.flashOffset);
+  if (item.written != item.announced.size) return Refuse(JournalEvent::ItemRefused, what + ": incomplete");
+  if (item.crc != item.announced.crc32) return Refuse(JournalEvent::ItemRefused, what + ": wrong checksum");
+  ++m_itemsWritten;
+  m_bytesWritten += item.written;
+  m_journal(JournalEvent::ItemWritten, what);
   return true;
 }
 
@@ -351,7 +353,7 @@ bool VirtualModem::StoreBlock(std::uint32_t offset, std::span<const std::uint8_t
 
 bool VirtualModem::ForceReset(std::uint32_t session) {
   const std::lock_guard lock(m_mutex);
-  m_journal(JournalEvent::kForcedReset, NameOf(m_state));
+  m_journal(JournalEvent::ForcedReset, NameOf(m_state));
   if (!IsOpen(session)) return false;
   EndSession();
   ReturnToNormal();
@@ -359,27 +361,27 @@ bool VirtualModem::ForceReset(std::uint32_t session) {
 }
 
 void VirtualModem::ReturnToNormal() {
-  if (m_faults.never_returns) return Enter(ModemState::kDead);
-  m_resets_until_return = m_faults.returns_after_resets;
-  m_returns_when_wait_expires = m_faults.returns_at_last_check;
-  const bool waits = m_resets_until_return > 0 || m_returns_when_wait_expires;
-  Enter(ModemState::kReturning, waits ? kNoEnd : m_clock.Now() + m_timing.returning + m_faults.return_delay);
+  if (m_faults.neverReturns) return Enter(ModemState::Dead);
+  m_resetsUntilReturn = m_faults.returnsAfterResets;
+  m_returnsWhenWaitExpires = m_faults.returnsAtLastCheck;
+  const bool waits = m_resetsUntilReturn > 0 || m_returnsWhenWaitExpires;
+  Enter(ModemState::Returning, waits ? kNoEnd : m_clock.Now() + m_timing.returning + m_faults.returnDelay);
 }
 
 std::uint32_t VirtualModem::ItemsWritten() {
   const std::lock_guard lock(m_mutex);
-  return m_items_written;
+  return m_itemsWritten;
 }
 
 std::uint64_t VirtualModem::BytesWritten() {
   const std::lock_guard lock(m_mutex);
-  return m_bytes_written;
+  return m_bytesWritten;
 }
 
 std::vector<std::uint8_t> VirtualModem::Memory() {
   const std::lock_guard lock(m_mutex);
   std::vector<std::uint8_t> bytes(kMemorySize);
-  std::ifstream stream(m_memory_file, std::ios::binary);
+  std::ifstream stream(m_memoryFile, std::ios::binary);
   stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!stream) bytes.clear();
   return bytes;
@@ -403,13 +405,13 @@ MemoryComparison VirtualModem::CompareWith(const FlashImage* modem, const FlashI
       return;
     }
     const auto bytes = image.Bytes(item);
-    const auto there = std::span(memory).subspan(item.flash_offset, item.size);
+    const auto there = std::span(memory).subspan(item.flashOffset, item.size);
     const auto at = std::ranges::mismatch(bytes, there).in1 - bytes.begin();
     ++comparison.items;
     comparison.bytes += item.size;
     if (at == std::ssize(bytes) || !comparison.difference.empty()) return;
-    comparison.difference = Print("class %u differs at 0x%06x", item.memory_class,
-                                  item.flash_offset + static_cast<std::uint32_t>(at));
+    comparison.difference = Print("class %u differs at 0x%06x", item.memoryClass,
+                                  item.flashOffset + static_cast<std::uint32_t>(at));
   };
   const FlashImage* whole = modem != nullptr ? modem : nvm;
   if (whole != nullptr) {
@@ -419,3 +421,5 @@ MemoryComparison VirtualModem::CompareWith(const FlashImage* modem, const FlashI
   comparison.equal = comparison.items > 0 && comparison.difference.empty();
   return comparison;
 }
+
+}  // namespace simulator

@@ -10,21 +10,23 @@
 #include <string>
 #include <vector>
 
-#include "faults.h"
-#include "flash_image.h"
-#include "lock.h"
-#include "virtual_clock.h"
+#include "simulator/faults.h"
+#include "simulator/flash_image.h"
+#include "simulator/lock.h"
+#include "simulator/virtual_clock.h"
+
+namespace simulator {
 
 enum class ModemState {
-  kNormal,       ///< present as Mobile Broadband modem and AT port
-  kLeaving,      ///< took a reboot command, still present
-  kRestarting,   ///< away, on the way to flash mode; as initial state: away until a baseband reset
-  kFlashPort,    ///< flash port present, nobody has it open
-  kChannelOpen,  ///< somebody opened the flash port
-  kBooted,       ///< the boot file runs
-  kWriting,      ///< in the middle of an item
-  kReturning,    ///< away, on the way to normal mode
-  kDead          ///< away for good
+  Normal,       ///< present as Mobile Broadband modem and AT port
+  Leaving,      ///< took a reboot command, still present
+  Restarting,   ///< away, on the way to flash mode; as initial state: away until a baseband reset
+  FlashPort,    ///< flash port present, nobody has it open
+  ChannelOpen,  ///< somebody opened the flash port
+  Booted,       ///< the boot file runs
+  Writing,      ///< in the middle of an item
+  Returning,    ///< away, on the way to normal mode
+  Dead          ///< away for good
 };
 const char* NameOf(ModemState state);
 
@@ -32,39 +34,39 @@ const char* NameOf(ModemState state);
 struct ModemTiming {
   Milliseconds leaving{3000};     ///< reboot command taken, still present
   Milliseconds restarting{4000};  ///< away until the flash port comes, also behind a baseband reset
-  Milliseconds open_port{300};
+  Milliseconds openPort{300};
   Milliseconds boot{1500};
   Milliseconds returning{6000};  ///< away until it is back in normal mode
   /// After a baseband reset the boot loader waits that long for somebody to open the port; then the modem
   /// starts normally. A modem that was told to go into flash mode stays there.
-  Milliseconds boot_loader_window{10000};
-  std::uint32_t bytes_per_second = 1'000'000;
+  Milliseconds bootLoaderWindow{10000};
+  std::uint32_t bytesPerSecond = 1'000'000;
 };
 
 enum class JournalEvent {
-  kAtCommand,
-  kMbimReboot,
-  kBasebandReset,
-  kFlashPortOpened,
-  kFlashPortRefused,
-  kBooted,
-  kBootRefused,
-  kItemWritten,
-  kItemRefused,
-  kFlashPortClosed,
-  kForcedReset,
-  kStateChanged,
-  kLibraryLoaded,
-  kLibraryUnloaded,
-  kLibraryCall,
-  kReenumeration
+  AtCommand,
+  MbimReboot,
+  BasebandReset,
+  FlashPortOpened,
+  FlashPortRefused,
+  Booted,
+  BootRefused,
+  ItemWritten,
+  ItemRefused,
+  FlashPortClosed,
+  ForcedReset,
+  StateChanged,
+  LibraryLoaded,
+  LibraryUnloaded,
+  LibraryCall,
+  Reenumeration
 };
 const char* NameOf(JournalEvent event);
 
 /// One thing that happened, with the virtual time at which it did.
 struct JournalEntry {
   Milliseconds time{0};
-  JournalEvent event = JournalEvent::kStateChanged;
+  JournalEvent event = JournalEvent::StateChanged;
   std::string detail;
 };
 
@@ -83,7 +85,7 @@ class VirtualModem {
   static constexpr std::uint32_t kMemorySize = 16 * 1024 * 1024;
   using Journal = std::function<void(JournalEvent, std::string)>;
 
-  VirtualModem(const VirtualClock& clock, std::filesystem::path memory_file, ModemTiming timing,
+  VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
                ModemFaults faults, ModemState initial, Journal journal);
 
   ModemState State();
@@ -147,24 +149,26 @@ class VirtualModem {
   bool StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes);
 
   const VirtualClock& m_clock;
-  std::filesystem::path m_memory_file;
+  std::filesystem::path m_memoryFile;
   ModemTiming m_timing;
   ModemFaults m_faults;
   Journal m_journal;
 
   Lock m_mutex;
   ModemState m_state;
-  Milliseconds m_state_ends{kNoEnd};
-  bool m_stays_in_flash_mode = true;
-  int m_flash_mode_starts = 0;
-  int m_resets_until_return = 0;
-  bool m_returns_when_wait_expires = false;
+  Milliseconds m_stateEnds{kNoEnd};
+  bool m_staysInFlashMode = true;
+  int m_flashModeStarts = 0;
+  int m_resetsUntilReturn = 0;
+  bool m_returnsWhenWaitExpires = false;
   std::uint32_t m_session = 0;
-  std::uint32_t m_last_session = 0;
-  bool m_is_booted = false;
+  std::uint32_t m_lastSession = 0;
+  bool m_isBooted = false;
   std::optional<Item> m_item;
   std::fstream m_memory;
-  std::string m_at_input;
-  std::uint32_t m_items_written = 0;
-  std::uint64_t m_bytes_written = 0;
+  std::string m_atInput;
+  std::uint32_t m_itemsWritten = 0;
+  std::uint64_t m_bytesWritten = 0;
 };
+
+}  // namespace simulator

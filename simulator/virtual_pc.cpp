@@ -1,9 +1,19 @@
-#include "virtual_pc.h"
+#include "simulator/virtual_pc.h"
 
 #include <array>
 
-#include "loader_lock.h"
-#include "machine.h"
+#include "simulator/clock_calls.h"
+#include "simulator/device_tree.h"
+#include "simulator/faultable_calls.h"
+#include "simulator/file_calls.h"
+#include "simulator/import_patch.h"
+#include "simulator/library_loader.h"
+#include "simulator/loader_lock.h"
+#include "simulator/machine.h"
+#include "simulator/serial_port.h"
+#include "simulator/ude_driver.h"
+
+namespace simulator {
 
 namespace {
 
@@ -44,8 +54,8 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
 
 void VirtualPc::Begin() {
   SetCurrentMachine(m_machine);
-  m_mobile_broadband =
-      std::make_unique<SimulatedMobileBroadband>(Connected(m_machine->options.mobile_broadband, m_machine));
+  m_mobileBroadband =
+      std::make_unique<SimulatedMobileBroadband>(Connected(m_machine->options.mobileBroadband, m_machine));
 }
 
 void VirtualPc::Patch(HMODULE product) {
@@ -60,9 +70,9 @@ void VirtualPc::Patch(HMODULE product) {
 }
 
 void VirtualPc::Uninstall() {
-  if (!m_mobile_broadband) return;
+  if (!m_mobileBroadband) return;
   m_patch.reset();
-  m_mobile_broadband.reset();
+  m_mobileBroadband.reset();
   m_machine->EndHangs();
   SetCurrentMachine(nullptr);
 }
@@ -72,7 +82,7 @@ VirtualModem& VirtualPc::Modem() {
 }
 
 SimulatedMobileBroadband& VirtualPc::MobileBroadband() {
-  return *m_mobile_broadband;
+  return *m_mobileBroadband;
 }
 
 const VirtualClock& VirtualPc::Clock() const {
@@ -86,29 +96,29 @@ int VirtualPc::BootAttempts() const {
 }
 
 int VirtualPc::LibraryLoads() const {
-  return m_machine->Count(JournalEvent::kLibraryLoaded);
+  return m_machine->Count(JournalEvent::LibraryLoaded);
 }
 
 int VirtualPc::LibraryUnloads() const {
-  return m_machine->Count(JournalEvent::kLibraryUnloaded);
+  return m_machine->Count(JournalEvent::LibraryUnloaded);
 }
 
 int VirtualPc::BasebandResets() const {
-  return m_machine->Count(JournalEvent::kBasebandReset);
+  return m_machine->Count(JournalEvent::BasebandReset);
 }
 
 int VirtualPc::ForcedResets() const {
-  return m_machine->Count(JournalEvent::kForcedReset);
+  return m_machine->Count(JournalEvent::ForcedReset);
 }
 
 int VirtualPc::MbimReboots() const {
-  return m_machine->Count(JournalEvent::kMbimReboot);
+  return m_machine->Count(JournalEvent::MbimReboot);
 }
 
 std::vector<std::string> VirtualPc::AtCommands() const {
   std::vector<std::string> commands;
   for (const auto& entry : Journal()) {
-    if (entry.event == JournalEvent::kAtCommand) commands.push_back(entry.detail);
+    if (entry.event == JournalEvent::AtCommand) commands.push_back(entry.detail);
   }
   return commands;
 }
@@ -127,7 +137,7 @@ std::vector<JournalEntry> VirtualPc::Journal() const {
 
 void VirtualPc::ClearJournal() {
   m_machine->ClearJournal();
-  if (m_mobile_broadband) m_mobile_broadband->ForgetCalls();
+  if (m_mobileBroadband) m_mobileBroadband->ForgetCalls();
 }
 
 std::vector<std::string> FaultableCalls() {
@@ -156,3 +166,5 @@ std::vector<std::string> FaultableCalls() {
   }
   return names;
 }
+
+}  // namespace simulator

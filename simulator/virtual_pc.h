@@ -2,40 +2,21 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "faults.h"
-#include "flash_image.h"
-#include "mobile_broadband.h"
-#include "virtual_clock.h"
-#include "virtual_modem.h"
+#include "simulator/mobile_broadband.h"
+#include "simulator/virtual_clock.h"
+#include "simulator/virtual_modem.h"
+#include "simulator/virtual_pc_options.h"
+
+namespace simulator {
 
 class ImportPatch;
 class Machine;
-
-/// What the virtual PC is like.
-struct VirtualPcOptions {
-  double speed = 1.0;
-  Pace pace = Pace::kSteady;
-  /// Folder of the modem's flash memory ("modem_flash.bin"); made when missing.
-  std::filesystem::path folder;
-  ModemState initial_state = ModemState::kNormal;
-  ModemTiming timing;
-  Faults faults;
-  /// Character of the Mobile Broadband service, its faults included. What connects it with the modem and the
-  /// clock (the functions in it) is filled in where it is not set.
-  MobileBroadbandBehaviour mobile_broadband;
-  int at_port_number = 7;
-  /// What the device tree calls the AT port; "%d" stands for the port's number.
-  std::wstring at_port_name = L"Modem AT Port (COM%d)";
-  /// The AT port is a real one of the system: only the device tree's answers about it are simulated.
-  bool at_port_is_real = false;
-};
 
 /// A PC with a modem in it, around one loaded module of the product. Its calls to the platform are answered
 /// by the simulation as far as they concern the modem; everybody else's calls, the program's own included,
@@ -87,9 +68,11 @@ class VirtualPc {
   void Patch(HMODULE product);
 
   std::shared_ptr<Machine> m_machine;
-  std::unique_ptr<SimulatedMobileBroadband> m_mobile_broadband;
+  std::unique_ptr<SimulatedMobileBroadband> m_mobileBroadband;
   std::unique_ptr<ImportPatch> m_patch;
 };
 
 /// Names that `PlatformCallFault::function` takes.
 std::vector<std::string> FaultableCalls();
+
+}  // namespace simulator

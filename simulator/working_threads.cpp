@@ -1,55 +1,59 @@
-#include "working_threads.h"
+#include "simulator/working_threads.h"
 
 #include <windows.h>
 
 #include <atomic>
+
+namespace simulator {
 
 namespace {
 
 /// Longer than any thread computes between two calls to the platform, even on a loaded machine.
 constexpr std::uint64_t kTakenForBlockedMs = 2000;
 
-std::atomic<int> g_at_work{0};
-std::atomic<std::uint64_t> g_last_activity{0};
-thread_local bool t_is_member = false;
+std::atomic<int> g_atWork{0};
+std::atomic<std::uint64_t> g_lastActivity{0};
+thread_local bool t_isMember = false;
 
 }  // namespace
 
 namespace working_threads {
 
 void Begin() {
-  ++g_at_work;
+  ++g_atWork;
   NoteActivity();
 }
 
 void End() {
-  --g_at_work;
+  --g_atWork;
 }
 
 void JoinCallingThread() {
-  t_is_member = true;
+  t_isMember = true;
 }
 
 void LeaveCallingThread() {
-  if (!t_is_member) return;
-  t_is_member = false;
+  if (!t_isMember) return;
+  t_isMember = false;
   End();
 }
 
 void NoteActivity() {
-  g_last_activity = ::GetTickCount64();
+  g_lastActivity = ::GetTickCount64();
 }
 
 bool AnyAtWork() {
-  return g_at_work > 0 && ::GetTickCount64() - g_last_activity < kTakenForBlockedMs;
+  return g_atWork > 0 && ::GetTickCount64() - g_lastActivity < kTakenForBlockedMs;
 }
 
-Rest::Rest() : m_is_member(t_is_member) {
-  if (m_is_member) --g_at_work;
+Rest::Rest() : m_isMember(t_isMember) {
+  if (m_isMember) --g_atWork;
 }
 
 Rest::~Rest() {
-  if (m_is_member) Begin();
+  if (m_isMember) Begin();
 }
 
 }  // namespace working_threads
+
+}  // namespace simulator

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+namespace simulator {
+
 /// Which of the product's threads are at work and which of them wait. An elastic clock lets time fly only
 /// while all of them wait. Process-wide; any thread.
 namespace working_threads {
@@ -28,7 +30,9 @@ class Rest {
   Rest& operator=(const Rest&) = delete;
 
  private:
-  bool m_is_member;
+  bool m_isMember;
 };
 
 }  // namespace working_threads
+
+}  // namespace simulator

@@ -16,16 +16,18 @@
 #include <utility>
 #include <vector>
 
-#include "faults.h"
-#include "image_reader.h"
-#include "lock.h"
-#include "modem_interface.h"
+#include "simulator/faults.h"
+#include "simulator/flashing_library/image_reader.h"
+#include "simulator/flashing_library/modem_interface.h"
+#include "simulator/lock.h"
 
 #if defined(__GLIBCXX__)
 namespace __gnu_cxx {
 void __freeres();
 }
 #endif
+
+namespace simulator {
 
 namespace {
 
@@ -98,7 +100,7 @@ std::optional<std::int32_t> Begin(const char* function, std::int32_t argument, c
   const ModemInterface* modem = g_modem;
   if (modem == nullptr) return Fail(status, "no modem is attached");
   std::int32_t result = kOk;
-  if (modem->begin_call(function, argument, detail.c_str(), &result) == 0) return std::nullopt;
+  if (modem->beginCall(function, argument, detail.c_str(), &result) == 0) return std::nullopt;
   if (result != kOk) Fail(status, std::string(function) + " was refused");
   return result;
 }
@@ -110,15 +112,15 @@ class ProgressReport {
 
   void Begin() {
     Report(m_channel, kStatusMessage, "  - Opening the item");
-    if (m_style == ProgressStyle::kBeforeRawMode) TellAll({"10", "50", "90", "100"});
+    if (m_style == ProgressStyle::BeforeRawMode) TellAll({"10", "50", "90", "100"});
     Report(m_channel, kStatusMessage,
-           m_style == ProgressStyle::kNearRawModeText ? kNearRawModeText : kRawModeText);
-    if (m_style == ProgressStyle::kNonNumeric) TellAll({"abc", "4x", "", "+45", " 45"});
-    if (m_style == ProgressStyle::kFalling) TellAll({"0", "60", "30", "100", "20"});
+           m_style == ProgressStyle::NearRawModeText ? kNearRawModeText : kRawModeText);
+    if (m_style == ProgressStyle::NonNumeric) TellAll({"abc", "4x", "", "+45", " 45"});
+    if (m_style == ProgressStyle::Falling) TellAll({"0", "60", "30", "100", "20"});
   }
   void Tell(std::uint64_t done, std::uint64_t size) {
-    if (m_style == ProgressStyle::kBeforeRawMode) return;
-    const std::uint64_t scale = m_style == ProgressStyle::kPastHundred ? 250 : 100;
+    if (m_style == ProgressStyle::BeforeRawMode) return;
+    const std::uint64_t scale = m_style == ProgressStyle::PastHundred ? 250 : 100;
     const auto percent = static_cast<std::uint32_t>(size == 0 ? scale : done * scale / size);
     if (percent == m_last) return;
     m_last = percent;
@@ -137,24 +139,24 @@ class ProgressReport {
 };
 
 /// How an item of a memory class has to be written.
-enum class Way { kFls, kStaticFfs, kDynamicFfs, kDisk, kCust, kNone };
+enum class Way { Fls, StaticFfs, DynamicFfs, Disk, Cust, None };
 
-Way WayOf(std::uint32_t memory_class) {
-  switch (memory_class) {
+Way WayOf(std::uint32_t memoryClass) {
+  switch (memoryClass) {
     case 1:
     case 2:
     case 4:
-      return Way::kFls;
+      return Way::Fls;
     case 11:
-      return Way::kStaticFfs;
+      return Way::StaticFfs;
     case 12:
-      return Way::kDynamicFfs;
+      return Way::DynamicFfs;
     case 14:
     case 15:
     case 16:
-      return Way::kDisk;
+      return Way::Disk;
     default:
-      return Way::kCust;
+      return Way::Cust;
   }
 }
 
@@ -162,13 +164,13 @@ Way WayOf(std::uint32_t memory_class) {
 Way WayOfSelector(std::uint8_t selector) {
   switch (selector) {
     case 1:
-      return Way::kStaticFfs;
+      return Way::StaticFfs;
     case 2:
-      return Way::kDynamicFfs;
+      return Way::DynamicFfs;
     case 4:
-      return Way::kDisk;
+      return Way::Disk;
     default:
-      return Way::kNone;
+      return Way::None;
   }
 }
 
@@ -176,39 +178,39 @@ Way WayOfSelector(std::uint8_t selector) {
 std::string SendItem(std::uint8_t channel, const ImageReader& image, const ImageItem& item) {
   const ModemInterface& modem = *g_modem.load();
   const std::uint32_t session = g_channels.Get(channel);
-  const ModemItem announced{item.memory_class, item.flash_offset, item.size, item.crc32};
-  if (modem.begin_item(session, &announced) == 0) return "the target refuses the item";
+  const ModemItem announced{item.memoryClass, item.flashOffset, item.size, item.crc32};
+  if (modem.beginItem(session, &announced) == 0) return "the target refuses the item";
 
-  ProgressReport progress(channel, static_cast<ProgressStyle>(modem.progress_style()));
+  ProgressReport progress(channel, static_cast<ProgressStyle>(modem.progressStyle()));
   progress.Begin();
   std::vector<std::uint8_t> block(kBlockSize);
   for (std::uint32_t done = 0; done < item.size;) {
     const auto part = std::span(block).first(std::min(kBlockSize, item.size - done));
-    if (!image.ReadAt(item.data_offset + done, part)) return "the image cannot be read";
-    if (modem.write_block(session, part.data(), static_cast<std::uint32_t>(part.size())) == 0) {
+    if (!image.ReadAt(item.dataOffset + done, part)) return "the image cannot be read";
+    if (modem.writeBlock(session, part.data(), static_cast<std::uint32_t>(part.size())) == 0) {
       return "the target refuses the data";
     }
     done += static_cast<std::uint32_t>(part.size());
     progress.Tell(done, item.size);
   }
   progress.End();
-  return modem.end_item(session) == 0 ? "wrong checksum" : "";
+  return modem.endItem(session) == 0 ? "wrong checksum" : "";
 }
 
 /// Writes the item of a name through one of the three download exports.
 std::int32_t Download(const char* function, std::uint8_t channel, const char* name, Way way, char* status) {
-  const auto item_name = ParseItemName(name != nullptr ? name : "");
-  if (!item_name) return Fail(status, "not an item's name");
+  const auto itemName = ParseItemName(name != nullptr ? name : "");
+  if (!itemName) return Fail(status, "not an item's name");
   // Open from before any hold-up on, so that an abandoned call keeps the image locked.
-  const ImageReader image(item_name->path, 0);
-  if (const auto answer = Begin(function, static_cast<std::int32_t>(item_name->index), name, status))
+  const ImageReader image(itemName->path, 0);
+  if (const auto answer = Begin(function, static_cast<std::int32_t>(itemName->index), name, status))
     return *answer;
   if (!image.IsSound()) return Fail(status, "the image cannot be read");
-  if (item_name->index >= image.Table().items.size()) return Fail(status, "no such item");
+  if (itemName->index >= image.Table().items.size()) return Fail(status, "no such item");
 
-  const ImageItem& item = image.Table().items[item_name->index];
+  const ImageItem& item = image.Table().items[itemName->index];
   Report(channel, kStatusInfo, "Downloading");
-  if (WayOf(item.memory_class) != way) return Fail(status, "the item is of another kind");
+  if (WayOf(item.memoryClass) != way) return Fail(status, "the item is of another kind");
   const std::string reason = SendItem(channel, image, item);
   return reason.empty() ? kOk : Fail(status, reason);
 }
@@ -224,10 +226,10 @@ std::optional<FlashImage> QueryTable(const char* path) {
 
 extern "C" {
 
-std::int32_t BootTarget(std::uint8_t channel, const char* boot_file, std::uint32_t* word, char* status) {
-  const ImageReader image(boot_file != nullptr ? boot_file : "", 0);
+std::int32_t BootTarget(std::uint8_t channel, const char* bootFile, std::uint32_t* word, char* status) {
+  const ImageReader image(bootFile != nullptr ? bootFile : "", 0);
   if (const auto answer =
-          Begin("_ZEMO_DL_boot_target", kNoArgument, boot_file != nullptr ? boot_file : "", status)) {
+          Begin("_ZEMO_DL_boot_target", kNoArgument, bootFile != nullptr ? bootFile : "", status)) {
     return *answer;
   }
   if (!image.IsSound()) return Fail(status, "the boot file cannot be read");
@@ -236,7 +238,7 @@ std::int32_t BootTarget(std::uint8_t channel, const char* boot_file, std::uint32
                            static_cast<std::uint32_t>(header.size())) == 0) {
     return Fail(status, "the target does not boot");
   }
-  if (word != nullptr) *word = image.Table().flash_technology;
+  if (word != nullptr) *word = image.Table().flashTechnology;
   return kOk;
 }
 
@@ -246,12 +248,12 @@ std::int32_t CloseCommPort(std::uint8_t channel, char* status) {
   }
   const std::uint32_t session = g_channels.Take(channel);
   if (session == 0) return Fail(status, "the channel is not open");
-  g_modem.load()->close_port(session);
+  g_modem.load()->closePort(session);
   return kOk;
 }
 
 std::int32_t DownloadCustFile(std::uint8_t channel, const char* item, char* status) {
-  return Download("_ZEMO_DL_download_cust_file", channel, item, Way::kCust, status);
+  return Download("_ZEMO_DL_download_cust_file", channel, item, Way::Cust, status);
 }
 
 std::int32_t DownloadDffsFile(std::uint8_t channel, const char* item, std::uint8_t selector, char* status) {
@@ -259,7 +261,7 @@ std::int32_t DownloadDffsFile(std::uint8_t channel, const char* item, std::uint8
 }
 
 std::int32_t DownloadFlsFile(std::uint8_t channel, const char* item, char* status) {
-  return Download("_ZEMO_DL_download_fls_file", channel, item, Way::kFls, status);
+  return Download("_ZEMO_DL_download_fls_file", channel, item, Way::Fls, status);
 }
 
 std::int32_t ForceTargetReset(std::uint8_t channel, std::uint8_t first, std::uint8_t second,
@@ -268,7 +270,7 @@ std::int32_t ForceTargetReset(std::uint8_t channel, std::uint8_t first, std::uin
   std::snprintf(bytes.data(), bytes.size(), "%d,%d,%d,%d", first, second, third, fourth);
   if (const auto answer = Begin("_ZEMO_DL_force_target_reset", kNoArgument, bytes.data(), status))
     return *answer;
-  if (g_modem.load()->force_reset(g_channels.Get(channel)) == 0)
+  if (g_modem.load()->forceReset(g_channels.Get(channel)) == 0)
     return Fail(status, "the target is not there");
   return kOk;
 }
@@ -299,13 +301,13 @@ std::int32_t InitCallback(Callback callback, char* status) {
   return kOk;
 }
 
-std::int32_t OpenCommPort(std::uint8_t channel, const char* path, const char*, std::uint32_t baud_rate,
+std::int32_t OpenCommPort(std::uint8_t channel, const char* path, const char*, std::uint32_t baudRate,
                           char* status) {
   const std::string port = path != nullptr ? path : "";
   const auto answer =
-      Begin("_ZEMO_DL_open_comm_port", kNoArgument, port + " at " + std::to_string(baud_rate), status);
+      Begin("_ZEMO_DL_open_comm_port", kNoArgument, port + " at " + std::to_string(baudRate), status);
   if (answer) return *answer;
-  const std::uint32_t session = g_modem.load()->open_port(port.c_str());
+  const std::uint32_t session = g_modem.load()->openPort(port.c_str());
   if (session == 0) return Fail(status, "the port cannot be opened");
   g_channels.Set(channel, session);
   return kOk;
@@ -326,16 +328,16 @@ std::int32_t TocGetFlashTechnology(const char* path, std::uint32_t* technology) 
     return *answer;
   const auto table = QueryTable(path);
   if (!table) return kFailed;
-  *technology = table->flash_technology;
+  *technology = table->flashTechnology;
   return kOk;
 }
 
-std::int32_t TocGetMemoryClass(const char* path, std::uint32_t index, std::uint32_t* memory_class) {
+std::int32_t TocGetMemoryClass(const char* path, std::uint32_t index, std::uint32_t* memoryClass) {
   const auto answer = Begin("_ZEMO_DL_TOC_get_memory_class", static_cast<std::int32_t>(index), path, nullptr);
   if (answer) return *answer;
   const auto table = QueryTable(path);
   if (!table || index >= table->items.size()) return kFailed;
-  *memory_class = table->items[index].memory_class;
+  *memoryClass = table->items[index].memoryClass;
   return kOk;
 }
 
@@ -360,11 +362,11 @@ void SimulatorAttachModem(const ModemInterface* modem) {
   g_modem = modem;
 }
 
-BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID processEnds) {
   // Whoever unloads the library without closing its ports has them closed; at process end nobody listens.
-  if (reason == DLL_PROCESS_DETACH && process_ends == nullptr && g_modem.load() != nullptr) {
+  if (reason == DLL_PROCESS_DETACH && processEnds == nullptr && g_modem.load() != nullptr) {
     for (std::uint8_t channel = 0; channel < Channels::kCount; ++channel) {
-      if (const std::uint32_t session = g_channels.Take(channel)) g_modem.load()->close_port(session);
+      if (const std::uint32_t session = g_channels.Take(channel)) g_modem.load()->closePort(session);
     }
 #if defined(__GLIBCXX__)
     // The C++ runtime's memory for exceptions in need, one for each time that the library is loaded.
@@ -374,3 +376,5 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
   return TRUE;
 }
 }
+
+}  // namespace simulator

@@ -1,6 +1,8 @@
-#include "image_reader.h"
+#include "simulator/flashing_library/image_reader.h"
 
 #include <charconv>
+
+namespace simulator {
 
 namespace {
 
@@ -42,3 +44,5 @@ std::optional<ItemName> ParseItemName(std::string_view name) {
   item.path = name.substr(bar + 1);
   return item;
 }
+
+}  // namespace simulator

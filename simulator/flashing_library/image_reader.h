@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "flash_image.h"
+#include "simulator/flash_image.h"
+
+namespace simulator {
 
 /// An image file that is read piece by piece. The sharing decides who else may open it meanwhile.
 class ImageReader {
@@ -37,3 +39,5 @@ struct ItemName {
   std::string path;
 };
 std::optional<ItemName> ParseItemName(std::string_view name);
+
+}  // namespace simulator

@@ -13,13 +13,16 @@
 #include <string>
 #include <vector>
 
-#include "command_line_table.h"
-#include "exit_status.h"
 #include "interruption.h"
-#include "judgement.h"
-#include "report.h"
+#include "simulator/host/command_line_table.h"
+#include "simulator/program/exit_status.h"
+#include "simulator/program/judgement.h"
+#include "simulator/program/report.h"
+#include "simulator/program/scenario_table.h"
 #include "terminal.h"
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -32,7 +35,7 @@ constexpr double kFastest = 1000;
 constexpr unsigned long kHostInterrupted = 5;
 
 struct Options {
-  std::string route = NameOf(Route::kMbim);
+  std::string route = NameOf(Route::Mbim);
   std::string scenario;
   double speed = 1.0;
   std::string folder;
@@ -79,11 +82,11 @@ CommandLinePlan PlanOf(const Options& options, const Scenario* scenario) {
 }
 
 /// The summary, with what the host itself printed in it.
-nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exit_code, bool good,
+nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exitCode, bool good,
                               const CommandLinePlan& plan) {
   nlohmann::ordered_json json = JsonOf(outcome);
   json["good"] = good;
-  json["exit_code"] = exit_code;
+  json["exit_code"] = exitCode;
   const auto own = nlohmann::ordered_json::parse(std::ifstream(plan.output), nullptr, false);
   json["corvel_cmdline"] = own.is_discarded() ? nullptr : own;
   return json;
@@ -100,22 +103,22 @@ ExitStatus Flash(const Options& options) {
                   .scenario = scenario,
                   .session = report.session,
                   .differences = {}};
-  unsigned long expected_exit_code = 0;
+  unsigned long expectedExitCode = 0;
   if (scenario != nullptr) {
     const CommandLineExpectation all = ExpectedOfCommandLine(*scenario, plan.asker);
-    expected_exit_code = all.exit_code;
+    expectedExitCode = all.exitCode;
     outcome.differences = Differences(all.expected, report.session);
   }
-  const bool good = outcome.IsGood() && report.exit_code == expected_exit_code;
+  const bool good = outcome.IsGood() && report.exitCode == expectedExitCode;
   if (options.json) {
-    std::cout << JsonOf(outcome, report.exit_code, good, plan).dump(2) << std::endl;
+    std::cout << JsonOf(outcome, report.exitCode, good, plan).dump(2) << std::endl;
   } else {
     std::cout << "\n"
-              << SummaryOf(outcome) << "  exit status    " << report.exit_code << " of corvel_cmdline"
-              << (report.exit_code == expected_exit_code ? "" : ", which is NOT EXPECTED") << std::endl;
+              << SummaryOf(outcome) << "  exit status    " << report.exitCode << " of corvel_cmdline"
+              << (report.exitCode == expectedExitCode ? "" : ", which is NOT EXPECTED") << std::endl;
   }
-  if (report.exit_code == kHostInterrupted) return ExitStatus::kInterrupted;
-  return good ? ExitStatus::kGood : ExitStatus::kNotGood;
+  if (report.exitCode == kHostInterrupted) return ExitStatus::Interrupted;
+  return good ? ExitStatus::Good : ExitStatus::NotGood;
 }
 
 ExitStatus Run(std::vector<std::string> words) {
@@ -134,24 +137,26 @@ ExitStatus Run(std::vector<std::string> words) {
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0 && json) {
       std::cout << JsonOfError(error.what()).dump(2) << std::endl;
-      return ExitStatus::kWrongUsage;
+      return ExitStatus::WrongUsage;
     }
-    return program.exit(error) == 0 ? ExitStatus::kGood : ExitStatus::kWrongUsage;
+    return program.exit(error) == 0 ? ExitStatus::Good : ExitStatus::WrongUsage;
   } catch (const std::exception& error) {
     if (json) {
       std::cout << JsonOfError(error.what()).dump(2) << std::endl;
     } else {
       std::cerr << "cmdline_simulator: " << error.what() << std::endl;
     }
-    return ExitStatus::kCouldNotRun;
+    return ExitStatus::CouldNotRun;
   }
 }
 
 }  // namespace
 
+}  // namespace simulator
+
 int main() {
   // Lines end as the reader's own do, whichever system reads them.
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
-  return static_cast<int>(Run(CommandLineWords()));
+  return static_cast<int>(simulator::Run(CommandLineWords()));
 }

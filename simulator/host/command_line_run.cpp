@@ -1,4 +1,4 @@
-#include "command_line_run.h"
+#include "simulator/host/command_line_run.h"
 
 #include <windows.h>
 
@@ -8,12 +8,14 @@
 #include <optional>
 #include <string_view>
 
-#include "configuration.h"
-#include "firmware_folder.h"
-#include "kept_key.h"
+#include "simulator/host/kept_key.h"
+#include "simulator/host/virtual_pc_file.h"
+#include "simulator/program/configuration.h"
+#include "simulator/program/firmware_folder.h"
+#include "simulator/program/work_folder.h"
 #include "text.h"
-#include "virtual_pc_file.h"
-#include "work_folder.h"
+
+namespace simulator {
 
 namespace {
 
@@ -37,16 +39,16 @@ class CommandLineRun {
   explicit CommandLineRun(const CommandLinePlan& plan)
       : m_plan(plan), m_begin(std::chrono::steady_clock::now()) {
     MakeFolder();
-    if (plan.asker == Asker::kHost) LayImages();
+    if (plan.asker == Asker::Host) LayImages();
     m_configuration.emplace(plan.folder, plan.setup, L"HKLM\\SOFTWARE\\Corvel\\NotUsed", FirmwarePath());
-    if (plan.setup.retry_times) m_key.Write(L"Retry_Times", *plan.setup.retry_times);
+    if (plan.setup.retryTimes) m_key.Write(L"Retry_Times", *plan.setup.retryTimes);
   }
 
   CommandLineReport Run() {
     auto host = std::async(std::launch::async, [this] {
       return RunChild(m_plan.folder / kHost, Words(), kRunLimit, m_plan.output);
     });
-    if (m_plan.asker == Asker::kController) {
+    if (m_plan.asker == Asker::Controller) {
       AwaitTurn(host);
       LayImages();
       m_key.Write(L"Fls_Ready", 1);
@@ -77,7 +79,7 @@ class CommandLineRun {
 
   std::vector<std::wstring> Words() const {
     std::vector<std::wstring> words{L"flash"};
-    if (m_plan.asker == Asker::kController) words.emplace_back(L"--wait-for-controller");
+    if (m_plan.asker == Asker::Controller) words.emplace_back(L"--wait-for-controller");
     words.insert(words.end(), m_plan.options.begin(), m_plan.options.end());
     return words;
   }
@@ -89,9 +91,9 @@ class CommandLineRun {
   }
 
   CommandLineReport Report(const ChildResult& child) const {
-    CommandLineReport report{.exit_code = child.exit_code, .session = {}};
+    CommandLineReport report{.exitCode = child.exitCode, .session = {}};
     SessionReport& session = report.session;
-    session.real_duration =
+    session.realDuration =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_begin);
     session.values = m_key.Read();
     ReportLog(session);
@@ -101,11 +103,11 @@ class CommandLineRun {
   }
 
   void ReportLog(SessionReport& session) const {
-    session.log_file = m_plan.folder / kLog;
-    session.log = ReadDebugLog(session.log_file);
+    session.logFile = m_plan.folder / kLog;
+    session.log = ReadDebugLog(session.logFile);
     session.attempts =
         static_cast<int>(std::ranges::count(session.log, kWorkerBegins, &DebugRecord::message));
-    session.workers_back = static_cast<int>(std::ranges::count_if(
+    session.workersBack = static_cast<int>(std::ranges::count_if(
         session.log, [](const DebugRecord& record) { return record.message.starts_with(kWorkerEnds); }));
   }
 
@@ -118,20 +120,20 @@ class CommandLineRun {
     }
     session.modem = end->modem;
     session.resets = end->resets;
-    session.mbim_reboots = end->mbim_reboots;
-    session.at_commands = end->at_commands;
-    session.items_written = end->items_written;
-    session.bytes_written = end->bytes_written;
+    session.mbimReboots = end->mbimReboots;
+    session.atCommands = end->atCommands;
+    session.itemsWritten = end->itemsWritten;
+    session.bytesWritten = end->bytesWritten;
     session.duration = end->elapsed;
   }
 
   void ReportMemory(SessionReport& session) const {
     const VirtualClock clock(1.0);
-    VirtualModem modem(clock, m_plan.folder / L"modem_flash.bin", {}, {}, ModemState::kNormal,
+    VirtualModem modem(clock, m_plan.folder / L"modem_flash.bin", {}, {}, ModemState::Normal,
                        [](JournalEvent, const std::string&) {});
     session.comparison = modem.CompareWith(m_firmware->Modem(), m_firmware->Nvm());
     session.memory = MemoryAfter(modem, session.comparison);
-    session.images_left = m_firmware->ImagesLeft();
+    session.imagesLeft = m_firmware->ImagesLeft();
   }
 
   const CommandLinePlan& m_plan;
@@ -146,3 +148,5 @@ class CommandLineRun {
 CommandLineReport FlashByCommandLine(const CommandLinePlan& plan) {
   return CommandLineRun(plan).Run();
 }
+
+}  // namespace simulator

@@ -1,7 +1,8 @@
 // What the command line does otherwise than the service. All that is not said here is the same: the
 // scenarios' own table holds for both.
 
-#include "command_line_table.h"
+#include "simulator/host/command_line_table.h"
+#include "simulator/program/scenario_table.h"
 
 #include <algorithm>
 #include <iterator>
@@ -9,6 +10,8 @@
 #include <set>
 #include <stdexcept>
 #include <string_view>
+
+namespace simulator {
 
 namespace {
 
@@ -26,7 +29,7 @@ constexpr std::string_view kNextPass = "\t Start a new loop process...";
 /// said.
 struct TextDifference {
   std::string_view service;
-  std::string_view command_line;
+  std::string_view commandLine;
 };
 constexpr TextDifference kTexts[] = {
     {"\t MainThreadImplementation ++", "++ MainThreadImplementation"},
@@ -74,10 +77,10 @@ constexpr const char* kEndsInFailedDownload[] = {
 /// What the host sees before it asks for anything: nothing is written, neither registry nor log nor modem.
 struct Refusal {
   const char* scenario;
-  unsigned long exit_code;
-  int images_left;
+  unsigned long exitCode;
+  int imagesLeft;
   /// A controlling program may bring the same while the host waits for it; then the library meets it.
-  bool may_come_later;
+  bool mayComeLater;
 };
 constexpr Refusal kRefusals[] = {
     {"images-none", kNoImages, 0, true},
@@ -98,11 +101,11 @@ constexpr Refusal kRefusals[] = {
 struct Difference {
   const char* scenario;
   const char* reason;
-  std::optional<unsigned long> exit_code = std::nullopt;
+  std::optional<unsigned long> exitCode = std::nullopt;
   std::optional<std::uint32_t> ready = std::nullopt;
   std::optional<std::uint32_t> result = std::nullopt;
   std::optional<int> resets = std::nullopt;
-  std::optional<int> workers_back = std::nullopt;
+  std::optional<int> workersBack = std::nullopt;
   std::optional<Memory> memory = std::nullopt;
   std::optional<ModemState> modem = std::nullopt;
   /// In the place of the whole lists.
@@ -111,11 +114,11 @@ struct Difference {
 };
 
 const std::vector<Difference>& Differences() {
-  static const std::vector<LogText> without_images{
+  static const std::vector<LogText> withoutImages{
       "\t flash flag changed to 1",
       "\t Can't find available fls, monitor again, continue to monitor registry change and fetch modem/nvm "
       "files"};
-  static const std::vector<const char*> nothing_behind{
+  static const std::vector<const char*> nothingBehind{
       "\t WriteRegistry Flash_OnGoing: 1", "\t WriteRegistry Flash_Result: 3", "\t DeleteFLSFiles"};
   static const std::vector<Difference> rows{
       {.scenario = "route-mbim",
@@ -165,12 +168,12 @@ const std::vector<Difference>& Differences() {
                       "RebootModemByXlog4", "BB_RST"}}},
       {.scenario = "library-hangs-past-the-job",
        .reason = "the process ends under the hanging download: nothing is written, the port stays open",
-       .workers_back = 3,
-       .memory = Memory::kUntouched,
-       .modem = ModemState::kBooted},
+       .workersBack = 3,
+       .memory = Memory::Untouched,
+       .modem = ModemState::Booted},
       {.scenario = "mbim-slow",
        .reason = "the process ends under the abandoned attempt",
-       .workers_back = 1,
+       .workersBack = 1,
        .log = {{"\t to SetCommand", Error("Flash timeout or other issue, goto Flash_FAILED"),
                 Error("Flash FAIL, retry again, g_retry_times: 1(Max 3)"),
                 "\t Flash port available. Getting flash port path", "\t WriteRegistry Flash_Result: 4"}}},
@@ -185,18 +188,18 @@ const std::vector<Difference>& Differences() {
        .forbidden = {{"\t MBIM device not arrival, retry again, 2"}}},
       {.scenario = "images-none",
        .reason = "the job ends where it stands: no result, and the controlling program's flag stays",
-       .exit_code = kNoImages,
+       .exitCode = kNoImages,
        .ready = 1,
        .result = 0,
-       .log = without_images,
-       .forbidden = nothing_behind},
+       .log = withoutImages,
+       .forbidden = nothingBehind},
       {.scenario = "images-no-folder",
        .reason = "the same",
-       .exit_code = kNoImages,
+       .exitCode = kNoImages,
        .ready = 1,
        .result = 0,
-       .log = without_images,
-       .forbidden = nothing_behind},
+       .log = withoutImages,
+       .forbidden = nothingBehind},
       {.scenario = "config-odd-lines",
        .reason = "the bus comes from the command line, the key is the command line's own",
        .log = {{"\t get Config Var,  : a value without a key", "\t get Config Var, [UNKNOWN] : 1",
@@ -223,7 +226,7 @@ const char* Kept(std::string text) {
 const char* InWordsOfCommandLine(std::string_view text) {
   for (const TextDifference& each : kTexts) {
     if (!text.starts_with(each.service)) continue;
-    return Kept(std::string(each.command_line) + std::string(text.substr(each.service.size())));
+    return Kept(std::string(each.commandLine) + std::string(text.substr(each.service.size())));
   }
   return text.data();
 }
@@ -249,10 +252,10 @@ bool EndsInFailedDownload(std::string_view scenario) {
 
 CommandLineExpectation Refused(const Refusal& refusal, const Setup& setup) {
   CommandLineExpectation all{
-      .exit_code = refusal.exit_code, .expected = {}, .reason = "the host looks before it asks, and refuses"};
-  all.expected.values.retryTimes = setup.retry_times;
-  all.expected.memory = Memory::kUntouched;
-  all.expected.images_left = refusal.images_left;
+      .exitCode = refusal.exitCode, .expected = {}, .reason = "the host looks before it asks, and refuses"};
+  all.expected.values.retryTimes = setup.retryTimes;
+  all.expected.memory = Memory::Untouched;
+  all.expected.imagesLeft = refusal.imagesLeft;
   // Every record holds the empty text.
   all.expected.forbidden = {""};
   return all;
@@ -266,11 +269,11 @@ void Take(const std::optional<Value>& value, Target& target) {
 void Apply(const Difference& row, CommandLineExpectation& all) {
   Expectation& expected = all.expected;
   all.reason = row.reason;
-  Take(row.exit_code, all.exit_code);
+  Take(row.exitCode, all.exitCode);
   Take(row.ready, expected.values.ready);
   Take(row.result, expected.values.result);
   Take(row.resets, expected.resets);
-  Take(row.workers_back, expected.workers_back);
+  Take(row.workersBack, expected.workersBack);
   Take(row.memory, expected.memory);
   Take(row.modem, expected.modem);
   Take(row.log, expected.log);
@@ -282,16 +285,16 @@ void Apply(const Difference& row, CommandLineExpectation& all) {
 CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker asker) {
   const std::string_view name = scenario.name;
   const Refusal* const refusal = Find(kRefusals, name);
-  if (refusal != nullptr && asker == Asker::kHost) return Refused(*refusal, scenario.setup);
+  if (refusal != nullptr && asker == Asker::Host) return Refused(*refusal, scenario.setup);
 
-  CommandLineExpectation all{.exit_code = kFlashed, .expected = scenario.expected, .reason = {}};
+  CommandLineExpectation all{.exitCode = kFlashed, .expected = scenario.expected, .reason = {}};
   Expectation& expected = all.expected;
   if (expected.values.result != static_cast<std::uint32_t>(FlashResult::Succeeded)) {
-    all.exit_code = kFlashFailed;
+    all.exitCode = kFlashFailed;
   }
-  const auto next_pass =
+  const auto nextPass =
       std::ranges::find(expected.log, kNextPass, [](const LogText& text) { return text.Text(); });
-  expected.log.erase(next_pass, expected.log.end());
+  expected.log.erase(nextPass, expected.log.end());
   Translate(expected.log);
   Translate(expected.once);
   Translate(expected.forbidden);
@@ -309,7 +312,7 @@ CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker ask
 std::vector<const Scenario*> ScenariosOfController() {
   std::vector<const Scenario*> scenarios;
   for (const Refusal& refusal : kRefusals) {
-    if (refusal.may_come_later) scenarios.push_back(FindScenario(refusal.scenario));
+    if (refusal.mayComeLater) scenarios.push_back(FindScenario(refusal.scenario));
   }
   return scenarios;
 }
@@ -324,3 +327,5 @@ std::vector<std::string> StrayNamesOfCommandLine() {
   for (const Difference& row : Differences()) look(row.scenario);
   return stray;
 }
+
+}  // namespace simulator

@@ -3,12 +3,14 @@
 #include <string>
 #include <vector>
 
-#include "command_line_run.h"
-#include "scenario.h"
+#include "simulator/host/command_line_run.h"
+#include "simulator/program/scenario.h"
+
+namespace simulator {
 
 /// What has to come of a scenario when the command line runs it.
 struct CommandLineExpectation {
-  unsigned long exit_code = 0;
+  unsigned long exitCode = 0;
   Expectation expected;
   /// Why it is not what comes of the service; empty where only the texts differ.
   std::string reason;
@@ -21,3 +23,5 @@ CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker ask
 std::vector<const Scenario*> ScenariosOfController();
 /// Names in the table that no scenario has.
 std::vector<std::string> StrayNamesOfCommandLine();
+
+}  // namespace simulator

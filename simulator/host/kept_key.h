@@ -9,6 +9,8 @@
 
 #include "handshake.h"
 
+namespace simulator {
+
 /// A key of the handshake that is empty for a test, and afterwards what it was before.
 class KeptKey {
  public:
@@ -47,3 +49,5 @@ class KeptKey {
 inline HandshakeKey KeyOfCommandLine() {
   return {.path = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService"};
 }
+
+}  // namespace simulator

@@ -1,4 +1,4 @@
-#include "virtual_pc_file.h"
+#include "simulator/host/virtual_pc_file.h"
 
 #include <fstream>
 #include <map>
@@ -7,7 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "scenario.h"
+#include "simulator/program/scenario_table.h"
+
+namespace simulator {
 
 namespace {
 
@@ -29,12 +31,12 @@ const NamedFault kFaults[] = {
      [](VirtualPcOptions& pc) {
        pc.faults.platform.push_back({"CreateThread", Occurrence::Always()});
      }},
-    {"slow-modem", [](VirtualPcOptions& pc) { pc.timing.bytes_per_second = kSlowBytesPerSecond; }},
+    {"slow-modem", [](VirtualPcOptions& pc) { pc.timing.bytesPerSecond = kSlowBytesPerSecond; }},
 };
 
-constexpr ModemState kStates[] = {ModemState::kNormal,      ModemState::kLeaving, ModemState::kRestarting,
-                                  ModemState::kFlashPort,   ModemState::kBooted,  ModemState::kWriting,
-                                  ModemState::kChannelOpen, ModemState::kDead,    ModemState::kReturning};
+constexpr ModemState kStates[] = {ModemState::Normal,      ModemState::Leaving, ModemState::Restarting,
+                                  ModemState::FlashPort,   ModemState::Booted,  ModemState::Writing,
+                                  ModemState::ChannelOpen, ModemState::Dead,    ModemState::Returning};
 
 using Lines = std::vector<std::pair<std::string, std::string>>;
 
@@ -89,16 +91,16 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
     }
   }
   VirtualPcOptions pc = PcOptions(setup, speed, folder);
-  pc.initial_state = state.value_or(pc.initial_state);
+  pc.initialState = state.value_or(pc.initialState);
   for (const NamedFault& fault : faults) fault.set(pc);
   return pc;
 }
 
 void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end) {
   std::ofstream(folder / kVirtualPcEndFile)
-      << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbim_reboots
-      << "\nat_commands=" << end.at_commands << "\nitems_written=" << end.items_written
-      << "\nbytes_written=" << end.bytes_written << "\nelapsed_ms=" << end.elapsed.count() << "\n";
+      << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbimReboots
+      << "\nat_commands=" << end.atCommands << "\nitems_written=" << end.itemsWritten
+      << "\nbytes_written=" << end.bytesWritten << "\nelapsed_ms=" << end.elapsed.count() << "\n";
 }
 
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder) {
@@ -108,10 +110,12 @@ std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder
   return VirtualPcEnd{
       .modem = StateOf(values["modem"]),
       .resets = std::stoi(values["resets"]),
-      .mbim_reboots = std::stoi(values["mbim_reboots"]),
-      .at_commands = std::stoi(values["at_commands"]),
-      .items_written = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
-      .bytes_written = std::stoull(values["bytes_written"]),
+      .mbimReboots = std::stoi(values["mbim_reboots"]),
+      .atCommands = std::stoi(values["at_commands"]),
+      .itemsWritten = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
+      .bytesWritten = std::stoull(values["bytes_written"]),
       .elapsed = std::chrono::milliseconds(std::stoll(values["elapsed_ms"])),
   };
 }
+
+}  // namespace simulator

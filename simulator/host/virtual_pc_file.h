@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <optional>
 
-#include "virtual_pc.h"
+#include "simulator/virtual_pc.h"
+
+namespace simulator {
 
 /// "VirtualPc.ini" in the folder of a host: what the virtual PC around that host is like. One key=value per
 /// line: "scenario" (a name of the scenario table), "speed", "state" (a modem state by its name), and any
@@ -18,12 +20,12 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder);
 /// "VirtualPcEnd.ini" in the same folder: what the modem went through and where it is left when the host
 /// ends.
 struct VirtualPcEnd {
-  ModemState modem = ModemState::kNormal;
+  ModemState modem = ModemState::Normal;
   int resets = 0;
-  int mbim_reboots = 0;
-  int at_commands = 0;
-  std::uint32_t items_written = 0;
-  std::uint64_t bytes_written = 0;
+  int mbimReboots = 0;
+  int atCommands = 0;
+  std::uint32_t itemsWritten = 0;
+  std::uint64_t bytesWritten = 0;
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the host began
 };
 inline constexpr wchar_t kVirtualPcEndFile[] = L"VirtualPcEnd.ini";
@@ -31,3 +33,5 @@ inline constexpr wchar_t kVirtualPcEndFile[] = L"VirtualPcEnd.ini";
 void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end);
 /// Nothing when no host has ended there, or not by itself.
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder);
+
+}  // namespace simulator

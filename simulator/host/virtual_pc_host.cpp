@@ -12,11 +12,13 @@
 #include <string>
 #include <utility>
 
-#include "import_patch.h"
-#include "machine.h"
-#include "virtual_pc.h"
-#include "virtual_pc_file.h"
-#include "working_threads.h"
+#include "simulator/device_tree.h"
+#include "simulator/host/virtual_pc_file.h"
+#include "simulator/import_patch.h"
+#include "simulator/virtual_pc.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 namespace {
 
@@ -52,10 +54,10 @@ CommandLineJob g_job = nullptr;
 
 /// The job runs on a thread of the host's. Meanwhile that is one of the product's: time must not fly while it
 /// works.
-bool RunCommandLineJob(int trace_level, char* ipc_type, int unused, char* unused2, char* unused3) {
+bool RunCommandLineJob(int traceLevel, char* ipcType, int unused, char* unused2, char* unused3) {
   working_threads::Begin();
   working_threads::JoinCallingThread();
-  const bool result = g_job(trace_level, ipc_type, unused, unused2, unused3);
+  const bool result = g_job(traceLevel, ipcType, unused, unused2, unused3);
   working_threads::LeaveCallingThread();
   return result;
 }
@@ -90,12 +92,14 @@ extern "C" __declspec(dllexport) void ReportVirtualPc() try {
   const auto elapsed = pc.Clock().Now();
   WriteVirtualPcEnd(HostFolder(), {.modem = pc.Modem().ComeToRest(),
                                    .resets = pc.BasebandResets(),
-                                   .mbim_reboots = pc.MbimReboots(),
-                                   .at_commands = static_cast<int>(pc.AtCommands().size()),
-                                   .items_written = pc.Modem().ItemsWritten(),
-                                   .bytes_written = pc.Modem().BytesWritten(),
+                                   .mbimReboots = pc.MbimReboots(),
+                                   .atCommands = static_cast<int>(pc.AtCommands().size()),
+                                   .itemsWritten = pc.Modem().ItemsWritten(),
+                                   .bytesWritten = pc.Modem().BytesWritten(),
                                    .elapsed = elapsed});
 } catch (const std::exception& error) {
   // The host's exit status stays its own; whoever reads the report misses it.
   std::fprintf(stderr, "The virtual PC cannot be reported on: %s\n", error.what());
 }
+
+}  // namespace simulator

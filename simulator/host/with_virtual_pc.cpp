@@ -11,6 +11,6 @@ struct AroundMain {
   AroundMain() { InstallVirtualPc(); }
   ~AroundMain() { ReportVirtualPc(); }
 };
-[[maybe_unused]] const AroundMain g_around_main;
+[[maybe_unused]] const AroundMain g_aroundMain;
 
 }  // namespace

@@ -1,12 +1,15 @@
-#include "command_line.h"
+#include "simulator/program/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "report.h"
+#include "simulator/program/report.h"
+#include "simulator/program/scenario_table.h"
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -50,7 +53,7 @@ void AddOptions(CLI::App& program, Command& command, std::string& route, std::st
   program.add_option("--width", command.width, "Columns of the terminal")
       ->check(CLI::Range(20, 1000))
       ->capture_default_str();
-  program.add_option("--in-place", command.in_place)->group("");
+  program.add_option("--in-place", command.inPlace)->group("");
 }
 
 }  // namespace
@@ -62,7 +65,7 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
   program.footer(kFooter);
 
   Command command;
-  std::string route = NameOf(Route::kMbim);
+  std::string route = NameOf(Route::Mbim);
   std::string images;
   std::string keep;
   AddOptions(program, command, route, images, keep);
@@ -71,7 +74,7 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) {
       program.exit(error);
-      status = ExitStatus::kGood;
+      status = ExitStatus::Good;
       return std::nullopt;
     }
     if (AsksForJson(count, words)) {
@@ -79,11 +82,11 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
     } else {
       program.exit(error);
     }
-    status = ExitStatus::kWrongUsage;
+    status = ExitStatus::WrongUsage;
     return std::nullopt;
   }
   command.route = *RouteOfName(route);
-  command.make_images = ToWide(images);
+  command.makeImages = ToWide(images);
   command.keep = ToWide(keep);
   return command;
 }
@@ -91,3 +94,5 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
 bool AsksForJson(int count, char** words) {
   return std::any_of(words, words + count, [](const char* word) { return std::string(word) == "--json"; });
 }
+
+}  // namespace simulator

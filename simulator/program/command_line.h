@@ -4,8 +4,11 @@
 #include <optional>
 #include <string>
 
-#include "exit_status.h"
-#include "scenario.h"
+#include "simulator/program/exit_status.h"
+#include "simulator/program/scenario.h"
+#include "simulator/program/scenario_table.h"
+
+namespace simulator {
 
 /// What the program is asked to do.
 struct Command {
@@ -13,16 +16,16 @@ struct Command {
   bool all = false;
   std::string group;  ///< with all: only this one
   std::string scenario;
-  Route route = Route::kMbim;
+  Route route = Route::Mbim;
   std::optional<double> speed;
   bool json = false;
-  std::filesystem::path make_images;
+  std::filesystem::path makeImages;
   std::filesystem::path keep;
   unsigned jobs = 4;
   bool terminal = false;
   int width = 80;
   /// In its own work folder already: the registry key to use. Empty: not there yet.
-  std::string in_place;
+  std::string inPlace;
 
   const Scenario* ChosenScenario() const { return scenario.empty() ? nullptr : FindScenario(scenario); }
 };
@@ -31,3 +34,5 @@ struct Command {
 std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& status);
 /// Whether the words ask for JSON, even if they are wrong otherwise.
 bool AsksForJson(int count, char** words);
+
+}  // namespace simulator

@@ -1,9 +1,11 @@
-#include "configuration.h"
+#include "simulator/program/configuration.h"
 
 #include <fstream>
 #include <stdexcept>
 
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -31,7 +33,7 @@ std::string Sound(const std::string& location, const std::string& folder, Route 
          "\r\n"
          "[IPCTYPE]=USB\r\n"
          "[REBOOTTYPE]=" +
-         (route == Route::kAt ? "1" : "0") +
+         (route == Route::At ? "1" : "0") +
          "\r\n"
          "[ERASEMODE]=2\r\n";
 }
@@ -61,11 +63,11 @@ std::string Odd(const std::string& location, const std::string& folder) {
 
 std::string TextOf(const Setup& setup, const std::string& location, const std::string& folder) {
   switch (setup.configuration) {
-    case Configuration::kEmpty:
+    case Configuration::Empty:
       return "";
-    case Configuration::kOneLine:
+    case Configuration::OneLine:
       return "[RegistryLocation]=" + location;
-    case Configuration::kOddLines:
+    case Configuration::OddLines:
       return Odd(location, folder);
     default:
       return Sound(location, folder, setup.route);
@@ -75,16 +77,16 @@ std::string TextOf(const Setup& setup, const std::string& location, const std::s
 }  // namespace
 
 ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const Setup& setup,
-                                     const std::wstring& registry_location,
-                                     const std::filesystem::path& firmware_folder) {
+                                     const std::wstring& registryLocation,
+                                     const std::filesystem::path& firmwareFolder) {
   const auto path = folder / kFileName;
   std::filesystem::remove(path);
-  if (setup.configuration == Configuration::kMissing) return;
+  if (setup.configuration == Configuration::Missing) return;
   std::ofstream file(path, std::ios::binary);
-  file << TextOf(setup, SingleBytes(registry_location), SingleBytes(firmware_folder.wstring()));
+  file << TextOf(setup, SingleBytes(registryLocation), SingleBytes(firmwareFolder.wstring()));
   file.close();
   if (!file) throw std::runtime_error("the configuration cannot be written");
-  if (setup.configuration != Configuration::kLocked) return;
+  if (setup.configuration != Configuration::Locked) return;
 
   const HANDLE lock = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -93,3 +95,5 @@ ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const 
   }
   m_lock.reset(lock);
 }
+
+}  // namespace simulator

@@ -6,13 +6,15 @@
 #include <memory>
 #include <string>
 
-#include "scenario.h"
+#include "simulator/program/scenario.h"
+
+namespace simulator {
 
 /// "CorvelConfig.ini" of one run, in the folder of the running program.
 class ConfigurationFile {
  public:
   ConfigurationFile(const std::filesystem::path& folder, const Setup& setup,
-                    const std::wstring& registry_location, const std::filesystem::path& firmware_folder);
+                    const std::wstring& registryLocation, const std::filesystem::path& firmwareFolder);
 
  private:
   struct FileCloser {
@@ -21,3 +23,5 @@ class ConfigurationFile {
   };
   std::unique_ptr<void, FileCloser> m_lock;
 };
+
+}  // namespace simulator

@@ -1,8 +1,10 @@
-#include "debug_log.h"
+#include "simulator/program/debug_log.h"
 
 #include <fstream>
 #include <iterator>
 #include <string_view>
+
+namespace simulator {
 
 namespace {
 
@@ -38,3 +40,5 @@ std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path) {
   }
   return records;
 }
+
+}  // namespace simulator

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+namespace simulator {
+
 /// One record of the library's debug log, as far as anybody here looks at it.
 struct DebugRecord {
   std::string level;
@@ -13,3 +15,5 @@ struct DebugRecord {
 
 /// The complete records of a log that may still be written to; none when there is no such file.
 std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path);
+
+}  // namespace simulator

@@ -1,9 +1,11 @@
-#include "display.h"
+#include "simulator/program/display.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ostream>
+
+namespace simulator {
 
 namespace {
 
@@ -21,11 +23,11 @@ std::string Bar(std::uint32_t percent) {
   return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] ";
 }
 
-std::string LiveText(const Snapshot& now, bool with_bar) {
+std::string LiveText(const Snapshot& now, bool withBar) {
   std::array<char, 160> text{};
   const auto seconds = static_cast<long>(now.elapsed.count() / 1000);
   std::snprintf(text.data(), text.size(), "%-22s %s%3u %%  %4ld s  attempt %d", StageOf(now).c_str(),
-                with_bar ? Bar(PercentOf(now)).c_str() : "", static_cast<unsigned>(PercentOf(now)), seconds,
+                withBar ? Bar(PercentOf(now)).c_str() : "", static_cast<unsigned>(PercentOf(now)), seconds,
                 std::max(now.attempt, 1));
   return text.data();
 }
@@ -36,24 +38,26 @@ Display::Display(DisplayStyle style, int width, std::ostream& out)
     : m_style(style), m_width(static_cast<std::size_t>(std::max(width, 20))), m_out(out) {}
 
 void Display::Show(const Snapshot& now) {
-  if (m_style == DisplayStyle::kTerminal) ShowLive(LiveText(now, m_width >= kNarrowestWithBar));
-  if (m_style != DisplayStyle::kPlain) return;
+  if (m_style == DisplayStyle::Terminal) ShowLive(LiveText(now, m_width >= kNarrowestWithBar));
+  if (m_style != DisplayStyle::Plain) return;
   const std::string text = StageOf(now) + ", " + std::to_string(PercentOf(now) / kPlainStep * kPlainStep) +
                            " %, attempt " + std::to_string(std::max(now.attempt, 1));
-  if (text != m_last_plain) m_out << now.elapsed.count() / 1000 << " s  " << text << std::endl;
-  m_last_plain = text;
+  if (text != m_lastPlain) m_out << now.elapsed.count() / 1000 << " s  " << text << std::endl;
+  m_lastPlain = text;
 }
 
 void Display::ShowLive(const std::string& text) {
   std::string line = text.substr(0, m_width - 1);
   const std::size_t length = line.size();
-  line.resize(std::max(length, m_last_length), ' ');
-  m_last_length = length;
+  line.resize(std::max(length, m_lastLength), ' ');
+  m_lastLength = length;
   m_out << '\r' << line << std::flush;
-  m_line_is_open = true;
+  m_lineIsOpen = true;
 }
 
 void Display::Finish() {
-  if (m_line_is_open) m_out << std::endl;
-  m_line_is_open = false;
+  if (m_lineIsOpen) m_out << std::endl;
+  m_lineIsOpen = false;
 }
+
+}  // namespace simulator

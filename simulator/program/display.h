@@ -4,13 +4,15 @@
 #include <iosfwd>
 #include <string>
 
-#include "session.h"
+#include "simulator/program/session.h"
+
+namespace simulator {
 
 /// How progress is shown.
 enum class DisplayStyle {
-  kNone,
-  kPlain,     ///< a line per change of stage and ten percent
-  kTerminal,  ///< one line that is written over
+  None,
+  Plain,     ///< a line per change of stage and ten percent
+  Terminal,  ///< one line that is written over
 };
 
 /// Shows how a flash comes along.
@@ -29,7 +31,9 @@ class Display {
   DisplayStyle m_style;
   std::size_t m_width;
   std::ostream& m_out;
-  bool m_line_is_open = false;
-  std::size_t m_last_length = 0;
-  std::string m_last_plain;
+  bool m_lineIsOpen = false;
+  std::size_t m_lastLength = 0;
+  std::string m_lastPlain;
 };
+
+}  // namespace simulator

@@ -1,4 +1,4 @@
-#include "firmware_folder.h"
+#include "simulator/program/firmware_folder.h"
 
 #include <algorithm>
 #include <fstream>
@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -20,25 +22,25 @@ constexpr wchar_t kSecondSmallImage[] = L"b.fls";
 FirmwareFolder::FirmwareFolder(std::filesystem::path folder, ImageSet images, ImageHolder holder)
     : m_folder(std::move(folder)) {
   std::filesystem::remove_all(m_folder);
-  if (images == ImageSet::kNoFolder) return;
+  if (images == ImageSet::NoFolder) return;
   std::filesystem::create_directories(m_folder);
 
-  const bool with_modem = images == ImageSet::kModemAndNvm || images == ImageSet::kModemOnly ||
-                          images == ImageSet::kModemAndEmptyNvm;
-  if (with_modem) {
+  const bool withModem = images == ImageSet::ModemAndNvm || images == ImageSet::ModemOnly ||
+                         images == ImageSet::ModemAndEmptyNvm;
+  if (withModem) {
     m_modem = BuildImage(ModemImagePlan());
     Lay(*m_modem, kModemImage);
   }
-  if (images == ImageSet::kModemAndNvm || images == ImageSet::kNvmOnly) {
+  if (images == ImageSet::ModemAndNvm || images == ImageSet::NvmOnly) {
     m_nvm = BuildImage(NvmImagePlan());
     Lay(*m_nvm, kNvmImage);
   }
-  if (images == ImageSet::kTwoSmall) {
+  if (images == ImageSet::TwoSmall) {
     Lay(BuildImage(SmallImagePlan(3)), kFirstSmallImage);
     m_nvm = BuildImage(SmallImagePlan(4));
     Lay(*m_nvm, kSecondSmallImage);
   }
-  if (images == ImageSet::kEmptyOnly || images == ImageSet::kModemAndEmptyNvm) LayEmpty(kNvmImage);
+  if (images == ImageSet::EmptyOnly || images == ImageSet::ModemAndEmptyNvm) LayEmpty(kNvmImage);
   Hold(holder);
 }
 
@@ -51,9 +53,9 @@ void FirmwareFolder::LayEmpty(const wchar_t* name) const {
 }
 
 void FirmwareFolder::Hold(ImageHolder holder) {
-  if (holder == ImageHolder::kNobody) return;
-  const auto path = m_folder / (holder == ImageHolder::kOwnerOfModem ? kModemImage : kNvmImage);
-  const DWORD sharing = holder == ImageHolder::kReaderOfNvm ? FILE_SHARE_READ : 0;
+  if (holder == ImageHolder::Nobody) return;
+  const auto path = m_folder / (holder == ImageHolder::OwnerOfModem ? kModemImage : kNvmImage);
+  const DWORD sharing = holder == ImageHolder::ReaderOfNvm ? FILE_SHARE_READ : 0;
   const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
@@ -69,3 +71,5 @@ int FirmwareFolder::ImagesLeft() const {
   return static_cast<int>(
       std::ranges::count_if(entries, [](const auto& entry) { return entry.path().extension() == L".fls"; }));
 }
+
+}  // namespace simulator

@@ -6,8 +6,10 @@
 #include <memory>
 #include <optional>
 
-#include "flash_image.h"
-#include "scenario.h"
+#include "simulator/flash_image.h"
+#include "simulator/program/scenario.h"
+
+namespace simulator {
 
 /// The folder in which the controlling program lays the images of one run.
 class FirmwareFolder {
@@ -35,3 +37,5 @@ class FirmwareFolder {
   std::optional<FlashImage> m_nvm;
   std::unique_ptr<void, FileCloser> m_held;
 };
+
+}  // namespace simulator

@@ -1,8 +1,10 @@
-#include "judgement.h"
+#include "simulator/program/judgement.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
+
+namespace simulator {
 
 namespace {
 
@@ -118,20 +120,22 @@ class Judge {
 std::vector<std::string> Differences(const Expectation& expected, const SessionReport& report) {
   Judge judge(report);
   if (!report.finished) judge.Add(report.difficulty);
-  if (report.service_started && !expected.service_starts) judge.Add("the library began its service");
+  if (report.serviceStarted && !expected.serviceStarts) judge.Add("the library began its service");
   judge.CompareValues(expected.values, report.values);
   judge.CompareNumber("number of attempts", expected.attempts, report.attempts);
   judge.CompareNumber("number of download workers that came back",
-                      expected.workers_back.value_or(expected.attempts), report.workers_back);
+                      expected.workersBack.value_or(expected.attempts), report.workersBack);
   judge.CompareNumber("number of baseband resets", expected.resets, report.resets);
   judge.Compare("modem", expected.modem, report.modem,
                 [](ModemState state) { return std::string(NameOf(state)); });
   judge.Compare("flash memory", expected.memory, report.memory,
                 [](Memory memory) { return std::string(NameOf(memory)); });
-  judge.CompareNumber("number of images left", expected.images_left, report.images_left);
+  judge.CompareNumber("number of images left", expected.imagesLeft, report.imagesLeft);
   judge.RequireInOrder(expected.log);
   for (const LogText& text : expected.once) judge.RequireOnce(text);
   for (const char* text : expected.forbidden) judge.Forbid(text);
   judge.CheckProgress();
   return judge.Take();
 }
+
+}  // namespace simulator

@@ -3,8 +3,12 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
-#include "session.h"
+#include "simulator/program/scenario.h"
+#include "simulator/program/session.h"
+
+namespace simulator {
 
 /// What a run did otherwise than expected, a sentence each; empty when all expectations hold.
 std::vector<std::string> Differences(const Expectation& expected, const SessionReport& report);
+
+}  // namespace simulator

@@ -14,15 +14,18 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "command_line.h"
-#include "display.h"
 #include "interruption.h"
-#include "judgement.h"
-#include "report.h"
-#include "scratch_key.h"
-#include "session.h"
+#include "simulator/program/command_line.h"
+#include "simulator/program/display.h"
+#include "simulator/program/judgement.h"
+#include "simulator/program/report.h"
+#include "simulator/program/scenario_table.h"
+#include "simulator/program/scratch_key.h"
+#include "simulator/program/session.h"
+#include "simulator/program/work_folder.h"
 #include "text.h"
-#include "work_folder.h"
+
+namespace simulator {
 
 namespace {
 
@@ -81,10 +84,10 @@ int RunInPlace(const Command& command) {
   }
   plan.speed = command.speed.value_or(1.0);
   plan.folder = ProgramFolder();
-  plan.key = ToWide(command.in_place);
+  plan.key = ToWide(command.inPlace);
 
-  DisplayStyle style = command.terminal ? DisplayStyle::kTerminal : DisplayStyle::kPlain;
-  if (command.json) style = DisplayStyle::kNone;
+  DisplayStyle style = command.terminal ? DisplayStyle::Terminal : DisplayStyle::Plain;
+  if (command.json) style = DisplayStyle::None;
   Display display(style, command.width, std::cout);
   Outcome outcome;
   outcome.route = plan.setup.route;
@@ -99,7 +102,7 @@ int RunInPlace(const Command& command) {
   } else {
     std::cout << SummaryOf(outcome) << std::flush;
   }
-  return static_cast<int>(outcome.IsGood() ? ExitStatus::kGood : ExitStatus::kNotGood);
+  return static_cast<int>(outcome.IsGood() ? ExitStatus::Good : ExitStatus::NotGood);
 }
 
 std::vector<std::wstring> ArgumentsOf(const Command& command, const std::wstring& key) {
@@ -119,13 +122,13 @@ std::vector<std::wstring> ArgumentsOf(const Command& command, const std::wstring
 /// What to tell of a child that did not end as it should; empty for one that did.
 std::string TroubleOf(const ChildResult& child) {
   if (!child.ended) return "the virtual PC did not come to an end and was stopped";
-  if (child.exit_code <= static_cast<DWORD>(ExitStatus::kCouldNotRun)) return {};
-  return "the virtual PC crashed with code " + std::to_string(child.exit_code);
+  if (child.exitCode <= static_cast<DWORD>(ExitStatus::CouldNotRun)) return {};
+  return "the virtual PC crashed with code " + std::to_string(child.exitCode);
 }
 
 /// Ctrl+C while nobody waits for it. The system's own answer is not the same everywhere.
 BOOL WINAPI EndByCtrlC(DWORD) {
-  ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(ExitStatus::kInterrupted));
+  ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(ExitStatus::Interrupted));
   return TRUE;
 }
 
@@ -135,7 +138,7 @@ int ConcludeInterrupted(const Command& command) {
   } else {
     std::cerr << (command.terminal ? "\n" : "") << "modem_simulator: interrupted" << std::endl;
   }
-  return static_cast<int>(ExitStatus::kInterrupted);
+  return static_cast<int>(ExitStatus::Interrupted);
 }
 
 /// Runs one flash or scenario in a process and folder of its own.
@@ -151,7 +154,7 @@ int RunOne(const Command& command) {
   if (child.interrupted) return ConcludeInterrupted(command);
   const std::string trouble = TroubleOf(child);
   if (!trouble.empty()) throw std::runtime_error(trouble + "; debug log in " + NameForPeople(folder.Path()));
-  return static_cast<int>(child.exit_code);
+  return static_cast<int>(child.exitCode);
 }
 
 /// Runs scenarios side by side, each in a process of its own, and tells about each when it is over.
@@ -166,7 +169,7 @@ class ScenarioRun {
     workers.clear();
     if (m_interrupted) return ConcludeInterrupted(m_command);
     Report();
-    return static_cast<int>(m_failed == 0 ? ExitStatus::kGood : ExitStatus::kNotGood);
+    return static_cast<int>(m_failed == 0 ? ExitStatus::Good : ExitStatus::NotGood);
   }
 
  private:
@@ -270,27 +273,29 @@ int RunAll(Command command) {
 
 int Execute(const Command& command) {
   if (command.list) return List(command.json);
-  if (!command.make_images.empty()) return MakeImages(command.make_images);
-  if (!command.in_place.empty()) return RunInPlace(command);
+  if (!command.makeImages.empty()) return MakeImages(command.makeImages);
+  if (!command.inPlace.empty()) return RunInPlace(command);
   return command.all ? RunAll(command) : RunOne(command);
 }
 
 }  // namespace
 
+}  // namespace simulator
+
 int main(int count, char** words) try {
   // Lines end as the reader's own do, whichever system reads them.
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
-  ::SetConsoleCtrlHandler(EndByCtrlC, TRUE);
-  ExitStatus status = ExitStatus::kGood;
-  const auto command = ParseCommandLine(count, words, status);
+  ::SetConsoleCtrlHandler(simulator::EndByCtrlC, TRUE);
+  simulator::ExitStatus status = simulator::ExitStatus::Good;
+  const auto command = simulator::ParseCommandLine(count, words, status);
   if (!command) return static_cast<int>(status);
-  return Execute(*command);
+  return simulator::Execute(*command);
 } catch (const std::exception& error) {
-  if (AsksForJson(count, words)) {
-    std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+  if (simulator::AsksForJson(count, words)) {
+    std::cout << simulator::JsonOfError(error.what()).dump(2) << std::endl;
   } else {
     std::cerr << "modem_simulator: " << error.what() << std::endl;
   }
-  return static_cast<int>(ExitStatus::kCouldNotRun);
+  return static_cast<int>(simulator::ExitStatus::CouldNotRun);
 }

@@ -1,4 +1,4 @@
-#include "report.h"
+#include "simulator/program/report.h"
 
 #include <windows.h>
 
@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -28,7 +30,7 @@ std::string MemoryLine(const SessionReport& session) {
     return "equal to the images, byte for byte (" + std::to_string(comparison.items) + " items, " +
            std::to_string(comparison.bytes) + " bytes)";
   }
-  if (session.memory == Memory::kUntouched) return "untouched";
+  if (session.memory == Memory::Untouched) return "untouched";
   return "not equal to the images: " + comparison.difference;
 }
 
@@ -66,14 +68,14 @@ std::string SummaryOf(const Outcome& outcome) {
   line("attempts", std::to_string(session.attempts));
   line("duration", Seconds(session.duration) + (outcome.speed == 1.0
                                                     ? ""
-                                                    : " of virtual time, " + Seconds(session.real_duration) +
+                                                    : " of virtual time, " + Seconds(session.realDuration) +
                                                           " at speed " + Number(outcome.speed)));
   line("written",
-       std::to_string(session.items_written) + " items, " + std::to_string(session.bytes_written) + " bytes");
+       std::to_string(session.itemsWritten) + " items, " + std::to_string(session.bytesWritten) + " bytes");
   line("flash memory", MemoryLine(session));
   line("modem",
        std::string(NameOf(session.modem)) + ", " + std::to_string(session.resets) + " baseband resets");
-  line("debug log", NameForPeople(session.log_file));
+  line("debug log", NameForPeople(session.logFile));
   for (const std::string& difference : outcome.differences) line("NOT EXPECTED", difference);
   if (outcome.scenario != nullptr && outcome.differences.empty()) line("expectations", "all hold");
   return text;
@@ -89,19 +91,19 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome) {
                               {"meaning", MeaningOfResult(session.values.result)},
                               {"attempts", session.attempts},
                               {"duration_s", static_cast<double>(session.duration.count()) / 1000},
-                              {"real_duration_s", static_cast<double>(session.real_duration.count()) / 1000},
-                              {"items_written", session.items_written},
-                              {"bytes_written", session.bytes_written},
+                              {"real_duration_s", static_cast<double>(session.realDuration.count()) / 1000},
+                              {"items_written", session.itemsWritten},
+                              {"bytes_written", session.bytesWritten},
                               {"memory_equal", session.comparison.equal},
                               {"memory", NameOf(session.memory)},
                               {"memory_difference", session.comparison.difference},
                               {"modem", NameOf(session.modem)},
                               {"baseband_resets", session.resets},
-                              {"mbim_reboots", session.mbim_reboots},
-                              {"at_commands", session.at_commands},
-                              {"images_left", session.images_left},
+                              {"mbim_reboots", session.mbimReboots},
+                              {"at_commands", session.atCommands},
+                              {"images_left", session.imagesLeft},
                               {"registry", JsonOfValues(session.values)},
-                              {"debug_log", NameForPeople(session.log_file)}};
+                              {"debug_log", NameForPeople(session.logFile)}};
   if (!session.finished) json["difficulty"] = session.difficulty;
   if (outcome.scenario == nullptr) return json;
   json["scenario"] = outcome.scenario->name;
@@ -115,11 +117,13 @@ nlohmann::ordered_json JsonOfError(const std::string& message) {
 
 std::string NameForPeople(const std::filesystem::path& path) {
   using UnixName = char*(CDECL*)(const wchar_t*);
-  const auto unix_name = reinterpret_cast<UnixName>(
+  const auto unixName = reinterpret_cast<UnixName>(
       ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
-  char* const name = unix_name != nullptr ? unix_name(path.c_str()) : nullptr;
+  char* const name = unixName != nullptr ? unixName(path.c_str()) : nullptr;
   if (name == nullptr) return ToUtf8(path.wstring());
   std::string text(name);
   ::HeapFree(::GetProcessHeap(), 0, name);
   return text;
 }
+
+}  // namespace simulator

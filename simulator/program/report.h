@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
-#include "session.h"
+#include "simulator/program/scenario.h"
+#include "simulator/program/session.h"
+
+namespace simulator {
 
 /// What a run came to: its report, and how it was asked for.
 struct Outcome {
-  Route route = Route::kMbim;
+  Route route = Route::Mbim;
   double speed = 1.0;
   const Scenario* scenario = nullptr;  ///< null for a plain flash
   SessionReport session;
@@ -28,3 +30,5 @@ nlohmann::ordered_json JsonOfError(const std::string& message);
 
 /// A file's name as the user of this machine knows it: under Wine the one of the system below.
 std::string NameForPeople(const std::filesystem::path& path);
+
+}  // namespace simulator

@@ -1,16 +1,18 @@
-#include "scenario.h"
+#include "simulator/program/scenario.h"
 
 #include <algorithm>
 
+namespace simulator {
+
 const char* NameOf(Route route) {
   switch (route) {
-    case Route::kMbim:
+    case Route::Mbim:
       return "mbim";
-    case Route::kAt:
+    case Route::At:
       return "at";
-    case Route::kBbrst:
+    case Route::Bbrst:
       return "bbrst";
-    case Route::kFlashPort:
+    case Route::FlashPort:
       return "flash-port";
   }
   return "";
@@ -18,11 +20,11 @@ const char* NameOf(Route route) {
 
 const char* NameOf(Memory memory) {
   switch (memory) {
-    case Memory::kUntouched:
+    case Memory::Untouched:
       return "untouched";
-    case Memory::kIncomplete:
+    case Memory::Incomplete:
       return "incomplete";
-    case Memory::kEqual:
+    case Memory::Equal:
       return "equal to the images";
   }
   return "";
@@ -30,28 +32,28 @@ const char* NameOf(Memory memory) {
 
 const char* LogText::LevelWord() const {
   switch (m_level) {
-    case Level::kTrace:
+    case Level::Trace:
       return "Trace";
-    case Level::kWarning:
+    case Level::Warning:
       return "Warning";
-    case Level::kError:
+    case Level::Error:
       return "Error";
   }
   return "";
 }
 
 Memory MemoryAfter(VirtualModem& modem, const MemoryComparison& comparison) {
-  if (comparison.equal) return Memory::kEqual;
-  return modem.IsErased() ? Memory::kUntouched : Memory::kIncomplete;
+  if (comparison.equal) return Memory::Equal;
+  return modem.IsErased() ? Memory::Untouched : Memory::Incomplete;
 }
 
 VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesystem::path& folder) {
   VirtualPcOptions pc;
   pc.speed = speed;
-  if (speed > 1) pc.pace = Pace::kElastic;
+  if (speed > 1) pc.pace = Pace::Elastic;
   pc.folder = folder;
-  if (setup.route == Route::kBbrst) pc.initial_state = ModemState::kRestarting;
-  if (setup.route == Route::kFlashPort) pc.initial_state = ModemState::kFlashPort;
+  if (setup.route == Route::Bbrst) pc.initialState = ModemState::Restarting;
+  if (setup.route == Route::FlashPort) pc.initialState = ModemState::FlashPort;
   if (setup.faults != nullptr) setup.faults(pc);
   return pc;
 }
@@ -63,24 +65,4 @@ std::optional<Route> RouteOfName(std::string_view name) {
   return std::nullopt;
 }
 
-const Scenario* FindScenario(std::string_view name) {
-  const auto& all = Scenarios();
-  const auto found =
-      std::ranges::find(all, name, [](const Scenario& each) { return std::string_view(each.name); });
-  return found == all.end() ? nullptr : &*found;
-}
-
-std::string WhyNoScenario(const std::string& name) {
-  if (FindScenario(name) != nullptr) return {};
-  // The word behind an option without a value is the next option.
-  if (name.empty() || name.front() == '-') return "the name of a scenario is missing; --list shows them";
-  return "no scenario is called " + name + "; --list shows them";
-}
-
-std::vector<std::string> ScenarioGroups() {
-  std::vector<std::string> groups;
-  for (const Scenario& each : Scenarios()) {
-    if (std::ranges::find(groups, each.group) == groups.end()) groups.emplace_back(each.group);
-  }
-  return groups;
-}
+}  // namespace simulator

@@ -8,48 +8,50 @@
 #include <string_view>
 #include <vector>
 
-#include "faults.h"
 #include "handshake.h"
-#include "virtual_pc.h"
+#include "simulator/faults.h"
+#include "simulator/virtual_pc.h"
+
+namespace simulator {
 
 /// How the modem gets into flash mode.
 enum class Route {
-  kMbim,      ///< it is told to by the Mobile Broadband service
-  kAt,        ///< it is told to by its AT port
-  kBbrst,     ///< it is away, and its baseband is reset
-  kFlashPort  ///< it is there already
+  Mbim,      ///< it is told to by the Mobile Broadband service
+  At,        ///< it is told to by its AT port
+  Bbrst,     ///< it is away, and its baseband is reset
+  FlashPort  ///< it is there already
 };
-inline constexpr std::array<Route, 4> kRoutes{Route::kMbim, Route::kAt, Route::kBbrst, Route::kFlashPort};
+inline constexpr std::array<Route, 4> kRoutes{Route::Mbim, Route::At, Route::Bbrst, Route::FlashPort};
 const char* NameOf(Route route);
 std::optional<Route> RouteOfName(std::string_view name);
 
 /// What lies in the firmware folder.
 enum class ImageSet {
-  kModemAndNvm,
-  kNone,
-  kNoFolder,
-  kModemOnly,
-  kNvmOnly,
-  kTwoSmall,   ///< two NVM images; the one that is listed last counts
-  kEmptyOnly,  ///< one image of zero length
-  kModemAndEmptyNvm,
+  ModemAndNvm,
+  None,
+  NoFolder,
+  ModemOnly,
+  NvmOnly,
+  TwoSmall,   ///< two NVM images; the one that is listed last counts
+  EmptyOnly,  ///< one image of zero length
+  ModemAndEmptyNvm,
 };
 
 /// Who else has an image open from the start to the end.
 enum class ImageHolder {
-  kNobody,
-  kOwnerOfModem,  ///< denies the modem image to everybody
-  kOwnerOfNvm,
-  kReaderOfNvm,  ///< reads the NVM image and lets others read it too
+  Nobody,
+  OwnerOfModem,  ///< denies the modem image to everybody
+  OwnerOfNvm,
+  ReaderOfNvm,  ///< reads the NVM image and lets others read it too
 };
 
 /// What "CorvelConfig.ini" is like.
-enum class Configuration { kSound, kMissing, kLocked, kEmpty, kOneLine, kOddLines };
+enum class Configuration { Sound, Missing, Locked, Empty, OneLine, OddLines };
 
 enum class Memory {
-  kUntouched,   ///< nothing was written
-  kIncomplete,  ///< something was, but it is not what the images hold
-  kEqual,
+  Untouched,   ///< nothing was written
+  Incomplete,  ///< something was, but it is not what the images hold
+  Equal,
 };
 const char* NameOf(Memory memory);
 /// What the modem's memory is, once it was compared with the images.
@@ -57,11 +59,11 @@ Memory MemoryAfter(VirtualModem& modem, const MemoryComparison& comparison);
 
 /// The virtual PC and what the controlling program gives it.
 struct Setup {
-  Route route = Route::kMbim;
-  std::optional<std::uint32_t> retry_times = std::nullopt;
-  ImageSet images = ImageSet::kModemAndNvm;
-  ImageHolder holder = ImageHolder::kNobody;
-  Configuration configuration = Configuration::kSound;
+  Route route = Route::Mbim;
+  std::optional<std::uint32_t> retryTimes = std::nullopt;
+  ImageSet images = ImageSet::ModemAndNvm;
+  ImageHolder holder = ImageHolder::Nobody;
+  Configuration configuration = Configuration::Sound;
   /// What is wrong with the PC and the modem; null: nothing.
   void (*faults)(VirtualPcOptions& pc) = nullptr;
 };
@@ -73,18 +75,18 @@ VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesyst
 /// one of the functions below.
 class LogText {
  public:
-  LogText(const char* text) : LogText(text, Level::kTrace) {}
+  LogText(const char* text) : LogText(text, Level::Trace) {}
 
   const char* Text() const { return m_text; }
   const char* LevelWord() const;
   /// Another text of the same level.
   LogText With(const char* text) const { return LogText(text, m_level); }
 
-  friend LogText Error(const char* text) { return LogText(text, Level::kError); }
-  friend LogText Warning(const char* text) { return LogText(text, Level::kWarning); }
+  friend LogText Error(const char* text) { return LogText(text, Level::Error); }
+  friend LogText Warning(const char* text) { return LogText(text, Level::Warning); }
 
  private:
-  enum class Level { kTrace, kWarning, kError };
+  enum class Level { Trace, Warning, Error };
   LogText(const char* text, Level level) : m_text(text), m_level(level) {}
 
   const char* m_text;
@@ -101,10 +103,10 @@ struct Expectation {
   int attempts = 0;
   /// Pulses on the baseband reset line.
   int resets = 0;
-  ModemState modem = ModemState::kNormal;
-  Memory memory = Memory::kEqual;
+  ModemState modem = ModemState::Normal;
+  Memory memory = Memory::Equal;
   /// Images that are left in the firmware folder.
-  int images_left = 0;
+  int imagesLeft = 0;
   /// Texts of the debug log in the order in which they must follow each other; others may stand between.
   std::vector<LogText> log = {};
   /// Texts that exactly one record holds.
@@ -112,9 +114,9 @@ struct Expectation {
   /// Texts that no record may hold, whatever its level.
   std::vector<const char*> forbidden = {};
   /// False when the library must not begin its service at all.
-  bool service_starts = true;
+  bool serviceStarts = true;
   /// Download workers that come back, abandoned ones included; nothing: as many as attempts.
-  std::optional<int> workers_back = std::nullopt;
+  std::optional<int> workersBack = std::nullopt;
 };
 
 /// One thing that can happen to a flash. A row of the table; nothing else knows about it.
@@ -126,9 +128,4 @@ struct Scenario {
   Expectation expected = {};
 };
 
-const std::vector<Scenario>& Scenarios();
-const Scenario* FindScenario(std::string_view name);
-/// What to answer who asks for a scenario of this name; empty when there is one.
-std::string WhyNoScenario(const std::string& name);
-/// Groups in the order of the table.
-std::vector<std::string> ScenarioGroups();
+}  // namespace simulator

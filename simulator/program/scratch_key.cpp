@@ -1,9 +1,11 @@
-#include "scratch_key.h"
+#include "simulator/program/scratch_key.h"
 
 #include <stdexcept>
 #include <utility>
 
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -14,9 +16,9 @@ void Require(LSTATUS status, const char* what) {
 
 }  // namespace
 
-ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
+ScratchKey::ScratchKey(std::wstring path, bool standsForMachine)
     : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)},
-      m_stands_for_machine(stands_for_machine),
+      m_standsForMachine(standsForMachine),
       m_watch(m_key) {
   Remove(m_key.path);
   HKEY made = nullptr;
@@ -24,13 +26,13 @@ ScratchKey::ScratchKey(std::wstring path, bool stands_for_machine)
                             nullptr),
           "the registry key cannot be made");
   const LSTATUS stands =
-      m_stands_for_machine ? ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, made) : ERROR_SUCCESS;
+      m_standsForMachine ? ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, made) : ERROR_SUCCESS;
   ::RegCloseKey(made);
   Require(stands, "the registry key cannot stand for another");
 }
 
 ScratchKey::~ScratchKey() {
-  if (m_stands_for_machine) ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+  if (m_standsForMachine) ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
   Remove(m_key.path);
 }
 
@@ -53,3 +55,5 @@ void ScratchKey::WaitForChange(std::chrono::milliseconds limit) {
 void ScratchKey::Remove(const std::wstring& path) {
   ::RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
 }
+
+}  // namespace simulator

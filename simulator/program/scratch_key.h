@@ -7,12 +7,14 @@
 
 #include "handshake.h"
 
+namespace simulator {
+
 /// The handshake's registry key of one run, below HKEY_CURRENT_USER: made empty, removed at the end.
 class ScratchKey {
  public:
-  /// @param stands_for_machine the key takes the place of HKEY_LOCAL_MACHINE in this process: a library
+  /// @param standsForMachine the key takes the place of HKEY_LOCAL_MACHINE in this process: a library
   /// whose configuration names no key writes its values right there.
-  ScratchKey(std::wstring path, bool stands_for_machine);
+  ScratchKey(std::wstring path, bool standsForMachine);
   ~ScratchKey();
   ScratchKey(const ScratchKey&) = delete;
   ScratchKey& operator=(const ScratchKey&) = delete;
@@ -31,6 +33,8 @@ class ScratchKey {
 
  private:
   HandshakeKey m_key;
-  bool m_stands_for_machine;
+  bool m_standsForMachine;
   HandshakeWatch m_watch;
 };
+
+}  // namespace simulator

@@ -1,14 +1,16 @@
-#include "session.h"
+#include "simulator/program/session.h"
 
 #include <algorithm>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 
-#include "configuration.h"
-#include "firmware_folder.h"
-#include "scratch_key.h"
+#include "simulator/program/configuration.h"
+#include "simulator/program/firmware_folder.h"
+#include "simulator/program/scratch_key.h"
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
@@ -33,7 +35,7 @@ constexpr std::chrono::milliseconds kLookPeriod = 20ms;
 constexpr std::chrono::milliseconds kDisplayPeriod = 200ms;
 
 bool NamesNoKey(Configuration configuration) {
-  return configuration == Configuration::kEmpty || configuration == Configuration::kOneLine;
+  return configuration == Configuration::Empty || configuration == Configuration::OneLine;
 }
 
 /// One session: the PC, what lies on its disk, and the controlling program in front of it.
@@ -46,19 +48,19 @@ class Session {
         m_firmware(plan.folder / L"firmware", plan.setup.images, plan.setup.holder),
         m_configuration(plan.folder, plan.setup, m_key.Location(), m_firmware.Folder()),
         m_pc(PcOptions(plan.setup, plan.speed, plan.folder)) {
-    m_report.log_file = plan.folder / kLogFile;
+    m_report.logFile = plan.folder / kLogFile;
   }
 
   SessionReport Run() {
-    if (m_plan.setup.retry_times) m_key.Write(L"Retry_Times", *m_plan.setup.retry_times);
+    if (m_plan.setup.retryTimes) m_key.Write(L"Retry_Times", *m_plan.setup.retryTimes);
     if (m_pc.LoadUnderSimulation(m_plan.folder / kLibrary) == nullptr) {
       throw std::runtime_error("the library cannot be loaded: " + SystemErrorText(::GetLastError()));
     }
-    const bool starts = m_plan.awaited == nullptr || m_plan.awaited->service_starts;
-    m_report.service_started = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
-                                         [this] { return m_now.values.timeOut.has_value(); });
+    const bool starts = m_plan.awaited == nullptr || m_plan.awaited->serviceStarts;
+    m_report.serviceStarted = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
+                                        [this] { return m_now.values.timeOut.has_value(); });
     RaiseFlag();
-    if (!m_report.service_started) {
+    if (!m_report.serviceStarted) {
       m_report.finished = !starts;
       m_report.difficulty = "the library does not begin its service";
     } else {
@@ -71,7 +73,7 @@ class Session {
  private:
   void RaiseFlag() {
     m_begin = m_pc.Clock().Now();
-    m_real_begin = RealClock::now();
+    m_realBegin = RealClock::now();
     m_key.Write(L"Fls_Ready", 1);
   }
 
@@ -81,8 +83,8 @@ class Session {
       return false;
     }
     m_report.duration = m_now.elapsed;
-    m_report.real_duration =
-        std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - m_real_begin);
+    m_report.realDuration =
+        std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - m_realBegin);
     if (!WaitUntil(kSettleLimit, [this] { return IsSettled(); })) {
       m_report.difficulty = "the library or the modem does not come to rest";
       return false;
@@ -109,11 +111,11 @@ class Session {
     // The library is bound once per attempt, whether or not it is there.
     m_now.attempt = CountOf(m_pc.PlatformCalls(), "LoadLibraryW");
     m_now.elapsed = m_pc.Clock().Now() - m_begin;
-    const bool due = RealClock::now() - m_last_shown >= kDisplayPeriod;
-    if (m_shown_values == m_now.values.progress && m_shown_modem == m_now.modem && !due) return;
-    m_shown_values = m_now.values.progress;
-    m_shown_modem = m_now.modem;
-    m_last_shown = RealClock::now();
+    const bool due = RealClock::now() - m_lastShown >= kDisplayPeriod;
+    if (m_shownValues == m_now.values.progress && m_shownModem == m_now.modem && !due) return;
+    m_shownValues = m_now.values.progress;
+    m_shownModem = m_now.modem;
+    m_lastShown = RealClock::now();
     if (m_begin != Milliseconds::zero()) m_show(m_now);
   }
 
@@ -128,10 +130,10 @@ class Session {
     if (awaited != nullptr && m_now.modem != awaited->modem) return false;
     // Without a debug log nothing is left to come: no attempt was made.
     if (NamesNoKey(m_plan.setup.configuration)) return true;
-    const auto log = ReadDebugLog(m_report.log_file);
+    const auto log = ReadDebugLog(m_report.logFile);
     const int back = CountWorkersBack(log);
     const int expected =
-        awaited != nullptr && awaited->workers_back ? *awaited->workers_back : CountAttempts(log);
+        awaited != nullptr && awaited->workersBack ? *awaited->workersBack : CountAttempts(log);
     return back >= expected && WaitsAgain(log);
   }
 
@@ -153,18 +155,18 @@ class Session {
 
   void Collect() {
     m_report.values = m_key.Read();
-    m_report.log = ReadDebugLog(m_report.log_file);
+    m_report.log = ReadDebugLog(m_report.logFile);
     m_report.attempts = CountAttempts(m_report.log);
-    m_report.workers_back = CountWorkersBack(m_report.log);
+    m_report.workersBack = CountWorkersBack(m_report.log);
     m_report.resets = m_pc.BasebandResets();
-    m_report.mbim_reboots = m_pc.MbimReboots();
-    m_report.at_commands = static_cast<int>(m_pc.AtCommands().size());
+    m_report.mbimReboots = m_pc.MbimReboots();
+    m_report.atCommands = static_cast<int>(m_pc.AtCommands().size());
     m_report.modem = m_pc.Modem().State();
-    m_report.items_written = m_pc.Modem().ItemsWritten();
-    m_report.bytes_written = m_pc.Modem().BytesWritten();
+    m_report.itemsWritten = m_pc.Modem().ItemsWritten();
+    m_report.bytesWritten = m_pc.Modem().BytesWritten();
     m_report.comparison = m_pc.Modem().CompareWith(m_firmware.Modem(), m_firmware.Nvm());
     m_report.memory = MemoryAfter(m_pc.Modem(), m_report.comparison);
-    m_report.images_left = m_firmware.ImagesLeft();
+    m_report.imagesLeft = m_firmware.ImagesLeft();
     m_report.journal = m_pc.Journal();
   }
 
@@ -178,10 +180,10 @@ class Session {
 
   Snapshot m_now;
   Milliseconds m_begin{0};
-  RealClock::time_point m_real_begin;
-  std::optional<std::uint32_t> m_shown_values;
-  ModemState m_shown_modem = ModemState::kDead;
-  RealClock::time_point m_last_shown;
+  RealClock::time_point m_realBegin;
+  std::optional<std::uint32_t> m_shownValues;
+  ModemState m_shownModem = ModemState::Dead;
+  RealClock::time_point m_lastShown;
 };
 
 }  // namespace
@@ -192,20 +194,20 @@ std::string StageOf(const Snapshot& now) {
   if (now.values.Is(FlashResult::Idle) || !now.values.result) return "starting";
   if (now.values.Is(FlashResult::Retrying)) return "retrying";
   switch (now.modem) {
-    case ModemState::kNormal:
+    case ModemState::Normal:
       return now.values.progress == 100u ? "modem is back" : "rebooting the modem";
-    case ModemState::kLeaving:
-    case ModemState::kRestarting:
+    case ModemState::Leaving:
+    case ModemState::Restarting:
       return "rebooting the modem";
-    case ModemState::kFlashPort:
+    case ModemState::FlashPort:
       return "opening the flash port";
-    case ModemState::kChannelOpen:
+    case ModemState::ChannelOpen:
       return "booting the target";
-    case ModemState::kBooted:
-    case ModemState::kWriting:
+    case ModemState::Booted:
+    case ModemState::Writing:
       return "writing";
-    case ModemState::kReturning:
-    case ModemState::kDead:
+    case ModemState::Returning:
+    case ModemState::Dead:
       return "waiting for the modem";
   }
   return "";
@@ -214,3 +216,5 @@ std::string StageOf(const Snapshot& now) {
 SessionReport RunSession(const SessionPlan& plan, const std::function<void(const Snapshot&)>& show) {
   return Session(plan, show).Run();
 }
+
+}  // namespace simulator

@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "debug_log.h"
 #include "handshake.h"
-#include "scenario.h"
-#include "virtual_pc.h"
+#include "simulator/program/debug_log.h"
+#include "simulator/program/scenario.h"
+#include "simulator/virtual_pc.h"
+
+namespace simulator {
 
 /// One run of the library in a virtual PC.
 struct SessionPlan {
@@ -27,34 +29,34 @@ struct SessionPlan {
 /// What the controlling program sees at a moment.
 struct Snapshot {
   Handshake values;
-  ModemState modem = ModemState::kNormal;
+  ModemState modem = ModemState::Normal;
   int attempt = 0;
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the flash was asked for
 };
 
 /// How a run went.
 struct SessionReport {
-  bool service_started = false;
+  bool serviceStarted = false;
   /// False when a wait was given up; `difficulty` says which.
   bool finished = false;
   std::string difficulty;
 
   Handshake values;
   int attempts = 0;
-  int workers_back = 0;
+  int workersBack = 0;
   int resets = 0;
-  int mbim_reboots = 0;
-  int at_commands = 0;
-  ModemState modem = ModemState::kNormal;
-  Memory memory = Memory::kUntouched;
+  int mbimReboots = 0;
+  int atCommands = 0;
+  ModemState modem = ModemState::Normal;
+  Memory memory = Memory::Untouched;
   MemoryComparison comparison;
-  std::uint32_t items_written = 0;
-  std::uint64_t bytes_written = 0;
-  int images_left = 0;
+  std::uint32_t itemsWritten = 0;
+  std::uint64_t bytesWritten = 0;
+  int imagesLeft = 0;
 
   std::chrono::milliseconds duration{0};  ///< virtual, from the request to the result
-  std::chrono::milliseconds real_duration{0};
-  std::filesystem::path log_file;
+  std::chrono::milliseconds realDuration{0};
+  std::filesystem::path logFile;
   std::vector<DebugRecord> log;
   std::vector<JournalEntry> journal;
 };
@@ -65,3 +67,5 @@ std::string StageOf(const Snapshot& now);
 /// Runs one flash in this process, once: the library reads its configuration only once per process.
 /// @param show called whenever something changed, and now and then.
 SessionReport RunSession(const SessionPlan& plan, const std::function<void(const Snapshot&)>& show);
+
+}  // namespace simulator

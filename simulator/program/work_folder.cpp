@@ -1,4 +1,4 @@
-#include "work_folder.h"
+#include "simulator/program/work_folder.h"
 
 #include <windows.h>
 
@@ -8,15 +8,17 @@
 #include <stdexcept>
 #include <utility>
 
-#include "exit_status.h"
+#include "simulator/program/exit_status.h"
 #include "text.h"
+
+namespace simulator {
 
 namespace {
 
 constexpr const wchar_t* kLibraries[] = {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll"};
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr unsigned kStopped = 3;
-constexpr auto kEndedByCtrlC = static_cast<DWORD>(ExitStatus::kInterrupted);
+constexpr auto kEndedByCtrlC = static_cast<DWORD>(ExitStatus::Interrupted);
 constexpr int kTriesToStart = 3;
 
 struct HandleCloser {
@@ -58,8 +60,8 @@ Handle OutputFile(const std::filesystem::path& path) {
 Handle Start(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
              const std::filesystem::path& output) {
   // One at a time: a child inherits whatever may be inherited at that moment, another's output included.
-  static std::mutex one_at_a_time;
-  const std::lock_guard lock(one_at_a_time);
+  static std::mutex oneAtATime;
+  const std::lock_guard lock(oneAtATime);
 
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -98,9 +100,9 @@ WorkFolder::WorkFolder(std::filesystem::path folder)
 }
 
 WorkFolder::~WorkFolder() {
-  if (m_leave == Leave::kAll) return;
+  if (m_leave == Leave::All) return;
   std::error_code ignored;
-  if (m_leave == Leave::kNothing) {
+  if (m_leave == Leave::Nothing) {
     std::filesystem::remove_all(m_path, ignored);
     return;
   }
@@ -122,8 +124,10 @@ ChildResult RunChild(const std::filesystem::path& program, const std::vector<std
     ::TerminateProcess(process.get(), kStopped);
     ::WaitForSingleObject(process.get(), INFINITE);
   }
-  ::GetExitCodeProcess(process.get(), &result.exit_code);
+  ::GetExitCodeProcess(process.get(), &result.exitCode);
   // Ctrl+C goes to both programs, and the child may be the first to deal with it.
-  result.interrupted = signal == WAIT_OBJECT_0 + 1 || result.exit_code == kEndedByCtrlC;
+  result.interrupted = signal == WAIT_OBJECT_0 + 1 || result.exitCode == kEndedByCtrlC;
   return result;
 }
+
+}  // namespace simulator

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace simulator {
+
 /// A folder with the running program and the libraries beside it: the library looks for its configuration,
 /// the flashing library and a place for its log beside the program, so each run gets a program of its own.
 class WorkFolder {
@@ -19,22 +21,22 @@ class WorkFolder {
   const std::filesystem::path& Program() const { return m_program; }
 
   /// Leaves the debug log and what the run reported, or all of it, behind.
-  void KeepLog() { m_leave = Leave::kLog; }
-  void KeepAll() { m_leave = Leave::kAll; }
+  void KeepLog() { m_leave = Leave::Log; }
+  void KeepAll() { m_leave = Leave::All; }
 
  private:
-  enum class Leave { kNothing, kLog, kAll };
+  enum class Leave { Nothing, Log, All };
 
   std::filesystem::path m_path;
   std::filesystem::path m_program;
-  Leave m_leave = Leave::kNothing;
+  Leave m_leave = Leave::Nothing;
 };
 
 /// How a child program ended.
 struct ChildResult {
   bool ended = false;        ///< false when it was stopped because it took too long
   bool interrupted = false;  ///< it was stopped, or ended itself, because of Ctrl+C
-  unsigned long exit_code = 0;
+  unsigned long exitCode = 0;
 };
 
 /// Runs a program to its end. Its output goes where this one's goes, or into a file. Any thread.
@@ -42,3 +44,5 @@ struct ChildResult {
 ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
                      std::chrono::milliseconds limit, const std::filesystem::path& output = {},
                      void* interruption = nullptr);
+
+}  // namespace simulator

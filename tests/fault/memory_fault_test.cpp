@@ -23,14 +23,16 @@
 #include <string_view>
 #include <vector>
 
-#include "configuration.h"
-#include "failing_allocations.h"
-#include "flash_image.h"
-#include "import_patch.h"
-#include "scratch_key.h"
+#include "simulator/failing_allocations.h"
+#include "simulator/flash_image.h"
+#include "simulator/import_patch.h"
+#include "simulator/program/configuration.h"
+#include "simulator/program/scratch_key.h"
+#include "simulator/program/work_folder.h"
+#include "simulator/virtual_pc.h"
 #include "text.h"
-#include "virtual_pc.h"
-#include "work_folder.h"
+
+using namespace simulator;
 
 namespace {
 
@@ -49,7 +51,7 @@ constexpr unsigned kPlacesPerBurst = 2;
 constexpr unsigned kLongBurst = 50;
 
 struct Options {
-  Route route = Route::kMbim;
+  Route route = Route::Mbim;
   bool log = false;
   std::optional<unsigned> step;
 };
@@ -60,10 +62,10 @@ ModemTiming QuickTiming() {
   ModemTiming timing;
   timing.leaving = 300ms;
   timing.restarting = 300ms;
-  timing.open_port = 50ms;
+  timing.openPort = 50ms;
   timing.boot = 100ms;
   timing.returning = 500ms;
-  timing.bytes_per_second = 50'000'000;
+  timing.bytesPerSecond = 50'000'000;
   return timing;
 }
 
@@ -280,19 +282,19 @@ int RunInWorkFolder(int count, char** words) {
   const WorkFolder folder;
   const ChildResult child = RunChild(folder.Program(), arguments, g_options.step ? 24h : 5min);
   if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
-  if (child.exit_code > 1) std::printf("the process ended with 0x%lx\n", child.exit_code);
-  return child.exit_code == 0 ? 0 : 1;
+  if (child.exitCode > 1) std::printf("the process ended with 0x%lx\n", child.exitCode);
+  return child.exitCode == 0 ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int count, char** words) {
   testing::InitGoogleTest(&count, words);
-  bool in_place = false;
+  bool inPlace = false;
   for (int i = 1; i < count; ++i) {
     const std::string_view word = words[i];
     if (word == "--in-place") {
-      in_place = true;
+      inPlace = true;
       continue;
     }
     const std::string_view value = i + 1 < count ? words[i + 1] : "";
@@ -302,5 +304,5 @@ int main(int count, char** words) {
     }
     if (word != "--log") ++i;
   }
-  return in_place ? RUN_ALL_TESTS() : RunInWorkFolder(count, words);
+  return inPlace ? RUN_ALL_TESTS() : RunInWorkFolder(count, words);
 }

@@ -393,7 +393,7 @@ TEST_F(CheckTest, StrictEndsWithTheErrorWhenThereAreBoth) {
 
 TEST(CheckInAFolderNotInAsciiTest, KeepsPathsInUtf8) {
   const HostWorkspace workspace(L"-\u00E4\u00DF");
-  const KeptKey key(KeyOfCommandLine());
+  const simulator::KeptKey key(simulator::KeyOfCommandLine());
   const Findings findings(RunToEnd(workspace.CommandLineHost(), {L"check", L"--json"}));
   EXPECT_EQ(findings.ExitCode(), 0);
   EXPECT_EQ(findings.Message("folder"), ToUtf8(workspace.ImageFolder().wstring()));
@@ -414,7 +414,7 @@ class CheckBeyondTheCodePageTest : public testing::Test {
   std::wstring name = NameBeyondTheCodePage();
   HostWorkspace workspace{name};
   TemporaryFolder images;
-  KeptKey key{KeyOfCommandLine()};
+  simulator::KeptKey key{simulator::KeyOfCommandLine()};
 };
 
 TEST_F(CheckBeyondTheCodePageTest, TellsByWhatNameTheLogIsWritten) {

@@ -11,9 +11,12 @@
 #include <string_view>
 #include <vector>
 
-#include "command_line_table.h"
-#include "judgement.h"
+#include "simulator/host/command_line_table.h"
+#include "simulator/program/judgement.h"
+#include "simulator/program/scenario_table.h"
 #include "support/temporary_folder.h"
+
+namespace simulator {
 
 /// A failed test names the scenario by its name.
 void PrintTo(const Scenario* scenario, std::ostream* out) {
@@ -37,19 +40,19 @@ void ExpectAsTheTableSays(const Scenario& scenario, Asker asker) {
                                                        .output = folder.File(L"output.txt")});
   const CommandLineExpectation all = ExpectedOfCommandLine(scenario, asker);
   EXPECT_THAT(Differences(all.expected, report.session), IsEmpty()) << all.reason;
-  EXPECT_EQ(report.exit_code, all.exit_code) << folder.Content(L"output.txt");
+  EXPECT_EQ(report.exitCode, all.exitCode) << folder.Content(L"output.txt");
 }
 
 class CommandLineScenarioTest : public testing::TestWithParam<const Scenario*> {};
 
 TEST_P(CommandLineScenarioTest, EndsAsTheTableSays) {
-  ExpectAsTheTableSays(*GetParam(), Asker::kHost);
+  ExpectAsTheTableSays(*GetParam(), Asker::Host);
 }
 
 class ControllerScenarioTest : public testing::TestWithParam<const Scenario*> {};
 
 TEST_P(ControllerScenarioTest, EndsAsTheTableSaysWhenTheImagesComeLater) {
-  ExpectAsTheTableSays(*GetParam(), Asker::kController);
+  ExpectAsTheTableSays(*GetParam(), Asker::Controller);
 }
 
 std::string TestName(const testing::TestParamInfo<const Scenario*>& scenario) {
@@ -95,3 +98,5 @@ TEST(CommandLineTableTest, NamesOnlyScenariosThatThereAre) {
 }
 
 }  // namespace
+
+}  // namespace simulator

@@ -108,7 +108,7 @@ TEST_F(StatusTest, PrintsTheSameForPeople) {
 }
 
 TEST_F(StatusTest, ShowsTheKeyOfTheServiceWhenAsked) {
-  const KeptKey serviceKey(
+  const simulator::KeptKey serviceKey(
       {.root = HKEY_CURRENT_USER,
        .rootName = L"HKCU",
        .path = L"Software\\Corvel\\Test\\Status-" + std::to_wstring(::GetCurrentProcessId())});

@@ -13,7 +13,7 @@
 
 #include "child_process.h"
 #include "host_workspace.h"
-#include "kept_key.h"
+#include "simulator/host/kept_key.h"
 
 /// While it lives, the key of the command line cannot be made: what it would lie below may only be read and
 /// deleted.
@@ -67,5 +67,5 @@ class CommandLineTest : public testing::Test {
   }
 
   HostWorkspace workspace;
-  KeptKey key{KeyOfCommandLine()};
+  simulator::KeptKey key{simulator::KeyOfCommandLine()};
 };

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 using testing::ElementsAre;
@@ -322,8 +322,8 @@ TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
   const TemporaryFolder folder;
   const std::wstring path = folder.Write(std::wstring(L"CorvelConfig.ini"), "T\r\n[A]=1\r\n");
   // Of the C runtime, whichever this program has.
-  ImportPatch msvcrt(::GetModuleHandleW(L"msvcrt.dll"));
-  ImportPatch ucrt(::GetModuleHandleW(L"ucrtbase.dll"));
+  simulator::ImportPatch msvcrt(::GetModuleHandleW(L"msvcrt.dll"));
+  simulator::ImportPatch ucrt(::GetModuleHandleW(L"ucrtbase.dll"));
   const bool patchedMsvcrt =
       ::GetModuleHandleW(L"msvcrt.dll") != nullptr && msvcrt.ReplaceIfImported("ReadFile", &FailToRead);
   const bool patchedUcrt =

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "child_process.h"
-#include "kept_key.h"
+#include "simulator/host/kept_key.h"
 #include "text.h"
 
 using testing::HasSubstr;
@@ -35,7 +35,7 @@ class ControllerExampleTest : public testing::Test {
   }
   RunResult Run(const std::wstring& seconds) const { return RunToEnd(Program(), Arguments(seconds)); }
 
-  KeptKey key{
+  simulator::KeptKey key{
       {.root = HKEY_CURRENT_USER,
        .rootName = L"HKCU",
        .path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\Controller"}};

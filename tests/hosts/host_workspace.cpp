@@ -8,18 +8,18 @@
 #include <stdexcept>
 
 #include "owners.h"
+#include "simulator/virtual_clock.h"
 #include "text.h"
-#include "virtual_clock.h"
 
 namespace {
 
-const FlashImage& DefaultModemImage() {
-  static const FlashImage image = BuildImage(ModemImagePlan());
+const simulator::FlashImage& DefaultModemImage() {
+  static const simulator::FlashImage image = simulator::BuildImage(simulator::ModemImagePlan());
   return image;
 }
 
-const FlashImage& DefaultNvmImage() {
-  static const FlashImage image = BuildImage(NvmImagePlan());
+const simulator::FlashImage& DefaultNvmImage() {
+  static const simulator::FlashImage image = simulator::BuildImage(simulator::NvmImagePlan());
   return image;
 }
 
@@ -101,9 +101,9 @@ std::vector<std::wstring> HostWorkspace::FilesBesideTheInstallation() const {
   return others;
 }
 
-MemoryComparison HostWorkspace::CompareModemMemory() const {
-  const VirtualClock clock(1.0);
-  VirtualModem modem(clock, File(L"modem_flash.bin"), {}, {}, ModemState::kNormal,
-                     [](JournalEvent, const std::string&) {});
+simulator::MemoryComparison HostWorkspace::CompareModemMemory() const {
+  const simulator::VirtualClock clock(1.0);
+  simulator::VirtualModem modem(clock, File(L"modem_flash.bin"), {}, {}, simulator::ModemState::Normal,
+                                [](JournalEvent, const std::string&) {});
   return modem.CompareWith(&DefaultModemImage(), &DefaultNvmImage());
 }

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "flash_image.h"
+#include "simulator/flash_image.h"
+#include "simulator/virtual_modem.h"
 #include "support/temporary_folder.h"
-#include "virtual_modem.h"
 
 /// A folder of the test's own that holds hosts, libraries, configuration and images as an installation
 /// does. It begins complete and sound, without a virtual PC.
@@ -39,7 +39,7 @@ class HostWorkspace {
   /// Names of files that neither the installation nor the virtual PC put there.
   std::vector<std::wstring> FilesBesideTheInstallation() const;
   /// Whether the virtual modem's memory is what a flash of both images leaves there.
-  MemoryComparison CompareModemMemory() const;
+  simulator::MemoryComparison CompareModemMemory() const;
 
  private:
   void SaveConfiguration() const;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 using testing::AllOf;
 using testing::Each;
@@ -108,7 +108,7 @@ class TerminalTest : public testing::Test {
   }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(TerminalTest, IsDrawnInItsWholeWidthAlsoAfterItWasNarrowed) {

@@ -19,10 +19,10 @@
 #include "event_log.h"
 #include "flash_library.h"
 #include "identity.h"
-#include "import_patch.h"
 #include "job_record.h"
-#include "kept_key.h"
 #include "messages.h"
+#include "simulator/host/kept_key.h"
+#include "simulator/import_patch.h"
 
 using testing::ElementsAre;
 
@@ -150,14 +150,14 @@ class ServiceBodyTest : public testing::Test {
     key.Write(L"Fls_Ready", 0);
   }
 
-  KeptKey key{
+  simulator::KeptKey key{
       {.root = HKEY_CURRENT_USER,
        .rootName = L"HKCU",
        .path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\ServiceBody"}};
   Manager manager;
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
   std::thread m_service;
 };
 

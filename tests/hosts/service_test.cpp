@@ -14,12 +14,12 @@
 #include "event_log.h"
 #include "flash_history.h"
 #include "host_workspace.h"
-#include "import_patch.h"
 #include "job_record.h"
-#include "kept_key.h"
 #include "messages.h"
 #include "service_control.h"
 #include "serving_notice.h"
+#include "simulator/host/kept_key.h"
+#include "simulator/import_patch.h"
 #include "text.h"
 
 using testing::AllOf;
@@ -163,7 +163,8 @@ class ServiceTest : public WithoutServiceTest {
   }
 
   HostWorkspace workspace;
-  KeptKey key{{.path = L"SOFTWARE\\Corvel\\Test\\Service-" + std::to_wstring(::GetCurrentProcessId())}};
+  simulator::KeptKey key{
+      {.path = L"SOFTWARE\\Corvel\\Test\\Service-" + std::to_wstring(::GetCurrentProcessId())}};
 };
 
 // --- What is asked of the manager ----------------------------------------------------------------------
@@ -192,7 +193,7 @@ BOOL WINAPI RecordConfiguration(SC_HANDLE, DWORD level, void* info) {
 using InstallServiceTest = WithoutServiceTest;
 
 TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
-  ImportPatch patch(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RecordConfiguration));
   EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
   EXPECT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
@@ -338,7 +339,7 @@ class EventLogTest : public testing::Test {
   }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(EventLogTest, WritesAFailureAsAnErrorOfTheRegisteredSource) {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "import_patch.h"
 #include "names_beyond_code_page.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 using testing::IsEmpty;
@@ -48,13 +48,13 @@ TEST_F(AnsiPathBeyondTheCodePageTest, GoesByTheFoldersShortName) {
 }
 
 TEST_F(AnsiPathBeyondTheCodePageTest, IsEmptyWithoutAShortName) {
-  ImportPatch patch(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("GetShortPathNameW", &NoShortName));
   EXPECT_THAT(AnsiPath(path, L"a.log"), IsEmpty());
 }
 
 TEST_F(AnsiPathBeyondTheCodePageTest, IsEmptyWhenTheVolumeDoesNotAnswer) {
-  ImportPatch patch(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("GetShortPathNameW", &RefusedShortName));
   EXPECT_THAT(AnsiPath(path, L"a.log"), IsEmpty());
 }

@@ -8,8 +8,8 @@
 #include <fstream>
 
 #include "cmdline_test.h"
-#include "import_patch.h"
 #include "serving_notice.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 #include "text.h"
 
@@ -19,7 +19,7 @@ using testing::Not;
 
 namespace {
 
-void ShowJob(const KeptKey& key) {
+void ShowJob(const simulator::KeptKey& key) {
   key.Write(L"Flash_OnGoing", 1);
   key.Write(L"Flash_Result", 1);
 }
@@ -102,15 +102,16 @@ class ServiceInTheWayTest : public testing::Test {
 
   /// The code of what is found; empty when there is nothing.
   static std::string Found() {
-    const auto obstacle = FindServiceInTheWay(KeyOfCommandLine());
+    const auto obstacle = FindServiceInTheWay(simulator::KeyOfCommandLine());
     return obstacle ? obstacle->code : "";
   }
 
-  KeptKey key{{.path = L"SOFTWARE\\Corvel\\Test\\WhoFlashes-" + std::to_wstring(::GetCurrentProcessId())}};
+  simulator::KeptKey key{
+      {.path = L"SOFTWARE\\Corvel\\Test\\WhoFlashes-" + std::to_wstring(::GetCurrentProcessId())}};
 
  private:
   TemporaryFolder m_folder{L" with blank"};
-  ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(ServiceInTheWayTest, IsNoneThatRunsWithoutAJobUnderAKeyOfItsOwn) {
@@ -123,7 +124,7 @@ TEST_F(ServiceInTheWayTest, IsNoneThatRunsWithoutAJobUnderAKeyOfItsOwn) {
 
 TEST_F(ServiceInTheWayTest, IsOneWhoseKeyShowsAJob) {
   ShowJob(key);
-  const auto obstacle = FindServiceInTheWay(KeyOfCommandLine());
+  const auto obstacle = FindServiceInTheWay(simulator::KeyOfCommandLine());
   ASSERT_TRUE(obstacle);
   EXPECT_STREQ(obstacle->code, "service_flashing");
   EXPECT_EQ(obstacle->message, "The flash service (process " + std::to_string(g_manager.processId) +
@@ -209,10 +210,10 @@ TEST_F(ServiceInTheWayTest, MayBeOneThatCannotBeAskedFor) {
 TEST_F(ServiceInTheWayTest, IsOneThatOnlyItsNoticeTellsOf) {
   g_manager.serviceError = ERROR_SERVICE_DOES_NOT_EXIST;
   {
-    const ServingNotice notice(Server::Service, KeyOfCommandLine());
+    const ServingNotice notice(Server::Service, simulator::KeyOfCommandLine());
     EXPECT_EQ(Found(), "service_shares_key");
   }
-  const ServingNotice notice(Server::CommandLine, KeyOfCommandLine());
+  const ServingNotice notice(Server::CommandLine, simulator::KeyOfCommandLine());
   EXPECT_EQ(Found(), "");
 }
 
@@ -248,7 +249,7 @@ HANDLE WINAPI DenyMutex(DWORD, BOOL, LPCWSTR) {
 
 /// The host is a service's, the look a user's without rights.
 TEST(ServingNoticeTest, IsSeenByAUserWhoMayNotOpenIt) {
-  ImportPatch patch(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("OpenMutexW", &DenyMutex));
   EXPECT_EQ(WriterOf({.path = L"SOFTWARE\\Corvel\\Test\\Notice"}), Writer::Lives);
   ASSERT_TRUE(FindFlashingCommandLine());
@@ -295,7 +296,8 @@ class BesideTheServiceTest : public CommandLineTest {
   }
 
   HostWorkspace serviceFolder{L" of the service"};
-  KeptKey serviceKey{{.path = L"SOFTWARE\\Corvel\\Test\\Beside-" + std::to_wstring(::GetCurrentProcessId())}};
+  simulator::KeptKey serviceKey{
+      {.path = L"SOFTWARE\\Corvel\\Test\\Beside-" + std::to_wstring(::GetCurrentProcessId())}};
 };
 
 TEST_F(BesideTheServiceTest, NothingIsFlashedOrWrittenWhileTheServiceFlashes) {
@@ -332,7 +334,7 @@ TEST_F(BesideTheServiceTest, AFlashGoesOnBesideAServiceThatWaits) {
 }
 
 TEST_F(BesideTheServiceTest, AServiceWithTheSameKeyIsInTheWayAlways) {
-  serviceFolder.SetServiceKey(ToWide(KeyOfCommandLine().Text()));
+  serviceFolder.SetServiceKey(ToWide(simulator::KeyOfCommandLine().Text()));
   workspace.MakeVirtualPc({"speed=60"});
   InstallAndStart();
   const RunResult flash = RunHost({L"flash", L"--json", L"--quiet"});

@@ -1,9 +1,11 @@
 // A scenario is worth what its judge sees: each kind of difference is found, and nothing else.
 
-#include "judgement.h"
+#include "simulator/program/judgement.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+namespace simulator {
 
 namespace {
 
@@ -22,12 +24,12 @@ class JudgementTest : public testing::Test {
                        .result = 4};
     expected.attempts = 1;
     expected.log = {"first", "second"};
-    report.service_started = true;
+    report.serviceStarted = true;
     report.finished = true;
     report.values = expected.values;
     report.attempts = 1;
-    report.workers_back = 1;
-    report.memory = Memory::kEqual;
+    report.workersBack = 1;
+    report.memory = Memory::Equal;
     Log({"first", "second"});
   }
 
@@ -60,13 +62,13 @@ TEST_F(JudgementTest, FindsEachRegistryValue) {
 }
 
 TEST_F(JudgementTest, FindsTheNumberOfAttempts) {
-  report.attempts = report.workers_back = 2;
+  report.attempts = report.workersBack = 2;
   EXPECT_THAT(Found(), ElementsAre("number of attempts is 2, not 1",
                                    "number of download workers that came back is 2, not 1"));
 }
 
 TEST_F(JudgementTest, FindsAWorkerThatNeverCameBack) {
-  report.workers_back = 0;
+  report.workersBack = 0;
   EXPECT_THAT(Found(), ElementsAre("number of download workers that came back is 0, not 1"));
 }
 
@@ -76,17 +78,17 @@ TEST_F(JudgementTest, FindsABasebandReset) {
 }
 
 TEST_F(JudgementTest, FindsTheModemInAnotherState) {
-  report.modem = ModemState::kFlashPort;
+  report.modem = ModemState::FlashPort;
   EXPECT_THAT(Found(), ElementsAre("modem is flash port, not normal"));
 }
 
 TEST_F(JudgementTest, FindsAnotherMemory) {
-  report.memory = Memory::kIncomplete;
+  report.memory = Memory::Incomplete;
   EXPECT_THAT(Found(), ElementsAre("flash memory is incomplete, not equal to the images"));
 }
 
 TEST_F(JudgementTest, FindsAnImageThatWasLeft) {
-  report.images_left = 1;
+  report.imagesLeft = 1;
   EXPECT_THAT(Found(), ElementsAre("number of images left is 1, not 0"));
 }
 
@@ -145,8 +147,10 @@ TEST_F(JudgementTest, ProgressBeginsAnewWithEachAttempt) {
 }
 
 TEST_F(JudgementTest, FindsAServiceThatShouldNotHaveBegun) {
-  expected.service_starts = false;
+  expected.serviceStarts = false;
   EXPECT_THAT(Found(), ElementsAre("the library began its service"));
 }
 
 }  // namespace
+
+}  // namespace simulator

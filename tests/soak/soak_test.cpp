@@ -22,15 +22,17 @@
 #include <utility>
 #include <vector>
 
-#include "configuration.h"
-#include "debug_log.h"
-#include "firmware_folder.h"
-#include "import_patch.h"
-#include "scratch_key.h"
+#include "simulator/import_patch.h"
+#include "simulator/program/configuration.h"
+#include "simulator/program/debug_log.h"
+#include "simulator/program/firmware_folder.h"
+#include "simulator/program/scratch_key.h"
+#include "simulator/program/work_folder.h"
+#include "simulator/virtual_pc.h"
 #include "support/handle_census.h"
 #include "text.h"
-#include "virtual_pc.h"
-#include "work_folder.h"
+
+using namespace simulator;
 
 namespace {
 
@@ -46,29 +48,29 @@ ModemTiming QuickTiming() {
   ModemTiming timing;
   timing.leaving = 300ms;
   timing.restarting = 300ms;
-  timing.open_port = 50ms;
+  timing.openPort = 50ms;
   timing.boot = 100ms;
   timing.returning = 500ms;
-  timing.bytes_per_second = 50'000'000;
+  timing.bytesPerSecond = 50'000'000;
   return timing;
 }
 
 /// The service in its virtual PC, and the controlling program in front of it.
 class SoakTest : public testing::Test {
  protected:
-  void Prepare(double speed, Route route = Route::kAt) {
+  void Prepare(double speed, Route route = Route::At) {
     ::Setup setup;
     setup.route = route;
     m_configuration.emplace(m_folder, setup, m_key.Location(), m_folder / L"firmware");
     VirtualPcOptions options;
     options.speed = speed;
-    if (speed > 1) options.pace = Pace::kElastic;
+    if (speed > 1) options.pace = Pace::Elastic;
     options.folder = m_folder;
     options.timing = QuickTiming();
     m_pc.emplace(options);
   }
 
-  void StartService(double speed, Route route = Route::kAt) {
+  void StartService(double speed, Route route = Route::At) {
     Prepare(speed, route);
     ASSERT_NE(m_pc->LoadUnderSimulation(m_folder / kLibrary), nullptr);
     ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
@@ -96,7 +98,7 @@ class SoakTest : public testing::Test {
 
   /// One whole flash, up to the service's next wait.
   void FlashOnce(ImageSet images) {
-    const FirmwareFolder firmware(m_folder / L"firmware", images, ImageHolder::kNobody);
+    const FirmwareFolder firmware(m_folder / L"firmware", images, ImageHolder::Nobody);
     const int rounds = Rounds();
     m_key.Write(L"Fls_Ready", 1);
     ASSERT_TRUE(Becomes([&] { return m_key.Read().ready == 0u && Rounds() > rounds; }));
@@ -212,7 +214,7 @@ class HundredFlashes : public SoakTest {
   /// Every tenth flash has a modem image too.
   void Flash(int from, int to) {
     for (int i = from; i < to; ++i) {
-      FlashOnce(i % 10 == 0 ? ImageSet::kModemAndNvm : ImageSet::kNvmOnly);
+      FlashOnce(i % 10 == 0 ? ImageSet::ModemAndNvm : ImageSet::NvmOnly);
       if (HasFatalFailure()) return;
     }
   }
@@ -221,7 +223,7 @@ class HundredFlashes : public SoakTest {
   /// @return whether there are the same events and blocks of memory as before; all else must be exact.
   bool LeavesNothing(int from, int to) {
     const Holdings before = Count();
-    const int keys_before = KeysLeftOpen(Log());
+    const int keysBefore = KeysLeftOpen(Log());
     Take(g_heapBefore);
 
     Flash(from, to);
@@ -229,7 +231,7 @@ class HundredFlashes : public SoakTest {
     // First of all, while nothing of what follows is held.
     Take(g_heapAfter);
     const Holdings after = Count();
-    const int keys = KeysLeftOpen(Log()) - keys_before;
+    const int keys = KeysLeftOpen(Log()) - keysBefore;
     const std::string blocks = Differences(g_heapBefore, g_heapAfter);
     std::printf("threads %zu -> %zu, events %d -> %d, keys left open by reads %d, blocks %zu -> %zu:%s\n",
                 before.threads, after.threads, before.handles.at(L"Event"), after.handles.at(L"Event"), keys,
@@ -260,11 +262,11 @@ class HundredFlashes : public SoakTest {
 };
 
 TEST_F(HundredFlashes, LeaveNothingBehindButTheKeysOfTheirReads) {
-  FlashAndCompare(Route::kAt);
+  FlashAndCompare(Route::At);
 }
 
 TEST_F(HundredFlashes, LeaveNothingBehindWhenTheServiceReboots) {
-  FlashAndCompare(Route::kMbim);
+  FlashAndCompare(Route::Mbim);
 }
 
 // --- Waiting for a request -------------------------------------------------------------------------------
@@ -377,15 +379,15 @@ int RunInWorkFolder(int count, char** words) {
   const WorkFolder folder;
   const ChildResult child = RunChild(folder.Program(), arguments, 10min);
   if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
-  return static_cast<int>(child.exit_code);
+  return static_cast<int>(child.exitCode);
 }
 
 }  // namespace
 
 int main(int count, char** words) {
-  const bool in_place =
+  const bool inPlace =
       std::any_of(words, words + count, [](std::string_view word) { return word == "--in-place"; });
-  if (!in_place) return RunInWorkFolder(count, words);
+  if (!inPlace) return RunInWorkFolder(count, words);
   testing::InitGoogleTest(&count, words);
   return RUN_ALL_TESTS();
 }

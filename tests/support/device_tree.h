@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// A small device tree in the place of the system's. A device that was once installed and is absent gives
 /// an empty list for its id, one that never was an error; the empty id locates the root, as in the system.
@@ -214,7 +214,7 @@ class DeviceTree {
 
   static inline DeviceTree* s_tree = nullptr;
 
-  ImportPatch m_patch;
+  simulator::ImportPatch m_patch;
   std::vector<Device> m_devices;
   std::vector<Interface> m_interfaces;
   std::vector<std::wstring> m_absent;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// What one made-up node is.
 struct FakeNodeData {
@@ -84,5 +84,5 @@ class FakeDom {
   std::vector<std::string> m_calls;
   std::vector<Creation> m_creations;
   FakeNodeData m_document;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Stands for the closed flashing library: answers to its name, has its sixteen exports, knows the tables of
 /// contents of the images that it is told of, and remembers every call with its arguments. Change its
@@ -242,6 +242,6 @@ class FakeFlashLibrary {
   static inline int s_module = 0;
   static inline FakeFlashLibrary* s_library = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   Callback* m_callback = nullptr;
 };

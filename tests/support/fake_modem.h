@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Stands for the modem and the PC around it as the library sees them: the device tree, the driver that can
 /// pulse the reset line, and the AT port. Remembers what was done to it.
@@ -208,7 +208,7 @@ class FakeModem {
   static constexpr wchar_t kDriverPath[] = L"\\\\?\\UDE#1#{6568c4a1-b6ee-4e4b-bc5f-ce819e627213}";
   static inline FakeModem* s_modem = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::function<ULONGLONG()> m_now;
   Mode m_mode = Mode::Normal;
   std::optional<std::pair<ULONGLONG, Mode>> m_next;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "config/configparser.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 
@@ -54,5 +54,5 @@ class HostFolder {
 
   static inline std::wstring s_executable;
   TemporaryFolder m_folder;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

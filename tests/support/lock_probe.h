@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Shows that one operation of the library has to wait for a lock that another one holds. Holds the first
 /// where it is about to give a lock back, lets another thread run the second, and sees whether that one meets
@@ -91,7 +91,7 @@ class LockProbe {
 
   static inline LockProbe* s_probe = nullptr;
 
-  ImportPatch m_library{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_library{::GetModuleHandleW(L"toolkit_internals.dll")};
   UniqueHandle m_metOrDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::function<void()> m_second;
   std::thread m_other;

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Shows that two operations of the library take turns on one of its slim locks: holds a thread that is about
 /// to give the lock back, and looks whether another one comes in meanwhile. One at a time.
@@ -90,7 +90,7 @@ class LockTurns {
 
   static inline LockTurns* s_present = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   const UniqueHandle m_held = NewEvent();
   const UniqueHandle m_asked = NewEvent();
   const UniqueHandle m_mayGo = NewEvent();

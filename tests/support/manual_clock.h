@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// The library's clock: it moves only when the thread that made it sleeps. Other threads that sleep wait
 /// for it to pass, and are woken when it goes away.
@@ -53,5 +53,5 @@ class ManualClock {
   static inline std::atomic<ULONGLONG> s_passed{0};
   static inline std::atomic<bool> s_ticks{true};
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -2,18 +2,18 @@
 
 #include <windows.h>
 
-#include "import_patch.h"
-#include "named_objects.h"
+#include "simulator/import_patch.h"
+#include "simulator/named_objects.h"
 
 /// Gives the library's named events and semaphores names of this process's own, for tests that run in
 /// parallel would wake each other by the real ones.
 class OwnNames {
  public:
   OwnNames() {
-    m_patch.Replace("CreateSemaphoreW", &CreateOwnSemaphore);
-    m_patch.Replace("CreateEventW", &CreateOwnEvent);
+    m_patch.Replace("CreateSemaphoreW", &simulator::CreateOwnSemaphore);
+    m_patch.Replace("CreateEventW", &simulator::CreateOwnEvent);
   }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

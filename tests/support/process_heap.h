@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Counts what the library takes from the process heap, and can refuse it.
 class ProcessHeap {
@@ -32,5 +32,5 @@ class ProcessHeap {
   static inline int s_frees = 0;
   static inline bool s_full = false;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// The library's memory, of which one allocation fails. One thread's alone; the test's own memory is not
 /// touched, but objects of the library that the test makes are.
@@ -55,5 +55,5 @@ class ScarceMemory {
 
   static inline int s_left = 0;
   static inline bool s_failed = false;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// Time and threads of the library under test. Its waits cost no real time, and its threads take turns: one
 /// runs until it waits or ends, then the next; when all of them wait, the clock moves on to the end of the
@@ -341,7 +341,7 @@ class SimulatedClock {
 
   static inline SimulatedClock* s_clock = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::mutex m_mutex;
   ULONGLONG m_now = 0;
   std::map<DWORD, ThreadRef> m_threads;

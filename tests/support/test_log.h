@@ -13,7 +13,7 @@
 
 #include "common/debuglogger.h"
 #include "common/text.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 struct LogRecord {
@@ -118,6 +118,6 @@ class TestLog {
  private:
   static BOOL WINAPI LeaveUnflushed(HANDLE) { return TRUE; }
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   TemporaryFolder m_folder;
 };

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
@@ -67,7 +67,7 @@ class DebugLoggerTest : public testing::Test {
   ~DebugLoggerTest() override { CDebugLogger::SetLevel(3); }
 
   TestLog log;
-  ImportPatch patch{::GetModuleHandleA(kOfTheSystem)};
+  simulator::ImportPatch patch{::GetModuleHandleA(kOfTheSystem)};
 };
 
 // The record

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 namespace {
@@ -132,7 +132,7 @@ HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_A
 }
 
 TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
   file.Open("name", false);
   EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
@@ -140,7 +140,7 @@ TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
 }
 
 TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
   file.Open("name", true);
   EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
@@ -149,7 +149,7 @@ TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
 
 TEST_F(FileIoTest, OpeningByThePlatformsArgumentsPassesAllOfThem) {
   SECURITY_ATTRIBUTES security{};
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
   const HANDLE pattern = ::GetCurrentProcess();
   file.OpenEx("name", GENERIC_ALL, FILE_SHARE_DELETE, CREATE_NEW, FILE_FLAG_OVERLAPPED, &security, pattern);
@@ -193,7 +193,7 @@ BOOL WINAPI RefuseToFlush(HANDLE) {
 
 TEST_F(FileIoTest, ClosingFlushesAndIgnoresAFailureOfIt) {
   flushes = 0;
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("FlushFileBuffers", &RefuseToFlush));
   ASSERT_EQ(file.Open(Path().c_str(), true), S_OK);
   EXPECT_EQ(file.Close(), S_OK);
@@ -318,7 +318,7 @@ class FileSizeTest : public FileIoTest {
     g_sizeError = error;
   }
 
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::uint64_t size = 0;
 };
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 namespace {
 
@@ -133,7 +133,7 @@ DWORD WINAPI FailToWait(HANDLE, DWORD) {
 
 class MutexCallsTest : public testing::Test {
  protected:
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(MutexCallsTest, CreatingPassesSecurityOwnershipAndName) {

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "xmlfile/xmlfile.h"
 
 namespace {
@@ -21,7 +21,7 @@ void* __cdecl RefuseLongPaths(std::size_t size) {
 
 int main() {
   const CTString path(std::wstring(kLongPath, L'p'));
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   if (!patch.Replace("malloc", &RefuseLongPaths)) return 1;
   const UniqueHandle worker =
       StartWorker([&path] { const QUENTA::Brevant::Interfaces::ToolkitCore::CXMLFile file(path); });

@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 namespace {
 
@@ -96,7 +96,7 @@ class WorkerTest : public testing::Test {
     ASSERT_EQ(::WaitForSingleObject(thread.get(), kLongEnough), WAIT_OBJECT_0);
   }
 
-  ImportPatch patch{Library()};
+  simulator::ImportPatch patch{Library()};
 };
 
 TEST_F(WorkerTest, RunsItsBodyOnAThreadOfItsOwn) {
@@ -183,7 +183,7 @@ void* __cdecl RefuseTheLargeCapture(std::size_t size) {
 
 // The body is allocated where it is handed over, in this program.
 TEST_F(WorkerTest, ThatThereIsNoMemoryForIsOneThatCannotBeStarted) {
-  ImportPatch own(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch own(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(own.Replace("malloc", &RefuseTheLargeCapture));
   EXPECT_EQ(StartWorker([capture = LargeCapture()] { static_cast<void>(capture); }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));

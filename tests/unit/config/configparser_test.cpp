@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "common/text.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/host_folder.h"
 #include "support/scarce_memory.h"
 #include "toolkit/toolkit.h"
@@ -58,7 +58,7 @@ class ComUse {
   int Left() const { return g_left; }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 template <typename Body>
@@ -361,7 +361,7 @@ class UnreadableConfigTest : public ConfigParserTest {
   void BecomeReadable() { m_patch.Restore(); }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(UnreadableConfigTest, IsNotLoadedAndLeavesNoneOfItsSettings) {
@@ -453,7 +453,7 @@ class ForeignHostFolderTest : public testing::Test {
   bool Load() { return CConfigParser::GetInstance()->LoadConfig(nullptr); }
 
   HostFolder host{L"-\u4E2D\u6587"};
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(ForeignHostFolderTest, HoldsItsConfiguration) {

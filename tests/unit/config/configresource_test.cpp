@@ -10,7 +10,7 @@
 
 #include "common/handles.h"
 #include "config/configparser.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/fake_dom.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
@@ -206,7 +206,7 @@ class SafeSavingTest : public ResourceTest {
 
   static constexpr const char* kOld = "<r><a/></r>";
   std::wstring path = folder.Write(L"r.xml", kOld);
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(SafeSavingTest, TheNewFileIsOnTheDiskBeforeItTakesThePlaceOfTheOld) {

@@ -288,7 +288,7 @@ class SectionCount {
   static inline std::atomic<int> s_entered{0};
   static inline std::atomic<int> s_left{0};
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class FailedOpenTest : public AtPortTest {
@@ -471,7 +471,7 @@ TEST_F(ReadResponseTest, TheTimeLimitThreadAloneEndsTheRead) {
 }
 
 TEST_F(ReadResponseTest, WithoutTheTimeLimitThreadTheReadStillEnds) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto refuse =
       +[](SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE, void*, DWORD, DWORD*) WINAPI -> HANDLE {
     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -493,7 +493,7 @@ TEST_F(ReadResponseTest, ATimeLimitThreadOfAnEarlierReadLeavesALaterOneAlone) {
 TEST_F(ReadResponseTest, AReadThatWaitedTooLongForTheSectionReadsNothing) {
   static ManualClock* s_clock = nullptr;
   s_clock = &clock;
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto enterLate = +[](CRITICAL_SECTION* section) WINAPI {
     s_clock->Advance(kReadLimit);
     ::EnterCriticalSection(section);
@@ -549,7 +549,7 @@ TEST_F(ReadResponseTest, EachRecordBelongsToTheRead) {
 TEST_F(ReadResponseTest, TheTimeLimitThreadHasTheDefaultStack) {
   static std::vector<SIZE_T> s_sizes;
   s_sizes.clear();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto note = +[](SECURITY_ATTRIBUTES* security, SIZE_T size, LPTHREAD_START_ROUTINE start,
                         void* parameter, DWORD flags, DWORD* id) WINAPI {
     s_sizes.push_back(size);
@@ -589,7 +589,7 @@ TEST_F(SectionAfterReadTest, IsLeftByAReadThatCameTooLate) {
   s_clock = &clock;
   static int s_owned;
   s_owned = 0;
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto enterLate = +[](CRITICAL_SECTION* section) WINAPI {
     s_clock->Advance(kReadLimit);
     ::EnterCriticalSection(section);

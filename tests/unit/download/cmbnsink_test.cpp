@@ -18,7 +18,7 @@
 
 #include "common/automation.h"
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/lock_turns.h"
 #include "support/log_entry.h"
 #include "support/test_log.h"
@@ -288,7 +288,7 @@ HANDLE WINAPI RecordEvent(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL 
 
 TEST_F(MbnSinkTest, ItsEventsAreUnnamedAndResetThemselves) {
   Sink().DeInitilazation();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateEventW", &RecordEvent));
   g_eventRequests.clear();
   Sink().Initilazation();
@@ -314,7 +314,7 @@ BOOL WINAPI CountClosedHandle(HANDLE handle) {
 
 TEST_F(MbnSinkTest, AnEventThatCannotBeCreatedTakesThoseCreatedBeforeWithIt) {
   Sink().DeInitilazation();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateEventW", &CreateEventUntilNoneIsLeft));
   ASSERT_TRUE(patch.Replace("CloseHandle", &CountClosedHandle));
   g_eventsToCreate = 2;
@@ -472,7 +472,7 @@ void* __cdecl NoMemoryForALongResponse(std::size_t size) {
 }
 
 TEST_F(MbnSinkTest, AResponseThatThereIsNoMemoryForCountsAsEmptyAndSignals) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   if (!patch.Replace("malloc", &NoMemoryForALongResponse)) GTEST_SKIP() << "the runtime is linked in";
   const UniqueSafeArray data = Bytes(std::vector<BYTE>(kLongResponse, 0x7E));
   EXPECT_EQ(Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5), S_OK);

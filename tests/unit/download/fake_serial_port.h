@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// The serial port of a modem in the place of the system's: exclusive, and with a driver whose settings,
 /// failures and answers a test chooses. Ports of other numbers do not exist; other files are the system's.
@@ -167,7 +167,7 @@ class FakeSerialPort {
  private:
   static inline FakeSerialPort* s_port = nullptr;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::string m_fileName;
   DCB m_settings{};
   std::map<std::string, int> m_failures;

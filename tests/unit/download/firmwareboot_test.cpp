@@ -123,7 +123,7 @@ HRESULT WINAPI RefuseCreation(REFCLSID, IUnknown*, DWORD, REFIID, void**) {
 class RebootTypeTest : public BootTest, public testing::WithParamInterface<const wchar_t*> {};
 
 TEST_P(RebootTypeTest, AnyTypeButOneRebootsByMobileBroadbandCommand) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CoCreateInstance", &RefuseCreation));
   g_creations = 0;
   FlashBench::Configure(L"[REBOOTTYPE]", GetParam());
@@ -340,7 +340,7 @@ TEST_F(FlashPortTest, FailsWhenNoThreadCanBeStartedAndNoResetIsAllowed) {
 
 class NoSemaphoreTest : public FlashPortTest {
  protected:
-  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str())};
+  UniqueHandle taken{::CreateMutexW(nullptr, FALSE, simulator::OwnName(L"CFirmwareDownloader").c_str())};
 };
 
 TEST_F(NoSemaphoreTest, ResetsAndGoesOnSearchingMeanwhile) {
@@ -460,7 +460,7 @@ class ThreadHandles {
   static inline std::function<std::vector<std::string>()> s_told;
   static inline std::vector<std::vector<std::string>> s_toldAtClose;
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class BootHandleTest : public InjectTest {
@@ -493,7 +493,7 @@ BOOL WINAPI RefuseToNoteOffTheMainThread(DWORD slot, void* value) {
 
 TEST_F(InjectTest, FailsWhenItCannotBeNotedForWhomTheThreadWorks) {
   RefuseToNoteOffTheMainThread(TLS_OUT_OF_INDEXES, nullptr);
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNoteOffTheMainThread));
   EXPECT_EQ(Download(), FirmwareUpdateFailed);
   EXPECT_THAT(Said(),

@@ -77,7 +77,7 @@ void* __cdecl RefuseTheLibrary(std::size_t size) {
 }
 
 TEST_F(SessionTest, WithoutMemoryForTheLibraryEveryCallFails) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("malloc", &RefuseTheLibrary));
   EXPECT_EQ(CFirmwareDownloader::GetInstance(), nullptr);
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
@@ -92,7 +92,7 @@ BOOL WINAPI RefuseToNote(DWORD, void*) {
 
 TEST_F(SessionTest, IsRefusedWhenItCannotBeNotedForWhomTheThreadWorks) {
   const auto engine = CFirmwareDownloader::GetInstance();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNote));
   EXPECT_EQ(engine->Download(CTString(modem), CTString(nvm)), FirmwareNotUpdated);
   EXPECT_EQ(Said().back(), "E:\t TlsSetValue failed with: 8, Download --");
@@ -267,7 +267,7 @@ BOOL WINAPI RefuseSize(HANDLE, LARGE_INTEGER*) {
 }
 
 TEST_F(SessionTest, WithAFileOfUnknownSizeIsRefused) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetFileSizeEx", &RefuseSize));
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   EXPECT_EQ(
@@ -292,7 +292,7 @@ HANDLE WINAPI NoteOpening(const wchar_t* name, DWORD access, DWORD share, SECURI
 TEST_F(SessionTest, OpensEachFileForItselfAlone) {
   const auto engine = CFirmwareDownloader::GetInstance();
   bench.library.results["set_dll_parameter"] = 1;
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateFileW", &NoteOpening));
   g_openings.clear();
   engine->Download(CTString(modem), CTString(nvm));
@@ -308,7 +308,7 @@ BOOL WINAPI TellSize(HANDLE, LARGE_INTEGER* size) {
 }
 
 TEST_F(SessionTest, WithAFileOfExactlyFourGibibytesIsAccepted) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetFileSizeEx", &TellSize));
   g_size = 0x100000000;
   EXPECT_EQ(Flash(), FirmwareUpdated);
@@ -316,7 +316,7 @@ TEST_F(SessionTest, WithAFileOfExactlyFourGibibytesIsAccepted) {
 }
 
 TEST_F(SessionTest, PrintsTheLowPartOfASizeAsASignedNumber) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetFileSizeEx", &TellSize));
   g_size = 3'000'000'000;
   Flash();

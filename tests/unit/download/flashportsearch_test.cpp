@@ -22,7 +22,8 @@ class FlashPortSearchTest : public testing::Test {
   void FlashPortIsPresent() { bench.modem.Become(FakeModem::Mode::Flash); }
   /// A semaphore as an earlier search left it, with a count that nobody took.
   static UniqueHandle StaleSignal() {
-    return UniqueHandle(::CreateSemaphoreW(nullptr, 1, 1, OwnName(L"CFirmwareDownloader").c_str()));
+    return UniqueHandle(
+        ::CreateSemaphoreW(nullptr, 1, 1, simulator::OwnName(L"CFirmwareDownloader").c_str()));
   }
 
   FlashBench bench;
@@ -183,7 +184,8 @@ TEST_F(FlashPortSearchTest, ACountThatAnEarlierSearchLeftDoesNotEndTheWait) {
 }
 
 TEST_F(FlashPortSearchTest, ACountThatComesMeanwhileFromElsewhereNeitherEndsNorProlongsTheWait) {
-  const UniqueHandle another(::CreateSemaphoreW(nullptr, 0, 1, OwnName(L"CFirmwareDownloader").c_str()));
+  const UniqueHandle another(
+      ::CreateSemaphoreW(nullptr, 0, 1, simulator::OwnName(L"CFirmwareDownloader").c_str()));
   FlashPortSearch elsewhere;
   ASSERT_TRUE(elsewhere.CreateSignal());
   ASSERT_TRUE(search.CreateSignal());
@@ -205,12 +207,12 @@ struct Semaphore {
 std::vector<Semaphore> g_semaphores;
 HANDLE WINAPI NoteSemaphore(SECURITY_ATTRIBUTES* security, LONG initial, LONG maximum, const wchar_t* name) {
   g_semaphores.push_back({security != nullptr, initial, maximum, name});
-  return ::CreateSemaphoreW(security, initial, maximum, OwnName(name).c_str());
+  return ::CreateSemaphoreW(security, initial, maximum, simulator::OwnName(name).c_str());
 }
 
 TEST_F(FlashPortSearchTest, TheSignalCountsToOneAndBeginsWithNone) {
   g_semaphores.clear();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("CreateSemaphoreW", &NoteSemaphore));
   ASSERT_TRUE(search.CreateSignal());
   ASSERT_EQ(g_semaphores.size(), 1u);
@@ -252,7 +254,8 @@ TEST_F(FlashPortSearchTest, AnAbandonedWaiterWithAPortOfItsOwnHandsTheSignalOnTo
 }
 
 TEST_F(FlashPortSearchTest, AReportBehindTheEndOfTheWaitSignalsNobody) {
-  const UniqueHandle another(::CreateSemaphoreW(nullptr, 0, 1, OwnName(L"CFirmwareDownloader").c_str()));
+  const UniqueHandle another(
+      ::CreateSemaphoreW(nullptr, 0, 1, simulator::OwnName(L"CFirmwareDownloader").c_str()));
   ASSERT_TRUE(search.CreateSignal());
   search.CloseSignal();
   FlashPortIsPresent();
@@ -261,7 +264,8 @@ TEST_F(FlashPortSearchTest, AReportBehindTheEndOfTheWaitSignalsNobody) {
 }
 
 TEST_F(FlashPortSearchTest, HasNoSignalWhenItsNameIsTakenByAnotherKind) {
-  const UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, OwnName(L"CFirmwareDownloader").c_str()));
+  const UniqueHandle mutex(
+      ::CreateMutexW(nullptr, FALSE, simulator::OwnName(L"CFirmwareDownloader").c_str()));
   EXPECT_FALSE(search.CreateSignal());
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }

@@ -21,8 +21,8 @@
 #include "download/cmbnsink.h"
 #include "download/firmwaredownloader.h"
 #include "download/sinkshare.h"
-#include "import_patch.h"
-#include "mobile_broadband.h"
+#include "simulator/import_patch.h"
+#include "simulator/mobile_broadband.h"
 #include "support/handle_census.h"
 #include "support/log_entry.h"
 #include "support/test_log.h"
@@ -272,9 +272,9 @@ class MbimRebootTest : public testing::Test {
   bool SinkWasMade() const { return log.Count("\t new CMbnSinks OK") > 0; }
 
   TestLog log;
-  SimulatedMobileBroadband service;
+  simulator::SimulatedMobileBroadband service;
   ModemWaits waits;
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::atomic<bool> abandoned{false};
 };
 

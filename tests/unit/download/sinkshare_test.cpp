@@ -17,7 +17,7 @@
 #include "common/handles.h"
 #include "download/cmbnsink.h"
 #include "download/firmwaredownloader.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/lock_turns.h"
 #include "support/test_log.h"
 
@@ -112,7 +112,7 @@ class SinkShareTest : public testing::Test {
   }
 
   TestLog log;
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(SinkShareTest, TheFirstShareMakesTheSinkAndTheLastOneEndsIt) {

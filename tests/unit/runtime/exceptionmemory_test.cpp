@@ -12,7 +12,7 @@
 #include <new>
 #include <vector>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ class ExceptionMemoryTest : public testing::Test {
     return code;
   }
 
-  ImportPatch patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(ExceptionMemoryTest, LackOfMemoryIsThrownAndCaughtWithoutMemory) {

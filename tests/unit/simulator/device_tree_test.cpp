@@ -2,6 +2,8 @@
 
 #include "simulation_test.h"
 
+namespace simulator {
+
 namespace {
 
 constexpr wchar_t kModem[] = L"VID_1D5A&PID_0AC9&MI_00";
@@ -24,9 +26,9 @@ TEST_F(DeviceTreeTest, ShowsTheModemInItsMode) {
   EXPECT_TRUE(IsPresent(kModem));
   EXPECT_FALSE(IsPresent(kFlashPort));
   pc->Modem().RebootByMbim();
-  ASSERT_TRUE(Reaches(ModemState::kRestarting) || Reaches(ModemState::kFlashPort));
+  ASSERT_TRUE(Reaches(ModemState::Restarting) || Reaches(ModemState::FlashPort));
   EXPECT_FALSE(IsPresent(kModem));
-  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  ASSERT_TRUE(Reaches(ModemState::FlashPort));
   EXPECT_TRUE(IsPresent(kFlashPort));
 }
 
@@ -52,7 +54,7 @@ TEST_F(DeviceTreeTest, FilterDoesNotMatchAPartOfTheDeviceId) {
 }
 
 TEST_F(DeviceTreeTest, AnInstalledButAbsentDeviceGivesAnEmptyList) {
-  options.faults.at_port.absent = true;
+  options.faults.atPort.absent = true;
   Start();
   std::vector<std::wstring> ids;
   EXPECT_EQ(Filtered(kAtFilter, ids), CR_SUCCESS);
@@ -74,7 +76,7 @@ TEST_F(DeviceTreeTest, AnEmptyIdNamesTheRootWhichHasNoFriendlyName) {
 }
 
 TEST_F(DeviceTreeTest, AtPortHasItsFriendlyName) {
-  options.at_port_number = 12;
+  options.atPortNumber = 12;
   Start();
   std::vector<std::wstring> ids;
   ASSERT_EQ(Filtered(kAtFilter, ids), CR_SUCCESS);
@@ -94,7 +96,7 @@ TEST_F(DeviceTreeTest, AnAbsentDeviceIsNotLocated) {
 }
 
 TEST_F(DeviceTreeTest, AListThatGrewDoesNotFit) {
-  options.faults.tree.device_ids.grows = Occurrence::Times(1);
+  options.faults.tree.deviceIds.grows = Occurrence::Times(1);
   Start();
   ULONG size = 0;
   ASSERT_EQ(platform.IdListSize(&size, nullptr, CM_GETIDLIST_FILTER_PRESENT), CR_SUCCESS);
@@ -104,8 +106,8 @@ TEST_F(DeviceTreeTest, AListThatGrewDoesNotFit) {
 }
 
 TEST_F(DeviceTreeTest, QueriesFailAsOftenAsToldTo) {
-  options.faults.tree.serial_interfaces.size_query_fails = Occurrence::Only(2);
-  options.faults.tree.serial_interfaces.code = CR_OUT_OF_MEMORY;
+  options.faults.tree.serialInterfaces.sizeQueryFails = Occurrence::Only(2);
+  options.faults.tree.serialInterfaces.code = CR_OUT_OF_MEMORY;
   Start();
   ULONG size = 0;
   GUID serial = kSerialClass;
@@ -124,7 +126,7 @@ TEST_F(DeviceTreeTest, AnEmptyInterfaceListHasSizeOne) {
 }
 
 TEST_F(DeviceTreeTest, FlashPortHasItsPathAmongTheSerialPorts) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   const auto paths = Interfaces(kSerialClass);
   ASSERT_EQ(paths.size(), 2u);
@@ -132,18 +134,20 @@ TEST_F(DeviceTreeTest, FlashPortHasItsPathAmongTheSerialPorts) {
 }
 
 TEST_F(DeviceTreeTest, FlashPortMayBeInLowerCase) {
-  options.initial_state = ModemState::kFlashPort;
-  options.faults.modem.flash_port_lower_case = true;
+  options.initialState = ModemState::FlashPort;
+  options.faults.modem.flashPortLowerCase = true;
   Start();
   EXPECT_EQ(Interfaces(kSerialClass)[1].find(kFlashPort), std::wstring::npos);
   EXPECT_NE(Interfaces(kSerialClass)[1].find(L"vid_1d5a&pid_0acc&mi_00"), std::wstring::npos);
 }
 
 TEST_F(DeviceTreeTest, IdsMayBeInLowerCase) {
-  options.faults.tree.lower_case_ids = true;
+  options.faults.tree.lowerCaseIds = true;
   Start();
   EXPECT_FALSE(IsPresent(kModem));
   EXPECT_TRUE(IsPresent(L"vid_1d5a&pid_0ac9&mi_00"));
 }
 
 }  // namespace
+
+}  // namespace simulator

@@ -1,10 +1,12 @@
-#include "flash_image.h"
+#include "simulator/flash_image.h"
 
 #include <gtest/gtest.h>
 
 #include <process.h>
 
 #include <numeric>
+
+namespace simulator {
 
 TEST(FlashImageTest, ComesBackAsItWasWritten) {
   const auto path =
@@ -45,11 +47,11 @@ TEST_P(DamagedImageTest, IsNoImage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DamagedImageTest,
-                         testing::Values(ImageDamage::kMagic, ImageDamage::kHeaderChecksum,
-                                         ImageDamage::kTruncatedTable, ImageDamage::kTruncatedData));
+                         testing::Values(ImageDamage::Magic, ImageDamage::HeaderChecksum,
+                                         ImageDamage::TruncatedTable, ImageDamage::TruncatedData));
 
 TEST(FlashImageTest, ADamagedItemIsFoundByItsOwnChecksumOnly) {
-  const auto image = ParseImage(BuildImage(NvmImagePlan(), ImageDamage::kItemChecksum).file);
+  const auto image = ParseImage(BuildImage(NvmImagePlan(), ImageDamage::ItemChecksum).file);
   ASSERT_TRUE(image);
   EXPECT_NE(Crc32(image->Bytes(image->items[0])), image->items[0].crc32);
 }
@@ -57,3 +59,5 @@ TEST(FlashImageTest, ADamagedItemIsFoundByItsOwnChecksumOnly) {
 TEST(FlashImageTest, AnEmptyFileIsNoImage) {
   EXPECT_FALSE(ParseImage({}));
 }
+
+}  // namespace simulator

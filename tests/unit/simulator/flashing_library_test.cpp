@@ -7,6 +7,8 @@
 
 #include "simulation_test.h"
 
+namespace simulator {
+
 namespace {
 
 struct Report {
@@ -22,21 +24,21 @@ void Remember(std::uint8_t, std::int32_t status, const char* text) {
 
 /// The exports by the types with which the product calls them.
 struct Exports {
-  std::int32_t (*boot_target)(std::uint8_t, const char*, std::uint32_t*, char*);
-  std::int32_t (*close_comm_port)(std::uint8_t, char*);
-  std::int32_t (*download_cust_file)(std::uint8_t, const char*, char*);
-  std::int32_t (*download_dffs_file)(std::uint8_t, const char*, std::uint8_t, char*);
-  std::int32_t (*download_fls_file)(std::uint8_t, const char*, char*);
-  std::int32_t (*force_target_reset)(std::uint8_t, std::uint8_t, std::uint8_t, std::uint8_t, std::uint8_t,
-                                     char*);
-  std::uint8_t (*next_free_channel)();
-  std::uint32_t (*progress_bars)(std::uint8_t, const char*, std::uintptr_t);
-  std::int32_t (*init_callback)(void (*)(std::uint8_t, std::int32_t, const char*), char*);
-  std::int32_t (*open_comm_port)(std::uint8_t, const char*, const char*, std::uint32_t, char*);
-  std::int32_t (*set_parameter)(std::uint8_t, std::uintptr_t, char*);
-  std::int32_t (*flash_technology)(const char*, std::uint32_t*);
-  std::int32_t (*memory_class)(const char*, std::uint32_t, std::uint32_t*);
-  std::int32_t (*item_count)(const char*, std::uint32_t*);
+  std::int32_t (*bootTarget)(std::uint8_t, const char*, std::uint32_t*, char*);
+  std::int32_t (*closeCommPort)(std::uint8_t, char*);
+  std::int32_t (*downloadCustFile)(std::uint8_t, const char*, char*);
+  std::int32_t (*downloadDffsFile)(std::uint8_t, const char*, std::uint8_t, char*);
+  std::int32_t (*downloadFlsFile)(std::uint8_t, const char*, char*);
+  std::int32_t (*forceTargetReset)(std::uint8_t, std::uint8_t, std::uint8_t, std::uint8_t, std::uint8_t,
+                                   char*);
+  std::uint8_t (*nextFreeChannel)();
+  std::uint32_t (*progressBars)(std::uint8_t, const char*, std::uintptr_t);
+  std::int32_t (*initCallback)(void (*)(std::uint8_t, std::int32_t, const char*), char*);
+  std::int32_t (*openCommPort)(std::uint8_t, const char*, const char*, std::uint32_t, char*);
+  std::int32_t (*setParameter)(std::uint8_t, std::uintptr_t, char*);
+  std::int32_t (*flashTechnology)(const char*, std::uint32_t*);
+  std::int32_t (*memoryClass)(const char*, std::uint32_t, std::uint32_t*);
+  std::int32_t (*itemCount)(const char*, std::uint32_t*);
 };
 
 class FlashingLibraryTest : public SimulationTest {
@@ -46,9 +48,9 @@ class FlashingLibraryTest : public SimulationTest {
   }
 
   /// Starts with the modem in flash mode, the library loaded and an image on disk.
-  void StartAndLoad(const ImagePlan& plan = SmallImagePlan(3), ImageDamage damage = ImageDamage::kNone) {
-    options.initial_state = ModemState::kFlashPort;
-    options.timing.bytes_per_second = 1'000'000'000;
+  void StartAndLoad(const ImagePlan& plan = SmallImagePlan(3), ImageDamage damage = ImageDamage::None) {
+    options.initialState = ModemState::FlashPort;
+    options.timing.bytesPerSecond = 1'000'000'000;
     Start();
     g_reports.clear();
     image = BuildImage(plan, damage);
@@ -56,20 +58,20 @@ class FlashingLibraryTest : public SimulationTest {
     ASSERT_TRUE(SaveImageFile(image, path));
     library = platform.Load(L"Firmwareflashdownload.dll");
     ASSERT_NE(library, nullptr);
-    Resolve(exports.boot_target, "_ZEMO_DL_boot_target");
-    Resolve(exports.close_comm_port, "_ZEMO_DL_close_comm_port");
-    Resolve(exports.download_cust_file, "_ZEMO_DL_download_cust_file");
-    Resolve(exports.download_dffs_file, "_ZEMO_DL_download_dffs_file");
-    Resolve(exports.download_fls_file, "_ZEMO_DL_download_fls_file");
-    Resolve(exports.force_target_reset, "_ZEMO_DL_force_target_reset");
-    Resolve(exports.next_free_channel, "_ZEMO_get_next_free_channel");
-    Resolve(exports.progress_bars, "_ZEMO_DL_dll_get_nof_progressbars");
-    Resolve(exports.init_callback, "_ZEMO_DL_init_callback");
-    Resolve(exports.open_comm_port, "_ZEMO_DL_open_comm_port");
-    Resolve(exports.set_parameter, "_ZEMO_DL_set_dll_parameter");
-    Resolve(exports.flash_technology, "_ZEMO_DL_TOC_get_flash_technogy");
-    Resolve(exports.memory_class, "_ZEMO_DL_TOC_get_memory_class");
-    Resolve(exports.item_count, "_ZEMO_DL_TOC_get_nof_items");
+    Resolve(exports.bootTarget, "_ZEMO_DL_boot_target");
+    Resolve(exports.closeCommPort, "_ZEMO_DL_close_comm_port");
+    Resolve(exports.downloadCustFile, "_ZEMO_DL_download_cust_file");
+    Resolve(exports.downloadDffsFile, "_ZEMO_DL_download_dffs_file");
+    Resolve(exports.downloadFlsFile, "_ZEMO_DL_download_fls_file");
+    Resolve(exports.forceTargetReset, "_ZEMO_DL_force_target_reset");
+    Resolve(exports.nextFreeChannel, "_ZEMO_get_next_free_channel");
+    Resolve(exports.progressBars, "_ZEMO_DL_dll_get_nof_progressbars");
+    Resolve(exports.initCallback, "_ZEMO_DL_init_callback");
+    Resolve(exports.openCommPort, "_ZEMO_DL_open_comm_port");
+    Resolve(exports.setParameter, "_ZEMO_DL_set_dll_parameter");
+    Resolve(exports.flashTechnology, "_ZEMO_DL_TOC_get_flash_technogy");
+    Resolve(exports.memoryClass, "_ZEMO_DL_TOC_get_memory_class");
+    Resolve(exports.itemCount, "_ZEMO_DL_TOC_get_nof_items");
   }
   template <typename Function>
   void Resolve(Function& function, const char* name) {
@@ -77,17 +79,17 @@ class FlashingLibraryTest : public SimulationTest {
   }
 
   std::int32_t Open() {
-    channel = exports.next_free_channel();
+    channel = exports.nextFreeChannel();
     const std::wstring wide = Interfaces(kSerialClass).back();
     const std::string port = std::filesystem::path(wide).string();
-    return exports.open_comm_port(channel, port.c_str(), port.c_str(), 921600, status.data());
+    return exports.openCommPort(channel, port.c_str(), port.c_str(), 921600, status.data());
   }
   std::int32_t Boot() {
     std::uint32_t word = 0;
-    return exports.boot_target(channel, path.c_str(), &word, status.data());
+    return exports.bootTarget(channel, path.c_str(), &word, status.data());
   }
   void OpenAndBoot() {
-    ASSERT_EQ(exports.init_callback(&Remember, status.data()), 0);
+    ASSERT_EQ(exports.initCallback(&Remember, status.data()), 0);
     ASSERT_EQ(Open(), 0) << status.data();
     ASSERT_EQ(Boot(), 0) << status.data();
   }
@@ -98,24 +100,24 @@ class FlashingLibraryTest : public SimulationTest {
   std::string Name(std::size_t index) const { return "|" + std::to_string(index) + "|" + path; }
   std::int32_t Download(std::size_t index) {
     const std::string name = Name(index);
-    switch (image.items.at(index).memory_class) {
+    switch (image.items.at(index).memoryClass) {
       case 1:
       case 4:
-        return exports.download_fls_file(channel, name.c_str(), status.data());
+        return exports.downloadFlsFile(channel, name.c_str(), status.data());
       case 11:
-        return exports.download_dffs_file(channel, name.c_str(), 1, status.data());
+        return exports.downloadDffsFile(channel, name.c_str(), 1, status.data());
       case 12:
-        return exports.download_dffs_file(channel, name.c_str(), 2, status.data());
+        return exports.downloadDffsFile(channel, name.c_str(), 2, status.data());
       case 14:
-        return exports.download_dffs_file(channel, name.c_str(), 4, status.data());
+        return exports.downloadDffsFile(channel, name.c_str(), 4, status.data());
       default:
-        return exports.download_cust_file(channel, name.c_str(), status.data());
+        return exports.downloadCustFile(channel, name.c_str(), status.data());
     }
   }
-  std::vector<std::string> Texts(std::int32_t of_status) const {
+  std::vector<std::string> Texts(std::int32_t ofStatus) const {
     std::vector<std::string> texts;
     for (const auto& report : g_reports) {
-      if (report.status == of_status) texts.push_back(report.text);
+      if (report.status == ofStatus) texts.push_back(report.text);
     }
     return texts;
   }
@@ -132,24 +134,24 @@ TEST_F(FlashingLibraryTest, WritesMemoryEqualToTheImages) {
   StartAndLoad(ModemImagePlan());
   OpenAndBoot();
   for (std::size_t i = 0; i < image.items.size(); ++i) ASSERT_EQ(Download(i), 0) << i << status.data();
-  ASSERT_EQ(exports.force_target_reset(channel, 1, 16, 17, 0, status.data()), 0);
+  ASSERT_EQ(exports.forceTargetReset(channel, 1, 16, 17, 0, status.data()), 0);
   const auto comparison = pc->Modem().CompareWith(&image, nullptr);
   EXPECT_TRUE(comparison.equal) << comparison.difference;
   EXPECT_EQ(comparison.bytes, 12u * 1024 * 1024);
-  EXPECT_TRUE(Reaches(ModemState::kNormal));
+  EXPECT_TRUE(Reaches(ModemState::Normal));
 }
 
 TEST_F(FlashingLibraryTest, AnswersTheTableOfContents) {
   StartAndLoad(ModemImagePlan());
   std::uint32_t value = 0;
-  EXPECT_EQ(exports.item_count(path.c_str(), &value), 0);
+  EXPECT_EQ(exports.itemCount(path.c_str(), &value), 0);
   EXPECT_EQ(value, 9u);
-  EXPECT_EQ(exports.memory_class(path.c_str(), 7, &value), 0);
+  EXPECT_EQ(exports.memoryClass(path.c_str(), 7, &value), 0);
   EXPECT_EQ(value, 14u);
-  EXPECT_EQ(exports.flash_technology(path.c_str(), &value), 0);
+  EXPECT_EQ(exports.flashTechnology(path.c_str(), &value), 0);
   EXPECT_EQ(value, 1u);
-  EXPECT_NE(exports.memory_class(path.c_str(), 9, &value), 0);
-  EXPECT_EQ(exports.progress_bars(0, Name(2).c_str(), 0), 29u);
+  EXPECT_NE(exports.memoryClass(path.c_str(), 9, &value), 0);
+  EXPECT_EQ(exports.progressBars(0, Name(2).c_str(), 0), 29u);
 }
 
 TEST_F(FlashingLibraryTest, TellsPercentagesWhileItSends) {
@@ -161,7 +163,7 @@ TEST_F(FlashingLibraryTest, TellsPercentagesWhileItSends) {
 }
 
 TEST_F(FlashingLibraryTest, RefusesAnItemWhoseChecksumIsWrong) {
-  StartAndLoad(SmallImagePlan(3), ImageDamage::kItemChecksum);
+  StartAndLoad(SmallImagePlan(3), ImageDamage::ItemChecksum);
   OpenAndBoot();
   EXPECT_NE(Download(0), 0);
   EXPECT_STREQ(status.data(), "wrong checksum");
@@ -176,13 +178,13 @@ TEST_F(FlashingLibraryTest, RefusesWritingBeforeBoot) {
 TEST_F(FlashingLibraryTest, RefusesAnItemThroughTheWrongExport) {
   StartAndLoad();
   OpenAndBoot();
-  EXPECT_NE(exports.download_fls_file(channel, Name(0).c_str(), status.data()), 0);
+  EXPECT_NE(exports.downloadFlsFile(channel, Name(0).c_str(), status.data()), 0);
 }
 
 TEST_F(FlashingLibraryTest, RefusesAPortThatIsNotTheModems) {
   StartAndLoad();
-  channel = exports.next_free_channel();
-  EXPECT_NE(exports.open_comm_port(channel, "COM1", "COM1", 921600, status.data()), 0);
+  channel = exports.nextFreeChannel();
+  EXPECT_NE(exports.openCommPort(channel, "COM1", "COM1", 921600, status.data()), 0);
 }
 
 TEST_F(FlashingLibraryTest, AnImageThatItCannotOpenHasNoItems) {
@@ -190,16 +192,16 @@ TEST_F(FlashingLibraryTest, AnImageThatItCannotOpenHasNoItems) {
   const UniqueHandle lock = OpenAlone();
   ASSERT_NE(lock, nullptr);
   std::uint32_t value = 0;
-  EXPECT_NE(exports.item_count(path.c_str(), &value), 0);
+  EXPECT_NE(exports.itemCount(path.c_str(), &value), 0);
 }
 
 TEST_F(FlashingLibraryTest, UnloadingClosesThePort) {
   StartAndLoad();
   ASSERT_EQ(Open(), 0);
-  ASSERT_EQ(pc->Modem().State(), ModemState::kChannelOpen);
+  ASSERT_EQ(pc->Modem().State(), ModemState::ChannelOpen);
   platform.Free(library);
   library = nullptr;
-  EXPECT_EQ(pc->Modem().State(), ModemState::kFlashPort);
+  EXPECT_EQ(pc->Modem().State(), ModemState::FlashPort);
 }
 
 TEST_F(FlashingLibraryTest, BootIsRefusedAsOftenAsToldTo) {
@@ -214,7 +216,7 @@ TEST_F(FlashingLibraryTest, BootIsRefusedAsOftenAsToldTo) {
 TEST_F(FlashingLibraryTest, TheChosenItemIsRefused) {
   options.faults.library.calls = {ItemRefused(1, Occurrence::Times(1))};
   ImagePlan plan = SmallImagePlan(3, 1024);
-  plan.items.push_back({MemoryClass::kCust, 1024, 0xF00000});
+  plan.items.push_back({MemoryClass::Cust, 1024, 0xF00000});
   StartAndLoad(plan);
   OpenAndBoot();
   EXPECT_EQ(Download(0), 0);
@@ -225,36 +227,36 @@ TEST_F(FlashingLibraryTest, TheChosenItemIsRefused) {
 TEST_F(FlashingLibraryTest, TheChosenParameterIsRefused) {
   options.faults.library.calls = {ParameterRefused(19)};
   StartAndLoad();
-  EXPECT_EQ(exports.set_parameter(18, 1, status.data()), 0);
-  EXPECT_EQ(exports.set_parameter(19, 0, status.data()), 1);
+  EXPECT_EQ(exports.setParameter(18, 1, status.data()), 0);
+  EXPECT_EQ(exports.setParameter(19, 0, status.data()), 1);
 }
 
 TEST_F(FlashingLibraryTest, ItemsMayHaveNoProgressBars) {
   options.faults.library.calls = {NoProgressBars()};
   StartAndLoad();
-  EXPECT_EQ(exports.progress_bars(0, Name(0).c_str(), 0), 0u);
+  EXPECT_EQ(exports.progressBars(0, Name(0).c_str(), 0), 0u);
 }
 
 TEST_F(FlashingLibraryTest, QueriesOfTheTableFail) {
   options.faults.library.calls = {TocQueryFails("memory_class")};
   StartAndLoad();
   std::uint32_t value = 0;
-  EXPECT_EQ(exports.memory_class(path.c_str(), 0, &value), 1);
-  EXPECT_EQ(exports.item_count(path.c_str(), &value), 0);
+  EXPECT_EQ(exports.memoryClass(path.c_str(), 0, &value), 1);
+  EXPECT_EQ(exports.itemCount(path.c_str(), &value), 0);
 }
 
 TEST_F(FlashingLibraryTest, TheForcedResetIsRefused) {
   options.faults.library.calls = {ForcedResetRefused()};
   StartAndLoad();
   OpenAndBoot();
-  EXPECT_EQ(exports.force_target_reset(channel, 1, 16, 17, 0, status.data()), 1);
-  EXPECT_EQ(pc->Modem().State(), ModemState::kBooted);
+  EXPECT_EQ(exports.forceTargetReset(channel, 1, 16, 17, 0, status.data()), 1);
+  EXPECT_EQ(pc->Modem().State(), ModemState::Booted);
 }
 
 TEST_F(FlashingLibraryTest, RegistrationAnswersWhatItIsToldTo) {
   options.faults.library.calls = {CallbackRegistrationAnswers(2)};
   StartAndLoad();
-  EXPECT_EQ(exports.init_callback(&Remember, status.data()), 2);
+  EXPECT_EQ(exports.initCallback(&Remember, status.data()), 2);
 }
 
 TEST_F(FlashingLibraryTest, ACallOutlastsTheAttemptAndKeepsTheImageLocked) {
@@ -264,8 +266,8 @@ TEST_F(FlashingLibraryTest, ACallOutlastsTheAttemptAndKeepsTheImageLocked) {
   std::int32_t result = -1;
   std::thread worker([&] { result = Boot(); });
   while (pc->BootAttempts() == 0) ::Sleep(1);
-  const UniqueHandle image_file = OpenAlone();
-  EXPECT_EQ(image_file, nullptr) << "the hanging call lets others open the image";
+  const UniqueHandle imageFile = OpenAlone();
+  EXPECT_EQ(imageFile, nullptr) << "the hanging call lets others open the image";
   const UniqueHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   platform.Wait(event.get(), 130000);
   worker.join();
@@ -280,17 +282,17 @@ TEST_F(FlashingLibraryTest, TheLibraryIsMissing) {
 }
 
 TEST_F(FlashingLibraryTest, AnExportIsMissing) {
-  options.faults.library.missing_exports = {"_ZEMO_DL_boot_target"};
+  options.faults.library.missingExports = {"_ZEMO_DL_boot_target"};
   StartAndLoad();
-  EXPECT_EQ(exports.boot_target, nullptr);
-  EXPECT_NE(exports.close_comm_port, nullptr);
+  EXPECT_EQ(exports.bootTarget, nullptr);
+  EXPECT_NE(exports.closeCommPort, nullptr);
   EXPECT_EQ(platform.Address(library, "ZEMO_DL_boot_target"), nullptr);
 }
 
 TEST_F(FlashingLibraryTest, ExportsLackTheirUnderscore) {
-  options.faults.library.exports_without_underscore = true;
+  options.faults.library.exportsWithoutUnderscore = true;
   StartAndLoad();
-  EXPECT_EQ(exports.boot_target, nullptr);
+  EXPECT_EQ(exports.bootTarget, nullptr);
   EXPECT_NE(platform.Address(library, "ZEMO_DL_boot_target"), nullptr);
 }
 
@@ -313,14 +315,14 @@ TEST_P(OddProgressTest, TellsTheseTexts) {
 INSTANTIATE_TEST_SUITE_P(
     Styles, OddProgressTest,
     testing::Values(
-        OddProgress{"NonNumeric", ProgressStyle::kNonNumeric, {"abc", "4x", "", "+45", " 45", "100"}},
-        OddProgress{"Falling", ProgressStyle::kFalling, {"0", "60", "30", "100", "20", "100"}},
-        OddProgress{"PastHundred", ProgressStyle::kPastHundred, {"250"}},
-        OddProgress{"BeforeRawMode", ProgressStyle::kBeforeRawMode, {"10", "50", "90", "100"}}),
+        OddProgress{"NonNumeric", ProgressStyle::NonNumeric, {"abc", "4x", "", "+45", " 45", "100"}},
+        OddProgress{"Falling", ProgressStyle::Falling, {"0", "60", "30", "100", "20", "100"}},
+        OddProgress{"PastHundred", ProgressStyle::PastHundred, {"250"}},
+        OddProgress{"BeforeRawMode", ProgressStyle::BeforeRawMode, {"10", "50", "90", "100"}}),
     [](const auto& style) { return std::string(style.param.name); });
 
 TEST_F(FlashingLibraryTest, BeforeRawModeTheAnnouncementComesLast) {
-  options.faults.library.progress = ProgressStyle::kBeforeRawMode;
+  options.faults.library.progress = ProgressStyle::BeforeRawMode;
   StartAndLoad();
   OpenAndBoot();
   ASSERT_EQ(Download(0), 0);
@@ -330,3 +332,5 @@ TEST_F(FlashingLibraryTest, BeforeRawModeTheAnnouncementComesLast) {
 }
 
 }  // namespace
+
+}  // namespace simulator

@@ -6,7 +6,7 @@
 #define EXPORTED __attribute__((dllexport))
 #endif
 
-extern "C" EXPORTED void GetPlatformCalls(PlatformCalls* calls) {
+extern "C" EXPORTED void GetPlatformCalls(simulator::PlatformCalls* calls) {
   *calls = {
       &::CM_Get_Device_ID_List_SizeW,
       &::CM_Get_Device_ID_ListW,

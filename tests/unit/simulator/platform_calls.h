@@ -4,6 +4,8 @@
 
 #include <cfgmgr32.h>
 
+namespace simulator {
+
 /// The platform's functions as one module's import table has them at the moment.
 struct PlatformCalls {
   decltype(&::CM_Get_Device_ID_List_SizeW) IdListSize;
@@ -37,3 +39,5 @@ struct PlatformCalls {
 
 /// Type of the library's only export, "GetPlatformCalls".
 using GetPlatformCallsFunction = void (*)(PlatformCalls* calls);
+
+}  // namespace simulator

@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
-#include "import_patch.h"
 #include "simulation_test.h"
+#include "simulator/import_patch.h"
+
+namespace simulator {
 
 namespace {
 
@@ -81,3 +83,5 @@ TEST(ImportPatchTest, RefusesAFunctionThatIsNotImported) {
 }
 
 }  // namespace
+
+}  // namespace simulator

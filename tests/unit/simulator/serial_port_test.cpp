@@ -3,6 +3,8 @@
 
 #include "simulation_test.h"
 
+namespace simulator {
+
 namespace {
 
 class SerialPortTest : public SimulationTest {
@@ -33,7 +35,7 @@ TEST_F(SerialPortTest, TheRebootCommandReachesTheModem) {
   StartAndOpen();
   EXPECT_TRUE(Write("at+xlog=4\r"));
   EXPECT_EQ(pc->AtCommands(), std::vector<std::string>{"at+xlog=4\r"});
-  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+  EXPECT_TRUE(Reaches(ModemState::FlashPort));
 }
 
 TEST_F(SerialPortTest, RepliesCanBeReadAndPurged) {
@@ -94,7 +96,7 @@ TEST_F(SerialPortTest, AnotherPortIsNotThere) {
 TEST_F(SerialPortTest, IsGoneWithTheModem) {
   StartAndOpen();
   ASSERT_TRUE(Write("at+xlog=4\r"));
-  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  ASSERT_TRUE(Reaches(ModemState::FlashPort));
   EXPECT_FALSE(Write("at\r"));
 }
 
@@ -106,7 +108,7 @@ struct SerialFault {
 class SerialFaultTest : public SerialPortTest, public testing::WithParamInterface<SerialFault> {};
 
 TEST_P(SerialFaultTest, FailsWithItsError) {
-  options.faults.at_port.*GetParam().error = ERROR_GEN_FAILURE;
+  options.faults.atPort.*GetParam().error = ERROR_GEN_FAILURE;
   Start();
   m_port = Open();
   DCB settings{};
@@ -118,10 +120,12 @@ TEST_P(SerialFaultTest, FailsWithItsError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, SerialFaultTest,
-                         testing::Values(SerialFault{"open", &AtPortFaults::open_error},
-                                         SerialFault{"get", &AtPortFaults::get_state_error},
-                                         SerialFault{"set", &AtPortFaults::set_state_error},
-                                         SerialFault{"write", &AtPortFaults::write_error}),
+                         testing::Values(SerialFault{"open", &AtPortFaults::openError},
+                                         SerialFault{"get", &AtPortFaults::getStateError},
+                                         SerialFault{"set", &AtPortFaults::setStateError},
+                                         SerialFault{"write", &AtPortFaults::writeError}),
                          [](const auto& fault) { return std::string(fault.param.name); });
 
 }  // namespace
+
+}  // namespace simulator

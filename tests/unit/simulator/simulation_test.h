@@ -11,7 +11,9 @@
 
 #include "common/handles.h"
 #include "platform_calls.h"
-#include "virtual_pc.h"
+#include "simulator/virtual_pc.h"
+
+namespace simulator {
 
 /// A virtual PC around a library that stands for the product; `platform` is what that library would call.
 class SimulationTest : public testing::Test {
@@ -23,7 +25,7 @@ class SimulationTest : public testing::Test {
                       test->test_suite_name() + "_" + test->name());
     options.speed = 1000;
     // A busy machine must not let a short-lived state pass unseen.
-    options.timing.boot_loader_window = std::chrono::hours(1);
+    options.timing.bootLoaderWindow = std::chrono::hours(1);
   }
   ~SimulationTest() override {
     pc.reset();
@@ -65,11 +67,11 @@ class SimulationTest : public testing::Test {
     return false;
   }
 
-  std::vector<std::wstring> Interfaces(GUID interface_class) {
+  std::vector<std::wstring> Interfaces(GUID interfaceClass) {
     ULONG size = 0;
-    EXPECT_EQ(platform.InterfaceListSize(&size, &interface_class, nullptr, 0), CR_SUCCESS);
+    EXPECT_EQ(platform.InterfaceListSize(&size, &interfaceClass, nullptr, 0), CR_SUCCESS);
     std::vector<wchar_t> list(size);
-    EXPECT_EQ(platform.InterfaceList(&interface_class, nullptr, list.data(), size, 0), CR_SUCCESS);
+    EXPECT_EQ(platform.InterfaceList(&interfaceClass, nullptr, list.data(), size, 0), CR_SUCCESS);
     return Split(list);
   }
 
@@ -90,3 +92,5 @@ class SimulationTest : public testing::Test {
   UniqueModule caller;
   PlatformCalls platform{};
 };
+
+}  // namespace simulator

@@ -1,5 +1,7 @@
 #include "simulation_test.h"
 
+namespace simulator {
+
 namespace {
 
 constexpr DWORD kProbe = 0x220014;
@@ -51,11 +53,11 @@ TEST_F(UdeDriverTest, ResetIsPendingAndThenCompletes) {
   EXPECT_EQ(Result(), 0u);
   EXPECT_EQ(m_bytes, 0u);
   EXPECT_EQ(pc->BasebandResets(), 1);
-  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+  EXPECT_TRUE(Reaches(ModemState::FlashPort));
 }
 
 TEST_F(UdeDriverTest, ARequestThatNeverCompletesTimesOutAndIsCancelled) {
-  options.faults.driver.never_completes = true;
+  options.faults.driver.neverCompletes = true;
   Start();
   const HANDLE file = Open();
   ASSERT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
@@ -66,7 +68,7 @@ TEST_F(UdeDriverTest, ARequestThatNeverCompletesTimesOutAndIsCancelled) {
 
 TEST_F(UdeDriverTest, ProbeStaysPendingOnTheRightInstance) {
   options.speed = 1;
-  options.faults.driver.two_instances = true;
+  options.faults.driver.twoInstances = true;
   Start();
   ASSERT_NE(Open(1), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Request(kProbe), static_cast<DWORD>(ERROR_IO_PENDING));
@@ -74,7 +76,7 @@ TEST_F(UdeDriverTest, ProbeStaysPendingOnTheRightInstance) {
 }
 
 TEST_F(UdeDriverTest, ProbeCompletesAtOnceOnTheWrongInstance) {
-  options.faults.driver.two_instances = true;
+  options.faults.driver.twoInstances = true;
   Start();
   ASSERT_NE(Open(0), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Request(kProbe), 0u);
@@ -82,8 +84,8 @@ TEST_F(UdeDriverTest, ProbeCompletesAtOnceOnTheWrongInstance) {
 
 TEST_F(UdeDriverTest, AResetOnTheWrongInstanceReachesNoModem) {
   options.speed = 1;
-  options.faults.driver.two_instances = true;
-  options.faults.driver.right_instance_first = true;
+  options.faults.driver.twoInstances = true;
+  options.faults.driver.rightInstanceFirst = true;
   Start();
   Open(1);
   Request(kReset);
@@ -92,15 +94,15 @@ TEST_F(UdeDriverTest, AResetOnTheWrongInstanceReachesNoModem) {
 }
 
 TEST_F(UdeDriverTest, OpenIsRefused) {
-  options.faults.driver.open_error = ERROR_ACCESS_DENIED;
+  options.faults.driver.openError = ERROR_ACCESS_DENIED;
   Start();
   EXPECT_EQ(Open(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
 }
 
 TEST_F(UdeDriverTest, RequestIsRefused) {
-  options.faults.driver.request_error = ERROR_GEN_FAILURE;
-  options.faults.driver.requests_refused = Occurrence::Times(1);
+  options.faults.driver.requestError = ERROR_GEN_FAILURE;
+  options.faults.driver.requestsRefused = Occurrence::Times(1);
   Start();
   Open();
   EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_GEN_FAILURE));
@@ -117,3 +119,5 @@ TEST_F(UdeDriverTest, AClosedHandleIsNoDeviceAnyMore) {
 }
 
 }  // namespace
+
+}  // namespace simulator

@@ -1,9 +1,11 @@
-#include "virtual_clock.h"
+#include "simulator/virtual_clock.h"
 
 #include <gtest/gtest.h>
 
 #include "simulation_test.h"
-#include "working_threads.h"
+#include "simulator/working_threads.h"
+
+namespace simulator {
 
 TEST(VirtualClockTest, DividesWaitsByItsSpeed) {
   const VirtualClock clock(20);
@@ -32,10 +34,10 @@ TEST_F(SimulatedClockTest, TheProductSleepsByVirtualTime) {
   options.speed = 100;
   Start();
   const auto before = pc->Clock().Now();
-  const ULONGLONG real_before = ::GetTickCount64();
+  const ULONGLONG realBefore = ::GetTickCount64();
   platform.SleepFor(5000);
   EXPECT_GE((pc->Clock().Now() - before).count(), 4900);
-  EXPECT_LT(::GetTickCount64() - real_before, 4000u);
+  EXPECT_LT(::GetTickCount64() - realBefore, 4000u);
 }
 
 TEST_F(SimulatedClockTest, TickCountsAgreeWithTheWaits) {
@@ -78,7 +80,7 @@ class WorkingThread {
 };
 
 TEST(ElasticClockTest, FliesWhileNobodyWorks) {
-  const VirtualClock clock(1000, Pace::kElastic);
+  const VirtualClock clock(1000, Pace::Elastic);
   const std::uint64_t begin = ::GetTickCount64();
   clock.Sleep(Milliseconds(60'000));
   EXPECT_GE(clock.Now(), Milliseconds(60'000));
@@ -88,7 +90,7 @@ TEST(ElasticClockTest, FliesWhileNobodyWorks) {
 TEST(ElasticClockTest, GoesAsTheRealOneWhileAThreadWorks) {
   constexpr std::uint64_t kResolution = 50;
   const WorkingThread thread;
-  const VirtualClock clock(1000, Pace::kElastic);
+  const VirtualClock clock(1000, Pace::Elastic);
   const std::uint64_t begin = ::GetTickCount64();
   ::Sleep(100);
   const Milliseconds now = clock.Now();
@@ -96,14 +98,14 @@ TEST(ElasticClockTest, GoesAsTheRealOneWhileAThreadWorks) {
 }
 
 TEST(ElasticClockTest, AWaitInSlicesEndsWithWhatItWaitsFor) {
-  const VirtualClock clock(1000, Pace::kElastic);
+  const VirtualClock clock(1000, Pace::Elastic);
   int slices = 0;
   clock.WaitInSlices(0x7FFFFFFF, [&](DWORD) { return ++slices == 2; });
   EXPECT_EQ(slices, 2);
 }
 
 TEST(ElasticClockTest, AWaitWithoutEndIsOneSlice) {
-  const VirtualClock clock(1000, Pace::kElastic);
+  const VirtualClock clock(1000, Pace::Elastic);
   DWORD waited = 0;
   clock.WaitInSlices(INFINITE, [&](DWORD real) {
     waited = real;
@@ -111,3 +113,5 @@ TEST(ElasticClockTest, AWaitWithoutEndIsOneSlice) {
   });
   EXPECT_EQ(waited, INFINITE);
 }
+
+}  // namespace simulator

@@ -1,4 +1,4 @@
-#include "virtual_modem.h"
+#include "simulator/virtual_modem.h"
 
 #include <gtest/gtest.h>
 
@@ -6,6 +6,8 @@
 #include <string_view>
 
 #include "simulation_test.h"
+
+namespace simulator {
 
 namespace {
 
@@ -40,18 +42,18 @@ class VirtualModemTest : public SimulationTest {
 TEST_F(VirtualModemTest, GoesThroughFlashModeAndBack) {
   Start();
   pc->Modem().HearAtBytes(Bytes("at+xlog=4\r"));
-  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  ASSERT_TRUE(Reaches(ModemState::FlashPort));
   const auto session = OpenAndBoot();
   ASSERT_TRUE(WriteFirstItem(session, image));
   ASSERT_TRUE(pc->Modem().ForceReset(session));
-  ASSERT_TRUE(Reaches(ModemState::kNormal));
-  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+  ASSERT_TRUE(Reaches(ModemState::Normal));
+  EXPECT_EQ(Events(JournalEvent::StateChanged),
             (std::vector<std::string>{"leaving", "restarting", "flash port", "channel open", "booted",
                                       "writing", "booted", "returning", "normal"}));
 }
 
 TEST_F(VirtualModemTest, MemoryEqualsTheImageThatWasWritten) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   EXPECT_FALSE(pc->Modem().CompareWith(&image, nullptr).equal);
   ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
@@ -61,15 +63,15 @@ TEST_F(VirtualModemTest, MemoryEqualsTheImageThatWasWritten) {
 }
 
 TEST_F(VirtualModemTest, ComparisonNamesTheFirstDifference) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
-  image.file[image.items[0].data_offset + 5] ^= 1;
+  image.file[image.items[0].dataOffset + 5] ^= 1;
   EXPECT_EQ(pc->Modem().CompareWith(&image, nullptr).difference, "class 5 differs at 0xe00005");
 }
 
 TEST_F(VirtualModemTest, IsErasedUntilSomethingIsWritten) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   EXPECT_TRUE(pc->Modem().IsErased());
   ASSERT_TRUE(WriteFirstItem(OpenAndBoot(), image));
@@ -79,22 +81,22 @@ TEST_F(VirtualModemTest, IsErasedUntilSomethingIsWritten) {
 TEST_F(VirtualModemTest, LeftAloneBehindABasebandResetItComesBack) {
   Start();
   pc->Modem().ResetBaseband();
-  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kNormal);
-  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::Normal);
+  EXPECT_EQ(Events(JournalEvent::StateChanged),
             (std::vector<std::string>{"restarting", "flash port", "returning", "normal"}));
 }
 
 TEST_F(VirtualModemTest, LeftAloneAfterARebootCommandItStaysInFlashMode) {
   Start();
   pc->Modem().HearAtBytes(Bytes("at+xlog=4\r"));
-  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kFlashPort);
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::FlashPort);
 }
 
 TEST_F(VirtualModemTest, LeftAloneWithItsPortOpenItStaysAsItIs) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   OpenAndBoot();
-  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::kBooted);
+  EXPECT_EQ(pc->Modem().ComeToRest(), ModemState::Booted);
 }
 
 TEST_F(VirtualModemTest, ComparingWithNothingIsNoProof) {
@@ -103,11 +105,11 @@ TEST_F(VirtualModemTest, ComparingWithNothingIsNoProof) {
 }
 
 TEST_F(VirtualModemTest, OfAnNvmImageBesideAModemImageOnlyTheFirstItemCounts) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
-  ImagePlan two_items = SmallImagePlan(4, 1024, 0xF00000);
-  two_items.items.push_back({MemoryClass::kCust, 1024, 0xF10000});
-  const FlashImage nvm = BuildImage(two_items);
+  ImagePlan twoItems = SmallImagePlan(4, 1024, 0xF00000);
+  twoItems.items.push_back({MemoryClass::Cust, 1024, 0xF10000});
+  const FlashImage nvm = BuildImage(twoItems);
   const auto session = OpenAndBoot();
   ASSERT_TRUE(WriteFirstItem(session, image));
   ASSERT_TRUE(WriteFirstItem(session, nvm));
@@ -116,37 +118,37 @@ TEST_F(VirtualModemTest, OfAnNvmImageBesideAModemImageOnlyTheFirstItemCounts) {
 }
 
 TEST_F(VirtualModemTest, RefusesWritingBeforeBoot) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   const auto session = pc->Modem().OpenPort();
   EXPECT_FALSE(pc->Modem().BeginItem(session, image.items[0]));
-  EXPECT_EQ(Events(JournalEvent::kItemRefused).back(), "written before boot");
+  EXPECT_EQ(Events(JournalEvent::ItemRefused).back(), "written before boot");
 }
 
 TEST_F(VirtualModemTest, RefusesAnItemWithAWrongChecksum) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
-  const FlashImage damaged = BuildImage(SmallImagePlan(3), ImageDamage::kItemChecksum);
+  const FlashImage damaged = BuildImage(SmallImagePlan(3), ImageDamage::ItemChecksum);
   EXPECT_FALSE(WriteFirstItem(OpenAndBoot(), damaged));
   EXPECT_EQ(pc->Modem().ItemsWritten(), 0u);
 }
 
 TEST_F(VirtualModemTest, RefusesADamagedBootFile) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   const auto session = pc->Modem().OpenPort();
-  EXPECT_FALSE(pc->Modem().Boot(session, BuildImage(SmallImagePlan(3), ImageDamage::kHeaderChecksum).file));
+  EXPECT_FALSE(pc->Modem().Boot(session, BuildImage(SmallImagePlan(3), ImageDamage::HeaderChecksum).file));
 }
 
 TEST_F(VirtualModemTest, RefusesASecondOpenOfItsPort) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   EXPECT_NE(pc->Modem().OpenPort(), 0u);
   EXPECT_EQ(pc->Modem().OpenPort(), 0u);
 }
 
 TEST_F(VirtualModemTest, RefusesTheOldSessionAfterABasebandReset) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   const auto session = OpenAndBoot();
   pc->Modem().ResetBaseband();
@@ -155,24 +157,24 @@ TEST_F(VirtualModemTest, RefusesTheOldSessionAfterABasebandReset) {
 }
 
 TEST_F(VirtualModemTest, StartsNormallyWhenNobodyUsesTheBootLoaderAfterABasebandReset) {
-  options.timing.boot_loader_window = Milliseconds(10000);
+  options.timing.bootLoaderWindow = Milliseconds(10000);
   Start();
   pc->Modem().ResetBaseband();
-  ASSERT_TRUE(Reaches(ModemState::kNormal));
-  EXPECT_EQ(Events(JournalEvent::kStateChanged),
+  ASSERT_TRUE(Reaches(ModemState::Normal));
+  EXPECT_EQ(Events(JournalEvent::StateChanged),
             (std::vector<std::string>{"restarting", "flash port", "returning", "normal"}));
 }
 
 TEST_F(VirtualModemTest, StaysInFlashModeWhenItWasToldTo) {
   Start();
   EXPECT_TRUE(pc->Modem().RebootByMbim());
-  ASSERT_TRUE(Reaches(ModemState::kFlashPort));
+  ASSERT_TRUE(Reaches(ModemState::FlashPort));
   pc->Clock().Sleep(Milliseconds(60000));
-  EXPECT_EQ(pc->Modem().State(), ModemState::kFlashPort);
+  EXPECT_EQ(pc->Modem().State(), ModemState::FlashPort);
 }
 
 TEST_F(VirtualModemTest, TakesNoRebootCommandInFlashMode) {
-  options.initial_state = ModemState::kFlashPort;
+  options.initialState = ModemState::FlashPort;
   Start();
   EXPECT_FALSE(pc->Modem().RebootByMbim());
 }
@@ -181,24 +183,24 @@ TEST_F(VirtualModemTest, TakesTheAtCommandOnlyWhole) {
   options.timing.leaving = std::chrono::hours(1);
   Start();
   pc->Modem().HearAtBytes(Bytes("at+xlog=4"));
-  EXPECT_EQ(pc->Modem().State(), ModemState::kNormal);
+  EXPECT_EQ(pc->Modem().State(), ModemState::Normal);
   EXPECT_EQ(pc->Modem().HearAtBytes(Bytes("\r")), "\r\nOK\r\n");
-  EXPECT_EQ(pc->Modem().State(), ModemState::kLeaving);
+  EXPECT_EQ(pc->Modem().State(), ModemState::Leaving);
 }
 
 TEST_F(VirtualModemTest, AFlashPortThatIsMissingOnceComesAfterAReset) {
-  options.faults.modem.flash_port_missing = Occurrence::Times(1);
+  options.faults.modem.flashPortMissing = Occurrence::Times(1);
   Start();
   pc->Modem().RebootByMbim();
-  EXPECT_FALSE(Reaches(ModemState::kFlashPort));
+  EXPECT_FALSE(Reaches(ModemState::FlashPort));
   pc->Modem().ResetBaseband();
-  EXPECT_TRUE(Reaches(ModemState::kFlashPort));
+  EXPECT_TRUE(Reaches(ModemState::FlashPort));
 }
 
 class ModemReturnTest : public VirtualModemTest {
  protected:
   void FlashAndReset() {
-    options.initial_state = ModemState::kFlashPort;
+    options.initialState = ModemState::FlashPort;
     Start();
     const auto session = OpenAndBoot();
     ASSERT_TRUE(WriteFirstItem(session, image));
@@ -207,36 +209,38 @@ class ModemReturnTest : public VirtualModemTest {
 };
 
 TEST_F(ModemReturnTest, ComesBackLate) {
-  options.faults.modem.return_delay = Milliseconds(200000);
+  options.faults.modem.returnDelay = Milliseconds(200000);
   FlashAndReset();
   const auto before = pc->Clock().Now();
-  EXPECT_TRUE(Reaches(ModemState::kNormal, std::chrono::hours(10)));
+  EXPECT_TRUE(Reaches(ModemState::Normal, std::chrono::hours(10)));
   EXPECT_GE((pc->Clock().Now() - before).count(), 100000);
 }
 
 TEST_F(ModemReturnTest, ComesBackWhenTheProductGaveUpWaiting) {
-  options.faults.modem.returns_at_last_check = true;
+  options.faults.modem.returnsAtLastCheck = true;
   FlashAndReset();
-  EXPECT_FALSE(Reaches(ModemState::kNormal));
+  EXPECT_FALSE(Reaches(ModemState::Normal));
   const UniqueHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   platform.Wait(event.get(), 23000);
-  EXPECT_EQ(pc->Modem().State(), ModemState::kNormal);
+  EXPECT_EQ(pc->Modem().State(), ModemState::Normal);
 }
 
 TEST_F(ModemReturnTest, ComesBackAfterSoManyResets) {
-  options.faults.modem.returns_after_resets = 2;
+  options.faults.modem.returnsAfterResets = 2;
   FlashAndReset();
   pc->Modem().ResetBaseband();
-  EXPECT_FALSE(Reaches(ModemState::kNormal));
+  EXPECT_FALSE(Reaches(ModemState::Normal));
   pc->Modem().ResetBaseband();
-  EXPECT_TRUE(Reaches(ModemState::kNormal));
+  EXPECT_TRUE(Reaches(ModemState::Normal));
 }
 
 TEST_F(ModemReturnTest, NeverComesBack) {
-  options.faults.modem.never_returns = true;
+  options.faults.modem.neverReturns = true;
   FlashAndReset();
   pc->Modem().ResetBaseband();
-  EXPECT_FALSE(Reaches(ModemState::kNormal));
+  EXPECT_FALSE(Reaches(ModemState::Normal));
 }
 
 }  // namespace
+
+}  // namespace simulator

@@ -13,7 +13,7 @@
 
 #include "common/handles.h"
 #include "config/configparser.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/host_folder.h"
 #include "toolkit/toolkit.h"
 
@@ -73,8 +73,8 @@ class EntryRoutineTest : public testing::Test {
   }
 
   HostFolder host;
-  ImportPatch library{::GetModuleHandleW(L"toolkit_internals.dll")};
-  ImportPatch entry{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch library{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch entry{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(EntryRoutineTest, StartsTheServiceInAnyHost) {

@@ -9,7 +9,7 @@
 
 #include "common/handles.h"
 #include "common/text.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/scarce_memory.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
@@ -77,7 +77,7 @@ class ListedEntries {
   static inline std::size_t s_next = 0;
   static inline std::size_t s_end = 0;
   static inline DWORD s_error = ERROR_NO_MORE_FILES;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class FirmwareFilesTest : public testing::Test {

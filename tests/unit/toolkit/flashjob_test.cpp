@@ -470,7 +470,7 @@ LSTATUS WINAPI RefuseReadyFlag(HKEY key, LPCWSTR name, DWORD reserved, DWORD typ
 }
 
 TEST_P(FlashJobTest, TellsOnceThatTheFlagCouldNotBeCleared) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("RegSetValueExW", &RefuseReadyFlag));
   RunJob();
   EXPECT_EQ(bench.Ready(), 1);
@@ -517,7 +517,7 @@ class JobsEndTest : public FlashJobTest {
 
   static inline JobsEndTest* s_test = nullptr;
   std::vector<std::string> m_steps;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 INSTANTIATE_TEST_SUITE_P(BothWays, JobsEndTest,
@@ -556,7 +556,7 @@ class NoEngineTest : public FlashJobTest {
   }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 INSTANTIATE_TEST_SUITE_P(BothWays, NoEngineTest,

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/host_folder.h"
 #include "toolkit/toolkit.h"
 
@@ -47,7 +47,7 @@ class ThreadRequests {
   static inline bool s_refused = false;
   static inline SIZE_T s_stackSize = 0;
   static inline DWORD s_flags = 0;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class ReleasableToolKit : public ToolKit {
@@ -94,7 +94,7 @@ BOOL WINAPI RecordPin(DWORD flags, LPCWSTR address, HMODULE* module) {
 TEST_F(InitializeTest, KeepsTheLibraryLoadedForGoodBeforeItStartsTheThread) {
   host.WriteConfig("title\n");
   g_pinned = 0;
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &RecordPin));
   ToolKit::Initialize();
   EXPECT_EQ(threads.Count(), 1);

@@ -6,7 +6,7 @@
 #include <array>
 #include <string>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/scratch_key.h"
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
@@ -53,7 +53,7 @@ class ModemBranchTest : public testing::Test {
   ScratchKey key;
   TestLog log;
   std::array<char, 1024> buffer;
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(ModemBranchTest, ANameThatHolds4850IsTheNewerBranch) {

@@ -14,7 +14,7 @@
 
 #include "common/text.h"
 #include "config/configparser.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/host_folder.h"
 #include "support/scratch_key.h"
 #include "support/test_log.h"
@@ -79,7 +79,7 @@ class OpenKeys {
   static inline std::vector<HKEY> s_open;
   static inline std::vector<REGSAM> s_access;
   static inline std::vector<std::pair<DWORD, REGSAM>> s_created;
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 bool IsClosed(HKEY key) {
@@ -267,7 +267,7 @@ LSTATUS WINAPI RefuseToSet(HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWOR
 
 TEST_F(RegistryTest, AValueThatCannotBeSetIsAFailure) {
   key.Make();
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("RegSetValueExW", &RefuseToSet));
   OpenKeys keys;
   EXPECT_FALSE(Write(6));
@@ -476,7 +476,7 @@ class MonitorTest : public testing::Test {
 
   ScratchKey key;
   TestLog log;
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 
   std::function<void()> beforeArming = [] {};
   std::function<void()> afterArming = [] {};
@@ -786,7 +786,7 @@ class UnreadableFlagTest : public MonitorTest {
     return ::RegQueryValueExW(opened, name, reserved, type, data, size);
   }
 
-  ImportPatch m_access{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_access{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 // Nobody changes the key again: who asked for the flash has done so.

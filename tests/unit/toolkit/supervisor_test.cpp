@@ -158,7 +158,7 @@ class LackOfMemoryTest : public SupervisorTest {
   }
 
  private:
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(LackOfMemoryTest, OfAPassIsSurvivedAndTheNextPassServesTheRequest) {

@@ -14,6 +14,7 @@
 #include "common/debuglogger.h"
 #include "common/programfolder.h"
 #include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/scarce_memory.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
@@ -34,7 +35,7 @@ std::wstring Wide(CTString text) {
 
 class PatchedTest : public testing::Test {
  protected:
-  ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 // Folder of the host

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 
 /// The device interfaces of a driver in the place of the system's. Each is an overlapped pipe and a request
 /// a read on it, so that events, time limits and cancelling are the system's own; only the time limits are
@@ -250,7 +250,7 @@ class FakeDriver {
   static inline std::atomic<int> s_opened{0};
   static inline std::atomic<int> s_closedTwice{0};
 
-  ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
   std::vector<Interface> m_interfaces;
   std::vector<Request> m_requests;
   std::vector<std::wstring> m_triedPaths;

@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "import_patch.h"
+#include "simulator/import_patch.h"
 #include "support/com_apartment.h"
 #include "xmlfile/xmlfile.h"
 
@@ -73,8 +73,8 @@ TEST(XmlNameValueTest, ATimeThatNoDateCanHoldBecomesZero) {
 }
 
 TEST(XmlNameValueTest, CopiesShareTheBstrAndNobodyFreesIt) {
-  ImportPatch inTheLibrary(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ImportPatch inTheHost(::GetModuleHandleW(nullptr));
+  simulator::ImportPatch inTheLibrary(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch inTheHost(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(inTheLibrary.Replace("SysFreeString", &CountFreeing));
   inTheHost.Replace("SysFreeString", &CountFreeing);
   g_freed = 0;
@@ -106,7 +106,7 @@ BSTR WINAPI NoMemory(const OLECHAR*, UINT) {
 /// The process of the statement has no memory for a BSTR, and catches whatever it can.
 template <typename Action>
 void WithoutMemoryForTexts(Action action) {
-  ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   patch.Replace("SysAllocStringLen", &NoMemory);
   try {
     action();

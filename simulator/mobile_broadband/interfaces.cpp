@@ -1,0 +1,68 @@
+#include "simulator/mobile_broadband/interfaces.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "download/mobilebroadband.h"
+#include "simulator/mobile_broadband/automation.h"
+#include "simulator/mobile_broadband/service_object.h"
+
+namespace simulator {
+
+namespace {
+
+class BroadbandInterface final : public ServiceObject<IMbnInterface> {
+ public:
+  BroadbandInterface(Service service, std::wstring id)
+      : ServiceObject(std::move(service)), m_id(std::move(id)) {}
+
+  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* id) override {
+    return HandOut("get_InterfaceID", id, [this] { return NewBstr(m_id); });
+  }
+  HRESULT STDMETHODCALLTYPE GetInterfaceCapability(MBN_INTERFACE_CAPS*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetSubscriberInformation(IMbnSubscriberInformation**) override {
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE GetReadyState(MBN_READY_STATE*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE InEmergencyMode(VARIANT_BOOL*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetHomeProvider(MBN_PROVIDER*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetPreferredProviders(SAFEARRAY**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE SetPreferredProviders(SAFEARRAY*, ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetVisibleProviders(ULONG*, SAFEARRAY**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE ScanNetwork(ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetConnection(IMbnConnection**) override { return E_NOTIMPL; }
+
+ private:
+  std::wstring m_id;
+};
+
+class InterfaceManager final : public ServiceObject<IMbnInterfaceManager> {
+ public:
+  explicit InterfaceManager(Service service) : ServiceObject(std::move(service)) {}
+
+  HRESULT STDMETHODCALLTYPE GetInterface(LPCWSTR, IMbnInterface**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetInterfaces(SAFEARRAY** interfaces) override {
+    return HandOut("GetInterfaces", interfaces, [this] { return ListOfInterfaces(); });
+  }
+
+ private:
+  SAFEARRAY* ListOfInterfaces() const {
+    std::vector<IUnknown*> interfaces;
+    if (TheService().ModemIsThere()) {
+      for (const auto& id : TheService().behaviour.interfaces) {
+        // The array takes over the reference; an empty id stands for an element that holds nothing.
+        interfaces.push_back(id.empty() ? nullptr : new BroadbandInterface(SharedService(), id));
+      }
+    }
+    return NewArray(VT_UNKNOWN, interfaces);
+  }
+};
+
+}  // namespace
+
+IUnknown* NewInterfaceManager(const Service& service) {
+  return new InterfaceManager(service);
+}
+
+}  // namespace simulator

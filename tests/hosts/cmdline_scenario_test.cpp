@@ -63,11 +63,11 @@ std::string TestName(const testing::TestParamInfo<const Scenario*>& scenario) {
 
 /// Whether the command line ends as the service does, but for the words of its log.
 bool EndsAsTheService(const Scenario& scenario) {
-  return ExpectedOfCommandLine(scenario, Asker::kHost).reason.empty();
+  return ExpectedOfCommandLine(scenario, Asker::Host).reason.empty();
 }
 
-/// What no scenario with an end of its own has: a job with a second attempt, a modem that stays away, and both
-/// other ways into flash mode.
+/// What no scenario with an end of its own has: a job with a second attempt, a modem that stays away, and
+/// both other ways into flash mode.
 bool IsTheFirstOfItsKind(const Scenario& scenario) {
   constexpr std::array<std::string_view, 4> kNames{"download-fails-once", "return-never", "route-at",
                                                    "route-flash-port"};

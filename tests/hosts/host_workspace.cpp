@@ -104,6 +104,6 @@ std::vector<std::wstring> HostWorkspace::FilesBesideTheInstallation() const {
 simulator::MemoryComparison HostWorkspace::CompareModemMemory() const {
   const simulator::VirtualClock clock(1.0);
   simulator::VirtualModem modem(clock, File(L"modem_flash.bin"), {}, {}, simulator::ModemState::Normal,
-                                [](JournalEvent, const std::string&) {});
+                                [](simulator::JournalEvent, const std::string&) {});
   return modem.CompareWith(&DefaultModemImage(), &DefaultNvmImage());
 }

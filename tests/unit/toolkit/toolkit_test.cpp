@@ -13,7 +13,6 @@
 
 #include "common/debuglogger.h"
 #include "common/programfolder.h"
-#include "import_patch.h"
 #include "simulator/import_patch.h"
 #include "support/scarce_memory.h"
 #include "support/temporary_folder.h"

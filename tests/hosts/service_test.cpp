@@ -569,7 +569,7 @@ TEST_F(ServiceTest, FlashesForAControllingProgram) {
   const RunResult controller = RunToEnd(Controller(), ControllerArguments());
   EXPECT_EQ(controller.exitCode, 0);
   EXPECT_THAT(controller.output, HasSubstr("Flash_Result 4: flashed"));
-  const MemoryComparison comparison = workspace.CompareModemMemory();
+  const simulator::MemoryComparison comparison = workspace.CompareModemMemory();
   EXPECT_TRUE(comparison.equal) << comparison.difference;
   EXPECT_EQ(key.Read().ready, 0u);
   EXPECT_EQ(Service({L"stop"}).exitCode, 0);

@@ -20,8 +20,8 @@
 #include "simulator/program/judgement.h"
 #include "simulator/program/report.h"
 #include "simulator/program/scenario_table.h"
-#include "simulator/program/scratch_key.h"
 #include "simulator/program/session.h"
+#include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 #include "text.h"
 
@@ -150,7 +150,7 @@ int RunOne(const Command& command) {
   const std::wstring key = NextKey();
   const ChildResult child = RunChild(folder.Program(), ArgumentsOf(command, key),
                                      RealLimit(command.speed.value_or(1.0)), {}, interruption.Event());
-  ScratchKey::Remove(key);
+  SessionKey::Remove(key);
   if (child.interrupted) return ConcludeInterrupted(command);
   const std::string trouble = TroubleOf(child);
   if (!trouble.empty()) throw std::runtime_error(trouble + "; debug log in " + NameForPeople(folder.Path()));
@@ -197,7 +197,7 @@ class ScenarioRun {
     const auto output = folder.Path() / L"report.json";
     const ChildResult child = RunChild(folder.Program(), ArgumentsOf(one, key), RealLimit(*one.speed), output,
                                        m_interruption.Event());
-    ScratchKey::Remove(key);
+    SessionKey::Remove(key);
     if (child.interrupted) {
       m_interrupted = true;
       return {};

@@ -7,7 +7,7 @@
 
 #include "simulator/program/configuration.h"
 #include "simulator/program/firmware_folder.h"
-#include "simulator/program/scratch_key.h"
+#include "simulator/program/session_key.h"
 #include "text.h"
 
 namespace simulator {
@@ -172,7 +172,7 @@ class Session {
 
   const SessionPlan& m_plan;
   const std::function<void(const Snapshot&)>& m_show;
-  ScratchKey m_key;
+  SessionKey m_key;
   FirmwareFolder m_firmware;
   ConfigurationFile m_configuration;
   VirtualPc m_pc;

@@ -27,7 +27,7 @@
 #include "simulator/flash_image.h"
 #include "simulator/import_patch.h"
 #include "simulator/program/configuration.h"
-#include "simulator/program/scratch_key.h"
+#include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 #include "simulator/virtual_pc.h"
 #include "text.h"
@@ -123,13 +123,13 @@ class RoundsAtRest {
     return s_count;
   }
   static int Count() { return s_count; }
-  static void Watch(ScratchKey& key) { s_key = &key; }
+  static void Watch(SessionKey& key) { s_key = &key; }
 
  private:
   // Looking and counting are one step, as are raising and reading the count.
   static inline std::mutex s_lock;
   static inline std::atomic<int> s_count{0};
-  static inline ScratchKey* s_key = nullptr;
+  static inline SessionKey* s_key = nullptr;
 };
 
 class LackOfMemory : public testing::Test {
@@ -229,7 +229,7 @@ class LackOfMemory : public testing::Test {
   }
 
   const std::filesystem::path m_folder = ProgramFolder();
-  ScratchKey m_key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
+  SessionKey m_key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
   std::optional<ConfigurationFile> m_configuration;
   std::optional<VirtualPc> m_pc;
   std::uint32_t m_images = 0;

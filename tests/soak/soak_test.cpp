@@ -26,7 +26,7 @@
 #include "simulator/program/configuration.h"
 #include "simulator/program/debug_log.h"
 #include "simulator/program/firmware_folder.h"
-#include "simulator/program/scratch_key.h"
+#include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 #include "simulator/virtual_pc.h"
 #include "support/handle_census.h"
@@ -108,7 +108,7 @@ class SoakTest : public testing::Test {
   std::vector<DebugRecord> Log() const { return ReadDebugLog(m_folder / kLogFile); }
 
   const std::filesystem::path m_folder = ProgramFolder();
-  ScratchKey m_key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
+  SessionKey m_key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
   std::optional<ConfigurationFile> m_configuration;
   std::optional<VirtualPc> m_pc;
 };
@@ -346,7 +346,7 @@ class FlagBetweenRounds {
   }
 
   static inline std::atomic<int> s_rounds{0};
-  static inline ScratchKey* s_key = nullptr;
+  static inline SessionKey* s_key = nullptr;
 };
 
 TEST_F(Waiting, AFlagThatGoesUpBetweenTwoRoundsStartsTheJobAtOnce) {

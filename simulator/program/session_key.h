@@ -10,14 +10,14 @@
 namespace simulator {
 
 /// The handshake's registry key of one run, below HKEY_CURRENT_USER: made empty, removed at the end.
-class ScratchKey {
+class SessionKey {
  public:
   /// @param standsForMachine the key takes the place of HKEY_LOCAL_MACHINE in this process: a library
   /// whose configuration names no key writes its values right there.
-  ScratchKey(std::wstring path, bool standsForMachine);
-  ~ScratchKey();
-  ScratchKey(const ScratchKey&) = delete;
-  ScratchKey& operator=(const ScratchKey&) = delete;
+  SessionKey(std::wstring path, bool standsForMachine);
+  ~SessionKey();
+  SessionKey(const SessionKey&) = delete;
+  SessionKey& operator=(const SessionKey&) = delete;
 
   /// As the configuration names it: "HKCU\...".
   std::wstring Location() const;

@@ -1,4 +1,4 @@
-#include "simulator/program/scratch_key.h"
+#include "simulator/program/session_key.h"
 
 #include <stdexcept>
 #include <utility>
@@ -16,7 +16,7 @@ void Require(LSTATUS status, const char* what) {
 
 }  // namespace
 
-ScratchKey::ScratchKey(std::wstring path, bool standsForMachine)
+SessionKey::SessionKey(std::wstring path, bool standsForMachine)
     : m_key{HKEY_CURRENT_USER, L"HKCU", std::move(path)},
       m_standsForMachine(standsForMachine),
       m_watch(m_key) {
@@ -31,28 +31,28 @@ ScratchKey::ScratchKey(std::wstring path, bool standsForMachine)
   Require(stands, "the registry key cannot stand for another");
 }
 
-ScratchKey::~ScratchKey() {
+SessionKey::~SessionKey() {
   if (m_standsForMachine) ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
   Remove(m_key.path);
 }
 
-std::wstring ScratchKey::Location() const {
+std::wstring SessionKey::Location() const {
   return m_key.rootName + L"\\" + m_key.path;
 }
 
-void ScratchKey::Write(const wchar_t* name, std::uint32_t value) {
+void SessionKey::Write(const wchar_t* name, std::uint32_t value) {
   Require(static_cast<LSTATUS>(WriteHandshakeValue(m_key, name, value)), "the registry cannot be written");
 }
 
-void ScratchKey::ArmWatch() {
+void SessionKey::ArmWatch() {
   Require(static_cast<LSTATUS>(m_watch.Arm()), "the registry key cannot be watched");
 }
 
-void ScratchKey::WaitForChange(std::chrono::milliseconds limit) {
+void SessionKey::WaitForChange(std::chrono::milliseconds limit) {
   ::WaitForSingleObject(m_watch.Event(), static_cast<DWORD>(limit.count()));
 }
 
-void ScratchKey::Remove(const std::wstring& path) {
+void SessionKey::Remove(const std::wstring& path) {
   ::RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
 }
 

@@ -36,7 +36,7 @@ TEST_F(FlashTest, WritesTheImagesIntoTheModem) {
   EXPECT_THAT(result.output,
               HasSubstr("The modem was flashed and is back. Result 4 (succeeded), 1 attempt, "));
   EXPECT_THAT(result.output, HasSubstr("The images were deleted. Nothing is left to do."));
-  const MemoryComparison comparison = workspace.CompareModemMemory();
+  const simulator::MemoryComparison comparison = workspace.CompareModemMemory();
   EXPECT_TRUE(comparison.equal) << comparison.difference;
 }
 

@@ -5,21 +5,47 @@
 
 #include "common/devicelist.h"
 #include "common/log.h"
-#include "download/firmwaredownloader.h"
 
 namespace {
 
 constexpr DWORD kSettleTimeMs = 500;
 
-/// Both forms of the scan log under this name.
+// The procedures under whose names these log; both forms of the scan have one.
+constexpr char kIsMbimModemPresence[] = "CFirmwareDownloader::IsMBIMModemPresence";
+constexpr char kIsFlashPortPresence[] = "CFirmwareDownloader::IsFlashPortPresence";
 constexpr char kScanForHardwareChanges[] = "CFirmwareDownloader::ScanForHardwareChanges";
 
 void MakeUpper(wchar_t* text) {
   for (; *text != L'\0'; ++text) *text = static_cast<wchar_t>(std::towupper(*text));
 }
 
-/// Asks Plug and Play to look at the whole device tree again; it does so on its own time.
-/// @return false, logged, when the tree's root was not found or the request was refused.
+}  // namespace
+
+bool IsDevicePresent(const wchar_t* id) {
+  const DeviceList devices = FetchPresentDeviceIds();
+  for (wchar_t* device : devices.Entries()) {
+    MakeUpper(device);
+    if (std::wcsstr(device, id) != nullptr) return true;
+  }
+  return false;
+}
+
+bool IsMbimModemPresent() {
+  LOG_TRACE_AS(kIsMbimModemPresence, "IsMBIMModemPresence ++");
+  const bool present = IsDevicePresent(kMbimModemId);
+  if (present) LOG_TRACE_AS(kIsMbimModemPresence, "MBIM modem presence");
+  LOG_TRACE_AS(kIsMbimModemPresence, "IsMBIMModemPresence --");
+  return present;
+}
+
+bool IsFlashPortPresent() {
+  LOG_TRACE_AS(kIsFlashPortPresence, "IsFlashPortPresence ++");
+  const bool present = IsDevicePresent(kFlashPortId);
+  if (present) LOG_TRACE_AS(kIsFlashPortPresence, "Flash port presence");
+  LOG_TRACE_AS(kIsFlashPortPresence, "IsFlashPortPresence --");
+  return present;
+}
+
 bool ReenumerateDeviceTree() {
   DEVINST root = 0;
   const CONFIGRET located = ::CM_Locate_DevNodeW(&root, nullptr, CM_LOCATE_DEVNODE_NORMAL);
@@ -37,38 +63,7 @@ bool ReenumerateDeviceTree() {
   return true;
 }
 
-}  // namespace
-
-bool IsDevicePresent(const wchar_t* id) {
-  const DeviceList devices = FetchPresentDeviceIds();
-  for (wchar_t* device : devices.Entries()) {
-    MakeUpper(device);
-    if (std::wcsstr(device, id) != nullptr) return true;
-  }
-  return false;
-}
-
-bool CFirmwareDownloader::IsMBIMModemPresence() {
-  LOG_TRACE("IsMBIMModemPresence ++");
-  const bool present = IsDevicePresent(kMbimModemId);
-  if (present) LOG_TRACE("MBIM modem presence");
-  LOG_TRACE("IsMBIMModemPresence --");
-  return present;
-}
-
-bool CFirmwareDownloader::IsFlashPortPresence() {
-  LOG_TRACE("IsFlashPortPresence ++");
-  const bool present = IsDevicePresent(kFlashPortId);
-  if (present) LOG_TRACE("Flash port presence");
-  LOG_TRACE("IsFlashPortPresence --");
-  return present;
-}
-
-bool CFirmwareDownloader::ScanForHardwareChanges() {
-  return ReenumerateDeviceTree();
-}
-
-void CFirmwareDownloader::ScanForHardwareChangesAndSettle() {
+void ReenumerateDeviceTreeAndSettle() {
   ::Sleep(kSettleTimeMs);
   ReenumerateDeviceTree();
   ::Sleep(kSettleTimeMs);

@@ -11,7 +11,8 @@
 #include "common/programfolder.h"
 #include "common/tstring.h"
 #include "common/win32error.h"
-#include "download/firmwaredownloader.h"
+#include "download/attempt.h"
+#include "download/flashservice.h"
 
 namespace {
 
@@ -79,11 +80,9 @@ void SetLibrary(std::shared_ptr<FlashLibrary> library) {
   g_binding->library.swap(library);
 }
 
-void ReportProgress(CFirmwareDownloader& engine, const char* statusText) {
-  const int percent = engine.GetAbsoluteProgress(statusText);
-  engine.UnlessAbandoned([percent] {
-    ToolKit::SetFlashProcess(ToolKit::GetHKEYRegistryMainKey(), ToolKit::GetRegistryStrKey(), percent);
-  });
+void ReportProgress(corvel::Attempt& attempt, const char* statusText) {
+  const int percent = attempt.GetAbsoluteProgress(statusText);
+  attempt.UnlessAbandoned([percent] { corvel::Service().reportProgress(percent); });
 }
 
 }  // namespace
@@ -156,11 +155,11 @@ void CDownloadToolDll::HandleCallbacks(std::uint8_t channel, std::int32_t status
                                        const char* statusText) try {
   const char* const text = statusText == nullptr ? "" : statusText;
   LOG_TRACE("Channel: %d, Status: %d, StatusText: %s", channel, static_cast<int>(status), text);
-  const std::shared_ptr<CFirmwareDownloader> engine = CFirmwareDownloader::OfThisThread();
+  const std::shared_ptr<corvel::Attempt> attempt = corvel::Attempt::OfThisThread();
   // News of an attempt that was given up must not pass for the present one's.
-  if (engine != nullptr && engine->IsAbandoned()) return;
+  if (attempt != nullptr && attempt->IsAbandoned()) return;
   if (status == kStatusMessage) g_sending = CTString(text) == kSendingData;
-  if (status == kStatusProgress && g_sending && engine != nullptr) ReportProgress(*engine, text);
+  if (status == kStatusProgress && g_sending && attempt != nullptr) ReportProgress(*attempt, text);
 } catch (...) {
   // Out of memory: this percentage is lost, and the library must not see an exception.
 }

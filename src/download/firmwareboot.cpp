@@ -1,4 +1,4 @@
-#include "download/firmwaredownloader.h"
+#include "download/firmwareboot.h"
 
 #include "common/log.h"
 #include "common/narrow.h"
@@ -7,9 +7,14 @@
 #include "common/worker.h"
 #include "config/configparser.h"
 #include "download/atprocessor.h"
+#include "download/devicepresence.h"
 #include "download/flashportsearch.h"
+#include "download/flashservice.h"
 #include "download/flashtimes.h"
+#include "download/mbimreboot.h"
 #include "udeiocontrol/udeiocontrol.h"
+
+namespace corvel {
 
 namespace {
 
@@ -27,33 +32,38 @@ constexpr DWORD kLateClosePollMs = 100;
 
 // The procedures under whose names their helpers log.
 constexpr char kBootDevice[] = "CFirmwareDownloader::BootDeviceInFirmwareMode";
+constexpr char kRebootModem[] = "CFirmwareDownloader::RebootModem";
+constexpr char kRebootModemByXlog4[] = "CFirmwareDownloader::RebootModemByXlog4";
+constexpr char kControlBBrst[] = "CFirmwareDownloader::ControlBBrst";
+constexpr char kInjectBootTarget[] = "CFirmwareDownloader::InjectBootTarget";
+constexpr char kCheckFlashPort[] = "CFirmwareDownloader::CheckFlashPortImplementation";
 constexpr char kMonitorFlashPort[] = "CFirmwareDownloader::MonitorFlashPort";
 constexpr char kInjectBootTargetThread[] = "CFirmwareDownloader::InjectBootTargetThread";
 
 bool IsResetAllowed() {
-  return Shared(ToolKit::g_bIsFiveBranch);
+  return Shared(*Service().resetAllowed);
 }
 
 }  // namespace
 
-bool CFirmwareDownloader::RetryBudgetSpent() {
-  return Shared(ToolKit::g_retry_times) > Shared(ToolKit::mRetry_times);
+bool RetryBudgetSpent() {
+  return Shared(*Service().retriesSpent) > Shared(*Service().retryLimit);
 }
 
-void CFirmwareDownloader::SpendRetry() {
-  UnlessAbandoned([] { ++Shared(ToolKit::g_retry_times); });
+void FirmwareBoot::SpendRetry() {
+  m_attempt->UnlessAbandoned([] { ++Shared(*Service().retriesSpent); });
 }
 
-int CFirmwareDownloader::BootDeviceInFirmwareMode() {
-  LOG_TRACE("\t BootDeviceInFirmwareMode ++");
-  const bool underWay = IsMBIMModemPresence() ? RequestReboot() : FindFlashPort();
+int FirmwareBoot::BootDeviceInFirmwareMode() {
+  LOG_TRACE_AS(kBootDevice, "\t BootDeviceInFirmwareMode ++");
+  const bool underWay = IsMbimModemPresent() ? RequestReboot() : FindFlashPort();
   const bool started = underWay || (IsResetAllowed() && ControlBBrst());
   const int result = started ? kBootOk : kBootFailed;
-  LOG_TRACE("\t %s --, retValue: %d\n", QUALIFIED_FUNCTION, result);
+  LOG_TRACE_AS(kBootDevice, "\t %s --, retValue: %d\n", kBootDevice, result);
   return result;
 }
 
-bool CFirmwareDownloader::RequestReboot() {
+bool FirmwareBoot::RequestReboot() {
   LOG_TRACE_AS(kBootDevice, "\t MBIM device present.");
   if (RebootModem() != 0) {
     LOG_ERROR_AS(kBootDevice, "\t RebootModem FAIL.");
@@ -65,55 +75,60 @@ bool CFirmwareDownloader::RequestReboot() {
   return true;
 }
 
-bool CFirmwareDownloader::FindFlashPort() {
+bool FirmwareBoot::FindFlashPort() {
   LOG_TRACE_AS(kBootDevice, "\t MBIM device NOT available.");
-  if (!IsFlashPortPresence()) return false;
+  if (!IsFlashPortPresent()) return false;
   LOG_TRACE_AS(kBootDevice, "\t Flash port available. Getting flash port path");
   m_searchFlashPort = true;
   return true;
 }
 
-int CFirmwareDownloader::RebootModem() {
-  LOG_TRACE("RebootModem");
-  if (IsAbandoned()) return kRefused;
+int FirmwareBoot::RebootModem() {
+  LOG_TRACE_AS(kRebootModem, "RebootModem");
+  if (m_attempt->IsAbandoned()) return kRefused;
   if (CConfigParser::ConfiguredRebootType() == kRebootByAtCommand) return RebootModemByXlog4();
   return static_cast<int>(RebootModemByMbimCmd());
 }
 
-int CFirmwareDownloader::RebootModemByXlog4() {
-  LOG_TRACE("RebootModemByXlog4 ++");
+HRESULT FirmwareBoot::RebootModemByMbimCmd() {
+  return RebootModemThroughMobileBroadband([this] { return m_attempt->IsAbandoned(); });
+}
+
+int FirmwareBoot::RebootModemByXlog4() {
+  LOG_TRACE_AS(kRebootModemByXlog4, "RebootModemByXlog4 ++");
   const int result =
       ATProcessor::GetInstance()->sendATCmd(kRebootCommand, sizeof kRebootCommand - 1, nullptr, nullptr);
-  LOG_TRACE("RebootModemByXlog4 --");
+  LOG_TRACE_AS(kRebootModemByXlog4, "RebootModemByXlog4 --");
   return result;
 }
 
-bool CFirmwareDownloader::ControlBBrst() {
-  while (!IsAbandoned() && !RetryBudgetSpent()) {
-    LOG_TRACE("\t Call BB_RST, g_retry_times: %d", static_cast<int>(Shared(ToolKit::g_retry_times)));
+bool FirmwareBoot::ControlBBrst() {
+  while (!m_attempt->IsAbandoned() && !RetryBudgetSpent()) {
+    LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST, g_retry_times: %d",
+                 static_cast<int>(Shared(*Service().retriesSpent)));
     SpendRetry();
     if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
-      LOG_TRACE("\t Call BB_RST OK, waiting for flash port.");
-      ScanForHardwareChangesAndSettle();
+      LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST OK, waiting for flash port.");
+      ReenumerateDeviceTreeAndSettle();
       ::Sleep(kPauseAfterResetMs);
       m_searchFlashPort = true;
       return true;
     }
-    LOG_ERROR("\t Call BB_RST FAIL. Retry after 5s.");
-    ScanForHardwareChangesAndSettle();
+    LOG_ERROR_AS(kControlBBrst, "\t Call BB_RST FAIL. Retry after 5s.");
+    ReenumerateDeviceTreeAndSettle();
     ::Sleep(kFurtherPauseAfterFailedResetMs);
   }
   // The budget is a newer attempt's by now.
-  if (IsAbandoned()) return false;
-  LOG_ERROR("\t Call BB_RST %d times, reached maximum retry times!!!",
-            static_cast<int>(Shared(ToolKit::g_retry_times)));
-  UnlessAbandoned([] { Shared(ToolKit::g_retry_times) = Shared(ToolKit::mRetry_times) + 1; });
-  LOG_TRACE("\t ControlBBrst --");
+  if (m_attempt->IsAbandoned()) return false;
+  LOG_ERROR_AS(kControlBBrst, "\t Call BB_RST %d times, reached maximum retry times!!!",
+               static_cast<int>(Shared(*Service().retriesSpent)));
+  m_attempt->UnlessAbandoned([] { Shared(*Service().retriesSpent) = Shared(*Service().retryLimit) + 1; });
+  LOG_TRACE_AS(kControlBBrst, "\t ControlBBrst --");
   return false;
 }
 
-int CFirmwareDownloader::MonitorFlashPort() {
-  while (!IsAbandoned()) {
+int FirmwareBoot::MonitorFlashPort() {
+  while (!m_attempt->IsAbandoned()) {
     if (SearchFlashPort()) return kBootOk;
     SpendRetry();
     if (!IsResetAllowed() || !ControlBBrst()) return kBootFailed;
@@ -122,11 +137,10 @@ int CFirmwareDownloader::MonitorFlashPort() {
 }
 
 /// One search for the flash port. @return true when m_COMPort holds it.
-bool CFirmwareDownloader::SearchFlashPort() {
+bool FirmwareBoot::SearchFlashPort() {
   m_COMPort.Empty();
   const auto search = std::make_shared<FlashPortSearch>();
-  UniqueHandle thread = StartWorker(
-      [engine = shared_from_this(), search] { CheckFlashPortImplementation(engine.get(), *search); });
+  UniqueHandle thread = StartWorker([boot = shared_from_this(), search] { boot->CheckFlashPort(*search); });
   if (thread == nullptr) {
     LOG_ERROR_AS(kMonitorFlashPort, "\t CheckFlashPortImplementation CreateThread error: %d, call BB_RST\n",
                  LastErrorNumber());
@@ -139,7 +153,7 @@ bool CFirmwareDownloader::SearchFlashPort() {
     return false;
   }
 
-  const DWORD waited = search->Wait(kFlashPortWaitMs, m_abandoned);
+  const DWORD waited = search->Wait(kFlashPortWaitMs, m_attempt->Abandoned());
   thread.reset();
   m_searchFlashPort = false;
   m_COMPort = search->Port();
@@ -154,48 +168,51 @@ bool CFirmwareDownloader::SearchFlashPort() {
   return !m_COMPort.IsEmpty();
 }
 
-int CFirmwareDownloader::InjectBootTarget() {
+int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
   m_bootResult = kBootFailed;
-  UniqueHandle thread = StartWorker([engine = shared_from_this()] { engine->InjectBootTargetThread(); });
+  UniqueHandle thread =
+      StartWorker([boot = shared_from_this(), bootFile] { boot->InjectBootTargetThread(bootFile); });
   if (thread == nullptr) {
-    LOG_ERROR("\t CreateThread InjectBootTargetThread FAIL: 0x%x\n", static_cast<unsigned>(::GetLastError()));
+    LOG_ERROR_AS(kInjectBootTarget, "\t CreateThread InjectBootTargetThread FAIL: 0x%x\n",
+                 static_cast<unsigned>(::GetLastError()));
     // On purpose: a modem that was booted before may still take the image, and writing will tell. It uses the
     // channel that the last attempt left.
     return TakeChannel() ? kBootOk : kBootFailed;
   }
-  LOG_TRACE("\t InjectBootTargetThread timeout: %ds", static_cast<int>(kBootTimeLimitMs / 1000));
+  LOG_TRACE_AS(kInjectBootTarget, "\t InjectBootTargetThread timeout: %ds",
+               static_cast<int>(kBootTimeLimitMs / 1000));
   const DWORD waited = ::WaitForSingleObject(thread.get(), kBootTimeLimitMs);
   thread.reset();
   if (waited != WAIT_OBJECT_0) {
-    LOG_ERROR("\t InjectBootTargetThread timeout or other issue, return FINIAL_FAIL");
+    LOG_ERROR_AS(kInjectBootTarget, "\t InjectBootTargetThread timeout or other issue, return FINIAL_FAIL");
     return kBootFailed;
   }
   switch (m_bootResult) {
     case kBootOk:
-      LOG_TRACE("\t InjectBootTargetThread return OK");
+      LOG_TRACE_AS(kInjectBootTarget, "\t InjectBootTargetThread return OK");
       return kBootOk;
     case kBootNeedsReset:
-      LOG_TRACE("\t InjectBootTargetThread return NEED_BBRST");
+      LOG_TRACE_AS(kInjectBootTarget, "\t InjectBootTargetThread return NEED_BBRST");
       return kBootNeedsReset;
     default:
-      LOG_ERROR("\t InjectBootTargetThread return FINIAL_FAIL");
+      LOG_ERROR_AS(kInjectBootTarget, "\t InjectBootTargetThread return FINIAL_FAIL");
       return kBootFailed;
   }
 }
 
-int CFirmwareDownloader::InjectBootTargetThread() {
-  const ThreadScope scope(*this);
+int FirmwareBoot::InjectBootTargetThread(const std::string& bootFile) {
+  const Attempt::ThreadScope scope(*m_attempt);
   if (!scope.IsNoted()) {
-    LOG_ERROR("\t TlsSetValue failed with: %d, %s --", LastErrorNumber(), QUALIFIED_FUNCTION);
+    LOG_ERROR_AS(kInjectBootTargetThread, "\t TlsSetValue failed with: %d, %s --", LastErrorNumber(),
+                 kInjectBootTargetThread);
     m_bootResult = kBootFailed;
     return kBootFailed;
   }
-  if (m_downloadList.empty()) {
-    LOG_ERROR("\t Boot File is NULL!, %s --", QUALIFIED_FUNCTION);
+  if (bootFile.empty()) {
+    LOG_ERROR_AS(kInjectBootTargetThread, "\t Boot File is NULL!, %s --", kInjectBootTargetThread);
     m_bootResult = kBootFailed;
     return kBootFailed;
   }
-  const std::string bootFile = m_downloadList.front()->GetFilePath();
   int result = OpenAndBoot(bootFile);
   if (result != kBootOk) result = IsResetAllowed() && ControlBBrst() ? kBootNeedsReset : kBootFailed;
   m_bootResult = result;
@@ -205,16 +222,12 @@ int CFirmwareDownloader::InjectBootTargetThread() {
 /// Makes this attempt the one that works on the library's channel. Waits for a while when an attempt that was
 /// given up closes its own, for that resets the modem. @return false when this attempt was given up
 /// meanwhile.
-bool CFirmwareDownloader::TakeChannel() {
-  for (bool told = false; !IsAbandoned(); told = true) {
-    auto claim = FlashChannel::Claim::Refused;
-    UnlessAbandoned([&] {
-      claim = FlashChannel::Take(m_attempt);
-      m_channelTaken = claim != FlashChannel::Claim::Refused;
-    });
+bool FirmwareBoot::TakeChannel() {
+  for (bool told = false; !m_attempt->IsAbandoned(); told = true) {
+    const FlashChannel::Claim claim = m_attempt->TakeChannel();
     if (claim == FlashChannel::Claim::TakenOver)
       LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is still closing its channel, go on");
-    if (m_channelTaken) return true;
+    if (claim != FlashChannel::Claim::Refused) return true;
     if (!told) LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is closing its channel, wait");
     ::Sleep(kLateClosePollMs);
   }
@@ -223,36 +236,37 @@ bool CFirmwareDownloader::TakeChannel() {
 
 /// Opens a channel on the flash port and boots the target over it. @return 0, or anything else when either
 /// failed and the channel was closed again.
-int CFirmwareDownloader::OpenAndBoot(const std::string& bootFile) {
+int FirmwareBoot::OpenAndBoot(const std::string& bootFile) {
   if (!TakeChannel()) return kBootFailed;
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, GetNextFreeChannel");
-  m_commChannel = CallLibrary(Library().GetNextFreeChannel(), std::uint8_t{0});
-  UnlessAbandoned([this] { FlashChannel::SetLast(m_commChannel); });
-  LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_commChannel.load());
+  m_attempt->SetChannel(m_attempt->CallLibrary(m_attempt->Library().GetNextFreeChannel(), std::uint8_t{0}));
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_attempt->Channel());
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, OpenCommPort");
   const std::string port = Narrow(m_COMPort);
-  if (CallLibrary(Library().OpenCommPort(), kRefused, m_commChannel.load(), port.c_str(), port.c_str(),
-                  kBaudRate, Status()) != 0) {
+  if (m_attempt->CallLibrary(m_attempt->Library().OpenCommPort(), kRefused, m_attempt->Channel(),
+                             port.c_str(), port.c_str(), kBaudRate, m_attempt->Status()) != 0) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Open Comm Port failed due to %s, call BB_RST\n",
-                 Status());
+                 m_attempt->Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
     return kBootFailed;
   }
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, BootTarget");
-  if (CallLibrary(Library().BootTarget(), kRefused, m_commChannel.load(), bootFile.c_str(), &m_bootWord,
-                  Status()) != 0) {
-    LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Boot Target failed due to %s, call BB_RST\n", Status());
+  if (m_attempt->CallLibrary(m_attempt->Library().BootTarget(), kRefused, m_attempt->Channel(),
+                             bootFile.c_str(), &m_bootWord, m_attempt->Status()) != 0) {
+    LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Boot Target failed due to %s, call BB_RST\n",
+                 m_attempt->Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
     return kBootFailed;
   }
   return kBootOk;
 }
 
-void CFirmwareDownloader::CloseAfterFailure(const char* pauseText) {
+void FirmwareBoot::CloseAfterFailure(const char* pauseText) {
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Close Comm Port\n");
-  if (CallLibrary(Library().CloseCommPort(), kRefused, m_commChannel.load(), Status()) == 0) {
+  if (m_attempt->CallLibrary(m_attempt->Library().CloseCommPort(), kRefused, m_attempt->Channel(),
+                             m_attempt->Status()) == 0) {
     LOG_TRACE_AS(kInjectBootTargetThread, "%s", pauseText);
     ::Sleep(kPauseAfterCloseMs);
   }
@@ -260,8 +274,7 @@ void CFirmwareDownloader::CloseAfterFailure(const char* pauseText) {
   m_COMPort.Empty();
 }
 
-bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search) {
-  if (engine == nullptr) return true;
+void FirmwareBoot::CheckFlashPort(FlashPortSearch& search) {
   bool listed = true;
   do {
     const FlashPortSearch::Sight sight = search.Look();
@@ -269,7 +282,9 @@ bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engi
     if (sight == FlashPortSearch::Sight::Found) break;
     ::Sleep(kSearchPeriodMs);
     // A search that nobody waits for ends with its attempt at the latest.
-  } while (engine->m_searchFlashPort && !engine->IsAbandoned());
-  LOG_TRACE("%s: OpenCdcAcmDeviceInterface --, bRet: %d\n", QUALIFIED_FUNCTION, listed ? 1 : 0);
-  return true;
+  } while (m_searchFlashPort && !m_attempt->IsAbandoned());
+  LOG_TRACE_AS(kCheckFlashPort, "%s: OpenCdcAcmDeviceInterface --, bRet: %d\n", kCheckFlashPort,
+               listed ? 1 : 0);
 }
+
+}  // namespace corvel

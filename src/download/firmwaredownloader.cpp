@@ -2,17 +2,26 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
-#include <utility>
 
+#include "common/fileretention.h"
 #include "common/log.h"
 #include "common/narrow.h"
 #include "common/neverdestroyed.h"
+#include "common/programfolder.h"
 #include "common/sharedvalue.h"
 #include "common/win32error.h"
 #include "config/configparser.h"
+#include "download/devicepresence.h"
+#include "download/downloadtooldll.h"
+#include "download/flashservice.h"
 #include "download/flashtimes.h"
 #include "download/sinkshare.h"
+
+using corvel::Attempt;
+using corvel::FirmwareBoot;
+using corvel::kBootNeedsReset;
+using corvel::kBootOk;
+using corvel::RetryBudgetSpent;
 
 namespace {
 
@@ -45,40 +54,14 @@ constexpr Parameter kLastParameter{41, 0};
 // The procedures under whose names their helpers log.
 constexpr char kDownload[] = "CFirmwareDownloader::Download";
 constexpr char kInitializeParameters[] = "CFirmwareDownloader::InitializeParametersForDownload";
-constexpr char kMarkFirmwareFile[] = "CFirmwareDownloader::MarkFirmwareFileForDownload";
 constexpr char kDownloadIntoDevice[] = "CFirmwareDownloader::DownloadFirmwareIntoDevice";
 constexpr char kCleanup[] = "CFirmwareDownloader::CleanupAfterDownload";
-
-// A library that could not be bound for lack of memory.
-constexpr FunctionTable kNothing;
 
 struct Slot {
   SRWLOCK lock = SRWLOCK_INIT;
   std::shared_ptr<CFirmwareDownloader> engine;
 };
 NeverDestroyed<Slot> g_slot;
-
-/// For whom a thread works: what the library reports on it belongs to that engine, old or new. The slot is
-/// taken while the module is loaded. The language's own means may ask for memory on a thread's first touch,
-/// and end the process when there is none.
-class EngineOfThread {
- public:
-  EngineOfThread() noexcept : m_slot(::TlsAlloc()) {}
-  ~EngineOfThread() { ::TlsFree(m_slot); }
-  EngineOfThread(const EngineOfThread&) = delete;
-  EngineOfThread& operator=(const EngineOfThread&) = delete;
-
-  CFirmwareDownloader* Get() const noexcept {
-    const LastErrorKeeper keep;
-    return static_cast<CFirmwareDownloader*>(::TlsGetValue(m_slot));
-  }
-  /// @return false, with the last error set, when there is no slot or no memory for it.
-  bool Set(CFirmwareDownloader* engine) const noexcept { return ::TlsSetValue(m_slot, engine) != FALSE; }
-
- private:
-  DWORD m_slot;
-};
-const EngineOfThread g_engineOfThread;
 
 std::shared_ptr<CFirmwareDownloader> PresentEngine() {
   const ScopedLock lock(g_slot->lock);
@@ -109,20 +92,14 @@ bool HasContent(const char* function, HANDLE file, const CTString& name) {
 
 }  // namespace
 
-CFirmwareDownloader::ThreadScope::ThreadScope(CFirmwareDownloader& engine)
-    : m_outer(g_engineOfThread.Get()), m_noted(g_engineOfThread.Set(&engine)) {}
-
-CFirmwareDownloader::ThreadScope::~ThreadScope() {
-  if (m_noted) g_engineOfThread.Set(m_outer);
-}
-
 std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
   if (auto engine = PresentEngine()) return engine;
 
   const std::shared_ptr<CFirmwareDownloader> engine(new CFirmwareDownloader);
   SetPresentEngine(engine);
+  Attempt::SetPresent(engine->m_attempt);
   const bool bound = CDownloadToolDll::Load();
-  engine->m_library = CDownloadToolDll::Library();
+  engine->m_attempt->SetLibrary(CDownloadToolDll::Library());
   if (!bound) {
     LOG_ERROR("\t DownloadToolDll Load fail");
     // The engine stays all the same: the next caller gets it, and flashes without progress.
@@ -134,30 +111,22 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
 void CFirmwareDownloader::Unload() {
   LOG_TRACE("\t Unload ++");
   if (const auto engine = PresentEngine()) {
-    engine->Abandon();
+    engine->m_attempt->Abandon();
     CDownloadToolDll::Unload();
+    Attempt::SetPresent(nullptr);
     SetPresentEngine(nullptr);
   }
   DeleteRetiredSinks();
   LOG_TRACE("\t Unload --");
 }
 
-std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::OfThisThread() {
-  CFirmwareDownloader* const engine = g_engineOfThread.Get();
-  return engine != nullptr ? engine->shared_from_this() : PresentEngine();
-}
-
-const FunctionTable& CFirmwareDownloader::Library() const {
-  return m_library == nullptr ? kNothing : m_library->functions;
-}
-
-void CFirmwareDownloader::Abandon() {
-  const ScopedLock lock(m_abandonLock);
-  m_abandoned = true;
-}
+CFirmwareDownloader::CFirmwareDownloader()
+    : m_attempt(std::make_shared<Attempt>()),
+      m_list(*m_attempt),
+      m_boot(std::make_shared<FirmwareBoot>(m_attempt)) {}
 
 UpdateFirmwareResult CFirmwareDownloader::Download(CTString firmwareFile, CTString custFile) {
-  const ThreadScope scope(*this);
+  const Attempt::ThreadScope scope(*m_attempt);
   const int tlsError = LastErrorNumber();
   m_FirmwareFile = firmwareFile;
   m_CustFile = custFile;
@@ -232,8 +201,7 @@ bool CFirmwareDownloader::InitializeParametersForDownload() {
     accepted &= SetParameter(parameter.id, parameter.value);
   };
 
-  if (ToolKit::GetMaxModemDownloadLogNum() > 0 && SetUpDownloadLog())
-    set({kLogLevelParameter, kLibraryLogOn});
+  if (kMostDownloadLogs > 0 && SetUpDownloadLog()) set({kLogLevelParameter, kLibraryLogOn});
   std::ranges::for_each(kTimeLimitParameters, set);
   const auto eraseMode = static_cast<std::uint32_t>(CConfigParser::ConfiguredEraseMode());
   set({kEraseModeParameter, eraseMode < kEraseModes ? eraseMode : 0});
@@ -249,13 +217,12 @@ bool CFirmwareDownloader::InitializeParametersForDownload() {
 /// Makes room for the log of this session. @return whether the library shall write one.
 bool CFirmwareDownloader::SetUpDownloadLog() {
   CTString folder;
-  if (!ToolKit::GetLocalDataToolkitDir(folder)) {
+  if (!TakeProgramFolder(folder)) {
     LOG_ERROR_AS(kInitializeParameters, "Failed to get LocalAppDataDir for Modem download logging");
     return false;
   }
   folder += "\\";
-  ToolKit::KeepLogFileNum(folder + "ZEMO_DownloadDll_*.log",
-                          static_cast<unsigned int>(ToolKit::GetMaxModemDownloadLogNum() - 1));
+  KeepFiles(folder + "ZEMO_DownloadDll_*.log", kMostDownloadLogs - 1);
   SYSTEMTIME now{};
   ::GetLocalTime(&now);
   CTString name;
@@ -271,9 +238,11 @@ bool CFirmwareDownloader::SetParameter(std::uint8_t id, std::uint32_t value) {
 }
 
 bool CFirmwareDownloader::SubmitParameter(const char* function, std::uint8_t id, std::uintptr_t value) {
-  const int result = CallLibrary(Library().SetDllParameter(), kRefused, id, value, Status());
+  const int result = m_attempt->CallLibrary(m_attempt->Library().SetDllParameter(), kRefused, id, value,
+                                            m_attempt->Status());
   // An attempt that was given up asks nothing of the library, so there is no refusal to tell of.
-  if (result != 0 && !IsAbandoned()) LOG_ERROR_AS(function, "Setting parameter, %d failed", result);
+  if (result != 0 && !m_attempt->IsAbandoned())
+    LOG_ERROR_AS(function, "Setting parameter, %d failed", result);
   return result == 0;
 }
 
@@ -284,106 +253,30 @@ bool CFirmwareDownloader::IsPCIEdevice() {
 }
 
 bool CFirmwareDownloader::MarkFirmwareFileForDownload() {
-  std::uint32_t technology = 0;
-  if (!m_CustFile.IsEmpty() && !MarkCustFile(technology)) return false;
-
-  const std::string file = Narrow(m_FirmwareFile);
-  LOG_TRACE("Adding Flashfls:%s for download", file.c_str());
-  if (!GetFlashTechnology(technology)) return false;
-  LOG_TRACE("Technology(0): %d", static_cast<int>(technology));
-  std::uint32_t memoryClass = 0;
-  if (!GetMemoryClass(memoryClass, 0)) return false;
-  LOG_TRACE("Modem, Memory Class(0): %d", static_cast<int>(memoryClass));
-  const CDownloadFile* const firstItem =
-      AddToDownloadList(technology, memoryClass, m_FirmwareFile, nullptr, 0);
-  if (!MarkFurtherItems(technology, firstItem)) return false;
-
-  std::ranges::stable_sort(m_downloadList, {},
-                           [](const auto& item) { return item->GetMemoryClass().downloadOrder; });
-  return true;
-}
-
-bool CFirmwareDownloader::MarkCustFile(std::uint32_t& technology) {
-  LOG_TRACE_AS(kMarkFirmwareFile, "Adding NVMfls:%s for download", Narrow(m_CustFile).c_str());
-  // A failure has been logged, and the modem file's technology follows.
-  GetFlashTechnologyOfCust(technology);
-  std::uint32_t memoryClass = 0;
-  if (!GetMemoryClassOfCust(memoryClass, 0)) return false;
-  LOG_TRACE_AS(kMarkFirmwareFile, "NVM, Memory Class(0): %d", static_cast<int>(memoryClass));
-  AddToDownloadList(technology, memoryClass, m_CustFile, nullptr, 0);
-  return true;
-}
-
-bool CFirmwareDownloader::MarkFurtherItems(std::uint32_t technology, const CDownloadFile* firstItem) {
-  const std::string file = Narrow(m_FirmwareFile);
-  std::uint32_t count = 0;
-  if (CallLibrary(Library().TocGetNofItems(), kRefused, file.c_str(), &count, Status()) != 0) {
-    LOG_TRACE_AS(kMarkFirmwareFile, "Could not get the number of downloadable items in %s", file.c_str());
-    return false;
-  }
-  LOG_TRACE_AS(kMarkFirmwareFile, "Downloadable items: %d", static_cast<int>(count));
-  for (std::uint32_t index = 1; index < count; ++index) {
-    std::uint32_t memoryClass = 0;
-    if (!GetMemoryClass(memoryClass, index)) {
-      LOG_TRACE_AS(kMarkFirmwareFile, "Could not obtain memory class for %s(%d)", file.c_str(),
-                   static_cast<int>(index));
-      return false;
-    }
-    LOG_TRACE_AS(kMarkFirmwareFile, "Memory Class(%d): %d", static_cast<int>(index),
-                 static_cast<int>(memoryClass));
-    AddToDownloadList(technology, memoryClass, m_FirmwareFile, firstItem, index);
-  }
-  return true;
-}
-
-CDownloadFile* CFirmwareDownloader::AddToDownloadList(std::uint32_t technology, std::uint32_t memoryClass,
-                                                      const CTString& file, const CDownloadFile* firstItem,
-                                                      std::uint32_t index) {
-  m_downloadList.push_back(
-      std::make_unique<CDownloadFile>(technology, memoryClass, Narrow(file), firstItem, index));
-  return m_downloadList.back().get();
+  m_list.SetFiles(m_FirmwareFile, m_CustFile);
+  return m_list.Mark();
 }
 
 bool CFirmwareDownloader::GetFlashTechnology(std::uint32_t& technology) {
-  return QueryFlashTechnology(QUALIFIED_FUNCTION, m_FirmwareFile, technology);
+  return m_list.QueryFlashTechnology(QUALIFIED_FUNCTION, m_FirmwareFile, technology);
 }
 
 bool CFirmwareDownloader::GetFlashTechnologyOfCust(std::uint32_t& technology) {
-  return QueryFlashTechnology(QUALIFIED_FUNCTION, m_CustFile, technology);
+  return m_list.QueryFlashTechnology(QUALIFIED_FUNCTION, m_CustFile, technology);
 }
 
 bool CFirmwareDownloader::GetMemoryClass(std::uint32_t& memoryClass, std::uint32_t index) {
-  return QueryMemoryClass(QUALIFIED_FUNCTION, m_FirmwareFile, memoryClass, index);
+  return m_list.QueryMemoryClass(QUALIFIED_FUNCTION, m_FirmwareFile, memoryClass, index);
 }
 
 bool CFirmwareDownloader::GetMemoryClassOfCust(std::uint32_t& memoryClass, std::uint32_t index) {
-  return QueryMemoryClass(QUALIFIED_FUNCTION, m_CustFile, memoryClass, index);
-}
-
-bool CFirmwareDownloader::QueryFlashTechnology(const char* function, const CTString& file,
-                                               std::uint32_t& technology) {
-  const std::string path = Narrow(file);
-  if (CallLibrary(Library().TocGetFlashTechnology(), kRefused, path.c_str(), &technology, Status()) == 0)
-    return true;
-  LOG_TRACE_AS(function, "Could not get the flash technology for %s", path.c_str());
-  return false;
-}
-
-bool CFirmwareDownloader::QueryMemoryClass(const char* function, const CTString& file,
-                                           std::uint32_t& memoryClass, std::uint32_t index) {
-  const std::string path = Narrow(file);
-  if (CallLibrary(Library().TocGetMemoryClass(), kRefused, path.c_str(), index, &memoryClass, Status()) ==
-      0) {
-    return true;
-  }
-  LOG_TRACE_AS(function, "Could not get the memory class for %s(%d)", path.c_str(), static_cast<int>(index));
-  return false;
+  return m_list.QueryMemoryClass(QUALIFIED_FUNCTION, m_CustFile, memoryClass, index);
 }
 
 bool CFirmwareDownloader::BringIntoFlashMode() {
   if (RetryBudgetSpent()) return false;
   LOG_TRACE_AS(kDownload, "\t GO BootDeviceInFirmwareMode, g_retry_times: %d\n",
-               static_cast<int>(Shared(ToolKit::g_retry_times)));
+               static_cast<int>(Shared(*corvel::Service().retriesSpent)));
   if (BootDeviceInFirmwareMode() != kBootOk) return false;
   int booted = kBootNeedsReset;
   while (booted == kBootNeedsReset) {
@@ -401,9 +294,9 @@ UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
   }
   LOG_TRACE_AS(kDownload, "\t DownloadFirmwareIntoDevice OK");
 
-  const int reset =
-      CallLibrary(Library().ForceTargetReset(), kResetFailed, m_commChannel.load(), std::uint8_t{1},
-                  std::uint8_t{16}, std::uint8_t{17}, std::uint8_t{0}, Status());
+  const int reset = m_attempt->CallLibrary(m_attempt->Library().ForceTargetReset(), kResetFailed,
+                                           m_attempt->Channel(), std::uint8_t{1}, std::uint8_t{16},
+                                           std::uint8_t{17}, std::uint8_t{0}, m_attempt->Status());
   if (reset == kResetFailed) {
     LOG_TRACE_AS(kDownload, "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
     return FirmwareUpdateFailed;
@@ -413,17 +306,17 @@ UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
 }
 
 int CFirmwareDownloader::DownloadFirmwareIntoDevice() {
-  LOG_TRACE("\t commChannel:(%d)", m_commChannel.load());
-  for (const auto& item : m_downloadList) {
+  LOG_TRACE("\t commChannel:(%d)", m_attempt->Channel());
+  for (const auto& item : m_list.Items()) {
     item->getNofProgressBars =
-        CallLibrary(Library().GetNofProgressBars(), std::uint32_t{0}, m_commChannel.load(),
-                    item->GetTocName().c_str(), std::uintptr_t{0});
-    m_ProgressBars += item->getNofProgressBars;
+        m_attempt->CallLibrary(m_attempt->Library().GetNofProgressBars(), std::uint32_t{0},
+                               m_attempt->Channel(), item->GetTocName().c_str(), std::uintptr_t{0});
+    m_attempt->Progress().AddBars(item->getNofProgressBars);
   }
-  if (m_ProgressBars == 0) return FirmwareNotUpdated;
+  if (m_attempt->Progress().AllBars() == 0) return FirmwareNotUpdated;
 
-  for (const auto& item : m_downloadList) {
-    m_DownloadingFile = item.get();
+  for (const auto& item : m_list.Items()) {
+    m_attempt->Progress().SetItem(item->getNofProgressBars);
     LOG_TRACE("\t TOC name flsFileName:%s", item->GetTocName().c_str());
     LOG_TRACE("\t          flsPath_tmp:%s", item->GetFilePath().c_str());
     const int written = WriteItem(*item);
@@ -440,14 +333,15 @@ int CFirmwareDownloader::DownloadFirmwareIntoDevice() {
 int CFirmwareDownloader::WriteItem(const CDownloadFile& item) {
   const char* const tocName = item.GetTocName().c_str();
   const auto writeToPartition = [&](std::uint8_t partition) {
-    return CallLibrary(Library().DownloadDffsFile(), kRefused, m_commChannel.load(), tocName, partition,
-                       Status());
+    return m_attempt->CallLibrary(m_attempt->Library().DownloadDffsFile(), kRefused, m_attempt->Channel(),
+                                  tocName, partition, m_attempt->Status());
   };
   switch (item.GetMemoryClass().code) {
     case 1:
     case 2:
     case 4:
-      return CallLibrary(Library().DownloadFlsFile(), kRefused, m_commChannel.load(), tocName, Status());
+      return m_attempt->CallLibrary(m_attempt->Library().DownloadFlsFile(), kRefused, m_attempt->Channel(),
+                                    tocName, m_attempt->Status());
     case 11:
       return writeToPartition(kStaticPartition);
     case 12:
@@ -461,38 +355,99 @@ int CFirmwareDownloader::WriteItem(const CDownloadFile& item) {
     case 19:
       return WriteCustItem(item);
     default:
-      LOG_ERROR_AS(kDownloadIntoDevice, "\t m_DownloadCUSTFileFunc(%d, %s)\n", m_commChannel.load(), tocName);
+      LOG_ERROR_AS(kDownloadIntoDevice, "\t m_DownloadCUSTFileFunc(%d, %s)\n", m_attempt->Channel(), tocName);
       return WriteCustItem(item);
   }
 }
 
 int CFirmwareDownloader::WriteCustItem(const CDownloadFile& item) {
-  const int written = CallLibrary(Library().DownloadCustFile(), kRefused, m_commChannel.load(),
-                                  item.GetTocName().c_str(), Status());
-  CallLibrary(Library().OutOfSessionComm(), 0, m_commChannel.load(), std::uintptr_t{4}, std::uintptr_t{6},
-              std::uintptr_t{0}, std::uintptr_t{0}, std::uintptr_t{0});
+  const int written =
+      m_attempt->CallLibrary(m_attempt->Library().DownloadCustFile(), kRefused, m_attempt->Channel(),
+                             item.GetTocName().c_str(), m_attempt->Status());
+  m_attempt->CallLibrary(m_attempt->Library().OutOfSessionComm(), 0, m_attempt->Channel(), std::uintptr_t{4},
+                         std::uintptr_t{6}, std::uintptr_t{0}, std::uintptr_t{0}, std::uintptr_t{0});
   return written;
 }
 
 void CFirmwareDownloader::CleanupAfterDownload() {
-  m_DownloadingFile = nullptr;
-  m_downloadList.clear();
-  std::optional<int> closed = TryLibrary(Library().CloseCommPort(), m_commChannel.load(), Status());
-  if (IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
-  if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", Status());
+  m_attempt->Progress().SetItem(std::nullopt);
+  m_list.Clear();
+  std::optional<int> closed =
+      m_attempt->TryLibrary(m_attempt->Library().CloseCommPort(), m_attempt->Channel(), m_attempt->Status());
+  if (m_attempt->IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
+  if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", m_attempt->Status());
   SetParameter(kLogLevelParameter, kLibraryLogOff);
 }
 
 /// For an attempt that was given up, and has come back from writing: nobody else closes what it opened. The
 /// library is its own reference. @return what the library said; nothing when it was not asked.
 std::optional<int> CFirmwareDownloader::CloseChannelThatWasLeftOpen() {
-  const auto closeCommPort = Library().CloseCommPort();
-  if (!m_channelTaken || closeCommPort == nullptr) return std::nullopt;
-  const FlashChannel::LateClose close(m_attempt);
+  const auto closeCommPort = m_attempt->Library().CloseCommPort();
+  if (!m_attempt->HasTakenChannel() || closeCommPort == nullptr) return std::nullopt;
+  const FlashChannel::LateClose close(m_attempt->Number());
   if (!close.IsAllowed()) {
     LOG_WARNING_AS(kCleanup, "\t Channel %d stays open, a newer attempt has opened one",
-                   m_commChannel.load());
+                   m_attempt->Channel());
     return std::nullopt;
   }
-  return closeCommPort(m_commChannel, Status());
+  return closeCommPort(m_attempt->Channel(), m_attempt->Status());
+}
+
+// --- Members that forward ---------------------------------------------------------------------------------
+
+int CFirmwareDownloader::GetAbsoluteProgress(const char* statusText) {
+  return m_attempt->GetAbsoluteProgress(statusText);
+}
+
+bool CFirmwareDownloader::IsMBIMModemPresence() {
+  return IsMbimModemPresent();
+}
+
+bool CFirmwareDownloader::IsFlashPortPresence() {
+  return IsFlashPortPresent();
+}
+
+bool CFirmwareDownloader::ScanForHardwareChanges() {
+  return ReenumerateDeviceTree();
+}
+
+void CFirmwareDownloader::ScanForHardwareChangesAndSettle() {
+  ReenumerateDeviceTreeAndSettle();
+}
+
+int CFirmwareDownloader::BootDeviceInFirmwareMode() {
+  return m_boot->BootDeviceInFirmwareMode();
+}
+
+int CFirmwareDownloader::RebootModem() {
+  return m_boot->RebootModem();
+}
+
+int CFirmwareDownloader::RebootModemByXlog4() {
+  return FirmwareBoot::RebootModemByXlog4();
+}
+
+HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {
+  return m_boot->RebootModemByMbimCmd();
+}
+
+bool CFirmwareDownloader::ControlBBrst() {
+  return m_boot->ControlBBrst();
+}
+
+int CFirmwareDownloader::MonitorFlashPort() {
+  return m_boot->MonitorFlashPort();
+}
+
+bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search) {
+  if (engine != nullptr) engine->m_boot->CheckFlashPort(search);
+  return true;
+}
+
+int CFirmwareDownloader::InjectBootTarget() {
+  return m_boot->InjectBootTarget(m_list.BootFile());
+}
+
+int CFirmwareDownloader::InjectBootTargetThread() {
+  return m_boot->InjectBootTargetThread(m_list.BootFile());
 }

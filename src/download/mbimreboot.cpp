@@ -16,7 +16,6 @@
 #include "common/text.h"
 #include "common/win32error.h"
 #include "download/cmbnsink.h"
-#include "download/firmwaredownloader.h"
 #include "download/mobilebroadband.h"
 #include "download/sinkshare.h"
 
@@ -476,8 +475,4 @@ HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandon
   run.reset();
   LOG_TRACE_AS(kProcedure, "RebootModemByMbimCmd --");
   return result;
-}
-
-HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {
-  return RebootModemThroughMobileBroadband([this] { return IsAbandoned(); });
 }

@@ -1,13 +1,10 @@
-#include <shlwapi.h>
+#include "download/progress.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <limits>
 
-#include "common/log.h"
-#include "common/tstring.h"
-#include "download/firmwaredownloader.h"
+namespace corvel {
 
 namespace {
 
@@ -31,25 +28,18 @@ int Saturated(std::int64_t value) {
 
 }  // namespace
 
-int CFirmwareDownloader::GetAbsoluteProgress(const char* statusText) {
-  // Not atoi: leading blanks and signs count as no number here.
-  const int itemPercent = ::StrToIntW(CTString(statusText));
-  int delta = 0;
-  if (m_DownloadingFile != nullptr) {
-    const std::uint32_t itemBars = m_DownloadingFile->getNofProgressBars;
-    const int scaled = ScaledProgress(itemPercent, itemBars, m_ProgressBars);
-    if (scaled != m_LastProgressUpdate) {
-      delta = Saturated(static_cast<std::int64_t>(scaled) - m_LastProgressUpdate);
-      m_LastProgressUpdate = scaled;
-    }
-    LOG_TRACE(
-        "\t downloadProgress:%d, m_DownloadingFile->getNofProgressBars():%d, "
-        "m_ProgressBars:%d,totalProgress:%d  ",
-        itemPercent, static_cast<int>(itemBars), static_cast<int>(m_ProgressBars), scaled);
-    LOG_TRACE("\t actualProgress:%d, m_LastProgressUpdate:%d", delta, m_LastProgressUpdate);
-  }
+std::optional<Progress::Step> Progress::Report(int itemPercent) {
+  if (!m_itemBars.has_value()) return std::nullopt;
+  Step step{*m_itemBars, ScaledProgress(itemPercent, *m_itemBars, m_allBars), 0};
+  step.delta = Saturated(static_cast<std::int64_t>(step.scaled) - m_lastUpdate);
+  m_lastUpdate = step.scaled;
   // A drop, as when the next item begins at 0, only moves the reference.
-  if (delta > 0) m_CurrentProgress = Saturated(static_cast<std::int64_t>(m_CurrentProgress) + delta);
-  LOG_TRACE("\t return m_CurrentProgress:%d", m_CurrentProgress);
-  return std::min(m_CurrentProgress, kComplete);
+  if (step.delta > 0) m_current = Saturated(static_cast<std::int64_t>(m_current) + step.delta);
+  return step;
 }
+
+int Progress::Overall() const {
+  return std::min(m_current, kComplete);
+}
+
+}  // namespace corvel

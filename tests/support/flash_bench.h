@@ -10,6 +10,7 @@
 
 #include "common/text.h"
 #include "config/configparser.h"
+#include "download/downloadtooldll.h"
 #include "download/firmwaredownloader.h"
 #include "support/fake_flash_library.h"
 #include "support/fake_modem.h"

@@ -30,7 +30,7 @@ class SessionTest : public testing::Test {
 
   UpdateFirmwareResult Flash() { return FlashBench::Download(modem); }
   UpdateFirmwareResult FlashBoth() { return FlashBench::Download(modem, nvm); }
-  std::vector<std::string> Said() const { return bench.Said({"firmwaredownloader.cpp"}); }
+  std::vector<std::string> Said() const { return bench.Said({"firmwaredownloader.cpp", "downloadlist.cpp"}); }
   std::vector<std::string> Written() const { return bench.library.CallsOf({"download_"}); }
   bool IsUntouched() const { return bench.library.CallCount("open_comm_port") == 0; }
   bool CleanedUp() const { return bench.HasSaid("\t CFirmwareDownloader::Download --"); }
@@ -104,15 +104,28 @@ TEST_F(SessionTest, IsRefusedWhenItCannotBeNotedForWhomTheThreadWorks) {
 TEST_F(SessionTest, TheEngineIsHandedOutUnderALock) {
   CFirmwareDownloader::GetInstance();
   LockProbe locks;
-  EXPECT_TRUE(locks.Excludes([] { CFirmwareDownloader::OfThisThread(); },
-                             [] { CFirmwareDownloader::OfThisThread(); }));
+  EXPECT_TRUE(
+      locks.Excludes([] { CFirmwareDownloader::GetInstance(); }, [] { CFirmwareDownloader::GetInstance(); }));
 }
 
 TEST_F(SessionTest, ANewEngineIsPutInPlaceUnderThatLock) {
   LockProbe locks;
   // The first lock that it gives back is the look at the present one.
   EXPECT_TRUE(locks.Excludes([] { CFirmwareDownloader::GetInstance(); },
-                             [] { CFirmwareDownloader::OfThisThread(); }, 2));
+                             [] { CFirmwareDownloader::GetInstance(); }, 2));
+}
+
+TEST_F(SessionTest, TheAttemptIsHandedOutUnderALock) {
+  CFirmwareDownloader::GetInstance();
+  LockProbe locks;
+  EXPECT_TRUE(
+      locks.Excludes([] { corvel::Attempt::OfThisThread(); }, [] { corvel::Attempt::OfThisThread(); }));
+}
+
+TEST_F(SessionTest, ANewAttemptIsPutInPlaceUnderThatLock) {
+  LockProbe locks;
+  EXPECT_TRUE(
+      locks.Excludes([] { corvel::Attempt::SetPresent(nullptr); }, [] { corvel::Attempt::OfThisThread(); }));
 }
 
 TEST_F(SessionTest, GivingAnAttemptUpWaitsForAStepThatItMayStillTake) {
@@ -165,7 +178,7 @@ TEST_F(SessionTest, TellsEachStepUnderItsProceduresName) {
   const std::string download = "CFirmwareDownloader::Download";
   const std::string list = "CFirmwareDownloader::MarkFirmwareFileForDownload";
   const std::string write = "CFirmwareDownloader::DownloadFirmwareIntoDevice";
-  EXPECT_THAT(FunctionsOf(bench.Records({"firmwaredownloader.cpp"})),
+  EXPECT_THAT(FunctionsOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"})),
               ElementsAreArray(std::vector<std::string>{download,
                                                         download,
                                                         "CFirmwareDownloader::IsFirmwareFileValid",
@@ -246,7 +259,7 @@ TEST_F(SessionTest, WithAnEmptyModemFileDoesNotTouchTheDevice) {
 TEST_F(SessionTest, WithAMissingModemFileTellsTheError) {
   EXPECT_EQ(FlashBench::Download(modem + "x"), FirmwareNotUpdated);
   EXPECT_THAT(Said(), Contains("\t File: " + modem + "x cannot be opened, ERROR: 2"));
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "\t File: " + modem + "x cannot be opened, ERROR: 2"),
             "CFirmwareDownloader::IsFirmwareFileValid");
   EXPECT_TRUE(IsUntouched());
@@ -270,9 +283,9 @@ TEST_F(SessionTest, WithAFileOfUnknownSizeIsRefused) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("GetFileSizeEx", &RefuseSize));
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  EXPECT_EQ(
-      FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "\t GetFileSizeEx(" + modem + ") failed with: 1"),
-      "CFirmwareDownloader::IsFirmwareFileValid");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
+                       "\t GetFileSizeEx(" + modem + ") failed with: 1"),
+            "CFirmwareDownloader::IsFirmwareFileValid");
 }
 
 struct FileOpening {
@@ -334,7 +347,7 @@ TEST_F(SessionTest, SubmitsAnNvmFileThatCannotBeOpenedToTheTableOfContentsAllThe
 TEST_F(SessionTest, IsRefusedWhenTheMemoryClassOfAnUnreadableNvmFileIsUnknown) {
   nvm += "x";
   EXPECT_EQ(FlashBoth(), FirmwareNotUpdated);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "Could not get the memory class for " + nvm + "(0)"),
             "CFirmwareDownloader::GetMemoryClassOfCust");
   EXPECT_TRUE(IsUntouched());
@@ -398,7 +411,8 @@ TEST_F(ParameterTest, AreAllSetThoughOneIsRefusedWhichEndsTheSession) {
   bench.library.results["set_dll_parameter(17, 0)"] = 42;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   EXPECT_EQ(Parameters().back(), "set_dll_parameter(41, 0)");
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "E:Setting parameter, 42 failed"),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
+                       "E:Setting parameter, 42 failed"),
             "CFirmwareDownloader::SetParameter");
   EXPECT_EQ(Said().back(), "\t InitializeParametersForDownload FAIL, CFirmwareDownloader::Download --");
   EXPECT_EQ(bench.library.CallCount("close_comm_port"), 0);
@@ -408,7 +422,8 @@ TEST_F(ParameterTest, EndTheSessionWhenTheBusTypeIsRefused) {
   FlashBench::Configure(L"[IPCTYPE]", L"PCIE");
   bench.library.results["set_dll_parameter(39, address of PCIE)"] = 2;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "E:Setting parameter, 2 failed"),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
+                       "E:Setting parameter, 2 failed"),
             "CFirmwareDownloader::InitializeParametersForDownload");
 }
 
@@ -501,9 +516,9 @@ TEST_F(ListTest, TellsTheMemoryClassOfEachItem) {
 TEST_F(ListTest, GoesOnWithoutTheNvmFilesTechnology) {
   bench.library.results["TOC_get_flash_technogy(" + nvm + ")"] = 1;
   EXPECT_EQ(FlashBoth(), FirmwareUpdated);
-  EXPECT_EQ(
-      FunctionOf(bench.Records({"firmwaredownloader.cpp"}), "Could not get the flash technology for " + nvm),
-      "CFirmwareDownloader::GetFlashTechnologyOfCust");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
+                       "Could not get the flash technology for " + nvm),
+            "CFirmwareDownloader::GetFlashTechnologyOfCust");
 }
 
 /// A query of the table of contents that fails, and what is said about it.
@@ -528,7 +543,8 @@ TEST_P(FailingQueryTest, EndsTheSessionWithACleanUp) {
   bench.library.results[InsertModem(GetParam().call)] = 9;
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   for (std::size_t i = 0; i < GetParam().said.size(); ++i) {
-    EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), InsertModem(GetParam().said[i])),
+    EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
+                         InsertModem(GetParam().said[i])),
               GetParam().functions[i]);
   }
   EXPECT_THAT(Said(), Contains("E:\t MarkFirmwareFileForDownload FAIL, set FirmwareNotUpdated"));
@@ -606,7 +622,7 @@ TEST_F(SessionTest, WritesCode20AsACertificate) {
 TEST_F(SessionTest, TellsTheUnusualWayAsAnError) {
   bench.library.images[modem] = {6};
   Flash();
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "E:\t m_DownloadCUSTFileFunc(7, |0|" + modem + ")\n"),
             "CFirmwareDownloader::DownloadFirmwareIntoDevice");
 }
@@ -636,7 +652,7 @@ TEST_F(SessionTest, FailsWhenNoItemHasProgressSteps) {
 TEST_F(SessionTest, FailsWhenTheForcedResetAnswersOne) {
   bench.library.results["force_target_reset"] = 1;
   EXPECT_EQ(Flash(), FirmwareUpdateFailed);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;"),
             "CFirmwareDownloader::Download");
   EXPECT_TRUE(CleanedUp());
@@ -661,7 +677,7 @@ TEST_F(SessionTest, CountsNoProgressOfAnItemBehindTheCleanUp) {
     bench.library.ReportPercent("50");
   };
   EXPECT_EQ(Flash(), FirmwareUpdated);
-  EXPECT_THAT(bench.Said({"progress.cpp"}), ElementsAre("\t return m_CurrentProgress:0"));
+  EXPECT_THAT(bench.Said({"attempt.cpp"}), ElementsAre("\t return m_CurrentProgress:0"));
 }
 
 TEST_F(SessionTest, TellsThatParameter12WasRefusedInTheEnd) {
@@ -982,7 +998,7 @@ TEST_F(AbandonedTest, BackInTheMiddleOfANewerWriteNeitherClosesNorResets) {
   EXPECT_THAT(bench.modem.heard, IsEmpty());
   const std::string told = "W:\t Channel 7 stays open, a newer attempt has opened one";
   EXPECT_EQ(bench.TimesSaid(told), 1);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}), told),
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}), told),
             "CFirmwareDownloader::CleanupAfterDownload");
   EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
 }

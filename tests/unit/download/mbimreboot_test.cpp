@@ -901,7 +901,7 @@ TEST_F(MbimRebootTest, ARunThatWasGivenUpPassesOnTheCompletionThatItTook) {
 
 TEST_F(MbimRebootTest, UnloadingTheEngineGivesItsRunUp) {
   CFirmwareDownloader::GetInstance();
-  const std::shared_ptr<CFirmwareDownloader> engine = CFirmwareDownloader::OfThisThread();
+  const std::shared_ptr<CFirmwareDownloader> engine = CFirmwareDownloader::GetInstance();
   ASSERT_NE(engine, nullptr);
   service.Behaviour().onCall = [](const std::string& call) {
     if (call == "OpenCommandSession") CFirmwareDownloader::Unload();

@@ -106,7 +106,7 @@ TEST_F(ProgressTest, NegativePercentageReportsNothing) {
 
 TEST_F(ProgressTest, TellsItsCalculation) {
   Write({1, 1}, {{"50"}});
-  EXPECT_THAT(bench.Said({"progress.cpp"}),
+  EXPECT_THAT(bench.Said({"attempt.cpp"}),
               ElementsAre("\t downloadProgress:50, m_DownloadingFile->getNofProgressBars():1, "
                           "m_ProgressBars:2,totalProgress:25  ",
                           "\t actualProgress:25, m_LastProgressUpdate:25", "\t return m_CurrentProgress:25"));
@@ -116,7 +116,7 @@ TEST_F(ProgressTest, TellsNoCalculationWhileNothingIsWritten) {
   CFirmwareDownloader::GetInstance();
   bench.library.ReportSending();
   bench.library.ReportPercent("50");
-  EXPECT_THAT(bench.Said({"progress.cpp"}), ElementsAre("\t return m_CurrentProgress:0"));
+  EXPECT_THAT(bench.Said({"attempt.cpp"}), ElementsAre("\t return m_CurrentProgress:0"));
 }
 
 TEST_F(ProgressTest, BeginsAnewWithANewEngine) {

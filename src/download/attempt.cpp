@@ -1,0 +1,105 @@
+#include "download/attempt.h"
+
+#include <shlwapi.h>
+
+#include "common/log.h"
+#include "common/neverdestroyed.h"
+#include "common/tstring.h"
+
+namespace corvel {
+
+namespace {
+
+constexpr char kGetAbsoluteProgress[] = "CFirmwareDownloader::GetAbsoluteProgress";
+
+// A library that could not be bound for lack of memory.
+constexpr FunctionTable kNothing;
+
+struct Slot {
+  SRWLOCK lock = SRWLOCK_INIT;
+  std::shared_ptr<Attempt> attempt;
+};
+NeverDestroyed<Slot> g_present;
+
+/// For whom a thread works: what the library reports on it belongs to that attempt, old or new. The slot is
+/// taken while the module is loaded. The language's own means may ask for memory on a thread's first touch,
+/// and end the process when there is none.
+class AttemptOfThread {
+ public:
+  AttemptOfThread() noexcept : m_slot(::TlsAlloc()) {}
+  ~AttemptOfThread() { ::TlsFree(m_slot); }
+  AttemptOfThread(const AttemptOfThread&) = delete;
+  AttemptOfThread& operator=(const AttemptOfThread&) = delete;
+
+  Attempt* Get() const noexcept {
+    const LastErrorKeeper keep;
+    return static_cast<Attempt*>(::TlsGetValue(m_slot));
+  }
+  /// @return false, with the last error set, when there is no slot or no memory for it.
+  bool Set(Attempt* attempt) const noexcept { return ::TlsSetValue(m_slot, attempt) != FALSE; }
+
+ private:
+  DWORD m_slot;
+};
+const AttemptOfThread g_attemptOfThread;
+
+}  // namespace
+
+std::shared_ptr<Attempt> Attempt::OfThisThread() {
+  if (Attempt* const attempt = g_attemptOfThread.Get()) return attempt->shared_from_this();
+  const ScopedLock lock(g_present->lock);
+  return g_present->attempt;
+}
+
+void Attempt::SetPresent(std::shared_ptr<Attempt> attempt) {
+  const ScopedLock lock(g_present->lock);
+  g_present->attempt.swap(attempt);
+}
+
+Attempt::ThreadScope::ThreadScope(Attempt& attempt)
+    : m_outer(g_attemptOfThread.Get()), m_noted(g_attemptOfThread.Set(&attempt)) {}
+
+Attempt::ThreadScope::~ThreadScope() {
+  if (m_noted) g_attemptOfThread.Set(m_outer);
+}
+
+void Attempt::Abandon() {
+  const ScopedLock lock(m_abandonLock);
+  m_abandoned = true;
+}
+
+const FunctionTable& Attempt::Library() const {
+  return m_library == nullptr ? kNothing : m_library->functions;
+}
+
+void Attempt::SetChannel(std::uint8_t channel) {
+  m_channel = channel;
+  UnlessAbandoned([channel] { FlashChannel::SetLast(channel); });
+}
+
+FlashChannel::Claim Attempt::TakeChannel() {
+  auto claim = FlashChannel::Claim::Refused;
+  UnlessAbandoned([&] {
+    claim = FlashChannel::Take(m_number);
+    m_channelTaken = claim != FlashChannel::Claim::Refused;
+  });
+  return claim;
+}
+
+int Attempt::GetAbsoluteProgress(const char* statusText) {
+  // Not atoi: leading blanks and signs count as no number here.
+  const int itemPercent = ::StrToIntW(CTString(statusText));
+  if (const auto step = m_progress.Report(itemPercent)) {
+    LOG_TRACE_AS(kGetAbsoluteProgress,
+                 "\t downloadProgress:%d, m_DownloadingFile->getNofProgressBars():%d, "
+                 "m_ProgressBars:%d,totalProgress:%d  ",
+                 itemPercent, static_cast<int>(step->itemBars), static_cast<int>(m_progress.AllBars()),
+                 step->scaled);
+    LOG_TRACE_AS(kGetAbsoluteProgress, "\t actualProgress:%d, m_LastProgressUpdate:%d", step->delta,
+                 m_progress.LastUpdate());
+  }
+  LOG_TRACE_AS(kGetAbsoluteProgress, "\t return m_CurrentProgress:%d", m_progress.Current());
+  return m_progress.Overall();
+}
+
+}  // namespace corvel

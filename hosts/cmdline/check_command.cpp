@@ -1,13 +1,15 @@
 #include <iostream>
 #include <string_view>
 
-#include "commands.h"
-#include "json_output.h"
-#include "modem_presence.h"
-#include "preflight.h"
-#include "setup.h"
+#include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/preflight.h"
+#include "hosts/cmdline/setup.h"
+#include "hosts/common/json_output.h"
+#include "hosts/common/modem_presence.h"
+#include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
-#include "who_flashes.h"
+
+namespace hosts {
 
 namespace {
 
@@ -101,3 +103,5 @@ ExitCode RunCheck(const CheckOptions& options) {
   }
   return obstacle == nullptr ? ExitCode::Flashed : obstacle->exitCode;
 }
+
+}  // namespace hosts

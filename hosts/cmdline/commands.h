@@ -2,7 +2,9 @@
 
 #include <string>
 
-#include "exit_code.h"
+#include "hosts/cmdline/exit_code.h"
+
+namespace hosts {
 
 struct FlashOptions {
   std::string ipc;  ///< "usb" or "pcie"; empty: as the configuration says
@@ -31,3 +33,5 @@ ExitCode RunFlash(const FlashOptions& options);
 ExitCode RunStatus(const StatusOptions& options);
 /// Whether a flash could begin, without touching the modem.
 ExitCode RunCheck(const CheckOptions& options);
+
+}  // namespace hosts

@@ -1,4 +1,4 @@
-#include "configuration_advice.h"
+#include "hosts/cmdline/configuration_advice.h"
 
 #include <algorithm>
 #include <array>
@@ -8,8 +8,10 @@
 #include <cwchar>
 #include <cwctype>
 
-#include "nearest_word.h"
-#include "text.h"
+#include "hosts/common/nearest_word.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -273,3 +275,5 @@ std::vector<Finding> AdviseOnConfiguration(const ConfigurationFile& configuratio
   AdviseOnLocation(configuration, findings);
   return findings;
 }
+
+}  // namespace hosts

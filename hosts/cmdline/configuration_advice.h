@@ -2,9 +2,13 @@
 
 #include <vector>
 
-#include "configuration_file.h"
-#include "preflight.h"
+#include "hosts/cmdline/preflight.h"
+#include "hosts/common/configuration_file.h"
+
+namespace hosts {
 
 /// Warnings about all in the file that the library will read otherwise than its writer may think. An error
 /// of the file, such as a missing folder, is not among them.
 std::vector<Finding> AdviseOnConfiguration(const ConfigurationFile& configuration);
+
+}  // namespace hosts

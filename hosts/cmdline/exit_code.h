@@ -1,5 +1,7 @@
 #pragma once
 
+namespace hosts {
+
 /// What the program's exit status says. Documented for scripts; do not renumber.
 enum class ExitCode : int {
   Flashed = 0,  ///< or, without a flash, nothing wrong
@@ -9,3 +11,5 @@ enum class ExitCode : int {
   NotReady = 4,
   Interrupted = 5,
 };
+
+}  // namespace hosts

@@ -9,19 +9,21 @@
 #include <utility>
 #include <vector>
 
-#include "commands.h"
-#include "configuration_file.h"
-#include "interruption.h"
-#include "job_record.h"
-#include "json_output.h"
-#include "kept_logs.h"
-#include "preflight.h"
-#include "progress_line.h"
-#include "serving_notice.h"
-#include "setup.h"
-#include "text.h"
+#include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/preflight.h"
+#include "hosts/cmdline/progress_line.h"
+#include "hosts/cmdline/setup.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/interruption.h"
+#include "hosts/common/job_record.h"
+#include "hosts/common/json_output.h"
+#include "hosts/common/kept_logs.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
-#include "who_flashes.h"
+
+namespace hosts {
 
 namespace {
 
@@ -347,3 +349,5 @@ ExitCode FlashRun::Run() {
 ExitCode RunFlash(const FlashOptions& options) {
   return FlashRun(options).Run();
 }
+
+}  // namespace hosts

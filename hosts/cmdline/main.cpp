@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "nearest_word.h"
-#include "setup.h"
-#include "terminal.h"
+#include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/setup.h"
+#include "hosts/common/nearest_word.h"
+#include "hosts/common/terminal.h"
+
+namespace hosts {
 
 namespace {
 
@@ -169,9 +171,7 @@ int Run(std::vector<std::string> words, bool json) {
   return static_cast<int>(RunCheck(options.check));
 }
 
-}  // namespace
-
-int main() {
+int RunProgram() {
   const Utf8Terminal terminal;
   const std::vector<std::string> words = CommandLineWords();
   const bool json = std::ranges::find(words, "--json") != words.end();
@@ -183,4 +183,12 @@ int main() {
            json);
     return static_cast<int>(ExitCode::NotReady);
   }
+}
+
+}  // namespace
+
+}  // namespace hosts
+
+int main() {
+  return hosts::RunProgram();
 }

@@ -1,4 +1,4 @@
-#include "preflight.h"
+#include "hosts/cmdline/preflight.h"
 
 #include <windows.h>
 
@@ -6,11 +6,13 @@
 #include <array>
 #include <iterator>
 
-#include "configuration_advice.h"
-#include "configuration_file.h"
-#include "owners.h"
-#include "setup.h"
-#include "text.h"
+#include "hosts/cmdline/configuration_advice.h"
+#include "hosts/cmdline/setup.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -271,3 +273,5 @@ Problem ProblemOf(const Finding& error) {
   return {error.code, std::string("Not ready, ") + error.subject + ": " + error.message + ".",
           error.whatToDo};
 }
+
+}  // namespace hosts

@@ -3,8 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "exit_code.h"
-#include "setup.h"
+#include "hosts/cmdline/exit_code.h"
+#include "hosts/cmdline/setup.h"
+
+namespace hosts {
 
 enum class Verdict { Ok, Warning, Error };
 
@@ -26,3 +28,5 @@ std::vector<Finding> LookBeforeFlash();
 const Finding* FirstOf(const std::vector<Finding>& findings, Verdict verdict);
 /// An error, or a warning that counts as one, in words for scripts and people.
 Problem ProblemOf(const Finding& error);
+
+}  // namespace hosts

@@ -1,4 +1,4 @@
-#include "progress_line.h"
+#include "hosts/cmdline/progress_line.h"
 
 #include <windows.h>
 
@@ -6,7 +6,9 @@
 #include <array>
 #include <iostream>
 
-#include "terminal.h"
+#include "hosts/common/terminal.h"
+
+namespace hosts {
 
 namespace {
 
@@ -135,3 +137,5 @@ std::optional<long long> ProgressLine::RemainingSeconds(const Handshake& values)
   const long long limit = *values.timeOut / 1000;
   return std::max(0LL, limit - SecondsSince(m_attemptBegin));
 }
+
+}  // namespace hosts

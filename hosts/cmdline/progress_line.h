@@ -6,7 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
+
+namespace hosts {
 
 /// What a live line tells.
 struct Progress {
@@ -53,3 +55,5 @@ class ProgressLine {
   Clock::time_point m_begin = Clock::now();
   Clock::time_point m_attemptBegin = Clock::now();
 };
+
+}  // namespace hosts

@@ -1,11 +1,13 @@
-#include "setup.h"
+#include "hosts/cmdline/setup.h"
 
 #include <windows.h>
 
 #include <filesystem>
 
-#include "text.h"
+#include "hosts/common/text.h"
 #include "toolkit/toolkit.h"
+
+namespace hosts {
 
 namespace {
 
@@ -46,3 +48,5 @@ FolderImages LookForImages(const std::wstring& folder) {
   images.nvm = static_cast<std::wstring>(ToolKit::GetNVMFlsFile());
   return images;
 }
+
+}  // namespace hosts

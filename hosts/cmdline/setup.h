@@ -2,8 +2,10 @@
 
 #include <string>
 
-#include "handshake.h"
-#include "problem.h"
+#include "hosts/common/handshake.h"
+#include "hosts/common/problem.h"
+
+namespace hosts {
 
 /// Prints a problem: as a JSON error object on standard output, or in words on standard error.
 void Report(const Problem& problem, bool json);
@@ -25,3 +27,5 @@ struct FolderImages {
   bool Any() const { return !modem.empty() || !nvm.empty(); }
 };
 FolderImages LookForImages(const std::wstring& folder);
+
+}  // namespace hosts

@@ -3,16 +3,18 @@
 #include <iostream>
 #include <string_view>
 
-#include "commands.h"
-#include "configuration_file.h"
-#include "history_output.h"
-#include "interruption.h"
-#include "json_output.h"
-#include "modem_presence.h"
-#include "serving_notice.h"
-#include "setup.h"
-#include "text.h"
+#include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/setup.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/history_output.h"
+#include "hosts/common/interruption.h"
+#include "hosts/common/json_output.h"
+#include "hosts/common/modem_presence.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
 #include "toolkit/toolkit.h"
+
+namespace hosts {
 
 namespace {
 
@@ -142,3 +144,5 @@ ExitCode RunStatus(const StatusOptions& options) {
   }
   return ExitCode::Flashed;
 }
+
+}  // namespace hosts

@@ -1,4 +1,4 @@
-#include "configuration_file.h"
+#include "hosts/common/configuration_file.h"
 
 #include <share.h>
 
@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cwchar>
 #include <memory>
+
+namespace hosts {
 
 namespace {
 
@@ -97,3 +99,5 @@ HandshakeKey ConfigurationFile::ServiceKey() const {
   key.path = separator == std::wstring::npos ? location : location.substr(separator + 1);
   return key;
 }
+
+}  // namespace hosts

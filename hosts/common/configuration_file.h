@@ -4,7 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
+
+namespace hosts {
 
 /// The longest key or value that the library takes; the rest of a longer one is cut off.
 constexpr std::size_t kLongestConfigurationText = 511;
@@ -46,3 +48,5 @@ class ConfigurationFile {
   std::vector<std::wstring> m_lines;
   std::vector<Setting> m_settings;
 };
+
+}  // namespace hosts

@@ -1,7 +1,9 @@
-#include "event_log.h"
+#include "hosts/common/event_log.h"
 
-#include "service_name.h"
-#include "text.h"
+#include "hosts/common/service_name.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -48,3 +50,5 @@ void WriteEvent(DWORD message, const std::wstring& insertion) {
   ::ReportEventW(source, TypeOf(message), 0, message, nullptr, 1, 0, insertions, nullptr);
   ::DeregisterEventSource(source);
 }
+
+}  // namespace hosts

@@ -1,6 +1,8 @@
-#include "finished_job.h"
+#include "hosts/common/finished_job.h"
 
 #include <utility>
+
+namespace hosts {
 
 namespace {
 
@@ -27,7 +29,8 @@ std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
     }
     return std::nullopt;
   }
-  // A short job may be over before anybody has looked: another result than at the last look is its only trace.
+  // A short job may be over before anybody has looked: another result than at the last look is its only
+  // trace.
   if (!m_begin && last && last->result != values.result) m_begin = last->at;
   // Without a begin it is the result of the last job, which stays until the library sees the next request.
   if (!m_begin) return std::nullopt;
@@ -38,3 +41,5 @@ std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
                      .progress = values.progress.value_or(0),
                      .seconds = lasted.count()};
 }
+
+}  // namespace hosts

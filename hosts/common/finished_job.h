@@ -5,7 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
+
+namespace hosts {
 
 /// A flash that has come to its end, in whichever way.
 struct FinishedJob {
@@ -38,3 +40,5 @@ class JobWatch {
   /// Nothing before the first look.
   std::optional<Seen> m_last;
 };
+
+}  // namespace hosts

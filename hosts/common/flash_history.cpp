@@ -1,4 +1,4 @@
-#include "flash_history.h"
+#include "hosts/common/flash_history.h"
 
 #include <algorithm>
 #include <charconv>
@@ -8,8 +8,10 @@
 #include <string_view>
 #include <utility>
 
-#include "owners.h"
-#include "text.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -187,3 +189,5 @@ HistoryReading FlashHistory::Read() const {
   }
   return reading;
 }
+
+}  // namespace hosts

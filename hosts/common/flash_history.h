@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "finished_job.h"
+#include "hosts/common/finished_job.h"
+
+namespace hosts {
 
 /// One job as the history keeps it.
 struct HistoryEntry {
@@ -40,3 +42,5 @@ class FlashHistory {
  private:
   std::wstring m_path;
 };
+
+}  // namespace hosts

@@ -1,9 +1,11 @@
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 
 #include <cwctype>
 #include <utility>
 
-#include "text.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -144,3 +146,5 @@ DWORD HandshakeWatch::Open() {
   m_key.reset(opened);
   return static_cast<DWORD>(status);
 }
+
+}  // namespace hosts

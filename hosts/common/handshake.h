@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
+
+namespace hosts {
 
 /// Flash_Result as the library writes it.
 enum class FlashResult : std::uint32_t { Idle = 0, Flashing = 1, Retrying = 2, Failed = 3, Succeeded = 4 };
@@ -88,3 +90,5 @@ class HandshakeWatch {
   OwnedKey m_key;
   bool m_armed = false;
 };
+
+}  // namespace hosts

@@ -1,11 +1,13 @@
-#include "history_output.h"
+#include "hosts/common/history_output.h"
 
 #include <iostream>
 
-#include "flash_history.h"
-#include "json_output.h"
-#include "problem.h"
-#include "text.h"
+#include "hosts/common/flash_history.h"
+#include "hosts/common/json_output.h"
+#include "hosts/common/problem.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -51,3 +53,5 @@ bool ShowHistory(const char* program, bool json) {
   PrintJson({{"history", entries}, {"file", ToUtf8(history.Path())}});
   return true;
 }
+
+}  // namespace hosts

@@ -1,8 +1,10 @@
-#include "interruption.h"
+#include "hosts/common/interruption.h"
 
 #include <atomic>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
+
+namespace hosts {
 
 namespace {
 
@@ -37,3 +39,5 @@ BOOL WINAPI Interruption::OnConsoleEvent(DWORD event) {
   if (final) ::Sleep(INFINITE);
   return TRUE;
 }
+
+}  // namespace hosts

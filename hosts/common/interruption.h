@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace hosts {
+
 /// Ctrl+C and its relatives as an event that the main thread waits for, instead of the process's end.
 /// One per process, from its construction to the end of the process.
 class Interruption {
@@ -16,3 +18,5 @@ class Interruption {
   /// What the system calls for a console event. @return TRUE: it is dealt with.
   static BOOL WINAPI OnConsoleEvent(DWORD event);
 };
+
+}  // namespace hosts

@@ -1,9 +1,11 @@
-#include "job_record.h"
+#include "hosts/common/job_record.h"
 
-#include "event_log.h"
-#include "flash_history.h"
+#include "hosts/common/event_log.h"
+#include "hosts/common/flash_history.h"
+#include "hosts/common/text.h"
 #include "messages.h"
-#include "text.h"
+
+namespace hosts {
 
 std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
   WriteEvent(job.flashed ? MSG_FLASH_SUCCEEDED : MSG_FLASH_FAILED, ToWide(job.Text()));
@@ -15,3 +17,5 @@ std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
   WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(problem));
   return problem;
 }
+
+}  // namespace hosts

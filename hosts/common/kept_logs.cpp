@@ -1,4 +1,4 @@
-#include "kept_logs.h"
+#include "hosts/common/kept_logs.h"
 
 #include <windows.h>
 
@@ -10,8 +10,10 @@
 #include <optional>
 #include <vector>
 
-#include "owners.h"
-#include "text.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -151,3 +153,5 @@ std::string KeepLastLog(const std::wstring& log) {
 std::wstring ServiceLogPath() {
   return ProgramFolder() + kServiceLog;
 }
+
+}  // namespace hosts

@@ -2,6 +2,8 @@
 
 #include <string>
 
+namespace hosts {
+
 /// Keeps the debug log of the run before: each start of a host empties it, and with it what a failed flash
 /// has written. The log is given a name with the time of its last record, and of such kept ones the newest
 /// five stay. Call it before anything can write the log.
@@ -11,3 +13,5 @@ std::string KeepLastLog(const std::wstring& log);
 
 /// Full path of the log that the library writes in service use.
 std::wstring ServiceLogPath();
+
+}  // namespace hosts

@@ -1,4 +1,4 @@
-#include "modem_presence.h"
+#include "hosts/common/modem_presence.h"
 
 #include <windows.h>
 
@@ -8,6 +8,8 @@
 #include <cwctype>
 #include <string>
 #include <vector>
+
+namespace hosts {
 
 namespace {
 
@@ -103,3 +105,5 @@ const char* TokenOf(ModemMode mode) {
   }
   return "unknown";
 }
+
+}  // namespace hosts

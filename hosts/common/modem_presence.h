@@ -1,5 +1,7 @@
 #pragma once
 
+namespace hosts {
+
 /// What the modem is at present, as the device tree shows it.
 enum class ModemMode { Mbim, FlashPort, AtPortOnly, Absent };
 
@@ -14,3 +16,5 @@ ModemPresence LookForModem();
 /// For people, and for programs.
 const char* NameOf(ModemMode mode);
 const char* TokenOf(ModemMode mode);
+
+}  // namespace hosts

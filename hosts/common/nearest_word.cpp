@@ -1,7 +1,9 @@
-#include "nearest_word.h"
+#include "hosts/common/nearest_word.h"
 
 #include <algorithm>
 #include <cctype>
+
+namespace hosts {
 
 namespace {
 
@@ -48,3 +50,5 @@ std::string NearestWord(std::string_view word, const std::vector<std::string>& k
   }
   return nearest;
 }
+
+}  // namespace hosts

@@ -5,6 +5,8 @@
 #include <memory>
 #include <system_error>
 
+namespace hosts {
+
 // Owners of system objects. An empty one holds nullptr, never INVALID_HANDLE_VALUE.
 
 struct OwnedHandleCloser {
@@ -36,3 +38,5 @@ inline OwnedHandle NewEvent() {
   if (event == nullptr) ThrowLastError("An event cannot be made");
   return event;
 }
+
+}  // namespace hosts

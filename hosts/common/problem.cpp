@@ -1,8 +1,10 @@
-#include "problem.h"
+#include "hosts/common/problem.h"
 
 #include <iostream>
 
-#include "json_output.h"
+#include "hosts/common/json_output.h"
+
+namespace hosts {
 
 nlohmann::ordered_json AsJson(const Problem& problem, const nlohmann::ordered_json& details) {
   nlohmann::ordered_json document{
@@ -15,3 +17,5 @@ void Report(const char* program, const Problem& problem, bool json) {
   if (json) return PrintJson(AsJson(problem));
   std::cerr << program << ": " << problem.message << "\n" << problem.whatToDo << std::endl;
 }
+
+}  // namespace hosts

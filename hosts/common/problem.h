@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+namespace hosts {
+
 /// What went wrong, in words for scripts and people.
 struct Problem {
   std::string code;
@@ -15,3 +17,5 @@ nlohmann::ordered_json AsJson(const Problem& problem,
                               const nlohmann::ordered_json& details = nlohmann::ordered_json::object());
 /// Prints a problem of a program: as a JSON error object on standard output, or in words on standard error.
 void Report(const char* program, const Problem& problem, bool json);
+
+}  // namespace hosts

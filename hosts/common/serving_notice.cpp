@@ -1,7 +1,9 @@
-#include "serving_notice.h"
+#include "hosts/common/serving_notice.h"
 
 #include <algorithm>
 #include <string>
+
+namespace hosts {
 
 namespace {
 
@@ -30,3 +32,5 @@ Writer WriterOf(const HandshakeKey& key) {
   return IsServedBy(Server::Service, key) || IsServedBy(Server::CommandLine, key) ? Writer::Lives
                                                                                   : Writer::Gone;
 }
+
+}  // namespace hosts

@@ -1,7 +1,9 @@
 #pragma once
 
-#include "handshake.h"
-#include "owners.h"
+#include "hosts/common/handshake.h"
+#include "hosts/common/owners.h"
+
+namespace hosts {
 
 /// Who deals with the requests under a key.
 enum class Server { Service, CommandLine };
@@ -20,3 +22,5 @@ class ServingNotice {
 bool IsServedBy(Server server, const HandshakeKey& key);
 /// Whether the host that wrote what stands under the key can still be at work on it.
 Writer WriterOf(const HandshakeKey& key);
+
+}  // namespace hosts

@@ -1,10 +1,12 @@
-#include "terminal.h"
+#include "hosts/common/terminal.h"
 
 #include <shellapi.h>
 
 #include <memory>
 
-#include "text.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -35,3 +37,5 @@ Utf8Terminal::Utf8Terminal() : m_former(::GetConsoleOutputCP()) {
 Utf8Terminal::~Utf8Terminal() {
   ::SetConsoleOutputCP(m_former);
 }
+
+}  // namespace hosts

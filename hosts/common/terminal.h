@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace hosts {
+
 /// The words of the command line in UTF-8, without the program's name.
 std::vector<std::string> CommandLineWords();
 
@@ -23,3 +25,5 @@ class Utf8Terminal {
  private:
   UINT m_former;
 };
+
+}  // namespace hosts

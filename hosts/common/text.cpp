@@ -1,6 +1,8 @@
-#include "text.h"
+#include "hosts/common/text.h"
 
 #include <windows.h>
+
+namespace hosts {
 
 namespace {
 
@@ -76,3 +78,5 @@ std::wstring ProgramFolder() {
   const std::wstring path = ProgramPath();
   return path.substr(0, path.rfind(L'\\') + 1);
 }
+
+}  // namespace hosts

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+namespace hosts {
+
 /// UTF-8 for people and JSON, UTF-16 for Windows.
 std::string ToUtf8(std::wstring_view text);
 std::wstring ToWide(std::string_view text);
@@ -19,3 +21,5 @@ std::string SystemErrorText(unsigned long error);
 /// Full path of the running program, and its folder with the trailing separator.
 std::wstring ProgramPath();
 std::wstring ProgramFolder();
+
+}  // namespace hosts

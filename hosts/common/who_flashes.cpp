@@ -1,14 +1,16 @@
-#include "who_flashes.h"
+#include "hosts/common/who_flashes.h"
 
 #include <winsvc.h>
 
 #include <system_error>
 #include <vector>
 
-#include "configuration_file.h"
-#include "service_name.h"
-#include "serving_notice.h"
-#include "text.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/service_name.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -202,3 +204,5 @@ std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey) 
                   std::string("Nobody can tell whether the flash service is flashing: ") + error.what(),
                   "Run this program as an administrator."};
 }
+
+}  // namespace hosts

@@ -5,8 +5,10 @@
 #include <optional>
 #include <string>
 
-#include "handshake.h"
-#include "owners.h"
+#include "hosts/common/handshake.h"
+#include "hosts/common/owners.h"
+
+namespace hosts {
 
 // Two hosts that drive one modem at the same time spoil each other's flash, and the one that ends first
 // deletes the images of the other. So a command line that is about to flash looks who else does.
@@ -39,3 +41,5 @@ std::optional<Obstacle> FindFlashingCommandLine();
 /// A flash service that is flashing, or that would take the request of the command line as well, because it
 /// runs and has the same key. What a service that does not run any more left in its key is no obstacle.
 std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey);
+
+}  // namespace hosts

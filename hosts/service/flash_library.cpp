@@ -1,13 +1,15 @@
-#include "flash_library.h"
+#include "hosts/service/flash_library.h"
 
 #include <windows.h>
 
 #include <utility>
 
-#include "configuration_file.h"
-#include "identity.h"
-#include "kept_logs.h"
-#include "text.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/kept_logs.h"
+#include "hosts/common/text.h"
+#include "hosts/service/identity.h"
+
+namespace hosts {
 
 namespace {
 
@@ -92,3 +94,5 @@ std::optional<HandshakeKey> FlashServiceKey() {
   if (!configuration) return std::nullopt;
   return configuration->ServiceKey();
 }
+
+}  // namespace hosts

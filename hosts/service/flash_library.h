@@ -3,7 +3,9 @@
 #include <optional>
 #include <string>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
+
+namespace hosts {
 
 /// Why the flash library does not serve.
 struct LibraryFailure {
@@ -28,3 +30,5 @@ FlashLibrary LoadFlashLibrary();
 
 /// The handshake key that the configuration names at present; nothing when it cannot be read.
 std::optional<HandshakeKey> FlashServiceKey();
+
+}  // namespace hosts

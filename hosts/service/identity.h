@@ -1,6 +1,8 @@
 #pragma once
 
-#include "service_name.h"
+#include "hosts/common/service_name.h"
+
+namespace hosts {
 
 /// How the service is known to people.
 inline constexpr wchar_t kDisplayName[] = L"Corvel Modem Flash Service";
@@ -22,3 +24,5 @@ inline constexpr unsigned long kLongestStartMs = 30000;
 inline constexpr unsigned long kLongestAttemptMs = 180000;
 /// What the system is asked to grant at a shutdown: more than the wait, and more than it grants by itself.
 inline constexpr unsigned long kShutdownLimitMs = 200000;
+
+}  // namespace hosts

@@ -8,17 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "flash_library.h"
-#include "history_output.h"
-#include "identity.h"
-#include "json_output.h"
-#include "nearest_word.h"
-#include "problem.h"
-#include "service_body.h"
-#include "service_control.h"
-#include "serving_notice.h"
-#include "terminal.h"
-#include "text.h"
+#include "hosts/common/history_output.h"
+#include "hosts/common/json_output.h"
+#include "hosts/common/nearest_word.h"
+#include "hosts/common/problem.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/terminal.h"
+#include "hosts/common/text.h"
+#include "hosts/service/flash_library.h"
+#include "hosts/service/identity.h"
+#include "hosts/service/service_body.h"
+#include "hosts/service/service_control.h"
+
+namespace hosts {
 
 namespace {
 
@@ -299,9 +301,7 @@ int Run(std::vector<std::string> words, bool json) {
   return action();
 }
 
-}  // namespace
-
-int main() {
+int RunProgram() {
   const Utf8Terminal terminal;
   std::vector<std::string> words = CommandLineWords();
   const bool json = std::ranges::find(words, "--json") != words.end();
@@ -311,4 +311,12 @@ int main() {
     Report(kProgram, {"internal", std::string(error.what()) + ".", "Try again."}, json);
     return kFailed;
   }
+}
+
+}  // namespace
+
+}  // namespace hosts
+
+int main() {
+  return hosts::RunProgram();
 }

@@ -1,4 +1,4 @@
-#include "service_body.h"
+#include "hosts/service/service_body.h"
 
 #include <windows.h>
 
@@ -7,16 +7,18 @@
 #include <mutex>
 #include <string>
 
-#include "event_log.h"
-#include "flash_library.h"
-#include "identity.h"
-#include "interruption.h"
-#include "job_record.h"
+#include "hosts/common/event_log.h"
+#include "hosts/common/interruption.h"
+#include "hosts/common/job_record.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
+#include "hosts/service/flash_library.h"
+#include "hosts/service/identity.h"
+#include "hosts/service/service_report.h"
 #include "messages.h"
-#include "owners.h"
-#include "service_report.h"
-#include "serving_notice.h"
-#include "text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -256,3 +258,5 @@ int RunInConsole() {
   ShowUntilInterrupted(library.key, interruption);
   return 0;
 }
+
+}  // namespace hosts

@@ -1,13 +1,15 @@
-#include "service_control.h"
+#include "hosts/service/service_control.h"
 
 #include <array>
 #include <memory>
 #include <string>
 
-#include "event_log.h"
-#include "identity.h"
-#include "owners.h"
-#include "text.h"
+#include "hosts/common/event_log.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+#include "hosts/service/identity.h"
+
+namespace hosts {
 
 namespace {
 
@@ -252,3 +254,5 @@ std::string MeaningOfServiceCode(DWORD code) {
       return "for a reason of its own";
   }
 }
+
+}  // namespace hosts

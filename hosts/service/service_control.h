@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace hosts {
+
 /// What managing the service comes to, for a message and an exit status.
 struct ControlResult {
   DWORD error = ERROR_SUCCESS;
@@ -42,3 +44,5 @@ ControlResult QueryFlashService(ServiceState& state);
 const char* NameOfState(DWORD state);
 /// In words, why the service ended with one of its own codes.
 std::string MeaningOfServiceCode(DWORD code);
+
+}  // namespace hosts

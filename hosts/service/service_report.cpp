@@ -1,4 +1,6 @@
-#include "service_report.h"
+#include "hosts/service/service_report.h"
+
+namespace hosts {
 
 void ServiceReport::Begin(SERVICE_STATUS_HANDLE manager, DWORD hintMs) {
   m_manager = manager;
@@ -42,3 +44,5 @@ void ServiceReport::Settled(DWORD state, DWORD accepted) {
   m_status.dwWaitHint = 0;
   ::SetServiceStatus(m_manager, &m_status);
 }
+
+}  // namespace hosts

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace hosts {
+
 /// What the service manager is told about the service's state. Not locked. A service that is stopping does
 /// not run again, and one that has stopped says no more.
 class ServiceReport {
@@ -29,3 +31,5 @@ class ServiceReport {
                           .dwCheckPoint = 0,
                           .dwWaitHint = 0};
 };
+
+}  // namespace hosts

@@ -13,14 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "interruption.h"
+#include "hosts/common/interruption.h"
+#include "hosts/common/terminal.h"
+#include "hosts/common/text.h"
 #include "simulator/host/command_line_table.h"
 #include "simulator/program/exit_status.h"
 #include "simulator/program/judgement.h"
 #include "simulator/program/report.h"
 #include "simulator/program/scenario_table.h"
-#include "terminal.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -71,9 +71,9 @@ CommandLinePlan PlanOf(const Options& options, const Scenario* scenario) {
     plan.setup.route = *RouteOfName(options.route);
   }
   plan.speed = options.speed;
-  plan.folder = std::filesystem::absolute(options.folder.empty()
-                                              ? std::filesystem::path(ProgramFolder()) / L"cmdline_simulator"
-                                              : std::filesystem::path(ToWide(options.folder)));
+  plan.folder = std::filesystem::absolute(
+      options.folder.empty() ? std::filesystem::path(hosts::ProgramFolder()) / L"cmdline_simulator"
+                             : std::filesystem::path(hosts::ToWide(options.folder)));
   if (options.json) {
     plan.options = {L"--json", L"--quiet"};
     plan.output = plan.folder / L"corvel_cmdline.json";
@@ -96,7 +96,7 @@ ExitStatus Flash(const Options& options) {
   const Scenario* const scenario = options.scenario.empty() ? nullptr : FindScenario(options.scenario);
   const CommandLinePlan plan = PlanOf(options, scenario);
   // Ctrl+C is for the host to answer, which has the same console.
-  const Interruption unheard;
+  const hosts::Interruption unheard;
   const CommandLineReport report = FlashByCommandLine(plan);
   Outcome outcome{.route = plan.setup.route,
                   .speed = options.speed,
@@ -158,5 +158,5 @@ int main() {
   // Lines end as the reader's own do, whichever system reads them.
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
-  return static_cast<int>(simulator::Run(CommandLineWords()));
+  return static_cast<int>(simulator::Run(hosts::CommandLineWords()));
 }

@@ -8,12 +8,12 @@
 #include <optional>
 #include <string_view>
 
+#include "hosts/common/text.h"
 #include "simulator/host/kept_key.h"
 #include "simulator/host/virtual_pc_file.h"
 #include "simulator/program/configuration.h"
 #include "simulator/program/firmware_folder.h"
 #include "simulator/program/work_folder.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -62,7 +62,7 @@ class CommandLineRun {
   void MakeFolder() const {
     std::filesystem::remove_all(m_plan.folder);
     std::filesystem::create_directories(m_plan.folder);
-    const std::filesystem::path programs = ProgramFolder();
+    const std::filesystem::path programs = hosts::ProgramFolder();
     Bring(programs / L"simulated" / kHost);
     for (const wchar_t* name : {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll", L"virtual_pc_host.dll"}) {
       Bring(programs / name);

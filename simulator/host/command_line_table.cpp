@@ -289,7 +289,7 @@ CommandLineExpectation ExpectedOfCommandLine(const Scenario& scenario, Asker ask
 
   CommandLineExpectation all{.exitCode = kFlashed, .expected = scenario.expected, .reason = {}};
   Expectation& expected = all.expected;
-  if (expected.values.result != static_cast<std::uint32_t>(FlashResult::Succeeded)) {
+  if (expected.values.result != static_cast<std::uint32_t>(hosts::FlashResult::Succeeded)) {
     all.exitCode = kFlashFailed;
   }
   const auto nextPass =

@@ -7,17 +7,19 @@
 #include <optional>
 #include <string>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 
 namespace simulator {
 
 /// A key of the handshake that is empty for a test, and afterwards what it was before.
 class KeptKey {
  public:
-  explicit KeptKey(HandshakeKey key) : m_key(std::move(key)), m_before(ReadHandshake(m_key)) { Delete(); }
+  explicit KeptKey(hosts::HandshakeKey key) : m_key(std::move(key)), m_before(hosts::ReadHandshake(m_key)) {
+    Delete();
+  }
   ~KeptKey() {
     Delete();
-    for (const HandshakeLine& line : Describe(m_before)) {
+    for (const hosts::HandshakeLine& line : hosts::Describe(m_before)) {
       if (line.value)
         Write(std::wstring(line.name, line.name + std::string_view(line.name).size()), *line.value);
     }
@@ -25,28 +27,28 @@ class KeptKey {
   KeptKey(const KeptKey&) = delete;
   KeptKey& operator=(const KeptKey&) = delete;
 
-  const HandshakeKey& Location() const { return m_key; }
-  Handshake Read() const { return ReadHandshake(m_key); }
+  const hosts::HandshakeKey& Location() const { return m_key; }
+  hosts::Handshake Read() const { return hosts::ReadHandshake(m_key); }
   void Write(const std::wstring& name, std::uint32_t value) const {
-    WriteHandshakeValue(m_key, name.c_str(), value);
+    hosts::WriteHandshakeValue(m_key, name.c_str(), value);
   }
   bool Exists() const {
     HKEY opened = nullptr;
     const bool exists =
         ::RegOpenKeyExW(m_key.root, m_key.path.c_str(), 0, KEY_READ, &opened) == ERROR_SUCCESS;
-    const OwnedKey owner(opened);
+    const hosts::OwnedKey owner(opened);
     return exists;
   }
 
  private:
   void Delete() const { ::RegDeleteTreeW(m_key.root, m_key.path.c_str()); }
 
-  HandshakeKey m_key;
-  Handshake m_before;
+  hosts::HandshakeKey m_key;
+  hosts::Handshake m_before;
 };
 
 /// The key that the command line always uses.
-inline HandshakeKey KeyOfCommandLine() {
+inline hosts::HandshakeKey KeyOfCommandLine() {
   return {.path = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService"};
 }
 

@@ -5,9 +5,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "hosts/common/text.h"
 #include "simulator/program/report.h"
 #include "simulator/program/scenario_table.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -86,8 +86,8 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
     return std::nullopt;
   }
   command.route = *RouteOfName(route);
-  command.makeImages = ToWide(images);
-  command.keep = ToWide(keep);
+  command.makeImages = hosts::ToWide(images);
+  command.keep = hosts::ToWide(keep);
   return command;
 }
 

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "text.h"
+#include "hosts/common/text.h"
 
 namespace simulator {
 
@@ -91,7 +91,8 @@ ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const 
   const HANDLE lock = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (lock == INVALID_HANDLE_VALUE) {
-    throw std::runtime_error("the configuration cannot be locked: " + SystemErrorText(::GetLastError()));
+    throw std::runtime_error("the configuration cannot be locked: " +
+                             hosts::SystemErrorText(::GetLastError()));
   }
   m_lock.reset(lock);
 }

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "text.h"
+#include "hosts/common/text.h"
 
 namespace simulator {
 
@@ -59,7 +59,7 @@ void FirmwareFolder::Hold(ImageHolder holder) {
   const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
-    throw std::runtime_error("an image cannot be opened: " + SystemErrorText(::GetLastError()));
+    throw std::runtime_error("an image cannot be opened: " + hosts::SystemErrorText(::GetLastError()));
   }
   m_held.reset(file);
 }

@@ -56,7 +56,7 @@ class Judge {
     Compare(what, expected, found, [](int number) { return std::to_string(number); });
   }
 
-  void CompareValues(const Handshake& expected, const Handshake& found) {
+  void CompareValues(const hosts::Handshake& expected, const hosts::Handshake& found) {
     Compare("Fls_Ready", expected.ready, found.ready, Show);
     Compare("Retry_Times", expected.retryTimes, found.retryTimes, Show);
     Compare("Time_Out", expected.timeOut, found.timeOut, Show);

@@ -14,7 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "interruption.h"
+#include "hosts/common/interruption.h"
+#include "hosts/common/text.h"
 #include "simulator/program/command_line.h"
 #include "simulator/program/display.h"
 #include "simulator/program/judgement.h"
@@ -23,7 +24,6 @@
 #include "simulator/program/session.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -83,8 +83,8 @@ int RunInPlace(const Command& command) {
     plan.setup.route = command.route;
   }
   plan.speed = command.speed.value_or(1.0);
-  plan.folder = ProgramFolder();
-  plan.key = ToWide(command.inPlace);
+  plan.folder = hosts::ProgramFolder();
+  plan.key = hosts::ToWide(command.inPlace);
 
   DisplayStyle style = command.terminal ? DisplayStyle::Terminal : DisplayStyle::Plain;
   if (command.json) style = DisplayStyle::None;
@@ -109,9 +109,9 @@ std::vector<std::wstring> ArgumentsOf(const Command& command, const std::wstring
   std::vector<std::wstring> arguments{L"--in-place", key, L"--speed",
                                       std::to_wstring(command.speed.value_or(1.0))};
   if (command.scenario.empty()) {
-    arguments.insert(arguments.end(), {L"--route", ToWide(NameOf(command.route))});
+    arguments.insert(arguments.end(), {L"--route", hosts::ToWide(NameOf(command.route))});
   } else {
-    arguments.insert(arguments.end(), {L"--scenario", ToWide(command.scenario)});
+    arguments.insert(arguments.end(), {L"--scenario", hosts::ToWide(command.scenario)});
   }
   if (command.json) arguments.emplace_back(L"--json");
   if (command.terminal)
@@ -143,7 +143,7 @@ int ConcludeInterrupted(const Command& command) {
 
 /// Runs one flash or scenario in a process and folder of its own.
 int RunOne(const Command& command) {
-  const Interruption interruption;
+  const hosts::Interruption interruption;
   WorkFolder folder(command.keep);
   folder.KeepLog();
   if (!command.keep.empty()) folder.KeepAll();
@@ -255,7 +255,7 @@ class ScenarioRun {
   const Command& m_command;
   const std::vector<const Scenario*> m_scenarios;
   std::vector<nlohmann::ordered_json> m_results;
-  const Interruption m_interruption;
+  const hosts::Interruption m_interruption;
   std::atomic<bool> m_interrupted{false};
   std::atomic<std::size_t> m_next{0};
   std::mutex m_mutex;

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "text.h"
+#include "hosts/common/text.h"
 
 namespace simulator {
 
@@ -38,7 +38,7 @@ nlohmann::ordered_json Value(std::optional<std::uint32_t> value) {
   return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
 }
 
-nlohmann::ordered_json JsonOfValues(const Handshake& values) {
+nlohmann::ordered_json JsonOfValues(const hosts::Handshake& values) {
   return {{"Fls_Ready", Value(values.ready)},         {"Retry_Times", Value(values.retryTimes)},
           {"Time_Out", Value(values.timeOut)},        {"Flash_OnGoing", Value(values.onGoing)},
           {"Flash_Progress", Value(values.progress)}, {"Flash_Result", Value(values.result)}};
@@ -48,7 +48,7 @@ nlohmann::ordered_json JsonOfValues(const Handshake& values) {
 
 bool Outcome::IsGood() const {
   if (scenario != nullptr) return differences.empty();
-  return session.finished && session.values.Is(FlashResult::Succeeded) && session.comparison.equal;
+  return session.finished && session.values.Is(hosts::FlashResult::Succeeded) && session.comparison.equal;
 }
 
 std::string SummaryOf(const Outcome& outcome) {
@@ -64,7 +64,7 @@ std::string SummaryOf(const Outcome& outcome) {
                                       : std::string("Flash by route ") + NameOf(outcome.route) + "\n";
   if (!session.finished) line("trouble", session.difficulty);
   line("result", (session.values.result ? std::to_string(*session.values.result) : "-") + " (" +
-                     MeaningOfResult(session.values.result) + ")");
+                     hosts::MeaningOfResult(session.values.result) + ")");
   line("attempts", std::to_string(session.attempts));
   line("duration", Seconds(session.duration) + (outcome.speed == 1.0
                                                     ? ""
@@ -88,7 +88,7 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome) {
                               {"speed", outcome.speed},
                               {"finished", session.finished},
                               {"result", Value(session.values.result)},
-                              {"meaning", MeaningOfResult(session.values.result)},
+                              {"meaning", hosts::MeaningOfResult(session.values.result)},
                               {"attempts", session.attempts},
                               {"duration_s", static_cast<double>(session.duration.count()) / 1000},
                               {"real_duration_s", static_cast<double>(session.realDuration.count()) / 1000},
@@ -120,7 +120,7 @@ std::string NameForPeople(const std::filesystem::path& path) {
   const auto unixName = reinterpret_cast<UnixName>(
       ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
   char* const name = unixName != nullptr ? unixName(path.c_str()) : nullptr;
-  if (name == nullptr) return ToUtf8(path.wstring());
+  if (name == nullptr) return hosts::ToUtf8(path.wstring());
   std::string text(name);
   ::HeapFree(::GetProcessHeap(), 0, name);
   return text;

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 #include "simulator/faults.h"
 #include "simulator/virtual_pc.h"
 
@@ -98,7 +98,7 @@ LogText Warning(const char* text);
 /// What has to come of it.
 struct Expectation {
   /// At the end, when the library waits for the next request. "Fls_Ready" and "Retry_Times" included.
-  Handshake values = {};
+  hosts::Handshake values = {};
   /// Download attempts that were started.
   int attempts = 0;
   /// Pulses on the baseband reset line.

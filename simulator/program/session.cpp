@@ -5,10 +5,10 @@
 #include <memory>
 #include <stdexcept>
 
+#include "hosts/common/text.h"
 #include "simulator/program/configuration.h"
 #include "simulator/program/firmware_folder.h"
 #include "simulator/program/session_key.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -54,7 +54,7 @@ class Session {
   SessionReport Run() {
     if (m_plan.setup.retryTimes) m_key.Write(L"Retry_Times", *m_plan.setup.retryTimes);
     if (m_pc.LoadUnderSimulation(m_plan.folder / kLibrary) == nullptr) {
-      throw std::runtime_error("the library cannot be loaded: " + SystemErrorText(::GetLastError()));
+      throw std::runtime_error("the library cannot be loaded: " + hosts::SystemErrorText(::GetLastError()));
     }
     const bool starts = m_plan.awaited == nullptr || m_plan.awaited->serviceStarts;
     m_report.serviceStarted = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
@@ -189,10 +189,10 @@ class Session {
 }  // namespace
 
 std::string StageOf(const Snapshot& now) {
-  if (now.values.Is(FlashResult::Succeeded)) return "flashed";
-  if (now.values.Is(FlashResult::Failed)) return "failed";
-  if (now.values.Is(FlashResult::Idle) || !now.values.result) return "starting";
-  if (now.values.Is(FlashResult::Retrying)) return "retrying";
+  if (now.values.Is(hosts::FlashResult::Succeeded)) return "flashed";
+  if (now.values.Is(hosts::FlashResult::Failed)) return "failed";
+  if (now.values.Is(hosts::FlashResult::Idle) || !now.values.result) return "starting";
+  if (now.values.Is(hosts::FlashResult::Retrying)) return "retrying";
   switch (now.modem) {
     case ModemState::Normal:
       return now.values.progress == 100u ? "modem is back" : "rebooting the modem";

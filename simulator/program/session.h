@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 #include "simulator/program/debug_log.h"
 #include "simulator/program/scenario.h"
 #include "simulator/virtual_pc.h"
@@ -28,7 +28,7 @@ struct SessionPlan {
 
 /// What the controlling program sees at a moment.
 struct Snapshot {
-  Handshake values;
+  hosts::Handshake values;
   ModemState modem = ModemState::Normal;
   int attempt = 0;
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the flash was asked for
@@ -41,7 +41,7 @@ struct SessionReport {
   bool finished = false;
   std::string difficulty;
 
-  Handshake values;
+  hosts::Handshake values;
   int attempts = 0;
   int workersBack = 0;
   int resets = 0;

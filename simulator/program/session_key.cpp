@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "text.h"
+#include "hosts/common/text.h"
 
 namespace simulator {
 
@@ -11,7 +11,8 @@ namespace {
 
 void Require(LSTATUS status, const char* what) {
   if (status == ERROR_SUCCESS) return;
-  throw std::runtime_error(std::string(what) + ": " + SystemErrorText(static_cast<unsigned long>(status)));
+  throw std::runtime_error(std::string(what) + ": " +
+                           hosts::SystemErrorText(static_cast<unsigned long>(status)));
 }
 
 }  // namespace
@@ -41,7 +42,8 @@ std::wstring SessionKey::Location() const {
 }
 
 void SessionKey::Write(const wchar_t* name, std::uint32_t value) {
-  Require(static_cast<LSTATUS>(WriteHandshakeValue(m_key, name, value)), "the registry cannot be written");
+  Require(static_cast<LSTATUS>(hosts::WriteHandshakeValue(m_key, name, value)),
+          "the registry cannot be written");
 }
 
 void SessionKey::ArmWatch() {

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 
 namespace simulator {
 
@@ -22,7 +22,7 @@ class SessionKey {
   /// As the configuration names it: "HKCU\...".
   std::wstring Location() const;
 
-  Handshake Read() const { return ReadHandshake(m_key); }
+  hosts::Handshake Read() const { return hosts::ReadHandshake(m_key); }
   void Write(const wchar_t* name, std::uint32_t value);
 
   /// From now on a change counts: arm first, then look, then wait.
@@ -32,9 +32,9 @@ class SessionKey {
   static void Remove(const std::wstring& path);
 
  private:
-  HandshakeKey m_key;
+  hosts::HandshakeKey m_key;
   bool m_standsForMachine;
-  HandshakeWatch m_watch;
+  hosts::HandshakeWatch m_watch;
 };
 
 }  // namespace simulator

@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "hosts/common/text.h"
 #include "simulator/program/exit_status.h"
-#include "text.h"
 
 namespace simulator {
 
@@ -29,7 +29,7 @@ using Handle = std::unique_ptr<void, HandleCloser>;
 
 [[noreturn]] void Fail(const std::string& what) {
   const DWORD error = ::GetLastError();
-  throw std::runtime_error(what + ": " + SystemErrorText(error));
+  throw std::runtime_error(what + ": " + hosts::SystemErrorText(error));
 }
 
 std::filesystem::path TemporaryFolder() {
@@ -91,7 +91,7 @@ Handle Start(const std::filesystem::path& program, const std::vector<std::wstrin
 
 WorkFolder::WorkFolder(std::filesystem::path folder)
     : m_path(folder.empty() ? TemporaryFolder() : std::filesystem::absolute(folder)) {
-  const std::filesystem::path program = ProgramPath();
+  const std::filesystem::path program = hosts::ProgramPath();
   std::filesystem::remove_all(m_path);
   std::filesystem::create_directories(m_path);
   m_program = m_path / program.filename();

@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "hosts/common/text.h"
 #include "simulator/failing_allocations.h"
 #include "simulator/flash_image.h"
 #include "simulator/import_patch.h"
@@ -30,7 +31,6 @@
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 #include "simulator/virtual_pc.h"
-#include "text.h"
 
 using namespace simulator;
 
@@ -168,9 +168,9 @@ class LackOfMemory : public testing::Test {
     FailingAllocations::Restore();
     EXPECT_TRUE(Becomes(over)) << "the service does not wait for the next request";
     const auto result = m_key.Read().result;
-    EXPECT_TRUE(result == Code(FlashResult::Failed) || result == Code(FlashResult::Succeeded))
+    EXPECT_TRUE(result == Code(hosts::FlashResult::Failed) || result == Code(hosts::FlashResult::Succeeded))
         << "result " << result.value_or(~0u);
-    if (result == Code(FlashResult::Succeeded)) ExpectInModem(image);
+    if (result == Code(hosts::FlashResult::Succeeded)) ExpectInModem(image);
     return result;
   }
 
@@ -179,7 +179,7 @@ class LackOfMemory : public testing::Test {
     const int rounds = RoundsAtRest::Raise();
     EXPECT_TRUE(Becomes([&] { return RoundsAtRest::Count() > rounds; }))
         << "the service does not do the next job";
-    EXPECT_EQ(m_key.Read().result, Code(FlashResult::Succeeded));
+    EXPECT_EQ(m_key.Read().result, Code(hosts::FlashResult::Succeeded));
     ExpectInModem(image);
     m_pc->ClearJournal();
   }
@@ -201,7 +201,9 @@ class LackOfMemory : public testing::Test {
   }
 
  private:
-  static std::optional<std::uint32_t> Code(FlashResult result) { return static_cast<std::uint32_t>(result); }
+  static std::optional<std::uint32_t> Code(hosts::FlashResult result) {
+    return static_cast<std::uint32_t>(result);
+  }
 
   void TurnLogOff() const {
     const auto path = m_folder / L"CorvelConfig.ini";
@@ -228,7 +230,7 @@ class LackOfMemory : public testing::Test {
     EXPECT_TRUE(comparison.equal) << comparison.difference;
   }
 
-  const std::filesystem::path m_folder = ProgramFolder();
+  const std::filesystem::path m_folder = hosts::ProgramFolder();
   SessionKey m_key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
   std::optional<ConfigurationFile> m_configuration;
   std::optional<VirtualPc> m_pc;
@@ -250,7 +252,7 @@ TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
       g_options.step ? EveryNth(*g_options.step, allocations) : Spread(allocations);
   for (const Burst& burst : bursts) {
     SCOPED_TRACE(NameOf(burst));
-    if (FlashWithout(burst) == static_cast<std::uint32_t>(FlashResult::Failed)) ++failed;
+    if (FlashWithout(burst) == static_cast<std::uint32_t>(hosts::FlashResult::Failed)) ++failed;
     if (FailingAllocations::Refused() > 0) ++hit;
     FlashWithMemory();
     if (HasFailure()) break;
@@ -278,7 +280,7 @@ bool Take(std::string_view word, std::string_view value, Options& options) {
 
 int RunInWorkFolder(int count, char** words) {
   std::vector<std::wstring> arguments{L"--in-place"};
-  for (int i = 1; i < count; ++i) arguments.push_back(ToWide(words[i]));
+  for (int i = 1; i < count; ++i) arguments.push_back(hosts::ToWide(words[i]));
   const WorkFolder folder;
   const ChildResult child = RunChild(folder.Program(), arguments, g_options.step ? 24h : 5min);
   if (!child.ended) std::printf("the test did not come to an end and was stopped\n");

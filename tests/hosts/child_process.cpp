@@ -1,7 +1,9 @@
-#include "child_process.h"
+#include "tests/hosts/child_process.h"
 
 #include <array>
 #include <stdexcept>
+
+namespace hosts {
 
 namespace {
 
@@ -116,3 +118,5 @@ RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::
   result.errors = child.Errors();
   return result;
 }
+
+}  // namespace hosts

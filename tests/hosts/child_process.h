@@ -10,7 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
+
+namespace hosts {
 
 /// A host that runs as a child, with pipes for its output. Ended by force when the test is over.
 class ChildProcess {
@@ -64,3 +66,5 @@ struct RunResult {
   std::string errors;
 };
 RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments);
+
+}  // namespace hosts

@@ -1,9 +1,11 @@
 #include <algorithm>
 #include <fstream>
 
-#include "cmdline_test.h"
-#include "names_beyond_code_page.h"
-#include "text.h"
+#include "hosts/common/text.h"
+#include "tests/hosts/cmdline_test.h"
+#include "tests/hosts/names_beyond_code_page.h"
+
+namespace hosts {
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -437,3 +439,5 @@ TEST_F(CheckBeyondTheCodePageTest, FlashThereSucceedsAndHasItsLog) {
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -1,7 +1,9 @@
 #include <sstream>
 
-#include "cmdline_test.h"
-#include "text.h"
+#include "hosts/common/text.h"
+#include "tests/hosts/cmdline_test.h"
+
+namespace hosts {
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -406,3 +408,5 @@ TEST_F(FlashTest, FinishesAFlashThatWasInterruptedOnce) {
 }
 
 }  // namespace
+
+}  // namespace hosts

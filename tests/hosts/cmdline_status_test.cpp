@@ -1,7 +1,9 @@
-#include "cmdline_test.h"
-#include "configuration_file.h"
-#include "serving_notice.h"
-#include "text.h"
+#include "hosts/common/configuration_file.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
+#include "tests/hosts/cmdline_test.h"
+
+namespace hosts {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -144,3 +146,5 @@ TEST_F(StatusTest, WatchPrintsALineOfJsonPerChangeUntilItIsInterrupted) {
 }
 
 }  // namespace
+
+}  // namespace hosts

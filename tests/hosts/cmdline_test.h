@@ -11,9 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
-#include "host_workspace.h"
 #include "simulator/host/kept_key.h"
+#include "tests/hosts/child_process.h"
+#include "tests/hosts/host_workspace.h"
+
+namespace hosts {
 
 /// While it lives, the key of the command line cannot be made: what it would lie below may only be read and
 /// deleted.
@@ -69,3 +71,5 @@ class CommandLineTest : public testing::Test {
   HostWorkspace workspace;
   simulator::KeptKey key{simulator::KeyOfCommandLine()};
 };
+
+}  // namespace hosts

@@ -1,4 +1,6 @@
-#include "cmdline_test.h"
+#include "tests/hosts/cmdline_test.h"
+
+namespace hosts {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -147,3 +149,5 @@ INSTANTIATE_TEST_SUITE_P(
     NameOf<WrongUsageCase>);
 
 }  // namespace
+
+}  // namespace hosts

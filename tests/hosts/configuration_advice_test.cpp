@@ -1,10 +1,12 @@
-#include "configuration_advice.h"
+#include "hosts/cmdline/configuration_advice.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
+
+namespace hosts {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -333,3 +335,5 @@ TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
 }
 
 }  // namespace
+
+}  // namespace hosts

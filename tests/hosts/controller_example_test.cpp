@@ -10,9 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
+#include "hosts/common/text.h"
 #include "simulator/host/kept_key.h"
-#include "text.h"
+#include "tests/hosts/child_process.h"
+
+namespace hosts {
 
 using testing::HasSubstr;
 
@@ -115,3 +117,5 @@ TEST_F(ControllerExampleTest, RefusesABadNumberOfSecondsBeforeItAsksForAnything)
 }
 
 }  // namespace
+
+}  // namespace hosts

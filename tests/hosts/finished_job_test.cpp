@@ -1,6 +1,8 @@
-#include "finished_job.h"
+#include "hosts/common/finished_job.h"
 
 #include <gtest/gtest.h>
+
+namespace hosts {
 
 namespace {
 
@@ -93,3 +95,5 @@ TEST(FinishedJobTest, TellsAboutItselfInWords) {
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -1,4 +1,4 @@
-#include "flash_history.h"
+#include "hosts/common/flash_history.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,8 +6,10 @@
 #include <regex>
 #include <thread>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
 #include "support/temporary_folder.h"
+
+namespace hosts {
 
 using testing::MatchesRegex;
 using testing::SizeIs;
@@ -140,3 +142,5 @@ TEST_F(FlashHistoryTest, TellsThatItCannotBeRead) {
 }
 
 }  // namespace
+
+}  // namespace hosts

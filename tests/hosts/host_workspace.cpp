@@ -1,4 +1,4 @@
-#include "host_workspace.h"
+#include "tests/hosts/host_workspace.h"
 
 #include <windows.h>
 
@@ -7,9 +7,11 @@
 #include <set>
 #include <stdexcept>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
 #include "simulator/virtual_clock.h"
-#include "text.h"
+
+namespace hosts {
 
 namespace {
 
@@ -107,3 +109,5 @@ simulator::MemoryComparison HostWorkspace::CompareModemMemory() const {
                                 [](simulator::JournalEvent, const std::string&) {});
   return modem.CompareWith(&DefaultModemImage(), &DefaultNvmImage());
 }
+
+}  // namespace hosts

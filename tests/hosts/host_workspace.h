@@ -8,6 +8,8 @@
 #include "simulator/virtual_modem.h"
 #include "support/temporary_folder.h"
 
+namespace hosts {
+
 /// A folder of the test's own that holds hosts, libraries, configuration and images as an installation
 /// does. It begins complete and sound, without a virtual PC.
 class HostWorkspace {
@@ -47,3 +49,5 @@ class HostWorkspace {
   TemporaryFolder m_folder;
   std::vector<std::pair<std::string, std::wstring>> m_configuration;
 };
+
+}  // namespace hosts

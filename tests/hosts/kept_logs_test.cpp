@@ -1,4 +1,4 @@
-#include "kept_logs.h"
+#include "hosts/common/kept_logs.h"
 
 #include <windows.h>
 
@@ -7,8 +7,10 @@
 
 #include <algorithm>
 
-#include "owners.h"
+#include "hosts/common/owners.h"
 #include "support/temporary_folder.h"
+
+namespace hosts {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -128,3 +130,5 @@ TEST_F(KeptLogsTest, LeavesTheLogOfALivingHostAloneAndSaysSo) {
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -1,8 +1,10 @@
-#include "modem_presence.h"
+#include "hosts/common/modem_presence.h"
 
 #include <gtest/gtest.h>
 
 #include "support/device_tree.h"
+
+namespace hosts {
 
 namespace {
 
@@ -63,3 +65,5 @@ TEST_F(ModemPresenceTest, ResetDriver) {
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -2,7 +2,9 @@
 
 #include <string>
 
-#include "text.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
 
 /// A name that the system's code page does not hold; empty when it holds all, as UTF-8 does.
 inline std::wstring NameBeyondTheCodePage() {
@@ -11,3 +13,5 @@ inline std::wstring NameBeyondTheCodePage() {
   }
   return {};
 }
+
+}  // namespace hosts

@@ -1,6 +1,8 @@
-#include "nearest_word.h"
+#include "hosts/common/nearest_word.h"
 
 #include <gtest/gtest.h>
+
+namespace hosts {
 
 namespace {
 
@@ -45,3 +47,5 @@ TEST(NearestWordTest, FindsNothingNearAWordOfAnotherKind) {
 }
 
 }  // namespace
+
+}  // namespace hosts

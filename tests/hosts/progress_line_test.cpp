@@ -1,4 +1,4 @@
-#include "progress_line.h"
+#include "hosts/cmdline/progress_line.h"
 
 #include <windows.h>
 
@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "simulator/import_patch.h"
+
+namespace hosts {
 
 using testing::AllOf;
 using testing::Each;
@@ -138,3 +140,5 @@ TEST_F(TerminalTest, OfAnUnknownWidthIsTakenForOneOfEightyColumns) {
 }
 
 }  // namespace
+
+}  // namespace hosts

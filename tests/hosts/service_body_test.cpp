@@ -1,6 +1,6 @@
 // The service's own thread and its handler, against a service manager and a library that the test plays.
 
-#include "service_body.h"
+#include "hosts/service/service_body.h"
 
 #include <windows.h>
 
@@ -16,13 +16,15 @@
 #include <utility>
 #include <vector>
 
-#include "event_log.h"
-#include "flash_library.h"
-#include "identity.h"
-#include "job_record.h"
+#include "hosts/common/event_log.h"
+#include "hosts/common/job_record.h"
+#include "hosts/service/flash_library.h"
+#include "hosts/service/identity.h"
 #include "messages.h"
 #include "simulator/host/kept_key.h"
 #include "simulator/import_patch.h"
+
+namespace hosts {
 
 using testing::ElementsAre;
 
@@ -394,3 +396,5 @@ TEST_F(ServiceBodyTest, AShutdownIsNotInterruptedByThePermission) {
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -10,17 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
-#include "event_log.h"
-#include "flash_history.h"
-#include "host_workspace.h"
-#include "job_record.h"
+#include "hosts/common/event_log.h"
+#include "hosts/common/flash_history.h"
+#include "hosts/common/job_record.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
+#include "hosts/service/service_control.h"
 #include "messages.h"
-#include "service_control.h"
-#include "serving_notice.h"
 #include "simulator/host/kept_key.h"
 #include "simulator/import_patch.h"
-#include "text.h"
+#include "tests/hosts/child_process.h"
+#include "tests/hosts/host_workspace.h"
+
+namespace hosts {
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -703,3 +705,5 @@ TEST_F(ServiceTest, DoesNotRunInATerminalWithoutConfiguration) {
 }
 
 }  // namespace
+
+}  // namespace hosts

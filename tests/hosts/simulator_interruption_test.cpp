@@ -9,8 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
-#include "text.h"
+#include "hosts/common/text.h"
+#include "tests/hosts/child_process.h"
+
+namespace hosts {
 
 using testing::HasSubstr;
 using testing::Not;
@@ -41,3 +43,5 @@ TEST(SimulatorInterruptionTest, EndsARunOfAllScenariosWithoutAReport) {
 }
 
 }  // namespace
+
+}  // namespace hosts

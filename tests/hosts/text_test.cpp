@@ -1,11 +1,13 @@
-#include "text.h"
+#include "hosts/common/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "names_beyond_code_page.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
+#include "tests/hosts/names_beyond_code_page.h"
+
+namespace hosts {
 
 using testing::IsEmpty;
 
@@ -64,3 +66,5 @@ TEST_F(AnsiPathBeyondTheCodePageTest, IsEmptyWhenTheFilesOwnNameDoesNotFit) {
 }
 
 }  // namespace
+
+}  // namespace hosts

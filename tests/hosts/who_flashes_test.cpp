@@ -1,17 +1,19 @@
 // A command line beside a flash service: both would drive one modem.
 
-#include "who_flashes.h"
+#include "hosts/common/who_flashes.h"
 
 #include <winsvc.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "cmdline_test.h"
-#include "serving_notice.h"
+#include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
-#include "text.h"
+#include "tests/hosts/cmdline_test.h"
+
+namespace hosts {
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -384,3 +386,5 @@ TEST_F(BesideTheServiceTest, StatusTellsAFlashOfTheServiceFromOneThatWasCutShort
 }
 
 }  // namespace
+
+}  // namespace hosts

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "hosts/common/text.h"
 #include "simulator/import_patch.h"
 #include "simulator/program/configuration.h"
 #include "simulator/program/debug_log.h"
@@ -30,7 +31,6 @@
 #include "simulator/program/work_folder.h"
 #include "simulator/virtual_pc.h"
 #include "support/handle_census.h"
-#include "text.h"
 
 using namespace simulator;
 
@@ -102,12 +102,12 @@ class SoakTest : public testing::Test {
     const int rounds = Rounds();
     m_key.Write(L"Fls_Ready", 1);
     ASSERT_TRUE(Becomes([&] { return m_key.Read().ready == 0u && Rounds() > rounds; }));
-    ASSERT_TRUE(m_key.Read().Is(FlashResult::Succeeded));
+    ASSERT_TRUE(m_key.Read().Is(hosts::FlashResult::Succeeded));
   }
 
   std::vector<DebugRecord> Log() const { return ReadDebugLog(m_folder / kLogFile); }
 
-  const std::filesystem::path m_folder = ProgramFolder();
+  const std::filesystem::path m_folder = hosts::ProgramFolder();
   SessionKey m_key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
   std::optional<ConfigurationFile> m_configuration;
   std::optional<VirtualPc> m_pc;
@@ -375,7 +375,7 @@ TEST_F(Waiting, AnotherValueOfTheFlagStartsNothing) {
 
 int RunInWorkFolder(int count, char** words) {
   std::vector<std::wstring> arguments{L"--in-place"};
-  for (int i = 1; i < count; ++i) arguments.push_back(ToWide(words[i]));
+  for (int i = 1; i < count; ++i) arguments.push_back(hosts::ToWide(words[i]));
   const WorkFolder folder;
   const ChildResult child = RunChild(folder.Program(), arguments, 10min);
   if (!child.ended) std::printf("the test did not come to an end and was stopped\n");

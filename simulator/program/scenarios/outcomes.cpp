@@ -8,7 +8,8 @@ constexpr std::uint32_t kTimeOut = 153000;
 constexpr std::uint32_t kFailed = 3;
 constexpr std::uint32_t kSucceeded = 4;
 
-Handshake After(std::uint32_t result, std::uint32_t progress, std::optional<std::uint32_t> retryTimes) {
+hosts::Handshake After(std::uint32_t result, std::uint32_t progress,
+                       std::optional<std::uint32_t> retryTimes) {
   return {.ready = 0,
           .retryTimes = retryTimes,
           .timeOut = kTimeOut,
@@ -19,15 +20,15 @@ Handshake After(std::uint32_t result, std::uint32_t progress, std::optional<std:
 
 }  // namespace
 
-Handshake Success(std::optional<std::uint32_t> retryTimes) {
+hosts::Handshake Success(std::optional<std::uint32_t> retryTimes) {
   return After(kSucceeded, 100, retryTimes);
 }
 
-Handshake Failure(std::uint32_t progress, std::optional<std::uint32_t> retryTimes) {
+hosts::Handshake Failure(std::uint32_t progress, std::optional<std::uint32_t> retryTimes) {
   return After(kFailed, progress, retryTimes);
 }
 
-Handshake Unheard() {
+hosts::Handshake Unheard() {
   return {.ready = 1,
           .retryTimes = std::nullopt,
           .timeOut = std::nullopt,

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "handshake.h"
+#include "hosts/common/handshake.h"
 
 // What the rows of several groups expect, and the items of the default images that they name.
 namespace simulator {
@@ -20,10 +20,10 @@ inline constexpr int kItemRootDisk = 7;
 inline constexpr int kAnyItem = -1;
 
 /// What the controlling program finds after a job that flashed the modem.
-Handshake Success(std::optional<std::uint32_t> retryTimes = std::nullopt);
+hosts::Handshake Success(std::optional<std::uint32_t> retryTimes = std::nullopt);
 /// What it finds after one that did not.
-Handshake Failure(std::uint32_t progress = 0, std::optional<std::uint32_t> retryTimes = std::nullopt);
+hosts::Handshake Failure(std::uint32_t progress = 0, std::optional<std::uint32_t> retryTimes = std::nullopt);
 /// What it finds when nobody heard its request.
-Handshake Unheard();
+hosts::Handshake Unheard();
 
 }  // namespace simulator

@@ -1,9 +1,14 @@
+#include <cstddef>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/preflight.h"
-#include "hosts/cmdline/setup.h"
+#include "hosts/cmdline/surroundings.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/who_flashes.h"
@@ -101,7 +106,7 @@ ExitCode RunCheck(const CheckOptions& options) {
   } else {
     Print(findings);
   }
-  return obstacle == nullptr ? ExitCode::Flashed : obstacle->exitCode;
+  return obstacle == nullptr ? ExitCode::Success : obstacle->exitCode;
 }
 
 }  // namespace hosts

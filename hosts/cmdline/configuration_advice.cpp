@@ -3,11 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <cwctype>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/text.h"
 
@@ -19,23 +24,18 @@ constexpr std::size_t kLongestLine = 512;
 constexpr wchar_t kFirstBeyondAscii = 0x80;
 constexpr wchar_t kBlanks[] = L" \t\v\f\r";
 
-constexpr wchar_t kRegistryLocation[] = L"[RegistryLocation]";
-
 enum class Kind { Text, Number };
 
 struct Key {
   const wchar_t* name;
   Kind kind;
 };
-constexpr std::array kKeys{Key{L"[TraceLevel]", Kind::Number},
-                           Key{kRegistryLocation, Kind::Text},
-                           Key{L"[ModemAndNVMFirmwareFolder]", Kind::Text},
-                           Key{L"[IPCTYPE]", Kind::Text},
-                           Key{L"[REBOOTTYPE]", Kind::Number},
-                           Key{L"[ERASEMODE]", Kind::Number}};
+constexpr std::array kKeys{Key{kTraceLevelKey, Kind::Number},   Key{kRegistryLocationKey, Kind::Text},
+                           Key{kFirmwareFolderKey, Kind::Text}, Key{kIpcTypeKey, Kind::Text},
+                           Key{kRebootTypeKey, Kind::Number},   Key{kEraseModeKey, Kind::Number}};
 
 using Findings = std::vector<Finding>;
-using Setting = ConfigurationFile::Setting;
+using Setting = LibraryConfiguration::Setting;
 
 void Warn(Findings& findings, const char* code, std::string message, std::string whatToDo) {
   findings.push_back({"configuration", Verdict::Warning, std::move(message), std::move(whatToDo), code});
@@ -101,7 +101,7 @@ bool IsComment(const std::wstring& key) {
 
 // Encoding.
 
-bool IsUtf16(const ConfigurationFile& configuration) {
+bool IsUtf16(const LibraryConfiguration& configuration) {
   const std::vector<std::wstring>& lines = configuration.Lines();
   if (lines.empty()) return false;
   const auto holdsZero = [](const std::wstring& line) { return line.find(L'\0') != std::wstring::npos; };
@@ -109,7 +109,7 @@ bool IsUtf16(const ConfigurationFile& configuration) {
          std::ranges::any_of(lines, holdsZero);
 }
 
-void AdviseOnMark(const ConfigurationFile& configuration, Findings& findings) {
+void AdviseOnMark(const LibraryConfiguration& configuration, Findings& findings) {
   const std::vector<std::wstring>& lines = configuration.Lines();
   if (lines.empty() || !lines[0].starts_with(L"\u00EF\u00BB\u00BF")) return;
   Warn(findings, "byte_order_mark",
@@ -119,7 +119,7 @@ void AdviseOnMark(const ConfigurationFile& configuration, Findings& findings) {
 
 // Lines.
 
-void AdviseOnTitle(const ConfigurationFile& configuration, Findings& findings) {
+void AdviseOnTitle(const LibraryConfiguration& configuration, Findings& findings) {
   if (configuration.Lines().empty()) return;
   const std::wstring& title = configuration.Lines()[0];
   const std::size_t equals = title.find(L'=');
@@ -131,7 +131,7 @@ void AdviseOnTitle(const ConfigurationFile& configuration, Findings& findings) {
        "Put a title there and the setting below it.");
 }
 
-void AdviseOnLongLines(const ConfigurationFile& configuration, Findings& findings) {
+void AdviseOnLongLines(const LibraryConfiguration& configuration, Findings& findings) {
   const std::vector<std::wstring>& lines = configuration.Lines();
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (lines[i].size() <= kLongestLine) continue;
@@ -156,7 +156,8 @@ void AdviseOnKey(const Setting& setting, Findings& findings) {
                        : "Write " + nearest + "= if that is meant, or remove the line.");
 }
 
-void AdviseOnRepetition(const ConfigurationFile& configuration, const Setting& setting, Findings& findings) {
+void AdviseOnRepetition(const LibraryConfiguration& configuration, const Setting& setting,
+                        Findings& findings) {
   if (FindKey(setting.key) == nullptr) return;
   const Setting* const counts = configuration.Find(setting.key);
   if (counts == &setting) return;
@@ -220,37 +221,37 @@ void AdviseOnIpcType(const Setting& setting, Findings& findings) {
   WarnOfReading(setting, "USB", "Write PCIE exactly so for that bus, else USB.", findings);
 }
 
-void AdviseOnReading(const ConfigurationFile& configuration, Findings& findings) {
-  if (const Setting* const trace = configuration.Find(L"[TraceLevel]")) {
+void AdviseOnReading(const LibraryConfiguration& configuration, Findings& findings) {
+  if (const Setting* const trace = configuration.Find(kTraceLevelKey)) {
     AdviseOnNumber(*trace, LONG_MAX, "Write 1 for a debug log, 0 for none.", findings);
   }
-  if (const Setting* const ipcType = configuration.Find(L"[IPCTYPE]")) AdviseOnIpcType(*ipcType, findings);
-  if (const Setting* const reboot = configuration.Find(L"[REBOOTTYPE]")) {
+  if (const Setting* const ipcType = configuration.Find(kIpcTypeKey)) AdviseOnIpcType(*ipcType, findings);
+  if (const Setting* const reboot = configuration.Find(kRebootTypeKey)) {
     AdviseOnNumber(*reboot, 1, "Write 1 for the AT command, 0 for the Mobile Broadband command.", findings);
   }
-  if (const Setting* const erase = configuration.Find(L"[ERASEMODE]")) {
+  if (const Setting* const erase = configuration.Find(kEraseModeKey)) {
     AdviseOnNumber(*erase, 3, "Write 0, 1, 2 or 3.", findings);
   }
 }
 
-void AdviseOnLocation(const ConfigurationFile& configuration, Findings& findings) {
+void AdviseOnLocation(const LibraryConfiguration& configuration, Findings& findings) {
   constexpr const char* kWhatToDo = "Correct it for the service; the command line uses a key of its own.";
   const std::string readAs = ": the service takes " + Shown(configuration.ServiceKey().rootName + L"\\" +
                                                             configuration.ServiceKey().path);
   if (!configuration.NamesKnownRoot()) {
     return Warn(findings, "unknown_root",
-                ToUtf8(kRegistryLocation) + " names no key below HKLM, HKU, HKCU, HKCR or HCC" + readAs,
+                ToUtf8(kRegistryLocationKey) + " names no key below HKLM, HKU, HKCU, HKCR or HCC" + readAs,
                 kWhatToDo);
   }
-  const std::wstring location = configuration.Get(kRegistryLocation);
+  const std::wstring location = configuration.Get(kRegistryLocationKey);
   if (location.find(L'\\') < location.size() - 1) return;
   Warn(findings, "location_without_key",
-       ToUtf8(kRegistryLocation) + "=" + Shown(location) + " is a root without a key" + readAs, kWhatToDo);
+       ToUtf8(kRegistryLocationKey) + "=" + Shown(location) + " is a root without a key" + readAs, kWhatToDo);
 }
 
 }  // namespace
 
-std::vector<Finding> AdviseOnConfiguration(const ConfigurationFile& configuration) {
+std::vector<Finding> AdviseOnConfiguration(const LibraryConfiguration& configuration) {
   Findings findings;
   if (IsUtf16(configuration)) {
     // Nothing in it can be read, so there is nothing to say about its lines.

@@ -3,12 +3,12 @@
 #include <vector>
 
 #include "hosts/cmdline/preflight.h"
-#include "hosts/common/configuration_file.h"
+#include "hosts/common/library_configuration.h"
 
 namespace hosts {
 
 /// Warnings about all in the file that the library will read otherwise than its writer may think. An error
 /// of the file, such as a missing folder, is not among them.
-std::vector<Finding> AdviseOnConfiguration(const ConfigurationFile& configuration);
+std::vector<Finding> AdviseOnConfiguration(const LibraryConfiguration& configuration);
 
 }  // namespace hosts

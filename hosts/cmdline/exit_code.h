@@ -4,7 +4,7 @@ namespace hosts {
 
 /// What the program's exit status says. Documented for scripts; do not renumber.
 enum class ExitCode : int {
-  Flashed = 0,  ///< or, without a flash, nothing wrong
+  Success = 0,  ///< flashed or, without a flash, nothing wrong
   FlashFailed = 1,
   WrongUsage = 2,
   NoImages = 3,

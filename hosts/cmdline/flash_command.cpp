@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <chrono>
+#include <cstddef>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -11,13 +12,15 @@
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/preflight.h"
+#include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/progress_line.h"
-#include "hosts/cmdline/setup.h"
-#include "hosts/common/configuration_file.h"
+#include "hosts/cmdline/surroundings.h"
+#include "hosts/common/facts.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/job_record.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/kept_logs.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
@@ -30,8 +33,8 @@ namespace {
 constexpr DWORD kRefreshMs = 500;
 
 /// The bus in the library's words, which knows no third one.
-std::string BusOf(const FlashOptions& options, const ConfigurationFile& configuration) {
-  const bool pcie = options.ipc.empty() ? configuration.Get(L"[IPCTYPE]") == L"PCIE" : options.ipc == "pcie";
+std::string BusOf(const FlashOptions& options, const LibraryConfiguration& configuration) {
+  const bool pcie = options.ipc.empty() ? configuration.Get(kIpcTypeKey) == L"PCIE" : options.ipc == "pcie";
   return pcie ? "PCIE" : "USB";
 }
 
@@ -78,10 +81,9 @@ class UsedImages {
 /// The request for a flash. Takes it back in the end, unless the library has dealt with it.
 class Request {
  public:
-  explicit Request(const HandshakeKey& key)
-      : m_key(key), m_error(WriteHandshakeValue(key, L"Fls_Ready", 1)) {}
+  explicit Request(const HandshakeKey& key) : m_key(key), m_error(WriteHandshakeValue(key, kReadyValue, 1)) {}
   ~Request() {
-    if (ReadHandshake(m_key).ready == 1u) WriteHandshakeValue(m_key, L"Fls_Ready", 0);
+    if (ReadHandshake(m_key).ready == 1u) WriteHandshakeValue(m_key, kReadyValue, 0);
   }
   Request(const Request&) = delete;
   Request& operator=(const Request&) = delete;
@@ -289,7 +291,7 @@ ExitCode FlashRun::Conclude() {
               << (flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo) << std::endl;
     if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
   }
-  return flashed ? ExitCode::Flashed : ExitCode::FlashFailed;
+  return flashed ? ExitCode::Success : ExitCode::FlashFailed;
 }
 
 void FlashRun::LeaveRecordOf(const Handshake& values) const {
@@ -317,7 +319,7 @@ ExitCode FlashRun::Run() {
   // Before anything may log: the records would go into the log of the service.
   ToolKit::TurnLoggingOff();
   if (const auto obstacle = FindObstacle(claim)) return *obstacle;
-  const auto configuration = ConfigurationFile::Read(ConfigurationPath());
+  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
   const FolderImages images = LookForImages(folder);
   KeepLogOfLastRun();

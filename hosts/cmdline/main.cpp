@@ -6,10 +6,12 @@
 #include <functional>
 #include <iostream>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "hosts/cmdline/commands.h"
-#include "hosts/cmdline/setup.h"
+#include "hosts/cmdline/problems.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/terminal.h"
 

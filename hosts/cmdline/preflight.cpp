@@ -4,22 +4,23 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <iterator>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "hosts/cmdline/configuration_advice.h"
-#include "hosts/cmdline/setup.h"
-#include "hosts/common/configuration_file.h"
+#include "hosts/cmdline/surroundings.h"
+#include "hosts/common/facts.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
 
 namespace {
-
-constexpr wchar_t kFlashingLibrary[] = L"Firmwareflashdownload.dll";
-
-/// What divides the two kinds of images.
-constexpr DWORD kSmallestModemImage = 10 * 1024 * 1024;
 
 constexpr std::array kExports{"_ZEMO_DL_boot_target",
                               "_ZEMO_DL_close_comm_port",
@@ -108,7 +109,7 @@ Finding UnreadableConfiguration(const std::wstring& path) {
   }
 }
 
-std::vector<Finding> LookAtConfiguration(const std::optional<ConfigurationFile>& configuration) {
+std::vector<Finding> LookAtConfiguration(const std::optional<LibraryConfiguration>& configuration) {
   if (!configuration) return {UnreadableConfiguration(ConfigurationPath())};
   std::vector<Finding> findings;
   if (configuration->FirmwareFolder().empty()) {
@@ -213,7 +214,7 @@ std::string AdviceOnLoading(const std::wstring& library, DWORD error) {
 
 Finding LookAtFlashingLibrary() {
   constexpr const char* kSubject = "flashing library";
-  const std::wstring path = ProgramFolder() + kFlashingLibrary;
+  const std::wstring path = ProgramFolder() + kFlashingLibraryName;
   const OwnedModule library(::LoadLibraryW(path.c_str()));
   const DWORD error = ::GetLastError();
   if (library == nullptr) {
@@ -253,7 +254,7 @@ Finding LookAtRegistry(const HandshakeKey& key) {
 }  // namespace
 
 std::vector<Finding> LookBeforeFlash() {
-  const auto configuration = ConfigurationFile::Read(ConfigurationPath());
+  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   std::vector<Finding> findings = LookAtConfiguration(configuration);
   if (configuration && !configuration->FirmwareFolder().empty()) {
     Append(findings, LookAtImages(configuration->FirmwareFolder()));

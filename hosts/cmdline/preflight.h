@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "hosts/cmdline/exit_code.h"
-#include "hosts/cmdline/setup.h"
+#include "hosts/common/problem.h"
 
 namespace hosts {
 

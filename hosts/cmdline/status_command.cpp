@@ -1,14 +1,18 @@
 #include <windows.h>
 
+#include <cstddef>
 #include <iostream>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "hosts/cmdline/commands.h"
-#include "hosts/cmdline/setup.h"
-#include "hosts/common/configuration_file.h"
+#include "hosts/cmdline/problems.h"
+#include "hosts/cmdline/surroundings.h"
 #include "hosts/common/history_output.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
@@ -123,9 +127,9 @@ ExitCode RunStatus(const StatusOptions& options) {
   // Looking must not empty the log of a run that is going on.
   ToolKit::TurnLoggingOff();
   if (options.history) {
-    return ShowHistory("corvel_cmdline", options.json) ? ExitCode::Flashed : ExitCode::NotReady;
+    return ShowHistory("corvel_cmdline", options.json) ? ExitCode::Success : ExitCode::NotReady;
   }
-  const auto configuration = ConfigurationFile::Read(ConfigurationPath());
+  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   if (options.service && !configuration) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be read.",
             "Put CorvelConfig.ini beside this program, or leave --service out."},
@@ -142,7 +146,7 @@ ExitCode RunStatus(const StatusOptions& options) {
   } else {
     Print(status);
   }
-  return ExitCode::Flashed;
+  return ExitCode::Success;
 }
 
 }  // namespace hosts

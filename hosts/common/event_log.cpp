@@ -1,6 +1,6 @@
 #include "hosts/common/event_log.h"
 
-#include "hosts/common/service_name.h"
+#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 
 namespace hosts {

@@ -2,12 +2,17 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
 #include <cstdio>
 #include <iterator>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
+#include <vector>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 
@@ -15,7 +20,6 @@ namespace hosts {
 
 namespace {
 
-constexpr wchar_t kName[] = L"CorvelFlashHistory.txt";
 /// The file never gets larger; before it does, only its newest part is kept, which is less than half of it.
 constexpr LONGLONG kLargestSize = 8192;
 constexpr LONGLONG kKeptSize = 4000;
@@ -151,7 +155,7 @@ LONGLONG DropOldest(FileForWriting& file, LONGLONG size) {
 
 }  // namespace
 
-FlashHistory::FlashHistory() : FlashHistory(ProgramFolder() + kName) {}
+FlashHistory::FlashHistory() : FlashHistory(ProgramFolder() + kHistoryName) {}
 
 DWORD FlashHistory::Append(const std::string& host, const FinishedJob& job) const {
   std::string line = LineOf({.time = LocalTime(), .host = host, .job = job});

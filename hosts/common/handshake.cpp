@@ -3,6 +3,7 @@
 #include <cwctype>
 #include <utility>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
@@ -68,7 +69,7 @@ std::wstring HandshakeKey::Identity() const {
 }
 
 Handshake ReadHandshake(const HandshakeKey& key) {
-  return {.ready = ReadNumber(key, L"Fls_Ready"),
+  return {.ready = ReadNumber(key, kReadyValue),
           .retryTimes = ReadNumber(key, L"Retry_Times"),
           .timeOut = ReadNumber(key, L"Time_Out"),
           .onGoing = ReadNumber(key, L"Flash_OnGoing"),

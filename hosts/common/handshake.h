@@ -74,7 +74,7 @@ class HandshakeWatch {
  public:
   explicit HandshakeWatch(HandshakeKey key);
 
-  /// Arms the event anew after a change; while no change has come, it stays armed.
+  /// Arms the event again after a change; while no change has come, it stays armed.
   /// @return the Win32 error, 0 when the event will be signalled at the next change; ERROR_FILE_NOT_FOUND
   /// while there is no key.
   DWORD Arm();

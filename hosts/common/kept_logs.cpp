@@ -3,13 +3,17 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 
@@ -19,7 +23,6 @@ namespace {
 
 constexpr std::size_t kMostKept = 5;
 constexpr int kMostOfOneSecond = 99;
-constexpr wchar_t kServiceLog[] = L"FlashServiceDebugLogger_DLL.log";
 /// The form of the time in a kept log's name; a 0 stands for any digit.
 constexpr std::wstring_view kTimeForm = L"_0000-00-00_00-00-00";
 
@@ -93,7 +96,8 @@ bool IsBeingWritten(const std::filesystem::path& log) {
   return false;
 }
 
-/// Who only reads the log keeps it from being renamed, but not from being emptied: then a copy is kept.
+/// A program that only reads the log keeps it from being renamed, but not from being emptied: then a copy is
+/// kept.
 bool Keep(const std::filesystem::path& log, const std::filesystem::path& name) {
   if (::MoveFileExW(log.c_str(), name.c_str(), 0)) return true;
   const DWORD error = ::GetLastError();
@@ -151,7 +155,7 @@ std::string KeepLastLog(const std::wstring& log) {
 }
 
 std::wstring ServiceLogPath() {
-  return ProgramFolder() + kServiceLog;
+  return ProgramFolder() + kServiceLogName;
 }
 
 }  // namespace hosts

@@ -9,17 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "hosts/common/facts.h"
+
 namespace hosts {
 
 namespace {
 
-constexpr wchar_t kModem[] = L"VID_1D5A&PID_0AC9&MI_00";
-constexpr wchar_t kFlashPort[] = L"VID_1D5A&PID_0ACC&MI_00";
-constexpr wchar_t kAtPort[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";
 constexpr GUID kResetInterface = {
     0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
 
-/// The device manager's list of what is present; empty when it cannot be had.
+/// The list of present devices as the device manager keeps it; empty when it does not give it.
 std::vector<wchar_t> PresentDeviceList() {
   for (;;) {
     ULONG length = 0;
@@ -67,10 +66,10 @@ bool ResetDriverPresent() {
 ModemPresence LookForModem() {
   const std::vector<std::wstring> ids = PresentDeviceIds();
   ModemPresence presence{
-      .mode = ModemMode::Absent, .atPort = Holds(ids, kAtPort), .resetDriver = ResetDriverPresent()};
-  if (Holds(ids, kModem)) {
+      .mode = ModemMode::Absent, .atPort = Holds(ids, kAtPortId), .resetDriver = ResetDriverPresent()};
+  if (Holds(ids, kModemId)) {
     presence.mode = ModemMode::Mbim;
-  } else if (Holds(ids, kFlashPort)) {
+  } else if (Holds(ids, kFlashPortId)) {
     presence.mode = ModemMode::FlashPort;
   } else if (presence.atPort) {
     presence.mode = ModemMode::AtPortOnly;

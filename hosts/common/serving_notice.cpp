@@ -1,6 +1,7 @@
 #include "hosts/common/serving_notice.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 
 namespace hosts {

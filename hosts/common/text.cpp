@@ -1,5 +1,8 @@
 #include "hosts/common/text.h"
 
+#include <cstddef>
+#include <iterator>
+
 #include <windows.h>
 
 namespace hosts {

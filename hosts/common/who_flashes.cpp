@@ -2,11 +2,15 @@
 
 #include <winsvc.h>
 
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
 #include <system_error>
 #include <vector>
 
-#include "hosts/common/configuration_file.h"
-#include "hosts/common/service_name.h"
+#include "hosts/common/facts.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 
@@ -15,7 +19,6 @@ namespace hosts {
 namespace {
 
 constexpr wchar_t kClaimName[] = L"Global\\corvel_cmdline flash";
-constexpr wchar_t kConfigurationName[] = L"CorvelConfig.ini";
 
 struct ServiceCloser {
   using pointer = SC_HANDLE;
@@ -114,7 +117,7 @@ std::wstring ConfigurationBeside(const std::wstring& program) {
 }
 
 std::optional<HandshakeKey> KeyOf(const std::wstring& configurationPath) {
-  const auto configuration = ConfigurationFile::Read(configurationPath);
+  const auto configuration = LibraryConfiguration::Read(configurationPath);
   if (!configuration) return std::nullopt;
   return configuration->ServiceKey();
 }

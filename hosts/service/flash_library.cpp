@@ -4,17 +4,15 @@
 
 #include <utility>
 
-#include "hosts/common/configuration_file.h"
+#include "hosts/common/facts.h"
 #include "hosts/common/kept_logs.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/text.h"
 #include "hosts/service/identity.h"
 
 namespace hosts {
 
 namespace {
-
-constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
-constexpr wchar_t kConfiguration[] = L"CorvelConfig.ini";
 
 // Members of ToolKit under the names that the library's compiler gives them.
 #if defined(_MSC_VER)
@@ -52,18 +50,18 @@ struct Questions {
   Question<const wchar_t*> path;
 };
 
-FlashLibrary Failed(unsigned long code, std::wstring reason) {
+LoadedLibrary Failed(unsigned long code, std::wstring reason) {
   return {.failure = LibraryFailure{code, std::move(reason)}, .key = {}};
 }
 
 std::wstring WhyNoConfiguration() {
-  const std::wstring path = ProgramFolder() + kConfiguration;
+  const std::wstring path = ProgramFolder() + kConfigurationName;
   if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return path + L" is missing";
   return path + L" cannot be read: another program has it open, or its permissions forbid it";
 }
 
-FlashLibrary Load() {
-  const std::wstring path = ProgramFolder() + kLibrary;
+LoadedLibrary Load() {
+  const std::wstring path = ProgramFolder() + kLibraryName;
   // Never freed: its supervisor runs for the life of the process.
   const HMODULE library = ::LoadLibraryW(path.c_str());
   if (library == nullptr) {
@@ -81,16 +79,16 @@ FlashLibrary Load() {
 
 }  // namespace
 
-FlashLibrary LoadFlashLibrary() {
+LoadedLibrary LoadFlashLibrary() {
   // First: the library's first record empties the log.
   std::string warning = KeepLastLog(ServiceLogPath());
-  FlashLibrary library = Load();
+  LoadedLibrary library = Load();
   library.warning = std::move(warning);
   return library;
 }
 
 std::optional<HandshakeKey> FlashServiceKey() {
-  const auto configuration = ConfigurationFile::Read(ProgramFolder() + kConfiguration);
+  const auto configuration = LibraryConfiguration::Read(ProgramFolder() + kConfigurationName);
   if (!configuration) return std::nullopt;
   return configuration->ServiceKey();
 }

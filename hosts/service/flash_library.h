@@ -14,7 +14,7 @@ struct LibraryFailure {
 };
 
 /// The flash library in this process.
-struct FlashLibrary {
+struct LoadedLibrary {
   /// Nothing when it serves.
   std::optional<LibraryFailure> failure;
   /// Where it and the controlling program meet.
@@ -26,7 +26,7 @@ struct FlashLibrary {
 /// Loads the flash library, which starts its supervisor, and looks whether it found its configuration.
 /// Loaded here and not by the loader: the verbs that only manage the service must not start it. The log of
 /// the run before is kept first.
-FlashLibrary LoadFlashLibrary();
+LoadedLibrary LoadFlashLibrary();
 
 /// The handshake key that the configuration names at present; nothing when it cannot be read.
 std::optional<HandshakeKey> FlashServiceKey();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "hosts/common/service_name.h"
+#include "hosts/common/facts.h"
 
 namespace hosts {
 

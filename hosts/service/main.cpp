@@ -5,7 +5,9 @@
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hosts/common/history_output.h"

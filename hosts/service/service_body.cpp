@@ -158,7 +158,7 @@ void Service::WaitForStop() {
   }
 }
 
-/// Between two attempts a stop does no harm: the job begins anew when the service is started next.
+/// Between two attempts a stop does no harm: the job begins again when the service is started next.
 /// @return false when the attempt had to be left running.
 bool Service::WaitForAttemptToEnd() {
   HandshakeWatch watch(m_key);
@@ -175,7 +175,7 @@ bool Service::WaitForAttemptToEnd() {
 
 void Service::Serve() {
   m_stop = NewEvent();
-  const FlashLibrary library = LoadFlashLibrary();
+  const LoadedLibrary library = LoadFlashLibrary();
   if (!library.warning.empty()) WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(library.warning));
   if (library.failure) return Fail(*library.failure);
   const ServingNotice notice(Server::Service, library.key);
@@ -246,7 +246,7 @@ unsigned long RunAsService() {
 
 int RunInConsole() {
   const Interruption interruption;
-  const FlashLibrary library = LoadFlashLibrary();
+  const LoadedLibrary library = LoadFlashLibrary();
   Warn(library.warning);
   if (library.failure) {
     std::cerr << "corvel_service: " << ToUtf8(library.failure->reason) << "\nMend it and start again."

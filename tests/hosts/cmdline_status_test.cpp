@@ -1,4 +1,4 @@
-#include "hosts/common/configuration_file.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "tests/hosts/cmdline_test.h"

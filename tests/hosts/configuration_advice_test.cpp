@@ -16,9 +16,9 @@ namespace {
 constexpr char kTitle[] = "Corvel flash service\r\n";
 constexpr char kLocation[] = "[RegistryLocation]=HKLM\\SOFTWARE\\Quenta\\FlashService\r\n";
 
-ConfigurationFile FileOf(const std::string& bytes) {
+LibraryConfiguration FileOf(const std::string& bytes) {
   const TemporaryFolder folder;
-  return ConfigurationFile::Read(folder.Write(std::wstring(L"CorvelConfig.ini"), bytes)).value();
+  return LibraryConfiguration::Read(folder.Write(std::wstring(L"CorvelConfig.ini"), bytes)).value();
 }
 
 std::vector<Finding> AdviceOn(const std::string& bytes) {
@@ -279,16 +279,16 @@ TEST(ConfigurationAdviceTest, EmptyFileLacksALocationAlone) {
   EXPECT_THAT(CodesOf(AdviceOn("")), ElementsAre("unknown_root"));
 }
 
-TEST(ConfigurationFileTest, SkipsTheFirstLineAndTakesTheLaterOfTwo) {
-  const ConfigurationFile file = FileOf("[A]=0\r\n[A]=1\r\n[A]=2\r\n");
+TEST(LibraryConfigurationTest, SkipsTheFirstLineAndTakesTheLaterOfTwo) {
+  const LibraryConfiguration file = FileOf("[A]=0\r\n[A]=1\r\n[A]=2\r\n");
   EXPECT_EQ(file.Get(L"[A]"), L"2");
   EXPECT_EQ(file.Find(L"[A]")->line, 3u);
   EXPECT_EQ(file.Lines().size(), 3u);
   EXPECT_EQ(file.Settings().size(), 2u);
 }
 
-TEST(ConfigurationFileTest, TakesKeysAsTheyStandAndLeavesBlanksBeforeAValueOut) {
-  const ConfigurationFile file = FileOf("T\r\n[A] =1\r\n[B]=  x = y \r\n[C]=\t1\r\n");
+TEST(LibraryConfigurationTest, TakesKeysAsTheyStandAndLeavesBlanksBeforeAValueOut) {
+  const LibraryConfiguration file = FileOf("T\r\n[A] =1\r\n[B]=  x = y \r\n[C]=\t1\r\n");
   EXPECT_EQ(file.Get(L"[A]"), L"");
   EXPECT_EQ(file.Find(L"[A]"), nullptr);
   EXPECT_EQ(file.Get(L"[A] "), L"1");
@@ -296,23 +296,23 @@ TEST(ConfigurationFileTest, TakesKeysAsTheyStandAndLeavesBlanksBeforeAValueOut) 
   EXPECT_EQ(file.Get(L"[C]"), L"\t1");
 }
 
-TEST(ConfigurationFileTest, ReadsEachByteAsOneCharacter) {
+TEST(LibraryConfigurationTest, ReadsEachByteAsOneCharacter) {
   EXPECT_EQ(FileOf("T\r\n[A]=\xC3\xBC\xFF\r\n").Get(L"[A]"), L"\u00C3\u00BC\u00FF");
 }
 
-TEST(ConfigurationFileTest, CutsKeyAndValueTo511Characters) {
-  const ConfigurationFile file =
+TEST(LibraryConfigurationTest, CutsKeyAndValueTo511Characters) {
+  const LibraryConfiguration file =
       FileOf("T\r\n" + std::string(600, 'k') + "=" + std::string(512, 'v') + "w\r\n");
   EXPECT_EQ(file.Get(std::wstring(511, L'k')), std::wstring(511, L'v'));
 }
 
-TEST(ConfigurationFileTest, KeyAndValueEndAtAZero) {
+TEST(LibraryConfigurationTest, KeyAndValueEndAtAZero) {
   EXPECT_EQ(FileOf("T\r\n[A]\0x=1\0y\r\n"s).Get(L"[A]"), L"1");
 }
 
-TEST(ConfigurationFileTest, IsNothingWithoutAFile) {
+TEST(LibraryConfigurationTest, IsNothingWithoutAFile) {
   const TemporaryFolder folder;
-  EXPECT_FALSE(ConfigurationFile::Read(folder.File(std::wstring(L"CorvelConfig.ini"))).has_value());
+  EXPECT_FALSE(LibraryConfiguration::Read(folder.File(std::wstring(L"CorvelConfig.ini"))).has_value());
 }
 
 BOOL WINAPI FailToRead(HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {
@@ -320,7 +320,7 @@ BOOL WINAPI FailToRead(HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {
   return FALSE;
 }
 
-TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
+TEST(LibraryConfigurationTest, IsNothingWhenItCannotBeReadToItsEnd) {
   const TemporaryFolder folder;
   const std::wstring path = folder.Write(std::wstring(L"CorvelConfig.ini"), "T\r\n[A]=1\r\n");
   // Of the C runtime, whichever this program has.
@@ -331,7 +331,7 @@ TEST(ConfigurationFileTest, IsNothingWhenItCannotBeReadToItsEnd) {
   const bool patchedUcrt =
       ::GetModuleHandleW(L"ucrtbase.dll") != nullptr && ucrt.ReplaceIfImported("ReadFile", &FailToRead);
   ASSERT_TRUE(patchedMsvcrt || patchedUcrt);
-  EXPECT_FALSE(ConfigurationFile::Read(path).has_value());
+  EXPECT_FALSE(LibraryConfiguration::Read(path).has_value());
 }
 
 }  // namespace

@@ -79,7 +79,7 @@ class Manager {
 };
 
 Manager* g_manager = nullptr;
-FlashLibrary g_library;
+LoadedLibrary g_library;
 std::vector<DWORD> g_events;
 std::vector<std::string> g_records;
 
@@ -101,7 +101,7 @@ BOOL WINAPI Hear(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
 
 }  // namespace
 
-FlashLibrary LoadFlashLibrary() {
+LoadedLibrary LoadFlashLibrary() {
   return g_library;
 }
 

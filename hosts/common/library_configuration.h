@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,7 +14,7 @@ constexpr std::size_t kLongestConfigurationText = 511;
 
 /// "CorvelConfig.ini" as the library reads it, for programs that must know a setting before the library
 /// runs: first line skipped, then one key=value per line; the later of two wins.
-class ConfigurationFile {
+class LibraryConfiguration {
  public:
   /// A line that has a "=", the first line excepted.
   struct Setting {
@@ -24,7 +25,7 @@ class ConfigurationFile {
   };
 
   /// Nothing when there is no such file, another program has it open, or it cannot be read to its end.
-  static std::optional<ConfigurationFile> Read(const std::wstring& path);
+  static std::optional<LibraryConfiguration> Read(const std::wstring& path);
 
   /// A setting by its key, brackets included; empty when it is absent.
   std::wstring Get(const std::wstring& key) const;
@@ -36,7 +37,7 @@ class ConfigurationFile {
   /// All settings in the order of the file, also those that do not count.
   const std::vector<Setting>& Settings() const { return m_settings; }
 
-  std::wstring FirmwareFolder() const { return Get(L"[ModemAndNVMFirmwareFolder]"); }
+  std::wstring FirmwareFolder() const;
   /// Whether the registry location begins with a root that the library knows.
   bool NamesKnownRoot() const;
   /// The handshake key that the service takes from the file.

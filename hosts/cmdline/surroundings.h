@@ -3,12 +3,8 @@
 #include <string>
 
 #include "hosts/common/handshake.h"
-#include "hosts/common/problem.h"
 
 namespace hosts {
-
-/// Prints a problem: as a JSON error object on standard output, or in words on standard error.
-void Report(const Problem& problem, bool json);
 
 std::wstring ConfigurationPath();
 /// Where the debug log of a flash goes, and the name that the library takes for it; that name is empty when

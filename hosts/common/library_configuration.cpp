@@ -1,4 +1,4 @@
-#include "hosts/common/configuration_file.h"
+#include "hosts/common/library_configuration.h"
 
 #include <share.h>
 
@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cwchar>
 #include <memory>
+
+#include "hosts/common/facts.h"
 
 namespace hosts {
 
@@ -50,17 +52,17 @@ std::wstring Bounded(const std::wstring& text) {
 
 }  // namespace
 
-std::optional<ConfigurationFile> ConfigurationFile::Read(const std::wstring& path) {
+std::optional<LibraryConfiguration> LibraryConfiguration::Read(const std::wstring& path) {
   // The library reads the file only while nobody else has it open.
   const std::unique_ptr<std::FILE, FileCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
   if (file == nullptr) return std::nullopt;
-  ConfigurationFile configuration;
+  LibraryConfiguration configuration;
   while (const auto line = ReadLine(file.get())) configuration.Take(*line);
   if (std::ferror(file.get())) return std::nullopt;
   return configuration;
 }
 
-void ConfigurationFile::Take(const std::wstring& line) {
+void LibraryConfiguration::Take(const std::wstring& line) {
   m_lines.push_back(line);
   const std::size_t equals = line.find(L'=');
   const bool isTitle = m_lines.size() == 1;
@@ -72,23 +74,27 @@ void ConfigurationFile::Take(const std::wstring& line) {
                         .valueBehindBlanks = value > equals + 1});
 }
 
-std::wstring ConfigurationFile::Get(const std::wstring& key) const {
+std::wstring LibraryConfiguration::Get(const std::wstring& key) const {
   const Setting* const setting = Find(key);
   return setting == nullptr ? std::wstring() : setting->value;
 }
 
-const ConfigurationFile::Setting* ConfigurationFile::Find(const std::wstring& key) const {
+const LibraryConfiguration::Setting* LibraryConfiguration::Find(const std::wstring& key) const {
   const auto last = std::find_if(m_settings.rbegin(), m_settings.rend(),
                                  [&](const Setting& setting) { return setting.key == key; });
   return last == m_settings.rend() ? nullptr : &*last;
 }
 
-bool ConfigurationFile::NamesKnownRoot() const {
-  return FindRoot(Get(L"[RegistryLocation]")) != nullptr;
+std::wstring LibraryConfiguration::FirmwareFolder() const {
+  return Get(kFirmwareFolderKey);
 }
 
-HandshakeKey ConfigurationFile::ServiceKey() const {
-  const std::wstring location = Get(L"[RegistryLocation]");
+bool LibraryConfiguration::NamesKnownRoot() const {
+  return FindRoot(Get(kRegistryLocationKey)) != nullptr;
+}
+
+HandshakeKey LibraryConfiguration::ServiceKey() const {
+  const std::wstring location = Get(kRegistryLocationKey);
   HandshakeKey key;
   // An unknown root is HKEY_LOCAL_MACHINE; a location without a separator is root and path in one.
   if (const Root* const root = FindRoot(location)) {

@@ -1,35 +1,24 @@
-#include "hosts/cmdline/setup.h"
-
-#include <windows.h>
+#include "hosts/cmdline/surroundings.h"
 
 #include <filesystem>
+#include <system_error>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 #include "toolkit/toolkit.h"
 
 namespace hosts {
-
-namespace {
-
-constexpr wchar_t kConfigurationName[] = L"CorvelConfig.ini";
-constexpr wchar_t kLogName[] = L"FlashCommandLineLogger_DLL.log";
-
-}  // namespace
-
-void Report(const Problem& problem, bool json) {
-  Report("corvel_cmdline", problem, json);
-}
 
 std::wstring ConfigurationPath() {
   return ProgramFolder() + kConfigurationName;
 }
 
 std::wstring LogPath() {
-  return ProgramFolder() + kLogName;
+  return ProgramFolder() + kCommandLineLogName;
 }
 
 std::string AnsiLogPath() {
-  return AnsiPath(ProgramFolder(), kLogName);
+  return AnsiPath(ProgramFolder(), kCommandLineLogName);
 }
 
 HandshakeKey CommandLineKey() {

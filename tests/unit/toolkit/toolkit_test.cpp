@@ -204,7 +204,9 @@ TEST_F(NoMemoryTest, ThePathsOfTheImagesAreEmpty) {
 TEST_F(NoMemoryTest, NamingTheLogIsNoException) {
   const TemporaryFolder folder;
   const std::string path = folder.File("a-log-that-needs-memory.log");
-  memory.FailEachOf([&] { ToolKit::GetInstance()->SetDebugLoggerFileName(path.c_str()); });
+  ToolKit* const toolKit = ToolKit::GetInstance();
+  ASSERT_NE(toolKit, nullptr);
+  memory.FailEachOf([&] { toolKit->SetDebugLoggerFileName(path.c_str()); });
   CDebugLogger::GetInstance()->SetFileName("");
 }
 

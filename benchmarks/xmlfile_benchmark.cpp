@@ -29,23 +29,23 @@ void Need(HRESULT result) {
 class Text {
  public:
   explicit Text(const std::wstring& text)
-      : m_text(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
+      : m_Text(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
   Text() = default;
-  ~Text() { ::SysFreeString(m_text); }
+  ~Text() { ::SysFreeString(m_Text); }
   Text(const Text&) = delete;
   Text& operator=(const Text&) = delete;
 
-  BSTR Get() const { return m_text; }
-  BSTR* Receive() { return &m_text; }
+  BSTR Get() const { return m_Text; }
+  BSTR* Receive() { return &m_Text; }
   VARIANT AsVariant() const {
     VARIANT value{};
     value.vt = VT_BSTR;
-    value.bstrVal = m_text;
+    value.bstrVal = m_Text;
     return value;
   }
 
  private:
-  BSTR m_text = nullptr;
+  BSTR m_Text = nullptr;
 };
 
 /// COM, a file and the texts of ten thousand elements.
@@ -53,23 +53,23 @@ class XmlBenchmark {
  public:
   XmlBenchmark() {
     ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    for (int i = 0; i < kNodes; ++i) m_texts.push_back(L"value of entry " + std::to_wstring(i));
-    for (const std::wstring& text : m_texts) m_contents.emplace_back(text.c_str());
+    for (int i = 0; i < kNodes; ++i) m_Texts.push_back(L"value of entry " + std::to_wstring(i));
+    for (const std::wstring& text : m_Texts) m_Contents.emplace_back(text.c_str());
   }
   ~XmlBenchmark() {
-    std::filesystem::remove(m_path);
+    std::filesystem::remove(m_Path);
     ::CoUninitialize();
   }
   XmlBenchmark(const XmlBenchmark&) = delete;
   XmlBenchmark& operator=(const XmlBenchmark&) = delete;
 
   void WriteThroughTheLibrary() const {
-    CXMLFile file(m_path);
+    CXMLFile file(m_Path);
     ComPtr<IXMLDOMNode> root;
     Need(file.CreateRootNode(L"root", root.GetAddressOf()));
     const CTString entryName(L"entry");
     const CTString idName(L"id");
-    for (const CTString& content : m_contents) {
+    for (const CTString& content : m_Contents) {
       ComPtr<IXMLDOMNode> entry;
       Need(file.CreateTextNode(entryName, content, root.Get(), entry.GetAddressOf()));
       Need(file.CreateAttributeForNode(idName, content, entry.Get()));
@@ -94,7 +94,7 @@ class XmlBenchmark {
     ComPtr<IXMLDOMNode> root;
     Need(document->createNode(type, Text(L"root").Get(), nullptr, root.GetAddressOf()));
     Need(document->appendChild(root.Get(), added.ReleaseAndGetAddressOf()));
-    for (const std::wstring& text : m_texts) {
+    for (const std::wstring& text : m_Texts) {
       ComPtr<IXMLDOMNode> entry;
       Need(document->createNode(type, Text(entryName).Get(), nullptr, entry.GetAddressOf()));
       Need(root->appendChild(entry.Get(), added.ReleaseAndGetAddressOf()));
@@ -106,12 +106,12 @@ class XmlBenchmark {
       Need(entry->get_attributes(attributes.GetAddressOf()));
       Need(attributes->setNamedItem(id.Get(), added.ReleaseAndGetAddressOf()));
     }
-    Need(document->save(Text(m_path).AsVariant()));
+    Need(document->save(Text(m_Path).AsVariant()));
   }
 
   /// Names and texts, by index.
   void ReadThroughTheLibrary() const {
-    CXMLFile file(m_path);
+    CXMLFile file(m_Path);
     IXMLDOMElement* root = nullptr;
     Need(file.GetRootNode(&root));
     ComPtr<IXMLDOMNodeList> children;
@@ -144,14 +144,14 @@ class XmlBenchmark {
 
   /// The last element, by its attribute.
   void SearchThroughTheLibrary() const {
-    CXMLFile file(m_path);
+    CXMLFile file(m_Path);
     IXMLDOMElement* root = nullptr;
     Need(file.GetRootNode(&root));
     ComPtr<IXMLDOMNodeList> children;
     long count = 0;
     Need(file.GetChildNodesOfNode(root, children.GetAddressOf(), count));
     ComPtr<IXMLDOMNode> found;
-    Need(file.FindNodeWithAttributeValue(children.Get(), L"id", m_contents.back(), found.GetAddressOf()));
+    Need(file.FindNodeWithAttributeValue(children.Get(), L"id", m_Contents.back(), found.GetAddressOf()));
     if (found == nullptr) throw std::runtime_error("the element was not found");
   }
 
@@ -169,7 +169,7 @@ class XmlBenchmark {
       Need(attributes->getNamedItem(idName.Get(), id.GetAddressOf()));
       VARIANT value{};
       Need(id->get_nodeValue(&value));
-      const bool isLast = m_texts.back() == value.bstrVal;
+      const bool isLast = m_Texts.back() == value.bstrVal;
       ::VariantClear(&value);
       if (isLast) return;
     }
@@ -190,7 +190,7 @@ class XmlBenchmark {
   ComPtr<IXMLDOMDocument> Load() const {
     const ComPtr<IXMLDOMDocument> document = NewDocument();
     VARIANT_BOOL loaded = VARIANT_FALSE;
-    Need(document->load(Text(m_path).AsVariant(), &loaded));
+    Need(document->load(Text(m_Path).AsVariant(), &loaded));
     if (loaded == VARIANT_FALSE) throw std::runtime_error("the document did not load");
     return document;
   }
@@ -203,12 +203,12 @@ class XmlBenchmark {
     return children;
   }
 
-  std::wstring m_path = (std::filesystem::temp_directory_path() /
+  std::wstring m_Path = (std::filesystem::temp_directory_path() /
                          (L"corvel-benchmark-" + std::to_wstring(::GetCurrentProcessId()) + L".xml"))
                             .wstring();
   // The same for either side, each in its own kind of text.
-  std::vector<std::wstring> m_texts;
-  std::vector<CTString> m_contents;
+  std::vector<std::wstring> m_Texts;
+  std::vector<CTString> m_Contents;
 };
 
 void CheckBound(const Row& row) {

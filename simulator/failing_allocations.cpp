@@ -60,18 +60,18 @@ SAFEARRAY* WINAPI CreateVector(VARTYPE type, LONG lower, ULONG count) {
 
 }  // namespace
 
-FailingAllocations::FailingAllocations(HMODULE module) : m_patch(module) {
-  m_inPlace = m_patch.ReplaceIfImported("HeapAlloc", &AllocateOnHeap);
+FailingAllocations::FailingAllocations(HMODULE module) : m_Patch(module) {
+  m_InPlace = m_Patch.ReplaceIfImported("HeapAlloc", &AllocateOnHeap);
   // A module whose runtime is linked in allocates from the process heap alone; nobody has to know all of
   // these.
-  m_patch.ReplaceIfImported("malloc", &Malloc);
-  m_patch.ReplaceIfImported("calloc", &Calloc);
-  m_patch.ReplaceIfImported("realloc", &Realloc);
-  m_patch.ReplaceIfImported("SysAllocString", &AllocateText);
-  m_patch.ReplaceIfImported("SysAllocStringLen", &AllocateTextOfLength);
-  m_patch.ReplaceIfImported("SysAllocStringByteLen", &AllocateBytes);
-  m_patch.ReplaceIfImported("SafeArrayCreate", &CreateArray);
-  m_patch.ReplaceIfImported("SafeArrayCreateVector", &CreateVector);
+  m_Patch.ReplaceIfImported("malloc", &Malloc);
+  m_Patch.ReplaceIfImported("calloc", &Calloc);
+  m_Patch.ReplaceIfImported("realloc", &Realloc);
+  m_Patch.ReplaceIfImported("SysAllocString", &AllocateText);
+  m_Patch.ReplaceIfImported("SysAllocStringLen", &AllocateTextOfLength);
+  m_Patch.ReplaceIfImported("SysAllocStringByteLen", &AllocateBytes);
+  m_Patch.ReplaceIfImported("SafeArrayCreate", &CreateArray);
+  m_Patch.ReplaceIfImported("SafeArrayCreateVector", &CreateVector);
 }
 
 void FailingAllocations::Fail(unsigned first, unsigned count) {

@@ -18,7 +18,7 @@ class FailingAllocations {
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 
   /// False when the module does not import even the process heap: nothing would ever fail.
-  bool IsInPlace() const { return m_inPlace; }
+  bool IsInPlace() const { return m_InPlace; }
 
   /// Begins to count anew; the `first`-th allocation (from 1) and those behind it fail, `count` in all.
   static void Fail(unsigned first, unsigned count);
@@ -30,8 +30,8 @@ class FailingAllocations {
   static unsigned Refused();
 
  private:
-  ImportPatch m_patch;
-  bool m_inPlace = false;
+  ImportPatch m_Patch;
+  bool m_InPlace = false;
 };
 
 }  // namespace simulator

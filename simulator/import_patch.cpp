@@ -47,9 +47,9 @@ void WriteSlot(void** slot, void* address) {
 
 bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
   bool found = false;
-  VisitImports(m_module, [&](const char*, const char* name, void** slot) {
+  VisitImports(m_Module, [&](const char*, const char* name, void** slot) {
     if (std::strcmp(name, function) != 0) return;
-    m_originals.emplace_back(slot, *slot);
+    m_Originals.emplace_back(slot, *slot);
     WriteSlot(slot, replacement);
     found = true;
   });
@@ -58,13 +58,13 @@ bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
 
 void ImportPatch::ThrowMissing(const char* function) const {
   std::wstring path(MAX_PATH, L'\0');
-  path.resize(::GetModuleFileNameW(m_module, path.data(), MAX_PATH));
+  path.resize(::GetModuleFileNameW(m_Module, path.data(), MAX_PATH));
   throw std::runtime_error(std::filesystem::path(path).filename().string() + " does not import " + function);
 }
 
 void ImportPatch::Restore() {
-  for (; !m_originals.empty(); m_originals.pop_back()) {
-    const auto& [slot, original] = m_originals.back();
+  for (; !m_Originals.empty(); m_Originals.pop_back()) {
+    const auto& [slot, original] = m_Originals.back();
     WriteSlot(slot, original);
   }
 }

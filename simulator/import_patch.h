@@ -15,7 +15,7 @@ namespace simulator {
 /// thread-safe; replacements run on whatever thread calls them.
 class ImportPatch {
  public:
-  explicit ImportPatch(HMODULE module) : m_module(module) {}
+  explicit ImportPatch(HMODULE module) : m_Module(module) {}
   ~ImportPatch() { Restore(); }
   ImportPatch(const ImportPatch&) = delete;
   ImportPatch& operator=(const ImportPatch&) = delete;
@@ -43,8 +43,8 @@ class ImportPatch {
   bool ReplaceSlot(const char* function, void* replacement);
   [[noreturn]] void ThrowMissing(const char* function) const;
 
-  HMODULE m_module;
-  std::vector<std::pair<void**, void*>> m_originals;
+  HMODULE m_Module;
+  std::vector<std::pair<void**, void*>> m_Originals;
 };
 
 /// Names of all functions that a module imports by name, with their libraries: "kernel32.dll!Sleep".

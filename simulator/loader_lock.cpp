@@ -19,12 +19,12 @@ Function OfSystem(const char* name) {
 
 LoaderLock::LoaderLock() {
   const auto lock = OfSystem<LockFunction>("LdrLockLoaderLock");
-  if (lock == nullptr || lock(0, nullptr, &m_cookie) < 0)
+  if (lock == nullptr || lock(0, nullptr, &m_Cookie) < 0)
     throw std::runtime_error("the loader lock is not to be had");
 }
 
 LoaderLock::~LoaderLock() {
-  OfSystem<UnlockFunction>("LdrUnlockLoaderLock")(0, m_cookie);
+  OfSystem<UnlockFunction>("LdrUnlockLoaderLock")(0, m_Cookie);
 }
 
 }  // namespace simulator

@@ -14,7 +14,7 @@ class LoaderLock {
   LoaderLock& operator=(const LoaderLock&) = delete;
 
  private:
-  ULONG_PTR m_cookie = 0;
+  ULONG_PTR m_Cookie = 0;
 };
 
 }  // namespace simulator

@@ -18,13 +18,13 @@ class Lock {
   Lock& operator=(const Lock&) = delete;
 
   // The names are those that std::lock_guard and std::unique_lock ask for.
-  void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
-  bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
-  void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
+  void lock() noexcept { ::AcquireSRWLockExclusive(&m_Lock); }
+  bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_Lock) != FALSE; }
+  void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_Lock); }
 
  private:
   friend class Condition;
-  SRWLOCK m_lock = SRWLOCK_INIT;
+  SRWLOCK m_Lock = SRWLOCK_INIT;
 };
 
 /// A condition under such a lock. May wake without a reason, as every condition variable may.
@@ -34,7 +34,7 @@ class Condition {
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  void NotifyAll() noexcept { ::WakeAllConditionVariable(&m_condition); }
+  void NotifyAll() noexcept { ::WakeAllConditionVariable(&m_Condition); }
 
   void Wait(std::unique_lock<Lock>& lock) { WaitMilliseconds(lock, INFINITE); }
   template <class Predicate>
@@ -63,10 +63,10 @@ class Condition {
 
  private:
   bool WaitMilliseconds(std::unique_lock<Lock>& lock, DWORD time) {
-    return ::SleepConditionVariableSRW(&m_condition, &lock.mutex()->m_lock, time, 0) != FALSE;
+    return ::SleepConditionVariableSRW(&m_Condition, &lock.mutex()->m_Lock, time, 0) != FALSE;
   }
 
-  CONDITION_VARIABLE m_condition = CONDITION_VARIABLE_INIT;
+  CONDITION_VARIABLE m_Condition = CONDITION_VARIABLE_INIT;
 };
 
 }  // namespace simulator

@@ -47,13 +47,13 @@ Machine::Machine(VirtualPcOptions pcOptions)
       modem(clock, MadeFolder(options.folder) / "modem_flash.bin", options.timing, options.faults.modem,
             options.initialState,
             [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
-      m_faultCalls(options.faults.library.calls.size()) {}
+      m_FaultCalls(options.faults.library.calls.size()) {}
 
 std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
   const LastErrorKeeper keep;
   working_threads::NoteActivity();
-  const std::lock_guard lock(m_mutex);
-  const int number = ++m_platformCalls[function];
+  const std::lock_guard lock(m_Mutex);
+  const int number = ++m_PlatformCalls[function];
   for (const auto& fault : options.faults.platform) {
     if (fault.function == function && fault.calls.Hits(number)) return fault.error;
   }
@@ -63,12 +63,12 @@ std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
 std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,
                                                       const std::string& detail) {
   Note(JournalEvent::LibraryCall, detail.empty() ? function : function + " " + detail);
-  std::unique_lock lock(m_mutex);
-  ++m_libraryCalls[function];
+  std::unique_lock lock(m_Mutex);
+  ++m_LibraryCalls[function];
   std::optional<std::int32_t> answer;
-  for (std::size_t i = 0; i < m_faultCalls.size(); ++i) {
+  for (std::size_t i = 0; i < m_FaultCalls.size(); ++i) {
     const auto& fault = options.faults.library.calls[i];
-    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_faultCalls[i])) continue;
+    if (!Concerns(fault, function, argument) || !fault.calls.Hits(++m_FaultCalls[i])) continue;
     Hang(lock, fault);
     if (!answer) answer = fault.result;
   }
@@ -78,66 +78,66 @@ std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& functio
 void Machine::Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault) {
   const working_threads::Rest rest;
   if (fault.untilWaitExpires != 0) {
-    const int before = m_expiredWaits[fault.untilWaitExpires];
-    m_hangs.Wait(lock, [&] { return m_hangsEnded || m_expiredWaits[fault.untilWaitExpires] > before; });
+    const int before = m_ExpiredWaits[fault.untilWaitExpires];
+    m_Hangs.Wait(lock, [&] { return m_HangsEnded || m_ExpiredWaits[fault.untilWaitExpires] > before; });
   }
   clock.WaitInSlices(static_cast<DWORD>(fault.hang.count()), [&](DWORD real) {
-    return m_hangs.WaitFor(lock, Milliseconds(real), [&] { return m_hangsEnded; });
+    return m_Hangs.WaitFor(lock, Milliseconds(real), [&] { return m_HangsEnded; });
   });
 }
 
 int Machine::CountLook(const std::string& what) {
-  const std::lock_guard lock(m_mutex);
-  return ++m_looks[what];
+  const std::lock_guard lock(m_Mutex);
+  return ++m_Looks[what];
 }
 
 void Machine::WaitExpired(DWORD milliseconds) {
   if (milliseconds == kReturnWait) modem.WaitForReturnExpired();
   {
-    const std::lock_guard lock(m_mutex);
-    ++m_expiredWaits[milliseconds];
+    const std::lock_guard lock(m_Mutex);
+    ++m_ExpiredWaits[milliseconds];
   }
-  m_hangs.NotifyAll();
+  m_Hangs.NotifyAll();
 }
 
 void Machine::EndHangs() {
   {
-    const std::lock_guard lock(m_mutex);
-    m_hangsEnded = true;
+    const std::lock_guard lock(m_Mutex);
+    m_HangsEnded = true;
   }
-  m_hangs.NotifyAll();
+  m_Hangs.NotifyAll();
 }
 
 void Machine::Note(JournalEvent event, std::string detail) {
   const Milliseconds now = clock.Now();
-  const std::lock_guard lock(m_mutex);
-  m_journal.push_back({now, event, std::move(detail)});
+  const std::lock_guard lock(m_Mutex);
+  m_Journal.push_back({now, event, std::move(detail)});
 }
 
 std::vector<JournalEntry> Machine::Journal() const {
-  const std::lock_guard lock(m_mutex);
-  return m_journal;
+  const std::lock_guard lock(m_Mutex);
+  return m_Journal;
 }
 
 void Machine::ClearJournal() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   // Its memory too: who watches what the process holds must not see the journal in it.
-  std::vector<JournalEntry>().swap(m_journal);
+  std::vector<JournalEntry>().swap(m_Journal);
 }
 
 int Machine::Count(JournalEvent event) const {
-  const std::lock_guard lock(m_mutex);
-  return static_cast<int>(std::ranges::count(m_journal, event, &JournalEntry::event));
+  const std::lock_guard lock(m_Mutex);
+  return static_cast<int>(std::ranges::count(m_Journal, event, &JournalEntry::event));
 }
 
 std::map<std::string, int> Machine::PlatformCalls() const {
-  const std::lock_guard lock(m_mutex);
-  return m_platformCalls;
+  const std::lock_guard lock(m_Mutex);
+  return m_PlatformCalls;
 }
 
 std::map<std::string, int> Machine::LibraryCalls() const {
-  const std::lock_guard lock(m_mutex);
-  return m_libraryCalls;
+  const std::lock_guard lock(m_Mutex);
+  return m_LibraryCalls;
 }
 
 }  // namespace simulator

@@ -54,15 +54,15 @@ class Machine {
  private:
   void Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault);
 
-  mutable Lock m_mutex;
-  std::vector<JournalEntry> m_journal;
-  std::map<std::string, int> m_platformCalls;
-  std::map<std::string, int> m_libraryCalls;
-  std::map<std::string, int> m_looks;
-  std::vector<int> m_faultCalls;
-  std::map<DWORD, int> m_expiredWaits;
-  Condition m_hangs;
-  bool m_hangsEnded = false;
+  mutable Lock m_Mutex;
+  std::vector<JournalEntry> m_Journal;
+  std::map<std::string, int> m_PlatformCalls;
+  std::map<std::string, int> m_LibraryCalls;
+  std::map<std::string, int> m_Looks;
+  std::vector<int> m_FaultCalls;
+  std::map<DWORD, int> m_ExpiredWaits;
+  Condition m_Hangs;
+  bool m_HangsEnded = false;
 };
 
 /// The machine of the virtual PC that is installed, null when none is: the call then goes to the system.

@@ -32,60 +32,60 @@ void Serve(const Service& service, std::promise<HRESULT> started) {
 }  // namespace
 
 SimulatedMobileBroadband::SimulatedMobileBroadband(MobileBroadbandBehaviour behaviour)
-    : m_service(std::make_shared<MobileBroadbandService>()) {
-  m_service->behaviour = std::move(behaviour);
+    : m_Service(std::make_shared<MobileBroadbandService>()) {
+  m_Service->behaviour = std::move(behaviour);
   std::promise<HRESULT> started;
   std::future<HRESULT> start = started.get_future();
-  m_thread = std::thread(Serve, m_service, std::move(started));
+  m_Thread = std::thread(Serve, m_Service, std::move(started));
   if (SUCCEEDED(start.get())) return;
-  m_service->Stop();
-  m_thread.join();
+  m_Service->Stop();
+  m_Thread.join();
   throw std::runtime_error("the simulated Mobile Broadband classes could not be registered");
 }
 
 SimulatedMobileBroadband::~SimulatedMobileBroadband() {
-  m_service->Stop();
-  m_thread.join();
+  m_Service->Stop();
+  m_Thread.join();
 }
 
 MobileBroadbandBehaviour& SimulatedMobileBroadband::Behaviour() {
-  return m_service->behaviour;
+  return m_Service->behaviour;
 }
 
 std::vector<std::string> SimulatedMobileBroadband::Calls() const {
-  return m_service->Calls();
+  return m_Service->Calls();
 }
 
 int SimulatedMobileBroadband::CallCount(const std::string& name) const {
-  return static_cast<int>(std::ranges::count(m_service->Calls(), name));
+  return static_cast<int>(std::ranges::count(m_Service->Calls(), name));
 }
 
 std::vector<std::vector<BYTE>> SimulatedMobileBroadband::Payloads() const {
-  return m_service->Payloads();
+  return m_Service->Payloads();
 }
 
 void SimulatedMobileBroadband::ForgetCalls() {
-  m_service->ForgetCalls();
+  m_Service->ForgetCalls();
 }
 
 int SimulatedMobileBroadband::RebootCommands() const {
-  return m_service->rebootCommands;
+  return m_Service->rebootCommands;
 }
 
 int SimulatedMobileBroadband::LiveObjects() const {
-  return m_service->liveObjects;
+  return m_Service->liveObjects;
 }
 
 int SimulatedMobileBroadband::AdvisedSinks() const {
-  return m_service->AdvisedSinks();
+  return m_Service->AdvisedSinks();
 }
 
 void SimulatedMobileBroadband::Notify(const std::function<void(IMbnDeviceServicesEvents&)>& notification) {
-  std::thread([&] { m_service->CallSinks(notification); }).join();
+  std::thread([&] { m_Service->CallSinks(notification); }).join();
 }
 
 void SimulatedMobileBroadband::WaitForCompletions() {
-  m_service->WaitForCompletions();
+  m_Service->WaitForCompletions();
 }
 
 }  // namespace simulator

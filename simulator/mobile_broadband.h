@@ -49,8 +49,8 @@ class SimulatedMobileBroadband {
   void WaitForCompletions();
 
  private:
-  std::shared_ptr<MobileBroadbandService> m_service;
-  std::thread m_thread;
+  std::shared_ptr<MobileBroadbandService> m_Service;
+  std::thread m_Thread;
 };
 
 }  // namespace simulator

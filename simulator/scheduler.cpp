@@ -6,35 +6,35 @@ namespace simulator {
 
 Scheduler::~Scheduler() {
   {
-    const std::lock_guard lock(m_mutex);
-    m_ends = true;
+    const std::lock_guard lock(m_Mutex);
+    m_Ends = true;
   }
-  m_changed.NotifyAll();
-  if (m_thread.joinable()) m_thread.join();
+  m_Changed.NotifyAll();
+  if (m_Thread.joinable()) m_Thread.join();
 }
 
 void Scheduler::After(std::chrono::milliseconds realDelay, std::function<void()> action) {
   {
-    const std::lock_guard lock(m_mutex);
-    m_actions.emplace(std::chrono::steady_clock::now() + realDelay, std::move(action));
-    if (!m_thread.joinable()) m_thread = std::thread([this] { Run(); });
+    const std::lock_guard lock(m_Mutex);
+    m_Actions.emplace(std::chrono::steady_clock::now() + realDelay, std::move(action));
+    if (!m_Thread.joinable()) m_Thread = std::thread([this] { Run(); });
   }
-  m_changed.NotifyAll();
+  m_Changed.NotifyAll();
 }
 
 void Scheduler::Run() {
-  std::unique_lock lock(m_mutex);
-  while (!m_ends) {
-    if (m_actions.empty()) {
-      m_changed.Wait(lock);
+  std::unique_lock lock(m_Mutex);
+  while (!m_Ends) {
+    if (m_Actions.empty()) {
+      m_Changed.Wait(lock);
       continue;
     }
-    const auto left = m_actions.begin()->first - std::chrono::steady_clock::now();
+    const auto left = m_Actions.begin()->first - std::chrono::steady_clock::now();
     if (left > Moment::duration::zero()) {
-      m_changed.WaitFor(lock, left);
+      m_Changed.WaitFor(lock, left);
       continue;
     }
-    const auto due = m_actions.extract(m_actions.begin());
+    const auto due = m_Actions.extract(m_Actions.begin());
     lock.unlock();
     due.mapped()();
     lock.lock();

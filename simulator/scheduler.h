@@ -24,11 +24,11 @@ class Scheduler {
   using Moment = std::chrono::steady_clock::time_point;
   void Run();
 
-  Lock m_mutex;
-  Condition m_changed;
-  std::multimap<Moment, std::function<void()>> m_actions;
-  bool m_ends = false;
-  std::thread m_thread;
+  Lock m_Mutex;
+  Condition m_Changed;
+  std::multimap<Moment, std::function<void()>> m_Actions;
+  bool m_Ends = false;
+  std::thread m_Thread;
 };
 
 }  // namespace simulator

@@ -112,29 +112,29 @@ BOOL WINAPI SimulatedWrite(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD writ
 
 BOOL OpenAtPort::Write(Machine& machine, std::span<const std::uint8_t> bytes, LPDWORD written) {
   const std::string replies = machine.modem.HearAtBytes(bytes);
-  const std::lock_guard lock(m_mutex);
-  m_replies += replies;
+  const std::lock_guard lock(m_Mutex);
+  m_Replies += replies;
   if (written != nullptr) *written = static_cast<DWORD>(bytes.size());
   return TRUE;
 }
 
 BOOL OpenAtPort::Read(std::span<char> bytes, LPDWORD read) {
-  const std::lock_guard lock(m_mutex);
-  const std::size_t count = std::min(bytes.size(), m_replies.size());
-  std::copy_n(m_replies.begin(), count, bytes.begin());
-  m_replies.erase(0, count);
+  const std::lock_guard lock(m_Mutex);
+  const std::size_t count = std::min(bytes.size(), m_Replies.size());
+  std::copy_n(m_Replies.begin(), count, bytes.begin());
+  m_Replies.erase(0, count);
   if (read != nullptr) *read = static_cast<DWORD>(count);
   return TRUE;
 }
 
 DWORD OpenAtPort::Waiting() {
-  const std::lock_guard lock(m_mutex);
-  return static_cast<DWORD>(m_replies.size());
+  const std::lock_guard lock(m_Mutex);
+  return static_cast<DWORD>(m_Replies.size());
 }
 
 void OpenAtPort::Clear() {
-  const std::lock_guard lock(m_mutex);
-  m_replies.clear();
+  const std::lock_guard lock(m_Mutex);
+  m_Replies.clear();
 }
 
 std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path) {

@@ -27,8 +27,8 @@ class OpenAtPort : public SimulatedDevice {
   DCB settings{};
 
  private:
-  Lock m_mutex;
-  std::string m_replies;
+  Lock m_Mutex;
+  std::string m_Replies;
 };
 
 /// Opens "\\.\COMn". @return as OpenDriver does.

@@ -20,36 +20,36 @@ struct SimulatedDevice {
 class SimulatedHandles {
  public:
   void Add(HANDLE handle, std::shared_ptr<SimulatedDevice> device) {
-    const std::lock_guard lock(m_mutex);
-    m_devices[handle] = std::move(device);
+    const std::lock_guard lock(m_Mutex);
+    m_Devices[handle] = std::move(device);
   }
 
   /// The device of that type behind a handle, null when there is none.
   template <typename Device>
   std::shared_ptr<Device> Find(HANDLE handle) {
-    const std::lock_guard lock(m_mutex);
-    const auto found = m_devices.find(handle);
-    return found == m_devices.end() ? nullptr : std::dynamic_pointer_cast<Device>(found->second);
+    const std::lock_guard lock(m_Mutex);
+    const auto found = m_Devices.find(handle);
+    return found == m_Devices.end() ? nullptr : std::dynamic_pointer_cast<Device>(found->second);
   }
 
   template <typename Device>
   bool HasAny() {
-    const std::lock_guard lock(m_mutex);
-    for (const auto& [handle, device] : m_devices) {
+    const std::lock_guard lock(m_Mutex);
+    for (const auto& [handle, device] : m_Devices) {
       if (std::dynamic_pointer_cast<Device>(device)) return true;
     }
     return false;
   }
 
   std::shared_ptr<SimulatedDevice> Remove(HANDLE handle) {
-    const std::lock_guard lock(m_mutex);
-    const auto node = m_devices.extract(handle);
+    const std::lock_guard lock(m_Mutex);
+    const auto node = m_Devices.extract(handle);
     return node.empty() ? nullptr : node.mapped();
   }
 
  private:
-  Lock m_mutex;
-  std::map<HANDLE, std::shared_ptr<SimulatedDevice>> m_devices;
+  Lock m_Mutex;
+  std::map<HANDLE, std::shared_ptr<SimulatedDevice>> m_Devices;
 };
 
 }  // namespace simulator

@@ -21,17 +21,17 @@ constexpr DWORD kAnswerTime = 100;
 /// read on it that stays pending until the server end says something.
 class DriverInstance : public SimulatedDevice {
  public:
-  DriverInstance(UniqueHandle server, bool isRight) : isRightOne(isRight), m_server(std::move(server)) {}
+  DriverInstance(UniqueHandle server, bool isRight) : isRightOne(isRight), m_Server(std::move(server)) {}
 
   /// Begins a request. @return as ReadFile does.
   BOOL Request(HANDLE client, LPOVERLAPPED overlapped) {
-    return ::ReadFile(client, &m_answer, sizeof(m_answer), nullptr, overlapped);
+    return ::ReadFile(client, &m_Answer, sizeof(m_Answer), nullptr, overlapped);
   }
   /// Completes the request that is pending, or the one that comes next.
   void Complete() {
     const char answer = 0;
     DWORD written = 0;
-    ::WriteFile(m_server.get(), &answer, kAnswerSize, &written, nullptr);
+    ::WriteFile(m_Server.get(), &answer, kAnswerSize, &written, nullptr);
   }
 
   const bool isRightOne;
@@ -40,8 +40,8 @@ class DriverInstance : public SimulatedDevice {
   /// The request has no output: an empty message ends the read with no bytes.
   static constexpr DWORD kAnswerSize = 0;
 
-  char m_answer = 0;
-  UniqueHandle m_server;
+  char m_Answer = 0;
+  UniqueHandle m_Server;
 };
 
 std::wstring NextPipeName() {

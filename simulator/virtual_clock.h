@@ -26,7 +26,7 @@ class VirtualClock {
   explicit VirtualClock(double speed, Pace pace = Pace::Steady);
   ~VirtualClock();
 
-  double Speed() const { return m_speed; }
+  double Speed() const { return m_Speed; }
   /// Virtual time since this clock was made.
   Milliseconds Now() const;
   /// A tick count that began with the system's and runs at the virtual speed.
@@ -34,8 +34,8 @@ class VirtualClock {
   /// Real milliseconds of a virtual wait: divided by the speed, at least 1; 0 and INFINITE stay.
   DWORD RealWait(DWORD virtualMilliseconds) const;
 
-  void Sleep(Milliseconds duration) const;
-  void SleepUntil(Milliseconds moment) const;
+  void Pause(Milliseconds duration) const;
+  void PauseUntil(Milliseconds moment) const;
 
   /// Waits for up to a virtual time in slices of real time. `wait` waits so many real milliseconds and tells
   /// whether what it waits for came.
@@ -54,11 +54,11 @@ class VirtualClock {
  private:
   class Ticker;
 
-  double m_speed;
-  std::int64_t m_frequency = 0;
-  std::int64_t m_start = 0;
-  std::uint64_t m_startTicks = 0;
-  std::unique_ptr<Ticker> m_ticker;  ///< of an elastic clock
+  double m_Speed;
+  std::int64_t m_Frequency = 0;
+  std::int64_t m_Start = 0;
+  std::uint64_t m_StartTicks = 0;
+  std::unique_ptr<Ticker> m_Ticker;  ///< of an elastic clock
 };
 
 }  // namespace simulator

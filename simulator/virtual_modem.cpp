@@ -101,20 +101,20 @@ const char* NameOf(JournalEvent event) {
 
 VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
                            ModemFaults faults, ModemState initial, Journal journal)
-    : m_clock(clock),
-      m_memoryFile(std::move(memoryFile)),
-      m_timing(timing),
-      m_faults(faults),
-      m_journal(std::move(journal)),
-      m_state(initial) {
-  MakeErasedMemory(m_memoryFile, kMemorySize);
-  m_memory.open(m_memoryFile, std::ios::binary | std::ios::in | std::ios::out);
+    : m_Clock(clock),
+      m_MemoryFile(std::move(memoryFile)),
+      m_Timing(timing),
+      m_Faults(faults),
+      m_Journal(std::move(journal)),
+      m_State(initial) {
+  MakeErasedMemory(m_MemoryFile, kMemorySize);
+  m_Memory.open(m_MemoryFile, std::ios::binary | std::ios::in | std::ios::out);
 }
 
 ModemState VirtualModem::State() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
-  return m_state;
+  return m_State;
 }
 
 bool VirtualModem::IsPresentAsModem() {
@@ -135,19 +135,19 @@ bool VirtualModem::IsPresentAsFlashPort() {
 }
 
 ModemState VirtualModem::ComeToRest() {
-  const std::lock_guard lock(m_mutex);
-  while (m_stateEnds != kNoEnd) AdvanceTo(m_stateEnds);
-  return m_state;
+  const std::lock_guard lock(m_Mutex);
+  while (m_StateEnds != kNoEnd) AdvanceTo(m_StateEnds);
+  return m_State;
 }
 
 void VirtualModem::Advance() {
-  AdvanceTo(m_clock.Now());
+  AdvanceTo(m_Clock.Now());
 }
 
 void VirtualModem::AdvanceTo(Milliseconds moment) {
-  while (moment >= m_stateEnds) {
-    const auto since = m_stateEnds;
-    switch (m_state) {
+  while (moment >= m_StateEnds) {
+    const auto since = m_StateEnds;
+    switch (m_State) {
       case ModemState::Leaving:
         EnterRestarting(since);
         break;
@@ -155,7 +155,7 @@ void VirtualModem::AdvanceTo(Milliseconds moment) {
         EnterFlashPort(since);
         break;
       case ModemState::FlashPort:
-        Enter(ModemState::Returning, since + m_timing.returning);
+        Enter(ModemState::Returning, since + m_Timing.returning);
         break;
       default:
         Enter(ModemState::Normal);
@@ -165,145 +165,145 @@ void VirtualModem::AdvanceTo(Milliseconds moment) {
 }
 
 void VirtualModem::Enter(ModemState state, Milliseconds ends) {
-  m_state = state;
-  m_stateEnds = ends;
-  m_journal(JournalEvent::StateChanged, NameOf(state));
+  m_State = state;
+  m_StateEnds = ends;
+  m_Journal(JournalEvent::StateChanged, NameOf(state));
 }
 
 void VirtualModem::EnterRestarting(Milliseconds since) {
-  ++m_flashModeStarts;
-  const bool isMissing = m_faults.flashPortMissing.Hits(m_flashModeStarts);
-  const bool isLate = m_faults.flashPortLate.Hits(m_flashModeStarts);
-  const auto delay = m_timing.restarting + (isLate ? m_faults.flashPortDelay : Milliseconds::zero());
+  ++m_FlashModeStarts;
+  const bool isMissing = m_Faults.flashPortMissing.Hits(m_FlashModeStarts);
+  const bool isLate = m_Faults.flashPortLate.Hits(m_FlashModeStarts);
+  const auto delay = m_Timing.restarting + (isLate ? m_Faults.flashPortDelay : Milliseconds::zero());
   Enter(ModemState::Restarting, isMissing ? kNoEnd : since + delay);
 }
 
 void VirtualModem::EnterFlashPort(Milliseconds since) {
-  Enter(ModemState::FlashPort, m_staysInFlashMode ? kNoEnd : since + m_timing.bootLoaderWindow);
+  Enter(ModemState::FlashPort, m_StaysInFlashMode ? kNoEnd : since + m_Timing.bootLoaderWindow);
 }
 
 void VirtualModem::EndSession() {
-  m_session = 0;
-  m_isBooted = false;
-  m_item.reset();
+  m_Session = 0;
+  m_IsBooted = false;
+  m_Item.reset();
 }
 
 bool VirtualModem::LeaveForFlashMode() {
-  if (m_state != ModemState::Normal) return false;
-  m_staysInFlashMode = true;
-  Enter(ModemState::Leaving, m_clock.Now() + m_timing.leaving);
+  if (m_State != ModemState::Normal) return false;
+  m_StaysInFlashMode = true;
+  Enter(ModemState::Leaving, m_Clock.Now() + m_Timing.leaving);
   return true;
 }
 
 std::string VirtualModem::HearAtBytes(std::span<const std::uint8_t> bytes) {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
   std::string replies;
   for (const std::uint8_t byte : bytes) {
-    m_atInput += static_cast<char>(byte);
+    m_AtInput += static_cast<char>(byte);
     if (byte != '\r') continue;
-    replies += Obey(std::exchange(m_atInput, {}));
+    replies += Obey(std::exchange(m_AtInput, {}));
   }
   return replies;
 }
 
 std::string VirtualModem::Obey(const std::string& command) {
-  m_journal(JournalEvent::AtCommand, command);
+  m_Journal(JournalEvent::AtCommand, command);
   if (command == kFlashModeCommand) {
-    if (!m_faults.ignoresAtCommand) LeaveForFlashMode();
+    if (!m_Faults.ignoresAtCommand) LeaveForFlashMode();
     return "\r\nOK\r\n";
   }
   return command == "at\r" || command == "AT\r" ? "\r\nOK\r\n" : "\r\nERROR\r\n";
 }
 
 bool VirtualModem::RebootByMbim() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
-  m_journal(JournalEvent::MbimReboot, NameOf(m_state));
-  if (m_faults.ignoresMbimReboot) return m_state == ModemState::Normal;
+  m_Journal(JournalEvent::MbimReboot, NameOf(m_State));
+  if (m_Faults.ignoresMbimReboot) return m_State == ModemState::Normal;
   return LeaveForFlashMode();
 }
 
 void VirtualModem::ResetBaseband() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
-  m_journal(JournalEvent::BasebandReset, NameOf(m_state));
-  if (m_state == ModemState::Dead) return;
+  m_Journal(JournalEvent::BasebandReset, NameOf(m_State));
+  if (m_State == ModemState::Dead) return;
   EndSession();
-  m_returnsWhenWaitExpires = false;
-  if (m_resetsUntilReturn > 0) {
-    if (--m_resetsUntilReturn == 0) Enter(ModemState::Returning, m_clock.Now() + m_timing.returning);
+  m_ReturnsWhenWaitExpires = false;
+  if (m_ResetsUntilReturn > 0) {
+    if (--m_ResetsUntilReturn == 0) Enter(ModemState::Returning, m_Clock.Now() + m_Timing.returning);
     return;
   }
-  m_staysInFlashMode = false;
-  EnterRestarting(m_clock.Now());
+  m_StaysInFlashMode = false;
+  EnterRestarting(m_Clock.Now());
 }
 
 void VirtualModem::WaitForReturnExpired() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
-  if (std::exchange(m_returnsWhenWaitExpires, false)) Enter(ModemState::Normal);
+  if (std::exchange(m_ReturnsWhenWaitExpires, false)) Enter(ModemState::Normal);
 }
 
 bool VirtualModem::IsOpen(std::uint32_t session) const {
-  return session != 0 && session == m_session;
+  return session != 0 && session == m_Session;
 }
 
 bool VirtualModem::Refuse(JournalEvent event, const std::string& reason) {
-  m_journal(event, reason);
+  m_Journal(event, reason);
   return false;
 }
 
 std::uint32_t VirtualModem::OpenPort() {
   std::uint32_t session = 0;
   {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_Mutex);
     Advance();
-    if (m_state != ModemState::FlashPort) {
-      m_journal(JournalEvent::FlashPortRefused, NameOf(m_state));
+    if (m_State != ModemState::FlashPort) {
+      m_Journal(JournalEvent::FlashPortRefused, NameOf(m_State));
       return 0;
     }
-    session = m_session = ++m_lastSession;
+    session = m_Session = ++m_LastSession;
     Enter(ModemState::ChannelOpen);
-    m_journal(JournalEvent::FlashPortOpened, std::to_string(session));
+    m_Journal(JournalEvent::FlashPortOpened, std::to_string(session));
   }
-  m_clock.Sleep(m_timing.openPort);
-  const std::lock_guard lock(m_mutex);
+  m_Clock.Pause(m_Timing.openPort);
+  const std::lock_guard lock(m_Mutex);
   return IsOpen(session) ? session : 0;
 }
 
 void VirtualModem::ClosePort(std::uint32_t session) {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   Advance();
   if (!IsOpen(session)) return;
   EndSession();
-  m_journal(JournalEvent::FlashPortClosed, std::to_string(session));
-  EnterFlashPort(m_clock.Now());
+  m_Journal(JournalEvent::FlashPortClosed, std::to_string(session));
+  EnterFlashPort(m_Clock.Now());
 }
 
 bool VirtualModem::Boot(std::uint32_t session, std::span<const std::uint8_t> header) {
   {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_Mutex);
     if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "the port is not open");
-    if (m_isBooted) return Refuse(JournalEvent::BootRefused, "already booted");
+    if (m_IsBooted) return Refuse(JournalEvent::BootRefused, "already booted");
     if (!ParseImageTable(header)) return Refuse(JournalEvent::BootRefused, "damaged boot file");
   }
-  m_clock.Sleep(m_timing.boot);
-  const std::lock_guard lock(m_mutex);
+  m_Clock.Pause(m_Timing.boot);
+  const std::lock_guard lock(m_Mutex);
   if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "reset while booting");
-  m_isBooted = true;
+  m_IsBooted = true;
   Enter(ModemState::Booted);
-  m_journal(JournalEvent::Booted, std::to_string(session));
+  m_Journal(JournalEvent::Booted, std::to_string(session));
   return true;
 }
 
 bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   if (!IsOpen(session)) return Refuse(JournalEvent::ItemRefused, "the port is not open");
-  if (!m_isBooted) return Refuse(JournalEvent::ItemRefused, "written before boot");
-  if (m_item) return Refuse(JournalEvent::ItemRefused, "the item before is not complete");
+  if (!m_IsBooted) return Refuse(JournalEvent::ItemRefused, "written before boot");
+  if (m_Item) return Refuse(JournalEvent::ItemRefused, "the item before is not complete");
   if (!LiesInMemory(item)) return Refuse(JournalEvent::ItemRefused, "outside the memory");
-  m_item = Item{item, 0, 0, m_clock.Now()};
+  m_Item = Item{item, 0, 0, m_Clock.Now()};
   Enter(ModemState::Writing);
   return true;
 }
@@ -311,49 +311,49 @@ bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
 bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_t> bytes) {
   Milliseconds done{0};
   {
-    const std::lock_guard lock(m_mutex);
-    if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
-    if (bytes.size() > m_item->announced.size - m_item->written) {
-      m_item.reset();
+    const std::lock_guard lock(m_Mutex);
+    if (!IsOpen(session) || !m_Item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
+    if (bytes.size() > m_Item->announced.size - m_Item->written) {
+      m_Item.reset();
       Enter(ModemState::Booted);
       return Refuse(JournalEvent::ItemRefused, "more than announced");
     }
-    if (!StoreBlock(m_item->announced.flashOffset + m_item->written, bytes)) {
+    if (!StoreBlock(m_Item->announced.flashOffset + m_Item->written, bytes)) {
       return Refuse(JournalEvent::ItemRefused, "the memory cannot be written");
     }
-    m_item->written += static_cast<std::uint32_t>(bytes.size());
-    m_item->crc = Crc32(bytes, m_item->crc);
-    done = m_item->begun + Milliseconds(std::int64_t{m_item->written} * 1000 / m_timing.bytesPerSecond);
+    m_Item->written += static_cast<std::uint32_t>(bytes.size());
+    m_Item->crc = Crc32(bytes, m_Item->crc);
+    done = m_Item->begun + Milliseconds(std::int64_t{m_Item->written} * 1000 / m_Timing.bytesPerSecond);
   }
-  m_clock.SleepUntil(done);
+  m_Clock.PauseUntil(done);
   return true;
 }
 
 bool VirtualModem::EndItem(std::uint32_t session) {
-  const std::lock_guard lock(m_mutex);
-  if (!IsOpen(session) || !m_item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
-  const Item item = *std::exchange(m_item, std::nullopt);
+  const std::lock_guard lock(m_Mutex);
+  if (!IsOpen(session) || !m_Item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
+  const Item item = *std::exchange(m_Item, std::nullopt);
   Enter(ModemState::Booted);
   const std::string what =
       Print("class %u at 0x%06x", item.announced.memoryClass, item.announced.flashOffset);
   if (item.written != item.announced.size) return Refuse(JournalEvent::ItemRefused, what + ": incomplete");
   if (item.crc != item.announced.crc32) return Refuse(JournalEvent::ItemRefused, what + ": wrong checksum");
-  ++m_itemsWritten;
-  m_bytesWritten += item.written;
-  m_journal(JournalEvent::ItemWritten, what);
+  ++m_ItemsWritten;
+  m_BytesWritten += item.written;
+  m_Journal(JournalEvent::ItemWritten, what);
   return true;
 }
 
 bool VirtualModem::StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes) {
-  m_memory.seekp(offset);
-  m_memory.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  m_memory.flush();
-  return m_memory.good();
+  m_Memory.seekp(offset);
+  m_Memory.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  m_Memory.flush();
+  return m_Memory.good();
 }
 
 bool VirtualModem::ForceReset(std::uint32_t session) {
-  const std::lock_guard lock(m_mutex);
-  m_journal(JournalEvent::ForcedReset, NameOf(m_state));
+  const std::lock_guard lock(m_Mutex);
+  m_Journal(JournalEvent::ForcedReset, NameOf(m_State));
   if (!IsOpen(session)) return false;
   EndSession();
   ReturnToNormal();
@@ -361,27 +361,27 @@ bool VirtualModem::ForceReset(std::uint32_t session) {
 }
 
 void VirtualModem::ReturnToNormal() {
-  if (m_faults.neverReturns) return Enter(ModemState::Dead);
-  m_resetsUntilReturn = m_faults.returnsAfterResets;
-  m_returnsWhenWaitExpires = m_faults.returnsAtLastCheck;
-  const bool waits = m_resetsUntilReturn > 0 || m_returnsWhenWaitExpires;
-  Enter(ModemState::Returning, waits ? kNoEnd : m_clock.Now() + m_timing.returning + m_faults.returnDelay);
+  if (m_Faults.neverReturns) return Enter(ModemState::Dead);
+  m_ResetsUntilReturn = m_Faults.returnsAfterResets;
+  m_ReturnsWhenWaitExpires = m_Faults.returnsAtLastCheck;
+  const bool waits = m_ResetsUntilReturn > 0 || m_ReturnsWhenWaitExpires;
+  Enter(ModemState::Returning, waits ? kNoEnd : m_Clock.Now() + m_Timing.returning + m_Faults.returnDelay);
 }
 
 std::uint32_t VirtualModem::ItemsWritten() {
-  const std::lock_guard lock(m_mutex);
-  return m_itemsWritten;
+  const std::lock_guard lock(m_Mutex);
+  return m_ItemsWritten;
 }
 
 std::uint64_t VirtualModem::BytesWritten() {
-  const std::lock_guard lock(m_mutex);
-  return m_bytesWritten;
+  const std::lock_guard lock(m_Mutex);
+  return m_BytesWritten;
 }
 
 std::vector<std::uint8_t> VirtualModem::Memory() {
-  const std::lock_guard lock(m_mutex);
+  const std::lock_guard lock(m_Mutex);
   std::vector<std::uint8_t> bytes(kMemorySize);
-  std::ifstream stream(m_memoryFile, std::ios::binary);
+  std::ifstream stream(m_MemoryFile, std::ios::binary);
   stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!stream) bytes.clear();
   return bytes;

@@ -148,27 +148,27 @@ class VirtualModem {
   bool Refuse(JournalEvent event, const std::string& reason);
   bool StoreBlock(std::uint32_t offset, std::span<const std::uint8_t> bytes);
 
-  const VirtualClock& m_clock;
-  std::filesystem::path m_memoryFile;
-  ModemTiming m_timing;
-  ModemFaults m_faults;
-  Journal m_journal;
+  const VirtualClock& m_Clock;
+  std::filesystem::path m_MemoryFile;
+  ModemTiming m_Timing;
+  ModemFaults m_Faults;
+  Journal m_Journal;
 
-  Lock m_mutex;
-  ModemState m_state;
-  Milliseconds m_stateEnds{kNoEnd};
-  bool m_staysInFlashMode = true;
-  int m_flashModeStarts = 0;
-  int m_resetsUntilReturn = 0;
-  bool m_returnsWhenWaitExpires = false;
-  std::uint32_t m_session = 0;
-  std::uint32_t m_lastSession = 0;
-  bool m_isBooted = false;
-  std::optional<Item> m_item;
-  std::fstream m_memory;
-  std::string m_atInput;
-  std::uint32_t m_itemsWritten = 0;
-  std::uint64_t m_bytesWritten = 0;
+  Lock m_Mutex;
+  ModemState m_State;
+  Milliseconds m_StateEnds{kNoEnd};
+  bool m_StaysInFlashMode = true;
+  int m_FlashModeStarts = 0;
+  int m_ResetsUntilReturn = 0;
+  bool m_ReturnsWhenWaitExpires = false;
+  std::uint32_t m_Session = 0;
+  std::uint32_t m_LastSession = 0;
+  bool m_IsBooted = false;
+  std::optional<Item> m_Item;
+  std::fstream m_Memory;
+  std::string m_AtInput;
+  std::uint32_t m_ItemsWritten = 0;
+  std::uint64_t m_BytesWritten = 0;
 };
 
 }  // namespace simulator

@@ -30,7 +30,7 @@ MobileBroadbandBehaviour Connected(MobileBroadbandBehaviour behaviour,
 
 }  // namespace
 
-VirtualPc::VirtualPc(VirtualPcOptions options) : m_machine(std::make_shared<Machine>(std::move(options))) {}
+VirtualPc::VirtualPc(VirtualPcOptions options) : m_Machine(std::make_shared<Machine>(std::move(options))) {}
 
 VirtualPc::~VirtualPc() {
   Uninstall();
@@ -53,40 +53,40 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
 }
 
 void VirtualPc::Begin() {
-  SetCurrentMachine(m_machine);
-  m_mobileBroadband =
-      std::make_unique<SimulatedMobileBroadband>(Connected(m_machine->options.mobileBroadband, m_machine));
+  SetCurrentMachine(m_Machine);
+  m_MobileBroadband =
+      std::make_unique<SimulatedMobileBroadband>(Connected(m_Machine->options.mobileBroadband, m_Machine));
 }
 
 void VirtualPc::Patch(HMODULE product) {
-  m_patch = std::make_unique<ImportPatch>(product);
-  PatchFaultableCalls(*m_patch);
-  PatchClock(*m_patch);
-  PatchDeviceTree(*m_patch);
-  PatchFiles(*m_patch);
-  PatchDriver(*m_patch);
-  PatchSerialPort(*m_patch);
-  PatchLibraryLoader(*m_patch);
+  m_Patch = std::make_unique<ImportPatch>(product);
+  PatchFaultableCalls(*m_Patch);
+  PatchClock(*m_Patch);
+  PatchDeviceTree(*m_Patch);
+  PatchFiles(*m_Patch);
+  PatchDriver(*m_Patch);
+  PatchSerialPort(*m_Patch);
+  PatchLibraryLoader(*m_Patch);
 }
 
 void VirtualPc::Uninstall() {
-  if (!m_mobileBroadband) return;
-  m_patch.reset();
-  m_mobileBroadband.reset();
-  m_machine->EndHangs();
+  if (!m_MobileBroadband) return;
+  m_Patch.reset();
+  m_MobileBroadband.reset();
+  m_Machine->EndHangs();
   SetCurrentMachine(nullptr);
 }
 
 VirtualModem& VirtualPc::Modem() {
-  return m_machine->modem;
+  return m_Machine->modem;
 }
 
 SimulatedMobileBroadband& VirtualPc::MobileBroadband() {
-  return *m_mobileBroadband;
+  return *m_MobileBroadband;
 }
 
 const VirtualClock& VirtualPc::Clock() const {
-  return m_machine->clock;
+  return m_Machine->clock;
 }
 
 int VirtualPc::BootAttempts() const {
@@ -96,23 +96,23 @@ int VirtualPc::BootAttempts() const {
 }
 
 int VirtualPc::LibraryLoads() const {
-  return m_machine->Count(JournalEvent::LibraryLoaded);
+  return m_Machine->Count(JournalEvent::LibraryLoaded);
 }
 
 int VirtualPc::LibraryUnloads() const {
-  return m_machine->Count(JournalEvent::LibraryUnloaded);
+  return m_Machine->Count(JournalEvent::LibraryUnloaded);
 }
 
 int VirtualPc::BasebandResets() const {
-  return m_machine->Count(JournalEvent::BasebandReset);
+  return m_Machine->Count(JournalEvent::BasebandReset);
 }
 
 int VirtualPc::ForcedResets() const {
-  return m_machine->Count(JournalEvent::ForcedReset);
+  return m_Machine->Count(JournalEvent::ForcedReset);
 }
 
 int VirtualPc::MbimReboots() const {
-  return m_machine->Count(JournalEvent::MbimReboot);
+  return m_Machine->Count(JournalEvent::MbimReboot);
 }
 
 std::vector<std::string> VirtualPc::AtCommands() const {
@@ -124,20 +124,20 @@ std::vector<std::string> VirtualPc::AtCommands() const {
 }
 
 std::map<std::string, int> VirtualPc::LibraryCalls() const {
-  return m_machine->LibraryCalls();
+  return m_Machine->LibraryCalls();
 }
 
 std::map<std::string, int> VirtualPc::PlatformCalls() const {
-  return m_machine->PlatformCalls();
+  return m_Machine->PlatformCalls();
 }
 
 std::vector<JournalEntry> VirtualPc::Journal() const {
-  return m_machine->Journal();
+  return m_Machine->Journal();
 }
 
 void VirtualPc::ClearJournal() {
-  m_machine->ClearJournal();
-  if (m_mobileBroadband) m_mobileBroadband->ForgetCalls();
+  m_Machine->ClearJournal();
+  if (m_MobileBroadband) m_MobileBroadband->ForgetCalls();
 }
 
 std::vector<std::string> FaultableCalls() {

@@ -67,9 +67,9 @@ class VirtualPc {
   void Begin();
   void Patch(HMODULE product);
 
-  std::shared_ptr<Machine> m_machine;
-  std::unique_ptr<SimulatedMobileBroadband> m_mobileBroadband;
-  std::unique_ptr<ImportPatch> m_patch;
+  std::shared_ptr<Machine> m_Machine;
+  std::unique_ptr<SimulatedMobileBroadband> m_MobileBroadband;
+  std::unique_ptr<ImportPatch> m_Patch;
 };
 
 /// Names that `PlatformCallFault::function` takes.

@@ -46,12 +46,12 @@ bool AnyAtWork() {
   return g_atWork > 0 && ::GetTickCount64() - g_lastActivity < kTakenForBlockedMs;
 }
 
-Rest::Rest() : m_isMember(t_isMember) {
-  if (m_isMember) --g_atWork;
+Rest::Rest() : m_IsMember(t_isMember) {
+  if (m_IsMember) --g_atWork;
 }
 
 Rest::~Rest() {
-  if (m_isMember) Begin();
+  if (m_IsMember) Begin();
 }
 
 }  // namespace working_threads

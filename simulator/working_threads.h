@@ -30,7 +30,7 @@ class Rest {
   Rest& operator=(const Rest&) = delete;
 
  private:
-  bool m_isMember;
+  bool m_IsMember;
 };
 
 }  // namespace working_threads

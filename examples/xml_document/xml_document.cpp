@@ -25,16 +25,16 @@ using QUENTA::Brevant::Interfaces::ToolkitCore::XML_NAME_VALUE;
 /// COM for the calling thread. It must stay until the last document and node are gone.
 class ComScope {
  public:
-  ComScope() : m_entered(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
+  ComScope() : m_Entered(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
   ~ComScope() {
-    if (m_entered) ::CoUninitialize();
+    if (m_Entered) ::CoUninitialize();
   }
   ComScope(const ComScope&) = delete;
   ComScope& operator=(const ComScope&) = delete;
-  bool Entered() const { return m_entered; }
+  bool Entered() const { return m_Entered; }
 
  private:
-  bool m_entered;
+  bool m_Entered;
 };
 
 /// <modems><modem id="1"><name>..</name><port>..</port></modem><modem id="2">..</modem></modems>

@@ -56,43 +56,43 @@ class UsedImages {
     for (const CTString& image : {ToolKit::GetModemFlsFile(), ToolKit::GetNVMFlsFile()}) {
       if (image.IsEmpty()) continue;
       const auto path = static_cast<std::wstring>(image);
-      ++m_used;
-      if (Exists(path)) m_left.push_back(path);
+      ++m_Used;
+      if (Exists(path)) m_Left.push_back(path);
     }
   }
 
-  bool AreDeleted() const { return m_used > 0 && m_left.empty(); }
+  bool AreDeleted() const { return m_Used > 0 && m_Left.empty(); }
   std::string WhatToDoAfterSuccess() const {
-    if (m_left.empty()) return "The images were deleted. Nothing is left to do.";
-    return "Delete what could not be deleted, or the next flash writes it again: " + Listed(m_left);
+    if (m_Left.empty()) return "The images were deleted. Nothing is left to do.";
+    return "Delete what could not be deleted, or the next flash writes it again: " + Listed(m_Left);
   }
   std::string WhatToDoAfterFailure() const {
-    if (m_left.empty()) return "The image files were removed: copy them anew and run the flash again.";
-    if (m_left.size() == m_used) return "The image files are still there: run the flash again.";
-    return "Of the image files only " + Listed(m_left) +
+    if (m_Left.empty()) return "The image files were removed: copy them anew and run the flash again.";
+    if (m_Left.size() == m_Used) return "The image files are still there: run the flash again.";
+    return "Of the image files only " + Listed(m_Left) +
            " is still there: copy the other one anew and run the flash again.";
   }
 
  private:
-  std::size_t m_used = 0;
-  std::vector<std::wstring> m_left;
+  std::size_t m_Used = 0;
+  std::vector<std::wstring> m_Left;
 };
 
 /// The request for a flash. Takes it back in the end, unless the library has dealt with it.
 class Request {
  public:
-  explicit Request(const HandshakeKey& key) : m_key(key), m_error(WriteHandshakeValue(key, kReadyValue, 1)) {}
+  explicit Request(const HandshakeKey& key) : m_Key(key), m_Error(WriteHandshakeValue(key, kReadyValue, 1)) {}
   ~Request() {
-    if (ReadHandshake(m_key).ready == 1u) WriteHandshakeValue(m_key, kReadyValue, 0);
+    if (ReadHandshake(m_Key).ready == 1u) WriteHandshakeValue(m_Key, kReadyValue, 0);
   }
   Request(const Request&) = delete;
   Request& operator=(const Request&) = delete;
 
-  DWORD Error() const { return m_error; }
+  DWORD Error() const { return m_Error; }
 
  private:
-  const HandshakeKey& m_key;
-  DWORD m_error;
+  const HandshakeKey& m_Key;
+  DWORD m_Error;
 };
 
 /// The library's part, on a thread of its own. It cannot be stopped, only left: the process then ends
@@ -100,22 +100,22 @@ class Request {
 class Job {
  public:
   Job(int trace, std::string ipcType) {
-    std::thread([ended = m_ended, trace, type = std::move(ipcType)]() mutable {
+    std::thread([ended = m_Ended, trace, type = std::move(ipcType)]() mutable {
       ToolKit::FirmwareFlash_CmdLine(trace, type.data(), 0, nullptr, nullptr);
       ::SetEvent(ended->get());
     }).detach();
   }
-  HANDLE Ended() const { return m_ended->get(); }
+  HANDLE Ended() const { return m_Ended->get(); }
 
  private:
-  std::shared_ptr<OwnedHandle> m_ended = std::make_shared<OwnedHandle>(NewEvent());
+  std::shared_ptr<OwnedHandle> m_Ended = std::make_shared<OwnedHandle>(NewEvent());
 };
 
 /// One run of the flash verb.
 class FlashRun {
  public:
   explicit FlashRun(const FlashOptions& options)
-      : m_options(options), m_key(CommandLineKey()), m_progress(options.quiet) {}
+      : m_Options(options), m_Key(CommandLineKey()), m_Progress(options.quiet) {}
 
   ExitCode Run();
 
@@ -131,7 +131,7 @@ class FlashRun {
   Ending Follow(HANDLE jobEnded);
   bool PastTimeLimit() const;
   long long Seconds() const;
-  bool HasLog() const { return m_options.trace > 0 && !AnsiLogPath().empty(); }
+  bool HasLog() const { return m_Options.trace > 0 && !AnsiLogPath().empty(); }
   bool MayStop() const;
   void WarnOnce();
   ExitCode Conclude();
@@ -140,16 +140,16 @@ class FlashRun {
   ExitCode GiveUp(Ending ending);
   nlohmann::ordered_json Details(const Handshake& values, const UsedImages& images) const;
 
-  const FlashOptions& m_options;
-  HandshakeKey m_key;
-  ProgressLine m_progress;
-  Interruption m_interruption;
-  bool m_warned = false;
-  std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
+  const FlashOptions& m_Options;
+  HandshakeKey m_Key;
+  ProgressLine m_Progress;
+  Interruption m_Interruption;
+  bool m_Warned = false;
+  std::chrono::steady_clock::time_point m_Begin = std::chrono::steady_clock::now();
 };
 
 void FlashRun::KeepLogOfLastRun() const {
-  if (m_options.trace == 0) return;
+  if (m_Options.trace == 0) return;
   const std::string problem = KeepLastLog(LogPath());
   if (!problem.empty()) std::cerr << "corvel_cmdline: " << problem << std::endl;
 }
@@ -159,19 +159,19 @@ bool FlashRun::LoadConfiguration() const {
   // between that and the first record.
   ToolKit::IsConfigLoaded();
   if (ToolKit* const toolkit = ToolKit::GetInstance()) {
-    toolkit->SetDebugLoggerFileName(m_options.trace > 0 ? AnsiLogPath().c_str() : "");
+    toolkit->SetDebugLoggerFileName(m_Options.trace > 0 ? AnsiLogPath().c_str() : "");
   }
   const bool loaded = ToolKit::LoadConfig(nullptr);
   // Loading turned it on.
-  if (m_options.trace == 0) ToolKit::TurnLoggingOff();
+  if (m_Options.trace == 0) ToolKit::TurnLoggingOff();
   return loaded;
 }
 
 std::optional<ExitCode> FlashRun::FindOtherHost(const CommandLineClaim& claim) const {
   auto obstacle = claim.WhoHoldsIt();
-  if (!obstacle) obstacle = FindServiceInTheWay(m_key);
+  if (!obstacle) obstacle = FindServiceInTheWay(m_Key);
   if (!obstacle) return std::nullopt;
-  Report({obstacle->code, obstacle->message + ".", obstacle->whatToDo}, m_options.json);
+  Report({obstacle->code, obstacle->message + ".", obstacle->whatToDo}, m_Options.json);
   return ExitCode::NotReady;
 }
 
@@ -179,62 +179,62 @@ std::optional<ExitCode> FlashRun::FindObstacle(const CommandLineClaim& claim) co
   if (const auto otherHost = FindOtherHost(claim)) return otherHost;
   std::vector<Finding> findings = LookBeforeFlash();
   // A controlling program may put the images there until it asks for the flash.
-  if (m_options.waitForController) {
+  if (m_Options.waitForController) {
     std::erase_if(findings, [](const Finding& each) { return each.exitCode == ExitCode::NoImages; });
   }
   const Finding* const error = FirstOf(findings, Verdict::Error);
   if (error == nullptr) return std::nullopt;
-  Report(ProblemOf(*error), m_options.json);
+  Report(ProblemOf(*error), m_Options.json);
   return error->exitCode;
 }
 
 void FlashRun::TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const {
-  if (m_options.quiet) return;
+  if (m_Options.quiet) return;
   std::vector<std::wstring> paths{images.modem, images.nvm};
   std::erase(paths, std::wstring());
   // What a controlling program will have put there until then is not known yet.
   const std::string what =
-      m_options.waitForController ? "the images that it finds in " + ToUtf8(folder) : Listed(paths);
+      m_Options.waitForController ? "the images that it finds in " + ToUtf8(folder) : Listed(paths);
   std::cerr << "corvel_cmdline: When the flash ends, it deletes " << what << std::endl;
 }
 
 void FlashRun::ForgetLastRun() {
   // As the library does when it begins; until then the values of an earlier run must not be taken for this
   // one's.
-  ToolKit::SetFlashOnGoingFlag(m_key.root, m_key.path.c_str(), 0);
-  ToolKit::SetFlashProcess(m_key.root, m_key.path.c_str(), 0);
-  ToolKit::SetFlashResult(m_key.root, m_key.path.c_str(), 0);
+  ToolKit::SetFlashOnGoingFlag(m_Key.root, m_Key.path.c_str(), 0);
+  ToolKit::SetFlashProcess(m_Key.root, m_Key.path.c_str(), 0);
+  ToolKit::SetFlashResult(m_Key.root, m_Key.path.c_str(), 0);
 }
 
 bool FlashRun::PastTimeLimit() const {
-  return m_options.timeoutSeconds > 0 && Seconds() >= m_options.timeoutSeconds;
+  return m_Options.timeoutSeconds > 0 && Seconds() >= m_Options.timeoutSeconds;
 }
 
 long long FlashRun::Seconds() const {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_begin).count();
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_Begin).count();
 }
 
 bool FlashRun::MayStop() const {
-  return m_warned || m_interruption.IsFinal() || !ReadHandshake(m_key).IsJobRunning();
+  return m_Warned || m_Interruption.IsFinal() || !ReadHandshake(m_Key).IsJobRunning();
 }
 
 void FlashRun::WarnOnce() {
-  m_progress.Finish();
+  m_Progress.Finish();
   std::cerr
       << "corvel_cmdline: The flash is running. Stopping now may leave the modem in flash mode; the next run "
          "recovers it.\nPress Ctrl+C once more to stop all the same."
       << std::endl;
-  m_warned = true;
-  ::ResetEvent(m_interruption.Event());
+  m_Warned = true;
+  ::ResetEvent(m_Interruption.Event());
 }
 
 FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
-  HandshakeWatch watch(m_key);
-  const HANDLE signals[] = {jobEnded, m_interruption.Event(), watch.Event()};
+  HandshakeWatch watch(m_Key);
+  const HANDLE signals[] = {jobEnded, m_Interruption.Event(), watch.Event()};
   for (;;) {
     // Armed before the look, so that no change falls between the look and the wait.
     watch.Arm();
-    m_progress.Show(ReadHandshake(m_key));
+    m_Progress.Show(ReadHandshake(m_Key));
     switch (::WaitForMultipleObjects(3, signals, FALSE, kRefreshMs)) {
       case WAIT_OBJECT_0:
         return Ending::JobEnded;
@@ -253,7 +253,7 @@ nlohmann::ordered_json FlashRun::Details(const Handshake& values, const UsedImag
           {"result", values.result.value_or(0)},
           {"meaning", MeaningOfResult(values.result)},
           {"progress", values.progress.value_or(0)},
-          {"attempts", m_progress.Attempts()},
+          {"attempts", m_Progress.Attempts()},
           {"seconds", Seconds()},
           {"images_deleted", images.AreDeleted()},
           {"log", HasLog() ? ToUtf8(LogPath()) : ""}};
@@ -262,14 +262,14 @@ nlohmann::ordered_json FlashRun::Details(const Handshake& values, const UsedImag
 ExitCode FlashRun::ConcludeWithoutImages() {
   Report({"no_images", "The firmware folder held no image when the flash began.",
           "Copy the images (*.fls) into the configured folder and try again."},
-         m_options.json);
+         m_Options.json);
   return ExitCode::NoImages;
 }
 
 ExitCode FlashRun::Conclude() {
-  const Handshake values = ReadHandshake(m_key);
-  m_progress.Show(values);
-  m_progress.Finish();
+  const Handshake values = ReadHandshake(m_Key);
+  m_Progress.Show(values);
+  m_Progress.Finish();
   if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages();
 
   const bool flashed = values.Is(FlashResult::Succeeded);
@@ -281,12 +281,12 @@ ExitCode FlashRun::Conclude() {
           images.WhatToDoAfterFailure() +
           " A modem that was left in flash mode is found there. The debug log says more in its lines of "
           "level Error."};
-  if (m_options.json) {
+  if (m_Options.json) {
     PrintJson(flashed ? Details(values, images) : AsJson(failure, Details(values, images)));
   } else {
     std::cout << (flashed ? "The modem was flashed and is back." : failure.message) << " Result "
               << values.result.value_or(0) << " (" << MeaningOfResult(values.result) << "), "
-              << m_progress.Attempts() << (m_progress.Attempts() == 1 ? " attempt, " : " attempts, ")
+              << m_Progress.Attempts() << (m_Progress.Attempts() == 1 ? " attempt, " : " attempts, ")
               << Seconds() << " s.\n"
               << (flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo) << std::endl;
     if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
@@ -303,14 +303,14 @@ void FlashRun::LeaveRecordOf(const Handshake& values) const {
 }
 
 ExitCode FlashRun::GiveUp(Ending ending) {
-  m_progress.Finish();
+  m_Progress.Finish();
   const bool timedOut = ending == Ending::TimedOut;
   Report(
       {timedOut ? "timed_out" : "interrupted",
        timedOut ? "The time limit passed before the flash ended." : "Interrupted.",
-       ReadHandshake(m_key).IsJobRunning() ? "The modem may be left in flash mode; the next run recovers it."
+       ReadHandshake(m_Key).IsJobRunning() ? "The modem may be left in flash mode; the next run recovers it."
                                            : "The modem was not touched."},
-      m_options.json);
+      m_Options.json);
   return ExitCode::Interrupted;
 }
 
@@ -326,22 +326,22 @@ ExitCode FlashRun::Run() {
   if (!configuration || !LoadConfiguration()) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
             "Close whatever holds it open; \"corvel_cmdline check\" tells more."},
-           m_options.json);
+           m_Options.json);
     return ExitCode::NotReady;
   }
 
-  const ServingNotice notice(Server::CommandLine, m_key);
+  const ServingNotice notice(Server::CommandLine, m_Key);
   ForgetLastRun();
   std::optional<Request> request;
-  if (!m_options.waitForController) request.emplace(m_key);
+  if (!m_Options.waitForController) request.emplace(m_Key);
   if (request && request->Error() != ERROR_SUCCESS) {
     Report({"no_registry_access", "Fls_Ready cannot be set: " + SystemErrorText(request->Error()) + ".",
             "Run this program as an administrator."},
-           m_options.json);
+           m_Options.json);
     return ExitCode::NotReady;
   }
   TellWhatWillBeDeleted(folder, images);
-  const Job job(m_options.trace, BusOf(m_options, *configuration));
+  const Job job(m_Options.trace, BusOf(m_Options, *configuration));
   const Ending ending = Follow(job.Ended());
   return ending == Ending::JobEnded ? Conclude() : GiveUp(ending);
 }

@@ -69,18 +69,18 @@ std::string Joined(const std::vector<std::string>& texts) {
 class FileSearch {
  public:
   FileSearch(const std::wstring& pattern, WIN32_FIND_DATAW& entry)
-      : m_search(::FindFirstFileW(pattern.c_str(), &entry)) {}
+      : m_Search(::FindFirstFileW(pattern.c_str(), &entry)) {}
   ~FileSearch() {
-    if (IsOpen()) ::FindClose(m_search);
+    if (IsOpen()) ::FindClose(m_Search);
   }
   FileSearch(const FileSearch&) = delete;
   FileSearch& operator=(const FileSearch&) = delete;
 
-  bool IsOpen() const { return m_search != INVALID_HANDLE_VALUE; }
-  bool Next(WIN32_FIND_DATAW& entry) const { return ::FindNextFileW(m_search, &entry) != FALSE; }
+  bool IsOpen() const { return m_Search != INVALID_HANDLE_VALUE; }
+  bool Next(WIN32_FIND_DATAW& entry) const { return ::FindNextFileW(m_Search, &entry) != FALSE; }
 
  private:
-  HANDLE m_search;
+  HANDLE m_Search;
 };
 
 /// Why a configuration that is there could not be read. Opened as the library does, with nobody beside it.

@@ -70,38 +70,38 @@ std::string LiveLine(const Progress& now, std::size_t columns) {
   return Padded(fitting == lines.end() ? lines.back() : *fitting, width);
 }
 
-ProgressLine::ProgressLine(bool quiet) : m_quiet(quiet), m_live(IsTerminal()) {}
+ProgressLine::ProgressLine(bool quiet) : m_Quiet(quiet), m_Live(IsTerminal()) {}
 
 void ProgressLine::Show(const Handshake& values) {
   TakeIn(values);
-  if (m_quiet) return;
-  if (m_live) {
+  if (m_Quiet) return;
+  if (m_Live) {
     // Asked each time: a window may be made narrower, and a line that does not fit any more would scroll it.
     const auto columns = VisibleColumns(::GetStdHandle(STD_ERROR_HANDLE));
     Draw("\r" + LiveText(values, columns.value_or(kUsualColumns)));
-    m_lineOpen = true;
+    m_LineOpen = true;
     return;
   }
   const std::string text = PlainText(values);
-  if (text != m_lastPlain) std::cerr << SecondsSince(m_begin) << " s  " << text << std::endl;
-  m_lastPlain = text;
+  if (text != m_LastPlain) std::cerr << SecondsSince(m_Begin) << " s  " << text << std::endl;
+  m_LastPlain = text;
 }
 
 void ProgressLine::Finish() {
-  if (m_lineOpen) std::cerr << std::endl;
-  m_lineOpen = false;
+  if (m_LineOpen) std::cerr << std::endl;
+  m_LineOpen = false;
 }
 
 void ProgressLine::TakeIn(const Handshake& values) {
   const std::uint32_t result = values.result.value_or(0);
-  const bool begins = values.Is(FlashResult::Flashing) && m_lastResult != result;
+  const bool begins = values.Is(FlashResult::Flashing) && m_LastResult != result;
   // A short attempt may be over before anybody looks.
-  const bool wasMissed = m_attempts == 0 && result > static_cast<std::uint32_t>(FlashResult::Flashing);
+  const bool wasMissed = m_Attempts == 0 && result > static_cast<std::uint32_t>(FlashResult::Flashing);
   if (begins || wasMissed) {
-    ++m_attempts;
-    m_attemptBegin = Clock::now();
+    ++m_Attempts;
+    m_AttemptBegin = Clock::now();
   }
-  m_lastResult = result;
+  m_LastResult = result;
 }
 
 std::string ProgressLine::Stage(const Handshake& values) const {
@@ -116,8 +116,8 @@ std::string ProgressLine::Stage(const Handshake& values) const {
 std::string ProgressLine::LiveText(const Handshake& values, std::size_t columns) const {
   return LiveLine({.stage = Stage(values),
                    .percent = Percent(values),
-                   .attempt = std::max(m_attempts, 1),
-                   .elapsedSeconds = SecondsSince(m_begin),
+                   .attempt = std::max(m_Attempts, 1),
+                   .elapsedSeconds = SecondsSince(m_Begin),
                    .remainingSeconds = RemainingSeconds(values)},
                   columns);
 }
@@ -125,7 +125,7 @@ std::string ProgressLine::LiveText(const Handshake& values, std::size_t columns)
 std::string ProgressLine::PlainText(const Handshake& values) const {
   const std::uint32_t step = Percent(values) / kPlainStep * kPlainStep;
   return Stage(values) + ", " + std::to_string(step) + " %, attempt " +
-         std::to_string(std::max(m_attempts, 1));
+         std::to_string(std::max(m_Attempts, 1));
 }
 
 long long ProgressLine::SecondsSince(Clock::time_point begin) const {
@@ -135,7 +135,7 @@ long long ProgressLine::SecondsSince(Clock::time_point begin) const {
 std::optional<long long> ProgressLine::RemainingSeconds(const Handshake& values) const {
   if (!values.timeOut || !values.IsJobRunning()) return std::nullopt;
   const long long limit = *values.timeOut / 1000;
-  return std::max(0LL, limit - SecondsSince(m_attemptBegin));
+  return std::max(0LL, limit - SecondsSince(m_AttemptBegin));
 }
 
 }  // namespace hosts

@@ -34,7 +34,7 @@ class ProgressLine {
   /// Ends the live line, so that what follows begins on a line of its own.
   void Finish();
 
-  int Attempts() const { return m_attempts; }
+  int Attempts() const { return m_Attempts; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -46,14 +46,14 @@ class ProgressLine {
   long long SecondsSince(Clock::time_point begin) const;
   std::optional<long long> RemainingSeconds(const Handshake& values) const;
 
-  bool m_quiet;
-  bool m_live;
-  bool m_lineOpen = false;
-  std::string m_lastPlain;
-  int m_attempts = 0;
-  std::uint32_t m_lastResult = 0;
-  Clock::time_point m_begin = Clock::now();
-  Clock::time_point m_attemptBegin = Clock::now();
+  bool m_Quiet;
+  bool m_Live;
+  bool m_LineOpen = false;
+  std::string m_LastPlain;
+  int m_Attempts = 0;
+  std::uint32_t m_LastResult = 0;
+  Clock::time_point m_Begin = Clock::now();
+  Clock::time_point m_AttemptBegin = Clock::now();
 };
 
 }  // namespace hosts

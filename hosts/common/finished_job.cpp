@@ -19,23 +19,23 @@ std::string FinishedJob::Text() const {
 
 std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
                                           std::chrono::steady_clock::time_point now) {
-  const std::optional<Seen> last = std::exchange(m_last, Seen{.at = now, .result = values.result});
+  const std::optional<Seen> last = std::exchange(m_Last, Seen{.at = now, .result = values.result});
   if (!HasEnded(values)) {
     // A request that is taken back before the library has seen it is no job.
     if (!values.IsJobOpen()) {
-      m_begin.reset();
-    } else if (!m_begin) {
-      m_begin = now;
+      m_Begin.reset();
+    } else if (!m_Begin) {
+      m_Begin = now;
     }
     return std::nullopt;
   }
   // A short job may be over before anybody has looked: another result than at the last look is its only
   // trace.
-  if (!m_begin && last && last->result != values.result) m_begin = last->at;
+  if (!m_Begin && last && last->result != values.result) m_Begin = last->at;
   // Without a begin it is the result of the last job, which stays until the library sees the next request.
-  if (!m_begin) return std::nullopt;
-  const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(now - *m_begin);
-  m_begin.reset();
+  if (!m_Begin) return std::nullopt;
+  const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(now - *m_Begin);
+  m_Begin.reset();
   return FinishedJob{.flashed = values.Is(FlashResult::Succeeded),
                      .result = *values.result,
                      .progress = values.progress.value_or(0),

@@ -36,9 +36,9 @@ class JobWatch {
   };
 
   /// When the running job began; nothing while none is running.
-  std::optional<std::chrono::steady_clock::time_point> m_begin;
+  std::optional<std::chrono::steady_clock::time_point> m_Begin;
   /// Nothing before the first look.
-  std::optional<Seen> m_last;
+  std::optional<Seen> m_Last;
 };
 
 }  // namespace hosts

@@ -91,52 +91,52 @@ class FileForWriting {
     for (DWORD waited = 0;; waited += kLookPeriodMs) {
       const HANDLE opened = ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
                                           nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-      m_error = opened == INVALID_HANDLE_VALUE ? ::GetLastError() : ERROR_SUCCESS;
-      if (m_error == ERROR_SUCCESS) m_file.reset(opened);
-      if (m_error != ERROR_SHARING_VIOLATION || waited >= kLongestWaitMs) return;
+      m_Error = opened == INVALID_HANDLE_VALUE ? ::GetLastError() : ERROR_SUCCESS;
+      if (m_Error == ERROR_SUCCESS) m_File.reset(opened);
+      if (m_Error != ERROR_SHARING_VIOLATION || waited >= kLongestWaitMs) return;
       ::Sleep(kLookPeriodMs);
     }
   }
 
   /// The error of the call that failed first.
-  DWORD Error() const { return m_error; }
+  DWORD Error() const { return m_Error; }
 
   LONGLONG Size() {
     LARGE_INTEGER size{};
-    Check(::GetFileSizeEx(m_file.get(), &size));
+    Check(::GetFileSizeEx(m_File.get(), &size));
     return size.QuadPart;
   }
   std::string Read(LONGLONG from, LONGLONG length) {
     std::string bytes(static_cast<std::size_t>(length), '\0');
     DWORD read = 0;
     GoTo(from);
-    Check(::ReadFile(m_file.get(), bytes.data(), static_cast<DWORD>(length), &read, nullptr));
+    Check(::ReadFile(m_File.get(), bytes.data(), static_cast<DWORD>(length), &read, nullptr));
     bytes.resize(read);
     return bytes;
   }
   void Write(LONGLONG at, std::string_view bytes) {
     DWORD written = 0;
     GoTo(at);
-    Check(::WriteFile(m_file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr));
-    Check(::FlushFileBuffers(m_file.get()));
+    Check(::WriteFile(m_File.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr));
+    Check(::FlushFileBuffers(m_File.get()));
   }
   void CutAt(LONGLONG size) {
     GoTo(size);
-    Check(::SetEndOfFile(m_file.get()));
+    Check(::SetEndOfFile(m_File.get()));
   }
 
  private:
   void GoTo(LONGLONG position) {
     LARGE_INTEGER to{};
     to.QuadPart = position;
-    Check(::SetFilePointerEx(m_file.get(), to, nullptr, FILE_BEGIN));
+    Check(::SetFilePointerEx(m_File.get(), to, nullptr, FILE_BEGIN));
   }
   void Check(BOOL done) {
-    if (!done && m_error == ERROR_SUCCESS) m_error = ::GetLastError();
+    if (!done && m_Error == ERROR_SUCCESS) m_Error = ::GetLastError();
   }
 
-  OwnedHandle m_file;
-  DWORD m_error = ERROR_SUCCESS;
+  OwnedHandle m_File;
+  DWORD m_Error = ERROR_SUCCESS;
 };
 
 /// Moves the newest lines to the front and cuts the rest off. They are still at the end until the cut, so
@@ -159,7 +159,7 @@ FlashHistory::FlashHistory() : FlashHistory(ProgramFolder() + kHistoryName) {}
 
 DWORD FlashHistory::Append(const std::string& host, const FinishedJob& job) const {
   std::string line = LineOf({.time = LocalTime(), .host = host, .job = job});
-  FileForWriting file(m_path);
+  FileForWriting file(m_Path);
   if (file.Error() != ERROR_SUCCESS) return file.Error();
   LONGLONG size = file.Size();
   if (size + static_cast<LONGLONG>(line.size()) > kLargestSize) size = DropOldest(file, size);
@@ -173,7 +173,7 @@ DWORD FlashHistory::Append(const std::string& host, const FinishedJob& job) cons
 
 HistoryReading FlashHistory::Read() const {
   const HANDLE opened =
-      ::CreateFileW(m_path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+      ::CreateFileW(m_Path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (opened == INVALID_HANDLE_VALUE) {
     const DWORD error = ::GetLastError();

@@ -28,11 +28,11 @@ struct HistoryReading {
 /// over and spoils no other.
 class FlashHistory {
  public:
-  explicit FlashHistory(std::wstring path) : m_path(std::move(path)) {}
+  explicit FlashHistory(std::wstring path) : m_Path(std::move(path)) {}
   /// The one beside the running program.
   FlashHistory();
 
-  const std::wstring& Path() const { return m_path; }
+  const std::wstring& Path() const { return m_Path; }
 
   /// Adds a job that has just ended. Waits a moment for another writer.
   /// @return the Win32 error, 0 on success; what the file held before is still there then.
@@ -41,7 +41,7 @@ class FlashHistory {
   HistoryReading Read() const;
 
  private:
-  std::wstring m_path;
+  std::wstring m_Path;
 };
 
 }  // namespace hosts

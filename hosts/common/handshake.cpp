@@ -121,30 +121,30 @@ DWORD CheckHandshakeKeyWritable(const HandshakeKey& key) {
   return error;
 }
 
-HandshakeWatch::HandshakeWatch(HandshakeKey key) : m_location(std::move(key)) {}
+HandshakeWatch::HandshakeWatch(HandshakeKey key) : m_Location(std::move(key)) {}
 
 DWORD HandshakeWatch::Arm() {
   if (IsArmed()) return ERROR_SUCCESS;
-  m_armed = false;
+  m_Armed = false;
   if (const DWORD error = Open()) return error;
-  ::ResetEvent(m_event.get());
+  ::ResetEvent(m_Event.get());
   const auto error = static_cast<DWORD>(::RegNotifyChangeKeyValue(
-      m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, m_event.get(), TRUE));
-  m_armed = error == ERROR_SUCCESS;
+      m_Key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, m_Event.get(), TRUE));
+  m_Armed = error == ERROR_SUCCESS;
   // A key that was deleted is of no more use, even when one of the same name is there again.
-  if (!m_armed) m_key.reset();
+  if (!m_Armed) m_Key.reset();
   return error;
 }
 
 bool HandshakeWatch::IsArmed() const {
-  return m_armed && ::WaitForSingleObject(m_event.get(), 0) == WAIT_TIMEOUT;
+  return m_Armed && ::WaitForSingleObject(m_Event.get(), 0) == WAIT_TIMEOUT;
 }
 
 DWORD HandshakeWatch::Open() {
-  if (m_key != nullptr) return ERROR_SUCCESS;
+  if (m_Key != nullptr) return ERROR_SUCCESS;
   HKEY opened = nullptr;
-  const LSTATUS status = ::RegOpenKeyExW(m_location.root, m_location.path.c_str(), 0, KEY_NOTIFY, &opened);
-  m_key.reset(opened);
+  const LSTATUS status = ::RegOpenKeyExW(m_Location.root, m_Location.path.c_str(), 0, KEY_NOTIFY, &opened);
+  m_Key.reset(opened);
   return static_cast<DWORD>(status);
 }
 

@@ -78,17 +78,17 @@ class HandshakeWatch {
   /// @return the Win32 error, 0 when the event will be signalled at the next change; ERROR_FILE_NOT_FOUND
   /// while there is no key.
   DWORD Arm();
-  HANDLE Event() const { return m_event.get(); }
+  HANDLE Event() const { return m_Event.get(); }
 
  private:
   bool IsArmed() const;
   DWORD Open();
 
-  HandshakeKey m_location;
+  HandshakeKey m_Location;
   // In this order the key is closed first: that signals the event.
-  OwnedHandle m_event = NewEvent();
-  OwnedKey m_key;
-  bool m_armed = false;
+  OwnedHandle m_Event = NewEvent();
+  OwnedKey m_Key;
+  bool m_Armed = false;
 };
 
 }  // namespace hosts

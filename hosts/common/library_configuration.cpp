@@ -63,12 +63,12 @@ std::optional<LibraryConfiguration> LibraryConfiguration::Read(const std::wstrin
 }
 
 void LibraryConfiguration::Take(const std::wstring& line) {
-  m_lines.push_back(line);
+  m_Lines.push_back(line);
   const std::size_t equals = line.find(L'=');
-  const bool isTitle = m_lines.size() == 1;
+  const bool isTitle = m_Lines.size() == 1;
   if (isTitle || equals == std::wstring::npos) return;
   const std::size_t value = std::min(line.find_first_not_of(L' ', equals + 1), line.size());
-  m_settings.push_back({.line = m_lines.size(),
+  m_Settings.push_back({.line = m_Lines.size(),
                         .key = Bounded(line.substr(0, equals)),
                         .value = Bounded(line.substr(value)),
                         .valueBehindBlanks = value > equals + 1});
@@ -80,9 +80,9 @@ std::wstring LibraryConfiguration::Get(const std::wstring& key) const {
 }
 
 const LibraryConfiguration::Setting* LibraryConfiguration::Find(const std::wstring& key) const {
-  const auto last = std::find_if(m_settings.rbegin(), m_settings.rend(),
+  const auto last = std::find_if(m_Settings.rbegin(), m_Settings.rend(),
                                  [&](const Setting& setting) { return setting.key == key; });
-  return last == m_settings.rend() ? nullptr : &*last;
+  return last == m_Settings.rend() ? nullptr : &*last;
 }
 
 std::wstring LibraryConfiguration::FirmwareFolder() const {

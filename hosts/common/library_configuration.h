@@ -33,9 +33,9 @@ class LibraryConfiguration {
   const Setting* Find(const std::wstring& key) const;
 
   /// All lines without their ends, the first included; each byte of the file is one character.
-  const std::vector<std::wstring>& Lines() const { return m_lines; }
+  const std::vector<std::wstring>& Lines() const { return m_Lines; }
   /// All settings in the order of the file, also those that do not count.
-  const std::vector<Setting>& Settings() const { return m_settings; }
+  const std::vector<Setting>& Settings() const { return m_Settings; }
 
   std::wstring FirmwareFolder() const;
   /// Whether the registry location begins with a root that the library knows.
@@ -46,8 +46,8 @@ class LibraryConfiguration {
  private:
   void Take(const std::wstring& line);
 
-  std::vector<std::wstring> m_lines;
-  std::vector<Setting> m_settings;
+  std::vector<std::wstring> m_Lines;
+  std::vector<Setting> m_Settings;
 };
 
 }  // namespace hosts

@@ -21,7 +21,7 @@ std::wstring NoticeName(Server server, const HandshakeKey& key) {
 }  // namespace
 
 ServingNotice::ServingNotice(Server server, const HandshakeKey& key)
-    : m_mutex(::CreateMutexW(nullptr, FALSE, NoticeName(server, key).c_str())) {}
+    : m_Mutex(::CreateMutexW(nullptr, FALSE, NoticeName(server, key).c_str())) {}
 
 bool IsServedBy(Server server, const HandshakeKey& key) {
   const OwnedHandle notice(::OpenMutexW(SYNCHRONIZE, FALSE, NoticeName(server, key).c_str()));

@@ -15,7 +15,7 @@ class ServingNotice {
   ServingNotice(Server server, const HandshakeKey& key);
 
  private:
-  OwnedHandle m_mutex;
+  OwnedHandle m_Mutex;
 };
 
 /// Whether such a host lives and deals with the requests under the key.

@@ -30,12 +30,12 @@ std::optional<std::size_t> VisibleColumns(HANDLE terminal) {
   return static_cast<std::size_t>(screen.srWindow.Right - screen.srWindow.Left + 1);
 }
 
-Utf8Terminal::Utf8Terminal() : m_former(::GetConsoleOutputCP()) {
+Utf8Terminal::Utf8Terminal() : m_Former(::GetConsoleOutputCP()) {
   ::SetConsoleOutputCP(CP_UTF8);
 }
 
 Utf8Terminal::~Utf8Terminal() {
-  ::SetConsoleOutputCP(m_former);
+  ::SetConsoleOutputCP(m_Former);
 }
 
 }  // namespace hosts

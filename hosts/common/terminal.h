@@ -24,7 +24,7 @@ class Utf8Terminal {
   Utf8Terminal& operator=(const Utf8Terminal&) = delete;
 
  private:
-  UINT m_former;
+  UINT m_Former;
 };
 
 }  // namespace hosts

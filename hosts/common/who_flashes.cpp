@@ -183,14 +183,14 @@ std::optional<Obstacle> FindServiceByNotice(const HandshakeKey& commandLineKey) 
 
 CommandLineClaim::CommandLineClaim() {
   ::SetLastError(ERROR_SUCCESS);
-  m_mutex.reset(::CreateMutexW(nullptr, FALSE, kClaimName));
-  m_error = ::GetLastError();
+  m_Mutex.reset(::CreateMutexW(nullptr, FALSE, kClaimName));
+  m_Error = ::GetLastError();
   // The other one's name goes with it, not with this process.
-  if (m_error != ERROR_SUCCESS) m_mutex.reset();
+  if (m_Error != ERROR_SUCCESS) m_Mutex.reset();
 }
 
 std::optional<Obstacle> CommandLineClaim::WhoHoldsIt() const {
-  return Judge(m_error);
+  return Judge(m_Error);
 }
 
 std::optional<Obstacle> FindFlashingCommandLine() {

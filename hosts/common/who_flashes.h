@@ -30,8 +30,8 @@ class CommandLineClaim {
   std::optional<Obstacle> WhoHoldsIt() const;
 
  private:
-  OwnedHandle m_mutex;
-  DWORD m_error = ERROR_SUCCESS;
+  OwnedHandle m_Mutex;
+  DWORD m_Error = ERROR_SUCCESS;
 };
 
 /// Another command line that flashes, for a program that makes no claim of its own; nothing when there is

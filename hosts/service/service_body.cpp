@@ -54,16 +54,16 @@ class Service {
   bool GoesOnStopping();
   void Fail(const LibraryFailure& failure);
 
-  OwnedHandle m_stop;
-  HandshakeKey m_key;
+  OwnedHandle m_Stop;
+  HandshakeKey m_Key;
   /// For the service's own thread alone.
-  JobWatch m_jobs;
+  JobWatch m_Jobs;
 
   /// Guards what follows: both threads tell the manager what they know.
-  std::mutex m_mutex;
-  ServiceReport m_report;
-  bool m_flashing = false;
-  bool m_mayBeInterrupted = false;
+  std::mutex m_Mutex;
+  ServiceReport m_Report;
+  bool m_Flashing = false;
+  bool m_MayBeInterrupted = false;
 };
 
 DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
@@ -89,65 +89,65 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
 /// A stop is refused, in the way that the system provides, by not accepting it while a flash is running.
 /// @return what it went by.
 Handshake Service::TellOfChange() {
-  const std::lock_guard lock(m_mutex);
-  Handshake values = ReadHandshake(m_key);
-  if (!m_report.IsRunning() || values.IsJobOpen() == m_flashing) return values;
-  m_flashing = values.IsJobOpen();
-  m_mayBeInterrupted = false;
-  m_report.Running(!m_flashing);
+  const std::lock_guard lock(m_Mutex);
+  Handshake values = ReadHandshake(m_Key);
+  if (!m_Report.IsRunning() || values.IsJobOpen() == m_Flashing) return values;
+  m_Flashing = values.IsJobOpen();
+  m_MayBeInterrupted = false;
+  m_Report.Running(!m_Flashing);
   return values;
 }
 
 /// What the manager was told may be a moment old; whoever asks gets the truth of now.
 void Service::TellAnew(bool mayBeInterrupted) {
-  const std::lock_guard lock(m_mutex);
-  if (!m_report.IsRunning()) return;
-  m_flashing = ReadHandshake(m_key).IsJobOpen();
-  m_mayBeInterrupted = m_flashing && mayBeInterrupted;
-  m_report.Running(!m_flashing || m_mayBeInterrupted);
+  const std::lock_guard lock(m_Mutex);
+  if (!m_Report.IsRunning()) return;
+  m_Flashing = ReadHandshake(m_Key).IsJobOpen();
+  m_MayBeInterrupted = m_Flashing && mayBeInterrupted;
+  m_Report.Running(!m_Flashing || m_MayBeInterrupted);
 }
 
 /// A stop that was asked for before the manager heard of a new flash waits for the attempt, as a shutdown
 /// does: a service that accepts stops cannot turn one down.
 void Service::BeginToStop(bool mayBeInterrupted) {
-  const std::lock_guard lock(m_mutex);
-  m_mayBeInterrupted = m_mayBeInterrupted && mayBeInterrupted;
-  m_report.Stopping(kStopHintMs);
-  ::SetEvent(m_stop.get());
+  const std::lock_guard lock(m_Mutex);
+  m_MayBeInterrupted = m_MayBeInterrupted && mayBeInterrupted;
+  m_Report.Stopping(kStopHintMs);
+  ::SetEvent(m_Stop.get());
 }
 
 /// One more check point, unless the attempt may be interrupted.
 bool Service::GoesOnStopping() {
-  const std::lock_guard lock(m_mutex);
-  if (m_mayBeInterrupted) return false;
-  m_report.Stopping(kStopHintMs);
+  const std::lock_guard lock(m_Mutex);
+  if (m_MayBeInterrupted) return false;
+  m_Report.Stopping(kStopHintMs);
   return true;
 }
 
 void Service::Fail(const LibraryFailure& failure) {
   WriteEvent(MSG_SERVICE_FAILED, failure.reason);
-  const std::lock_guard lock(m_mutex);
-  m_report.Failed(failure.serviceCode);
+  const std::lock_guard lock(m_Mutex);
+  m_Report.Failed(failure.serviceCode);
 }
 
 void Service::BeginToServe(const HandshakeKey& key) {
-  const std::lock_guard lock(m_mutex);
-  m_key = key;
-  const Handshake values = ReadHandshake(m_key);
+  const std::lock_guard lock(m_Mutex);
+  m_Key = key;
+  const Handshake values = ReadHandshake(m_Key);
   // Before anybody is told that the service runs: what is found there is no job of this service's life.
-  m_jobs.Look(values);
-  m_flashing = values.IsJobOpen();
-  m_report.Running(!m_flashing);
+  m_Jobs.Look(values);
+  m_Flashing = values.IsJobOpen();
+  m_Report.Running(!m_Flashing);
 }
 
 /// Without the lock: a control must not wait for a file.
 void Service::LookForEndOfJob(const Handshake& values) {
-  if (const auto job = m_jobs.Look(values)) LeaveRecord("service", *job);
+  if (const auto job = m_Jobs.Look(values)) LeaveRecord("service", *job);
 }
 
 void Service::WaitForStop() {
-  HandshakeWatch watch(m_key);
-  const HANDLE signals[] = {m_stop.get(), watch.Event()};
+  HandshakeWatch watch(m_Key);
+  const HANDLE signals[] = {m_Stop.get(), watch.Event()};
   DWORD ended = WAIT_TIMEOUT;
   while (ended != WAIT_OBJECT_0) {
     // Armed before the look, so that no change falls between the look and the wait.
@@ -161,11 +161,11 @@ void Service::WaitForStop() {
 /// Between two attempts a stop does no harm: the job begins again when the service is started next.
 /// @return false when the attempt had to be left running.
 bool Service::WaitForAttemptToEnd() {
-  HandshakeWatch watch(m_key);
+  HandshakeWatch watch(m_Key);
   const ULONGLONG begin = ::GetTickCount64();
   for (;;) {
     watch.Arm();
-    const Handshake values = ReadHandshake(m_key);
+    const Handshake values = ReadHandshake(m_Key);
     LookForEndOfJob(values);
     if (!values.IsAttemptRunning()) return true;
     if (::GetTickCount64() - begin >= kLongestAttemptMs || !GoesOnStopping()) return false;
@@ -174,7 +174,7 @@ bool Service::WaitForAttemptToEnd() {
 }
 
 void Service::Serve() {
-  m_stop = NewEvent();
+  m_Stop = NewEvent();
   const LoadedLibrary library = LoadFlashLibrary();
   if (!library.warning.empty()) WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(library.warning));
   if (library.failure) return Fail(*library.failure);
@@ -185,14 +185,14 @@ void Service::Serve() {
   WaitForStop();
   const bool complete = WaitForAttemptToEnd();
   WriteEvent(complete ? MSG_SERVICE_STOPPED : MSG_SERVICE_STOPPED_WHILE_FLASHING);
-  const std::lock_guard lock(m_mutex);
-  m_report.Stopped();
+  const std::lock_guard lock(m_Mutex);
+  m_Report.Stopped();
 }
 
 void Service::Run() try {
   const SERVICE_STATUS_HANDLE manager = ::RegisterServiceCtrlHandlerExW(kServiceName, OnControl, this);
   if (manager == nullptr) return;
-  m_report.Begin(manager, kLongestStartMs);
+  m_Report.Begin(manager, kLongestStartMs);
   Serve();
 } catch (const std::exception& error) {
   Fail({kFailedNoResources, ToWide(error.what())});

@@ -16,14 +16,14 @@ class ServiceReport {
   void Stopped();
   void Failed(DWORD serviceCode);
 
-  bool IsRunning() const { return m_status.dwCurrentState == SERVICE_RUNNING; }
+  bool IsRunning() const { return m_Status.dwCurrentState == SERVICE_RUNNING; }
 
  private:
   void Pending(DWORD state, DWORD hintMs);
   void Settled(DWORD state, DWORD accepted);
 
-  SERVICE_STATUS_HANDLE m_manager = nullptr;
-  SERVICE_STATUS m_status{.dwServiceType = SERVICE_WIN32_OWN_PROCESS,
+  SERVICE_STATUS_HANDLE m_Manager = nullptr;
+  SERVICE_STATUS m_Status{.dwServiceType = SERVICE_WIN32_OWN_PROCESS,
                           .dwCurrentState = SERVICE_STOPPED,
                           .dwControlsAccepted = 0,
                           .dwWin32ExitCode = NO_ERROR,

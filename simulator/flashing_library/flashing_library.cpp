@@ -51,29 +51,29 @@ using Callback = void (*)(std::uint8_t channel, std::int32_t status, const char*
 class Channels {
  public:
   std::uint8_t Next() {
-    const std::lock_guard lock(m_mutex);
-    m_last = static_cast<std::uint8_t>(m_last % (kCount - 1) + 1);
-    return m_last;
+    const std::lock_guard lock(m_Mutex);
+    m_Last = static_cast<std::uint8_t>(m_Last % (kCount - 1) + 1);
+    return m_Last;
   }
   void Set(std::uint8_t channel, std::uint32_t session) {
-    const std::lock_guard lock(m_mutex);
-    m_sessions[channel % kCount] = session;
+    const std::lock_guard lock(m_Mutex);
+    m_Sessions[channel % kCount] = session;
   }
   std::uint32_t Get(std::uint8_t channel) {
-    const std::lock_guard lock(m_mutex);
-    return m_sessions[channel % kCount];
+    const std::lock_guard lock(m_Mutex);
+    return m_Sessions[channel % kCount];
   }
   std::uint32_t Take(std::uint8_t channel) {
-    const std::lock_guard lock(m_mutex);
-    return std::exchange(m_sessions[channel % kCount], 0);
+    const std::lock_guard lock(m_Mutex);
+    return std::exchange(m_Sessions[channel % kCount], 0);
   }
 
   static constexpr std::uint8_t kCount = 16;
 
  private:
-  Lock m_mutex;
-  std::array<std::uint32_t, kCount> m_sessions{};
-  std::uint8_t m_last = 0;
+  Lock m_Mutex;
+  std::array<std::uint32_t, kCount> m_Sessions{};
+  std::uint8_t m_Last = 0;
 };
 
 std::atomic<const ModemInterface*> g_modem{nullptr};
@@ -108,34 +108,34 @@ std::optional<std::int32_t> Begin(const char* function, std::int32_t argument, c
 /// Tells an item's percentages in the style that the virtual PC asks for.
 class ProgressReport {
  public:
-  ProgressReport(std::uint8_t channel, ProgressStyle style) : m_channel(channel), m_style(style) {}
+  ProgressReport(std::uint8_t channel, ProgressStyle style) : m_Channel(channel), m_Style(style) {}
 
   void Begin() {
-    Report(m_channel, kStatusMessage, "  - Opening the item");
-    if (m_style == ProgressStyle::BeforeRawMode) TellAll({"10", "50", "90", "100"});
-    Report(m_channel, kStatusMessage,
-           m_style == ProgressStyle::NearRawModeText ? kNearRawModeText : kRawModeText);
-    if (m_style == ProgressStyle::NonNumeric) TellAll({"abc", "4x", "", "+45", " 45"});
-    if (m_style == ProgressStyle::Falling) TellAll({"0", "60", "30", "100", "20"});
+    Report(m_Channel, kStatusMessage, "  - Opening the item");
+    if (m_Style == ProgressStyle::BeforeRawMode) TellAll({"10", "50", "90", "100"});
+    Report(m_Channel, kStatusMessage,
+           m_Style == ProgressStyle::NearRawModeText ? kNearRawModeText : kRawModeText);
+    if (m_Style == ProgressStyle::NonNumeric) TellAll({"abc", "4x", "", "+45", " 45"});
+    if (m_Style == ProgressStyle::Falling) TellAll({"0", "60", "30", "100", "20"});
   }
   void Tell(std::uint64_t done, std::uint64_t size) {
-    if (m_style == ProgressStyle::BeforeRawMode) return;
-    const std::uint64_t scale = m_style == ProgressStyle::PastHundred ? 250 : 100;
+    if (m_Style == ProgressStyle::BeforeRawMode) return;
+    const std::uint64_t scale = m_Style == ProgressStyle::PastHundred ? 250 : 100;
     const auto percent = static_cast<std::uint32_t>(size == 0 ? scale : done * scale / size);
-    if (percent == m_last) return;
-    m_last = percent;
-    Report(m_channel, kStatusProgress, std::to_string(percent).c_str());
+    if (percent == m_Last) return;
+    m_Last = percent;
+    Report(m_Channel, kStatusProgress, std::to_string(percent).c_str());
   }
-  void End() { Report(m_channel, kStatusMessage, "  - Done"); }
+  void End() { Report(m_Channel, kStatusMessage, "  - Done"); }
 
  private:
   void TellAll(std::initializer_list<const char*> texts) {
-    for (const char* text : texts) Report(m_channel, kStatusProgress, text);
+    for (const char* text : texts) Report(m_Channel, kStatusProgress, text);
   }
 
-  std::uint8_t m_channel;
-  ProgressStyle m_style;
-  std::uint32_t m_last = 0;
+  std::uint8_t m_Channel;
+  ProgressStyle m_Style;
+  std::uint32_t m_Last = 0;
 };
 
 /// How an item of a memory class has to be written.

@@ -17,20 +17,20 @@ std::wstring WideFromUtf8(std::string_view text) {
 }  // namespace
 
 ImageReader::ImageReader(std::string_view path, DWORD sharing)
-    : m_file(OwnFileHandle(::CreateFileW(WideFromUtf8(path).c_str(), GENERIC_READ, sharing, nullptr,
+    : m_File(OwnFileHandle(::CreateFileW(WideFromUtf8(path).c_str(), GENERIC_READ, sharing, nullptr,
                                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))) {
-  if (!m_file) return;
-  m_header.resize(kImageHeaderSize);
-  if (!ReadAt(0, m_header)) return;
-  m_header.resize(ImageTableEnd(ImageItemCount(m_header)));
-  if (ReadAt(0, m_header)) m_table = ParseImageTable(m_header);
+  if (!m_File) return;
+  m_Header.resize(kImageHeaderSize);
+  if (!ReadAt(0, m_Header)) return;
+  m_Header.resize(ImageTableEnd(ImageItemCount(m_Header)));
+  if (ReadAt(0, m_Header)) m_Table = ParseImageTable(m_Header);
 }
 
 bool ImageReader::ReadAt(std::uint32_t offset, std::span<std::uint8_t> bytes) const {
   OVERLAPPED place{};
   place.Offset = offset;
   DWORD read = 0;
-  return ::ReadFile(m_file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, &place) &&
+  return ::ReadFile(m_File.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, &place) &&
          read == bytes.size();
 }
 

@@ -20,17 +20,17 @@ class ImageReader {
   /// `path` is UTF-8. Check `IsSound` before anything else.
   ImageReader(std::string_view path, DWORD sharing);
 
-  bool IsSound() const { return m_table.has_value(); }
-  const FlashImage& Table() const { return *m_table; }
+  bool IsSound() const { return m_Table.has_value(); }
+  const FlashImage& Table() const { return *m_Table; }
   /// The bytes of header and table of contents.
-  std::span<const std::uint8_t> Header() const { return m_header; }
+  std::span<const std::uint8_t> Header() const { return m_Header; }
   /// Reads at an offset of the file. @return false when not all bytes could be read.
   bool ReadAt(std::uint32_t offset, std::span<std::uint8_t> bytes) const;
 
  private:
-  UniqueHandle m_file;
-  std::vector<std::uint8_t> m_header;
-  std::optional<FlashImage> m_table;
+  UniqueHandle m_File;
+  std::vector<std::uint8_t> m_Header;
+  std::optional<FlashImage> m_Table;
 };
 
 /// An item's name as "|index|path".

@@ -37,56 +37,56 @@ std::string NameOfSetup(const CommandLinePlan& plan) {
 class CommandLineRun {
  public:
   explicit CommandLineRun(const CommandLinePlan& plan)
-      : m_plan(plan), m_begin(std::chrono::steady_clock::now()) {
+      : m_Plan(plan), m_Begin(std::chrono::steady_clock::now()) {
     MakeFolder();
     if (plan.asker == Asker::Host) LayImages();
-    m_configuration.emplace(plan.folder, plan.setup, L"HKLM\\SOFTWARE\\Corvel\\NotUsed", FirmwarePath());
-    if (plan.setup.retryTimes) m_key.Write(L"Retry_Times", *plan.setup.retryTimes);
+    m_Configuration.emplace(plan.folder, plan.setup, L"HKLM\\SOFTWARE\\Corvel\\NotUsed", FirmwarePath());
+    if (plan.setup.retryTimes) m_Key.Write(L"Retry_Times", *plan.setup.retryTimes);
   }
 
   CommandLineReport Run() {
     auto host = std::async(std::launch::async, [this] {
-      return RunChild(m_plan.folder / kHost, Words(), kRunLimit, m_plan.output);
+      return RunChild(m_Plan.folder / kHost, Words(), kRunLimit, m_Plan.output);
     });
-    if (m_plan.asker == Asker::Controller) {
+    if (m_Plan.asker == Asker::Controller) {
       AwaitTurn(host);
       LayImages();
-      m_key.Write(L"Fls_Ready", 1);
+      m_Key.Write(L"Fls_Ready", 1);
     }
     return Report(host.get());
   }
 
  private:
-  std::filesystem::path FirmwarePath() const { return m_plan.folder / L"firmware"; }
+  std::filesystem::path FirmwarePath() const { return m_Plan.folder / L"firmware"; }
 
   void MakeFolder() const {
-    std::filesystem::remove_all(m_plan.folder);
-    std::filesystem::create_directories(m_plan.folder);
+    std::filesystem::remove_all(m_Plan.folder);
+    std::filesystem::create_directories(m_Plan.folder);
     const std::filesystem::path programs = hosts::ProgramFolder();
     Bring(programs / L"simulated" / kHost);
     for (const wchar_t* name : {L"CorvelToolKit.dll", L"Firmwareflashdownload.dll", L"virtual_pc_host.dll"}) {
       Bring(programs / name);
     }
-    std::ofstream(m_plan.folder / kVirtualPcFile)
-        << "scenario=" << NameOfSetup(m_plan) << "\nspeed=" << m_plan.speed << "\n";
+    std::ofstream(m_Plan.folder / kVirtualPcFile)
+        << "scenario=" << NameOfSetup(m_Plan) << "\nspeed=" << m_Plan.speed << "\n";
   }
   /// A link where that can be: the programs are large.
   void Bring(const std::filesystem::path& file) const {
-    const std::filesystem::path to = m_plan.folder / file.filename();
+    const std::filesystem::path to = m_Plan.folder / file.filename();
     if (!::CreateHardLinkW(to.c_str(), file.c_str(), nullptr)) std::filesystem::copy_file(file, to);
   }
-  void LayImages() { m_firmware.emplace(FirmwarePath(), m_plan.setup.images, m_plan.setup.holder); }
+  void LayImages() { m_Firmware.emplace(FirmwarePath(), m_Plan.setup.images, m_Plan.setup.holder); }
 
   std::vector<std::wstring> Words() const {
     std::vector<std::wstring> words{L"flash"};
-    if (m_plan.asker == Asker::Controller) words.emplace_back(L"--wait-for-controller");
-    words.insert(words.end(), m_plan.options.begin(), m_plan.options.end());
+    if (m_Plan.asker == Asker::Controller) words.emplace_back(L"--wait-for-controller");
+    words.insert(words.end(), m_Plan.options.begin(), m_Plan.options.end());
     return words;
   }
 
   /// The library writes this value when it begins, and waits for the request then.
   void AwaitTurn(const std::future<ChildResult>& host) const {
-    while (!m_key.Read().timeOut && host.wait_for(kLookPeriod) == std::future_status::timeout) {
+    while (!m_Key.Read().timeOut && host.wait_for(kLookPeriod) == std::future_status::timeout) {
     }
   }
 
@@ -94,8 +94,8 @@ class CommandLineRun {
     CommandLineReport report{.exitCode = child.exitCode, .session = {}};
     SessionReport& session = report.session;
     session.realDuration =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_begin);
-    session.values = m_key.Read();
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_Begin);
+    session.values = m_Key.Read();
     ReportLog(session);
     ReportEnd(session, child);
     ReportMemory(session);
@@ -103,7 +103,7 @@ class CommandLineRun {
   }
 
   void ReportLog(SessionReport& session) const {
-    session.logFile = m_plan.folder / kLog;
+    session.logFile = m_Plan.folder / kLog;
     session.log = ReadDebugLog(session.logFile);
     session.attempts =
         static_cast<int>(std::ranges::count(session.log, kWorkerBegins, &DebugRecord::message));
@@ -112,7 +112,7 @@ class CommandLineRun {
   }
 
   void ReportEnd(SessionReport& session, const ChildResult& child) const {
-    const auto end = ReadVirtualPcEnd(m_plan.folder);
+    const auto end = ReadVirtualPcEnd(m_Plan.folder);
     session.finished = child.ended && end.has_value();
     if (!session.finished) {
       session.difficulty = child.ended ? "the host did not end by itself" : "the host does not end";
@@ -129,18 +129,18 @@ class CommandLineRun {
 
   void ReportMemory(SessionReport& session) const {
     const VirtualClock clock(1.0);
-    VirtualModem modem(clock, m_plan.folder / L"modem_flash.bin", {}, {}, ModemState::Normal,
+    VirtualModem modem(clock, m_Plan.folder / L"modem_flash.bin", {}, {}, ModemState::Normal,
                        [](JournalEvent, const std::string&) {});
-    session.comparison = modem.CompareWith(m_firmware->Modem(), m_firmware->Nvm());
+    session.comparison = modem.CompareWith(m_Firmware->Modem(), m_Firmware->Nvm());
     session.memory = MemoryAfter(modem, session.comparison);
-    session.imagesLeft = m_firmware->ImagesLeft();
+    session.imagesLeft = m_Firmware->ImagesLeft();
   }
 
-  const CommandLinePlan& m_plan;
-  std::chrono::steady_clock::time_point m_begin;
-  KeptKey m_key{KeyOfCommandLine()};
-  std::optional<FirmwareFolder> m_firmware;
-  std::optional<ConfigurationFile> m_configuration;
+  const CommandLinePlan& m_Plan;
+  std::chrono::steady_clock::time_point m_Begin;
+  KeptKey m_Key{KeyOfCommandLine()};
+  std::optional<FirmwareFolder> m_Firmware;
+  std::optional<ConfigurationFile> m_Configuration;
 };
 
 }  // namespace

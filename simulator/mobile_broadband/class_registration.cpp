@@ -7,7 +7,7 @@
 namespace simulator {
 
 ClassFactory::ClassFactory(Service service, std::string call, Make make)
-    : m_service(std::move(service)), m_call(std::move(call)), m_make(make) {}
+    : m_Service(std::move(service)), m_Call(std::move(call)), m_Make(make) {}
 
 HRESULT ClassFactory::QueryInterface(REFIID iid, void** object) {
   const bool known = iid == __uuidof(IUnknown) || iid == __uuidof(IClassFactory);
@@ -18,20 +18,20 @@ HRESULT ClassFactory::QueryInterface(REFIID iid, void** object) {
 HRESULT ClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** object) {
   *object = nullptr;
   if (outer != nullptr) return CLASS_E_NOAGGREGATION;
-  const HRESULT failure = m_service->Enter(m_call);
+  const HRESULT failure = m_Service->Enter(m_Call);
   if (FAILED(failure)) return failure;
   // Not Attach: mingw-w64's takes a reference of its own.
   Microsoft::WRL::ComPtr<IUnknown> made;
-  *made.GetAddressOf() = m_make(m_service);
+  *made.GetAddressOf() = m_Make(m_Service);
   return made->QueryInterface(iid, object);
 }
 
 ClassRegistration::ClassRegistration(REFCLSID classId, IClassFactory& factory)
-    : m_result(
-          ::CoRegisterClassObject(classId, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &m_cookie)) {}
+    : m_Result(
+          ::CoRegisterClassObject(classId, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &m_Cookie)) {}
 
 ClassRegistration::~ClassRegistration() {
-  if (SUCCEEDED(m_result)) ::CoRevokeClassObject(m_cookie);
+  if (SUCCEEDED(m_Result)) ::CoRevokeClassObject(m_Cookie);
 }
 
 }  // namespace simulator

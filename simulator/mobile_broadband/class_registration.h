@@ -34,9 +34,9 @@ class ClassFactory final : public IClassFactory {
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
  private:
-  Service m_service;
-  std::string m_call;
-  Make m_make;
+  Service m_Service;
+  std::string m_Call;
+  Make m_Make;
 };
 
 /// A class object's registration with COM in the calling thread's apartment.
@@ -47,11 +47,11 @@ class ClassRegistration {
   ClassRegistration(const ClassRegistration&) = delete;
   ClassRegistration& operator=(const ClassRegistration&) = delete;
 
-  HRESULT Result() const { return m_result; }
+  HRESULT Result() const { return m_Result; }
 
  private:
-  DWORD m_cookie = 0;
-  HRESULT m_result;
+  DWORD m_Cookie = 0;
+  HRESULT m_Result;
 };
 
 }  // namespace simulator

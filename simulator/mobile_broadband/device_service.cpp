@@ -25,7 +25,7 @@ constexpr std::array<BYTE, 4> kRebootPayload{0x01, 0x00, 0x00, 0x00};
 class DeviceService final : public ServiceObject<IMbnDeviceService> {
  public:
   DeviceService(Service service, std::wstring interfaceId, std::wstring id)
-      : ServiceObject(std::move(service)), m_interfaceId(std::move(interfaceId)), m_id(std::move(id)) {}
+      : ServiceObject(std::move(service)), m_InterfaceId(std::move(interfaceId)), m_Id(std::move(id)) {}
 
   ULONG STDMETHODCALLTYPE Release() override {
     TheService().HangInFirstRelease();
@@ -43,7 +43,7 @@ class DeviceService final : public ServiceObject<IMbnDeviceService> {
   HRESULT STDMETHODCALLTYPE OpenCommandSession(ULONG* requestID) override {
     return Request("OpenCommandSession", TheService().behaviour.openCommandSession, requestID,
                    [this](IMbnDeviceServicesEvents& sink, HRESULT status, ULONG id) {
-                     m_commandSessionIsOpen = SUCCEEDED(status);
+                     m_CommandSessionIsOpen = SUCCEEDED(status);
                      sink.OnOpenCommandSessionComplete(this, status, id);
                    });
   }
@@ -51,7 +51,7 @@ class DeviceService final : public ServiceObject<IMbnDeviceService> {
     const std::vector<BYTE> payload = BytesOf(data);
     TheService().RecordPayload(payload);
     // Unlike an answer that a test asks for, this is what the service would say.
-    if (!m_commandSessionIsOpen) {
+    if (!m_CommandSessionIsOpen) {
       TheService().Enter("SetCommand");
       return kNoCommandSession;
     }
@@ -67,15 +67,15 @@ class DeviceService final : public ServiceObject<IMbnDeviceService> {
   }
 
   HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* interfaceId) override {
-    *interfaceId = NewBstr(m_interfaceId);
+    *interfaceId = NewBstr(m_InterfaceId);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_DeviceServiceID(BSTR* id) override {
-    *id = NewBstr(m_id);
+    *id = NewBstr(m_Id);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_IsCommandSessionOpen(BOOL* value) override {
-    *value = TheService().behaviour.commandSessionIsOpen || m_commandSessionIsOpen;
+    *value = TheService().behaviour.commandSessionIsOpen || m_CommandSessionIsOpen;
     return TheService().Enter("get_IsCommandSessionOpen");
   }
   HRESULT STDMETHODCALLTYPE get_IsDataSessionOpen(BOOL* value) override {
@@ -118,9 +118,9 @@ class DeviceService final : public ServiceObject<IMbnDeviceService> {
     return E_NOTIMPL;
   }
 
-  std::wstring m_interfaceId;
-  std::wstring m_id;
-  std::atomic<bool> m_commandSessionIsOpen{false};
+  std::wstring m_InterfaceId;
+  std::wstring m_Id;
+  std::atomic<bool> m_CommandSessionIsOpen{false};
 };
 
 }  // namespace

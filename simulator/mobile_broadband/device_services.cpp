@@ -25,7 +25,7 @@ constexpr ULONG kLongestData = 4096;
 class DeviceServicesContext final : public ServiceObject<IMbnDeviceServicesContext> {
  public:
   DeviceServicesContext(Service service, std::wstring interfaceId)
-      : ServiceObject(std::move(service)), m_interfaceId(std::move(interfaceId)) {}
+      : ServiceObject(std::move(service)), m_InterfaceId(std::move(interfaceId)) {}
 
   HRESULT STDMETHODCALLTYPE EnumerateDeviceServices(SAFEARRAY** deviceServices) override {
     return HandOut("EnumerateDeviceServices", deviceServices, [this] { return ListOfServices(); });
@@ -34,7 +34,7 @@ class DeviceServicesContext final : public ServiceObject<IMbnDeviceServicesConte
     const auto& known = TheService().behaviour.deviceServices;
     const bool found = std::ranges::find(known, TextOf(id)) != known.end();
     const HRESULT result = HandOut("GetDeviceService", deviceService, [&]() -> IMbnDeviceService* {
-      return found ? NewDeviceService(SharedService(), m_interfaceId, std::wstring(TextOf(id))) : nullptr;
+      return found ? NewDeviceService(SharedService(), m_InterfaceId, std::wstring(TextOf(id))) : nullptr;
     });
     return SUCCEEDED(result) && !found ? kNotFound : result;
   }
@@ -61,13 +61,13 @@ class DeviceServicesContext final : public ServiceObject<IMbnDeviceServicesConte
     return array;
   }
 
-  std::wstring m_interfaceId;
+  std::wstring m_InterfaceId;
 };
 
 class ConnectionPoint final : public ServiceObject<IConnectionPoint> {
  public:
   ConnectionPoint(Service service, ComPtr<IConnectionPointContainer> container)
-      : ServiceObject(std::move(service)), m_container(std::move(container)) {}
+      : ServiceObject(std::move(service)), m_Container(std::move(container)) {}
 
   HRESULT STDMETHODCALLTYPE Advise(IUnknown* unknown, DWORD* cookie) override {
     *cookie = 0;
@@ -87,12 +87,12 @@ class ConnectionPoint final : public ServiceObject<IConnectionPoint> {
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer** container) override {
-    return m_container.CopyTo(container);
+    return m_Container.CopyTo(container);
   }
   HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_NOTIMPL; }
 
  private:
-  ComPtr<IConnectionPointContainer> m_container;
+  ComPtr<IConnectionPointContainer> m_Container;
 };
 
 class DeviceServicesManager final

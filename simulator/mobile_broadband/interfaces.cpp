@@ -15,10 +15,10 @@ namespace {
 class BroadbandInterface final : public ServiceObject<IMbnInterface> {
  public:
   BroadbandInterface(Service service, std::wstring id)
-      : ServiceObject(std::move(service)), m_id(std::move(id)) {}
+      : ServiceObject(std::move(service)), m_Id(std::move(id)) {}
 
   HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* id) override {
-    return HandOut("get_InterfaceID", id, [this] { return NewBstr(m_id); });
+    return HandOut("get_InterfaceID", id, [this] { return NewBstr(m_Id); });
   }
   HRESULT STDMETHODCALLTYPE GetInterfaceCapability(MBN_INTERFACE_CAPS*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetSubscriberInformation(IMbnSubscriberInformation**) override {
@@ -34,7 +34,7 @@ class BroadbandInterface final : public ServiceObject<IMbnInterface> {
   HRESULT STDMETHODCALLTYPE GetConnection(IMbnConnection**) override { return E_NOTIMPL; }
 
  private:
-  std::wstring m_id;
+  std::wstring m_Id;
 };
 
 class InterfaceManager final : public ServiceObject<IMbnInterfaceManager> {

@@ -20,8 +20,8 @@ constexpr milliseconds kLookPeriod{2};
 
 HRESULT MobileBroadbandService::Enter(const std::string& call) {
   {
-    const std::lock_guard lock(m_mutex);
-    m_calls.push_back(call);
+    const std::lock_guard lock(m_Mutex);
+    m_Calls.push_back(call);
   }
   if (behaviour.onCall) behaviour.onCall(call);
   const auto failure = behaviour.failures.find(call);
@@ -29,49 +29,49 @@ HRESULT MobileBroadbandService::Enter(const std::string& call) {
 }
 
 std::vector<std::string> MobileBroadbandService::Calls() const {
-  const std::lock_guard lock(m_mutex);
-  return m_calls;
+  const std::lock_guard lock(m_Mutex);
+  return m_Calls;
 }
 
 void MobileBroadbandService::RecordPayload(std::vector<BYTE> payload) {
-  const std::lock_guard lock(m_mutex);
-  m_payloads.push_back(std::move(payload));
+  const std::lock_guard lock(m_Mutex);
+  m_Payloads.push_back(std::move(payload));
 }
 
 std::vector<std::vector<BYTE>> MobileBroadbandService::Payloads() const {
-  const std::lock_guard lock(m_mutex);
-  return m_payloads;
+  const std::lock_guard lock(m_Mutex);
+  return m_Payloads;
 }
 
 void MobileBroadbandService::ForgetCalls() {
-  const std::lock_guard lock(m_mutex);
-  std::vector<std::string>().swap(m_calls);
-  std::vector<std::vector<BYTE>>().swap(m_payloads);
+  const std::lock_guard lock(m_Mutex);
+  std::vector<std::string>().swap(m_Calls);
+  std::vector<std::vector<BYTE>>().swap(m_Payloads);
 }
 
 DWORD MobileBroadbandService::Advise(ComPtr<IMbnDeviceServicesEvents> sink) {
-  const std::lock_guard lock(m_mutex);
-  m_sinks.emplace(++m_lastCookie, std::move(sink));
-  return m_lastCookie;
+  const std::lock_guard lock(m_Mutex);
+  m_Sinks.emplace(++m_LastCookie, std::move(sink));
+  return m_LastCookie;
 }
 
 HRESULT MobileBroadbandService::Unadvise(DWORD cookie) {
-  decltype(m_sinks)::node_type sink;
-  const std::lock_guard lock(m_mutex);
-  sink = m_sinks.extract(cookie);
+  decltype(m_Sinks)::node_type sink;
+  const std::lock_guard lock(m_Mutex);
+  sink = m_Sinks.extract(cookie);
   return sink.empty() ? CONNECT_E_NOCONNECTION : S_OK;
 }
 
 int MobileBroadbandService::AdvisedSinks() const {
-  const std::lock_guard lock(m_mutex);
-  return static_cast<int>(m_sinks.size());
+  const std::lock_guard lock(m_Mutex);
+  return static_cast<int>(m_Sinks.size());
 }
 
 void MobileBroadbandService::CallSinks(const std::function<void(IMbnDeviceServicesEvents&)>& notification) {
   std::vector<ComPtr<IMbnDeviceServicesEvents>> sinks;
   {
-    const std::lock_guard lock(m_mutex);
-    for (const auto& [cookie, sink] : m_sinks) sinks.push_back(sink);
+    const std::lock_guard lock(m_Mutex);
+    for (const auto& [cookie, sink] : m_Sinks) sinks.push_back(sink);
   }
   for (const auto& sink : sinks) notification(*sink.Get());
 }
@@ -83,31 +83,31 @@ void MobileBroadbandService::CompleteLater(const SimulatedRequest& request,
   const bool inRealTime = behaviour.realTime && !behaviour.virtualNow;
   const milliseconds delay =
       inRealTime ? behaviour.realTime(*request.completesAfter) : *request.completesAfter;
-  const std::lock_guard lock(m_mutex);
-  m_completions.emplace(Now() + delay, std::move(completion));
-  m_changed.NotifyAll();
+  const std::lock_guard lock(m_Mutex);
+  m_Completions.emplace(Now() + delay, std::move(completion));
+  m_Changed.NotifyAll();
 }
 
 void MobileBroadbandService::HangInFirstRelease() {
-  if (!behaviour.firstReleaseHangs || ::GetCurrentThreadId() == m_ownThread) return;
-  if (m_wasReleased.exchange(true)) return;
+  if (!behaviour.firstReleaseHangs || ::GetCurrentThreadId() == m_OwnThread) return;
+  if (m_WasReleased.exchange(true)) return;
   // Time has to fly for the others while this thread hangs.
   const working_threads::Rest rest;
-  std::unique_lock lock(m_mutex);
-  m_changed.Wait(lock, [this] { return m_stopped; });
+  std::unique_lock lock(m_Mutex);
+  m_Changed.Wait(lock, [this] { return m_Stopped; });
 }
 
 void MobileBroadbandService::RunCompletions() {
-  m_ownThread = ::GetCurrentThreadId();
-  std::unique_lock lock(m_mutex);
-  while (!m_stopped) {
-    if (m_completions.empty()) {
-      m_changed.Wait(lock);
+  m_OwnThread = ::GetCurrentThreadId();
+  std::unique_lock lock(m_Mutex);
+  while (!m_Stopped) {
+    if (m_Completions.empty()) {
+      m_Changed.Wait(lock);
       continue;
     }
-    const milliseconds left = m_completions.begin()->first - Now();
+    const milliseconds left = m_Completions.begin()->first - Now();
     if (left > milliseconds::zero()) {
-      m_changed.WaitFor(lock, behaviour.virtualNow ? kLookPeriod : left);
+      m_Changed.WaitFor(lock, behaviour.virtualNow ? kLookPeriod : left);
       continue;
     }
     RunFirstCompletion(lock);
@@ -116,15 +116,15 @@ void MobileBroadbandService::RunCompletions() {
 
 void MobileBroadbandService::Stop() {
   std::multimap<milliseconds, std::function<void()>> dropped;
-  const std::lock_guard lock(m_mutex);
-  m_stopped = true;
-  dropped.swap(m_completions);
-  m_changed.NotifyAll();
+  const std::lock_guard lock(m_Mutex);
+  m_Stopped = true;
+  dropped.swap(m_Completions);
+  m_Changed.NotifyAll();
 }
 
 void MobileBroadbandService::WaitForCompletions() {
-  std::unique_lock lock(m_mutex);
-  m_changed.Wait(lock, [this] { return m_completions.empty() && !m_completing; });
+  std::unique_lock lock(m_Mutex);
+  m_Changed.Wait(lock, [this] { return m_Completions.empty() && !m_Completing; });
 }
 
 milliseconds MobileBroadbandService::Now() const {
@@ -133,15 +133,15 @@ milliseconds MobileBroadbandService::Now() const {
 }
 
 void MobileBroadbandService::RunFirstCompletion(std::unique_lock<Lock>& lock) {
-  auto completion = m_completions.extract(m_completions.begin());
-  m_completing = true;
+  auto completion = m_Completions.extract(m_Completions.begin());
+  m_Completing = true;
   lock.unlock();
   completion.mapped()();
   // What the completion holds is released outside the lock and before anybody hears that it is over.
   completion = {};
   lock.lock();
-  m_completing = false;
-  m_changed.NotifyAll();
+  m_Completing = false;
+  m_Changed.NotifyAll();
 }
 
 }  // namespace simulator

@@ -42,7 +42,7 @@ class MobileBroadbandService {
   int AdvisedSinks() const;
   void CallSinks(const std::function<void(IMbnDeviceServicesEvents&)>& notification);
 
-  ULONG NextRequestId() { return ++m_lastRequestId; }
+  ULONG NextRequestId() { return ++m_LastRequestId; }
   /// Plans the completion of a request that was taken.
   void CompleteLater(const SimulatedRequest& request, std::function<void()> completion);
   /// Hangs until Stop, if the behaviour has it so for this Release.
@@ -57,18 +57,18 @@ class MobileBroadbandService {
   std::chrono::milliseconds Now() const;
   void RunFirstCompletion(std::unique_lock<Lock>& lock);
 
-  mutable Lock m_mutex;
-  Condition m_changed;
-  std::atomic<DWORD> m_ownThread{0};
-  std::atomic<bool> m_wasReleased{false};
-  bool m_stopped = false;
-  bool m_completing = false;
-  std::multimap<std::chrono::milliseconds, std::function<void()>> m_completions;
-  std::vector<std::string> m_calls;
-  std::vector<std::vector<BYTE>> m_payloads;
-  std::map<DWORD, Microsoft::WRL::ComPtr<IMbnDeviceServicesEvents>> m_sinks;
-  DWORD m_lastCookie = 0;
-  std::atomic<ULONG> m_lastRequestId{0};
+  mutable Lock m_Mutex;
+  Condition m_Changed;
+  std::atomic<DWORD> m_OwnThread{0};
+  std::atomic<bool> m_WasReleased{false};
+  bool m_Stopped = false;
+  bool m_Completing = false;
+  std::multimap<std::chrono::milliseconds, std::function<void()>> m_Completions;
+  std::vector<std::string> m_Calls;
+  std::vector<std::vector<BYTE>> m_Payloads;
+  std::map<DWORD, Microsoft::WRL::ComPtr<IMbnDeviceServicesEvents>> m_Sinks;
+  DWORD m_LastCookie = 0;
+  std::atomic<ULONG> m_LastRequestId{0};
 };
 
 /// As each object holds it: the last one that is released may outlive the registration of the classes.

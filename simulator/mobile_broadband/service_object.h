@@ -31,32 +31,32 @@ class ServiceObject : public First, public Rest... {
     AddRef();
     return S_OK;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_References; }
   ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = --m_references;
+    const ULONG left = --m_References;
     if (left == 0) delete this;
     return left;
   }
 
  protected:
-  explicit ServiceObject(Service service) : m_service(std::move(service)) { ++m_service->liveObjects; }
-  virtual ~ServiceObject() { --m_service->liveObjects; }
+  explicit ServiceObject(Service service) : m_Service(std::move(service)) { ++m_Service->liveObjects; }
+  virtual ~ServiceObject() { --m_Service->liveObjects; }
 
-  MobileBroadbandService& TheService() const { return *m_service; }
-  const Service& SharedService() const { return m_service; }
+  MobileBroadbandService& TheService() const { return *m_Service; }
+  const Service& SharedService() const { return m_Service; }
 
   /// Records a call that hands out one object, and makes that object unless the behaviour is against it.
   template <typename Interface, typename Make>
   HRESULT HandOut(const std::string& call, Interface** out, const Make& make) {
     *out = nullptr;
-    const HRESULT result = m_service->Enter(call);
-    if (SUCCEEDED(result) && !m_service->IsEmptyHanded(call)) *out = make();
+    const HRESULT result = m_Service->Enter(call);
+    if (SUCCEEDED(result) && !m_Service->IsEmptyHanded(call)) *out = make();
     return result;
   }
 
  private:
-  Service m_service;
-  std::atomic<ULONG> m_references{1};
+  Service m_Service;
+  std::atomic<ULONG> m_References{1};
 };
 
 }  // namespace simulator

@@ -94,7 +94,7 @@ ConfigurationFile::ConfigurationFile(const std::filesystem::path& folder, const 
     throw std::runtime_error("the configuration cannot be locked: " +
                              hosts::SystemErrorText(::GetLastError()));
   }
-  m_lock.reset(lock);
+  m_Lock.reset(lock);
 }
 
 }  // namespace simulator

@@ -21,7 +21,7 @@ class ConfigurationFile {
     using pointer = HANDLE;
     void operator()(HANDLE file) const noexcept { ::CloseHandle(file); }
   };
-  std::unique_ptr<void, FileCloser> m_lock;
+  std::unique_ptr<void, FileCloser> m_Lock;
 };
 
 }  // namespace simulator

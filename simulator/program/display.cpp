@@ -35,29 +35,29 @@ std::string LiveText(const Snapshot& now, bool withBar) {
 }  // namespace
 
 Display::Display(DisplayStyle style, int width, std::ostream& out)
-    : m_style(style), m_width(static_cast<std::size_t>(std::max(width, 20))), m_out(out) {}
+    : m_Style(style), m_Width(static_cast<std::size_t>(std::max(width, 20))), m_Out(out) {}
 
 void Display::Show(const Snapshot& now) {
-  if (m_style == DisplayStyle::Terminal) ShowLive(LiveText(now, m_width >= kNarrowestWithBar));
-  if (m_style != DisplayStyle::Plain) return;
+  if (m_Style == DisplayStyle::Terminal) ShowLive(LiveText(now, m_Width >= kNarrowestWithBar));
+  if (m_Style != DisplayStyle::Plain) return;
   const std::string text = StageOf(now) + ", " + std::to_string(PercentOf(now) / kPlainStep * kPlainStep) +
                            " %, attempt " + std::to_string(std::max(now.attempt, 1));
-  if (text != m_lastPlain) m_out << now.elapsed.count() / 1000 << " s  " << text << std::endl;
-  m_lastPlain = text;
+  if (text != m_LastPlain) m_Out << now.elapsed.count() / 1000 << " s  " << text << std::endl;
+  m_LastPlain = text;
 }
 
 void Display::ShowLive(const std::string& text) {
-  std::string line = text.substr(0, m_width - 1);
+  std::string line = text.substr(0, m_Width - 1);
   const std::size_t length = line.size();
-  line.resize(std::max(length, m_lastLength), ' ');
-  m_lastLength = length;
-  m_out << '\r' << line << std::flush;
-  m_lineIsOpen = true;
+  line.resize(std::max(length, m_LastLength), ' ');
+  m_LastLength = length;
+  m_Out << '\r' << line << std::flush;
+  m_LineIsOpen = true;
 }
 
 void Display::Finish() {
-  if (m_lineIsOpen) m_out << std::endl;
-  m_lineIsOpen = false;
+  if (m_LineIsOpen) m_Out << std::endl;
+  m_LineIsOpen = false;
 }
 
 }  // namespace simulator

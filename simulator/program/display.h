@@ -28,12 +28,12 @@ class Display {
  private:
   void ShowLive(const std::string& text);
 
-  DisplayStyle m_style;
-  std::size_t m_width;
-  std::ostream& m_out;
-  bool m_lineIsOpen = false;
-  std::size_t m_lastLength = 0;
-  std::string m_lastPlain;
+  DisplayStyle m_Style;
+  std::size_t m_Width;
+  std::ostream& m_Out;
+  bool m_LineIsOpen = false;
+  std::size_t m_LastLength = 0;
+  std::string m_LastPlain;
 };
 
 }  // namespace simulator

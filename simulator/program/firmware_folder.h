@@ -16,10 +16,10 @@ class FirmwareFolder {
  public:
   FirmwareFolder(std::filesystem::path folder, ImageSet images, ImageHolder holder);
 
-  const std::filesystem::path& Folder() const { return m_folder; }
+  const std::filesystem::path& Folder() const { return m_Folder; }
   /// The sound images that the library has to choose; null without one.
-  const FlashImage* Modem() const { return m_modem ? &*m_modem : nullptr; }
-  const FlashImage* Nvm() const { return m_nvm ? &*m_nvm : nullptr; }
+  const FlashImage* Modem() const { return m_Modem ? &*m_Modem : nullptr; }
+  const FlashImage* Nvm() const { return m_Nvm ? &*m_Nvm : nullptr; }
   int ImagesLeft() const;
 
  private:
@@ -32,10 +32,10 @@ class FirmwareFolder {
   void LayEmpty(const wchar_t* name) const;
   void Hold(ImageHolder holder);
 
-  std::filesystem::path m_folder;
-  std::optional<FlashImage> m_modem;
-  std::optional<FlashImage> m_nvm;
-  std::unique_ptr<void, FileCloser> m_held;
+  std::filesystem::path m_Folder;
+  std::optional<FlashImage> m_Modem;
+  std::optional<FlashImage> m_Nvm;
+  std::unique_ptr<void, FileCloser> m_Held;
 };
 
 }  // namespace simulator

@@ -45,7 +45,7 @@ std::string Quoted(const LogText& text) {
 
 class Judge {
  public:
-  explicit Judge(const SessionReport& report) : m_report(report) {}
+  explicit Judge(const SessionReport& report) : m_Report(report) {}
 
   template <typename Value, typename Printer>
   void Compare(const char* what, const Value& expected, const Value& found, const Printer& print) {
@@ -66,12 +66,12 @@ class Judge {
   }
 
   void RequireInOrder(const std::vector<LogText>& texts) {
-    auto from = m_report.log.begin();
+    auto from = m_Report.log.begin();
     const LogText* before = nullptr;
     for (const LogText& text : texts) {
       const auto found =
-          std::find_if(from, m_report.log.end(), [&](const auto& record) { return Is(record, text); });
-      if (found == m_report.log.end()) {
+          std::find_if(from, m_Report.log.end(), [&](const auto& record) { return Is(record, text); });
+      if (found == m_Report.log.end()) {
         Add("the log lacks " + Quoted(text) + (before != nullptr ? " behind " + Quoted(*before) : ""));
         return;
       }
@@ -82,21 +82,21 @@ class Judge {
 
   void RequireOnce(const LogText& text) {
     const auto count =
-        std::ranges::count_if(m_report.log, [&](const auto& record) { return Holds(record, text.Text()); });
+        std::ranges::count_if(m_Report.log, [&](const auto& record) { return Holds(record, text.Text()); });
     if (count != 1) Add("the log has " + Quoted(text) + " " + std::to_string(count) + " times, not once");
     if (count == 1) RequireInOrder({text});
   }
 
   void Forbid(const char* text) {
     const auto found =
-        std::ranges::find_if(m_report.log, [&](const auto& record) { return Holds(record, text); });
-    if (found != m_report.log.end()) Add("the log must not hold " + Quoted(found->message));
+        std::ranges::find_if(m_Report.log, [&](const auto& record) { return Holds(record, text); });
+    if (found != m_Report.log.end()) Add("the log must not hold " + Quoted(found->message));
   }
 
   /// The percentage never falls within an attempt and never passes 100.
   void CheckProgress() {
     int last = 0;
-    for (const DebugRecord& record : m_report.log) {
+    for (const DebugRecord& record : m_Report.log) {
       if (record.message == kAttemptBegins) last = 0;
       if (!record.message.starts_with(kProgressWritten)) continue;
       const int percent = std::atoi(record.message.c_str() + kProgressWritten.size());
@@ -107,12 +107,12 @@ class Judge {
     }
   }
 
-  void Add(std::string difference) { m_differences.push_back(std::move(difference)); }
-  std::vector<std::string> Take() { return std::move(m_differences); }
+  void Add(std::string difference) { m_Differences.push_back(std::move(difference)); }
+  std::vector<std::string> Take() { return std::move(m_Differences); }
 
  private:
-  const SessionReport& m_report;
-  std::vector<std::string> m_differences;
+  const SessionReport& m_Report;
+  std::vector<std::string> m_Differences;
 };
 
 }  // namespace

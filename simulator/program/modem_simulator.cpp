@@ -161,45 +161,45 @@ int RunOne(const Command& command) {
 class ScenarioRun {
  public:
   ScenarioRun(const Command& command, std::vector<const Scenario*> scenarios)
-      : m_command(command), m_scenarios(std::move(scenarios)), m_results(m_scenarios.size()) {}
+      : m_Command(command), m_Scenarios(std::move(scenarios)), m_Results(m_Scenarios.size()) {}
 
   int Run() {
     std::vector<std::jthread> workers;
-    for (unsigned i = 0; i < m_command.jobs; ++i) workers.emplace_back([this] { Work(); });
+    for (unsigned i = 0; i < m_Command.jobs; ++i) workers.emplace_back([this] { Work(); });
     workers.clear();
-    if (m_interrupted) return ConcludeInterrupted(m_command);
+    if (m_Interrupted) return ConcludeInterrupted(m_Command);
     Report();
-    return static_cast<int>(m_failed == 0 ? ExitStatus::Good : ExitStatus::NotGood);
+    return static_cast<int>(m_Failed == 0 ? ExitStatus::Good : ExitStatus::NotGood);
   }
 
  private:
   void Work() {
-    for (std::size_t i = m_next++; i < m_scenarios.size() && !m_interrupted; i = m_next++) {
+    for (std::size_t i = m_Next++; i < m_Scenarios.size() && !m_Interrupted; i = m_Next++) {
       try {
-        m_results[i] = RunScenario(*m_scenarios[i]);
+        m_Results[i] = RunScenario(*m_Scenarios[i]);
       } catch (const std::exception& error) {
-        m_results[i] = JsonOfError(error.what());
-        m_results[i]["scenario"] = m_scenarios[i]->name;
+        m_Results[i] = JsonOfError(error.what());
+        m_Results[i]["scenario"] = m_Scenarios[i]->name;
       }
-      if (!m_interrupted) Tell(m_results[i]);
+      if (!m_Interrupted) Tell(m_Results[i]);
     }
   }
 
   nlohmann::ordered_json RunScenario(const Scenario& scenario) {
-    Command one = m_command;
+    Command one = m_Command;
     one.all = false;
     one.scenario = scenario.name;
     one.json = true;
     one.terminal = false;
-    WorkFolder folder(m_command.keep.empty() ? std::filesystem::path() : m_command.keep / scenario.name);
-    if (!m_command.keep.empty()) folder.KeepAll();
+    WorkFolder folder(m_Command.keep.empty() ? std::filesystem::path() : m_Command.keep / scenario.name);
+    if (!m_Command.keep.empty()) folder.KeepAll();
     const std::wstring key = NextKey();
     const auto output = folder.Path() / L"report.json";
     const ChildResult child = RunChild(folder.Program(), ArgumentsOf(one, key), RealLimit(*one.speed), output,
-                                       m_interruption.Event());
+                                       m_Interruption.Event());
     SessionKey::Remove(key);
     if (child.interrupted) {
-      m_interrupted = true;
+      m_Interrupted = true;
       return {};
     }
 
@@ -210,7 +210,7 @@ class ScenarioRun {
       report = JsonOfError(trouble.empty() ? "the virtual PC left no report" : trouble);
     }
     report["scenario"] = scenario.name;
-    if (!report.value("good", false) && m_command.keep.empty()) {
+    if (!report.value("good", false) && m_Command.keep.empty()) {
       folder.KeepLog();
       report["debug_log"] = NameForPeople(folder.Path() / L"FlashServiceDebugLogger_DLL.log");
     }
@@ -218,10 +218,10 @@ class ScenarioRun {
   }
 
   void Tell(const nlohmann::ordered_json& report) {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_Mutex);
     const bool good = report.value("good", false);
-    if (!good) ++m_failed;
-    if (m_command.json) return;
+    if (!good) ++m_Failed;
+    if (m_Command.json) return;
     std::printf("%-6s %-34s result %-4s attempts %d  resets %d  %6.1f s\n", good ? "ok" : "FAILED",
                 report["scenario"].get<std::string>().c_str(), ResultOf(report).c_str(),
                 report.value("attempts", 0), report.value("baseband_resets", 0),
@@ -240,26 +240,26 @@ class ScenarioRun {
   }
 
   void Report() const {
-    if (m_command.json) {
-      const nlohmann::ordered_json all{{"good", m_failed == 0},
-                                       {"run", m_scenarios.size()},
-                                       {"failed", m_failed},
-                                       {"scenarios", m_results}};
+    if (m_Command.json) {
+      const nlohmann::ordered_json all{{"good", m_Failed == 0},
+                                       {"run", m_Scenarios.size()},
+                                       {"failed", m_Failed},
+                                       {"scenarios", m_Results}};
       std::cout << all.dump(2) << std::endl;
       return;
     }
-    std::printf("%zu scenarios, %d failed\n", m_scenarios.size(), m_failed);
+    std::printf("%zu scenarios, %d failed\n", m_Scenarios.size(), m_Failed);
     std::fflush(stdout);
   }
 
-  const Command& m_command;
-  const std::vector<const Scenario*> m_scenarios;
-  std::vector<nlohmann::ordered_json> m_results;
-  const hosts::Interruption m_interruption;
-  std::atomic<bool> m_interrupted{false};
-  std::atomic<std::size_t> m_next{0};
-  std::mutex m_mutex;
-  int m_failed = 0;
+  const Command& m_Command;
+  const std::vector<const Scenario*> m_Scenarios;
+  std::vector<nlohmann::ordered_json> m_Results;
+  const hosts::Interruption m_Interruption;
+  std::atomic<bool> m_Interrupted{false};
+  std::atomic<std::size_t> m_Next{0};
+  std::mutex m_Mutex;
+  int m_Failed = 0;
 };
 
 int RunAll(Command command) {

@@ -31,7 +31,7 @@ const char* NameOf(Memory memory) {
 }
 
 const char* LogText::LevelWord() const {
-  switch (m_level) {
+  switch (m_Level) {
     case Level::Trace:
       return "Trace";
     case Level::Warning:

@@ -77,20 +77,20 @@ class LogText {
  public:
   LogText(const char* text) : LogText(text, Level::Trace) {}
 
-  const char* Text() const { return m_text; }
+  const char* Text() const { return m_Text; }
   const char* LevelWord() const;
   /// Another text of the same level.
-  LogText With(const char* text) const { return LogText(text, m_level); }
+  LogText With(const char* text) const { return LogText(text, m_Level); }
 
   friend LogText Error(const char* text) { return LogText(text, Level::Error); }
   friend LogText Warning(const char* text) { return LogText(text, Level::Warning); }
 
  private:
   enum class Level { Trace, Warning, Error };
-  LogText(const char* text, Level level) : m_text(text), m_level(level) {}
+  LogText(const char* text, Level level) : m_Text(text), m_Level(level) {}
 
-  const char* m_text;
-  Level m_level;
+  const char* m_Text;
+  Level m_Level;
 };
 LogText Error(const char* text);
 LogText Warning(const char* text);

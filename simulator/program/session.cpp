@@ -42,51 +42,51 @@ bool NamesNoKey(Configuration configuration) {
 class Session {
  public:
   Session(const SessionPlan& plan, const std::function<void(const Snapshot&)>& show)
-      : m_plan(plan),
-        m_show(show),
-        m_key(plan.key, NamesNoKey(plan.setup.configuration)),
-        m_firmware(plan.folder / L"firmware", plan.setup.images, plan.setup.holder),
-        m_configuration(plan.folder, plan.setup, m_key.Location(), m_firmware.Folder()),
-        m_pc(PcOptions(plan.setup, plan.speed, plan.folder)) {
-    m_report.logFile = plan.folder / kLogFile;
+      : m_Plan(plan),
+        m_Show(show),
+        m_Key(plan.key, NamesNoKey(plan.setup.configuration)),
+        m_Firmware(plan.folder / L"firmware", plan.setup.images, plan.setup.holder),
+        m_Configuration(plan.folder, plan.setup, m_Key.Location(), m_Firmware.Folder()),
+        m_Pc(PcOptions(plan.setup, plan.speed, plan.folder)) {
+    m_Report.logFile = plan.folder / kLogFile;
   }
 
   SessionReport Run() {
-    if (m_plan.setup.retryTimes) m_key.Write(L"Retry_Times", *m_plan.setup.retryTimes);
-    if (m_pc.LoadUnderSimulation(m_plan.folder / kLibrary) == nullptr) {
+    if (m_Plan.setup.retryTimes) m_Key.Write(L"Retry_Times", *m_Plan.setup.retryTimes);
+    if (m_Pc.LoadUnderSimulation(m_Plan.folder / kLibrary) == nullptr) {
       throw std::runtime_error("the library cannot be loaded: " + hosts::SystemErrorText(::GetLastError()));
     }
-    const bool starts = m_plan.awaited == nullptr || m_plan.awaited->serviceStarts;
-    m_report.serviceStarted = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
-                                        [this] { return m_now.values.timeOut.has_value(); });
+    const bool starts = m_Plan.awaited == nullptr || m_Plan.awaited->serviceStarts;
+    m_Report.serviceStarted = WaitUntil(starts ? kServiceStartLimit : kNoServiceLimit,
+                                        [this] { return m_Now.values.timeOut.has_value(); });
     RaiseFlag();
-    if (!m_report.serviceStarted) {
-      m_report.finished = !starts;
-      m_report.difficulty = "the library does not begin its service";
+    if (!m_Report.serviceStarted) {
+      m_Report.finished = !starts;
+      m_Report.difficulty = "the library does not begin its service";
     } else {
-      m_report.finished = FinishJob();
+      m_Report.finished = FinishJob();
     }
     Collect();
-    return std::move(m_report);
+    return std::move(m_Report);
   }
 
  private:
   void RaiseFlag() {
-    m_begin = m_pc.Clock().Now();
-    m_realBegin = RealClock::now();
-    m_key.Write(L"Fls_Ready", 1);
+    m_Begin = m_Pc.Clock().Now();
+    m_RealBegin = RealClock::now();
+    m_Key.Write(L"Fls_Ready", 1);
   }
 
   bool FinishJob() {
-    if (!WaitUntil(kJobLimit, [this] { return m_now.values.ready == 0u; })) {
-      m_report.difficulty = "the job does not end";
+    if (!WaitUntil(kJobLimit, [this] { return m_Now.values.ready == 0u; })) {
+      m_Report.difficulty = "the job does not end";
       return false;
     }
-    m_report.duration = m_now.elapsed;
-    m_report.realDuration =
-        std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - m_realBegin);
+    m_Report.duration = m_Now.elapsed;
+    m_Report.realDuration =
+        std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - m_RealBegin);
     if (!WaitUntil(kSettleLimit, [this] { return IsSettled(); })) {
-      m_report.difficulty = "the library or the modem does not come to rest";
+      m_Report.difficulty = "the library or the modem does not come to rest";
       return false;
     }
     return true;
@@ -95,28 +95,28 @@ class Session {
   /// Looks, shows and waits for the next change until `done` holds. @return false when time ran out.
   template <typename Condition>
   bool WaitUntil(Milliseconds limit, const Condition& done) {
-    const Milliseconds end = m_pc.Clock().Now() + limit;
+    const Milliseconds end = m_Pc.Clock().Now() + limit;
     for (;;) {
-      m_key.ArmWatch();
+      m_Key.ArmWatch();
       Look();
       if (done()) return true;
-      if (m_pc.Clock().Now() >= end) return false;
-      m_key.WaitForChange(kLookPeriod);
+      if (m_Pc.Clock().Now() >= end) return false;
+      m_Key.WaitForChange(kLookPeriod);
     }
   }
 
   void Look() {
-    m_now.values = m_key.Read();
-    m_now.modem = m_pc.Modem().State();
+    m_Now.values = m_Key.Read();
+    m_Now.modem = m_Pc.Modem().State();
     // The library is bound once per attempt, whether or not it is there.
-    m_now.attempt = CountOf(m_pc.PlatformCalls(), "LoadLibraryW");
-    m_now.elapsed = m_pc.Clock().Now() - m_begin;
-    const bool due = RealClock::now() - m_lastShown >= kDisplayPeriod;
-    if (m_shownValues == m_now.values.progress && m_shownModem == m_now.modem && !due) return;
-    m_shownValues = m_now.values.progress;
-    m_shownModem = m_now.modem;
-    m_lastShown = RealClock::now();
-    if (m_begin != Milliseconds::zero()) m_show(m_now);
+    m_Now.attempt = CountOf(m_Pc.PlatformCalls(), "LoadLibraryW");
+    m_Now.elapsed = m_Pc.Clock().Now() - m_Begin;
+    const bool due = RealClock::now() - m_LastShown >= kDisplayPeriod;
+    if (m_ShownValues == m_Now.values.progress && m_ShownModem == m_Now.modem && !due) return;
+    m_ShownValues = m_Now.values.progress;
+    m_ShownModem = m_Now.modem;
+    m_LastShown = RealClock::now();
+    if (m_Begin != Milliseconds::zero()) m_Show(m_Now);
   }
 
   static int CountOf(const std::map<std::string, int>& counts, const char* name) {
@@ -126,11 +126,11 @@ class Session {
 
   /// The job is over, the library waits for the next one, and whatever came late has come.
   bool IsSettled() {
-    const Expectation* const awaited = m_plan.awaited;
-    if (awaited != nullptr && m_now.modem != awaited->modem) return false;
+    const Expectation* const awaited = m_Plan.awaited;
+    if (awaited != nullptr && m_Now.modem != awaited->modem) return false;
     // Without a debug log nothing is left to come: no attempt was made.
-    if (NamesNoKey(m_plan.setup.configuration)) return true;
-    const auto log = ReadDebugLog(m_report.logFile);
+    if (NamesNoKey(m_Plan.setup.configuration)) return true;
+    const auto log = ReadDebugLog(m_Report.logFile);
     const int back = CountWorkersBack(log);
     const int expected =
         awaited != nullptr && awaited->workersBack ? *awaited->workersBack : CountAttempts(log);
@@ -154,36 +154,36 @@ class Session {
   }
 
   void Collect() {
-    m_report.values = m_key.Read();
-    m_report.log = ReadDebugLog(m_report.logFile);
-    m_report.attempts = CountAttempts(m_report.log);
-    m_report.workersBack = CountWorkersBack(m_report.log);
-    m_report.resets = m_pc.BasebandResets();
-    m_report.mbimReboots = m_pc.MbimReboots();
-    m_report.atCommands = static_cast<int>(m_pc.AtCommands().size());
-    m_report.modem = m_pc.Modem().State();
-    m_report.itemsWritten = m_pc.Modem().ItemsWritten();
-    m_report.bytesWritten = m_pc.Modem().BytesWritten();
-    m_report.comparison = m_pc.Modem().CompareWith(m_firmware.Modem(), m_firmware.Nvm());
-    m_report.memory = MemoryAfter(m_pc.Modem(), m_report.comparison);
-    m_report.imagesLeft = m_firmware.ImagesLeft();
-    m_report.journal = m_pc.Journal();
+    m_Report.values = m_Key.Read();
+    m_Report.log = ReadDebugLog(m_Report.logFile);
+    m_Report.attempts = CountAttempts(m_Report.log);
+    m_Report.workersBack = CountWorkersBack(m_Report.log);
+    m_Report.resets = m_Pc.BasebandResets();
+    m_Report.mbimReboots = m_Pc.MbimReboots();
+    m_Report.atCommands = static_cast<int>(m_Pc.AtCommands().size());
+    m_Report.modem = m_Pc.Modem().State();
+    m_Report.itemsWritten = m_Pc.Modem().ItemsWritten();
+    m_Report.bytesWritten = m_Pc.Modem().BytesWritten();
+    m_Report.comparison = m_Pc.Modem().CompareWith(m_Firmware.Modem(), m_Firmware.Nvm());
+    m_Report.memory = MemoryAfter(m_Pc.Modem(), m_Report.comparison);
+    m_Report.imagesLeft = m_Firmware.ImagesLeft();
+    m_Report.journal = m_Pc.Journal();
   }
 
-  const SessionPlan& m_plan;
-  const std::function<void(const Snapshot&)>& m_show;
-  SessionKey m_key;
-  FirmwareFolder m_firmware;
-  ConfigurationFile m_configuration;
-  VirtualPc m_pc;
-  SessionReport m_report;
+  const SessionPlan& m_Plan;
+  const std::function<void(const Snapshot&)>& m_Show;
+  SessionKey m_Key;
+  FirmwareFolder m_Firmware;
+  ConfigurationFile m_Configuration;
+  VirtualPc m_Pc;
+  SessionReport m_Report;
 
-  Snapshot m_now;
-  Milliseconds m_begin{0};
-  RealClock::time_point m_realBegin;
-  std::optional<std::uint32_t> m_shownValues;
-  ModemState m_shownModem = ModemState::Dead;
-  RealClock::time_point m_lastShown;
+  Snapshot m_Now;
+  Milliseconds m_Begin{0};
+  RealClock::time_point m_RealBegin;
+  std::optional<std::uint32_t> m_ShownValues;
+  ModemState m_ShownModem = ModemState::Dead;
+  RealClock::time_point m_LastShown;
 };
 
 }  // namespace

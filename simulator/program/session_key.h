@@ -22,7 +22,7 @@ class SessionKey {
   /// As the configuration names it: "HKCU\...".
   std::wstring Location() const;
 
-  hosts::Handshake Read() const { return hosts::ReadHandshake(m_key); }
+  hosts::Handshake Read() const { return hosts::ReadHandshake(m_Key); }
   void Write(const wchar_t* name, std::uint32_t value);
 
   /// From now on a change counts: arm first, then look, then wait.
@@ -32,9 +32,9 @@ class SessionKey {
   static void Remove(const std::wstring& path);
 
  private:
-  hosts::HandshakeKey m_key;
-  bool m_standsForMachine;
-  hosts::HandshakeWatch m_watch;
+  hosts::HandshakeKey m_Key;
+  bool m_StandsForMachine;
+  hosts::HandshakeWatch m_Watch;
 };
 
 }  // namespace simulator

@@ -90,23 +90,23 @@ Handle Start(const std::filesystem::path& program, const std::vector<std::wstrin
 }  // namespace
 
 WorkFolder::WorkFolder(std::filesystem::path folder)
-    : m_path(folder.empty() ? TemporaryFolder() : std::filesystem::absolute(folder)) {
+    : m_Path(folder.empty() ? TemporaryFolder() : std::filesystem::absolute(folder)) {
   const std::filesystem::path program = hosts::ProgramPath();
-  std::filesystem::remove_all(m_path);
-  std::filesystem::create_directories(m_path);
-  m_program = m_path / program.filename();
-  Bring(program, m_program);
-  for (const wchar_t* library : kLibraries) Bring(program.parent_path() / library, m_path / library);
+  std::filesystem::remove_all(m_Path);
+  std::filesystem::create_directories(m_Path);
+  m_Program = m_Path / program.filename();
+  Bring(program, m_Program);
+  for (const wchar_t* library : kLibraries) Bring(program.parent_path() / library, m_Path / library);
 }
 
 WorkFolder::~WorkFolder() {
-  if (m_leave == Leave::All) return;
+  if (m_Leave == Leave::All) return;
   std::error_code ignored;
-  if (m_leave == Leave::Nothing) {
-    std::filesystem::remove_all(m_path, ignored);
+  if (m_Leave == Leave::Nothing) {
+    std::filesystem::remove_all(m_Path, ignored);
     return;
   }
-  for (const auto& entry : std::filesystem::directory_iterator(m_path, ignored)) {
+  for (const auto& entry : std::filesystem::directory_iterator(m_Path, ignored)) {
     if (entry.path().filename() != kLogFile) std::filesystem::remove_all(entry.path(), ignored);
   }
 }

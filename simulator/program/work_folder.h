@@ -17,19 +17,19 @@ class WorkFolder {
   WorkFolder(const WorkFolder&) = delete;
   WorkFolder& operator=(const WorkFolder&) = delete;
 
-  const std::filesystem::path& Path() const { return m_path; }
-  const std::filesystem::path& Program() const { return m_program; }
+  const std::filesystem::path& Path() const { return m_Path; }
+  const std::filesystem::path& Program() const { return m_Program; }
 
   /// Leaves the debug log and what the run reported, or all of it, behind.
-  void KeepLog() { m_leave = Leave::Log; }
-  void KeepAll() { m_leave = Leave::All; }
+  void KeepLog() { m_Leave = Leave::Log; }
+  void KeepAll() { m_Leave = Leave::All; }
 
  private:
   enum class Leave { Nothing, Log, All };
 
-  std::filesystem::path m_path;
-  std::filesystem::path m_program;
-  Leave m_leave = Leave::Nothing;
+  std::filesystem::path m_Path;
+  std::filesystem::path m_Program;
+  Leave m_Leave = Leave::Nothing;
 };
 
 /// How a child program ended.

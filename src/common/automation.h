@@ -58,19 +58,19 @@ class ArrayElements {
     if (FAILED(::SafeArrayGetUBound(array, 1, &bounds.upper))) return;
     void* data = nullptr;
     if (FAILED(::SafeArrayAccessData(array, &data))) return;
-    m_locked = array;
-    m_elements = {static_cast<Element*>(data), bounds.Count()};
+    m_Locked = array;
+    m_Elements = {static_cast<Element*>(data), bounds.Count()};
   }
   ~ArrayElements() {
-    if (m_locked != nullptr) ::SafeArrayUnaccessData(m_locked);
+    if (m_Locked != nullptr) ::SafeArrayUnaccessData(m_Locked);
   }
   ArrayElements(const ArrayElements&) = delete;
   ArrayElements& operator=(const ArrayElements&) = delete;
 
-  auto begin() const { return m_elements.begin(); }
-  auto end() const { return m_elements.end(); }
+  auto begin() const { return m_Elements.begin(); }
+  auto end() const { return m_Elements.end(); }
 
  private:
-  SAFEARRAY* m_locked = nullptr;
-  std::span<Element> m_elements;
+  SAFEARRAY* m_Locked = nullptr;
+  std::span<Element> m_Elements;
 };

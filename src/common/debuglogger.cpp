@@ -154,17 +154,17 @@ void CDebugLogger::WriteText(const std::string& text) {
 }
 
 void CDebugLogger::Append(const std::string& text) {
-  if (!m_file.IsOpen() && FAILED(m_file.Open(g_fileName.c_str(), true))) return;
+  if (!m_File.IsOpen() && FAILED(m_File.Open(g_fileName.c_str(), true))) return;
   std::uint32_t written = 0;
-  m_file.Write(text.data(), static_cast<std::uint32_t>(text.size()), &written);
+  m_File.Write(text.data(), static_cast<std::uint32_t>(text.size()), &written);
   // Asked for as part of every record; nothing limits the size.
   std::uint64_t size = 0;
-  m_file.GetSize(&size);
+  m_File.GetSize(&size);
 }
 
 void CDebugLogger::SetFileName(const char* path) {
   g_fileName = path == nullptr ? "" : path;
   const std::string folder = FolderOf(g_fileName);
   if (!CFileIo::Exists(folder.c_str())) ::CreateDirectoryA(folder.c_str(), nullptr);
-  if (m_file.IsOpen()) m_file.Close();
+  if (m_File.IsOpen()) m_File.Close();
 }

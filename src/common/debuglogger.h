@@ -33,5 +33,5 @@ class CDebugLogger {
  private:
   void Append(const std::string& text);
 
-  CFileIo m_file;
+  CFileIo m_File;
 };

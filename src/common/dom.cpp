@@ -21,19 +21,19 @@ BSTR NewBstr(const CTString& text) {
 }
 
 CTString OwnedBstr::Text() const {
-  return TextOf(m_text);
+  return TextOf(m_Text);
 }
 
 VARIANT OwnedBstr::AsVariant() const {
   VARIANT value;
   ::VariantInit(&value);
   value.vt = VT_BSTR;
-  value.bstrVal = m_text;
+  value.bstrVal = m_Text;
   return value;
 }
 
 CTString OwnedVariant::Text() const {
-  return TextOf(m_value.bstrVal);
+  return TextOf(m_Value.bstrVal);
 }
 
 HRESULT CollectChildren(IXMLDOMNode* node, std::vector<ComPtr<IXMLDOMNode>>& children) {

@@ -31,39 +31,39 @@ BSTR NewBstr(const CTString& text);
 class OwnedBstr {
  public:
   OwnedBstr() = default;
-  explicit OwnedBstr(const CTString& text) : m_text(NewBstr(text)) {}
-  ~OwnedBstr() { ::SysFreeString(m_text); }
+  explicit OwnedBstr(const CTString& text) : m_Text(NewBstr(text)) {}
+  ~OwnedBstr() { ::SysFreeString(m_Text); }
   OwnedBstr(const OwnedBstr&) = delete;
   OwnedBstr& operator=(const OwnedBstr&) = delete;
 
-  BSTR Get() const { return m_text; }
+  BSTR Get() const { return m_Text; }
   /// For a call that hands out a BSTR; use it once per object.
-  BSTR* Receive() { return &m_text; }
+  BSTR* Receive() { return &m_Text; }
   CTString Text() const;
   /// The text as a value that borrows it.
   VARIANT AsVariant() const;
 
  private:
-  BSTR m_text = nullptr;
+  BSTR m_Text = nullptr;
 };
 
 /// Owner of one VARIANT and what it holds.
 class OwnedVariant {
  public:
-  OwnedVariant() { ::VariantInit(&m_value); }
-  ~OwnedVariant() { ::VariantClear(&m_value); }
+  OwnedVariant() { ::VariantInit(&m_Value); }
+  ~OwnedVariant() { ::VariantClear(&m_Value); }
   OwnedVariant(const OwnedVariant&) = delete;
   OwnedVariant& operator=(const OwnedVariant&) = delete;
 
   /// For a call that hands out a value; use it once per object.
-  VARIANT* Receive() { return &m_value; }
-  int Type() const { return m_value.vt; }
-  bool IsText() const { return m_value.vt == VT_BSTR; }
+  VARIANT* Receive() { return &m_Value; }
+  int Type() const { return m_Value.vt; }
+  bool IsText() const { return m_Value.vt == VT_BSTR; }
   /// The text of a value that is one.
   CTString Text() const;
 
  private:
-  VARIANT m_value;
+  VARIANT m_Value;
 };
 
 /// All children of a node, in order. A null node is a failure.

@@ -34,9 +34,9 @@ CFileIo::~CFileIo() {
 }
 
 HRESULT CFileIo::Open(const char* name, bool forWrite) {
-  m_fileName = name == nullptr ? "" : name;
+  m_FileName = name == nullptr ? "" : name;
   const HRESULT result =
-      OpenEx(m_fileName.c_str(), forWrite ? GENERIC_WRITE : GENERIC_READ, FILE_SHARE_READ,
+      OpenEx(m_FileName.c_str(), forWrite ? GENERIC_WRITE : GENERIC_READ, FILE_SHARE_READ,
              forWrite ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr, nullptr);
   // Fetched for whoever looks at the shared text in a debugger; the result is all that callers get.
   if (FAILED(result)) Win32ErrorText(static_cast<unsigned long>(HRESULT_CODE(result)));
@@ -45,22 +45,22 @@ HRESULT CFileIo::Open(const char* name, bool forWrite) {
 
 HRESULT CFileIo::OpenEx(const char* name, DWORD access, DWORD shareMode, DWORD creation,
                         DWORD flagsAndAttributes, SECURITY_ATTRIBUTES* security, HANDLE templateFile) {
-  const HANDLE replaced = m_open ? m_handle : nullptr;
-  m_handle = ::CreateFileA(name, access, shareMode, security, creation, flagsAndAttributes, templateFile);
+  const HANDLE replaced = m_Open ? m_Handle : nullptr;
+  m_Handle = ::CreateFileA(name, access, shareMode, security, creation, flagsAndAttributes, templateFile);
   const DWORD error = ::GetLastError();
-  m_open = m_handle != INVALID_HANDLE_VALUE;
+  m_Open = m_Handle != INVALID_HANDLE_VALUE;
   if (replaced != nullptr) ::CloseHandle(replaced);
   ::SetLastError(error);
-  return m_open ? S_OK : HResultFromWin32(error);
+  return m_Open ? S_OK : HResultFromWin32(error);
 }
 
 HRESULT CFileIo::Close() {
-  if (m_open) {
-    ::FlushFileBuffers(m_handle);
-    ::CloseHandle(m_handle);
+  if (m_Open) {
+    ::FlushFileBuffers(m_Handle);
+    ::CloseHandle(m_Handle);
   }
-  m_handle = nullptr;
-  m_open = false;
+  m_Handle = nullptr;
+  m_Open = false;
   return S_OK;
 }
 
@@ -72,23 +72,23 @@ HRESULT CFileIo::Read(void* buffer, std::uint32_t count) {
 }
 
 HRESULT CFileIo::ReadSome(void* buffer, std::uint32_t count, std::uint32_t* read) {
-  if (m_handle == nullptr) return kNoHandle;
+  if (m_Handle == nullptr) return kNoHandle;
   DWORD done = 0;
-  const BOOL success = ::ReadFile(m_handle, buffer, count, &done, nullptr);
+  const BOOL success = ::ReadFile(m_Handle, buffer, count, &done, nullptr);
   if (read != nullptr) *read = done;
   return ResultOf(success);
 }
 
 HRESULT CFileIo::Write(const void* buffer, std::uint32_t count, std::uint32_t* written) {
-  if (m_handle == nullptr) return kNoHandle;
+  if (m_Handle == nullptr) return kNoHandle;
   DWORD done = 0;
-  const BOOL success = ::WriteFile(m_handle, buffer, count, &done, nullptr);
+  const BOOL success = ::WriteFile(m_Handle, buffer, count, &done, nullptr);
   if (written != nullptr) *written = done;
   return ResultOf(success);
 }
 
 HRESULT CFileIo::Move(LONG low, LONG high, DWORD method, std::uint64_t* position) {
-  const DWORD newLow = ::SetFilePointer(m_handle, low, &high, method);
+  const DWORD newLow = ::SetFilePointer(m_Handle, low, &high, method);
   // The low half may be this value by right, and then the last error tells; it is not cleared otherwise.
   if (newLow == kInvalidLowHalf && ::GetLastError() != NO_ERROR) return LastError();
   if (position != nullptr) *position = Joined(newLow, static_cast<DWORD>(high));
@@ -106,7 +106,7 @@ HRESULT CFileIo::GetPosition(std::uint64_t* position) {
 
 HRESULT CFileIo::GetSize(std::uint64_t* size) {
   DWORD high = 0;
-  const DWORD low = ::GetFileSize(m_handle, &high);
+  const DWORD low = ::GetFileSize(m_Handle, &high);
   if (low == kInvalidLowHalf && ::GetLastError() != NO_ERROR) return LastError();
   if (size != nullptr) *size = Joined(low, high);
   return S_OK;
@@ -114,20 +114,20 @@ HRESULT CFileIo::GetSize(std::uint64_t* size) {
 
 HRESULT CFileIo::SetSize(std::uint64_t size) {
   const HRESULT moved = Seek(static_cast<std::int64_t>(size), FILE_BEGIN);
-  return FAILED(moved) ? moved : ResultOf(::SetEndOfFile(m_handle));
+  return FAILED(moved) ? moved : ResultOf(::SetEndOfFile(m_Handle));
 }
 
 HRESULT CFileIo::Flush() {
-  return ResultOf(::FlushFileBuffers(m_handle));
+  return ResultOf(::FlushFileBuffers(m_Handle));
 }
 
 HRESULT CFileIo::Lock(std::uint64_t offset, std::uint64_t length) {
-  return ResultOf(::LockFile(m_handle, LowHalf(offset), HighHalf(offset), LowHalf(length), HighHalf(length)));
+  return ResultOf(::LockFile(m_Handle, LowHalf(offset), HighHalf(offset), LowHalf(length), HighHalf(length)));
 }
 
 HRESULT CFileIo::Unlock(std::uint64_t offset, std::uint64_t length) {
   return ResultOf(
-      ::UnlockFile(m_handle, LowHalf(offset), HighHalf(offset), LowHalf(length), HighHalf(length)));
+      ::UnlockFile(m_Handle, LowHalf(offset), HighHalf(offset), LowHalf(length), HighHalf(length)));
 }
 
 HRESULT CFileIo::LastError() const {
@@ -135,7 +135,7 @@ HRESULT CFileIo::LastError() const {
 }
 
 bool CFileIo::Delete() {
-  return DeleteFile(m_fileName.c_str());
+  return DeleteFile(m_FileName.c_str());
 }
 
 bool CFileIo::DeleteFile(const char* path) {

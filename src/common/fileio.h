@@ -38,9 +38,9 @@ class CFileIo {
   HRESULT Unlock(std::uint64_t offset, std::uint64_t length);
 
   HRESULT LastError() const;
-  bool IsOpen() const { return m_open; }
-  std::string GetFileName() const { return m_fileName; }
-  void SetFileName(const std::string& name) { m_fileName = name; }
+  bool IsOpen() const { return m_Open; }
+  std::string GetFileName() const { return m_FileName; }
+  void SetFileName(const std::string& name) { m_FileName = name; }
 
   /// Deletes the file under the kept name.
   bool Delete();
@@ -52,7 +52,7 @@ class CFileIo {
   HRESULT Move(LONG low, LONG high, DWORD method, std::uint64_t* position);
 
   // Null when closed; the invalid-handle value after a failed open.
-  HANDLE m_handle = nullptr;
-  bool m_open = false;
-  std::string m_fileName;
+  HANDLE m_Handle = nullptr;
+  bool m_Open = false;
+  std::string m_FileName;
 };

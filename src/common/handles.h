@@ -7,13 +7,13 @@
 /// Restores the thread's last error when a scope ends, so that cleaning up or logging never changes it.
 class LastErrorKeeper {
  public:
-  LastErrorKeeper() noexcept : m_error(::GetLastError()) {}
-  ~LastErrorKeeper() { ::SetLastError(m_error); }
+  LastErrorKeeper() noexcept : m_Error(::GetLastError()) {}
+  ~LastErrorKeeper() { ::SetLastError(m_Error); }
   LastErrorKeeper(const LastErrorKeeper&) = delete;
   LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
 
  private:
-  DWORD m_error;
+  DWORD m_Error;
 };
 
 /// Closes a kernel handle; an empty owner holds nullptr, never INVALID_HANDLE_VALUE.
@@ -62,11 +62,11 @@ using UniqueFileSearch = std::unique_ptr<void, FileSearchCloser>;
 /// the system ends while it holds the lock would hang the process there.
 class ScopedLock {
  public:
-  explicit ScopedLock(SRWLOCK& lock) noexcept : m_lock(lock) { ::AcquireSRWLockExclusive(&m_lock); }
-  ~ScopedLock() { ::ReleaseSRWLockExclusive(&m_lock); }
+  explicit ScopedLock(SRWLOCK& lock) noexcept : m_Lock(lock) { ::AcquireSRWLockExclusive(&m_Lock); }
+  ~ScopedLock() { ::ReleaseSRWLockExclusive(&m_Lock); }
   ScopedLock(const ScopedLock&) = delete;
   ScopedLock& operator=(const ScopedLock&) = delete;
 
  private:
-  SRWLOCK& m_lock;
+  SRWLOCK& m_Lock;
 };

@@ -25,7 +25,7 @@ class QualifiedFunctionName {
   consteval explicit QualifiedFunctionName(const char (&signature)[Size]) {
     Cut(std::string_view(signature, Size - 1));
   }
-  constexpr const char* Text() const { return m_name; }
+  constexpr const char* Text() const { return m_Name; }
 
  private:
   static constexpr std::string_view kUnnamedNamespaces[] = {
@@ -66,7 +66,7 @@ class QualifiedFunctionName {
   }
 
   consteval bool SkipOwnNamespace(std::string_view& rest) const {
-    if (m_length != 0 || !rest.starts_with(kOwnNamespace)) return false;
+    if (m_Length != 0 || !rest.starts_with(kOwnNamespace)) return false;
     rest.remove_prefix(kOwnNamespace.size());
     return true;
   }
@@ -78,19 +78,19 @@ class QualifiedFunctionName {
     Take(rest, rest.substr(0, rest.find('(')).size());
   }
 
-  consteval bool AtStartOfName() const { return m_length == 0 || m_name[m_length - 1] == ':'; }
+  consteval bool AtStartOfName() const { return m_Length == 0 || m_Name[m_Length - 1] == ':'; }
 
   consteval void Take(std::string_view& rest, std::size_t count) {
-    for (const char letter : rest.substr(0, count)) m_name[m_length++] = letter;
+    for (const char letter : rest.substr(0, count)) m_Name[m_Length++] = letter;
     rest.remove_prefix(count);
   }
 
   consteval void Restart() {
-    while (m_length > 0) m_name[--m_length] = '\0';
+    while (m_Length > 0) m_Name[--m_Length] = '\0';
   }
 
-  char m_name[Size]{};
-  std::size_t m_length = 0;
+  char m_Name[Size]{};
+  std::size_t m_Length = 0;
 };
 
 #if defined(_MSC_VER) && !defined(__clang__)

@@ -8,22 +8,22 @@
 /// text ends the list, and so does the end of the buffer: a text that the buffer cuts off is left out.
 class MultiStringView {
  public:
-  explicit MultiStringView(std::span<wchar_t> units) : m_units(units) {}
+  explicit MultiStringView(std::span<wchar_t> units) : m_Units(units) {}
 
   class Iterator {
    public:
     using value_type = wchar_t*;
     using difference_type = std::ptrdiff_t;
 
-    explicit Iterator(std::span<wchar_t> rest) : m_rest(rest), m_length(LengthOfFirst(rest)) {}
-    wchar_t* operator*() const { return m_rest.data(); }
+    explicit Iterator(std::span<wchar_t> rest) : m_Rest(rest), m_Length(LengthOfFirst(rest)) {}
+    wchar_t* operator*() const { return m_Rest.data(); }
     Iterator& operator++() {
-      m_rest = m_rest.subspan(m_length + 1);
-      m_length = LengthOfFirst(m_rest);
+      m_Rest = m_Rest.subspan(m_Length + 1);
+      m_Length = LengthOfFirst(m_Rest);
       return *this;
     }
     void operator++(int) { ++*this; }
-    bool operator==(std::default_sentinel_t) const { return m_length == 0; }
+    bool operator==(std::default_sentinel_t) const { return m_Length == 0; }
 
    private:
     static std::size_t LengthOfFirst(std::span<wchar_t> units) {
@@ -33,13 +33,13 @@ class MultiStringView {
       return 0;
     }
 
-    std::span<wchar_t> m_rest;
-    std::size_t m_length;
+    std::span<wchar_t> m_Rest;
+    std::size_t m_Length;
   };
 
-  Iterator begin() const { return Iterator(m_units); }
+  Iterator begin() const { return Iterator(m_Units); }
   std::default_sentinel_t end() const { return {}; }
 
  private:
-  std::span<wchar_t> m_units;
+  std::span<wchar_t> m_Units;
 };

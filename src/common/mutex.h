@@ -35,5 +35,5 @@ class CORVEL_TOOLKIT_API CMutex {
   long Unlock();
 
  private:
-  void* m_handle;
+  void* m_Handle;
 };

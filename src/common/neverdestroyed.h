@@ -7,13 +7,13 @@
 template <typename T>
 class NeverDestroyed {
  public:
-  NeverDestroyed() { ::new (static_cast<void*>(m_storage)) T(); }
+  NeverDestroyed() { ::new (static_cast<void*>(m_Storage)) T(); }
   NeverDestroyed(const NeverDestroyed&) = delete;
   NeverDestroyed& operator=(const NeverDestroyed&) = delete;
 
-  T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_storage)); }
+  T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_Storage)); }
   T* operator->() noexcept { return &**this; }
 
  private:
-  alignas(T) unsigned char m_storage[sizeof(T)];
+  alignas(T) unsigned char m_Storage[sizeof(T)];
 };

@@ -33,9 +33,9 @@ std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
 class RefusedFormatsOnlyFail {
 #if defined(_UCRT) || (defined(_MSC_VER) && _MSC_VER >= 1900)
  public:
-  RefusedFormatsOnlyFail() : m_before(::_set_thread_local_invalid_parameter_handler(&LetItFail)) {}
+  RefusedFormatsOnlyFail() : m_Before(::_set_thread_local_invalid_parameter_handler(&LetItFail)) {}
   ~RefusedFormatsOnlyFail() {
-    ::_set_thread_local_invalid_parameter_handler(m_before);
+    ::_set_thread_local_invalid_parameter_handler(m_Before);
   }
   RefusedFormatsOnlyFail(const RefusedFormatsOnlyFail&) = delete;
   RefusedFormatsOnlyFail& operator=(const RefusedFormatsOnlyFail&) = delete;
@@ -44,7 +44,7 @@ class RefusedFormatsOnlyFail {
   static void __cdecl LetItFail(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int,
                                 std::uintptr_t) {}
 
-  _invalid_parameter_handler m_before;
+  _invalid_parameter_handler m_Before;
 #else
  public:
   RefusedFormatsOnlyFail() {}

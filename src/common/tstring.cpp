@@ -37,15 +37,15 @@ int InsertUnits(std::wstring& target, int pos, const std::wstring& text, int cou
 
 CTString::CTString() = default;
 
-CTString::CTString(int number) : m_wideText(std::to_wstring(number)) {}
+CTString::CTString(int number) : m_WideText(std::to_wstring(number)) {}
 
-CTString::CTString(const char* text) : m_wideText(Decode(text)) {}
+CTString::CTString(const char* text) : m_WideText(Decode(text)) {}
 
-CTString::CTString(const wchar_t* text) : m_wideText(Copy(text)) {}
+CTString::CTString(const wchar_t* text) : m_WideText(Copy(text)) {}
 
-CTString::CTString(std::string text) : m_wideText(WideFromUtf8(text)) {}
+CTString::CTString(std::string text) : m_WideText(WideFromUtf8(text)) {}
 
-CTString::CTString(std::wstring text) : m_wideText(std::move(text)) {}
+CTString::CTString(std::wstring text) : m_WideText(std::move(text)) {}
 
 CTString::CTString(const CTString& other) = default;
 
@@ -54,63 +54,63 @@ CTString& CTString::operator=(const CTString& other) = default;
 CTString::~CTString() = default;
 
 bool CTString::operator==(const CTString& other) const {
-  return m_wideText == other.m_wideText;
+  return m_WideText == other.m_WideText;
 }
 
 bool CTString::operator==(const wchar_t* other) const {
-  return other != nullptr && m_wideText == other;
+  return other != nullptr && m_WideText == other;
 }
 
 bool CTString::operator==(const char* other) const {
-  return other != nullptr && m_wideText == Decode(other);
+  return other != nullptr && m_WideText == Decode(other);
 }
 
 int CTString::Compare(const CTString& other) const {
-  const int order = m_wideText.compare(other.m_wideText);
+  const int order = m_WideText.compare(other.m_WideText);
   return (order > 0) - (order < 0);
 }
 
 CTString::operator std::string() {
-  return Utf8FromWide(m_wideText);
+  return Utf8FromWide(m_WideText);
 }
 
 CTString::operator std::wstring() {
-  return m_wideText;
+  return m_WideText;
 }
 
 CTString::operator const char*() {
-  m_narrowText = Utf8FromWide(m_wideText);
-  return m_narrowText.c_str();
+  m_NarrowText = Utf8FromWide(m_WideText);
+  return m_NarrowText.c_str();
 }
 
 CTString::operator const wchar_t*() const {
-  return m_wideText.c_str();
+  return m_WideText.c_str();
 }
 
 CTString CTString::operator+(const CTString& other) const {
-  return CTString(m_wideText + other.m_wideText);
+  return CTString(m_WideText + other.m_WideText);
 }
 
 CTString CTString::operator+(const char* other) const {
-  return CTString(m_wideText + Decode(other));
+  return CTString(m_WideText + Decode(other));
 }
 
 CTString CTString::operator+(const wchar_t* other) const {
-  return CTString(m_wideText + Copy(other));
+  return CTString(m_WideText + Copy(other));
 }
 
 CTString& CTString::operator+=(const CTString& other) {
-  m_wideText += other.m_wideText;
+  m_WideText += other.m_WideText;
   return *this;
 }
 
 CTString& CTString::operator+=(const char* other) {
-  m_wideText += Decode(other);
+  m_WideText += Decode(other);
   return *this;
 }
 
 CTString& CTString::operator+=(const wchar_t* other) {
-  m_wideText += Copy(other);
+  m_WideText += Copy(other);
   return *this;
 }
 
@@ -127,57 +127,57 @@ void CTString::Append(const wchar_t* other) {
 }
 
 int CTString::Insert(int pos, const char* text, int count) {
-  return text == nullptr ? GetLength() : InsertUnits(m_wideText, pos, Decode(text), count);
+  return text == nullptr ? GetLength() : InsertUnits(m_WideText, pos, Decode(text), count);
 }
 
 int CTString::Insert(int pos, const wchar_t* text, int count) {
-  return text == nullptr ? GetLength() : InsertUnits(m_wideText, pos, Copy(text), count);
+  return text == nullptr ? GetLength() : InsertUnits(m_WideText, pos, Copy(text), count);
 }
 
 const wchar_t* CTString::Erase(int pos, int count) {
-  m_wideText.erase(Size(pos), Size(count));
-  return m_wideText.c_str();
+  m_WideText.erase(Size(pos), Size(count));
+  return m_WideText.c_str();
 }
 
 int CTString::Find(const wchar_t* needle, int start) const {
   if (needle == nullptr) return -1;
-  return IndexOrNone(m_wideText.find(needle, Size(start)));
+  return IndexOrNone(m_WideText.find(needle, Size(start)));
 }
 
 int CTString::ReverseFind(const wchar_t* needle, int start) const {
   if (needle == nullptr) return -1;
-  return IndexOrNone(m_wideText.rfind(needle, Size(start)));
+  return IndexOrNone(m_WideText.rfind(needle, Size(start)));
 }
 
 CTString CTString::Replace(std::size_t pos, std::size_t count, CTString with) {
-  m_wideText.replace(pos, count, with.m_wideText);
+  m_WideText.replace(pos, count, with.m_WideText);
   return *this;
 }
 
 CTString CTString::SubStr(int start, int count) const {
-  return m_wideText.empty() ? CTString() : CTString(m_wideText.substr(Size(start), Size(count)));
+  return m_WideText.empty() ? CTString() : CTString(m_WideText.substr(Size(start), Size(count)));
 }
 
 const wchar_t* CTString::MakeUpper() {
-  std::ranges::transform(m_wideText, m_wideText.begin(),
+  std::ranges::transform(m_WideText, m_WideText.begin(),
                          [](wchar_t unit) { return static_cast<wchar_t>(std::towupper(unit)); });
-  return m_wideText.c_str();
+  return m_WideText.c_str();
 }
 
 const wchar_t* CTString::MakeLower() {
-  std::ranges::transform(m_wideText, m_wideText.begin(),
+  std::ranges::transform(m_WideText, m_WideText.begin(),
                          [](wchar_t unit) { return static_cast<wchar_t>(std::towlower(unit)); });
-  return m_wideText.c_str();
+  return m_WideText.c_str();
 }
 
 CTString& CTString::TrimLeft(const wchar_t* set) {
-  if (set != nullptr) m_wideText.erase(0, m_wideText.find_first_not_of(set));
+  if (set != nullptr) m_WideText.erase(0, m_WideText.find_first_not_of(set));
   return *this;
 }
 
 CTString& CTString::TrimRight(const wchar_t* set) {
   // No unit to keep gives npos, and npos + 1 is 0: everything goes.
-  if (set != nullptr) m_wideText.erase(m_wideText.find_last_not_of(set) + 1);
+  if (set != nullptr) m_WideText.erase(m_WideText.find_last_not_of(set) + 1);
   return *this;
 }
 
@@ -186,7 +186,7 @@ void CTString::Format(const char* format, ...) {
   va_start(arguments, format);
   const std::string printed = PrintNarrow(format, arguments).value_or(std::string());
   va_end(arguments);
-  m_wideText = WideFromUtf8(printed);
+  m_WideText = WideFromUtf8(printed);
 }
 
 void CTString::Format(const wchar_t* format, ...) {
@@ -195,24 +195,24 @@ void CTString::Format(const wchar_t* format, ...) {
   // The arguments may point into this very text, so it is replaced only when all is printed.
   std::wstring printed = PrintWide(format, arguments).value_or(std::wstring());
   va_end(arguments);
-  m_wideText = std::move(printed);
+  m_WideText = std::move(printed);
 }
 
 // The C runtime's own conversion: a number out of range is clamped, where the standard library throws.
 int CTString::ToInt() const {
-  return ::_wtoi(m_wideText.c_str());
+  return ::_wtoi(m_WideText.c_str());
 }
 
 int CTString::GetLength() const {
-  return static_cast<int>(m_wideText.size());
+  return static_cast<int>(m_WideText.size());
 }
 
 bool CTString::IsEmpty() const {
-  return m_wideText.empty();
+  return m_WideText.empty();
 }
 
 void CTString::Empty() {
-  m_wideText.clear();
+  m_WideText.clear();
 }
 
 void CTString::Clear() {
@@ -220,11 +220,11 @@ void CTString::Clear() {
 }
 
 const wchar_t* CTString::CharToWChar(const char* text) {
-  m_wideScratch = Decode(text);
-  return m_wideScratch.c_str();
+  m_WideScratch = Decode(text);
+  return m_WideScratch.c_str();
 }
 
 const char* CTString::WCharToChar(const wchar_t* text) {
-  m_narrowScratch = Utf8FromWide(Copy(text));
-  return m_narrowScratch.c_str();
+  m_NarrowScratch = Utf8FromWide(Copy(text));
+  return m_NarrowScratch.c_str();
 }

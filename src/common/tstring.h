@@ -138,10 +138,10 @@ class CORVEL_TOOLKIT_API CTString {
   const char* WCharToChar(const wchar_t* text);
 
  private:
-  std::wstring m_wideText;
-  std::string m_narrowText;
-  std::wstring m_wideScratch;
-  std::string m_narrowScratch;
+  std::wstring m_WideText;
+  std::string m_NarrowText;
+  std::wstring m_WideScratch;
+  std::string m_NarrowScratch;
 };
 
 #if defined(_MSC_VER)

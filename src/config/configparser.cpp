@@ -118,97 +118,97 @@ int LeadingNumber(const wchar_t* text) {
 
 }  // namespace
 
-CConfigParser* CConfigParser::m_instance = nullptr;
+CConfigParser* CConfigParser::m_Instance = nullptr;
 
 CConfigParser* CConfigParser::GetInstance() {
-  if (m_instance != nullptr) return m_instance;
+  if (m_Instance != nullptr) return m_Instance;
   const HRESULT entered = EnterComAndMake();
   if (FAILED(entered)) {
     LOG_ERROR("COM initialization failed with: %x", static_cast<unsigned int>(entered));
     return nullptr;
   }
-  if (m_instance == nullptr) return nullptr;
+  if (m_Instance == nullptr) return nullptr;
   try {
-    m_instance->Init();
+    m_Instance->Init();
   } catch (...) {
     // Out of memory: half an instance would pass for a whole one the next time.
     ReleaseInstance();
     throw;
   }
-  return m_instance;
+  return m_Instance;
 }
 
 CConfigParser* CConfigParser::GetInstance_CmdLine() {
-  if (m_instance != nullptr) return m_instance;
+  if (m_Instance != nullptr) return m_Instance;
   const HRESULT entered = EnterComAndMake();
   if (FAILED(entered)) LOG_ERROR("COM initialization failed with: %x", static_cast<unsigned int>(entered));
-  return m_instance;
+  return m_Instance;
 }
 
 HRESULT CConfigParser::EnterComAndMake() {
   const HRESULT entered = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
   if (FAILED(entered)) return entered;
-  m_instance = new (std::nothrow) CConfigParser;
-  if (m_instance == nullptr) ::CoUninitialize();
+  m_Instance = new (std::nothrow) CConfigParser;
+  if (m_Instance == nullptr) ::CoUninitialize();
   return entered;
 }
 
 void CConfigParser::ReleaseInstance() {
-  if (m_instance == nullptr) return;
+  if (m_Instance == nullptr) return;
   // Anywhere else, leaving would take down an apartment that the host itself entered.
-  const bool leaveCom = m_instance->EnteredComOnThisThread();
-  delete m_instance;
-  m_instance = nullptr;
+  const bool leaveCom = m_Instance->EnteredComOnThisThread();
+  delete m_Instance;
+  m_Instance = nullptr;
   if (leaveCom) ::CoUninitialize();
 }
 
 void CConfigParser::ReleaseAtProcessExit() {
   // Not destroyed: that would release interfaces whose apartment is gone. The memory goes with the process.
-  m_instance = nullptr;
+  m_Instance = nullptr;
 }
 
 CTString CConfigParser::ConfiguredRegistryLocation() {
-  return m_instance == nullptr ? CTString() : m_instance->GetRegistryLocation();
+  return m_Instance == nullptr ? CTString() : m_Instance->GetRegistryLocation();
 }
 
 CTString CConfigParser::ConfiguredFirmwareFolder() {
-  return m_instance == nullptr ? CTString() : m_instance->GetFirmwareFolder();
+  return m_Instance == nullptr ? CTString() : m_Instance->GetFirmwareFolder();
 }
 
 CTString CConfigParser::ConfiguredIPCType() {
-  return m_instance == nullptr ? CTString(kUsb) : m_instance->GetIPCType();
+  return m_Instance == nullptr ? CTString(kUsb) : m_Instance->GetIPCType();
 }
 
 int CConfigParser::ConfiguredTraceLevel() {
-  return m_instance == nullptr ? 0 : m_instance->GetTraceLevel();
+  return m_Instance == nullptr ? 0 : m_Instance->GetTraceLevel();
 }
 
 int CConfigParser::ConfiguredRebootType() {
-  return m_instance == nullptr ? 0 : m_instance->GetRebootType();
+  return m_Instance == nullptr ? 0 : m_Instance->GetRebootType();
 }
 
 int CConfigParser::ConfiguredEraseMode() {
-  return m_instance == nullptr ? 0 : m_instance->GetEraseMode();
+  return m_Instance == nullptr ? 0 : m_Instance->GetEraseMode();
 }
 
 CConfigParser::CConfigParser()
-    : m_comThreadId(::GetCurrentThreadId()), m_comThread(::OpenThread(SYNCHRONIZE, FALSE, m_comThreadId)) {}
+    : m_ComThreadId(::GetCurrentThreadId()), m_ComThread(::OpenThread(SYNCHRONIZE, FALSE, m_ComThreadId)) {}
 
 CConfigParser::~CConfigParser() = default;
 
 bool CConfigParser::EnteredComOnThisThread() const {
-  return m_comThreadId == ::GetCurrentThreadId();
+  return m_ComThreadId == ::GetCurrentThreadId();
 }
 
 bool CConfigParser::Init() {
-  m_loaded = m_resourceLoaded = false;
+  m_Loaded = m_ResourceLoaded = false;
   ResetSettings();
-  for (const Key& key : kKeys) m_keys[key.text] = key.number;
+  for (const Key& key : kKeys) m_Keys[key.text] = key.number;
 
   const CTString folder = ProgramFolder();
   if (folder.IsEmpty()) return false;
-  m_fileName = kConfigFileName;
-  m_filePath = folder + m_fileName;
+  m_FileName = kConfigFileName;
+  m_FilePath = folder + m_FileName;
   CDebugLogger* const logger = CDebugLogger::GetInstance();
   const std::optional<std::string> logPath = LogPath(static_cast<const wchar_t*>(folder));
   if (logger != nullptr && logPath) logger->SetFileName(logPath->c_str());
@@ -216,18 +216,18 @@ bool CConfigParser::Init() {
 }
 
 void CConfigParser::ResetSettings() {
-  m_traceLevel = m_rebootType = m_eraseMode = 0;
-  m_registryLocation[0] = m_firmwareFolder[0] = m_ipcType[0] = L'\0';
+  m_TraceLevel = m_RebootType = m_EraseMode = 0;
+  m_RegistryLocation[0] = m_FirmwareFolder[0] = m_IpcType[0] = L'\0';
 }
 
 bool CConfigParser::LoadConfig(const wchar_t*) try {
-  if (m_loaded) return true;
+  if (m_Loaded) return true;
   LOG_TRACE("Start LoadConfig ++");
   LOG_TRACE("VERSION: %s", corvel::facts::kVersion);
 
-  const wchar_t* const path = m_filePath;
+  const wchar_t* const path = m_FilePath;
   if (!Exists(path)) {
-    LOG_ERROR("\t%s not exist, exit", Narrow(m_filePath).c_str());
+    LOG_ERROR("\t%s not exist, exit", Narrow(m_FilePath).c_str());
     return false;
   }
   const UniqueFile file = OpenForOneself(path);
@@ -243,10 +243,10 @@ bool CConfigParser::LoadConfig(const wchar_t*) try {
   if (std::ferror(file.get()) != 0) {
     // Half of the settings would start a service that nobody has configured.
     ResetSettings();
-    LOG_ERROR("\t%s could not be read to its end, none of its settings is used", Narrow(m_filePath).c_str());
+    LOG_ERROR("\t%s could not be read to its end, none of its settings is used", Narrow(m_FilePath).c_str());
     return false;
   }
-  m_loaded = true;
+  m_Loaded = true;
   return true;
 } catch (...) {
   // Out of memory on the way.
@@ -269,27 +269,27 @@ void CConfigParser::TakeLine(std::wstring_view line) {
 }
 
 void CConfigParser::SetConfigVar(const wchar_t* key, const wchar_t* value) {
-  const auto known = m_keys.find(key);
-  const int number = known == m_keys.end() ? kUnknownKey : known->second;
+  const auto known = m_Keys.find(key);
+  const int number = known == m_Keys.end() ? kUnknownKey : known->second;
   LOG_TRACE("\t get Config Var, %s : %s", Utf8FromWide(key).c_str(), Utf8FromWide(value).c_str());
   switch (number) {
     case kTraceLevel:
-      m_traceLevel = LeadingNumber(value);
+      m_TraceLevel = LeadingNumber(value);
       break;
     case kRegistryLocation:
-      CopyBounded(m_registryLocation, value);
+      CopyBounded(m_RegistryLocation, value);
       break;
     case kFirmwareFolder:
-      CopyBounded(m_firmwareFolder, value);
+      CopyBounded(m_FirmwareFolder, value);
       break;
     case kIpcType:
-      CopyBounded(m_ipcType, value);
+      CopyBounded(m_IpcType, value);
       break;
     case kRebootType:
-      m_rebootType = LeadingNumber(value);
+      m_RebootType = LeadingNumber(value);
       break;
     case kEraseMode:
-      m_eraseMode = LeadingNumber(value);
+      m_EraseMode = LeadingNumber(value);
       break;
     default:
       break;
@@ -297,58 +297,58 @@ void CConfigParser::SetConfigVar(const wchar_t* key, const wchar_t* value) {
 }
 
 CTString CConfigParser::GetIPCType() {
-  LOG_TRACE("++ IPCType: %s", Utf8FromWide(m_ipcType).c_str());
-  const wchar_t* const used = std::wcscmp(m_ipcType, kPcie) == 0 ? kPcie : kUsb;
+  LOG_TRACE("++ IPCType: %s", Utf8FromWide(m_IpcType).c_str());
+  const wchar_t* const used = std::wcscmp(m_IpcType, kPcie) == 0 ? kPcie : kUsb;
   LOG_TRACE("++ use IPCType: %s", Utf8FromWide(used).c_str());
   return CTString(used);
 }
 
 void CConfigParser::SetIPCType(const char* type) {
-  CopyBounded(m_ipcType, static_cast<const wchar_t*>(CTString(type)));
+  CopyBounded(m_IpcType, static_cast<const wchar_t*>(CTString(type)));
 }
 
 CTString CConfigParser::GetRegistryLocation() const {
-  return CTString(m_registryLocation);
+  return CTString(m_RegistryLocation);
 }
 
 CTString CConfigParser::GetFirmwareFolder() const {
-  return CTString(m_firmwareFolder);
+  return CTString(m_FirmwareFolder);
 }
 
 bool CConfigParser::LoadResource(const wchar_t* path) {
   LOG_TRACE("Start LoadResource");
   const CTString file(path);
-  if (!OpenDocument(file, VARIANT_FALSE, m_document)) {
+  if (!OpenDocument(file, VARIANT_FALSE, m_Document)) {
     LOG_ERROR_WITH_WIDE_TEXT("Could not Open %S", static_cast<const wchar_t*>(file));
     return false;
   }
   ComPtr<IXMLDOMElement> root;
-  HRESULT result = m_document->get_documentElement(root.GetAddressOf());
-  if (SUCCEEDED(result)) result = root == nullptr ? E_FAIL : m_resources.Read(root.Get());
+  HRESULT result = m_Document->get_documentElement(root.GetAddressOf());
+  if (SUCCEEDED(result)) result = root == nullptr ? E_FAIL : m_Resources.Read(root.Get());
   if (FAILED(result)) {
     LOG_ERROR_WITH_WIDE_TEXT("Could not read the elements of %S: %x", static_cast<const wchar_t*>(file),
                              HexOf(result));
     return false;
   }
-  m_resourceLoaded = true;
+  m_ResourceLoaded = true;
   return true;
 }
 
 bool CConfigParser::SaveConfig(const wchar_t* path) {
   LOG_TRACE("Start SaveConfig");
   const CTString file(path);
-  if (!OpenDocument(file, VARIANT_TRUE, m_document)) {
+  if (!OpenDocument(file, VARIANT_TRUE, m_Document)) {
     LOG_ERROR("Could not load %s", Narrow(file).c_str());
     return false;
   }
-  if (FAILED(CreateDocument(VARIANT_TRUE, m_formattedDocument)) ||
-      FAILED(FormatDocument(m_document.Get(), m_formattedDocument.Get()))) {
+  if (FAILED(CreateDocument(VARIANT_TRUE, m_FormattedDocument)) ||
+      FAILED(FormatDocument(m_Document.Get(), m_FormattedDocument.Get()))) {
     LOG_ERROR_WITH_WIDE_TEXT("Failed to format the document %S", static_cast<const wchar_t*>(file));
     return false;
   }
 
   ComPtr<IXMLDOMNode> declaration;
-  if (FAILED(FindDeclaration(m_formattedDocument.Get(), declaration)) || declaration == nullptr) {
+  if (FAILED(FindDeclaration(m_FormattedDocument.Get(), declaration)) || declaration == nullptr) {
     LOG_ERROR("Could not find child element");
     return false;
   }
@@ -369,7 +369,7 @@ bool CConfigParser::SaveConfig(const wchar_t* path) {
     return false;
   }
 
-  if (!SaveDocument(m_formattedDocument.Get(), file)) {
+  if (!SaveDocument(m_FormattedDocument.Get(), file)) {
     LOG_ERROR_WITH_WIDE_TEXT("Could not save %S", static_cast<const wchar_t*>(file));
     return false;
   }

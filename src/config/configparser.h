@@ -43,7 +43,7 @@ class CConfigParser {
   bool LoadConfig(const wchar_t* path);
   /// Stores one setting; texts are cut to 511 characters. An unknown key changes nothing.
   void SetConfigVar(const wchar_t* key, const wchar_t* value);
-  bool IsLoaded() const { return m_loaded; }
+  bool IsLoaded() const { return m_Loaded; }
 
   /// "PCIE" when exactly that is configured, else "USB".
   CTString GetIPCType();
@@ -51,9 +51,9 @@ class CConfigParser {
   void SetIPCType(const char* type);
   CTString GetRegistryLocation() const;
   CTString GetFirmwareFolder() const;
-  int GetTraceLevel() const { return m_traceLevel; }
-  int GetRebootType() const { return m_rebootType; }
-  int GetEraseMode() const { return m_eraseMode; }
+  int GetTraceLevel() const { return m_TraceLevel; }
+  int GetRebootType() const { return m_RebootType; }
+  int GetEraseMode() const { return m_EraseMode; }
 
   /// Reads the names and texts of the children of an XML file's root element. COM must be initialised on the
   /// calling thread, here and for SaveConfig.
@@ -62,8 +62,8 @@ class CConfigParser {
   /// Rewrites an XML file in a readable form, indented and in UTF-8; FormatDocument says what may change.
   /// @return false when any step failed; the file is then as it was.
   bool SaveConfig(const wchar_t* path);
-  bool IsResourceLoaded() const { return m_resourceLoaded; }
-  const CElementTree& Resources() const { return m_resources; }
+  bool IsResourceLoaded() const { return m_ResourceLoaded; }
+  const CElementTree& Resources() const { return m_Resources; }
 
  private:
   CConfigParser();
@@ -73,23 +73,23 @@ class CConfigParser {
   void ResetSettings();
   void TakeLine(std::wstring_view line);
 
-  static CConfigParser* m_instance;
+  static CConfigParser* m_Instance;
 
-  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_document;
-  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_formattedDocument;
-  CElementTree m_resources;
-  std::map<std::wstring, int> m_keys;
-  CTString m_fileName;
-  CTString m_filePath;
-  bool m_loaded = false;
-  bool m_resourceLoaded = false;
-  int m_traceLevel = 0;
-  int m_rebootType = 0;
-  int m_eraseMode = 0;
-  wchar_t m_registryLocation[512]{};
-  wchar_t m_firmwareFolder[512]{};
-  wchar_t m_ipcType[512]{};
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_Document;
+  Microsoft::WRL::ComPtr<IXMLDOMDocument> m_FormattedDocument;
+  CElementTree m_Resources;
+  std::map<std::wstring, int> m_Keys;
+  CTString m_FileName;
+  CTString m_FilePath;
+  bool m_Loaded = false;
+  bool m_ResourceLoaded = false;
+  int m_TraceLevel = 0;
+  int m_RebootType = 0;
+  int m_EraseMode = 0;
+  wchar_t m_RegistryLocation[512]{};
+  wchar_t m_FirmwareFolder[512]{};
+  wchar_t m_IpcType[512]{};
   // The open thread keeps the system from giving its id to another one.
-  DWORD m_comThreadId;
-  UniqueHandle m_comThread;
+  DWORD m_ComThreadId;
+  UniqueHandle m_ComThread;
 };

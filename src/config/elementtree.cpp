@@ -19,13 +19,13 @@ HRESULT CElementTree::Read(IXMLDOMElement* element) {
     if (FAILED(result)) return result;
     entries.insert_or_assign(name.Text(), std::wstring(text.Text()));
   }
-  m_entries = std::move(entries);
+  m_Entries = std::move(entries);
   return S_OK;
 }
 
 bool CElementTree::GetBoolean(const std::wstring& name, bool fallback) const {
-  const auto entry = m_entries.find(name);
-  if (entry == m_entries.end()) return fallback;
+  const auto entry = m_Entries.find(name);
+  if (entry == m_Entries.end()) return fallback;
   if (entry->second == L"true" || entry->second == L"TRUE") return true;
   if (entry->second == L"false" || entry->second == L"FALSE") return false;
   return fallback;

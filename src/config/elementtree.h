@@ -18,8 +18,8 @@ class CElementTree {
   /// missing entry, gives the caller's default.
   bool GetBoolean(const std::wstring& name, bool fallback) const;
 
-  const Store& Entries() const { return m_entries; }
+  const Store& Entries() const { return m_Entries; }
 
  private:
-  Store m_entries;
+  Store m_Entries;
 };

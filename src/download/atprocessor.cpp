@@ -45,24 +45,24 @@ std::atomic<std::uint32_t> g_latestRead{0};
 /// The number of a read, and the time at which it ends at the latest.
 class ReadTimeLimit {
  public:
-  ReadTimeLimit() : m_read(++g_latestRead), m_end(::GetTickCount64() + kReadTimeLimitMs) {}
+  ReadTimeLimit() : m_Read(++g_latestRead), m_End(::GetTickCount64() + kReadTimeLimitMs) {}
 
   /// Starts the thread that ends the read. One that comes back after its read leaves later ones alone.
   void Start() const {
     // Without a thread IsOver ends the read all the same.
     StartWorker(
-        [read = m_read] {
+        [read = m_Read] {
           ::Sleep(kReadTimeLimitMs);
           if (g_latestRead == read) g_breakFromRead = 1;
         },
         WorkerStack::Default);
   }
 
-  bool IsOver() const { return g_breakFromRead != 0 || ::GetTickCount64() >= m_end; }
+  bool IsOver() const { return g_breakFromRead != 0 || ::GetTickCount64() >= m_End; }
 
  private:
-  std::uint32_t m_read;
-  ULONGLONG m_end;
+  std::uint32_t m_Read;
+  ULONGLONG m_End;
 };
 
 /// Looks for the end of a reply. Each batch of bytes has a watch of its own: an end that two batches share
@@ -72,16 +72,16 @@ class ReplyEndWatch {
   enum class Sight { Nothing, Ok, Error };
 
   Sight See(char byte) {
-    const bool ok = byte == 'K' && m_previous == 'O';
-    const bool error = byte == 'R' && ++m_rs == kRsOfError;
-    m_previous = byte;
+    const bool ok = byte == 'K' && m_Previous == 'O';
+    const bool error = byte == 'R' && ++m_Rs == kRsOfError;
+    m_Previous = byte;
     if (ok) return Sight::Ok;
     return error ? Sight::Error : Sight::Nothing;
   }
 
  private:
-  char m_previous = '\0';
-  int m_rs = 0;
+  char m_Previous = '\0';
+  int m_Rs = 0;
 };
 
 /// All decimal digits of the text as one number.
@@ -105,7 +105,7 @@ NeverDestroyed<TheProcessor> g_processor;
 }  // namespace
 
 ATProcessor::ATProcessor() {
-  ::InitializeCriticalSection(&m_section);
+  ::InitializeCriticalSection(&m_Section);
 }
 
 ATProcessor* ATProcessor::GetInstance() {
@@ -168,22 +168,22 @@ int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* resp
 }
 
 bool ATProcessor::openPort(const char* fileName) {
-  ::EnterCriticalSection(&m_section);
-  m_port = ::CreateFileA(fileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-  if (m_port == INVALID_HANDLE_VALUE || !configurePort()) {
+  ::EnterCriticalSection(&m_Section);
+  m_Port = ::CreateFileA(fileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (m_Port == INVALID_HANDLE_VALUE || !configurePort()) {
     // Intended, do not tidy: a failed open keeps the section owned by this thread and the port open, and
     // the next open overwrites the handle. Later attempts fail the way they are known to.
     return false;
   }
-  ::PurgeComm(m_port, kPurgeAll);
-  ::LeaveCriticalSection(&m_section);
+  ::PurgeComm(m_Port, kPurgeAll);
+  ::LeaveCriticalSection(&m_Section);
   return true;
 }
 
 bool ATProcessor::configurePort() {
   DCB settings{};
   settings.DCBlength = sizeof settings;
-  if (!::GetCommState(m_port, &settings)) return false;
+  if (!::GetCommState(m_Port, &settings)) return false;
   settings.BaudRate = CBR_115200;
   settings.ByteSize = 8;
   settings.Parity = NOPARITY;
@@ -191,34 +191,34 @@ bool ATProcessor::configurePort() {
   settings.fDtrControl = DTR_CONTROL_ENABLE;
   settings.fRtsControl = RTS_CONTROL_ENABLE;
   settings.fOutX = TRUE;
-  return ::SetCommState(m_port, &settings) && ::GetCommState(m_port, &settings);
+  return ::SetCommState(m_Port, &settings) && ::GetCommState(m_Port, &settings);
 }
 
 void ATProcessor::closePort() {
-  const HANDLE port = m_port.exchange(INVALID_HANDLE_VALUE);
+  const HANDLE port = m_Port.exchange(INVALID_HANDLE_VALUE);
   if (port != INVALID_HANDLE_VALUE) ::CloseHandle(port);
 }
 
 bool ATProcessor::writeCmd(const char* command, std::uint32_t length) {
-  if (m_port == INVALID_HANDLE_VALUE) {
+  if (m_Port == INVALID_HANDLE_VALUE) {
     LOG_ERROR("%s comm is not opened\n", QUALIFIED_FUNCTION);
     return false;
   }
-  ::EnterCriticalSection(&m_section);
-  ::PurgeComm(m_port, kPurgeAll);
+  ::EnterCriticalSection(&m_Section);
+  ::PurgeComm(m_Port, kPurgeAll);
   for (std::uint32_t i = 0; i < length; ++i) LOG_WARNING("send command 0x%2x\n", Unsigned(command[i]));
 
   // The count does not matter: a driver's own time-out may cut it short and still report success.
   DWORD written = 0;
-  if (!::WriteFile(m_port, command, length, &written, nullptr)) {
+  if (!::WriteFile(m_Port, command, length, &written, nullptr)) {
     const DWORD error = ::GetLastError();
-    ::PurgeComm(m_port, kPurgeAfterFailure);
-    ::LeaveCriticalSection(&m_section);
+    ::PurgeComm(m_Port, kPurgeAfterFailure);
+    ::LeaveCriticalSection(&m_Section);
     LOG_ERROR("%s write at command failed with error 0x%x\n", QUALIFIED_FUNCTION,
               static_cast<unsigned>(error));
     return false;
   }
-  ::LeaveCriticalSection(&m_section);
+  ::LeaveCriticalSection(&m_Section);
   LOG_ERROR("%s write at command success\n", QUALIFIED_FUNCTION);
   return true;
 }
@@ -229,10 +229,10 @@ int ATProcessor::readResponse(char* buffer, std::uint32_t* length) {
   g_breakFromRead = 0;
   LOG_TRACE("%s ++\n", QUALIFIED_FUNCTION);
 
-  ::EnterCriticalSection(&m_section);
+  ::EnterCriticalSection(&m_Section);
   if (timeLimit.IsOver()) {
     *length = 0;
-    ::LeaveCriticalSection(&m_section);
+    ::LeaveCriticalSection(&m_Section);
     return kOk;
   }
   std::uint32_t stored = 0;
@@ -247,7 +247,7 @@ int ATProcessor::readResponse(char* buffer, std::uint32_t* length) {
   }
   if (stored == *length) g_breakFromRead = 1;
   *length = stored;
-  ::LeaveCriticalSection(&m_section);
+  ::LeaveCriticalSection(&m_Section);
   LOG_TRACE("%s --\n", QUALIFIED_FUNCTION);
   return kOk;
 }
@@ -279,13 +279,13 @@ std::uint32_t ATProcessor::readBatch(std::uint32_t waiting, char* buffer, std::u
 std::uint32_t ATProcessor::bytesWaiting() {
   DWORD errors = 0;
   COMSTAT status{};
-  return ::ClearCommError(m_port, &errors, &status) ? status.cbInQue : 0;
+  return ::ClearCommError(m_Port, &errors, &status) ? status.cbInQue : 0;
 }
 
 bool ATProcessor::readByte(char* byte) {
   DWORD read = 0;
-  if (!::ReadFile(m_port, byte, 1, &read, nullptr)) {
-    ::PurgeComm(m_port, kPurgeAfterFailure);
+  if (!::ReadFile(m_Port, byte, 1, &read, nullptr)) {
+    ::PurgeComm(m_Port, kPurgeAfterFailure);
     return false;
   }
   return read == 1;

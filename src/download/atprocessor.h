@@ -51,6 +51,6 @@ class ATProcessor {
   bool configurePort();
   std::uint32_t readBatch(std::uint32_t waiting, char* buffer, std::uint32_t room);
 
-  std::atomic<HANDLE> m_port{INVALID_HANDLE_VALUE};
-  CRITICAL_SECTION m_section;
+  std::atomic<HANDLE> m_Port{INVALID_HANDLE_VALUE};
+  CRITICAL_SECTION m_Section;
 };

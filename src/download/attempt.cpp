@@ -26,20 +26,20 @@ NeverDestroyed<Slot> g_present;
 /// and end the process when there is none.
 class AttemptOfThread {
  public:
-  AttemptOfThread() noexcept : m_slot(::TlsAlloc()) {}
-  ~AttemptOfThread() { ::TlsFree(m_slot); }
+  AttemptOfThread() noexcept : m_Slot(::TlsAlloc()) {}
+  ~AttemptOfThread() { ::TlsFree(m_Slot); }
   AttemptOfThread(const AttemptOfThread&) = delete;
   AttemptOfThread& operator=(const AttemptOfThread&) = delete;
 
   Attempt* Get() const noexcept {
     const LastErrorKeeper keep;
-    return static_cast<Attempt*>(::TlsGetValue(m_slot));
+    return static_cast<Attempt*>(::TlsGetValue(m_Slot));
   }
   /// @return false, with the last error set, when there is no slot or no memory for it.
-  bool Set(Attempt* attempt) const noexcept { return ::TlsSetValue(m_slot, attempt) != FALSE; }
+  bool Set(Attempt* attempt) const noexcept { return ::TlsSetValue(m_Slot, attempt) != FALSE; }
 
  private:
-  DWORD m_slot;
+  DWORD m_Slot;
 };
 const AttemptOfThread g_attemptOfThread;
 
@@ -57,31 +57,31 @@ void Attempt::SetPresent(std::shared_ptr<Attempt> attempt) {
 }
 
 Attempt::ThreadScope::ThreadScope(Attempt& attempt)
-    : m_outer(g_attemptOfThread.Get()), m_noted(g_attemptOfThread.Set(&attempt)) {}
+    : m_Outer(g_attemptOfThread.Get()), m_Noted(g_attemptOfThread.Set(&attempt)) {}
 
 Attempt::ThreadScope::~ThreadScope() {
-  if (m_noted) g_attemptOfThread.Set(m_outer);
+  if (m_Noted) g_attemptOfThread.Set(m_Outer);
 }
 
 void Attempt::Abandon() {
-  const ScopedLock lock(m_abandonLock);
-  m_abandoned = true;
+  const ScopedLock lock(m_AbandonLock);
+  m_Abandoned = true;
 }
 
 const FunctionTable& Attempt::Library() const {
-  return m_library == nullptr ? kNothing : m_library->functions;
+  return m_Library == nullptr ? kNothing : m_Library->functions;
 }
 
 void Attempt::SetChannel(std::uint8_t channel) {
-  m_channel = channel;
+  m_Channel = channel;
   UnlessAbandoned([channel] { FlashChannel::SetLast(channel); });
 }
 
 FlashChannel::Claim Attempt::TakeChannel() {
   auto claim = FlashChannel::Claim::Refused;
   UnlessAbandoned([&] {
-    claim = FlashChannel::Take(m_number);
-    m_channelTaken = claim != FlashChannel::Claim::Refused;
+    claim = FlashChannel::Take(m_Number);
+    m_ChannelTaken = claim != FlashChannel::Claim::Refused;
   });
   return claim;
 }
@@ -89,17 +89,17 @@ FlashChannel::Claim Attempt::TakeChannel() {
 int Attempt::GetAbsoluteProgress(const char* statusText) {
   // Not atoi: leading blanks and signs count as no number here.
   const int itemPercent = ::StrToIntW(CTString(statusText));
-  if (const auto step = m_progress.Report(itemPercent)) {
+  if (const auto step = m_Progress.Report(itemPercent)) {
     LOG_TRACE_AS(kGetAbsoluteProgress,
                  "\t downloadProgress:%d, m_DownloadingFile->getNofProgressBars():%d, "
                  "m_ProgressBars:%d,totalProgress:%d  ",
-                 itemPercent, static_cast<int>(step->itemBars), static_cast<int>(m_progress.AllBars()),
+                 itemPercent, static_cast<int>(step->itemBars), static_cast<int>(m_Progress.AllBars()),
                  step->scaled);
     LOG_TRACE_AS(kGetAbsoluteProgress, "\t actualProgress:%d, m_LastProgressUpdate:%d", step->delta,
-                 m_progress.LastUpdate());
+                 m_Progress.LastUpdate());
   }
-  LOG_TRACE_AS(kGetAbsoluteProgress, "\t return m_CurrentProgress:%d", m_progress.Current());
-  return m_progress.Overall();
+  LOG_TRACE_AS(kGetAbsoluteProgress, "\t return m_CurrentProgress:%d", m_Progress.Current());
+  return m_Progress.Overall();
 }
 
 }  // namespace corvel

@@ -34,30 +34,30 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
 
     /// False, with the last error set, when the system had no room to note it: what the library reports on
     /// this thread could not be told from the news of another attempt.
-    bool IsNoted() const { return m_noted; }
+    bool IsNoted() const { return m_Noted; }
 
    private:
-    Attempt* m_outer;
-    bool m_noted;
+    Attempt* m_Outer;
+    bool m_Noted;
   };
 
   void Abandon();
   /// True once a newer attempt may be running.
-  bool IsAbandoned() const { return m_abandoned; }
-  const std::atomic<bool>& Abandoned() const { return m_abandoned; }
+  bool IsAbandoned() const { return m_Abandoned; }
+  const std::atomic<bool>& Abandoned() const { return m_Abandoned; }
   /// Does `step` unless the attempt is abandoned, and keeps it from being abandoned meanwhile.
   template <typename Step>
   void UnlessAbandoned(Step step) {
-    const ScopedLock lock(m_abandonLock);
-    if (!m_abandoned) step();
+    const ScopedLock lock(m_AbandonLock);
+    if (!m_Abandoned) step();
   }
 
   /// Binds the attempt to a library for good; null when there was no memory for one.
-  void SetLibrary(std::shared_ptr<FlashLibrary> library) { m_library = std::move(library); }
+  void SetLibrary(std::shared_ptr<FlashLibrary> library) { m_Library = std::move(library); }
   /// The functions of this attempt's library; none when it could not be bound.
   const FunctionTable& Library() const;
   /// Where the library writes its reasons.
-  char* Status() { return m_status.data(); }
+  char* Status() { return m_Status.data(); }
   /// Calls into the flashing library. @return nothing when it lacks the function, or the attempt was given
   /// up.
   template <typename Function, typename... Arguments>
@@ -73,28 +73,28 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   }
 
   /// A number that no other attempt has.
-  std::uint64_t Number() const { return m_number; }
+  std::uint64_t Number() const { return m_Number; }
   /// The channel of the last attempt until this one has its own: a session that fails before its boot closes
   /// that one.
-  std::uint8_t Channel() const { return m_channel; }
+  std::uint8_t Channel() const { return m_Channel; }
   void SetChannel(std::uint8_t channel);
   /// Tries to become the one that works on the library's channel. Refused to an abandoned attempt.
   FlashChannel::Claim TakeChannel();
-  bool HasTakenChannel() const { return m_channelTaken; }
+  bool HasTakenChannel() const { return m_ChannelTaken; }
 
-  corvel::Progress& Progress() { return m_progress; }
+  corvel::Progress& Progress() { return m_Progress; }
   /// Overall percentage, 0 to 100, from the present item's percentage as the library's callback reports it.
   int GetAbsoluteProgress(const char* statusText);
 
  private:
-  std::atomic<bool> m_abandoned{false};
-  SRWLOCK m_abandonLock = SRWLOCK_INIT;
-  std::shared_ptr<FlashLibrary> m_library;
-  StatusText m_status{};
-  const std::uint64_t m_number = FlashChannel::NewAttempt();
-  std::atomic<std::uint8_t> m_channel{FlashChannel::Last()};
-  std::atomic<bool> m_channelTaken{false};
-  corvel::Progress m_progress;
+  std::atomic<bool> m_Abandoned{false};
+  SRWLOCK m_AbandonLock = SRWLOCK_INIT;
+  std::shared_ptr<FlashLibrary> m_Library;
+  StatusText m_Status{};
+  const std::uint64_t m_Number = FlashChannel::NewAttempt();
+  std::atomic<std::uint8_t> m_Channel{FlashChannel::Last()};
+  std::atomic<bool> m_ChannelTaken{false};
+  corvel::Progress m_Progress;
 };
 
 }  // namespace corvel

@@ -96,8 +96,8 @@ UniqueBstr InterfaceIdOf(IMbnInterface* mbnInterface) {
 /// retired sink records nothing, for what it hears may come after the last reader or meet a newer sink.
 class CMbnSinks::Handling {
  public:
-  explicit Handling(CMbnSinks& sink) : m_sink(sink) { ++m_sink.m_callsInProgress; }
-  ~Handling() { --m_sink.m_callsInProgress; }
+  explicit Handling(CMbnSinks& sink) : m_Sink(sink) { ++m_Sink.m_CallsInProgress; }
+  ~Handling() { --m_Sink.m_CallsInProgress; }
   Handling(const Handling&) = delete;
   Handling& operator=(const Handling&) = delete;
 
@@ -109,7 +109,7 @@ class CMbnSinks::Handling {
     Interface* released = object;
     {
       const ScopedLock lock(g_recordLock);
-      if (!m_sink.m_retired) released = std::exchange(slot, object);
+      if (!m_Sink.m_Retired) released = std::exchange(slot, object);
     }
     if (released != nullptr) released->Release();
     return S_OK;
@@ -117,18 +117,18 @@ class CMbnSinks::Handling {
 
   void Keep(std::vector<BYTE>& slot, std::vector<BYTE> bytes) const {
     const ScopedLock lock(g_recordLock);
-    if (!m_sink.m_retired) slot.swap(bytes);
+    if (!m_Sink.m_Retired) slot.swap(bytes);
   }
 
   void KeepCount(std::size_t supportedCommands) const {
     const ScopedLock lock(g_recordLock);
-    if (!m_sink.m_retired) g_ulNumberSupportedCommands = static_cast<ULONG>(supportedCommands);
+    if (!m_Sink.m_Retired) g_ulNumberSupportedCommands = static_cast<ULONG>(supportedCommands);
   }
 
   /// Records the status of a completion, then sets its event, if it has one.
   HRESULT Completed(HRESULT status, const HANDLE* event = nullptr) const {
     const ScopedLock lock(g_recordLock);
-    if (m_sink.m_retired) return S_OK;
+    if (m_Sink.m_Retired) return S_OK;
     g_LastStatus = status;
     if (event != nullptr && *event != nullptr) ::SetEvent(*event);
     return S_OK;
@@ -136,17 +136,17 @@ class CMbnSinks::Handling {
 
   /// Tells the client what it asked to be told.
   void Tell(ULONG kind, const UniqueBstr& id, const std::vector<BYTE>& bytes) const {
-    m_sink.m_hooks.onNotification(kind, id == nullptr ? L"" : id.get(), bytes.data(),
+    m_Sink.m_Hooks.onNotification(kind, id == nullptr ? L"" : id.get(), bytes.data(),
                                   static_cast<ULONG>(bytes.size()));
   }
 
  private:
-  CMbnSinks& m_sink;
+  CMbnSinks& m_Sink;
 };
 
 CMbnSinks::CMbnSinks() {
   for (HANDLE* event : kEvents) *event = nullptr;
-  std::ranges::copy(kDisplayName, m_displayName.begin());
+  std::ranges::copy(kDisplayName, m_DisplayName.begin());
 }
 
 CMbnSinks::~CMbnSinks() = default;
@@ -173,7 +173,7 @@ HRESULT CMbnSinks::DeInitilazation() {
 
 MbnKeptObjects CMbnSinks::Retire() {
   const ScopedLock lock(g_recordLock);
-  m_retired = true;
+  m_Retired = true;
   return {TakeOut(g_MbnDeviceService), TakeOut(g_MbnConnection), TakeOut(g_MbnInterface), TakeOut(g_MbnRadio),
           TakeOut(g_MbnSignal)};
 }
@@ -188,8 +188,8 @@ void CMbnSinks::Disconnect() {
 
 /// Adds a reference if there are any. @return whether there are.
 bool CMbnSinks::AddRefToOthers() {
-  ULONG count = m_references;
-  while (count != 0 && !m_references.compare_exchange_weak(count, count + 1)) continue;
+  ULONG count = m_References;
+  while (count != 0 && !m_References.compare_exchange_weak(count, count + 1)) continue;
   return count != 0;
 }
 
@@ -215,7 +215,7 @@ HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {
   *object = found == std::end(bases) ? nullptr : found->base;
   if (*object == nullptr) return E_NOINTERFACE;
   // Who asks a retired sink is cutting it off: nothing is set any more.
-  if (iid == __uuidof(IUnknown) && !m_retired) {
+  if (iid == __uuidof(IUnknown) && !m_Retired) {
     LOG_TRACE("\t QueryInterface, set CMbnSinks as nofity object");
   }
   AddRef();
@@ -223,11 +223,11 @@ HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {
 }
 
 ULONG CMbnSinks::AddRef() {
-  return ++m_references;
+  return ++m_References;
 }
 
 ULONG CMbnSinks::Release() {
-  const ULONG left = --m_references;
+  const ULONG left = --m_References;
   // The sink stays: its owner deletes it when the notifications have been called off.
   if (left == 0) LOG_TRACE("\t ***** CMbnSinks::Release() ulNewRef=0\n");
   return left;
@@ -327,8 +327,8 @@ HRESULT CMbnSinks::OnScanNetworkComplete(IMbnInterface* newInterface, ULONG, HRE
 HRESULT CMbnSinks::OnInterfaceArrival(IMbnInterface* newInterface) {
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnInterfaceArrival Event\n");
-  if (m_hooks.onInterfaceArrival != nullptr) m_hooks.onInterfaceArrival(newInterface, 1);
-  if (m_hooks.wantedNotifications >= kInterfaceArrivalNotification && m_hooks.onNotification != nullptr) {
+  if (m_Hooks.onInterfaceArrival != nullptr) m_Hooks.onInterfaceArrival(newInterface, 1);
+  if (m_Hooks.wantedNotifications >= kInterfaceArrivalNotification && m_Hooks.onNotification != nullptr) {
     handling.Tell(kInterfaceArrivalNotification, InterfaceIdOf(newInterface), {});
   }
   return S_OK;
@@ -464,9 +464,9 @@ HRESULT CMbnSinks::OnEventNotification(IMbnDeviceService* deviceService, ULONG,
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnEventNotification Event\n");
   std::vector<BYTE> bytes = LogBytes(QUALIFIED_FUNCTION, deviceServiceData);
-  if ((m_hooks.wantedNotifications & kDeviceServiceNotification) != 0 && m_hooks.onNotification != nullptr) {
+  if ((m_Hooks.wantedNotifications & kDeviceServiceNotification) != 0 && m_Hooks.onNotification != nullptr) {
     handling.Tell(kDeviceServiceNotification, DeviceServiceIdOf(deviceService), bytes);
-    handling.Keep(m_hooks.deviceServiceData, std::move(bytes));
+    handling.Keep(m_Hooks.deviceServiceData, std::move(bytes));
   }
   return S_OK;
 }
@@ -496,7 +496,7 @@ HRESULT CMbnSinks::OnReadData(IMbnDeviceService* deviceService, SAFEARRAY* devic
   const Handling handling(*this);
   LOG_TRACE("\t *****Received OnReadData Event\n");
   LogBytes(QUALIFIED_FUNCTION, deviceServiceData);
-  if (m_hooks.onNotification != nullptr) {
+  if (m_Hooks.onNotification != nullptr) {
     handling.Tell(kDeviceServiceNotification, DeviceServiceIdOf(deviceService), {});
   }
   return S_OK;

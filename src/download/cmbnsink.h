@@ -97,9 +97,9 @@ class CMbnSinks final : public IMbnRadioEvents,
   /// Cuts off the stubs through which another apartment may still hold the sink. May wait for the service.
   void Disconnect();
   /// True when nobody refers to it or is in one of its handlers. A retired sink may be deleted then.
-  bool IsDeserted() const { return m_references == 0 && m_callsInProgress == 0; }
+  bool IsDeserted() const { return m_References == 0 && m_CallsInProgress == 0; }
 
-  MbnClientHooks& ClientHooks() { return m_hooks; }
+  MbnClientHooks& ClientHooks() { return m_Hooks; }
 
   /// For whoever keeps retired sinks: the one that was retired before this one.
   CMbnSinks* retiredBefore = nullptr;
@@ -204,11 +204,11 @@ class CMbnSinks final : public IMbnRadioEvents,
   bool AddRefToOthers();
   static constexpr std::size_t kLongestName = 64;
 
-  std::atomic<ULONG> m_references{0};
-  std::array<wchar_t, kLongestName> m_displayName{};
-  MbnClientHooks m_hooks;
-  std::atomic<int> m_callsInProgress{0};
-  std::atomic<bool> m_retired{false};
+  std::atomic<ULONG> m_References{0};
+  std::array<wchar_t, kLongestName> m_DisplayName{};
+  MbnClientHooks m_Hooks;
+  std::atomic<int> m_CallsInProgress{0};
+  std::atomic<bool> m_Retired{false};
 };
 
 #if defined(__GNUC__)

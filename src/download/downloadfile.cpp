@@ -43,9 +43,9 @@ const MemoryClass& FindMemoryClass(std::uint32_t code) {
 
 CDownloadFile::CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memoryClassCode,
                              std::string filePath, const CDownloadFile* firstItem, std::uint32_t itemIndex)
-    : m_flashTechnology(flashTechnology),
-      m_memoryClass(FindMemoryClass(memoryClassCode)),
-      m_filePath(std::move(filePath)),
-      m_firstItem(firstItem),
-      m_itemIndex(itemIndex),
-      m_tocName(std::string("|").append(std::to_string(m_itemIndex)).append("|").append(m_filePath)) {}
+    : m_FlashTechnology(flashTechnology),
+      m_MemoryClass(FindMemoryClass(memoryClassCode)),
+      m_FilePath(std::move(filePath)),
+      m_FirstItem(firstItem),
+      m_ItemIndex(itemIndex),
+      m_TocName(std::string("|").append(std::to_string(m_ItemIndex)).append("|").append(m_FilePath)) {}

@@ -19,23 +19,23 @@ class CDownloadFile {
   CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memoryClassCode, std::string filePath,
                 const CDownloadFile* firstItem, std::uint32_t itemIndex);
 
-  const MemoryClass& GetMemoryClass() const { return m_memoryClass; }
-  std::uint32_t GetFlashTechnology() const { return m_flashTechnology; }
+  const MemoryClass& GetMemoryClass() const { return m_MemoryClass; }
+  std::uint32_t GetFlashTechnology() const { return m_FlashTechnology; }
   /// The item that opens the same image; null for that item itself and for an NVM image.
-  const CDownloadFile* GetFirstItem() const { return m_firstItem; }
+  const CDownloadFile* GetFirstItem() const { return m_FirstItem; }
   /// Path of the image in UTF-8.
-  const std::string& GetFilePath() const { return m_filePath; }
+  const std::string& GetFilePath() const { return m_FilePath; }
   /// The name by which the flashing library knows the item: "|index|path".
-  const std::string& GetTocName() const { return m_tocName; }
+  const std::string& GetTocName() const { return m_TocName; }
 
   /// Progress steps of this item; 0 until the library was asked.
   std::uint32_t getNofProgressBars = 0;
 
  private:
-  std::uint32_t m_flashTechnology;
-  MemoryClass m_memoryClass;
-  std::string m_filePath;
-  const CDownloadFile* m_firstItem;
-  std::uint32_t m_itemIndex;
-  std::string m_tocName;
+  std::uint32_t m_FlashTechnology;
+  MemoryClass m_MemoryClass;
+  std::string m_FilePath;
+  const CDownloadFile* m_FirstItem;
+  std::uint32_t m_ItemIndex;
+  std::string m_TocName;
 };

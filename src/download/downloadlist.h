@@ -15,17 +15,17 @@ namespace corvel {
 class DownloadList {
  public:
   /// @param attempt outlives the list.
-  explicit DownloadList(Attempt& attempt) : m_attempt(attempt) {}
+  explicit DownloadList(Attempt& attempt) : m_Attempt(attempt) {}
 
   /// Names the images; either may be empty.
   void SetFiles(const CTString& firmwareFile, const CTString& custFile);
   /// Asks the library for the items of the images and puts them in order.
   bool Mark();
-  void Clear() { m_items.clear(); }
+  void Clear() { m_Items.clear(); }
 
-  const std::vector<std::unique_ptr<CDownloadFile>>& Items() const { return m_items; }
+  const std::vector<std::unique_ptr<CDownloadFile>>& Items() const { return m_Items; }
   /// The image that the target is booted with; empty without an item.
-  std::string BootFile() const { return m_items.empty() ? std::string() : m_items.front()->GetFilePath(); }
+  std::string BootFile() const { return m_Items.empty() ? std::string() : m_Items.front()->GetFilePath(); }
 
   // What the library says of an image. A refusal is logged under the name of the `function` that asks.
   bool QueryFlashTechnology(const char* function, const CTString& file, std::uint32_t& technology);
@@ -38,10 +38,10 @@ class DownloadList {
   CDownloadFile* Add(std::uint32_t technology, std::uint32_t memoryClass, const CTString& file,
                      const CDownloadFile* firstItem, std::uint32_t index);
 
-  Attempt& m_attempt;
-  CTString m_firmwareFile;
-  CTString m_custFile;
-  std::vector<std::unique_ptr<CDownloadFile>> m_items;
+  Attempt& m_Attempt;
+  CTString m_FirmwareFile;
+  CTString m_CustFile;
+  std::vector<std::unique_ptr<CDownloadFile>> m_Items;
 };
 
 }  // namespace corvel

@@ -51,7 +51,7 @@ bool RetryBudgetSpent() {
 }
 
 void FirmwareBoot::SpendRetry() {
-  m_attempt->UnlessAbandoned([] { ++Shared(*Service().retriesSpent); });
+  m_Attempt->UnlessAbandoned([] { ++Shared(*Service().retriesSpent); });
 }
 
 int FirmwareBoot::BootDeviceInFirmwareMode() {
@@ -71,7 +71,7 @@ bool FirmwareBoot::RequestReboot() {
     return false;
   }
   LOG_TRACE_AS(kBootDevice, "\t RebootModem OK, waiting for flash port");
-  m_searchFlashPort = true;
+  m_SearchFlashPort = true;
   return true;
 }
 
@@ -79,19 +79,19 @@ bool FirmwareBoot::FindFlashPort() {
   LOG_TRACE_AS(kBootDevice, "\t MBIM device NOT available.");
   if (!IsFlashPortPresent()) return false;
   LOG_TRACE_AS(kBootDevice, "\t Flash port available. Getting flash port path");
-  m_searchFlashPort = true;
+  m_SearchFlashPort = true;
   return true;
 }
 
 int FirmwareBoot::RebootModem() {
   LOG_TRACE_AS(kRebootModem, "RebootModem");
-  if (m_attempt->IsAbandoned()) return kRefused;
+  if (m_Attempt->IsAbandoned()) return kRefused;
   if (CConfigParser::ConfiguredRebootType() == kRebootByAtCommand) return RebootModemByXlog4();
   return static_cast<int>(RebootModemByMbimCmd());
 }
 
 HRESULT FirmwareBoot::RebootModemByMbimCmd() {
-  return RebootModemThroughMobileBroadband([this] { return m_attempt->IsAbandoned(); });
+  return RebootModemThroughMobileBroadband([this] { return m_Attempt->IsAbandoned(); });
 }
 
 int FirmwareBoot::RebootModemByXlog4() {
@@ -103,7 +103,7 @@ int FirmwareBoot::RebootModemByXlog4() {
 }
 
 bool FirmwareBoot::ControlBBrst() {
-  while (!m_attempt->IsAbandoned() && !RetryBudgetSpent()) {
+  while (!m_Attempt->IsAbandoned() && !RetryBudgetSpent()) {
     LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST, g_retry_times: %d",
                  static_cast<int>(Shared(*Service().retriesSpent)));
     SpendRetry();
@@ -111,7 +111,7 @@ bool FirmwareBoot::ControlBBrst() {
       LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST OK, waiting for flash port.");
       ReenumerateDeviceTreeAndSettle();
       ::Sleep(kPauseAfterResetMs);
-      m_searchFlashPort = true;
+      m_SearchFlashPort = true;
       return true;
     }
     LOG_ERROR_AS(kControlBBrst, "\t Call BB_RST FAIL. Retry after 5s.");
@@ -119,16 +119,16 @@ bool FirmwareBoot::ControlBBrst() {
     ::Sleep(kFurtherPauseAfterFailedResetMs);
   }
   // The budget is a newer attempt's by now.
-  if (m_attempt->IsAbandoned()) return false;
+  if (m_Attempt->IsAbandoned()) return false;
   LOG_ERROR_AS(kControlBBrst, "\t Call BB_RST %d times, reached maximum retry times!!!",
                static_cast<int>(Shared(*Service().retriesSpent)));
-  m_attempt->UnlessAbandoned([] { Shared(*Service().retriesSpent) = Shared(*Service().retryLimit) + 1; });
+  m_Attempt->UnlessAbandoned([] { Shared(*Service().retriesSpent) = Shared(*Service().retryLimit) + 1; });
   LOG_TRACE_AS(kControlBBrst, "\t ControlBBrst --");
   return false;
 }
 
 int FirmwareBoot::MonitorFlashPort() {
-  while (!m_attempt->IsAbandoned()) {
+  while (!m_Attempt->IsAbandoned()) {
     if (SearchFlashPort()) return kBootOk;
     SpendRetry();
     if (!IsResetAllowed() || !ControlBBrst()) return kBootFailed;
@@ -153,9 +153,9 @@ bool FirmwareBoot::SearchFlashPort() {
     return false;
   }
 
-  const DWORD waited = search->Wait(kFlashPortWaitMs, m_attempt->Abandoned());
+  const DWORD waited = search->Wait(kFlashPortWaitMs, m_Attempt->Abandoned());
   thread.reset();
-  m_searchFlashPort = false;
+  m_SearchFlashPort = false;
   m_COMPort = search->Port();
   if (waited == WAIT_TIMEOUT) LOG_ERROR_AS(kMonitorFlashPort, "\t Timeout in waiting for flash channel");
   if (waited == WAIT_OBJECT_0 && m_COMPort.IsEmpty())
@@ -169,7 +169,7 @@ bool FirmwareBoot::SearchFlashPort() {
 }
 
 int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
-  m_bootResult = kBootFailed;
+  m_BootResult = kBootFailed;
   UniqueHandle thread =
       StartWorker([boot = shared_from_this(), bootFile] { boot->InjectBootTargetThread(bootFile); });
   if (thread == nullptr) {
@@ -187,7 +187,7 @@ int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
     LOG_ERROR_AS(kInjectBootTarget, "\t InjectBootTargetThread timeout or other issue, return FINIAL_FAIL");
     return kBootFailed;
   }
-  switch (m_bootResult) {
+  switch (m_BootResult) {
     case kBootOk:
       LOG_TRACE_AS(kInjectBootTarget, "\t InjectBootTargetThread return OK");
       return kBootOk;
@@ -201,21 +201,21 @@ int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
 }
 
 int FirmwareBoot::InjectBootTargetThread(const std::string& bootFile) {
-  const Attempt::ThreadScope scope(*m_attempt);
+  const Attempt::ThreadScope scope(*m_Attempt);
   if (!scope.IsNoted()) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t TlsSetValue failed with: %d, %s --", LastErrorNumber(),
                  kInjectBootTargetThread);
-    m_bootResult = kBootFailed;
+    m_BootResult = kBootFailed;
     return kBootFailed;
   }
   if (bootFile.empty()) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t Boot File is NULL!, %s --", kInjectBootTargetThread);
-    m_bootResult = kBootFailed;
+    m_BootResult = kBootFailed;
     return kBootFailed;
   }
   int result = OpenAndBoot(bootFile);
   if (result != kBootOk) result = IsResetAllowed() && ControlBBrst() ? kBootNeedsReset : kBootFailed;
-  m_bootResult = result;
+  m_BootResult = result;
   return result;
 }
 
@@ -223,8 +223,8 @@ int FirmwareBoot::InjectBootTargetThread(const std::string& bootFile) {
 /// given up closes its own, for that resets the modem. @return false when this attempt was given up
 /// meanwhile.
 bool FirmwareBoot::TakeChannel() {
-  for (bool told = false; !m_attempt->IsAbandoned(); told = true) {
-    const FlashChannel::Claim claim = m_attempt->TakeChannel();
+  for (bool told = false; !m_Attempt->IsAbandoned(); told = true) {
+    const FlashChannel::Claim claim = m_Attempt->TakeChannel();
     if (claim == FlashChannel::Claim::TakenOver)
       LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is still closing its channel, go on");
     if (claim != FlashChannel::Claim::Refused) return true;
@@ -239,24 +239,24 @@ bool FirmwareBoot::TakeChannel() {
 int FirmwareBoot::OpenAndBoot(const std::string& bootFile) {
   if (!TakeChannel()) return kBootFailed;
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, GetNextFreeChannel");
-  m_attempt->SetChannel(m_attempt->CallLibrary(m_attempt->Library().GetNextFreeChannel(), std::uint8_t{0}));
-  LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_attempt->Channel());
+  m_Attempt->SetChannel(m_Attempt->CallLibrary(m_Attempt->Library().GetNextFreeChannel(), std::uint8_t{0}));
+  LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_Attempt->Channel());
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, OpenCommPort");
   const std::string port = Narrow(m_COMPort);
-  if (m_attempt->CallLibrary(m_attempt->Library().OpenCommPort(), kRefused, m_attempt->Channel(),
-                             port.c_str(), port.c_str(), kBaudRate, m_attempt->Status()) != 0) {
+  if (m_Attempt->CallLibrary(m_Attempt->Library().OpenCommPort(), kRefused, m_Attempt->Channel(),
+                             port.c_str(), port.c_str(), kBaudRate, m_Attempt->Status()) != 0) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Open Comm Port failed due to %s, call BB_RST\n",
-                 m_attempt->Status());
+                 m_Attempt->Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
     return kBootFailed;
   }
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, BootTarget");
-  if (m_attempt->CallLibrary(m_attempt->Library().BootTarget(), kRefused, m_attempt->Channel(),
-                             bootFile.c_str(), &m_bootWord, m_attempt->Status()) != 0) {
+  if (m_Attempt->CallLibrary(m_Attempt->Library().BootTarget(), kRefused, m_Attempt->Channel(),
+                             bootFile.c_str(), &m_BootWord, m_Attempt->Status()) != 0) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Boot Target failed due to %s, call BB_RST\n",
-                 m_attempt->Status());
+                 m_Attempt->Status());
     CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
     return kBootFailed;
   }
@@ -265,8 +265,8 @@ int FirmwareBoot::OpenAndBoot(const std::string& bootFile) {
 
 void FirmwareBoot::CloseAfterFailure(const char* pauseText) {
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Close Comm Port\n");
-  if (m_attempt->CallLibrary(m_attempt->Library().CloseCommPort(), kRefused, m_attempt->Channel(),
-                             m_attempt->Status()) == 0) {
+  if (m_Attempt->CallLibrary(m_Attempt->Library().CloseCommPort(), kRefused, m_Attempt->Channel(),
+                             m_Attempt->Status()) == 0) {
     LOG_TRACE_AS(kInjectBootTargetThread, "%s", pauseText);
     ::Sleep(kPauseAfterCloseMs);
   }
@@ -282,7 +282,7 @@ void FirmwareBoot::CheckFlashPort(FlashPortSearch& search) {
     if (sight == FlashPortSearch::Sight::Found) break;
     ::Sleep(kSearchPeriodMs);
     // A search that nobody waits for ends with its attempt at the latest.
-  } while (m_searchFlashPort && !m_attempt->IsAbandoned());
+  } while (m_SearchFlashPort && !m_Attempt->IsAbandoned());
   LOG_TRACE_AS(kCheckFlashPort, "%s: OpenCdcAcmDeviceInterface --, bRet: %d\n", kCheckFlashPort,
                listed ? 1 : 0);
 }

@@ -27,7 +27,7 @@ bool RetryBudgetSpent();
 /// given up. What the members are called in the log is what the engine's members are called.
 class FirmwareBoot : public std::enable_shared_from_this<FirmwareBoot> {
  public:
-  explicit FirmwareBoot(std::shared_ptr<Attempt> attempt) : m_attempt(std::move(attempt)) {}
+  explicit FirmwareBoot(std::shared_ptr<Attempt> attempt) : m_Attempt(std::move(attempt)) {}
 
   int BootDeviceInFirmwareMode();
   int MonitorFlashPort();
@@ -51,11 +51,11 @@ class FirmwareBoot : public std::enable_shared_from_this<FirmwareBoot> {
   int OpenAndBoot(const std::string& bootFile);
   void CloseAfterFailure(const char* pauseText);
 
-  std::shared_ptr<Attempt> m_attempt;
+  std::shared_ptr<Attempt> m_Attempt;
   CTString m_COMPort;
-  std::atomic<bool> m_searchFlashPort{false};
-  std::atomic<int> m_bootResult{kBootFailed};
-  std::uint32_t m_bootWord = 0;
+  std::atomic<bool> m_SearchFlashPort{false};
+  std::atomic<int> m_BootResult{kBootFailed};
+  std::uint32_t m_BootWord = 0;
 };
 
 }  // namespace corvel

@@ -97,9 +97,9 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
 
   const std::shared_ptr<CFirmwareDownloader> engine(new CFirmwareDownloader);
   SetPresentEngine(engine);
-  Attempt::SetPresent(engine->m_attempt);
+  Attempt::SetPresent(engine->m_Attempt);
   const bool bound = CDownloadToolDll::Load();
-  engine->m_attempt->SetLibrary(CDownloadToolDll::Library());
+  engine->m_Attempt->SetLibrary(CDownloadToolDll::Library());
   if (!bound) {
     LOG_ERROR("\t DownloadToolDll Load fail");
     // The engine stays all the same: the next caller gets it, and flashes without progress.
@@ -111,7 +111,7 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
 void CFirmwareDownloader::Unload() {
   LOG_TRACE("\t Unload ++");
   if (const auto engine = PresentEngine()) {
-    engine->m_attempt->Abandon();
+    engine->m_Attempt->Abandon();
     CDownloadToolDll::Unload();
     Attempt::SetPresent(nullptr);
     SetPresentEngine(nullptr);
@@ -121,12 +121,12 @@ void CFirmwareDownloader::Unload() {
 }
 
 CFirmwareDownloader::CFirmwareDownloader()
-    : m_attempt(std::make_shared<Attempt>()),
-      m_list(*m_attempt),
-      m_boot(std::make_shared<FirmwareBoot>(m_attempt)) {}
+    : m_Attempt(std::make_shared<Attempt>()),
+      m_List(*m_Attempt),
+      m_Boot(std::make_shared<FirmwareBoot>(m_Attempt)) {}
 
 UpdateFirmwareResult CFirmwareDownloader::Download(CTString firmwareFile, CTString custFile) {
-  const Attempt::ThreadScope scope(*m_attempt);
+  const Attempt::ThreadScope scope(*m_Attempt);
   const int tlsError = LastErrorNumber();
   m_FirmwareFile = firmwareFile;
   m_CustFile = custFile;
@@ -229,7 +229,7 @@ bool CFirmwareDownloader::SetUpDownloadLog() {
   name.Format("ZEMO_DownloadDll_%04d-%02d-%02d_%02d-%02d-%02d.log", now.wYear, now.wMonth, now.wDay,
               now.wHour, now.wMinute, now.wSecond);
   // The library has no parameter that takes the name; it is kept for whoever debugs a session.
-  m_downloadLogFile = folder + name;
+  m_DownloadLogFile = folder + name;
   return true;
 }
 
@@ -238,10 +238,10 @@ bool CFirmwareDownloader::SetParameter(std::uint8_t id, std::uint32_t value) {
 }
 
 bool CFirmwareDownloader::SubmitParameter(const char* function, std::uint8_t id, std::uintptr_t value) {
-  const int result = m_attempt->CallLibrary(m_attempt->Library().SetDllParameter(), kRefused, id, value,
-                                            m_attempt->Status());
+  const int result = m_Attempt->CallLibrary(m_Attempt->Library().SetDllParameter(), kRefused, id, value,
+                                            m_Attempt->Status());
   // An attempt that was given up asks nothing of the library, so there is no refusal to tell of.
-  if (result != 0 && !m_attempt->IsAbandoned())
+  if (result != 0 && !m_Attempt->IsAbandoned())
     LOG_ERROR_AS(function, "Setting parameter, %d failed", result);
   return result == 0;
 }
@@ -253,24 +253,24 @@ bool CFirmwareDownloader::IsPCIEdevice() {
 }
 
 bool CFirmwareDownloader::MarkFirmwareFileForDownload() {
-  m_list.SetFiles(m_FirmwareFile, m_CustFile);
-  return m_list.Mark();
+  m_List.SetFiles(m_FirmwareFile, m_CustFile);
+  return m_List.Mark();
 }
 
 bool CFirmwareDownloader::GetFlashTechnology(std::uint32_t& technology) {
-  return m_list.QueryFlashTechnology(QUALIFIED_FUNCTION, m_FirmwareFile, technology);
+  return m_List.QueryFlashTechnology(QUALIFIED_FUNCTION, m_FirmwareFile, technology);
 }
 
 bool CFirmwareDownloader::GetFlashTechnologyOfCust(std::uint32_t& technology) {
-  return m_list.QueryFlashTechnology(QUALIFIED_FUNCTION, m_CustFile, technology);
+  return m_List.QueryFlashTechnology(QUALIFIED_FUNCTION, m_CustFile, technology);
 }
 
 bool CFirmwareDownloader::GetMemoryClass(std::uint32_t& memoryClass, std::uint32_t index) {
-  return m_list.QueryMemoryClass(QUALIFIED_FUNCTION, m_FirmwareFile, memoryClass, index);
+  return m_List.QueryMemoryClass(QUALIFIED_FUNCTION, m_FirmwareFile, memoryClass, index);
 }
 
 bool CFirmwareDownloader::GetMemoryClassOfCust(std::uint32_t& memoryClass, std::uint32_t index) {
-  return m_list.QueryMemoryClass(QUALIFIED_FUNCTION, m_CustFile, memoryClass, index);
+  return m_List.QueryMemoryClass(QUALIFIED_FUNCTION, m_CustFile, memoryClass, index);
 }
 
 bool CFirmwareDownloader::BringIntoFlashMode() {
@@ -294,9 +294,9 @@ UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
   }
   LOG_TRACE_AS(kDownload, "\t DownloadFirmwareIntoDevice OK");
 
-  const int reset = m_attempt->CallLibrary(m_attempt->Library().ForceTargetReset(), kResetFailed,
-                                           m_attempt->Channel(), std::uint8_t{1}, std::uint8_t{16},
-                                           std::uint8_t{17}, std::uint8_t{0}, m_attempt->Status());
+  const int reset = m_Attempt->CallLibrary(m_Attempt->Library().ForceTargetReset(), kResetFailed,
+                                           m_Attempt->Channel(), std::uint8_t{1}, std::uint8_t{16},
+                                           std::uint8_t{17}, std::uint8_t{0}, m_Attempt->Status());
   if (reset == kResetFailed) {
     LOG_TRACE_AS(kDownload, "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
     return FirmwareUpdateFailed;
@@ -306,17 +306,17 @@ UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
 }
 
 int CFirmwareDownloader::DownloadFirmwareIntoDevice() {
-  LOG_TRACE("\t commChannel:(%d)", m_attempt->Channel());
-  for (const auto& item : m_list.Items()) {
+  LOG_TRACE("\t commChannel:(%d)", m_Attempt->Channel());
+  for (const auto& item : m_List.Items()) {
     item->getNofProgressBars =
-        m_attempt->CallLibrary(m_attempt->Library().GetNofProgressBars(), std::uint32_t{0},
-                               m_attempt->Channel(), item->GetTocName().c_str(), std::uintptr_t{0});
-    m_attempt->Progress().AddBars(item->getNofProgressBars);
+        m_Attempt->CallLibrary(m_Attempt->Library().GetNofProgressBars(), std::uint32_t{0},
+                               m_Attempt->Channel(), item->GetTocName().c_str(), std::uintptr_t{0});
+    m_Attempt->Progress().AddBars(item->getNofProgressBars);
   }
-  if (m_attempt->Progress().AllBars() == 0) return FirmwareNotUpdated;
+  if (m_Attempt->Progress().AllBars() == 0) return FirmwareNotUpdated;
 
-  for (const auto& item : m_list.Items()) {
-    m_attempt->Progress().SetItem(item->getNofProgressBars);
+  for (const auto& item : m_List.Items()) {
+    m_Attempt->Progress().SetItem(item->getNofProgressBars);
     LOG_TRACE("\t TOC name flsFileName:%s", item->GetTocName().c_str());
     LOG_TRACE("\t          flsPath_tmp:%s", item->GetFilePath().c_str());
     const int written = WriteItem(*item);
@@ -333,15 +333,15 @@ int CFirmwareDownloader::DownloadFirmwareIntoDevice() {
 int CFirmwareDownloader::WriteItem(const CDownloadFile& item) {
   const char* const tocName = item.GetTocName().c_str();
   const auto writeToPartition = [&](std::uint8_t partition) {
-    return m_attempt->CallLibrary(m_attempt->Library().DownloadDffsFile(), kRefused, m_attempt->Channel(),
-                                  tocName, partition, m_attempt->Status());
+    return m_Attempt->CallLibrary(m_Attempt->Library().DownloadDffsFile(), kRefused, m_Attempt->Channel(),
+                                  tocName, partition, m_Attempt->Status());
   };
   switch (item.GetMemoryClass().code) {
     case 1:
     case 2:
     case 4:
-      return m_attempt->CallLibrary(m_attempt->Library().DownloadFlsFile(), kRefused, m_attempt->Channel(),
-                                    tocName, m_attempt->Status());
+      return m_Attempt->CallLibrary(m_Attempt->Library().DownloadFlsFile(), kRefused, m_Attempt->Channel(),
+                                    tocName, m_Attempt->Status());
     case 11:
       return writeToPartition(kStaticPartition);
     case 12:
@@ -355,48 +355,48 @@ int CFirmwareDownloader::WriteItem(const CDownloadFile& item) {
     case 19:
       return WriteCustItem(item);
     default:
-      LOG_ERROR_AS(kDownloadIntoDevice, "\t m_DownloadCUSTFileFunc(%d, %s)\n", m_attempt->Channel(), tocName);
+      LOG_ERROR_AS(kDownloadIntoDevice, "\t m_DownloadCUSTFileFunc(%d, %s)\n", m_Attempt->Channel(), tocName);
       return WriteCustItem(item);
   }
 }
 
 int CFirmwareDownloader::WriteCustItem(const CDownloadFile& item) {
   const int written =
-      m_attempt->CallLibrary(m_attempt->Library().DownloadCustFile(), kRefused, m_attempt->Channel(),
-                             item.GetTocName().c_str(), m_attempt->Status());
-  m_attempt->CallLibrary(m_attempt->Library().OutOfSessionComm(), 0, m_attempt->Channel(), std::uintptr_t{4},
+      m_Attempt->CallLibrary(m_Attempt->Library().DownloadCustFile(), kRefused, m_Attempt->Channel(),
+                             item.GetTocName().c_str(), m_Attempt->Status());
+  m_Attempt->CallLibrary(m_Attempt->Library().OutOfSessionComm(), 0, m_Attempt->Channel(), std::uintptr_t{4},
                          std::uintptr_t{6}, std::uintptr_t{0}, std::uintptr_t{0}, std::uintptr_t{0});
   return written;
 }
 
 void CFirmwareDownloader::CleanupAfterDownload() {
-  m_attempt->Progress().SetItem(std::nullopt);
-  m_list.Clear();
+  m_Attempt->Progress().SetItem(std::nullopt);
+  m_List.Clear();
   std::optional<int> closed =
-      m_attempt->TryLibrary(m_attempt->Library().CloseCommPort(), m_attempt->Channel(), m_attempt->Status());
-  if (m_attempt->IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
-  if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", m_attempt->Status());
+      m_Attempt->TryLibrary(m_Attempt->Library().CloseCommPort(), m_Attempt->Channel(), m_Attempt->Status());
+  if (m_Attempt->IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
+  if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", m_Attempt->Status());
   SetParameter(kLogLevelParameter, kLibraryLogOff);
 }
 
 /// For an attempt that was given up, and has come back from writing: nobody else closes what it opened. The
 /// library is its own reference. @return what the library said; nothing when it was not asked.
 std::optional<int> CFirmwareDownloader::CloseChannelThatWasLeftOpen() {
-  const auto closeCommPort = m_attempt->Library().CloseCommPort();
-  if (!m_attempt->HasTakenChannel() || closeCommPort == nullptr) return std::nullopt;
-  const FlashChannel::LateClose close(m_attempt->Number());
+  const auto closeCommPort = m_Attempt->Library().CloseCommPort();
+  if (!m_Attempt->HasTakenChannel() || closeCommPort == nullptr) return std::nullopt;
+  const FlashChannel::LateClose close(m_Attempt->Number());
   if (!close.IsAllowed()) {
     LOG_WARNING_AS(kCleanup, "\t Channel %d stays open, a newer attempt has opened one",
-                   m_attempt->Channel());
+                   m_Attempt->Channel());
     return std::nullopt;
   }
-  return closeCommPort(m_attempt->Channel(), m_attempt->Status());
+  return closeCommPort(m_Attempt->Channel(), m_Attempt->Status());
 }
 
 // --- Members that forward ---------------------------------------------------------------------------------
 
 int CFirmwareDownloader::GetAbsoluteProgress(const char* statusText) {
-  return m_attempt->GetAbsoluteProgress(statusText);
+  return m_Attempt->GetAbsoluteProgress(statusText);
 }
 
 bool CFirmwareDownloader::IsMBIMModemPresence() {
@@ -416,11 +416,11 @@ void CFirmwareDownloader::ScanForHardwareChangesAndSettle() {
 }
 
 int CFirmwareDownloader::BootDeviceInFirmwareMode() {
-  return m_boot->BootDeviceInFirmwareMode();
+  return m_Boot->BootDeviceInFirmwareMode();
 }
 
 int CFirmwareDownloader::RebootModem() {
-  return m_boot->RebootModem();
+  return m_Boot->RebootModem();
 }
 
 int CFirmwareDownloader::RebootModemByXlog4() {
@@ -428,26 +428,26 @@ int CFirmwareDownloader::RebootModemByXlog4() {
 }
 
 HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {
-  return m_boot->RebootModemByMbimCmd();
+  return m_Boot->RebootModemByMbimCmd();
 }
 
 bool CFirmwareDownloader::ControlBBrst() {
-  return m_boot->ControlBBrst();
+  return m_Boot->ControlBBrst();
 }
 
 int CFirmwareDownloader::MonitorFlashPort() {
-  return m_boot->MonitorFlashPort();
+  return m_Boot->MonitorFlashPort();
 }
 
 bool CFirmwareDownloader::CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search) {
-  if (engine != nullptr) engine->m_boot->CheckFlashPort(search);
+  if (engine != nullptr) engine->m_Boot->CheckFlashPort(search);
   return true;
 }
 
 int CFirmwareDownloader::InjectBootTarget() {
-  return m_boot->InjectBootTarget(m_list.BootFile());
+  return m_Boot->InjectBootTarget(m_List.BootFile());
 }
 
 int CFirmwareDownloader::InjectBootTargetThread() {
-  return m_boot->InjectBootTargetThread(m_list.BootFile());
+  return m_Boot->InjectBootTargetThread(m_List.BootFile());
 }

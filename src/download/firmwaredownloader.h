@@ -33,11 +33,11 @@ class CFirmwareDownloader {
   int GetAbsoluteProgress(const char* statusText);
 
   /// True once a newer attempt may be running.
-  bool IsAbandoned() const { return m_attempt->IsAbandoned(); }
+  bool IsAbandoned() const { return m_Attempt->IsAbandoned(); }
   /// Does `step` unless the attempt is abandoned, and keeps it from being abandoned meanwhile.
   template <typename Step>
   void UnlessAbandoned(Step step) {
-    m_attempt->UnlessAbandoned(step);
+    m_Attempt->UnlessAbandoned(step);
   }
 
   static bool IsMBIMModemPresence();
@@ -85,10 +85,10 @@ class CFirmwareDownloader {
   void CleanupAfterDownload();
   std::optional<int> CloseChannelThatWasLeftOpen();
 
-  std::shared_ptr<corvel::Attempt> m_attempt;
-  corvel::DownloadList m_list;
-  std::shared_ptr<corvel::FirmwareBoot> m_boot;
+  std::shared_ptr<corvel::Attempt> m_Attempt;
+  corvel::DownloadList m_List;
+  std::shared_ptr<corvel::FirmwareBoot> m_Boot;
   CTString m_FirmwareFile;
   CTString m_CustFile;
-  CTString m_downloadLogFile;
+  CTString m_DownloadLogFile;
 };

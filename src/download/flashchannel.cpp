@@ -55,13 +55,13 @@ Claim Take(std::uint64_t attempt) {
   return std::exchange(g_beingClosed, false) ? Claim::TakenOver : Claim::Taken;
 }
 
-LateClose::LateClose(std::uint64_t attempt) : m_attempt(attempt), m_allowed(MarkAsBeingClosed(attempt)) {}
+LateClose::LateClose(std::uint64_t attempt) : m_Attempt(attempt), m_Allowed(MarkAsBeingClosed(attempt)) {}
 
 LateClose::~LateClose() {
-  if (!m_allowed) return;
+  if (!m_Allowed) return;
   const ScopedLock lock(g_lock);
   // A newer attempt that would not wait any longer has it by now.
-  if (g_user != m_attempt) return;
+  if (g_user != m_Attempt) return;
   g_user = kNobody;
   g_beingClosed = false;
 }

@@ -50,11 +50,11 @@ class LateClose {
   LateClose& operator=(const LateClose&) = delete;
 
   /// False when a newer attempt has used a channel.
-  bool IsAllowed() const { return m_allowed; }
+  bool IsAllowed() const { return m_Allowed; }
 
  private:
-  std::uint64_t m_attempt;
-  bool m_allowed;
+  std::uint64_t m_Attempt;
+  bool m_Allowed;
 };
 
 }  // namespace FlashChannel

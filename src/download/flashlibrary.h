@@ -43,8 +43,8 @@ class FunctionTable {
  public:
   using Callback = void(std::uint8_t channel, std::int32_t status, const char* statusText);
 
-  FARPROC& operator[](FlashSlot slot) { return m_slots[static_cast<std::size_t>(slot)]; }
-  FARPROC operator[](FlashSlot slot) const { return m_slots[static_cast<std::size_t>(slot)]; }
+  FARPROC& operator[](FlashSlot slot) { return m_Slots[static_cast<std::size_t>(slot)]; }
+  FARPROC operator[](FlashSlot slot) const { return m_Slots[static_cast<std::size_t>(slot)]; }
 
   auto BootTarget() const {
     return Typed<int(std::uint8_t channel, const char* bootFile, std::uint32_t* word, char* status)>(
@@ -102,7 +102,7 @@ class FunctionTable {
     return reinterpret_cast<Function*>((*this)[slot]);
   }
 
-  std::array<FARPROC, static_cast<std::size_t>(FlashSlot::Count)> m_slots{};
+  std::array<FARPROC, static_cast<std::size_t>(FlashSlot::Count)> m_Slots{};
 };
 
 /// One binding of the flashing library, shared by all who may still be inside it: an attempt that was given

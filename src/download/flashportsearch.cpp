@@ -59,18 +59,18 @@ bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
 }
 
 bool FlashPortSearch::CreateSignal() {
-  const ScopedLock lock(m_lock);
-  m_signal.reset(::CreateSemaphoreW(nullptr, 0, 1, kSignalName));
-  if (m_signal == nullptr) return false;
-  if (!m_port.IsEmpty()) ::ReleaseSemaphore(m_signal.get(), 1, nullptr);
+  const ScopedLock lock(m_Lock);
+  m_Signal.reset(::CreateSemaphoreW(nullptr, 0, 1, kSignalName));
+  if (m_Signal == nullptr) return false;
+  if (!m_Port.IsEmpty()) ::ReleaseSemaphore(m_Signal.get(), 1, nullptr);
   return true;
 }
 
 DWORD FlashPortSearch::Wait(DWORD milliseconds, const std::atomic<bool>& abandoned) {
   const ULONGLONG begin = ::GetTickCount64();
   for (DWORD left = milliseconds;;) {
-    const DWORD result = ::WaitForSingleObject(m_signal.get(), left);
-    if (result == WAIT_OBJECT_0 && abandoned) ::ReleaseSemaphore(m_signal.get(), 1, nullptr);
+    const DWORD result = ::WaitForSingleObject(m_Signal.get(), left);
+    if (result == WAIT_OBJECT_0 && abandoned) ::ReleaseSemaphore(m_Signal.get(), 1, nullptr);
     if (result != WAIT_OBJECT_0 || abandoned || !Port().IsEmpty()) return result;
     const ULONGLONG passed = ::GetTickCount64() - begin;
     if (passed >= milliseconds) return result;
@@ -79,17 +79,17 @@ DWORD FlashPortSearch::Wait(DWORD milliseconds, const std::atomic<bool>& abandon
 }
 
 void FlashPortSearch::CloseSignal() {
-  const ScopedLock lock(m_lock);
-  m_signal.reset();
+  const ScopedLock lock(m_Lock);
+  m_Signal.reset();
 }
 
 void FlashPortSearch::Report(const CTString& port) {
-  const ScopedLock lock(m_lock);
-  m_port = port;
-  if (m_signal != nullptr) ::ReleaseSemaphore(m_signal.get(), 1, nullptr);
+  const ScopedLock lock(m_Lock);
+  m_Port = port;
+  if (m_Signal != nullptr) ::ReleaseSemaphore(m_Signal.get(), 1, nullptr);
 }
 
 CTString FlashPortSearch::Port() {
-  const ScopedLock lock(m_lock);
-  return m_port;
+  const ScopedLock lock(m_Lock);
+  return m_Port;
 }

@@ -32,7 +32,7 @@ class FlashPortSearch {
   bool ReportFlashPortAmong(const MultiStringView& paths);
   void Report(const CTString& port);
 
-  SRWLOCK m_lock = SRWLOCK_INIT;
-  UniqueHandle m_signal;
-  CTString m_port;
+  SRWLOCK m_Lock = SRWLOCK_INIT;
+  UniqueHandle m_Signal;
+  CTString m_Port;
 };

@@ -56,17 +56,17 @@ HRESULT Obtained(HRESULT result, const ComPtr<Interface>& object) {
 /// The calling thread's stay in the multithreaded apartment.
 class ComApartment {
  public:
-  ComApartment() : m_result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
+  ComApartment() : m_Result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
   ~ComApartment() {
-    if (SUCCEEDED(m_result)) ::CoUninitialize();
+    if (SUCCEEDED(m_Result)) ::CoUninitialize();
   }
   ComApartment(const ComApartment&) = delete;
   ComApartment& operator=(const ComApartment&) = delete;
 
-  HRESULT Result() const { return m_result; }
+  HRESULT Result() const { return m_Result; }
 
  private:
-  HRESULT m_result;
+  HRESULT m_Result;
 };
 
 /// Keeps a sink advised on a connection point.
@@ -74,23 +74,23 @@ class Advice {
  public:
   Advice() = default;
   ~Advice() {
-    if (m_point != nullptr) m_point->Unadvise(m_cookie);
+    if (m_Point != nullptr) m_Point->Unadvise(m_Cookie);
   }
   Advice(const Advice&) = delete;
   Advice& operator=(const Advice&) = delete;
 
   HRESULT Start(const ComPtr<IConnectionPoint>& point, CMbnSinks& sink) {
-    HRESULT result = sink.QueryInterface(IID_PPV_ARGS(m_sink.ReleaseAndGetAddressOf()));
+    HRESULT result = sink.QueryInterface(IID_PPV_ARGS(m_Sink.ReleaseAndGetAddressOf()));
     if (FAILED(result)) return result;
-    result = point->Advise(m_sink.Get(), &m_cookie);
-    if (SUCCEEDED(result)) m_point = point;
+    result = point->Advise(m_Sink.Get(), &m_Cookie);
+    if (SUCCEEDED(result)) m_Point = point;
     return result;
   }
 
  private:
-  ComPtr<IUnknown> m_sink;
-  ComPtr<IConnectionPoint> m_point;
-  DWORD m_cookie = 0;
+  ComPtr<IUnknown> m_Sink;
+  ComPtr<IConnectionPoint> m_Point;
+  DWORD m_Cookie = 0;
 };
 
 /// Destroys a list of device services. Its ids belong to whoever asked for the list; the array would free
@@ -117,7 +117,7 @@ HRESULT FetchInterface(SAFEARRAY* interfaces, LONG index, ComPtr<IMbnInterface>&
 /// One reboot. The members are released in the reverse order of their making, the apartment left last.
 class RebootRun {
  public:
-  explicit RebootRun(const std::function<bool()>& isAbandoned) : m_isAbandoned(isAbandoned) {}
+  explicit RebootRun(const std::function<bool()>& isAbandoned) : m_IsAbandoned(isAbandoned) {}
 
   /// Everything up to the sink. Each failing step tells in its own line that the call ends there.
   Outcome Prepare();
@@ -148,18 +148,18 @@ class RebootRun {
   Outcome EndIfAbandoned() const;
   DWORD WaitForCompletion(HANDLE event, milliseconds timeout) const;
 
-  const std::function<bool()>& m_isAbandoned;
-  const ComApartment m_apartment;
-  ComPtr<IMbnInterfaceManager> m_interfaceManager;
-  ComPtr<IMbnDeviceServicesManager> m_deviceServicesManager;
-  ComPtr<IMbnInterface> m_interface;
-  UniqueBstr m_interfaceId;
-  ComPtr<IMbnDeviceServicesContext> m_context;
-  ComPtr<IMbnDeviceService> m_deviceService;
-  ComPtr<IConnectionPointContainer> m_eventSource;
-  std::optional<SinkShare> m_sink;
-  Advice m_advice;
-  UniqueSafeArray m_payload;
+  const std::function<bool()>& m_IsAbandoned;
+  const ComApartment m_Apartment;
+  ComPtr<IMbnInterfaceManager> m_InterfaceManager;
+  ComPtr<IMbnDeviceServicesManager> m_DeviceServicesManager;
+  ComPtr<IMbnInterface> m_Interface;
+  UniqueBstr m_InterfaceId;
+  ComPtr<IMbnDeviceServicesContext> m_Context;
+  ComPtr<IMbnDeviceService> m_DeviceService;
+  ComPtr<IConnectionPointContainer> m_EventSource;
+  std::optional<SinkShare> m_Sink;
+  Advice m_Advice;
+  UniqueSafeArray m_Payload;
 };
 
 Outcome RebootRun::Follow(std::span<const Step> steps) {
@@ -183,20 +183,20 @@ HRESULT RebootRun::Command() {
                                               &RebootRun::BuildPayload, &RebootRun::QuerySupportedCommands,
                                               &RebootRun::SendRebootCommand};
   const HRESULT result = Follow(kSteps).value_or(S_OK);
-  m_payload.reset();
-  return SUCCEEDED(result) && m_isAbandoned() ? E_ABORT : result;
+  m_Payload.reset();
+  return SUCCEEDED(result) && m_IsAbandoned() ? E_ABORT : result;
 }
 
 Outcome RebootRun::EnterApartment() {
-  if (SUCCEEDED(m_apartment.Result())) return {};
+  if (SUCCEEDED(m_Apartment.Result())) return {};
   LOG_ERROR_AS(kProcedure, "\t CoInitializeEx initialization failed, 0x%x, RebootModemByMbimCmd --",
                LastErrorNumber());
-  return m_apartment.Result();
+  return m_Apartment.Result();
 }
 
 Outcome RebootRun::CreateManagers() {
   HRESULT result = ::CoCreateInstance(__uuidof(MbnInterfaceManager), nullptr, CLSCTX_ALL,
-                                      IID_PPV_ARGS(m_interfaceManager.GetAddressOf()));
+                                      IID_PPV_ARGS(m_InterfaceManager.GetAddressOf()));
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure,
                  "\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x%x, RebootModemByMbimCmd --",
@@ -204,7 +204,7 @@ Outcome RebootRun::CreateManagers() {
     return result;
   }
   result = ::CoCreateInstance(__uuidof(MbnDeviceServicesManager), nullptr, CLSCTX_ALL,
-                              IID_PPV_ARGS(m_deviceServicesManager.GetAddressOf()));
+                              IID_PPV_ARGS(m_DeviceServicesManager.GetAddressOf()));
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure,
                "\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x%x, RebootModemByMbimCmd --",
@@ -214,7 +214,7 @@ Outcome RebootRun::CreateManagers() {
 
 Outcome RebootRun::FindInterface() {
   SAFEARRAY* list = nullptr;
-  HRESULT result = m_interfaceManager->GetInterfaces(&list);
+  HRESULT result = m_InterfaceManager->GetInterfaces(&list);
   const UniqueSafeArray interfaces(list);
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure, "\t GetInterfaces FAIL, RebootModemByMbimCmd --\n");
@@ -233,7 +233,7 @@ Outcome RebootRun::FindInterface() {
   }
   // Of several interfaces the last one is used.
   for (LONG index = bounds.lower; index <= bounds.upper; ++index) {
-    result = FetchInterface(interfaces.get(), index, m_interface);
+    result = FetchInterface(interfaces.get(), index, m_Interface);
     if (FAILED(result)) {
       LOG_ERROR_AS(kProcedure,
                    "\t SafeArrayGetElement(IMbnInterface) FAILED hr=0x%X, RebootModemByMbimCmd --\n",
@@ -241,38 +241,38 @@ Outcome RebootRun::FindInterface() {
       return result;
     }
   }
-  if (m_interface != nullptr) return {};
+  if (m_Interface != nullptr) return {};
   LOG_ERROR_AS(kProcedure, "\t pMbnInterface == NULL, RebootModemByMbimCmd --");
   return E_FAIL;
 }
 
 Outcome RebootRun::IdentifyInterface() {
   BSTR id = nullptr;
-  const HRESULT result = m_interface->get_InterfaceID(&id);
-  m_interfaceId.reset(id);
+  const HRESULT result = m_Interface->get_InterfaceID(&id);
+  m_InterfaceId.reset(id);
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure, "get_InterfaceID FAILED hr=0x%X, RebootModemByMbimCmd --\n", Hex(result));
     return result;
   }
-  LOG_TRACE_AS(kProcedure, "\t fetched interfaceID :%s", NarrowBstr(m_interfaceId).c_str());
+  LOG_TRACE_AS(kProcedure, "\t fetched interfaceID :%s", NarrowBstr(m_InterfaceId).c_str());
   return {};
 }
 
 Outcome RebootRun::GetContext() {
   const HRESULT result = Obtained(
-      m_deviceServicesManager->GetDeviceServicesContext(m_interfaceId.get(), m_context.GetAddressOf()),
-      m_context);
+      m_DeviceServicesManager->GetDeviceServicesContext(m_InterfaceId.get(), m_Context.GetAddressOf()),
+      m_Context);
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure,
                "\t IMbnDeviceServicesManager::GetDeviceServicesContext('%s') failed with: %x, "
                "RebootModemByMbimCmd --",
-               NarrowBstr(m_interfaceId).c_str(), Hex(result));
+               NarrowBstr(m_InterfaceId).c_str(), Hex(result));
   return result;
 }
 
 Outcome RebootRun::FindVendorService() {
   SAFEARRAY* list = nullptr;
-  HRESULT result = m_context->EnumerateDeviceServices(&list);
+  HRESULT result = m_Context->EnumerateDeviceServices(&list);
   const UniqueDeviceServices services(list);
   if (FAILED(result)) return result;
   ArrayBounds bounds;
@@ -301,13 +301,13 @@ Outcome RebootRun::FindVendorService() {
 Outcome RebootRun::GetDeviceService() {
   const UniqueBstr id(
       ::SysAllocStringLen(kVendorServiceId.data(), static_cast<UINT>(kVendorServiceId.size())));
-  const HRESULT result = m_context->GetDeviceService(id.get(), m_deviceService.GetAddressOf());
+  const HRESULT result = m_Context->GetDeviceService(id.get(), m_DeviceService.GetAddressOf());
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure, "\t IMbnDeviceServicesContext::GetDeviceService('%s') failed with: %x",
                  Utf8FromWide(kVendorServiceId).c_str(), Hex(result));
     return result;
   }
-  if (m_deviceService != nullptr) return {};
+  if (m_DeviceService != nullptr) return {};
   LOG_ERROR_AS(kProcedure,
                "\t IMbnDeviceServicesContext::GetDeviceService('%s') succeeded but (pDeviceService) is NULL!",
                Utf8FromWide(kVendorServiceId).c_str());
@@ -316,7 +316,7 @@ Outcome RebootRun::GetDeviceService() {
 
 Outcome RebootRun::RefuseOpenSession() {
   BOOL isOpen = FALSE;
-  const HRESULT result = m_deviceService->get_IsCommandSessionOpen(&isOpen);
+  const HRESULT result = m_DeviceService->get_IsCommandSessionOpen(&isOpen);
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure,
                  "\t IMbnDeviceService::get_IsCommandSessionOpen() failed with: %x, RebootModemByMbimCmd --",
@@ -330,7 +330,7 @@ Outcome RebootRun::RefuseOpenSession() {
 
 Outcome RebootRun::GetEventSource() {
   LOG_TRACE_AS(kProcedure, "Reboot Modem");
-  const HRESULT result = m_deviceServicesManager->QueryInterface(IID_PPV_ARGS(m_eventSource.GetAddressOf()));
+  const HRESULT result = m_DeviceServicesManager->QueryInterface(IID_PPV_ARGS(m_EventSource.GetAddressOf()));
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure,
                "\t QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --");
@@ -338,28 +338,28 @@ Outcome RebootRun::GetEventSource() {
 }
 
 Outcome RebootRun::TakeSink() {
-  m_sink.emplace();
-  if (m_sink->MadeIt()) LOG_TRACE_AS(kProcedure, "\t new CMbnSinks OK");
-  if (m_sink->Get() != nullptr) return {};
+  m_Sink.emplace();
+  if (m_Sink->MadeIt()) LOG_TRACE_AS(kProcedure, "\t new CMbnSinks OK");
+  if (m_Sink->Get() != nullptr) return {};
   LOG_ERROR_AS(kProcedure, "\t new CMbnSinks failed, RebootModemByMbimCmd --");
   return kNoSink;
 }
 
 Outcome RebootRun::AdviseSink() {
-  HRESULT result = m_sink->Get()->Initilazation();
+  HRESULT result = m_Sink->Get()->Initilazation();
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure, "\t g_CMbnSinks->Initilazation() failed");
     return result;
   }
   ComPtr<IConnectionPoint> point;
   result = Obtained(
-      m_eventSource->FindConnectionPoint(__uuidof(IMbnDeviceServicesEvents), point.GetAddressOf()), point);
+      m_EventSource->FindConnectionPoint(__uuidof(IMbnDeviceServicesEvents), point.GetAddressOf()), point);
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure, "\t FindConnectionPoint(IID_IMbnDeviceServicesEvents,**) failed");
     return result;
   }
   if (const Outcome abandoned = EndIfAbandoned()) return abandoned;
-  result = m_advice.Start(point, *m_sink->Get());
+  result = m_Advice.Start(point, *m_Sink->Get());
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure, "\t Register, Advise(pUnkSink,**) failed");
   return result;
@@ -369,7 +369,7 @@ Outcome RebootRun::OpenCommandSession() {
   if (const Outcome abandoned = EndIfAbandoned()) return abandoned;
   ::ResetEvent(g_Event_OnOpenCommandSessionComplete);
   ULONG requestId = 0;
-  const HRESULT result = m_deviceService->OpenCommandSession(&requestId);
+  const HRESULT result = m_DeviceService->OpenCommandSession(&requestId);
   if (FAILED(result) && result != E_PENDING) {
     LOG_ERROR_AS(kProcedure, "\t IMbnDeviceService::OpenCommandSession() failed with: %x", Hex(result));
     return result;
@@ -389,10 +389,10 @@ Outcome RebootRun::OpenCommandSession() {
 
 Outcome RebootRun::BuildPayload() {
   SAFEARRAYBOUND bound{static_cast<ULONG>(kRebootPayload.size()), 0};
-  m_payload.reset(::SafeArrayCreate(VT_UI1, 1, &bound));
-  if (m_payload == nullptr) return E_OUTOFMEMORY;
+  m_Payload.reset(::SafeArrayCreate(VT_UI1, 1, &bound));
+  if (m_Payload == nullptr) return E_OUTOFMEMORY;
   for (LONG index = 0; BYTE byte : kRebootPayload) {
-    const HRESULT result = ::SafeArrayPutElement(m_payload.get(), &index, &byte);
+    const HRESULT result = ::SafeArrayPutElement(m_Payload.get(), &index, &byte);
     if (FAILED(result)) return result;
     LOG_TRACE_AS(kProcedure, "\t %02X ", byte);
     ++index;
@@ -404,7 +404,7 @@ Outcome RebootRun::QuerySupportedCommands() {
   if (const Outcome abandoned = EndIfAbandoned()) return abandoned;
   ::ResetEvent(g_Event_OnQuerySupportedCommandsComplete);
   ULONG requestId = 0;
-  const HRESULT result = m_deviceService->QuerySupportedCommands(&requestId);
+  const HRESULT result = m_DeviceService->QuerySupportedCommands(&requestId);
   LOG_TRACE_AS(kProcedure, "\t QuerySupportedCommands call successful, hr:0x%x\n", Hex(result));
   const HANDLE event = g_Event_OnQuerySupportedCommandsComplete;
   if (event != nullptr) {
@@ -435,7 +435,7 @@ Outcome RebootRun::SendRebootCommand() {
   LOG_TRACE_AS(kProcedure, "\t to SetCommand");
   ::ResetEvent(g_Event_OnSetCommandComplete);
   ULONG requestId = 0;
-  const HRESULT result = m_deviceService->SetCommand(kRebootCommand, m_payload.get(), &requestId);
+  const HRESULT result = m_DeviceService->SetCommand(kRebootCommand, m_Payload.get(), &requestId);
   LOG_TRACE_AS(kProcedure, "\t SetCommand result, errorCode:0x%x", Hex(result));
   if (FAILED(result) && result != E_PENDING) {
     LOG_ERROR_AS(kProcedure, "IMbnDeviceService::SetCommand() failed with: %x", Hex(result));
@@ -452,7 +452,7 @@ Outcome RebootRun::SendRebootCommand() {
 }
 
 Outcome RebootRun::EndIfAbandoned() const {
-  if (!m_isAbandoned()) return {};
+  if (!m_IsAbandoned()) return {};
   LOG_ERROR_AS(kProcedure, "\t The attempt was given up: nothing more is asked of the modem");
   return E_ABORT;
 }
@@ -460,7 +460,7 @@ Outcome RebootRun::EndIfAbandoned() const {
 DWORD RebootRun::WaitForCompletion(HANDLE event, milliseconds timeout) const {
   const DWORD waited = ::WaitForSingleObject(event, static_cast<DWORD>(timeout.count()));
   // The events are shared: a completion that an abandoned run wakes up to may be what a newer one waits for.
-  if (waited == WAIT_OBJECT_0 && m_isAbandoned()) ::SetEvent(event);
+  if (waited == WAIT_OBJECT_0 && m_IsAbandoned()) ::SetEvent(event);
   return waited;
 }
 

@@ -29,17 +29,17 @@ int Saturated(std::int64_t value) {
 }  // namespace
 
 std::optional<Progress::Step> Progress::Report(int itemPercent) {
-  if (!m_itemBars.has_value()) return std::nullopt;
-  Step step{*m_itemBars, ScaledProgress(itemPercent, *m_itemBars, m_allBars), 0};
-  step.delta = Saturated(static_cast<std::int64_t>(step.scaled) - m_lastUpdate);
-  m_lastUpdate = step.scaled;
+  if (!m_ItemBars.has_value()) return std::nullopt;
+  Step step{*m_ItemBars, ScaledProgress(itemPercent, *m_ItemBars, m_AllBars), 0};
+  step.delta = Saturated(static_cast<std::int64_t>(step.scaled) - m_LastUpdate);
+  m_LastUpdate = step.scaled;
   // A drop, as when the next item begins at 0, only moves the reference.
-  if (step.delta > 0) m_current = Saturated(static_cast<std::int64_t>(m_current) + step.delta);
+  if (step.delta > 0) m_Current = Saturated(static_cast<std::int64_t>(m_Current) + step.delta);
   return step;
 }
 
 int Progress::Overall() const {
-  return std::min(m_current, kComplete);
+  return std::min(m_Current, kComplete);
 }
 
 }  // namespace corvel

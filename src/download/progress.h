@@ -17,27 +17,27 @@ class Progress {
   };
 
   /// Adds an item's progress steps to those of all items.
-  void AddBars(std::uint32_t bars) { m_allBars += bars; }
-  std::uint32_t AllBars() const { return m_allBars; }
+  void AddBars(std::uint32_t bars) { m_AllBars += bars; }
+  std::uint32_t AllBars() const { return m_AllBars; }
 
   /// From now on an item with so many steps is written; nothing: none.
-  void SetItem(std::optional<std::uint32_t> bars) { m_itemBars = bars; }
+  void SetItem(std::optional<std::uint32_t> bars) { m_ItemBars = bars; }
 
   /// Takes in an item's percentage, be it out of all bounds. @return nothing while no item is written.
   std::optional<Step> Report(int itemPercent);
 
   /// What was reported last of an item, scaled.
-  int LastUpdate() const { return m_lastUpdate; }
+  int LastUpdate() const { return m_LastUpdate; }
   /// The sum of all that was gained; may be more than 100.
-  int Current() const { return m_current; }
+  int Current() const { return m_Current; }
   /// The same, 100 at most.
   int Overall() const;
 
  private:
-  std::uint32_t m_allBars = 0;
-  std::optional<std::uint32_t> m_itemBars;
-  int m_lastUpdate = 0;
-  int m_current = 0;
+  std::uint32_t m_AllBars = 0;
+  std::optional<std::uint32_t> m_ItemBars;
+  int m_LastUpdate = 0;
+  int m_Current = 0;
 };
 
 }  // namespace corvel

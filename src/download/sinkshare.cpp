@@ -47,26 +47,26 @@ SinkShare::SinkShare() {
   if (g_CMbnSinks == nullptr) {
     g_CMbnSinks = new (std::nothrow) CMbnSinks;
     if (g_CMbnSinks == nullptr) return;
-    m_madeIt = true;
+    m_MadeIt = true;
   }
   ++g_shares;
-  m_sink = g_CMbnSinks;
+  m_Sink = g_CMbnSinks;
 }
 
 SinkShare::~SinkShare() {
-  if (m_sink == nullptr) return;
+  if (m_Sink == nullptr) return;
   // Released at the very end: it is the service that says how long that takes.
   MbnKeptObjects kept;
   {
     const ScopedLock lock(g_sinkLock);
     if (--g_shares > 0) return;
     g_CMbnSinks = nullptr;
-    m_sink->DeInitilazation();
-    kept = m_sink->Retire();
+    m_Sink->DeInitilazation();
+    kept = m_Sink->Retire();
   }
   // From here on a newer run has a sink, events and objects of its own.
-  m_sink->Disconnect();
-  DeleteAll(TakeDesertedSinks(m_sink));
+  m_Sink->Disconnect();
+  DeleteAll(TakeDesertedSinks(m_Sink));
 }
 
 void DeleteRetiredSinks() {

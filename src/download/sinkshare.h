@@ -15,13 +15,13 @@ class SinkShare {
   SinkShare& operator=(const SinkShare&) = delete;
 
   /// The sink; null when there was no memory for one.
-  CMbnSinks* Get() const { return m_sink; }
+  CMbnSinks* Get() const { return m_Sink; }
   /// True for the share that made the sink.
-  bool MadeIt() const { return m_madeIt; }
+  bool MadeIt() const { return m_MadeIt; }
 
  private:
-  CMbnSinks* m_sink = nullptr;
-  bool m_madeIt = false;
+  CMbnSinks* m_Sink = nullptr;
+  bool m_MadeIt = false;
 };
 
 /// Deletes those of the retired sinks that the service has left. It may have been calling them, or referring

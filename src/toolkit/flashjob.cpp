@@ -111,12 +111,12 @@ void FlashJob::WriteInitialValues() {
 
 void FlashJob::AwaitRequest() {
   Shared(ToolKit::g_retry_times) = 0;
-  LOG_TRACE_AS(m_rules.procedure, "\t Initialze registry");
+  LOG_TRACE_AS(m_Rules.procedure, "\t Initialze registry");
   SetTimeOut();
   SetOnGoing(0);
   Shared(ToolKit::mRetry_times) =
       static_cast<unsigned long>(ToolKit::GetFlashRetryTimes(ToolKit::hMainKey, ToolKit::mStrKey));
-  LOG_TRACE_AS(m_rules.procedure, "\t Monitor flash ready flag to be ready");
+  LOG_TRACE_AS(m_Rules.procedure, "\t Monitor flash ready flag to be ready");
   ToolKit::MonitorFlashReadyFlag();
 }
 
@@ -124,18 +124,18 @@ bool FlashJob::FindImages() {
   SetProgress(0);
   SetResult(facts::kResultIdle);
   m_nModemNVMFolder = CConfigParser::ConfiguredFirmwareFolder();
-  LOG_TRACE_AS(m_rules.procedure, "\t fetch modem & NVM folder, m_nModemNVMFolder:%s",
+  LOG_TRACE_AS(m_Rules.procedure, "\t fetch modem & NVM folder, m_nModemNVMFolder:%s",
                Narrow(m_nModemNVMFolder).c_str());
   if (ToolKit::FetchModemNVMFls(m_nModemNVMFolder)) return true;
   LOG_TRACE_AS(
-      m_rules.procedure,
+      m_Rules.procedure,
       "\t Can't find available fls, monitor again, continue to monitor registry change and fetch modem/nvm "
       "files");
   return false;
 }
 
 void FlashJob::Run() {
-  LOG_TRACE_AS(m_rules.procedure, "\t IPC Type :%s", Narrow(CConfigParser::ConfiguredIPCType()).c_str());
+  LOG_TRACE_AS(m_Rules.procedure, "\t IPC Type :%s", Narrow(CConfigParser::ConfiguredIPCType()).c_str());
   Outcome outcome = Download();
   if (outcome == Outcome::Succeeded) outcome = AwaitRearrival();
   if (outcome != Outcome::Dropped)
@@ -148,7 +148,7 @@ FlashJob::Outcome FlashJob::Download() {
   for (;;) {
     const Attempt attempt = DownloadOnce();
     if (attempt == Attempt::Succeeded) return Outcome::Succeeded;
-    if (attempt == Attempt::NoWorker && !m_rules.countsMissingWorker) return Outcome::Dropped;
+    if (attempt == Attempt::NoWorker && !m_Rules.countsMissingWorker) return Outcome::Dropped;
     if (!MayDownloadAgain()) return Outcome::Failed;
   }
 }
@@ -160,48 +160,48 @@ FlashJob::Attempt FlashJob::DownloadOnce() {
 
   UniqueHandle worker = StartWorker([] { ToolKit::DownloadFirmwareImplementation(nullptr); });
   if (worker == nullptr) {
-    LOG_ERROR_AS(m_rules.procedure, m_rules.workerNotStarted, static_cast<unsigned>(::GetLastError()));
+    LOG_ERROR_AS(m_Rules.procedure, m_Rules.workerNotStarted, static_cast<unsigned>(::GetLastError()));
     return Attempt::NoWorker;
   }
-  LOG_TRACE_AS(m_rules.procedure, m_rules.attemptTimeLimit, static_cast<int>(kAttemptTimeLimitMs / 1000));
+  LOG_TRACE_AS(m_Rules.procedure, m_Rules.attemptTimeLimit, static_cast<int>(kAttemptTimeLimitMs / 1000));
   const bool ended = ::WaitForSingleObject(worker.get(), kAttemptTimeLimitMs) == WAIT_OBJECT_0;
   worker.reset();
   if (!ended) {
-    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.attemptOverran);
+    LOG_ERROR_AS(m_Rules.procedure, "%s", m_Rules.attemptOverran);
     return Attempt::Failed;
   }
   if (Shared(ToolKit::mFlashResult) != FirmwareUpdated) {
-    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.attemptFailed);
+    LOG_ERROR_AS(m_Rules.procedure, "%s", m_Rules.attemptFailed);
     return Attempt::Failed;
   }
   return Attempt::Succeeded;
 }
 
 bool FlashJob::MayDownloadAgain() {
-  if (++m_failures > Shared(ToolKit::mRetry_times)) {
-    LOG_ERROR_AS(m_rules.procedure, "\t Flash still failed after reach maximum retry value");
+  if (++m_Failures > Shared(ToolKit::mRetry_times)) {
+    LOG_ERROR_AS(m_Rules.procedure, "\t Flash still failed after reach maximum retry value");
     return false;
   }
-  LOG_ERROR_AS(m_rules.procedure, m_rules.retry, static_cast<int>(m_failures),
+  LOG_ERROR_AS(m_Rules.procedure, m_Rules.retry, static_cast<int>(m_Failures),
                static_cast<int>(Shared(ToolKit::mRetry_times)));
   SetResult(facts::kResultRetrying);
   CFirmwareDownloader::Unload();
-  LOG_TRACE_AS(m_rules.procedure, "%s", m_rules.pauseBeforeRetry);
-  ::Sleep(m_rules.pauseBeforeRetryMs);
+  LOG_TRACE_AS(m_Rules.procedure, "%s", m_Rules.pauseBeforeRetry);
+  ::Sleep(m_Rules.pauseBeforeRetryMs);
   return true;
 }
 
 // --- Coming back -----------------------------------------------------------------------------------------
 
 FlashJob::Outcome FlashJob::AwaitRearrival() {
-  LOG_TRACE_AS(m_rules.procedure, "%s", m_rules.flashed);
+  LOG_TRACE_AS(m_Rules.procedure, "%s", m_Rules.flashed);
   while (!ModemRearrived()) {
     if (!MayAwaitAgain()) {
       SetOnGoing(0);
       return Outcome::Failed;
     }
   }
-  LOG_TRACE_AS(m_rules.procedure, "\t MBIM Modem re-arrival, FW update OK");
+  LOG_TRACE_AS(m_Rules.procedure, "\t MBIM Modem re-arrival, FW update OK");
   SetOnGoing(0);
   return Outcome::Succeeded;
 }
@@ -211,7 +211,7 @@ bool FlashJob::ModemRearrived() {
   Shared(ToolKit::m_MBIM_Modem_monitor) = true;
   UniqueHandle watcher = StartWorker([] { ToolKit::WaitForMBIMRearrivedImplementation(nullptr); });
   if (watcher == nullptr) {
-    LOG_ERROR_AS(m_rules.procedure, "\t CreateThread WaitForMBIMRearrivedImplementation error: %x\n",
+    LOG_ERROR_AS(m_Rules.procedure, "\t CreateThread WaitForMBIMRearrivedImplementation error: %x\n",
                  static_cast<unsigned>(::GetLastError()));
     return false;
   }
@@ -220,25 +220,25 @@ bool FlashJob::ModemRearrived() {
   Shared(ToolKit::m_MBIM_Modem_monitor) = false;
   if (!ended) return IsBackAfterAll();
   const bool present = Shared(ToolKit::m_MBIM_Modem_presence);
-  LOG_TRACE_AS(m_rules.procedure, "\t check m_MBIM_Modem_presence: %d, %s\n", present ? 1 : 0,
+  LOG_TRACE_AS(m_Rules.procedure, "\t check m_MBIM_Modem_presence: %d, %s\n", present ? 1 : 0,
                present ? "Re-arrived" : "Not arrived");
   return present;
 }
 
 bool FlashJob::IsBackAfterAll() {
-  LOG_ERROR_AS(m_rules.procedure, "%s",
-               Shared(ToolKit::g_bIsFiveBranch) ? m_rules.lateWithReset : m_rules.lateWithoutReset);
-  return m_rules.looksOnceMore && ToolKit::IsMBIMModemPresence();
+  LOG_ERROR_AS(m_Rules.procedure, "%s",
+               Shared(ToolKit::g_bIsFiveBranch) ? m_Rules.lateWithReset : m_Rules.lateWithoutReset);
+  return m_Rules.looksOnceMore && ToolKit::IsMBIMModemPresence();
 }
 
 bool FlashJob::MayAwaitAgain() {
-  if (++m_failures > Shared(ToolKit::mRetry_times)) {
-    LOG_ERROR_AS(m_rules.procedure, "%s", m_rules.rearrivalLimitReached);
-    LOG_ERROR_AS(m_rules.procedure, "\t Flash OK, but wait Modem re-arrived failed");
+  if (++m_Failures > Shared(ToolKit::mRetry_times)) {
+    LOG_ERROR_AS(m_Rules.procedure, "%s", m_Rules.rearrivalLimitReached);
+    LOG_ERROR_AS(m_Rules.procedure, "\t Flash OK, but wait Modem re-arrived failed");
     return false;
   }
-  LOG_ERROR_AS(m_rules.procedure, "\t MBIM device not arrival, retry again, %d(Max %d)",
-               static_cast<int>(m_failures), static_cast<int>(Shared(ToolKit::mRetry_times)));
+  LOG_ERROR_AS(m_Rules.procedure, "\t MBIM device not arrival, retry again, %d(Max %d)",
+               static_cast<int>(m_Failures), static_cast<int>(Shared(ToolKit::mRetry_times)));
   SetResult(facts::kResultRetrying);
   CFirmwareDownloader::Unload();
   if (Shared(ToolKit::g_bIsFiveBranch)) CUdeIoControl::GetInstance()->TriggerFlashReset();

@@ -37,7 +37,7 @@ extern CORVEL_INTERNAL_DATA const FlashJobRules kCommandLineRules;
 /// the modem to come back, reports. Runs on the thread that calls it.
 class FlashJob {
  public:
-  explicit FlashJob(const FlashJobRules& rules) : m_rules(rules) {}
+  explicit FlashJob(const FlashJobRules& rules) : m_Rules(rules) {}
 
   /// The values that a controlling program finds before the first job.
   static void WriteInitialValues();
@@ -64,7 +64,7 @@ class FlashJob {
 
   static void End(int result);
 
-  const FlashJobRules& m_rules;
+  const FlashJobRules& m_Rules;
   /// Attempts that failed in this job, in downloading or in coming back.
-  unsigned long m_failures = 0;
+  unsigned long m_Failures = 0;
 };

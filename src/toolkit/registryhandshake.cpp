@@ -127,16 +127,16 @@ ReadyFlag LookAtReadyFlag(HKEY root, const wchar_t* subKey) {
 class RegistryWatch {
  public:
   bool MakeEvent() {
-    m_event.reset(::CreateEventW(nullptr, FALSE, TRUE, kChangeEventName));
-    return m_event != nullptr;
+    m_Event.reset(::CreateEventW(nullptr, FALSE, TRUE, kChangeEventName));
+    return m_Event != nullptr;
   }
   bool Open(HKEY root, const wchar_t* subKey) {
-    m_key = OpenKey(root, subKey, KEY_NOTIFY);
-    return m_key != nullptr;
+    m_Key = OpenKey(root, subKey, KEY_NOTIFY);
+    return m_Key != nullptr;
   }
   bool Arm() {
-    return ::RegNotifyChangeKeyValue(m_key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
-                                     m_event.get(), TRUE) == ERROR_SUCCESS;
+    return ::RegNotifyChangeKeyValue(m_Key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
+                                     m_Event.get(), TRUE) == ERROR_SUCCESS;
   }
   /// Waits until something changes or the ready flag is seen raised. @return false when waiting failed.
   ///
@@ -148,19 +148,19 @@ class RegistryWatch {
       const ReadyFlag flag = LookAtReadyFlag(root, subKey);
       if (flag == ReadyFlag::Raised) return true;
       const DWORD limit = flag == ReadyFlag::Unknown ? kPauseAfterFailureMs : INFINITE;
-      const DWORD ended = ::WaitForSingleObject(m_event.get(), limit);
+      const DWORD ended = ::WaitForSingleObject(m_Event.get(), limit);
       if (ended != WAIT_TIMEOUT) return ended != WAIT_FAILED;
     }
   }
   void Close() {
-    m_event.reset();
-    m_key.reset();
+    m_Event.reset();
+    m_Key.reset();
   }
 
  private:
   // In this order the event is closed first: closing an armed key signals it, and others may share it.
-  UniqueRegistryKey m_key;
-  UniqueHandle m_event;
+  UniqueRegistryKey m_Key;
+  UniqueHandle m_Event;
 };
 
 }  // namespace

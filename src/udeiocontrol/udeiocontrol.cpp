@@ -53,28 +53,28 @@ class DeviceRequest {
   enum class Start { Completed, Pending, Refused };
 
   /// The driver gets a copy of `output`, for the caller's may be gone when it writes.
-  DeviceRequest(const void* output, std::uint32_t outputSize) : m_memory(MakeMemory(output, outputSize)) {
-    if (m_memory == nullptr) {
+  DeviceRequest(const void* output, std::uint32_t outputSize) : m_Memory(MakeMemory(output, outputSize)) {
+    if (m_Memory == nullptr) {
       ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return;
     }
-    m_done.reset(::CreateEventExW(nullptr, nullptr, CREATE_EVENT_MANUAL_RESET, EVENT_ALL_ACCESS));
-    m_memory->overlapped.hEvent = m_done.get();
+    m_Done.reset(::CreateEventExW(nullptr, nullptr, CREATE_EVENT_MANUAL_RESET, EVENT_ALL_ACCESS));
+    m_Memory->overlapped.hEvent = m_Done.get();
   }
   ~DeviceRequest();
   DeviceRequest(const DeviceRequest&) = delete;
   DeviceRequest& operator=(const DeviceRequest&) = delete;
 
   /// False, with the last error set, when the event or the memory could not be had.
-  bool IsReady() const { return m_done != nullptr; }
-  HANDLE Done() const { return m_done.get(); }
-  OVERLAPPED* Overlapped() const { return &m_memory->overlapped; }
-  void* Output() const { return m_memory->output.get(); }
+  bool IsReady() const { return m_Done != nullptr; }
+  HANDLE Done() const { return m_Done.get(); }
+  OVERLAPPED* Overlapped() const { return &m_Memory->overlapped; }
+  void* Output() const { return m_Memory->output.get(); }
 
   Start Send(HANDLE device, std::uint32_t code, const void* input, std::uint32_t inputSize,
              std::uint32_t outputSize);
   /// The driver is known to be through with the request.
-  void SetCompleted() { m_pending = false; }
+  void SetCompleted() { m_Pending = false; }
 
  private:
   struct Memory {
@@ -83,9 +83,9 @@ class DeviceRequest {
   };
   static std::unique_ptr<Memory> MakeMemory(const void* output, std::uint32_t outputSize);
 
-  std::unique_ptr<Memory> m_memory;
-  UniqueHandle m_done;
-  bool m_pending = false;
+  std::unique_ptr<Memory> m_Memory;
+  UniqueHandle m_Done;
+  bool m_Pending = false;
 };
 
 std::unique_ptr<DeviceRequest::Memory> DeviceRequest::MakeMemory(const void* output,
@@ -101,12 +101,12 @@ std::unique_ptr<DeviceRequest::Memory> DeviceRequest::MakeMemory(const void* out
 DeviceRequest::~DeviceRequest() {
   if (!IsReady()) return;
   const LastErrorKeeper keep;
-  if (m_pending && ::WaitForSingleObject(m_done.get(), kCancelGraceMs) != WAIT_OBJECT_0) {
+  if (m_Pending && ::WaitForSingleObject(m_Done.get(), kCancelGraceMs) != WAIT_OBJECT_0) {
     // Lost on purpose: a driver that ignores the cancel may write here at any later time. The event can be
     // closed, the system holds it for the request.
-    static_cast<void>(m_memory.release());
+    static_cast<void>(m_Memory.release());
   }
-  ::ResetEvent(m_done.get());
+  ::ResetEvent(m_Done.get());
 }
 
 DeviceRequest::Start DeviceRequest::Send(HANDLE device, std::uint32_t code, const void* input,
@@ -115,8 +115,8 @@ DeviceRequest::Start DeviceRequest::Send(HANDLE device, std::uint32_t code, cons
                         Overlapped())) {
     return Start::Completed;
   }
-  m_pending = ::GetLastError() == ERROR_IO_PENDING;
-  return m_pending ? Start::Pending : Start::Refused;
+  m_Pending = ::GetLastError() == ERROR_IO_PENDING;
+  return m_Pending ? Start::Pending : Start::Refused;
 }
 
 }  // namespace
@@ -158,13 +158,13 @@ bool CUdeIoControl::OpenFlashDevice() {
 
 void CUdeIoControl::CloseDevice() {
   LOG_TRACE("CloseDevice ++");
-  TearDownDeviceInterface(m_device.exchange(nullptr));
+  TearDownDeviceInterface(m_Device.exchange(nullptr));
   LOG_TRACE("CloseDevice --");
 }
 
 void CUdeIoControl::CloseFlashDevice() {
   LOG_TRACE("CloseFlashDevice ++");
-  TearDownDeviceInterface(m_device.exchange(nullptr));
+  TearDownDeviceInterface(m_Device.exchange(nullptr));
   LOG_TRACE("CloseFlashDevice --");
 }
 
@@ -190,7 +190,7 @@ bool CUdeIoControl::OpenUdeDeviceFlashInterface() {
 
 bool CUdeIoControl::OpenInterface(const InterfaceOpening& opening) {
   // What an earlier open left is closed first, so that a failed one leaves nothing that looks opened.
-  UniqueHandle(m_device.exchange(nullptr)).reset();
+  UniqueHandle(m_Device.exchange(nullptr)).reset();
 
   const DeviceList list = FetchPresentInterfaces(opening.interfaceClass);
   switch (list.outcome) {
@@ -213,7 +213,7 @@ bool CUdeIoControl::OpenInterface(const InterfaceOpening& opening) {
     case DeviceListOutcome::Fetched:
       break;
   }
-  m_device = OpenWantedInstance(opening, list).release();
+  m_Device = OpenWantedInstance(opening, list).release();
   return true;
 }
 
@@ -285,7 +285,7 @@ bool CUdeIoControl::SendSyncDeviceRequest(std::uint32_t code, const void* input,
     LOG_WARNING("SendSyncDeviceRequest--: CreateEventEx failed: %d", LastErrorNumber());
     return false;
   }
-  const HANDLE device = m_device;
+  const HANDLE device = m_Device;
   const bool sent =
       request->Send(device, code, input, inputSize, outputSize) != DeviceRequest::Start::Refused;
   if (!sent) {

@@ -62,5 +62,5 @@ class CUdeIoControl {
   static CUdeIoControl s_instance;
 
   /// Null when closed.
-  std::atomic<HANDLE> m_device{nullptr};
+  std::atomic<HANDLE> m_Device{nullptr};
 };

@@ -62,20 +62,20 @@ VARIANT ElementType() {
 }  // namespace
 
 XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const CTString& text, VARENUM type) noexcept
-    : m_name(name) {
+    : m_Name(name) {
   // A value that is left alone must still be harmless: the document model reads it.
-  m_value = VARIANT{};
-  m_value.vt = static_cast<VARTYPE>(type);
-  if (type == VT_BSTR) m_value.bstrVal = NewBstr(text);
-  if (type == VT_UI2) m_value.uiVal = static_cast<USHORT>(::StrToIntW(text));
+  m_Value = VARIANT{};
+  m_Value.vt = static_cast<VARTYPE>(type);
+  if (type == VT_BSTR) m_Value.bstrVal = NewBstr(text);
+  if (type == VT_UI2) m_Value.uiVal = static_cast<USHORT>(::StrToIntW(text));
 }
 
-XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noexcept : m_name(name) {
-  m_value = VARIANT{};
-  m_value.vt = VT_DATE;
+XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noexcept : m_Name(name) {
+  m_Value = VARIANT{};
+  m_Value.vt = VT_DATE;
   SYSTEMTIME copy = time;
   DATE date = 0;
-  if (::SystemTimeToVariantTime(&copy, &date) != FALSE) m_value.date = date;
+  if (::SystemTimeToVariantTime(&copy, &date) != FALSE) m_Value.date = date;
 }
 
 // Here and not in the header, so that the library exports them whatever the compiler.
@@ -86,21 +86,21 @@ XML_NAME_VALUE& XML_NAME_VALUE::operator=(XML_NAME_VALUE&& other) = default;
 XML_NAME_VALUE::~XML_NAME_VALUE() = default;
 
 CTString XML_NAME_VALUE::Name() const {
-  return m_name;
+  return m_Name;
 }
 
 VARIANT XML_NAME_VALUE::Value() const {
-  return m_value;
+  return m_Value;
 }
 
-CXMLFile::CXMLFile(const CTString& path) noexcept : m_path(path) {}
+CXMLFile::CXMLFile(const CTString& path) noexcept : m_Path(path) {}
 
 CXMLFile::~CXMLFile() = default;
 
 HRESULT CXMLFile::InitializeDOM() noexcept {
-  m_children.reset();
-  m_root.reset();
-  m_document.reset();
+  m_Children.reset();
+  m_Root.reset();
+  m_Document.reset();
   ComPtr<IXMLDOMDocument> document;
   HRESULT result = ::CoCreateInstance(kDomDocumentClass, nullptr, kDomClassContext, kDomDocumentInterface,
                                       reinterpret_cast<void**>(document.GetAddressOf()));
@@ -115,7 +115,7 @@ HRESULT CXMLFile::InitializeDOM() noexcept {
       return result;
     }
   }
-  m_document.reset(document.Detach());
+  m_Document.reset(document.Detach());
   return S_OK;
 }
 
@@ -124,40 +124,40 @@ HRESULT CXMLFile::GetRootNode(IXMLDOMElement** root) noexcept {
   if (FAILED(InitializeDOM())) return E_FAIL;
 
   // A file that is missing or malformed is a successful call that loaded nothing.
-  const OwnedBstr path(m_path);
+  const OwnedBstr path(m_Path);
   VARIANT_BOOL loaded = VARIANT_FALSE;
-  HRESULT result = m_document->load(path.AsVariant(), &loaded);
+  HRESULT result = m_Document->load(path.AsVariant(), &loaded);
   if (FAILED(result) || loaded == VARIANT_FALSE) {
-    LOG_ERROR("IXMLDOMDocument::load(%s) failed with: %x", Narrow(m_path).c_str(), HexOf(result));
-    return Abandon(E_FAIL, m_document);
+    LOG_ERROR("IXMLDOMDocument::load(%s) failed with: %x", Narrow(m_Path).c_str(), HexOf(result));
+    return Abandon(E_FAIL, m_Document);
   }
 
   ComPtr<IXMLDOMElement> element;
-  result = m_document->get_documentElement(element.GetAddressOf());
+  result = m_Document->get_documentElement(element.GetAddressOf());
   if (FAILED(result) || element == nullptr) {
-    LOG_ERROR("IXMLDOMDocument::get_documentElement(%s) failed with: %x", Narrow(m_path).c_str(),
+    LOG_ERROR("IXMLDOMDocument::get_documentElement(%s) failed with: %x", Narrow(m_Path).c_str(),
               HexOf(result));
-    return Abandon(FailureOf(result), m_document);
+    return Abandon(FailureOf(result), m_Document);
   }
 
   ComPtr<IXMLDOMNodeList> children;
   result = element->get_childNodes(children.GetAddressOf());
   if (FAILED(result) || children == nullptr) {
-    LOG_ERROR("IXMLDOMElement::get_childNodes(%s) failed with: %x", Narrow(m_path).c_str(), HexOf(result));
-    return Abandon(FailureOf(result), m_document);
+    LOG_ERROR("IXMLDOMElement::get_childNodes(%s) failed with: %x", Narrow(m_Path).c_str(), HexOf(result));
+    return Abandon(FailureOf(result), m_Document);
   }
 
-  m_children.reset(children.Detach());
-  m_root.reset(element.Detach());
+  m_Children.reset(children.Detach());
+  m_Root.reset(element.Detach());
   // Callers rely on the root being borrowed: they never release it.
-  if (root != nullptr) *root = m_root.get();
+  if (root != nullptr) *root = m_Root.get();
   return S_OK;
 }
 
 int CXMLFile::GetNodesCount() noexcept {
-  if (m_children == nullptr) return kNoList;
+  if (m_Children == nullptr) return kNoList;
   long length = 0;
-  const HRESULT result = m_children->get_length(&length);
+  const HRESULT result = m_Children->get_length(&length);
   if (FAILED(result)) {
     LOG_ERROR("IXMLDOMNodeList::get_length() failed with: %x", HexOf(result));
     return kNoList;
@@ -297,35 +297,35 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
 }
 
 HRESULT CXMLFile::CreateAndAddPINode() noexcept {
-  if (m_document == nullptr) return E_FAIL;
+  if (m_Document == nullptr) return E_FAIL;
 
   const OwnedBstr target{CTString(kDeclarationTarget)};
   const OwnedBstr data{CTString(kDeclarationData)};
   ComPtr<IXMLDOMProcessingInstruction> declaration;
   HRESULT result =
-      m_document->createProcessingInstruction(target.Get(), data.Get(), declaration.GetAddressOf());
+      m_Document->createProcessingInstruction(target.Get(), data.Get(), declaration.GetAddressOf());
   if (FAILED(result) || declaration == nullptr) {
     LOG_ERROR("IXMLDOMDocument::createProcessingInstruction() failed with: %x", HexOf(result));
     return FailureOf(result);
   }
   ComPtr<IXMLDOMNode> added;
-  result = m_document->appendChild(declaration.Get(), added.GetAddressOf());
+  result = m_Document->appendChild(declaration.Get(), added.GetAddressOf());
   if (FAILED(result)) LOG_ERROR("IXMLDOMDocument::appendChild() failed with: %x", HexOf(result));
   return result;
 }
 
 HRESULT CXMLFile::CreateAndAddNode(const CTString& name, IXMLDOMNode** node, IXMLDOMNode* parent) noexcept {
   Clear(node);
-  if (m_document == nullptr) return E_FAIL;
+  if (m_Document == nullptr) return E_FAIL;
 
   const OwnedBstr elementName(name);
   ComPtr<IXMLDOMNode> element;
-  HRESULT result = m_document->createNode(ElementType(), elementName.Get(), nullptr, element.GetAddressOf());
+  HRESULT result = m_Document->createNode(ElementType(), elementName.Get(), nullptr, element.GetAddressOf());
   if (FAILED(result) || element == nullptr) {
     LOG_ERROR("IXMLDOMDocument::createNode(%s) failed with: %x", Narrow(name).c_str(), HexOf(result));
     return FailureOf(result);
   }
-  IXMLDOMNode* target = parent == nullptr ? m_document.get() : parent;
+  IXMLDOMNode* target = parent == nullptr ? m_Document.get() : parent;
   ComPtr<IXMLDOMNode> added;
   result = target->appendChild(element.Get(), added.GetAddressOf());
   if (FAILED(result)) {
@@ -343,16 +343,16 @@ HRESULT CXMLFile::CreateRootNode(const CTString& name, IXMLDOMNode** node) noexc
   ComPtr<IXMLDOMNode> root;
   if (FAILED(InitializeDOM()) || FAILED(CreateAndAddPINode()) ||
       FAILED(CreateAndAddNode(name, root.GetAddressOf(), nullptr))) {
-    return Abandon(E_FAIL, m_document);
+    return Abandon(E_FAIL, m_Document);
   }
   ComPtr<IXMLDOMElement> element;
   const HRESULT result =
       root->QueryInterface(kDomElementInterface, reinterpret_cast<void**>(element.GetAddressOf()));
   if (FAILED(result)) {
     LOG_ERROR("IXMLDOMNode::QueryInterface(IID_IXMLDOMElement) failed with: %x", HexOf(result));
-    return Abandon(E_FAIL, m_document);
+    return Abandon(E_FAIL, m_Document);
   }
-  m_root.reset(element.Detach());
+  m_Root.reset(element.Detach());
   HandOut(root, node);
   return S_OK;
 }
@@ -365,7 +365,7 @@ HRESULT CXMLFile::CreateRootNode(const CTString& name, const CTString& schema, I
   if (FAILED(CreateRootNode(name, root.GetAddressOf()))) return E_FAIL;
   if (FAILED(CreateAttributeForNode(kSchemaPrefixAttribute, kSchemaInstanceNamespace, root.Get())) ||
       FAILED(CreateAttributeForNode(kSchemaAttribute, schema, root.Get()))) {
-    return Abandon(E_FAIL, m_root, m_document);
+    return Abandon(E_FAIL, m_Root, m_Document);
   }
   HandOut(root, node);
   return S_OK;
@@ -373,11 +373,11 @@ HRESULT CXMLFile::CreateRootNode(const CTString& name, const CTString& schema, I
 
 HRESULT CXMLFile::AddAttributeToNode(const CTString& attributeName, const VARIANT& value,
                                      IXMLDOMNode* node) noexcept {
-  if (attributeName.IsEmpty() || node == nullptr || m_document == nullptr) return E_FAIL;
+  if (attributeName.IsEmpty() || node == nullptr || m_Document == nullptr) return E_FAIL;
 
   const OwnedBstr name(attributeName);
   ComPtr<IXMLDOMAttribute> attribute;
-  HRESULT result = m_document->createAttribute(name.Get(), attribute.GetAddressOf());
+  HRESULT result = m_Document->createAttribute(name.Get(), attribute.GetAddressOf());
   if (FAILED(result) || attribute == nullptr) {
     LOG_ERROR("IXMLDOMDocument::createAttribute(%s) failed with: %x", Narrow(attributeName).c_str(),
               HexOf(result));
@@ -465,11 +465,11 @@ HRESULT CXMLFile::CreateNodes(const std::vector<XML_NAME_VALUE>& nodes, IXMLDOMN
 }
 
 HRESULT CXMLFile::SaveDocumentToFile() noexcept {
-  if (m_document == nullptr) return E_FAIL;
-  const OwnedBstr path(m_path);
-  const HRESULT result = m_document->save(path.AsVariant());
+  if (m_Document == nullptr) return E_FAIL;
+  const OwnedBstr path(m_Path);
+  const HRESULT result = m_Document->save(path.AsVariant());
   if (FAILED(result)) {
-    LOG_ERROR("IXMLDOMDocument::save(%s) failed with: %d", Narrow(m_path).c_str(), static_cast<int>(result));
+    LOG_ERROR("IXMLDOMDocument::save(%s) failed with: %d", Narrow(m_Path).c_str(), static_cast<int>(result));
   }
   return result;
 }

@@ -47,8 +47,8 @@ class CORVEL_TOOLKIT_API XML_NAME_VALUE {
   VARIANT Value() const;
 
  private:
-  CTString m_name;
-  VARIANT m_value;
+  CTString m_Name;
+  VARIANT m_Value;
 };
 
 /// One XML document, bound to the path of one file.
@@ -156,10 +156,10 @@ class CORVEL_TOOLKIT_API CXMLFile {
     void operator()(IUnknown* object) const noexcept { object->Release(); }
   };
 
-  CTString m_path;
-  std::unique_ptr<IXMLDOMDocument, Releaser> m_document;
-  std::unique_ptr<IXMLDOMElement, Releaser> m_root;
-  std::unique_ptr<IXMLDOMNodeList, Releaser> m_children;
+  CTString m_Path;
+  std::unique_ptr<IXMLDOMDocument, Releaser> m_Document;
+  std::unique_ptr<IXMLDOMElement, Releaser> m_Root;
+  std::unique_ptr<IXMLDOMNodeList, Releaser> m_Children;
 };
 
 }  // namespace QUENTA::Brevant::Interfaces::ToolkitCore

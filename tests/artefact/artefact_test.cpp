@@ -50,15 +50,15 @@ std::string Lower(std::string text) {
 class VersionResource {
  public:
   VersionResource() {
-    m_bytes.resize(::GetFileVersionInfoSizeW(Library().c_str(), nullptr));
-    m_found = !m_bytes.empty() &&
-              ::GetFileVersionInfoW(Library().c_str(), 0, static_cast<DWORD>(m_bytes.size()), m_bytes.data());
+    m_Bytes.resize(::GetFileVersionInfoSizeW(Library().c_str(), nullptr));
+    m_Found = !m_Bytes.empty() &&
+              ::GetFileVersionInfoW(Library().c_str(), 0, static_cast<DWORD>(m_Bytes.size()), m_Bytes.data());
   }
 
   std::string Numbers() {
     VS_FIXEDFILEINFO* fixed = nullptr;
     UINT size = 0;
-    if (!m_found || !::VerQueryValueW(m_bytes.data(), L"\\", reinterpret_cast<void**>(&fixed), &size))
+    if (!m_Found || !::VerQueryValueW(m_Bytes.data(), L"\\", reinterpret_cast<void**>(&fixed), &size))
       return {};
     return std::to_string(HIWORD(fixed->dwFileVersionMS)) + "." +
            std::to_string(LOWORD(fixed->dwFileVersionMS)) + "." +
@@ -70,8 +70,8 @@ class VersionResource {
     wchar_t* text = nullptr;
     UINT size = 0;
     const std::wstring block = L"\\StringFileInfo\\040904B0\\" + name;
-    if (!m_found ||
-        !::VerQueryValueW(m_bytes.data(), block.c_str(), reinterpret_cast<void**>(&text), &size)) {
+    if (!m_Found ||
+        !::VerQueryValueW(m_Bytes.data(), block.c_str(), reinterpret_cast<void**>(&text), &size)) {
       return {};
     }
     std::array<char, 256> narrow{};
@@ -81,8 +81,8 @@ class VersionResource {
   }
 
  private:
-  std::vector<std::byte> m_bytes;
-  bool m_found = false;
+  std::vector<std::byte> m_Bytes;
+  bool m_Found = false;
 };
 
 TEST(Artefact, IsMadeForX64) {

@@ -19,23 +19,23 @@ std::vector<std::byte> BytesOf(const std::filesystem::path& path) {
 
 }  // namespace
 
-PeFile::PeFile(const std::filesystem::path& path) : m_bytes(BytesOf(path)) {
+PeFile::PeFile(const std::filesystem::path& path) : m_Bytes(BytesOf(path)) {
   const auto dos = At<IMAGE_DOS_HEADER>(0);
   if (dos.e_magic != IMAGE_DOS_SIGNATURE) throw std::runtime_error("no program file");
   const auto start = static_cast<std::size_t>(dos.e_lfanew);
-  m_headers = At<IMAGE_NT_HEADERS64>(start);
-  if (m_headers.Signature != IMAGE_NT_SIGNATURE) throw std::runtime_error("no Windows program");
-  if (m_headers.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC) throw std::runtime_error("not 64-bit");
+  m_Headers = At<IMAGE_NT_HEADERS64>(start);
+  if (m_Headers.Signature != IMAGE_NT_SIGNATURE) throw std::runtime_error("no Windows program");
+  if (m_Headers.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC) throw std::runtime_error("not 64-bit");
 
   const std::size_t first =
-      start + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + m_headers.FileHeader.SizeOfOptionalHeader;
-  for (WORD i = 0; i < m_headers.FileHeader.NumberOfSections; ++i) {
-    m_sections.push_back(At<IMAGE_SECTION_HEADER>(first + i * sizeof(IMAGE_SECTION_HEADER)));
+      start + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + m_Headers.FileHeader.SizeOfOptionalHeader;
+  for (WORD i = 0; i < m_Headers.FileHeader.NumberOfSections; ++i) {
+    m_Sections.push_back(At<IMAGE_SECTION_HEADER>(first + i * sizeof(IMAGE_SECTION_HEADER)));
   }
 }
 
 std::size_t PeFile::OffsetOf(std::uint32_t address) const {
-  for (const IMAGE_SECTION_HEADER& section : m_sections) {
+  for (const IMAGE_SECTION_HEADER& section : m_Sections) {
     if (address < section.VirtualAddress) continue;
     const std::uint32_t within = address - section.VirtualAddress;
     if (within < section.SizeOfRawData) return std::size_t{section.PointerToRawData} + within;
@@ -50,7 +50,7 @@ std::string PeFile::TextAt(std::size_t offset) const {
 }
 
 IMAGE_DATA_DIRECTORY PeFile::Directory(std::size_t index) const {
-  return std::span(m_headers.OptionalHeader.DataDirectory)[index];
+  return std::span(m_Headers.OptionalHeader.DataDirectory)[index];
 }
 
 std::vector<std::string> PeFile::Exports() const {
@@ -91,8 +91,8 @@ std::vector<std::string> PeFile::ImportedLibraries() const {
 }
 
 std::optional<std::uint32_t> PeFile::AddressOfSymbol(const std::string& name) const {
-  const std::size_t symbols = m_headers.FileHeader.PointerToSymbolTable;
-  const std::size_t count = m_headers.FileHeader.NumberOfSymbols;
+  const std::size_t symbols = m_Headers.FileHeader.PointerToSymbolTable;
+  const std::size_t count = m_Headers.FileHeader.NumberOfSymbols;
   const std::size_t texts = symbols + count * IMAGE_SIZEOF_SYMBOL;
   for (std::size_t i = 0; symbols != 0 && i < count; ++i) {
     const auto symbol = At<IMAGE_SYMBOL>(symbols + i * IMAGE_SIZEOF_SYMBOL);
@@ -102,7 +102,7 @@ std::optional<std::uint32_t> PeFile::AddressOfSymbol(const std::string& name) co
     const std::string found = isLong ? TextAt(texts + symbol.N.Name.Long)
                                      : std::string(shortName, std::find(shortName, shortName + 8, '\0'));
     if (found == name && symbol.SectionNumber > 0) {
-      const auto& section = m_sections.at(static_cast<std::size_t>(symbol.SectionNumber) - 1);
+      const auto& section = m_Sections.at(static_cast<std::size_t>(symbol.SectionNumber) - 1);
       return section.VirtualAddress + symbol.Value;
     }
     i += symbol.NumberOfAuxSymbols;
@@ -115,10 +115,10 @@ std::optional<int> PeFile::CallsTo(const std::string& function) const {
   if (!target) return std::nullopt;
 
   int calls = 0;
-  for (const IMAGE_SECTION_HEADER& section : m_sections) {
+  for (const IMAGE_SECTION_HEADER& section : m_Sections) {
     if ((section.Characteristics & IMAGE_SCN_MEM_EXECUTE) == 0) continue;
     for (std::uint32_t i = 0; i + 5 <= section.SizeOfRawData; ++i) {
-      if (m_bytes.at(section.PointerToRawData + i) != kCallOpcode) continue;
+      if (m_Bytes.at(section.PointerToRawData + i) != kCallOpcode) continue;
       const auto distance = At<std::int32_t>(std::size_t{section.PointerToRawData} + i + 1);
       const std::int64_t called = std::int64_t{section.VirtualAddress} + i + 5 + distance;
       if (called == *target) ++calls;

@@ -18,9 +18,9 @@ class PeFile {
  public:
   explicit PeFile(const std::filesystem::path& path);
 
-  WORD Machine() const { return m_headers.FileHeader.Machine; }
-  WORD Flags() const { return m_headers.OptionalHeader.DllCharacteristics; }
-  std::size_t Size() const { return m_bytes.size(); }
+  WORD Machine() const { return m_Headers.FileHeader.Machine; }
+  WORD Flags() const { return m_Headers.OptionalHeader.DllCharacteristics; }
+  std::size_t Size() const { return m_Bytes.size(); }
 
   /// Names of all exports, sorted; an export without a name throws.
   std::vector<std::string> Exports() const;
@@ -35,9 +35,9 @@ class PeFile {
  private:
   template <typename T>
   T At(std::size_t offset) const {
-    if (offset + sizeof(T) > m_bytes.size()) throw std::runtime_error("beyond the end of the file");
+    if (offset + sizeof(T) > m_Bytes.size()) throw std::runtime_error("beyond the end of the file");
     T value;
-    std::memcpy(&value, m_bytes.data() + offset, sizeof value);
+    std::memcpy(&value, m_Bytes.data() + offset, sizeof value);
     return value;
   }
   template <typename T>
@@ -49,7 +49,7 @@ class PeFile {
   IMAGE_DATA_DIRECTORY Directory(std::size_t index) const;
   std::optional<std::uint32_t> AddressOfSymbol(const std::string& name) const;
 
-  std::vector<std::byte> m_bytes;
-  IMAGE_NT_HEADERS64 m_headers{};
-  std::vector<IMAGE_SECTION_HEADER> m_sections;
+  std::vector<std::byte> m_Bytes;
+  IMAGE_NT_HEADERS64 m_Headers{};
+  std::vector<IMAGE_SECTION_HEADER> m_Sections;
 };

@@ -137,19 +137,19 @@ class LackOfMemory : public testing::Test {
   void SetUp() override {
     ::Setup setup;
     setup.route = g_options.route;
-    m_configuration.emplace(m_folder, setup, m_key.Location(), m_folder / L"firmware");
+    m_Configuration.emplace(m_Folder, setup, m_Key.Location(), m_Folder / L"firmware");
     if (!g_options.log) TurnLogOff();
-    VirtualPcOptions options = PcOptions(setup, kSpeed, m_folder);
+    VirtualPcOptions options = PcOptions(setup, kSpeed, m_Folder);
     options.timing = QuickTiming();
-    m_pc.emplace(options);
-    const HMODULE product = m_pc->LoadUnderSimulation(m_folder / kLibrary);
+    m_Pc.emplace(options);
+    const HMODULE product = m_Pc->LoadUnderSimulation(m_Folder / kLibrary);
     ASSERT_NE(product, nullptr);
     ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
     // Never destroyed: the service goes on until the process ends.
     static FailingAllocations& allocations = *new FailingAllocations(product);
     ASSERT_TRUE(allocations.IsInPlace());
     static ImportPatch& patch = *new ImportPatch(product);
-    RoundsAtRest::Watch(m_key);
+    RoundsAtRest::Watch(m_Key);
     ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &RoundsAtRest::Notify));
     // The present wait may know the function that it began with. A request that finds no images ends it.
     RoundsAtRest::Raise();
@@ -167,7 +167,7 @@ class LackOfMemory : public testing::Test {
     })) << "the job neither ends nor goes on";
     FailingAllocations::Restore();
     EXPECT_TRUE(Becomes(over)) << "the service does not wait for the next request";
-    const auto result = m_key.Read().result;
+    const auto result = m_Key.Read().result;
     EXPECT_TRUE(result == Code(hosts::FlashResult::Failed) || result == Code(hosts::FlashResult::Succeeded))
         << "result " << result.value_or(~0u);
     if (result == Code(hosts::FlashResult::Succeeded)) ExpectInModem(image);
@@ -179,14 +179,14 @@ class LackOfMemory : public testing::Test {
     const int rounds = RoundsAtRest::Raise();
     EXPECT_TRUE(Becomes([&] { return RoundsAtRest::Count() > rounds; }))
         << "the service does not do the next job";
-    EXPECT_EQ(m_key.Read().result, Code(hosts::FlashResult::Succeeded));
+    EXPECT_EQ(m_Key.Read().result, Code(hosts::FlashResult::Succeeded));
     ExpectInModem(image);
-    m_pc->ClearJournal();
+    m_Pc->ClearJournal();
   }
 
   /// How often the service has begun to wait for a change of the key.
   int Rounds() const {
-    const auto calls = m_pc->PlatformCalls();
+    const auto calls = m_Pc->PlatformCalls();
     const auto found = calls.find("RegNotifyChangeKeyValue");
     return found == calls.end() ? 0 : found->second;
   }
@@ -206,7 +206,7 @@ class LackOfMemory : public testing::Test {
   }
 
   void TurnLogOff() const {
-    const auto path = m_folder / L"CorvelConfig.ini";
+    const auto path = m_Folder / L"CorvelConfig.ini";
     std::ifstream file(path, std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), {}};
     file.close();
@@ -217,8 +217,8 @@ class LackOfMemory : public testing::Test {
 
   /// Another one each time: what an earlier job wrote must not pass for the work of a later one.
   FlashImage LayNewImage() {
-    const FlashImage image = BuildImage(SmallImagePlan(++m_images));
-    const auto folder = m_folder / L"firmware";
+    const FlashImage image = BuildImage(SmallImagePlan(++m_Images));
+    const auto folder = m_Folder / L"firmware";
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
     EXPECT_TRUE(SaveImageFile(image, folder / L"nvm.fls"));
@@ -226,15 +226,15 @@ class LackOfMemory : public testing::Test {
   }
 
   void ExpectInModem(const FlashImage& image) {
-    const MemoryComparison comparison = m_pc->Modem().CompareWith(nullptr, &image);
+    const MemoryComparison comparison = m_Pc->Modem().CompareWith(nullptr, &image);
     EXPECT_TRUE(comparison.equal) << comparison.difference;
   }
 
-  const std::filesystem::path m_folder = hosts::ProgramFolder();
-  SessionKey m_key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
-  std::optional<ConfigurationFile> m_configuration;
-  std::optional<VirtualPc> m_pc;
-  std::uint32_t m_images = 0;
+  const std::filesystem::path m_Folder = hosts::ProgramFolder();
+  SessionKey m_Key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
+  std::optional<ConfigurationFile> m_Configuration;
+  std::optional<VirtualPc> m_Pc;
+  std::uint32_t m_Images = 0;
 };
 
 TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {

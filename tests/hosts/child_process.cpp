@@ -25,40 +25,40 @@ ChildProcess::Collector::Collector() {
   HANDLE write = nullptr;
   if (!::CreatePipe(&read, &write, &inherited, 0)) throw std::runtime_error("no pipe for a child's output");
   ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
-  m_read.reset(read);
-  m_write.reset(write);
+  m_Read.reset(read);
+  m_Write.reset(write);
 }
 
 ChildProcess::Collector::~Collector() {
-  if (m_thread.joinable()) m_thread.join();
+  if (m_Thread.joinable()) m_Thread.join();
 }
 
 void ChildProcess::Collector::Begin() {
-  m_write.reset();
-  m_thread = std::thread([this] {
+  m_Write.reset();
+  m_Thread = std::thread([this] {
     std::array<char, 4096> part{};
-    for (DWORD size = 0; ::ReadFile(m_read.get(), part.data(), part.size(), &size, nullptr);) {
-      const std::lock_guard lock(m_mutex);
-      m_text.append(part.data(), size);
+    for (DWORD size = 0; ::ReadFile(m_Read.get(), part.data(), part.size(), &size, nullptr);) {
+      const std::lock_guard lock(m_Mutex);
+      m_Text.append(part.data(), size);
     }
   });
 }
 
 void ChildProcess::Collector::WaitForEnd() {
-  if (m_thread.joinable()) m_thread.join();
+  if (m_Thread.joinable()) m_Thread.join();
 }
 
 std::string ChildProcess::Collector::Text() {
-  const std::lock_guard lock(m_mutex);
-  return m_text;
+  const std::lock_guard lock(m_Mutex);
+  return m_Text;
 }
 
 ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = m_output.WriteEnd();
-  startup.hStdError = m_errors.WriteEnd();
+  startup.hStdOutput = m_Output.WriteEnd();
+  startup.hStdError = m_Errors.WriteEnd();
   std::wstring line = CommandLine(program, arguments);
   PROCESS_INFORMATION child{};
   if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
@@ -66,25 +66,25 @@ ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vect
     ThrowLastError("a host cannot be started");
   }
   ::CloseHandle(child.hThread);
-  m_process.reset(child.hProcess);
-  m_output.Begin();
-  m_errors.Begin();
+  m_Process.reset(child.hProcess);
+  m_Output.Begin();
+  m_Errors.Begin();
 }
 
 ChildProcess::~ChildProcess() {
-  if (m_process != nullptr && ::WaitForSingleObject(m_process.get(), 0) == WAIT_TIMEOUT) {
-    ::TerminateProcess(m_process.get(), kEndedByTest);
+  if (m_Process != nullptr && ::WaitForSingleObject(m_Process.get(), 0) == WAIT_TIMEOUT) {
+    ::TerminateProcess(m_Process.get(), kEndedByTest);
   }
 }
 
 std::optional<int> ChildProcess::WaitForEnd(std::chrono::milliseconds limit) {
-  if (::WaitForSingleObject(m_process.get(), static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) {
+  if (::WaitForSingleObject(m_Process.get(), static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) {
     return std::nullopt;
   }
-  m_output.WaitForEnd();
-  m_errors.WaitForEnd();
+  m_Output.WaitForEnd();
+  m_Errors.WaitForEnd();
   DWORD status = 0;
-  ::GetExitCodeProcess(m_process.get(), &status);
+  ::GetExitCodeProcess(m_Process.get(), &status);
   return static_cast<int>(status);
 }
 
@@ -96,8 +96,8 @@ bool ChildProcess::Says(const std::string& text, std::chrono::milliseconds limit
 }
 
 void ChildProcess::Kill() const {
-  if (!::TerminateProcess(m_process.get(), kEndedByTest)) ThrowLastError("a host cannot be ended");
-  ::WaitForSingleObject(m_process.get(), INFINITE);
+  if (!::TerminateProcess(m_Process.get(), kEndedByTest)) ThrowLastError("a host cannot be ended");
+  ::WaitForSingleObject(m_Process.get(), INFINITE);
 }
 
 bool ChildProcess::Interrupt() const {
@@ -106,7 +106,7 @@ bool ChildProcess::Interrupt() const {
   const auto deliver = reinterpret_cast<LPTHREAD_START_ROUTINE>(
       ::GetProcAddress(::GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine"));
   const OwnedHandle thread(
-      ::CreateRemoteThread(m_process.get(), nullptr, 0, deliver, kInterruptEvent, 0, nullptr));
+      ::CreateRemoteThread(m_Process.get(), nullptr, 0, deliver, kInterruptEvent, 0, nullptr));
   return thread != nullptr;
 }
 

@@ -31,8 +31,8 @@ class ChildProcess {
   /// Ctrl+C, for this program alone.
   bool Interrupt() const;
 
-  std::string Output() { return m_output.Text(); }
-  std::string Errors() { return m_errors.Text(); }
+  std::string Output() { return m_Output.Text(); }
+  std::string Errors() { return m_Errors.Text(); }
 
  private:
   /// What comes through one pipe, collected by a thread.
@@ -40,23 +40,23 @@ class ChildProcess {
    public:
     Collector();
     ~Collector();
-    HANDLE WriteEnd() const { return m_write.get(); }
+    HANDLE WriteEnd() const { return m_Write.get(); }
     /// The child has its own copy of the write end by now.
     void Begin();
     void WaitForEnd();
     std::string Text();
 
    private:
-    OwnedHandle m_read;
-    OwnedHandle m_write;
-    std::mutex m_mutex;
-    std::string m_text;
-    std::thread m_thread;
+    OwnedHandle m_Read;
+    OwnedHandle m_Write;
+    std::mutex m_Mutex;
+    std::string m_Text;
+    std::thread m_Thread;
   };
 
-  Collector m_output;
-  Collector m_errors;
-  OwnedHandle m_process;
+  Collector m_Output;
+  Collector m_Errors;
+  OwnedHandle m_Process;
 };
 
 /// How a program that was run to its end came out.

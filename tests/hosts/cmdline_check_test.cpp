@@ -42,32 +42,32 @@ void LetItNeedAMissingLibrary(const std::filesystem::path& library) {
 class Findings {
  public:
   explicit Findings(RunResult result)
-      : m_result(std::move(result)), m_document(nlohmann::json::parse(m_result.output, nullptr, false)) {}
+      : m_Result(std::move(result)), m_Document(nlohmann::json::parse(m_Result.output, nullptr, false)) {}
 
-  std::optional<int> ExitCode() const { return m_result.exitCode; }
-  bool Ready() const { return m_document.is_object() && m_document.value("ready", false); }
+  std::optional<int> ExitCode() const { return m_Result.exitCode; }
+  bool Ready() const { return m_Document.is_object() && m_Document.value("ready", false); }
   std::string Verdict(const std::string& subject) const { return Field("subject", subject, "verdict"); }
   std::string Code(const std::string& subject) const { return Field("subject", subject, "code"); }
   std::string Message(const std::string& subject) const { return Field("subject", subject, "message"); }
   std::string WhatToDo(const std::string& subject) const { return Field("subject", subject, "what_to_do"); }
   std::string VerdictOfCode(const std::string& code) const { return Field("code", code, "verdict"); }
-  std::size_t Count() const { return m_document.is_object() ? m_document["findings"].size() : 0; }
+  std::size_t Count() const { return m_Document.is_object() ? m_Document["findings"].size() : 0; }
   /// Of the error object that says in one what is wrong; empty when there is none.
   std::string Error(const char* field) const {
-    return m_document.contains("error") ? m_document["error"].value(field, "") : "";
+    return m_Document.contains("error") ? m_Document["error"].value(field, "") : "";
   }
   /// A field of the first finding that has that value in another one.
   std::string Field(const char* of, const std::string& value, const char* field) const {
-    if (!m_document.is_object()) return "no document: " + m_result.output;
-    for (const auto& finding : m_document["findings"]) {
+    if (!m_Document.is_object()) return "no document: " + m_Result.output;
+    for (const auto& finding : m_Document["findings"]) {
       if (finding[of] == value) return finding[field];
     }
     return "no such finding";
   }
 
  private:
-  RunResult m_result;
-  nlohmann::json m_document;
+  RunResult m_Result;
+  nlohmann::json m_Document;
 };
 
 class CheckTest : public CommandLineTest {

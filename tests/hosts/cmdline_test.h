@@ -26,7 +26,7 @@ class UnwritableKey {
     HKEY opened = nullptr;
     DWORD found = REG_OPENED_EXISTING_KEY;
     ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParent, 0, nullptr, 0, WRITE_DAC, nullptr, &opened, &found);
-    m_key.reset(opened);
+    m_Key.reset(opened);
     if (found != REG_CREATED_NEW_KEY) throw std::runtime_error("the key's parent is in use");
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     ::ConvertStringSecurityDescriptorToSecurityDescriptorW(kForEverybodyReadAndDelete, SDDL_REVISION_1,
@@ -36,7 +36,7 @@ class UnwritableKey {
     if (status != ERROR_SUCCESS) throw std::runtime_error("the key's parent cannot be protected");
   }
   ~UnwritableKey() {
-    m_key.reset();
+    m_Key.reset();
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
   }
   UnwritableKey(const UnwritableKey&) = delete;
@@ -45,7 +45,7 @@ class UnwritableKey {
  private:
   static constexpr wchar_t kParent[] = L"SOFTWARE\\WOW6432Node\\Quenta";
   static constexpr wchar_t kForEverybodyReadAndDelete[] = L"D:P(A;;KRSD;;;WD)";
-  OwnedKey m_key;
+  OwnedKey m_Key;
 };
 
 /// The command-line host in a folder of the test's own. The key that it uses is empty at first.

@@ -39,12 +39,12 @@ std::string SingleBytes(const std::wstring& text) {
 
 }  // namespace
 
-HostWorkspace::HostWorkspace(const std::wstring& suffix) : m_folder(suffix) {
+HostWorkspace::HostWorkspace(const std::wstring& suffix) : m_Folder(suffix) {
   for (const wchar_t* name :
        {L"corvel_cmdline.exe", L"corvel_service.exe", L"CorvelToolKit.dll", L"Firmwareflashdownload.dll"}) {
     PutProduct(name, name);
   }
-  m_configuration = {{"[TraceLevel]=", L"1"},
+  m_Configuration = {{"[TraceLevel]=", L"1"},
                      {"[RegistryLocation]=", L"HKCU\\Software\\Corvel\\Test\\Unused"},
                      {"[ModemAndNVMFirmwareFolder]=", ImageFolder().wstring()},
                      {"[IPCTYPE]=", L"USB"},
@@ -64,19 +64,19 @@ void HostWorkspace::MakeVirtualPc(const std::vector<std::string>& lines) {
 
 void HostWorkspace::WriteConfiguration(const std::string& key, const std::wstring& value) {
   RemoveLine(key);
-  m_configuration.emplace_back(key, value);
+  m_Configuration.emplace_back(key, value);
   SaveConfiguration();
 }
 
 void HostWorkspace::RemoveLine(const std::string& key) {
-  std::erase_if(m_configuration, [&](const auto& line) { return line.first == key; });
+  std::erase_if(m_Configuration, [&](const auto& line) { return line.first == key; });
   SaveConfiguration();
 }
 
 void HostWorkspace::SaveConfiguration() const {
   std::ofstream file(File(L"CorvelConfig.ini"), std::ios::binary);
   file << "Title\r\n";
-  for (const auto& [key, value] : m_configuration) file << key << SingleBytes(value) << "\r\n";
+  for (const auto& [key, value] : m_Configuration) file << key << SingleBytes(value) << "\r\n";
 }
 
 void HostWorkspace::PutImages() const {
@@ -96,7 +96,7 @@ std::vector<std::wstring> HostWorkspace::FilesBesideTheInstallation() const {
       L"CorvelConfig.ini",   L"firmware",           L"virtual_pc_host.dll", L"VirtualPc.ini",
       L"VirtualPcEnd.ini",   L"modem_flash.bin"};
   std::vector<std::wstring> others;
-  for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+  for (const auto& entry : std::filesystem::directory_iterator(m_Folder.Path())) {
     const std::wstring name = entry.path().filename().wstring();
     if (!installed.contains(name)) others.push_back(name);
   }

@@ -20,14 +20,14 @@ class HostWorkspace {
   /// Puts the hosts there that carry a virtual PC, which the lines describe ("speed=60", "scenario=...").
   void MakeVirtualPc(const std::vector<std::string>& lines = {});
 
-  std::filesystem::path CommandLineHost() const { return m_folder.Path() / L"corvel_cmdline.exe"; }
-  std::filesystem::path Service() const { return m_folder.Path() / L"corvel_service.exe"; }
-  std::filesystem::path File(const std::wstring& name) const { return m_folder.Path() / name; }
-  std::filesystem::path ImageFolder() const { return m_folder.Path() / L"firmware"; }
+  std::filesystem::path CommandLineHost() const { return m_Folder.Path() / L"corvel_cmdline.exe"; }
+  std::filesystem::path Service() const { return m_Folder.Path() / L"corvel_service.exe"; }
+  std::filesystem::path File(const std::wstring& name) const { return m_Folder.Path() / name; }
+  std::filesystem::path ImageFolder() const { return m_Folder.Path() / L"firmware"; }
   std::filesystem::path ModemImage() const { return ImageFolder() / L"modem.fls"; }
   std::filesystem::path NvmImage() const { return ImageFolder() / L"nvm.fls"; }
-  bool Holds(const std::wstring& name) const { return m_folder.Holds(name); }
-  std::string Content(const std::wstring& name) const { return m_folder.Content(name); }
+  bool Holds(const std::wstring& name) const { return m_Folder.Holds(name); }
+  std::string Content(const std::wstring& name) const { return m_Folder.Content(name); }
 
   /// Where the service is to meet its controlling program; "HKCU\..." in the configuration.
   void SetServiceKey(const std::wstring& location) { WriteConfiguration("[RegistryLocation]=", location); }
@@ -46,8 +46,8 @@ class HostWorkspace {
  private:
   void SaveConfiguration() const;
 
-  TemporaryFolder m_folder;
-  std::vector<std::pair<std::string, std::wstring>> m_configuration;
+  TemporaryFolder m_Folder;
+  std::vector<std::pair<std::string, std::wstring>> m_Configuration;
 };
 
 }  // namespace hosts

@@ -104,13 +104,13 @@ class TerminalTest : public testing::Test {
  protected:
   void SetUp() override {
     g_terminal = {};
-    ASSERT_TRUE(m_patch.Replace("GetConsoleMode", &TellMode));
-    ASSERT_TRUE(m_patch.Replace("GetConsoleScreenBufferInfo", &TellScreen));
-    ASSERT_TRUE(m_patch.Replace("WriteFile", &TakeDrawing));
+    ASSERT_TRUE(m_Patch.Replace("GetConsoleMode", &TellMode));
+    ASSERT_TRUE(m_Patch.Replace("GetConsoleScreenBufferInfo", &TellScreen));
+    ASSERT_TRUE(m_Patch.Replace("WriteFile", &TakeDrawing));
   }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(TerminalTest, IsDrawnInItsWholeWidthAlsoAfterItWasNarrowed) {

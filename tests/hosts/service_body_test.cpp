@@ -38,22 +38,22 @@ constexpr std::chrono::seconds kLongestWait{30};
 class Manager {
  public:
   void Hear(const SERVICE_STATUS& status) {
-    const std::lock_guard lock(m_mutex);
-    m_heard.push_back(status);
-    m_changed.notify_all();
+    const std::lock_guard lock(m_Mutex);
+    m_Heard.push_back(status);
+    m_Changed.notify_all();
   }
   void TakeHandler(LPHANDLER_FUNCTION_EX handler, void* context) {
-    m_handler = handler;
-    m_context = context;
+    m_Handler = handler;
+    m_Context = context;
   }
 
-  DWORD Send(DWORD control) const { return m_handler(control, 0, nullptr, m_context); }
+  DWORD Send(DWORD control) const { return m_Handler(control, 0, nullptr, m_Context); }
 
   /// Waits until it was told something that `fits`. @return false when that does not come.
   template <typename Predicate>
   bool Hears(Predicate fits) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, kLongestWait, [&] { return !m_heard.empty() && fits(m_heard.back()); });
+    std::unique_lock lock(m_Mutex);
+    return m_Changed.wait_for(lock, kLongestWait, [&] { return !m_Heard.empty() && fits(m_Heard.back()); });
   }
   bool HearsState(DWORD state) {
     return Hears([=](const SERVICE_STATUS& status) { return status.dwCurrentState == state; });
@@ -62,20 +62,20 @@ class Manager {
     return Hears([=](const SERVICE_STATUS& status) { return status.dwControlsAccepted == accepted; });
   }
   SERVICE_STATUS Last() {
-    const std::lock_guard lock(m_mutex);
-    return m_heard.back();
+    const std::lock_guard lock(m_Mutex);
+    return m_Heard.back();
   }
   std::vector<SERVICE_STATUS> All() {
-    const std::lock_guard lock(m_mutex);
-    return m_heard;
+    const std::lock_guard lock(m_Mutex);
+    return m_Heard;
   }
 
  private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::vector<SERVICE_STATUS> m_heard;
-  LPHANDLER_FUNCTION_EX m_handler = nullptr;
-  void* m_context = nullptr;
+  std::mutex m_Mutex;
+  std::condition_variable m_Changed;
+  std::vector<SERVICE_STATUS> m_Heard;
+  LPHANDLER_FUNCTION_EX m_Handler = nullptr;
+  void* m_Context = nullptr;
 };
 
 Manager* g_manager = nullptr;
@@ -123,23 +123,23 @@ class ServiceBodyTest : public testing::Test {
     g_library = {.failure = std::nullopt, .key = key.Location()};
     g_events.clear();
     g_records.clear();
-    m_patch.Replace("StartServiceCtrlDispatcherW", &Dispatch);
-    m_patch.Replace("RegisterServiceCtrlHandlerExW", &TakeHandler);
-    m_patch.Replace("SetServiceStatus", &Hear);
+    m_Patch.Replace("StartServiceCtrlDispatcherW", &Dispatch);
+    m_Patch.Replace("RegisterServiceCtrlHandlerExW", &TakeHandler);
+    m_Patch.Replace("SetServiceStatus", &Hear);
   }
   ~ServiceBodyTest() override {
-    if (!m_service.joinable()) return;
+    if (!m_Service.joinable()) return;
     EndJob();
     manager.Send(SERVICE_CONTROL_STOP);
-    m_service.join();
+    m_Service.join();
   }
 
   void Start() {
-    m_service = std::thread([] { RunAsService(); });
+    m_Service = std::thread([] { RunAsService(); });
     ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
   }
   void StartsAndFails() const { RunAsService(); }
-  void AwaitEnd() { m_service.join(); }
+  void AwaitEnd() { m_Service.join(); }
 
   void BeginJob() const {
     key.Write(L"Fls_Ready", 1);
@@ -159,8 +159,8 @@ class ServiceBodyTest : public testing::Test {
   Manager manager;
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
-  std::thread m_service;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
+  std::thread m_Service;
 };
 
 // --- Start -----------------------------------------------------------------------------------------------

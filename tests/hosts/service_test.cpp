@@ -77,15 +77,15 @@ bool ImagesGo(const std::filesystem::path& folder) {
 class ManagedService {
  public:
   ManagedService()
-      : m_manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
-        m_service(::OpenServiceW(m_manager.get(), kName, SERVICE_ALL_ACCESS)) {}
+      : m_Manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
+        m_Service(::OpenServiceW(m_Manager.get(), kName, SERVICE_ALL_ACCESS)) {}
 
-  bool Exists() const { return m_service != nullptr; }
+  bool Exists() const { return m_Service != nullptr; }
 
   SERVICE_STATUS_PROCESS Status() const {
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
-    ::QueryServiceStatusEx(m_service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+    ::QueryServiceStatusEx(m_Service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
                            sizeof status, &needed);
     return status;
   }
@@ -98,33 +98,33 @@ class ManagedService {
     if (process != nullptr && ::TerminateProcess(process.get(), kEndedByTest)) {
       ::WaitForSingleObject(process.get(), kLongestProcessEndMs);
     }
-    ::DeleteService(m_service.get());
+    ::DeleteService(m_Service.get());
   }
 
   const QUERY_SERVICE_CONFIGW& Configuration() {
     DWORD needed = 0;
-    m_configuration.resize(8192);
-    ::QueryServiceConfigW(m_service.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(m_configuration.data()),
-                          static_cast<DWORD>(m_configuration.size()), &needed);
-    return *reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(m_configuration.data());
+    m_Configuration.resize(8192);
+    ::QueryServiceConfigW(m_Service.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(m_Configuration.data()),
+                          static_cast<DWORD>(m_Configuration.size()), &needed);
+    return *reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(m_Configuration.data());
   }
 
   template <typename Info>
   const Info* Query(DWORD level) {
     DWORD needed = 0;
-    m_info.resize(8192);
-    if (!::QueryServiceConfig2W(m_service.get(), level, m_info.data(), static_cast<DWORD>(m_info.size()),
+    m_Info.resize(8192);
+    if (!::QueryServiceConfig2W(m_Service.get(), level, m_Info.data(), static_cast<DWORD>(m_Info.size()),
                                 &needed)) {
       return nullptr;
     }
-    return reinterpret_cast<const Info*>(m_info.data());
+    return reinterpret_cast<const Info*>(m_Info.data());
   }
 
  private:
-  ServiceHandle m_manager;
-  ServiceHandle m_service;
-  std::vector<BYTE> m_configuration;
-  std::vector<BYTE> m_info;
+  ServiceHandle m_Manager;
+  ServiceHandle m_Service;
+  std::vector<BYTE> m_Configuration;
+  std::vector<BYTE> m_Info;
 };
 
 /// Begins and ends without the service: what one test left there is no other's to stumble over.
@@ -335,13 +335,13 @@ BOOL WINAPI ReleaseSource(HANDLE) {
 class EventLogTest : public testing::Test {
  protected:
   EventLogTest() {
-    m_patch.Replace("RegisterEventSourceW", &RecordSource);
-    m_patch.Replace("ReportEventW", &RecordEvent);
-    m_patch.Replace("DeregisterEventSource", &ReleaseSource);
+    m_Patch.Replace("RegisterEventSourceW", &RecordSource);
+    m_Patch.Replace("ReportEventW", &RecordEvent);
+    m_Patch.Replace("DeregisterEventSource", &ReleaseSource);
   }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(EventLogTest, WritesAFailureAsAnErrorOfTheRegisteredSource) {

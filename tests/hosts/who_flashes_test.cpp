@@ -89,18 +89,18 @@ class ServiceInTheWayTest : public testing::Test {
     g_manager.command = L"\"" + Program() + L"\"";
     std::ofstream(std::filesystem::path(Program())) << "a program";
     Configure(key.Location().Text());
-    ASSERT_TRUE(m_patch.Replace("OpenSCManagerW", &OpenManager));
-    ASSERT_TRUE(m_patch.Replace("OpenServiceW", &OpenPlayedService));
-    ASSERT_TRUE(m_patch.Replace("CloseServiceHandle", &CloseHandleOfManager));
-    ASSERT_TRUE(m_patch.Replace("QueryServiceStatusEx", &QueryStatus));
-    ASSERT_TRUE(m_patch.Replace("QueryServiceConfigW", &QueryConfiguration));
+    ASSERT_TRUE(m_Patch.Replace("OpenSCManagerW", &OpenManager));
+    ASSERT_TRUE(m_Patch.Replace("OpenServiceW", &OpenPlayedService));
+    ASSERT_TRUE(m_Patch.Replace("CloseServiceHandle", &CloseHandleOfManager));
+    ASSERT_TRUE(m_Patch.Replace("QueryServiceStatusEx", &QueryStatus));
+    ASSERT_TRUE(m_Patch.Replace("QueryServiceConfigW", &QueryConfiguration));
   }
 
-  std::wstring Program() const { return m_folder.Path().wstring() + L"\\corvel_service.exe"; }
+  std::wstring Program() const { return m_Folder.Path().wstring() + L"\\corvel_service.exe"; }
   void Configure(const std::string& location) const {
-    std::ofstream(m_folder.Path() / L"CorvelConfig.ini") << "Title\n[RegistryLocation]=" << location << "\n";
+    std::ofstream(m_Folder.Path() / L"CorvelConfig.ini") << "Title\n[RegistryLocation]=" << location << "\n";
   }
-  void RemoveConfiguration() const { std::filesystem::remove(m_folder.Path() / L"CorvelConfig.ini"); }
+  void RemoveConfiguration() const { std::filesystem::remove(m_Folder.Path() / L"CorvelConfig.ini"); }
 
   /// The code of what is found; empty when there is nothing.
   static std::string Found() {
@@ -112,8 +112,8 @@ class ServiceInTheWayTest : public testing::Test {
       {.path = L"SOFTWARE\\Corvel\\Test\\WhoFlashes-" + std::to_wstring(::GetCurrentProcessId())}};
 
  private:
-  TemporaryFolder m_folder{L" with blank"};
-  simulator::ImportPatch m_patch{::GetModuleHandleW(nullptr)};
+  TemporaryFolder m_Folder{L" with blank"};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
 };
 
 TEST_F(ServiceInTheWayTest, IsNoneThatRunsWithoutAJobUnderAKeyOfItsOwn) {

@@ -37,14 +37,14 @@ class AtPortOnRealSerialTest : public testing::Test {
     EXPECT_EQ(ATProcessor::GetInstance()->sendATCmd(
                   command.data(), static_cast<std::uint32_t>(command.size()), reply.data(), &length),
               0);
-    m_passed = ::GetTickCount64() - begin;
+    m_Passed = ::GetTickCount64() - begin;
     return reply.substr(0, length);
   }
-  ULONGLONG Passed() const { return m_passed; }
+  ULONGLONG Passed() const { return m_Passed; }
 
  private:
   DeviceTree tree;
-  ULONGLONG m_passed = 0;
+  ULONGLONG m_Passed = 0;
 };
 
 TEST_F(AtPortOnRealSerialTest, SendsTheReboot) {

@@ -61,24 +61,24 @@ class SoakTest : public testing::Test {
   void Prepare(double speed, Route route = Route::At) {
     ::Setup setup;
     setup.route = route;
-    m_configuration.emplace(m_folder, setup, m_key.Location(), m_folder / L"firmware");
+    m_Configuration.emplace(m_Folder, setup, m_Key.Location(), m_Folder / L"firmware");
     VirtualPcOptions options;
     options.speed = speed;
     if (speed > 1) options.pace = Pace::Elastic;
-    options.folder = m_folder;
+    options.folder = m_Folder;
     options.timing = QuickTiming();
-    m_pc.emplace(options);
+    m_Pc.emplace(options);
   }
 
   void StartService(double speed, Route route = Route::At) {
     Prepare(speed, route);
-    ASSERT_NE(m_pc->LoadUnderSimulation(m_folder / kLibrary), nullptr);
+    ASSERT_NE(m_Pc->LoadUnderSimulation(m_Folder / kLibrary), nullptr);
     ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
   }
 
   /// How often the service has begun to wait for a change of the key.
   int Rounds() const {
-    const auto calls = m_pc->PlatformCalls();
+    const auto calls = m_Pc->PlatformCalls();
     const auto found = calls.find("RegNotifyChangeKeyValue");
     return found == calls.end() ? 0 : found->second;
   }
@@ -98,19 +98,19 @@ class SoakTest : public testing::Test {
 
   /// One whole flash, up to the service's next wait.
   void FlashOnce(ImageSet images) {
-    const FirmwareFolder firmware(m_folder / L"firmware", images, ImageHolder::Nobody);
+    const FirmwareFolder firmware(m_Folder / L"firmware", images, ImageHolder::Nobody);
     const int rounds = Rounds();
-    m_key.Write(L"Fls_Ready", 1);
-    ASSERT_TRUE(Becomes([&] { return m_key.Read().ready == 0u && Rounds() > rounds; }));
-    ASSERT_TRUE(m_key.Read().Is(hosts::FlashResult::Succeeded));
+    m_Key.Write(L"Fls_Ready", 1);
+    ASSERT_TRUE(Becomes([&] { return m_Key.Read().ready == 0u && Rounds() > rounds; }));
+    ASSERT_TRUE(m_Key.Read().Is(hosts::FlashResult::Succeeded));
   }
 
-  std::vector<DebugRecord> Log() const { return ReadDebugLog(m_folder / kLogFile); }
+  std::vector<DebugRecord> Log() const { return ReadDebugLog(m_Folder / kLogFile); }
 
-  const std::filesystem::path m_folder = hosts::ProgramFolder();
-  SessionKey m_key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
-  std::optional<ConfigurationFile> m_configuration;
-  std::optional<VirtualPc> m_pc;
+  const std::filesystem::path m_Folder = hosts::ProgramFolder();
+  SessionKey m_Key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
+  std::optional<ConfigurationFile> m_Configuration;
+  std::optional<VirtualPc> m_Pc;
 };
 
 // --- What the process holds ------------------------------------------------------------------------------
@@ -208,7 +208,7 @@ class HundredFlashes : public SoakTest {
       const Holdings now = Count();
       return std::exchange(last, now) == now;
     }));
-    m_pc->ClearJournal();
+    m_Pc->ClearJournal();
   }
 
   /// Every tenth flash has a modem image too.
@@ -313,21 +313,21 @@ TEST_F(Waiting, TakesNoProcessorTimeForAMinute) {
   StartService(1);
   ::Sleep(1000);  // The service's last steps before its wait, and the end of whatever started it.
   const auto times = ProcessorTimesOfOthers();
-  const auto calls = m_pc->PlatformCalls();
+  const auto calls = m_Pc->PlatformCalls();
   const std::size_t records = Log().size();
 
   ::Sleep(60'000);
 
   EXPECT_EQ(ProcessorTimesOfOthers(), times);
-  EXPECT_EQ(m_pc->PlatformCalls(), calls);
+  EXPECT_EQ(m_Pc->PlatformCalls(), calls);
   EXPECT_EQ(Log().size(), records);
 }
 
 TEST_F(Waiting, AFlagThatIsUpAlreadyStartsTheJobAtOnce) {
-  m_key.Write(L"Fls_Ready", 1);
+  m_Key.Write(L"Fls_Ready", 1);
   Prepare(1);
-  ASSERT_NE(m_pc->LoadUnderSimulation(m_folder / kLibrary), nullptr);
-  EXPECT_TRUE(Becomes([this] { return m_key.Read().result == 3u && m_key.Read().ready == 0u; }));
+  ASSERT_NE(m_Pc->LoadUnderSimulation(m_Folder / kLibrary), nullptr);
+  EXPECT_TRUE(Becomes([this] { return m_Key.Read().result == 3u && m_Key.Read().ready == 0u; }));
   // No change of the key ended the wait: the first round was enough.
   const auto log = Log();
   EXPECT_EQ(std::ranges::count(log, "\t flash flag changed to 1", &DebugRecord::message), 1);
@@ -351,15 +351,15 @@ class FlagBetweenRounds {
 
 TEST_F(Waiting, AFlagThatGoesUpBetweenTwoRoundsStartsTheJobAtOnce) {
   StartService(1);
-  FlagBetweenRounds::s_key = &m_key;
+  FlagBetweenRounds::s_key = &m_Key;
   ImportPatch patch(::GetModuleHandleW(kLibrary));
   ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &FlagBetweenRounds::Notify));
   // The present wait may know the function that it began with. A request that finds no images ends it.
-  m_key.Write(L"Fls_Ready", 1);
-  ASSERT_TRUE(Becomes([this] { return m_key.Read().ready == 0u && FlagBetweenRounds::s_rounds == 1; }));
+  m_Key.Write(L"Fls_Ready", 1);
+  ASSERT_TRUE(Becomes([this] { return m_Key.Read().ready == 0u && FlagBetweenRounds::s_rounds == 1; }));
   ASSERT_EQ(CountRequestsHeard(), 1);
 
-  m_key.Write(L"Retry_Times", 3);
+  m_Key.Write(L"Retry_Times", 3);
 
   EXPECT_TRUE(Becomes([this] { return CountRequestsHeard() == 2; }));
   EXPECT_EQ(FlagBetweenRounds::s_rounds, 2);
@@ -367,10 +367,10 @@ TEST_F(Waiting, AFlagThatGoesUpBetweenTwoRoundsStartsTheJobAtOnce) {
 
 TEST_F(Waiting, AnotherValueOfTheFlagStartsNothing) {
   StartService(1);
-  m_key.Write(L"Fls_Ready", 2);
+  m_Key.Write(L"Fls_Ready", 2);
   ASSERT_TRUE(Becomes([this] { return Rounds() == 2; }));
   EXPECT_EQ(CountRequestsHeard(), 0);
-  EXPECT_EQ(m_key.Read().ready, 2u);
+  EXPECT_EQ(m_Key.Read().ready, 2u);
 }
 
 int RunInWorkFolder(int count, char** words) {

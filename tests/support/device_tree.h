@@ -19,48 +19,48 @@
 class DeviceTree {
  public:
   /// @param module whose calls it answers.
-  explicit DeviceTree(HMODULE module = ::GetModuleHandleW(L"toolkit_internals.dll")) : m_patch(module) {
+  explicit DeviceTree(HMODULE module = ::GetModuleHandleW(L"toolkit_internals.dll")) : m_Patch(module) {
     s_tree = this;
-    m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
-    m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
-    m_patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
+    m_Patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
+    m_Patch.Replace("CM_Get_Device_ID_ListW", &IdList);
+    m_Patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
     // A host looks for devices and does no more.
     if (module == ::GetModuleHandleW(nullptr)) return;
-    m_patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
-    m_patch.Replace("CM_Locate_DevNodeW", &Locate);
-    m_patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
-    m_patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
+    m_Patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
+    m_Patch.Replace("CM_Locate_DevNodeW", &Locate);
+    m_Patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
+    m_Patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
   }
   ~DeviceTree() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_tree = nullptr;
   }
   DeviceTree(const DeviceTree&) = delete;
   DeviceTree& operator=(const DeviceTree&) = delete;
 
   void Has(const std::wstring& id, const std::wstring& friendlyName = L"") {
-    m_devices.push_back({id, friendlyName});
+    m_Devices.push_back({id, friendlyName});
   }
   void HasInterface(const GUID& interfaceClass, const std::wstring& path) {
-    m_interfaces.push_back({interfaceClass, path});
+    m_Interfaces.push_back({interfaceClass, path});
   }
-  void OnceHad(const std::wstring& id) { m_absent.push_back(id); }
-  void LosesAllDevices() { m_devices.clear(); }
-  void LosesAllInterfaces() { m_interfaces.clear(); }
+  void OnceHad(const std::wstring& id) { m_Absent.push_back(id); }
+  void LosesAllDevices() { m_Devices.clear(); }
+  void LosesAllInterfaces() { m_Interfaces.clear(); }
   /// From now on the call answers with `error`.
-  void Refuses(const std::string& call, CONFIGRET error) { m_refused[call] = error; }
+  void Refuses(const std::string& call, CONFIGRET error) { m_Refused[call] = error; }
   /// Runs once, right behind the next answer to a question for a list's length.
-  void AfterTellingALength(std::function<void()> change) { m_afterLength = std::move(change); }
+  void AfterTellingALength(std::function<void()> change) { m_AfterLength = std::move(change); }
 
-  int Reenumerations() const { return m_reenumerations; }
+  int Reenumerations() const { return m_Reenumerations; }
   int CallsOf(const std::string& call) const {
-    const auto found = m_calls.find(call);
-    return found == m_calls.end() ? 0 : found->second;
+    const auto found = m_Calls.find(call);
+    return found == m_Calls.end() ? 0 : found->second;
   }
-  std::wstring LastFilter() const { return m_lastFilter; }
-  ULONG LastFlags() const { return m_lastFlags; }
-  ULONG LastBufferLength() const { return m_lastBufferLength; }
-  ULONG LastNameBytes() const { return m_lastNameBytes; }
+  std::wstring LastFilter() const { return m_LastFilter; }
+  ULONG LastFlags() const { return m_LastFlags; }
+  ULONG LastBufferLength() const { return m_LastBufferLength; }
+  ULONG LastNameBytes() const { return m_LastNameBytes; }
 
  private:
   static constexpr DEVINST kRoot = 1;
@@ -77,9 +77,9 @@ class DeviceTree {
 
   /// Counts the call. @return what it answers by arrangement.
   CONFIGRET Enter(const std::string& call) {
-    ++m_calls[call];
-    const auto refused = m_refused.find(call);
-    return refused == m_refused.end() ? CR_SUCCESS : refused->second;
+    ++m_Calls[call];
+    const auto refused = m_Refused.find(call);
+    return refused == m_Refused.end() ? CR_SUCCESS : refused->second;
   }
 
   static CONFIGRET Tell(const std::vector<std::wstring>& texts, ULONG* length) {
@@ -108,7 +108,7 @@ class DeviceTree {
   }
 
   void ToldALength() {
-    if (const auto change = std::exchange(m_afterLength, nullptr)) change();
+    if (const auto change = std::exchange(m_AfterLength, nullptr)) change();
   }
 
   static bool IsOf(const std::wstring& id, std::wstring_view enumeratorAndDevice) {
@@ -118,12 +118,12 @@ class DeviceTree {
 
   std::vector<std::wstring> Ids() const {
     std::vector<std::wstring> ids;
-    for (const Device& device : m_devices) ids.push_back(device.id);
+    for (const Device& device : m_Devices) ids.push_back(device.id);
     return ids;
   }
   std::vector<std::wstring> Paths(const GUID& interfaceClass) const {
     std::vector<std::wstring> paths;
-    for (const Interface& one : m_interfaces) {
+    for (const Interface& one : m_Interfaces) {
       if (::IsEqualGUID(one.interfaceClass, interfaceClass)) paths.push_back(one.path);
     }
     return paths;
@@ -142,18 +142,18 @@ class DeviceTree {
     DeviceTree& tree = *s_tree;
     const CONFIGRET answer = tree.Enter("CM_Get_Device_ID_ListW");
     if (answer != CR_SUCCESS) return answer;
-    tree.m_lastFilter = filter == nullptr ? L"" : filter;
-    tree.m_lastFlags = flags;
-    tree.m_lastBufferLength = length;
+    tree.m_LastFilter = filter == nullptr ? L"" : filter;
+    tree.m_LastFlags = flags;
+    tree.m_LastBufferLength = length;
     if (filter == nullptr && flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
     if (filter == nullptr) return Give(tree.Ids(), buffer, length);
 
     std::vector<std::wstring> ids;
-    for (const Device& device : tree.m_devices) {
+    for (const Device& device : tree.m_Devices) {
       if (IsOf(device.id, filter)) ids.push_back(device.id);
     }
     bool known = !ids.empty();
-    for (const std::wstring& absent : tree.m_absent) known = known || IsOf(absent, filter);
+    for (const std::wstring& absent : tree.m_Absent) known = known || IsOf(absent, filter);
     return known ? Give(ids, buffer, length) : CR_NO_SUCH_VALUE;
   }
 
@@ -182,8 +182,8 @@ class DeviceTree {
       *node = kRoot;
       return CR_SUCCESS;
     }
-    for (std::size_t i = 0; i < s_tree->m_devices.size(); ++i) {
-      if (s_tree->m_devices[i].id != id) continue;
+    for (std::size_t i = 0; i < s_tree->m_Devices.size(); ++i) {
+      if (s_tree->m_Devices[i].id != id) continue;
       *node = kFirstDevice + static_cast<DEVINST>(i);
       return CR_SUCCESS;
     }
@@ -195,16 +195,16 @@ class DeviceTree {
     if (answer != CR_SUCCESS) return answer;
     if (flags != CM_REENUMERATE_NORMAL) return CR_INVALID_FLAG;
     if (node != kRoot) return CR_INVALID_DEVNODE;
-    ++s_tree->m_reenumerations;
+    ++s_tree->m_Reenumerations;
     return CR_SUCCESS;
   }
 
   static CONFIGRET WINAPI Property(DEVINST node, ULONG property, ULONG*, void* buffer, ULONG* bytes, ULONG) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_DevNode_Registry_PropertyW");
     if (answer != CR_SUCCESS) return answer;
-    s_tree->m_lastNameBytes = *bytes;
+    s_tree->m_LastNameBytes = *bytes;
     if (node == kRoot || property != CM_DRP_FRIENDLYNAME) return CR_NO_SUCH_VALUE;
-    const std::wstring& name = s_tree->m_devices.at(node - kFirstDevice).friendlyName;
+    const std::wstring& name = s_tree->m_Devices.at(node - kFirstDevice).friendlyName;
     const std::size_t needed = (name.size() + 1) * sizeof(wchar_t);
     if (*bytes < needed) return CR_BUFFER_SMALL;
     std::wmemcpy(static_cast<wchar_t*>(buffer), name.c_str(), name.size() + 1);
@@ -214,16 +214,16 @@ class DeviceTree {
 
   static inline DeviceTree* s_tree = nullptr;
 
-  simulator::ImportPatch m_patch;
-  std::vector<Device> m_devices;
-  std::vector<Interface> m_interfaces;
-  std::vector<std::wstring> m_absent;
-  std::map<std::string, CONFIGRET> m_refused;
-  std::map<std::string, int> m_calls;
-  std::function<void()> m_afterLength;
-  std::wstring m_lastFilter;
-  ULONG m_lastFlags = 0;
-  ULONG m_lastBufferLength = 0;
-  ULONG m_lastNameBytes = 0;
-  int m_reenumerations = 0;
+  simulator::ImportPatch m_Patch;
+  std::vector<Device> m_Devices;
+  std::vector<Interface> m_Interfaces;
+  std::vector<std::wstring> m_Absent;
+  std::map<std::string, CONFIGRET> m_Refused;
+  std::map<std::string, int> m_Calls;
+  std::function<void()> m_AfterLength;
+  std::wstring m_LastFilter;
+  ULONG m_LastFlags = 0;
+  ULONG m_LastBufferLength = 0;
+  ULONG m_LastNameBytes = 0;
+  int m_Reenumerations = 0;
 };

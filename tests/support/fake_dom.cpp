@@ -21,7 +21,7 @@ namespace {
 
 /// Ends a method whose call the test has given another answer.
 #define PLAY(call) \
-  if (const HRESULT answer = this->m_dom.Play(call); answer != S_OK) return answer
+  if (const HRESULT answer = this->m_Dom.Play(call); answer != S_OK) return answer
 #define UNUSED_METHOD(...)                         \
   HRESULT STDMETHODCALLTYPE __VA_ARGS__ override { \
     return E_NOTIMPL;                              \
@@ -31,8 +31,8 @@ namespace {
 template <typename Interface>
 class FakeObject : public Interface {
  public:
-  explicit FakeObject(FakeDom& dom) : m_dom(dom) { m_dom.CountObject(1); }
-  virtual ~FakeObject() { m_dom.CountObject(-1); }
+  explicit FakeObject(FakeDom& dom) : m_Dom(dom) { m_Dom.CountObject(1); }
+  virtual ~FakeObject() { m_Dom.CountObject(-1); }
   FakeObject(const FakeObject&) = delete;
   FakeObject& operator=(const FakeObject&) = delete;
 
@@ -44,9 +44,9 @@ class FakeObject : public Interface {
     *object = static_cast<Interface*>(this);
     return S_OK;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_References; }
   ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = --m_references;
+    const ULONG left = --m_References;
     if (left == 0) delete this;
     return left;
   }
@@ -57,10 +57,10 @@ class FakeObject : public Interface {
   UNUSED_METHOD(Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*))
 
  protected:
-  FakeDom& m_dom;
+  FakeDom& m_Dom;
 
  private:
-  ULONG m_references = 1;
+  ULONG m_References = 1;
 };
 
 IXMLDOMNode* NewNode(FakeDom& dom, const FakeNodeData& data);
@@ -70,18 +70,18 @@ IXMLDOMNamedNodeMap* NewMap(FakeDom& dom);
 template <typename Interface>
 class FakeNode : public FakeObject<Interface> {
  public:
-  FakeNode(FakeDom& dom, const FakeNodeData& data) : FakeObject<Interface>(dom), m_data(data) {}
+  FakeNode(FakeDom& dom, const FakeNodeData& data) : FakeObject<Interface>(dom), m_Data(data) {}
 
   HRESULT STDMETHODCALLTYPE get_nodeName(BSTR* name) override {
     *name = nullptr;
     PLAY("get_nodeName");
-    *name = this->m_dom.NewText(m_data.name);
+    *name = this->m_Dom.NewText(m_Data.name);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_nodeValue(VARIANT* value) override {
     PLAY("get_nodeValue");
-    value->vt = this->m_dom.ValueType();
-    if (value->vt == VT_BSTR) value->bstrVal = this->m_dom.NewText(m_data.value);
+    value->vt = this->m_Dom.ValueType();
+    if (value->vt == VT_BSTR) value->bstrVal = this->m_Dom.NewText(m_Data.value);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE put_nodeValue(VARIANT) override {
@@ -90,26 +90,26 @@ class FakeNode : public FakeObject<Interface> {
   }
   HRESULT STDMETHODCALLTYPE get_nodeType(DOMNodeType* type) override {
     PLAY("get_nodeType");
-    *type = m_data.type;
+    *type = m_Data.type;
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_childNodes(IXMLDOMNodeList** children) override {
     *children = nullptr;
     PLAY("get_childNodes");
-    *children = NewList(this->m_dom, m_data.children);
+    *children = NewList(this->m_Dom, m_Data.children);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_firstChild(IXMLDOMNode** child) override {
     *child = nullptr;
     PLAY("get_firstChild");
-    if (m_data.children.empty()) return S_FALSE;
-    *child = NewNode(this->m_dom, m_data.children.front());
+    if (m_Data.children.empty()) return S_FALSE;
+    *child = NewNode(this->m_Dom, m_Data.children.front());
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE get_attributes(IXMLDOMNamedNodeMap** attributes) override {
     *attributes = nullptr;
     PLAY("get_attributes");
-    *attributes = NewMap(this->m_dom);
+    *attributes = NewMap(this->m_Dom);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE insertBefore(IXMLDOMNode* child, VARIANT, IXMLDOMNode** added) override {
@@ -124,7 +124,7 @@ class FakeNode : public FakeObject<Interface> {
   HRESULT STDMETHODCALLTYPE get_text(BSTR* text) override {
     *text = nullptr;
     PLAY("get_text");
-    *text = this->m_dom.NewText(m_data.value);
+    *text = this->m_Dom.NewText(m_Data.value);
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE put_text(BSTR) override {
@@ -169,7 +169,7 @@ class FakeNode : public FakeObject<Interface> {
     return S_OK;
   }
 
-  const FakeNodeData m_data;
+  const FakeNodeData m_Data;
 };
 
 class FakeElement : public FakeNode<IXMLDOMElement> {
@@ -229,7 +229,7 @@ class FakeText : public FakeNode<IXMLDOMText> {
 
 class FakeList : public FakeObject<IXMLDOMNodeList> {
  public:
-  FakeList(FakeDom& dom, const std::vector<FakeNodeData>& items) : FakeObject(dom), m_items(items) {}
+  FakeList(FakeDom& dom, const std::vector<FakeNodeData>& items) : FakeObject(dom), m_Items(items) {}
 
   HRESULT STDMETHODCALLTYPE get_item(LONG index, IXMLDOMNode** item) override {
     *item = nullptr;
@@ -238,26 +238,26 @@ class FakeList : public FakeObject<IXMLDOMNodeList> {
   }
   HRESULT STDMETHODCALLTYPE get_length(LONG* length) override {
     PLAY("get_length");
-    *length = static_cast<LONG>(m_items.size());
+    *length = static_cast<LONG>(m_Items.size());
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE nextNode(IXMLDOMNode** item) override {
     *item = nullptr;
     PLAY("nextNode");
-    return Give(m_next++, item);
+    return Give(m_Next++, item);
   }
   UNUSED_METHOD(reset())
   UNUSED_METHOD(get__newEnum(IUnknown**))
 
  private:
   HRESULT Give(std::size_t index, IXMLDOMNode** item) {
-    if (index >= m_items.size()) return S_FALSE;
-    *item = NewNode(m_dom, m_items[index]);
+    if (index >= m_Items.size()) return S_FALSE;
+    *item = NewNode(m_Dom, m_Items[index]);
     return S_OK;
   }
 
-  const std::vector<FakeNodeData> m_items;
-  std::size_t m_next = 0;
+  const std::vector<FakeNodeData> m_Items;
+  std::size_t m_Next = 0;
 };
 
 class FakeMap : public FakeObject<IXMLDOMNamedNodeMap> {
@@ -267,7 +267,7 @@ class FakeMap : public FakeObject<IXMLDOMNamedNodeMap> {
   HRESULT STDMETHODCALLTYPE getNamedItem(BSTR name, IXMLDOMNode** item) override {
     *item = nullptr;
     PLAY("getNamedItem");
-    *item = new FakeAttribute(m_dom, {NODE_ATTRIBUTE, name, L"attribute value", {}});
+    *item = new FakeAttribute(m_Dom, {NODE_ATTRIBUTE, name, L"attribute value", {}});
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE setNamedItem(IXMLDOMNode* item, IXMLDOMNode** added) override {
@@ -294,32 +294,32 @@ class FakeDocument : public FakeNode<IXMLDOMDocument> {
   HRESULT STDMETHODCALLTYPE get_documentElement(IXMLDOMElement** element) override {
     *element = nullptr;
     PLAY("get_documentElement");
-    *element = new FakeElement(m_dom, m_dom.Document().children.back());
+    *element = new FakeElement(m_Dom, m_Dom.Document().children.back());
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE createTextNode(BSTR text, IXMLDOMText** node) override {
     *node = nullptr;
     PLAY("createTextNode");
-    *node = new FakeText(m_dom, {NODE_TEXT, L"#text", text, {}});
+    *node = new FakeText(m_Dom, {NODE_TEXT, L"#text", text, {}});
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE createProcessingInstruction(BSTR target, BSTR data,
                                                         IXMLDOMProcessingInstruction** node) override {
     *node = nullptr;
     PLAY("createProcessingInstruction");
-    *node = new FakeInstruction(m_dom, {NODE_PROCESSING_INSTRUCTION, target, data, {}});
+    *node = new FakeInstruction(m_Dom, {NODE_PROCESSING_INSTRUCTION, target, data, {}});
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE createAttribute(BSTR name, IXMLDOMAttribute** attribute) override {
     *attribute = nullptr;
     PLAY("createAttribute");
-    *attribute = new FakeAttribute(m_dom, {NODE_ATTRIBUTE, name, L"", {}});
+    *attribute = new FakeAttribute(m_Dom, {NODE_ATTRIBUTE, name, L"", {}});
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE createNode(VARIANT, BSTR name, BSTR, IXMLDOMNode** node) override {
     *node = nullptr;
     PLAY("createNode");
-    *node = NewNode(m_dom, {NODE_ELEMENT, name, L"", {}});
+    *node = NewNode(m_Dom, {NODE_ELEMENT, name, L"", {}});
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE load(VARIANT, VARIANT_BOOL* loaded) override {
@@ -329,7 +329,7 @@ class FakeDocument : public FakeNode<IXMLDOMDocument> {
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE save(VARIANT target) override {
-    if (m_dom.BeginsFiles()) std::ofstream(std::filesystem::path(target.bstrVal)) << "<half";
+    if (m_Dom.BeginsFiles()) std::ofstream(std::filesystem::path(target.bstrVal)) << "<half";
     PLAY("save");
     return S_OK;
   }
@@ -396,9 +396,9 @@ const FakeNodeData kRoot{NODE_ELEMENT, L"root", L"", {kBlank, kFirst, kSecond}};
 
 }  // namespace
 
-FakeDom::FakeDom() : m_document{NODE_DOCUMENT, L"#document", L"", {kDeclaration, kRoot}} {
+FakeDom::FakeDom() : m_Document{NODE_DOCUMENT, L"#document", L"", {kDeclaration, kRoot}} {
   s_current = this;
-  m_patch.Replace("CoCreateInstance", &Create);
+  m_Patch.Replace("CoCreateInstance", &Create);
 }
 
 FakeDom::~FakeDom() {
@@ -406,8 +406,8 @@ FakeDom::~FakeDom() {
 }
 
 void FakeDom::FailCallNumber(int number) {
-  m_callsUntilFailure = number;
-  m_hasFailed = false;
+  m_CallsUntilFailure = number;
+  m_HasFailed = false;
 }
 
 // Attach, as mingw-w64 has it, would add a reference.
@@ -424,23 +424,23 @@ ComPtr<IXMLDOMNodeList> FakeDom::List() {
 }
 
 BSTR FakeDom::NewText(const std::wstring& text) const {
-  return m_givesNullTexts ? nullptr : ::SysAllocString(text.c_str());
+  return m_GivesNullTexts ? nullptr : ::SysAllocString(text.c_str());
 }
 
 HRESULT FakeDom::Play(const std::string& call) {
-  m_calls.push_back(call);
-  if (m_callsUntilFailure > 0 && --m_callsUntilFailure == 0) {
-    m_hasFailed = true;
+  m_Calls.push_back(call);
+  if (m_CallsUntilFailure > 0 && --m_CallsUntilFailure == 0) {
+    m_HasFailed = true;
     return kRefused;
   }
-  const auto answer = m_answers.find(call);
-  return answer == m_answers.end() ? S_OK : answer->second;
+  const auto answer = m_Answers.find(call);
+  return answer == m_Answers.end() ? S_OK : answer->second;
 }
 
 HRESULT WINAPI FakeDom::Create(REFCLSID classId, IUnknown*, DWORD context, REFIID interfaceId,
                                void** object) {
   *object = nullptr;
-  s_current->m_creations.push_back({classId, context, interfaceId});
+  s_current->m_Creations.push_back({classId, context, interfaceId});
   const HRESULT result = s_current->Play("CoCreateInstance");
   if (result == S_OK) *object = static_cast<IXMLDOMDocument*>(new FakeDocument(*s_current));
   return result;

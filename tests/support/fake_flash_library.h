@@ -24,13 +24,13 @@ class FakeFlashLibrary {
 
   FakeFlashLibrary() {
     s_library = this;
-    m_patch.Replace("LoadLibraryW", &Load);
-    m_patch.Replace("GetProcAddress", &FindExport);
-    m_patch.Replace("GetModuleHandleExW", &AddReference);
-    m_patch.Replace("FreeLibrary", &Free);
+    m_Patch.Replace("LoadLibraryW", &Load);
+    m_Patch.Replace("GetProcAddress", &FindExport);
+    m_Patch.Replace("GetModuleHandleExW", &AddReference);
+    m_Patch.Replace("FreeLibrary", &Free);
   }
   ~FakeFlashLibrary() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_library = nullptr;
   }
   FakeFlashLibrary(const FakeFlashLibrary&) = delete;
@@ -78,7 +78,7 @@ class FakeFlashLibrary {
   }
   /// Reports through the callback that was registered last, on the calling thread.
   void Report(std::int32_t status, const char* text) const {
-    if (m_callback != nullptr) m_callback(channel, status, text);
+    if (m_Callback != nullptr) m_Callback(channel, status, text);
   }
   void ReportSending() const { Report(4, "  - Sending data. (RAW mode)"); }
   void ReportPercent(const char* percent) const { Report(2, percent); }
@@ -181,7 +181,7 @@ class FakeFlashLibrary {
     return found == s_library->bars.end() ? 1 : found->second;
   }
   static int InitCallback(Callback* callback, char* status) {
-    s_library->m_callback = callback;
+    s_library->m_Callback = callback;
     return Answer("init_callback", "", status);
   }
   static int OpenCommPort(std::uint8_t channel, const char* port, const char* samePort,
@@ -242,6 +242,6 @@ class FakeFlashLibrary {
   static inline int s_module = 0;
   static inline FakeFlashLibrary* s_library = nullptr;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  Callback* m_callback = nullptr;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  Callback* m_Callback = nullptr;
 };

@@ -21,26 +21,26 @@ class FakeModem {
  public:
   enum class Mode { Absent, Normal, Flash };
 
-  explicit FakeModem(std::function<ULONGLONG()> now) : m_now(std::move(now)) {
+  explicit FakeModem(std::function<ULONGLONG()> now) : m_Now(std::move(now)) {
     s_modem = this;
-    m_patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
-    m_patch.Replace("CM_Get_Device_ID_ListW", &IdList);
-    m_patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
-    m_patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
-    m_patch.Replace("CM_Locate_DevNodeW", &Locate);
-    m_patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
-    m_patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
-    m_patch.Replace("CreateFileW", &OpenWide);
-    m_patch.Replace("CreateFileA", &OpenNarrow);
-    m_patch.Replace("DeviceIoControl", &Control);
-    m_patch.Replace("GetOverlappedResultEx", &OverlappedResult);
-    m_patch.Replace("GetCommState", &GetState);
-    m_patch.Replace("SetCommState", &SetState);
-    m_patch.Replace("PurgeComm", &Purge);
-    m_patch.Replace("WriteFile", &Write);
+    m_Patch.Replace("CM_Get_Device_ID_List_SizeW", &IdListSize);
+    m_Patch.Replace("CM_Get_Device_ID_ListW", &IdList);
+    m_Patch.Replace("CM_Get_Device_Interface_List_SizeW", &InterfaceListSize);
+    m_Patch.Replace("CM_Get_Device_Interface_ListW", &InterfaceList);
+    m_Patch.Replace("CM_Locate_DevNodeW", &Locate);
+    m_Patch.Replace("CM_Reenumerate_DevNode", &Reenumerate);
+    m_Patch.Replace("CM_Get_DevNode_Registry_PropertyW", &Property);
+    m_Patch.Replace("CreateFileW", &OpenWide);
+    m_Patch.Replace("CreateFileA", &OpenNarrow);
+    m_Patch.Replace("DeviceIoControl", &Control);
+    m_Patch.Replace("GetOverlappedResultEx", &OverlappedResult);
+    m_Patch.Replace("GetCommState", &GetState);
+    m_Patch.Replace("SetCommState", &SetState);
+    m_Patch.Replace("PurgeComm", &Purge);
+    m_Patch.Replace("WriteFile", &Write);
   }
   ~FakeModem() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_modem = nullptr;
   }
   FakeModem(const FakeModem&) = delete;
@@ -48,7 +48,7 @@ class FakeModem {
 
   /// The modem changes its mode, at once or later; nothing else is to happen to it until then.
   void Become(Mode mode, ULONGLONG afterMs = 0) {
-    m_next = {m_now() + afterMs, mode};
+    m_Next = {m_Now() + afterMs, mode};
     Settle();
   }
   /// It is gone, and comes back in `mode`.
@@ -84,9 +84,9 @@ class FakeModem {
 
  private:
   void Settle() {
-    if (m_next && m_now() >= m_next->first) {
-      m_mode = m_next->second;
-      m_next.reset();
+    if (m_Next && m_Now() >= m_Next->first) {
+      m_Mode = m_Next->second;
+      m_Next.reset();
     }
   }
 
@@ -98,8 +98,8 @@ class FakeModem {
   std::wstring DeviceIds() {
     Settle();
     std::vector<std::wstring> ids{L"ROOT\\SYSTEM\\0000"};
-    if (m_mode == Mode::Normal) ids.push_back(L"usb\\vid_1d5a&pid_0ac9&mi_00\\6&1234&0&0000");
-    if (m_mode == Mode::Flash) ids.push_back(L"usb\\vid_1d5a&pid_0acc&mi_00\\6&5678&0&0000");
+    if (m_Mode == Mode::Normal) ids.push_back(L"usb\\vid_1d5a&pid_0ac9&mi_00\\6&1234&0&0000");
+    if (m_Mode == Mode::Flash) ids.push_back(L"usb\\vid_1d5a&pid_0acc&mi_00\\6&5678&0&0000");
     return MultiString(ids);
   }
   std::wstring Interfaces(const GUID& interfaceClass) {
@@ -107,7 +107,7 @@ class FakeModem {
     if (interfaceClass.Data1 == kDriverClass) return MultiString({kDriverPath});
     Settle();
     std::vector<std::wstring> ports = otherPorts;
-    if (m_mode == Mode::Flash) ports.push_back(flashPortPath);
+    if (m_Mode == Mode::Flash) ports.push_back(flashPortPath);
     return MultiString(ports);
   }
   static bool IsDriver(const GUID& interfaceClass) { return interfaceClass.Data1 == 0x6568C4A1; }
@@ -172,7 +172,7 @@ class FakeModem {
                                   DWORD disposition, DWORD flags, HANDLE pattern) {
     if (std::strncmp(name, "\\\\.\\COM", 7) != 0)
       return ::CreateFileA(name, access, share, security, disposition, flags, pattern);
-    return s_modem->m_port = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    return s_modem->m_Port = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   }
   static BOOL WINAPI Control(HANDLE, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPOVERLAPPED) {
     s_modem->heard.emplace_back("reset");
@@ -192,9 +192,9 @@ class FakeModem {
   static BOOL WINAPI Purge(HANDLE, DWORD) { return TRUE; }
   static BOOL WINAPI Write(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written,
                            LPOVERLAPPED overlapped) {
-    if (s_modem->m_port == nullptr || file != s_modem->m_port)
+    if (s_modem->m_Port == nullptr || file != s_modem->m_Port)
       return ::WriteFile(file, bytes, count, written, overlapped);
-    s_modem->m_port = nullptr;
+    s_modem->m_Port = nullptr;
     s_modem->heard.push_back("reboot " + std::string(static_cast<const char*>(bytes), count));
     if (!s_modem->takesCommands) {
       ::SetLastError(ERROR_GEN_FAILURE);
@@ -208,9 +208,9 @@ class FakeModem {
   static constexpr wchar_t kDriverPath[] = L"\\\\?\\UDE#1#{6568c4a1-b6ee-4e4b-bc5f-ce819e627213}";
   static inline FakeModem* s_modem = nullptr;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  std::function<ULONGLONG()> m_now;
-  Mode m_mode = Mode::Normal;
-  std::optional<std::pair<ULONGLONG, Mode>> m_next;
-  HANDLE m_port = nullptr;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::function<ULONGLONG()> m_Now;
+  Mode m_Mode = Mode::Normal;
+  std::optional<std::pair<ULONGLONG, Mode>> m_Next;
+  HANDLE m_Port = nullptr;
 };

@@ -18,9 +18,9 @@
 /// log lie there. The configuration ends with it.
 class HostFolder {
  public:
-  explicit HostFolder(const std::wstring& suffix = L"") : m_folder(suffix) {
-    s_executable = m_folder.File(L"host.exe");
-    EXPECT_TRUE(m_patch.Replace("GetModuleFileNameW", &ModuleFileName));
+  explicit HostFolder(const std::wstring& suffix = L"") : m_Folder(suffix) {
+    s_executable = m_Folder.File(L"host.exe");
+    EXPECT_TRUE(m_Patch.Replace("GetModuleFileNameW", &ModuleFileName));
     CDebugLogger::SetLevel(3);
   }
   ~HostFolder() {
@@ -29,17 +29,17 @@ class HostFolder {
     CDebugLogger::ReleaseInstance();
   }
 
-  void WriteConfig(std::string_view bytes) { m_folder.Write(L"CorvelConfig.ini", bytes); }
-  std::wstring ConfigPath() const { return m_folder.File(L"CorvelConfig.ini"); }
+  void WriteConfig(std::string_view bytes) { m_Folder.Write(L"CorvelConfig.ini", bytes); }
+  std::wstring ConfigPath() const { return m_Folder.File(L"CorvelConfig.ini"); }
   /// From now on the path of the executable cannot be had.
   static void Hide() { s_executable.clear(); }
 
-  std::vector<LogRecord> Log() const { return ReadLog(m_folder.File(L"FlashServiceDebugLogger_DLL.log")); }
+  std::vector<LogRecord> Log() const { return ReadLog(m_Folder.File(L"FlashServiceDebugLogger_DLL.log")); }
   std::vector<std::string> Messages() const { return MessagesOf(Log()); }
   /// The messages with their levels, as Marked gives them.
   std::vector<std::string> Said() const { return MarkedMessagesOf(Log()); }
-  std::wstring LogPath() const { return m_folder.File(L"FlashServiceDebugLogger_DLL.log"); }
-  bool HasLog() const { return m_folder.Holds(L"FlashServiceDebugLogger_DLL.log"); }
+  std::wstring LogPath() const { return m_Folder.File(L"FlashServiceDebugLogger_DLL.log"); }
+  bool HasLog() const { return m_Folder.Holds(L"FlashServiceDebugLogger_DLL.log"); }
 
  private:
   static DWORD WINAPI ModuleFileName(HMODULE, wchar_t* buffer, DWORD size) {
@@ -53,6 +53,6 @@ class HostFolder {
   }
 
   static inline std::wstring s_executable;
-  TemporaryFolder m_folder;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  TemporaryFolder m_Folder;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

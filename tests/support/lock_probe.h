@@ -16,13 +16,13 @@ class LockProbe {
  public:
   LockProbe() {
     s_probe = this;
-    m_library.Replace("AcquireSRWLockExclusive", &AcquireSlim);
-    m_library.Replace("ReleaseSRWLockExclusive", &ReleaseSlim);
-    m_library.Replace("EnterCriticalSection", &EnterSection);
-    m_library.Replace("LeaveCriticalSection", &LeaveSection);
+    m_Library.Replace("AcquireSRWLockExclusive", &AcquireSlim);
+    m_Library.Replace("ReleaseSRWLockExclusive", &ReleaseSlim);
+    m_Library.Replace("EnterCriticalSection", &EnterSection);
+    m_Library.Replace("LeaveCriticalSection", &LeaveSection);
   }
   ~LockProbe() {
-    m_library.Restore();
+    m_Library.Restore();
     s_probe = nullptr;
   }
   LockProbe(const LockProbe&) = delete;
@@ -31,43 +31,43 @@ class LockProbe {
   /// Holds `first` at the `time`th lock that it gives back, the first being 1.
   /// @return true when `second` had to wait there.
   bool Excludes(const std::function<void()>& first, std::function<void()> second, int time = 1) {
-    m_second = std::move(second);
-    m_first = ::GetCurrentThreadId();
-    m_left = time;
+    m_Second = std::move(second);
+    m_First = ::GetCurrentThreadId();
+    m_Left = time;
     first();
-    m_first = 0;
-    if (m_other.joinable()) m_other.join();
-    return m_met;
+    m_First = 0;
+    if (m_Other.joinable()) m_Other.join();
+    return m_Met;
   }
 
   /// Runs `second` on another thread until it meets a lock or ends. For a caller that holds a lock by itself.
   /// @return true when it met one. Call Join when the lock was given back.
   bool IsMetBy(std::function<void()> second) {
-    m_second = std::move(second);
+    m_Second = std::move(second);
     Interfere();
-    return m_met;
+    return m_Met;
   }
-  void Join() { m_other.join(); }
+  void Join() { m_Other.join(); }
 
  private:
   static constexpr DWORD kRealTimeLimitMs = 10000;
 
   /// On the first thread, which holds a lock.
   void Interfere() {
-    m_other = std::thread([this] {
-      m_otherId = ::GetCurrentThreadId();
-      m_second();
-      ::SetEvent(m_metOrDone.get());
+    m_Other = std::thread([this] {
+      m_OtherId = ::GetCurrentThreadId();
+      m_Second();
+      ::SetEvent(m_MetOrDone.get());
     });
-    ::WaitForSingleObject(m_metOrDone.get(), kRealTimeLimitMs);
+    ::WaitForSingleObject(m_MetOrDone.get(), kRealTimeLimitMs);
   }
   void BeforeRelease() {
-    if (::GetCurrentThreadId() == m_first && --m_left == 0) Interfere();
+    if (::GetCurrentThreadId() == m_First && --m_Left == 0) Interfere();
   }
   void Meet() {
-    if (::GetCurrentThreadId() != m_otherId) return;
-    m_met = true;
-    ::SetEvent(m_metOrDone.get());
+    if (::GetCurrentThreadId() != m_OtherId) return;
+    m_Met = true;
+    ::SetEvent(m_MetOrDone.get());
   }
 
   static void WINAPI AcquireSlim(SRWLOCK* lock) {
@@ -91,12 +91,12 @@ class LockProbe {
 
   static inline LockProbe* s_probe = nullptr;
 
-  simulator::ImportPatch m_library{::GetModuleHandleW(L"toolkit_internals.dll")};
-  UniqueHandle m_metOrDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  std::function<void()> m_second;
-  std::thread m_other;
-  std::atomic<DWORD> m_first{0};
-  std::atomic<DWORD> m_otherId{0};
-  int m_left = 0;
-  std::atomic<bool> m_met{false};
+  simulator::ImportPatch m_Library{::GetModuleHandleW(L"toolkit_internals.dll")};
+  UniqueHandle m_MetOrDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::function<void()> m_Second;
+  std::thread m_Other;
+  std::atomic<DWORD> m_First{0};
+  std::atomic<DWORD> m_OtherId{0};
+  int m_Left = 0;
+  std::atomic<bool> m_Met{false};
 };

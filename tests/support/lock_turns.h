@@ -19,12 +19,12 @@ class LockTurns {
  public:
   LockTurns() {
     s_present = this;
-    EXPECT_TRUE(m_patch.Replace("AcquireSRWLockExclusive", &Acquire));
-    EXPECT_TRUE(m_patch.Replace("ReleaseSRWLockExclusive", &Release));
+    EXPECT_TRUE(m_Patch.Replace("AcquireSRWLockExclusive", &Acquire));
+    EXPECT_TRUE(m_Patch.Replace("ReleaseSRWLockExclusive", &Release));
   }
   ~LockTurns() {
     LetGo();
-    m_patch.Restore();
+    m_Patch.Restore();
     s_present = nullptr;
   }
   LockTurns(const LockTurns&) = delete;
@@ -33,32 +33,32 @@ class LockTurns {
   /// Runs `operation` on a thread of its own, up to where it gives back a lock for the `turn`th time.
   /// @return false when it ended without coming there.
   bool HoldInside(std::function<void()> operation, int turn = 1) {
-    m_turnsLeft = turn;
-    m_holder = std::thread([this, operation = std::move(operation)] {
-      m_holderId = ::GetCurrentThreadId();
+    m_TurnsLeft = turn;
+    m_Holder = std::thread([this, operation = std::move(operation)] {
+      m_HolderId = ::GetCurrentThreadId();
       operation();
-      m_holderId = 0;
-      ::SetEvent(m_holderEnded.get());
+      m_HolderId = 0;
+      ::SetEvent(m_HolderEnded.get());
     });
-    return FirstOf(m_held.get(), m_holderEnded.get());
+    return FirstOf(m_Held.get(), m_HolderEnded.get());
   }
 
   /// Runs `operation` on another thread.
   /// @return true once it asks for the lock that the held thread owns; false when it ended without that.
   bool AsksForTheSameLock(std::function<void()> operation) {
-    m_contender = std::thread([this, operation = std::move(operation)] {
-      m_contenderId = ::GetCurrentThreadId();
+    m_Contender = std::thread([this, operation = std::move(operation)] {
+      m_ContenderId = ::GetCurrentThreadId();
       operation();
-      ::SetEvent(m_contenderEnded.get());
+      ::SetEvent(m_ContenderEnded.get());
     });
-    return FirstOf(m_asked.get(), m_contenderEnded.get());
+    return FirstOf(m_Asked.get(), m_ContenderEnded.get());
   }
 
   /// Lets the held thread go and both come to their end.
   void LetGo() {
-    ::SetEvent(m_mayGo.get());
-    if (m_holder.joinable()) m_holder.join();
-    if (m_contender.joinable()) m_contender.join();
+    ::SetEvent(m_MayGo.get());
+    if (m_Holder.joinable()) m_Holder.join();
+    if (m_Contender.joinable()) m_Contender.join();
   }
 
  private:
@@ -79,27 +79,27 @@ class LockTurns {
     ::ReleaseSRWLockExclusive(lock);
   }
   void OnAcquire(SRWLOCK* lock) {
-    if (::GetCurrentThreadId() == m_contenderId && lock == m_heldLock) ::SetEvent(m_asked.get());
+    if (::GetCurrentThreadId() == m_ContenderId && lock == m_HeldLock) ::SetEvent(m_Asked.get());
   }
   void OnRelease(SRWLOCK* lock) {
-    if (::GetCurrentThreadId() != m_holderId || --m_turnsLeft != 0) return;
-    m_heldLock = lock;
-    ::SetEvent(m_held.get());
-    ::WaitForSingleObject(m_mayGo.get(), kPatienceMs);
+    if (::GetCurrentThreadId() != m_HolderId || --m_TurnsLeft != 0) return;
+    m_HeldLock = lock;
+    ::SetEvent(m_Held.get());
+    ::WaitForSingleObject(m_MayGo.get(), kPatienceMs);
   }
 
   static inline LockTurns* s_present = nullptr;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  const UniqueHandle m_held = NewEvent();
-  const UniqueHandle m_asked = NewEvent();
-  const UniqueHandle m_mayGo = NewEvent();
-  const UniqueHandle m_holderEnded = NewEvent();
-  const UniqueHandle m_contenderEnded = NewEvent();
-  std::atomic<DWORD> m_holderId{0};
-  std::atomic<DWORD> m_contenderId{0};
-  std::atomic<SRWLOCK*> m_heldLock{nullptr};
-  std::atomic<int> m_turnsLeft{0};
-  std::thread m_holder;
-  std::thread m_contender;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  const UniqueHandle m_Held = NewEvent();
+  const UniqueHandle m_Asked = NewEvent();
+  const UniqueHandle m_MayGo = NewEvent();
+  const UniqueHandle m_HolderEnded = NewEvent();
+  const UniqueHandle m_ContenderEnded = NewEvent();
+  std::atomic<DWORD> m_HolderId{0};
+  std::atomic<DWORD> m_ContenderId{0};
+  std::atomic<SRWLOCK*> m_HeldLock{nullptr};
+  std::atomic<int> m_TurnsLeft{0};
+  std::thread m_Holder;
+  std::thread m_Contender;
 };

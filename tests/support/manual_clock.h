@@ -14,11 +14,11 @@ class ManualClock {
     s_owner = ::GetCurrentThreadId();
     s_passed = 0;
     s_ticks = true;
-    m_patch.Replace("Sleep", &Sleep);
-    m_patch.Replace("GetTickCount64", &TickCount);
+    m_Patch.Replace("Sleep", &Sleep);
+    m_Patch.Replace("GetTickCount64", &TickCount);
   }
   ~ManualClock() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_owner = 0;
     while (s_sleepers > 0) ::SwitchToThread();
   }
@@ -53,5 +53,5 @@ class ManualClock {
   static inline std::atomic<ULONGLONG> s_passed{0};
   static inline std::atomic<bool> s_ticks{true};
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -10,10 +10,10 @@
 class OwnNames {
  public:
   OwnNames() {
-    m_patch.Replace("CreateSemaphoreW", &simulator::CreateOwnSemaphore);
-    m_patch.Replace("CreateEventW", &simulator::CreateOwnEvent);
+    m_Patch.Replace("CreateSemaphoreW", &simulator::CreateOwnSemaphore);
+    m_Patch.Replace("CreateEventW", &simulator::CreateOwnEvent);
   }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

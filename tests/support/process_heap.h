@@ -10,8 +10,8 @@ class ProcessHeap {
   ProcessHeap() {
     s_allocations = s_frees = 0;
     s_full = false;
-    m_patch.Replace("HeapAlloc", &Allocate);
-    m_patch.Replace("HeapFree", &Free);
+    m_Patch.Replace("HeapAlloc", &Allocate);
+    m_Patch.Replace("HeapFree", &Free);
   }
 
   void IsFull() { s_full = true; }
@@ -32,5 +32,5 @@ class ProcessHeap {
   static inline int s_frees = 0;
   static inline bool s_full = false;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -14,7 +14,7 @@ class ScarceMemory {
  public:
   ScarceMemory() {
     s_left = 0;
-    EXPECT_TRUE(m_patch.Replace("malloc", &Allocate));
+    EXPECT_TRUE(m_Patch.Replace("malloc", &Allocate));
   }
   ~ScarceMemory() { s_left = 0; }
   ScarceMemory(const ScarceMemory&) = delete;
@@ -55,5 +55,5 @@ class ScarceMemory {
 
   static inline int s_left = 0;
   static inline bool s_failed = false;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };

@@ -10,7 +10,7 @@ class ScratchKey {
  public:
   ScratchKey() {
     static int count = 0;
-    m_path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+    m_Path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
              std::to_wstring(++count);
   }
   ~ScratchKey() { Delete(); }
@@ -18,8 +18,8 @@ class ScratchKey {
   ScratchKey& operator=(const ScratchKey&) = delete;
 
   static HKEY Root() { return HKEY_CURRENT_USER; }
-  const wchar_t* Path() const { return m_path.c_str(); }
-  std::string NarrowPath() const { return std::string(m_path.begin(), m_path.end()); }
+  const wchar_t* Path() const { return m_Path.c_str(); }
+  std::string NarrowPath() const { return std::string(m_Path.begin(), m_Path.end()); }
 
   void Make() const { ::RegCloseKey(Open()); }
   void Delete() const { ::RegDeleteTreeW(Root(), Path()); }
@@ -53,5 +53,5 @@ class ScratchKey {
   }
 
  private:
-  std::wstring m_path;
+  std::wstring m_Path;
 };

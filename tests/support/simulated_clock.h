@@ -31,39 +31,39 @@ class SimulatedClock {
  public:
   SimulatedClock() {
     s_clock = this;
-    m_threads[::GetCurrentThreadId()] = std::make_shared<Thread>();
-    m_patch.Replace("Sleep", &Sleep);
-    m_patch.Replace("WaitForSingleObject", &WaitForSingleObject);
-    m_patch.Replace("GetTickCount64", &GetTickCount64);
-    m_patch.Replace("CreateThread", &CreateThread);
-    m_patch.Replace("ReleaseSemaphore", &ReleaseSemaphore);
-    m_patch.Replace("FreeLibraryAndExitThread", &FreeLibraryAndExitThread);
+    m_Threads[::GetCurrentThreadId()] = std::make_shared<Thread>();
+    m_Patch.Replace("Sleep", &Sleep);
+    m_Patch.Replace("WaitForSingleObject", &WaitForSingleObject);
+    m_Patch.Replace("GetTickCount64", &GetTickCount64);
+    m_Patch.Replace("CreateThread", &CreateThread);
+    m_Patch.Replace("ReleaseSemaphore", &ReleaseSemaphore);
+    m_Patch.Replace("FreeLibraryAndExitThread", &FreeLibraryAndExitThread);
   }
   ~SimulatedClock() {
     RunUntilIdle();
     EndEndlessWaits();
-    m_patch.Restore();
+    m_Patch.Restore();
     s_clock = nullptr;
   }
   SimulatedClock(const SimulatedClock&) = delete;
   SimulatedClock& operator=(const SimulatedClock&) = delete;
 
   /// Milliseconds since the clock was made.
-  ULONGLONG Now() const { return m_now; }
+  ULONGLONG Now() const { return m_Now; }
   /// The initial stack sizes that the library asked for its threads, in order; refused ones count.
-  const std::vector<SIZE_T>& StackSizes() const { return m_stackSizes; }
+  const std::vector<SIZE_T>& StackSizes() const { return m_StackSizes; }
   /// What the library slept so far, in order.
-  const std::vector<DWORD>& Sleeps() const { return m_sleeps; }
+  const std::vector<DWORD>& Sleeps() const { return m_Sleeps; }
 
   /// Refuses the library's `number`th thread from now on, the first being 0.
-  void RefuseThread(int number, DWORD error) { m_refused[m_created + number] = error; }
-  void RefuseEveryThread(DWORD error) { m_refusesAll = error; }
+  void RefuseThread(int number, DWORD error) { m_Refused[m_Created + number] = error; }
+  void RefuseEveryThread(DWORD error) { m_RefusesAll = error; }
   void RefuseNoThread() {
-    m_refused.clear();
-    m_refusesAll.reset();
+    m_Refused.clear();
+    m_RefusesAll.reset();
   }
   /// Lets a new thread run before the one that made it goes on.
-  void RunNewThreadsFirst() { m_newThreadsFirst = true; }
+  void RunNewThreadsFirst() { m_NewThreadsFirst = true; }
   /// Has a thread of its own run `body`, as if the library had started it.
   void Start(std::function<void()> body) {
     auto* const start = new std::function<void()>(std::move(body));
@@ -72,20 +72,20 @@ class SimulatedClock {
 
   /// Lets `milliseconds` pass on the calling thread.
   void Pause(DWORD milliseconds) {
-    Turn turn(m_mutex);
+    Turn turn(m_Mutex);
     Wait(turn, nullptr, milliseconds, kNoGate);
   }
 
   /// For a fake that hangs: waits until Open(gate), on the library's thread.
   void WaitAtGate(int gate) {
-    Turn turn(m_mutex);
-    if (m_openGates.contains(gate)) return;
+    Turn turn(m_Mutex);
+    if (m_OpenGates.contains(gate)) return;
     Wait(turn, nullptr, INFINITE, gate);
   }
   void Open(int gate) {
-    const std::lock_guard turn(m_mutex);
-    m_openGates.insert(gate);
-    for (auto waiter = m_waiters.begin(); waiter != m_waiters.end();) {
+    const std::lock_guard turn(m_Mutex);
+    m_OpenGates.insert(gate);
+    for (auto waiter = m_Waiters.begin(); waiter != m_Waiters.end();) {
       const auto next = std::next(waiter);
       if ((*waiter)->gate == gate) Wake(waiter, WAIT_OBJECT_0);
       waiter = next;
@@ -94,17 +94,17 @@ class SimulatedClock {
 
   /// Lets all other threads run until none has anything left to do but to wait for ever.
   void RunUntilIdle() {
-    Turn turn(m_mutex);
+    Turn turn(m_Mutex);
     Wait(turn, nullptr, INFINITE, kIdle);
   }
   /// How many threads of the library have not ended.
-  std::size_t LivingThreads() const { return m_threads.size() - 1; }
+  std::size_t LivingThreads() const { return m_Threads.size() - 1; }
 
   /// Ends waits without a time limit whose object the system has signalled meanwhile.
   void DeliverSignals() {
     constexpr DWORD kRealTimeLimitMs = 5000;
-    const std::lock_guard turn(m_mutex);
-    for (auto waiter = m_waiters.begin(); waiter != m_waiters.end(); ++waiter) {
+    const std::lock_guard turn(m_Mutex);
+    for (auto waiter = m_Waiters.begin(); waiter != m_Waiters.end(); ++waiter) {
       if ((*waiter)->handle == nullptr || (*waiter)->deadline != kNever) continue;
       if (::WaitForSingleObject((*waiter)->handle, kRealTimeLimitMs) == WAIT_OBJECT_0) {
         Wake(waiter, WAIT_OBJECT_0);
@@ -137,16 +137,16 @@ class SimulatedClock {
   };
 
   ThreadRef Self() const {
-    const auto found = m_threads.find(::GetCurrentThreadId());
-    return found == m_threads.end() ? nullptr : found->second;
+    const auto found = m_Threads.find(::GetCurrentThreadId());
+    return found == m_Threads.end() ? nullptr : found->second;
   }
 
   DWORD Wait(Turn& turn, HANDLE handle, DWORD milliseconds, int gate) {
     const ThreadRef self = Self();
     self->handle = handle;
-    self->deadline = milliseconds == INFINITE ? kNever : m_now + milliseconds;
+    self->deadline = milliseconds == INFINITE ? kNever : m_Now + milliseconds;
     self->gate = gate;
-    m_waiters.push_back(self);
+    m_Waiters.push_back(self);
     return HandOn(turn, self);
   }
 
@@ -169,30 +169,30 @@ class SimulatedClock {
 
   void Wake(std::list<ThreadRef>::iterator waiter, DWORD result) {
     (*waiter)->result = result;
-    m_ready.push_back(*waiter);
-    m_waiters.erase(waiter);
+    m_Ready.push_back(*waiter);
+    m_Waiters.erase(waiter);
   }
 
   void GrantNext() {
-    if (m_ready.empty()) EndShortestWait();
-    const ThreadRef next = m_ready.front();
-    m_ready.pop_front();
+    if (m_Ready.empty()) EndShortestWait();
+    const ThreadRef next = m_Ready.front();
+    m_Ready.pop_front();
     next->granted = true;
     next->turn.notify_one();
   }
 
   void EndShortestWait() {
-    auto shortest = m_waiters.end();
-    auto idle = m_waiters.end();
-    for (auto waiter = m_waiters.begin(); waiter != m_waiters.end(); ++waiter) {
+    auto shortest = m_Waiters.end();
+    auto idle = m_Waiters.end();
+    for (auto waiter = m_Waiters.begin(); waiter != m_Waiters.end(); ++waiter) {
       if ((*waiter)->gate == kIdle) idle = waiter;
       if ((*waiter)->deadline == kNever) continue;
-      if (shortest == m_waiters.end() || (*waiter)->deadline < (*shortest)->deadline) shortest = waiter;
+      if (shortest == m_Waiters.end() || (*waiter)->deadline < (*shortest)->deadline) shortest = waiter;
     }
-    if (shortest != m_waiters.end()) {
-      m_now = (*shortest)->deadline;
+    if (shortest != m_Waiters.end()) {
+      m_Now = (*shortest)->deadline;
       Wake(shortest, WAIT_TIMEOUT);
-    } else if (idle != m_waiters.end()) {
+    } else if (idle != m_Waiters.end()) {
       Wake(idle, WAIT_OBJECT_0);
     } else {
       Fail("all threads wait for ever");
@@ -207,25 +207,25 @@ class SimulatedClock {
 
   /// Ends the threads that would otherwise outlive the test. They end where they wait.
   void EndEndlessWaits() {
-    Turn turn(m_mutex);
-    for (const ThreadRef& waiter : m_waiters) {
+    Turn turn(m_Mutex);
+    for (const ThreadRef& waiter : m_Waiters) {
       waiter->ends = waiter->granted = true;
       waiter->turn.notify_one();
     }
-    m_waiters.clear();
+    m_Waiters.clear();
     turn.unlock();
-    for (const HANDLE handle : m_handles) {
+    for (const HANDLE handle : m_Handles) {
       ::WaitForSingleObject(handle, INFINITE);
       ::CloseHandle(handle);
     }
   }
 
   void End() {
-    const std::lock_guard turn(m_mutex);
+    const std::lock_guard turn(m_Mutex);
     const DWORD id = ::GetCurrentThreadId();
-    m_threads.erase(id);
-    m_ended.insert(id);
-    for (auto waiter = m_waiters.begin(); waiter != m_waiters.end();) {
+    m_Threads.erase(id);
+    m_Ended.insert(id);
+    for (auto waiter = m_Waiters.begin(); waiter != m_Waiters.end();) {
       const auto next = std::next(waiter);
       if ((*waiter)->handle != nullptr && ::GetThreadId((*waiter)->handle) == id) Wake(waiter, WAIT_OBJECT_0);
       waiter = next;
@@ -236,43 +236,43 @@ class SimulatedClock {
   // What the library calls instead of the system.
 
   static void WINAPI Sleep(DWORD milliseconds) {
-    Turn turn(s_clock->m_mutex);
+    Turn turn(s_clock->m_Mutex);
     if (s_clock->Self() == nullptr) {
       turn.unlock();
       return ::Sleep(milliseconds);
     }
-    s_clock->m_sleeps.push_back(milliseconds);
+    s_clock->m_Sleeps.push_back(milliseconds);
     s_clock->Wait(turn, nullptr, milliseconds, kNoGate);
   }
 
   static DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
-    Turn turn(s_clock->m_mutex);
+    Turn turn(s_clock->m_Mutex);
     if (s_clock->Self() == nullptr) {
       turn.unlock();
       return ::WaitForSingleObject(handle, milliseconds);
     }
     // A thread that has given up its turn for good is about to end.
-    const bool ending = s_clock->m_ended.contains(::GetThreadId(handle));
+    const bool ending = s_clock->m_Ended.contains(::GetThreadId(handle));
     const DWORD now = ::WaitForSingleObject(handle, ending ? INFINITE : 0);
     if (now != WAIT_TIMEOUT || milliseconds == 0) return now;
     const DWORD result = s_clock->Wait(turn, handle, milliseconds, kNoGate);
-    const bool isThread = s_clock->m_ended.contains(::GetThreadId(handle));
+    const bool isThread = s_clock->m_Ended.contains(::GetThreadId(handle));
     if (result == WAIT_OBJECT_0 && isThread) ::WaitForSingleObject(handle, INFINITE);
     return result;
   }
 
   static ULONGLONG WINAPI GetTickCount64() {
-    const std::lock_guard turn(s_clock->m_mutex);
-    return s_clock->m_now;
+    const std::lock_guard turn(s_clock->m_Mutex);
+    return s_clock->m_Now;
   }
 
   static HANDLE WINAPI CreateThread(SECURITY_ATTRIBUTES* security, SIZE_T stackSize,
                                     LPTHREAD_START_ROUTINE start, LPVOID parameter, DWORD flags, LPDWORD id) {
-    Turn turn(s_clock->m_mutex);
-    s_clock->m_stackSizes.push_back(stackSize);
-    const auto refused = s_clock->m_refused.find(s_clock->m_created++);
-    if (s_clock->m_refusesAll || refused != s_clock->m_refused.end()) {
-      ::SetLastError(s_clock->m_refusesAll ? *s_clock->m_refusesAll : refused->second);
+    Turn turn(s_clock->m_Mutex);
+    s_clock->m_StackSizes.push_back(stackSize);
+    const auto refused = s_clock->m_Refused.find(s_clock->m_Created++);
+    if (s_clock->m_RefusesAll || refused != s_clock->m_Refused.end()) {
+      ::SetLastError(s_clock->m_RefusesAll ? *s_clock->m_RefusesAll : refused->second);
       return nullptr;
     }
     const auto thread = std::make_shared<Thread>();
@@ -280,13 +280,13 @@ class SimulatedClock {
     const HANDLE handle = ::CreateThread(security, stackSize, &RunThread,
                                          new NewThread{thread, start, parameter}, flags, &threadId);
     if (id != nullptr) *id = threadId;
-    s_clock->m_ended.erase(threadId);
-    s_clock->m_threads[threadId] = thread;
-    s_clock->m_ready.push_back(thread);
+    s_clock->m_Ended.erase(threadId);
+    s_clock->m_Threads[threadId] = thread;
+    s_clock->m_Ready.push_back(thread);
     s_clock->KeepHandle(handle);
-    if (s_clock->m_newThreadsFirst) {
+    if (s_clock->m_NewThreadsFirst) {
       const ThreadRef self = s_clock->Self();
-      s_clock->m_ready.push_back(self);
+      s_clock->m_Ready.push_back(self);
       s_clock->HandOn(turn, self);
     }
     return handle;
@@ -296,7 +296,7 @@ class SimulatedClock {
     HANDLE kept = nullptr;
     ::DuplicateHandle(::GetCurrentProcess(), handle, ::GetCurrentProcess(), &kept, 0, FALSE,
                       DUPLICATE_SAME_ACCESS);
-    m_handles.push_back(kept);
+    m_Handles.push_back(kept);
   }
 
   static DWORD WINAPI RunThread(LPVOID parameter) {
@@ -304,7 +304,7 @@ class SimulatedClock {
     const LPTHREAD_START_ROUTINE start = given->start;
     const LPVOID startParameter = given->parameter;
     {
-      Turn turn(s_clock->m_mutex);
+      Turn turn(s_clock->m_Mutex);
       const ThreadRef self = given->self;
       delete given;
       AwaitTurn(turn, self);
@@ -323,9 +323,9 @@ class SimulatedClock {
 
   static BOOL WINAPI ReleaseSemaphore(HANDLE semaphore, LONG count, LPLONG previous) {
     const BOOL released = ::ReleaseSemaphore(semaphore, count, previous);
-    const std::lock_guard turn(s_clock->m_mutex);
+    const std::lock_guard turn(s_clock->m_Mutex);
     // The one that is woken depends on the order of waiting, as with the system's own.
-    for (auto waiter = s_clock->m_waiters.begin(); waiter != s_clock->m_waiters.end(); ++waiter) {
+    for (auto waiter = s_clock->m_Waiters.begin(); waiter != s_clock->m_Waiters.end(); ++waiter) {
       if ((*waiter)->handle == nullptr || ::GetThreadId((*waiter)->handle) != 0) continue;
       if (::WaitForSingleObject((*waiter)->handle, 0) != WAIT_OBJECT_0) continue;
       s_clock->Wake(waiter, WAIT_OBJECT_0);
@@ -341,19 +341,19 @@ class SimulatedClock {
 
   static inline SimulatedClock* s_clock = nullptr;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  std::mutex m_mutex;
-  ULONGLONG m_now = 0;
-  std::map<DWORD, ThreadRef> m_threads;
-  std::list<ThreadRef> m_waiters;
-  std::deque<ThreadRef> m_ready;
-  std::set<DWORD> m_ended;
-  std::set<int> m_openGates;
-  std::vector<DWORD> m_sleeps;
-  std::vector<SIZE_T> m_stackSizes;
-  std::vector<HANDLE> m_handles;
-  std::map<int, DWORD> m_refused;
-  std::optional<DWORD> m_refusesAll;
-  bool m_newThreadsFirst = false;
-  int m_created = 0;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::mutex m_Mutex;
+  ULONGLONG m_Now = 0;
+  std::map<DWORD, ThreadRef> m_Threads;
+  std::list<ThreadRef> m_Waiters;
+  std::deque<ThreadRef> m_Ready;
+  std::set<DWORD> m_Ended;
+  std::set<int> m_OpenGates;
+  std::vector<DWORD> m_Sleeps;
+  std::vector<SIZE_T> m_StackSizes;
+  std::vector<HANDLE> m_Handles;
+  std::map<int, DWORD> m_Refused;
+  std::optional<DWORD> m_RefusesAll;
+  bool m_NewThreadsFirst = false;
+  int m_Created = 0;
 };

@@ -83,9 +83,9 @@ inline std::string FunctionOf(const std::vector<LogRecord>& records, const std::
 class TestLog {
  public:
   TestLog() {
-    EXPECT_TRUE(m_patch.Replace("FlushFileBuffers", &LeaveUnflushed));
+    EXPECT_TRUE(m_Patch.Replace("FlushFileBuffers", &LeaveUnflushed));
     CDebugLogger::SetLevel(3);
-    CDebugLogger::GetInstance()->SetFileName(AnsiFromWide(m_folder.File(L"test.log")).c_str());
+    CDebugLogger::GetInstance()->SetFileName(AnsiFromWide(m_Folder.File(L"test.log")).c_str());
   }
   ~TestLog() {
     CDebugLogger::GetInstance()->SetFileName("");
@@ -93,13 +93,13 @@ class TestLog {
   }
 
   /// What the file holds, byte for byte.
-  std::string Text() const { return m_folder.Content(L"test.log"); }
+  std::string Text() const { return m_Folder.Content(L"test.log"); }
   bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
   /// True once there is a file, be it empty.
-  bool Exists() const { return m_folder.Holds(L"test.log"); }
-  std::string Path() const { return m_folder.File("test.log"); }
+  bool Exists() const { return m_Folder.Holds(L"test.log"); }
+  std::string Path() const { return m_Folder.File("test.log"); }
 
-  std::vector<LogRecord> Records() const { return ReadLog(m_folder.File(L"test.log")); }
+  std::vector<LogRecord> Records() const { return ReadLog(m_Folder.File(L"test.log")); }
   std::vector<std::string> Messages() const { return MessagesOf(Records()); }
   /// The messages with their levels, as Marked gives them.
   std::vector<std::string> Said() const { return MarkedMessagesOf(Records()); }
@@ -118,6 +118,6 @@ class TestLog {
  private:
   static BOOL WINAPI LeaveUnflushed(HANDLE) { return TRUE; }
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  TemporaryFolder m_folder;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  TemporaryFolder m_Folder;
 };

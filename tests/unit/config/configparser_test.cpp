@@ -51,14 +51,14 @@ class ComUse {
  public:
   ComUse() {
     g_entered = g_left = 0;
-    EXPECT_TRUE(m_patch.Replace("CoInitializeEx", &CountEntering));
-    EXPECT_TRUE(m_patch.Replace("CoUninitialize", &CountLeaving));
+    EXPECT_TRUE(m_Patch.Replace("CoInitializeEx", &CountEntering));
+    EXPECT_TRUE(m_Patch.Replace("CoUninitialize", &CountLeaving));
   }
   int Entered() const { return g_entered; }
   int Left() const { return g_left; }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 template <typename Body>
@@ -356,12 +356,12 @@ class UnreadableConfigTest : public ConfigParserTest {
         "[ModemAndNVMFirmwareFolder]=C:\\images\n[Cut]=" +
         std::string(10'000, 'x') + "\n[REBOOTTYPE]=1\n");
     g_diskIsGone = false;
-    EXPECT_TRUE(m_patch.Replace("fgetc", &ReadOnce));
+    EXPECT_TRUE(m_Patch.Replace("fgetc", &ReadOnce));
   }
-  void BecomeReadable() { m_patch.Restore(); }
+  void BecomeReadable() { m_Patch.Restore(); }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(UnreadableConfigTest, IsNotLoadedAndLeavesNoneOfItsSettings) {

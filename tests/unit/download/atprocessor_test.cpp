@@ -270,8 +270,8 @@ class SectionCount {
  public:
   SectionCount() {
     s_entered = s_left = 0;
-    m_patch.Replace("EnterCriticalSection", &Enter);
-    m_patch.Replace("LeaveCriticalSection", &Leave);
+    m_Patch.Replace("EnterCriticalSection", &Enter);
+    m_Patch.Replace("LeaveCriticalSection", &Leave);
   }
   int StillOwned() const { return s_entered - s_left; }
 
@@ -288,7 +288,7 @@ class SectionCount {
   static inline std::atomic<int> s_entered{0};
   static inline std::atomic<int> s_left{0};
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class FailedOpenTest : public AtPortTest {

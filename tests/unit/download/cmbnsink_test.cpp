@@ -144,25 +144,25 @@ class MbnSinkTest : public testing::Test {
     g_ulNumberSupportedCommands = 0;
     g_SetCommandResponse.clear();
     g_QueryCommandResponse.clear();
-    EXPECT_EQ(m_sink->Initilazation(), S_OK);
+    EXPECT_EQ(m_Sink->Initilazation(), S_OK);
   }
   ~MbnSinkTest() override {
-    m_sink->DeInitilazation();
-    m_sink->Retire();
+    m_Sink->DeInitilazation();
+    m_Sink->Retire();
   }
 
-  CMbnSinks& Sink() { return *m_sink; }
+  CMbnSinks& Sink() { return *m_Sink; }
   void* As(REFIID iid) {
     void* object = nullptr;
-    EXPECT_EQ(m_sink->QueryInterface(iid, &object), S_OK);
+    EXPECT_EQ(m_Sink->QueryInterface(iid, &object), S_OK);
     return object;
   }
-  std::vector<LogEntry> Entries() const { return EntriesOf(m_log); }
-  bool Logged(const std::string& message) const { return m_log.Count(message) > 0; }
+  std::vector<LogEntry> Entries() const { return EntriesOf(m_Log); }
+  bool Logged(const std::string& message) const { return m_Log.Count(message) > 0; }
 
  private:
-  TestLog m_log;
-  std::unique_ptr<CMbnSinks> m_sink = std::make_unique<CMbnSinks>();
+  TestLog m_Log;
+  std::unique_ptr<CMbnSinks> m_Sink = std::make_unique<CMbnSinks>();
 };
 
 // Identity and life
@@ -573,13 +573,13 @@ class MbnSinkClientTest : public MbnSinkTest {
     Sink().ClientHooks().wantedNotifications = wanted;
   }
 
-  NamedDeviceService m_service;
-  NamedInterface m_interface;
+  NamedDeviceService m_Service;
+  NamedInterface m_Interface;
 };
 
 TEST_F(MbnSinkClientTest, AnEventNotificationsBytesAreLogged) {
   const UniqueSafeArray data = Bytes({0x0C});
-  EXPECT_EQ(Sink().OnEventNotification(&m_service, 3, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnEventNotification(&m_Service, 3, data.get()), S_OK);
   EXPECT_THAT(Entries(), TracesOf("OnEventNotification", {"\t *****Received OnEventNotification Event\n",
                                                           "\t Response = ", "0C ", "\t NumElements = 1\n"}));
 }
@@ -587,16 +587,16 @@ TEST_F(MbnSinkClientTest, AnEventNotificationsBytesAreLogged) {
 TEST_F(MbnSinkClientTest, AnEventNotificationThatIsWantedIsPassedOnWithItsService) {
   AskFor(0x100);
   const UniqueSafeArray data = Bytes({0x0C, 0x0D});
-  Sink().OnEventNotification(&m_service, 3, data.get());
+  Sink().OnEventNotification(&m_Service, 3, data.get());
   EXPECT_THAT(g_told, ElementsAre(Told{0x100, L"{service}", {0x0C, 0x0D}}));
   EXPECT_THAT(Sink().ClientHooks().deviceServiceData, ElementsAre(0x0C, 0x0D));
 }
 
 TEST_F(MbnSinkClientTest, AnEventNotificationThatIsNotWantedIsNotPassedOn) {
   AskFor(0x0FF);
-  Sink().OnEventNotification(&m_service, 3, nullptr);
+  Sink().OnEventNotification(&m_Service, 3, nullptr);
   AskFor(0x200);
-  Sink().OnEventNotification(&m_service, 3, nullptr);
+  Sink().OnEventNotification(&m_Service, 3, nullptr);
   EXPECT_THAT(g_told, IsEmpty());
   EXPECT_THAT(Sink().ClientHooks().deviceServiceData, IsEmpty());
 }
@@ -610,7 +610,7 @@ TEST_F(MbnSinkClientTest, AnEventNotificationWithoutDataOrServiceIsPassedOnEmpty
 TEST_F(MbnSinkClientTest, ReadDataIsLoggedAndItsServicePassedOn) {
   AskFor(0);
   const UniqueSafeArray data = Bytes({0x0E});
-  EXPECT_EQ(Sink().OnReadData(&m_service, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnReadData(&m_Service, data.get()), S_OK);
   EXPECT_THAT(Entries(), TracesOf("OnReadData", {"\t *****Received OnReadData Event\n",
                                                  "\t Response = ", "0E ", "\t NumElements = 1\n"}));
   EXPECT_THAT(g_told, ElementsAre(Told{0x100, L"{service}", {}}));
@@ -618,30 +618,30 @@ TEST_F(MbnSinkClientTest, ReadDataIsLoggedAndItsServicePassedOn) {
 
 TEST_F(MbnSinkClientTest, AnArrivingInterfaceReachesTheArrivalHook) {
   Sink().ClientHooks().onInterfaceArrival = &NoteArrival;
-  EXPECT_EQ(Sink().OnInterfaceArrival(&m_interface), S_OK);
-  EXPECT_THAT(g_arrivals, ElementsAre(std::pair<IMbnInterface*, int>(&m_interface, 1)));
+  EXPECT_EQ(Sink().OnInterfaceArrival(&m_Interface), S_OK);
+  EXPECT_THAT(g_arrivals, ElementsAre(std::pair<IMbnInterface*, int>(&m_Interface, 1)));
 }
 
 TEST_F(MbnSinkClientTest, WithoutAHookNobodyIsTold) {
   Sink().ClientHooks().wantedNotifications = 0x180;
   const UniqueSafeArray data = Bytes({0x0C});
-  EXPECT_EQ(Sink().OnEventNotification(&m_service, 3, data.get()), S_OK);
-  EXPECT_EQ(Sink().OnReadData(&m_service, data.get()), S_OK);
-  EXPECT_EQ(Sink().OnInterfaceArrival(&m_interface), S_OK);
+  EXPECT_EQ(Sink().OnEventNotification(&m_Service, 3, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnReadData(&m_Service, data.get()), S_OK);
+  EXPECT_EQ(Sink().OnInterfaceArrival(&m_Interface), S_OK);
   EXPECT_THAT(Sink().ClientHooks().deviceServiceData, IsEmpty());
 }
 
 TEST_F(MbnSinkClientTest, AnArrivingInterfaceIsPassedOnFromMask128Upwards) {
   AskFor(0x80);
-  Sink().OnInterfaceArrival(&m_interface);
+  Sink().OnInterfaceArrival(&m_Interface);
   AskFor(0x100);
-  Sink().OnInterfaceArrival(&m_interface);
+  Sink().OnInterfaceArrival(&m_Interface);
   EXPECT_THAT(g_told, ElementsAre(Told{0x80, L"{interface}", {}}, Told{0x80, L"{interface}", {}}));
 }
 
 TEST_F(MbnSinkClientTest, AnArrivingInterfaceIsNotPassedOnBelowMask128) {
   AskFor(0x7F);
-  Sink().OnInterfaceArrival(&m_interface);
+  Sink().OnInterfaceArrival(&m_Interface);
   EXPECT_THAT(g_told, IsEmpty());
 }
 
@@ -782,29 +782,29 @@ const std::vector<Handler>& Handlers() {
 class MbnSinkHandlerTest : public MbnSinkTest, public testing::WithParamInterface<Handler> {
  protected:
   ~MbnSinkHandlerTest() override { Sink().Retire(); }
-  CountedObject m_object;
+  CountedObject m_Object;
 };
 
 TEST_P(MbnSinkHandlerTest, LogsItsOwnLineAndSucceeds) {
-  EXPECT_EQ(GetParam().call(Sink(), m_object), S_OK);
+  EXPECT_EQ(GetParam().call(Sink(), m_Object), S_OK);
   EXPECT_THAT(Entries(), TracesOf(GetParam().name, {GetParam().message}));
 }
 
 TEST_P(MbnSinkHandlerTest, RecordsTheStatusIfItCarriesOne) {
-  GetParam().call(Sink(), m_object);
+  GetParam().call(Sink(), m_Object);
   EXPECT_EQ(g_LastStatus, GetParam().recordsStatus ? kStatus : S_OK);
 }
 
 TEST_P(MbnSinkHandlerTest, KeepsTheObjectIfItHasAPlaceForIt) {
-  GetParam().call(Sink(), m_object);
-  EXPECT_EQ(m_object.references, GetParam().slot ? 1 : 0);
+  GetParam().call(Sink(), m_Object);
+  EXPECT_EQ(m_Object.references, GetParam().slot ? 1 : 0);
   if (GetParam().slot) {
-    EXPECT_EQ(GetParam().slot(), &m_object);
+    EXPECT_EQ(GetParam().slot(), &m_Object);
   }
 }
 
 TEST_P(MbnSinkHandlerTest, WakesNobody) {
-  GetParam().call(Sink(), m_object);
+  GetParam().call(Sink(), m_Object);
   EXPECT_FALSE(TakeSignal(g_Event_OnOpenCommandSessionComplete));
   EXPECT_FALSE(TakeSignal(g_Event_OnQuerySupportedCommandsComplete));
   EXPECT_FALSE(TakeSignal(g_Event_OnSetCommandComplete));

@@ -16,32 +16,32 @@
 /// failures and answers a test chooses. Ports of other numbers do not exist; other files are the system's.
 class FakeSerialPort {
  public:
-  explicit FakeSerialPort(const std::string& fileName) : m_fileName(fileName) {
+  explicit FakeSerialPort(const std::string& fileName) : m_FileName(fileName) {
     s_port = this;
-    m_patch.Replace("CreateFileA", &Create);
-    m_patch.Replace("CloseHandle", &Close);
-    m_patch.Replace("GetCommState", &GetState);
-    m_patch.Replace("SetCommState", &SetState);
-    m_patch.Replace("PurgeComm", &Purge);
-    m_patch.Replace("ClearCommError", &ClearError);
-    m_patch.Replace("ReadFile", &Read);
-    m_patch.Replace("WriteFile", &Write);
+    m_Patch.Replace("CreateFileA", &Create);
+    m_Patch.Replace("CloseHandle", &Close);
+    m_Patch.Replace("GetCommState", &GetState);
+    m_Patch.Replace("SetCommState", &SetState);
+    m_Patch.Replace("PurgeComm", &Purge);
+    m_Patch.Replace("ClearCommError", &ClearError);
+    m_Patch.Replace("ReadFile", &Read);
+    m_Patch.Replace("WriteFile", &Write);
   }
   ~FakeSerialPort() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_port = nullptr;
   }
   FakeSerialPort(const FakeSerialPort&) = delete;
   FakeSerialPort& operator=(const FakeSerialPort&) = delete;
 
   /// The `call` fails with ERROR_GEN_FAILURE the `time`th time it is made.
-  void Fails(const std::string& call, int time = 1) { m_failures[call] = time; }
-  void HasSettings(const DCB& settings) { m_settings = settings; }
+  void Fails(const std::string& call, int time = 1) { m_Failures[call] = time; }
+  void HasSettings(const DCB& settings) { m_Settings = settings; }
   /// Bytes that wait together; the next batch arrives when they are read.
-  void Answers(const std::string& batch) { m_batches.push_back(batch); }
-  void CutsWritesTo(DWORD bytes) { m_longestWrite = bytes; }
+  void Answers(const std::string& batch) { m_Batches.push_back(batch); }
+  void CutsWritesTo(DWORD bytes) { m_LongestWrite = bytes; }
 
-  const std::vector<std::string>& Calls() const { return m_calls; }
+  const std::vector<std::string>& Calls() const { return m_Calls; }
   /// What the port was opened with.
   struct Opening {
     DWORD access;
@@ -51,18 +51,18 @@ class FakeSerialPort {
     DWORD flags;
     bool operator==(const Opening&) const = default;
   };
-  const std::vector<Opening>& Openings() const { return m_openings; }
+  const std::vector<Opening>& Openings() const { return m_Openings; }
   /// The settings that were handed in to be filled, in order.
-  const std::vector<DCB>& SettingsToFill() const { return m_settingsToFill; }
-  const std::vector<std::string>& FileNames() const { return m_fileNames; }
-  const std::vector<DWORD>& Purges() const { return m_purges; }
-  const std::vector<std::string>& Commands() const { return m_commands; }
-  const DCB& Settings() const { return m_settings; }
-  bool IsOpen() const { return m_open; }
-  int TimesClosed() const { return m_timesClosed; }
+  const std::vector<DCB>& SettingsToFill() const { return m_SettingsToFill; }
+  const std::vector<std::string>& FileNames() const { return m_FileNames; }
+  const std::vector<DWORD>& Purges() const { return m_Purges; }
+  const std::vector<std::string>& Commands() const { return m_Commands; }
+  const DCB& Settings() const { return m_Settings; }
+  bool IsOpen() const { return m_Open; }
+  int TimesClosed() const { return m_TimesClosed; }
   int BytesUnread() const {
     std::size_t count = 0;
-    for (const std::string& batch : m_batches) count += batch.size();
+    for (const std::string& batch : m_Batches) count += batch.size();
     return static_cast<int>(count);
   }
 
@@ -71,29 +71,29 @@ class FakeSerialPort {
 
   /// Notes the call. @return false, with the last error set, when it fails by arrangement.
   bool Enter(const std::string& call) {
-    m_calls.push_back(call);
-    const auto made = std::count(m_calls.begin(), m_calls.end(), call);
-    const auto failure = m_failures.find(call);
-    const bool fails = failure != m_failures.end() && failure->second == made;
+    m_Calls.push_back(call);
+    const auto made = std::count(m_Calls.begin(), m_Calls.end(), call);
+    const auto failure = m_Failures.find(call);
+    const bool fails = failure != m_Failures.end() && failure->second == made;
     if (fails) ::SetLastError(ERROR_GEN_FAILURE);
     return !fails;
   }
 
   HANDLE Open(const char* fileName) {
-    m_fileNames.push_back(fileName);
+    m_FileNames.push_back(fileName);
     if (!Enter("CreateFileA")) return INVALID_HANDLE_VALUE;
-    if (fileName != m_fileName || m_open) {
-      ::SetLastError(m_open ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND);
+    if (fileName != m_FileName || m_Open) {
+      ::SetLastError(m_Open ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND);
       return INVALID_HANDLE_VALUE;
     }
-    m_open = true;
+    m_Open = true;
     return Handle();
   }
 
   static HANDLE WINAPI Create(const char* fileName, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                               DWORD creation, DWORD flags, HANDLE fileTemplate) {
     if (std::string_view(fileName).starts_with("\\\\.\\COM")) {
-      s_port->m_openings.push_back({access, share, security != nullptr, creation, flags});
+      s_port->m_Openings.push_back({access, share, security != nullptr, creation, flags});
       return s_port->Open(fileName);
     }
     return ::CreateFileA(fileName, access, share, security, creation, flags, fileTemplate);
@@ -101,36 +101,36 @@ class FakeSerialPort {
 
   static BOOL WINAPI Close(HANDLE handle) {
     if (handle != Handle()) return ::CloseHandle(handle);
-    s_port->m_open = false;
-    ++s_port->m_timesClosed;
+    s_port->m_Open = false;
+    ++s_port->m_TimesClosed;
     return TRUE;
   }
 
   static BOOL WINAPI GetState(HANDLE, DCB* settings) {
-    s_port->m_settingsToFill.push_back(*settings);
+    s_port->m_SettingsToFill.push_back(*settings);
     if (!s_port->Enter("GetCommState")) return FALSE;
-    *settings = s_port->m_settings;
+    *settings = s_port->m_Settings;
     settings->DCBlength = sizeof *settings;
     return TRUE;
   }
 
   static BOOL WINAPI SetState(HANDLE, DCB* settings) {
     if (!s_port->Enter("SetCommState")) return FALSE;
-    s_port->m_settings = *settings;
+    s_port->m_Settings = *settings;
     return TRUE;
   }
 
   /// Leaves a last error behind, as a call between another's failure and its report may.
   static BOOL WINAPI Purge(HANDLE, DWORD what) {
     s_port->Enter("PurgeComm");
-    s_port->m_purges.push_back(what);
+    s_port->m_Purges.push_back(what);
     ::SetLastError(ERROR_INVALID_FUNCTION);
     return TRUE;
   }
 
   static BOOL WINAPI ClearError(HANDLE, DWORD*, COMSTAT* status) {
     if (!s_port->Enter("ClearCommError")) return FALSE;
-    auto& batches = s_port->m_batches;
+    auto& batches = s_port->m_Batches;
     if (!batches.empty() && batches.front().empty()) batches.pop_front();
     status->cbInQue = batches.empty() ? 0 : static_cast<DWORD>(batches.front().size());
     return TRUE;
@@ -139,7 +139,7 @@ class FakeSerialPort {
   static BOOL WINAPI Read(HANDLE handle, void* buffer, DWORD count, DWORD* read, OVERLAPPED* overlapped) {
     if (handle != Handle()) return ::ReadFile(handle, buffer, count, read, overlapped);
     if (!s_port->Enter("ReadFile")) return FALSE;
-    std::string& batch = s_port->m_batches.front();
+    std::string& batch = s_port->m_Batches.front();
     *read = 0;
     if (batch.front() == kNoByte) {
       batch.erase(0, 1);
@@ -155,8 +155,8 @@ class FakeSerialPort {
                            OVERLAPPED* overlapped) {
     if (handle != Handle()) return ::WriteFile(handle, buffer, count, written, overlapped);
     if (!s_port->Enter("WriteFile")) return FALSE;
-    *written = std::min(count, s_port->m_longestWrite);
-    s_port->m_commands.emplace_back(static_cast<const char*>(buffer), count);
+    *written = std::min(count, s_port->m_LongestWrite);
+    s_port->m_Commands.emplace_back(static_cast<const char*>(buffer), count);
     return TRUE;
   }
 
@@ -167,18 +167,18 @@ class FakeSerialPort {
  private:
   static inline FakeSerialPort* s_port = nullptr;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  std::string m_fileName;
-  DCB m_settings{};
-  std::map<std::string, int> m_failures;
-  std::deque<std::string> m_batches;
-  DWORD m_longestWrite = MAXDWORD;
-  bool m_open = false;
-  int m_timesClosed = 0;
-  std::vector<std::string> m_calls;
-  std::vector<std::string> m_fileNames;
-  std::vector<Opening> m_openings;
-  std::vector<DCB> m_settingsToFill;
-  std::vector<DWORD> m_purges;
-  std::vector<std::string> m_commands;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::string m_FileName;
+  DCB m_Settings{};
+  std::map<std::string, int> m_Failures;
+  std::deque<std::string> m_Batches;
+  DWORD m_LongestWrite = MAXDWORD;
+  bool m_Open = false;
+  int m_TimesClosed = 0;
+  std::vector<std::string> m_Calls;
+  std::vector<std::string> m_FileNames;
+  std::vector<Opening> m_Openings;
+  std::vector<DCB> m_SettingsToFill;
+  std::vector<DWORD> m_Purges;
+  std::vector<std::string> m_Commands;
 };

@@ -447,7 +447,7 @@ class ThreadHandles {
   explicit ThreadHandles(std::function<std::vector<std::string>()> told) {
     s_told = std::move(told);
     s_toldAtClose.clear();
-    m_patch.Replace("CloseHandle", &Close);
+    m_Patch.Replace("CloseHandle", &Close);
   }
   const std::vector<std::vector<std::string>>& ToldAtClose() const { return s_toldAtClose; }
 
@@ -460,7 +460,7 @@ class ThreadHandles {
   static inline std::function<std::vector<std::string>()> s_told;
   static inline std::vector<std::vector<std::string>> s_toldAtClose;
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class BootHandleTest : public InjectTest {

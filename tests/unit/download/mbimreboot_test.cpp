@@ -182,20 +182,20 @@ class ModemWaits {
   ModemWaits& operator=(const ModemWaits&) = delete;
 
   /// From now on every wait whose signal has not come yet is a long one that comes to its end.
-  void RunOut() { m_patience = 0; }
-  const std::vector<DWORD>& Limits() const { return m_limits; }
+  void RunOut() { m_Patience = 0; }
+  const std::vector<DWORD>& Limits() const { return m_Limits; }
   /// Runs on each wait, before it begins, with its number and its event.
   std::function<void(int, HANDLE)> onWait;
 
  private:
   DWORD Wait(HANDLE object, DWORD milliseconds) {
-    m_limits.push_back(milliseconds);
-    if (onWait) onWait(static_cast<int>(m_limits.size()), object);
-    return ::WaitForSingleObject(object, m_patience);
+    m_Limits.push_back(milliseconds);
+    if (onWait) onWait(static_cast<int>(m_Limits.size()), object);
+    return ::WaitForSingleObject(object, m_Patience);
   }
 
-  DWORD m_patience = kPatience;
-  std::vector<DWORD> m_limits;
+  DWORD m_Patience = kPatience;
+  std::vector<DWORD> m_Limits;
 };
 
 class MbimRebootTest : public testing::Test {
@@ -961,37 +961,37 @@ class OverlappingRebootTest : public MbimRebootTest {
   OverlappingRebootTest() {
     // The old attempt's own wait; the new one waits as usual.
     g_modemWait = [this](HANDLE event, DWORD) {
-      if (std::this_thread::get_id() != m_oldThread) return ::WaitForSingleObject(event, kPatience);
-      m_oldIsWaiting.set_value();
-      ::WaitForSingleObject(m_oldMayGoOn.get(), kPatience);
+      if (std::this_thread::get_id() != m_OldThread) return ::WaitForSingleObject(event, kPatience);
+      m_OldIsWaiting.set_value();
+      ::WaitForSingleObject(m_OldMayGoOn.get(), kPatience);
       return DWORD{WAIT_TIMEOUT};
     };
   }
   ~OverlappingRebootTest() override {
-    if (m_old.joinable()) EndOldRun();
+    if (m_Old.joinable()) EndOldRun();
   }
 
   void StartOldRunThatIsGivenUpWhileItWaits() {
-    m_old = std::thread([this] {
-      m_oldThread = std::this_thread::get_id();
-      m_oldResult = RebootModemThroughMobileBroadband([this] { return m_oldIsAbandoned.load(); });
+    m_Old = std::thread([this] {
+      m_OldThread = std::this_thread::get_id();
+      m_OldResult = RebootModemThroughMobileBroadband([this] { return m_OldIsAbandoned.load(); });
     });
-    m_oldIsWaiting.get_future().wait();
-    m_oldIsAbandoned = true;
+    m_OldIsWaiting.get_future().wait();
+    m_OldIsAbandoned = true;
   }
   HRESULT EndOldRun() {
-    ::SetEvent(m_oldMayGoOn.get());
-    m_old.join();
-    return m_oldResult;
+    ::SetEvent(m_OldMayGoOn.get());
+    m_Old.join();
+    return m_OldResult;
   }
 
  private:
-  std::thread m_old;
-  std::atomic<std::thread::id> m_oldThread;
-  std::atomic<bool> m_oldIsAbandoned{false};
-  std::promise<void> m_oldIsWaiting;
-  UniqueHandle m_oldMayGoOn{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  HRESULT m_oldResult = S_OK;
+  std::thread m_Old;
+  std::atomic<std::thread::id> m_OldThread;
+  std::atomic<bool> m_OldIsAbandoned{false};
+  std::promise<void> m_OldIsWaiting;
+  UniqueHandle m_OldMayGoOn{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  HRESULT m_OldResult = S_OK;
 };
 
 TEST_F(OverlappingRebootTest, ANewAttemptSucceedsWhileAnAbandonedOneStillWaits) {

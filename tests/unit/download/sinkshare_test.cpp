@@ -44,39 +44,39 @@ class Barrier {
  public:
   ~Barrier() { Open(); }
   void PassThrough() {
-    ::SetEvent(m_reached.get());
-    ::WaitForSingleObject(m_open.get(), kBlockMs);
+    ::SetEvent(m_Reached.get());
+    ::WaitForSingleObject(m_Open.get(), kBlockMs);
   }
   bool WaitUntilReached() const {
-    return ::WaitForSingleObject(m_reached.get(), kPatienceMs) == WAIT_OBJECT_0;
+    return ::WaitForSingleObject(m_Reached.get(), kPatienceMs) == WAIT_OBJECT_0;
   }
-  bool WasReached() const { return ::WaitForSingleObject(m_reached.get(), 0) == WAIT_OBJECT_0; }
-  void Open() { ::SetEvent(m_open.get()); }
+  bool WasReached() const { return ::WaitForSingleObject(m_Reached.get(), 0) == WAIT_OBJECT_0; }
+  void Open() { ::SetEvent(m_Open.get()); }
 
  private:
-  UniqueHandle m_reached = NewEvent();
-  UniqueHandle m_open = NewEvent();
+  UniqueHandle m_Reached = NewEvent();
+  UniqueHandle m_Open = NewEvent();
 };
 
 /// An object of a service whose Release does not come back before the test lets it.
 class ObjectThatBlocks final : public IUnknown {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++m_References; }
   ULONG STDMETHODCALLTYPE Release() override {
     release.PassThrough();
-    return --m_references;
+    return --m_References;
   }
   template <typename Interface>
   Interface* As() {
     return reinterpret_cast<Interface*>(this);
   }
-  ULONG References() const { return m_references; }
+  ULONG References() const { return m_References; }
 
   Barrier release;
 
  private:
-  std::atomic<ULONG> m_references{0};
+  std::atomic<ULONG> m_References{0};
 };
 
 Barrier* g_disconnect = nullptr;
@@ -143,24 +143,24 @@ TEST_F(SinkShareTest, TheEventsCloseWithTheLastShare) {
 class BlockedReleaseTest : public SinkShareTest {
  protected:
   BlockedReleaseTest() {
-    m_share.emplace();
-    m_share->Get()->OnReadyStateChange(m_object.As<IMbnInterface>());
-    m_old = std::thread([this] { m_share.reset(); });
-    EXPECT_TRUE(m_object.release.WaitUntilReached());
+    m_Share.emplace();
+    m_Share->Get()->OnReadyStateChange(m_Object.As<IMbnInterface>());
+    m_Old = std::thread([this] { m_Share.reset(); });
+    EXPECT_TRUE(m_Object.release.WaitUntilReached());
   }
   ~BlockedReleaseTest() override {
-    if (m_old.joinable()) ServiceComesBack();
-    EXPECT_EQ(m_object.References(), 0u);
+    if (m_Old.joinable()) ServiceComesBack();
+    EXPECT_EQ(m_Object.References(), 0u);
   }
   void ServiceComesBack() {
-    m_object.release.Open();
-    m_old.join();
+    m_Object.release.Open();
+    m_Old.join();
   }
 
  private:
-  ObjectThatBlocks m_object;
-  std::optional<SinkShare> m_share;
-  std::thread m_old;
+  ObjectThatBlocks m_Object;
+  std::optional<SinkShare> m_Share;
+  std::thread m_Old;
 };
 
 TEST_F(BlockedReleaseTest, UnloadingTheEngineDoesNotWait) {
@@ -192,32 +192,32 @@ TEST_F(BlockedReleaseTest, AServiceThatComesBackTouchesNothingOfTheNewerRun) {
 class BlockedDisconnectTest : public SinkShareTest {
  protected:
   BlockedDisconnectTest() {
-    g_disconnect = &m_disconnect;
+    g_disconnect = &m_Disconnect;
     EXPECT_TRUE(patch.Replace("CoDisconnectObject", &BlockInDisconnect));
-    m_freeIsWatched = patch.Replace("free", &WatchFree);
-    m_share.emplace();
-    CMbnSinks* const sink = m_share->Get();
+    m_FreeIsWatched = patch.Replace("free", &WatchFree);
+    m_Share.emplace();
+    CMbnSinks* const sink = m_Share->Get();
     g_watchedSink = sink;
     sink->AddRef();
-    m_old = std::thread([this] { m_share.reset(); });
-    EXPECT_TRUE(m_disconnect.WaitUntilReached());
+    m_Old = std::thread([this] { m_Share.reset(); });
+    EXPECT_TRUE(m_Disconnect.WaitUntilReached());
     sink->Release();
   }
   ~BlockedDisconnectTest() override {
-    if (m_old.joinable()) DisconnectComesBack();
+    if (m_Old.joinable()) DisconnectComesBack();
   }
   void DisconnectComesBack() {
-    m_disconnect.Open();
-    m_old.join();
+    m_Disconnect.Open();
+    m_Old.join();
   }
 
   /// False where the runtime is linked in.
-  bool m_freeIsWatched = false;
+  bool m_FreeIsWatched = false;
 
  private:
-  Barrier m_disconnect;
-  std::optional<SinkShare> m_share;
-  std::thread m_old;
+  Barrier m_Disconnect;
+  std::optional<SinkShare> m_Share;
+  std::thread m_Old;
 };
 
 TEST_F(BlockedDisconnectTest, UnloadingTheEngineDoesNotWait) {
@@ -229,13 +229,13 @@ TEST_F(BlockedDisconnectTest, ANewerRunHasASinkOfItsOwn) {
 }
 
 TEST_F(BlockedDisconnectTest, TheSinkIsNotDeletedBeforeTheCallIsBack) {
-  if (!m_freeIsWatched) GTEST_SKIP() << "the runtime is linked in";
+  if (!m_FreeIsWatched) GTEST_SKIP() << "the runtime is linked in";
   DeleteRetiredSinks();
   EXPECT_NE(g_watchedSink, nullptr);
 }
 
 TEST_F(BlockedDisconnectTest, TheSinkIsDeletedOnceTheCallIsBack) {
-  if (!m_freeIsWatched) GTEST_SKIP() << "the runtime is linked in";
+  if (!m_FreeIsWatched) GTEST_SKIP() << "the runtime is linked in";
   DisconnectComesBack();
   EXPECT_EQ(g_watchedSink, nullptr);
 }

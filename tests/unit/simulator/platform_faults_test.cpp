@@ -53,19 +53,19 @@ TEST_F(PlatformFaultsTest, EveryCallIsNamedOnce) {
 /// The library as data: nothing in it runs.
 class MappedLibrary {
  public:
-  MappedLibrary() : m_module(::LoadLibraryExW(L"CorvelToolKit.dll", nullptr, DONT_RESOLVE_DLL_REFERENCES)) {}
-  ~MappedLibrary() { ::FreeLibrary(m_module); }
+  MappedLibrary() : m_Module(::LoadLibraryExW(L"CorvelToolKit.dll", nullptr, DONT_RESOLVE_DLL_REFERENCES)) {}
+  ~MappedLibrary() { ::FreeLibrary(m_Module); }
   MappedLibrary(const MappedLibrary&) = delete;
   MappedLibrary& operator=(const MappedLibrary&) = delete;
 
   std::vector<std::string> FunctionsCalled() const {
-    std::vector<std::string> functions = ImportedFunctions(m_module);
+    std::vector<std::string> functions = ImportedFunctions(m_Module);
     for (std::string& name : functions) name.erase(0, name.find('!') + 1);
     return functions;
   }
 
  private:
-  HMODULE m_module;
+  HMODULE m_Module;
 };
 
 TEST(ImportsOfTheLibrary, AreAllThatTheVirtualPcReplaces) {

@@ -10,7 +10,7 @@ namespace {
 class SerialPortTest : public SimulationTest {
  protected:
   ~SerialPortTest() override {
-    if (m_port != INVALID_HANDLE_VALUE) platform.Close(m_port);
+    if (m_Port != INVALID_HANDLE_VALUE) platform.Close(m_Port);
   }
 
   HANDLE Open(const char* name = "\\\\.\\COM7") {
@@ -19,16 +19,16 @@ class SerialPortTest : public SimulationTest {
   }
   void StartAndOpen() {
     Start();
-    m_port = Open();
-    ASSERT_NE(m_port, INVALID_HANDLE_VALUE);
+    m_Port = Open();
+    ASSERT_NE(m_Port, INVALID_HANDLE_VALUE);
   }
   bool Write(std::string_view text) {
     DWORD written = 0;
-    return platform.Write(m_port, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE &&
+    return platform.Write(m_Port, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE &&
            written == text.size();
   }
 
-  HANDLE m_port = INVALID_HANDLE_VALUE;
+  HANDLE m_Port = INVALID_HANDLE_VALUE;
 };
 
 TEST_F(SerialPortTest, TheRebootCommandReachesTheModem) {
@@ -43,14 +43,14 @@ TEST_F(SerialPortTest, RepliesCanBeReadAndPurged) {
   ASSERT_TRUE(Write("at\r"));
   COMSTAT status{};
   DWORD errors = 0;
-  ASSERT_TRUE(platform.ClearError(m_port, &errors, &status));
+  ASSERT_TRUE(platform.ClearError(m_Port, &errors, &status));
   EXPECT_EQ(status.cbInQue, 6u);
   char first = 0;
   DWORD read = 0;
-  ASSERT_TRUE(platform.Read(m_port, &first, 1, &read, nullptr));
+  ASSERT_TRUE(platform.Read(m_Port, &first, 1, &read, nullptr));
   EXPECT_EQ(first, '\r');
-  ASSERT_TRUE(platform.Purge(m_port, PURGE_RXCLEAR));
-  ASSERT_TRUE(platform.ClearError(m_port, &errors, &status));
+  ASSERT_TRUE(platform.Purge(m_Port, PURGE_RXCLEAR));
+  ASSERT_TRUE(platform.ClearError(m_Port, &errors, &status));
   EXPECT_EQ(status.cbInQue, 0u);
 }
 
@@ -58,20 +58,20 @@ TEST_F(SerialPortTest, KeepsTheSettingsThatItWasGiven) {
   StartAndOpen();
   DCB settings{};
   settings.DCBlength = sizeof(settings);
-  ASSERT_TRUE(platform.GetState(m_port, &settings));
+  ASSERT_TRUE(platform.GetState(m_Port, &settings));
   settings.BaudRate = CBR_115200;
-  ASSERT_TRUE(platform.SetState(m_port, &settings));
+  ASSERT_TRUE(platform.SetState(m_Port, &settings));
   DCB read{};
-  ASSERT_TRUE(platform.GetState(m_port, &read));
+  ASSERT_TRUE(platform.GetState(m_Port, &read));
   EXPECT_EQ(read.BaudRate, static_cast<DWORD>(CBR_115200));
 }
 
 TEST_F(SerialPortTest, RefusesFlowControlCharactersThatAreTheSame) {
   StartAndOpen();
   DCB settings{};
-  ASSERT_TRUE(platform.GetState(m_port, &settings));
+  ASSERT_TRUE(platform.GetState(m_Port, &settings));
   settings.XoffChar = settings.XonChar;
-  EXPECT_FALSE(platform.SetState(m_port, &settings));
+  EXPECT_FALSE(platform.SetState(m_Port, &settings));
 }
 
 TEST_F(SerialPortTest, IsOpenedByOneAtATime) {
@@ -82,9 +82,9 @@ TEST_F(SerialPortTest, IsOpenedByOneAtATime) {
 
 TEST_F(SerialPortTest, ACloseFreesThePort) {
   StartAndOpen();
-  platform.Close(m_port);
-  m_port = Open();
-  EXPECT_NE(m_port, INVALID_HANDLE_VALUE);
+  platform.Close(m_Port);
+  m_Port = Open();
+  EXPECT_NE(m_Port, INVALID_HANDLE_VALUE);
 }
 
 TEST_F(SerialPortTest, AnotherPortIsNotThere) {
@@ -110,10 +110,10 @@ class SerialFaultTest : public SerialPortTest, public testing::WithParamInterfac
 TEST_P(SerialFaultTest, FailsWithItsError) {
   options.faults.atPort.*GetParam().error = ERROR_GEN_FAILURE;
   Start();
-  m_port = Open();
+  m_Port = Open();
   DCB settings{};
-  const bool works = m_port != INVALID_HANDLE_VALUE && platform.GetState(m_port, &settings) &&
-                     platform.SetState(m_port, &settings) && Write("at\r");
+  const bool works = m_Port != INVALID_HANDLE_VALUE && platform.GetState(m_Port, &settings) &&
+                     platform.SetState(m_Port, &settings) && Write("at\r");
   const DWORD error = ::GetLastError();
   EXPECT_FALSE(works);
   EXPECT_EQ(error, static_cast<DWORD>(ERROR_GEN_FAILURE));

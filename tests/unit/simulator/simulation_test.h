@@ -78,7 +78,7 @@ class SimulationTest : public testing::Test {
   /// Lets virtual time pass until the modem is in that state. @return false when it does not come there.
   bool Reaches(ModemState state, Milliseconds limit = Milliseconds(120000)) {
     const auto end = pc->Clock().Now() + limit;
-    while (pc->Modem().State() != state && pc->Clock().Now() < end) pc->Clock().Sleep(Milliseconds(1000));
+    while (pc->Modem().State() != state && pc->Clock().Now() < end) pc->Clock().Pause(Milliseconds(1000));
     return pc->Modem().State() == state;
   }
 

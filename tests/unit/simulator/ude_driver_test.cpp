@@ -13,35 +13,35 @@ class UdeDriverTest : public SimulationTest {
 
   HANDLE Open(std::size_t instance = 0) {
     Close();
-    m_file = platform.CreateFileWide(Interfaces(kUdeFlashClass).at(instance).c_str(),
+    m_File = platform.CreateFileWide(Interfaces(kUdeFlashClass).at(instance).c_str(),
                                      GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                      nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
-    return m_file;
+    return m_File;
   }
   void Close() {
-    if (m_file != INVALID_HANDLE_VALUE) platform.Close(m_file);
-    m_file = INVALID_HANDLE_VALUE;
+    if (m_File != INVALID_HANDLE_VALUE) platform.Close(m_File);
+    m_File = INVALID_HANDLE_VALUE;
   }
   /// @return 0 when the request completed at once, else its error; 997 when it is pending.
   DWORD Request(DWORD code) {
-    m_event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    m_overlapped = {};
-    m_overlapped.hEvent = m_event.get();
-    return platform.IoControl(m_file, code, nullptr, 0, nullptr, 0, nullptr, &m_overlapped)
+    m_Event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    m_Overlapped = {};
+    m_Overlapped.hEvent = m_Event.get();
+    return platform.IoControl(m_File, code, nullptr, 0, nullptr, 0, nullptr, &m_Overlapped)
                ? 0
                : ::GetLastError();
   }
   /// @return 0 when the request completed in time, else the error.
   DWORD Result() {
-    return platform.OverlappedResult(m_file, &m_overlapped, &m_bytes, 3000, FALSE) ? 0 : ::GetLastError();
+    return platform.OverlappedResult(m_File, &m_Overlapped, &m_Bytes, 3000, FALSE) ? 0 : ::GetLastError();
   }
 
-  DWORD m_bytes = 77;
-  OVERLAPPED m_overlapped{};
+  DWORD m_Bytes = 77;
+  OVERLAPPED m_Overlapped{};
 
  private:
-  HANDLE m_file = INVALID_HANDLE_VALUE;
-  UniqueHandle m_event;
+  HANDLE m_File = INVALID_HANDLE_VALUE;
+  UniqueHandle m_Event;
 };
 
 TEST_F(UdeDriverTest, ResetIsPendingAndThenCompletes) {
@@ -51,7 +51,7 @@ TEST_F(UdeDriverTest, ResetIsPendingAndThenCompletes) {
   ASSERT_NE(Open(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
   EXPECT_EQ(Result(), 0u);
-  EXPECT_EQ(m_bytes, 0u);
+  EXPECT_EQ(m_Bytes, 0u);
   EXPECT_EQ(pc->BasebandResets(), 1);
   EXPECT_TRUE(Reaches(ModemState::FlashPort));
 }
@@ -62,7 +62,7 @@ TEST_F(UdeDriverTest, ARequestThatNeverCompletesTimesOutAndIsCancelled) {
   const HANDLE file = Open();
   ASSERT_EQ(Request(kReset), static_cast<DWORD>(ERROR_IO_PENDING));
   EXPECT_EQ(Result(), static_cast<DWORD>(WAIT_TIMEOUT));
-  EXPECT_TRUE(platform.CancelIo(file, &m_overlapped));
+  EXPECT_TRUE(platform.CancelIo(file, &m_Overlapped));
   EXPECT_EQ(Result(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
 }
 
@@ -72,7 +72,7 @@ TEST_F(UdeDriverTest, ProbeStaysPendingOnTheRightInstance) {
   Start();
   ASSERT_NE(Open(1), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Request(kProbe), static_cast<DWORD>(ERROR_IO_PENDING));
-  EXPECT_EQ(::WaitForSingleObject(m_overlapped.hEvent, 10000), WAIT_OBJECT_0);
+  EXPECT_EQ(::WaitForSingleObject(m_Overlapped.hEvent, 10000), WAIT_OBJECT_0);
 }
 
 TEST_F(UdeDriverTest, ProbeCompletesAtOnceOnTheWrongInstance) {

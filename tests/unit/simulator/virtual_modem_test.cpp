@@ -169,7 +169,7 @@ TEST_F(VirtualModemTest, StaysInFlashModeWhenItWasToldTo) {
   Start();
   EXPECT_TRUE(pc->Modem().RebootByMbim());
   ASSERT_TRUE(Reaches(ModemState::FlashPort));
-  pc->Clock().Sleep(Milliseconds(60000));
+  pc->Clock().Pause(Milliseconds(60000));
   EXPECT_EQ(pc->Modem().State(), ModemState::FlashPort);
 }
 

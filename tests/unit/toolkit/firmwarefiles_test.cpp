@@ -32,10 +32,10 @@ class ListedEntries {
     s_deleted.clear();
     s_end = 0;
     s_error = ERROR_NO_MORE_FILES;
-    EXPECT_TRUE(m_patch.Replace("FindFirstFileW", &First));
-    EXPECT_TRUE(m_patch.Replace("FindNextFileW", &Next));
-    EXPECT_TRUE(m_patch.Replace("FindClose", &Close));
-    EXPECT_TRUE(m_patch.Replace("DeleteFileW", &Delete));
+    EXPECT_TRUE(m_Patch.Replace("FindFirstFileW", &First));
+    EXPECT_TRUE(m_Patch.Replace("FindNextFileW", &Next));
+    EXPECT_TRUE(m_Patch.Replace("FindClose", &Close));
+    EXPECT_TRUE(m_Patch.Replace("DeleteFileW", &Delete));
   }
   void Add(const std::wstring& name, std::uint64_t size) {
     WIN32_FIND_DATAW entry{};
@@ -77,7 +77,7 @@ class ListedEntries {
   static inline std::size_t s_next = 0;
   static inline std::size_t s_end = 0;
   static inline DWORD s_error = ERROR_NO_MORE_FILES;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class FirmwareFilesTest : public testing::Test {

@@ -484,24 +484,24 @@ class JobsEndTest : public FlashJobTest {
  protected:
   JobsEndTest() {
     s_test = this;
-    EXPECT_TRUE(m_patch.Replace("RegSetValueExW", &SetValue));
-    EXPECT_TRUE(m_patch.Replace("DeleteFileW", &Delete));
+    EXPECT_TRUE(m_Patch.Replace("RegSetValueExW", &SetValue));
+    EXPECT_TRUE(m_Patch.Replace("DeleteFileW", &Delete));
   }
   ~JobsEndTest() override {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_test = nullptr;
   }
 
   /// The steps from the last "Flash_Result" on.
   std::vector<std::string> End() const {
-    const auto result = std::find_if(m_steps.rbegin(), m_steps.rend(),
+    const auto result = std::find_if(m_Steps.rbegin(), m_Steps.rend(),
                                      [](const auto& step) { return step.starts_with("Flash_Result"); });
-    return result == m_steps.rend() ? m_steps : std::vector<std::string>(result.base() - 1, m_steps.end());
+    return result == m_Steps.rend() ? m_Steps : std::vector<std::string>(result.base() - 1, m_Steps.end());
   }
 
  private:
   void Note(const std::string& step) {
-    m_steps.push_back(step + (bench.library.IsMapped() ? "" : ", library unloaded"));
+    m_Steps.push_back(step + (bench.library.IsMapped() ? "" : ", library unloaded"));
   }
   static LSTATUS WINAPI SetValue(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data,
                                  DWORD size) {
@@ -516,8 +516,8 @@ class JobsEndTest : public FlashJobTest {
   }
 
   static inline JobsEndTest* s_test = nullptr;
-  std::vector<std::string> m_steps;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::vector<std::string> m_Steps;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 INSTANTIATE_TEST_SUITE_P(BothWays, JobsEndTest,
@@ -552,11 +552,11 @@ class NoEngineTest : public FlashJobTest {
  protected:
   void RefuseEngine(int times) {
     g_enginesRefused = times;
-    ASSERT_TRUE(m_patch.Replace("malloc", &RefuseEngines));
+    ASSERT_TRUE(m_Patch.Replace("malloc", &RefuseEngines));
   }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 INSTANTIATE_TEST_SUITE_P(BothWays, NoEngineTest,

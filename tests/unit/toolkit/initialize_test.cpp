@@ -25,7 +25,7 @@ class ThreadRequests {
   ThreadRequests() {
     s_count = 0;
     s_refused = false;
-    EXPECT_TRUE(m_patch.Replace("CreateThread", &Create));
+    EXPECT_TRUE(m_Patch.Replace("CreateThread", &Create));
   }
   static void Refuse() { s_refused = true; }
   static int Count() { return s_count; }
@@ -47,7 +47,7 @@ class ThreadRequests {
   static inline bool s_refused = false;
   static inline SIZE_T s_stackSize = 0;
   static inline DWORD s_flags = 0;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 class ReleasableToolKit : public ToolKit {

@@ -43,9 +43,9 @@ class OpenKeys {
     s_open.clear();
     s_access.clear();
     s_created.clear();
-    EXPECT_TRUE(m_patch.Replace("RegOpenKeyExW", &Open));
-    EXPECT_TRUE(m_patch.Replace("RegCreateKeyExW", &Create));
-    EXPECT_TRUE(m_patch.Replace("RegCloseKey", &Close));
+    EXPECT_TRUE(m_Patch.Replace("RegOpenKeyExW", &Open));
+    EXPECT_TRUE(m_Patch.Replace("RegCreateKeyExW", &Create));
+    EXPECT_TRUE(m_Patch.Replace("RegCloseKey", &Close));
   }
   ~OpenKeys() {
     for (const HKEY key : s_open) ::RegCloseKey(key);
@@ -79,7 +79,7 @@ class OpenKeys {
   static inline std::vector<HKEY> s_open;
   static inline std::vector<REGSAM> s_access;
   static inline std::vector<std::pair<DWORD, REGSAM>> s_created;
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 bool IsClosed(HKEY key) {
@@ -761,8 +761,8 @@ class UnreadableFlagTest : public MonitorTest {
   UnreadableFlagTest() {
     s_opensRefused = s_queriesRefused = 0;
     s_queryError = ERROR_ACCESS_DENIED;
-    EXPECT_TRUE(m_access.Replace("RegOpenKeyExW", &Open));
-    EXPECT_TRUE(m_access.Replace("RegQueryValueExW", &Query));
+    EXPECT_TRUE(m_Access.Replace("RegOpenKeyExW", &Open));
+    EXPECT_TRUE(m_Access.Replace("RegQueryValueExW", &Query));
   }
 
   static inline int s_opensRefused = 0;
@@ -786,7 +786,7 @@ class UnreadableFlagTest : public MonitorTest {
     return ::RegQueryValueExW(opened, name, reserved, type, data, size);
   }
 
-  simulator::ImportPatch m_access{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Access{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 // Nobody changes the key again: who asked for the flash has done so.

@@ -154,11 +154,11 @@ class LackOfMemoryTest : public SupervisorTest {
     bench.library.images[Utf8FromWide(folder + L"\\nvm.fls")] = {5};
     g_refusedSize = (folder.size() + 1) * sizeof(wchar_t);
     g_refusals = 1;
-    EXPECT_TRUE(m_patch.Replace("malloc", &RefuseOneSize));
+    EXPECT_TRUE(m_Patch.Replace("malloc", &RefuseOneSize));
   }
 
  private:
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
 };
 
 TEST_F(LackOfMemoryTest, OfAPassIsSurvivedAndTheNextPassServesTheRequest) {

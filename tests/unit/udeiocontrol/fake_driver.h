@@ -38,16 +38,16 @@ class FakeDriver {
   FakeDriver() {
     s_driver = this;
     s_opened = s_closedTwice = 0;
-    m_patch.Replace("CreateFileW", &Create);
-    m_patch.Replace("CloseHandle", &Close);
-    m_patch.Replace("DeviceIoControl", &Control);
-    m_patch.Replace("GetOverlappedResultEx", &Result);
-    m_patch.Replace("CancelIoEx", &Cancel);
-    m_patch.Replace("WaitForSingleObject", &Wait);
-    m_patch.Replace("CreateEventExW", &CreateEventCall);
+    m_Patch.Replace("CreateFileW", &Create);
+    m_Patch.Replace("CloseHandle", &Close);
+    m_Patch.Replace("DeviceIoControl", &Control);
+    m_Patch.Replace("GetOverlappedResultEx", &Result);
+    m_Patch.Replace("CancelIoEx", &Cancel);
+    m_Patch.Replace("WaitForSingleObject", &Wait);
+    m_Patch.Replace("CreateEventExW", &CreateEventCall);
   }
   ~FakeDriver() {
-    m_patch.Restore();
+    m_Patch.Restore();
     s_driver = nullptr;
   }
   FakeDriver(const FakeDriver&) = delete;
@@ -65,12 +65,12 @@ class FakeDriver {
           OwnFileHandle(::CreateNamedPipeW(added.path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
                                            PIPE_TYPE_BYTE, kOpensPerInterface, 64, 64, 0, nullptr)));
     }
-    m_interfaces.push_back(std::move(added));
-    return m_interfaces.back().path;
+    m_Interfaces.push_back(std::move(added));
+    return m_Interfaces.back().path;
   }
-  void RefusesEvents() { m_refusesEvents = true; }
+  void RefusesEvents() { m_RefusesEvents = true; }
   /// Runs right before one of the library's events is closed.
-  void BeforeAnEventCloses(std::function<void()> action) { m_beforeAnEventCloses = std::move(action); }
+  void BeforeAnEventCloses(std::function<void()> action) { m_BeforeAnEventCloses = std::move(action); }
 
   /// What a device was opened with.
   struct Opening {
@@ -81,7 +81,7 @@ class FakeDriver {
     DWORD flags;
     bool operator==(const Opening&) const = default;
   };
-  const std::vector<Opening>& Openings() const { return m_openings; }
+  const std::vector<Opening>& Openings() const { return m_Openings; }
   /// What an event was made with.
   struct Event {
     bool isPlain;
@@ -89,32 +89,32 @@ class FakeDriver {
     DWORD access;
     bool operator==(const Event&) const = default;
   };
-  const std::vector<Event>& Events() const { return m_events; }
+  const std::vector<Event>& Events() const { return m_Events; }
   /// How often one of those events was waited for without a limit.
-  int EndlessWaits() const { return m_endlessWaits; }
+  int EndlessWaits() const { return m_EndlessWaits; }
   /// Whether any wait for a result could have been interrupted.
-  bool IsAlertable() const { return m_isAlertable; }
+  bool IsAlertable() const { return m_IsAlertable; }
   /// The driver does not hear a cancel: the request stays pending until the test completes it.
-  void IgnoresCancel() { m_ignoresCancel = true; }
+  void IgnoresCancel() { m_IgnoresCancel = true; }
   /// Runs while a request is sent.
-  void WhileSending(std::function<void()> action) { m_whileSending = std::move(action); }
+  void WhileSending(std::function<void()> action) { m_WhileSending = std::move(action); }
 
-  const std::vector<Request>& Requests() const { return m_requests; }
+  const std::vector<Request>& Requests() const { return m_Requests; }
   std::vector<DWORD> Codes() const {
     std::vector<DWORD> codes;
-    for (const Request& request : m_requests) codes.push_back(request.code);
+    for (const Request& request : m_Requests) codes.push_back(request.code);
     return codes;
   }
-  const std::vector<std::wstring>& TriedPaths() const { return m_triedPaths; }
-  const std::vector<DWORD>& TimeLimits() const { return m_timeLimits; }
-  int Cancels() const { return m_cancels; }
+  const std::vector<std::wstring>& TriedPaths() const { return m_TriedPaths; }
+  const std::vector<DWORD>& TimeLimits() const { return m_TimeLimits; }
+  int Cancels() const { return m_Cancels; }
   int Opened() const { return s_opened; }
-  int StillOpen() const { return static_cast<int>(m_pathOf.size()); }
+  int StillOpen() const { return static_cast<int>(m_PathOf.size()); }
   int ClosedTwice() const { return s_closedTwice; }
   /// The path that a device was opened by; empty once it is closed.
   std::wstring PathOf(HANDLE device) const {
-    const auto found = m_pathOf.find(device);
-    return found == m_pathOf.end() ? std::wstring() : found->second;
+    const auto found = m_PathOf.find(device);
+    return found == m_PathOf.end() ? std::wstring() : found->second;
   }
 
  private:
@@ -123,7 +123,7 @@ class FakeDriver {
   static constexpr char kAnswer[] = "K";
 
   Interface* Find(std::wstring_view path) {
-    for (Interface& one : m_interfaces) {
+    for (Interface& one : m_Interfaces) {
       if (one.path == path) return &one;
     }
     return nullptr;
@@ -131,19 +131,19 @@ class FakeDriver {
 
   static HANDLE WINAPI Create(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                               DWORD creation, DWORD flags, HANDLE fileTemplate) {
-    s_driver->m_triedPaths.push_back(path);
-    s_driver->m_openings.push_back({access, share, security != nullptr, creation, flags});
+    s_driver->m_TriedPaths.push_back(path);
+    s_driver->m_Openings.push_back({access, share, security != nullptr, creation, flags});
     const HANDLE device = ::CreateFileW(path, access, share, security, creation, flags, fileTemplate);
     if (device == INVALID_HANDLE_VALUE) return device;
     ++s_opened;
-    s_driver->m_pathOf[device] = path;
+    s_driver->m_PathOf[device] = path;
     return device;
   }
 
   static BOOL WINAPI Close(HANDLE handle) {
-    s_driver->m_pathOf.erase(handle);
-    if (s_driver->m_openEvents.erase(handle) != 0 && s_driver->m_beforeAnEventCloses)
-      s_driver->m_beforeAnEventCloses();
+    s_driver->m_PathOf.erase(handle);
+    if (s_driver->m_OpenEvents.erase(handle) != 0 && s_driver->m_BeforeAnEventCloses)
+      s_driver->m_BeforeAnEventCloses();
     const BOOL closed = ::CloseHandle(handle);
     if (!closed) ++s_closedTwice;
     return closed;
@@ -156,8 +156,8 @@ class FakeDriver {
   }
 
   BOOL Take(const Request& request, void* output, DWORD outputSize) {
-    m_requests.push_back(request);
-    if (const auto action = std::exchange(m_whileSending, nullptr)) action();
+    m_Requests.push_back(request);
+    if (const auto action = std::exchange(m_WhileSending, nullptr)) action();
     Interface* target = Find(PathOf(request.device));
     if (target == nullptr) {
       ::SetLastError(ERROR_INVALID_HANDLE);
@@ -185,7 +185,7 @@ class FakeDriver {
       case Answer::Never:
         break;
     }
-    return m_ignoresCancel ? LeavePending(request) : Begin(request, output, outputSize);
+    return m_IgnoresCancel ? LeavePending(request) : Begin(request, output, outputSize);
   }
 
   BOOL Begin(const Request& request, void* output, DWORD outputSize) {
@@ -217,29 +217,29 @@ class FakeDriver {
 
   static BOOL WINAPI Result(HANDLE device, OVERLAPPED* overlapped, DWORD* bytes, DWORD milliseconds,
                             BOOL alertable) {
-    s_driver->m_timeLimits.push_back(milliseconds);
-    s_driver->m_isAlertable = s_driver->m_isAlertable || alertable;
+    s_driver->m_TimeLimits.push_back(milliseconds);
+    s_driver->m_IsAlertable = s_driver->m_IsAlertable || alertable;
     return ::GetOverlappedResultEx(device, overlapped, bytes, std::min(milliseconds, kShortWaitMs),
                                    alertable);
   }
 
   static BOOL WINAPI Cancel(HANDLE device, OVERLAPPED* overlapped) {
-    ++s_driver->m_cancels;
-    return s_driver->m_ignoresCancel ? TRUE : ::CancelIoEx(device, overlapped);
+    ++s_driver->m_Cancels;
+    return s_driver->m_IgnoresCancel ? TRUE : ::CancelIoEx(device, overlapped);
   }
 
   static DWORD WINAPI Wait(HANDLE handle, DWORD milliseconds) {
     const bool endless = milliseconds == INFINITE;
-    if (endless && s_driver->m_openEvents.contains(handle)) ++s_driver->m_endlessWaits;
+    if (endless && s_driver->m_OpenEvents.contains(handle)) ++s_driver->m_EndlessWaits;
     return ::WaitForSingleObject(handle, endless ? INFINITE : std::min(milliseconds, kShortWaitMs));
   }
 
   static HANDLE WINAPI CreateEventCall(SECURITY_ATTRIBUTES* security, const wchar_t* name, DWORD flags,
                                        DWORD access) {
-    if (!s_driver->m_refusesEvents) {
-      s_driver->m_events.push_back({security == nullptr && name == nullptr, flags, access});
+    if (!s_driver->m_RefusesEvents) {
+      s_driver->m_Events.push_back({security == nullptr && name == nullptr, flags, access});
       const HANDLE event = ::CreateEventExW(security, name, flags, access);
-      s_driver->m_openEvents.insert(event);
+      s_driver->m_OpenEvents.insert(event);
       return event;
     }
     ::SetLastError(ERROR_NO_SYSTEM_RESOURCES);
@@ -250,20 +250,20 @@ class FakeDriver {
   static inline std::atomic<int> s_opened{0};
   static inline std::atomic<int> s_closedTwice{0};
 
-  simulator::ImportPatch m_patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  std::vector<Interface> m_interfaces;
-  std::vector<Request> m_requests;
-  std::vector<std::wstring> m_triedPaths;
-  std::vector<DWORD> m_timeLimits;
-  std::vector<Opening> m_openings;
-  std::vector<Event> m_events;
-  std::set<HANDLE> m_openEvents;
-  std::function<void()> m_beforeAnEventCloses;
-  int m_endlessWaits = 0;
-  bool m_isAlertable = false;
-  std::map<HANDLE, std::wstring> m_pathOf;
-  std::function<void()> m_whileSending;
-  int m_cancels = 0;
-  bool m_refusesEvents = false;
-  bool m_ignoresCancel = false;
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
+  std::vector<Interface> m_Interfaces;
+  std::vector<Request> m_Requests;
+  std::vector<std::wstring> m_TriedPaths;
+  std::vector<DWORD> m_TimeLimits;
+  std::vector<Opening> m_Openings;
+  std::vector<Event> m_Events;
+  std::set<HANDLE> m_OpenEvents;
+  std::function<void()> m_BeforeAnEventCloses;
+  int m_EndlessWaits = 0;
+  bool m_IsAlertable = false;
+  std::map<HANDLE, std::wstring> m_PathOf;
+  std::function<void()> m_WhileSending;
+  int m_Cancels = 0;
+  bool m_RefusesEvents = false;
+  bool m_IgnoresCancel = false;
 };

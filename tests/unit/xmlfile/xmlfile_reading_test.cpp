@@ -353,39 +353,39 @@ class Doorbell {
   Doorbell() {
     WSADATA data;
     ::WSAStartup(MAKEWORD(2, 2), &data);
-    m_socket = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    m_Socket = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     int size = sizeof address;
-    ::bind(m_socket, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(m_socket, 1);
-    ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
-    m_address = address;
+    ::bind(m_Socket, reinterpret_cast<sockaddr*>(&address), size);
+    ::listen(m_Socket, 1);
+    ::getsockname(m_Socket, reinterpret_cast<sockaddr*>(&address), &size);
+    m_Address = address;
   }
   ~Doorbell() {
-    ::closesocket(m_socket);
+    ::closesocket(m_Socket);
     ::WSACleanup();
   }
   Doorbell(const Doorbell&) = delete;
   Doorbell& operator=(const Doorbell&) = delete;
 
   std::string Url() const {
-    return "http://127.0.0.1:" + std::to_string(ntohs(m_address.sin_port)) + "/document";
+    return "http://127.0.0.1:" + std::to_string(ntohs(m_Address.sin_port)) + "/document";
   }
   void Ring() const {
     const SOCKET visitor = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    ::connect(visitor, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address);
+    ::connect(visitor, reinterpret_cast<const sockaddr*>(&m_Address), sizeof m_Address);
     ::closesocket(visitor);
   }
   bool Rang() const {
-    WSAPOLLFD waiting{m_socket, POLLRDNORM, 0};
+    WSAPOLLFD waiting{m_Socket, POLLRDNORM, 0};
     return ::WSAPoll(&waiting, 1, 0) == 1;
   }
 
  private:
-  SOCKET m_socket;
-  sockaddr_in m_address{};
+  SOCKET m_Socket;
+  sockaddr_in m_Address{};
 };
 
 TEST_F(ReadingTest, ExternalEntitiesAndDefinitionsAreNotFetchedFromTheNetwork) {

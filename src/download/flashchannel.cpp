@@ -45,9 +45,9 @@ void SetLast(std::uint8_t channel) {
 }
 
 Claim Take(std::uint64_t attempt) {
-  const ULONGLONG now = ::GetTickCount64();
   const ScopedLock lock(g_lock);
   if (g_beingClosed) {
+    const ULONGLONG now = ::GetTickCount64();
     if (!g_metAt.has_value()) g_metAt = now;
     if (now - *g_metAt < kLongestWaitForLateCloseMs) return Claim::Refused;
   }

@@ -13,8 +13,7 @@
 ///
 /// * An attempt takes the channel before it calls the library for one. An older one that comes back later
 ///   finds it taken, and leaves its own as it is.
-/// * An older attempt that still has it marks it as "being closed" before it calls the library. A newer
-/// attempt
+/// * An older attempt that still has it marks it as "being closed" before it calls the library. A newer one
 ///   that comes meanwhile cannot take it, and waits until the close is over.
 ///
 /// Whichever of the two comes first, the close is either left out or over before the newer channel is opened.

@@ -34,6 +34,7 @@ constexpr std::size_t kVerifyBufferSize = 256;
 constexpr std::size_t kPortNameSize = 32;
 constexpr int kRsOfError = 3;
 
+constexpr char kSendAtCmd[] = "ATProcessor::sendATCmd";
 constexpr char kReadResponse[] = "ATProcessor::readResponse";
 
 wchar_t g_deviceIds[kDeviceIdsLength];
@@ -138,6 +139,11 @@ int ATProcessor::findComPort(const wchar_t* filter) {
 
 int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* response,
                            std::uint32_t* responseLength) {
+  return sendATCmd(command, length, response, responseLength, [] { return false; });
+}
+
+int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* response,
+                           std::uint32_t* responseLength, const std::function<bool()>& isAbandoned) {
   LOG_TRACE("%s ++\n", QUALIFIED_FUNCTION);
   // A port that is not there has the number 0, and is then found missing by the open.
   const int port = findComPort(corvel::facts::kAtPortId);
@@ -149,21 +155,37 @@ int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* resp
 
   std::array<char, kPortNameSize> fileName{};
   std::snprintf(fileName.data(), fileName.size(), "\\\\.\\COM%d", port);
-  if (!openPort(fileName.data())) {
-    LOG_ERROR("openPort failed\n");
+  // Held until the port is closed: another exchange that came between would overwrite the handle with its own
+  // failed open, and the port would stay open for good. It can be entered again by the steps inside.
+  ::EnterCriticalSection(&m_Section);
+  const int result = exchange(fileName.data(), command, length, response, responseLength, isAbandoned);
+  ::LeaveCriticalSection(&m_Section);
+  return result;
+}
+
+/// From the open to the close.
+int ATProcessor::exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
+                          std::uint32_t* responseLength, const std::function<bool()>& isAbandoned) {
+  // An open that fails keeps the section for good: not for somebody who was given up.
+  bool abandoned = isAbandoned();
+  if (!abandoned && !openPort(fileName)) {
+    LOG_ERROR_AS(kSendAtCmd, "openPort failed\n");
     return kFailed;
   }
 
   int result = kFailed;
-  if (!writeCmd(command, length)) {
-    LOG_ERROR("writeCmd failed\n");
+  abandoned = abandoned || isAbandoned();
+  if (abandoned) {
+    LOG_WARNING_AS(kSendAtCmd, "Given up meanwhile, nothing is written\n");
+  } else if (!writeCmd(command, length)) {
+    LOG_ERROR_AS(kSendAtCmd, "writeCmd failed\n");
   } else if (response != nullptr && responseLength != nullptr && *responseLength != 0) {
     result = readResponse(response, responseLength);
   } else {
     result = kOk;
   }
   closePort();
-  LOG_TRACE("%s --\n", QUALIFIED_FUNCTION);
+  LOG_TRACE_AS(kSendAtCmd, "%s --\n", kSendAtCmd);
   return result;
 }
 

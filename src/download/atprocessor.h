@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 /// Sends one AT command to the modem's serial port, and can read the reply. The critical section serialises
-/// opening, writing and reading; the instance is made while the module is loaded and never destroyed.
+/// opening, writing and reading, and whole exchanges with their close; the instance is made while the module
+/// is loaded and never destroyed.
 class ATProcessor {
  public:
   static ATProcessor* GetInstance();
@@ -18,6 +20,11 @@ class ATProcessor {
   /// @param responseLength room in `response`; then the number of bytes read.
   /// @return 0 when the command was written (and, if asked for, the reply read), -1 otherwise.
   int sendATCmd(const char* command, std::uint32_t length, char* response, std::uint32_t* responseLength);
+  /// The same for somebody who may be given up meanwhile, for waiting for the section and opening may take
+  /// any time. `isAbandoned` is asked before the open and before the write.
+  /// @return -1 as well when it was given up, with nothing written and the port closed.
+  int sendATCmd(const char* command, std::uint32_t length, char* response, std::uint32_t* responseLength,
+                const std::function<bool()>& isAbandoned);
 
   /// The number of the first present COM port of an enumerator and device id ("USB\VID_..."): all digits
   /// of its friendly name run together. @return 0 when it cannot be found.
@@ -48,6 +55,8 @@ class ATProcessor {
   ~ATProcessor() = default;
 
  private:
+  int exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
+               std::uint32_t* responseLength, const std::function<bool()>& isAbandoned);
   bool configurePort();
   std::uint32_t readBatch(std::uint32_t waiting, char* buffer, std::uint32_t room);
 

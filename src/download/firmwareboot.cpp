@@ -97,7 +97,8 @@ HRESULT FirmwareBoot::RebootModemByMbimCmd() {
 int FirmwareBoot::RebootModemByXlog4() {
   LOG_TRACE_AS(kRebootModemByXlog4, "RebootModemByXlog4 ++");
   const int result =
-      ATProcessor::GetInstance()->sendATCmd(kRebootCommand, sizeof kRebootCommand - 1, nullptr, nullptr);
+      ATProcessor::GetInstance()->sendATCmd(kRebootCommand, sizeof kRebootCommand - 1, nullptr, nullptr,
+                                            [this] { return m_Attempt->IsAbandoned(); });
   LOG_TRACE_AS(kRebootModemByXlog4, "RebootModemByXlog4 --");
   return result;
 }
@@ -107,13 +108,14 @@ bool FirmwareBoot::ControlBBrst() {
     LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST, g_retry_times: %d",
                  static_cast<int>(Shared(*Service().retriesSpent)));
     SpendRetry();
-    if (CUdeIoControl::GetInstance()->TriggerFlashReset()) {
+    if (CUdeIoControl::GetInstance()->TriggerFlashReset([this] { return m_Attempt->IsAbandoned(); })) {
       LOG_TRACE_AS(kControlBBrst, "\t Call BB_RST OK, waiting for flash port.");
       ReenumerateDeviceTreeAndSettle();
       ::Sleep(kPauseAfterResetMs);
       m_SearchFlashPort = true;
       return true;
     }
+    if (m_Attempt->IsAbandoned()) break;
     LOG_ERROR_AS(kControlBBrst, "\t Call BB_RST FAIL. Retry after 5s.");
     ReenumerateDeviceTreeAndSettle();
     ::Sleep(kFurtherPauseAfterFailedResetMs);

@@ -36,7 +36,7 @@ class FirmwareBoot : public std::enable_shared_from_this<FirmwareBoot> {
   int InjectBootTargetThread(const std::string& bootFile);
 
   int RebootModem();
-  static int RebootModemByXlog4();
+  int RebootModemByXlog4();
   HRESULT RebootModemByMbimCmd();
   bool ControlBBrst();
   /// Body of the thread that looks for the flash port.

@@ -424,7 +424,7 @@ int CFirmwareDownloader::RebootModem() {
 }
 
 int CFirmwareDownloader::RebootModemByXlog4() {
-  return FirmwareBoot::RebootModemByXlog4();
+  return m_Boot->RebootModemByXlog4();
 }
 
 HRESULT CFirmwareDownloader::RebootModemByMbimCmd() {

@@ -55,7 +55,7 @@ class CFirmwareDownloader {
   /// @return S_OK when the modem took the command.
   HRESULT RebootModemByMbimCmd();
   int RebootModem();
-  static int RebootModemByXlog4();
+  int RebootModemByXlog4();
   bool ControlBBrst();
   static bool CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search);
   int InjectBootTargetThread();

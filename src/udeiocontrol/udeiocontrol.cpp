@@ -128,6 +128,10 @@ CUdeIoControl* CUdeIoControl::GetInstance() {
 }
 
 bool CUdeIoControl::TriggerFlashReset() {
+  return TriggerFlashReset([] { return false; });
+}
+
+bool CUdeIoControl::TriggerFlashReset(const std::function<bool()>& isAbandoned) {
   LOG_TRACE("TriggerFlashReset ++");
   // A channel of this call's own: on another thread, a flash that was given up may be in here as well.
   CUdeIoControl channel;
@@ -135,8 +139,14 @@ bool CUdeIoControl::TriggerFlashReset() {
     LOG_ERROR("TriggerFlashReset--: OpenFlashDevice Failed");
     return false;
   }
-  const bool sent = channel.SendSyncDeviceRequest(kBasebandResetCode, nullptr, 0, nullptr, 0, nullptr);
-  if (!sent) LOG_ERROR("TriggerFlashReset--: SendSyncDeviceRequest Failed");
+  const bool abandoned = isAbandoned();
+  const bool sent =
+      !abandoned && channel.SendSyncDeviceRequest(kBasebandResetCode, nullptr, 0, nullptr, 0, nullptr);
+  if (abandoned) {
+    LOG_WARNING("Given up meanwhile, no reset is sent");
+  } else if (!sent) {
+    LOG_ERROR("TriggerFlashReset--: SendSyncDeviceRequest Failed");
+  }
   channel.CloseFlashDevice();
   LOG_TRACE("TriggerFlashReset --");
   return sent;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "common/handles.h"
 
@@ -23,6 +24,10 @@ class CUdeIoControl {
 
   /// Resets the baseband so that the modem comes up in flash mode. @return true when the request was sent.
   bool TriggerFlashReset();
+  /// The same for somebody who may be given up meanwhile: opening may take as long as the driver likes, and a
+  /// modem that somebody newer writes to must not be reset. `isAbandoned` is asked once the channel is open.
+  /// @return false as well when it was given up, and no request sent.
+  bool TriggerFlashReset(const std::function<bool()>& isAbandoned);
 
   /// Open the control or the flash interface, and close it again.
   /// @return false when no list of present interfaces could be had. True does not mean that one of them

@@ -74,6 +74,9 @@ class FakeModem {
   /// What else happens when somebody asks for the list of devices or of ports.
   std::function<void()> onIdList;
   std::function<void()> onPortList;
+  /// What else happens while the driver or the AT port is opened.
+  std::function<void()> onDriverOpen;
+  std::function<void()> onAtPortOpen;
 
   /// What was done to it: "reset", "reboot" (with the command's bytes), "reenumerate".
   std::vector<std::string> heard;
@@ -166,12 +169,14 @@ class FakeModem {
                                 DWORD disposition, DWORD flags, HANDLE pattern) {
     if (std::wcscmp(name, kDriverPath) != 0)
       return ::CreateFileW(name, access, share, security, disposition, flags, pattern);
+    if (s_modem->onDriverOpen) s_modem->onDriverOpen();
     return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   }
   static HANDLE WINAPI OpenNarrow(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                   DWORD disposition, DWORD flags, HANDLE pattern) {
     if (std::strncmp(name, "\\\\.\\COM", 7) != 0)
       return ::CreateFileA(name, access, share, security, disposition, flags, pattern);
+    if (s_modem->onAtPortOpen) s_modem->onAtPortOpen();
     return s_modem->m_Port = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   }
   static BOOL WINAPI Control(HANDLE, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPOVERLAPPED) {

@@ -387,6 +387,41 @@ TEST_F(SectionTest, AnOpenWaitsForAWrite) {
                              }));
 }
 
+/// Sends one command while another one is sent.
+class ExchangeTest : public AtPortTest {
+ protected:
+  int Send(const std::function<bool()>& isAbandoned) {
+    return port.sendATCmd(kReboot, 10, nullptr, nullptr, isAbandoned);
+  }
+};
+
+TEST_F(ExchangeTest, NothingIsWrittenForWhomWasGivenUpWhileThePortOpened) {
+  const auto opened = [this] { return !serial.Openings().empty(); };
+  EXPECT_EQ(Send(opened), -1);
+  EXPECT_THAT(serial.Commands(), IsEmpty());
+  EXPECT_EQ(serial.TimesClosed(), 1);
+  EXPECT_EQ(log.LevelOf("Given up meanwhile, nothing is written\n"), "Warning");
+  EXPECT_EQ(log.Said().back(), InFunction("sendATCmd", " --\n"));
+  EXPECT_THAT(FunctionsOf(log.Records()), Contains("ATProcessor::sendATCmd"));
+}
+
+// A failed open would keep the section from everybody for good.
+TEST_F(ExchangeTest, ThePortIsNotOpenedForWhomWasGivenUpBefore) {
+  EXPECT_EQ(Send([] { return true; }), -1);
+  EXPECT_THAT(serial.Openings(), IsEmpty());
+  EXPECT_EQ(serial.TimesClosed(), 0);
+}
+
+// Between the write, which leaves the section, and the close.
+TEST_F(ExchangeTest, AnotherOneWaitsUntilThePortIsClosed) {
+  LockProbe locks;
+  EXPECT_TRUE(
+      locks.Excludes([this] { AtPortTest::Send("first"); }, [this] { AtPortTest::Send("second"); }, 2));
+  EXPECT_THAT(serial.Commands(), ElementsAre("first", "second"));
+  EXPECT_EQ(serial.TimesClosed(), 2);
+  EXPECT_FALSE(serial.IsOpen());
+}
+
 /// Reading from the opened port, with a buffer of 64 bytes unless told otherwise.
 class ReadResponseTest : public AtPortTest {
  protected:

@@ -934,6 +934,24 @@ TEST_F(AbandonedTest, FromResettingTriesNoFurtherReset) {
   EXPECT_EQ(bench.clock.LivingThreads(), 0u);
 }
 
+// The driver may take any time to let itself be opened.
+TEST_F(AbandonedTest, FromOpeningTheDriverResetsNothing) {
+  bench.modem.Become(Mode::Absent);
+  bench.modem.onDriverOpen = [this] { bench.clock.WaitAtGate(kGate); };
+  FlashAndGiveUp();
+  Return();
+  ExpectNothingHappened();
+  EXPECT_FALSE(bench.HasSaid("E:\t Call BB_RST FAIL. Retry after 5s."));
+}
+
+TEST_F(AbandonedTest, FromOpeningTheAtPortSendsNoRebootCommand) {
+  bench.modem.Become(Mode::Normal);
+  bench.modem.onAtPortOpen = [this] { bench.clock.WaitAtGate(kGate); };
+  FlashAndGiveUp();
+  Return();
+  ExpectNothingHappened();
+}
+
 TEST_F(AbandonedTest, DoesNotTellALimitThatItDidNotReach) {
   bench.modem.Become(Mode::Absent);
   bench.modem.takesResets = {false};

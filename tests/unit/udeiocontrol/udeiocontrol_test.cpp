@@ -539,6 +539,26 @@ TEST_F(FlashResetTest, ARefusedRequestFailsAndTheDeviceIsClosed) {
   EXPECT_EQ(driver.ClosedTwice(), 0);
 }
 
+// The driver may complete the probe whenever it likes.
+TEST_F(FlashResetTest, IsNotSentForWhomWasGivenUpWhileTheProbeWasPending) {
+  HasFlashInterface();
+  HasFlashInterface();
+  bool abandoned = false;
+  driver.WhileSending([&] { abandoned = true; });
+  EXPECT_FALSE(channel.TriggerFlashReset([&] { return abandoned; }));
+  EXPECT_THAT(driver.Codes(), ElementsAre(kProbe));
+  EXPECT_EQ(driver.StillOpen(), 0);
+  EXPECT_EQ(log.LevelOf("Given up meanwhile, no reset is sent"), "Warning");
+  EXPECT_EQ(log.Said().back(), "TriggerFlashReset --");
+}
+
+TEST_F(FlashResetTest, IsSentForWhomWasNotGivenUp) {
+  HasFlashInterface();
+  EXPECT_TRUE(channel.TriggerFlashReset([] { return false; }));
+  EXPECT_THAT(driver.Codes(), ElementsAre(kReset));
+  EXPECT_EQ(FunctionOf(log.Records(), "TriggerFlashReset ++"), "CUdeIoControl::TriggerFlashReset");
+}
+
 TEST_F(FlashResetTest, TwoAtOnceKeepTheirHandlesApart) {
   HasFlashInterface();
   bool second = false;

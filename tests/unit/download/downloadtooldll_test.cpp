@@ -3,9 +3,11 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <new>
 
 #include "support/flash_bench.h"
 #include "support/lock_probe.h"
+#include "support/scarce_memory.h"
 
 namespace {
 
@@ -29,6 +31,22 @@ TEST_F(DownloadToolDllTest, LoadsTheLibraryFromTheInstallationFolderWithoutAnoth
   const std::wstring path =
       static_cast<const wchar_t*>(ToolKit::GetInstallationDir() + L"Firmwareflashdownload.dll");
   EXPECT_THAT(bench.library.loadedPaths, ElementsAre(path));
+}
+
+// Its bare name would have the system search its own folders and the current one.
+TEST_F(DownloadToolDllTest, IsNeverLoadedByItsBareNameForLackOfMemory) {
+  const std::wstring path =
+      static_cast<const wchar_t*>(ToolKit::GetInstallationDir() + L"Firmwareflashdownload.dll");
+  ToolKit::TurnLoggingOff();
+  ScarceMemory memory;
+  const int refused = memory.FailEachOf([] {
+    try {
+      CDownloadToolDll::Load();
+    } catch (const std::bad_alloc&) {
+    }
+  });
+  EXPECT_GE(refused, 3);
+  EXPECT_THAT(bench.library.loadedPaths, testing::Each(path));
 }
 
 TEST_F(DownloadToolDllTest, BindsAllSixteenExports) {

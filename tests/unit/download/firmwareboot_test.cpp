@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <objbase.h>
 
+#include <cstdlib>
+
 #include "support/flash_bench.h"
 
 namespace {
@@ -502,6 +504,31 @@ TEST_F(InjectTest, FailsWhenItCannotBeNotedForWhomTheThreadWorks) {
   EXPECT_EQ(bench.library.CallCount("get_next_free_channel"), 0);
 }
 
+DWORD g_threadWithMemory = 0;
+bool g_othersHaveMemory = true;
+void* __cdecl RefuseTheOtherThreads(std::size_t size) {
+  const bool refused = !g_othersHaveMemory && ::GetCurrentThreadId() != g_threadWithMemory;
+  return refused ? nullptr : std::malloc(size);
+}
+
+// It leaves no result, and that of the boot before must not pass for one.
+TEST_F(InjectTest, FailsWhenTheBootThreadRunsOutOfMemoryBehindABootThatNeededAReset) {
+  g_threadWithMemory = ::GetCurrentThreadId();
+  g_othersHaveMemory = true;
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheOtherThreads));
+  bench.library.results["boot_target"] = 3;
+  bench.modem.onReset = [this] {
+    bench.library.results.clear();
+    bench.library.during["get_next_free_channel"] = [] { g_othersHaveMemory = false; };
+    bench.modem.LeaveAndBecome(Mode::Flash, 2000);
+  };
+  EXPECT_EQ(Download(), FirmwareUpdateFailed);
+  EXPECT_EQ(bench.library.CallCount("open_comm_port"), 1);
+  EXPECT_EQ(bench.modem.Count("reset"), 1);
+  EXPECT_EQ(Said().back(), "E:\t InjectBootTargetThread return FINIAL_FAIL");
+}
+
 TEST_F(InjectTest, CountsABootThreadThatCannotBeStartedAsBooted) {
   bench.library.channel = 9;
   EXPECT_EQ(Download(), FirmwareUpdated);
@@ -509,7 +536,9 @@ TEST_F(InjectTest, CountsABootThreadThatCannotBeStartedAsBooted) {
   bench.library.calls.clear();
   bench.clock.RefuseThread(1, ERROR_NO_SYSTEM_RESOURCES);
   EXPECT_EQ(Download(), FirmwareUpdated);
-  EXPECT_THAT(Said(), Contains("E:\t CreateThread InjectBootTargetThread FAIL: 0x5aa\n"));
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}),
+                       "E:\t CreateThread InjectBootTargetThread FAIL: 0x5aa\n"),
+            "CFirmwareDownloader::InjectBootTarget");
   EXPECT_THAT(afterDownload, Not(Contains("boot_target(7, " + image + ")")));
   // The channel is that of the attempt before.
   EXPECT_THAT(afterDownload, Contains("download_fls_file(9, |0|" + image + ")"));

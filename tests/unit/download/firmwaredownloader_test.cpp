@@ -7,6 +7,7 @@
 
 #include "support/flash_bench.h"
 #include "support/lock_probe.h"
+#include "support/scarce_memory.h"
 
 namespace {
 
@@ -57,6 +58,30 @@ TEST_F(SessionTest, EngineIsThereForTheSecondCallerWhenTheCallbackIsRefused) {
   EXPECT_THAT(Said(), ElementsAre("E:\t DownloadToolDll Load fail"));
 }
 
+TEST_F(SessionTest, EngineIsThereForWhoeverAsksWhileTheLibraryIsLoaded) {
+  std::shared_ptr<CFirmwareDownloader> meanwhile;
+  bench.library.during["init_callback"] = [&] { meanwhile = CFirmwareDownloader::GetInstance(); };
+  const auto engine = CFirmwareDownloader::GetInstance();
+  EXPECT_EQ(meanwhile, engine);
+  EXPECT_EQ(bench.library.loads, 1);
+}
+
+TEST_F(SessionTest, AttemptIsThereForProgressThatTheLibraryReportsWhileItIsLoaded) {
+  bench.library.during["init_callback"] = [this] {
+    EXPECT_NE(corvel::Attempt::OfThisThread(), nullptr);
+    bench.library.during.clear();
+  };
+  CFirmwareDownloader::GetInstance();
+  EXPECT_THAT(bench.library.during, IsEmpty());
+}
+
+TEST_F(SessionTest, UnloadLeavesNoPresentAttempt) {
+  CFirmwareDownloader::GetInstance();
+  ASSERT_NE(corvel::Attempt::OfThisThread(), nullptr);
+  CFirmwareDownloader::Unload();
+  EXPECT_EQ(corvel::Attempt::OfThisThread(), nullptr);
+}
+
 TEST_F(SessionTest, UnloadGivesTheLibraryBack) {
   CFirmwareDownloader::GetInstance();
   CFirmwareDownloader::Unload();
@@ -90,10 +115,17 @@ BOOL WINAPI RefuseToNote(DWORD, void*) {
   return FALSE;
 }
 
+// The system's own may.
+void* __cdecl AllocateAndChangeTheLastError(std::size_t size) {
+  ::SetLastError(ERROR_INVALID_HANDLE);
+  return std::malloc(size);
+}
+
 TEST_F(SessionTest, IsRefusedWhenItCannotBeNotedForWhomTheThreadWorks) {
   const auto engine = CFirmwareDownloader::GetInstance();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNote));
+  ASSERT_TRUE(patch.Replace("malloc", &AllocateAndChangeTheLastError));
   EXPECT_EQ(engine->Download(CTString(modem), CTString(nvm)), FirmwareNotUpdated);
   EXPECT_EQ(Said().back(), "E:\t TlsSetValue failed with: 8, Download --");
   EXPECT_THAT(bench.library.calls, ElementsAre("init_callback()"));
@@ -425,6 +457,21 @@ TEST_F(ParameterTest, EndTheSessionWhenTheBusTypeIsRefused) {
   EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "E:Setting parameter, 2 failed"),
             "CFirmwareDownloader::InitializeParametersForDownload");
+}
+
+// The current folder is not searched for logs in its stead, and the session goes on.
+TEST_F(ParameterTest, WithoutMemoryForTheFolderOfTheLogTheLibraryWritesNone) {
+  ScarceMemory memory;
+  bench.library.during["set_dll_parameter(12, 0)"] = [&] {
+    bench.library.during.clear();
+    memory.Fail(1);
+  };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_TRUE(memory.HasFailed());
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp"}),
+                       "E:Failed to get LocalAppDataDir for Modem download logging"),
+            "CFirmwareDownloader::InitializeParametersForDownload");
+  EXPECT_THAT(Parameters(), Not(Contains("set_dll_parameter(12, 3)")));
 }
 
 TEST_F(ParameterTest, SettingUpTheLogLeavesFourEarlierLogs) {
@@ -1021,6 +1068,15 @@ TEST_F(AbandonedTest, BackInTheMiddleOfANewerWriteNeitherClosesNorResets) {
   EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
 }
 
+TEST_F(AbandonedTest, LeavesItsChannelOpenInALibraryThatCannotCloseIt) {
+  bench.library.missingExports = {"_ZEMO_DL_close_comm_port"};
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  Return();
+  EXPECT_EQ(result, FirmwareUpdateFailed);
+  ExpectNothingHappened();
+}
+
 // It writes to the channel that the attempt before left.
 TEST_F(AbandonedTest, BackWhileANewerAttemptWritesWithoutABootThreadClosesNothing) {
   HangIn("download_fls_file");
@@ -1052,6 +1108,20 @@ TEST_F(AbandonedTest, BackFromTheTableOfContentsTellsOfNoChannel) {
   FlashAndGiveUp();
   CFirmwareDownloader::GetInstance();
   Return();
+  EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("stays open"))));
+}
+
+// This end cleans up, but there is no channel that it left open.
+TEST_F(AbandonedTest, BackFromTheTableOfContentsWithItemsLeftToAskForTellsOfNoChannel) {
+  bench.library.images[modem] = {1, 4};
+  HangIn("TOC_get_nof_items");
+  FlashAndGiveUp();
+  CFirmwareDownloader::GetInstance();
+  callsBefore = bench.library.calls;
+  Return();
+  EXPECT_EQ(result, FirmwareNotUpdated);
+  ExpectNothingHappened();
+  EXPECT_TRUE(CleanedUp());
   EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("stays open"))));
 }
 

@@ -597,6 +597,42 @@ TEST_P(NoEngineTest, JobEndsAsFailedWhenNoAttemptGetsAnEngine) {
   EXPECT_EQ(bench.Downloads(), 0);
 }
 
+/// The texts of two paths cannot be copied: nothing else is of their size.
+class LostPathTest : public testing::TestWithParam<bool> {
+ protected:
+  static void* __cdecl RefuseOneSize(std::size_t size) {
+    if (size != s_refused) return std::malloc(size);
+    ++s_refusals;
+    return nullptr;
+  }
+  static std::size_t SizeOf(const CTString& path) {
+    return (static_cast<std::size_t>(path.GetLength()) + 1) * sizeof(wchar_t);
+  }
+
+  static inline std::size_t s_refused = 0;
+  static inline int s_refusals = 0;
+  JobBench bench;
+};
+
+INSTANTIATE_TEST_SUITE_P(EachImage, LostPathTest, testing::Bool(),
+                         [](const auto& row) { return row.param ? "Modem" : "Nvm"; });
+
+// An emptied one would have the other image flashed as if it were all that there is.
+TEST_P(LostPathTest, IsAFailedAttemptThatFlashesNothing) {
+  CFirmwareDownloader::GetInstance();
+  ToolKit::m_ModemFlsFile = CTString(bench.images.Path().c_str()) + L"\\.\\.\\.\\.\\.\\modem.fls";
+  ToolKit::m_NVMFlsFile = CTString(bench.images.Path().c_str()) + L"\\.\\.\\.\\.\\.\\.\\.\\nvm.fls";
+  s_refused = SizeOf(GetParam() ? ToolKit::m_ModemFlsFile : ToolKit::m_NVMFlsFile);
+  s_refusals = 0;
+  bench.library.calls.clear();
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("malloc", &RefuseOneSize));
+  EXPECT_TRUE(ToolKit::DownloadFirmwareImplementation(nullptr));
+  EXPECT_EQ(s_refusals, 1);
+  EXPECT_EQ(ToolKit::mFlashResult, FirmwareNotUpdated);
+  EXPECT_THAT(bench.library.calls, IsEmpty());
+}
+
 // --- What the service says, in order ---------------------------------------------------------------------
 
 class ServiceJobTest : public FlashJobTest {

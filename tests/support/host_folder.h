@@ -35,7 +35,6 @@ class HostFolder {
   static void Hide() { s_executable.clear(); }
 
   std::vector<LogRecord> Log() const { return ReadLog(m_Folder.File(L"FlashServiceDebugLogger_DLL.log")); }
-  std::vector<std::string> Messages() const { return MessagesOf(Log()); }
   /// The messages with their levels, as Marked gives them.
   std::vector<std::string> Said() const { return MarkedMessagesOf(Log()); }
   std::wstring LogPath() const { return m_Folder.File(L"FlashServiceDebugLogger_DLL.log"); }

@@ -56,12 +56,6 @@ inline std::vector<std::string> MarkedMessagesOf(const std::vector<LogRecord>& r
   return marked;
 }
 
-inline std::vector<std::string> MessagesOf(const std::vector<LogRecord>& records) {
-  std::vector<std::string> messages;
-  for (const LogRecord& record : records) messages.push_back(record.message);
-  return messages;
-}
-
 /// The function fields of the records, in their order.
 inline std::vector<std::string> FunctionsOf(const std::vector<LogRecord>& records) {
   std::vector<std::string> functions;
@@ -100,7 +94,6 @@ class TestLog {
   std::string Path() const { return m_Folder.File("test.log"); }
 
   std::vector<LogRecord> Records() const { return ReadLog(m_Folder.File(L"test.log")); }
-  std::vector<std::string> Messages() const { return MessagesOf(Records()); }
   /// The messages with their levels, as Marked gives them.
   std::vector<std::string> Said() const { return MarkedMessagesOf(Records()); }
   /// The level word of the record with this message; empty when there is none.
@@ -110,9 +103,10 @@ class TestLog {
     }
     return {};
   }
-  std::ptrdiff_t Count(const std::string& message) const {
-    const std::vector<std::string> all = Messages();
-    return std::count(all.begin(), all.end(), message);
+  /// How many records tell this (see Marked).
+  std::ptrdiff_t Count(const std::string& told) const {
+    const std::vector<std::string> all = Said();
+    return std::count(all.begin(), all.end(), told);
   }
 
  private:

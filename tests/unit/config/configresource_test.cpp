@@ -105,7 +105,7 @@ TEST_P(FormatTest, GivesTheCheckedInBytes) {
   ASSERT_TRUE(::CopyFileW(CheckedInDocument(L"unformatted/" + name).c_str(), path.c_str(), FALSE));
   EXPECT_TRUE(config->SaveConfig(path.c_str()));
   EXPECT_EQ(SameWriting(ReadBytes(path)), ReadBytes(CheckedInDocument(L"formatted/" + name)));
-  EXPECT_THAT(log.Messages(), ElementsAre("Start SaveConfig"));
+  EXPECT_THAT(log.Said(), ElementsAre("Start SaveConfig"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Documents, FormatTest,

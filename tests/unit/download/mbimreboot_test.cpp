@@ -33,6 +33,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::Field;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using namespace std::chrono_literals;
 
@@ -269,7 +270,7 @@ class MbimRebootTest : public testing::Test {
     };
     return patch.Replace("free", &WatchFree);
   }
-  bool SinkWasMade() const { return log.Count("\t new CMbnSinks OK") > 0; }
+  bool SinkWasMade() const { return std::ranges::count(Told(), Trace("\t new CMbnSinks OK")) == 1; }
 
   TestLog log;
   simulator::SimulatedMobileBroadband service;
@@ -653,7 +654,7 @@ class MbimRebootServicesTest : public MbimRebootTest, public testing::WithParamI
 
 TEST_P(MbimRebootServicesTest, FindsTheVendorServiceAmongOthersAndFreesEveryId) {
   EXPECT_EQ(Reboot(), S_OK);
-  EXPECT_EQ(log.Count("\t Service Not found"), 0);
+  EXPECT_THAT(Told(), Not(Contains(Field(&LogEntry::message, "\t Service Not found"))));
   // Three listed ids, the interface's id, and the id that the service was asked for by.
   EXPECT_EQ(g_textsFreed, 5);
 }

@@ -20,6 +20,7 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::StartsWith;
 
@@ -84,15 +85,17 @@ TEST_F(InstallationDirTest, OfAPathThatIsCutIsEmptyAndLogged) {
   const TestLog log;
   HostIs(L"C:\\" + std::wstring(300, L'f') + L"\\host.exe");
   EXPECT_TRUE(ToolKit::GetInstallationDir().IsEmpty());
-  EXPECT_THAT(log.Text(), EndsWith("\t\t GetModuleFileName() failed with: 0x0000007a##\r\n"));
+  EXPECT_THAT(log.Said(), ElementsAre("E:\t GetModuleFileName() failed with: 0x0000007a"));
 }
 
 TEST_F(InstallationDirTest, IsEmptyAndLoggedAsAnErrorWhenThePathCannotBeHad) {
   const TestLog log;
   ASSERT_TRUE(patch.Replace("GetModuleFileNameW", &NoHostPath));
   EXPECT_TRUE(ToolKit::GetInstallationDir().IsEmpty());
-  EXPECT_TRUE(log.Contains("\tError\ttoolkit.cpp\t"));
-  EXPECT_TRUE(log.Contains("\tToolKit::GetInstallationDir\t\t GetModuleFileName() failed with: 0x00000005"));
+  const std::vector<LogRecord> records = log.Records();
+  EXPECT_THAT(MarkedMessagesOf(records), ElementsAre("E:\t GetModuleFileName() failed with: 0x00000005"));
+  EXPECT_EQ(records.at(0).file, "toolkit.cpp");
+  EXPECT_EQ(records.at(0).function, "ToolKit::GetInstallationDir");
 }
 
 TEST(DataFolders, AreAllTheInstallationFolderThoughOnlyOneReturnsTrue) {
@@ -269,8 +272,9 @@ TEST_F(MakeDirectoryTest, StopsAtTheFirstFolderThatCannotBeMadeAndKeepsThoseBefo
   const TestLog log;
   EXPECT_FALSE(ToolKit::MakeDirectory(folder.File("a\\b?c\\d").c_str()));
   EXPECT_TRUE(folder.Holds("a"));
-  EXPECT_TRUE(log.Contains("\tError\ttoolkit.cpp\t"));
-  EXPECT_TRUE(log.Contains("Error code 123: "));
+  EXPECT_THAT(log.Said(), ElementsAre(StartsWith("E:CreateDirectory(" + folder.File("a\\b?c") +
+                                                 ") failed: Error code 123: ")));
+  EXPECT_EQ(log.Records().at(0).file, "toolkit.cpp");
 }
 
 TEST_F(MakeDirectoryTest, FailsOnAFileInThePlaceOfAnEarlierFolder) {

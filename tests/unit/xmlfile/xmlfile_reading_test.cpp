@@ -25,6 +25,7 @@ using testing::Each;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 /// A loaded document in the words of a test.
 class Document {
@@ -124,7 +125,7 @@ TEST_F(ReadingTest, CommentsTextsAndInstructionsAreChildrenButNoElements) {
 TEST_F(ReadingTest, ASearchPassesOverCommentsTextsAndInstructions) {
   Document document = ReadForeign(L"comments.xml");
   EXPECT_EQ(document.Name(document.Find(L"id", L"2").Get()), L"b");
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 class EncodingTest : public ReadingTest, public testing::WithParamInterface<const wchar_t*> {};
@@ -192,7 +193,7 @@ TEST_F(ReadingTest, AnIndexOutsideTheListIsNoFailureAndGivesNoNode) {
   EXPECT_EQ(node, nullptr);
   EXPECT_FALSE(document.file.IsNthNodeAnElementWithName(1, L"a", &node, document.children.Get()));
   EXPECT_EQ(node, nullptr);
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(ReadingTest, TheNthNodeIsComparedByItsWholeName) {
@@ -217,7 +218,7 @@ TEST_F(ReadingTest, AMissingAttributeIsAFailureWithoutRecord) {
   CTString value(L"before");
   EXPECT_EQ(document.file.GetAttributeForNode(document.root, L"other", value), E_FAIL);
   EXPECT_TRUE(value == L"before");
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(ReadingTest, NoAttributeHasAnEmptyName) {
@@ -230,7 +231,7 @@ TEST_F(ReadingTest, ATextHasNoAttributes) {
   Document document = Read("<r>text</r>");
   CTString value;
   EXPECT_EQ(document.file.GetAttributeForNode(document.Child(0).Get(), L"key", value), E_FAIL);
-  EXPECT_THAT(log.Messages(), IsEmpty());
+  EXPECT_THAT(log.Said(), IsEmpty());
 }
 
 TEST_F(ReadingTest, ASearchWithoutMatchSucceedsWithoutNode) {
@@ -320,7 +321,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ReadingTest, AMissingFileIsAFailureThatTheLogTells) {
   const std::wstring path = folder.File(L"missing.xml");
   EXPECT_EQ(Document(path).result, E_FAIL);
-  EXPECT_THAT(log.Messages(), Each(HasSubstr("IXMLDOMDocument::load(" + Utf8FromWide(path) + ")")));
+  EXPECT_THAT(log.Said(), Each(StartsWith("E:IXMLDOMDocument::load(" + Utf8FromWide(path) + ")")));
   EXPECT_EQ(log.Records().size(), 1u);
 }
 
@@ -444,7 +445,7 @@ TEST_F(ReadingTest, WithoutComThereIsNoDocument) {
   EXPECT_EQ(initialized, CO_E_NOTINITIALIZED);
   EXPECT_EQ(loaded, E_FAIL);
   EXPECT_EQ(created, E_FAIL);
-  EXPECT_THAT(log.Messages(), Each("CoCreateInstance(IID_IXMLDOMDocument) failed with 800401f0:"));
+  EXPECT_THAT(log.Said(), Each("E:CoCreateInstance(IID_IXMLDOMDocument) failed with 800401f0:"));
   EXPECT_EQ(log.Records().size(), 3u);
 }
 

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "simulator/host/kept_key.h"
@@ -17,34 +18,36 @@
 
 namespace hosts {
 
-/// While it lives, the key of the command line cannot be made: what it would lie below may only be read and
-/// deleted.
+/// A key that may only be read and deleted while this lives, and is gone afterwards. By default the one below
+/// which the key of the command line would lie, so that it cannot be made.
 class UnwritableKey {
  public:
-  UnwritableKey() {
-    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
+  explicit UnwritableKey(HKEY root = HKEY_LOCAL_MACHINE, std::wstring path = L"SOFTWARE\\WOW6432Node\\Quenta")
+      : m_Root(root), m_Path(std::move(path)) {
+    ::RegDeleteKeyW(m_Root, m_Path.c_str());
     HKEY opened = nullptr;
     DWORD found = REG_OPENED_EXISTING_KEY;
-    ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParent, 0, nullptr, 0, WRITE_DAC, nullptr, &opened, &found);
+    ::RegCreateKeyExW(m_Root, m_Path.c_str(), 0, nullptr, 0, WRITE_DAC, nullptr, &opened, &found);
     m_Key.reset(opened);
-    if (found != REG_CREATED_NEW_KEY) throw std::runtime_error("the key's parent is in use");
+    if (found != REG_CREATED_NEW_KEY) throw std::runtime_error("the key is in use");
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     ::ConvertStringSecurityDescriptorToSecurityDescriptorW(kForEverybodyReadAndDelete, SDDL_REVISION_1,
                                                            &descriptor, nullptr);
     const LSTATUS status = ::RegSetKeySecurity(opened, DACL_SECURITY_INFORMATION, descriptor);
     ::LocalFree(descriptor);
-    if (status != ERROR_SUCCESS) throw std::runtime_error("the key's parent cannot be protected");
+    if (status != ERROR_SUCCESS) throw std::runtime_error("the key cannot be protected");
   }
   ~UnwritableKey() {
     m_Key.reset();
-    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kParent);
+    ::RegDeleteKeyW(m_Root, m_Path.c_str());
   }
   UnwritableKey(const UnwritableKey&) = delete;
   UnwritableKey& operator=(const UnwritableKey&) = delete;
 
  private:
-  static constexpr wchar_t kParent[] = L"SOFTWARE\\WOW6432Node\\Quenta";
   static constexpr wchar_t kForEverybodyReadAndDelete[] = L"D:P(A;;KRSD;;;WD)";
+  HKEY m_Root;
+  std::wstring m_Path;
   OwnedKey m_Key;
 };
 

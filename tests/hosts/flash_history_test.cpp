@@ -3,10 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 #include <thread>
 
 #include "hosts/common/owners.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 namespace hosts {
@@ -18,6 +20,7 @@ namespace {
 
 constexpr char kWhole[] = "2026-11-15 23:04:11\tservice\t4\t100\t57\tsucceeded\r\n";
 constexpr std::uintmax_t kLargestSize = 8192;
+constexpr std::uintmax_t kLeastKept = 3900;
 constexpr std::size_t kManyJobs = 400;
 
 FinishedJob Job(long long seconds) {
@@ -26,6 +29,7 @@ FinishedJob Job(long long seconds) {
 
 class FlashHistoryTest : public testing::Test {
  protected:
+  std::uintmax_t Size() const { return std::filesystem::file_size(folder.Path() / L"history.txt"); }
   std::string Content() const { return folder.Content(L"history.txt"); }
   std::vector<HistoryEntry> Entries() const {
     const HistoryReading reading = history.Read();
@@ -90,10 +94,22 @@ TEST_F(FlashHistoryTest, PassesOverLinesThatAreNone) {
 }
 
 TEST_F(FlashHistoryTest, StaysSmallAndKeepsTheNewest) {
+  std::uintmax_t largest = 0;
+  std::uintmax_t before = 0;
   for (std::size_t i = 0; i < kManyJobs; ++i) {
     ASSERT_EQ(history.Append("service", Job(static_cast<long long>(i))), 0u);
-    ASSERT_LE(std::filesystem::file_size(folder.Path() / L"history.txt"), kLargestSize);
+    const std::uintmax_t size = Size();
+    ASSERT_LE(size, kLargestSize);
+    // Where the oldest lines were dropped, so much is left that the newest did not lie over them.
+    if (size < before) {
+      ASSERT_LT(size, kLargestSize / 2 + sizeof kWhole);
+      ASSERT_GT(size, kLeastKept);
+    }
+    before = size;
+    largest = std::max(size, largest);
   }
+  EXPECT_GT(largest, kLargestSize - 2 * sizeof kWhole);
+  EXPECT_EQ(Content().front(), '2');
   const std::vector<HistoryEntry> entries = Entries();
   ASSERT_GT(entries.size(), 50u);
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -101,11 +117,20 @@ TEST_F(FlashHistoryTest, StaysSmallAndKeepsTheNewest) {
   }
 }
 
+TEST_F(FlashHistoryTest, TakesALineThatFillsItToItsLargestSize) {
+  ASSERT_EQ(history.Append("service", Job(1)), 0u);
+  const std::uintmax_t line = Size();
+  folder.Write(L"history.txt", std::string(kLargestSize - line - 1, 'x') + "\n");
+  ASSERT_EQ(history.Append("service", Job(1)), 0u);
+  EXPECT_EQ(Size(), kLargestSize);
+  EXPECT_THAT(Entries(), SizeIs(1));
+}
+
 TEST_F(FlashHistoryTest, GetsSmallAgainWhenSomebodyHasSpoiltIt) {
   folder.Write(L"history.txt", std::string(100000, 'x'));
   ASSERT_EQ(history.Append("service", Job(1)), 0u);
   EXPECT_THAT(Entries(), SizeIs(1));
-  EXPECT_LE(std::filesystem::file_size(folder.Path() / L"history.txt"), kLargestSize);
+  EXPECT_LT(Size(), 2 * sizeof kWhole);
 }
 
 TEST_F(FlashHistoryTest, TakesTheLinesOfTwoWriters) {
@@ -129,6 +154,65 @@ TEST_F(FlashHistoryTest, WaitsForAnotherWriterAndGivesUp) {
   ASSERT_NE(other.get(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(history.Append("service", Job(1)), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
   EXPECT_THAT(Entries(), SizeIs(1));
+}
+
+OwnedHandle Open(const std::wstring& path, DWORD access) {
+  OwnedHandle file(::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                 nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  EXPECT_NE(file.get(), INVALID_HANDLE_VALUE);
+  return file;
+}
+
+TEST_F(FlashHistoryTest, IsWrittenWhileSomebodyReadsIt) {
+  folder.Write(L"history.txt", kWhole);
+  const OwnedHandle reader = Open(history.Path(), GENERIC_READ);
+  EXPECT_EQ(history.Append("service", Job(1)), 0u);
+  EXPECT_THAT(Entries(), SizeIs(2));
+}
+
+TEST_F(FlashHistoryTest, IsReadWhileSomebodyMayDeleteIt) {
+  folder.Write(L"history.txt", kWhole);
+  const OwnedHandle other = Open(history.Path(), DELETE);
+  EXPECT_THAT(Entries(), SizeIs(1));
+}
+
+/// The disk takes the half, and is full.
+BOOL WINAPI WriteHalf(HANDLE file, LPCVOID bytes, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  const auto write = reinterpret_cast<decltype(&::WriteFile)>(
+      ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "WriteFile"));
+  write(file, bytes, size / 2, written, overlapped);
+  ::SetLastError(ERROR_DISK_FULL);
+  return FALSE;
+}
+
+BOOL WINAPI FailToFlush(HANDLE) {
+  ::SetLastError(ERROR_WRITE_FAULT);
+  return FALSE;
+}
+
+TEST_F(FlashHistoryTest, KeepsNoHalfLineAndTellsTheFirstError) {
+  folder.Write(L"history.txt", kWhole);
+  {
+    simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+    ASSERT_TRUE(patch.Replace("WriteFile", &WriteHalf));
+    ASSERT_TRUE(patch.Replace("FlushFileBuffers", &FailToFlush));
+    EXPECT_EQ(history.Append("service", Job(1)), static_cast<DWORD>(ERROR_DISK_FULL));
+  }
+  EXPECT_EQ(Content(), kWhole);
+}
+
+TEST_F(FlashHistoryTest, CountsALineOnlyWhenItIsOnTheDisk) {
+  folder.Write(L"history.txt", kWhole);
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &FailToFlush));
+  EXPECT_EQ(history.Append("service", Job(1)), static_cast<DWORD>(ERROR_WRITE_FAULT));
+  EXPECT_EQ(Content(), kWhole);
+}
+
+TEST_F(FlashHistoryTest, IsEmptyWhereItsFolderIsNotThere) {
+  const HistoryReading reading = FlashHistory(folder.File(L"no folder\\history.txt")).Read();
+  EXPECT_EQ(reading.error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_THAT(reading.entries, SizeIs(0));
 }
 
 TEST_F(FlashHistoryTest, TellsThatItCannotBeWritten) {

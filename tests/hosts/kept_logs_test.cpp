@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "hosts/common/owners.h"
+#include "hosts/common/text.h"
 #include "support/temporary_folder.h"
 
 namespace hosts {
@@ -30,7 +33,10 @@ class KeptLogsTest : public testing::Test {
     FILETIME time{};
     ASSERT_TRUE(::TzSpecificLocalTimeToSystemTime(nullptr, &localTime, &universal));
     ASSERT_TRUE(::SystemTimeToFileTime(&universal, &time));
-    const OwnedHandle file(::CreateFileW(folder.File(kLog).c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr,
+    SetTime(kLog, time);
+  }
+  void SetTime(const std::wstring& name, const FILETIME& time) const {
+    const OwnedHandle file(::CreateFileW(folder.File(name).c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr,
                                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(::SetFileTime(file.get(), nullptr, nullptr, &time));
   }
@@ -69,17 +75,37 @@ TEST_F(KeptLogsTest, KeepsNothingOfAnEmptyLogOrNone) {
   folder.Write(kLog, "");
   EXPECT_EQ(Keep(), "");
   EXPECT_THAT(Names(), ElementsAre(kLog));
+  EXPECT_EQ(KeepLastLog(folder.File(L"no folder\\Host.log")), "");
 }
 
 TEST_F(KeptLogsTest, KeepsTheLastFive) {
-  for (WORD second = 10; second < 17; ++second) {
+  for (WORD second = 13; second < 20; ++second) {
     WriteLog(std::to_string(second), At(second));
     EXPECT_EQ(Keep(), "");
   }
-  EXPECT_THAT(Names(), ElementsAre(L"Host_2026-11-05_23-04-12.log", L"Host_2026-11-05_23-04-13.log",
-                                   L"Host_2026-11-05_23-04-14.log", L"Host_2026-11-05_23-04-15.log",
-                                   L"Host_2026-11-05_23-04-16.log"));
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-12.log"), "12");
+  EXPECT_THAT(Names(), ElementsAre(L"Host_2026-11-05_23-04-15.log", L"Host_2026-11-05_23-04-16.log",
+                                   L"Host_2026-11-05_23-04-17.log", L"Host_2026-11-05_23-04-18.log",
+                                   L"Host_2026-11-05_23-04-19.log"));
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-15.log"), "15");
+}
+
+/// Local time goes back once a year, and with it what the names say.
+TEST_F(KeptLogsTest, RemovesTheOldestWhateverTheNamesSay) {
+  // The older half of a time outweighs the newer one.
+  const std::vector<std::pair<std::wstring, FILETIME>> logs{
+      {L"Host_2026-11-05_03-00-00.log", {.dwLowDateTime = 0x10, .dwHighDateTime = 0x01D00005}},
+      {L"Host_2026-11-05_03-00-01.log", {.dwLowDateTime = 0x20, .dwHighDateTime = 0x01D00004}},
+      {L"Host_2026-11-05_03-00-02.log", {.dwLowDateTime = 0x30, .dwHighDateTime = 0x01D00003}},
+      {L"Host_2026-11-05_03-00-03.log", {.dwLowDateTime = 0x40, .dwHighDateTime = 0x01D00002}},
+      {L"Host_2026-11-05_03-00-04.log", {.dwLowDateTime = 0xF0000000, .dwHighDateTime = 0x01D00001}}};
+  for (const auto& [name, written] : logs) {
+    folder.Write(name, "log");
+    SetTime(name, written);
+  }
+  WriteLog("new", At(11));
+  EXPECT_EQ(Keep(), "");
+  EXPECT_THAT(Names(), ElementsAre(logs[0].first, logs[1].first, logs[2].first, logs[3].first,
+                                   L"Host_2026-11-05_23-04-11.log"));
 }
 
 TEST_F(KeptLogsTest, KeepsTwoLogsOfOneSecondApart) {
@@ -92,11 +118,45 @@ TEST_F(KeptLogsTest, KeepsTwoLogsOfOneSecondApart) {
   EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11_3.log"), "third");
 }
 
+class FullSecondTest : public KeptLogsTest {
+ protected:
+  void SetUp() override {
+    for (int i = 1; i <= 98; ++i) folder.Write(Name(i), "other");
+    // Newer than the others, so that it is none of those that are removed then.
+    SYSTEMTIME time = At(11);
+    time.wYear = 2099;
+    WriteLog("evidence", time);
+  }
+  static std::wstring Name(int number) {
+    return L"Host_2099-11-05_23-04-11" + (number == 1 ? L"" : L"_" + std::to_wstring(number)) + L".log";
+  }
+};
+
+TEST_F(FullSecondTest, TakesALastLog) {
+  EXPECT_EQ(Keep(), "");
+  EXPECT_EQ(folder.Content(Name(99)), "evidence");
+}
+
+TEST_F(FullSecondTest, LetsNoLogGiveWayToOneMore) {
+  folder.Write(Name(99), "other");
+  EXPECT_THAT(Keep(), HasSubstr("is not kept: " + SystemErrorText(ERROR_ALREADY_EXISTS)));
+  {
+    const OwnedHandle reader(::CreateFileW(folder.File(kLog).c_str(), GENERIC_READ,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                           FILE_ATTRIBUTE_NORMAL, nullptr));
+    EXPECT_THAT(Keep(), HasSubstr("is not kept"));
+  }
+  EXPECT_EQ(folder.Content(kLog), "evidence");
+  EXPECT_EQ(folder.Content(Name(99)), "other");
+  EXPECT_FALSE(folder.Holds(Name(100)));
+}
+
 TEST_F(KeptLogsTest, RemovesNoFileOfAnotherName) {
   const std::vector<std::wstring> others{L"Host_.log",
                                          L"Host_2026-11-05.log",
                                          L"Host_2026-11-05_23-04-1x.log",
                                          L"Host_2026-11-05_23-04-11_x.log",
+                                         L"Host_2026-11-05_23-04-11_.log",
                                          L"Host_2026-11-05_23-04-11_2.log.log",
                                          L"Host_my notes.log",
                                          L"Hosts_2026-11-05_23-04-11.log",
@@ -116,6 +176,16 @@ TEST_F(KeptLogsTest, CopiesALogThatSomebodyReads) {
   const OwnedHandle reader(::CreateFileW(folder.File(kLog).c_str(), GENERIC_READ,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                                          FILE_ATTRIBUTE_NORMAL, nullptr));
+  EXPECT_EQ(Keep(), "");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "evidence");
+}
+
+TEST_F(KeptLogsTest, CopiesALogThatSomebodyMayDelete) {
+  WriteLog("evidence", At(11));
+  const OwnedHandle reader(::CreateFileW(folder.File(kLog).c_str(), GENERIC_READ | DELETE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
+  ASSERT_NE(reader.get(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Keep(), "");
   EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "evidence");
 }

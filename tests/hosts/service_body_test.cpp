@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -18,6 +19,7 @@
 
 #include "hosts/common/event_log.h"
 #include "hosts/common/job_record.h"
+#include "hosts/common/serving_notice.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
 #include "messages.h"
@@ -60,6 +62,11 @@ class Manager {
   }
   bool HearsAccepted(DWORD accepted) {
     return Hears([=](const SERVICE_STATUS& status) { return status.dwControlsAccepted == accepted; });
+  }
+  /// Waits until it was told more than so many times.
+  bool HearsMoreThan(std::size_t count) {
+    std::unique_lock lock(m_Mutex);
+    return m_Changed.wait_for(lock, kLongestWait, [&] { return m_Heard.size() > count; });
   }
   SERVICE_STATUS Last() {
     const std::lock_guard lock(m_Mutex);
@@ -187,6 +194,29 @@ TEST_F(ServiceBodyTest, EndsWithTheLibrarysFailureAsItsOwnCode) {
   EXPECT_EQ(manager.Last().dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
   EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kFailedNoConfiguration);
   EXPECT_THAT(g_events, ElementsAre(static_cast<DWORD>(MSG_SERVICE_FAILED)));
+}
+
+DWORD WINAPI FailToWait(DWORD, const HANDLE*, BOOL, DWORD) {
+  ::SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+  return WAIT_FAILED;
+}
+
+TEST_F(ServiceBodyTest, EndsWithItsOwnCodeWhenItCannotWait) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("WaitForMultipleObjects", &FailToWait));
+  StartsAndFails();
+  EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kFailedNoResources);
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_SERVICE_FAILED)));
+}
+
+TEST_F(ServiceBodyTest, GivesNoticeWhileItServes) {
+  Start();
+  EXPECT_TRUE(IsServedBy(Server::Service, key.Location()));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_FALSE(IsServedBy(Server::Service, key.Location()));
 }
 
 TEST_F(ServiceBodyTest, TellsOfALogThatCouldNotBeKeptAndServesAllTheSame) {
@@ -347,6 +377,29 @@ TEST_F(ServiceBodyTest, AStopWaitsUntilTheResultIsWrittenAndTheFlagTakenBack) {
   EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
 }
 
+std::atomic<ULONGLONG> g_ticks{1000};
+
+ULONGLONG WINAPI TellTicks() {
+  return g_ticks;
+}
+
+TEST_F(ServiceBodyTest, AStopWaitsForAnAttemptThatDoesNotEndNoLongerThanItsLimit) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("GetTickCount64", &TellTicks));
+  Start();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  ASSERT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 2; }));
+  g_ticks += kLongestAttemptMs - 1;
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 4; }));
+  g_ticks += 1;
+  EXPECT_TRUE(manager.HearsState(SERVICE_STOPPED));
+  AwaitEnd();
+  EXPECT_THAT(g_events, ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED),
+                                    static_cast<DWORD>(MSG_SERVICE_STOPPED_WHILE_FLASHING)));
+}
+
 TEST_F(ServiceBodyTest, SaysNoMoreOnceItHasStopped) {
   Start();
   manager.Send(SERVICE_CONTROL_STOP);
@@ -385,6 +438,23 @@ TEST_F(ServiceBodyTest, KeepsNoPermissionForALaterFlash) {
   manager.Send(kControlAllowInterruption);
   BeginJob();
   ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+}
+
+TEST_F(ServiceBodyTest, KeepsNoPermissionOfOneFlashForTheNext) {
+  Start();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(kControlAllowInterruption);
+  const std::size_t said = manager.All().size();
+  EndJob();
+  ASSERT_TRUE(manager.HearsMoreThan(said));
+  BeginJob();
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  manager.Send(SERVICE_CONTROL_STOP);
+  EXPECT_TRUE(manager.Hears([](const SERVICE_STATUS& status) {
+    return status.dwCheckPoint >= 3 || status.dwCurrentState == SERVICE_STOPPED;
+  }));
+  EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOP_PENDING));
 }
 
 TEST_F(ServiceBodyTest, AShutdownIsNotInterruptedByThePermission) {

@@ -4,9 +4,13 @@
 
 #include <winsvc.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <vector>
 
+#include "hosts/common/owners.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "simulator/import_patch.h"
@@ -16,8 +20,11 @@
 namespace hosts {
 
 using testing::AllOf;
+using testing::Each;
 using testing::HasSubstr;
 using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
 
 namespace {
 
@@ -154,6 +161,24 @@ TEST_F(ServiceInTheWayTest, IsFoundByAnUnquotedPathWithABlankAndByOneWithWordsBe
   EXPECT_EQ(Found(), "service_flashing");
 }
 
+/// What stands behind the program may look like a path, too.
+TEST_F(ServiceInTheWayTest, IsFoundByACommandWithAPathBehindIt) {
+  ShowJob(key);
+  g_manager.command = Program() + L" C:\\another\\path";
+  EXPECT_EQ(Found(), "service_flashing");
+  g_manager.command = L"\"" + Program() + L"\" C:\\another\\path";
+  EXPECT_EQ(Found(), "service_flashing");
+}
+
+TEST_F(ServiceInTheWayTest, IsNotTakenForAFolderOfTheNameBeforeTheBlank) {
+  ShowJob(key);
+  const std::filesystem::path folder = Program().substr(0, Program().find(L' '));
+  std::filesystem::create_directory(folder);
+  g_manager.command = Program();
+  EXPECT_EQ(Found(), "service_flashing");
+  std::filesystem::remove(folder);
+}
+
 TEST_F(ServiceInTheWayTest, IsNoneThatIsStoppedOrNotInstalled) {
   ShowJob(key);
   g_manager.state = SERVICE_STOPPED;
@@ -169,6 +194,38 @@ TEST_F(ServiceInTheWayTest, IsNoneWhoseProcessHasDiedBeforeTheManagerNoticed) {
   EXPECT_EQ(Found(), "");
 }
 
+HANDLE WINAPI DenyProcess(DWORD, BOOL, DWORD) {
+  ::SetLastError(ERROR_ACCESS_DENIED);
+  return nullptr;
+}
+
+/// The service is the system's, the look a user's without rights.
+TEST_F(ServiceInTheWayTest, IsOneWhoseProcessMayNotBeOpened) {
+  ShowJob(key);
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("OpenProcess", &DenyProcess));
+  EXPECT_EQ(Found(), "service_flashing");
+}
+
+HANDLE WINAPI OpenEndedProcess(DWORD, BOOL, DWORD) {
+  return ::CreateEventW(nullptr, TRUE, TRUE, nullptr);
+}
+
+/// Somebody may still have it open.
+TEST_F(ServiceInTheWayTest, IsNoneWhoseProcessHasEnded) {
+  ShowJob(key);
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("OpenProcess", &OpenEndedProcess));
+  EXPECT_EQ(Found(), "");
+}
+
+TEST_F(ServiceInTheWayTest, IsCalledFlashingWhenItFlashesWithTheKeyOfTheCommandLine) {
+  const simulator::KeptKey shared(simulator::KeyOfCommandLine());
+  Configure(shared.Location().Text());
+  ShowJob(shared);
+  EXPECT_EQ(Found(), "service_flashing");
+}
+
 TEST_F(ServiceInTheWayTest, IsOneThatMerelyRunsWithTheKeyOfTheCommandLine) {
   for (const char* location : {"HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService",
                                "HKLM\\Software\\Wow6432Node\\quenta\\\\FLASHSERVICE\\"}) {
@@ -181,7 +238,23 @@ TEST_F(ServiceInTheWayTest, IsOneThatMerelyRunsWithTheKeyOfTheCommandLine) {
   EXPECT_EQ(Found(), "");
 }
 
+int g_openedFiles = 0;
+
+std::FILE* __cdecl CountFile(const wchar_t*, const wchar_t*, int) {
+  ++g_openedFiles;
+  return nullptr;
+}
+
+/// The library finds no configuration while somebody else has it open.
 TEST_F(ServiceInTheWayTest, IsOneThatStartsWhoseConfigurationIsLeftAlone) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("_wfsopen", &CountFile));
+  g_manager.state = SERVICE_START_PENDING;
+  EXPECT_EQ(Found(), "service_starting");
+  EXPECT_EQ(g_openedFiles, 0);
+}
+
+TEST_F(ServiceInTheWayTest, IsOneThatStartsUnlessItsProcessIsGone) {
   RemoveConfiguration();
   g_manager.state = SERVICE_START_PENDING;
   EXPECT_EQ(Found(), "service_starting");
@@ -242,6 +315,65 @@ TEST(ServingNoticeTest, IsMadeForAKeyOfAnyLength) {
   const HandshakeKey key{.path = L"SOFTWARE\\" + std::wstring(500, L'x')};
   const ServingNotice notice(Server::Service, key);
   EXPECT_EQ(WriterOf(key), Writer::Lives);
+}
+
+/// So much of a key as a name holds tells two of them apart.
+TEST(ServingNoticeTest, GoesByTheFirst200CharactersOfItsKey) {
+  const HandshakeKey root{.path = L""};
+  const std::size_t beginOfPath = root.Identity().size() + 1;
+  const HandshakeKey key{.path = std::wstring(201 - beginOfPath, L'X')};
+  HandshakeKey another = key;
+  another.path.back() = L'Y';
+  const ServingNotice notice(Server::Service, key);
+  EXPECT_EQ(WriterOf(another), Writer::Lives);
+  another.path[another.path.size() - 2] = L'Y';
+  EXPECT_EQ(WriterOf(another), Writer::Gone);
+}
+
+std::vector<std::wstring> g_names;
+
+HANDLE WINAPI RecordMutex(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR name) {
+  g_names.emplace_back(name);
+  ::SetLastError(ERROR_SUCCESS);
+  return nullptr;
+}
+
+/// The service has a session of its own.
+TEST(ServingNoticeTest, IsForAllSessionsAsTheClaimIs) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("CreateMutexW", &RecordMutex));
+  const HandshakeKey key{.path = L"SOFTWARE\\Corvel\\Test\\Notice"};
+  const ServingNotice service(Server::Service, key);
+  const ServingNotice commandLine(Server::CommandLine, key);
+  const CommandLineClaim claim;
+  EXPECT_THAT(g_names, AllOf(SizeIs(3), Each(StartsWith(L"Global\\"))));
+}
+
+// --- The claim of a command line -------------------------------------------------------------------------
+
+TEST(CommandLineClaimTest, GoesWithWhoeverHoldsIt) {
+  auto holder = std::make_unique<CommandLineClaim>();
+  EXPECT_FALSE(holder->WhoHoldsIt());
+  const CommandLineClaim another;
+  ASSERT_TRUE(another.WhoHoldsIt());
+  EXPECT_STREQ(another.WhoHoldsIt()->code, "already_running");
+  EXPECT_TRUE(FindFlashingCommandLine());
+  holder.reset();
+  EXPECT_FALSE(FindFlashingCommandLine());
+}
+
+HANDLE WINAPI MakeMutexAndSayNothing(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR) {
+  const DWORD before = ::GetLastError();
+  const HANDLE made = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  ::SetLastError(before);
+  return made;
+}
+
+TEST(CommandLineClaimTest, IsHeldWhateverFailedBefore) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("CreateMutexW", &MakeMutexAndSayNothing));
+  ::SetLastError(ERROR_GEN_FAILURE);
+  EXPECT_FALSE(CommandLineClaim().WhoHoldsIt());
 }
 
 HANDLE WINAPI DenyMutex(DWORD, BOOL, LPCWSTR) {

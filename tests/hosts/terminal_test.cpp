@@ -1,0 +1,79 @@
+// What the hosts do to the terminal that they run in, and what they hear from it.
+
+#include "hosts/common/terminal.h"
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "hosts/common/interruption.h"
+#include "simulator/import_patch.h"
+
+namespace hosts {
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr UINT kFormerCodePage = 850;
+std::vector<UINT> g_codePages;
+PHANDLER_ROUTINE g_handler = nullptr;
+std::vector<DWORD> g_sleeps;
+
+UINT WINAPI TellCodePage() {
+  return kFormerCodePage;
+}
+
+BOOL WINAPI TakeCodePage(UINT codePage) {
+  g_codePages.push_back(codePage);
+  return TRUE;
+}
+
+BOOL WINAPI TakeHandler(PHANDLER_ROUTINE handler, BOOL add) {
+  if (add) g_handler = handler;
+  return TRUE;
+}
+
+VOID WINAPI TakeSleep(DWORD milliseconds) {
+  g_sleeps.push_back(milliseconds);
+}
+
+TEST(Utf8TerminalTest, TakesUtf8UntilItIsGone) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("GetConsoleOutputCP", &TellCodePage));
+  ASSERT_TRUE(patch.Replace("SetConsoleOutputCP", &TakeCodePage));
+  {
+    const Utf8Terminal terminal;
+    EXPECT_THAT(g_codePages, ElementsAre(CP_UTF8));
+  }
+  EXPECT_THAT(g_codePages, ElementsAre(CP_UTF8, kFormerCodePage));
+}
+
+/// One test: what is final stays so.
+TEST(InterruptionTest, IsFinalWhenTheSystemEndsTheProgramBehindIt) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("SetConsoleCtrlHandler", &TakeHandler));
+  ASSERT_TRUE(patch.Replace("Sleep", &TakeSleep));
+  const Interruption interruption;
+  ASSERT_NE(g_handler, nullptr);
+  for (const DWORD event : {DWORD{CTRL_C_EVENT}, DWORD{CTRL_BREAK_EVENT}}) {
+    ::ResetEvent(interruption.Event());
+    // The system's own handler would end the program.
+    EXPECT_TRUE(g_handler(event));
+    EXPECT_EQ(::WaitForSingleObject(interruption.Event(), 0), static_cast<DWORD>(WAIT_OBJECT_0));
+    EXPECT_FALSE(interruption.IsFinal());
+    EXPECT_THAT(g_sleeps, ElementsAre());
+  }
+  ::ResetEvent(interruption.Event());
+  g_handler(CTRL_CLOSE_EVENT);
+  EXPECT_EQ(::WaitForSingleObject(interruption.Event(), 0), static_cast<DWORD>(WAIT_OBJECT_0));
+  EXPECT_TRUE(interruption.IsFinal());
+  EXPECT_THAT(g_sleeps, ElementsAre(INFINITE));
+}
+
+}  // namespace
+
+}  // namespace hosts

@@ -8,11 +8,13 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hosts/common/event_log.h"
 #include "hosts/common/flash_history.h"
 #include "hosts/common/job_record.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "hosts/service/service_control.h"
@@ -25,6 +27,7 @@
 namespace hosts {
 
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -109,6 +112,12 @@ class ManagedService {
     return *reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(m_Configuration.data());
   }
 
+  bool SetCommand(const std::wstring& command) const {
+    return ::ChangeServiceConfigW(m_Service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                  command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr) != FALSE;
+  }
+
   template <typename Info>
   const Info* Query(DWORD level) {
     DWORD needed = 0;
@@ -176,6 +185,7 @@ struct AskedFor {
   DWORD resetSeconds = 0;
   std::vector<SC_ACTION> actions;
   bool forErrorsToo = false;
+  std::wstring description;
 };
 AskedFor g_askedFor;
 
@@ -184,6 +194,9 @@ BOOL WINAPI RecordConfiguration(SC_HANDLE, DWORD level, void* info) {
     const auto* asked = static_cast<const SERVICE_FAILURE_ACTIONSW*>(info);
     g_askedFor.resetSeconds = asked->dwResetPeriod;
     g_askedFor.actions.assign(asked->lpsaActions, asked->lpsaActions + asked->cActions);
+  }
+  if (level == SERVICE_CONFIG_DESCRIPTION) {
+    g_askedFor.description = static_cast<const SERVICE_DESCRIPTIONW*>(info)->lpDescription;
   }
   if (level == SERVICE_CONFIG_FAILURE_ACTIONS_FLAG) {
     g_askedFor.forErrorsToo =
@@ -199,15 +212,143 @@ TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
   ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RecordConfiguration));
   EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
   EXPECT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
-  ASSERT_EQ(g_askedFor.actions.size(), 3u);
-  DWORD delay = 0;
+  std::vector<DWORD> delays;
   for (const SC_ACTION& action : g_askedFor.actions) {
     EXPECT_EQ(action.Type, SC_ACTION_RESTART);
-    EXPECT_GT(action.Delay, delay);
-    delay = action.Delay;
+    delays.push_back(action.Delay);
   }
-  EXPECT_GT(g_askedFor.resetSeconds, 0u);
+  EXPECT_THAT(delays, ElementsAre(5000u, 30000u, 60000u));
+  EXPECT_EQ(g_askedFor.resetSeconds, 24u * 60 * 60);
   EXPECT_TRUE(g_askedFor.forErrorsToo);
+  EXPECT_EQ(g_askedFor.description, L"Updates the firmware of the built-in cellular modem when asked to.");
+}
+
+/// What of a service's settings the manager refuses, and with which error.
+struct Refusal {
+  DWORD level = 0;
+  DWORD error = ERROR_SUCCESS;
+};
+Refusal g_refusal;
+
+BOOL WINAPI RefuseConfiguration(SC_HANDLE, DWORD level, void*) {
+  if (level != g_refusal.level) return TRUE;
+  ::SetLastError(g_refusal.error);
+  return FALSE;
+}
+
+TEST_F(InstallServiceTest, LeavesNoServiceThatLacksWhatItNeeds) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration));
+  const std::pair<DWORD, const char*> settings[] = {
+      {SERVICE_CONFIG_DESCRIPTION, "describe the service"},
+      {SERVICE_CONFIG_PRESHUTDOWN_INFO, "set the time limit of a shutdown"},
+      {SERVICE_CONFIG_FAILURE_ACTIONS, "set the failure actions"}};
+  for (const auto& [level, step] : settings) {
+    g_refusal = {.level = level, .error = ERROR_ACCESS_DENIED};
+    const ControlResult result = InstallService(false);
+    EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_STREQ(result.step, step);
+    EXPECT_FALSE(ManagedService().Exists()) << step;
+  }
+}
+
+TEST_F(InstallServiceTest, GoesWithoutARestartWhereTheManagerKnowsNone) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration));
+  g_refusal = {.level = SERVICE_CONFIG_FAILURE_ACTIONS, .error = ERROR_INVALID_LEVEL};
+  const ControlResult result = InstallService(false);
+  EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_STREQ(result.missing, "a restart after a failure");
+  EXPECT_TRUE(ManagedService().Exists());
+}
+
+TEST_F(InstallServiceTest, KnowsItsProgramInAnySpelling) {
+  ASSERT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+  std::wstring command = ManagedService().Configuration().lpBinaryPathName;
+  ::CharUpperW(command.data());
+  ASSERT_TRUE(ManagedService().SetCommand(command));
+  EXPECT_TRUE(IsInstalledLikeThis(false));
+  EXPECT_FALSE(IsInstalledLikeThis(true));
+}
+
+// --- A manager that the test plays -----------------------------------------------------------------------
+
+/// What it answers to a start, to a control and to each question for the state; the last answer stays.
+struct PlayedManager {
+  DWORD startError = ERROR_SUCCESS;
+  DWORD controlError = ERROR_SUCCESS;
+  std::vector<DWORD> states;
+};
+PlayedManager g_played;
+
+SC_HANDLE WINAPI OpenPlayedManager(LPCWSTR, LPCWSTR, DWORD) {
+  return reinterpret_cast<SC_HANDLE>(&g_played);
+}
+
+SC_HANDLE WINAPI OpenPlayedService(SC_HANDLE, LPCWSTR, DWORD) {
+  return reinterpret_cast<SC_HANDLE>(&g_played);
+}
+
+BOOL WINAPI ClosePlayedHandle(SC_HANDLE) {
+  return TRUE;
+}
+
+BOOL WINAPI StartPlayedService(SC_HANDLE, DWORD, LPCWSTR*) {
+  ::SetLastError(g_played.startError);
+  return g_played.startError == ERROR_SUCCESS;
+}
+
+BOOL WINAPI ControlPlayedService(SC_HANDLE, DWORD, SERVICE_STATUS*) {
+  ::SetLastError(g_played.controlError);
+  return g_played.controlError == ERROR_SUCCESS;
+}
+
+BOOL WINAPI TellState(SC_HANDLE, SC_STATUS_TYPE, LPBYTE buffer, DWORD, LPDWORD) {
+  auto& status = *reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
+  status = {};
+  status.dwCurrentState = g_played.states.front();
+  if (g_played.states.size() > 1) g_played.states.erase(g_played.states.begin());
+  return TRUE;
+}
+
+class PlayedManagerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    g_played = {};
+    ASSERT_TRUE(m_Patch.Replace("OpenSCManagerW", &OpenPlayedManager));
+    ASSERT_TRUE(m_Patch.Replace("OpenServiceW", &OpenPlayedService));
+    ASSERT_TRUE(m_Patch.Replace("CloseServiceHandle", &ClosePlayedHandle));
+    ASSERT_TRUE(m_Patch.Replace("StartServiceW", &StartPlayedService));
+    ASSERT_TRUE(m_Patch.Replace("ControlService", &ControlPlayedService));
+    ASSERT_TRUE(m_Patch.Replace("QueryServiceStatusEx", &TellState));
+  }
+
+ private:
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
+};
+
+TEST_F(PlayedManagerTest, StartSaysThatTheServiceIsStopping) {
+  g_played = {.startError = ERROR_SERVICE_ALREADY_RUNNING, .states = {SERVICE_STOP_PENDING}};
+  EXPECT_EQ(StartFlashService().error, static_cast<DWORD>(ERROR_SERVICE_CANNOT_ACCEPT_CTRL));
+}
+
+TEST_F(PlayedManagerTest, StartSaysThatTheServiceEndedAtOnce) {
+  g_played.states = {SERVICE_START_PENDING, SERVICE_STOPPED};
+  EXPECT_EQ(StartFlashService().error, static_cast<DWORD>(ERROR_SERVICE_NOT_ACTIVE));
+}
+
+TEST_F(PlayedManagerTest, StopWaitsForOneThatIsUnderWay) {
+  g_played = {.controlError = ERROR_SERVICE_CANNOT_ACCEPT_CTRL,
+              .states = {SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED}};
+  EXPECT_EQ(StopFlashService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+}
+
+TEST(NameOfStateTest, IsGivenToEachState) {
+  EXPECT_STREQ(NameOfState(SERVICE_STOPPED), "stopped");
+  EXPECT_STREQ(NameOfState(SERVICE_START_PENDING), "starting");
+  EXPECT_STREQ(NameOfState(SERVICE_STOP_PENDING), "stopping");
+  EXPECT_STREQ(NameOfState(SERVICE_RUNNING), "running");
+  EXPECT_STREQ(NameOfState(SERVICE_PAUSED), "in another state");
 }
 
 // --- Installing ------------------------------------------------------------------------------------------
@@ -241,6 +382,17 @@ TEST_F(ServiceTest, RegistersItsMessagesAsAnEventSource) {
   ASSERT_EQ(Service({L"install"}).exitCode, 0);
   const std::wstring file = TextValue(kEventSource, L"EventMessageFile");
   EXPECT_EQ(file, workspace.Service().wstring());
+  DWORD type = REG_NONE;
+  DWORD size = 0;
+  ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSource, L"EventMessageFile", RRF_RT_ANY | RRF_NOEXPAND, &type,
+                 nullptr, nullptr);
+  EXPECT_EQ(type, static_cast<DWORD>(REG_EXPAND_SZ));
+  DWORD types = 0;
+  size = sizeof types;
+  ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSource, L"TypesSupported", RRF_RT_REG_DWORD, nullptr, &types,
+                 &size);
+  EXPECT_EQ(types,
+            static_cast<DWORD>(EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE));
 }
 
 TEST_F(ServiceTest, IsNotInstalledTwice) {
@@ -313,12 +465,17 @@ struct WrittenEvent {
   WORD type = 0;
   DWORD id = 0;
   std::wstring insertion;
+  int releases = 0;
 };
 WrittenEvent g_written;
 
 HANDLE WINAPI RecordSource(LPCWSTR, LPCWSTR source) {
   g_written.source = source;
   return &g_written;
+}
+
+HANDLE WINAPI RefuseSource(LPCWSTR, LPCWSTR) {
+  return nullptr;
 }
 
 BOOL WINAPI RecordEvent(HANDLE, WORD type, WORD, DWORD id, PSID, WORD count, DWORD, LPCWSTR* texts, LPVOID) {
@@ -329,12 +486,14 @@ BOOL WINAPI RecordEvent(HANDLE, WORD type, WORD, DWORD id, PSID, WORD count, DWO
 }
 
 BOOL WINAPI ReleaseSource(HANDLE) {
+  ++g_written.releases;
   return TRUE;
 }
 
 class EventLogTest : public testing::Test {
  protected:
   EventLogTest() {
+    g_written = {};
     m_Patch.Replace("RegisterEventSourceW", &RecordSource);
     m_Patch.Replace("ReportEventW", &RecordEvent);
     m_Patch.Replace("DeregisterEventSource", &ReleaseSource);
@@ -350,6 +509,15 @@ TEST_F(EventLogTest, WritesAFailureAsAnErrorOfTheRegisteredSource) {
   EXPECT_EQ(g_written.type, EVENTLOG_ERROR_TYPE);
   EXPECT_EQ(g_written.id, static_cast<DWORD>(MSG_SERVICE_FAILED));
   EXPECT_EQ(g_written.insertion, L"a reason");
+  EXPECT_EQ(g_written.releases, 1);
+}
+
+TEST_F(EventLogTest, WritesNothingWhereThereIsNoLog) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("RegisterEventSourceW", &RefuseSource));
+  WriteEvent(MSG_SERVICE_FAILED, L"a reason");
+  EXPECT_EQ(g_written.id, 0u);
+  EXPECT_EQ(g_written.releases, 0);
 }
 
 TEST_F(EventLogTest, WritesStartAndStopAsInformation) {
@@ -417,6 +585,7 @@ TEST_F(ServiceTest, TellsItsVersionAndHelp) {
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_EQ(help.output, Service({L"--help"}).output);
   EXPECT_THAT(Service({L"help", L"install"}).output, HasSubstr("--start"));
+  EXPECT_EQ(Service({L"help", L"install", L"uninstall"}).output, Service({L"help", L"install"}).output);
   EXPECT_THAT(Service({L"install", L"--help"}).output, HasSubstr("--start"));
   EXPECT_EQ(Service({L"install", L"--help"}).exitCode, 0);
 }
@@ -688,6 +857,22 @@ TEST_F(ServiceTest, RunsInATerminalUntilItIsInterrupted) {
   ASSERT_TRUE(host.Says("Flash_Result 4 (succeeded), 100 %"));
   ASSERT_TRUE(host.Interrupt());
   EXPECT_EQ(host.WaitForEnd(), 0);
+  EXPECT_THAT(workspace.Content(L"CorvelFlashHistory.txt"), HasSubstr("\tconsole\t4\t100\t"));
+}
+
+TEST_F(ServiceTest, WarnsInATerminalBeforeItLetsAFlashBeInterrupted) {
+  workspace.MakeVirtualPc({"speed=1"});
+  ChildProcess host(workspace.Service(), {L"run", L"--console"});
+  ASSERT_TRUE(host.Says("Waiting for Fls_Ready"));
+  key.Write(L"Fls_Ready", 1);
+  ASSERT_TRUE(host.Says("Flash_Result 1 (flashing)"));
+  ASSERT_TRUE(host.Interrupt());
+  ASSERT_TRUE(host.Says("Press Ctrl+C once more"));
+  // It goes on: each change is still shown.
+  key.Write(L"Flash_Progress", 77);
+  ASSERT_TRUE(host.Says("77 %"));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 0);
 }
 
 TEST_F(ServiceTest, DoesNotRunInATerminalBesideTheService) {
@@ -702,6 +887,18 @@ TEST_F(ServiceTest, DoesNotRunInATerminalWithoutConfiguration) {
   const RunResult result = Service({L"run", L"--console"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.errors, HasSubstr("CorvelConfig.ini is missing"));
+}
+
+TEST_F(ServiceTest, SaysInATerminalWhyItCannotRun) {
+  {
+    const std::ifstream reader(workspace.File(L"CorvelConfig.ini"));
+    EXPECT_THAT(Service({L"run", L"--console"}).errors,
+                HasSubstr("CorvelConfig.ini cannot be read: another program has it open"));
+  }
+  workspace.PutProduct(L"virtual_pc_host.dll", L"CorvelToolKit.dll");
+  const RunResult result = Service({L"run", L"--console"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("CorvelToolKit.dll is of another version"));
 }
 
 }  // namespace

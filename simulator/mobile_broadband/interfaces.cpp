@@ -7,31 +7,20 @@
 #include "download/mobilebroadband.h"
 #include "simulator/mobile_broadband/automation.h"
 #include "simulator/mobile_broadband/service_object.h"
+#include "simulator/mobile_broadband/unplayed_calls.h"
 
 namespace simulator {
 
 namespace {
 
-class BroadbandInterface final : public ServiceObject<IMbnInterface> {
+class BroadbandInterface final : public UnplayedInterfaceCalls<ServiceObject<IMbnInterface>> {
  public:
   BroadbandInterface(Service service, std::wstring id)
-      : ServiceObject(std::move(service)), m_Id(std::move(id)) {}
+      : UnplayedInterfaceCalls(std::move(service)), m_Id(std::move(id)) {}
 
   HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* id) override {
     return HandOut("get_InterfaceID", id, [this] { return NewBstr(m_Id); });
   }
-  HRESULT STDMETHODCALLTYPE GetInterfaceCapability(MBN_INTERFACE_CAPS*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetSubscriberInformation(IMbnSubscriberInformation**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE GetReadyState(MBN_READY_STATE*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE InEmergencyMode(VARIANT_BOOL*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetHomeProvider(MBN_PROVIDER*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetPreferredProviders(SAFEARRAY**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE SetPreferredProviders(SAFEARRAY*, ULONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetVisibleProviders(ULONG*, SAFEARRAY**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE ScanNetwork(ULONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetConnection(IMbnConnection**) override { return E_NOTIMPL; }
 
  private:
   std::wstring m_Id;

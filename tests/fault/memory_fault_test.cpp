@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <mutex>
 #include <optional>
@@ -23,31 +22,24 @@
 #include <string_view>
 #include <vector>
 
-#include "hosts/common/text.h"
 #include "simulator/failing_allocations.h"
 #include "simulator/flash_image.h"
 #include "simulator/import_patch.h"
-#include "simulator/program/configuration.h"
-#include "simulator/program/session_key.h"
-#include "simulator/program/work_folder.h"
-#include "simulator/virtual_pc.h"
+#include "support/service_in_virtual_pc.h"
 
 using namespace simulator;
 
 namespace {
 
 using namespace std::chrono_literals;
-using RealClock = std::chrono::steady_clock;
 
-constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
-constexpr auto kPatience = 30s;
 // Not faster: a thread that has to wait for a processor must not miss the time limits of what it does.
 constexpr double kSpeed = 200;
 constexpr unsigned kBursts[] = {1, 2, 3, 10, 50, FailingAllocations::kForGood};
 /// So many allocations fail before memory comes back in a job that goes on meanwhile.
 constexpr unsigned kRefusalsUntilMemoryIsBack = 60;
 constexpr unsigned kPlacesPerBurst = 2;
-/// From this length on a burst takes long, for the service pauses behind each failure that it meets itself.
+/// From this length on a burst takes long: the service pauses after each failure that it meets itself.
 constexpr unsigned kLongBurst = 50;
 
 struct Options {
@@ -56,18 +48,6 @@ struct Options {
   std::optional<unsigned> step;
 };
 Options g_options;
-
-/// A modem that does everything quickly.
-ModemTiming QuickTiming() {
-  ModemTiming timing;
-  timing.leaving = 300ms;
-  timing.restarting = 300ms;
-  timing.openPort = 50ms;
-  timing.boot = 100ms;
-  timing.returning = 500ms;
-  timing.bytesPerSecond = 50'000'000;
-  return timing;
-}
 
 struct Burst {
   unsigned first;
@@ -105,7 +85,7 @@ std::vector<Burst> EveryNth(unsigned step, unsigned allocations) {
 }
 
 /// Counts how often the service begins to wait while nothing is asked for: with its job all done. It waits
-/// while something is asked for as well, when it begins anew after a lack of memory.
+/// while something is asked for as well, when it begins again after a lack of memory.
 class RoundsAtRest {
  public:
   static LSTATUS WINAPI Notify(HKEY key, BOOL subtree, DWORD filter, HANDLE event, BOOL asynchronous) {
@@ -132,8 +112,10 @@ class RoundsAtRest {
   static inline SessionKey* s_key = nullptr;
 };
 
-class LackOfMemory : public testing::Test {
+class LackOfMemory : public ServiceInVirtualPc {
  protected:
+  LackOfMemory() : ServiceInVirtualPc(L"memory") {}
+
   void SetUp() override {
     ::Setup setup;
     setup.route = g_options.route;
@@ -142,18 +124,17 @@ class LackOfMemory : public testing::Test {
     VirtualPcOptions options = PcOptions(setup, kSpeed, m_Folder);
     options.timing = QuickTiming();
     m_Pc.emplace(options);
-    const HMODULE product = m_Pc->LoadUnderSimulation(m_Folder / kLibrary);
-    ASSERT_NE(product, nullptr);
-    ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
+    ASSERT_TRUE(ServiceBegins());
+    const HMODULE product = ::GetModuleHandleW(kLibrary);
     // Never destroyed: the service goes on until the process ends.
     static FailingAllocations& allocations = *new FailingAllocations(product);
     ASSERT_TRUE(allocations.IsInPlace());
     static ImportPatch& patch = *new ImportPatch(product);
     RoundsAtRest::Watch(m_Key);
-    ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &RoundsAtRest::Notify));
+    patch.Replace("RegNotifyChangeKeyValue", &RoundsAtRest::Notify);
     // The present wait may know the function that it began with. A request that finds no images ends it.
     RoundsAtRest::Raise();
-    ASSERT_TRUE(Becomes([] { return RoundsAtRest::Count() > 0; })) << "the service does not wait anew";
+    ASSERT_TRUE(Becomes([] { return RoundsAtRest::Count() > 0; })) << "the service does not wait again";
   }
 
   /// One job on which allocations fail. @return its result.
@@ -182,22 +163,6 @@ class LackOfMemory : public testing::Test {
     EXPECT_EQ(m_Key.Read().result, Code(hosts::FlashResult::Succeeded));
     ExpectInModem(image);
     m_Pc->ClearJournal();
-  }
-
-  /// How often the service has begun to wait for a change of the key.
-  int Rounds() const {
-    const auto calls = m_Pc->PlatformCalls();
-    const auto found = calls.find("RegNotifyChangeKeyValue");
-    return found == calls.end() ? 0 : found->second;
-  }
-
-  static bool Becomes(const std::function<bool()>& condition) {
-    const auto end = RealClock::now() + kPatience;
-    while (!condition()) {
-      if (RealClock::now() > end) return false;
-      ::Sleep(2);
-    }
-    return true;
   }
 
  private:
@@ -230,10 +195,6 @@ class LackOfMemory : public testing::Test {
     EXPECT_TRUE(comparison.equal) << comparison.difference;
   }
 
-  const std::filesystem::path m_Folder = hosts::ProgramFolder();
-  SessionKey m_Key{L"Software\\Corvel\\Test\\memory-" + std::to_wstring(::GetCurrentProcessId()), false};
-  std::optional<ConfigurationFile> m_Configuration;
-  std::optional<VirtualPc> m_Pc;
   std::uint32_t m_Images = 0;
 };
 
@@ -278,16 +239,6 @@ bool Take(std::string_view word, std::string_view value, Options& options) {
   return true;
 }
 
-int RunInWorkFolder(int count, char** words) {
-  std::vector<std::wstring> arguments{L"--in-place"};
-  for (int i = 1; i < count; ++i) arguments.push_back(hosts::ToWide(words[i]));
-  const WorkFolder folder;
-  const ChildResult child = RunChild(folder.Program(), arguments, g_options.step ? 24h : 5min);
-  if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
-  if (child.exitCode > 1) std::printf("the process ended with 0x%lx\n", child.exitCode);
-  return child.exitCode == 0 ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int count, char** words) {
@@ -295,7 +246,7 @@ int main(int count, char** words) {
   bool inPlace = false;
   for (int i = 1; i < count; ++i) {
     const std::string_view word = words[i];
-    if (word == "--in-place") {
+    if (word == kInPlace) {
       inPlace = true;
       continue;
     }
@@ -306,5 +257,6 @@ int main(int count, char** words) {
     }
     if (word != "--log") ++i;
   }
-  return inPlace ? RUN_ALL_TESTS() : RunInWorkFolder(count, words);
+  if (inPlace) return RUN_ALL_TESTS();
+  return RunInWorkFolder(count, words, g_options.step ? 24h : 5min) == 0 ? 0 : 1;
 }

@@ -11,10 +11,8 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <functional>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,15 +20,11 @@
 #include <utility>
 #include <vector>
 
-#include "hosts/common/text.h"
 #include "simulator/import_patch.h"
-#include "simulator/program/configuration.h"
 #include "simulator/program/debug_log.h"
 #include "simulator/program/firmware_folder.h"
-#include "simulator/program/session_key.h"
-#include "simulator/program/work_folder.h"
-#include "simulator/virtual_pc.h"
 #include "support/handle_census.h"
+#include "support/service_in_virtual_pc.h"
 
 using namespace simulator;
 
@@ -39,25 +33,13 @@ namespace {
 using namespace std::chrono_literals;
 using RealClock = std::chrono::steady_clock;
 
-constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr auto kPatience = 60s;
 
-/// A modem that does everything quickly, so that a hundred flashes take little time.
-ModemTiming QuickTiming() {
-  ModemTiming timing;
-  timing.leaving = 300ms;
-  timing.restarting = 300ms;
-  timing.openPort = 50ms;
-  timing.boot = 100ms;
-  timing.returning = 500ms;
-  timing.bytesPerSecond = 50'000'000;
-  return timing;
-}
-
-/// The service in its virtual PC, and the controlling program in front of it.
-class SoakTest : public testing::Test {
+class SoakTest : public ServiceInVirtualPc {
  protected:
+  SoakTest() : ServiceInVirtualPc(L"soak") {}
+
   void Prepare(double speed, Route route = Route::At) {
     ::Setup setup;
     setup.route = route;
@@ -72,28 +54,12 @@ class SoakTest : public testing::Test {
 
   void StartService(double speed, Route route = Route::At) {
     Prepare(speed, route);
-    ASSERT_NE(m_Pc->LoadUnderSimulation(m_Folder / kLibrary), nullptr);
-    ASSERT_TRUE(Becomes([this] { return Rounds() > 0; })) << "the service does not begin to wait";
+    ASSERT_TRUE(ServiceBegins());
   }
 
-  /// How often the service has begun to wait for a change of the key.
-  int Rounds() const {
-    const auto calls = m_Pc->PlatformCalls();
-    const auto found = calls.find("RegNotifyChangeKeyValue");
-    return found == calls.end() ? 0 : found->second;
-  }
   /// How often the service saw the raised flag.
   std::ptrdiff_t CountRequestsHeard() const {
     return std::ranges::count(Log(), "\t flash flag changed to 1", &DebugRecord::message);
-  }
-
-  bool Becomes(const std::function<bool()>& condition) const {
-    const auto end = RealClock::now() + kPatience;
-    while (!condition()) {
-      if (RealClock::now() > end) return false;
-      ::Sleep(2);
-    }
-    return true;
   }
 
   /// One whole flash, up to the service's next wait.
@@ -106,11 +72,6 @@ class SoakTest : public testing::Test {
   }
 
   std::vector<DebugRecord> Log() const { return ReadDebugLog(m_Folder / kLogFile); }
-
-  const std::filesystem::path m_Folder = hosts::ProgramFolder();
-  SessionKey m_Key{L"Software\\Corvel\\Test\\soak-" + std::to_wstring(::GetCurrentProcessId()), false};
-  std::optional<ConfigurationFile> m_Configuration;
-  std::optional<VirtualPc> m_Pc;
 };
 
 // --- What the process holds ------------------------------------------------------------------------------
@@ -127,7 +88,7 @@ std::vector<DWORD> ThreadsOfThisProcess() {
   return threads;
 }
 
-/// The sizes of all blocks in use, in order. They lie outside of the heaps that they tell of.
+/// The sizes of all blocks in use, in order. They lie outside the heaps that they describe.
 struct HeapCensus {
   std::array<DWORD, 1 << 18> sizes;
   std::size_t count;
@@ -199,7 +160,7 @@ class HundredFlashes : public SoakTest {
     return !log.empty() && log.back().message == "\t WaitForSingleObject, wait registry to be changed...";
   }
 
-  /// Until the service has come to rest and the threads whose end nobody waits for are gone.
+  /// Until the service is idle and the threads whose end nobody waits for are gone.
   void ComeToRest() {
     ASSERT_TRUE(Becomes([this] { return IsAtRest(); }));
     Holdings last = Count();
@@ -353,7 +314,7 @@ TEST_F(Waiting, AFlagThatGoesUpBetweenTwoRoundsStartsTheJobAtOnce) {
   StartService(1);
   FlagBetweenRounds::s_key = &m_Key;
   ImportPatch patch(::GetModuleHandleW(kLibrary));
-  ASSERT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &FlagBetweenRounds::Notify));
+  patch.Replace("RegNotifyChangeKeyValue", &FlagBetweenRounds::Notify);
   // The present wait may know the function that it began with. A request that finds no images ends it.
   m_Key.Write(L"Fls_Ready", 1);
   ASSERT_TRUE(Becomes([this] { return m_Key.Read().ready == 0u && FlagBetweenRounds::s_rounds == 1; }));
@@ -373,21 +334,12 @@ TEST_F(Waiting, AnotherValueOfTheFlagStartsNothing) {
   EXPECT_EQ(m_Key.Read().ready, 2u);
 }
 
-int RunInWorkFolder(int count, char** words) {
-  std::vector<std::wstring> arguments{L"--in-place"};
-  for (int i = 1; i < count; ++i) arguments.push_back(hosts::ToWide(words[i]));
-  const WorkFolder folder;
-  const ChildResult child = RunChild(folder.Program(), arguments, 10min);
-  if (!child.ended) std::printf("the test did not come to an end and was stopped\n");
-  return static_cast<int>(child.exitCode);
-}
-
 }  // namespace
 
 int main(int count, char** words) {
   const bool inPlace =
-      std::any_of(words, words + count, [](std::string_view word) { return word == "--in-place"; });
-  if (!inPlace) return RunInWorkFolder(count, words);
+      std::any_of(words, words + count, [](std::string_view word) { return word == kInPlace; });
+  if (!inPlace) return static_cast<int>(RunInWorkFolder(count, words, 10min));
   testing::InitGoogleTest(&count, words);
   return RUN_ALL_TESTS();
 }

@@ -19,6 +19,7 @@
 #include "common/automation.h"
 #include "common/handles.h"
 #include "simulator/import_patch.h"
+#include "simulator/mobile_broadband/unplayed_calls.h"
 #include "support/lock_turns.h"
 #include "support/log_entry.h"
 #include "support/test_log.h"
@@ -80,7 +81,7 @@ class NamedDeviceService final : public IMbnDeviceService {
 };
 
 /// An interface that knows its id.
-class NamedInterface final : public IMbnInterface {
+class NamedInterface final : public simulator::UnplayedInterfaceCalls<IMbnInterface> {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
   ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
@@ -89,18 +90,6 @@ class NamedInterface final : public IMbnInterface {
     *id = ::SysAllocString(L"{interface}");
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE GetInterfaceCapability(MBN_INTERFACE_CAPS*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetSubscriberInformation(IMbnSubscriberInformation**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE GetReadyState(MBN_READY_STATE*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE InEmergencyMode(VARIANT_BOOL*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetHomeProvider(MBN_PROVIDER*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetPreferredProviders(SAFEARRAY**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE SetPreferredProviders(SAFEARRAY*, ULONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetVisibleProviders(ULONG*, SAFEARRAY**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE ScanNetwork(ULONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetConnection(IMbnConnection**) override { return E_NOTIMPL; }
 };
 
 template <typename T>
@@ -289,7 +278,7 @@ HANDLE WINAPI RecordEvent(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL 
 TEST_F(MbnSinkTest, ItsEventsAreUnnamedAndResetThemselves) {
   Sink().DeInitilazation();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateEventW", &RecordEvent));
+  patch.Replace("CreateEventW", &RecordEvent);
   g_eventRequests.clear();
   Sink().Initilazation();
   EXPECT_THAT(g_eventRequests, SizeIs(3));
@@ -315,8 +304,8 @@ BOOL WINAPI CountClosedHandle(HANDLE handle) {
 TEST_F(MbnSinkTest, AnEventThatCannotBeCreatedTakesThoseCreatedBeforeWithIt) {
   Sink().DeInitilazation();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateEventW", &CreateEventUntilNoneIsLeft));
-  ASSERT_TRUE(patch.Replace("CloseHandle", &CountClosedHandle));
+  patch.Replace("CreateEventW", &CreateEventUntilNoneIsLeft);
+  patch.Replace("CloseHandle", &CountClosedHandle);
   g_eventsToCreate = 2;
   g_closedHandles = 0;
   EXPECT_EQ(Sink().Initilazation(), static_cast<HRESULT>(0x80070008));
@@ -473,7 +462,8 @@ void* __cdecl NoMemoryForALongResponse(std::size_t size) {
 
 TEST_F(MbnSinkTest, AResponseThatThereIsNoMemoryForCountsAsEmptyAndSignals) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  if (!patch.Replace("malloc", &NoMemoryForALongResponse)) GTEST_SKIP() << "the runtime is linked in";
+  if (!patch.ReplaceIfImported("malloc", &NoMemoryForALongResponse))
+    GTEST_SKIP() << "the runtime is linked in";
   const UniqueSafeArray data = Bytes(std::vector<BYTE>(kLongResponse, 0x7E));
   EXPECT_EQ(Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_OK, 5), S_OK);
   EXPECT_THAT(Entries(),
@@ -645,7 +635,7 @@ TEST_F(MbnSinkClientTest, AnArrivingInterfaceIsNotPassedOnBelowMask128) {
   EXPECT_THAT(g_told, IsEmpty());
 }
 
-// The handlers that only log, and those that record besides
+// The handlers that only log, and those that record as well
 
 struct Handler {
   /// The method's.

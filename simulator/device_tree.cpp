@@ -123,6 +123,29 @@ Texts PresentInterfaces(Machine& machine, const GUID& interfaceClass) {
   return paths;
 }
 
+/// The interfaces of the modem and the driver, whether they are there or not.
+Texts InstalledInterfaces(const Machine& machine, const GUID& interfaceClass) {
+  if (IsEqualGUID(interfaceClass, kUdeFlashGuid)) return {RightUdePath(machine)};
+  if (IsEqualGUID(interfaceClass, kUdeControlGuid)) return {InterfacePath(kUdeId, kUdeControlClass)};
+  if (!IsEqualGUID(interfaceClass, kSerialGuid)) return {};
+  return {InterfacePath(kAtPortId, kSerialClass), FlashPortPath(machine)};
+}
+
+bool AreKnownInterfaceFlags(ULONG flags) {
+  return (flags & ~ULONG{CM_GET_DEVICE_INTERFACE_LIST_BITS}) == 0;
+}
+
+/// What a list of one class holds: all that was ever installed, or what is there now. The flag for what is
+/// there now is 0, so that no flag asks for it as well.
+Texts Interfaces(Machine& machine, const GUID& interfaceClass, ULONG flags) {
+  Texts paths = PresentInterfaces(machine, interfaceClass);
+  if ((flags & CM_GET_DEVICE_INTERFACE_LIST_ALL_DEVICES) == 0) return paths;
+  for (const std::wstring& path : InstalledInterfaces(machine, interfaceClass)) {
+    if (std::ranges::find(paths, path) == paths.end()) paths.push_back(path);
+  }
+  return paths;
+}
+
 std::size_t SizeOf(const Texts& texts) {
   std::size_t size = kSizeOfEmptyList;
   for (const auto& text : texts) size += text.size() + 1;
@@ -200,8 +223,9 @@ CONFIGRET WINAPI SimulatedInterfaceListSize(PULONG size, LPGUID interfaceClass, 
   if (!machine) return ::CM_Get_Device_Interface_List_SizeW(size, interfaceClass, id, flags);
   if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_List_SizeW")) return *error;
   if (interfaceClass == nullptr) return CR_INVALID_POINTER;
+  if (!AreKnownInterfaceFlags(flags)) return CR_INVALID_FLAG;
   return AnswerSize(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), size,
-                    PresentInterfaces(*machine, *interfaceClass));
+                    Interfaces(*machine, *interfaceClass, flags));
 }
 
 CONFIGRET WINAPI SimulatedInterfaceList(LPGUID interfaceClass, DEVINSTID_W id, PWSTR buffer, ULONG length,
@@ -210,8 +234,9 @@ CONFIGRET WINAPI SimulatedInterfaceList(LPGUID interfaceClass, DEVINSTID_W id, P
   if (!machine) return ::CM_Get_Device_Interface_ListW(interfaceClass, id, buffer, length, flags);
   if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_ListW")) return *error;
   if (interfaceClass == nullptr) return CR_INVALID_POINTER;
+  if (!AreKnownInterfaceFlags(flags)) return CR_INVALID_FLAG;
   return AnswerList(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), buffer, length,
-                    PresentInterfaces(*machine, *interfaceClass));
+                    Interfaces(*machine, *interfaceClass, flags));
 }
 
 /// A device's instance number: its place among the known ones, so that it stays the same.

@@ -21,8 +21,11 @@ TEST_F(ModemPresenceTest, ModemInItsNormalModeHasBothPorts) {
   tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\7&2");
   EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
   EXPECT_TRUE(LookForModem().atPort);
-  // A modem that was once there is no modem.
-  EXPECT_EQ(tree.LastFlags(), static_cast<ULONG>(CM_GETIDLIST_FILTER_PRESENT));
+}
+
+TEST_F(ModemPresenceTest, ModemThatWasOnceThereIsNone) {
+  tree.OnceHad(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&1");
+  EXPECT_EQ(LookForModem().mode, ModemMode::Absent);
 }
 
 TEST_F(ModemPresenceTest, BootLoader) {
@@ -62,6 +65,11 @@ TEST_F(ModemPresenceTest, ResetDriver) {
   EXPECT_FALSE(LookForModem().resetDriver);
   tree.HasInterface(kResetInterface, L"\\\\?\\UDE#1");
   EXPECT_TRUE(LookForModem().resetDriver);
+}
+
+TEST_F(ModemPresenceTest, ResetDriverThatWasOnceThereIsNone) {
+  tree.OnceHadInterface(kResetInterface, L"\\\\?\\UDE#1");
+  EXPECT_FALSE(LookForModem().resetDriver);
 }
 
 }  // namespace

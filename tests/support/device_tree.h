@@ -14,8 +14,10 @@
 
 #include "simulator/import_patch.h"
 
-/// A small device tree in the place of the system's. A device that was once installed and is absent gives
+/// A small device tree in place of the system's. A device that was once installed and is absent gives
 /// an empty list for its id, one that never was an error; the empty id locates the root, as in the system.
+/// Stays apart from the simulator's, whose devices follow from the modem's state: here a test names each
+/// device, counts the calls, and lets one arrive between two of them.
 class DeviceTree {
  public:
   /// @param module whose calls it answers.
@@ -45,11 +47,14 @@ class DeviceTree {
     m_Interfaces.push_back({interfaceClass, path});
   }
   void OnceHad(const std::wstring& id) { m_Absent.push_back(id); }
+  void OnceHadInterface(const GUID& interfaceClass, const std::wstring& path) {
+    m_AbsentInterfaces.push_back({interfaceClass, path});
+  }
   void LosesAllDevices() { m_Devices.clear(); }
   void LosesAllInterfaces() { m_Interfaces.clear(); }
   /// From now on the call answers with `error`.
   void Refuses(const std::string& call, CONFIGRET error) { m_Refused[call] = error; }
-  /// Runs once, right behind the next answer to a question for a list's length.
+  /// Runs once, right after the next answer that tells a list's length.
   void AfterTellingALength(std::function<void()> change) { m_AfterLength = std::move(change); }
 
   int Reenumerations() const { return m_Reenumerations; }
@@ -103,8 +108,8 @@ class DeviceTree {
     return CR_SUCCESS;
   }
 
-  static bool AsksForPresentInterfaces(const wchar_t* device, ULONG flags) {
-    return device == nullptr && flags == CM_GET_DEVICE_INTERFACE_LIST_PRESENT;
+  static bool AsksForAKnownList(const wchar_t* device, ULONG flags) {
+    return device == nullptr && (flags & ~ULONG{CM_GET_DEVICE_INTERFACE_LIST_BITS}) == 0;
   }
 
   void ToldALength() {
@@ -116,24 +121,34 @@ class DeviceTree {
     return ::_wcsnicmp(id.c_str(), prefix.c_str(), prefix.size()) == 0;
   }
 
-  std::vector<std::wstring> Ids() const {
+  std::vector<std::wstring> Ids(ULONG flags) const {
     std::vector<std::wstring> ids;
     for (const Device& device : m_Devices) ids.push_back(device.id);
+    if (flags != CM_GETIDLIST_FILTER_PRESENT) ids.insert(ids.end(), m_Absent.begin(), m_Absent.end());
     return ids;
   }
-  std::vector<std::wstring> Paths(const GUID& interfaceClass) const {
+  static bool AsksForAllIds(const wchar_t* filter, ULONG flags) {
+    return filter == nullptr && (flags == CM_GETIDLIST_FILTER_PRESENT || flags == CM_GETIDLIST_FILTER_NONE);
+  }
+  /// The interfaces that are present, by the flags those that once were as well: without a flag only present
+  /// ones are told, for CM_GET_DEVICE_INTERFACE_LIST_PRESENT is 0.
+  std::vector<std::wstring> Paths(const GUID& interfaceClass, ULONG flags) const {
     std::vector<std::wstring> paths;
-    for (const Interface& one : m_Interfaces) {
-      if (::IsEqualGUID(one.interfaceClass, interfaceClass)) paths.push_back(one.path);
-    }
+    const auto add = [&](const std::vector<Interface>& interfaces) {
+      for (const Interface& one : interfaces) {
+        if (::IsEqualGUID(one.interfaceClass, interfaceClass)) paths.push_back(one.path);
+      }
+    };
+    add(m_Interfaces);
+    if ((flags & CM_GET_DEVICE_INTERFACE_LIST_ALL_DEVICES) != 0) add(m_AbsentInterfaces);
     return paths;
   }
 
   static CONFIGRET WINAPI IdListSize(ULONG* length, const wchar_t* filter, ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_Device_ID_List_SizeW");
     if (answer != CR_SUCCESS) return answer;
-    if (filter != nullptr || flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
-    Tell(s_tree->Ids(), length);
+    if (!AsksForAllIds(filter, flags)) return CR_INVALID_FLAG;
+    Tell(s_tree->Ids(flags), length);
     s_tree->ToldALength();
     return CR_SUCCESS;
   }
@@ -145,8 +160,8 @@ class DeviceTree {
     tree.m_LastFilter = filter == nullptr ? L"" : filter;
     tree.m_LastFlags = flags;
     tree.m_LastBufferLength = length;
-    if (filter == nullptr && flags != CM_GETIDLIST_FILTER_PRESENT) return CR_INVALID_FLAG;
-    if (filter == nullptr) return Give(tree.Ids(), buffer, length);
+    if (AsksForAllIds(filter, flags)) return Give(tree.Ids(flags), buffer, length);
+    if (filter == nullptr) return CR_INVALID_FLAG;
 
     std::vector<std::wstring> ids;
     for (const Device& device : tree.m_Devices) {
@@ -161,8 +176,8 @@ class DeviceTree {
                                             ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_List_SizeW");
     if (answer != CR_SUCCESS) return answer;
-    if (!AsksForPresentInterfaces(device, flags)) return CR_INVALID_FLAG;
-    Tell(s_tree->Paths(*interfaceClass), length);
+    if (!AsksForAKnownList(device, flags)) return CR_INVALID_FLAG;
+    Tell(s_tree->Paths(*interfaceClass, flags), length);
     s_tree->ToldALength();
     return CR_SUCCESS;
   }
@@ -170,8 +185,8 @@ class DeviceTree {
   static CONFIGRET WINAPI InterfaceList(GUID* interfaceClass, wchar_t* device, wchar_t* buffer, ULONG length,
                                         ULONG flags) {
     const CONFIGRET answer = s_tree->Enter("CM_Get_Device_Interface_ListW");
-    if (!AsksForPresentInterfaces(device, flags)) return CR_INVALID_FLAG;
-    return answer == CR_SUCCESS ? Give(s_tree->Paths(*interfaceClass), buffer, length) : answer;
+    if (!AsksForAKnownList(device, flags)) return CR_INVALID_FLAG;
+    return answer == CR_SUCCESS ? Give(s_tree->Paths(*interfaceClass, flags), buffer, length) : answer;
   }
 
   static CONFIGRET WINAPI Locate(DEVINST* node, wchar_t* id, ULONG flags) {
@@ -217,6 +232,7 @@ class DeviceTree {
   simulator::ImportPatch m_Patch;
   std::vector<Device> m_Devices;
   std::vector<Interface> m_Interfaces;
+  std::vector<Interface> m_AbsentInterfaces;
   std::vector<std::wstring> m_Absent;
   std::map<std::string, CONFIGRET> m_Refused;
   std::map<std::string, int> m_Calls;

@@ -21,7 +21,7 @@ struct FakeNodeData {
 
 /// A document object model without documents, behind the interfaces of the real one, in the library's
 /// CoCreateInstance for as long as it lives. Reading shows a made-up document; what is written is forgotten.
-/// Every call succeeds until the test says otherwise.
+/// Every call succeeds until the test says otherwise. The simulator leaves documents to the system.
 class FakeDom {
  public:
   FakeDom();

@@ -16,6 +16,9 @@
 /// contents of the images that it is told of, and remembers every call with its arguments. Change its
 /// character while nobody is inside it.
 ///
+/// The simulator's library is a real one that writes into its modem's memory. This one answers by script and
+/// lists the calls, which is what tests of single calls, their order and their arguments ask for.
+///
 /// Functions are named without "_ZEMO_DL_" and "_ZEMO_". A key of `results` and `during` is such a name, or
 /// a whole call as `calls` shows it.
 class FakeFlashLibrary {

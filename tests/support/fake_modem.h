@@ -16,7 +16,8 @@
 #include "simulator/import_patch.h"
 
 /// Stands for the modem and the PC around it as the library sees them: the device tree, the driver that can
-/// pulse the reset line, and the AT port. Remembers what was done to it.
+/// pulse the reset line, and the AT port. Remembers what was done to it. The simulator's modem moves by a
+/// running clock; this one moves when a test says so, and a call that it answers costs no file and no thread.
 class FakeModem {
  public:
   enum class Mode { Absent, Normal, Flash };

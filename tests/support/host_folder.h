@@ -20,7 +20,7 @@ class HostFolder {
  public:
   explicit HostFolder(const std::wstring& suffix = L"") : m_Folder(suffix) {
     s_executable = m_Folder.File(L"host.exe");
-    EXPECT_TRUE(m_Patch.Replace("GetModuleFileNameW", &ModuleFileName));
+    m_Patch.Replace("GetModuleFileNameW", &ModuleFileName);
     CDebugLogger::SetLevel(3);
   }
   ~HostFolder() {

@@ -33,7 +33,7 @@ class JobBench : public FlashBench {
       };
     };
   }
-  /// The modem does not come back from its reset behind a download.
+  /// The modem does not come back from its reset after a download.
   void NeverComesBack() {
     library.during["force_target_reset"] = [this] { modem.Become(FakeModem::Mode::Absent); };
     modem.onReset = [] {};

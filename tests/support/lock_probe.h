@@ -40,7 +40,7 @@ class LockProbe {
     return m_Met;
   }
 
-  /// Runs `second` on another thread until it meets a lock or ends. For a caller that holds a lock by itself.
+  /// Runs `second` on another thread until it meets a lock or ends. For a caller that holds a lock itself.
   /// @return true when it met one. Call Join when the lock was given back.
   bool IsMetBy(std::function<void()> second) {
     m_Second = std::move(second);

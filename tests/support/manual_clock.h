@@ -7,7 +7,8 @@
 #include "simulator/import_patch.h"
 
 /// The library's clock: it moves only when the thread that made it sleeps. Other threads that sleep wait
-/// for it to pass, and are woken when it goes away.
+/// for it to pass, and are woken when it goes away. The simulator's clock runs with the real one, only
+/// faster: a test that reads exact times off needs one that stands still.
 class ManualClock {
  public:
   ManualClock() {

@@ -5,7 +5,7 @@
 #include "simulator/import_patch.h"
 #include "simulator/named_objects.h"
 
-/// Gives the library's named events and semaphores names of this process's own, for tests that run in
+/// Gives the library's named events and semaphores names of this process's own, because tests that run in
 /// parallel would wake each other by the real ones.
 class OwnNames {
  public:

@@ -6,6 +6,8 @@
 #include <string>
 
 /// A registry key of the test's own below HKEY_CURRENT_USER, not made at first, removed with all below it.
+/// The simulator's keys exist from the start and know the handshake's values alone; this one may be missing,
+/// and takes values of any name and type.
 class ScratchKey {
  public:
   ScratchKey() {
@@ -29,7 +31,7 @@ class ScratchKey {
     if (opened) ::RegCloseKey(key);
     return opened;
   }
-  /// The key, made if need be; the caller closes it.
+  /// The key, made if necessary; the caller closes it.
   HKEY Open() const {
     HKEY key = nullptr;
     ::RegCreateKeyExW(Root(), Path(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);

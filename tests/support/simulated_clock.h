@@ -23,8 +23,9 @@
 /// runs until it waits or ends, then the next; when all of them wait, the clock moves on to the end of the
 /// shortest wait. So the order of everything is the same in every run.
 ///
-/// The thread that makes the clock is one of those that take turns. Threads that the library did not start
-/// itself see real time.
+/// Stays apart from the simulator's clock, which keeps pace with the real one and leaves the order of threads
+/// to the system. The thread that makes this one is one of those that take turns. Threads that the library
+/// did not start itself see real time.
 class SimulatedClock {
   using Turn = std::unique_lock<std::mutex>;
 

@@ -10,7 +10,8 @@
 #include <string_view>
 #include <system_error>
 
-/// An empty folder of the test's own, removed with all it holds.
+/// An empty folder of the test's own, removed with all it holds. The simulator's work folder is for a run of
+/// a program, and has that program and its libraries copied in.
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::wstring& suffix = L"") {

@@ -62,6 +62,11 @@ TEST_F(DevicePresenceTest, TheThirdInterfaceOfTheModemIsNotTheModem) {
   EXPECT_THAT(log.Said(), ElementsAre("IsMBIMModemPresence ++", "IsMBIMModemPresence --"));
 }
 
+TEST_F(DevicePresenceTest, AModemThatIsNoLongerThereIsNotFound) {
+  tree.OnceHad(kMbimModem);
+  EXPECT_FALSE(ModemIsPresent());
+}
+
 TEST_F(DevicePresenceTest, AModemInMbimModeIsNoFlashPort) {
   tree.Has(kMbimModem);
   EXPECT_FALSE(FlashPortIsPresent());

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 
 #include "simulation_test.h"
@@ -10,6 +11,7 @@ constexpr wchar_t kModem[] = L"VID_1D5A&PID_0AC9&MI_00";
 constexpr wchar_t kFlashPort[] = L"VID_1D5A&PID_0ACC&MI_00";
 constexpr wchar_t kAtFilter[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";
 constexpr ULONG kFilterFlags = CM_GETIDLIST_FILTER_ENUMERATOR | CM_GETIDLIST_FILTER_PRESENT;
+constexpr ULONG kPresentInterfaces = CM_GET_DEVICE_INTERFACE_LIST_PRESENT;
 
 class DeviceTreeTest : public SimulationTest {
  protected:
@@ -111,9 +113,9 @@ TEST_F(DeviceTreeTest, QueriesFailAsOftenAsToldTo) {
   Start();
   ULONG size = 0;
   GUID serial = kSerialClass;
-  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, 0), CR_SUCCESS);
-  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, 0), CR_OUT_OF_MEMORY);
-  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, 0), CR_SUCCESS);
+  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, kPresentInterfaces), CR_SUCCESS);
+  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, kPresentInterfaces), CR_OUT_OF_MEMORY);
+  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, kPresentInterfaces), CR_SUCCESS);
 }
 
 TEST_F(DeviceTreeTest, AnEmptyInterfaceListHasSizeOne) {
@@ -121,8 +123,27 @@ TEST_F(DeviceTreeTest, AnEmptyInterfaceListHasSizeOne) {
   Start();
   ULONG size = 0;
   GUID flash = kUdeFlashClass;
-  EXPECT_EQ(platform.InterfaceListSize(&size, &flash, nullptr, 0), CR_SUCCESS);
+  EXPECT_EQ(platform.InterfaceListSize(&size, &flash, nullptr, kPresentInterfaces), CR_SUCCESS);
   EXPECT_EQ(size, 1u);
+}
+
+TEST_F(DeviceTreeTest, AnAbsentInterfaceIsInTheListOfAllAlone) {
+  Start();
+  const auto isFlashPort = [](const std::wstring& path) { return path.find(kFlashPort) != path.npos; };
+  EXPECT_TRUE(std::ranges::none_of(Interfaces(kSerialClass), isFlashPort));
+  const auto all = Interfaces(kSerialClass, CM_GET_DEVICE_INTERFACE_LIST_ALL_DEVICES);
+  EXPECT_EQ(std::ranges::count_if(all, isFlashPort), 1);
+}
+
+TEST_F(DeviceTreeTest, RefusesFlagsThatInterfaceListsDoNotHave) {
+  Start();
+  ULONG size = 0;
+  GUID serial = kSerialClass;
+  EXPECT_EQ(platform.InterfaceListSize(&size, &serial, nullptr, CM_GETIDLIST_FILTER_PRESENT),
+            CR_INVALID_FLAG);
+  std::array<wchar_t, 1024> list{};
+  EXPECT_EQ(platform.InterfaceList(&serial, nullptr, list.data(), 1024, CM_GETIDLIST_FILTER_PRESENT),
+            CR_INVALID_FLAG);
 }
 
 TEST_F(DeviceTreeTest, FlashPortHasItsPathAmongTheSerialPorts) {

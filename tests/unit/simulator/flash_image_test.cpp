@@ -2,19 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <process.h>
-
 #include <numeric>
+
+#include "support/temporary_folder.h"
 
 namespace simulator {
 
 TEST(FlashImageTest, ComesBackAsItWasWritten) {
-  const auto path =
-      std::filesystem::temp_directory_path() / ("flash_image_test_" + std::to_string(::_getpid()) + ".fls");
+  const TemporaryFolder folder;
+  const auto path = folder.Path() / L"image.fls";
   const FlashImage image = BuildImage(ModemImagePlan());
   ASSERT_TRUE(SaveImageFile(image, path));
   const auto loaded = LoadImageFile(path);
-  std::filesystem::remove(path);
   ASSERT_TRUE(loaded);
   EXPECT_EQ(loaded->file, image.file);
   ASSERT_EQ(loaded->items.size(), image.items.size());

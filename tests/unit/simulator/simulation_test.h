@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +11,7 @@
 #include "common/handles.h"
 #include "platform_calls.h"
 #include "simulator/virtual_pc.h"
+#include "support/temporary_folder.h"
 
 namespace simulator {
 
@@ -19,19 +19,14 @@ namespace simulator {
 class SimulationTest : public testing::Test {
  protected:
   SimulationTest() {
-    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    options.folder = std::filesystem::temp_directory_path() /
-                     (std::string("virtual_pc_test_") + std::to_string(::GetCurrentProcessId()) + "_" +
-                      test->test_suite_name() + "_" + test->name());
+    options.folder = folder.Path();
     options.speed = 1000;
     // A busy machine must not let a short-lived state pass unseen.
     options.timing.bootLoaderWindow = std::chrono::hours(1);
   }
-  ~SimulationTest() override {
-    pc.reset();
-    std::error_code error;
-    std::filesystem::remove_all(options.folder, error);
-  }
+
+  /// The PC takes its calls back out of the module, which has to be there still.
+  ~SimulationTest() override { pc.reset(); }
 
   void Start() {
     pc = std::make_unique<VirtualPc>(options);
@@ -67,11 +62,12 @@ class SimulationTest : public testing::Test {
     return false;
   }
 
-  std::vector<std::wstring> Interfaces(GUID interfaceClass) {
+  std::vector<std::wstring> Interfaces(GUID interfaceClass,
+                                       ULONG flags = CM_GET_DEVICE_INTERFACE_LIST_PRESENT) {
     ULONG size = 0;
-    EXPECT_EQ(platform.InterfaceListSize(&size, &interfaceClass, nullptr, 0), CR_SUCCESS);
+    EXPECT_EQ(platform.InterfaceListSize(&size, &interfaceClass, nullptr, flags), CR_SUCCESS);
     std::vector<wchar_t> list(size);
-    EXPECT_EQ(platform.InterfaceList(&interfaceClass, nullptr, list.data(), size, 0), CR_SUCCESS);
+    EXPECT_EQ(platform.InterfaceList(&interfaceClass, nullptr, list.data(), size, flags), CR_SUCCESS);
     return Split(list);
   }
 
@@ -87,6 +83,7 @@ class SimulationTest : public testing::Test {
   static constexpr GUID kUdeFlashClass{
       0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
 
+  TemporaryFolder folder;
   VirtualPcOptions options;
   std::unique_ptr<VirtualPc> pc;
   UniqueModule caller;

@@ -248,6 +248,22 @@ TEST_F(UdeIoControlTest, AnEmptyListFails) {
   EXPECT_EQ(tree.CallsOf("CM_Get_Device_Interface_ListW"), 0);
 }
 
+TEST_F(UdeIoControlTest, AnInterfaceThatIsNoLongerPresentIsNotAskedFor) {
+  tree.OnceHadInterface(kFlashInterface, L"gone");
+  EXPECT_FALSE(channel.OpenFlashDevice());
+  EXPECT_EQ(log.LevelOf("Error - No active device interfaces found"), "Error");
+}
+
+TEST_F(UdeIoControlTest, AnInterfaceThatIsNoLongerPresentIsNotFetched) {
+  HasFlashInterface();
+  tree.AfterTellingALength([this] {
+    tree.LosesAllInterfaces();
+    tree.OnceHadInterface(kFlashInterface, L"x");
+  });
+  EXPECT_TRUE(channel.OpenFlashDevice());
+  EXPECT_THAT(driver.TriedPaths(), IsEmpty());
+}
+
 TEST_F(UdeIoControlTest, ARefusedLengthFails) {
   tree.Refuses("CM_Get_Device_Interface_List_SizeW", CR_FAILURE);
   EXPECT_FALSE(channel.OpenFlashDevice());

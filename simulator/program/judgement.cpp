@@ -16,8 +16,19 @@ std::string Show(std::optional<std::uint32_t> value) {
   return value ? std::to_string(*value) : "absent";
 }
 
-bool Holds(const DebugRecord& record, const char* text) {
-  return record.message.find(text) != std::string::npos;
+bool IsDigit(char character) {
+  return character >= '0' && character <= '9';
+}
+
+/// A number that a text ends in is whole: "StatusText: 300" does not hold "StatusText: 30".
+bool Holds(const DebugRecord& record, std::string_view text) {
+  const std::string_view message = record.message;
+  const bool endsInNumber = !text.empty() && IsDigit(text.back());
+  for (auto at = message.find(text); at != std::string_view::npos; at = message.find(text, at + 1)) {
+    const std::string_view rest = message.substr(at + text.size());
+    if (!endsInNumber || rest.empty() || !IsDigit(rest.front())) return true;
+  }
+  return false;
 }
 
 bool Is(const DebugRecord& record, const LogText& text) {

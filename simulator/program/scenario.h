@@ -72,7 +72,7 @@ struct Setup {
 VirtualPcOptions PcOptions(const Setup& setup, double speed, const std::filesystem::path& folder);
 
 /// A text that a record of the debug log holds, and the level of that record: a trace, unless it is made by
-/// one of the functions below.
+/// one of the functions below. A number at its end is the whole number.
 class LogText {
  public:
   LogText(const char* text) : LogText(text, Level::Trace) {}
@@ -95,7 +95,7 @@ class LogText {
 LogText Error(const char* text);
 LogText Warning(const char* text);
 
-/// What has to come of it.
+/// The outcome that it must have.
 struct Expectation {
   /// At the end, when the library waits for the next request. "Fls_Ready" and "Retry_Times" included.
   hosts::Handshake values = {};

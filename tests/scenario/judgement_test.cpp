@@ -130,6 +130,23 @@ TEST_F(JudgementTest, FindsAForbiddenText) {
   EXPECT_THAT(Found(), ElementsAre(HasSubstr("must not hold \"second\"")));
 }
 
+TEST_F(JudgementTest, ANumberAtTheEndOfATextIsWhole) {
+  expected.log = {"text: 30", "text: 3"};
+  expected.once = {"text: 3"};
+  expected.forbidden = {"text: 5"};
+  Log({"text: 30, of 300", "text: 3", "text: 50"});
+  EXPECT_THAT(Found(), IsEmpty());
+  Log({"text: 300", "text: 3"});
+  EXPECT_THAT(Found(), ElementsAre("the log lacks Trace \"text: 30\""));
+}
+
+TEST_F(JudgementTest, FindsAWholeNumberBehindALongerOne) {
+  expected.log = {};
+  expected.forbidden = {"text: 5"};
+  Log({"text: 50, text: 5, and more"});
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("must not hold")));
+}
+
 TEST_F(JudgementTest, FindsProgressThatFalls) {
   Log({"first", "second", "\t WriteRegistry Flash_Progress: 7", "\t WriteRegistry Flash_Progress: 6"});
   EXPECT_THAT(Found(), ElementsAre("Flash_Progress went from 7 to 6"));

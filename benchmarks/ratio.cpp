@@ -39,7 +39,7 @@ Row Compare(const std::string& name, double bound, const std::function<void()>& 
   std::vector<double> floorTimes;
   std::vector<double> ratios;
   for (int round = 0; round < TheOptions().rounds; ++round) {
-    // Who goes second finds the memory warm, so they take turns at that as well.
+    // The second finds the memory warm, so they take turns at that as well.
     const bool floorFirst = round % 2 == 0;
     if (floorFirst) floorTimes.push_back(MillisecondsOf(floor));
     subjectTimes.push_back(MillisecondsOf(subject));

@@ -5,7 +5,7 @@ if(TARGET GTest::gmock_main)
   return()
 endif()
 
-set(GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources for who has no CMake package")
+set(GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources where there is no CMake package")
 if(NOT EXISTS ${GOOGLETEST_SOURCES}/CMakeLists.txt)
   message(FATAL_ERROR
     "GoogleTest is neither a CMake package nor in ${GOOGLETEST_SOURCES}. On Windows set VCPKG_ROOT: vcpkg installs it. "

@@ -11,7 +11,7 @@ function(link_library_from_package target)
     return()
   endif()
 
-  set(${library_FOLDER_VARIABLE} /usr/include CACHE PATH "Folder of headers for who has no CMake package of them")
+  set(${library_FOLDER_VARIABLE} /usr/include CACHE PATH "Folder of headers where there is no CMake package of them")
   set(from ${${library_FOLDER_VARIABLE}}/${library_HEADERS})
   if(NOT EXISTS ${from})
     message(FATAL_ERROR

@@ -20,7 +20,7 @@ class FailingAllocations {
   /// False when the module does not import even the process heap: nothing would ever fail.
   bool IsInPlace() const { return m_InPlace; }
 
-  /// Begins to count anew; the `first`-th allocation (from 1) and those behind it fail, `count` in all.
+  /// Begins to count again; the `first`-th allocation (from 1) and those after it fail, `count` in all.
   static void Fail(unsigned first, unsigned count);
   /// Memory is back.
   static void Restore();

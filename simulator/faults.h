@@ -39,12 +39,12 @@ struct ModemFaults {
   /// The flash port's ids and paths are in lower case.
   bool flashPortLowerCase = false;
 
-  /// Added to the way back to normal mode behind the forced reset.
+  /// Added to the way back to normal mode after the forced reset.
   std::chrono::milliseconds returnDelay{0};
-  /// Behind the forced reset the modem is away until the product has given up its re-arrival wait, and is
+  /// After the forced reset the modem is away until the product has given up its re-arrival wait, and is
   /// back at the look that follows: the product's last check finds it.
   bool returnsAtLastCheck = false;
-  /// Behind the forced reset the modem is away until it got that many baseband resets.
+  /// After the forced reset the modem is away until it got that many baseband resets.
   int returnsAfterResets = 0;
   bool neverReturns = false;
 

@@ -31,7 +31,7 @@ void WriteWord(std::span<std::uint8_t> bytes, std::size_t at, std::uint32_t valu
   for (std::size_t i = 0; i < 4; ++i) bytes[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
 
-/// The checksum covers the header in front of itself and the whole table.
+/// The checksum covers the header before itself and the whole table.
 std::uint32_t TableChecksum(std::span<const std::uint8_t> bytes, std::size_t tableEnd) {
   const std::uint32_t header = Crc32(bytes.first(kChecksumAt));
   return Crc32(bytes.subspan(kImageHeaderSize, tableEnd - kImageHeaderSize), header);

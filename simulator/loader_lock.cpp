@@ -20,7 +20,7 @@ Function OfSystem(const char* name) {
 LoaderLock::LoaderLock() {
   const auto lock = OfSystem<LockFunction>("LdrLockLoaderLock");
   if (lock == nullptr || lock(0, nullptr, &m_Cookie) < 0)
-    throw std::runtime_error("the loader lock is not to be had");
+    throw std::runtime_error("the loader lock cannot be taken");
 }
 
 LoaderLock::~LoaderLock() {

@@ -33,7 +33,7 @@ const char* NameOf(ModemState state);
 /// How long the modem takes, in virtual time.
 struct ModemTiming {
   Milliseconds leaving{3000};     ///< reboot command taken, still present
-  Milliseconds restarting{4000};  ///< away until the flash port comes, also behind a baseband reset
+  Milliseconds restarting{4000};  ///< away until the flash port comes, also after a baseband reset
   Milliseconds openPort{300};
   Milliseconds boot{1500};
   Milliseconds returning{6000};  ///< away until it is back in normal mode

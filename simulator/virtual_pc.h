@@ -59,7 +59,7 @@ class VirtualPc {
   /// Calls of the product to the replaced platform functions, by name.
   std::map<std::string, int> PlatformCalls() const;
   std::vector<JournalEntry> Journal() const;
-  /// Empties the journal, the list of Mobile Broadband calls and thereby the counts taken from them, so that
+  /// Empties the journal, the list of Mobile Broadband calls and with it the counts taken from them, so that
   /// long runs do not grow.
   void ClearJournal();
 

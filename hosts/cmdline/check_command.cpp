@@ -48,7 +48,7 @@ std::vector<Finding> LookAtModem() {
                         "Look at the device manager; a flash tries a baseband reset first.", "modem_absent"}};
 }
 
-/// Both, because neither knows of the other: they may flash at the same time.
+/// Both, because they do not know of each other: they may flash at the same time.
 std::vector<Finding> LookAtOtherHosts() {
   const auto found = [](const char* subject, const std::optional<Obstacle>& obstacle) {
     return obstacle ? Finding{subject, Verdict::Error, obstacle->message, obstacle->whatToDo, obstacle->code}

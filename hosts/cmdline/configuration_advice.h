@@ -7,7 +7,7 @@
 
 namespace hosts {
 
-/// Warnings about all in the file that the library will read otherwise than its writer may think. An error
+/// Warnings about all in the file that the library may read differently from what its writer meant. An error
 /// of the file, such as a missing folder, is not among them.
 std::vector<Finding> AdviseOnConfiguration(const LibraryConfiguration& configuration);
 

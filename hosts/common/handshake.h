@@ -62,7 +62,7 @@ enum class Writer { Lives, Gone };
 Handshake ReadHandshake(const HandshakeKey& key);
 std::vector<HandshakeLine> Describe(const Handshake& values, Writer writer = Writer::Lives);
 std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer = Writer::Lives);
-/// @return the Win32 error, 0 on success. Makes the key if need be.
+/// @return the Win32 error, 0 on success. Makes the key if necessary.
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value);
 /// @return the Win32 error of opening the key as the library does, or of making it where it is not there; 0
 /// when that can be done. Makes nothing itself.

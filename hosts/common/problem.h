@@ -12,7 +12,7 @@ struct Problem {
   std::string whatToDo;
 };
 
-/// The error object of a problem, with what else there is to tell behind it.
+/// The error object of a problem, followed by what else there is to tell.
 nlohmann::ordered_json AsJson(const Problem& problem,
                               const nlohmann::ordered_json& details = nlohmann::ordered_json::object());
 /// Prints a problem of a program: as a JSON error object on standard output, or in words on standard error.

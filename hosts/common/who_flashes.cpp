@@ -104,7 +104,7 @@ bool IsFile(const std::wstring& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
-/// The program of a command, as the system finds it: without quotation marks a path may go on behind a blank.
+/// The program of a command, as the system finds it: without quotation marks a path may go on after a blank.
 std::wstring ProgramOf(const std::wstring& command) {
   if (command.starts_with(L'"')) return command.substr(1, command.find(L'"', 1) - 1);
   std::size_t end = command.find(L' ');

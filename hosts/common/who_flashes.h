@@ -34,7 +34,7 @@ class CommandLineClaim {
   DWORD m_Error = ERROR_SUCCESS;
 };
 
-/// Another command line that flashes, for a program that makes no claim of its own; nothing when there is
+/// Another command line that flashes, for a program that makes no claim of its own; empty when there is
 /// none.
 std::optional<Obstacle> FindFlashingCommandLine();
 

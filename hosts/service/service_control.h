@@ -34,7 +34,7 @@ struct ServiceState {
 ControlResult InstallService(bool automatic);
 /// Whether the service is installed already as InstallService would do it.
 bool IsInstalledLikeThis(bool automatic);
-/// Stops the service if need be and removes all that installing made.
+/// Stops the service if necessary and removes all that installing made.
 ControlResult UninstallService();
 /// Starts the service and waits until it runs; ERROR_SERVICE_ALREADY_RUNNING when it did before.
 ControlResult StartFlashService();

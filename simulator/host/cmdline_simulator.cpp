@@ -1,4 +1,4 @@
-// Shows the command-line host flash a modem: corvel_cmdline.exe in a virtual PC, and behind it the modem's
+// Shows the command-line host flash a modem: corvel_cmdline.exe in a virtual PC, and after it the modem's
 // memory compared with the images, byte for byte.
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// What the command line does otherwise than the service. All that is not said here is the same: the
+// Where the command line differs from the service. All that is not said here is the same: the
 // scenarios' own table holds for both.
 
 #include "simulator/host/command_line_table.h"
@@ -108,7 +108,7 @@ struct Difference {
   std::optional<int> workersBack = std::nullopt;
   std::optional<Memory> memory = std::nullopt;
   std::optional<ModemState> modem = std::nullopt;
-  /// In the place of the whole lists.
+  /// In place of the whole lists.
   std::optional<std::vector<LogText>> log = std::nullopt;
   std::optional<std::vector<const char*>> forbidden = std::nullopt;
 };

@@ -8,11 +8,11 @@
 
 namespace simulator {
 
-/// What has to come of a scenario when the command line runs it.
+/// The outcome that a scenario must have when the command line runs it.
 struct CommandLineExpectation {
   unsigned long exitCode = 0;
   Expectation expected;
-  /// Why it is not what comes of the service; empty where only the texts differ.
+  /// Why it is not the service's outcome; empty where only the texts differ.
   std::string reason;
 };
 

@@ -8,7 +8,7 @@
 
 namespace simulator {
 
-/// What a run did otherwise than expected, a sentence each; empty when all expectations hold.
+/// How a run differed from what was expected, a sentence each; empty when all expectations hold.
 std::vector<std::string> Differences(const Expectation& expected, const SessionReport& report);
 
 }  // namespace simulator

@@ -119,7 +119,7 @@ std::vector<std::wstring> ArgumentsOf(const Command& command, const std::wstring
   return arguments;
 }
 
-/// What to tell of a child that did not end as it should; empty for one that did.
+/// What to say of a child that did not end as it should; empty for one that did.
 std::string TroubleOf(const ChildResult& child) {
   if (!child.ended) return "the virtual PC did not come to an end and was stopped";
   if (child.exitCode <= static_cast<DWORD>(ExitStatus::CouldNotRun)) return {};

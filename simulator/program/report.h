@@ -25,7 +25,7 @@ struct Outcome {
 
 std::string SummaryOf(const Outcome& outcome);
 nlohmann::ordered_json JsonOf(const Outcome& outcome);
-/// What stands in the place of a summary when there is none.
+/// What stands in place of a summary when there is none.
 nlohmann::ordered_json JsonOfError(const std::string& message);
 
 /// A file's name as the user of this machine knows it: under Wine the one of the system below.

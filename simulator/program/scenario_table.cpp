@@ -28,7 +28,7 @@ const Scenario* FindScenario(std::string_view name) {
 
 std::string WhyNoScenario(const std::string& name) {
   if (FindScenario(name) != nullptr) return {};
-  // The word behind an option without a value is the next option.
+  // The word after an option without a value is the next option.
   if (name.empty() || name.front() == '-') return "the name of a scenario is missing; --list shows them";
   return "no scenario is called " + name + "; --list shows them";
 }

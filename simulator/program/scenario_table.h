@@ -11,7 +11,7 @@ namespace simulator {
 
 const std::vector<Scenario>& Scenarios();
 const Scenario* FindScenario(std::string_view name);
-/// What to answer who asks for a scenario of this name; empty when there is one.
+/// The answer for somebody who asks for a scenario of this name; empty when there is one.
 std::string WhyNoScenario(const std::string& name);
 /// Groups in the order of the table.
 std::vector<std::string> ScenarioGroups();

@@ -25,7 +25,7 @@ class CDebugLogger {
 
   /// Names the log file (ANSI) and makes its folder, one level only; the next record creates the file.
   void SetFileName(const char* path);
-  /// Writes a finished text at the end of the file, opening it first when need be.
+  /// Writes a finished text at the end of the file, opening it first if necessary.
   void WriteText(const std::string& text);
 
   virtual ~CDebugLogger() = default;

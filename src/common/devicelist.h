@@ -24,7 +24,7 @@ inline constexpr ULONG kShortestFilledList = 2;
 /// How far the steps of getting a list came: ask its length, allocate, fetch.
 enum class DeviceListOutcome { Fetched, LengthRefused, Empty, NoMemory, ListRefused };
 
-/// A snapshot of a list of Configuration Manager. A list that grew between the question for its length and
+/// A snapshot of a list of Configuration Manager. A list that grew between asking its length and
 /// the fetch is refused (CR_BUFFER_SMALL); asking again is up to whoever polls.
 struct DeviceList {
   DeviceListOutcome outcome = DeviceListOutcome::LengthRefused;

@@ -17,7 +17,7 @@ class CFileIo {
   CFileIo& operator=(const CFileIo&) = delete;
   virtual ~CFileIo();
 
-  /// Opens an existing file for reading, or creates one anew (emptying it) for writing. Others may read.
+  /// Opens an existing file for reading, or creates one (emptying an old one) for writing. Others may read.
   HRESULT Open(const char* name, bool forWrite);
   /// Opens with the platform's own arguments; does not keep the name.
   HRESULT OpenEx(const char* name, DWORD access, DWORD shareMode, DWORD creation, DWORD flagsAndAttributes,

@@ -7,7 +7,7 @@
 inline constexpr DWORD kLackOfMemoryExitCode = 0xE0000008u;
 
 /// For std::set_terminate. What comes here could not be reported in any other way: ends the process, so that
-/// whoever watches over it starts it anew.
+/// whoever watches over it restarts it.
 [[noreturn]] inline void EndProcessForLackOfMemory() noexcept {
   ::TerminateProcess(::GetCurrentProcess(), kLackOfMemoryExitCode);
   // Not reached: ending the own process does not return.

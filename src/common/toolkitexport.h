@@ -1,6 +1,6 @@
 #pragma once
 
-// What a host needs besides these headers
+// What a host needs apart from these headers
 //
 // Library and host each link a C++ runtime of their own, statically or not. What crosses the border between
 // them are objects: the classes of the library (CTString, ToolKit, CMutex, CXMLFile, XML_NAME_VALUE), whose

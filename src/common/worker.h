@@ -16,7 +16,7 @@ UniqueHandle StartWorkerThread(std::function<void()> body, WorkerStack stack);
 
 /// Starts `body` on a thread of its own. The thread keeps this module loaded for as long as it runs, so a
 /// worker that nobody waits for any more may come back whenever it likes.
-/// @return the thread; empty, with the last error set, when it could not be started, be it for lack of
+/// @return the thread; empty, with the last error set, when it could not be started, even for lack of
 /// memory.
 template <typename Body>
 UniqueHandle StartWorker(Body body, WorkerStack stack = WorkerStack::AllocationGranularity) noexcept {

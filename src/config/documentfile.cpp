@@ -49,7 +49,7 @@ std::wstring NewLine(std::size_t depth) {
   return L"\n" + std::wstring(std::min(depth, kDeepestIndent) * kSpacesPerLevel, L' ');
 }
 
-/// Puts a line break in front of a child, or behind the last one.
+/// Puts a line break in front of a child, or after the last one.
 HRESULT BreakLine(IXMLDOMDocument* document, IXMLDOMNode* parent, IXMLDOMNode* child, std::size_t depth) {
   const OwnedBstr space{CTString(NewLine(depth))};
   ComPtr<IXMLDOMText> text;

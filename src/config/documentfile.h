@@ -19,7 +19,7 @@ inline constexpr const wchar_t* kFormattedEncoding = L"UTF-8";
 /// instruction, two spaces more per level, and a declaration of version 1.0 and UTF-8 in front.
 ///
 /// Nothing but white space changes, and of that only what cannot matter: an element that holds text of its
-/// own, that asks for xml:space="preserve", or that holds neither element nor comment stays as it is, with
+/// own, that asks for xml:space="preserve", or that holds no element and no comment stays as it is, with
 /// all that is in it. White space outside the root element stays, too. Lines below a depth of 40 are not
 /// indented further. `source` must have been loaded with its white space.
 HRESULT FormatDocument(IXMLDOMDocument* source, IXMLDOMDocument* target);

@@ -10,7 +10,7 @@ class CElementTree {
  public:
   using Store = std::map<std::wstring, std::wstring>;
 
-  /// Fills the store anew with each child node's name and text; of equal names the last one counts.
+  /// Refills the store with each child node's name and text; of equal names the last one counts.
   /// On failure the store is unchanged.
   HRESULT Read(IXMLDOMElement* element);
 

@@ -21,9 +21,9 @@ struct Slot {
 };
 NeverDestroyed<Slot> g_present;
 
-/// For whom a thread works: what the library reports on it belongs to that attempt, old or new. The slot is
-/// taken while the module is loaded. The language's own means may ask for memory on a thread's first touch,
-/// and end the process when there is none.
+/// The attempt a thread works for: what the library reports on it belongs to that attempt, old or new. The
+/// slot is taken while the module is loaded. The language's own means may ask for memory on a thread's first
+/// touch, and end the process when there is none.
 class AttemptOfThread {
  public:
   AttemptOfThread() noexcept : m_Slot(::TlsAlloc()) {}

@@ -93,7 +93,7 @@ UniqueBstr InterfaceIdOf(IMbnInterface* mbnInterface) {
 }  // namespace
 
 /// One call of a handler: counts as being inside the sink, and records what the notification brought. A
-/// retired sink records nothing, for what it hears may come after the last reader or meet a newer sink.
+/// retired sink records nothing: what it hears may come after the last reader or meet a newer sink.
 class CMbnSinks::Handling {
  public:
   explicit Handling(CMbnSinks& sink) : m_Sink(sink) { ++m_Sink.m_CallsInProgress; }
@@ -214,7 +214,7 @@ HRESULT CMbnSinks::QueryInterface(REFIID iid, void** object) {
   const auto* found = std::ranges::find_if(bases, [&](const auto& base) { return base.iid == iid; });
   *object = found == std::end(bases) ? nullptr : found->base;
   if (*object == nullptr) return E_NOINTERFACE;
-  // Who asks a retired sink is cutting it off: nothing is set any more.
+  // A caller who asks a retired sink cuts it off: nothing is set any more.
   if (iid == __uuidof(IUnknown) && !m_Retired) {
     LOG_TRACE("\t QueryInterface, set CMbnSinks as nofity object");
   }

@@ -56,7 +56,7 @@ struct MbnClientHooks {
   std::vector<BYTE> deviceServiceData;
 };
 
-/// The objects that notifications came with, for whoever is to give them up.
+/// The objects that notifications came with, for the one who is to give them up.
 using MbnKeptObjects = std::array<UniqueUnknown, 5>;
 
 inline constexpr ULONG kInterfaceArrivalNotification = 0x80;

@@ -18,5 +18,5 @@ bool IsFlashPortPresent();
 /// Asks Plug and Play to look at the whole device tree again; it does so on its own time.
 /// @return false, logged, when the tree's root was not found or the request was refused.
 bool ReenumerateDeviceTree();
-/// The same, with half a second before and after, for use behind a baseband reset.
+/// The same, with half a second before and after, for use after a baseband reset.
 void ReenumerateDeviceTreeAndSettle();

@@ -44,7 +44,7 @@ class CFirmwareDownloader {
   static bool IsFlashPortPresence();
   /// Asks Plug and Play to look at the whole device tree again. @return true when it was asked.
   static bool ScanForHardwareChanges();
-  /// The same, with half a second before and after, for use behind a baseband reset.
+  /// The same, with half a second before and after, for use after a baseband reset.
   static void ScanForHardwareChangesAndSettle();
 
   // Bringing the modem into flash mode.

@@ -23,7 +23,7 @@ class Progress {
   /// From now on an item with so many steps is written; nothing: none.
   void SetItem(std::optional<std::uint32_t> bars) { m_ItemBars = bars; }
 
-  /// Takes in an item's percentage, be it out of all bounds. @return nothing while no item is written.
+  /// Takes in an item's percentage, even one out of all bounds. @return nothing while no item is written.
   std::optional<Step> Report(int itemPercent);
 
   /// What was reported last of an item, scaled.

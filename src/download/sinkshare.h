@@ -6,7 +6,7 @@ class CMbnSinks;
 /// that was given up may still wait on the sink's events when the next attempt is here.
 ///
 /// Any thread may make and end shares. What the service does when it is released or disconnected may take as
-/// long as it likes, be it for ever: that holds up the one share whose end it is, and nobody else.
+/// long as it likes, even for ever: that holds up the one share whose end it is, and nobody else.
 class SinkShare {
  public:
   SinkShare();

@@ -41,7 +41,7 @@ struct CaughtExceptions {
 
 CaughtExceptions* OfThisThread() {
   char* const* blocks = nullptr;
-  // Read anew each time: the system moves a thread's table of blocks when a further module comes.
+  // Read again each time: the system moves a thread's table of blocks when a further module comes.
   __asm__ volatile("movq %%gs:0x58, %0" : "=r"(blocks));
   return reinterpret_cast<CaughtExceptions*>(blocks[_tls_index] +
                                              (reinterpret_cast<char*>(&t_template) - &_tls_start[0]));

@@ -37,7 +37,7 @@ void Detach(bool processEnds) {
     CConfigParser::ReleaseInstance();
   }
   CDebugLogger::ReleaseInstance();
-  // A record from a static object's destructor would create the log file anew, and empty.
+  // A record from a static object's destructor would create the log file again, and empty.
   CDebugLogger::ShutDown();
 }
 

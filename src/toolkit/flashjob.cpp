@@ -40,7 +40,7 @@ void SetResult(int code) {
   ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, code);
 }
 
-/// Loads the flashing library. No engine now, be it for lack of memory, does not stop the attempt: the worker
+/// Loads the flashing library. No engine now, even for lack of memory, does not stop the attempt: the worker
 /// asks again.
 void LoadEngine() {
   try {

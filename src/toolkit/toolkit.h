@@ -34,7 +34,7 @@ struct HKEY__;
 ///
 /// Threads: where nothing else is said, a function belongs to start-up and is called by one thread before
 /// Initialize or between two flashes of FirmwareFlash_CmdLine. common/toolkitexport.h tells what a host needs
-/// besides this header.
+/// apart from this header.
 class CORVEL_TOOLKIT_API ToolKit {
  public:
   /// The singleton, made on first use; null only when memory is exhausted. Owned by the library. Call it
@@ -102,7 +102,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   static bool MakeDirectory(const char* path);
 
   /// The system's message for a Win32 error as "Error code N: message", in the system's ANSI code page and
-  /// cut to what fits. Without a message of the system it ends behind the colon and blank.
+  /// cut to what fits. Without a message of the system it ends after the colon and blank.
   /// @return one process-wide buffer of 128 characters that each call overwrites; not for two threads at
   /// once.
   static const char* GetWin32ErrorStr(unsigned long error);
@@ -110,7 +110,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// The next token of a text; an empty one at the end, and for lack of memory. Any thread.
   /// @param text       any narrow text; null has no token.
   /// @param delimiters a set of characters; null gives no token.
-  /// @param position   in bytes, where to begin; moved behind the token and the delimiters after it, -1 at
+  /// @param position   in bytes, where to begin; moved past the token and the delimiters after it, -1 at
   /// the
   ///                   end. Left alone when it is negative or a text is null.
   static std::string Tokenize(const char* text, const char* delimiters, int& position);
@@ -144,7 +144,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// `root`, which does nothing to a predefined one, and leaves the sub-key open.
   /// @param type not used: any type is read.
   static int ReadRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* valueName, int type);
-  /// Writes one 32-bit value, making the key if need be. @return false when it could not be written.
+  /// Writes one 32-bit value, making the key if necessary. @return false when it could not be written.
   static bool WriteRegistry(HKEY__* root, const wchar_t* subKey, const wchar_t* valueName, int data);
   /// "Fls_Ready": 1 while the controlling program asks for a flash; -255 when it cannot be read.
   static int GetFlashReadyFlag(HKEY__* root, const wchar_t* subKey);
@@ -219,7 +219,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   static unsigned long mRetry_times;
   /// How many retries the download has spent on recovery. Set to 0 by each pass, counted by the download.
   static unsigned long g_retry_times;
-  /// Outcome of the last download attempt. Written by the download worker, read behind it by the job.
+  /// Outcome of the last download attempt. Written by the download worker, read after it by the job.
   static UpdateFirmwareResult mFlashResult;
   /// Whether the modem came back. Cleared by the job, set by the watcher.
   static bool m_MBIM_Modem_presence;

@@ -52,7 +52,7 @@ class DeviceRequest {
  public:
   enum class Start { Completed, Pending, Refused };
 
-  /// The driver gets a copy of `output`, for the caller's may be gone when it writes.
+  /// The driver gets a copy of `output`: the caller's may be gone when it writes.
   DeviceRequest(const void* output, std::uint32_t outputSize) : m_Memory(MakeMemory(output, outputSize)) {
     if (m_Memory == nullptr) {
       ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);

@@ -109,7 +109,7 @@ class CORVEL_TOOLKIT_API CXMLFile {
   /// The value of one attribute. @return 0x80004005 when the node has no such attribute.
   HRESULT GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName, CTString& value) noexcept;
   /// Looks, from the list's current position on, for a node whose attribute has the given value, and leaves
-  /// the list behind it. Nodes whose attribute is missing or cannot be read are passed over.
+  /// the list after it. Nodes whose attribute is missing or cannot be read are passed over.
   /// @return 0 also when there is none, and then `node` is null; 0x80004005 for an empty attribute name.
   HRESULT FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTString& attributeName,
                                      const CTString& value, IXMLDOMNode** node) noexcept;

@@ -96,7 +96,7 @@ std::optional<std::uint32_t> PeFile::AddressOfSymbol(const std::string& name) co
   const std::size_t texts = symbols + count * IMAGE_SIZEOF_SYMBOL;
   for (std::size_t i = 0; symbols != 0 && i < count; ++i) {
     const auto symbol = At<IMAGE_SYMBOL>(symbols + i * IMAGE_SIZEOF_SYMBOL);
-    // A long name lies behind the table; a short one of eight letters has no terminator.
+    // A long name lies after the table; a short one of eight letters has no terminator.
     const char* const shortName = reinterpret_cast<const char*>(symbol.N.ShortName);
     const bool isLong = symbol.N.Name.Short == 0;
     const std::string found = isLong ? TextAt(texts + symbol.N.Name.Long)

@@ -75,7 +75,7 @@ TEST_F(ControllerExampleTest, LeavesAFlashAloneWhenItsTimeIsUp) {
   EXPECT_EQ(key.Read().ready, 1u);
 }
 
-/// The request stands, so that the service recovers the modem when it is started anew.
+/// The request stands, so that the service recovers the modem when it is started again.
 TEST_F(ControllerExampleTest, SeesThatTheServiceDiedInTheMiddleOfAFlash) {
   key.Write(L"Time_Out", 500);
   ChildProcess controller(Program(), Arguments(L"600"));

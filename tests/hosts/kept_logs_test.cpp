@@ -170,7 +170,7 @@ TEST_F(KeptLogsTest, RemovesNoFileOfAnotherName) {
   EXPECT_EQ(Names().size(), others.size() + 5);
 }
 
-/// Opening it anew would empty it all the same.
+/// Opening it again would empty it all the same.
 TEST_F(KeptLogsTest, CopiesALogThatSomebodyReads) {
   WriteLog("evidence", At(11));
   const OwnedHandle reader(::CreateFileW(folder.File(kLog).c_str(), GENERIC_READ,

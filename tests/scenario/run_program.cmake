@@ -32,7 +32,7 @@ macro(look_at_help_and_refusals)
   run(0 --version)
   run(2 --bogus)
   run(2 --scenario no-such-scenario)
-  # A forgotten name is no name, also with another option behind it.
+  # A forgotten name is no name, also with another option after it.
   foreach(words "--scenario" "--scenario;--json" "--scenario;--keep;folder")
     run(2 ${words})
     if(NOT "${output}${errors}" MATCHES "--scenario: (1 required|the name of a scenario is missing)")

@@ -38,6 +38,22 @@ void LetItNeedAMissingLibrary(const std::filesystem::path& library) {
   file << "MISSING7.dll";
 }
 
+/// Takes the underscores from the names that a flashing library exports. They stay in their order.
+void ExportWithoutUnderscores(const std::filesystem::path& library) {
+  std::string bytes;
+  {
+    std::ifstream file(library, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  const std::string begin(1, '\0');
+  for (std::size_t at = bytes.find(begin + "_ZEMO_"); at != std::string::npos;
+       at = bytes.find(begin + "_ZEMO_", at + 1)) {
+    const std::size_t end = bytes.find('\0', at + 1);
+    bytes.erase(at + 1, 1).insert(end - 1, 1, '\0');
+  }
+  std::ofstream(library, std::ios::binary) << bytes;
+}
+
 /// What "check --json" found.
 class Findings {
  public:
@@ -339,6 +355,15 @@ TEST_F(CheckTest, FlashingLibraryWithoutItsExports) {
                   "_ZEMO_DL_TOC_get_memory_class, _ZEMO_DL_TOC_get_nof_items, "
                   "_ZEMO_DL_out_of_session_comm",
               "Install the version that belongs to this program.");
+}
+
+TEST_F(CheckTest, FlashingLibraryWhoseExportsHaveNoUnderscore) {
+  ExportWithoutUnderscores(workspace.File(L"Firmwareflashdownload.dll"));
+  const OwnedModule library(
+      ::LoadLibraryExW(workspace.File(L"Firmwareflashdownload.dll").c_str(), nullptr, 0));
+  ASSERT_NE(library, nullptr);
+  ASSERT_EQ(::GetProcAddress(library.get(), "_ZEMO_DL_boot_target"), nullptr);
+  EXPECT_EQ(Check().Verdict("flashing library"), "ok");
 }
 
 TEST_F(CheckTest, RegistryKeyThatCannotBeMade) {

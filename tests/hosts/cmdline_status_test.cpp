@@ -109,6 +109,16 @@ TEST_F(StatusTest, PrintsTheSameForPeople) {
   EXPECT_THAT(result.output, HasSubstr("Modem:       absent, reset driver absent"));
 }
 
+TEST_F(StatusTest, PrintsTheModemsPartsAndWhatIsMissing) {
+  workspace.MakeVirtualPc();
+  workspace.RemoveLine("[ModemAndNVMFirmwareFolder]=");
+  EXPECT_THAT(RunHost({L"status"}).output,
+              HasSubstr("Modem:       MBIM (normal), AT port present, reset driver present\r\n"
+                        "Folder:      (not configured)\r\n"
+                        "Modem image: -\r\n"
+                        "NVM image:   -\r\n"));
+}
+
 TEST_F(StatusTest, ShowsTheKeyOfTheServiceWhenAsked) {
   const simulator::KeptKey serviceKey(
       {.root = HKEY_CURRENT_USER,
@@ -135,14 +145,21 @@ TEST_F(StatusTest, WatchPrintsALineOfJsonPerChangeUntilItIsInterrupted) {
   ASSERT_TRUE(watcher.Says("\"11 % of the images are written\""));
   key.Write(L"Flash_Progress", 12);
   ASSERT_TRUE(watcher.Says("\"12 % of the images are written\""));
+  // The folder announces nothing.
+  std::filesystem::remove(workspace.NvmImage());
+  ASSERT_TRUE(watcher.Says("\"nvm\":\"\""));
   ASSERT_TRUE(watcher.Interrupt());
   EXPECT_EQ(watcher.WaitForEnd(), 5);
 
   std::istringstream lines(watcher.Output());
-  int documents = 0;
-  for (std::string line; std::getline(lines, line); ++documents)
+  std::vector<std::string> documents;
+  for (std::string line; std::getline(lines, line); documents.push_back(line)) {
     EXPECT_TRUE(Document(line).is_object()) << line;
-  EXPECT_GE(documents, 3);
+    if (!documents.empty()) {
+      EXPECT_NE(line, documents.back());
+    }
+  }
+  EXPECT_GE(documents.size(), 4u);
 }
 
 }  // namespace

@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
+#include "hosts/common/owners.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
@@ -106,6 +110,9 @@ INSTANTIATE_TEST_SUITE_P(
                     "Remove the line, or begin it with \";\" if it is a comment."},
         WarningCase{"KeyOfNoLetters", "=1\r\n", "unknown_key",
                     "line 3: \"\" is no key: the line does not count",
+                    "Remove the line, or begin it with \";\" if it is a comment."},
+        WarningCase{"KeyWithWhatNoTerminalShouldBeSent", "Colour\x7F\x9F\xA0=blue\r\n", "unknown_key",
+                    "line 3: \"Colour\\x7F\\x9F\xC2\xA0\" is no key: the line does not count",
                     "Remove the line, or begin it with \";\" if it is a comment."},
         WarningCase{"SmallLetters", "[tracelevel]=1\r\n", "inexact_key",
                     "line 3: \"[tracelevel]\" is not exactly [TraceLevel]: the line does not count",
@@ -313,6 +320,30 @@ TEST(LibraryConfigurationTest, KeyAndValueEndAtAZero) {
 TEST(LibraryConfigurationTest, IsNothingWithoutAFile) {
   const TemporaryFolder folder;
   EXPECT_FALSE(LibraryConfiguration::Read(folder.File(std::wstring(L"CorvelConfig.ini"))).has_value());
+}
+
+/// The library does not read it either.
+TEST(LibraryConfigurationTest, IsNothingWhileSomebodyElseHasItOpen) {
+  const TemporaryFolder folder;
+  const std::wstring path = folder.Write(std::wstring(L"CorvelConfig.ini"), "T\r\n[A]=1\r\n");
+  for (const DWORD access : {DWORD{GENERIC_READ}, DWORD{GENERIC_WRITE}}) {
+    const OwnedHandle other(::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    EXPECT_FALSE(LibraryConfiguration::Read(path).has_value());
+  }
+  EXPECT_TRUE(LibraryConfiguration::Read(path).has_value());
+}
+
+TEST(LibraryConfigurationTest, KnowsFiveRootsAndTakesTheLocalMachineForAnyOther) {
+  const std::pair<const char*, HKEY> roots[] = {{"HKLM", HKEY_LOCAL_MACHINE}, {"HKU", HKEY_USERS},
+                                                {"HKCU", HKEY_CURRENT_USER},  {"HKCR", HKEY_CLASSES_ROOT},
+                                                {"HCC", HKEY_CURRENT_CONFIG}, {"HKCC", HKEY_LOCAL_MACHINE}};
+  for (const auto& [name, root] : roots) {
+    const HandshakeKey key =
+        FileOf(std::string("T\r\n[RegistryLocation]=") + name + "\\A\\B\r\n").ServiceKey();
+    EXPECT_EQ(key.root, root) << name;
+    EXPECT_EQ(key.path, L"A\\B") << name;
+  }
 }
 
 BOOL WINAPI FailToRead(HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {

@@ -34,6 +34,24 @@ TEST_F(ModemPresenceTest, BootLoader) {
   EXPECT_FALSE(LookForModem().atPort);
 }
 
+/// A list may still hold what is just leaving.
+TEST_F(ModemPresenceTest, NormalModeCountsBesideTheBootLoader) {
+  tree.Has(L"USB\\VID_1D5A&PID_0ACC&MI_00\\7&1");
+  tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&2");
+  EXPECT_EQ(LookForModem().mode, ModemMode::Mbim);
+}
+
+TEST(ModemModeTest, HasANameForPeopleAndOneForPrograms) {
+  EXPECT_STREQ(NameOf(ModemMode::Mbim), "MBIM (normal)");
+  EXPECT_STREQ(NameOf(ModemMode::FlashPort), "flash port (boot loader)");
+  EXPECT_STREQ(NameOf(ModemMode::AtPortOnly), "AT port only");
+  EXPECT_STREQ(NameOf(ModemMode::Absent), "absent");
+  EXPECT_STREQ(TokenOf(ModemMode::Mbim), "mbim");
+  EXPECT_STREQ(TokenOf(ModemMode::FlashPort), "flash_port");
+  EXPECT_STREQ(TokenOf(ModemMode::AtPortOnly), "at_port");
+  EXPECT_STREQ(TokenOf(ModemMode::Absent), "absent");
+}
+
 TEST_F(ModemPresenceTest, AtPortAlone) {
   tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\7&2");
   EXPECT_EQ(LookForModem().mode, ModemMode::AtPortOnly);
@@ -59,6 +77,21 @@ TEST_F(ModemPresenceTest, ListThatCannotBeHad) {
   tree.Has(L"USB\\VID_1D5A&PID_0AC9&MI_00\\7&1");
   tree.Refuses("CM_Get_Device_ID_List_SizeW", CR_FAILURE);
   EXPECT_EQ(LookForModem().mode, ModemMode::Absent);
+}
+
+ULONG g_interfaceFlags = 0;
+
+CONFIGRET WINAPI RecordInterfaceFlags(PULONG length, LPGUID, DEVINSTID_W, ULONG flags) {
+  g_interfaceFlags = flags;
+  *length = 1;
+  return CR_SUCCESS;
+}
+
+TEST_F(ModemPresenceTest, ResetDriverThatWasOnceThereIsNone) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("CM_Get_Device_Interface_List_SizeW", &RecordInterfaceFlags));
+  EXPECT_FALSE(LookForModem().resetDriver);
+  EXPECT_EQ(g_interfaceFlags, static_cast<ULONG>(CM_GET_DEVICE_INTERFACE_LIST_PRESENT));
 }
 
 TEST_F(ModemPresenceTest, ResetDriver) {

@@ -14,9 +14,11 @@ namespace hosts {
 
 using testing::AllOf;
 using testing::Each;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
+using testing::StartsWith;
 
 namespace {
 
@@ -129,6 +131,59 @@ TEST_F(TerminalTest, IsDrawnInItsWholeWidthAlsoAfterItWasNarrowed) {
   EXPECT_THAT(g_terminal.drawn[0], AllOf(SizeIs(100), HasSubstr("\rwriting            [######")));
   EXPECT_THAT(g_terminal.drawn[1], AllOf(SizeIs(40), HasSubstr("\rwriting             40 %  0 s")));
   EXPECT_THAT(g_terminal.drawn, Each(Not(HasSubstr("\n"))));
+}
+
+Handshake ValuesOf(FlashResult result, std::uint32_t progress) {
+  Handshake values;
+  values.timeOut = 153000;
+  values.onGoing = 1;
+  values.progress = progress;
+  values.result = static_cast<std::uint32_t>(result);
+  return values;
+}
+
+TEST_F(TerminalTest, ShowsTheStageOfAJob) {
+  ProgressLine line(false);
+  for (const Handshake& values :
+       {Handshake{}, ValuesOf(FlashResult::Idle, 0), ValuesOf(FlashResult::Flashing, 0),
+        ValuesOf(FlashResult::Flashing, 1), ValuesOf(FlashResult::Retrying, 99),
+        ValuesOf(FlashResult::Retrying, 100), ValuesOf(FlashResult::Flashing, 250),
+        ValuesOf(FlashResult::Succeeded, 100), ValuesOf(FlashResult::Failed, 100)}) {
+    line.Show(values);
+  }
+  EXPECT_THAT(g_terminal.drawn,
+              ElementsAre(StartsWith("\rwaiting to begin   ["), StartsWith("\rwaiting to begin   ["),
+                          StartsWith("\rinto flash mode    ["), StartsWith("\rwriting            ["),
+                          StartsWith("\rpausing to retry   ["), StartsWith("\rawaiting the modem ["),
+                          AllOf(StartsWith("\rawaiting the modem ["), HasSubstr("] 100 %  attempt 2")),
+                          AllOf(StartsWith("\rflashed            ["), Not(HasSubstr("limit"))),
+                          AllOf(StartsWith("\rfailed             ["), Not(HasSubstr("limit")))));
+}
+
+TEST_F(TerminalTest, CountsAnAttemptThatNobodySawBegin) {
+  ProgressLine line(false);
+  line.Show(ValuesOf(FlashResult::Retrying, 0));
+  line.Show(ValuesOf(FlashResult::Flashing, 0));
+  line.Show(ValuesOf(FlashResult::Flashing, 1));
+  EXPECT_EQ(line.Attempts(), 2);
+  EXPECT_THAT(g_terminal.drawn.back(), HasSubstr("attempt 2  0 s, limit in 153 s"));
+}
+
+TEST_F(TerminalTest, IsLeftAloneByAQuietOne) {
+  ProgressLine line(true);
+  line.Show(ValuesOf(FlashResult::Flashing, 1));
+  EXPECT_THAT(g_terminal.drawn, SizeIs(0));
+  EXPECT_EQ(line.Attempts(), 1);
+}
+
+TEST_F(TerminalTest, HasItsLineEndedOnce) {
+  testing::internal::CaptureStderr();
+  ProgressLine line(false);
+  line.Finish();
+  line.Show({});
+  line.Finish();
+  line.Finish();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n");
 }
 
 TEST_F(TerminalTest, OfAnUnknownWidthIsTakenForOneOfEightyColumns) {

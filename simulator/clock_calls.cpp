@@ -13,7 +13,6 @@ namespace {
 void WINAPI SimulatedSleep(DWORD milliseconds) {
   const auto machine = CurrentMachine();
   if (!machine) return ::Sleep(milliseconds);
-  machine->BeginPlatformCall("Sleep");
   const working_threads::Rest rest;
   machine->clock.WaitInSlices(milliseconds, [](DWORD real) {
     ::Sleep(real);
@@ -36,10 +35,6 @@ DWORD WINAPI SimulatedSleepEx(DWORD milliseconds, BOOL alertable) {
 DWORD WINAPI SimulatedWait(HANDLE handle, DWORD milliseconds) {
   const auto machine = CurrentMachine();
   if (!machine) return ::WaitForSingleObject(handle, milliseconds);
-  if (const auto error = machine->BeginPlatformCall("WaitForSingleObject")) {
-    ::SetLastError(*error);
-    return WAIT_FAILED;
-  }
   // What is there already is no wait, and takes no virtual time.
   DWORD result = ::WaitForSingleObject(handle, 0);
   if (result != WAIT_TIMEOUT) return result;
@@ -70,10 +65,6 @@ BOOL WINAPI SimulatedOverlappedResult(HANDLE file, LPOVERLAPPED overlapped, LPDW
                                       BOOL alertable) {
   const auto machine = CurrentMachine();
   if (!machine) return ::GetOverlappedResultEx(file, overlapped, bytes, milliseconds, alertable);
-  if (const auto error = machine->BeginPlatformCall("GetOverlappedResultEx")) {
-    ::SetLastError(*error);
-    return FALSE;
-  }
   const working_threads::Rest rest;
   BOOL result = FALSE;
   machine->clock.WaitInSlices(milliseconds, [&](DWORD real) {

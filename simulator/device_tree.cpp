@@ -201,7 +201,6 @@ CONFIGRET Choose(Machine& machine, PCWSTR filter, ULONG flags, Texts& ids) {
 CONFIGRET WINAPI SimulatedIdListSize(PULONG size, PCWSTR filter, ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Get_Device_ID_List_SizeW(size, filter, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Get_Device_ID_List_SizeW")) return *error;
   Texts ids;
   if (const CONFIGRET result = Choose(*machine, filter, flags, ids); result != CR_SUCCESS) return result;
   return AnswerSize(*machine, machine->options.faults.tree.deviceIds, "device ids", size, ids);
@@ -210,7 +209,6 @@ CONFIGRET WINAPI SimulatedIdListSize(PULONG size, PCWSTR filter, ULONG flags) {
 CONFIGRET WINAPI SimulatedIdList(PCWSTR filter, PWSTR buffer, ULONG length, ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Get_Device_ID_ListW(filter, buffer, length, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Get_Device_ID_ListW")) return *error;
   Texts ids;
   if (const CONFIGRET result = Choose(*machine, filter, flags, ids); result != CR_SUCCESS) return result;
   if ((flags & CM_GETIDLIST_FILTER_ENUMERATOR) != 0) return Deliver(ids, buffer, length);
@@ -221,7 +219,6 @@ CONFIGRET WINAPI SimulatedIdList(PCWSTR filter, PWSTR buffer, ULONG length, ULON
 CONFIGRET WINAPI SimulatedInterfaceListSize(PULONG size, LPGUID interfaceClass, DEVINSTID_W id, ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Get_Device_Interface_List_SizeW(size, interfaceClass, id, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_List_SizeW")) return *error;
   if (interfaceClass == nullptr) return CR_INVALID_POINTER;
   if (!AreKnownInterfaceFlags(flags)) return CR_INVALID_FLAG;
   return AnswerSize(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), size,
@@ -232,7 +229,6 @@ CONFIGRET WINAPI SimulatedInterfaceList(LPGUID interfaceClass, DEVINSTID_W id, P
                                         ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Get_Device_Interface_ListW(interfaceClass, id, buffer, length, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Get_Device_Interface_ListW")) return *error;
   if (interfaceClass == nullptr) return CR_INVALID_POINTER;
   if (!AreKnownInterfaceFlags(flags)) return CR_INVALID_FLAG;
   return AnswerList(*machine, FaultsOf(*machine, *interfaceClass), ListName(*interfaceClass), buffer, length,
@@ -249,7 +245,6 @@ std::optional<DEVINST> InstanceOf(Machine& machine, const std::wstring& id) {
 CONFIGRET WINAPI SimulatedLocate(PDEVINST instance, DEVINSTID_W id, ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Locate_DevNodeW(instance, id, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Locate_DevNodeW")) return *error;
   const auto& tree = machine->options.faults.tree;
   if (instance == nullptr) return CR_INVALID_POINTER;
   if (tree.locateFails.Hits(machine->CountLook("locate"))) return tree.code;
@@ -267,7 +262,6 @@ CONFIGRET WINAPI SimulatedLocate(PDEVINST instance, DEVINSTID_W id, ULONG flags)
 CONFIGRET WINAPI SimulatedReenumerate(DEVINST instance, ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Reenumerate_DevNode(instance, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Reenumerate_DevNode")) return *error;
   const auto& tree = machine->options.faults.tree;
   if (tree.reenumerateFails.Hits(machine->CountLook("reenumerate"))) return tree.code;
   if (instance != kRoot) return CR_INVALID_DEVNODE;
@@ -286,7 +280,6 @@ CONFIGRET WINAPI SimulatedProperty(DEVINST instance, ULONG property, PULONG type
                                    ULONG flags) {
   const auto machine = CurrentMachine();
   if (!machine) return ::CM_Get_DevNode_Registry_PropertyW(instance, property, type, buffer, length, flags);
-  if (const auto error = machine->BeginPlatformCall("CM_Get_DevNode_Registry_PropertyW")) return *error;
   if (length == nullptr) return CR_INVALID_POINTER;
   // Neither the root nor the other devices have a friendly name.
   if (instance != kRoot + 1 || property != CM_DRP_FRIENDLYNAME) return CR_NO_SUCH_VALUE;

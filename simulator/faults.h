@@ -5,29 +5,14 @@
 #include <cfgmgr32.h>
 
 #include <chrono>
-#include <climits>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "simulator/occurrence.h"
+
 namespace simulator {
-
-/// Which times a thing goes wrong: from the `first` time on (counted from 1), `count` times. Default: never.
-struct Occurrence {
-  static constexpr int kForEver = INT_MAX;
-
-  int first = 1;
-  int count = 0;
-
-  static constexpr Occurrence Never() { return {}; }
-  static constexpr Occurrence Always() { return {1, kForEver}; }
-  static constexpr Occurrence Times(int times) { return {1, times}; }
-  static constexpr Occurrence Only(int which) { return {which, 1}; }
-
-  constexpr bool Hits(int number) const { return number >= first && number - first < count; }
-  constexpr bool Ever() const { return count > 0; }
-};
 
 /// What is wrong with the modem. Durations are virtual time.
 struct ModemFaults {
@@ -136,11 +121,16 @@ struct LibraryFaults {
   ProgressStyle progress = ProgressStyle::Normal;
 };
 
-/// One call of the product to the platform that fails: any function of `FaultableCalls()` (virtual_pc.h).
+/// Calls of the product to one of the functions that it imports fail, whichever that is. A function that it
+/// does not import, or whose failure nobody has described (known_calls.h), is an error of whoever names it.
 struct PlatformCallFault {
+  enum class When { Installed, Loading };
+
   std::string function;  ///< e.g. "CreateThread"
-  Occurrence calls;      ///< counted from the installation on, so without what loading the product calls
+  Occurrence calls;      ///< counted from `when` on
   DWORD error = ERROR_NOT_ENOUGH_MEMORY;
+  /// From the installation on, so without what loading the product calls; or from before its entry routine.
+  When when = When::Installed;
 };
 
 /// All that can go wrong; default: nothing does.

@@ -20,10 +20,6 @@ HANDLE WINAPI SimulatedCreateW(LPCWSTR name, DWORD access, DWORD sharing, LPSECU
                                DWORD disposition, DWORD flags, HANDLE pattern) {
   const auto machine = CurrentMachine();
   if (machine) {
-    if (const auto error = machine->BeginPlatformCall("CreateFileW")) {
-      ::SetLastError(*error);
-      return INVALID_HANDLE_VALUE;
-    }
     if (const auto driver = OpenDriver(*machine, name != nullptr ? name : L"")) return AsCreated(*driver);
   }
   return ::CreateFileW(name, access, sharing, security, disposition, flags, pattern);
@@ -33,10 +29,6 @@ HANDLE WINAPI SimulatedCreateA(LPCSTR name, DWORD access, DWORD sharing, LPSECUR
                                DWORD disposition, DWORD flags, HANDLE pattern) {
   const auto machine = CurrentMachine();
   if (machine) {
-    if (const auto error = machine->BeginPlatformCall("CreateFileA")) {
-      ::SetLastError(*error);
-      return INVALID_HANDLE_VALUE;
-    }
     if (const auto port = OpenSerialPort(*machine, name != nullptr ? name : "")) return AsCreated(*port);
   }
   return ::CreateFileA(name, access, sharing, security, disposition, flags, pattern);
@@ -46,7 +38,6 @@ BOOL WINAPI SimulatedClose(HANDLE handle) {
   // What stands behind the handle outlives it by this call, and is forgotten before the number is used again.
   const auto machine = CurrentMachine();
   const auto device = machine ? machine->handles.Remove(handle) : nullptr;
-  if (machine) machine->BeginPlatformCall("CloseHandle");
   return ::CloseHandle(handle);
 }
 

@@ -1,56 +1,19 @@
 #include "simulator/import_patch.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <stdexcept>
+
+#include "simulator/import_table.h"
 
 namespace simulator {
 
-namespace {
-
-template <typename T>
-T* At(HMODULE module, std::size_t offset) {
-  return reinterpret_cast<T*>(reinterpret_cast<std::byte*>(module) + offset);
-}
-
-/// Visits each import by name: library, function, slot of the address.
-void VisitImports(HMODULE module, const std::function<void(const char*, const char*, void**)>& visit) {
-  const auto* dos = At<IMAGE_DOS_HEADER>(module, 0);
-  const auto* headers = At<IMAGE_NT_HEADERS>(module, static_cast<std::size_t>(dos->e_lfanew));
-  const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-  if (directory.VirtualAddress == 0) return;
-
-  for (const auto* library = At<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
-       library->Name != 0; ++library) {
-    const auto* name = At<IMAGE_THUNK_DATA>(module, library->OriginalFirstThunk);
-    auto* slot = At<IMAGE_THUNK_DATA>(module, library->FirstThunk);
-    for (; name->u1.AddressOfData != 0; ++name, ++slot) {
-      if (IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal)) continue;
-      const auto* import = At<IMAGE_IMPORT_BY_NAME>(module, static_cast<std::size_t>(name->u1.AddressOfData));
-      visit(At<char>(module, library->Name), reinterpret_cast<const char*>(import->Name),
-            reinterpret_cast<void**>(&slot->u1.Function));
-    }
-  }
-}
-
-void WriteSlot(void** slot, void* address) {
-  DWORD protection = 0;
-  ::VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &protection);
-  ::InterlockedExchangePointer(slot, address);
-  ::VirtualProtect(slot, sizeof(void*), protection, &protection);
-}
-
-}  // namespace
-
 bool ImportPatch::ReplaceSlot(const char* function, void* replacement) {
   bool found = false;
-  VisitImports(m_Module, [&](const char*, const char* name, void** slot) {
-    if (std::strcmp(name, function) != 0) return;
-    m_Originals.emplace_back(slot, *slot);
-    WriteSlot(slot, replacement);
+  VisitImports(m_Module, [&](const ImportEntry& import) {
+    if (std::strcmp(import.function, function) != 0) return;
+    m_Originals.emplace_back(import.slot, *import.slot);
+    WriteSlot(import.slot, replacement);
     found = true;
   });
   return found;
@@ -71,8 +34,8 @@ void ImportPatch::Restore() {
 
 std::vector<std::string> ImportedFunctions(HMODULE module) {
   std::vector<std::string> names;
-  VisitImports(module, [&](const char* library, const char* name, void**) {
-    names.push_back(std::string(library) + "!" + name);
+  VisitImports(module, [&](const ImportEntry& import) {
+    names.push_back(std::string(import.library) + "!" + import.function);
   });
   return names;
 }

@@ -111,10 +111,6 @@ void Attach(Machine& machine, HMODULE library) {
 HMODULE WINAPI SimulatedLoad(LPCWSTR name) {
   const auto machine = CurrentMachine();
   if (!machine) return ::LoadLibraryW(name);
-  if (const auto error = machine->BeginPlatformCall("LoadLibraryW")) {
-    ::SetLastError(*error);
-    return nullptr;
-  }
   if (name == nullptr || !IsTheLibrary(name)) return ::LoadLibraryW(name);
   if (machine->options.faults.library.missing) {
     ::SetLastError(ERROR_MOD_NOT_FOUND);
@@ -135,10 +131,6 @@ std::string RealExport(const LibraryFaults& faults, const std::string& name) {
 FARPROC WINAPI SimulatedGetProcAddress(HMODULE module, LPCSTR name) {
   const auto machine = CurrentMachine();
   if (!machine) return ::GetProcAddress(module, name);
-  if (const auto error = machine->BeginPlatformCall("GetProcAddress")) {
-    ::SetLastError(*error);
-    return nullptr;
-  }
   if (module != g_library || IS_INTRESOURCE(name)) return ::GetProcAddress(module, name);
   const std::string real = RealExport(machine->options.faults.library, name);
   if (!real.empty()) return ::GetProcAddress(module, real.c_str());
@@ -148,10 +140,7 @@ FARPROC WINAPI SimulatedGetProcAddress(HMODULE module, LPCSTR name) {
 
 BOOL WINAPI SimulatedFree(HMODULE module) {
   const auto machine = CurrentMachine();
-  if (machine) {
-    machine->BeginPlatformCall("FreeLibrary");
-    if (module == g_library) machine->Note(JournalEvent::LibraryUnloaded, "");
-  }
+  if (machine && module == g_library) machine->Note(JournalEvent::LibraryUnloaded, "");
   return ::FreeLibrary(module);
 }
 

@@ -49,17 +49,6 @@ Machine::Machine(VirtualPcOptions pcOptions)
             [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
       m_FaultCalls(options.faults.library.calls.size()) {}
 
-std::optional<DWORD> Machine::BeginPlatformCall(const char* function) {
-  const LastErrorKeeper keep;
-  working_threads::NoteActivity();
-  const std::lock_guard lock(m_Mutex);
-  const int number = ++m_PlatformCalls[function];
-  for (const auto& fault : options.faults.platform) {
-    if (fault.function == function && fault.calls.Hits(number)) return fault.error;
-  }
-  return std::nullopt;
-}
-
 std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,
                                                       const std::string& detail) {
   Note(JournalEvent::LibraryCall, detail.empty() ? function : function + " " + detail);
@@ -128,11 +117,6 @@ void Machine::ClearJournal() {
 int Machine::Count(JournalEvent event) const {
   const std::lock_guard lock(m_Mutex);
   return static_cast<int>(std::ranges::count(m_Journal, event, &JournalEntry::event));
-}
-
-std::map<std::string, int> Machine::PlatformCalls() const {
-  const std::lock_guard lock(m_Mutex);
-  return m_PlatformCalls;
 }
 
 std::map<std::string, int> Machine::LibraryCalls() const {

@@ -31,8 +31,6 @@ class Machine {
   SimulatedHandles handles;
   Scheduler scheduler;
 
-  /// Counts a call of the product to the platform. @return the error with which it has to fail, if any.
-  std::optional<DWORD> BeginPlatformCall(const char* function);
   /// Counts a call to the library, holds it back, and answers it if a fault says so.
   std::optional<std::int32_t> BeginLibraryCall(const std::string& function, int argument,
                                                const std::string& detail);
@@ -48,7 +46,6 @@ class Machine {
   std::vector<JournalEntry> Journal() const;
   void ClearJournal();
   int Count(JournalEvent event) const;
-  std::map<std::string, int> PlatformCalls() const;
   std::map<std::string, int> LibraryCalls() const;
 
  private:
@@ -56,7 +53,6 @@ class Machine {
 
   mutable Lock m_Mutex;
   std::vector<JournalEntry> m_Journal;
-  std::map<std::string, int> m_PlatformCalls;
   std::map<std::string, int> m_LibraryCalls;
   std::map<std::string, int> m_Looks;
   std::vector<int> m_FaultCalls;

@@ -38,11 +38,10 @@ std::shared_ptr<OpenAtPort> Find(const std::shared_ptr<Machine>& machine, HANDLE
   return machine ? machine->handles.Find<OpenAtPort>(file) : nullptr;
 }
 
-/// The common beginning of the calls: counts, fails when it has to, and tells whose call it is.
+/// The common beginning of the calls: tells whose call it is, and whether the port is gone.
 struct SerialCall {
-  SerialCall(const char* function, HANDLE file) : machine(CurrentMachine()), port(Find(machine, file)) {
-    if (machine) error = machine->BeginPlatformCall(function);
-    if (!error && port && !IsAtPortPresent(*machine)) error = ERROR_BAD_COMMAND;
+  explicit SerialCall(HANDLE file) : machine(CurrentMachine()), port(Find(machine, file)) {
+    if (port && !IsAtPortPresent(*machine)) error = ERROR_BAD_COMMAND;
   }
   std::shared_ptr<Machine> machine;
   std::shared_ptr<OpenAtPort> port;
@@ -50,7 +49,7 @@ struct SerialCall {
 };
 
 BOOL WINAPI SimulatedGetState(HANDLE file, LPDCB settings) {
-  const SerialCall call("GetCommState", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::GetCommState(file, settings);
   const DWORD error = call.machine->options.faults.atPort.getStateError;
@@ -60,7 +59,7 @@ BOOL WINAPI SimulatedGetState(HANDLE file, LPDCB settings) {
 }
 
 BOOL WINAPI SimulatedSetState(HANDLE file, LPDCB settings) {
-  const SerialCall call("SetCommState", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::SetCommState(file, settings);
   const DWORD error = call.machine->options.faults.atPort.setStateError;
@@ -72,7 +71,7 @@ BOOL WINAPI SimulatedSetState(HANDLE file, LPDCB settings) {
 }
 
 BOOL WINAPI SimulatedPurge(HANDLE file, DWORD flags) {
-  const SerialCall call("PurgeComm", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::PurgeComm(file, flags);
   if ((flags & PURGE_RXCLEAR) != 0) call.port->Clear();
@@ -80,7 +79,7 @@ BOOL WINAPI SimulatedPurge(HANDLE file, DWORD flags) {
 }
 
 BOOL WINAPI SimulatedClearError(HANDLE file, LPDWORD errors, LPCOMSTAT status) {
-  const SerialCall call("ClearCommError", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::ClearCommError(file, errors, status);
   if (errors != nullptr) *errors = 0;
@@ -92,7 +91,7 @@ BOOL WINAPI SimulatedClearError(HANDLE file, LPDWORD errors, LPCOMSTAT status) {
 }
 
 BOOL WINAPI SimulatedRead(HANDLE file, LPVOID buffer, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) {
-  const SerialCall call("ReadFile", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::ReadFile(file, buffer, size, read, overlapped);
   return call.port->Read({static_cast<char*>(buffer), size}, read);
@@ -100,7 +99,7 @@ BOOL WINAPI SimulatedRead(HANDLE file, LPVOID buffer, DWORD size, LPDWORD read, 
 
 BOOL WINAPI SimulatedWrite(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD written,
                            LPOVERLAPPED overlapped) {
-  const SerialCall call("WriteFile", file);
+  const SerialCall call(file);
   if (call.error) return Fail(*call.error);
   if (!call.port) return ::WriteFile(file, buffer, size, written, overlapped);
   const DWORD error = call.machine->options.faults.atPort.writeError;

@@ -104,10 +104,6 @@ BOOL WINAPI SimulatedDeviceIoControl(HANDLE file, DWORD code, LPVOID input, DWOR
   const auto machine = CurrentMachine();
   const auto instance = machine ? machine->handles.Find<DriverInstance>(file) : nullptr;
   if (!machine) return ::DeviceIoControl(file, code, input, inputSize, output, outputSize, bytes, overlapped);
-  if (const auto error = machine->BeginPlatformCall("DeviceIoControl")) {
-    ::SetLastError(*error);
-    return FALSE;
-  }
   if (!instance)
     return ::DeviceIoControl(file, code, input, inputSize, output, outputSize, bytes, overlapped);
   if (code == kProbeCode) return Probe(*machine, instance, file, overlapped);

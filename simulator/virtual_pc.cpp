@@ -1,16 +1,18 @@
 #include "simulator/virtual_pc.h"
 
-#include <array>
+#include <exception>
 
+#include "simulator/call_hooks.h"
 #include "simulator/clock_calls.h"
 #include "simulator/device_tree.h"
-#include "simulator/faultable_calls.h"
 #include "simulator/file_calls.h"
 #include "simulator/import_patch.h"
 #include "simulator/library_loader.h"
+#include "simulator/load_watch.h"
 #include "simulator/loader_lock.h"
 #include "simulator/machine.h"
 #include "simulator/serial_port.h"
+#include "simulator/thread_calls.h"
 #include "simulator/ude_driver.h"
 
 namespace simulator {
@@ -47,7 +49,17 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
   // In front of the lock: the Mobile Broadband service waits for a thread of its own to start.
   Begin();
   const LoaderLock lock;
+  std::exception_ptr failure;
+  const LoadWatch watch(product.filename(), [&](HMODULE module) {
+    try {
+      m_Hooks->Place(module);
+      ArmFaults(PlatformCallFault::When::Loading);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
   const HMODULE module = ::LoadLibraryW(product.c_str());
+  if (failure) std::rethrow_exception(failure);
   if (module != nullptr) Patch(module);
   return module;
 }
@@ -56,21 +68,35 @@ void VirtualPc::Begin() {
   SetCurrentMachine(m_Machine);
   m_MobileBroadband =
       std::make_unique<SimulatedMobileBroadband>(Connected(m_Machine->options.mobileBroadband, m_Machine));
+  m_Hooks = std::make_unique<CallHooks>();
 }
 
 void VirtualPc::Patch(HMODULE product) {
+  // The hooks stand in front of the simulation too.
+  m_Hooks->Lift();
   m_Patch = std::make_unique<ImportPatch>(product);
-  PatchFaultableCalls(*m_Patch);
+  PatchThreads(*m_Patch);
   PatchClock(*m_Patch);
   PatchDeviceTree(*m_Patch);
   PatchFiles(*m_Patch);
   PatchDriver(*m_Patch);
   PatchSerialPort(*m_Patch);
   PatchLibraryLoader(*m_Patch);
+  m_Hooks->Place(product);
+  m_Hooks->ResetCounts();
+  ArmFaults(PlatformCallFault::When::Installed);
+}
+
+void VirtualPc::ArmFaults(PlatformCallFault::When when) {
+  for (const PlatformCallFault& fault : m_Machine->options.faults.platform) {
+    if (fault.when == when)
+      m_Hooks->Arm({.function = fault.function, .calls = fault.calls, .error = fault.error});
+  }
 }
 
 void VirtualPc::Uninstall() {
   if (!m_MobileBroadband) return;
+  m_Hooks.reset();
   m_Patch.reset();
   m_MobileBroadband.reset();
   m_Machine->EndHangs();
@@ -128,7 +154,11 @@ std::map<std::string, int> VirtualPc::LibraryCalls() const {
 }
 
 std::map<std::string, int> VirtualPc::PlatformCalls() const {
-  return m_Machine->PlatformCalls();
+  return m_Hooks ? m_Hooks->Counts() : std::map<std::string, int>();
+}
+
+CallHooks& VirtualPc::Hooks() {
+  return *m_Hooks;
 }
 
 std::vector<JournalEntry> VirtualPc::Journal() const {
@@ -138,33 +168,6 @@ std::vector<JournalEntry> VirtualPc::Journal() const {
 void VirtualPc::ClearJournal() {
   m_Machine->ClearJournal();
   if (m_MobileBroadband) m_MobileBroadband->ForgetCalls();
-}
-
-std::vector<std::string> FaultableCalls() {
-  std::vector<std::string> names = PassedOnCalls();
-  for (const char* name : {"WaitForSingleObject",
-                           "GetOverlappedResultEx",
-                           "CM_Get_Device_ID_List_SizeW",
-                           "CM_Get_Device_ID_ListW",
-                           "CM_Get_Device_Interface_List_SizeW",
-                           "CM_Get_Device_Interface_ListW",
-                           "CM_Locate_DevNodeW",
-                           "CM_Reenumerate_DevNode",
-                           "CM_Get_DevNode_Registry_PropertyW",
-                           "CreateFileW",
-                           "CreateFileA",
-                           "DeviceIoControl",
-                           "GetCommState",
-                           "SetCommState",
-                           "PurgeComm",
-                           "ClearCommError",
-                           "ReadFile",
-                           "WriteFile",
-                           "LoadLibraryW",
-                           "GetProcAddress"}) {
-    names.emplace_back(name);
-  }
-  return names;
 }
 
 }  // namespace simulator

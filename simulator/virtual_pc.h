@@ -15,6 +15,7 @@
 
 namespace simulator {
 
+class CallHooks;
 class ImportPatch;
 class Machine;
 
@@ -32,9 +33,11 @@ class VirtualPc {
   VirtualPc(const VirtualPc&) = delete;
   VirtualPc& operator=(const VirtualPc&) = delete;
 
-  /// Puts the simulation between the module and the platform.
+  /// Puts the simulation between the module and the platform. Gives std::runtime_error when a fault names a
+  /// call that the module cannot make.
   void Install(HMODULE product);
-  /// Loads the product and installs the simulation before any thread that it starts takes a step.
+  /// Loads the product and installs the simulation before any thread that it starts takes a step. Its entry
+  /// routine still meets the system, and the faults that are there for it.
   /// @return the module; null, with the last error set, when it cannot be loaded.
   HMODULE LoadUnderSimulation(const std::filesystem::path& product);
   /// Gives the module its own calls back.
@@ -56,8 +59,10 @@ class VirtualPc {
   std::vector<std::string> AtCommands() const;
   /// Calls of the library by export name, in all.
   std::map<std::string, int> LibraryCalls() const;
-  /// Calls of the product to the replaced platform functions, by name.
+  /// Calls of the product to the functions that it imports, by name, from the installation on.
   std::map<std::string, int> PlatformCalls() const;
+  /// Everything that the product imports. Only while the simulation is installed.
+  CallHooks& Hooks();
   std::vector<JournalEntry> Journal() const;
   /// Empties the journal, the list of Mobile Broadband calls and with it the counts taken from them, so that
   /// long runs do not grow.
@@ -66,13 +71,12 @@ class VirtualPc {
  private:
   void Begin();
   void Patch(HMODULE product);
+  void ArmFaults(PlatformCallFault::When when);
 
   std::shared_ptr<Machine> m_Machine;
   std::unique_ptr<SimulatedMobileBroadband> m_MobileBroadband;
   std::unique_ptr<ImportPatch> m_Patch;
+  std::unique_ptr<CallHooks> m_Hooks;
 };
-
-/// Names that `PlatformCallFault::function` takes.
-std::vector<std::string> FaultableCalls();
 
 }  // namespace simulator

@@ -1,8 +1,8 @@
-#include <algorithm>
-
 #include <gmock/gmock.h>
 
+#include "hook_calls.h"
 #include "simulation_test.h"
+#include "simulator/call_hooks.h"
 #include "simulator/import_patch.h"
 
 namespace simulator {
@@ -44,36 +44,38 @@ TEST_F(PlatformFaultsTest, AnExpiredWaitFails) {
   EXPECT_EQ(platform.Wait(event.get(), 0), WAIT_OBJECT_0);
 }
 
-TEST_F(PlatformFaultsTest, EveryCallIsNamedOnce) {
-  auto names = FaultableCalls();
-  std::ranges::sort(names);
-  EXPECT_TRUE(std::ranges::adjacent_find(names) == names.end());
+TEST_F(PlatformFaultsTest, AFaultThatNamesACallWhichIsNotMadeIsRefused) {
+  options.faults.platform = {{"CreateDirectoryW", Occurrence::Always()}};
+  pc = std::make_unique<VirtualPc>(options);
+  caller.reset(::LoadLibraryW(L"platform_caller.dll"));
+  EXPECT_THROW(pc->Install(caller.get()), std::runtime_error);
 }
 
-/// The library as data: nothing in it runs.
-class MappedLibrary {
- public:
-  MappedLibrary() : m_Module(::LoadLibraryExW(L"CorvelToolKit.dll", nullptr, DONT_RESOLVE_DLL_REFERENCES)) {}
-  ~MappedLibrary() { ::FreeLibrary(m_Module); }
-  MappedLibrary(const MappedLibrary&) = delete;
-  MappedLibrary& operator=(const MappedLibrary&) = delete;
-
-  std::vector<std::string> FunctionsCalled() const {
-    std::vector<std::string> functions = ImportedFunctions(m_Module);
-    for (std::string& name : functions) name.erase(0, name.find('!') + 1);
-    return functions;
+/// Loads a library that makes an event in its entry routine.
+class EntryFaultsTest : public SimulationTest {
+ protected:
+  void Load(PlatformCallFault::When when) {
+    options.faults.platform = {{"CreateEventW", Occurrence::Only(1), ERROR_ACCESS_DENIED, when}};
+    pc = std::make_unique<VirtualPc>(options);
+    caller.reset(pc->LoadUnderSimulation(L"hook_caller.dll"));
+    ASSERT_NE(caller, nullptr);
+    const auto get = reinterpret_cast<GetHookCallsFunction>(::GetProcAddress(caller.get(), "GetHookCalls"));
+    get(&calls);
   }
 
- private:
-  HMODULE m_Module;
+  HookCalls calls{};
 };
 
-TEST(ImportsOfTheLibrary, AreAllThatTheVirtualPcReplaces) {
-  const auto called = MappedLibrary().FunctionsCalled();
-  auto replaced = FaultableCalls();
-  replaced.insert(replaced.end(),
-                  {"CloseHandle", "FreeLibrary", "FreeLibraryAndExitThread", "GetTickCount64", "Sleep"});
-  for (const std::string& name : replaced) EXPECT_THAT(called, testing::Contains(name));
+TEST_F(EntryFaultsTest, OneOfTheEntryRoutineIsThereInFrontOfIt) {
+  Load(PlatformCallFault::When::Loading);
+  EXPECT_EQ(calls.madeWhileLoading, nullptr);
+  EXPECT_NE(calls.CreateNewEvent(nullptr, TRUE, FALSE, nullptr), nullptr);
+}
+
+TEST_F(EntryFaultsTest, OneOfTheInstallationComesBehindIt) {
+  Load(PlatformCallFault::When::Installed);
+  EXPECT_NE(calls.madeWhileLoading, nullptr);
+  EXPECT_EQ(calls.CreateNewEvent(nullptr, TRUE, FALSE, nullptr), nullptr);
 }
 
 TEST(ImportPatchTest, RefusesAFunctionThatIsNotImported) {

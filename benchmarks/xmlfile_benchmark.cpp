@@ -11,6 +11,10 @@
 #include "ratio.h"
 #include "xmlfile/xmlfile.h"
 
+using corvel::kDomClassContext;
+using corvel::kDomDocumentClass;
+using corvel::kDomDocumentInterface;
+
 namespace {
 
 using Microsoft::WRL::ComPtr;

@@ -5,6 +5,9 @@
 
 #include "simulator/working_threads.h"
 
+using corvel::LastErrorKeeper;
+using corvel::ScopedLock;
+
 namespace simulator {
 
 namespace {

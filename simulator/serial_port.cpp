@@ -6,6 +6,9 @@
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"
 
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

@@ -8,6 +8,10 @@
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"
 
+using corvel::LastErrorKeeper;
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

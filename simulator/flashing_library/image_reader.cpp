@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+using corvel::OwnFileHandle;
+
 namespace simulator {
 
 namespace {

@@ -28,7 +28,7 @@ class ImageReader {
   bool ReadAt(std::uint32_t offset, std::span<std::uint8_t> bytes) const;
 
  private:
-  UniqueHandle m_File;
+  corvel::UniqueHandle m_File;
   std::vector<std::uint8_t> m_Header;
   std::optional<FlashImage> m_Table;
 };

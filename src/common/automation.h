@@ -10,6 +10,8 @@
 #include <span>
 #include <string_view>
 
+namespace corvel {
+
 /// Frees an Automation text. A null BSTR is the empty text.
 struct BstrFreer {
   void operator()(OLECHAR* text) const noexcept { ::SysFreeString(text); }
@@ -74,3 +76,5 @@ class ArrayElements {
   SAFEARRAY* m_Locked = nullptr;
   std::span<Element> m_Elements;
 };
+
+}  // namespace corvel

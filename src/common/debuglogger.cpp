@@ -15,6 +15,8 @@
 #include "common/mutex.h"
 #include "common/text.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr int kLevelAtLoad = 3;

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+namespace corvel {
+
 namespace {
 
 UniqueHeapText AllocateText(ULONG length) {
@@ -59,3 +61,5 @@ DeviceList FetchPresentInterfaces(const GUID& interfaceClass) {
                                                CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
       });
 }
+
+}  // namespace corvel

@@ -9,6 +9,8 @@
 #include "common/handles.h"
 #include "common/multistring.h"
 
+namespace corvel {
+
 /// Gives a block back to the process heap.
 struct ProcessHeapFreer {
   void operator()(wchar_t* block) const noexcept {
@@ -42,3 +44,5 @@ DeviceList FetchPresentDeviceIds();
 
 /// Paths of the interfaces of a class that are present now; a list too short for one path is `Empty`.
 DeviceList FetchPresentInterfaces(const GUID& interfaceClass);
+
+}  // namespace corvel

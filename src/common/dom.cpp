@@ -4,6 +4,8 @@
 
 #include <comdef.h>
 
+namespace corvel {
+
 using Microsoft::WRL::ComPtr;
 
 namespace {
@@ -49,3 +51,5 @@ HRESULT CollectChildren(IXMLDOMNode* node, std::vector<ComPtr<IXMLDOMNode>>& chi
     children.push_back(child);
   }
 }
+
+}  // namespace corvel

@@ -10,6 +10,8 @@
 
 #include "common/tstring.h"
 
+namespace corvel {
+
 // Ids of the MSXML classes and interfaces in use. The Windows SDK and mingw-w64 both declare them, but only
 // the SDK ties the interfaces to theirs for __uuidof.
 inline constexpr CLSID kDomDocumentClass{
@@ -78,3 +80,5 @@ constexpr HRESULT FailureOf(HRESULT result) {
 constexpr unsigned HexOf(HRESULT result) {
   return static_cast<unsigned>(result);
 }
+
+}  // namespace corvel

@@ -7,6 +7,8 @@
 
 #include "common/handles.h"
 
+namespace corvel {
+
 namespace {
 
 struct LocalMemoryFreer {
@@ -32,3 +34,5 @@ const char* Win32ErrorText(unsigned long error) {
                 message == nullptr ? "" : message.get());
   return text;
 }
+
+}  // namespace corvel

@@ -3,6 +3,8 @@
 #include "common/errortext.h"
 #include "common/win32error.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr HRESULT kNoHandle = static_cast<HRESULT>(0x80070006u);

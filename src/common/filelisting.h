@@ -5,6 +5,8 @@
 #include "common/handles.h"
 #include "common/tstring.h"
 
+namespace corvel {
+
 /// A walk over all entries that match a pattern, folders included, in the order of the file system.
 class FileListing {
  public:
@@ -32,3 +34,5 @@ class FileListing {
   UniqueFileSearch m_Search;
   DWORD m_End = ERROR_NO_MORE_FILES;
 };
+
+}  // namespace corvel

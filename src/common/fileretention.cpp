@@ -7,6 +7,8 @@
 
 #include "common/filelisting.h"
 
+namespace corvel {
+
 namespace {
 
 constexpr wchar_t kPathSeparator[] = L"\\";
@@ -37,3 +39,5 @@ void KeepFiles(const CTString& pattern, unsigned int count) noexcept try {
 } catch (...) {
   // Out of memory: more logs than wanted are kept.
 }
+
+}  // namespace corvel

@@ -2,6 +2,8 @@
 
 #include "common/tstring.h"
 
+namespace corvel {
+
 /// How many logs of the flashing library are kept at most, the one of the running session among them.
 inline constexpr int kMostDownloadLogs = 5;
 
@@ -9,3 +11,5 @@ inline constexpr int kMostDownloadLogs = 5;
 /// cannot be listed to its end, leaves more of them.
 /// @param pattern full path with wildcards in its last part; empty: nothing is deleted.
 void KeepFiles(const CTString& pattern, unsigned int count) noexcept;
+
+}  // namespace corvel

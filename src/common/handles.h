@@ -4,6 +4,8 @@
 
 #include <memory>
 
+namespace corvel {
+
 /// Restores the thread's last error when a scope ends, so that cleaning up or logging never changes it.
 class LastErrorKeeper {
  public:
@@ -70,3 +72,5 @@ class ScopedLock {
  private:
   SRWLOCK& m_Lock;
 };
+
+}  // namespace corvel

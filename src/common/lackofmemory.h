@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace corvel {
+
 /// The exit code of a process that this library has ended because it could not go on without memory: the
 /// customer bit of a status code, and ERROR_NOT_ENOUGH_MEMORY.
 inline constexpr DWORD kLackOfMemoryExitCode = 0xE0000008u;
@@ -13,3 +15,5 @@ inline constexpr DWORD kLackOfMemoryExitCode = 0xE0000008u;
   // Not reached: ending the own process does not return.
   for (;;) ::Sleep(INFINITE);
 }
+
+}  // namespace corvel

@@ -2,6 +2,8 @@
 
 #include "common/debuglogger.h"
 
+namespace corvel {
+
 void WriteLogRecord(int level, const char* component, const char* function, const char* file, int line,
                     const char* format, ...) noexcept {
   std::va_list arguments;
@@ -18,3 +20,5 @@ void WriteLogRecordOf(int level, const char* component, const char* function, co
     // Out of memory: the record is lost.
   }
 }
+
+}  // namespace corvel

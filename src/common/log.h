@@ -12,6 +12,8 @@
 #define CORVEL_LOG_FORMAT
 #endif
 
+namespace corvel {
+
 /// The tag that every record of this library carries.
 inline constexpr const char* kLogComponent = "FlashSvc";
 
@@ -93,12 +95,6 @@ class QualifiedFunctionName {
   std::size_t m_Length = 0;
 };
 
-#if defined(_MSC_VER) && !defined(__clang__)
-#define QUALIFIED_FUNCTION (QualifiedFunctionName(__FUNCTION__).Text())
-#else
-#define QUALIFIED_FUNCTION (QualifiedFunctionName(__PRETTY_FUNCTION__).Text())
-#endif
-
 /// Writes one record to the debug log, as ToolKit::OutputDebug documents it. Any thread. Never throws: a
 /// record that there is no memory for is lost, as any that cannot be written.
 void WriteLogRecord(int level, const char* component, const char* function, const char* file, int line,
@@ -107,13 +103,21 @@ void WriteLogRecord(int level, const char* component, const char* function, cons
 void WriteLogRecordOf(int level, const char* component, const char* function, const char* file, int line,
                       const char* format, std::va_list arguments) noexcept;
 
+}  // namespace corvel
+
+#if defined(_MSC_VER) && !defined(__clang__)
+#define QUALIFIED_FUNCTION (::corvel::QualifiedFunctionName(__FUNCTION__).Text())
+#else
+#define QUALIFIED_FUNCTION (::corvel::QualifiedFunctionName(__PRETTY_FUNCTION__).Text())
+#endif
+
 /// One record of the debug log. Narrow texts are UTF-8; the last error survives.
 ///
 /// Readers search the log by its function field. The plain macros fill it with the function that they stand
 /// in. Helpers of a named procedure take the macros that end in _AS and give that procedure's qualified name,
 /// so that its records stay together however its code is split.
 #define LOG_AT_AS(level, function, ...) \
-  ::WriteLogRecord(level, kLogComponent, function, __FILE__, __LINE__, __VA_ARGS__)
+  ::corvel::WriteLogRecord(level, ::corvel::kLogComponent, function, __FILE__, __LINE__, __VA_ARGS__)
 #define LOG_AT(level, ...) LOG_AT_AS(level, QUALIFIED_FUNCTION, __VA_ARGS__)
 #define LOG_ERROR_AS(function, ...) LOG_AT_AS(1, function, __VA_ARGS__)
 #define LOG_WARNING_AS(function, ...) LOG_AT_AS(2, function, __VA_ARGS__)

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <span>
 
+namespace corvel {
+
 /// The texts of a multi-string in their order, each zero-terminated and open to change in place. An empty
 /// text ends the list, and so does the end of the buffer: a text that the buffer cuts off is left out.
 class MultiStringView {
@@ -43,3 +45,5 @@ class MultiStringView {
  private:
   std::span<wchar_t> m_Units;
 };
+
+}  // namespace corvel

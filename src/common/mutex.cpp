@@ -4,6 +4,8 @@
 
 #include "common/win32error.h"
 
+using namespace corvel;
+
 CMutex::CMutex(bool flag, const char* name, bool create, _SECURITY_ATTRIBUTES* attributes)
     : m_Handle(create ? ::CreateMutexA(attributes, flag, name) : ::OpenMutexA(SYNCHRONIZE, flag, name)) {}
 

@@ -2,6 +2,8 @@
 
 #include <new>
 
+namespace corvel {
+
 /// Process-wide state that outlives every thread: its destructor never runs. A worker that comes back while
 /// the process ends finds it whole, and unloading has nothing to tear down.
 template <typename T>
@@ -17,3 +19,5 @@ class NeverDestroyed {
  private:
   alignas(T) unsigned char m_Storage[sizeof(T)];
 };
+
+}  // namespace corvel

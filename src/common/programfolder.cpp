@@ -7,6 +7,8 @@
 
 #include "common/log.h"
 
+namespace corvel {
+
 CTString ProgramFolder() {
   std::array<wchar_t, MAX_PATH> path{};
   const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
@@ -32,3 +34,5 @@ bool TakeProgramFolder(CTString& folder) noexcept try {
   folder.Empty();
   return false;
 }
+
+}  // namespace corvel

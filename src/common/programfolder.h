@@ -2,6 +2,8 @@
 
 #include "common/tstring.h"
 
+namespace corvel {
+
 /// The folder of the host's executable with its trailing separator. Empty, and logged, when the path cannot
 /// be had; lack of memory throws std::bad_alloc, so that it never passes for that: a path made from an empty
 /// folder would be looked for elsewhere.
@@ -10,3 +12,5 @@ CTString ProgramFolder();
 /// The same for callers that throw nothing.
 /// @return false, with an empty folder, for lack of memory; true otherwise, even with an empty folder.
 bool TakeProgramFolder(CTString& folder) noexcept;
+
+}  // namespace corvel

@@ -15,6 +15,8 @@ extern "C" _CRTIMP _invalid_parameter_handler __cdecl _set_thread_local_invalid_
     _invalid_parameter_handler);
 #endif
 
+namespace corvel {
+
 namespace {
 
 std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
@@ -98,3 +100,5 @@ std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list argume
   ::_vsnwprintf(text.data(), text.size(), format, arguments);
   return text;
 }
+
+}  // namespace corvel

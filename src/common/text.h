@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+namespace corvel {
+
 /// Conversions between the wide texts of Windows and the two narrow encodings in use: UTF-8 for values,
 /// the system's ANSI page for narrow file names and the logger. Empty when a conversion fails. They leave the
 /// last error alone, so that a log line may convert one value and print the error beside it.
@@ -23,3 +25,5 @@ template <std::size_t Size>
 void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {
   target[source.copy(target, Size - 1)] = L'\0';
 }
+
+}  // namespace corvel

@@ -9,6 +9,8 @@
 
 #include "common/text.h"
 
+using namespace corvel;
+
 namespace {
 
 std::wstring Decode(const char* text) {

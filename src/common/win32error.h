@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace corvel {
+
 /// A Win32 error as an HRESULT; 0 stays success, and what is negative already stays as it is.
 constexpr HRESULT HResultFromWin32(DWORD error) {
   const auto code = static_cast<HRESULT>(error);
@@ -12,3 +14,5 @@ constexpr HRESULT HResultFromWin32(DWORD error) {
 inline int LastErrorNumber() {
   return static_cast<int>(::GetLastError());
 }
+
+}  // namespace corvel

@@ -7,6 +7,8 @@
 
 #include "common/lackofmemory.h"
 
+namespace corvel {
+
 namespace {
 
 HMODULE ThisModule(DWORD flags) {
@@ -72,3 +74,5 @@ UniqueHandle StartWorkerThread(std::function<void()> body, WorkerStack stack) {
 void PinThisModule() {
   ThisModule(GET_MODULE_HANDLE_EX_FLAG_PIN);
 }
+
+}  // namespace corvel

@@ -8,6 +8,8 @@
 
 #include "common/handles.h"
 
+namespace corvel {
+
 /// The initial stack of a worker: the system's allocation granularity, or what the program's file says.
 enum class WorkerStack { AllocationGranularity, Default };
 
@@ -30,3 +32,5 @@ UniqueHandle StartWorker(Body body, WorkerStack stack = WorkerStack::AllocationG
 
 /// Keeps this module loaded until the process ends.
 void PinThisModule();
+
+}  // namespace corvel

@@ -19,6 +19,8 @@
 #include "common/text.h"
 #include "config/documentfile.h"
 
+using namespace corvel;
+
 // %S is Microsoft's, and so is the function that prints it: no pedantry, but the types are checked.
 #if defined(__GNUC__)
 #define LOG_ERROR_WITH_WIDE_TEXT(...) __extension__ LOG_ERROR(__VA_ARGS__)
@@ -223,7 +225,7 @@ void CConfigParser::ResetSettings() {
 bool CConfigParser::LoadConfig(const wchar_t*) try {
   if (m_Loaded) return true;
   LOG_TRACE("Start LoadConfig ++");
-  LOG_TRACE("VERSION: %s", corvel::facts::kVersion);
+  LOG_TRACE("VERSION: %s", facts::kVersion);
 
   const wchar_t* const path = m_FilePath;
   if (!Exists(path)) {

@@ -91,5 +91,5 @@ class CConfigParser {
   wchar_t m_IpcType[512]{};
   // The open thread keeps the system from giving its id to another one.
   DWORD m_ComThreadId;
-  UniqueHandle m_ComThread;
+  corvel::UniqueHandle m_ComThread;
 };

@@ -7,6 +7,8 @@
 
 #include "common/handles.h"
 
+namespace corvel {
+
 using Microsoft::WRL::ComPtr;
 
 namespace {
@@ -244,3 +246,5 @@ HRESULT FormatDocument(IXMLDOMDocument* source, IXMLDOMDocument* target) {
   if (SUCCEEDED(result)) result = ReplaceDeclaration(target);
   return result;
 }
+
+}  // namespace corvel

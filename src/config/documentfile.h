@@ -2,6 +2,8 @@
 
 #include "common/dom.h"
 
+namespace corvel {
+
 /// Makes an empty document that loads synchronously, without validation and external entities.
 HRESULT CreateDocument(VARIANT_BOOL keepWhiteSpace, Microsoft::WRL::ComPtr<IXMLDOMDocument>& document);
 
@@ -26,3 +28,5 @@ HRESULT FormatDocument(IXMLDOMDocument* source, IXMLDOMDocument* target);
 
 /// The node that carries the XML declaration, which can only be the first; null when there is none.
 HRESULT FindDeclaration(IXMLDOMDocument* document, Microsoft::WRL::ComPtr<IXMLDOMNode>& declaration);
+
+}  // namespace corvel

@@ -4,6 +4,7 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
+using namespace corvel;
 
 HRESULT CElementTree::Read(IXMLDOMElement* element) {
   std::vector<ComPtr<IXMLDOMNode>> children;

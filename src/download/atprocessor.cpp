@@ -15,6 +15,8 @@
 #include "common/worker.h"
 #include "download/devicepresence.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr int kOk = 0;
@@ -146,7 +148,7 @@ int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* resp
                            std::uint32_t* responseLength, const std::function<bool()>& isAbandoned) {
   LOG_TRACE("%s ++\n", QUALIFIED_FUNCTION);
   // A port that is not there has the number 0, and is then found missing by the open.
-  const int port = findComPort(corvel::facts::kAtPortId);
+  const int port = findComPort(facts::kAtPortId);
   if (port == kNoPort) {
     LOG_ERROR("Can't find COM port\n");
     return kFailed;

@@ -74,14 +74,14 @@ const FunctionTable& Attempt::Library() const {
 
 void Attempt::SetChannel(std::uint8_t channel) {
   m_Channel = channel;
-  UnlessAbandoned([channel] { FlashChannel::SetLast(channel); });
+  UnlessAbandoned([channel] { flash_channel::SetLast(channel); });
 }
 
-FlashChannel::Claim Attempt::TakeChannel() {
-  auto claim = FlashChannel::Claim::Refused;
+flash_channel::Claim Attempt::TakeChannel() {
+  auto claim = flash_channel::Claim::Refused;
   UnlessAbandoned([&] {
-    claim = FlashChannel::Take(m_Number);
-    m_ChannelTaken = claim != FlashChannel::Claim::Refused;
+    claim = flash_channel::Take(m_Number);
+    m_ChannelTaken = claim != flash_channel::Claim::Refused;
   });
   return claim;
 }

@@ -79,7 +79,7 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   std::uint8_t Channel() const { return m_Channel; }
   void SetChannel(std::uint8_t channel);
   /// Tries to become the one that works on the library's channel. Refused to an abandoned attempt.
-  FlashChannel::Claim TakeChannel();
+  flash_channel::Claim TakeChannel();
   bool HasTakenChannel() const { return m_ChannelTaken; }
 
   corvel::Progress& Progress() { return m_Progress; }
@@ -91,8 +91,8 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   SRWLOCK m_AbandonLock = SRWLOCK_INIT;
   std::shared_ptr<FlashLibrary> m_Library;
   StatusText m_Status{};
-  const std::uint64_t m_Number = FlashChannel::NewAttempt();
-  std::atomic<std::uint8_t> m_Channel{FlashChannel::Last()};
+  const std::uint64_t m_Number = flash_channel::NewAttempt();
+  std::atomic<std::uint8_t> m_Channel{flash_channel::Last()};
   std::atomic<bool> m_ChannelTaken{false};
   corvel::Progress m_Progress;
 };

@@ -10,6 +10,8 @@
 #include "common/log.h"
 #include "common/win32error.h"
 
+using namespace corvel;
+
 CMbnSinks* g_CMbnSinks = nullptr;
 HANDLE g_Event_OnOpenCommandSessionComplete = nullptr;
 HANDLE g_Event_OnQuerySupportedCommandsComplete = nullptr;

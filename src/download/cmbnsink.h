@@ -44,6 +44,8 @@ extern CORVEL_INTERNAL_DATA std::array<ULONG, 64> g_ulSupportedCommandIds;
 extern CORVEL_INTERNAL_DATA std::vector<BYTE> g_SetCommandResponse;
 extern CORVEL_INTERNAL_DATA std::vector<BYTE> g_QueryCommandResponse;
 
+namespace corvel {
+
 /// What a client of the sink may want to hear of; this library wants nothing. Set before the sink is advised.
 struct MbnClientHooks {
   /// Called with 1 when an interface has arrived.
@@ -61,6 +63,8 @@ using MbnKeptObjects = std::array<UniqueUnknown, 5>;
 
 inline constexpr ULONG kInterfaceArrivalNotification = 0x80;
 inline constexpr ULONG kDeviceServiceNotification = 0x100;
+
+}  // namespace corvel
 
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
@@ -93,13 +97,13 @@ class CMbnSinks final : public IMbnRadioEvents,
   HRESULT DeInitilazation();
   /// Lets nothing more be recorded or signalled through this sink.
   /// @return the objects kept, for the caller to give up: releasing them runs the service's code.
-  MbnKeptObjects Retire();
+  corvel::MbnKeptObjects Retire();
   /// Cuts off the stubs through which another apartment may still hold the sink. May wait for the service.
   void Disconnect();
   /// True when nobody refers to it or is in one of its handlers. A retired sink may be deleted then.
   bool IsDeserted() const { return m_References == 0 && m_CallsInProgress == 0; }
 
-  MbnClientHooks& ClientHooks() { return m_Hooks; }
+  corvel::MbnClientHooks& ClientHooks() { return m_Hooks; }
 
   /// For whoever keeps retired sinks: the one that was retired before this one.
   CMbnSinks* retiredBefore = nullptr;
@@ -206,7 +210,7 @@ class CMbnSinks final : public IMbnRadioEvents,
 
   std::atomic<ULONG> m_References{0};
   std::array<wchar_t, kLongestName> m_DisplayName{};
-  MbnClientHooks m_Hooks;
+  corvel::MbnClientHooks m_Hooks;
   std::atomic<int> m_CallsInProgress{0};
   std::atomic<bool> m_Retired{false};
 };

@@ -6,6 +6,8 @@
 #include "common/devicelist.h"
 #include "common/log.h"
 
+namespace corvel {
+
 namespace {
 
 constexpr DWORD kSettleTimeMs = 500;
@@ -68,3 +70,5 @@ void ReenumerateDeviceTreeAndSettle() {
   ReenumerateDeviceTree();
   ::Sleep(kSettleTimeMs);
 }
+
+}  // namespace corvel

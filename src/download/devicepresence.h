@@ -2,10 +2,12 @@
 
 #include "common/facts.h"
 
+namespace corvel {
+
 // The devices that callers look for.
-using corvel::facts::kAtPortId;
-using corvel::facts::kFlashPortId;
-using corvel::facts::kMbimModemId;
+using facts::kAtPortId;
+using facts::kFlashPortId;
+using facts::kMbimModemId;
 
 /// One look at the device tree: true when the id of a present device contains `id`, whatever its case.
 /// A list that cannot be had counts as absence. Any thread.
@@ -20,3 +22,5 @@ bool IsFlashPortPresent();
 bool ReenumerateDeviceTree();
 /// The same, with half a second before and after, for use after a baseband reset.
 void ReenumerateDeviceTreeAndSettle();
+
+}  // namespace corvel

@@ -5,6 +5,8 @@
 #include <iterator>
 #include <utility>
 
+namespace corvel {
+
 namespace {
 
 // Searched in this order; the last row ends the search and is never found itself.
@@ -41,10 +43,12 @@ const MemoryClass& FindMemoryClass(std::uint32_t code) {
   return found == end ? kUnknownMemoryClass : *found;
 }
 
+}  // namespace corvel
+
 CDownloadFile::CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memoryClassCode,
                              std::string filePath, const CDownloadFile* firstItem, std::uint32_t itemIndex)
     : m_FlashTechnology(flashTechnology),
-      m_MemoryClass(FindMemoryClass(memoryClassCode)),
+      m_MemoryClass(corvel::FindMemoryClass(memoryClassCode)),
       m_FilePath(std::move(filePath)),
       m_FirstItem(firstItem),
       m_ItemIndex(itemIndex),

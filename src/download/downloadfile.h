@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+namespace corvel {
+
 /// What kind of memory an item is written to, and when.
 struct MemoryClass {
   std::uint32_t code;
@@ -13,13 +15,15 @@ struct MemoryClass {
 /// The row of a code that the flashing library reports; an unknown one counts as "Certificate".
 const MemoryClass& FindMemoryClass(std::uint32_t code);
 
+}  // namespace corvel
+
 /// One downloadable item: one entry of one image's table of contents.
 class CDownloadFile {
  public:
   CDownloadFile(std::uint32_t flashTechnology, std::uint32_t memoryClassCode, std::string filePath,
                 const CDownloadFile* firstItem, std::uint32_t itemIndex);
 
-  const MemoryClass& GetMemoryClass() const { return m_MemoryClass; }
+  const corvel::MemoryClass& GetMemoryClass() const { return m_MemoryClass; }
   std::uint32_t GetFlashTechnology() const { return m_FlashTechnology; }
   /// The item that opens the same image; null for that item itself and for an NVM image.
   const CDownloadFile* GetFirstItem() const { return m_FirstItem; }
@@ -33,7 +37,7 @@ class CDownloadFile {
 
  private:
   std::uint32_t m_FlashTechnology;
-  MemoryClass m_MemoryClass;
+  corvel::MemoryClass m_MemoryClass;
   std::string m_FilePath;
   const CDownloadFile* m_FirstItem;
   std::uint32_t m_ItemIndex;

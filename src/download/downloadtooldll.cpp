@@ -14,6 +14,8 @@
 #include "download/attempt.h"
 #include "download/flashservice.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr int kCallbackRefused = 1;
@@ -29,22 +31,22 @@ struct Export {
 
 // In the order of resolution, which puts fls before dffs. All but the last are mandatory.
 constexpr std::array<Export, static_cast<std::size_t>(FlashSlot::Count)> kExports{{
-    {FlashSlot::BootTarget, corvel::facts::kBootTarget},
-    {FlashSlot::CloseCommPort, corvel::facts::kCloseCommPort},
-    {FlashSlot::DownloadCustFile, corvel::facts::kDownloadCustFile},
-    {FlashSlot::DownloadFlsFile, corvel::facts::kDownloadFlsFile},
-    {FlashSlot::DownloadDffsFile, corvel::facts::kDownloadDffsFile},
-    {FlashSlot::ForceTargetReset, corvel::facts::kForceTargetReset},
-    {FlashSlot::GetSysVersion, corvel::facts::kGetSysVersion},
-    {FlashSlot::GetNextFreeChannel, corvel::facts::kGetNextFreeChannel},
-    {FlashSlot::GetNofProgressBars, corvel::facts::kGetNofProgressBars},
-    {FlashSlot::InitCallback, corvel::facts::kInitCallback},
-    {FlashSlot::OpenCommPort, corvel::facts::kOpenCommPort},
-    {FlashSlot::SetDllParameter, corvel::facts::kSetDllParameter},
-    {FlashSlot::TocGetFlashTechnology, corvel::facts::kTocGetFlashTechnology},
-    {FlashSlot::TocGetMemoryClass, corvel::facts::kTocGetMemoryClass},
-    {FlashSlot::TocGetNofItems, corvel::facts::kTocGetNofItems},
-    {FlashSlot::OutOfSessionComm, corvel::facts::kOutOfSessionComm},
+    {FlashSlot::BootTarget, facts::kBootTarget},
+    {FlashSlot::CloseCommPort, facts::kCloseCommPort},
+    {FlashSlot::DownloadCustFile, facts::kDownloadCustFile},
+    {FlashSlot::DownloadFlsFile, facts::kDownloadFlsFile},
+    {FlashSlot::DownloadDffsFile, facts::kDownloadDffsFile},
+    {FlashSlot::ForceTargetReset, facts::kForceTargetReset},
+    {FlashSlot::GetSysVersion, facts::kGetSysVersion},
+    {FlashSlot::GetNextFreeChannel, facts::kGetNextFreeChannel},
+    {FlashSlot::GetNofProgressBars, facts::kGetNofProgressBars},
+    {FlashSlot::InitCallback, facts::kInitCallback},
+    {FlashSlot::OpenCommPort, facts::kOpenCommPort},
+    {FlashSlot::SetDllParameter, facts::kSetDllParameter},
+    {FlashSlot::TocGetFlashTechnology, facts::kTocGetFlashTechnology},
+    {FlashSlot::TocGetMemoryClass, facts::kTocGetMemoryClass},
+    {FlashSlot::TocGetNofItems, facts::kTocGetNofItems},
+    {FlashSlot::OutOfSessionComm, facts::kOutOfSessionComm},
 }};
 
 /// The process's own hold on the library. The sharing binding has a second reference on the module.
@@ -80,9 +82,9 @@ void SetLibrary(std::shared_ptr<FlashLibrary> library) {
   g_binding->library.swap(library);
 }
 
-void ReportProgress(corvel::Attempt& attempt, const char* statusText) {
+void ReportProgress(Attempt& attempt, const char* statusText) {
   const int percent = attempt.GetAbsoluteProgress(statusText);
-  attempt.UnlessAbandoned([percent] { corvel::Service().reportProgress(percent); });
+  attempt.UnlessAbandoned([percent] { Service().reportProgress(percent); });
 }
 
 }  // namespace
@@ -91,7 +93,7 @@ bool CDownloadToolDll::Load() {
   LOG_TRACE("++ CDownloadToolDll::Load");
   const std::shared_ptr<FlashLibrary> library = NewLibrary();
   SetLibrary(library);
-  if (library != nullptr) g_binding->fileName = corvel::facts::kFlashingLibrary;
+  if (library != nullptr) g_binding->fileName = facts::kFlashingLibrary;
   if (library != nullptr && SetFunctionPointers(*library)) {
     LOG_TRACE("CDownloadToolDll::Load ,SetFunctionPointers()");
     return AssociateCallbackWithDll(*library);
@@ -155,7 +157,7 @@ void CDownloadToolDll::HandleCallbacks(std::uint8_t channel, std::int32_t status
                                        const char* statusText) try {
   const char* const text = statusText == nullptr ? "" : statusText;
   LOG_TRACE("Channel: %d, Status: %d, StatusText: %s", channel, static_cast<int>(status), text);
-  const std::shared_ptr<corvel::Attempt> attempt = corvel::Attempt::OfThisThread();
+  const std::shared_ptr<Attempt> attempt = Attempt::OfThisThread();
   // News of an attempt that was given up must not pass for the present one's.
   if (attempt != nullptr && attempt->IsAbandoned()) return;
   if (status == kStatusMessage) g_sending = CTString(text) == kSendingData;

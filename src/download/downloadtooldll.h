@@ -17,13 +17,13 @@ class CDownloadToolDll {
   /// Gives the library up; attempts that still use it keep it loaded until they end.
   static void Unload();
   /// The present binding; null while there is none.
-  static std::shared_ptr<FlashLibrary> Library();
+  static std::shared_ptr<corvel::FlashLibrary> Library();
 
   /// What the library calls with its progress, on any thread.
   static void HandleCallbacks(std::uint8_t channel, std::int32_t status, const char* statusText);
 
  private:
-  static bool SetFunctionPointers(FlashLibrary& library);
+  static bool SetFunctionPointers(corvel::FlashLibrary& library);
   static FARPROC GetFunctionFromDll(const char* name);
-  static bool AssociateCallbackWithDll(FlashLibrary& library);
+  static bool AssociateCallbackWithDll(corvel::FlashLibrary& library);
 };

@@ -226,10 +226,10 @@ int FirmwareBoot::InjectBootTargetThread(const std::string& bootFile) {
 /// meanwhile.
 bool FirmwareBoot::TakeChannel() {
   for (bool told = false; !m_Attempt->IsAbandoned(); told = true) {
-    const FlashChannel::Claim claim = m_Attempt->TakeChannel();
-    if (claim == FlashChannel::Claim::TakenOver)
+    const flash_channel::Claim claim = m_Attempt->TakeChannel();
+    if (claim == flash_channel::Claim::TakenOver)
       LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is still closing its channel, go on");
-    if (claim != FlashChannel::Claim::Refused) return true;
+    if (claim != flash_channel::Claim::Refused) return true;
     if (!told) LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is closing its channel, wait");
     ::Sleep(kLateClosePollMs);
   }

@@ -17,11 +17,7 @@
 #include "download/flashtimes.h"
 #include "download/sinkshare.h"
 
-using corvel::Attempt;
-using corvel::FirmwareBoot;
-using corvel::kBootNeedsReset;
-using corvel::kBootOk;
-using corvel::RetryBudgetSpent;
+using namespace corvel;
 
 namespace {
 
@@ -276,7 +272,7 @@ bool CFirmwareDownloader::GetMemoryClassOfCust(std::uint32_t& memoryClass, std::
 bool CFirmwareDownloader::BringIntoFlashMode() {
   if (RetryBudgetSpent()) return false;
   LOG_TRACE_AS(kDownload, "\t GO BootDeviceInFirmwareMode, g_retry_times: %d\n",
-               static_cast<int>(Shared(*corvel::Service().retriesSpent)));
+               static_cast<int>(Shared(*Service().retriesSpent)));
   if (BootDeviceInFirmwareMode() != kBootOk) return false;
   int booted = kBootNeedsReset;
   while (booted == kBootNeedsReset) {
@@ -384,7 +380,7 @@ void CFirmwareDownloader::CleanupAfterDownload() {
 std::optional<int> CFirmwareDownloader::CloseChannelThatWasLeftOpen() {
   const auto closeCommPort = m_Attempt->Library().CloseCommPort();
   if (!m_Attempt->HasTakenChannel() || closeCommPort == nullptr) return std::nullopt;
-  const FlashChannel::LateClose close(m_Attempt->Number());
+  const flash_channel::LateClose close(m_Attempt->Number());
   if (!close.IsAllowed()) {
     LOG_WARNING_AS(kCleanup, "\t Channel %d stays open, a newer attempt has opened one",
                    m_Attempt->Channel());

@@ -57,7 +57,7 @@ class CFirmwareDownloader {
   int RebootModem();
   int RebootModemByXlog4();
   bool ControlBBrst();
-  static bool CheckFlashPortImplementation(CFirmwareDownloader* engine, FlashPortSearch& search);
+  static bool CheckFlashPortImplementation(CFirmwareDownloader* engine, corvel::FlashPortSearch& search);
   int InjectBootTargetThread();
 
   // What the library says of the session's images.

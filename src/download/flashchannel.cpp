@@ -6,6 +6,8 @@
 
 #include "common/handles.h"
 
+namespace corvel::flash_channel {
+
 namespace {
 
 constexpr std::uint64_t kNobody = 0;
@@ -29,8 +31,6 @@ bool MarkAsBeingClosed(std::uint64_t attempt) {
 }
 
 }  // namespace
-
-namespace FlashChannel {
 
 std::uint64_t NewAttempt() {
   return ++g_attempts;
@@ -66,4 +66,4 @@ LateClose::~LateClose() {
   g_beingClosed = false;
 }
 
-}  // namespace FlashChannel
+}  // namespace corvel::flash_channel

@@ -19,7 +19,7 @@
 /// Whichever of the two comes first, the close is either left out or over before the newer channel is opened.
 /// A close that does not come back must not keep the modem from ever being flashed: it is waited for once,
 /// and not for long. Whoever takes the channel then has it, however the close ends.
-namespace FlashChannel {
+namespace corvel::flash_channel {
 
 /// How long the whole process waits for one late close, counted from the first attempt that meets it.
 inline constexpr DWORD kLongestWaitForLateCloseMs = 5000;
@@ -56,4 +56,4 @@ class LateClose {
   bool m_Allowed;
 };
 
-}  // namespace FlashChannel
+}  // namespace corvel::flash_channel

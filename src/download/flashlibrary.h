@@ -10,6 +10,8 @@
 
 #include "common/handles.h"
 
+namespace corvel {
+
 /// Length of the buffers into which the flashing library writes readable reasons.
 inline constexpr std::size_t kStatusTextSize = 512;
 
@@ -112,3 +114,5 @@ struct FlashLibrary {
   StatusText callbackStatus{};
   UniqueModule module;
 };
+
+}  // namespace corvel

@@ -9,6 +9,8 @@
 #include "common/narrow.h"
 #include "download/devicepresence.h"
 
+namespace corvel {
+
 namespace {
 
 constexpr std::size_t kLongestPath = 511;
@@ -20,7 +22,7 @@ constexpr char kCheckFlashPort[] = "CFirmwareDownloader::CheckFlashPortImplement
 }  // namespace
 
 FlashPortSearch::Sight FlashPortSearch::Look() {
-  const DeviceList list = FetchPresentInterfaces(corvel::facts::kSerialPortClass);
+  const DeviceList list = FetchPresentInterfaces(facts::kSerialPortClass);
   const bool lengthRefused = list.outcome == DeviceListOutcome::LengthRefused;
   if (lengthRefused)
     LOG_ERROR_AS(kCheckFlashPort, "Error retrieving device interface list: %d\n",
@@ -47,10 +49,9 @@ FlashPortSearch::Sight FlashPortSearch::Look() {
 bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
   for (const wchar_t* path : paths) {
     LOG_TRACE_AS(kCheckFlashPort, "Device Path: %ls\n", path);
-    if (std::wcsstr(path, corvel::facts::kFlashPortId) == nullptr) continue;
+    if (std::wcsstr(path, facts::kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));
-    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n",
-                 corvel::facts::kFlashPortId);
+    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n", facts::kFlashPortId);
     LOG_TRACE_AS(kCheckFlashPort, "mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
     Report(port);
     return true;
@@ -93,3 +94,5 @@ CTString FlashPortSearch::Port() {
   const ScopedLock lock(m_Lock);
   return m_Port;
 }
+
+}  // namespace corvel

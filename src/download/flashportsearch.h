@@ -6,6 +6,8 @@
 #include "common/multistring.h"
 #include "common/tstring.h"
 
+namespace corvel {
+
 /// One search for the flash port: the port that the searching thread reports, and the signal that ends the
 /// engine's wait. Shared by both threads, so a late report harms nobody.
 class FlashPortSearch {
@@ -36,3 +38,5 @@ class FlashPortSearch {
   UniqueHandle m_Signal;
   CTString m_Port;
 };
+
+}  // namespace corvel

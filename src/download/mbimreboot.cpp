@@ -19,6 +19,8 @@
 #include "download/mobilebroadband.h"
 #include "download/sinkshare.h"
 
+namespace corvel {
+
 using Microsoft::WRL::ComPtr;
 using std::chrono::milliseconds;
 
@@ -476,3 +478,5 @@ HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandon
   LOG_TRACE_AS(kProcedure, "RebootModemByMbimCmd --");
   return result;
 }
+
+}  // namespace corvel

@@ -4,6 +4,8 @@
 
 #include <functional>
 
+namespace corvel {
+
 /// Asks the running modem through the Mobile Broadband API to reboot into flash mode, and waits for its
 /// answers. Enters the multithreaded apartment for as long as it takes, which may be minutes.
 ///
@@ -13,3 +15,5 @@
 /// @return S_OK when the modem took the command, or when its session was opened but never reported open; a
 ///         failure otherwise.
 HRESULT RebootModemThroughMobileBroadband(const std::function<bool()>& isAbandoned);
+
+}  // namespace corvel

@@ -6,6 +6,8 @@
 #include "common/handles.h"
 #include "download/cmbnsink.h"
 
+namespace corvel {
+
 namespace {
 
 /// Guards who shares the present sink, and which sinks may be deleted.
@@ -72,3 +74,5 @@ SinkShare::~SinkShare() {
 void DeleteRetiredSinks() {
   DeleteAll(TakeDesertedSinks(nullptr));
 }
+
+}  // namespace corvel

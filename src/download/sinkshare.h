@@ -2,6 +2,8 @@
 
 class CMbnSinks;
 
+namespace corvel {
+
 /// A run's share of the process-wide sink. The first share makes the sink and the last one retires it: a run
 /// that was given up may still wait on the sink's events when the next attempt is here.
 ///
@@ -27,3 +29,5 @@ class SinkShare {
 /// Deletes those of the retired sinks that the service has left. It may have been calling them, or referring
 /// to them, when their last share ended.
 void DeleteRetiredSinks();
+
+}  // namespace corvel

@@ -5,6 +5,8 @@
 #include "toolkit/flashjob.h"
 #include "toolkit/toolkit.h"
 
+using namespace corvel;
+
 bool ToolKit::FirmwareFlash_CmdLine(int traceLevel, char* ipcType, int, char*, char*) try {
   // First of all, and before any record: a job without a log must not leave one with a single line.
   if (traceLevel < 1) {

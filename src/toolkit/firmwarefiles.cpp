@@ -8,6 +8,8 @@
 #include "common/narrow.h"
 #include "toolkit/toolkit.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr DWORD kSmallestModemImageBytes = 0xA00000;

@@ -14,7 +14,7 @@
 #include "toolkit/toolkit.h"
 #include "udeiocontrol/udeiocontrol.h"
 
-namespace facts = corvel::facts;
+namespace corvel {
 
 namespace {
 
@@ -255,7 +255,11 @@ void FlashJob::End(int result) {
   ToolKit::DeleteFLSFiles();
 }
 
+}  // namespace corvel
+
 // --- The workers -----------------------------------------------------------------------------------------
+
+using namespace corvel;
 
 bool ToolKit::DownloadFirmwareImplementation(void*) {
   Shared(mFlashResult) = FirmwareNotUpdated;

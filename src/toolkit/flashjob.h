@@ -5,6 +5,8 @@
 #include "common/internaldata.h"
 #include "common/tstring.h"
 
+namespace corvel {
+
 /// What a job does and says differently when the service or the command line runs it. Everything else is
 /// the same, FlashJob below.
 struct FlashJobRules {
@@ -68,3 +70,5 @@ class FlashJob {
   /// Attempts that failed in this job, in downloading or in coming back.
   unsigned long m_Failures = 0;
 };
+
+}  // namespace corvel

@@ -8,6 +8,8 @@
 #include "common/sharedvalue.h"
 #include "toolkit/toolkit.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr char kDriverKey[] = "SYSTEM\\CurrentControlSet\\Services\\UDE";

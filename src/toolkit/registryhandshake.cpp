@@ -12,7 +12,7 @@
 #include "config/configparser.h"
 #include "toolkit/toolkit.h"
 
-namespace facts = corvel::facts;
+using namespace corvel;
 
 namespace {
 

@@ -4,6 +4,8 @@
 #include "toolkit/flashjob.h"
 #include "toolkit/toolkit.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr DWORD kPauseWithoutImagesMs = 3000;
@@ -18,7 +20,7 @@ void RunPass() {
     return;
   }
   ::Sleep(kPauseWithoutImagesMs);
-  ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, corvel::facts::kResultFailed);
+  ToolKit::SetFlashResult(ToolKit::hMainKey, ToolKit::mStrKey, facts::kResultFailed);
   ToolKit::SetFlashReadyFlag(ToolKit::hMainKey, ToolKit::mStrKey, 0);
 }
 

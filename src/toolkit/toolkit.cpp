@@ -21,6 +21,8 @@
 #include "common/worker.h"
 #include "config/configparser.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr int kLoggingOn = 3;
@@ -120,8 +122,8 @@ bool ToolKit::Initialize_CmdLine() {
   if (m_Instance == nullptr) {
     GetInstance();
     hMainKey = HKEY_LOCAL_MACHINE;
-    CopyBounded(mMainKey, corvel::facts::kLocalMachineRoot);
-    CopyBounded(mStrKey, corvel::facts::kCommandLineKey);
+    CopyBounded(mMainKey, facts::kLocalMachineRoot);
+    CopyBounded(mStrKey, facts::kCommandLineKey);
   }
   LOG_TRACE("-- Initialize_CmdLine");
   return true;

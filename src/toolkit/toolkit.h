@@ -14,6 +14,10 @@
 // The platform's own types, named here so that hosts need none of its headers for this one.
 struct HKEY__;
 
+namespace corvel {
+class FlashJob;
+}  // namespace corvel
+
 // For this header alone.
 #if defined(__GNUC__) && !defined(__clang__)
 #define CORVEL_PRINTF(text, first) __attribute__((format(ms_printf, text, first)))
@@ -239,7 +243,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   static bool GetDataDir(CTString& folder, bool unused);
 
  private:
-  friend class FlashJob;
+  friend class corvel::FlashJob;
 
   static bool IsMBIMModemPresence();
 

@@ -15,6 +15,8 @@
 #include "common/log.h"
 #include "common/win32error.h"
 
+using namespace corvel;
+
 namespace {
 
 constexpr std::uint32_t kProbeCode = 0x220014;
@@ -33,7 +35,7 @@ constexpr int kTraceLevel = 3;
 
 /// What an opening looks for, and how it tells of it: its records carry the name of the opening that was
 /// called, and two of its errors have a level of its own.
-struct InterfaceOpening {
+struct corvel::InterfaceOpening {
   const char* function;
   GUID interfaceClass;
   int loopErrorLevel;
@@ -41,10 +43,10 @@ struct InterfaceOpening {
 
 namespace {
 
-constexpr InterfaceOpening kControlOpening{"CUdeIoControl::OpenUdeDeviceInterface",
-                                           corvel::facts::kControlClass, kErrorLevel};
-constexpr InterfaceOpening kFlashOpening{"CUdeIoControl::OpenUdeDeviceFlashInterface",
-                                         corvel::facts::kResetClass, kTraceLevel};
+constexpr InterfaceOpening kControlOpening{"CUdeIoControl::OpenUdeDeviceInterface", facts::kControlClass,
+                                           kErrorLevel};
+constexpr InterfaceOpening kFlashOpening{"CUdeIoControl::OpenUdeDeviceFlashInterface", facts::kResetClass,
+                                         kTraceLevel};
 
 /// One overlapped request of its own event. The driver writes to the request's memory whenever it completes
 /// it, which may be long after the caller's patience: memory that is still in use is never freed.

@@ -8,8 +8,10 @@
 
 #include "common/handles.h"
 
+namespace corvel {
 struct DeviceList;
 struct InterfaceOpening;
+}  // namespace corvel
 
 /// The channel to the driver that can pulse the modem's baseband reset line. It takes no lock: what is
 /// opened belongs to one caller at a time, while TriggerFlashReset may run on several threads at once.
@@ -59,10 +61,11 @@ class CUdeIoControl {
 
   constexpr CUdeIoControl() = default;
 
-  bool OpenInterface(const InterfaceOpening& opening);
-  static UniqueHandle OpenWantedInstance(const InterfaceOpening& opening, const DeviceList& list);
-  static UniqueHandle OpenInstance(const InterfaceOpening& opening, const wchar_t* path);
-  static Instance Probe(const InterfaceOpening& opening, HANDLE device);
+  bool OpenInterface(const corvel::InterfaceOpening& opening);
+  static corvel::UniqueHandle OpenWantedInstance(const corvel::InterfaceOpening& opening,
+                                                 const corvel::DeviceList& list);
+  static corvel::UniqueHandle OpenInstance(const corvel::InterfaceOpening& opening, const wchar_t* path);
+  static Instance Probe(const corvel::InterfaceOpening& opening, HANDLE device);
 
   static CUdeIoControl s_instance;
 

@@ -8,6 +8,8 @@
 #include "common/log.h"
 #include "common/narrow.h"
 
+using namespace corvel;
+
 namespace QUENTA::Brevant::Interfaces::ToolkitCore {
 
 namespace {

@@ -57,7 +57,7 @@ bit abandoned[WORKERS];
 bit ended[WORKERS];
 bit flashed = 0;           /* ToolKit::mFlashResult is FirmwareUpdated */
 
-byte channelUser = NOBODY; /* FlashChannel: who took it last */
+byte channelUser = NOBODY; /* flash_channel: who took it last */
 bit beingClosed = 0;
 byte opened = NOBODY;      /* ghost: whose channel the library has open */
 
@@ -110,7 +110,7 @@ Close:
      skip;
      opened = NOBODY
 #else
-     /* FlashChannel::LateClose */
+     /* flash_channel::LateClose */
      if
      :: atomic { channelUser == me -> beingClosed = 1 };
         /* The close resets the baseband: nobody newer may have a channel. */

@@ -10,6 +10,8 @@
 
 #include "common/dom.h"
 
+using corvel::kDomElementInterface;
+
 #if defined(__GNUC__)
 // COM's interfaces have no destructors; the objects delete themselves where theirs is known.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"

@@ -27,7 +27,7 @@ class FlashBench {
  public:
   FlashBench() {
     ToolKit::hMainKey = ScratchKey::Root();
-    CopyBounded(ToolKit::mStrKey, key.Path());
+    corvel::CopyBounded(ToolKit::mStrKey, key.Path());
     ToolKit::mRetry_times = 3;
     ToolKit::g_retry_times = 0;
     ToolKit::g_bIsFiveBranch = true;
@@ -50,7 +50,7 @@ class FlashBench {
   /// An image with items of these memory classes. @return its path.
   std::string AddImage(const wchar_t* name, std::vector<std::uint32_t> memoryClasses,
                        std::uintmax_t size = 100) {
-    std::string path = Utf8FromWide(images.WriteOfSize(name, size));
+    std::string path = corvel::Utf8FromWide(images.WriteOfSize(name, size));
     library.images[path] = std::move(memoryClasses);
     return path;
   }

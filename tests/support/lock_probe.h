@@ -92,7 +92,7 @@ class LockProbe {
   static inline LockProbe* s_probe = nullptr;
 
   simulator::ImportPatch m_Library{::GetModuleHandleW(L"toolkit_internals.dll")};
-  UniqueHandle m_MetOrDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  corvel::UniqueHandle m_MetOrDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::function<void()> m_Second;
   std::thread m_Other;
   std::atomic<DWORD> m_First{0};

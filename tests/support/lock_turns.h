@@ -64,7 +64,9 @@ class LockTurns {
  private:
   static constexpr DWORD kPatienceMs = 20000;
 
-  static UniqueHandle NewEvent() { return UniqueHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr)); }
+  static corvel::UniqueHandle NewEvent() {
+    return corvel::UniqueHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  }
   static bool FirstOf(HANDLE wanted, HANDLE end) {
     const std::array<HANDLE, 2> events{wanted, end};
     return ::WaitForMultipleObjects(2, events.data(), FALSE, kPatienceMs) == WAIT_OBJECT_0;
@@ -91,11 +93,11 @@ class LockTurns {
   static inline LockTurns* s_present = nullptr;
 
   simulator::ImportPatch m_Patch{::GetModuleHandleW(L"toolkit_internals.dll")};
-  const UniqueHandle m_Held = NewEvent();
-  const UniqueHandle m_Asked = NewEvent();
-  const UniqueHandle m_MayGo = NewEvent();
-  const UniqueHandle m_HolderEnded = NewEvent();
-  const UniqueHandle m_ContenderEnded = NewEvent();
+  const corvel::UniqueHandle m_Held = NewEvent();
+  const corvel::UniqueHandle m_Asked = NewEvent();
+  const corvel::UniqueHandle m_MayGo = NewEvent();
+  const corvel::UniqueHandle m_HolderEnded = NewEvent();
+  const corvel::UniqueHandle m_ContenderEnded = NewEvent();
   std::atomic<DWORD> m_HolderId{0};
   std::atomic<DWORD> m_ContenderId{0};
   std::atomic<SRWLOCK*> m_HeldLock{nullptr};

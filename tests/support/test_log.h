@@ -79,7 +79,7 @@ class TestLog {
   TestLog() {
     m_Patch.Replace("FlushFileBuffers", &LeaveUnflushed);
     CDebugLogger::SetLevel(3);
-    CDebugLogger::GetInstance()->SetFileName(AnsiFromWide(m_Folder.File(L"test.log")).c_str());
+    CDebugLogger::GetInstance()->SetFileName(corvel::AnsiFromWide(m_Folder.File(L"test.log")).c_str());
   }
   ~TestLog() {
     CDebugLogger::GetInstance()->SetFileName("");

@@ -21,6 +21,8 @@
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
 
+using corvel::UniqueHandle;
+
 namespace {
 
 using testing::EndsWith;

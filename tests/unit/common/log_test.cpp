@@ -10,6 +10,8 @@
 
 #include "support/test_log.h"
 
+using corvel::QualifiedFunctionName;
+
 namespace names {
 
 std::string Free() {

@@ -10,6 +10,13 @@
 
 #include "common/narrow.h"
 
+using corvel::AnsiFromWide;
+using corvel::Narrow;
+using corvel::PrintNarrow;
+using corvel::PrintWide;
+using corvel::Utf8FromWide;
+using corvel::WideFromUtf8;
+
 namespace {
 
 std::optional<std::string> Print(const char* format, ...) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+using corvel::HResultFromWin32;
+
 namespace {
 
 TEST(Win32ErrorTest, MapsAnErrorIntoTheWin32Facility) {

@@ -8,6 +8,9 @@
 #include "simulator/import_patch.h"
 #include "xmlfile/xmlfile.h"
 
+using corvel::StartWorker;
+using corvel::UniqueHandle;
+
 namespace {
 
 constexpr DWORD kLongEnough = 30000;

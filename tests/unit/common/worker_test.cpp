@@ -12,6 +12,10 @@
 
 #include "simulator/import_patch.h"
 
+using corvel::PinThisModule;
+using corvel::StartWorker;
+using corvel::UniqueHandle;
+
 namespace {
 
 constexpr DWORD kLongEnough = 30000;

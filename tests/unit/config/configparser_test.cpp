@@ -18,6 +18,10 @@
 #include "support/scarce_memory.h"
 #include "toolkit/toolkit.h"
 
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using namespace std::string_literals;

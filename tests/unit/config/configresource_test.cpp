@@ -16,6 +16,9 @@
 #include "support/test_log.h"
 #include "support/xml_files.h"
 
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::ElementsAre;

@@ -42,7 +42,7 @@ TEST_F(AttemptTest, HasANumberOfItsOwn) {
 }
 
 /// Drawn before any test begins.
-const std::uint64_t g_firstNumber = FlashChannel::NewAttempt();
+const std::uint64_t g_firstNumber = corvel::flash_channel::NewAttempt();
 
 TEST(AttemptNumberTest, IsNeverTheOneThatMeansNobodyNotEvenTheFirst) {
   EXPECT_NE(g_firstNumber, 0u);

@@ -24,6 +24,9 @@
 #include "support/log_entry.h"
 #include "support/test_log.h"
 
+using corvel::UniqueHandle;
+using corvel::UniqueSafeArray;
+
 #if defined(__GNUC__)
 // The interfaces have no destructor: one would take a slot.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"

@@ -12,6 +12,8 @@
 #include "support/process_heap.h"
 #include "support/test_log.h"
 
+using corvel::IsDevicePresent;
+
 namespace {
 
 using testing::Contains;

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+using corvel::FindMemoryClass;
+using corvel::MemoryClass;
+
 namespace {
 
 struct Row {

@@ -9,6 +9,9 @@
 #include "support/lock_probe.h"
 #include "support/scarce_memory.h"
 
+using corvel::FlashSlot;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::Contains;

@@ -5,6 +5,9 @@
 
 #include "support/flash_bench.h"
 
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::AllOf;

@@ -9,6 +9,12 @@
 #include "support/lock_probe.h"
 #include "support/scarce_memory.h"
 
+using corvel::FlashLibrary;
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+using corvel::WideFromUtf8;
+
 namespace {
 
 using testing::AllOf;

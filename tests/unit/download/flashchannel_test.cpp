@@ -12,8 +12,8 @@
 namespace {
 
 using corvel::Attempt;
-using FlashChannel::Claim;
-using FlashChannel::LateClose;
+using corvel::flash_channel::Claim;
+using corvel::flash_channel::LateClose;
 
 class FlashChannelTest : public testing::Test {
  protected:
@@ -22,7 +22,7 @@ class FlashChannelTest : public testing::Test {
     while (older->TakeChannel() == Claim::Refused) WaitTheLongestTime();
   }
 
-  void WaitTheLongestTime() { clock.Pause(FlashChannel::kLongestWaitForLateCloseMs); }
+  void WaitTheLongestTime() { clock.Pause(corvel::flash_channel::kLongestWaitForLateCloseMs); }
 
   void WaitLongEnough() {
     EXPECT_EQ(newer->TakeChannel(), Claim::Refused);
@@ -93,27 +93,27 @@ TEST_F(FlashChannelTest, TimeOfTheWaitBeginsAnewWithEachClose) {
   EXPECT_EQ(newer->TakeChannel(), Claim::Refused);
   close.reset();
   EXPECT_EQ(newer->TakeChannel(), Claim::Taken);
-  clock.Pause(2 * FlashChannel::kLongestWaitForLateCloseMs);
+  clock.Pause(2 * corvel::flash_channel::kLongestWaitForLateCloseMs);
   const LateClose second(newer->Number());
   EXPECT_EQ(older->TakeChannel(), Claim::Refused);
 }
 
 TEST_F(FlashChannelTest, IsTakenUnderALock) {
   LockProbe locks;
-  EXPECT_TRUE(locks.Excludes([this] { FlashChannel::Take(newer->Number()); },
-                             [this] { FlashChannel::Take(newer->Number()); }));
+  EXPECT_TRUE(locks.Excludes([this] { corvel::flash_channel::Take(newer->Number()); },
+                             [this] { corvel::flash_channel::Take(newer->Number()); }));
 }
 
 TEST_F(FlashChannelTest, LateCloseBeginsUnderThatLock) {
   LockProbe locks;
   EXPECT_TRUE(locks.Excludes([this] { const LateClose close(older->Number()); },
-                             [this] { FlashChannel::Take(newer->Number()); }, 1));
+                             [this] { corvel::flash_channel::Take(newer->Number()); }, 1));
 }
 
 TEST_F(FlashChannelTest, LateCloseEndsUnderThatLock) {
   LockProbe locks;
   EXPECT_TRUE(locks.Excludes([this] { const LateClose close(older->Number()); },
-                             [this] { FlashChannel::Take(newer->Number()); }, 2));
+                             [this] { corvel::flash_channel::Take(newer->Number()); }, 2));
 }
 
 }  // namespace

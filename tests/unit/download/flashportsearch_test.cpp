@@ -9,6 +9,11 @@
 #include "support/lock_probe.h"
 #include "support/process_heap.h"
 
+using corvel::FlashPortSearch;
+using corvel::Narrow;
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::ElementsAre;

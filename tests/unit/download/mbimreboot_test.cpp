@@ -27,6 +27,10 @@
 #include "support/log_entry.h"
 #include "support/test_log.h"
 
+using corvel::DeleteRetiredSinks;
+using corvel::RebootModemThroughMobileBroadband;
+using corvel::UniqueHandle;
+using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Contains;
 using testing::Each;
@@ -35,7 +39,6 @@ using testing::Field;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-using namespace std::chrono_literals;
 
 namespace {
 

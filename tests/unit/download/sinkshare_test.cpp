@@ -21,6 +21,10 @@
 #include "support/lock_turns.h"
 #include "support/test_log.h"
 
+using corvel::DeleteRetiredSinks;
+using corvel::SinkShare;
+using corvel::UniqueHandle;
+
 #if defined(__GNUC__)
 // The interfaces have no destructor: one would take a slot.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"

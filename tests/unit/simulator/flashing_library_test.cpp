@@ -7,6 +7,9 @@
 
 #include "simulation_test.h"
 
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

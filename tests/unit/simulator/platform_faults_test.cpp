@@ -5,6 +5,8 @@
 #include "simulator/call_hooks.h"
 #include "simulator/import_patch.h"
 
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

@@ -86,7 +86,7 @@ class SimulationTest : public testing::Test {
   TemporaryFolder folder;
   VirtualPcOptions options;
   std::unique_ptr<VirtualPc> pc;
-  UniqueModule caller;
+  corvel::UniqueModule caller;
   PlatformCalls platform{};
 };
 

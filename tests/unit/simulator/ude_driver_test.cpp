@@ -1,5 +1,7 @@
 #include "simulation_test.h"
 
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

@@ -5,6 +5,8 @@
 #include "simulation_test.h"
 #include "simulator/working_threads.h"
 
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 TEST(VirtualClockTest, DividesWaitsByItsSpeed) {

@@ -7,6 +7,8 @@
 
 #include "simulation_test.h"
 
+using corvel::UniqueHandle;
+
 namespace simulator {
 
 namespace {

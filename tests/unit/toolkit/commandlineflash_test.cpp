@@ -5,6 +5,9 @@
 #include "support/job_bench.h"
 #include "toolkit/flashjob.h"
 
+using corvel::kCommandLineRules;
+using corvel::kServiceRules;
+
 namespace {
 
 using testing::AllOf;

@@ -17,6 +17,9 @@
 #include "support/host_folder.h"
 #include "toolkit/toolkit.h"
 
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 
 namespace {

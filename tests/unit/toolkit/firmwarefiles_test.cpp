@@ -15,6 +15,10 @@
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
 
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::Contains;

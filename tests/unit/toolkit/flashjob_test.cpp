@@ -9,6 +9,14 @@
 #include "common/narrow.h"
 #include "support/job_bench.h"
 
+using corvel::FlashJob;
+using corvel::FlashJobRules;
+using corvel::kCommandLineRules;
+using corvel::kServiceRules;
+using corvel::Narrow;
+using corvel::Utf8FromWide;
+using corvel::WideFromUtf8;
+
 namespace {
 
 using testing::Contains;

@@ -20,6 +20,9 @@
 #include "support/test_log.h"
 #include "toolkit/toolkit.h"
 
+using corvel::AnsiFromWide;
+using corvel::CopyBounded;
+
 namespace {
 
 using testing::AllOf;

@@ -5,6 +5,8 @@
 #include "support/job_bench.h"
 #include "toolkit/flashjob.h"
 
+using corvel::Utf8FromWide;
+
 namespace {
 
 using testing::AllOf;

@@ -18,6 +18,8 @@
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 
+using corvel::ProgramFolder;
+
 namespace {
 
 using testing::ElementsAre;

@@ -25,7 +25,7 @@ class FakeDriver {
 
   struct Interface {
     std::wstring path;
-    std::vector<UniqueHandle> servers;
+    std::vector<corvel::UniqueHandle> servers;
     Answer answer = Answer::Never;
   };
   struct Request {
@@ -61,9 +61,9 @@ class FakeDriver {
                  std::to_wstring(++count);
     added.answer = answer;
     for (DWORD i = 0; i < kOpensPerInterface; ++i) {
-      added.servers.push_back(
-          OwnFileHandle(::CreateNamedPipeW(added.path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                           PIPE_TYPE_BYTE, kOpensPerInterface, 64, 64, 0, nullptr)));
+      added.servers.push_back(corvel::OwnFileHandle(
+          ::CreateNamedPipeW(added.path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, PIPE_TYPE_BYTE,
+                             kOpensPerInterface, 64, 64, 0, nullptr)));
     }
     m_Interfaces.push_back(std::move(added));
     return m_Interfaces.back().path;
@@ -203,9 +203,9 @@ class FakeDriver {
   }
 
   static void Reply(const Interface& target) {
-    for (const UniqueHandle& server : target.servers) {
+    for (const corvel::UniqueHandle& server : target.servers) {
       OVERLAPPED overlapped{};
-      const UniqueHandle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+      const corvel::UniqueHandle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
       overlapped.hEvent = done.get();
       const bool begun =
           ::WriteFile(server.get(), kAnswer, 1, nullptr, &overlapped) || ::GetLastError() == ERROR_IO_PENDING;

@@ -14,6 +14,8 @@
 #include "support/process_heap.h"
 #include "support/test_log.h"
 
+using corvel::UniqueHandle;
+
 namespace {
 
 using testing::Contains;

@@ -17,6 +17,9 @@
 #include "support/xml_files.h"
 #include "xmlfile/xmlfile.h"
 
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using Microsoft::WRL::ComPtr;

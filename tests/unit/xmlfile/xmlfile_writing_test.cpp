@@ -17,6 +17,11 @@
 #include "support/xml_files.h"
 #include "xmlfile/xmlfile.h"
 
+using corvel::OwnedVariant;
+using corvel::OwnFileHandle;
+using corvel::UniqueHandle;
+using corvel::Utf8FromWide;
+
 namespace {
 
 using Microsoft::WRL::ComPtr;

@@ -5,7 +5,6 @@
 
 #include "simulator/working_threads.h"
 
-using corvel::LastErrorKeeper;
 using corvel::ScopedLock;
 
 namespace simulator {

@@ -18,6 +18,9 @@
 #include "simulator/known_calls.h"
 #include "simulator/load_watch.h"
 
+using corvel::UniqueHandle;
+using corvel::UniqueModule;
+
 namespace simulator {
 
 namespace {

@@ -10,13 +10,15 @@ namespace hosts {
 
 namespace {
 
-std::optional<std::uint32_t> ReadNumber(const HandshakeKey& key, const wchar_t* name) {
+/// Nothing when it is absent or no number, and, with the error kept, when it cannot be read.
+std::optional<std::uint32_t> ReadNumber(const HandshakeKey& key, const wchar_t* name, DWORD& error) {
   DWORD value = 0;
   DWORD size = sizeof value;
   const LSTATUS status =
       ::RegGetValueW(key.root, key.path.c_str(), name, RRF_RT_REG_DWORD, nullptr, &value, &size);
-  if (status != ERROR_SUCCESS) return std::nullopt;
-  return value;
+  if (status == ERROR_SUCCESS) return value;
+  if (status != ERROR_FILE_NOT_FOUND && status != ERROR_UNSUPPORTED_TYPE) error = static_cast<DWORD>(status);
+  return std::nullopt;
 }
 
 std::string MeaningOfReady(std::optional<std::uint32_t> ready) {
@@ -69,12 +71,15 @@ std::wstring HandshakeKey::Identity() const {
 }
 
 Handshake ReadHandshake(const HandshakeKey& key) {
-  return {.ready = ReadNumber(key, kReadyValue),
-          .retryTimes = ReadNumber(key, L"Retry_Times"),
-          .timeOut = ReadNumber(key, L"Time_Out"),
-          .onGoing = ReadNumber(key, L"Flash_OnGoing"),
-          .progress = ReadNumber(key, L"Flash_Progress"),
-          .result = ReadNumber(key, L"Flash_Result")};
+  DWORD error = ERROR_SUCCESS;
+  // In the order of the braces, so that the last member has the error of those before it.
+  return {.ready = ReadNumber(key, kReadyValue, error),
+          .retryTimes = ReadNumber(key, L"Retry_Times", error),
+          .timeOut = ReadNumber(key, L"Time_Out", error),
+          .onGoing = ReadNumber(key, L"Flash_OnGoing", error),
+          .progress = ReadNumber(key, L"Flash_Progress", error),
+          .result = ReadNumber(key, L"Flash_Result", error),
+          .error = error};
 }
 
 std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer) {

@@ -33,6 +33,8 @@ struct Handshake {
   std::optional<std::uint32_t> onGoing;
   std::optional<std::uint32_t> progress;
   std::optional<std::uint32_t> result;
+  /// Why one of them could not be read although it may be there; 0 when there is none such.
+  DWORD error = ERROR_SUCCESS;
 
   bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
   /// True from the first download attempt to the end of the job, pauses before a repetition included.

@@ -23,6 +23,9 @@ namespace {
 
 constexpr std::size_t kMostKept = 5;
 constexpr int kMostOfOneSecond = 99;
+/// The library writes this when it begins to wait for a request, within its first few dozen records.
+constexpr std::string_view kServes = "Monitor flash ready flag to be ready";
+constexpr DWORD kBeginSize = 256 * 1024;
 /// The form of the time in a kept log's name; a 0 stands for any digit.
 constexpr std::wstring_view kTimeForm = L"_0000-00-00_00-00-00";
 
@@ -87,6 +90,10 @@ std::filesystem::path NameToKeepBy(const std::filesystem::path& log, const FILET
   return name;
 }
 
+std::filesystem::path NameOfFailedStart(const std::filesystem::path& log) {
+  return log.parent_path() / (log.stem().wstring() + L"_failed_start.log");
+}
+
 /// Whether some process has the file open for writing. It is then the log of a host that lives.
 bool IsBeingWritten(const std::filesystem::path& log) {
   const HANDLE opened = ::CreateFileW(log.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
@@ -96,13 +103,31 @@ bool IsBeingWritten(const std::filesystem::path& log) {
   return false;
 }
 
+OwnedHandle OpenBesideOthers(const std::filesystem::path& log) {
+  const HANDLE opened =
+      ::CreateFileW(log.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return OwnedHandle(opened == INVALID_HANDLE_VALUE ? nullptr : opened);
+}
+
+/// Whether the run failed before it could serve, as one without a configuration does. A log that cannot be
+/// read may be of any run.
+bool IsOfFailedStart(const std::filesystem::path& log) {
+  const OwnedHandle file = OpenBesideOthers(log);
+  std::string begin(kBeginSize, '\0');
+  DWORD size = 0;
+  if (file == nullptr || !::ReadFile(file.get(), begin.data(), kBeginSize, &size, nullptr)) return false;
+  begin.resize(size);
+  return begin.find(kServes) == std::string::npos;
+}
+
 /// A program that only reads the log keeps it from being renamed, but not from being emptied: then a copy is
 /// kept.
-bool Keep(const std::filesystem::path& log, const std::filesystem::path& name) {
-  if (::MoveFileExW(log.c_str(), name.c_str(), 0)) return true;
+bool Keep(const std::filesystem::path& log, const std::filesystem::path& name, bool overwrites) {
+  if (::MoveFileExW(log.c_str(), name.c_str(), overwrites ? MOVEFILE_REPLACE_EXISTING : 0)) return true;
   const DWORD error = ::GetLastError();
   if (error == ERROR_SHARING_VIOLATION && !IsBeingWritten(log)) {
-    return ::CopyFileW(log.c_str(), name.c_str(), TRUE) != FALSE;
+    return ::CopyFileW(log.c_str(), name.c_str(), overwrites ? FALSE : TRUE) != FALSE;
   }
   ::SetLastError(error);
   return false;
@@ -149,7 +174,11 @@ std::string KeepLastLog(const std::wstring& log) {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? "" : NotKept(log, error);
   }
   if (facts.nFileSizeLow == 0 && facts.nFileSizeHigh == 0) return {};
-  if (!Keep(log, NameToKeepBy(log, facts.ftLastWriteTime))) return NotKept(log, ::GetLastError());
+  // A place of their own: a host that is started again and again in vain would push out all other logs.
+  const bool failed = IsOfFailedStart(log);
+  const std::filesystem::path name =
+      failed ? NameOfFailedStart(log) : NameToKeepBy(log, facts.ftLastWriteTime);
+  if (!Keep(log, name, failed)) return NotKept(log, ::GetLastError());
   RemoveOldest(log);
   return {};
 }

@@ -6,7 +6,8 @@ namespace hosts {
 
 /// Keeps the debug log of the run before: each start of a host empties it, and with it what a failed flash
 /// has written. The log is given a name with the time of its last record, and of such kept ones the newest
-/// five stay. Call it before anything can write the log.
+/// five stay; of the runs that failed before they could serve, the last one. Call it before anything can
+/// write the log.
 /// @param log full path of the log.
 /// @return what went wrong, in words; empty when nothing did, or there was nothing to keep.
 std::string KeepLastLog(const std::wstring& log);

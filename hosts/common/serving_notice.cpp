@@ -20,8 +20,13 @@ std::wstring NoticeName(Server server, const HandshakeKey& key) {
 
 }  // namespace
 
-ServingNotice::ServingNotice(Server server, const HandshakeKey& key)
-    : m_Mutex(::CreateMutexW(nullptr, FALSE, NoticeName(server, key).c_str())) {}
+ServingNotice::ServingNotice(Server server, const HandshakeKey& key) {
+  ::SetLastError(ERROR_SUCCESS);
+  m_Mutex.reset(::CreateMutexW(nullptr, FALSE, NoticeName(server, key).c_str()));
+  const DWORD error = ::GetLastError();
+  // What cannot be opened is that of a user with more rights.
+  m_HasPredecessor = error == ERROR_ALREADY_EXISTS || error == ERROR_ACCESS_DENIED;
+}
 
 bool IsServedBy(Server server, const HandshakeKey& key) {
   const OwnedHandle notice(::OpenMutexW(SYNCHRONIZE, FALSE, NoticeName(server, key).c_str()));

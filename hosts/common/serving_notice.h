@@ -14,8 +14,12 @@ class ServingNotice {
  public:
   ServingNotice(Server server, const HandshakeKey& key);
 
+  /// Whether another one of the same kind has given the same notice before.
+  bool HasPredecessor() const { return m_HasPredecessor; }
+
  private:
   OwnedHandle m_Mutex;
+  bool m_HasPredecessor = false;
 };
 
 /// Whether such a host lives and deals with the requests under the key.

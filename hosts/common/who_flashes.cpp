@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "hosts/common/facts.h"
@@ -36,7 +37,7 @@ std::optional<Obstacle> Judge(DWORD error) {
       return std::nullopt;
     case ERROR_ALREADY_EXISTS:
     case ERROR_ACCESS_DENIED:  // Of a user with more rights.
-      return Obstacle{"already_running", "Another corvel_cmdline is flashing", "Wait for its end."};
+      return Obstacle{"already_running", "A corvel_cmdline is flashing already", "Wait for its end."};
     case ERROR_INVALID_HANDLE:
       return Obstacle{"claim_impossible",
                       "Another program holds the name \"" + ToUtf8(kClaimName) +
@@ -148,23 +149,36 @@ Obstacle IsFlashing(const std::string& service, const HandshakeKey& key) {
           "Wait for its end: both would drive the same modem."};
 }
 
+Obstacle MayBeFlashing(const std::string& service, const std::string& why, std::string whatToDo) {
+  return {"service_unknown", service + " may be flashing: " + why, std::move(whatToDo)};
+}
+
 std::optional<Obstacle> Judge(const std::string& service, const HandshakeKey& key,
                               const HandshakeKey& commandLineKey) {
-  if (ReadHandshake(key).IsJobOpen()) return IsFlashing(service, key);
+  const Handshake values = ReadHandshake(key);
+  if (values.IsJobOpen()) return IsFlashing(service, key);
   if (key.Identity() == commandLineKey.Identity()) return SharesTheKey(service, key);
-  return std::nullopt;
+  if (values.error == ERROR_SUCCESS) return std::nullopt;
+  return MayBeFlashing(service, "its key " + key.Text() + " cannot be read: " + SystemErrorText(values.error),
+                       "Run this program as an administrator.");
 }
 
 std::optional<Obstacle> Judge(const LivingService& service, const HandshakeKey& commandLineKey) {
   if (service.isStarting) {
-    return Obstacle{"service_starting", service.Text() + " is starting, and may begin to flash at once",
+    return Obstacle{kServiceStarts, service.Text() + " is starting, and may begin to flash at once",
                     "Try again in a moment."};
   }
-  if (service.key) return Judge(service.Text(), *service.key, commandLineKey);
-  return Obstacle{"service_unknown",
-                  service.Text() + " may be flashing: its configuration " + ToUtf8(service.configuration) +
-                      " cannot be read",
-                  "Close whatever holds the configuration open, or stop the service (corvel_service stop)."};
+  if (!service.key) {
+    return MayBeFlashing(
+        service.Text(), "its configuration " + ToUtf8(service.configuration) + " cannot be read",
+        "Close whatever holds the configuration open, or stop the service (corvel_service stop).");
+  }
+  // The key of that name which the service uses is its account's own.
+  if (service.key->root == HKEY_CURRENT_USER) {
+    return MayBeFlashing(service.Text(), "nobody but itself sees its key " + service.key->Text(),
+                         "Stop it first (corvel_service stop), or give it a [RegistryLocation] below HKLM.");
+  }
+  return Judge(service.Text(), *service.key, commandLineKey);
 }
 
 /// A service that runs in a terminal is not in the manager's list.
@@ -196,6 +210,13 @@ std::optional<Obstacle> CommandLineClaim::WhoHoldsIt() const {
 std::optional<Obstacle> FindFlashingCommandLine() {
   const OwnedHandle claim(::OpenMutexW(SYNCHRONIZE, FALSE, kClaimName));
   return Judge(claim != nullptr ? ERROR_ALREADY_EXISTS : ::GetLastError());
+}
+
+bool IsServiceStarting() try {
+  const auto service = FindLivingService();
+  return service && service->isStarting;
+} catch (const std::system_error&) {
+  return false;
 }
 
 std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey) try {

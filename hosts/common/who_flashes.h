@@ -21,6 +21,9 @@ struct Obstacle {
   std::string whatToDo;
 };
 
+/// The code of an obstacle that is a service which starts.
+inline constexpr char kServiceStarts[] = "service_starting";
+
 /// This process's claim to be the only command line that flashes.
 class CommandLineClaim {
  public:
@@ -41,5 +44,9 @@ std::optional<Obstacle> FindFlashingCommandLine();
 /// A flash service that is flashing, or that would take the request of the command line as well, because it
 /// runs and has the same key. What a service that does not run any more left in its key is no obstacle.
 std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey);
+
+/// Whether the installed flash service starts. It reads its configuration then, and finds none while somebody
+/// else has the file open.
+bool IsServiceStarting();
 
 }  // namespace hosts

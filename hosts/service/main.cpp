@@ -17,6 +17,7 @@
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
 #include "hosts/service/service_body.h"
@@ -68,8 +69,12 @@ std::string Advice(const ControlResult& result) {
       return "A flash is running. Wait for its end, or use --force and let the next flash recover the modem.";
     case ERROR_SERVICE_SPECIFIC_ERROR:
       return AdviceOnServiceCode(result.serviceCode);
+    case ERROR_SERVICE_MARKED_FOR_DELETE:
+      return "It goes when nobody looks at it any more: close the Services window, and try again.";
+    case ERROR_SERVICE_REQUEST_TIMEOUT:
+      return "It did not answer in time. Look at the Windows event log, and try again.";
     default:
-      return "";
+      return "Look at the Windows event log, and try again.";
   }
 }
 
@@ -115,7 +120,32 @@ int Uninstall() {
   return Conclude(result, "Removed.");
 }
 
+int Refuse(const std::string& why) {
+  std::cerr << kProgram << ": " << why << std::endl;
+  return kFailed;
+}
+
+/// Why a service may not begin to serve beside the other hosts; nothing when it may.
+std::optional<std::string> WhyNotBeside(const std::optional<HandshakeKey>& servedAlready) {
+  if (const auto commandLine = FindFlashingCommandLine()) {
+    return commandLine->message + ". " + commandLine->whatToDo;
+  }
+  if (!servedAlready) return std::nullopt;
+  return "Another flash service serves " + servedAlready->Text() + " already: both would take each request.";
+}
+
+/// Of a service that does not run: one that does, or is about to, needs its configuration and its notice.
+std::optional<std::string> WhyNotToStart() {
+  ServiceState state;
+  if (QueryFlashService(state).error != ERROR_SUCCESS || !state.installed || state.state != SERVICE_STOPPED) {
+    return std::nullopt;
+  }
+  const auto key = FlashServiceKey();
+  return WhyNotBeside(key && IsServedBy(Server::Service, *key) ? key : std::nullopt);
+}
+
 int Start() {
+  if (const auto why = WhyNotToStart()) return Refuse(*why);
   const ControlResult result = StartFlashService();
   if (result.error == ERROR_SERVICE_ALREADY_RUNNING) return HadNothingToDo("It is running already.");
   return Conclude(result, "Running.");
@@ -186,12 +216,19 @@ int ShowStatus(bool json) {
 }
 
 /// Two supervisors would both take the next request.
-int RunBesideNoService() {
+int RunBesideNoOtherHost() {
   ServiceState state;
   if (QueryFlashService(state).error == ERROR_SUCCESS && state.state != SERVICE_STOPPED) {
-    std::cerr << "corvel_service: The service is " << NameOfState(state.state)
-              << ". Stop it first: corvel_service stop" << std::endl;
-    return kFailed;
+    return Refuse(std::string("The service is ") + NameOfState(state.state) +
+                  ". Stop it first: corvel_service stop");
+  }
+  // Given before the library serves, and before the look at the command line, which looks for it: of two that
+  // are started at one moment, one sees the other.
+  const auto key = FlashServiceKey();
+  std::optional<ServingNotice> notice;
+  if (key) notice.emplace(Server::Service, *key);
+  if (const auto why = WhyNotBeside(notice && notice->HasPredecessor() ? key : std::nullopt)) {
+    return Refuse(*why);
   }
   return RunInConsole();
 }
@@ -284,7 +321,7 @@ int Run(std::vector<std::string> words, bool json) {
   status->add_flag("--history", history, "Show how the last flashes ended, the command line's too");
 
   bool console = false;
-  add("run", "Run in this terminal until Ctrl+C", [] { return RunBesideNoService(); })
+  add("run", "Run in this terminal until Ctrl+C", [] { return RunBesideNoOtherHost(); })
       ->add_flag("--console", console, "Needed, so that nobody does it by mistake")
       ->required();
 

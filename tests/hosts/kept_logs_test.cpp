@@ -23,11 +23,16 @@ using testing::IsSupersetOf;
 namespace {
 
 constexpr wchar_t kLog[] = L"Host.log";
+/// In the log of every run that came so far as to serve.
+constexpr char kServes[] = "##\tMonitor flash ready flag to be ready##\r\n";
 
 class KeptLogsTest : public testing::Test {
  protected:
   /// A log of which the last record was written then, in local time.
   void WriteLog(const std::string& text, const SYSTEMTIME& localTime) const {
+    WriteLogOfFailedStart(kServes + text, localTime);
+  }
+  void WriteLogOfFailedStart(const std::string& text, const SYSTEMTIME& localTime) const {
     folder.Write(kLog, text);
     SYSTEMTIME universal{};
     FILETIME time{};
@@ -67,7 +72,7 @@ TEST_F(KeptLogsTest, GivesTheLogTheTimeOfItsLastRecord) {
   WriteLog("evidence", At(11));
   EXPECT_EQ(Keep(), "");
   EXPECT_THAT(Names(), ElementsAre(L"Host_2026-11-05_23-04-11.log"));
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "evidence");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), kServes + std::string("evidence"));
 }
 
 TEST_F(KeptLogsTest, KeepsNothingOfAnEmptyLogOrNone) {
@@ -86,7 +91,7 @@ TEST_F(KeptLogsTest, KeepsTheLastFive) {
   EXPECT_THAT(Names(), ElementsAre(L"Host_2026-11-05_23-04-15.log", L"Host_2026-11-05_23-04-16.log",
                                    L"Host_2026-11-05_23-04-17.log", L"Host_2026-11-05_23-04-18.log",
                                    L"Host_2026-11-05_23-04-19.log"));
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-15.log"), "15");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-15.log"), kServes + std::string("15"));
 }
 
 /// Local time goes back once a year, and with it what the names say.
@@ -108,14 +113,36 @@ TEST_F(KeptLogsTest, RemovesTheOldestWhateverTheNamesSay) {
                                    L"Host_2026-11-05_23-04-11.log"));
 }
 
+/// As when the service manager starts a service again and again that finds no configuration.
+TEST_F(KeptLogsTest, KeepsTheLogOfAFailedStartInOnePlaceOfItsOwn) {
+  WriteLog("a failed flash", At(10));
+  EXPECT_EQ(Keep(), "");
+  for (WORD second = 11; second < 19; ++second) {
+    WriteLogOfFailedStart("Load Config failed " + std::to_string(second), At(second));
+    EXPECT_EQ(Keep(), "");
+  }
+  EXPECT_THAT(Names(), ElementsAre(L"Host_2026-11-05_23-04-10.log", L"Host_failed_start.log"));
+  EXPECT_EQ(folder.Content(L"Host_failed_start.log"), "Load Config failed 18");
+}
+
+TEST_F(KeptLogsTest, KeepsTheLogOfAFailedStartThatSomebodyReads) {
+  folder.Write(L"Host_failed_start.log", "an older one");
+  WriteLogOfFailedStart("Load Config failed", At(11));
+  const OwnedHandle reader(::CreateFileW(folder.File(kLog).c_str(), GENERIC_READ,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
+  EXPECT_EQ(Keep(), "");
+  EXPECT_EQ(folder.Content(L"Host_failed_start.log"), "Load Config failed");
+}
+
 TEST_F(KeptLogsTest, KeepsTwoLogsOfOneSecondApart) {
   for (const char* text : {"first", "second", "third"}) {
     WriteLog(text, At(11));
     EXPECT_EQ(Keep(), "");
   }
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "first");
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11_2.log"), "second");
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11_3.log"), "third");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), kServes + std::string("first"));
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11_2.log"), kServes + std::string("second"));
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11_3.log"), kServes + std::string("third"));
 }
 
 class FullSecondTest : public KeptLogsTest {
@@ -134,7 +161,7 @@ class FullSecondTest : public KeptLogsTest {
 
 TEST_F(FullSecondTest, TakesALastLog) {
   EXPECT_EQ(Keep(), "");
-  EXPECT_EQ(folder.Content(Name(99)), "evidence");
+  EXPECT_EQ(folder.Content(Name(99)), kServes + std::string("evidence"));
 }
 
 TEST_F(FullSecondTest, LetsNoLogGiveWayToOneMore) {
@@ -146,7 +173,7 @@ TEST_F(FullSecondTest, LetsNoLogGiveWayToOneMore) {
                                            FILE_ATTRIBUTE_NORMAL, nullptr));
     EXPECT_THAT(Keep(), HasSubstr("is not kept"));
   }
-  EXPECT_EQ(folder.Content(kLog), "evidence");
+  EXPECT_EQ(folder.Content(kLog), kServes + std::string("evidence"));
   EXPECT_EQ(folder.Content(Name(99)), "other");
   EXPECT_FALSE(folder.Holds(Name(100)));
 }
@@ -177,7 +204,7 @@ TEST_F(KeptLogsTest, CopiesALogThatSomebodyReads) {
                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                                          FILE_ATTRIBUTE_NORMAL, nullptr));
   EXPECT_EQ(Keep(), "");
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "evidence");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), kServes + std::string("evidence"));
 }
 
 TEST_F(KeptLogsTest, CopiesALogThatSomebodyMayDelete) {
@@ -187,7 +214,7 @@ TEST_F(KeptLogsTest, CopiesALogThatSomebodyMayDelete) {
                                          FILE_ATTRIBUTE_NORMAL, nullptr));
   ASSERT_NE(reader.get(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(Keep(), "");
-  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), "evidence");
+  EXPECT_EQ(folder.Content(L"Host_2026-11-05_23-04-11.log"), kServes + std::string("evidence"));
 }
 
 TEST_F(KeptLogsTest, LeavesTheLogOfALivingHostAloneAndSaysSo) {

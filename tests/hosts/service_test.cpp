@@ -17,6 +17,7 @@
 #include "hosts/common/owners.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "hosts/service/service_control.h"
 #include "messages.h"
 #include "simulator/host/kept_key.h"
@@ -763,7 +764,7 @@ TEST_F(ServiceTest, LeavesNothingBehindAfterALifeWithAFlash) {
 }
 
 TEST_F(ServiceTest, KeepsTheLogOfTheRunBefore) {
-  const std::string evidence = "what a failed flash has written";
+  const std::string evidence = "Monitor flash ready flag to be ready, and what a failed flash has written";
   std::ofstream(workspace.File(L"FlashServiceDebugLogger_DLL.log"), std::ios::binary) << evidence;
   InstallAndStart();
   ASSERT_EQ(Service({L"stop"}).exitCode, 0);
@@ -882,6 +883,31 @@ TEST_F(ServiceTest, DoesNotRunInATerminalBesideTheService) {
   EXPECT_THAT(result.errors, HasSubstr("The service is running. Stop it first"));
 }
 
+TEST_F(ServiceTest, RunsInOneTerminalOnlyForOneKey) {
+  ChildProcess first(workspace.Service(), {L"run", L"--console"});
+  ASSERT_TRUE(first.Says("Waiting for Fls_Ready"));
+  HostWorkspace other(L"-other");
+  other.SetServiceKey(ToWide(key.Location().Text()));
+  const RunResult second = RunToEnd(other.Service(), {L"run", L"--console"});
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_EQ(second.errors, "corvel_service: Another flash service serves " + key.Location().Text() +
+                               " already: both would take each request.\r\n");
+  ASSERT_EQ(RunToEnd(other.Service(), {L"install", L"--start", L"demand"}).exitCode, 0);
+  EXPECT_EQ(RunToEnd(other.Service(), {L"start"}).errors, second.errors);
+}
+
+TEST_F(ServiceTest, NeitherStartsNorRunsInATerminalWhileACommandLineFlashes) {
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  const CommandLineClaim flash;
+  for (const std::vector<std::wstring>& words :
+       {std::vector<std::wstring>{L"start"}, {L"run", L"--console"}}) {
+    const RunResult result = Service(words);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "corvel_service: A corvel_cmdline is flashing already. Wait for its end.\r\n");
+  }
+  EXPECT_EQ(Status()["state"], "stopped");
+}
+
 TEST_F(ServiceTest, DoesNotRunInATerminalWithoutConfiguration) {
   workspace.Remove(L"CorvelConfig.ini");
   const RunResult result = Service({L"run", L"--console"});
@@ -899,6 +925,16 @@ TEST_F(ServiceTest, SaysInATerminalWhyItCannotRun) {
   const RunResult result = Service({L"run", L"--console"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.errors, HasSubstr("CorvelToolKit.dll is of another version"));
+}
+
+TEST_F(ServiceTest, KeepsTheLogsOfStartsInVainInOnePlace) {
+  workspace.Remove(L"CorvelConfig.ini");
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(Service({L"run", L"--console"}).exitCode, 1);
+  EXPECT_THAT(workspace.FilesBesideTheInstallation(),
+              testing::UnorderedElementsAre(L"FlashServiceDebugLogger_DLL.log",
+                                            L"FlashServiceDebugLogger_DLL_failed_start.log"));
+  EXPECT_THAT(workspace.Content(L"FlashServiceDebugLogger_DLL_failed_start.log"),
+              HasSubstr("Load Config failed, Initialize --"));
 }
 
 }  // namespace

@@ -232,8 +232,6 @@ TEST_F(ServiceInTheWayTest, IsOneThatMerelyRunsWithTheKeyOfTheCommandLine) {
     Configure(location);
     EXPECT_EQ(Found(), "service_shares_key") << location;
   }
-  Configure("HKCU\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService");
-  EXPECT_EQ(Found(), "");
   Configure("HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService2");
   EXPECT_EQ(Found(), "");
 }
@@ -268,6 +266,32 @@ TEST_F(ServiceInTheWayTest, IsOneThatStartsUnlessItsProcessIsGone) {
 TEST_F(ServiceInTheWayTest, MayBeOneWhoseConfigurationCannotBeRead) {
   RemoveConfiguration();
   EXPECT_EQ(Found(), "service_unknown");
+}
+
+/// What this user has under that root is not what the service's account has.
+TEST_F(ServiceInTheWayTest, MayBeOneWithAKeyOfItsOwnUser) {
+  Configure("HKCU\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService");
+  EXPECT_EQ(Found(), "service_unknown");
+}
+
+LSTATUS WINAPI DenyValue(HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID, LPDWORD) {
+  return ERROR_ACCESS_DENIED;
+}
+
+TEST_F(ServiceInTheWayTest, MayBeOneWhoseKeyCannotBeRead) {
+  ShowJob(key);
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  ASSERT_TRUE(patch.Replace("RegGetValueW", &DenyValue));
+  const auto obstacle = FindServiceInTheWay(simulator::KeyOfCommandLine());
+  ASSERT_TRUE(obstacle);
+  EXPECT_STREQ(obstacle->code, "service_unknown");
+  EXPECT_THAT(obstacle->message, HasSubstr(key.Location().Text() + " cannot be read: "));
+}
+
+TEST_F(ServiceInTheWayTest, HasNoJobWhereAValueIsNoNumber) {
+  ::RegSetKeyValueW(key.Location().root, key.Location().path.c_str(), L"Flash_Result", REG_SZ, L"1",
+                    sizeof L"1");
+  EXPECT_EQ(Found(), "");
 }
 
 TEST_F(ServiceInTheWayTest, MayBeOneThatCannotBeAskedFor) {
@@ -309,6 +333,14 @@ TEST(ServingNoticeTest, LastsAsLongAsItsOwnerAndKnowsItsKeyInAnySpelling) {
   const ServingNotice notice(Server::CommandLine, key);
   EXPECT_EQ(WriterOf(key), Writer::Lives);
   EXPECT_FALSE(IsServedBy(Server::Service, key));
+}
+
+TEST(ServingNoticeTest, KnowsWhetherItHasAPredecessor) {
+  const HandshakeKey key{.path = L"SOFTWARE\\Corvel\\Test\\Notice"};
+  const ServingNotice first(Server::Service, key);
+  EXPECT_FALSE(first.HasPredecessor());
+  EXPECT_TRUE(ServingNotice(Server::Service, key).HasPredecessor());
+  EXPECT_FALSE(ServingNotice(Server::CommandLine, key).HasPredecessor());
 }
 
 TEST(ServingNoticeTest, IsMadeForAKeyOfAnyLength) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstddef>
 #include <iostream>
 #include <optional>
@@ -58,6 +59,10 @@ std::vector<Finding> LookAtOtherHosts() {
           found("flash service", FindServiceInTheWay(CommandLineKey()))};
 }
 
+bool Holds(const std::vector<Finding>& findings, std::string_view code) {
+  return std::ranges::find(findings, code, &Finding::code) != findings.end();
+}
+
 std::string Padded(std::string_view text, std::size_t width) {
   return std::string(text) + std::string(width - text.size(), ' ');
 }
@@ -97,7 +102,9 @@ ExitCode RunCheck(const CheckOptions& options) {
   // Looking must not empty the log of the last flash.
   ToolKit::TurnLoggingOff();
   std::vector<Finding> findings = LookAtOtherHosts();
-  for (Finding& finding : LookBeforeFlash()) findings.push_back(std::move(finding));
+  const LeftAlone leftAlone{.configuration = Holds(findings, kServiceStarts),
+                            .images = FirstOf(findings, Verdict::Error) != nullptr};
+  for (Finding& finding : LookBeforeFlash(leftAlone)) findings.push_back(std::move(finding));
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
 
   const Finding* const obstacle = FindObstacle(findings, options.strict);

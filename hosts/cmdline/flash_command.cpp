@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -111,6 +112,27 @@ class Job {
   std::shared_ptr<OwnedHandle> m_Ended = std::make_shared<OwnedHandle>(NewEvent());
 };
 
+bool HasResult(const Handshake& values) {
+  return values.Is(FlashResult::Failed) || values.Is(FlashResult::Succeeded);
+}
+
+/// Whether the library is past all that it does with the modem, and only writes down how the flash ended,
+/// lets go of what it holds and deletes the images. For values that no earlier run has left.
+bool IsOver(const Handshake& values) {
+  const bool isFlashing = values.Is(FlashResult::Flashing) || values.Is(FlashResult::Retrying);
+  return HasResult(values) || (isFlashing && !values.IsJobRunning());
+}
+
+bool MayHaveTouchedModem(const Handshake& values) {
+  return values.error != ERROR_SUCCESS || (values.result && !values.Is(FlashResult::Idle));
+}
+
+const char* WhatBecameOfModem(const Handshake& values) {
+  if (values.Is(FlashResult::Succeeded)) return "The modem was flashed and is back.";
+  return MayHaveTouchedModem(values) ? "The modem may be left in flash mode; the next run recovers it."
+                                     : "The modem was not touched.";
+}
+
 /// One run of the flash verb.
 class FlashRun {
  public:
@@ -129,15 +151,18 @@ class FlashRun {
   void TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const;
   void ForgetLastRun();
   Ending Follow(HANDLE jobEnded);
+  std::optional<Ending> BeInterrupted();
   bool PastTimeLimit() const;
   long long Seconds() const;
   bool HasLog() const { return m_Options.trace > 0 && !AnsiLogPath().empty(); }
-  bool MayStop() const;
-  void WarnOnce();
+  void Warn(const char* text);
   ExitCode Conclude();
-  ExitCode ConcludeWithoutImages();
+  ExitCode ConcludeWithoutImages(const Handshake& values);
   void LeaveRecordOf(const Handshake& values) const;
+  ExitCode Flash(const LibraryConfiguration& configuration, const FolderImages& images);
   ExitCode GiveUp(Ending ending);
+  ExitCode GiveUp(const std::exception& error);
+  void ReportWithoutDeletion(const Problem& problem) const;
   nlohmann::ordered_json Details(const Handshake& values, const UsedImages& images) const;
 
   const FlashOptions& m_Options;
@@ -145,6 +170,7 @@ class FlashRun {
   ProgressLine m_Progress;
   Interruption m_Interruption;
   bool m_Warned = false;
+  bool m_AskedForPatience = false;
   std::chrono::steady_clock::time_point m_Begin = std::chrono::steady_clock::now();
 };
 
@@ -214,18 +240,29 @@ long long FlashRun::Seconds() const {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_Begin).count();
 }
 
-bool FlashRun::MayStop() const {
-  return m_Warned || m_Interruption.IsFinal() || !ReadHandshake(m_Key).IsJobRunning();
+/// Tells what an interruption comes to, when it does not end the run.
+void FlashRun::Warn(const char* text) {
+  m_Progress.Finish();
+  std::cerr << "corvel_cmdline: " << text << std::endl;
+  ::ResetEvent(m_Interruption.Event());
 }
 
-void FlashRun::WarnOnce() {
-  m_Progress.Finish();
-  std::cerr
-      << "corvel_cmdline: The flash is running. Stopping now may leave the modem in flash mode; the next run "
-         "recovers it.\nPress Ctrl+C once more to stop all the same."
-      << std::endl;
+/// @return how the run ends; nothing when it goes on.
+std::optional<FlashRun::Ending> FlashRun::BeInterrupted() {
+  const Handshake values = ReadHandshake(m_Key);
+  if (IsOver(values)) {
+    // Whoever loses patience with a library that does not let go is told how the flash ended.
+    if (m_AskedForPatience && HasResult(values)) return Ending::JobEnded;
+    m_AskedForPatience = true;
+    Warn("The flash is over. The library is being released and the images are deleted; this takes seconds.");
+    return std::nullopt;
+  }
+  if (m_Warned || m_Interruption.IsFinal() || !values.IsJobRunning()) return Ending::Interrupted;
   m_Warned = true;
-  ::ResetEvent(m_Interruption.Event());
+  Warn(
+      "The flash is running. Stopping now may leave the modem in flash mode; the next run recovers it.\n"
+      "Press Ctrl+C once more to stop all the same.");
+  return std::nullopt;
 }
 
 FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
@@ -239,11 +276,12 @@ FlashRun::Ending FlashRun::Follow(HANDLE jobEnded) {
       case WAIT_OBJECT_0:
         return Ending::JobEnded;
       case WAIT_OBJECT_0 + 1:
-        if (MayStop()) return Ending::Interrupted;
-        WarnOnce();
+        if (const auto ending = BeInterrupted()) return *ending;
         break;
+      case WAIT_FAILED:
+        ThrowLastError("The wait for the flash failed");
       default:
-        if (PastTimeLimit()) return Ending::TimedOut;
+        if (PastTimeLimit() && !IsOver(ReadHandshake(m_Key))) return Ending::TimedOut;
     }
   }
 }
@@ -259,10 +297,19 @@ nlohmann::ordered_json FlashRun::Details(const Handshake& values, const UsedImag
           {"log", HasLog() ? ToUtf8(LogPath()) : ""}};
 }
 
-ExitCode FlashRun::ConcludeWithoutImages() {
-  Report({"no_images", "The firmware folder held no image when the flash began.",
-          "Copy the images (*.fls) into the configured folder and try again."},
-         m_Options.json);
+/// Of a flash that has not come to the point where the library deletes the images.
+void FlashRun::ReportWithoutDeletion(const Problem& problem) const {
+  if (!m_Options.json) return Report(problem, false);
+  PrintJson(AsJson(problem, {{"images_deleted", false}}));
+}
+
+ExitCode FlashRun::ConcludeWithoutImages(const Handshake& values) {
+  LeaveRecordOf(values);
+  ReportWithoutDeletion({"no_images",
+                         "The firmware folder held no image when the flash began, or it could not be read to "
+                         "its end.",
+                         "Copy the images (*.fls) into the configured folder and try again. \"corvel_cmdline "
+                         "check\" tells whether the folder can be read."});
   return ExitCode::NoImages;
 }
 
@@ -270,7 +317,7 @@ ExitCode FlashRun::Conclude() {
   const Handshake values = ReadHandshake(m_Key);
   m_Progress.Show(values);
   m_Progress.Finish();
-  if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages();
+  if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages(values);
 
   const bool flashed = values.Is(FlashResult::Succeeded);
   const UsedImages images;
@@ -303,33 +350,29 @@ void FlashRun::LeaveRecordOf(const Handshake& values) const {
 }
 
 ExitCode FlashRun::GiveUp(Ending ending) {
+  const Handshake values = ReadHandshake(m_Key);
+  // It may have ended since the last look.
+  if (HasResult(values)) return Conclude();
   m_Progress.Finish();
   const bool timedOut = ending == Ending::TimedOut;
-  Report(
-      {timedOut ? "timed_out" : "interrupted",
-       timedOut ? "The time limit passed before the flash ended." : "Interrupted.",
-       ReadHandshake(m_Key).IsJobRunning() ? "The modem may be left in flash mode; the next run recovers it."
-                                           : "The modem was not touched."},
-      m_Options.json);
+  const Problem problem{timedOut ? "timed_out" : "interrupted",
+                        timedOut ? "The time limit passed before the flash ended." : "Interrupted.",
+                        WhatBecameOfModem(values)};
+  ReportWithoutDeletion(problem);
   return ExitCode::Interrupted;
 }
 
-ExitCode FlashRun::Run() {
-  const CommandLineClaim claim;
-  // Before anything may log: the records would go into the log of the service.
-  ToolKit::TurnLoggingOff();
-  if (const auto obstacle = FindObstacle(claim)) return *obstacle;
-  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
-  const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
-  const FolderImages images = LookForImages(folder);
-  KeepLogOfLastRun();
-  if (!configuration || !LoadConfiguration()) {
-    Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
-            "Close whatever holds it open; \"corvel_cmdline check\" tells more."},
-           m_Options.json);
-    return ExitCode::NotReady;
-  }
+/// An error of this program's own, while the library flashes or after that.
+ExitCode FlashRun::GiveUp(const std::exception& error) {
+  m_Progress.Finish();
+  Report({"internal", std::string("Something unforeseen went wrong: ") + error.what() + ".",
+          WhatBecameOfModem(ReadHandshake(m_Key))},
+         m_Options.json);
+  return ExitCode::Interrupted;
+}
 
+/// From the request to the end.
+ExitCode FlashRun::Flash(const LibraryConfiguration& configuration, const FolderImages& images) {
   const ServingNotice notice(Server::CommandLine, m_Key);
   ForgetLastRun();
   std::optional<Request> request;
@@ -340,10 +383,33 @@ ExitCode FlashRun::Run() {
            m_Options.json);
     return ExitCode::NotReady;
   }
-  TellWhatWillBeDeleted(folder, images);
-  const Job job(m_Options.trace, BusOf(m_Options, *configuration));
-  const Ending ending = Follow(job.Ended());
-  return ending == Ending::JobEnded ? Conclude() : GiveUp(ending);
+  TellWhatWillBeDeleted(configuration.FirmwareFolder(), images);
+  try {
+    const Job job(m_Options.trace, BusOf(m_Options, configuration));
+    const Ending ending = Follow(job.Ended());
+    return ending == Ending::JobEnded ? Conclude() : GiveUp(ending);
+  } catch (const std::exception& error) {
+    return GiveUp(error);
+  }
+}
+
+ExitCode FlashRun::Run() {
+  const CommandLineClaim claim;
+  // Before anything may log: the records would go into the log of the service.
+  ToolKit::TurnLoggingOff();
+  if (const auto obstacle = FindObstacle(claim)) return *obstacle;
+  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
+  const FolderImages images = configuration ? LookForImages(configuration->FirmwareFolder()) : FolderImages();
+  KeepLogOfLastRun();
+  if (!configuration || !LoadConfiguration()) {
+    Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be loaded.",
+            "Close whatever holds it open; \"corvel_cmdline check\" tells more."},
+           m_Options.json);
+    return ExitCode::NotReady;
+  }
+  // Once more: a service may have come while all that was looked at and loaded.
+  if (const auto otherHost = FindOtherHost(claim)) return *otherHost;
+  return Flash(*configuration, images);
 }
 
 }  // namespace

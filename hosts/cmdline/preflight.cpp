@@ -22,6 +22,7 @@ namespace hosts {
 
 namespace {
 
+/// Those that the library cannot do without. "_ZEMO_DL_out_of_session_comm" may be absent.
 constexpr std::array kExports{"_ZEMO_DL_boot_target",
                               "_ZEMO_DL_close_comm_port",
                               "_ZEMO_DL_download_cust_file",
@@ -36,8 +37,7 @@ constexpr std::array kExports{"_ZEMO_DL_boot_target",
                               "_ZEMO_DL_set_dll_parameter",
                               "_ZEMO_DL_TOC_get_flash_technogy",
                               "_ZEMO_DL_TOC_get_memory_class",
-                              "_ZEMO_DL_TOC_get_nof_items",
-                              "_ZEMO_DL_out_of_session_comm"};
+                              "_ZEMO_DL_TOC_get_nof_items"};
 
 Finding Ok(const char* subject, std::string message) {
   return {subject, Verdict::Ok, std::move(message), ""};
@@ -122,24 +122,45 @@ std::vector<Finding> LookAtConfiguration(const std::optional<LibraryConfiguratio
   return findings;
 }
 
-Finding LookAtImage(const char* subject, const std::wstring& path, const char* missing) {
-  if (path.empty())
-    return Warning(subject, "image_missing", missing, "A flash goes on with the other image alone.");
-  // As the library does, with nobody else beside it.
+struct ImageSize {
+  DWORD error = ERROR_SUCCESS;
+  LONGLONG bytes = 0;
+};
+
+/// By opening the image as the library does, with nobody else beside it.
+ImageSize SizeOfOpened(const std::wstring& path) {
   const HANDLE opened =
       ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  const DWORD error = ::GetLastError();
-  const OwnedHandle file(opened == INVALID_HANDLE_VALUE ? nullptr : opened);
-  if (file == nullptr) {
-    return Error(subject, "image_unreadable", ToUtf8(path) + ": " + SystemErrorText(error),
-                 "Close the program that holds the image open, and give this one the right to read it.");
-  }
+  if (opened == INVALID_HANDLE_VALUE) return {.error = ::GetLastError()};
+  const OwnedHandle file(opened);
   LARGE_INTEGER size{};
   ::GetFileSizeEx(file.get(), &size);
-  if (size.QuadPart == 0) {
+  return {.bytes = size.QuadPart};
+}
+
+/// Without opening it: a library that is about to open the image would fail.
+ImageSize SizeOfListed(const std::wstring& path) {
+  WIN32_FILE_ATTRIBUTE_DATA facts{};
+  if (!::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &facts))
+    return {.error = ::GetLastError()};
+  LARGE_INTEGER size{};
+  size.LowPart = facts.nFileSizeLow;
+  size.HighPart = static_cast<LONG>(facts.nFileSizeHigh);
+  return {.bytes = size.QuadPart};
+}
+
+Finding LookAtImage(const char* subject, const std::wstring& path, const char* missing, bool leftAlone) {
+  if (path.empty())
+    return Warning(subject, "image_missing", missing, "A flash goes on with the other image alone.");
+  const ImageSize size = leftAlone ? SizeOfListed(path) : SizeOfOpened(path);
+  if (size.error != ERROR_SUCCESS) {
+    return Error(subject, "image_unreadable", ToUtf8(path) + ": " + SystemErrorText(size.error),
+                 "Close the program that holds the image open, and give this one the right to read it.");
+  }
+  if (size.bytes == 0) {
     return Error(subject, "image_empty", ToUtf8(path) + " is empty", "Copy the image anew.");
   }
-  return Ok(subject, ToUtf8(path) + ", " + std::to_string(size.QuadPart) + " bytes");
+  return Ok(subject, ToUtf8(path) + ", " + std::to_string(size.bytes) + " bytes");
 }
 
 /// Names of the other images that are of the same kind as the one that is taken, by what the library goes by.
@@ -161,9 +182,9 @@ std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::
 }
 
 std::vector<Finding> LookAtKind(const char* subject, const std::wstring& folder, const std::wstring& path,
-                                bool isModemImage) {
-  std::vector<Finding> findings{
-      LookAtImage(subject, path, isModemImage ? "no image of 10 MiB or more" : "no image below 10 MiB")};
+                                bool isModemImage, bool leftAlone) {
+  std::vector<Finding> findings{LookAtImage(
+      subject, path, isModemImage ? "no image of 10 MiB or more" : "no image below 10 MiB", leftAlone)};
   const std::vector<std::string> others = OthersOfItsKind(folder, path, isModemImage);
   if (path.empty() || others.empty()) return findings;
   findings.push_back(Warning(subject, "several_images",
@@ -173,19 +194,24 @@ std::vector<Finding> LookAtKind(const char* subject, const std::wstring& folder,
   return findings;
 }
 
-std::vector<Finding> LookAtImages(const std::wstring& folder) {
+std::vector<Finding> LookAtImages(const std::wstring& folder, bool leftAlone) {
   const FolderImages images = LookForImages(folder);
   if (!images.folderExists) {
     return {NoImages("no_folder", "\"" + ToUtf8(folder) + "\" is no folder",
                      "Make the folder and put the images there, or correct [ModemAndNVMFirmwareFolder].")};
+  }
+  if (images.brokeOff) {
+    return {Error("folder", "folder_unreadable",
+                  ToUtf8(folder) + " could not be read to its end, so no image is taken",
+                  "Run this check again; if that stays, look after the drive and this program's rights.")};
   }
   if (!images.Any()) {
     return {NoImages("no_images", "there is no firmware image (*.fls) in " + ToUtf8(folder),
                      "Copy the modem image and the NVM image there.")};
   }
   std::vector<Finding> findings{Ok("folder", ToUtf8(folder))};
-  Append(findings, LookAtKind("modem image", folder, images.modem, true));
-  Append(findings, LookAtKind("NVM image", folder, images.nvm, false));
+  Append(findings, LookAtKind("modem image", folder, images.modem, true, leftAlone));
+  Append(findings, LookAtKind("NVM image", folder, images.nvm, false, leftAlone));
   return findings;
 }
 
@@ -251,14 +277,24 @@ Finding LookAtRegistry(const HandshakeKey& key) {
   return Ok("registry", key.Text());
 }
 
-}  // namespace
-
-std::vector<Finding> LookBeforeFlash() {
+std::vector<Finding> LookAtConfigurationAndImages(const LeftAlone& leftAlone) {
+  if (leftAlone.configuration) {
+    return {Warning("configuration", "not_looked_at",
+                    "neither it nor the images are looked at: a flash service that starts reads it",
+                    "Run this check again in a moment.")};
+  }
   const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   std::vector<Finding> findings = LookAtConfiguration(configuration);
   if (configuration && !configuration->FirmwareFolder().empty()) {
-    Append(findings, LookAtImages(configuration->FirmwareFolder()));
+    Append(findings, LookAtImages(configuration->FirmwareFolder(), leftAlone.images));
   }
+  return findings;
+}
+
+}  // namespace
+
+std::vector<Finding> LookBeforeFlash(const LeftAlone& leftAlone) {
+  std::vector<Finding> findings = LookAtConfigurationAndImages(leftAlone);
   findings.push_back(LookAtFlashingLibrary());
   findings.push_back(LookAtRegistry(CommandLineKey()));
   Append(findings, LookAtLog());

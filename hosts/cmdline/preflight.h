@@ -22,8 +22,14 @@ struct Finding {
   ExitCode exitCode = ExitCode::NotReady;
 };
 
+/// What is left alone because another host needs it with nobody else beside it.
+struct LeftAlone {
+  bool configuration = false;  ///< and with it the images, which nobody can name then
+  bool images = false;
+};
+
 /// Looks at configuration, images, flashing library and registry, and changes nothing.
-std::vector<Finding> LookBeforeFlash();
+std::vector<Finding> LookBeforeFlash(const LeftAlone& leftAlone = {});
 /// The first of that verdict among the findings; null when there is none.
 const Finding* FirstOf(const std::vector<Finding>& findings, Verdict verdict);
 /// An error, or a warning that counts as one, in words for scripts and people.

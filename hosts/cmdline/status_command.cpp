@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
 
 namespace hosts {
@@ -34,6 +36,7 @@ struct Status {
   ModemPresence modem;
   std::wstring folder;
   FolderImages images;
+  bool serviceStarts = false;
 
   /// Whether a job stands there that nobody will end.
   bool WasCutShort() const { return writer == Writer::Gone && values.IsJobRunning(); }
@@ -79,6 +82,11 @@ std::string OrDash(const std::wstring& text) {
   return text.empty() ? "-" : ToUtf8(text);
 }
 
+std::string FolderText(const Status& status) {
+  if (status.serviceStarts) return "(not read: the flash service is starting)";
+  return status.folder.empty() ? "(not configured)" : ToUtf8(status.folder);
+}
+
 void Print(const Status& status) {
   std::cout << status.key.Text() << "\n";
   for (const HandshakeLine& line : Describe(status.values, status.writer)) {
@@ -93,7 +101,7 @@ void Print(const Status& status) {
   std::cout << "Modem:       " << NameOf(status.modem.mode)
             << (status.modem.atPort ? ", AT port present" : "")
             << (status.modem.resetDriver ? ", reset driver present" : ", reset driver absent") << "\n"
-            << "Folder:      " << (status.folder.empty() ? "(not configured)" : ToUtf8(status.folder)) << "\n"
+            << "Folder:      " << FolderText(status) << "\n"
             << "Modem image: " << OrDash(status.images.modem) << "\n"
             << "NVM image:   " << OrDash(status.images.nvm) << std::endl;
 }
@@ -129,7 +137,14 @@ ExitCode RunStatus(const StatusOptions& options) {
   if (options.history) {
     return ShowHistory("corvel_cmdline", options.json) ? ExitCode::Success : ExitCode::NotReady;
   }
-  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
+  const bool serviceStarts = IsServiceStarting();
+  if (options.service && serviceStarts) {
+    Report({kServiceStarts, "The flash service is starting and reads its configuration.",
+            "Try again in a moment."},
+           options.json);
+    return ExitCode::NotReady;
+  }
+  const auto configuration = serviceStarts ? std::nullopt : LibraryConfiguration::Read(ConfigurationPath());
   if (options.service && !configuration) {
     Report({"no_configuration", "The configuration " + ToUtf8(ConfigurationPath()) + " cannot be read.",
             "Put CorvelConfig.ini beside this program, or leave --service out."},
@@ -140,7 +155,8 @@ ExitCode RunStatus(const StatusOptions& options) {
   const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
   if (options.watch) return Watch(key, folder, options.json);
 
-  const Status status = Look(key, folder);
+  Status status = Look(key, folder);
+  status.serviceStarts = serviceStarts;
   if (options.json) {
     PrintJson(AsJson(status));
   } else {

@@ -1,5 +1,7 @@
 #include "hosts/cmdline/surroundings.h"
 
+#include <windows.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -28,11 +30,31 @@ HandshakeKey CommandLineKey() {
           .path = ToolKit::GetRegistryStrKey()};
 }
 
+namespace {
+
+/// False also when nobody can tell.
+bool HasNoImage(const std::wstring& folder) {
+  WIN32_FIND_DATAW entry{};
+  const HANDLE search = ::FindFirstFileW((folder + L"\\*.fls").c_str(), &entry);
+  if (search == INVALID_HANDLE_VALUE) {
+    return ::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_NO_MORE_FILES;
+  }
+  ::FindClose(search);
+  return false;
+}
+
+}  // namespace
+
 FolderImages LookForImages(const std::wstring& folder) {
   FolderImages images;
   std::error_code ignored;
   images.folderExists = !folder.empty() && std::filesystem::is_directory(folder, ignored);
-  if (!images.folderExists || !ToolKit::FetchModemNVMFls(CTString(folder))) return images;
+  if (!images.folderExists) return images;
+  if (!ToolKit::FetchModemNVMFls(CTString(folder))) {
+    // It says the same of a folder without images.
+    images.brokeOff = !HasNoImage(folder);
+    return images;
+  }
   images.modem = static_cast<std::wstring>(ToolKit::GetModemFlsFile());
   images.nvm = static_cast<std::wstring>(ToolKit::GetNVMFlsFile());
   return images;

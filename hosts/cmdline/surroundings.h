@@ -17,6 +17,8 @@ HandshakeKey CommandLineKey();
 /// The images that a flash would take from a folder; paths are empty where there is none.
 struct FolderImages {
   bool folderExists = false;
+  /// There may be images, but the folder could not be listed to its end, and then none is taken.
+  bool brokeOff = false;
   std::wstring modem;
   std::wstring nvm;
 

@@ -31,8 +31,15 @@ const NamedFault kFaults[] = {
      [](VirtualPcOptions& pc) {
        pc.faults.platform.push_back({"CreateThread", Occurrence::Always()});
      }},
+    {"folder-breaks-off",
+     [](VirtualPcOptions& pc) {
+       pc.faults.platform.push_back({"FindNextFileW", Occurrence::Always(), ERROR_READ_FAULT});
+     }},
     {"slow-modem", [](VirtualPcOptions& pc) { pc.timing.bytesPerSecond = kSlowBytesPerSecond; }},
 };
+
+constexpr char kServiceStarts[] = "service-starts";
+constexpr char kWatchFails[] = "watch-fails";
 
 constexpr ModemState kStates[] = {ModemState::Normal,      ModemState::Leaving, ModemState::Restarting,
                                   ModemState::FlashPort,   ModemState::Booted,  ModemState::Writing,
@@ -72,6 +79,15 @@ Setup SetupOf(const std::string& name) {
 
 }  // namespace
 
+HostFaults ReadHostFaults(const std::filesystem::path& folder) {
+  HostFaults faults;
+  for (const auto& [key, value] : ReadLines(folder / kVirtualPcFile)) {
+    if (key == kServiceStarts) faults.serviceStartsAt = std::stoi(value);
+    if (key == kWatchFails) faults.watchFails = true;
+  }
+  return faults;
+}
+
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
   Setup setup;
   double speed = 1.0;
@@ -86,6 +102,8 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
       state = StateOf(value);
     } else if (key == "fault") {
       faults.push_back(FaultOf(value));
+    } else if (key == kServiceStarts || key == kWatchFails) {
+      // ReadHostFaults takes these.
     } else {
       throw std::runtime_error("no such key: " + key);
     }

@@ -11,8 +11,17 @@ namespace simulator {
 
 /// "VirtualPc.ini" in the folder of a host: what the virtual PC around that host is like. One key=value per
 /// line: "scenario" (a name of the scenario table), "speed", "state" (a modem state by its name), and any
-/// number of "fault" lines for what only a host's own tests need.
+/// number of "fault" lines for what only a host's own tests need. "service-starts" says from which look on,
+/// counted from 1, the host finds a flash service that starts; "watch-fails" that the host itself gets no
+/// more events once it flashes.
 inline constexpr wchar_t kVirtualPcFile[] = L"VirtualPc.ini";
+
+/// What is wrong in front of the host, beside the virtual PC.
+struct HostFaults {
+  int serviceStartsAt = 0;  ///< 0: never
+  bool watchFails = false;
+};
+HostFaults ReadHostFaults(const std::filesystem::path& folder);
 
 /// Reads the file; the modem's memory lies in the same folder. Throws when a line says nothing known.
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder);

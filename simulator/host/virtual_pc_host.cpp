@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <winsvc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -71,10 +73,71 @@ void TakeInCommandLineJob(HMODULE product) {
   }
 }
 
+// --- The service manager, as the host finds it while a flash service starts -------------------------------
+
+int g_looksAtService = 0;
+int g_serviceStartsAt = 0;
+
+SC_HANDLE WINAPI OpenManagerForHost(LPCWSTR, LPCWSTR, DWORD) {
+  return reinterpret_cast<SC_HANDLE>(&g_looksAtService);
+}
+
+SC_HANDLE WINAPI OpenServiceForHost(SC_HANDLE, LPCWSTR, DWORD) {
+  if (++g_looksAtService >= g_serviceStartsAt) return reinterpret_cast<SC_HANDLE>(&g_looksAtService);
+  ::SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
+  return nullptr;
+}
+
+BOOL WINAPI TellHostOfStart(SC_HANDLE, SC_STATUS_TYPE, LPBYTE buffer, DWORD, LPDWORD) {
+  auto& status = *reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
+  status.dwCurrentState = SERVICE_START_PENDING;
+  status.dwProcessId = ::GetCurrentProcessId();
+  return TRUE;
+}
+
+BOOL WINAPI TellHostOfProgram(SC_HANDLE, LPQUERY_SERVICE_CONFIGW configuration, DWORD size, LPDWORD needed) {
+  static wchar_t program[] = L"C:\\corvel_service.exe";
+  *needed = sizeof *configuration;
+  if (size < *needed) return FALSE;
+  configuration->lpBinaryPathName = program;
+  return TRUE;
+}
+
+BOOL WINAPI CloseServiceForHost(SC_HANDLE) {
+  return TRUE;
+}
+
+void PlayStartingService(int lookThatFindsIt) {
+  g_serviceStartsAt = lookThatFindsIt;
+  ImportPatch& host = g_simulation->host;
+  host.Replace("OpenSCManagerW", &OpenManagerForHost);
+  host.Replace("OpenServiceW", &OpenServiceForHost);
+  host.Replace("QueryServiceStatusEx", &TellHostOfStart);
+  host.Replace("QueryServiceConfigW", &TellHostOfProgram);
+  host.Replace("CloseServiceHandle", &CloseServiceForHost);
+}
+
+// --- A lack of events --------------------------------------------------------------------------------------
+
+/// Enough for the interruption and for the job's end, not for the watch over the values.
+int g_eventsLeft = 2;
+
+HANDLE WINAPI CreateEventForHost(LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL state, LPCWSTR name) {
+  if (g_eventsLeft-- > 0) return ::CreateEventW(security, manual, state, name);
+  ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return nullptr;
+}
+
+void InstallHostFaults(const HostFaults& faults) {
+  if (faults.serviceStartsAt > 0) PlayStartingService(faults.serviceStartsAt);
+  if (faults.watchFails) g_simulation->host.Replace("CreateEventW", &CreateEventForHost);
+}
+
 }  // namespace
 
 extern "C" __declspec(dllexport) void InstallVirtualPc() try {
   g_simulation = new Simulation(ReadVirtualPcFile(HostFolder()));
+  InstallHostFaults(ReadHostFaults(HostFolder()));
   PatchDeviceTree(g_simulation->host);
   g_simulation->host.Replace("LoadLibraryW", &LoadForHost);
   if (const HMODULE product = ::GetModuleHandleW(kProduct)) {

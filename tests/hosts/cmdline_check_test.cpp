@@ -2,6 +2,7 @@
 #include <fstream>
 
 #include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "tests/hosts/cmdline_test.h"
 #include "tests/hosts/names_beyond_code_page.h"
 
@@ -28,14 +29,14 @@ std::string SizeOf(const std::filesystem::path& image) {
   return ToUtf8(image.wstring()) + ", " + std::to_string(std::filesystem::file_size(image)) + " bytes";
 }
 
-/// Gives what a library imports from the system the name of a library that nobody has.
-void LetItNeedAMissingLibrary(const std::filesystem::path& library) {
+/// Writes over the last place in a library where a name stands.
+void Rename(const std::filesystem::path& library, const std::string& name, const std::string& other) {
   std::fstream file(library, std::ios::in | std::ios::out | std::ios::binary);
   const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  const std::size_t name = bytes.rfind("KERNEL32.dll");
-  ASSERT_NE(name, std::string::npos);
-  file.seekp(static_cast<std::streamoff>(name));
-  file << "MISSING7.dll";
+  const std::size_t place = bytes.rfind(name);
+  ASSERT_NE(place, std::string::npos);
+  file.seekp(static_cast<std::streamoff>(place));
+  file << other;
 }
 
 /// Takes the underscores from the names that a flashing library exports. They stay in their order.
@@ -288,6 +289,37 @@ TEST_F(CheckTest, ImageThatSomebodyHolds) {
               "Close the program that holds the image open, and give this one the right to read it.");
 }
 
+/// Whoever flashes opens them with nobody else beside it.
+TEST_F(CheckTest, OpensNoImageWhileSomebodyFlashes) {
+  const CommandLineClaim flash;
+  const OwnedHandle holder(::CreateFileW(workspace.ModemImage().c_str(), GENERIC_READ, 0, nullptr,
+                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const Findings findings = Check();
+  EXPECT_EQ(findings.Code("command line"), "already_running");
+  EXPECT_EQ(findings.Verdict("modem image"), "ok");
+  EXPECT_EQ(findings.Message("modem image"), SizeOf(workspace.ModemImage()));
+}
+
+/// The service finds none while somebody else has it open.
+TEST_F(CheckTest, OpensNoConfigurationWhileAServiceStarts) {
+  workspace.MakeVirtualPc({"service-starts=1"});
+  const OwnedHandle holder(::CreateFileW(workspace.File(L"CorvelConfig.ini").c_str(), GENERIC_READ, 0,
+                                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_EQ(findings.Error("code"), "service_starting");
+  EXPECT_EQ(findings.Code("configuration"), "not_looked_at");
+  EXPECT_EQ(findings.Verdict("configuration"), "warning");
+  EXPECT_EQ(findings.Verdict("modem image"), "no such finding");
+}
+
+TEST_F(CheckTest, FolderThatCannotBeReadToItsEnd) {
+  workspace.MakeVirtualPc({"fault=folder-breaks-off"});
+  ExpectError("folder", "folder_unreadable", 4,
+              PathOf(L"firmware") + " could not be read to its end, so no image is taken",
+              "Run this check again; if that stays, look after the drive and this program's rights.");
+}
+
 TEST_F(CheckTest, EmptyImage) {
   std::ofstream(workspace.NvmImage(), std::ios::trunc).flush();
   ExpectError("NVM image", "image_empty", 4, PathOf(L"firmware\\nvm.fls") + " is empty",
@@ -337,7 +369,7 @@ TEST_F(CheckTest, FlashingLibraryThatIsNoLibrary) {
 }
 
 TEST_F(CheckTest, FlashingLibraryThatNeedsAnotherThatIsMissing) {
-  LetItNeedAMissingLibrary(workspace.File(L"Firmwareflashdownload.dll"));
+  Rename(workspace.File(L"Firmwareflashdownload.dll"), "KERNEL32.dll", "MISSING7.dll");
   ExpectError("flashing library", "no_flashing_library", 4,
               PathOf(L"Firmwareflashdownload.dll") + ": " + SystemErrorText(ERROR_MOD_NOT_FOUND),
               "The library is there, but another one that it needs is not: install that beside it.");
@@ -352,8 +384,7 @@ TEST_F(CheckTest, FlashingLibraryWithoutItsExports) {
                   "_ZEMO_DL_get_sys_version, _ZEMO_get_next_free_channel, "
                   "_ZEMO_DL_dll_get_nof_progressbars, _ZEMO_DL_init_callback, _ZEMO_DL_open_comm_port, "
                   "_ZEMO_DL_set_dll_parameter, _ZEMO_DL_TOC_get_flash_technogy, "
-                  "_ZEMO_DL_TOC_get_memory_class, _ZEMO_DL_TOC_get_nof_items, "
-                  "_ZEMO_DL_out_of_session_comm",
+                  "_ZEMO_DL_TOC_get_memory_class, _ZEMO_DL_TOC_get_nof_items",
               "Install the version that belongs to this program.");
 }
 
@@ -364,6 +395,18 @@ TEST_F(CheckTest, FlashingLibraryWhoseExportsHaveNoUnderscore) {
   ASSERT_NE(library, nullptr);
   ASSERT_EQ(::GetProcAddress(library.get(), "_ZEMO_DL_boot_target"), nullptr);
   EXPECT_EQ(Check().Verdict("flashing library"), "ok");
+}
+
+/// The library takes one without it; one that lacks another export it takes as well, but cannot flash with
+/// it.
+TEST_F(CheckTest, FlashingLibraryWithoutTheOneExportThatItMayLack) {
+  const std::filesystem::path library = workspace.File(L"Firmwareflashdownload.dll");
+  // The names are sorted, and stay so.
+  Rename(library, "_ZEMO_DL_out_of_session_comm", "_ZEMO_DL_out_of_session_comn");
+  EXPECT_EQ(Check().Verdict("flashing library"), "ok");
+  Rename(library, "_ZEMO_DL_get_sys_version", "_ZEMO_DL_get_sys_versiom");
+  EXPECT_EQ(Check().Message("flashing library"),
+            PathOf(L"Firmwareflashdownload.dll") + " lacks _ZEMO_DL_get_sys_version");
 }
 
 TEST_F(CheckTest, RegistryKeyThatCannotBeMade) {

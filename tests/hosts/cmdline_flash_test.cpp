@@ -27,6 +27,20 @@ class FlashTest : public CommandLineTest {
     return std::filesystem::exists(workspace.ModemImage()) && std::filesystem::exists(workspace.NvmImage());
   }
   std::string Log() const { return workspace.Content(L"FlashCommandLineLogger_DLL.log"); }
+  /// Waits until the library has written what it writes before it waits for a request.
+  bool AwaitsRequest(ChildProcess& host) const {
+    while (Log().find("Monitor flash ready flag") == std::string::npos) {
+      if (host.WaitForEnd(std::chrono::milliseconds(20))) return false;
+    }
+    return true;
+  }
+  /// The values as the library leaves them before it releases what it holds and deletes the images.
+  void ShowEnd(std::uint32_t result) const {
+    key.Write(L"Flash_OnGoing", 0);
+    key.Write(L"Flash_Progress", 100);
+    key.Write(L"Flash_Result", result);
+    key.Write(L"Fls_Ready", 0);
+  }
 };
 
 // --- Flashes that end ------------------------------------------------------------------------------------
@@ -249,6 +263,8 @@ TEST_F(FlashTest, TellsAControllerThatBroughtNoImages) {
   key.Write(L"Fls_Ready", 1);
   EXPECT_EQ(host.WaitForEnd(), 3);
   EXPECT_EQ(ErrorCode(host.Output()), "no_images");
+  EXPECT_EQ(Document(host.Output())["images_deleted"], false);
+  EXPECT_THAT(workspace.Content(L"CorvelFlashHistory.txt"), HasSubstr("\tcmdline\t0\t0\t"));
   // The request is the controller's own, so it stays.
   EXPECT_EQ(key.Read().ready, 1u);
 }
@@ -326,8 +342,27 @@ TEST_F(FlashTest, TakesNoForeignObjectForAnotherOne) {
     EXPECT_EQ(result.exitCode, 4);
     EXPECT_EQ(ErrorCode(result.output), "claim_impossible");
     EXPECT_THAT(result.output, AllOf(HasSubstr("Another program holds the name"),
-                                     Not(HasSubstr("nother corvel_cmdline is flashing"))));
+                                     Not(HasSubstr("corvel_cmdline is flashing already"))));
   }
+  EXPECT_TRUE(ImagesAreThere());
+}
+
+TEST_F(FlashTest, IsNotReadyWhenTheFolderCannotBeReadToItsEnd) {
+  workspace.MakeVirtualPc({kFast, "fault=folder-breaks-off"});
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "folder_unreadable");
+  EXPECT_FALSE(key.Exists());
+  EXPECT_TRUE(ImagesAreThere());
+}
+
+/// The first look finds none, and the service begins while the host makes ready.
+TEST_F(FlashTest, IsNotReadyWhenAServiceComesBehindTheFirstLook) {
+  workspace.MakeVirtualPc({kFast, "service-starts=2"});
+  const RunResult result = Flash({L"--json", L"--quiet"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "service_starting");
+  EXPECT_FALSE(key.Exists());
   EXPECT_TRUE(ImagesAreThere());
 }
 
@@ -346,6 +381,7 @@ TEST_F(FlashTest, TakesItsRequestBackWhenTheTimeLimitPassesInVain) {
   const RunResult result = Flash({L"--timeout", L"1", L"--json"});
   EXPECT_EQ(result.exitCode, 5);
   EXPECT_EQ(ErrorCode(result.output), "timed_out");
+  EXPECT_EQ(Document(result.output)["images_deleted"], false);
   EXPECT_EQ(key.Read().ready, 0u);
   EXPECT_TRUE(ImagesAreThere());
 }
@@ -372,6 +408,7 @@ TEST_F(FlashTest, TakesItsRequestBackWhenItIsInterruptedWhileWaiting) {
   ASSERT_TRUE(host.Interrupt());
   EXPECT_EQ(host.WaitForEnd(), 5);
   EXPECT_EQ(ErrorCode(host.Output()), "interrupted");
+  EXPECT_EQ(Document(host.Output())["images_deleted"], false);
   EXPECT_EQ(key.Read().ready, 0u);
 }
 
@@ -405,6 +442,63 @@ TEST_F(FlashTest, FinishesAFlashThatWasInterruptedOnce) {
   ASSERT_TRUE(host.Interrupt());
   EXPECT_EQ(host.WaitForEnd(), 0);
   EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+TEST_F(FlashTest, EndsAsAnInterruptedOneAfterAnErrorOfItsOwnBehindTheRequest) {
+  workspace.MakeVirtualPc({"speed=1", "watch-fails=1"});
+  const RunResult result = Flash({L"--json"});
+  EXPECT_EQ(result.exitCode, 5);
+  EXPECT_EQ(ErrorCode(result.output), "internal");
+  EXPECT_EQ(key.Read().ready, 0u);
+}
+
+// --- Flashes that are over while the library is still at work ---------------------------------------------
+
+TEST_F(FlashTest, WaitsForTheEndOfAFlashThatIsOverWhenItIsInterrupted) {
+  workspace.MakeVirtualPc({kFast});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--wait-for-controller"});
+  ASSERT_TRUE(AwaitsRequest(host));
+  // As if the library had come that far; the request that follows lets it end by itself.
+  ShowEnd(4);
+  ASSERT_TRUE(host.Interrupt());
+  ASSERT_TRUE(host.Says("The flash is over."));
+  key.Write(L"Fls_Ready", 1);
+  EXPECT_EQ(host.WaitForEnd(), 0);
+  EXPECT_THAT(host.Output(), HasSubstr("The modem was flashed and is back. Result 4 (succeeded)"));
+  EXPECT_THAT(host.Errors(), Not(HasSubstr("was not touched")));
+  EXPECT_THAT(workspace.Content(L"CorvelFlashHistory.txt"), HasSubstr("\tcmdline\t4\t100\t"));
+}
+
+TEST_F(FlashTest, TellsWhoeverInterruptsItTwiceHowAFlashEndedThatIsOver) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash"});
+  ASSERT_TRUE(AwaitsRequest(host));
+  ShowEnd(4);
+  ASSERT_TRUE(host.Interrupt());
+  ASSERT_TRUE(host.Says("The flash is over."));
+  ASSERT_TRUE(host.Interrupt());
+  EXPECT_EQ(host.WaitForEnd(), 0);
+  EXPECT_THAT(host.Output(), AllOf(HasSubstr("Result 4 (succeeded)"), HasSubstr("could not be deleted"),
+                                   HasSubstr(ToUtf8(workspace.ModemImage().wstring()))));
+}
+
+/// The one moment when the last attempt is behind it and the result not yet written.
+TEST_F(FlashTest, TakesAFlashWithoutAttemptAndResultForOver) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash"});
+  ASSERT_TRUE(AwaitsRequest(host));
+  key.Write(L"Flash_Result", 1);
+  ASSERT_TRUE(host.Interrupt());
+  ASSERT_TRUE(host.Says("The flash is over."));
+  EXPECT_EQ(host.WaitForEnd(std::chrono::milliseconds(0)), std::nullopt);
+}
+
+TEST_F(FlashTest, LetsNoTimeLimitPassOnceTheFlashIsOver) {
+  workspace.MakeVirtualPc({kFast, "fault=request-not-heard"});
+  ChildProcess host(workspace.CommandLineHost(), {L"flash", L"--timeout", L"4"});
+  ASSERT_TRUE(AwaitsRequest(host));
+  ShowEnd(4);
+  EXPECT_EQ(host.WaitForEnd(std::chrono::seconds(5)), std::nullopt);
 }
 
 }  // namespace

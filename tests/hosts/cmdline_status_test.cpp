@@ -138,6 +138,17 @@ TEST_F(StatusTest, CannotShowTheServiceWithoutItsConfiguration) {
   EXPECT_EQ(ErrorCode(result.output), "no_configuration");
 }
 
+/// The service finds no configuration while somebody else has it open.
+TEST_F(StatusTest, OpensNoConfigurationWhileAServiceStarts) {
+  workspace.MakeVirtualPc({"service-starts=1"});
+  EXPECT_EQ(Status()["images"]["folder"], "");
+  EXPECT_THAT(RunHost({L"status"}).output,
+              HasSubstr("Folder:      (not read: the flash service is starting)"));
+  const RunResult service = RunHost({L"status", L"--service", L"--json"});
+  EXPECT_EQ(service.exitCode, 4);
+  EXPECT_EQ(ErrorCode(service.output), "service_starting");
+}
+
 TEST_F(StatusTest, WatchPrintsALineOfJsonPerChangeUntilItIsInterrupted) {
   ChildProcess watcher(workspace.CommandLineHost(), {L"status", L"--watch", L"--json"});
   ASSERT_TRUE(watcher.Says("\"never raised\""));

@@ -4,6 +4,7 @@
 #
 # The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
 # 3 no end (no service took the request, it fell silent, or the time limit passed), 4 the registry refused.
+# Without administrator rights PowerShell itself says so, and ends with 1 when it was started with -File.
 
 #Requires -Version 5.1
 #Requires -RunAsAdministrator

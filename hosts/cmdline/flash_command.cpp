@@ -254,14 +254,14 @@ std::optional<FlashRun::Ending> FlashRun::BeInterrupted() {
     // Whoever loses patience with a library that does not let go is told how the flash ended.
     if (m_AskedForPatience && HasResult(values)) return Ending::JobEnded;
     m_AskedForPatience = true;
-    Warn("The flash is over. The library is being released and the images are deleted; this takes seconds.");
+    Warn("The flash is over. The images are being deleted; this takes seconds.");
     return std::nullopt;
   }
   if (m_Warned || m_Interruption.IsFinal() || !values.IsJobRunning()) return Ending::Interrupted;
   m_Warned = true;
   Warn(
-      "The flash is running. Stopping now may leave the modem in flash mode; the next run recovers it.\n"
-      "Press Ctrl+C once more to stop all the same.");
+      "The flash is running. Stopping now may leave the modem in flash mode;\n"
+      "the next run recovers it. Press Ctrl+C once more to stop all the same.");
   return std::nullopt;
 }
 

@@ -1,7 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
-#include <climits>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -20,8 +19,11 @@ namespace hosts {
 namespace {
 
 constexpr char kExitCodes[] =
-    "Exit status: 0 flashed (or nothing wrong), 1 flash failed, 2 wrong usage, 3 no firmware images,\n"
-    "4 not ready, 5 interrupted or timed out.";
+    "Exit status: 0 flashed (or nothing wrong), 1 flash failed, 2 wrong usage,\n"
+    "3 no firmware images, 4 not ready, 5 interrupted or timed out.";
+
+/// 30 days: more than anybody waits for a controlling program.
+constexpr unsigned int kLongestTimeLimit = 30 * 24 * 60 * 60;
 
 struct Options {
   FlashOptions flash;
@@ -41,9 +43,9 @@ std::string ComplaintAboutSeconds(const std::string& text) {
   unsigned int seconds = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, seconds);
-  if (error == std::errc() && stop == end && seconds > 0) return {};
+  if (error == std::errc() && stop == end && seconds > 0 && seconds <= kLongestTimeLimit) return {};
   return "\"" + text + "\" is no number of seconds. Give a whole number from 1 to " +
-         std::to_string(UINT_MAX) + ", or leave it out for no limit.";
+         std::to_string(kLongestTimeLimit) + " (30 days), or leave it out for no limit.";
 }
 
 CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
@@ -61,7 +63,7 @@ CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
                    "Give up after that many seconds, 1 or more (default: no limit)")
       ->type_name("SECONDS")
       ->check(ComplaintAboutSeconds);
-  verb->add_flag("--quiet", options.quiet, "Show no progress");
+  verb->add_flag("--quiet", options.quiet, "Show no progress, and do not name the images at the start");
   return verb;
 }
 

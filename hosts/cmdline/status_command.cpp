@@ -95,8 +95,8 @@ void Print(const Status& status) {
   }
   std::cout << "Host:        " << (status.writer == Writer::Lives ? "running" : "none running") << "\n";
   if (status.WasCutShort()) {
-    std::cout << "             The flash was cut short. The modem may be left in flash mode; the next flash "
-                 "recovers it.\n";
+    std::cout << "             The flash was cut short. The modem may be left in flash mode;\n"
+                 "             the next flash recovers it.\n";
   }
   std::cout << "Modem:       " << NameOf(status.modem.mode)
             << (status.modem.atPort ? ", AT port present" : "")

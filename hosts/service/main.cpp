@@ -35,9 +35,8 @@ constexpr int kNotReady = 4;
 
 constexpr char kProgram[] = "corvel_service";
 constexpr char kExitCodes[] =
-    "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage; 3 a flash is running and the "
-    "service\n"
-    "was not stopped; 4 of status: not ready.";
+    "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage;\n"
+    "3 a flash is running and the service was not stopped; 4 of status: not ready.";
 
 std::string AdviceOnServiceCode(DWORD code) {
   switch (code) {

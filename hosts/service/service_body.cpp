@@ -227,10 +227,9 @@ void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interrupt
     if (const auto job = jobs.Look(values)) Warn(LeaveRecord("console", *job));
     if (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0) continue;
     if (warned || interruption.IsFinal() || !ReadHandshake(key).IsJobRunning()) return;
-    std::cerr
-        << "corvel_service: A flash is running. Stopping now may leave the modem in flash mode; the next "
-           "flash recovers it.\nPress Ctrl+C once more to stop all the same."
-        << std::endl;
+    std::cerr << "corvel_service: A flash is running. Stopping now may leave the modem in flash\n"
+                 "mode; the next flash recovers it. Press Ctrl+C once more to stop all the same."
+              << std::endl;
     warned = true;
     ::ResetEvent(interruption.Event());
   }

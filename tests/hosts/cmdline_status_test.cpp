@@ -54,7 +54,8 @@ TEST_F(StatusTest, TakesNothingThatADeadHostLeftForAFlash) {
   EXPECT_EQ(values["Flash_OnGoing"]["meaning"],
             "no job is running: the last one was cut short, or ended in failure");
   EXPECT_THAT(RunHost({L"status"}).output,
-              HasSubstr("The modem may be left in flash mode; the next flash recovers it."));
+              HasSubstr("             The flash was cut short. The modem may be left in flash mode;\r\n"
+                        "             the next flash recovers it.\r\n"));
   key.Write(L"Flash_Result", 2);
   EXPECT_EQ(Status()["values"]["Flash_Result"]["meaning"], "cut short while retrying: no host runs");
 }

@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include "tests/hosts/cmdline_test.h"
 
 namespace hosts {
@@ -26,6 +28,8 @@ TEST_P(HelpTest, NamesOptionsAndExitStatusAndEndsWell) {
   EXPECT_THAT(result.errors, IsEmpty());
   EXPECT_THAT(result.output, HasSubstr("Exit status: 0 flashed"));
   for (const std::string& word : GetParam().words) EXPECT_THAT(result.output, HasSubstr(word));
+  std::istringstream footer(result.output.substr(result.output.find("Exit status:")));
+  for (std::string line; std::getline(footer, line);) EXPECT_LE(line.size(), 80u) << line;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -61,6 +65,11 @@ TEST_F(CommandLineTest, TellsOfSecondsWithoutTheParsersWords) {
   EXPECT_THAT(result.output,
               HasSubstr("--timeout SECONDS           Give up after that many seconds, 1 or more "
                         "(default: no limit)"));
+}
+
+TEST_F(CommandLineTest, TakesATimeLimitOfThirtyDays) {
+  workspace.Remove(L"firmware");
+  EXPECT_EQ(RunHost({L"flash", L"--timeout", L"2592000"}).exitCode, 3);
 }
 
 struct WrongUsageCase {
@@ -100,8 +109,8 @@ constexpr char kSeeHelp[] = "See \"corvel_cmdline help\".";
 
 std::string NoSeconds(const std::string& word) {
   return "--timeout: \"" + word +
-         "\" is no number of seconds. Give a whole number from 1 to 4294967295, or leave it out for no "
-         "limit.";
+         "\" is no number of seconds. Give a whole number from 1 to 2592000 (30 days), or leave it out for "
+         "no limit.";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -143,7 +152,11 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsageCase{"TimeoutNoNumber", {L"flash", L"--timeout", L"soon"}, NoSeconds("soon"), kSeeHelp},
         WrongUsageCase{"TimeoutWithAUnit", {L"flash", L"--timeout", L"5s"}, NoSeconds("5s"), kSeeHelp},
         WrongUsageCase{
-            "TimeoutTooLong", {L"flash", L"--timeout", L"4294967296"}, NoSeconds("4294967296"), kSeeHelp},
+            "TimeoutTooLong", {L"flash", L"--timeout", L"2592001"}, NoSeconds("2592001"), kSeeHelp},
+        WrongUsageCase{"TimeoutBeyondAnyNumber",
+                       {L"flash", L"--timeout", L"4294967296"},
+                       NoSeconds("4294967296"),
+                       kSeeHelp},
         WrongUsageCase{
             "TimeoutWithoutValue", {L"flash", L"--timeout"}, "--timeout needs a value.", kSeeHelp}),
     NameOf<WrongUsageCase>);

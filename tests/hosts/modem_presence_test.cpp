@@ -87,7 +87,7 @@ CONFIGRET WINAPI RecordInterfaceFlags(PULONG length, LPGUID, DEVINSTID_W, ULONG 
   return CR_SUCCESS;
 }
 
-TEST_F(ModemPresenceTest, ResetDriverThatWasOnceThereIsNone) {
+TEST_F(ModemPresenceTest, AsksForTheInterfaceOfAPresentResetDriverAlone) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   ASSERT_TRUE(patch.Replace("CM_Get_Device_Interface_List_SizeW", &RecordInterfaceFlags));
   EXPECT_FALSE(LookForModem().resetDriver);

@@ -1,6 +1,8 @@
 #define CATCH_CONFIG_RUNNER
-#include "catch.h"
-#include "ratio.h"
+#include <cstdio>
+
+#include "benchmarks/catch.h"
+#include "benchmarks/sampler.h"
 
 // The parser of options changed its name.
 #if CATCH_VERSION_MAJOR >= 3
@@ -9,17 +11,26 @@ using Catch::Clara::Opt;
 using Catch::clara::Opt;
 #endif
 
-// Each test case compares one piece of the library with its floor: the same system calls made bare.
+// Each test case compares pieces of the library with their floors: the same work, done bare. What it takes is
+// shown and never a failure; a case fails when it cannot be run.
 int main(int argc, char** argv) {
+  constexpr int kQuickRounds = 1;
   Catch::Session session;
-  bool noBounds = false;
-  Options& options = TheOptions();
-  session.cli(session.cli() | Opt(options.rounds, "count")["--rounds"]("how often each pair is measured") |
-              Opt(options.json, "file")["--json"]("also write the rows as JSON") |
-              Opt(noBounds)["--no-bounds"]("a ratio above its bound is no failure"));
+  benchmarks::Options& options = benchmarks::TheOptions();
+  session.cli(session.cli() |
+              Opt(options.rounds, "count")["--rounds"]("how often each pair is measured, 41 by default") |
+              Opt(options.quick)["--quick"]("only see that each row runs") |
+              Opt(options.filter, "text")["--filter"]("only rows with this text in their names") |
+              Opt(options.json, "file")["--json"]("also write the rows as JSON"));
   if (const int refused = session.applyCommandLine(argc, argv); refused != 0) return refused;
-  options.checkBounds = !noBounds;
+  if (options.quick) options.rounds = kQuickRounds;
+  if (options.rounds < 1) {
+    std::fprintf(stderr, "--rounds must be at least 1\n");
+    return 2;
+  }
 
   const int failures = session.run();
-  return Report() ? failures : 1;
+  if (benchmarks::Report()) return failures;
+  std::fprintf(stderr, "%s cannot be written\n", options.json.c_str());
+  return 1;
 }

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -53,15 +54,33 @@ class RefusedFormatsOnlyFail {
 #endif
 };
 
+/// Prints what is longer than usual, or cannot be printed at all.
+std::optional<std::wstring> PrintWideMeasured(const wchar_t* format, std::va_list arguments) {
+  std::va_list measured;
+  va_copy(measured, arguments);
+  const int length = ::_vscwprintf(format, measured);
+  va_end(measured);
+  if (length < 0) return std::nullopt;
+  std::wstring text(static_cast<std::size_t>(length), L'\0');
+  ::_vsnwprintf(text.data(), text.size(), format, arguments);
+  return text;
+}
+
 }  // namespace
 
-std::wstring WideFromUtf8(std::string_view text) {
+void AppendWideFromUtf8(std::wstring& text, std::string_view utf8) {
   const LastErrorKeeper keep;
-  const int narrowLength = static_cast<int>(text.size());
-  const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, nullptr, 0);
-  if (length < 1) return {};
-  std::wstring wide(static_cast<std::size_t>(length), L'\0');
-  ::MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, wide.data(), length);
+  const int narrowLength = static_cast<int>(utf8.size());
+  const int length = ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), narrowLength, nullptr, 0);
+  if (length < 1) return;
+  const std::size_t begin = text.size();
+  text.resize(begin + static_cast<std::size_t>(length));
+  ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), narrowLength, text.data() + begin, length);
+}
+
+std::wstring WideFromUtf8(std::string_view text) {
+  std::wstring wide;
+  AppendWideFromUtf8(wide, text);
   return wide;
 }
 
@@ -73,31 +92,50 @@ std::string AnsiFromWide(std::wstring_view text) {
   return NarrowFromWide(CP_ACP, text);
 }
 
-std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
-  if (format == nullptr) return std::nullopt;
+// Most texts are short. To print one at once is half the work of measuring it before.
+bool AppendPrinted(std::string& text, const char* format, std::va_list arguments) {
+  if (format == nullptr) return false;
   const RefusedFormatsOnlyFail scope;
-  std::va_list measured;
-  va_copy(measured, arguments);
-  const int length = ::_vscprintf_p(format, measured);
-  va_end(measured);
-  if (length < 0) return std::nullopt;
-  const auto size = static_cast<std::size_t>(length);
-  std::string text(size + 1, '\0');
-  ::_vsprintf_p(text.data(), text.size(), format, arguments);
-  text.resize(size);
+  const std::size_t begin = text.size();
+  std::va_list again;
+  va_copy(again, arguments);
+  text.resize(begin + kUsualPrint);
+  int length = ::_vsprintf_p(text.data() + begin, kUsualPrint, format, arguments);
+  if (length < 0) {
+    std::va_list measured;
+    va_copy(measured, again);
+    length = ::_vscprintf_p(format, measured);
+    va_end(measured);
+    if (length >= 0) {
+      text.resize(begin + static_cast<std::size_t>(length) + 1);
+      ::_vsprintf_p(text.data() + begin, static_cast<std::size_t>(length) + 1, format, again);
+    }
+  }
+  va_end(again);
+  text.resize(begin + static_cast<std::size_t>(std::max(length, 0)));
+  return length >= 0;
+}
+
+std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
+  std::string text;
+  if (!AppendPrinted(text, format, arguments)) return std::nullopt;
   return text;
 }
 
 std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list arguments) {
   if (format == nullptr) return std::nullopt;
   const RefusedFormatsOnlyFail scope;
-  std::va_list measured;
-  va_copy(measured, arguments);
-  const int length = ::_vscwprintf(format, measured);
-  va_end(measured);
-  if (length < 0) return std::nullopt;
-  std::wstring text(static_cast<std::size_t>(length), L'\0');
-  ::_vsnwprintf(text.data(), text.size(), format, arguments);
+  wchar_t usual[kUsualPrint];
+  std::va_list again;
+  va_copy(again, arguments);
+  std::optional<std::wstring> text;
+  int length = ::_vsnwprintf(usual, kUsualPrint, format, arguments);
+  if (length >= 0) {
+    text.emplace(usual, static_cast<std::size_t>(length));
+  } else {
+    text = PrintWideMeasured(format, again);
+  }
+  va_end(again);
   return text;
 }
 

@@ -20,6 +20,15 @@ std::string AnsiFromWide(std::wstring_view text);
 std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments);
 std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list arguments);
 
+/// Prints behind a text. The arguments may not point into it.
+/// @return false, with the text as it was, where PrintNarrow gives nothing.
+bool AppendPrinted(std::string& text, const char* format, std::va_list arguments);
+/// What is printed is tried at this length first, and measured only when it is longer.
+inline constexpr std::size_t kUsualPrint = 512;
+
+/// Decodes UTF-8 behind a text; adds nothing when that fails. The last error survives.
+void AppendWideFromUtf8(std::wstring& text, std::string_view utf8);
+
 /// Fills a fixed text, cut to what it holds.
 template <std::size_t Size>
 void CopyBounded(wchar_t (&target)[Size], std::wstring_view source) {

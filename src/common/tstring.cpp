@@ -94,11 +94,15 @@ CTString CTString::operator+(const CTString& other) const {
 }
 
 CTString CTString::operator+(const char* other) const {
-  return CTString(m_WideText + Decode(other));
+  CTString sum(m_WideText);
+  sum += other;
+  return sum;
 }
 
 CTString CTString::operator+(const wchar_t* other) const {
-  return CTString(m_WideText + Copy(other));
+  CTString sum(m_WideText);
+  sum += other;
+  return sum;
 }
 
 CTString& CTString::operator+=(const CTString& other) {
@@ -107,12 +111,12 @@ CTString& CTString::operator+=(const CTString& other) {
 }
 
 CTString& CTString::operator+=(const char* other) {
-  m_WideText += Decode(other);
+  if (other != nullptr) AppendWideFromUtf8(m_WideText, other);
   return *this;
 }
 
 CTString& CTString::operator+=(const wchar_t* other) {
-  m_WideText += Copy(other);
+  if (other != nullptr) m_WideText += other;
   return *this;
 }
 

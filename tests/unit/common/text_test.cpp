@@ -70,6 +70,42 @@ TEST(TextNarrow, GivesUtf8WithoutChangingTheText) {
   EXPECT_EQ(Narrow(text), "caf\xC3\xA9");
 }
 
+// Texts are printed at a usual length first, and measured only beyond it.
+TEST(TextPrint, IsWholeAroundTheUsualLength) {
+  for (std::size_t length = corvel::kUsualPrint - 3; length < corvel::kUsualPrint + 3; ++length) {
+    SCOPED_TRACE(length);
+    const std::string narrow(length, 'n');
+    EXPECT_EQ(Print("%s", narrow.c_str()), narrow);
+    const std::wstring wide(length, L'w');
+    EXPECT_EQ(Print(L"%ls", wide.c_str()), wide);
+  }
+}
+
+TEST(TextPrint, AppendsBehindWhatIsThere) {
+  const auto append = [](std::string& text, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const bool printed = corvel::AppendPrinted(text, format, arguments);
+    va_end(arguments);
+    return printed;
+  };
+  const std::string longer(2 * corvel::kUsualPrint, 'x');
+  std::string text = "head ";
+  EXPECT_TRUE(append(text, "%d", 42));
+  EXPECT_EQ(text, "head 42");
+  EXPECT_TRUE(append(text, "%s", longer.c_str()));
+  EXPECT_EQ(text, "head 42" + longer);
+  EXPECT_FALSE(append(text, nullptr));
+  EXPECT_EQ(text, "head 42" + longer);
+}
+
+TEST(TextConversion, IsAddedBehindAText) {
+  std::wstring text = L"head ";
+  corvel::AppendWideFromUtf8(text, "caf\xC3\xA9");
+  corvel::AppendWideFromUtf8(text, "");
+  EXPECT_EQ(text, L"head caf\u00E9");
+}
+
 TEST(TextPrint, TakesPositionalParameters) {
   EXPECT_EQ(Print("%2$s %1$s", "world", "hello"), "hello world");
 }

@@ -117,6 +117,54 @@ ModemState VirtualModem::State() {
   return m_State;
 }
 
+void VirtualModem::Put(ModemState state) {
+  const std::lock_guard lock(m_Mutex);
+  EndSession();
+  m_StaysInFlashMode = true;
+  m_ResetsUntilReturn = 0;
+  m_ReturnsWhenWaitExpires = false;
+  Enter(state);
+}
+
+void VirtualModem::KeepStateIn(std::filesystem::path file) {
+  const std::lock_guard lock(m_Mutex);
+  m_StateFile = std::move(file);
+  KeepState();
+}
+
+void VirtualModem::KeepState() {
+  if (m_StateFile.empty()) return;
+  std::ofstream(m_StateFile) << static_cast<int>(m_State) << ' ' << (m_StaysInFlashMode ? 1 : 0) << ' '
+                             << (m_StateEnds == kNoEnd ? 1 : 0) << '\n';
+}
+
+ModemState VirtualModem::StateLeftIn(const std::filesystem::path& file) {
+  std::ifstream stream(file);
+  int state = 0;
+  bool stays = false;
+  bool hasNoEnd = false;
+  if (!(stream >> state >> stays >> hasNoEnd)) return ModemState::Normal;
+  switch (static_cast<ModemState>(state)) {
+    case ModemState::Restarting:
+      if (hasNoEnd) return ModemState::Restarting;
+      [[fallthrough]];
+    case ModemState::Leaving:
+    case ModemState::FlashPort:
+    case ModemState::ChannelOpen:
+      // Behind a reset alone the boot loader does not wait for ever.
+      return stays ? ModemState::FlashPort : ModemState::Normal;
+    case ModemState::Booted:
+    case ModemState::Writing:
+      return ModemState::Booted;
+    case ModemState::Dead:
+      return ModemState::Dead;
+    case ModemState::Normal:
+    case ModemState::Returning:
+      break;
+  }
+  return ModemState::Normal;
+}
+
 bool VirtualModem::IsPresentAsModem() {
   const auto state = State();
   return state == ModemState::Normal || state == ModemState::Leaving;
@@ -167,6 +215,7 @@ void VirtualModem::AdvanceTo(Milliseconds moment) {
 void VirtualModem::Enter(ModemState state, Milliseconds ends) {
   m_State = state;
   m_StateEnds = ends;
+  KeepState();
   m_Journal(JournalEvent::StateChanged, NameOf(state));
 }
 

@@ -89,6 +89,14 @@ class VirtualModem {
                ModemFaults faults, ModemState initial, Journal journal);
 
   ModemState State();
+  /// Puts it into a state, as if it had been brought there by something else. Whoever is connected with it is
+  /// no longer.
+  void Put(ModemState state);
+  /// From now on a file tells in which state the modem is, so that it can outlive the process that plays it.
+  void KeepStateIn(std::filesystem::path file);
+  /// Where the process with that file in its hands has left the modem when it died: nobody holds the port any
+  /// more, but a modem that was booted refuses everybody until it is reset. Normal without a file.
+  static ModemState StateLeftIn(const std::filesystem::path& file);
   /// What becomes of it when nobody touches it any more, however long that takes.
   ModemState ComeToRest();
   bool IsPresentAsModem();
@@ -138,6 +146,7 @@ class VirtualModem {
   void Advance();
   void AdvanceTo(Milliseconds moment);
   void Enter(ModemState state, Milliseconds ends = kNoEnd);
+  void KeepState();
   void EnterRestarting(Milliseconds since);
   void EnterFlashPort(Milliseconds since);
   void EndSession();
@@ -156,6 +165,7 @@ class VirtualModem {
 
   Lock m_Mutex;
   ModemState m_State;
+  std::filesystem::path m_StateFile;
   Milliseconds m_StateEnds{kNoEnd};
   bool m_StaysInFlashMode = true;
   int m_FlashModeStarts = 0;

@@ -54,6 +54,72 @@ TEST_F(VirtualModemTest, GoesThroughFlashModeAndBack) {
                                       "writing", "booted", "returning", "normal"}));
 }
 
+TEST_F(VirtualModemTest, PutIntoAStateItKnowsNobodyAnyMore) {
+  options.initialState = ModemState::FlashPort;
+  Start();
+  const auto session = OpenAndBoot();
+  pc->Modem().Put(ModemState::FlashPort);
+  EXPECT_FALSE(pc->Modem().ForceReset(session));
+  EXPECT_NE(pc->Modem().OpenPort(), 0u);
+}
+
+/// The file that tells of the modem when the process is gone.
+class KeptModemStateTest : public VirtualModemTest {
+ protected:
+  void Begin(ModemState initial) {
+    options.initialState = initial;
+    Start();
+    pc->Modem().KeepStateIn(file);
+  }
+  std::filesystem::path file = options.folder / "modem_state.txt";
+};
+
+TEST_F(KeptModemStateTest, WithoutAFileItIsNormal) {
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Normal);
+}
+
+TEST_F(KeptModemStateTest, FromTheFirstMomentOn) {
+  Begin(ModemState::FlashPort);
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::FlashPort);
+}
+
+TEST_F(KeptModemStateTest, OnceItWasToldToItGoesIntoFlashMode) {
+  Begin(ModemState::Normal);
+  pc->Modem().HearAtBytes(Bytes("at+xlog=4\r"));
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::FlashPort);
+}
+
+TEST_F(KeptModemStateTest, AwayUntilAResetItStaysAway) {
+  Begin(ModemState::Restarting);
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Restarting);
+}
+
+TEST_F(KeptModemStateTest, BehindAResetAloneItComesBack) {
+  Begin(ModemState::Booted);
+  pc->Modem().ResetBaseband();
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Normal);
+}
+
+TEST_F(KeptModemStateTest, AnOpenPortIsOpenForOthersAgain) {
+  Begin(ModemState::FlashPort);
+  ASSERT_NE(pc->Modem().OpenPort(), 0u);
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::FlashPort);
+}
+
+TEST_F(KeptModemStateTest, BootedItRefusesOthersInTheMiddleOfAnItemToo) {
+  Begin(ModemState::FlashPort);
+  const auto session = OpenAndBoot();
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Booted);
+  ASSERT_TRUE(pc->Modem().BeginItem(session, image.items[0]));
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Booted);
+}
+
+TEST_F(KeptModemStateTest, OnItsWayBackItArrives) {
+  Begin(ModemState::FlashPort);
+  ASSERT_TRUE(pc->Modem().ForceReset(OpenAndBoot()));
+  EXPECT_EQ(VirtualModem::StateLeftIn(file), ModemState::Normal);
+}
+
 TEST_F(VirtualModemTest, MemoryEqualsTheImageThatWasWritten) {
   options.initialState = ModemState::FlashPort;
   Start();

@@ -81,17 +81,17 @@ XML_NAME_VALUE::XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noe
 }
 
 // Here and not in the header, so that the library exports them whatever the compiler.
-XML_NAME_VALUE::XML_NAME_VALUE(const XML_NAME_VALUE& other) = default;
-XML_NAME_VALUE::XML_NAME_VALUE(XML_NAME_VALUE&& other) = default;
-XML_NAME_VALUE& XML_NAME_VALUE::operator=(const XML_NAME_VALUE& other) = default;
-XML_NAME_VALUE& XML_NAME_VALUE::operator=(XML_NAME_VALUE&& other) = default;
+XML_NAME_VALUE::XML_NAME_VALUE(const XML_NAME_VALUE& other) noexcept = default;
+XML_NAME_VALUE::XML_NAME_VALUE(XML_NAME_VALUE&& other) noexcept = default;
+XML_NAME_VALUE& XML_NAME_VALUE::operator=(const XML_NAME_VALUE& other) noexcept = default;
+XML_NAME_VALUE& XML_NAME_VALUE::operator=(XML_NAME_VALUE&& other) noexcept = default;
 XML_NAME_VALUE::~XML_NAME_VALUE() = default;
 
-CTString XML_NAME_VALUE::Name() const {
+CTString XML_NAME_VALUE::Name() const noexcept {
   return m_Name;
 }
 
-VARIANT XML_NAME_VALUE::Value() const {
+VARIANT XML_NAME_VALUE::Value() const noexcept {
   return m_Value;
 }
 

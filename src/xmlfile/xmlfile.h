@@ -35,16 +35,16 @@ class CORVEL_TOOLKIT_API XML_NAME_VALUE {
   XML_NAME_VALUE(const CTString& name, const CTString& text, VARENUM type) noexcept;
   /// A VT_DATE value; a time that no date can hold gives the date 0 (30 December 1899).
   XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noexcept;
-  XML_NAME_VALUE(const XML_NAME_VALUE& other);
-  XML_NAME_VALUE(XML_NAME_VALUE&& other);
-  XML_NAME_VALUE& operator=(const XML_NAME_VALUE& other);
-  XML_NAME_VALUE& operator=(XML_NAME_VALUE&& other);
+  XML_NAME_VALUE(const XML_NAME_VALUE& other) noexcept;
+  XML_NAME_VALUE(XML_NAME_VALUE&& other) noexcept;
+  XML_NAME_VALUE& operator=(const XML_NAME_VALUE& other) noexcept;
+  XML_NAME_VALUE& operator=(XML_NAME_VALUE&& other) noexcept;
   ~XML_NAME_VALUE();
 
   /// A copy of the name.
-  CTString Name() const;
+  CTString Name() const noexcept;
   /// The value as it is: its BSTR stays shared with this record, so do not clear it.
-  VARIANT Value() const;
+  VARIANT Value() const noexcept;
 
  private:
   CTString m_Name;

@@ -5,6 +5,7 @@
 #include <oleauto.h>
 
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "simulator/import_patch.h"
@@ -15,6 +16,14 @@ namespace {
 
 using QUENTA::Brevant::Interfaces::ToolkitCore::CXMLFile;
 using QUENTA::Brevant::Interfaces::ToolkitCore::XML_NAME_VALUE;
+
+// No exception leaves the library: without memory for a copy of the name the process ends, as without memory
+// for a value.
+static_assert(std::is_nothrow_copy_constructible_v<XML_NAME_VALUE>);
+static_assert(std::is_nothrow_move_constructible_v<XML_NAME_VALUE>);
+static_assert(std::is_nothrow_copy_assignable_v<XML_NAME_VALUE>);
+static_assert(std::is_nothrow_move_assignable_v<XML_NAME_VALUE>);
+static_assert(noexcept(std::declval<const XML_NAME_VALUE&>().Name()));
 
 USHORT ShortOf(const wchar_t* text) {
   return XML_NAME_VALUE(L"port", text, VT_UI2).Value().uiVal;

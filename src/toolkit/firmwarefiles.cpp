@@ -91,16 +91,23 @@ bool ToolKit::FetchModemNVMFls(CTString folder) try {
   return false;
 }
 
-void ToolKit::DeleteFLSFiles() try {
+namespace {
+
+/// Without memory for it the record is lost, and nothing else.
+void TellOfFailedDeletion(const CTString& image, unsigned int error) noexcept try {
+  LOG_ERROR_AS("ToolKit::DeleteFLSFiles", "\t DeleteFile(%s) failed with: %x", Narrow(image).c_str(), error);
+} catch (...) {
+}
+
+}  // namespace
+
+void ToolKit::DeleteFLSFiles() {
   LOG_ERROR("\t DeleteFLSFiles ++");
   for (const CTString* image : {&m_ModemFlsFile, &m_NVMFlsFile}) {
     if (image->IsEmpty() || ::DeleteFileW(*image)) continue;
-    const auto error = static_cast<unsigned int>(::GetLastError());
-    LOG_ERROR("\t DeleteFile(%s) failed with: %x", Narrow(*image).c_str(), error);
+    TellOfFailedDeletion(*image, static_cast<unsigned int>(::GetLastError()));
   }
   LOG_ERROR("\t DeleteFLSFiles --");
-} catch (...) {
-  // Out of memory for a log line: the image stays, as after any failed deletion.
 }
 
 void ToolKit::KeepLogFileNum(CTString pattern, unsigned int count) {

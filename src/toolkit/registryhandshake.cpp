@@ -10,11 +10,15 @@
 #include "common/text.h"
 #include "common/win32error.h"
 #include "config/configparser.h"
+#include "toolkit/registrylocation.h"
 #include "toolkit/toolkit.h"
 
 using namespace corvel;
 
 namespace {
+
+// The procedure under whose name taking the location is logged.
+constexpr char kGetLabelsLocation[] = "ToolKit::GetLabelsLocation";
 
 constexpr int kUnreadable = -255;
 constexpr int kFlagRaised = 1;
@@ -165,22 +169,28 @@ class RegistryWatch {
 
 }  // namespace
 
-void ToolKit::GetLabelsLocation() try {
+void corvel::TakeRegistryLocation() {
   const CTString location = CConfigParser::ConfiguredRegistryLocation();
-  CopyBounded(mRegitstryLocation, static_cast<const wchar_t*>(location));
-
   // Without a separator the position is -1, and both parts are the whole text; that is intended.
   const int separator = location.Find(L"\\", 0);
-  CopyBounded(mMainKey, static_cast<const wchar_t*>(location.SubStr(0, separator)));
-  CopyBounded(mStrKey, static_cast<const wchar_t*>(location.SubStr(separator + 1, -1)));
-  LOG_TRACE("mMainKey:%s", AnsiForLog(mMainKey));
-  LOG_TRACE("mStrKey:%s", AnsiForLog(mStrKey));
+  const CTString mainKey = location.SubStr(0, separator);
+  const CTString subKey = location.SubStr(separator + 1, -1);
+
+  // From here on nothing asks for memory.
+  CopyBounded(ToolKit::mRegitstryLocation, static_cast<const wchar_t*>(location));
+  CopyBounded(ToolKit::mMainKey, static_cast<const wchar_t*>(mainKey));
+  CopyBounded(ToolKit::mStrKey, static_cast<const wchar_t*>(subKey));
+  LOG_TRACE_AS(kGetLabelsLocation, "mMainKey:%s", AnsiForLog(ToolKit::mMainKey));
+  LOG_TRACE_AS(kGetLabelsLocation, "mStrKey:%s", AnsiForLog(ToolKit::mStrKey));
 
   for (const RootPrefix& known : kRoots) {
-    if (std::wcscmp(mMainKey, known.prefix) == 0) hMainKey = known.root;
+    if (std::wcscmp(ToolKit::mMainKey, known.prefix) == 0) ToolKit::hMainKey = known.root;
   }
-  LOG_TRACE("hMainKey:0x%x", static_cast<unsigned int>(reinterpret_cast<ULONG_PTR>(hMainKey)));
-} catch (...) {
+  LOG_TRACE_AS(kGetLabelsLocation, "hMainKey:0x%x",
+               static_cast<unsigned int>(reinterpret_cast<ULONG_PTR>(ToolKit::hMainKey)));
+}
+
+void ToolKit::GetLabelsLocation() try { corvel::TakeRegistryLocation(); } catch (...) {
   // Out of memory: the location stays as it is.
 }
 

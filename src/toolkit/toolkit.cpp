@@ -20,6 +20,7 @@
 #include "common/win32error.h"
 #include "common/worker.h"
 #include "config/configparser.h"
+#include "toolkit/registrylocation.h"
 
 using namespace corvel;
 
@@ -99,7 +100,7 @@ bool ToolKit::Initialize() try {
     }
 
     LOG_TRACE("\t to GetLabelsLocation");
-    GetLabelsLocation();
+    corvel::TakeRegistryLocation();
 
     LOG_TRACE("\t to create MainThreadImplementation");
     // The supervisor never ends, so its code must never go: a host may well free the library.
@@ -113,7 +114,7 @@ bool ToolKit::Initialize() try {
   LOG_TRACE("\t Initialize --");
   return true;
 } catch (...) {
-  // Out of memory: there is no thread.
+  // Out of memory: there is no thread. One that watched another key than the configured one would be worse.
   return false;
 }
 

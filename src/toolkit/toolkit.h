@@ -107,8 +107,8 @@ class CORVEL_TOOLKIT_API ToolKit {
 
   /// The system's message for a Win32 error as "Error code N: message", in the system's ANSI code page and
   /// cut to what fits. Without a message of the system it ends after the colon and blank.
-  /// @return one process-wide buffer of 128 characters that each call overwrites; not for two threads at
-  /// once.
+  /// @return one process-wide buffer of 128 characters that each call overwrites, and each log record that
+  /// cannot be written to its file does so too; not for two threads at once.
   static const char* GetWin32ErrorStr(unsigned long error);
 
   /// The next token of a text; an empty one at the end, and for lack of memory. Any thread.

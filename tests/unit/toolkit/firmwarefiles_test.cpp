@@ -322,6 +322,18 @@ TEST_F(FirmwareFilesTest, AnImageThatCannotBeDeletedIsLoggedWithTheSystemsError)
   EXPECT_FALSE(folder.Holds(L"b.fls"));
 }
 
+TEST_F(FirmwareFilesTest, WithoutMemoryForTheRecordTheOtherImageIsDeletedAllTheSame) {
+  ToolKit::m_ModemFlsFile = CTString(folder.File(L"there is no image of this name, which is a long one.fls"));
+  const std::wstring small = folder.WriteOfSize(L"b.fls", 10);
+  ToolKit::m_NVMFlsFile = CTString(small);
+  ScarceMemory memory;
+  memory.FailEachOf([&] {
+    folder.WriteOfSize(L"b.fls", 10);
+    ToolKit::DeleteFLSFiles();
+    EXPECT_FALSE(folder.Holds(L"b.fls"));
+  });
+}
+
 class KeepLogFileNumTest : public FirmwareFilesTest {
  protected:
   void Keep(const std::wstring& pattern, unsigned int count) {

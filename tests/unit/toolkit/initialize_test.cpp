@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "simulator/import_patch.h"
 #include "support/host_folder.h"
+#include "support/scarce_memory.h"
 #include "toolkit/toolkit.h"
 
 namespace {
@@ -182,6 +184,27 @@ TEST_F(InitializeTest, LoadingOnAThreadOfAnotherApartmentFailsWithoutACrash) {
   }).join();
   EXPECT_FALSE(loaded);
   EXPECT_FALSE(isLoaded);
+}
+
+// A part of it would be another key, and the supervisor would watch that one for good.
+TEST_F(InitializeTest, WithoutMemoryForTheLocationNothingIsStarted) {
+  host.WriteConfig(
+      "title\n[RegistryLocation]=HKCU\\Software\\A key whose name is too long for a small text\n");
+  ASSERT_TRUE(ToolKit::LoadConfig(nullptr));
+  ToolKit::TurnLoggingOff();
+  ScarceMemory memory;
+  memory.FailEachOf([&] {
+    ReleasableToolKit::ReleaseInstance();
+    ToolKit::mStrKey[0] = L'\0';
+    ToolKit::hMainKey = HKEY_LOCAL_MACHINE;
+    const int before = threads.Count();
+    const bool initialized = ToolKit::Initialize();
+    const bool taken =
+        std::wstring_view(ToolKit::mStrKey) == L"Software\\A key whose name is too long for a small text" &&
+        ToolKit::hMainKey == HKEY_CURRENT_USER;
+    EXPECT_EQ(threads.Count() - before, initialized ? 1 : 0);
+    EXPECT_TRUE(taken || !initialized);
+  });
 }
 
 TEST_F(InitializeTest, CommandLineModeFixesTheKeyAndStartsNothing) {

@@ -199,6 +199,7 @@ bool ATProcessor::openPort(const char* fileName) {
     // the next open overwrites the handle. Later attempts fail the way they are known to.
     return false;
   }
+  // A purge that fails fails the open no more than it ever did: there is nothing in a port just opened.
   ::PurgeComm(m_Port, kPurgeAll);
   ::LeaveCriticalSection(&m_Section);
   return true;

@@ -86,6 +86,22 @@ flash_channel::Claim Attempt::TakeChannel() {
   return claim;
 }
 
+std::optional<int> Attempt::CloseChannel(bool opened, const char* procedure) {
+  // One that failed before its boot closes what an earlier session left, and is to be waited for as well.
+  if (!m_ChannelTaken) TakeChannel();
+  const bool taken = m_ChannelTaken.exchange(false);
+  // Marked before it is looked whether the attempt was given up, so that a newer one cannot come between.
+  const flash_channel::LateClose close(m_Number);
+  const auto closeCommPort = Library().CloseCommPort();
+  if (const auto closed = TryLibrary(closeCommPort, Channel(), Status())) return closed;
+  if (!opened || !taken || closeCommPort == nullptr || !IsAbandoned()) return std::nullopt;
+  if (!close.IsAllowed()) {
+    LOG_WARNING_AS(procedure, "\t Channel %d stays open, a newer attempt has opened one", Channel());
+    return std::nullopt;
+  }
+  return closeCommPort(Channel(), Status());
+}
+
 int Attempt::GetAbsoluteProgress(const char* statusText) {
   // Not atoi: leading blanks and signs count as no number here.
   const int itemPercent = ::StrToIntW(CTString(statusText));

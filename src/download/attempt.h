@@ -81,6 +81,12 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   /// Tries to become the one that works on the library's channel. Refused to an abandoned attempt.
   flash_channel::Claim TakeChannel();
   bool HasTakenChannel() const { return m_ChannelTaken; }
+  /// Closes the channel. An attempt that was given up closes only what it has opened itself, and only while
+  /// no newer one has used a channel; nobody else does it.
+  /// @param opened whether this attempt has opened it.
+  /// @param procedure the one under whose name this is logged.
+  /// @return what the library said; nothing when it was not asked.
+  std::optional<int> CloseChannel(bool opened, const char* procedure);
 
   corvel::Progress& Progress() { return m_Progress; }
   /// Overall percentage, 0 to 100, from the present item's percentage as the library's callback reports it.

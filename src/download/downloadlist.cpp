@@ -60,15 +60,19 @@ bool DownloadList::MarkFurtherItems(std::uint32_t technology, const CDownloadFil
   std::uint32_t count = 0;
   if (m_Attempt.CallLibrary(m_Attempt.Library().TocGetNofItems(), kRefused, file.c_str(), &count,
                             m_Attempt.Status()) != 0) {
-    LOG_TRACE_AS(kMarkFirmwareFile, "Could not get the number of downloadable items in %s", file.c_str());
+    // An attempt that was given up asks nothing of the library, so there is no failure to tell of, here and
+    // below.
+    if (!m_Attempt.IsAbandoned())
+      LOG_TRACE_AS(kMarkFirmwareFile, "Could not get the number of downloadable items in %s", file.c_str());
     return false;
   }
   LOG_TRACE_AS(kMarkFirmwareFile, "Downloadable items: %d", static_cast<int>(count));
   for (std::uint32_t index = 1; index < count; ++index) {
     std::uint32_t memoryClass = 0;
     if (!QueryMemoryClass(kGetMemoryClass, m_FirmwareFile, memoryClass, index)) {
-      LOG_TRACE_AS(kMarkFirmwareFile, "Could not obtain memory class for %s(%d)", file.c_str(),
-                   static_cast<int>(index));
+      if (!m_Attempt.IsAbandoned())
+        LOG_TRACE_AS(kMarkFirmwareFile, "Could not obtain memory class for %s(%d)", file.c_str(),
+                     static_cast<int>(index));
       return false;
     }
     LOG_TRACE_AS(kMarkFirmwareFile, "Memory Class(%d): %d", static_cast<int>(index),
@@ -90,7 +94,8 @@ bool DownloadList::QueryFlashTechnology(const char* function, const CTString& fi
   if (m_Attempt.CallLibrary(m_Attempt.Library().TocGetFlashTechnology(), kRefused, path.c_str(), &technology,
                             m_Attempt.Status()) == 0)
     return true;
-  LOG_TRACE_AS(function, "Could not get the flash technology for %s", path.c_str());
+  if (!m_Attempt.IsAbandoned())
+    LOG_TRACE_AS(function, "Could not get the flash technology for %s", path.c_str());
   return false;
 }
 
@@ -101,7 +106,9 @@ bool DownloadList::QueryMemoryClass(const char* function, const CTString& file, 
                             &memoryClass, m_Attempt.Status()) == 0) {
     return true;
   }
-  LOG_TRACE_AS(function, "Could not get the memory class for %s(%d)", path.c_str(), static_cast<int>(index));
+  if (!m_Attempt.IsAbandoned())
+    LOG_TRACE_AS(function, "Could not get the memory class for %s(%d)", path.c_str(),
+                 static_cast<int>(index));
   return false;
 }
 

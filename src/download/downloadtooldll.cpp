@@ -59,6 +59,10 @@ struct Binding {
 
 NeverDestroyed<Binding> g_binding;
 
+// Where the library writes why it refuses the callback. One for the whole process, for the library may know
+// it longer than a binding lasts: whoever was given up keeps the same module loaded.
+constinit StatusText g_callbackStatus{};
+
 // Whether the library is sending data now. Only a status message changes it, not loading or unloading.
 std::atomic<bool> g_sending{false};
 
@@ -93,6 +97,7 @@ bool CDownloadToolDll::Load() {
   LOG_TRACE("++ CDownloadToolDll::Load");
   const std::shared_ptr<FlashLibrary> library = NewLibrary();
   SetLibrary(library);
+  g_callbackStatus.fill('\0');
   if (library != nullptr) g_binding->fileName = facts::kFlashingLibrary;
   if (library != nullptr && SetFunctionPointers(*library)) {
     LOG_TRACE("CDownloadToolDll::Load ,SetFunctionPointers()");
@@ -147,9 +152,9 @@ FARPROC CDownloadToolDll::GetFunctionFromDll(const char* name) {
 }
 
 bool CDownloadToolDll::AssociateCallbackWithDll(FlashLibrary& library) {
-  const int result = library.functions.InitCallback()(&HandleCallbacks, library.callbackStatus.data());
+  const int result = library.functions.InitCallback()(&HandleCallbacks, g_callbackStatus.data());
   if (result != kCallbackRefused) return true;
-  LOG_ERROR("PROGRESS: InitCallback failed due to %s\n", library.callbackStatus.data());
+  LOG_ERROR("PROGRESS: InitCallback failed due to %s\n", g_callbackStatus.data());
   return false;
 }
 

@@ -66,7 +66,7 @@ int FirmwareBoot::BootDeviceInFirmwareMode() {
 bool FirmwareBoot::RequestReboot() {
   LOG_TRACE_AS(kBootDevice, "\t MBIM device present.");
   if (RebootModem() != 0) {
-    LOG_ERROR_AS(kBootDevice, "\t RebootModem FAIL.");
+    if (!m_Attempt->IsAbandoned()) LOG_ERROR_AS(kBootDevice, "\t RebootModem FAIL.");
     SpendRetry();
     return false;
   }
@@ -172,6 +172,8 @@ bool FirmwareBoot::SearchFlashPort() {
 
 int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
   m_BootResult = kBootFailed;
+  // Before the thread is started: what this waits for is none of the boot's time.
+  if (!TakeChannel()) return kBootFailed;
   UniqueHandle thread =
       StartWorker([boot = shared_from_this(), bootFile] { boot->InjectBootTargetThread(bootFile); });
   if (thread == nullptr) {
@@ -179,7 +181,7 @@ int FirmwareBoot::InjectBootTarget(const std::string& bootFile) {
                  static_cast<unsigned>(::GetLastError()));
     // On purpose: a modem that was booted before may still take the image, and writing will tell. It uses the
     // channel that the last attempt left.
-    return TakeChannel() ? kBootOk : kBootFailed;
+    return kBootOk;
   }
   LOG_TRACE_AS(kInjectBootTarget, "\t InjectBootTargetThread timeout: %ds",
                static_cast<int>(kBootTimeLimitMs / 1000));
@@ -228,9 +230,9 @@ bool FirmwareBoot::TakeChannel() {
   for (bool told = false; !m_Attempt->IsAbandoned(); told = true) {
     const flash_channel::Claim claim = m_Attempt->TakeChannel();
     if (claim == flash_channel::Claim::TakenOver)
-      LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is still closing its channel, go on");
+      LOG_WARNING_AS(kInjectBootTarget, "\t An earlier attempt is still closing its channel, go on");
     if (claim != flash_channel::Claim::Refused) return true;
-    if (!told) LOG_WARNING_AS(kInjectBootTargetThread, "\t An earlier attempt is closing its channel, wait");
+    if (!told) LOG_WARNING_AS(kInjectBootTarget, "\t An earlier attempt is closing its channel, wait");
     ::Sleep(kLateClosePollMs);
   }
   return false;
@@ -239,36 +241,49 @@ bool FirmwareBoot::TakeChannel() {
 /// Opens a channel on the flash port and boots the target over it. @return 0, or anything else when either
 /// failed and the channel was closed again.
 int FirmwareBoot::OpenAndBoot(const std::string& bootFile) {
-  if (!TakeChannel()) return kBootFailed;
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, GetNextFreeChannel");
   m_Attempt->SetChannel(m_Attempt->CallLibrary(m_Attempt->Library().GetNextFreeChannel(), std::uint8_t{0}));
   LOG_TRACE_AS(kInjectBootTargetThread, "\t GetNextFreeChannel, mCommChannel:%d", m_Attempt->Channel());
+  if (m_Attempt->IsAbandoned()) return GiveUp(false);
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, OpenCommPort");
   const std::string port = Narrow(m_COMPort);
-  if (m_Attempt->CallLibrary(m_Attempt->Library().OpenCommPort(), kRefused, m_Attempt->Channel(),
-                             port.c_str(), port.c_str(), kBaudRate, m_Attempt->Status()) != 0) {
+  const bool opened =
+      m_Attempt->CallLibrary(m_Attempt->Library().OpenCommPort(), kRefused, m_Attempt->Channel(),
+                             port.c_str(), port.c_str(), kBaudRate, m_Attempt->Status()) == 0;
+  if (m_Attempt->IsAbandoned()) return GiveUp(opened);
+  if (!opened) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Open Comm Port failed due to %s, call BB_RST\n",
                  m_Attempt->Status());
-    CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
+    CloseAfterFailure(opened, "\t Wait 4s after close commport due to it will trigger UDE bbrst\n");
     return kBootFailed;
   }
 
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Downloader, BootTarget");
-  if (m_Attempt->CallLibrary(m_Attempt->Library().BootTarget(), kRefused, m_Attempt->Channel(),
-                             bootFile.c_str(), &m_BootWord, m_Attempt->Status()) != 0) {
+  const int booted = m_Attempt->CallLibrary(m_Attempt->Library().BootTarget(), kRefused, m_Attempt->Channel(),
+                                            bootFile.c_str(), &m_BootWord, m_Attempt->Status());
+  if (m_Attempt->IsAbandoned()) return GiveUp(opened);
+  if (booted != 0) {
     LOG_ERROR_AS(kInjectBootTargetThread, "\t ERROR: Boot Target failed due to %s, call BB_RST\n",
                  m_Attempt->Status());
-    CloseAfterFailure("\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
+    CloseAfterFailure(opened, "\t Wait 4s after close commport due to it will trigger UDE BB_RST\n");
     return kBootFailed;
   }
   return kBootOk;
 }
 
-void FirmwareBoot::CloseAfterFailure(const char* pauseText) {
+/// The end of a boot that was given up: closes what it opened, and neither pauses nor resets nor spends a
+/// retry.
+int FirmwareBoot::GiveUp(bool opened) {
+  LOG_WARNING_AS(kInjectBootTargetThread, "\t The attempt was given up meanwhile, %s --",
+                 kInjectBootTargetThread);
+  if (opened) m_Attempt->CloseChannel(opened, kInjectBootTargetThread);
+  return kBootFailed;
+}
+
+void FirmwareBoot::CloseAfterFailure(bool opened, const char* pauseText) {
   LOG_TRACE_AS(kInjectBootTargetThread, "\t Close Comm Port\n");
-  if (m_Attempt->CallLibrary(m_Attempt->Library().CloseCommPort(), kRefused, m_Attempt->Channel(),
-                             m_Attempt->Status()) == 0) {
+  if (m_Attempt->CloseChannel(opened, kInjectBootTargetThread) == 0) {
     LOG_TRACE_AS(kInjectBootTargetThread, "%s", pauseText);
     ::Sleep(kPauseAfterCloseMs);
   }

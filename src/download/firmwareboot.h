@@ -49,7 +49,8 @@ class FirmwareBoot : public std::enable_shared_from_this<FirmwareBoot> {
   bool SearchFlashPort();
   bool TakeChannel();
   int OpenAndBoot(const std::string& bootFile);
-  void CloseAfterFailure(const char* pauseText);
+  void CloseAfterFailure(bool opened, const char* pauseText);
+  int GiveUp(bool opened);
 
   std::shared_ptr<Attempt> m_Attempt;
   CTString m_COMPort;

@@ -94,7 +94,13 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
   const std::shared_ptr<CFirmwareDownloader> engine(new CFirmwareDownloader);
   SetPresentEngine(engine);
   Attempt::SetPresent(engine->m_Attempt);
-  const bool bound = CDownloadToolDll::Load();
+  bool bound = false;
+  try {
+    bound = CDownloadToolDll::Load();
+  } catch (...) {
+    // Out of memory half-way: the engine gets what there is of the library, and is told of as one that
+    // failed.
+  }
   engine->m_Attempt->SetLibrary(CDownloadToolDll::Library());
   if (!bound) {
     LOG_ERROR("\t DownloadToolDll Load fail");
@@ -102,6 +108,10 @@ std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
     return nullptr;
   }
   return engine;
+}
+
+std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::Present() {
+  return PresentEngine();
 }
 
 void CFirmwareDownloader::Unload() {
@@ -166,6 +176,8 @@ UpdateFirmwareResult CFirmwareDownloader::Download(CTString firmwareFile, CTStri
     LOG_ERROR("\t MarkFirmwareFileForDownload FAIL, set FirmwareNotUpdated");
   }
 
+  // Calls that an attempt which was given up did not make are no failures, and are not told as such.
+  if (m_Attempt->IsAbandoned()) LOG_WARNING("\t The attempt was given up meanwhile");
   LOG_TRACE("\t Download finished, result: %d", static_cast<int>(result));
   CleanupAfterDownload();
   LOG_TRACE("\t %s --", QUALIFIED_FUNCTION);
@@ -294,7 +306,8 @@ UpdateFirmwareResult CFirmwareDownloader::WriteAndReset() {
                                            m_Attempt->Channel(), std::uint8_t{1}, std::uint8_t{16},
                                            std::uint8_t{17}, std::uint8_t{0}, m_Attempt->Status());
   if (reset == kResetFailed) {
-    LOG_TRACE_AS(kDownload, "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
+    if (!m_Attempt->IsAbandoned())
+      LOG_TRACE_AS(kDownload, "\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;");
     return FirmwareUpdateFailed;
   }
   LOG_TRACE_AS(kDownload, "\t ForceTargetReset OK.");
@@ -318,7 +331,7 @@ int CFirmwareDownloader::DownloadFirmwareIntoDevice() {
     const int written = WriteItem(*item);
     LOG_TRACE("\t memType:(%d)", static_cast<int>(item->GetMemoryClass().code));
     if (written != 0) {
-      LOG_ERROR("\t Could not download file(%s)", item->GetTocName().c_str());
+      if (!m_Attempt->IsAbandoned()) LOG_ERROR("\t Could not download file(%s)", item->GetTocName().c_str());
       return FirmwareUpdateFailed;
     }
     ::Sleep(kPauseBetweenItemsMs);
@@ -368,25 +381,10 @@ int CFirmwareDownloader::WriteCustItem(const CDownloadFile& item) {
 void CFirmwareDownloader::CleanupAfterDownload() {
   m_Attempt->Progress().SetItem(std::nullopt);
   m_List.Clear();
-  std::optional<int> closed =
-      m_Attempt->TryLibrary(m_Attempt->Library().CloseCommPort(), m_Attempt->Channel(), m_Attempt->Status());
-  if (m_Attempt->IsAbandoned() && !closed.has_value()) closed = CloseChannelThatWasLeftOpen();
+  // Whoever gets here with a channel of its own has opened it, or writes to what the last attempt left.
+  const std::optional<int> closed = m_Attempt->CloseChannel(true, kCleanup);
   if (closed.value_or(0) != 0) LOG_ERROR("\t ERROR: Close CommPort failed due to %s\n", m_Attempt->Status());
   SetParameter(kLogLevelParameter, kLibraryLogOff);
-}
-
-/// For an attempt that was given up, and has come back from writing: nobody else closes what it opened. The
-/// library is its own reference. @return what the library said; nothing when it was not asked.
-std::optional<int> CFirmwareDownloader::CloseChannelThatWasLeftOpen() {
-  const auto closeCommPort = m_Attempt->Library().CloseCommPort();
-  if (!m_Attempt->HasTakenChannel() || closeCommPort == nullptr) return std::nullopt;
-  const flash_channel::LateClose close(m_Attempt->Number());
-  if (!close.IsAllowed()) {
-    LOG_WARNING_AS(kCleanup, "\t Channel %d stays open, a newer attempt has opened one",
-                   m_Attempt->Channel());
-    return std::nullopt;
-  }
-  return closeCommPort(m_Attempt->Channel(), m_Attempt->Status());
 }
 
 // --- Members that forward ---------------------------------------------------------------------------------

@@ -23,6 +23,8 @@ class CFirmwareDownloader {
   /// The engine of the present attempt, made with the flashing library bound on first use. Null when the
   /// library refused the callback; the engine is there all the same for the next call.
   static std::shared_ptr<CFirmwareDownloader> GetInstance();
+  /// The engine of the present attempt, if one was made; null otherwise.
+  static std::shared_ptr<CFirmwareDownloader> Present();
   /// Ends the present attempt: unbinds the library and gives the engine up.
   static void Unload();
 
@@ -83,7 +85,6 @@ class CFirmwareDownloader {
   int WriteItem(const CDownloadFile& item);
   int WriteCustItem(const CDownloadFile& item);
   void CleanupAfterDownload();
-  std::optional<int> CloseChannelThatWasLeftOpen();
 
   std::shared_ptr<corvel::Attempt> m_Attempt;
   corvel::DownloadList m_List;

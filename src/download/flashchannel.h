@@ -9,12 +9,13 @@
 /// into the library.
 ///
 /// Closing a channel resets the modem's baseband. An attempt that was given up may come back at any time and
-/// close the channel that it left open, but never while a newer attempt flashes:
+/// close the channel that it left open, or be given up inside a close, but never closes while a newer attempt
+/// flashes:
 ///
 /// * An attempt takes the channel before it calls the library for one. An older one that comes back later
 ///   finds it taken, and leaves its own as it is.
-/// * An older attempt that still has it marks it as "being closed" before it calls the library. A newer one
-///   that comes meanwhile cannot take it, and waits until the close is over.
+/// * Whoever has it marks it as "being closed" before each close, given up or not. A newer attempt that comes
+///   meanwhile cannot take it, and waits until the close is over. Then nobody has it.
 ///
 /// Whichever of the two comes first, the close is either left out or over before the newer channel is opened.
 /// A close that does not come back must not keep the modem from ever being flashed: it is waited for once,
@@ -32,7 +33,7 @@ std::uint8_t Last();
 void SetLast(std::uint8_t channel);
 
 enum class Claim {
-  Refused,    ///< An older attempt is closing its channel: ask again.
+  Refused,    ///< Another attempt is closing its channel: ask again.
   Taken,      ///< The attempt has it.
   TakenOver,  ///< The same, from a close that was waited for long enough.
 };
@@ -40,7 +41,8 @@ enum class Claim {
 /// Makes `attempt` the one that used a channel last. Only for an attempt that was not given up.
 Claim Take(std::uint64_t attempt);
 
-/// The right of an attempt that was given up to close its channel, for as long as the call takes.
+/// The right of an attempt to close its channel, for as long as the call takes. The attempt then has the
+/// channel no longer, and takes it anew before it opens another.
 class LateClose {
  public:
   explicit LateClose(std::uint64_t attempt);
@@ -48,7 +50,7 @@ class LateClose {
   LateClose(const LateClose&) = delete;
   LateClose& operator=(const LateClose&) = delete;
 
-  /// False when a newer attempt has used a channel.
+  /// False when the attempt has not got the channel: a newer one has, or nobody.
   bool IsAllowed() const { return m_Allowed; }
 
  private:

@@ -111,7 +111,6 @@ class FunctionTable {
 /// up goes on using the functions and buffers that it began with, in a module that stays loaded for it.
 struct FlashLibrary {
   FunctionTable functions;
-  StatusText callbackStatus{};
   UniqueModule module;
 };
 

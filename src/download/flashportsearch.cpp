@@ -51,9 +51,11 @@ bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
     LOG_TRACE_AS(kCheckFlashPort, "Device Path: %ls\n", path);
     if (std::wcsstr(path, facts::kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));
-    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n", facts::kFlashPortId);
+    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n",
+                 facts::kFlashPortId);
+    SetPort(port);
     LOG_TRACE_AS(kCheckFlashPort, "mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
-    Report(port);
+    Signal();
     return true;
   }
   return false;
@@ -84,9 +86,13 @@ void FlashPortSearch::CloseSignal() {
   m_Signal.reset();
 }
 
-void FlashPortSearch::Report(const CTString& port) {
+void FlashPortSearch::SetPort(const CTString& port) {
   const ScopedLock lock(m_Lock);
   m_Port = port;
+}
+
+void FlashPortSearch::Signal() {
+  const ScopedLock lock(m_Lock);
   if (m_Signal != nullptr) ::ReleaseSemaphore(m_Signal.get(), 1, nullptr);
 }
 

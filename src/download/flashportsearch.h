@@ -32,7 +32,8 @@ class FlashPortSearch {
 
  private:
   bool ReportFlashPortAmong(const MultiStringView& paths);
-  void Report(const CTString& port);
+  void SetPort(const CTString& port);
+  void Signal();
 
   SRWLOCK m_Lock = SRWLOCK_INIT;
   UniqueHandle m_Signal;

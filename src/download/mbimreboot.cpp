@@ -392,10 +392,16 @@ Outcome RebootRun::OpenCommandSession() {
 Outcome RebootRun::BuildPayload() {
   SAFEARRAYBOUND bound{static_cast<ULONG>(kRebootPayload.size()), 0};
   m_Payload.reset(::SafeArrayCreate(VT_UI1, 1, &bound));
-  if (m_Payload == nullptr) return E_OUTOFMEMORY;
+  if (m_Payload == nullptr) {
+    LOG_ERROR_AS(kProcedure, "\t No memory for the reboot command's payload");
+    return E_OUTOFMEMORY;
+  }
   for (LONG index = 0; BYTE byte : kRebootPayload) {
     const HRESULT result = ::SafeArrayPutElement(m_Payload.get(), &index, &byte);
-    if (FAILED(result)) return result;
+    if (FAILED(result)) {
+      LOG_ERROR_AS(kProcedure, "\t SafeArrayPutElement failed with: %x", Hex(result));
+      return result;
+    }
     LOG_TRACE_AS(kProcedure, "\t %02X ", byte);
     ++index;
   }

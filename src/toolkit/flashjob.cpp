@@ -1,6 +1,7 @@
 #include "toolkit/flashjob.h"
 
 #include <exception>
+#include <memory>
 
 #include "common/facts.h"
 #include "common/log.h"
@@ -23,6 +24,9 @@ constexpr DWORD kAttemptTimeLimitMs = 130000;
 constexpr DWORD kRearrivalTimeLimitMs = 23000;
 constexpr DWORD kPauseBeforeAwaitingAgainMs = 3000;
 constexpr DWORD kRearrivalPollMs = 1000;
+
+// The worker's procedure, under whose name it logs.
+constexpr char kWorker[] = "ToolKit::DownloadFirmwareImplementation";
 
 CTString m_nModemNVMFolder;
 
@@ -49,11 +53,12 @@ void LoadEngine() {
   }
 }
 
-/// One download by the present engine, with the result stored for the job that waits for it.
-UpdateFirmwareResult AttemptDownload(const CTString& modemImage, const CTString& nvmImage) {
+/// One download by `known`, or by the present engine, with the result stored for the job that waits for it.
+UpdateFirmwareResult AttemptDownload(const std::shared_ptr<CFirmwareDownloader>& known,
+                                     const CTString& modemImage, const CTString& nvmImage) {
   const CTString modem = modemImage;
   const CTString nvm = nvmImage;
-  const auto engine = CFirmwareDownloader::GetInstance();
+  const auto engine = known != nullptr ? known : CFirmwareDownloader::GetInstance();
   if (engine == nullptr) return FirmwareNotUpdated;
   const UpdateFirmwareResult result = engine->Download(modem, nvm);
   // A worker that comes back late has nothing to say about a newer attempt.
@@ -62,6 +67,38 @@ UpdateFirmwareResult AttemptDownload(const CTString& modemImage, const CTString&
     if (result == FirmwareUpdated) SetProgress(100);
   });
   return result;
+}
+
+/// Forgets the result of the attempt before. @return false when the worker of `known` has begun so late that
+/// it was given up: the result, the image paths and the present engine are a newer attempt's by now.
+bool ForgetResult(const std::shared_ptr<CFirmwareDownloader>& known) {
+  bool forgotten = false;
+  const auto forget = [&forgotten] {
+    Shared(ToolKit::mFlashResult) = FirmwareNotUpdated;
+    forgotten = true;
+  };
+  if (known != nullptr) {
+    known->UnlessAbandoned(forget);
+  } else {
+    forget();
+  }
+  return forgotten;
+}
+
+/// The worker's body. `known` is the engine that its attempt had when it was started; null: it had none yet.
+void DownloadWith(const std::shared_ptr<CFirmwareDownloader>& known) {
+  if (!ForgetResult(known)) {
+    LOG_WARNING_AS(kWorker, "\t Given up before it began, nothing is downloaded");
+    return;
+  }
+  LOG_TRACE_AS(kWorker, "%s ++", kWorker);
+  UpdateFirmwareResult result = FirmwareNotUpdated;
+  try {
+    result = AttemptDownload(known, ToolKit::m_ModemFlsFile, ToolKit::m_NVMFlsFile);
+  } catch (...) {
+    // Out of memory: the attempt has failed. It never goes on with a path that was lost on the way.
+  }
+  LOG_TRACE_AS(kWorker, "%s --, result: %d", kWorker, static_cast<int>(result));
 }
 
 }  // namespace
@@ -158,7 +195,7 @@ FlashJob::Attempt FlashJob::DownloadOnce() {
   SetOnGoing(1);
   SetResult(facts::kResultFlashing);
 
-  UniqueHandle worker = StartWorker([] { ToolKit::DownloadFirmwareImplementation(nullptr); });
+  UniqueHandle worker = StartWorker([engine = CFirmwareDownloader::Present()] { DownloadWith(engine); });
   if (worker == nullptr) {
     LOG_ERROR_AS(m_Rules.procedure, m_Rules.workerNotStarted, static_cast<unsigned>(::GetLastError()));
     return Attempt::NoWorker;
@@ -262,15 +299,7 @@ void FlashJob::End(int result) {
 using namespace corvel;
 
 bool ToolKit::DownloadFirmwareImplementation(void*) {
-  Shared(mFlashResult) = FirmwareNotUpdated;
-  LOG_TRACE("%s ++", QUALIFIED_FUNCTION);
-  UpdateFirmwareResult result = FirmwareNotUpdated;
-  try {
-    result = AttemptDownload(m_ModemFlsFile, m_NVMFlsFile);
-  } catch (...) {
-    // Out of memory: the attempt has failed. It never goes on with a path that was lost on the way.
-  }
-  LOG_TRACE("%s --, result: %d", QUALIFIED_FUNCTION, static_cast<int>(result));
+  DownloadWith(nullptr);
   return true;
 }
 

@@ -62,6 +62,9 @@ class FakeFlashLibrary {
   int loads = 0;
   int references = 0;
   std::string parameter39;
+  /// Where the library writes why it refuses the callback, and what was there when it was told.
+  char* callbackStatus = nullptr;
+  std::string callbackStatusBefore;
 
   bool IsMapped() const { return references > 0; }
   int CallCount(const std::string& beginning) const {
@@ -185,6 +188,8 @@ class FakeFlashLibrary {
   }
   static int InitCallback(Callback* callback, char* status) {
     s_library->m_Callback = callback;
+    s_library->callbackStatus = status;
+    s_library->callbackStatusBefore = status;
     return Answer("init_callback", "", status);
   }
   static int OpenCommPort(std::uint8_t channel, const char* port, const char* samePort,

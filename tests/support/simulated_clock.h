@@ -63,6 +63,8 @@ class SimulatedClock {
     m_Refused.clear();
     m_RefusesAll.reset();
   }
+  /// Has the library's `number`th thread from now on, the first being 0, begin only once the gate is open.
+  void HoldThread(int number, int gate) { m_Held[m_Created + number] = gate; }
   /// Lets a new thread run before the one that made it goes on.
   void RunNewThreadsFirst() { m_NewThreadsFirst = true; }
   /// Has a thread of its own run `body`, as if the library had started it.
@@ -135,6 +137,7 @@ class SimulatedClock {
     ThreadRef self;
     LPTHREAD_START_ROUTINE start;
     LPVOID parameter;
+    int gate;
   };
 
   ThreadRef Self() const {
@@ -271,6 +274,8 @@ class SimulatedClock {
                                     LPTHREAD_START_ROUTINE start, LPVOID parameter, DWORD flags, LPDWORD id) {
     Turn turn(s_clock->m_Mutex);
     s_clock->m_StackSizes.push_back(stackSize);
+    const auto held = s_clock->m_Held.find(s_clock->m_Created);
+    const int gate = held == s_clock->m_Held.end() ? kNoGate : held->second;
     const auto refused = s_clock->m_Refused.find(s_clock->m_Created++);
     if (s_clock->m_RefusesAll || refused != s_clock->m_Refused.end()) {
       ::SetLastError(s_clock->m_RefusesAll ? *s_clock->m_RefusesAll : refused->second);
@@ -279,7 +284,7 @@ class SimulatedClock {
     const auto thread = std::make_shared<Thread>();
     DWORD threadId = 0;
     const HANDLE handle = ::CreateThread(security, stackSize, &RunThread,
-                                         new NewThread{thread, start, parameter}, flags, &threadId);
+                                         new NewThread{thread, start, parameter, gate}, flags, &threadId);
     if (id != nullptr) *id = threadId;
     s_clock->m_Ended.erase(threadId);
     s_clock->m_Threads[threadId] = thread;
@@ -304,12 +309,14 @@ class SimulatedClock {
     NewThread* const given = static_cast<NewThread*>(parameter);
     const LPTHREAD_START_ROUTINE start = given->start;
     const LPVOID startParameter = given->parameter;
+    const int gate = given->gate;
     {
       Turn turn(s_clock->m_Mutex);
       const ThreadRef self = given->self;
       delete given;
       AwaitTurn(turn, self);
     }
+    if (gate != kNoGate) s_clock->WaitAtGate(gate);
     return start(startParameter);
   }
 
@@ -354,6 +361,7 @@ class SimulatedClock {
   std::vector<SIZE_T> m_StackSizes;
   std::vector<HANDLE> m_Handles;
   std::map<int, DWORD> m_Refused;
+  std::map<int, int> m_Held;
   std::optional<DWORD> m_RefusesAll;
   bool m_NewThreadsFirst = false;
   int m_Created = 0;

@@ -147,6 +147,25 @@ TEST_F(DownloadToolDllTest, PrintsAReasonThatFillsTheWholeBuffer) {
   EXPECT_THAT(Said(), Contains("E:PROGRESS: InitCallback failed due to " + std::string(512, 'x') + "\n"));
 }
 
+// The library may go on using it: whoever was given up keeps the same module loaded.
+TEST_F(DownloadToolDllTest, GivesTheLibraryOneCallbackBufferForAllBindings) {
+  bench.library.results["init_callback"] = 2;
+  CDownloadToolDll::Load();
+  const char* const first = bench.library.callbackStatus;
+  CDownloadToolDll::Unload();
+  CDownloadToolDll::Load();
+  EXPECT_EQ(bench.library.callbackStatus, first);
+}
+
+TEST_F(DownloadToolDllTest, GivesTheLibraryAnEmptyCallbackBufferEachTime) {
+  bench.library.results["init_callback"] = 2;
+  CDownloadToolDll::Load();
+  EXPECT_STREQ(bench.library.callbackStatus, "a reason");
+  CDownloadToolDll::Unload();
+  CDownloadToolDll::Load();
+  EXPECT_EQ(bench.library.callbackStatusBefore, "");
+}
+
 TEST_F(DownloadToolDllTest, UnloadReleasesMemoryThenTheLibrary) {
   CDownloadToolDll::Load();
   ASSERT_TRUE(bench.library.IsMapped());

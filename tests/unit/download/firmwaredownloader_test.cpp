@@ -102,18 +102,46 @@ TEST_F(SessionTest, UnloadWithoutAnEngineOnlySaysSo) {
               ElementsAre("\t Unload ++", "\t Unload --"));
 }
 
-void* __cdecl RefuseTheLibrary(std::size_t size) {
-  const bool isLibrary = size >= sizeof(FlashLibrary) && size <= sizeof(FlashLibrary) + 32;
-  return isLibrary ? nullptr : std::malloc(size);
-}
-
 TEST_F(SessionTest, WithoutMemoryForTheLibraryEveryCallFails) {
-  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheLibrary));
-  EXPECT_EQ(CFirmwareDownloader::GetInstance(), nullptr);
+  constexpr int kMost = 100;
+  ScarceMemory memory;
+  int failing = 0;
+  std::shared_ptr<CFirmwareDownloader> handedOut;
+  // The one that leaves an engine without a library.
+  while (CFirmwareDownloader::Present() == nullptr || CDownloadToolDll::Library() != nullptr) {
+    ASSERT_LT(++failing, kMost);
+    CFirmwareDownloader::Unload();
+    handedOut.reset();
+    memory.Fail(failing);
+    try {
+      handedOut = CFirmwareDownloader::GetInstance();
+    } catch (const std::bad_alloc&) {
+    }
+    memory.Suffice();
+  }
+  EXPECT_EQ(handedOut, nullptr);
+  bench.library.calls.clear();
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   EXPECT_THAT(bench.library.calls, IsEmpty());
   EXPECT_THAT(Said(), Contains("E:Setting parameter, -1 failed"));
+}
+
+TEST_F(SessionTest, WithoutMemoryWhileTheLibraryIsBoundItIsToldAsALibraryThatFailed) {
+  ScarceMemory memory;
+  std::ptrdiff_t told = 0;
+  memory.FailEachOf([&] {
+    std::shared_ptr<CFirmwareDownloader> engine;
+    try {
+      engine = CFirmwareDownloader::GetInstance();
+    } catch (const std::bad_alloc&) {
+    }
+    memory.Suffice();
+    const bool halfMade = engine == nullptr && CFirmwareDownloader::Present() != nullptr;
+    if (halfMade) ++told;
+    EXPECT_EQ(bench.TimesSaid("E:\t DownloadToolDll Load fail"), told);
+    CFirmwareDownloader::Unload();
+  });
+  EXPECT_GT(told, 1);
 }
 
 BOOL WINAPI RefuseToNote(DWORD, void*) {
@@ -897,6 +925,8 @@ TEST_F(AbandonedTest, FromWritingClosesItsChannelAndDoesNothingMore) {
   Return();
   EXPECT_EQ(result, FirmwareUpdateFailed);
   ExpectOnlyItsChannelWasClosed();
+  EXPECT_EQ(bench.TimesSaid("E:\t Could not download file(|1|" + modem + ")"), 0);
+  EXPECT_EQ(bench.TimesSaid("W:\t The attempt was given up meanwhile"), 1);
 }
 
 TEST_F(AbandonedTest, FromTheForcedResetClosesItsChannelAndDoesNothingMore) {
@@ -925,12 +955,28 @@ TEST_F(AbandonedTest, TellsThatItsChannelCouldNotBeClosed) {
   EXPECT_EQ(bench.TimesSaid("E:\t ERROR: Close CommPort failed due to still busy\n"), 1);
 }
 
-TEST_F(AbandonedTest, FromTheTableOfContentsDoesNothingMore) {
-  HangIn("TOC_get_nof_items");
+// Calls that were not made are no failures.
+TEST_F(AbandonedTest, FromTheLastItemTellsOfNoResetThatFailed) {
+  HangIn("download_fls_file");
+  FlashAndGiveUp();
+  Return();
+  EXPECT_EQ(bench.TimesSaid("\t ForceTargetReset FAIL, set m_return_result = FirmwareUpdateFailed;"), 0);
+}
+
+class AbandonedListTest : public AbandonedTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(AbandonedListTest, DoesNothingMoreAndTellsOfNoFailure) {
+  bench.library.images[modem] = {1, 2};
+  HangIn(GetParam());
   FlashAndGiveUp();
   Return();
   ExpectNothingHappened();
+  EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("Could not"))));
 }
+
+INSTANTIATE_TEST_SUITE_P(Queries, AbandonedListTest,
+                         testing::Values("TOC_get_flash_technogy", "TOC_get_memory_class",
+                                         "TOC_get_nof_items"));
 
 TEST_F(AbandonedTest, FromTheParametersDoesNothingMore) {
   HangIn("set_dll_parameter(12, 0)");
@@ -941,21 +987,55 @@ TEST_F(AbandonedTest, FromTheParametersDoesNothingMore) {
   EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
 }
 
-TEST_F(AbandonedTest, FromBootingNeitherClosesNorResetsNorSpendsARetry) {
-  bench.library.results["boot_target"] = 1;
+TEST_F(AbandonedTest, FromBootingClosesItsChannelAndNeitherResetsNorSpendsARetry) {
   HangIn("boot_target");
   FlashAndGiveUp();
   EXPECT_EQ(result, FirmwareUpdateFailed);
   Return();
-  ExpectNothingHappened();
+  ExpectOnlyItsChannelWasClosed();
+  EXPECT_EQ(bench.TimesSaid("W:\t The attempt was given up meanwhile, "
+                            "CFirmwareDownloader::InjectBootTargetThread --"),
+            1);
 }
 
-TEST_F(AbandonedTest, FromOpeningThePortNeitherClosesNorResetsNorSpendsARetry) {
+TEST_F(AbandonedTest, FromABootThatFailedClosesItsChannelWithoutAPause) {
+  bench.library.results["boot_target"] = 1;
+  HangIn("boot_target");
+  FlashAndGiveUp();
+  const ULONGLONG begin = bench.clock.Now();
+  Return();
+  EXPECT_EQ(bench.clock.Now(), begin);
+  ExpectOnlyItsChannelWasClosed();
+  EXPECT_EQ(bench.TimesSaid("E:\t ERROR: Boot Target failed due to a reason, call BB_RST\n"), 0);
+  EXPECT_FALSE(bench.HasSaid("\t Close Comm Port\n"));
+}
+
+TEST_F(AbandonedTest, FromOpeningThePortClosesItAndDoesNothingMore) {
+  HangIn("open_comm_port");
+  FlashAndGiveUp();
+  Return();
+  ExpectOnlyItsChannelWasClosed();
+}
+
+TEST_F(AbandonedTest, FromOpeningThePortInVainNeitherClosesNorResetsNorSpendsARetry) {
   bench.library.results["open_comm_port"] = 1;
   HangIn("open_comm_port");
   FlashAndGiveUp();
   Return();
   ExpectNothingHappened();
+  EXPECT_EQ(bench.TimesSaid("E:\t ERROR: Open Comm Port failed due to a reason, call BB_RST\n"), 0);
+}
+
+TEST_F(AbandonedTest, FromBootingBehindANewerAttemptLeavesItsChannelOpen) {
+  HangIn("boot_target");
+  FlashAndGiveUp();
+  bench.library.channel = 8;
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  Return();
+  EXPECT_EQ(bench.library.CallCount("close_comm_port(7)"), 0);
+  EXPECT_EQ(
+      FunctionOf(bench.Records({"attempt.cpp"}), "W:\t Channel 7 stays open, a newer attempt has opened one"),
+      "CFirmwareDownloader::InjectBootTargetThread");
 }
 
 TEST_F(AbandonedTest, FromWaitingForTheFlashPortDoesNothingMore) {
@@ -1003,6 +1083,7 @@ TEST_F(AbandonedTest, FromOpeningTheAtPortSendsNoRebootCommand) {
   FlashAndGiveUp();
   Return();
   ExpectNothingHappened();
+  EXPECT_FALSE(bench.HasSaid("E:\t RebootModem FAIL."));
 }
 
 TEST_F(AbandonedTest, DoesNotTellALimitThatItDidNotReach) {
@@ -1032,7 +1113,7 @@ TEST_F(AbandonedTest, FromBootingLeavesTheNewAttemptsProgressAlone) {
   CFirmwareDownloader::GetInstance();
   callsBefore = bench.library.calls;
   Return();
-  ExpectNothingHappened();
+  ExpectOnlyItsChannelWasClosed();
 }
 
 TEST_F(AbandonedTest, DoesNotHandItsChannelToANewerAttempt) {
@@ -1069,8 +1150,7 @@ TEST_F(AbandonedTest, BackInTheMiddleOfANewerWriteNeitherClosesNorResets) {
   EXPECT_THAT(bench.modem.heard, IsEmpty());
   const std::string told = "W:\t Channel 7 stays open, a newer attempt has opened one";
   EXPECT_EQ(bench.TimesSaid(told), 1);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}), told),
-            "CFirmwareDownloader::CleanupAfterDownload");
+  EXPECT_EQ(FunctionOf(bench.Records({"attempt.cpp"}), told), "CFirmwareDownloader::CleanupAfterDownload");
   EXPECT_EQ(bench.TimesSaid("E:Setting parameter, -1 failed"), 0);
 }
 
@@ -1167,7 +1247,17 @@ TEST_F(LateCloseTest, KeepsANewerAttemptFromOpeningUntilItIsOver) {
   EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is closing its channel, wait"), 1);
   EXPECT_EQ(
       FunctionOf(bench.Records({"firmwareboot.cpp"}), "W:\t An earlier attempt is closing its channel, wait"),
-      "CFirmwareDownloader::InjectBootTargetThread");
+      "CFirmwareDownloader::InjectBootTarget");
+}
+
+// The boot has its ten seconds all the same.
+TEST_F(LateCloseTest, IsNotWaitedForInTheBootsTime) {
+  bench.clock.Start([&] {
+    bench.clock.Pause(4500);
+    bench.clock.Open(kCloseGate);
+  });
+  bench.library.during["boot_target"] = [this] { bench.clock.Pause(9000); };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
 }
 
 TEST_F(LateCloseTest, ThatDoesNotEndDelaysOneAttemptByFiveSecondsOnly) {
@@ -1176,8 +1266,7 @@ TEST_F(LateCloseTest, ThatDoesNotEndDelaysOneAttemptByFiveSecondsOnly) {
   const ULONGLONG end = bench.clock.Now();
   const std::string told = "W:\t An earlier attempt is still closing its channel, go on";
   EXPECT_EQ(bench.TimesSaid(told), 1);
-  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), told),
-            "CFirmwareDownloader::InjectBootTargetThread");
+  EXPECT_EQ(FunctionOf(bench.Records({"firmwareboot.cpp"}), told), "CFirmwareDownloader::InjectBootTarget");
   CFirmwareDownloader::Unload();
   const ULONGLONG beginOfNext = bench.clock.Now();
   EXPECT_EQ(Flash(), FirmwareUpdated);
@@ -1244,6 +1333,47 @@ TEST_F(LateCloseTest, KeepsANewerAttemptWithoutABootThreadFromWriting) {
   EXPECT_EQ(Flash(), FirmwareUpdated);
   EXPECT_THAT(beforeItWasOver, IsEmpty());
   EXPECT_THAT(bench.library.CallsOf({"open_comm_port"}), IsEmpty());
+}
+
+/// The attempt is given up inside a close that it began before.
+class CloseUnderWayTest : public AbandonedTest {
+ protected:
+  void HangInTheClose() {
+    bench.library.during["close_comm_port"] = [this] { bench.clock.WaitAtGate(kGate); };
+    FlashAndGiveUp();
+    ASSERT_EQ(bench.library.CallCount("close_comm_port"), 1);
+    bench.library.results.clear();
+    bench.library.calls.clear();
+    bench.library.channel = 8;
+  }
+  void ExpectThatANewerAttemptWaits() {
+    std::vector<std::string> beforeItWasOver;
+    bench.clock.Start([&] {
+      bench.clock.Pause(4000);
+      beforeItWasOver = bench.library.CallsOf({"get_next_free_channel", "open_comm_port"});
+      bench.clock.Open(kGate);
+    });
+    EXPECT_EQ(Flash(), FirmwareUpdated);
+    EXPECT_THAT(beforeItWasOver, IsEmpty());
+    EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is closing its channel, wait"), 1);
+  }
+};
+
+TEST_F(CloseUnderWayTest, OfASuccessIsOverBeforeANewerAttemptOpens) {
+  HangInTheClose();
+  ExpectThatANewerAttemptWaits();
+}
+
+TEST_F(CloseUnderWayTest, OfAFailedBootIsOverBeforeANewerAttemptOpens) {
+  bench.library.results["boot_target"] = 1;
+  HangInTheClose();
+  ExpectThatANewerAttemptWaits();
+}
+
+TEST_F(CloseUnderWayTest, OfASessionThatFailedBeforeItsBootIsOverBeforeANewerAttemptOpens) {
+  bench.library.results["TOC_get_nof_items"] = 1;
+  HangInTheClose();
+  ExpectThatANewerAttemptWaits();
 }
 
 TEST_F(AbandonedTest, DoesNotDisturbTheNewAttempt) {

@@ -49,6 +49,24 @@ TEST_F(FlashPortSearchTest, LooksThroughThePathsUpToTheFlashPort) {
                           "mCFirmwareDownloader->m_COMPort: " + FlashPort()));
 }
 
+FlashPortSearch* g_search = nullptr;
+bool g_isSetWhenTold = false;
+BOOL WINAPI WatchRecords(HANDLE file, const void* bytes, DWORD size, DWORD* written, OVERLAPPED* overlapped) {
+  const std::string_view record(static_cast<const char*>(bytes), size);
+  if (record.find("->m_COMPort: ") != std::string_view::npos) g_isSetWhenTold = !g_search->Port().IsEmpty();
+  return ::WriteFile(file, bytes, size, written, overlapped);
+}
+
+TEST_F(FlashPortSearchTest, TellsThePortOnceItIsSet) {
+  FlashPortIsPresent();
+  g_search = &search;
+  g_isSetWhenTold = false;
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_TRUE(patch.Replace("WriteFile", &WatchRecords));
+  search.Look();
+  EXPECT_TRUE(g_isSetWhenTold);
+}
+
 class SearchRecordTest : public FlashPortSearchTest {
  protected:
   void ExpectTheSearchsName(std::size_t records) const {

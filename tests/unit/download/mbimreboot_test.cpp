@@ -564,12 +564,14 @@ TEST_F(MbimRebootTest, APayloadThatCannotBeMadeEndsIt) {
   ASSERT_TRUE(patch.Replace("SafeArrayCreate", &NoArray));
   EXPECT_EQ(Reboot(), E_OUTOFMEMORY);
   EXPECT_FALSE(Asked("SetCommand"));
+  EXPECT_THAT(Told(), Contains(Error("\t No memory for the reboot command's payload")));
 }
 
 TEST_F(MbimRebootTest, APayloadThatCannotBeFilledEndsIt) {
   FailCall("SafeArrayPutElement", 3, &PutElement);
   EXPECT_EQ(Reboot(), kFailure);
   EXPECT_FALSE(Asked("SetCommand"));
+  EXPECT_THAT(Told(), Contains(Error("\t SafeArrayPutElement failed with: 8007001f")));
 }
 
 TEST_F(MbimRebootTest, ThePayloadIsAnArrayOfFourBytesFromZero) {

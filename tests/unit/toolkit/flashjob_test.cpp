@@ -301,6 +301,43 @@ TEST_P(HangingJobTest, GivesAnAttemptUpAfter130Seconds) {
   Return();
 }
 
+// The system may take its time to let a thread begin.
+TEST_P(HangingJobTest, WorkerThatBeginsDuringTheNextAttemptTakesNoPartInIt) {
+  bench.clock.HoldThread(0, kGate);
+  bool isForgotten = true;
+  std::vector<std::string> duringTheBeginning;
+  const auto usual = bench.library.during["force_target_reset"];
+  bench.library.during["force_target_reset"] = [&, usual] {
+    ToolKit::mFlashResult = FirmwareUpdateFailed;
+    const std::size_t before = bench.library.calls.size();
+    bench.clock.Open(kGate);
+    bench.clock.Pause(1000);
+    isForgotten = ToolKit::mFlashResult != FirmwareUpdateFailed;
+    duringTheBeginning.assign(bench.library.calls.begin() + static_cast<std::ptrdiff_t>(before),
+                              bench.library.calls.end());
+    usual();
+  };
+  RunJob();
+  EXPECT_FALSE(isForgotten);
+  EXPECT_THAT(duringTheBeginning, IsEmpty());
+  EXPECT_EQ(bench.Downloads(), 1);
+  EXPECT_EQ(bench.Result(), 4);
+  EXPECT_THAT(SaidByWorker(), ElementsAre("ToolKit::DownloadFirmwareImplementation ++",
+                                          "W:\t Given up before it began, nothing is downloaded",
+                                          "ToolKit::DownloadFirmwareImplementation --, result: 1"));
+}
+
+TEST_P(HangingJobTest, WorkerThatBeginsBehindTheJobMakesNoEngine) {
+  AllowRetries(0);
+  bench.clock.HoldThread(0, kGate);
+  RunJob();
+  EXPECT_EQ(bench.Result(), 3);
+  Return();
+  EXPECT_EQ(bench.library.loads, 1);
+  EXPECT_EQ(CFirmwareDownloader::Present(), nullptr);
+  EXPECT_EQ(bench.clock.LivingThreads(), 0u);
+}
+
 TEST_P(HangingJobTest, MakesAnotherAttemptThatSucceeds) {
   HangOnceIn("download_fls_file");
   RunJob();

@@ -51,8 +51,7 @@ bool FlashPortSearch::ReportFlashPortAmong(const MultiStringView& paths) {
     LOG_TRACE_AS(kCheckFlashPort, "Device Path: %ls\n", path);
     if (std::wcsstr(path, facts::kFlashPortId) == nullptr) continue;
     const CTString port(std::wstring(std::wstring_view(path).substr(0, kLongestPath)));
-    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n",
-                 facts::kFlashPortId);
+    LOG_TRACE_AS(kCheckFlashPort, "Flash port found, pDeviceContext->HwId: %ls found\n", facts::kFlashPortId);
     SetPort(port);
     LOG_TRACE_AS(kCheckFlashPort, "mCFirmwareDownloader->m_COMPort: %s", Narrow(port).c_str());
     Signal();

@@ -1354,6 +1354,8 @@ class CloseUnderWayTest : public AbandonedTest {
       bench.clock.Open(kGate);
     });
     EXPECT_EQ(Flash(), FirmwareUpdated);
+    // One that did not wait would be through before the look.
+    bench.clock.RunUntilIdle();
     EXPECT_THAT(beforeItWasOver, IsEmpty());
     EXPECT_EQ(bench.TimesSaid("W:\t An earlier attempt is closing its channel, wait"), 1);
   }

@@ -35,6 +35,8 @@ class Witness {
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
     if (function == "RegSetValueExW") SeeValue(reinterpret_cast<const wchar_t*>(call.arguments[1]));
+    if (s_callsWhileWriting != 0 && s_modem->State() == ModemState::Writing && --s_callsWhileWriting == 0)
+      ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (function == "RegNotifyChangeKeyValue") s_event = call.arguments[3];
     if (function == "WaitForSingleObject" && call.arguments[0] == s_event &&
         static_cast<DWORD>(call.arguments[1]) == INFINITE) {
@@ -44,6 +46,10 @@ class Witness {
   static unsigned Count() { return s_count; }
   static ModemState ModemAtResult() { return s_modemAtResult; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
+  static void EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
+    s_exitCode = exitCode;
+    s_callsWhileWriting = calls;
+  }
 
  private:
   static void SeeValue(const wchar_t* name) noexcept {
@@ -51,6 +57,8 @@ class Witness {
   }
 
   static inline VirtualModem* s_modem = nullptr;
+  static inline std::atomic<unsigned> s_callsWhileWriting{0};
+  static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
   static inline std::atomic<std::uint64_t> s_event{0};
   static inline std::atomic<unsigned> s_count{0};
@@ -143,6 +151,10 @@ bool Service::IsImageLeft() const {
 
 unsigned Service::Waits() {
   return Witness::Count();
+}
+
+void Service::EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
+  Witness::EndProcessWhileWriting(calls, exitCode);
 }
 
 JobEnd Service::Run() {

@@ -58,6 +58,8 @@ class Service {
   void ExpectImage(std::uint32_t seed);
   /// Raises the flag and waits until the job is done.
   JobEnd Run();
+  /// Ends the process when so many calls of the library have begun while an item was written.
+  static void EndProcessWhileWriting(unsigned calls, unsigned exitCode);
   hosts::Handshake Values() const { return hosts::ReadHandshake(m_Key); }
   /// What the handshake and the modem say now.
   JobEnd Look(bool ended);

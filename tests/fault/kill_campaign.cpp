@@ -10,17 +10,15 @@
 
 #include <windows.h>
 
-#include <atomic>
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <fstream>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "fault/campaign_service.h"
@@ -38,7 +36,8 @@ using namespace std::chrono_literals;
 constexpr unsigned kKilled = 77;
 constexpr auto kProcessLimit = 120s;
 constexpr wchar_t kSeedFile[] = L"image_seed.txt";
-constexpr std::size_t kInTheMiddleOfAnItem = std::numeric_limits<std::size_t>::max();
+/// Calls of the library while the small item is written, at the least.
+constexpr std::size_t kPlacesInAnItem = 4;
 
 struct Options {
   Route route = Route::Mbim;
@@ -47,6 +46,7 @@ struct Options {
   std::size_t from = 0;
   std::size_t torn = 0;
   bool inPlace = false;
+  bool inItem = false;     ///< of the child: calls are counted while an item is written
   std::size_t killAt = 0;  ///< of the child: 0 for never
   std::string key;
 };
@@ -125,22 +125,16 @@ class Host {
     m_Service.PutModemWhereTheRouteBegins();
     m_Service.LayImage(m_Seed.Next());
     if (m_Options.killAt == 0) return 0;
-    std::optional<std::jthread> killer;
-    if (m_Options.killAt == kInTheMiddleOfAnItem) {
-      killer.emplace([this] { KillInTheMiddleOfAnItem(); });
+    const auto call = static_cast<unsigned>(m_Options.killAt);
+    if (m_Options.inItem) {
+      Service::EndProcessWhileWriting(call, kKilled);
     } else {
-      m_Service.Hooks().EndProcessAt(static_cast<unsigned>(m_Options.killAt), kKilled);
+      m_Service.Hooks().EndProcessAt(call, kKilled);
     }
     m_Service.Hooks().ResetCounts();
     m_Service.Run();
     // The job came to its end first.
     return 0;
-  }
-
-  [[noreturn]] void KillInTheMiddleOfAnItem() {
-    while (m_Service.Pc().Modem().State() != ModemState::Writing) continue;
-    ::TerminateProcess(::GetCurrentProcess(), kKilled);
-    for (;;) ::Sleep(INFINITE);
   }
 
   const Options m_Options;
@@ -163,8 +157,8 @@ class Kills {
     unsigned long status = 0;
     if (g_options.torn > 0) {
       for (std::size_t i = 0; i < g_options.torn; ++i) {
-        status = Step(kInTheMiddleOfAnItem, "in the middle of an item", summary);
-        if (status != kKilled) break;
+        const std::size_t call = 1 + i % kPlacesInAnItem;
+        Step(call, "in the middle of an item, at call " + std::to_string(call), summary);
       }
     } else {
       for (std::size_t call = 1 + std::max(g_options.from, g_options.seed % g_options.step);;
@@ -196,13 +190,14 @@ class Kills {
   }
 
   unsigned long Start(std::size_t killAt) {
-    const std::vector<std::wstring> words{L"--in-place",
-                                          L"--route",
-                                          hosts::ToWide(NameOf(g_options.route)),
-                                          L"--kill-at",
-                                          std::to_wstring(killAt),
-                                          L"--key",
-                                          kPath};
+    std::vector<std::wstring> words{L"--in-place",
+                                    L"--route",
+                                    hosts::ToWide(NameOf(g_options.route)),
+                                    L"--kill-at",
+                                    std::to_wstring(killAt),
+                                    L"--key",
+                                    kPath};
+    if (g_options.torn > 0) words.push_back(L"--in-item");
     const ChildResult child = RunChild(m_Folder->Program(), words, kProcessLimit);
     return child.exitCode;
   }
@@ -242,15 +237,17 @@ int RunKills() {
   std::printf("%s: %u kills%s, %u findings, %lld s\n", NameOf(g_options.route), summary.kills,
               g_options.torn > 0 ? " in the middle of an item" : "", summary.findings,
               static_cast<long long>(seconds));
-  return summary.findings == 0 && summary.kills > 0 ? 0 : 1;
+  const bool isWhole = g_options.torn > 0 ? summary.kills == g_options.torn : summary.kills > 0;
+  return summary.findings == 0 && isWhole ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int count, char** words) try {
   for (int i = 1; i < count; ++i) {
-    if (std::string_view(words[i]) == "--in-place") {
-      g_options.inPlace = true;
+    const std::string_view word = words[i];
+    if (word == "--in-place" || word == "--in-item") {
+      (word == "--in-place" ? g_options.inPlace : g_options.inItem) = true;
       continue;
     }
     if (i + 1 == count || !TakeValue(words[i], words[i + 1])) {

@@ -97,9 +97,9 @@ void Spoil(FlashImage& image, ImageDamage damage) {
   }
 }
 
-bool LiesInFile(const ImageItem& item, std::size_t tableEnd, std::size_t file_size) {
-  return item.dataOffset >= tableEnd && item.dataOffset <= file_size &&
-         item.size <= file_size - item.dataOffset;
+bool LiesInFile(const ImageItem& item, std::size_t tableEnd, std::size_t fileSize) {
+  return item.dataOffset >= tableEnd && item.dataOffset <= fileSize &&
+         item.size <= fileSize - item.dataOffset;
 }
 
 }  // namespace
@@ -192,10 +192,10 @@ std::optional<FlashImage> ParseImageTable(std::span<const std::uint8_t> bytes) {
 
   FlashImage image;
   image.flashTechnology = ReadWord(bytes, kTechnologyAt);
-  const std::size_t file_size = ReadWord(bytes, kFileSizeAt);
+  const std::size_t fileSize = ReadWord(bytes, kFileSizeAt);
   for (std::uint32_t i = 0; i < count; ++i) {
     image.items.push_back(ReadItem(bytes.subspan(kImageHeaderSize + i * kItemRowSize, kItemRowSize)));
-    if (!LiesInFile(image.items.back(), tableEnd, file_size)) return std::nullopt;
+    if (!LiesInFile(image.items.back(), tableEnd, fileSize)) return std::nullopt;
   }
   return image;
 }

@@ -88,17 +88,17 @@ std::uint32_t Style() {
 }
 
 const ModemInterface& ModemOfCurrentMachine() {
-  static constexpr ModemInterface modem{sizeof(ModemInterface),
-                                        &BeginCall,
-                                        &OpenPort,
-                                        &ClosePort,
-                                        &Boot,
-                                        &BeginItem,
-                                        &WriteBlock,
-                                        &EndItem,
-                                        &ForceReset,
-                                        &Style};
-  return modem;
+  static constexpr ModemInterface kModem{sizeof(ModemInterface),
+                                         &BeginCall,
+                                         &OpenPort,
+                                         &ClosePort,
+                                         &Boot,
+                                         &BeginItem,
+                                         &WriteBlock,
+                                         &EndItem,
+                                         &ForceReset,
+                                         &Style};
+  return kModem;
 }
 
 void Attach(Machine& machine, HMODULE library) {

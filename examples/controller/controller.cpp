@@ -77,7 +77,7 @@ ULONGLONG LongestSilenceMs(HKEY key, bool taken) {
   return timeOut != 0 ? timeOut : kUsualTimeOutMs;
 }
 
-enum class Ending { kOver, kNotTaken, kSilent, kPastLimit, kKeyLost };
+enum class Ending { Over, NotTaken, Silent, PastLimit, KeyLost };
 
 /// Waits for the end of a request that stands. Only a change that comes after the request tells that somebody
 /// took it: "Flash_Result" may be one that a service left which ended long ago.
@@ -88,9 +88,9 @@ Ending AwaitEnd(HKEY key, HANDLE changed, ULONGLONG limitMs) {
   for (;;) {
     // Arm first, then look, then wait: a change between the look and the wait ends the wait.
     if (::RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE) != ERROR_SUCCESS) {
-      return Ending::kKeyLost;
+      return Ending::KeyLost;
     }
-    if (IsOver(key)) return Ending::kOver;
+    if (IsOver(key)) return Ending::Over;
     std::printf("Flash_Result %lu, %lu %%\n", Read(key, L"Flash_Result"), Read(key, L"Flash_Progress"));
     std::fflush(stdout);
     const ULONGLONG now = ::GetTickCount64();
@@ -102,18 +102,18 @@ Ending AwaitEnd(HKEY key, HANDLE changed, ULONGLONG limitMs) {
       lastChange = ::GetTickCount64();
       continue;
     }
-    if (!taken) return Ending::kNotTaken;
-    return silenceEnds <= begin + limitMs ? Ending::kSilent : Ending::kPastLimit;
+    if (!taken) return Ending::NotTaken;
+    return silenceEnds <= begin + limitMs ? Ending::Silent : Ending::PastLimit;
   }
 }
 
 const char* TextOf(Ending ending) {
   switch (ending) {
-    case Ending::kNotTaken:
+    case Ending::NotTaken:
       return "Nobody took the request: is the service running?";
-    case Ending::kSilent:
+    case Ending::Silent:
       return "The service fell silent: it has died.";
-    case Ending::kPastLimit:
+    case Ending::PastLimit:
       return "The time limit passed; the flash goes on.";
     default:
       return "The registry key was deleted.";
@@ -124,7 +124,7 @@ const char* TextOf(Ending ending) {
 int GiveUp(HKEY key, Ending ending) {
   // Taken back when nobody serves it, so that a service started tomorrow does not flash unasked. A flash that
   // has begun is left: if its service died, the next one recovers the modem because the request still stands.
-  const bool nobody = ending == Ending::kNotTaken || (ending == Ending::kSilent && !IsFlashing(key));
+  const bool nobody = ending == Ending::NotTaken || (ending == Ending::Silent && !IsFlashing(key));
   if (nobody) Write(key, L"Fls_Ready", 0);
   std::fprintf(stderr, "%s The last result was %lu.\n", TextOf(ending), Read(key, L"Flash_Result"));
   return 3;
@@ -162,7 +162,7 @@ int wmain(int count, wchar_t** words) {
   }
 
   const Ending ending = AwaitEnd(key, changed, limitSeconds * 1000);
-  const int status = ending == Ending::kOver ? TellResult(key) : GiveUp(key, ending);
+  const int status = ending == Ending::Over ? TellResult(key) : GiveUp(key, ending);
   ::RegCloseKey(key);
   ::CloseHandle(changed);
   return status;

@@ -240,8 +240,8 @@ void Translate(std::vector<LogText>& texts) {
                          [](const LogText& text) { return text.With(InWordsOfCommandLine(text.Text())); });
 }
 
-template <typename Row, std::size_t size>
-const Row* Find(const Row (&rows)[size], std::string_view scenario) {
+template <typename Row, std::size_t Size>
+const Row* Find(const Row (&rows)[Size], std::string_view scenario) {
   const auto found = std::ranges::find(rows, scenario, &Row::scenario);
   return found == std::end(rows) ? nullptr : found;
 }

@@ -39,13 +39,13 @@ constexpr wchar_t kUsb[] = L"USB";
 constexpr std::size_t kTextCapacity = 512;
 
 enum KeyNumber {
-  kUnknownKey = 0,
-  kTraceLevel = 1,
-  kRegistryLocation = 2,
-  kFirmwareFolder = 3,
-  kIpcType = 4,
-  kRebootType = 5,
-  kEraseMode = 6,
+  UnknownKey = 0,
+  TraceLevelKey = 1,
+  RegistryLocationKey = 2,
+  FirmwareFolderKey = 3,
+  IpcTypeKey = 4,
+  RebootTypeKey = 5,
+  EraseModeKey = 6,
 };
 
 struct Key {
@@ -54,12 +54,12 @@ struct Key {
 };
 
 constexpr Key kKeys[] = {
-    {L"[TraceLevel]", kTraceLevel},
-    {L"[RegistryLocation]", kRegistryLocation},
-    {L"[ModemAndNVMFirmwareFolder]", kFirmwareFolder},
-    {L"[IPCTYPE]", kIpcType},
-    {L"[REBOOTTYPE]", kRebootType},
-    {L"[ERASEMODE]", kEraseMode},
+    {L"[TraceLevel]", TraceLevelKey},
+    {L"[RegistryLocation]", RegistryLocationKey},
+    {L"[ModemAndNVMFirmwareFolder]", FirmwareFolderKey},
+    {L"[IPCTYPE]", IpcTypeKey},
+    {L"[REBOOTTYPE]", RebootTypeKey},
+    {L"[ERASEMODE]", EraseModeKey},
 };
 
 struct FileCloser {
@@ -272,25 +272,25 @@ void CConfigParser::TakeLine(std::wstring_view line) {
 
 void CConfigParser::SetConfigVar(const wchar_t* key, const wchar_t* value) {
   const auto known = m_Keys.find(key);
-  const int number = known == m_Keys.end() ? kUnknownKey : known->second;
+  const int number = known == m_Keys.end() ? UnknownKey : known->second;
   LOG_TRACE("\t get Config Var, %s : %s", Utf8FromWide(key).c_str(), Utf8FromWide(value).c_str());
   switch (number) {
-    case kTraceLevel:
+    case TraceLevelKey:
       m_TraceLevel = LeadingNumber(value);
       break;
-    case kRegistryLocation:
+    case RegistryLocationKey:
       CopyBounded(m_RegistryLocation, value);
       break;
-    case kFirmwareFolder:
+    case FirmwareFolderKey:
       CopyBounded(m_FirmwareFolder, value);
       break;
-    case kIpcType:
+    case IpcTypeKey:
       CopyBounded(m_IpcType, value);
       break;
-    case kRebootType:
+    case RebootTypeKey:
       m_RebootType = LeadingNumber(value);
       break;
-    case kEraseMode:
+    case EraseModeKey:
       m_EraseMode = LeadingNumber(value);
       break;
     default:

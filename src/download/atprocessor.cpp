@@ -160,13 +160,13 @@ int ATProcessor::sendATCmd(const char* command, std::uint32_t length, char* resp
   // Held until the port is closed: another exchange that came between would overwrite the handle with its own
   // failed open, and the port would stay open for good. It can be entered again by the steps inside.
   ::EnterCriticalSection(&m_Section);
-  const int result = exchange(fileName.data(), command, length, response, responseLength, isAbandoned);
+  const int result = Exchange(fileName.data(), command, length, response, responseLength, isAbandoned);
   ::LeaveCriticalSection(&m_Section);
   return result;
 }
 
 /// From the open to the close.
-int ATProcessor::exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
+int ATProcessor::Exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
                           std::uint32_t* responseLength, const std::function<bool()>& isAbandoned) {
   // An open that fails keeps the section for good: not for somebody who was given up.
   bool abandoned = isAbandoned();
@@ -194,7 +194,7 @@ int ATProcessor::exchange(const char* fileName, const char* command, std::uint32
 bool ATProcessor::openPort(const char* fileName) {
   ::EnterCriticalSection(&m_Section);
   m_Port = ::CreateFileA(fileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-  if (m_Port == INVALID_HANDLE_VALUE || !configurePort()) {
+  if (m_Port == INVALID_HANDLE_VALUE || !ConfigurePort()) {
     // Intended, do not tidy: a failed open keeps the section owned by this thread and the port open, and
     // the next open overwrites the handle. Later attempts fail the way they are known to.
     return false;
@@ -205,7 +205,7 @@ bool ATProcessor::openPort(const char* fileName) {
   return true;
 }
 
-bool ATProcessor::configurePort() {
+bool ATProcessor::ConfigurePort() {
   DCB settings{};
   settings.DCBlength = sizeof settings;
   if (!::GetCommState(m_Port, &settings)) return false;
@@ -266,7 +266,7 @@ int ATProcessor::readResponse(char* buffer, std::uint32_t* length) {
     if (waiting == 0) {
       ::Sleep(kReadPollPeriodMs);
     } else {
-      stored += readBatch(waiting, buffer + stored, *length - stored);
+      stored += ReadBatch(waiting, buffer + stored, *length - stored);
     }
     if (timeLimit.IsOver()) break;
   }
@@ -278,7 +278,7 @@ int ATProcessor::readResponse(char* buffer, std::uint32_t* length) {
 }
 
 /// Reads a batch of waiting bytes to its end, or until the room is full. @return the number stored.
-std::uint32_t ATProcessor::readBatch(std::uint32_t waiting, char* buffer, std::uint32_t room) {
+std::uint32_t ATProcessor::ReadBatch(std::uint32_t waiting, char* buffer, std::uint32_t room) {
   ReplyEndWatch watch;
   std::uint32_t stored = 0;
   for (; waiting > 0 && stored < room; --waiting) {
@@ -319,12 +319,12 @@ bool ATProcessor::readByte(char* byte) {
 bool ATProcessor::verifyATExcutable() {
   LOG_TRACE("%s ++\n", QUALIFIED_FUNCTION);
   // Four bytes: the modem gets the terminating zero as well.
-  constexpr char command[] = "at\r";
+  constexpr char kCommand[] = "at\r";
   // One more than the read may fill, so that the text has an end.
   std::array<char, kVerifyBufferSize + 1> response{};
   std::uint32_t length = kVerifyBufferSize;
 
-  if (writeCmd(command, sizeof command)) {
+  if (writeCmd(kCommand, sizeof kCommand)) {
     const int result = readResponse(response.data(), &length);
     LOG_WARNING("%s response length:%d\n", QUALIFIED_FUNCTION, static_cast<int>(length));
     LOG_WARNING("%s response is: %10s\n", QUALIFIED_FUNCTION, response.data());

@@ -55,10 +55,10 @@ class ATProcessor {
   ~ATProcessor() = default;
 
  private:
-  int exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
+  int Exchange(const char* fileName, const char* command, std::uint32_t length, char* response,
                std::uint32_t* responseLength, const std::function<bool()>& isAbandoned);
-  bool configurePort();
-  std::uint32_t readBatch(std::uint32_t waiting, char* buffer, std::uint32_t room);
+  bool ConfigurePort();
+  std::uint32_t ReadBatch(std::uint32_t waiting, char* buffer, std::uint32_t room);
 
   std::atomic<HANDLE> m_Port{INVALID_HANDLE_VALUE};
   CRITICAL_SECTION m_Section;

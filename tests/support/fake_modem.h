@@ -161,8 +161,8 @@ class FakeModem {
     return CR_SUCCESS;
   }
   static CONFIGRET WINAPI Property(DEVINST, ULONG, ULONG*, void* buffer, ULONG*, ULONG) {
-    constexpr wchar_t name[] = L"Modem (COM3)";
-    std::memcpy(buffer, name, sizeof name);
+    constexpr wchar_t kName[] = L"Modem (COM3)";
+    std::memcpy(buffer, kName, sizeof kName);
     return CR_SUCCESS;
   }
 

@@ -185,19 +185,19 @@ TEST_F(FileIoTest, ClosesWhenItGoes) {
   EXPECT_EQ(file.Open(Path().c_str(), true), S_OK);
 }
 
-int flushes = 0;
+int g_flushes = 0;
 BOOL WINAPI RefuseToFlush(HANDLE) {
-  ++flushes;
+  ++g_flushes;
   return FALSE;
 }
 
 TEST_F(FileIoTest, ClosingFlushesAndIgnoresAFailureOfIt) {
-  flushes = 0;
+  g_flushes = 0;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   ASSERT_TRUE(patch.Replace("FlushFileBuffers", &RefuseToFlush));
   ASSERT_EQ(file.Open(Path().c_str(), true), S_OK);
   EXPECT_EQ(file.Close(), S_OK);
-  EXPECT_EQ(flushes, 1);
+  EXPECT_EQ(g_flushes, 1);
   EXPECT_FALSE(file.IsOpen());
 }
 

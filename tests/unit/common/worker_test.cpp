@@ -62,9 +62,9 @@ BOOL WINAPI CountReleaseOfModule(HMODULE module) {
   return ::FreeLibrary(module);
 }
 
-std::atomic<int> releasesAtExit{0};
+std::atomic<int> g_releasesAtExit{0};
 VOID WINAPI CountReleaseAtExit(HMODULE module, DWORD code) {
-  ++releasesAtExit;
+  ++g_releasesAtExit;
   EXPECT_EQ(code, 0u);
   EXPECT_EQ(module, Library());
   ::FreeLibraryAndExitThread(module, code);
@@ -93,7 +93,7 @@ class WorkerTest : public testing::Test {
  protected:
   void SetUp() override {
     asked = {};
-    releasesAtExit = 0;
+    g_releasesAtExit = 0;
   }
   static void Join(const UniqueHandle& thread) {
     ASSERT_NE(thread, nullptr);
@@ -136,11 +136,11 @@ TEST_F(WorkerTest, KeepsTheLibraryLoadedForAsLongAsItRuns) {
   ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
   ASSERT_TRUE(patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit));
   int releasedDuringTheBody = -1;
-  Join(StartWorker([&] { releasedDuringTheBody = releasesAtExit; }));
+  Join(StartWorker([&] { releasedDuringTheBody = g_releasesAtExit; }));
   EXPECT_EQ(asked.references, 1);
   EXPECT_EQ(asked.moduleFlags, static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
   EXPECT_EQ(releasedDuringTheBody, 0);
-  EXPECT_EQ(releasesAtExit, 1);
+  EXPECT_EQ(g_releasesAtExit, 1);
 }
 
 TEST_F(WorkerTest, DestroysItsBodyWhenItEnds) {
@@ -162,7 +162,7 @@ TEST_F(WorkerTest, SurvivesABodyThatThrows) {
   EXPECT_TRUE(threw);
   // It ended as any worker does.
   EXPECT_TRUE(watched.expired());
-  EXPECT_EQ(releasesAtExit, 1);
+  EXPECT_EQ(g_releasesAtExit, 1);
 }
 
 // What throws where nothing may, ends the process: in another one.

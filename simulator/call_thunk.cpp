@@ -1,5 +1,6 @@
 #include "simulator/call_thunk.h"
 
+#include <bit>
 #include <cstring>
 #include <initializer_list>
 #include <stdexcept>
@@ -25,9 +26,9 @@ class Assembler {
   }
   template <typename Pointer>
   Assembler& Address(Pointer pointer) {
-    static_assert(sizeof pointer == sizeof(std::uint64_t));
-    std::memcpy(m_At, &pointer, sizeof pointer);
-    m_At += sizeof pointer;
+    const auto address = std::bit_cast<std::uint64_t>(pointer);
+    std::memcpy(m_At, &address, sizeof address);
+    m_At += sizeof address;
     return *this;
   }
 

@@ -24,8 +24,9 @@ void MakeErasedMemory(const std::filesystem::path& file, std::uint32_t size) {
   std::error_code error;
   if (std::filesystem::file_size(file, error) == size && !error) return;
   std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-  const std::vector<char> block(64 * 1024, static_cast<char>(kErased));
-  for (std::uint32_t written = 0; written < size; written += 64 * 1024) {
+  constexpr std::uint32_t kBlockSize = 64 * 1024;
+  const std::vector<char> block(kBlockSize, static_cast<char>(kErased));
+  for (std::uint32_t written = 0; written < size; written += kBlockSize) {
     stream.write(block.data(), static_cast<std::streamsize>(block.size()));
   }
 }

@@ -12,7 +12,7 @@ std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
   const FlashHistory history;
   const DWORD error = history.Append(host, job);
   if (error == ERROR_SUCCESS) return {};
-  const std::string problem =
+  std::string problem =
       "The flash is not in the history " + ToUtf8(history.Path()) + ": " + SystemErrorText(error) + ".";
   WriteEvent(MSG_EVIDENCE_NOT_KEPT, ToWide(problem));
   return problem;

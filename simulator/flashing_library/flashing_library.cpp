@@ -315,8 +315,9 @@ std::int32_t OpenCommPort(std::uint8_t channel, const char* path, const char*, s
 
 std::int32_t SetDllParameter(std::uint8_t id, std::uintptr_t value, char* status) {
   constexpr std::uint8_t kTextParameter = 39;
-  const std::string text =
-      id == kTextParameter ? std::string(reinterpret_cast<const char*>(value)) : std::to_string(value);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a text comes in the parameter of the numbers.
+  const auto* valueAsText = reinterpret_cast<const char*>(value);
+  const std::string text = id == kTextParameter ? valueAsText : std::to_string(value);
   if (const auto answer = Begin("_ZEMO_DL_set_dll_parameter", id, std::to_string(id) + "=" + text, status)) {
     return *answer;
   }

@@ -106,11 +106,11 @@ class Judge {
 
   /// The percentage never falls within an attempt and never passes 100.
   void CheckProgress() {
-    int last = 0;
+    long last = 0;
     for (const DebugRecord& record : m_Report.log) {
       if (record.message == kAttemptBegins) last = 0;
       if (!record.message.starts_with(kProgressWritten)) continue;
-      const int percent = std::atoi(record.message.c_str() + kProgressWritten.size());
+      const long percent = std::strtol(record.message.c_str() + kProgressWritten.size(), nullptr, 10);
       if (percent > kComplete || percent < last) {
         Add("Flash_Progress went from " + std::to_string(last) + " to " + std::to_string(percent));
       }

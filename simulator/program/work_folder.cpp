@@ -89,7 +89,7 @@ Handle Start(const std::filesystem::path& program, const std::vector<std::wstrin
 
 }  // namespace
 
-WorkFolder::WorkFolder(std::filesystem::path folder)
+WorkFolder::WorkFolder(const std::filesystem::path& folder)
     : m_Path(folder.empty() ? TemporaryFolder() : std::filesystem::absolute(folder)) {
   const std::filesystem::path program = hosts::ProgramPath();
   std::filesystem::remove_all(m_Path);

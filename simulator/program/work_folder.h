@@ -12,7 +12,7 @@ namespace simulator {
 class WorkFolder {
  public:
   /// @param folder empty for a temporary one.
-  explicit WorkFolder(std::filesystem::path folder = {});
+  explicit WorkFolder(const std::filesystem::path& folder = {});
   ~WorkFolder();
   WorkFolder(const WorkFolder&) = delete;
   WorkFolder& operator=(const WorkFolder&) = delete;

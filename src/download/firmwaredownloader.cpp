@@ -91,7 +91,7 @@ bool HasContent(const char* function, HANDLE file, const CTString& name) {
 std::shared_ptr<CFirmwareDownloader> CFirmwareDownloader::GetInstance() {
   if (auto engine = PresentEngine()) return engine;
 
-  const std::shared_ptr<CFirmwareDownloader> engine(new CFirmwareDownloader);
+  std::shared_ptr<CFirmwareDownloader> engine(new CFirmwareDownloader);
   SetPresentEngine(engine);
   Attempt::SetPresent(engine->m_Attempt);
   bool bound = false;

@@ -45,6 +45,7 @@ CTString::CTString(const char* text) : m_WideText(Decode(text)) {}
 
 CTString::CTString(const wchar_t* text) : m_WideText(Copy(text)) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): exported with a text by value.
 CTString::CTString(std::string text) : m_WideText(WideFromUtf8(text)) {}
 
 CTString::CTString(std::wstring text) : m_WideText(std::move(text)) {}

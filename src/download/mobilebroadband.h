@@ -12,6 +12,8 @@
 #include <mbnapi.h>
 #else
 
+// NOLINTBEGIN(readability-identifier-naming): the names are those of Windows.
+
 // mingw-w64 ships no <mbnapi.h>. The order of the methods is the order of the slots that Windows calls: a
 // line moved here compiles, links and fails on a real modem.
 
@@ -259,5 +261,7 @@ __CRT_UUID_DECL(IMbnVendorSpecificEvents, 0xDCBBBAB6, 0x201A, 0x4BBB, 0xAA, 0xEE
 #if defined(__GNUC__)
 #pragma GCC diagnostic pop
 #endif
+
+// NOLINTEND(readability-identifier-naming)
 
 #endif

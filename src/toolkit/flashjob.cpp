@@ -56,8 +56,10 @@ void LoadEngine() {
 /// One download by `known`, or by the present engine, with the result stored for the job that waits for it.
 UpdateFirmwareResult AttemptDownload(const std::shared_ptr<CFirmwareDownloader>& known,
                                      const CTString& modemImage, const CTString& nvmImage) {
+  // NOLINTBEGIN(performance-unnecessary-copy-initialization): those of the toolkit may change meanwhile.
   const CTString modem = modemImage;
   const CTString nvm = nvmImage;
+  // NOLINTEND(performance-unnecessary-copy-initialization)
   const auto engine = known != nullptr ? known : CFirmwareDownloader::GetInstance();
   if (engine == nullptr) return FirmwareNotUpdated;
   const UpdateFirmwareResult result = engine->Download(modem, nvm);

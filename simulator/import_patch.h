@@ -20,16 +20,15 @@ class ImportPatch {
   ImportPatch(const ImportPatch&) = delete;
   ImportPatch& operator=(const ImportPatch&) = delete;
 
-  /// Puts `replacement` in the place of the imported `function`, whichever library it comes from.
-  /// @return true. A module that does not import it gives std::runtime_error: what rests on the replacement
-  /// would go to the system unnoticed.
+  /// Puts `replacement` in place of the imported `function`, whichever library it comes from.
+  /// @throws std::runtime_error when the module does not import it: the calls would go to the system
+  /// unnoticed.
   template <typename Function>
-  bool Replace(const char* function, Function* replacement) {
+  void Replace(const char* function, Function* replacement) {
     if (!ReplaceIfImported(function, replacement)) ThrowMissing(function);
-    return true;
   }
 
-  /// The same for a function that the module may well do without.
+  /// The same for a function that the module may lack.
   /// @return false when the module does not import it.
   template <typename Function>
   bool ReplaceIfImported(const char* function, Function* replacement) {

@@ -106,9 +106,9 @@ class TerminalTest : public testing::Test {
  protected:
   void SetUp() override {
     g_terminal = {};
-    ASSERT_TRUE(m_Patch.Replace("GetConsoleMode", &TellMode));
-    ASSERT_TRUE(m_Patch.Replace("GetConsoleScreenBufferInfo", &TellScreen));
-    ASSERT_TRUE(m_Patch.Replace("WriteFile", &TakeDrawing));
+    m_Patch.Replace("GetConsoleMode", &TellMode);
+    m_Patch.Replace("GetConsoleScreenBufferInfo", &TellScreen);
+    m_Patch.Replace("WriteFile", &TakeDrawing);
   }
 
  private:
@@ -127,7 +127,7 @@ TEST_F(TerminalTest, IsDrawnInItsWholeWidthAlsoAfterItWasNarrowed) {
   g_terminal.right = 49;
   line.Show(values);
   ASSERT_THAT(g_terminal.drawn, SizeIs(2));
-  // The line itself is one narrower than the window, behind the return to its begin.
+  // The line itself is one narrower than the window, after the return to its beginning.
   EXPECT_THAT(g_terminal.drawn[0], AllOf(SizeIs(100), HasSubstr("\rwriting            [######")));
   EXPECT_THAT(g_terminal.drawn[1], AllOf(SizeIs(40), HasSubstr("\rwriting             40 %  0 s")));
   EXPECT_THAT(g_terminal.drawn, Each(Not(HasSubstr("\n"))));

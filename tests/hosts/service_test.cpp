@@ -210,7 +210,7 @@ using InstallServiceTest = WithoutServiceTest;
 
 TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RecordConfiguration));
+  patch.Replace("ChangeServiceConfig2W", &RecordConfiguration);
   EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
   EXPECT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
   std::vector<DWORD> delays;
@@ -239,7 +239,7 @@ BOOL WINAPI RefuseConfiguration(SC_HANDLE, DWORD level, void*) {
 
 TEST_F(InstallServiceTest, LeavesNoServiceThatLacksWhatItNeeds) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration));
+  patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration);
   const std::pair<DWORD, const char*> settings[] = {
       {SERVICE_CONFIG_DESCRIPTION, "describe the service"},
       {SERVICE_CONFIG_PRESHUTDOWN_INFO, "set the time limit of a shutdown"},
@@ -255,7 +255,7 @@ TEST_F(InstallServiceTest, LeavesNoServiceThatLacksWhatItNeeds) {
 
 TEST_F(InstallServiceTest, GoesWithoutARestartWhereTheManagerKnowsNone) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration));
+  patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration);
   g_refusal = {.level = SERVICE_CONFIG_FAILURE_ACTIONS, .error = ERROR_INVALID_LEVEL};
   const ControlResult result = InstallService(false);
   EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_SUCCESS));
@@ -316,12 +316,12 @@ class PlayedManagerTest : public testing::Test {
  protected:
   void SetUp() override {
     g_played = {};
-    ASSERT_TRUE(m_Patch.Replace("OpenSCManagerW", &OpenPlayedManager));
-    ASSERT_TRUE(m_Patch.Replace("OpenServiceW", &OpenPlayedService));
-    ASSERT_TRUE(m_Patch.Replace("CloseServiceHandle", &ClosePlayedHandle));
-    ASSERT_TRUE(m_Patch.Replace("StartServiceW", &StartPlayedService));
-    ASSERT_TRUE(m_Patch.Replace("ControlService", &ControlPlayedService));
-    ASSERT_TRUE(m_Patch.Replace("QueryServiceStatusEx", &TellState));
+    m_Patch.Replace("OpenSCManagerW", &OpenPlayedManager);
+    m_Patch.Replace("OpenServiceW", &OpenPlayedService);
+    m_Patch.Replace("CloseServiceHandle", &ClosePlayedHandle);
+    m_Patch.Replace("StartServiceW", &StartPlayedService);
+    m_Patch.Replace("ControlService", &ControlPlayedService);
+    m_Patch.Replace("QueryServiceStatusEx", &TellState);
   }
 
  private:
@@ -515,7 +515,7 @@ TEST_F(EventLogTest, WritesAFailureAsAnErrorOfTheRegisteredSource) {
 
 TEST_F(EventLogTest, WritesNothingWhereThereIsNoLog) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("RegisterEventSourceW", &RefuseSource));
+  patch.Replace("RegisterEventSourceW", &RefuseSource);
   WriteEvent(MSG_SERVICE_FAILED, L"a reason");
   EXPECT_EQ(g_written.id, 0u);
   EXPECT_EQ(g_written.releases, 0);

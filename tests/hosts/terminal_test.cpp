@@ -43,8 +43,8 @@ VOID WINAPI TakeSleep(DWORD milliseconds) {
 
 TEST(Utf8TerminalTest, TakesUtf8UntilItIsGone) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("GetConsoleOutputCP", &TellCodePage));
-  ASSERT_TRUE(patch.Replace("SetConsoleOutputCP", &TakeCodePage));
+  patch.Replace("GetConsoleOutputCP", &TellCodePage);
+  patch.Replace("SetConsoleOutputCP", &TakeCodePage);
   {
     const Utf8Terminal terminal;
     EXPECT_THAT(g_codePages, ElementsAre(CP_UTF8));
@@ -55,8 +55,8 @@ TEST(Utf8TerminalTest, TakesUtf8UntilItIsGone) {
 /// One test: what is final stays so.
 TEST(InterruptionTest, IsFinalWhenTheSystemEndsTheProgramBehindIt) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("SetConsoleCtrlHandler", &TakeHandler));
-  ASSERT_TRUE(patch.Replace("Sleep", &TakeSleep));
+  patch.Replace("SetConsoleCtrlHandler", &TakeHandler);
+  patch.Replace("Sleep", &TakeSleep);
   const Interruption interruption;
   ASSERT_NE(g_handler, nullptr);
   for (const DWORD event : {DWORD{CTRL_C_EVENT}, DWORD{CTRL_BREAK_EVENT}}) {

@@ -96,11 +96,11 @@ class ServiceInTheWayTest : public testing::Test {
     g_manager.command = L"\"" + Program() + L"\"";
     std::ofstream(std::filesystem::path(Program())) << "a program";
     Configure(key.Location().Text());
-    ASSERT_TRUE(m_Patch.Replace("OpenSCManagerW", &OpenManager));
-    ASSERT_TRUE(m_Patch.Replace("OpenServiceW", &OpenPlayedService));
-    ASSERT_TRUE(m_Patch.Replace("CloseServiceHandle", &CloseHandleOfManager));
-    ASSERT_TRUE(m_Patch.Replace("QueryServiceStatusEx", &QueryStatus));
-    ASSERT_TRUE(m_Patch.Replace("QueryServiceConfigW", &QueryConfiguration));
+    m_Patch.Replace("OpenSCManagerW", &OpenManager);
+    m_Patch.Replace("OpenServiceW", &OpenPlayedService);
+    m_Patch.Replace("CloseServiceHandle", &CloseHandleOfManager);
+    m_Patch.Replace("QueryServiceStatusEx", &QueryStatus);
+    m_Patch.Replace("QueryServiceConfigW", &QueryConfiguration);
   }
 
   std::wstring Program() const { return m_Folder.Path().wstring() + L"\\corvel_service.exe"; }
@@ -203,7 +203,7 @@ HANDLE WINAPI DenyProcess(DWORD, BOOL, DWORD) {
 TEST_F(ServiceInTheWayTest, IsOneWhoseProcessMayNotBeOpened) {
   ShowJob(key);
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("OpenProcess", &DenyProcess));
+  patch.Replace("OpenProcess", &DenyProcess);
   EXPECT_EQ(Found(), "service_flashing");
 }
 
@@ -215,7 +215,7 @@ HANDLE WINAPI OpenEndedProcess(DWORD, BOOL, DWORD) {
 TEST_F(ServiceInTheWayTest, IsNoneWhoseProcessHasEnded) {
   ShowJob(key);
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("OpenProcess", &OpenEndedProcess));
+  patch.Replace("OpenProcess", &OpenEndedProcess);
   EXPECT_EQ(Found(), "");
 }
 
@@ -246,7 +246,7 @@ std::FILE* __cdecl CountFile(const wchar_t*, const wchar_t*, int) {
 /// The library finds no configuration while somebody else has it open.
 TEST_F(ServiceInTheWayTest, IsOneThatStartsWhoseConfigurationIsLeftAlone) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("_wfsopen", &CountFile));
+  patch.Replace("_wfsopen", &CountFile);
   g_manager.state = SERVICE_START_PENDING;
   EXPECT_EQ(Found(), "service_starting");
   EXPECT_EQ(g_openedFiles, 0);
@@ -258,7 +258,7 @@ TEST_F(ServiceInTheWayTest, IsOneThatStartsUnlessItsProcessIsGone) {
   EXPECT_EQ(Found(), "service_starting");
   g_manager.processId = 0;
   EXPECT_EQ(Found(), "service_starting");
-  // A start that has come to nothing.
+  // A start that has failed.
   g_manager.processId = 0xFFFFFFF0;
   EXPECT_EQ(Found(), "");
 }
@@ -281,7 +281,7 @@ LSTATUS WINAPI DenyValue(HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID, LPDWORD)
 TEST_F(ServiceInTheWayTest, MayBeOneWhoseKeyCannotBeRead) {
   ShowJob(key);
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("RegGetValueW", &DenyValue));
+  patch.Replace("RegGetValueW", &DenyValue);
   const auto obstacle = FindServiceInTheWay(simulator::KeyOfCommandLine());
   ASSERT_TRUE(obstacle);
   EXPECT_STREQ(obstacle->code, "service_unknown");
@@ -373,7 +373,7 @@ HANDLE WINAPI RecordMutex(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR name) {
 /// The service has a session of its own.
 TEST(ServingNoticeTest, IsForAllSessionsAsTheClaimIs) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("CreateMutexW", &RecordMutex));
+  patch.Replace("CreateMutexW", &RecordMutex);
   const HandshakeKey key{.path = L"SOFTWARE\\Corvel\\Test\\Notice"};
   const ServingNotice service(Server::Service, key);
   const ServingNotice commandLine(Server::CommandLine, key);
@@ -403,7 +403,7 @@ HANDLE WINAPI MakeMutexAndSayNothing(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR) {
 
 TEST(CommandLineClaimTest, IsHeldWhateverFailedBefore) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("CreateMutexW", &MakeMutexAndSayNothing));
+  patch.Replace("CreateMutexW", &MakeMutexAndSayNothing);
   ::SetLastError(ERROR_GEN_FAILURE);
   EXPECT_FALSE(CommandLineClaim().WhoHoldsIt());
 }
@@ -416,7 +416,7 @@ HANDLE WINAPI DenyMutex(DWORD, BOOL, LPCWSTR) {
 /// The host is a service's, the look a user's without rights.
 TEST(ServingNoticeTest, IsSeenByAUserWhoMayNotOpenIt) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(patch.Replace("OpenMutexW", &DenyMutex));
+  patch.Replace("OpenMutexW", &DenyMutex);
   EXPECT_EQ(WriterOf({.path = L"SOFTWARE\\Corvel\\Test\\Notice"}), Writer::Lives);
   ASSERT_TRUE(FindFlashingCommandLine());
   EXPECT_STREQ(FindFlashingCommandLine()->code, "already_running");

@@ -97,7 +97,7 @@ VOID WINAPI EarlyMorning(SYSTEMTIME* time) {
 }
 
 TEST_F(DebugLoggerTest, FillsSmallNumbersOfDateAndTimeWithZeros) {
-  ASSERT_TRUE(patch.Replace("GetLocalTime", &EarlyMorning));
+  patch.Replace("GetLocalTime", &EarlyMorning);
   RECORD("message");
   EXPECT_THAT(log.Text(), StartsWith("#2026-01-02\t03:04:05.006\t"));
 }
@@ -324,7 +324,7 @@ HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_A
 
 TEST_F(LogFileTest, IsOpenedForWritingAnewAndSharedWithReaders) {
   Name(folder.File("new.log"));
-  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  patch.Replace("CreateFileA", &RecordOpening);
   RECORD("message");
   EXPECT_EQ(askedOpening.path, folder.File("new.log"));
   EXPECT_EQ(askedOpening.access, static_cast<DWORD>(GENERIC_WRITE));
@@ -395,9 +395,9 @@ DWORD WINAPI FailToWait(HANDLE, DWORD) {
 
 TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
   calls = {};
-  ASSERT_TRUE(patch.Replace("WriteFile", &CountWrite));
-  ASSERT_TRUE(patch.Replace("GetFileSize", &CountSize));
-  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &CountFlush));
+  patch.Replace("WriteFile", &CountWrite);
+  patch.Replace("GetFileSize", &CountSize);
+  patch.Replace("FlushFileBuffers", &CountFlush);
   RECORD("message");
   EXPECT_EQ(calls.writes, 1);
   EXPECT_EQ(calls.sizes, 1);
@@ -405,7 +405,7 @@ TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
 }
 
 TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
-  ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
+  patch.Replace("WriteFile", &RefuseWrite);
   RECORD("lost");
   patch.Restore();
   RECORD("kept");
@@ -415,13 +415,13 @@ TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
 }
 
 TEST_F(DebugLoggerTest, WritesTheRecordEvenWhenTheLockFails) {
-  ASSERT_TRUE(patch.Replace("WaitForSingleObject", &FailToWait));
+  patch.Replace("WaitForSingleObject", &FailToWait);
   RECORD("message");
   EXPECT_EQ(Records(log.Text()).size(), 1u);
 }
 
 TEST_F(DebugLoggerTest, LeavesTheCallersLastErrorAlone) {
-  ASSERT_TRUE(patch.Replace("WriteFile", &RefuseWrite));
+  patch.Replace("WriteFile", &RefuseWrite);
   ::SetLastError(1234);
   RECORD("lost");
   EXPECT_EQ(::GetLastError(), 1234u);
@@ -462,8 +462,8 @@ class TwoWritersTest : public DebugLoggerTest {
  protected:
   void SetUp() override {
     s_writers = 0;
-    ASSERT_TRUE(patch.Replace("WriteFile", &HoldTheFirst));
-    ASSERT_TRUE(patch.Replace("WaitForSingleObject", &TellOfTheSecond));
+    patch.Replace("WriteFile", &HoldTheFirst);
+    patch.Replace("WaitForSingleObject", &TellOfTheSecond);
   }
 
   /// Starts a writer and holds it in its write, then starts another. @return whether that one waits for the
@@ -542,7 +542,7 @@ TEST_F(DebugLoggerTest, TakesTheLockOverFromAThreadThatWasKilledWhileItHeldIt) {
   const UniqueHandle writing(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   g_writing = writing.get();
   RECORD("before");
-  ASSERT_TRUE(patch.Replace("WriteFile", &WriteForEver));
+  patch.Replace("WriteFile", &WriteForEver);
   const UniqueHandle thread(::CreateThread(nullptr, 0, &LogOnce, nullptr, 0, nullptr));
   ASSERT_EQ(::WaitForSingleObject(writing.get(), kLongEnough), WAIT_OBJECT_0);
   ::TerminateThread(thread.get(), 1);

@@ -133,7 +133,7 @@ HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_A
 
 TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  patch.Replace("CreateFileA", &RecordOpening);
   file.Open("name", false);
   EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                  FILE_ATTRIBUTE_NORMAL, nullptr}));
@@ -141,7 +141,7 @@ TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
 
 TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  patch.Replace("CreateFileA", &RecordOpening);
   file.Open("name", true);
   EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_NORMAL, nullptr}));
@@ -150,7 +150,7 @@ TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
 TEST_F(FileIoTest, OpeningByThePlatformsArgumentsPassesAllOfThem) {
   SECURITY_ATTRIBUTES security{};
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateFileA", &RecordOpening));
+  patch.Replace("CreateFileA", &RecordOpening);
   const HANDLE pattern = ::GetCurrentProcess();
   file.OpenEx("name", GENERIC_ALL, FILE_SHARE_DELETE, CREATE_NEW, FILE_FLAG_OVERLAPPED, &security, pattern);
   EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_ALL, FILE_SHARE_DELETE, &security, CREATE_NEW,
@@ -194,7 +194,7 @@ BOOL WINAPI RefuseToFlush(HANDLE) {
 TEST_F(FileIoTest, ClosingFlushesAndIgnoresAFailureOfIt) {
   g_flushes = 0;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &RefuseToFlush));
+  patch.Replace("FlushFileBuffers", &RefuseToFlush);
   ASSERT_EQ(file.Open(Path().c_str(), true), S_OK);
   EXPECT_EQ(file.Close(), S_OK);
   EXPECT_EQ(g_flushes, 1);
@@ -311,7 +311,7 @@ DWORD WINAPI StandInFileSize(HANDLE, LPDWORD high) {
 
 class FileSizeTest : public FileIoTest {
  protected:
-  void SetUp() override { ASSERT_TRUE(patch.Replace("GetFileSize", &StandInFileSize)); }
+  void SetUp() override { patch.Replace("GetFileSize", &StandInFileSize); }
   void TheSystemSays(DWORD low, DWORD high, DWORD error) {
     g_sizeLow = low;
     g_sizeHigh = high;

@@ -138,7 +138,7 @@ class MutexCallsTest : public testing::Test {
 
 TEST_F(MutexCallsTest, CreatingPassesSecurityOwnershipAndName) {
   SECURITY_ATTRIBUTES attributes{};
-  ASSERT_TRUE(patch.Replace("CreateMutexA", &RecordCreate));
+  patch.Replace("CreateMutexA", &RecordCreate);
   CMutex mutex(true, "name", true, &attributes);
   EXPECT_EQ(asked.attributes, &attributes);
   EXPECT_EQ(asked.flag, TRUE);
@@ -147,7 +147,7 @@ TEST_F(MutexCallsTest, CreatingPassesSecurityOwnershipAndName) {
 
 TEST_F(MutexCallsTest, OpeningAsksForSynchronisationOnlyAndTakesTheFlagForInheritance) {
   SECURITY_ATTRIBUTES attributes{};
-  ASSERT_TRUE(patch.Replace("OpenMutexA", &RecordOpen));
+  patch.Replace("OpenMutexA", &RecordOpen);
   CMutex mutex(true, "name", false, &attributes);
   EXPECT_EQ(asked.access, static_cast<DWORD>(SYNCHRONIZE));
   EXPECT_EQ(asked.flag, TRUE);
@@ -155,14 +155,14 @@ TEST_F(MutexCallsTest, OpeningAsksForSynchronisationOnlyAndTakesTheFlagForInheri
 }
 
 TEST_F(MutexCallsTest, AFailedCreationFailsEveryCall) {
-  ASSERT_TRUE(patch.Replace("CreateMutexA", &RecordCreate));
+  patch.Replace("CreateMutexA", &RecordCreate);
   CMutex mutex(false, "name");
   EXPECT_EQ(mutex.Lock(0), kNoMutex);
   EXPECT_EQ(mutex.Unlock(), kNoMutex);
 }
 
 TEST_F(MutexCallsTest, AFailedWaitGivesItsError) {
-  ASSERT_TRUE(patch.Replace("WaitForSingleObject", &FailToWait));
+  patch.Replace("WaitForSingleObject", &FailToWait);
   CMutex mutex;
   EXPECT_EQ(mutex.Lock(0), static_cast<long>(0x80070005u));
 }

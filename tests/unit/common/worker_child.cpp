@@ -1,5 +1,5 @@
 // A process in which a worker runs out of memory where the library cannot report it: in a constructor that is
-// documented not to throw. It ends otherwise than by returning 0.
+// documented not to throw. It does not end by returning 0.
 
 #include "common/worker.h"
 
@@ -25,7 +25,7 @@ void* __cdecl RefuseLongPaths(std::size_t size) {
 int main() {
   const CTString path(std::wstring(kLongPath, L'p'));
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  if (!patch.Replace("malloc", &RefuseLongPaths)) return 1;
+  if (!patch.ReplaceIfImported("malloc", &RefuseLongPaths)) return 1;
   const UniqueHandle worker =
       StartWorker([&path] { const QUENTA::Brevant::Interfaces::ToolkitCore::CXMLFile file(path); });
   return worker != nullptr && ::WaitForSingleObject(worker.get(), kLongEnough) == WAIT_OBJECT_0 ? 0 : 1;

@@ -113,7 +113,7 @@ TEST_F(WorkerTest, RunsItsBodyOnAThreadOfItsOwn) {
 TEST_F(WorkerTest, AsksForTheAllocationGranularityAsInitialStack) {
   SYSTEM_INFO info{};
   ::GetSystemInfo(&info);
-  ASSERT_TRUE(patch.Replace("CreateThread", &RecordThread));
+  patch.Replace("CreateThread", &RecordThread);
   Join(StartWorker([] {}));
   EXPECT_EQ(asked.stackSize, info.dwAllocationGranularity);
   EXPECT_EQ(asked.threadFlags, 0u);
@@ -133,8 +133,8 @@ TEST_F(WorkerTest, HasFarMoreStackThanTheInitialOne) {
 }
 
 TEST_F(WorkerTest, KeepsTheLibraryLoadedForAsLongAsItRuns) {
-  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
-  ASSERT_TRUE(patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit));
+  patch.Replace("GetModuleHandleExW", &CountModuleReference);
+  patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit);
   int releasedDuringTheBody = -1;
   Join(StartWorker([&] { releasedDuringTheBody = g_releasesAtExit; }));
   EXPECT_EQ(asked.references, 1);
@@ -151,7 +151,7 @@ TEST_F(WorkerTest, DestroysItsBodyWhenItEnds) {
 }
 
 TEST_F(WorkerTest, SurvivesABodyThatThrows) {
-  ASSERT_TRUE(patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit));
+  patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit);
   auto owned = std::make_shared<int>(1);
   const std::weak_ptr<int> watched = owned;
   bool threw = false;
@@ -171,7 +171,7 @@ TEST_F(WorkerTest, ThatCannotBeContainedEndsTheProcessWithAnExitCodeOfItsOwn) {
 }
 
 TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {
-  ASSERT_TRUE(patch.Replace("CreateThread", &RefuseThread));
+  patch.Replace("CreateThread", &RefuseThread);
   bool ran = false;
   EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
@@ -188,15 +188,15 @@ void* __cdecl RefuseTheLargeCapture(std::size_t size) {
 // The body is allocated where it is handed over, in this program.
 TEST_F(WorkerTest, ThatThereIsNoMemoryForIsOneThatCannotBeStarted) {
   simulator::ImportPatch own(::GetModuleHandleW(nullptr));
-  ASSERT_TRUE(own.Replace("malloc", &RefuseTheLargeCapture));
+  own.Replace("malloc", &RefuseTheLargeCapture);
   EXPECT_EQ(StartWorker([capture = LargeCapture()] { static_cast<void>(capture); }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
 }
 
 TEST_F(WorkerTest, ThatCannotBeStartedReleasesItsBodyAndTheLibrary) {
-  ASSERT_TRUE(patch.Replace("CreateThread", &RefuseThread));
-  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
-  ASSERT_TRUE(patch.Replace("FreeLibrary", &CountReleaseOfModule));
+  patch.Replace("CreateThread", &RefuseThread);
+  patch.Replace("GetModuleHandleExW", &CountModuleReference);
+  patch.Replace("FreeLibrary", &CountReleaseOfModule);
   auto owned = std::make_shared<int>(1);
   const std::weak_ptr<int> watched = owned;
   EXPECT_EQ(StartWorker([kept = std::move(owned)] {}), nullptr);
@@ -205,7 +205,7 @@ TEST_F(WorkerTest, ThatCannotBeStartedReleasesItsBodyAndTheLibrary) {
 }
 
 TEST_F(WorkerTest, IsNotStartedWithoutAReferenceOnTheLibrary) {
-  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &RefuseModule));
+  patch.Replace("GetModuleHandleExW", &RefuseModule);
   bool ran = false;
   EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
@@ -213,7 +213,7 @@ TEST_F(WorkerTest, IsNotStartedWithoutAReferenceOnTheLibrary) {
 }
 
 TEST_F(WorkerTest, PinningAsksForTheLibraryToStayForGood) {
-  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &CountModuleReference));
+  patch.Replace("GetModuleHandleExW", &CountModuleReference);
   PinThisModule();
   EXPECT_EQ(asked.moduleFlags,
             static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));

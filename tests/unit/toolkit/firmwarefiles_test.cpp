@@ -36,10 +36,10 @@ class ListedEntries {
     s_deleted.clear();
     s_end = 0;
     s_error = ERROR_NO_MORE_FILES;
-    EXPECT_TRUE(m_Patch.Replace("FindFirstFileW", &First));
-    EXPECT_TRUE(m_Patch.Replace("FindNextFileW", &Next));
-    EXPECT_TRUE(m_Patch.Replace("FindClose", &Close));
-    EXPECT_TRUE(m_Patch.Replace("DeleteFileW", &Delete));
+    m_Patch.Replace("FindFirstFileW", &First);
+    m_Patch.Replace("FindNextFileW", &Next);
+    m_Patch.Replace("FindClose", &Close);
+    m_Patch.Replace("DeleteFileW", &Delete);
   }
   void Add(const std::wstring& name, std::uint64_t size) {
     WIN32_FIND_DATAW entry{};

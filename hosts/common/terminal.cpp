@@ -10,7 +10,7 @@ namespace hosts {
 
 namespace {
 
-struct LocalMemoryFreer {
+struct WordListFreer {
   void operator()(wchar_t** memory) const noexcept { ::LocalFree(memory); }
 };
 
@@ -18,7 +18,7 @@ struct LocalMemoryFreer {
 
 std::vector<std::string> CommandLineWords() {
   int count = 0;
-  const std::unique_ptr<wchar_t*, LocalMemoryFreer> words(::CommandLineToArgvW(::GetCommandLineW(), &count));
+  const std::unique_ptr<wchar_t*, WordListFreer> words(::CommandLineToArgvW(::GetCommandLineW(), &count));
   std::vector<std::string> texts;
   for (int i = 1; i < count; ++i) texts.push_back(ToUtf8(words.get()[i]));
   return texts;

@@ -1,9 +1,6 @@
 #include "hosts/common/who_flashes.h"
 
-#include <winsvc.h>
-
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -20,12 +17,6 @@ namespace hosts {
 namespace {
 
 constexpr wchar_t kClaimName[] = L"Global\\corvel_cmdline flash";
-
-struct ServiceCloser {
-  using pointer = SC_HANDLE;
-  void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using OwnedService = std::unique_ptr<SC_HANDLE__, ServiceCloser>;
 
 // --- The command line ------------------------------------------------------------------------------------
 

@@ -1,7 +1,6 @@
 #include "hosts/service/service_control.h"
 
 #include <array>
-#include <memory>
 #include <string>
 
 #include "hosts/common/event_log.h"
@@ -18,22 +17,16 @@ constexpr DWORD kLongestStopMs = kShutdownLimitMs;
 constexpr DWORD kLongestProcessEndMs = 30000;
 constexpr DWORD kFailureResetSeconds = 24 * 60 * 60;
 
-struct ServiceCloser {
-  using pointer = SC_HANDLE;
-  void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueService = std::unique_ptr<SC_HANDLE__, ServiceCloser>;
-
 ControlResult Failed(const char* step) {
   return {::GetLastError(), step};
 }
 
-UniqueService OpenManager(DWORD access) {
-  return UniqueService(::OpenSCManagerW(nullptr, nullptr, access));
+OwnedService OpenManager(DWORD access) {
+  return OwnedService(::OpenSCManagerW(nullptr, nullptr, access));
 }
 
-UniqueService OpenFlashService(SC_HANDLE manager, DWORD access) {
-  return UniqueService(::OpenServiceW(manager, kServiceName, access));
+OwnedService OpenFlashService(SC_HANDLE manager, DWORD access) {
+  return OwnedService(::OpenServiceW(manager, kServiceName, access));
 }
 
 /// Restarts a service that failed, by ending early too, with growing delays.
@@ -132,12 +125,12 @@ ControlResult Remove(SC_HANDLE service) {
 }  // namespace
 
 ControlResult InstallService(bool automatic) {
-  const UniqueService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
+  const OwnedService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service(::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
-                                               SERVICE_WIN32_OWN_PROCESS, StartType(automatic),
-                                               SERVICE_ERROR_NORMAL, ServiceCommand().c_str(), nullptr,
-                                               nullptr, nullptr, nullptr, nullptr));
+  const OwnedService service(::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                                              SERVICE_WIN32_OWN_PROCESS, StartType(automatic),
+                                              SERVICE_ERROR_NORMAL, ServiceCommand().c_str(), nullptr,
+                                              nullptr, nullptr, nullptr, nullptr));
   if (service == nullptr) return Failed("create the service");
   const ControlResult furnished = Furnish(service.get());
   if (furnished.error != ERROR_SUCCESS) Remove(service.get());
@@ -145,8 +138,8 @@ ControlResult InstallService(bool automatic) {
 }
 
 bool IsInstalledLikeThis(bool automatic) {
-  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
-  const UniqueService service = OpenFlashService(manager.get(), SERVICE_QUERY_CONFIG);
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
+  const OwnedService service = OpenFlashService(manager.get(), SERVICE_QUERY_CONFIG);
   // The largest that the system gives.
   alignas(QUERY_SERVICE_CONFIGW) std::array<BYTE, 8192> memory{};
   auto* const configuration = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(memory.data());
@@ -159,9 +152,9 @@ bool IsInstalledLikeThis(bool automatic) {
 }
 
 ControlResult UninstallService() {
-  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service = OpenFlashService(manager.get(), DELETE | SERVICE_QUERY_STATUS);
+  const OwnedService service = OpenFlashService(manager.get(), DELETE | SERVICE_QUERY_STATUS);
   if (service == nullptr) return Failed("open the service");
   SERVICE_STATUS_PROCESS status{};
   if (QueryStatus(service.get(), status) && status.dwCurrentState != SERVICE_STOPPED) {
@@ -172,9 +165,9 @@ ControlResult UninstallService() {
 }
 
 ControlResult StartFlashService() {
-  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service = OpenFlashService(manager.get(), SERVICE_START | SERVICE_QUERY_STATUS);
+  const OwnedService service = OpenFlashService(manager.get(), SERVICE_START | SERVICE_QUERY_STATUS);
   if (service == nullptr) return Failed("open the service");
   const bool started = ::StartServiceW(service.get(), 0, nullptr) != FALSE;
   if (!started && ::GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) return Failed("start the service");
@@ -190,9 +183,9 @@ ControlResult StartFlashService() {
 }
 
 ControlResult StopFlashService(bool forced) {
-  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service =
+  const OwnedService service =
       OpenFlashService(manager.get(), SERVICE_STOP | SERVICE_QUERY_STATUS |
                                           (forced ? SERVICE_USER_DEFINED_CONTROL : SERVICE_INTERROGATE));
   if (service == nullptr) return Failed("open the service");
@@ -211,9 +204,9 @@ ControlResult StopFlashService(bool forced) {
 }
 
 ControlResult QueryFlashService(ServiceState& state) {
-  const UniqueService manager = OpenManager(SC_MANAGER_CONNECT);
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
   if (manager == nullptr) return Failed("open the service manager");
-  const UniqueService service = OpenFlashService(manager.get(), SERVICE_QUERY_STATUS);
+  const OwnedService service = OpenFlashService(manager.get(), SERVICE_QUERY_STATUS);
   if (service == nullptr) {
     return ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST ? ControlResult{} : Failed("open the service");
   }

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <windows.h>
-
 #include <filesystem>
-#include <memory>
 #include <string>
 
+#include "hosts/common/owners.h"
 #include "simulator/program/scenario.h"
 
 namespace simulator {
@@ -17,11 +15,7 @@ class ConfigurationFile {
                     const std::wstring& registryLocation, const std::filesystem::path& firmwareFolder);
 
  private:
-  struct FileCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE file) const noexcept { ::CloseHandle(file); }
-  };
-  std::unique_ptr<void, FileCloser> m_Lock;
+  hosts::OwnedHandle m_Lock;
 };
 
 }  // namespace simulator

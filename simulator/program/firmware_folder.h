@@ -1,11 +1,9 @@
 #pragma once
 
-#include <windows.h>
-
 #include <filesystem>
-#include <memory>
 #include <optional>
 
+#include "hosts/common/owners.h"
 #include "simulator/flash_image.h"
 #include "simulator/program/scenario.h"
 
@@ -23,11 +21,6 @@ class FirmwareFolder {
   int ImagesLeft() const;
 
  private:
-  struct FileCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE file) const noexcept { ::CloseHandle(file); }
-  };
-
   void Lay(const FlashImage& image, const wchar_t* name) const;
   void LayEmpty(const wchar_t* name) const;
   void Hold(ImageHolder holder);
@@ -35,7 +28,7 @@ class FirmwareFolder {
   std::filesystem::path m_Folder;
   std::optional<FlashImage> m_Modem;
   std::optional<FlashImage> m_Nvm;
-  std::unique_ptr<void, FileCloser> m_Held;
+  hosts::OwnedHandle m_Held;
 };
 
 }  // namespace simulator

@@ -3,11 +3,11 @@
 #include <windows.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
 
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "simulator/program/exit_status.h"
 
@@ -20,12 +20,6 @@ constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr unsigned kStopped = 3;
 constexpr auto kEndedByCtrlC = static_cast<DWORD>(ExitStatus::Interrupted);
 constexpr int kTriesToStart = 3;
-
-struct HandleCloser {
-  using pointer = HANDLE;
-  void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
-};
-using Handle = std::unique_ptr<void, HandleCloser>;
 
 [[noreturn]] void Fail(const std::string& what) {
   const DWORD error = ::GetLastError();
@@ -49,23 +43,23 @@ std::wstring CommandLine(const std::filesystem::path& program, const std::vector
   return line;
 }
 
-Handle OutputFile(const std::filesystem::path& path) {
+hosts::OwnedHandle OutputFile(const std::filesystem::path& path) {
   SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
   const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_ALWAYS,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) Fail("the output file cannot be written");
-  return Handle(file);
+  return hosts::OwnedHandle(file);
 }
 
-Handle Start(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
-             const std::filesystem::path& output) {
+hosts::OwnedHandle Start(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                         const std::filesystem::path& output) {
   // One at a time: a child inherits whatever may be inherited at that moment, another's output included.
   static std::mutex oneAtATime;
   const std::lock_guard lock(oneAtATime);
 
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  Handle file;
+  hosts::OwnedHandle file;
   if (!output.empty()) {
     file = OutputFile(output);
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -84,7 +78,7 @@ Handle Start(const std::filesystem::path& program, const std::vector<std::wstrin
   }
   if (!started) Fail("the program cannot be started in its work folder");
   ::CloseHandle(child.hThread);
-  return Handle(child.hProcess);
+  return hosts::OwnedHandle(child.hProcess);
 }
 
 }  // namespace
@@ -114,7 +108,7 @@ WorkFolder::~WorkFolder() {
 ChildResult RunChild(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
                      std::chrono::milliseconds limit, const std::filesystem::path& output,
                      void* interruption) {
-  const Handle process = Start(program, arguments, output);
+  const hosts::OwnedHandle process = Start(program, arguments, output);
   const HANDLE signals[] = {process.get(), interruption};
   const DWORD count = interruption != nullptr ? 2 : 1;
   const DWORD signal = ::WaitForMultipleObjects(count, signals, FALSE, static_cast<DWORD>(limit.count()));

@@ -34,7 +34,7 @@ constexpr double kFastest = 1000;
 /// What the host says when Ctrl+C has ended it. Without a time limit it says so for no other reason.
 constexpr unsigned long kHostInterrupted = 5;
 
-struct Options {
+struct RunOptions {
   std::string route = NameOf(Route::Mbim);
   std::string scenario;
   double speed = 1.0;
@@ -42,7 +42,7 @@ struct Options {
   bool json = false;
 };
 
-void AddOptions(CLI::App& program, Options& options) {
+void AddOptions(CLI::App& program, RunOptions& options) {
   std::vector<std::string> routes;
   for (const Route each : kRoutes) routes.emplace_back(NameOf(each));
   CLI::Option* const scenario =
@@ -62,7 +62,7 @@ void AddOptions(CLI::App& program, Options& options) {
   program.add_flag("--json", options.json, "Print one JSON document, with the host's own in it");
 }
 
-CommandLinePlan PlanOf(const Options& options, const Scenario* scenario) {
+CommandLinePlan PlanOf(const RunOptions& options, const Scenario* scenario) {
   CommandLinePlan plan;
   if (scenario != nullptr) {
     plan.setup = scenario->setup;
@@ -92,7 +92,7 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome, unsigned long exitCode, bo
   return json;
 }
 
-ExitStatus Flash(const Options& options) {
+ExitStatus Flash(const RunOptions& options) {
   const Scenario* const scenario = options.scenario.empty() ? nullptr : FindScenario(options.scenario);
   const CommandLinePlan plan = PlanOf(options, scenario);
   // Ctrl+C is for the host to answer, which has the same console.
@@ -126,7 +126,7 @@ ExitStatus Run(std::vector<std::string> words) {
   program.name("cmdline_simulator");
   program.set_version_flag("--version", std::string("cmdline_simulator ") + CORVEL_VERSION);
   program.footer(kFooter);
-  Options options;
+  RunOptions options;
   AddOptions(program, options);
   const bool json = std::ranges::find(words, "--json") != words.end();
   try {

@@ -56,14 +56,14 @@ HRESULT Obtained(HRESULT result, const ComPtr<Interface>& object) {
 }
 
 /// The calling thread's stay in the multithreaded apartment.
-class ComApartment {
+class MultithreadedApartment {
  public:
-  ComApartment() : m_Result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
-  ~ComApartment() {
+  MultithreadedApartment() : m_Result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
+  ~MultithreadedApartment() {
     if (SUCCEEDED(m_Result)) ::CoUninitialize();
   }
-  ComApartment(const ComApartment&) = delete;
-  ComApartment& operator=(const ComApartment&) = delete;
+  MultithreadedApartment(const MultithreadedApartment&) = delete;
+  MultithreadedApartment& operator=(const MultithreadedApartment&) = delete;
 
   HRESULT Result() const { return m_Result; }
 
@@ -151,7 +151,7 @@ class RebootRun {
   DWORD WaitForCompletion(HANDLE event, milliseconds timeout) const;
 
   const std::function<bool()>& m_IsAbandoned;
-  const ComApartment m_Apartment;
+  const MultithreadedApartment m_Apartment;
   ComPtr<IMbnInterfaceManager> m_InterfaceManager;
   ComPtr<IMbnDeviceServicesManager> m_DeviceServicesManager;
   ComPtr<IMbnInterface> m_Interface;

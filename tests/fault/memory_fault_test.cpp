@@ -42,12 +42,12 @@ constexpr unsigned kPlacesPerBurst = 2;
 /// From this length on a burst takes long: the service pauses after each failure that it meets itself.
 constexpr unsigned kLongBurst = 50;
 
-struct Options {
+struct TestOptions {
   Route route = Route::Mbim;
   bool log = false;
   std::optional<unsigned> step;
 };
-Options g_options;
+TestOptions g_options;
 
 struct Burst {
   unsigned first;
@@ -224,7 +224,7 @@ TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
 }
 
 /// What becomes of one word of the command line. @return false when it means nothing.
-bool Take(std::string_view word, std::string_view value, Options& options) {
+bool Take(std::string_view word, std::string_view value, TestOptions& options) {
   if (word == "--log") return options.log = true;
   if (word == "--route") {
     const auto route = RouteOfName(value);

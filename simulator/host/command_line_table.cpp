@@ -124,7 +124,7 @@ const std::vector<Difference>& Differences() {
       {.scenario = "route-mbim",
        .reason = "the host loads the configuration, and the flashing library is loaded before the pass",
        .log = {{"Start LoadConfig ++",
-                "VERSION: 1.8.1",
+                "VERSION: " CORVEL_VERSION,
                 "++ MainThreadImplementation",
                 "ToolKit::CheckModemBranch ++",
                 "\t Flash Time_Out: 153000",

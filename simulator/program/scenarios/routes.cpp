@@ -13,7 +13,7 @@ const std::vector<Scenario>& Routes() {
        .expected = {.values = Success(),
                     .attempts = 1,
                     .log = {"Start LoadConfig ++",
-                            "VERSION: 1.8.1",
+                            "VERSION: " CORVEL_VERSION,
                             "\t to GetLabelsLocation",
                             "mMainKey:HKCU",
                             "\t to create MainThreadImplementation",

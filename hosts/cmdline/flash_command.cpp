@@ -378,7 +378,8 @@ ExitCode FlashRun::Flash(const LibraryConfiguration& configuration, const Folder
   std::optional<Request> request;
   if (!m_Options.waitForController) request.emplace(m_Key);
   if (request && request->Error() != ERROR_SUCCESS) {
-    Report({"no_registry_access", "Fls_Ready cannot be set: " + SystemErrorText(request->Error()) + ".",
+    Report({"no_registry_access",
+            ToUtf8(kReadyValue) + " cannot be set: " + SystemErrorText(request->Error()) + ".",
             "Run this program as an administrator."},
            m_Options.json);
     return ExitCode::NotReady;

@@ -11,8 +11,10 @@
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
+#include "hosts/common/facts.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/terminal.h"
+#include "hosts/common/text.h"
 
 namespace hosts {
 
@@ -25,7 +27,7 @@ constexpr char kExitCodes[] =
 /// 30 days: more than anybody waits for a controlling program.
 constexpr unsigned int kLongestTimeLimit = 30 * 24 * 60 * 60;
 
-struct Options {
+struct VerbOptions {
   FlashOptions flash;
   StatusOptions status;
   CheckOptions check;
@@ -58,7 +60,7 @@ CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
       ->check(CLI::Range(0, 1))
       ->capture_default_str();
   verb->add_flag("--wait-for-controller", options.waitForController,
-                 "Wait until another program sets Fls_Ready, instead of setting it");
+                 "Wait until another program sets " + ToUtf8(kReadyValue) + ", instead of setting it");
   verb->add_option("--timeout", options.timeoutSeconds,
                    "Give up after that many seconds, 1 or more (default: no limit)")
       ->type_name("SECONDS")
@@ -157,7 +159,7 @@ int Run(std::vector<std::string> words, bool json) {
   program.set_version_flag("-V,--version", std::string("corvel_cmdline ") + CORVEL_VERSION);
   program.footer(std::string("\"corvel_cmdline help VERB\" tells the options of a verb.\n") + kExitCodes);
   program.require_subcommand(1);
-  Options options;
+  VerbOptions options;
   const CLI::App* const flash = AddFlash(program, options.flash);
   const CLI::App* const status = AddStatus(program, options.status);
   AddCheck(program, options.check);

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <iterator>
 #include <optional>
@@ -21,23 +20,6 @@
 namespace hosts {
 
 namespace {
-
-/// Those that the library cannot do without. "_ZEMO_DL_out_of_session_comm" may be absent.
-constexpr std::array kExports{"_ZEMO_DL_boot_target",
-                              "_ZEMO_DL_close_comm_port",
-                              "_ZEMO_DL_download_cust_file",
-                              "_ZEMO_DL_download_dffs_file",
-                              "_ZEMO_DL_download_fls_file",
-                              "_ZEMO_DL_force_target_reset",
-                              "_ZEMO_DL_get_sys_version",
-                              "_ZEMO_get_next_free_channel",
-                              "_ZEMO_DL_dll_get_nof_progressbars",
-                              "_ZEMO_DL_init_callback",
-                              "_ZEMO_DL_open_comm_port",
-                              "_ZEMO_DL_set_dll_parameter",
-                              "_ZEMO_DL_TOC_get_flash_technogy",
-                              "_ZEMO_DL_TOC_get_memory_class",
-                              "_ZEMO_DL_TOC_get_nof_items"};
 
 Finding Ok(const char* subject, std::string message) {
   return {subject, Verdict::Ok, std::move(message), ""};
@@ -64,24 +46,6 @@ std::string Joined(const std::vector<std::string>& texts) {
   for (const std::string& text : texts) joined += (joined.empty() ? "" : ", ") + text;
   return joined;
 }
-
-/// Goes through what a pattern matches, as the library does. Begins with the first entry.
-class FileSearch {
- public:
-  FileSearch(const std::wstring& pattern, WIN32_FIND_DATAW& entry)
-      : m_Search(::FindFirstFileW(pattern.c_str(), &entry)) {}
-  ~FileSearch() {
-    if (IsOpen()) ::FindClose(m_Search);
-  }
-  FileSearch(const FileSearch&) = delete;
-  FileSearch& operator=(const FileSearch&) = delete;
-
-  bool IsOpen() const { return m_Search != INVALID_HANDLE_VALUE; }
-  bool Next(WIN32_FIND_DATAW& entry) const { return ::FindNextFileW(m_Search, &entry) != FALSE; }
-
- private:
-  HANDLE m_Search;
-};
 
 /// Why a configuration that is there could not be read. Opened as the library does, with nobody beside it.
 Finding UnreadableConfiguration(const std::wstring& path) {
@@ -168,8 +132,10 @@ std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::
                                          bool areModemImages) {
   std::vector<std::string> names;
   WIN32_FIND_DATAW entry{};
-  const FileSearch search(folder + L"\\*.fls", entry);
-  if (!search.IsOpen()) return names;
+  // As the library searches.
+  const HANDLE begun = ::FindFirstFileW((folder + L"\\*.fls").c_str(), &entry);
+  if (begun == INVALID_HANDLE_VALUE) return names;
+  const OwnedSearch search(begun);
   do {
     const std::wstring path = folder + L"\\" + entry.cFileName;
     const bool isFolder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -177,7 +143,7 @@ std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::
     if (isFolder || path == taken || isModemImage != areModemImages) continue;
     const bool isEmpty = entry.nFileSizeHigh == 0 && entry.nFileSizeLow == 0;
     names.push_back(ToUtf8(entry.cFileName) + (isEmpty ? " (empty)" : ""));
-  } while (search.Next(entry));
+  } while (::FindNextFileW(search.get(), &entry));
   return names;
 }
 
@@ -217,7 +183,7 @@ std::vector<Finding> LookAtImages(const std::wstring& folder, bool leftAlone) {
 
 std::string MissingExports(HMODULE library) {
   std::vector<std::string> missing;
-  for (const char* name : kExports) {
+  for (const char* name : kFlashingLibraryExports) {
     // The library may export its functions with or without the leading underscore.
     if (::GetProcAddress(library, name) || ::GetProcAddress(library, name + 1)) continue;
     missing.emplace_back(name);

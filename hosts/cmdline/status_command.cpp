@@ -56,7 +56,7 @@ Status Look(const HandshakeKey& key, const std::wstring& folder) {
 nlohmann::ordered_json AsJson(const Status& status) {
   nlohmann::ordered_json values;
   for (const HandshakeLine& line : Describe(status.values, status.writer)) {
-    values[line.name] = {
+    values[ToUtf8(line.name)] = {
         {"value", line.value ? nlohmann::ordered_json(*line.value) : nlohmann::ordered_json()},
         {"meaning", line.meaning}};
   }
@@ -90,7 +90,7 @@ std::string FolderText(const Status& status) {
 void Print(const Status& status) {
   std::cout << status.key.Text() << "\n";
   for (const HandshakeLine& line : Describe(status.values, status.writer)) {
-    std::cout << "  " << Padded(line.name, kNameColumn)
+    std::cout << "  " << Padded(ToUtf8(line.name), kNameColumn)
               << Padded(line.value ? std::to_string(*line.value) : "-", kValueColumn) << line.meaning << "\n";
   }
   std::cout << "Host:        " << (status.writer == Writer::Lives ? "running" : "none running") << "\n";

@@ -2,6 +2,9 @@
 
 #include <utility>
 
+#include "hosts/common/facts.h"
+#include "hosts/common/text.h"
+
 namespace hosts {
 
 namespace {
@@ -13,7 +16,7 @@ bool HasEnded(const Handshake& values) {
 }  // namespace
 
 std::string FinishedJob::Text() const {
-  return "Flash_Result " + std::to_string(result) + " (" + MeaningOfResult(result) + ") after " +
+  return ToUtf8(kResultValue) + " " + std::to_string(result) + " (" + MeaningOfResult(result) + ") after " +
          std::to_string(seconds) + " s, " + std::to_string(progress) + " % of the images written.";
 }
 

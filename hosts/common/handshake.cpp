@@ -74,11 +74,11 @@ Handshake ReadHandshake(const HandshakeKey& key) {
   DWORD error = ERROR_SUCCESS;
   // In the order of the braces, so that the last member has the error of those before it.
   return {.ready = ReadNumber(key, kReadyValue, error),
-          .retryTimes = ReadNumber(key, L"Retry_Times", error),
-          .timeOut = ReadNumber(key, L"Time_Out", error),
-          .onGoing = ReadNumber(key, L"Flash_OnGoing", error),
-          .progress = ReadNumber(key, L"Flash_Progress", error),
-          .result = ReadNumber(key, L"Flash_Result", error),
+          .retryTimes = ReadNumber(key, kRetryTimesValue, error),
+          .timeOut = ReadNumber(key, kTimeOutValue, error),
+          .onGoing = ReadNumber(key, kOnGoingValue, error),
+          .progress = ReadNumber(key, kProgressValue, error),
+          .result = ReadNumber(key, kResultValue, error),
           .error = error};
 }
 
@@ -101,12 +101,12 @@ std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer) 
 }
 
 std::vector<HandshakeLine> Describe(const Handshake& values, Writer writer) {
-  return {{"Fls_Ready", values.ready, MeaningOfReady(values.ready)},
-          {"Retry_Times", values.retryTimes, MeaningOfRetries(values.retryTimes)},
-          {"Time_Out", values.timeOut, MeaningOfTimeOut(values.timeOut)},
-          {"Flash_OnGoing", values.onGoing, MeaningOfOnGoing(values.onGoing, writer)},
-          {"Flash_Progress", values.progress, MeaningOfProgress(values.progress)},
-          {"Flash_Result", values.result, MeaningOfResult(values.result, writer)}};
+  return {{kReadyValue, values.ready, MeaningOfReady(values.ready)},
+          {kRetryTimesValue, values.retryTimes, MeaningOfRetries(values.retryTimes)},
+          {kTimeOutValue, values.timeOut, MeaningOfTimeOut(values.timeOut)},
+          {kOnGoingValue, values.onGoing, MeaningOfOnGoing(values.onGoing, writer)},
+          {kProgressValue, values.progress, MeaningOfProgress(values.progress)},
+          {kResultValue, values.result, MeaningOfResult(values.result, writer)}};
 }
 
 DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uint32_t value) {

@@ -53,7 +53,7 @@ struct Handshake {
 
 /// One value with its name and what it says, for people.
 struct HandshakeLine {
-  const char* name;
+  const wchar_t* name;
   std::optional<std::uint32_t> value;
   std::string meaning;
 };

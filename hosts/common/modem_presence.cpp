@@ -15,9 +15,6 @@ namespace hosts {
 
 namespace {
 
-constexpr GUID kResetInterface = {
-    0x6568C4A1, 0xB6EE, 0x4E4B, {0xBC, 0x5F, 0xCE, 0x81, 0x9E, 0x62, 0x72, 0x13}};
-
 /// The list of present devices as the device manager keeps it; empty when it does not give it.
 std::vector<wchar_t> PresentDeviceList() {
   for (;;) {
@@ -54,9 +51,9 @@ bool Holds(const std::vector<std::wstring>& ids, const wchar_t* part) {
 }
 
 bool ResetDriverPresent() {
-  GUID resetInterface = kResetInterface;
+  GUID resetClass = kResetClass;
   ULONG length = 0;
-  return ::CM_Get_Device_Interface_List_SizeW(&length, &resetInterface, nullptr,
+  return ::CM_Get_Device_Interface_List_SizeW(&length, &resetClass, nullptr,
                                               CM_GET_DEVICE_INTERFACE_LIST_PRESENT) == CR_SUCCESS &&
          length > 1;
 }

@@ -14,26 +14,13 @@ namespace hosts {
 
 namespace {
 
-// Members of ToolKit under the names that the library's compiler gives them.
-#if defined(_MSC_VER)
-constexpr char kIsConfigLoaded[] = "?IsConfigLoaded@ToolKit@@SA_NXZ";
-constexpr char kGetRoot[] = "?GetHKEYRegistryMainKey@ToolKit@@SAPEAUHKEY__@@XZ";
-constexpr char kGetRootName[] = "?GetRegistryMainKey@ToolKit@@SAPEB_WXZ";
-constexpr char kGetPath[] = "?GetRegistryStrKey@ToolKit@@SAPEB_WXZ";
-#else
-constexpr char kIsConfigLoaded[] = "_ZN7ToolKit14IsConfigLoadedEv";
-constexpr char kGetRoot[] = "_ZN7ToolKit22GetHKEYRegistryMainKeyEv";
-constexpr char kGetRootName[] = "_ZN7ToolKit18GetRegistryMainKeyEv";
-constexpr char kGetPath[] = "_ZN7ToolKit17GetRegistryStrKeyEv";
-#endif
-
 /// What the host asks the library. Bound at run time, because the library is loaded at run time.
 struct Questions {
   explicit Questions(HMODULE library)
-      : isConfigLoaded(Bind<bool>(library, kIsConfigLoaded)),
-        root(Bind<HKEY>(library, kGetRoot)),
-        rootName(Bind<const wchar_t*>(library, kGetRootName)),
-        path(Bind<const wchar_t*>(library, kGetPath)) {}
+      : isConfigLoaded(Bind<bool>(library, kIsConfigLoadedExport)),
+        root(Bind<HKEY>(library, kRootExport)),
+        rootName(Bind<const wchar_t*>(library, kRootNameExport)),
+        path(Bind<const wchar_t*>(library, kPathExport)) {}
 
   bool AreKnown() const { return isConfigLoaded && root && rootName && path; }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "hosts/common/event_log.h"
+#include "hosts/common/facts.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/job_record.h"
 #include "hosts/common/owners.h"
@@ -210,9 +211,9 @@ void Warn(const std::string& text) {
 }
 
 void Print(const Handshake& values) {
-  std::cout << "Fls_Ready " << values.ready.value_or(0) << ", Flash_Result " << values.result.value_or(0)
-            << " (" << MeaningOfResult(values.result) << "), " << values.progress.value_or(0) << " %"
-            << std::endl;
+  std::cout << ToUtf8(kReadyValue) << " " << values.ready.value_or(0) << ", " << ToUtf8(kResultValue) << " "
+            << values.result.value_or(0) << " (" << MeaningOfResult(values.result) << "), "
+            << values.progress.value_or(0) << " %" << std::endl;
 }
 
 /// Shows every change until it is interrupted, while a flash is running twice.
@@ -253,7 +254,8 @@ int RunInConsole() {
     return 1;
   }
   const ServingNotice notice(Server::Service, library.key);
-  std::cout << "Waiting for Fls_Ready under " << library.key.Text() << "; Ctrl+C ends." << std::endl;
+  std::cout << "Waiting for " << ToUtf8(kReadyValue) << " under " << library.key.Text() << "; Ctrl+C ends."
+            << std::endl;
   ShowUntilInterrupted(library.key, interruption);
   return 0;
 }

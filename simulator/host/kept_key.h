@@ -20,8 +20,7 @@ class KeptKey {
   ~KeptKey() {
     Delete();
     for (const hosts::HandshakeLine& line : hosts::Describe(m_Before)) {
-      if (line.value)
-        Write(std::wstring(line.name, line.name + std::string_view(line.name).size()), *line.value);
+      if (line.value) Write(line.name, *line.value);
     }
   }
   KeptKey(const KeptKey&) = delete;

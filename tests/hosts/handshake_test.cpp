@@ -24,7 +24,7 @@ HandshakeKey KeyOfThisTest(const std::wstring& name) {
 
 // --- What the values say ---------------------------------------------------------------------------------
 
-std::string MeaningOf(const std::string& name, const Handshake& values, Writer writer = Writer::Lives) {
+std::string MeaningOf(const std::wstring& name, const Handshake& values, Writer writer = Writer::Lives) {
   for (const HandshakeLine& line : Describe(values, writer)) {
     if (line.name == name) return line.meaning;
   }
@@ -39,41 +39,41 @@ Handshake With(std::optional<std::uint32_t> Handshake::*member, std::uint32_t va
 }
 
 TEST(HandshakeMeaningTest, OfTheRequest) {
-  EXPECT_EQ(MeaningOf("Fls_Ready", {}), "never raised");
-  EXPECT_EQ(MeaningOf("Fls_Ready", With(&Handshake::ready, 0)), "no flash is asked for");
-  EXPECT_EQ(MeaningOf("Fls_Ready", With(&Handshake::ready, 1)), "a flash is asked for");
-  EXPECT_EQ(MeaningOf("Fls_Ready", With(&Handshake::ready, 2)), "no flash is asked for");
+  EXPECT_EQ(MeaningOf(L"Fls_Ready", {}), "never raised");
+  EXPECT_EQ(MeaningOf(L"Fls_Ready", With(&Handshake::ready, 0)), "no flash is asked for");
+  EXPECT_EQ(MeaningOf(L"Fls_Ready", With(&Handshake::ready, 1)), "a flash is asked for");
+  EXPECT_EQ(MeaningOf(L"Fls_Ready", With(&Handshake::ready, 2)), "no flash is asked for");
 }
 
 TEST(HandshakeMeaningTest, OfTheRetries) {
-  EXPECT_EQ(MeaningOf("Retry_Times", {}), "absent: up to 3 retries");
-  EXPECT_EQ(MeaningOf("Retry_Times", With(&Handshake::retryTimes, 0)), "up to 0 retries");
-  EXPECT_EQ(MeaningOf("Retry_Times", With(&Handshake::retryTimes, 1)), "up to 1 retry");
+  EXPECT_EQ(MeaningOf(L"Retry_Times", {}), "absent: up to 3 retries");
+  EXPECT_EQ(MeaningOf(L"Retry_Times", With(&Handshake::retryTimes, 0)), "up to 0 retries");
+  EXPECT_EQ(MeaningOf(L"Retry_Times", With(&Handshake::retryTimes, 1)), "up to 1 retry");
 }
 
 TEST(HandshakeMeaningTest, OfTheTimeLimit) {
-  EXPECT_EQ(MeaningOf("Time_Out", {}), "not yet written");
-  EXPECT_EQ(MeaningOf("Time_Out", With(&Handshake::timeOut, 153000)),
+  EXPECT_EQ(MeaningOf(L"Time_Out", {}), "not yet written");
+  EXPECT_EQ(MeaningOf(L"Time_Out", With(&Handshake::timeOut, 153000)),
             "153 s for one attempt and the modem's return");
 }
 
 TEST(HandshakeMeaningTest, OfARunningJob) {
-  EXPECT_EQ(MeaningOf("Flash_OnGoing", {}), "not yet written");
-  EXPECT_EQ(MeaningOf("Flash_OnGoing", With(&Handshake::onGoing, 0)), "no job is running");
-  EXPECT_EQ(MeaningOf("Flash_OnGoing", With(&Handshake::onGoing, 2)), "no job is running");
-  EXPECT_EQ(MeaningOf("Flash_OnGoing", With(&Handshake::onGoing, 1)),
+  EXPECT_EQ(MeaningOf(L"Flash_OnGoing", {}), "not yet written");
+  EXPECT_EQ(MeaningOf(L"Flash_OnGoing", With(&Handshake::onGoing, 0)), "no job is running");
+  EXPECT_EQ(MeaningOf(L"Flash_OnGoing", With(&Handshake::onGoing, 2)), "no job is running");
+  EXPECT_EQ(MeaningOf(L"Flash_OnGoing", With(&Handshake::onGoing, 1)),
             "a job is running, or its last attempt ended in failure");
-  EXPECT_EQ(MeaningOf("Flash_OnGoing", With(&Handshake::onGoing, 1), Writer::Gone),
+  EXPECT_EQ(MeaningOf(L"Flash_OnGoing", With(&Handshake::onGoing, 1), Writer::Gone),
             "no job is running: the last one was cut short, or ended in failure");
 }
 
 TEST(HandshakeMeaningTest, OfProgressAndResult) {
-  EXPECT_EQ(MeaningOf("Flash_Progress", {}), "not yet written");
-  EXPECT_EQ(MeaningOf("Flash_Progress", With(&Handshake::progress, 7)), "7 % of the images are written");
-  EXPECT_EQ(MeaningOf("Flash_Result", {}), "never written");
+  EXPECT_EQ(MeaningOf(L"Flash_Progress", {}), "not yet written");
+  EXPECT_EQ(MeaningOf(L"Flash_Progress", With(&Handshake::progress, 7)), "7 % of the images are written");
+  EXPECT_EQ(MeaningOf(L"Flash_Result", {}), "never written");
   const char* const meanings[] = {"idle", "flashing", "retrying", "failed", "succeeded", "unknown"};
   for (std::uint32_t result = 0; result < std::size(meanings); ++result) {
-    EXPECT_EQ(MeaningOf("Flash_Result", With(&Handshake::result, result)), meanings[result]);
+    EXPECT_EQ(MeaningOf(L"Flash_Result", With(&Handshake::result, result)), meanings[result]);
   }
 }
 

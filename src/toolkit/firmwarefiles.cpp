@@ -17,6 +17,9 @@ constexpr int kPathLimit = 260;
 constexpr wchar_t kImagePattern[] = L"*.fls";
 constexpr wchar_t kPathSeparator[] = L"\\";
 
+// The procedure under whose name the search logs.
+constexpr char kSearch[] = "ToolKit::FetchModemNVMFls";
+
 bool IsFolder(DWORD attributes) {
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
@@ -28,6 +31,26 @@ bool IsModemImage(const WIN32_FIND_DATAW& entry) {
 void ForgetImages() {
   ToolKit::m_ModemFlsFile.Empty();
   ToolKit::m_NVMFlsFile.Empty();
+}
+
+/// Names a file of the folder as the image of its kind, in the place of an earlier one.
+void TakeImage(const CTString& folder, const WIN32_FIND_DATAW& entry) {
+  const CTString path = folder + entry.cFileName;
+  const std::string printed = Narrow(path);
+  LOG_TRACE_AS(kSearch, "   pathFlz:%s", printed.c_str());
+  if (path.GetLength() >= kPathLimit) {
+    LOG_TRACE_AS(kSearch, "FetchModemNVMFls: over MAX PATH, flz paths=%s", printed.c_str());
+    return;
+  }
+  LOG_TRACE_AS(kSearch, "   pathFlz:%s, ffd.nFileSizeHigh:%d, ffd.nFileSizeLow:%d", printed.c_str(),
+               static_cast<int>(entry.nFileSizeHigh), static_cast<int>(entry.nFileSizeLow));
+  if (IsModemImage(entry)) {
+    ToolKit::m_ModemFlsFile = path;
+    LOG_TRACE_AS(kSearch, "   Found, modem fls file: %s", printed.c_str());
+  } else {
+    ToolKit::m_NVMFlsFile = path;
+    LOG_TRACE_AS(kSearch, "   Found, NVM fls file: %s", printed.c_str());
+  }
 }
 
 }  // namespace
@@ -57,24 +80,7 @@ bool ToolKit::FetchModemNVMFls(CTString folder) try {
   }
 
   do {
-    const WIN32_FIND_DATAW& entry = listing.Entry();
-    if (IsFolder(entry.dwFileAttributes)) continue;
-    const CTString path = folder + entry.cFileName;
-    const std::string printed = Narrow(path);
-    LOG_TRACE("   pathFlz:%s", printed.c_str());
-    if (path.GetLength() >= kPathLimit) {
-      LOG_TRACE("FetchModemNVMFls: over MAX PATH, flz paths=%s", printed.c_str());
-      continue;
-    }
-    LOG_TRACE("   pathFlz:%s, ffd.nFileSizeHigh:%d, ffd.nFileSizeLow:%d", printed.c_str(),
-              static_cast<int>(entry.nFileSizeHigh), static_cast<int>(entry.nFileSizeLow));
-    if (IsModemImage(entry)) {
-      m_ModemFlsFile = path;
-      LOG_TRACE("   Found, modem fls file: %s", printed.c_str());
-    } else {
-      m_NVMFlsFile = path;
-      LOG_TRACE("   Found, NVM fls file: %s", printed.c_str());
-    }
+    if (!IsFolder(listing.Entry().dwFileAttributes)) TakeImage(folder, listing.Entry());
   } while (listing.GoOn());
 
   if (listing.BrokeOff()) {

@@ -170,7 +170,12 @@ ControlResult StartFlashService() {
   const OwnedService service = OpenFlashService(manager.get(), SERVICE_START | SERVICE_QUERY_STATUS);
   if (service == nullptr) return Failed("open the service");
   const bool started = ::StartServiceW(service.get(), 0, nullptr) != FALSE;
-  if (!started && ::GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) return Failed("start the service");
+  if (!started && ::GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
+    const ControlResult failed = Failed("start the service");
+    // One that ends at once may be gone before the manager has its answer, but not before it said why.
+    const ControlResult ended = WhyItDoesNotRun(service.get());
+    return failed.error == ERROR_SERVICE_REQUEST_TIMEOUT && ended.serviceCode != 0 ? ended : failed;
+  }
   switch (WaitWhile(service.get(), SERVICE_START_PENDING, kLongestStartMs)) {
     case SERVICE_RUNNING:
       return {started ? static_cast<DWORD>(ERROR_SUCCESS) : ERROR_SERVICE_ALREADY_RUNNING,

@@ -279,6 +279,7 @@ struct PlayedManager {
   DWORD startError = ERROR_SUCCESS;
   DWORD controlError = ERROR_SUCCESS;
   std::vector<DWORD> states;
+  DWORD serviceCode = 0;
 };
 PlayedManager g_played;
 
@@ -308,6 +309,8 @@ BOOL WINAPI TellState(SC_HANDLE, SC_STATUS_TYPE, LPBYTE buffer, DWORD, LPDWORD) 
   auto& status = *reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
   status = {};
   status.dwCurrentState = g_played.states.front();
+  status.dwWin32ExitCode = g_played.serviceCode == 0 ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR;
+  status.dwServiceSpecificExitCode = g_played.serviceCode;
   if (g_played.states.size() > 1) g_played.states.erase(g_played.states.begin());
   return TRUE;
 }
@@ -336,6 +339,15 @@ TEST_F(PlayedManagerTest, StartSaysThatTheServiceIsStopping) {
 TEST_F(PlayedManagerTest, StartSaysThatTheServiceEndedAtOnce) {
   g_played.states = {SERVICE_START_PENDING, SERVICE_STOPPED};
   EXPECT_EQ(StartFlashService().error, static_cast<DWORD>(ERROR_SERVICE_NOT_ACTIVE));
+}
+
+TEST_F(PlayedManagerTest, StartSaysWhyAServiceEndedThatWasGoneBeforeItAnswered) {
+  g_played = {.startError = ERROR_SERVICE_REQUEST_TIMEOUT, .states = {SERVICE_STOPPED}, .serviceCode = 1};
+  EXPECT_EQ(StartFlashService().serviceCode, 1u);
+  g_played = {.startError = ERROR_SERVICE_REQUEST_TIMEOUT, .states = {SERVICE_STOPPED}};
+  EXPECT_EQ(StartFlashService().error, static_cast<DWORD>(ERROR_SERVICE_REQUEST_TIMEOUT));
+  g_played = {.startError = ERROR_ACCESS_DENIED, .states = {SERVICE_STOPPED}, .serviceCode = 1};
+  EXPECT_EQ(StartFlashService().error, static_cast<DWORD>(ERROR_ACCESS_DENIED));
 }
 
 TEST_F(PlayedManagerTest, StopWaitsForOneThatIsUnderWay) {

@@ -255,7 +255,6 @@ std::vector<std::string> NamesOfVerbs(const CLI::App& program) {
 void TakeHelpForAnOption(std::vector<std::string>& words) {
   if (words.empty() || words.front() != "help") return;
   words.erase(words.begin());
-  words.resize(std::min<std::size_t>(words.size(), 1));
   words.emplace_back("--help");
 }
 

@@ -114,9 +114,8 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// The next token of a text; an empty one at the end, and for lack of memory. Any thread.
   /// @param text       any narrow text; null has no token.
   /// @param delimiters a set of characters; null gives no token.
-  /// @param position   in bytes, where to begin; moved past the token and the delimiters after it, -1 at
-  /// the
-  ///                   end. Left alone when it is negative or a text is null.
+  /// @param position   in bytes, where to begin; moved past the token and the delimiters after it, -1
+  ///                   at the end. Left alone when it is negative or a text is null.
   static std::string Tokenize(const char* text, const char* delimiters, int& position);
 
   /// True when the path ends in the extension (given with its dot), whatever the case of either; false for a

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -11,6 +13,7 @@
 
 #include "hosts/common/text.h"
 #include "simulator/load_watch.h"
+#include "support/quick_modem.h"
 
 namespace campaign {
 
@@ -63,18 +66,6 @@ class Witness {
   static inline std::atomic<std::uint64_t> s_event{0};
   static inline std::atomic<unsigned> s_count{0};
 };
-
-/// A modem that does everything quickly.
-ModemTiming QuickTiming() {
-  ModemTiming timing;
-  timing.leaving = 300ms;
-  timing.restarting = 300ms;
-  timing.openPort = 50ms;
-  timing.boot = 100ms;
-  timing.returning = 500ms;
-  timing.bytesPerSecond = 50'000'000;
-  return timing;
-}
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
 
@@ -179,6 +170,25 @@ JobEnd Service::Look(bool ended) {
   end.isImageLeft = IsImageLeft();
   end.sawImage = m_Pc.LibraryLoads() > 0 || end.values.progress != 0u;
   return end;
+}
+
+bool TakeWords(const char* program, std::span<char* const> words, const SwitchTaker& takeSwitch,
+               const ValueTaker& takeValue) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (takeSwitch(words[i])) continue;
+    if (i + 1 == words.size() || !takeValue(words[i], words[i + 1])) {
+      std::fprintf(stderr, "%s: what is \"%s\"?\n", program, words[i]);
+      return false;
+    }
+    ++i;
+  }
+  return true;
+}
+
+void EndProcess(int status) {
+  std::fflush(stdout);
+  ::TerminateProcess(::GetCurrentProcess(), static_cast<unsigned>(status));
+  std::abort();
 }
 
 }  // namespace campaign

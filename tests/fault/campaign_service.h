@@ -4,9 +4,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "hosts/common/handshake.h"
 #include "simulator/call_hooks.h"
@@ -78,5 +81,15 @@ class Service {
   simulator::VirtualPc m_Pc;
   simulator::FlashImage m_Image;
 };
+
+/// What becomes of a word that stands alone, and of one with its value. @return false when it means nothing.
+using SwitchTaker = std::function<bool(std::string_view word)>;
+using ValueTaker = std::function<bool(std::string_view word, std::string_view value)>;
+/// Takes a campaign's command line. @return false, told on standard error, when a word means nothing.
+bool TakeWords(const char* program, std::span<char* const> words, const SwitchTaker& takeSwitch,
+               const ValueTaker& takeValue);
+
+/// Ends this process with its service, which would go on otherwise.
+[[noreturn]] void EndProcess(int status);
 
 }  // namespace campaign

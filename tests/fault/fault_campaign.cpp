@@ -21,6 +21,7 @@
 #include <exception>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -433,20 +434,12 @@ bool TakeSwitch(std::string_view word) {
 }  // namespace
 
 int main(int count, char** words) try {
-  for (int i = 1; i < count; ++i) {
-    if (TakeSwitch(words[i])) continue;
-    if (i + 1 == count || !TakeValue(words[i], words[i + 1])) {
-      std::fprintf(stderr, "fault_campaign: what is \"%s\"?\n", words[i]);
-      return 2;
-    }
-    ++i;
-  }
+  if (!campaign::TakeWords("fault_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
+                           &TakeSwitch, &TakeValue))
+    return 2;
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.
-  const int status = (new Campaign(g_options))->Run();
-  std::fflush(stdout);
-  ::TerminateProcess(::GetCurrentProcess(), static_cast<unsigned>(status));
-  return status;
+  campaign::EndProcess((new Campaign(g_options))->Run());
 } catch (const std::exception& error) {
   std::fprintf(stderr, "fault_campaign: %s\n", error.what());
   return 1;

@@ -17,6 +17,7 @@
 #include <exception>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -241,27 +242,23 @@ int RunKills() {
   return summary.findings == 0 && isWhole ? 0 : 1;
 }
 
+bool TakeSwitch(std::string_view word) {
+  bool* const chosen = word == "--in-place"  ? &g_options.inPlace
+                       : word == "--in-item" ? &g_options.inItem
+                                             : nullptr;
+  if (chosen != nullptr) *chosen = true;
+  return chosen != nullptr;
+}
+
 }  // namespace
 
 int main(int count, char** words) try {
-  for (int i = 1; i < count; ++i) {
-    const std::string_view word = words[i];
-    if (word == "--in-place" || word == "--in-item") {
-      (word == "--in-place" ? g_options.inPlace : g_options.inItem) = true;
-      continue;
-    }
-    if (i + 1 == count || !TakeValue(words[i], words[i + 1])) {
-      std::fprintf(stderr, "kill_campaign: what is \"%s\"?\n", words[i]);
-      return 2;
-    }
-    ++i;
-  }
+  if (!campaign::TakeWords("kill_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
+                           &TakeSwitch, &TakeValue))
+    return 2;
   if (!g_options.inPlace) return RunKills();
   // Never destroyed: the service goes on until the process ends.
-  const int status = (new Host(g_options))->Run();
-  std::fflush(stdout);
-  ::TerminateProcess(::GetCurrentProcess(), static_cast<unsigned>(status));
-  return status;
+  campaign::EndProcess((new Host(g_options))->Run());
 } catch (const std::exception& error) {
   std::fprintf(stderr, "kill_campaign: %s\n", error.what());
   return 1;

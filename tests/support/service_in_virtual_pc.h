@@ -17,6 +17,7 @@
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 #include "simulator/virtual_pc.h"
+#include "support/quick_modem.h"
 
 /// The word that tells a test program that it is the child in a work folder.
 inline constexpr char kInPlace[] = "--in-place";
@@ -38,19 +39,6 @@ class ServiceInVirtualPc : public testing::Test {
  protected:
   explicit ServiceInVirtualPc(const std::wstring& name)
       : m_Key(L"Software\\Corvel\\Test\\" + name + L"-" + std::to_wstring(::GetCurrentProcessId()), false) {}
-
-  /// A modem that does everything quickly, so that many flashes take little time.
-  static simulator::ModemTiming QuickTiming() {
-    using namespace std::chrono_literals;
-    simulator::ModemTiming timing;
-    timing.leaving = 300ms;
-    timing.restarting = 300ms;
-    timing.openPort = 50ms;
-    timing.boot = 100ms;
-    timing.returning = 500ms;
-    timing.bytesPerSecond = 50'000'000;
-    return timing;
-  }
 
   /// @return false when the library is not there, or does not begin to wait.
   bool ServiceBegins() {

@@ -70,10 +70,9 @@ class CommandLineRun {
     std::ofstream(m_Plan.folder / kVirtualPcFile)
         << "scenario=" << NameOfSetup(m_Plan) << "\nspeed=" << m_Plan.speed << "\n";
   }
-  /// A link where that can be: the programs are large.
+  /// A copy: a link could not be removed while any process runs the file that it is a link to.
   void Bring(const std::filesystem::path& file) const {
-    const std::filesystem::path to = m_Plan.folder / file.filename();
-    if (!::CreateHardLinkW(to.c_str(), file.c_str(), nullptr)) std::filesystem::copy_file(file, to);
+    std::filesystem::copy_file(file, m_Plan.folder / file.filename());
   }
   void LayImages() { m_Firmware.emplace(FirmwarePath(), m_Plan.setup.images, m_Plan.setup.holder); }
 

@@ -2,15 +2,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
 #include "simulator/host/command_line_table.h"
 #include "simulator/program/judgement.h"
 #include "simulator/program/scenario_table.h"
@@ -92,6 +97,26 @@ INSTANTIATE_TEST_SUITE_P(OneOfMany, CommandLineScenarioTest, testing::ValuesIn(S
 INSTANTIATE_TEST_SUITE_P(OfItsOwn, CommandLineScenarioTest,
                          testing::ValuesIn(ScenariosThat(std::not_fn(IsOneOfMany))), TestName);
 INSTANTIATE_TEST_SUITE_P(All, ControllerScenarioTest, testing::ValuesIn(ScenariosOfController()), TestName);
+
+TEST(CommandLineRunTest, LeavesAFolderThatCanBeEmptiedWhileItsProgramsAreInUseElsewhere) {
+  const std::wstring library = hosts::ProgramFolder() + L"\\CorvelToolKit.dll";
+  const hosts::OwnedHandle user(::CreateFileW(library.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  ASSERT_NE(user.get(), INVALID_HANDLE_VALUE);
+  const TemporaryFolder folder;
+  const std::filesystem::path run = folder.Path() / L"run";
+  FlashByCommandLine({.setup = FindScenario("route-flash-port")->setup,
+                      .scenario = "route-flash-port",
+                      .speed = kSpeed,
+                      .folder = run,
+                      .options = {L"--json"},
+                      .output = folder.File(L"output.txt")});
+
+  std::error_code error;
+  std::filesystem::remove_all(run, error);
+
+  EXPECT_FALSE(error) << error.message();
+}
 
 TEST(CommandLineTableTest, NamesOnlyScenariosThatThereAre) {
   EXPECT_THAT(StrayNamesOfCommandLine(), IsEmpty());

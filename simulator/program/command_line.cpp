@@ -15,9 +15,35 @@ namespace {
 
 constexpr char kFooter[] =
     "Exit status: 0 flashed and the modem's memory equals the images, or all expectations of the\n"
-    "scenarios hold; 1 not so; 2 wrong usage; 3 the virtual PC could not run; 130 ended by Ctrl+C.";
+    "scenarios hold, or no PC of the fleet is lost; 1 not so; 2 wrong usage; 3 the virtual PC could not run; "
+    "130 ended by Ctrl+C.";
 constexpr double kSlowest = 0.1;
 constexpr double kFastest = 1000;
+
+void AddFleetOptions(CLI::App& program, Command& command, std::string& histogram) {
+  CLI::Option* const fleet =
+      program.add_option("--fleet", command.fleet, "Run that many PCs with drawn faults")
+          ->check(CLI::Range(1, 1'000'000));
+  CLI::Option* const pc =
+      program.add_option("--pc", command.pc, "Run this PC of a fleet alone, from number 0 on");
+  fleet->excludes(pc);
+  program.add_option("--seed", command.seed, "What the PCs of a fleet draw their faults by")
+      ->capture_default_str();
+  program
+      .add_option("--processes", command.processes,
+                  "With --fleet: how many PCs at a time (default: two per processor)")
+      ->needs(fleet)
+      ->check(CLI::Range(1, 64));
+  program.add_option("--histogram", histogram, "With --fleet: draw the durations into this SVG file")
+      ->needs(fleet);
+  for (const char* const other : {"--all", "--scenario", "--route"}) {
+    fleet->excludes(program.get_option(other));
+    pc->excludes(program.get_option(other));
+  }
+  program.add_option("--interruptions", command.interruptions)->group("");
+  program.add_flag("--repaired", command.repaired)->group("");
+  program.add_option("--requests", command.requests)->group("");
+}
 
 void AddOptions(CLI::App& program, Command& command, std::string& route, std::string& images,
                 std::string& keep) {
@@ -44,7 +70,8 @@ void AddOptions(CLI::App& program, Command& command, std::string& route, std::st
       ->capture_default_str();
   program
       .add_option("--speed", command.speed,
-                  "How many times as fast as real time the virtual PC runs (default 1, with --all 20)")
+                  "How many times as fast as real time the virtual PC runs (default 1, with --all 20,"
+                  " with --fleet 100)")
       ->check(CLI::Range(kSlowest, kFastest));
   program.add_flag("--json", command.json, "Print the summary as JSON, and nothing else on standard output");
   program.add_option("--make-images", images, "Only write the default images into this folder");
@@ -68,7 +95,9 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
   std::string route = NameOf(Route::Mbim);
   std::string images;
   std::string keep;
+  std::string histogram;
   AddOptions(program, command, route, images, keep);
+  AddFleetOptions(program, command, histogram);
   try {
     program.parse(count, words);
   } catch (const CLI::ParseError& error) {
@@ -88,6 +117,7 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
   command.route = *RouteOfName(route);
   command.makeImages = hosts::ToWide(images);
   command.keep = hosts::ToWide(keep);
+  command.histogram = hosts::ToWide(histogram);
   return command;
 }
 

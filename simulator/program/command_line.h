@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -24,6 +25,14 @@ struct Command {
   unsigned jobs = 4;
   bool terminal = false;
   int width = 80;
+  unsigned fleet = 0;          ///< number of PCs
+  std::optional<unsigned> pc;  ///< this one of the fleet alone
+  std::uint64_t seed = 1;
+  unsigned processes = 0;  ///< 0: two per processor
+  std::filesystem::path histogram;
+  unsigned interruptions = 0;  ///< of a PC's process: how many came before
+  bool repaired = false;       ///< of a PC's process: nothing is wrong any more
+  int requests = 1;            ///< of a PC's process: how many it makes
   /// In its own work folder already: the registry key to use. Empty: not there yet.
   std::string inPlace;
 

@@ -1,4 +1,5 @@
-// A whole virtual PC with a modem in it, around the real library: flashes it once, or runs the scenarios.
+// A whole virtual PC with a modem in it, around the real library: flashes it once, runs the scenarios, or a
+// fleet of such PCs.
 
 #include <fcntl.h>
 #include <io.h>
@@ -18,6 +19,7 @@
 #include "hosts/common/text.h"
 #include "simulator/program/command_line.h"
 #include "simulator/program/display.h"
+#include "simulator/program/fleet/fleet_program.h"
 #include "simulator/program/judgement.h"
 #include "simulator/program/report.h"
 #include "simulator/program/scenario_table.h"
@@ -274,7 +276,9 @@ int RunAll(Command command) {
 int Execute(const Command& command) {
   if (command.list) return List(command.json);
   if (!command.makeImages.empty()) return MakeImages(command.makeImages);
+  if (!command.inPlace.empty() && command.pc) RunLifeOf(command);
   if (!command.inPlace.empty()) return RunInPlace(command);
+  if (command.fleet > 0 || command.pc) return RunFleet(command);
   return command.all ? RunAll(command) : RunOne(command);
 }
 

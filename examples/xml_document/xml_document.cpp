@@ -13,8 +13,8 @@
 #include <objbase.h>
 #include <wrl/client.h>
 
-#include "common/tstring.h"
-#include "xmlfile/xmlfile.h"
+#include <corvel/common/tstring.h>
+#include <corvel/xmlfile/xmlfile.h>
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/toolkitexport.h"
+#include "toolkitexport.h"
 
 struct _SECURITY_ATTRIBUTES;
 

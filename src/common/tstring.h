@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "common/toolkitexport.h"
+#include "toolkitexport.h"
 
 #if defined(_MSC_VER)
 #pragma warning(push)

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "common/toolkitexport.h"
-#include "common/tstring.h"
-#include "common/updatefirmwareresult.h"
+#include "../common/toolkitexport.h"
+#include "../common/tstring.h"
+#include "../common/updatefirmwareresult.h"
 
 #if defined(_MSC_VER)
 #pragma warning(push)

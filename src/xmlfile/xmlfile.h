@@ -7,8 +7,8 @@
 
 #include <oaidl.h>
 
-#include "common/toolkitexport.h"
-#include "common/tstring.h"
+#include "../common/toolkitexport.h"
+#include "../common/tstring.h"
 
 // The interfaces of MSXML's document object model; <msxml.h> defines them for hosts that call them.
 struct IXMLDOMDocument;

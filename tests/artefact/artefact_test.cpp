@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,10 +25,15 @@ namespace {
 
 constexpr std::uintmax_t kLargestLibrary = 2 * 1024 * 1024;
 
-// Parts of every Windows 10, the system's own C runtime among them.
-constexpr std::array kLibrariesOfWindows = {
-    "advapi32.dll", "cfgmgr32.dll", "kernel32.dll", "msvcrt.dll",
-    "ole32.dll",    "oleaut32.dll", "shlwapi.dll",  "user32.dll",
+constexpr char kLibraryName[] = "CorvelToolKit.dll";
+constexpr char kCommandLineName[] = "corvel_cmdline.exe";
+constexpr char kServiceName[] = "corvel_service.exe";
+
+// Parts of every Windows 10, the system's own C runtime among them; and the library itself, which the command
+// line is linked to.
+constexpr std::array kKnownLibraries = {
+    "advapi32.dll", "cfgmgr32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll",
+    "oleaut32.dll", "shell32.dll",  "shlwapi.dll",  "user32.dll", "corveltoolkit.dll",
 };
 
 std::filesystem::path FolderOfThisProgram() {
@@ -37,7 +43,7 @@ std::filesystem::path FolderOfThisProgram() {
 }
 
 std::filesystem::path Library() {
-  return FolderOfThisProgram() / "CorvelToolKit.dll";
+  return FolderOfThisProgram() / kLibraryName;
 }
 
 std::string Lower(std::string text) {
@@ -46,13 +52,13 @@ std::string Lower(std::string text) {
   return text;
 }
 
-/// The version resource of the library, which is not loaded for it.
+/// The version resource of a file, which is not loaded for it.
 class VersionResource {
  public:
-  VersionResource() {
-    m_Bytes.resize(::GetFileVersionInfoSizeW(Library().c_str(), nullptr));
+  explicit VersionResource(const std::filesystem::path& file) {
+    m_Bytes.resize(::GetFileVersionInfoSizeW(file.c_str(), nullptr));
     m_Found = !m_Bytes.empty() &&
-              ::GetFileVersionInfoW(Library().c_str(), 0, static_cast<DWORD>(m_Bytes.size()), m_Bytes.data());
+              ::GetFileVersionInfoW(file.c_str(), 0, static_cast<DWORD>(m_Bytes.size()), m_Bytes.data());
   }
 
   std::string Numbers() {
@@ -85,46 +91,102 @@ class VersionResource {
   bool m_Found = false;
 };
 
-TEST(Artefact, IsMadeForX64) {
-  EXPECT_EQ(PeFile(Library()).Machine(), IMAGE_FILE_MACHINE_AMD64);
+struct ModuleCloser {
+  using pointer = HMODULE;
+  void operator()(HMODULE module) const noexcept { ::FreeLibrary(module); }
+};
+using DataFile = std::unique_ptr<HINSTANCE__, ModuleCloser>;
+
+/// The manifest of a program; empty without one. Nothing of the program runs.
+std::string ManifestOf(const std::filesystem::path& program) {
+  const DataFile file(
+      ::LoadLibraryExW(program.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+  const HRSRC place = ::FindResourceW(file.get(), MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(24));
+  if (place == nullptr) return {};
+  const auto* const text = static_cast<const char*>(::LockResource(::LoadResource(file.get(), place)));
+  return {text, ::SizeofResource(file.get(), place)};
 }
 
-TEST(Artefact, DoesNotExecuteData) {
-  EXPECT_TRUE(PeFile(Library()).Flags() & IMAGE_DLLCHARACTERISTICS_NX_COMPAT);
+/// Each file that ships.
+class ShippedFile : public testing::TestWithParam<const char*> {
+ protected:
+  static std::filesystem::path Path() { return FolderOfThisProgram() / GetParam(); }
+};
+
+TEST_P(ShippedFile, IsMadeForX64) {
+  EXPECT_EQ(PeFile(Path()).Machine(), IMAGE_FILE_MACHINE_AMD64);
 }
 
-TEST(Artefact, IsLoadedAtRandomAddressesOfTheWholeRange) {
-  EXPECT_TRUE(PeFile(Library()).Flags() & IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE);
-  EXPECT_TRUE(PeFile(Library()).Flags() & IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA);
+TEST_P(ShippedFile, DoesNotExecuteData) {
+  EXPECT_TRUE(PeFile(Path()).Flags() & IMAGE_DLLCHARACTERISTICS_NX_COMPAT);
 }
 
-TEST(Artefact, ImportsOnlyLibrariesOfWindows) {
-  const std::vector<std::string> libraries = PeFile(Library()).ImportedLibraries();
+TEST_P(ShippedFile, IsLoadedAtRandomAddressesOfTheWholeRange) {
+  EXPECT_TRUE(PeFile(Path()).Flags() & IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE);
+  EXPECT_TRUE(PeFile(Path()).Flags() & IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA);
+}
+
+// Without them the system cannot move the file, whatever its flags say.
+TEST_P(ShippedFile, HasRelocations) {
+  EXPECT_FALSE(PeFile(Path()).CannotBeMoved());
+  EXPECT_TRUE(PeFile(Path()).HasRelocations());
+}
+
+TEST_P(ShippedFile, ImportsOnlyLibrariesOfWindows) {
+  const std::vector<std::string> libraries = PeFile(Path()).ImportedLibraries();
   EXPECT_FALSE(libraries.empty());
-  for (const std::string& library : libraries) {
-    EXPECT_THAT(kLibrariesOfWindows, testing::Contains(Lower(library)));
-  }
+  for (const std::string& library : libraries)
+    EXPECT_THAT(kKnownLibraries, testing::Contains(Lower(library)));
 }
 
-TEST(Artefact, CarriesTheProjectsVersion) {
-  VersionResource version;
+TEST_P(ShippedFile, CarriesTheProjectsVersion) {
+  VersionResource version(Path());
   EXPECT_EQ(version.Numbers(), CORVEL_VERSION ".0");
   EXPECT_EQ(version.Text(L"FileVersion"), CORVEL_VERSION);
   EXPECT_EQ(version.Text(L"ProductVersion"), CORVEL_VERSION);
-  EXPECT_EQ(version.Text(L"OriginalFilename"), "CorvelToolKit.dll");
+  EXPECT_EQ(version.Text(L"OriginalFilename"), GetParam());
 }
+
+INSTANTIATE_TEST_SUITE_P(EachOf, ShippedFile, testing::Values(kLibraryName, kCommandLineName, kServiceName),
+                         [](const auto& tested) {
+                           return std::filesystem::path(tested.param).stem().string();
+                         });
+
+class ShippedProgram : public ShippedFile {};
+
+TEST_P(ShippedProgram, AsksForNoMoreRightsThanItsCaller) {
+  EXPECT_THAT(ManifestOf(Path()), testing::HasSubstr("level=\"asInvoker\""));
+}
+
+TEST_P(ShippedProgram, TakesPathsOfAnyLength) {
+  EXPECT_THAT(ManifestOf(Path()), testing::HasSubstr(">true</longPathAware>"));
+}
+
+// With UTF-8 as its ANSI code page the same configuration would mean something else than in other hosts.
+TEST_P(ShippedProgram, LeavesTheCodePageToTheSystem) {
+  EXPECT_THAT(ManifestOf(Path()), testing::Not(testing::HasSubstr("<activeCodePage")));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachOf, ShippedProgram, testing::Values(kCommandLineName, kServiceName),
+                         [](const auto& tested) {
+                           return std::filesystem::path(tested.param).stem().string();
+                         });
 
 #if defined(_MSC_VER)
 
-TEST(Artefact, ChecksItsBuffers) {
-  EXPECT_NE(PeFile(Library()).SecurityCookie(), 0u);
+TEST_P(ShippedFile, ChecksItsBuffers) {
+  EXPECT_NE(PeFile(Path()).SecurityCookie(), 0u);
+}
+
+TEST_P(ShippedFile, GuardsItsIndirectCalls) {
+  EXPECT_TRUE(PeFile(Path()).Flags() & IMAGE_DLLCHARACTERISTICS_GUARD_CF);
 }
 
 #else
 
 // The C++ runtime that is linked in was built without the check, so every call stands in this project's code.
-TEST(Artefact, ChecksItsStackInManyFunctions) {
-  EXPECT_GT(PeFile(Library()).CallsTo("__stack_chk_fail").value_or(0), 50);
+TEST_P(ShippedFile, ChecksItsStackInManyFunctions) {
+  EXPECT_GT(PeFile(Path()).CallsTo("__stack_chk_fail").value_or(0), 50);
 }
 
 TEST(Artefact, ExportsWhatTheListSays) {
@@ -154,7 +216,7 @@ TEST(Artefact, ExportsWhatTheFirstHostsWereBuiltAgainst) {
   EXPECT_GT(names, 100);
 }
 
-#if defined(NDEBUG)
+#if defined(CORVEL_TESTS_RELEASE)
 
 TEST(Artefact, TakesLessThanTwoMegabytesStripped) {
   EXPECT_LT(std::filesystem::file_size(FolderOfThisProgram() / "artefact" / "stripped.dll"), kLargestLibrary);

@@ -3,18 +3,18 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
-#include <iterator>
 
 namespace {
 
 constexpr std::byte kCallOpcode{0xE8};
 
 std::vector<std::byte> BytesOf(const std::filesystem::path& path) {
+  std::vector<std::byte> bytes(std::filesystem::file_size(path));
   std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot open " + path.string());
-  const std::vector<char> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  const auto view = std::as_bytes(std::span(bytes));
-  return {view.begin(), view.end()};
+  if (!file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()))) {
+    throw std::runtime_error("cannot read " + path.string());
+  }
+  return bytes;
 }
 
 }  // namespace

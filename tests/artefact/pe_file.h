@@ -20,6 +20,9 @@ class PeFile {
 
   WORD Machine() const { return m_Headers.FileHeader.Machine; }
   WORD Flags() const { return m_Headers.OptionalHeader.DllCharacteristics; }
+  /// Whether the file says that it has to be loaded where it was linked for.
+  bool CannotBeMoved() const { return m_Headers.FileHeader.Characteristics & IMAGE_FILE_RELOCS_STRIPPED; }
+  bool HasRelocations() const { return Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC).Size > 0; }
   std::size_t Size() const { return m_Bytes.size(); }
 
   /// Names of all exports, sorted; an export without a name throws.

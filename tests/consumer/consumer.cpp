@@ -15,10 +15,10 @@
 #include <msxml.h>
 #include <objbase.h>
 
-#include "common/mutex.h"
-#include "common/tstring.h"
-#include "toolkit/toolkit.h"
-#include "xmlfile/xmlfile.h"
+#include <corvel/common/mutex.h>
+#include <corvel/common/tstring.h>
+#include <corvel/toolkit/toolkit.h>
+#include <corvel/xmlfile/xmlfile.h>
 
 namespace {
 

@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
+#include "hosts/common/text.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
@@ -311,6 +313,28 @@ TEST(LibraryConfigurationTest, CutsKeyAndValueTo511Characters) {
   const LibraryConfiguration file =
       FileOf("T\r\n" + std::string(600, 'k') + "=" + std::string(512, 'v') + "w\r\n");
   EXPECT_EQ(file.Get(std::wstring(511, L'k')), std::wstring(511, L'v'));
+}
+
+LibraryConfiguration Sample() {
+  return LibraryConfiguration::Read(ProgramFolder() + L"sample\\CorvelConfig.ini").value();
+}
+
+TEST(SampleConfigurationTest, EarnsNoAdvice) {
+  EXPECT_THAT(CodesOf(AdviseOnConfiguration(Sample())), IsEmpty());
+}
+
+TEST(SampleConfigurationTest, SetsEachKeyOnceAndNothingElse) {
+  std::vector<std::wstring> keys;
+  for (const LibraryConfiguration::Setting& setting : Sample().Settings()) keys.push_back(setting.key);
+  EXPECT_THAT(keys, ElementsAre(kTraceLevelKey, kRegistryLocationKey, kFirmwareFolderKey, kIpcTypeKey,
+                                kRebootTypeKey, kEraseModeKey));
+}
+
+TEST(SampleConfigurationTest, ExplainsEachKeyRightAboveIt) {
+  const LibraryConfiguration sample = Sample();
+  for (const LibraryConfiguration::Setting& setting : sample.Settings()) {
+    EXPECT_EQ(sample.Lines()[setting.line - 2].front(), L';') << ToUtf8(setting.key);
+  }
 }
 
 TEST(LibraryConfigurationTest, KeyAndValueEndAtAZero) {

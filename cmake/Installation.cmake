@@ -1,0 +1,76 @@
+# What is installed, where, and as part of which component: "runtime" is what a PC needs that flashes, "development"
+# what building a host needs besides, "symbols" what debuggers need. The rooms keep their places, so that links between
+# documents and examples hold.
+
+option(CORVEL_SYMBOLS "Debugging symbols, in files of their own" OFF)
+
+# Flags that make and keep the symbols of whatever is built from here on.
+if(CORVEL_SYMBOLS AND MSVC)
+  target_compile_options(corvel_settings INTERFACE /Zi)
+  # Without the other two, /DEBUG keeps what nothing uses.
+  target_link_options(corvel_settings INTERFACE /DEBUG /OPT:REF /OPT:ICF)
+elseif(CORVEL_SYMBOLS)
+  target_compile_options(corvel_settings INTERFACE -g)
+endif()
+
+# split_symbols(TARGET): moves the symbols into TARGET's file with ".debug" behind its name. MSVC's linker does so by
+# itself.
+function(split_symbols target)
+  set(file $<TARGET_FILE:${target}>)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
+    COMMAND ${CMAKE_OBJCOPY} --strip-unneeded ${file}
+    COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=${file}.debug ${file}
+    VERBATIM)
+endfunction()
+
+# install_program(TARGET): a program or library that ships, with its symbols when there are any.
+function(install_program target)
+  install(TARGETS ${target}
+    EXPORT ${target}Targets
+    RUNTIME DESTINATION bin COMPONENT runtime
+    ARCHIVE DESTINATION lib COMPONENT development)
+  if(NOT CORVEL_SYMBOLS)
+    return()
+  endif()
+  if(MSVC)
+    install(FILES $<TARGET_PDB_FILE:${target}> DESTINATION bin COMPONENT symbols)
+  else()
+    split_symbols(${target})
+    install(FILES $<TARGET_FILE:${target}>.debug DESTINATION bin COMPONENT symbols)
+  endif()
+endfunction()
+
+# install_package(): the CMake package of the library, and the documents and examples of the whole.
+function(install_package)
+  include(CMakePackageConfigHelpers)
+  set(package_folder lib/cmake/CorvelToolKit)
+  set(made_folder ${PROJECT_BINARY_DIR}/package)
+  if(MSVC)
+    set(CORVEL_BUILT_BY_MICROSOFT 1)
+    set(CORVEL_BUILT_BY "Microsoft's compiler")
+  else()
+    set(CORVEL_BUILT_BY_MICROSOFT 0)
+    set(CORVEL_BUILT_BY "GCC or clang for mingw-w64, with libstdc++ and the C runtime msvcrt")
+  endif()
+  configure_package_config_file(
+    ${PROJECT_SOURCE_DIR}/cmake/package/CorvelToolKitConfig.cmake.in ${made_folder}/CorvelToolKitConfig.cmake
+    INSTALL_DESTINATION ${package_folder}
+    NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+  write_basic_package_version_file(${made_folder}/CorvelToolKitConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+  install(FILES
+    ${made_folder}/CorvelToolKitConfig.cmake ${made_folder}/CorvelToolKitConfigVersion.cmake
+    ${PROJECT_SOURCE_DIR}/cmake/package/host_compiler.cpp
+    DESTINATION ${package_folder} COMPONENT development)
+  set_target_properties(CorvelToolKit PROPERTIES EXPORT_NAME ToolKit)
+  install(EXPORT CorvelToolKitTargets NAMESPACE Corvel:: DESTINATION ${package_folder} COMPONENT development)
+
+  install(FILES ${PROJECT_SOURCE_DIR}/hosts/CorvelConfig.ini DESTINATION examples COMPONENT runtime)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/controller DESTINATION examples COMPONENT runtime)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/xml_document DESTINATION examples COMPONENT development)
+  install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION . COMPONENT runtime)
+  foreach(document controller hosts log-format)
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/${document}.md DESTINATION docs COMPONENT runtime)
+  endforeach()
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/abi.md DESTINATION docs COMPONENT development)
+endfunction()

@@ -324,8 +324,9 @@ TEST(SampleConfigurationTest, EarnsNoAdvice) {
 }
 
 TEST(SampleConfigurationTest, SetsEachKeyOnceAndNothingElse) {
+  const LibraryConfiguration sample = Sample();
   std::vector<std::wstring> keys;
-  for (const LibraryConfiguration::Setting& setting : Sample().Settings()) keys.push_back(setting.key);
+  for (const LibraryConfiguration::Setting& setting : sample.Settings()) keys.push_back(setting.key);
   EXPECT_THAT(keys, ElementsAre(kTraceLevelKey, kRegistryLocationKey, kFirmwareFolderKey, kIpcTypeKey,
                                 kRebootTypeKey, kEraseModeKey));
 }

@@ -31,7 +31,6 @@ HMODULE Run(Worker* started) noexcept {
   } catch (...) {
     // Out of memory: whoever waits for the thread finds no result of it, which is its failure.
   }
-  worker->body = nullptr;
   return worker->module.release();
 }
 

@@ -6,15 +6,19 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <new>
 #include <utility>
 
 #include "simulator/import_patch.h"
+#include "support/scarce_memory.h"
 
 using corvel::PinThisModule;
 using corvel::StartWorker;
+using corvel::StartWorkerThread;
 using corvel::UniqueHandle;
+using corvel::WorkerStack;
 
 namespace {
 
@@ -120,6 +124,13 @@ TEST_F(WorkerTest, AsksForTheAllocationGranularityAsInitialStack) {
   EXPECT_EQ(asked.security, nullptr);
 }
 
+TEST_F(WorkerTest, AsksForTheStackOfTheProgramsFileWhenToldTo) {
+  patch.Replace("CreateThread", &RecordThread);
+  asked.stackSize = 1;
+  Join(StartWorker([] {}, WorkerStack::Default));
+  EXPECT_EQ(asked.stackSize, 0u);
+}
+
 // A stack of 64 KiB in all would be too little for COM and for long records.
 TEST_F(WorkerTest, HasFarMoreStackThanTheInitialOne) {
   int sum = 0;
@@ -134,6 +145,7 @@ TEST_F(WorkerTest, HasFarMoreStackThanTheInitialOne) {
 
 TEST_F(WorkerTest, KeepsTheLibraryLoadedForAsLongAsItRuns) {
   patch.Replace("GetModuleHandleExW", &CountModuleReference);
+  patch.Replace("FreeLibrary", &CountReleaseOfModule);
   patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit);
   int releasedDuringTheBody = -1;
   Join(StartWorker([&] { releasedDuringTheBody = g_releasesAtExit; }));
@@ -176,6 +188,35 @@ TEST_F(WorkerTest, ThatCannotBeStartedIsEmptyAndTellsWhy) {
   EXPECT_EQ(StartWorker([&] { ran = true; }), nullptr);
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
   EXPECT_FALSE(ran);
+}
+
+/// Leaves an error of its own behind when it goes.
+struct OverwritesLastError {
+  OverwritesLastError() = default;
+  OverwritesLastError(const OverwritesLastError&) = default;
+  OverwritesLastError& operator=(const OverwritesLastError&) = default;
+  ~OverwritesLastError() { ::SetLastError(ERROR_INVALID_DATA); }
+};
+
+TEST_F(WorkerTest, ThatCannotBeStartedTellsWhyWhateverTheEndOfItsBodyLeaves) {
+  patch.Replace("CreateThread", &RefuseThread);
+  const std::function<void()> body = [kept = OverwritesLastError()] { static_cast<void>(kept); };
+  EXPECT_EQ(StartWorkerThread(body, WorkerStack::Default), nullptr);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_SYSTEM_RESOURCES));
+}
+
+TEST_F(WorkerTest, ThatTheLibraryHasNoMemoryForCannotBeStarted) {
+  patch.Replace("GetModuleHandleExW", &CountModuleReference);
+  patch.Replace("FreeLibrary", &CountReleaseOfModule);
+  ScarceMemory memory;
+  bool ran = false;
+  ::SetLastError(NO_ERROR);
+  memory.Fail(1);
+  EXPECT_EQ(StartWorker([&ran] { ran = true; }), nullptr);
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+  EXPECT_TRUE(memory.HasFailed());
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(asked.references, 0);
 }
 
 using LargeCapture = std::array<char, 1000>;

@@ -207,6 +207,38 @@ TEST_F(InitializeTest, WithoutMemoryForTheLocationNothingIsStarted) {
   });
 }
 
+TEST_F(InitializeTest, WithoutMemoryForTheConfigurationItIsNotLoaded) {
+  host.WriteConfig(
+      "title\n[ModemAndNVMFirmwareFolder]=C:\\A folder whose name is too long for a small text\n");
+  ScarceMemory memory;
+  int loadedCount = 0;
+  const int failedCount = memory.FailEachOf([&] {
+    ToolKit::CloseConfig();
+    const bool loaded = ToolKit::LoadConfig(nullptr);
+    memory.Suffice();
+    EXPECT_EQ(ToolKit::IsConfigLoaded(), loaded);
+    if (loaded) ++loadedCount;
+  });
+  EXPECT_LT(loadedCount, failedCount);
+}
+
+TEST_F(InitializeTest, WithoutMemoryToLookForTheConfigurationItIsNotLoaded) {
+  ScarceMemory memory;
+  memory.FailEachOf([] {
+    ToolKit::CloseConfig();
+    EXPECT_FALSE(ToolKit::IsConfigLoaded());
+  });
+}
+
+TEST_F(InitializeTest, LoadingTheConfigurationTurnsTheLogOn) {
+  host.WriteConfig("title\n[TraceLevel]=0\n");
+  ToolKit::TurnLoggingOff();
+  EXPECT_TRUE(ToolKit::LoadConfig(nullptr));
+  EXPECT_EQ(CDebugLogger::GetLevel(), 3);
+  EXPECT_THAT(host.Said(), ElementsAre("Start LoadConfig ++", "VERSION: " CORVEL_VERSION,
+                                       "\t get Config Var, [TraceLevel] : 0"));
+}
+
 TEST_F(InitializeTest, CommandLineModeFixesTheKeyAndStartsNothing) {
   EXPECT_TRUE(ToolKit::Initialize_CmdLine());
   EXPECT_EQ(ToolKit::hMainKey, HKEY_LOCAL_MACHINE);

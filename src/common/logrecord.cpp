@@ -32,11 +32,21 @@ const char* LevelWord(int level) {
   }
 }
 
+/// For formats without positional parameters: looking for those costs as much as printing.
 std::string Print(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  std::string text;
-  AppendPrinted(text, format, arguments);
+  std::va_list again;
+  va_copy(again, arguments);
+  char usual[kUsualPrint];
+  const int length = std::vsnprintf(usual, sizeof usual, format, arguments);
+  const auto size = static_cast<std::size_t>(std::max(length, 0));
+  std::string text(usual, std::min(size, sizeof usual - 1));
+  if (size >= sizeof usual) {
+    text.resize(size);
+    std::vsnprintf(text.data(), size + 1, format, again);
+  }
+  va_end(again);
   va_end(arguments);
   return text;
 }
@@ -50,17 +60,19 @@ std::string FileNameOf(const char* path) {
   ::_splitpath_s(path, nullptr, 0, nullptr, 0, name.data(), size, extension.data(), size);
   name.resize(std::min(std::strlen(name.c_str()), kLongestNamePart));
   extension.resize(std::min(std::strlen(extension.c_str()), kLongestNamePart));
-  return Print("%s%s", name.c_str(), extension.c_str());
+  return name + extension;
 }
 
-/// What cannot be printed is named by its format: a lost message would hide where things went wrong.
+/// What cannot be printed is named by its format: a lost message would hide where things went wrong. One with
+/// a NUL in it ends there; only a single character can be one, and messages may be long.
 void AppendMessage(std::string& record, const char* format, std::va_list arguments) {
   const std::size_t begin = record.size();
   if (!AppendPrinted(record, format, arguments)) {
     record += "<not printable> ";
     if (format != nullptr) record += format;
   }
-  record.resize(begin + std::strlen(record.c_str() + begin));
+  const bool mayHoldNul = format != nullptr && std::strpbrk(format, "cC") != nullptr;
+  if (mayHoldNul) record.resize(begin + std::strlen(record.c_str() + begin));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <utility>
 
 #include "common/handles.h"
 
@@ -54,16 +55,32 @@ class RefusedFormatsOnlyFail {
 #endif
 };
 
-/// Prints what is longer than usual, or cannot be printed at all.
-std::optional<std::wstring> PrintWideMeasured(const wchar_t* format, std::va_list arguments) {
+/// Prints what is longer than usual behind a text. @return false when it cannot be printed at all.
+bool AppendMeasured(std::string& text, const char* format, std::va_list arguments) {
+  std::va_list measured;
+  va_copy(measured, arguments);
+  const int length = ::_vscprintf_p(format, measured);
+  va_end(measured);
+  if (length < 0) return false;
+  const std::size_t begin = text.size();
+  const std::size_t size = static_cast<std::size_t>(length) + 1;
+  text.resize(begin + size);
+  ::_vsprintf_p(text.data() + begin, size, format, arguments);
+  text.pop_back();
+  return true;
+}
+
+/// The same in the text's place; the arguments may point into it.
+bool PrintWideMeasured(std::wstring& text, const wchar_t* format, std::va_list arguments) {
   std::va_list measured;
   va_copy(measured, arguments);
   const int length = ::_vscwprintf(format, measured);
   va_end(measured);
-  if (length < 0) return std::nullopt;
-  std::wstring text(static_cast<std::size_t>(length), L'\0');
-  ::_vsnwprintf(text.data(), text.size(), format, arguments);
-  return text;
+  if (length < 0) return false;
+  std::wstring printed(static_cast<std::size_t>(length), L'\0');
+  ::_vsnwprintf(printed.data(), printed.size(), format, arguments);
+  text = std::move(printed);
+  return true;
 }
 
 }  // namespace
@@ -71,11 +88,12 @@ std::optional<std::wstring> PrintWideMeasured(const wchar_t* format, std::va_lis
 void AppendWideFromUtf8(std::wstring& text, std::string_view utf8) {
   const LastErrorKeeper keep;
   const int narrowLength = static_cast<int>(utf8.size());
-  const int length = ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), narrowLength, nullptr, 0);
-  if (length < 1) return;
   const std::size_t begin = text.size();
-  text.resize(begin + static_cast<std::size_t>(length));
-  ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), narrowLength, text.data() + begin, length);
+  // No character has more UTF-16 units than bytes of UTF-8, so nobody has to count them first.
+  text.resize(begin + utf8.size());
+  const int length =
+      ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), narrowLength, text.data() + begin, narrowLength);
+  text.resize(begin + static_cast<std::size_t>(std::max(length, 0)));
 }
 
 std::wstring WideFromUtf8(std::string_view text) {
@@ -96,24 +114,18 @@ std::string AnsiFromWide(std::wstring_view text) {
 bool AppendPrinted(std::string& text, const char* format, std::va_list arguments) {
   if (format == nullptr) return false;
   const RefusedFormatsOnlyFail scope;
-  const std::size_t begin = text.size();
+  char usual[kUsualPrint];
   std::va_list again;
   va_copy(again, arguments);
-  text.resize(begin + kUsualPrint);
-  int length = ::_vsprintf_p(text.data() + begin, kUsualPrint, format, arguments);
-  if (length < 0) {
-    std::va_list measured;
-    va_copy(measured, again);
-    length = ::_vscprintf_p(format, measured);
-    va_end(measured);
-    if (length >= 0) {
-      text.resize(begin + static_cast<std::size_t>(length) + 1);
-      ::_vsprintf_p(text.data() + begin, static_cast<std::size_t>(length) + 1, format, again);
-    }
+  const int length = ::_vsprintf_p(usual, kUsualPrint, format, arguments);
+  bool printed = length >= 0;
+  if (printed) {
+    text.append(usual, static_cast<std::size_t>(length));
+  } else {
+    printed = AppendMeasured(text, format, again);
   }
   va_end(again);
-  text.resize(begin + static_cast<std::size_t>(std::max(length, 0)));
-  return length >= 0;
+  return printed;
 }
 
 std::optional<std::string> PrintNarrow(const char* format, std::va_list arguments) {
@@ -122,21 +134,21 @@ std::optional<std::string> PrintNarrow(const char* format, std::va_list argument
   return text;
 }
 
-std::optional<std::wstring> PrintWide(const wchar_t* format, std::va_list arguments) {
-  if (format == nullptr) return std::nullopt;
+bool PrintWide(std::wstring& text, const wchar_t* format, std::va_list arguments) {
+  if (format == nullptr) return false;
   const RefusedFormatsOnlyFail scope;
   wchar_t usual[kUsualPrint];
   std::va_list again;
   va_copy(again, arguments);
-  std::optional<std::wstring> text;
-  int length = ::_vsnwprintf(usual, kUsualPrint, format, arguments);
-  if (length >= 0) {
-    text.emplace(usual, static_cast<std::size_t>(length));
+  const int length = ::_vsnwprintf(usual, kUsualPrint, format, arguments);
+  bool printed = length >= 0;
+  if (printed) {
+    text.assign(usual, static_cast<std::size_t>(length));
   } else {
-    text = PrintWideMeasured(format, again);
+    printed = PrintWideMeasured(text, format, again);
   }
   va_end(again);
-  return text;
+  return printed;
 }
 
 }  // namespace corvel

@@ -199,10 +199,8 @@ void CTString::Format(const char* format, ...) {
 void CTString::Format(const wchar_t* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  // The arguments may point into this very text, so it is replaced only when all is printed.
-  std::wstring printed = PrintWide(format, arguments).value_or(std::wstring());
+  if (!PrintWide(m_WideText, format, arguments)) m_WideText.clear();
   va_end(arguments);
-  m_WideText = std::move(printed);
 }
 
 // The C runtime's own conversion: a number out of range is clamped, where the standard library throws.

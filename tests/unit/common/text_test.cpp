@@ -30,9 +30,12 @@ std::optional<std::string> Print(const char* format, ...) {
 std::optional<std::wstring> Print(const wchar_t* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  auto text = PrintWide(format, arguments);
+  std::wstring text = L"before";
+  const bool printed = PrintWide(text, format, arguments);
   va_end(arguments);
-  return text;
+  if (printed) return text;
+  EXPECT_EQ(text, L"before");
+  return std::nullopt;
 }
 
 TEST(TextConversion, GoesBothWaysBetweenUtf8AndWide) {

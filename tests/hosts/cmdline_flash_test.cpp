@@ -1,11 +1,15 @@
 #include <sstream>
+#include <vector>
 
 #include "hosts/common/text.h"
+#include "simulator/program/debug_log.h"
 #include "tests/hosts/cmdline_test.h"
 
 namespace hosts {
 
+using simulator::DebugRecord;
 using testing::AllOf;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -15,6 +19,10 @@ namespace {
 constexpr char kFast[] = "speed=200";
 /// Slow enough for each stage to be seen.
 constexpr char kStageByStage[] = "speed=60";
+
+MATCHER_P(Trace, message, "is a trace that says this") {
+  return arg.level == "Trace" && arg.message == message;
+}
 
 class FlashTest : public CommandLineTest {
  protected:
@@ -27,6 +35,9 @@ class FlashTest : public CommandLineTest {
     return std::filesystem::exists(workspace.ModemImage()) && std::filesystem::exists(workspace.NvmImage());
   }
   std::string Log() const { return workspace.Content(L"FlashCommandLineLogger_DLL.log"); }
+  std::vector<DebugRecord> Records() const {
+    return simulator::ReadDebugLog(workspace.File(L"FlashCommandLineLogger_DLL.log"));
+  }
   /// Waits until the library has written what it writes before it waits for a request.
   bool AwaitsRequest(ChildProcess& host) const {
     while (Log().find("Monitor flash ready flag") == std::string::npos) {
@@ -145,13 +156,13 @@ TEST_F(FlashTest, TakesTheBusOfTheConfigurationUnlessToldOtherwise) {
     workspace.WriteConfiguration("[IPCTYPE]=", configured);
     workspace.PutImages();
     Flash(more);
-    return Log();
+    return Records();
   };
   workspace.MakeVirtualPc({kFast});
-  EXPECT_THAT(busOf(L"PCIE", {}), HasSubstr("\t IPC Type :PCIE"));
-  EXPECT_THAT(busOf(L"pcie", {}), HasSubstr("\t IPC Type :USB"));
-  EXPECT_THAT(busOf(L"PCIE", {L"--ipc", L"usb"}), HasSubstr("\t IPC Type :USB"));
-  EXPECT_THAT(busOf(L"USB", {L"--ipc", L"pcie"}), HasSubstr("\t IPC Type :PCIE"));
+  EXPECT_THAT(busOf(L"PCIE", {}), Contains(Trace("\t IPC Type :PCIE")));
+  EXPECT_THAT(busOf(L"pcie", {}), Contains(Trace("\t IPC Type :USB")));
+  EXPECT_THAT(busOf(L"PCIE", {L"--ipc", L"usb"}), Contains(Trace("\t IPC Type :USB")));
+  EXPECT_THAT(busOf(L"USB", {L"--ipc", L"pcie"}), Contains(Trace("\t IPC Type :PCIE")));
 }
 
 TEST_F(FlashTest, RepeatsAFailedDownload) {
@@ -220,13 +231,14 @@ TEST_F(FlashTest, FailsAndKeepsTheImagesWhenNoDownloadCanBeStarted) {
 TEST_F(FlashTest, HandsTheBusToTheLibrary) {
   workspace.MakeVirtualPc({kFast});
   EXPECT_EQ(Flash({L"--ipc", L"pcie"}).exitCode, 0);
-  EXPECT_THAT(Log(), HasSubstr("\t IPC Type :PCIE"));
+  EXPECT_THAT(Records(), Contains(Trace("\t IPC Type :PCIE")));
 }
 
 TEST_F(FlashTest, KeepsItsRecordsOutOfTheServicesLog) {
   workspace.MakeVirtualPc({kFast});
   EXPECT_EQ(Flash().exitCode, 0);
-  EXPECT_THAT(Log(), AllOf(HasSubstr("Start LoadConfig ++"), HasSubstr("++ MainThreadImplementation")));
+  EXPECT_THAT(Records(),
+              AllOf(Contains(Trace("Start LoadConfig ++")), Contains(Trace("++ MainThreadImplementation"))));
   EXPECT_FALSE(workspace.Holds(L"FlashServiceDebugLogger_DLL.log"));
 }
 

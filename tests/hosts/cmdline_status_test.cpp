@@ -150,6 +150,15 @@ TEST_F(StatusTest, OpensNoConfigurationWhileAServiceStarts) {
   EXPECT_EQ(ErrorCode(service.output), "service_starting");
 }
 
+TEST_F(StatusTest, WatchIsSilentWhileNothingChanges) {
+  ChildProcess watcher(workspace.CommandLineHost(), {L"status", L"--watch", L"--json"});
+  ASSERT_TRUE(watcher.Says("\"never raised\""));
+  key.Write(L"Flash_Progress", 11);
+  ASSERT_TRUE(watcher.Says("\"11 % of the images are written\""));
+  // More than one of its looks at what announces nothing.
+  EXPECT_FALSE(watcher.Says(watcher.Output() + "{", std::chrono::milliseconds(2500)));
+}
+
 TEST_F(StatusTest, WatchPrintsALineOfJsonPerChangeUntilItIsInterrupted) {
   ChildProcess watcher(workspace.CommandLineHost(), {L"status", L"--watch", L"--json"});
   ASSERT_TRUE(watcher.Says("\"never raised\""));

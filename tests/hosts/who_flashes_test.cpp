@@ -194,6 +194,13 @@ TEST_F(ServiceInTheWayTest, IsNoneWhoseProcessHasDiedBeforeTheManagerNoticed) {
   EXPECT_EQ(Found(), "");
 }
 
+/// Only one that starts has none yet.
+TEST_F(ServiceInTheWayTest, IsNoneThatTheManagerCallsRunningWithoutAProcess) {
+  ShowJob(key);
+  g_manager.processId = 0;
+  EXPECT_EQ(Found(), "");
+}
+
 HANDLE WINAPI DenyProcess(DWORD, BOOL, DWORD) {
   ::SetLastError(ERROR_ACCESS_DENIED);
   return nullptr;

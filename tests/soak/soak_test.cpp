@@ -36,6 +36,12 @@ using RealClock = std::chrono::steady_clock;
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr auto kPatience = 60s;
 
+/// Tells records that are traces with this message.
+auto IsTrace(std::string_view message) {
+  return
+      [message](const DebugRecord& record) { return record.level == "Trace" && record.message == message; };
+}
+
 class SoakTest : public ServiceInVirtualPc {
  protected:
   SoakTest() : ServiceInVirtualPc(L"soak") {}
@@ -59,7 +65,8 @@ class SoakTest : public ServiceInVirtualPc {
 
   /// How often the service saw the raised flag.
   std::ptrdiff_t CountRequestsHeard() const {
-    return std::ranges::count(Log(), "\t flash flag changed to 1", &DebugRecord::message);
+    const auto log = Log();
+    return std::ranges::count_if(log, IsTrace("\t flash flag changed to 1"));
   }
 
   /// One whole flash, up to the service's next wait.
@@ -133,7 +140,8 @@ std::string Differences(const HeapCensus& before, const HeapCensus& after) {
 /// Reads of the registry that opened the key: each leaves its handle open, which is how it is meant to be.
 int KeysLeftOpen(const std::vector<DebugRecord>& log) {
   return static_cast<int>(std::ranges::count_if(log, [](const DebugRecord& record) {
-    return record.function == "ToolKit::ReadRegistry" && record.message.starts_with("\t Read regedit ");
+    return record.level == "Trace" && record.function == "ToolKit::ReadRegistry" &&
+           record.message.starts_with("\t Read regedit ");
   }));
 }
 
@@ -157,7 +165,7 @@ class HundredFlashes : public SoakTest {
   /// The service has done everything that it does before it waits.
   bool IsAtRest() const {
     const auto log = Log();
-    return !log.empty() && log.back().message == "\t WaitForSingleObject, wait registry to be changed...";
+    return !log.empty() && IsTrace("\t WaitForSingleObject, wait registry to be changed...")(log.back());
   }
 
   /// Until the service is idle and the threads whose end nobody waits for are gone.
@@ -291,7 +299,7 @@ TEST_F(Waiting, AFlagThatIsUpAlreadyStartsTheJobAtOnce) {
   EXPECT_TRUE(Becomes([this] { return m_Key.Read().result == 3u && m_Key.Read().ready == 0u; }));
   // No change of the key ended the wait: the first round was enough.
   const auto log = Log();
-  EXPECT_EQ(std::ranges::count(log, "\t flash flag changed to 1", &DebugRecord::message), 1);
+  EXPECT_EQ(std::ranges::count_if(log, IsTrace("\t flash flag changed to 1")), 1);
   EXPECT_EQ(
       std::ranges::count_if(
           log, [](const auto& record) { return record.message.starts_with("\t flash flag changed to "); }),

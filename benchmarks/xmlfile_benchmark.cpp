@@ -194,7 +194,7 @@ class XmlBenchmark {
   }
 
   ComPtr<IXMLDOMDocument> Load() const {
-    const ComPtr<IXMLDOMDocument> document = NewDocument();
+    ComPtr<IXMLDOMDocument> document = NewDocument();
     VARIANT_BOOL loaded = VARIANT_FALSE;
     Need(document->load(Text(m_Path).AsVariant(), &loaded));
     if (loaded == VARIANT_FALSE) throw std::runtime_error("the document did not load");

@@ -154,9 +154,12 @@ ExitStatus Run(std::vector<std::string> words) {
 
 }  // namespace simulator
 
-int main() {
+int main() try {
   // Lines end as the reader's own do, whichever system reads them.
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
   return static_cast<int>(simulator::Run(hosts::CommandLineWords()));
+} catch (const std::exception& error) {
+  std::cerr << "cmdline_simulator: " << error.what() << std::endl;
+  return static_cast<int>(simulator::ExitStatus::CouldNotRun);
 }

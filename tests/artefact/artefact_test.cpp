@@ -12,6 +12,7 @@
 #include <array>
 #include <cctype>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -23,7 +24,7 @@
 
 namespace {
 
-constexpr std::uintmax_t kLargestLibrary = 2 * 1024 * 1024;
+constexpr std::uintmax_t kLargestLibrary = std::uintmax_t{2} * 1024 * 1024;
 
 constexpr char kLibraryName[] = "CorvelToolKit.dll";
 constexpr char kCommandLineName[] = "corvel_cmdline.exe";
@@ -232,8 +233,11 @@ int PrintExports() {
 
 }  // namespace
 
-int main(int count, char** arguments) {
+int main(int count, char** arguments) try {
   if (count == 2 && std::string_view(arguments[1]) == "--print-exports") return PrintExports();
   testing::InitGoogleMock(&count, arguments);
   return RUN_ALL_TESTS();
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "artefact_test: %s\n", error.what());
+  return 1;
 }

@@ -88,12 +88,14 @@ void MutexIsOwned() {
 }
 
 void RecordsAreKeptByTheHost() {
+  constexpr int kRecords = 20;
   std::vector<XML_NAME_VALUE> records;
-  for (int i = 0; i < 20; ++i) records.emplace_back(CTString(kLongText), CTString(i), VT_UI2);
+  records.reserve(kRecords);
+  for (int i = 0; i < kRecords; ++i) records.emplace_back(CTString(kLongText), CTString(i), VT_UI2);
   XML_NAME_VALUE moved(std::move(records.front()));
   records.front() = records.back();
   records.back() = std::move(moved);
-  Expect(records.front().Value().uiVal == 19 && records.back().Value().uiVal == 0,
+  Expect(records.front().Value().uiVal == kRecords - 1 && records.back().Value().uiVal == 0,
          "records that changed places");
   Expect(records.back().Name() == kLongText, "the name of a record");
 }

@@ -292,7 +292,7 @@ class Campaign {
   std::string SoundJob() {
     m_Service.LayImage(++m_Images);
     const JobEnd end = m_Service.Run();
-    if (const std::string finding = Judge(end); !finding.empty()) return finding;
+    if (std::string finding = Judge(end); !finding.empty()) return finding;
     return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
   }
 

@@ -100,7 +100,7 @@ class Host {
   /// What a request that stood when the process died has come to; and one that did not.
   std::string JudgeRecovery(const hosts::Handshake& before) {
     const JobEnd end = m_Service.Look(true);
-    const std::string modem = std::string("the modem is ") + NameOf(end.modem);
+    std::string modem = std::string("the modem is ") + NameOf(end.modem);
     if (before.ready == 1u && !end.Succeeded()) return "the job is not done by the new host, " + modem;
     if (before.ready != 1u && !end.values.Is(hosts::FlashResult::Idle))
       return "the new host tells of an old job";
@@ -182,7 +182,7 @@ class Kills {
       std::fflush(stdout);
       // Nothing of it may hide what comes.
       m_Folder.emplace();
-      m_Key.emplace(kPath, false);
+      m_Key.emplace(m_Path, false);
       status = Start(killAt);
     }
     if (status == kKilled) ++summary.kills;
@@ -197,15 +197,15 @@ class Kills {
                                     L"--kill-at",
                                     std::to_wstring(killAt),
                                     L"--key",
-                                    kPath};
+                                    m_Path};
     if (g_options.torn > 0) words.push_back(L"--in-item");
     const ChildResult child = RunChild(m_Folder->Program(), words, kProcessLimit);
     return child.exitCode;
   }
 
-  const std::wstring kPath = L"Software\\Corvel\\Test\\kill-" + std::to_wstring(::GetCurrentProcessId());
+  const std::wstring m_Path = L"Software\\Corvel\\Test\\kill-" + std::to_wstring(::GetCurrentProcessId());
   std::optional<WorkFolder> m_Folder{std::in_place};
-  std::optional<SessionKey> m_Key{std::in_place, kPath, false};
+  std::optional<SessionKey> m_Key{std::in_place, m_Path, false};
   std::string m_Before = "nowhere";
 };
 

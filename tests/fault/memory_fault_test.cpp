@@ -148,7 +148,7 @@ class LackOfMemory : public ServiceInVirtualPc {
     })) << "the job neither ends nor goes on";
     FailingAllocations::Restore();
     EXPECT_TRUE(Becomes(over)) << "the service does not wait for the next request";
-    const auto result = m_Key.Read().result;
+    std::optional<std::uint32_t> result = m_Key.Read().result;
     EXPECT_TRUE(result == Code(hosts::FlashResult::Failed) || result == Code(hosts::FlashResult::Succeeded))
         << "result " << result.value_or(~0u);
     if (result == Code(hosts::FlashResult::Succeeded)) ExpectInModem(image);

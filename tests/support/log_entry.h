@@ -20,8 +20,10 @@ inline void PrintTo(const LogEntry& entry, std::ostream* stream) {
 }
 
 inline std::vector<LogEntry> EntriesOf(const TestLog& log) {
+  const std::vector<LogRecord> records = log.Records();
   std::vector<LogEntry> entries;
-  for (const LogRecord& record : log.Records()) {
+  entries.reserve(records.size());
+  for (const LogRecord& record : records) {
     entries.push_back({record.level, record.function, record.message});
   }
   return entries;

@@ -33,9 +33,11 @@ inline std::vector<LogRecord> ReadLog(const std::filesystem::path& path) {
   for (std::size_t from = 0, to = 0; (to = all.find(end, from)) != std::string::npos;
        from = to + end.size()) {
     // Date, time, process and thread, component, level, file, line, function; the rest is the message.
+    constexpr std::size_t kFields = 8;
     std::vector<std::string> fields;
+    fields.reserve(kFields);
     std::size_t begin = from;
-    while (fields.size() < 8) {
+    while (fields.size() < kFields) {
       const std::size_t tab = all.find('\t', begin);
       fields.push_back(all.substr(begin, tab - begin));
       begin = tab + 1;
@@ -52,6 +54,7 @@ inline std::string Marked(const LogRecord& record) {
 }
 inline std::vector<std::string> MarkedMessagesOf(const std::vector<LogRecord>& records) {
   std::vector<std::string> marked;
+  marked.reserve(records.size());
   for (const LogRecord& record : records) marked.push_back(Marked(record));
   return marked;
 }
@@ -59,6 +62,7 @@ inline std::vector<std::string> MarkedMessagesOf(const std::vector<LogRecord>& r
 /// The function fields of the records, in their order.
 inline std::vector<std::string> FunctionsOf(const std::vector<LogRecord>& records) {
   std::vector<std::string> functions;
+  functions.reserve(records.size());
   for (const LogRecord& record : records) functions.push_back(record.function);
   return functions;
 }

@@ -29,6 +29,7 @@ constexpr std::uintmax_t kLargestLibrary = std::uintmax_t{2} * 1024 * 1024;
 constexpr char kLibraryName[] = "CorvelToolKit.dll";
 constexpr char kCommandLineName[] = "corvel_cmdline.exe";
 constexpr char kServiceName[] = "corvel_service.exe";
+constexpr char kFlashlogName[] = "corvel_flashlog.exe";
 
 // Parts of every Windows 10, the system's own C runtime among them; and the library itself, which the command
 // line is linked to.
@@ -148,7 +149,8 @@ TEST_P(ShippedFile, CarriesTheProjectsVersion) {
   EXPECT_EQ(version.Text(L"OriginalFilename"), GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(EachOf, ShippedFile, testing::Values(kLibraryName, kCommandLineName, kServiceName),
+INSTANTIATE_TEST_SUITE_P(EachOf, ShippedFile,
+                         testing::Values(kLibraryName, kCommandLineName, kServiceName, kFlashlogName),
                          [](const auto& tested) {
                            return std::filesystem::path(tested.param).stem().string();
                          });
@@ -168,7 +170,8 @@ TEST_P(ShippedProgram, LeavesTheCodePageToTheSystem) {
   EXPECT_THAT(ManifestOf(Path()), testing::Not(testing::HasSubstr("<activeCodePage")));
 }
 
-INSTANTIATE_TEST_SUITE_P(EachOf, ShippedProgram, testing::Values(kCommandLineName, kServiceName),
+INSTANTIATE_TEST_SUITE_P(EachOf, ShippedProgram,
+                         testing::Values(kCommandLineName, kServiceName, kFlashlogName),
                          [](const auto& tested) {
                            return std::filesystem::path(tested.param).stem().string();
                          });

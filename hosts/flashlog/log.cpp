@@ -1,0 +1,116 @@
+#include "hosts/flashlog/log.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "hosts/common/text.h"
+
+namespace hosts::flashlog {
+
+namespace {
+
+bool IsUtf8(std::string_view text) {
+  return ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
+                               nullptr, 0) != 0;
+}
+
+template <typename... Values>
+std::string Formatted(const char* format, Values... values) {
+  std::array<char, 64> text{};
+  const int length = std::snprintf(text.data(), text.size(), format, values...);
+  return {text.data(), static_cast<std::size_t>(std::max(length, 0))};
+}
+
+}  // namespace
+
+Log::Log(std::string name, std::optional<std::size_t> mostOthers)
+    : m_Name(std::move(name)), m_Reader([this](const Record& record) { TakeRecord(record); }) {
+  if (mostOthers) m_Store.emplace(*mostOthers);
+}
+
+void Log::Take(std::string_view bytes) {
+  m_Size += bytes.size();
+  m_Reader.Take(bytes);
+}
+
+void Log::Finish(bool goesOn) {
+  m_Reader.Finish();
+  m_Tracker.Finish(goesOn);
+}
+
+const std::vector<KeptRecord>& Log::Kept() {
+  static const std::vector<KeptRecord> none;
+  return m_Store ? m_Store->Records() : none;
+}
+
+void Log::TakeRecord(const Record& record) {
+  switch (record.flaw) {
+    case Flaw::Foreign:
+      ++m_Flaws.foreign;
+      break;
+    case Flaw::Malformed:
+      ++m_Flaws.malformed;
+      break;
+    case Flaw::Truncated:
+      ++m_Flaws.truncated;
+      break;
+    case Flaw::Cut:
+      ++m_Flaws.cut;
+      break;
+    case Flaw::None:
+      break;
+  }
+  if (record.flaw != Flaw::Foreign) {
+    ++m_Records;
+    if (!m_Begin) m_Begin = record.time;
+    m_End = record.time;
+  }
+  const Place place = m_Tracker.Take(record);
+  if (m_Store) m_Store->Take(record, place);
+  if (m_Watcher) m_Watcher(record, place);
+}
+
+std::string TimeText(Milliseconds time) {
+  return TimeTextToSeconds(time) + Formatted(".%03d", static_cast<int>(time % 1000));
+}
+
+std::string TimeTextToSeconds(Milliseconds time) {
+  const std::chrono::sys_days day(std::chrono::floor<std::chrono::days>(
+      std::chrono::sys_time<std::chrono::milliseconds>(std::chrono::milliseconds(time))));
+  const std::chrono::year_month_day date(day);
+  return Formatted("%04d-%02u-%02u ", static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                   static_cast<unsigned>(date.day())) +
+         ClockText(time).substr(0, 8);
+}
+
+std::string ClockText(Milliseconds time) {
+  const Milliseconds inDay = ((time % 86'400'000) + 86'400'000) % 86'400'000;
+  return Formatted("%02d:%02d:%02d.%03d", static_cast<int>(inDay / 3'600'000),
+                   static_cast<int>(inDay / 60'000 % 60), static_cast<int>(inDay / 1000 % 60),
+                   static_cast<int>(inDay % 1000));
+}
+
+std::string DurationText(Milliseconds duration) {
+  const Milliseconds tenths = (duration + 50) / 100;
+  if (tenths < 1000)
+    return Formatted("%d.%d s", static_cast<int>(tenths / 10), static_cast<int>(tenths % 10));
+  const Milliseconds seconds = (duration + 500) / 1000;
+  if (seconds < 3600) {
+    return Formatted("%d min %02d s", static_cast<int>(seconds / 60), static_cast<int>(seconds % 60));
+  }
+  return Formatted("%d h %02d min", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60));
+}
+
+std::string ReadableText(std::string_view text) {
+  std::string readable = text.empty() || IsUtf8(text) ? std::string(text) : ToUtf8(FromAnsi(text));
+  for (char& letter : readable) {
+    if (static_cast<unsigned char>(letter) < ' ') letter = letter == '\n' ? '\n' : ' ';
+  }
+  return readable;
+}
+
+}  // namespace hosts::flashlog

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hosts/flashlog/job_tracker.h"
+#include "hosts/flashlog/log_reader.h"
+#include "hosts/flashlog/record_store.h"
+
+namespace hosts::flashlog {
+
+/// How many pieces of a log have a flaw of each kind.
+struct FlawCounts {
+  std::uint64_t foreign = 0;
+  std::uint64_t malformed = 0;
+  std::uint64_t truncated = 0;
+  std::uint64_t cut = 0;
+
+  std::uint64_t Sum() const { return foreign + malformed + truncated + cut; }
+};
+
+/// One log: its jobs, its counts and, when they are wanted, its records.
+class Log {
+ public:
+  using Watcher = std::function<void(const Record&, const Place&)>;
+
+  /// @param name       what people know the log by
+  /// @param mostOthers how many records besides errors, warnings and stages are kept; nothing keeps none at
+  /// all.
+  Log(std::string name, std::optional<std::size_t> mostOthers);
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+
+  /// Tells of each record as it is read.
+  void Watch(Watcher watcher) { m_Watcher = std::move(watcher); }
+
+  void Take(std::string_view bytes);
+  /// There is no more. @param goesOn the log began anew: a job that has not ended will not any more.
+  void Finish(bool goesOn = false);
+
+  const std::string& Name() const { return m_Name; }
+  std::uint64_t Size() const { return m_Size; }
+  std::uint64_t Records() const { return m_Records; }
+  const FlawCounts& Flaws() const { return m_Flaws; }
+  /// Of the first and the last record; nothing without any.
+  std::optional<Milliseconds> Begin() const { return m_Begin; }
+  Milliseconds End() const { return m_End; }
+  const std::vector<Job>& Jobs() const { return m_Tracker.Jobs(); }
+  const std::vector<KeptRecord>& Kept();
+
+ private:
+  void TakeRecord(const Record& record);
+
+  std::string m_Name;
+  LogReader m_Reader;
+  JobTracker m_Tracker;
+  std::optional<RecordStore> m_Store;
+  Watcher m_Watcher;
+  std::uint64_t m_Size = 0;
+  std::uint64_t m_Records = 0;
+  FlawCounts m_Flaws;
+  std::optional<Milliseconds> m_Begin;
+  Milliseconds m_End = 0;
+};
+
+/// "2026-11-15 23:04:11.042", or without its last places.
+std::string TimeText(Milliseconds time);
+std::string TimeTextToSeconds(Milliseconds time);
+/// "23:04:11.042".
+std::string ClockText(Milliseconds time);
+/// "0.4 s", "27.8 s", "3 min 05 s", "2 h 03 min".
+std::string DurationText(Milliseconds duration);
+/// In UTF-8 and without control characters; what is not UTF-8 is taken for the system's code page.
+std::string ReadableText(std::string_view text);
+
+}  // namespace hosts::flashlog

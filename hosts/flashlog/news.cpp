@@ -1,0 +1,37 @@
+#include "hosts/flashlog/news.h"
+
+#include <utility>
+
+namespace hosts::flashlog {
+
+std::string News::Behind(const Log& log, const Record& record, const Place& place) {
+  std::string lines;
+  const bool isError = record.level == Level::Error &&
+                       (place.trouble == nullptr || place.trouble->kind != TroubleKind::Harmless);
+  if (isError) lines += Line(record.time, "error: " + ReadableText(record.message));
+  if (log.Jobs().empty()) return lines;
+  const Job& job = log.Jobs().back();
+  if (log.Jobs().size() != m_Jobs) {
+    lines += Line(job.begin, "flash " + std::to_string(job.number) + " begins");
+    m_Jobs = log.Jobs().size();
+    m_Stages = 0;
+    m_State = JobState::Running;
+  }
+  for (; m_Stages < job.stages.size(); ++m_Stages) {
+    const Stage& stage = job.stages[m_Stages];
+    std::string text = NameOf(stage.kind);
+    if (stage.attempt != 0) text += ", attempt " + std::to_string(stage.attempt);
+    lines += Line(stage.begin, text);
+  }
+  if (job.state != m_State) {
+    m_State = job.state;
+    lines += Line(job.end, "flash " + std::to_string(job.number) + " " + NameOf(job.state));
+  }
+  return lines;
+}
+
+std::string News::Line(Milliseconds time, const std::string& text) const {
+  return ClockText(time) + "  " + (m_Name.empty() ? "" : m_Name + "  ") + text + "\n";
+}
+
+}  // namespace hosts::flashlog

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "hosts/flashlog/log.h"
+
+namespace hosts::flashlog {
+
+/// Tells in lines what happens in a log that grows: jobs, stages, errors, ends.
+class News {
+ public:
+  /// @param name what each line begins with; empty with one log alone.
+  explicit News(std::string name) : m_Name(std::move(name)) {}
+
+  /// What there is to tell behind a record, each line with its end; mostly nothing.
+  std::string Behind(const Log& log, const Record& record, const Place& place);
+
+ private:
+  std::string Line(Milliseconds time, const std::string& text) const;
+
+  std::string m_Name;
+  std::size_t m_Jobs = 0;
+  std::size_t m_Stages = 0;
+  JobState m_State = JobState::Running;
+};
+
+}  // namespace hosts::flashlog

@@ -1,0 +1,685 @@
+"use strict";
+
+// --- The data ----------------------------------------------------------------------------------------------
+
+const data = JSON.parse(document.getElementById("data").textContent);
+const lowerMessages = data.messages.map((text) => text.toLowerCase());
+const MomentKinds = ["reset", "retry", "item"];
+const kMostCards = 8;
+const kPageOfRecords = 400;
+
+/** Undoes the columns of differences that the records of a log come in. */
+function unpack(log, logIndex) {
+  const columns = log.records;
+  const records = [];
+  let end = 0, time = columns.begin, sizes = 0;
+  for (let i = 0; i < columns.sites.length; ++i) {
+    const offset = end + columns.offsets[i];
+    time += columns.times[i];
+    const record = {log: logIndex, offset, time, job: columns.jobs[i]};
+    if (columns.sites[i] < 0) {
+      record.leftOut = columns.threads[i];
+      record.size = columns.texts[i];
+    } else {
+      const [source, line, func, level, flaw, stage, trouble] = columns.site_table[columns.sites[i]];
+      Object.assign(record, {source, line, func, level, flaw, stage, text: columns.texts[i], size: columns.sizes[sizes++],
+                             thread: columns.thread_table[columns.threads[i]].join("~"), cut: columns.cut[i] || 0,
+                             trouble: trouble < 0 ? null : data.troubles[trouble]});
+    }
+    end = offset + record.size;
+    records.push(record);
+  }
+  return records;
+}
+
+const logs = data.logs;
+const records = [];
+const jobs = [];
+logs.forEach((log, index) => {
+  log.first = records.length;
+  for (const record of unpack(log, index)) records.push(record);
+  log.last = records.length;
+  for (const job of log.jobs) jobs.push(Object.assign(job, {log: index, end: job.begin + job.length}));
+});
+records.forEach((record, index) => { record.index = index; });
+
+const isHarmless = (record) => record.trouble !== null && record.trouble[0] === "harmless";
+const messageOf = (record) => data.messages[record.text];
+
+/** The record at a place of a log, or the last one in front of it. */
+function recordAt(logIndex, offset) {
+  let low = logs[logIndex].first, high = logs[logIndex].last - 1;
+  while (low < high) {
+    const middle = (low + high + 1) >> 1;
+    if (records[middle].offset <= offset) low = middle;
+    else high = middle - 1;
+  }
+  return records[low];
+}
+
+function recordsOf(job) {
+  const own = [];
+  for (let i = logs[job.log].first; i < logs[job.log].last; ++i) {
+    if (records[i].job === job.number && !records[i].leftOut) own.push(records[i]);
+  }
+  return own;
+}
+
+// --- Words -------------------------------------------------------------------------------------------------
+
+const two = (number) => String(number).padStart(2, "0");
+function clock(time, thousandths = true) {
+  const date = new Date(time);
+  const text = `${two(date.getUTCHours())}:${two(date.getUTCMinutes())}:${two(date.getUTCSeconds())}`;
+  return thousandths ? `${text}.${String(date.getUTCMilliseconds()).padStart(3, "0")}` : text;
+}
+function day(time) {
+  const date = new Date(time);
+  return `${date.getUTCFullYear()}-${two(date.getUTCMonth() + 1)}-${two(date.getUTCDate())}`;
+}
+const moment = (time) => `${day(time)} ${clock(time, false)}`;
+function duration(milliseconds) {
+  const tenths = Math.round(milliseconds / 100);
+  if (tenths < 1000) return `${(tenths / 10).toFixed(1)} s`;
+  const seconds = Math.round(milliseconds / 1000);
+  if (seconds < 3600) return `${Math.floor(seconds / 60)} min ${two(seconds % 60)} s`;
+  return `${Math.floor(seconds / 3600)} h ${two(Math.floor(seconds / 60) % 60)} min`;
+}
+const grouped = (number) => String(number).replace(/\B(?=(\d{3})+$)/g, "\u202f");
+const counted = (number, one, many = `${one}s`) => `${grouped(number)} ${number === 1 ? one : many}`;
+function size(bytes) {
+  if (bytes < 1e4) return `${bytes} bytes`;
+  return bytes < 1e7 ? `${Math.round(bytes / 1e3)} kB` : `${Math.round(bytes / 1e6)} MB`;
+}
+
+// --- Elements ----------------------------------------------------------------------------------------------
+
+function fill(element, properties, children) {
+  for (const [name, value] of Object.entries(properties || {})) {
+    if (name.startsWith("on")) element.addEventListener(name.slice(2), value);
+    else if (value !== null && value !== false) element.setAttribute(name, value === true ? "" : value);
+  }
+  element.append(...children.filter((child) => child !== null && child !== undefined));
+  return element;
+}
+const html = (tag, properties, ...children) => fill(document.createElement(tag), properties, children);
+const svg = (tag, properties, ...children) =>
+  fill(document.createElementNS("http://www.w3.org/2000/svg", tag), properties, children);
+const byId = (id) => document.getElementById(id);
+const stageToken = (kind) => data.stages[kind][0];
+const stageName = (kind) => data.stages[kind][1];
+const stageColour = (kind) => `var(--s-${stageToken(kind)})`;
+
+// --- Head --------------------------------------------------------------------------------------------------
+
+function drawHead() {
+  const failed = jobs.filter((job) => job.state !== "succeeded" && job.state !== "running").length;
+  const name = logs.length === 1 ? logs[0].name.split(/[\\/]/).pop() : counted(logs.length, "flash log");
+  byId("title").textContent = name;
+  document.title = `${name}: ${counted(jobs.length, "flash", "flashes")}`;
+  const began = Math.min(...logs.filter((log) => log.count > 0).map((log) => log.records.begin));
+  const ended = Math.max(...logs.map((log) => log.end));
+  const parts = [counted(jobs.length, "flash", "flashes") + (failed > 0 ? `, ${failed} not good` : ""),
+                 counted(logs.reduce((sum, log) => sum + log.count, 0), "record"),
+                 size(logs.reduce((sum, log) => sum + log.size, 0))];
+  if (Number.isFinite(began)) parts.push(`${moment(began)} to ${moment(ended)}`);
+  byId("summary").textContent = parts.join(" \u00b7 ");
+  byId("made").textContent = `Made by corvel_flashlog ${data.program}. Times are local to the PC that wrote the log.`;
+
+  const words = {foreign: "foreign line", malformed: "malformed record", truncated: "truncated record",
+                 cut: "overlong record"};
+  const lines = logs.map((log) => {
+    const found = Object.entries(log.flaws).filter(([, count]) => count > 0)
+      .map(([kind, count]) => counted(count, words[kind]));
+    return found.length === 0 ? null : (logs.length > 1 ? `${log.name}: ` : "") + `Not in order: ${found.join(", ")}.`;
+  }).filter((line) => line !== null);
+  if (lines.length === 0) return;
+  byId("flaws").hidden = false;
+  byId("flaws").append(...lines.map((line) => html("p", {}, line)));
+}
+
+// --- Overview ----------------------------------------------------------------------------------------------
+
+function reasonOf(job) {
+  if (job.reason === null) return null;
+  const record = recordAt(job.log, job.reason);
+  return record.offset === job.reason && !record.leftOut ? record : null;
+}
+
+function strip(job, longest) {
+  const bar = html("div", {class: "strip", "aria-hidden": "true"});
+  for (const [kind, , begin, length] of job.stages) {
+    const part = html("i");
+    part.style.left = `${100 * begin / longest}%`;
+    part.style.width = `${100 * length / longest}%`;
+    part.style.background = stageColour(kind);
+    bar.append(part);
+  }
+  return bar;
+}
+
+function drawOverview() {
+  if (jobs.length < 2) return;
+  byId("overview").hidden = false;
+  const longest = Math.max(1, ...jobs.map((job) => job.length));
+  const many = logs.length > 1;
+  const heads = [many ? "Log" : null, "#", "Start", "Took", "Attempts", "Result", "On one scale", "First error"];
+  const rows = jobs.map((job, index) => {
+    const reason = reasonOf(job);
+    const open = () => showJob(index, true);
+    return html("tr", {"data-job": index, onclick: open},
+                many ? html("td", {}, logs[job.log].name.split(/[\\/]/).slice(-2).join("/")) : null,
+                html("td", {class: "number"}, html("button", {type: "button", "aria-label": `Show flash ${job.number}`},
+                                                   String(job.number))),
+                html("td", {class: "time"}, moment(job.begin)),
+                html("td", {class: "number"}, duration(job.length)),
+                html("td", {class: "number"}, String(job.attempts.length)),
+                html("td", {}, html("span", {class: `badge ${job.state}`}, job.state_name)),
+                html("td", {}, strip(job, longest)),
+                html("td", {class: "why", title: reason ? messageOf(reason) : ""},
+                     job.state === "succeeded" || !reason ? "" : (reason.trouble ? reason.trouble[1] : messageOf(reason))));
+  });
+  byId("overview-table").append(
+    html("thead", {}, html("tr", {}, ...heads.map((head) => head === null ? null :
+      html("th", {scope: "col", class: ["#", "Took", "Attempts"].includes(head) ? "number" : null}, head)))),
+    html("tbody", {}, ...rows));
+}
+
+// --- Timelines ---------------------------------------------------------------------------------------------
+
+const cards = new Map();  // of a job's index
+
+function showJob(index, scroll) {
+  if (!cards.has(index)) {
+    if (cards.size >= kMostCards) {
+      const [oldest, card] = cards.entries().next().value;
+      card.element.remove();
+      cards.delete(oldest);
+    }
+    const card = {index, element: drawCard(jobs[index])};
+    cards.set(index, card);
+    const next = [...cards.keys()].filter((other) => other > index).sort((a, b) => a - b)[0];
+    byId("jobs").insertBefore(card.element, next === undefined ? null : cards.get(next).element);
+    drawTimeline(jobs[index]);
+  }
+  for (const row of document.querySelectorAll("#overview-table tr[data-job]")) {
+    row.setAttribute("aria-current", String(jobs.length > kMostCards && cards.has(Number(row.dataset.job))));
+  }
+  const card = cards.get(index).element;
+  if (scroll) card.scrollIntoView({block: "start"});
+  return card;
+}
+
+function drawReason(job) {
+  const record = reasonOf(job);
+  if (record === null) return null;
+  const good = job.state === "succeeded";
+  return html("div", {class: good ? "reason mild" : "reason"},
+              html("p", {class: "said"}, `${clock(record.time)}  ${messageOf(record)}`),
+              record.trouble ? html("p", {}, record.trouble[1]) : null,
+              record.trouble && !good ? html("p", {class: "do"}, record.trouble[2]) : null,
+              html("button", {type: "button", class: "link", onclick: () => goToRecord(record)}, "Show the record"));
+}
+
+function drawStageTable(job) {
+  const rows = job.stages.map(([kind, attempt, begin, length, limit, offset]) => {
+    const used = limit === 0 ? 0 : Math.min(100, 100 * length / limit);
+    const bar = html("span", {class: length >= limit ? "used over" : "used"}, html("i"));
+    bar.firstChild.style.width = `${used}%`;
+    const swatch = html("span", {class: "swatch"});
+    swatch.style.background = stageColour(kind);
+    return html("tr", {},
+                html("td", {}, swatch, html("button", {type: "button", class: "link",
+                                                       onclick: () => goToRecord(recordAt(job.log, offset))}, stageName(kind))),
+                html("td", {class: "number"}, attempt === 0 ? "" : String(attempt)),
+                html("td", {class: "time"}, clock(job.begin + begin)),
+                html("td", {class: "number"}, duration(length)),
+                limit === 0 ? html("td") : html("td", {}, bar, `of ${limit / 1000} s`));
+  });
+  return html("details", {},
+              html("summary", {}, `${counted(job.stages.length, "stage")} in a table`),
+              html("div", {class: "scroll"}, html("table", {class: "stages"},
+                html("thead", {}, html("tr", {}, ...["Stage", "Attempt", "Start", "Took", "Time limit"].map(
+                  (head) => html("th", {scope: "col", class: head === "Attempt" || head === "Took" ? "number" : null}, head)))),
+                html("tbody", {}, ...rows))));
+}
+
+function drawCard(job) {
+  const facts = [moment(job.begin), duration(job.length), counted(job.attempts.length, "attempt"),
+                 job.state === "succeeded" ? null : `${job.highest} % written`,
+                 counted(job.errors, "error"), counted(job.warnings, "warning"),
+                 job.command_line ? "by the command line" : null, job.version ? `library ${job.version}` : null,
+                 job.begin_missing ? "its begin is missing" : null].filter((fact) => fact !== null);
+  const heading = `${logs.length > 1 ? logs[job.log].name.split(/[\\/]/).slice(-2).join("/") + ", f" : "F"}lash ${job.number}`;
+  return html("article", {class: "job", id: `job-${jobs.indexOf(job)}`, "aria-label": heading},
+              html("header", {}, html("h3", {}, heading), html("span", {class: `badge ${job.state}`}, job.state_name),
+                   html("span", {class: "facts"}, facts.join(" \u00b7 "))),
+              drawReason(job),
+              html("div", {class: "timeline", role: "group", "aria-label": `Timeline of flash ${job.number}; arrow keys go through it`}),
+              html("ul", {class: "legend", "aria-hidden": "true"}),
+              drawStageTable(job));
+}
+
+const markShapes = {
+  error: "M0,-6 L5.5,4.5 L-5.5,4.5 Z", warning: "M0,-5 L2,4 L-2,4 Z", reset: "M0,-5 L5,0 L0,5 L-5,0 Z",
+  retry: "M-4,-5 L5,0 L-4,5 Z",
+};
+const markNames = {error: "error", warning: "warning", reset: "baseband reset", retry: "retry"};
+
+/** The steps of an axis that has room for some labels. */
+function tickStep(length, room) {
+  const steps = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600].map((seconds) => seconds * 1000);
+  return steps.find((step) => length / step <= room) || 3600000 * Math.ceil(length / 3600000 / room);
+}
+
+function axisText(time, step) {
+  if (step < 60000) return `${time / 1000} s`;
+  return `${time / 60000} min`;
+}
+
+function marksOf(job) {
+  const marks = [];
+  for (const record of recordsOf(job)) {
+    if (record.level === "error" && !isHarmless(record)) marks.push(["error", record.time - job.begin, record.offset, messageOf(record)]);
+    if (record.level === "warning") marks.push(["warning", record.time - job.begin, record.offset, messageOf(record)]);
+  }
+  for (const [kind, time, offset] of job.moments) {
+    const name = MomentKinds[kind];
+    if (name !== "item") marks.push([name, time, offset, markNames[name]]);
+  }
+  return marks.sort((a, b) => a[1] - b[1]);
+}
+
+function drawTimeline(job) {
+  const card = cards.get(jobs.indexOf(job)).element;
+  const place = card.querySelector(".timeline");
+  const width = Math.max(260, place.clientWidth);
+  const length = Math.max(1, job.length);
+  const margin = {left: 42, right: 12};
+  const x = (time) => margin.left + (width - margin.left - margin.right) * Math.min(length, Math.max(0, time)) / length;
+  const y = {attempt: 12, stage: 24, stageHeight: 26, curve: 62, curveHeight: 58, marks: 136, axis: 166, height: 184};
+  const items = [];
+  const picture = svg("svg", {viewBox: `0 0 ${width} ${y.height}`, height: y.height, role: "presentation"});
+
+  const step = tickStep(length, Math.max(2, Math.floor(width / 90)));
+  for (let time = 0; time <= length; time += step) {
+    picture.append(svg("line", {class: "grid", x1: x(time), x2: x(time), y1: y.curve, y2: y.axis - 8}),
+                   svg("text", {x: x(time), y: y.axis + 8, "text-anchor": time === 0 ? "start" : "middle"}, axisText(time, step)));
+  }
+  for (const percent of [0, 50, 100]) {
+    const at = y.curve + y.curveHeight * (1 - percent / 100);
+    picture.append(svg("line", {class: "grid", x1: margin.left, x2: width - margin.right, y1: at, y2: at}));
+    picture.append(svg("text", {x: margin.left - 5, y: at + 4, "text-anchor": "end"}, percent === 100 ? "100 %" : String(percent)));
+  }
+
+  for (const [number, begin, took, , outcome] of job.attempts) {
+    const from = x(begin), to = x(begin + took);
+    const label = to - from > 75 ? `Attempt ${number}` : (to - from > 14 ? String(number) : "");
+    picture.append(svg("g", {class: `attempt ${outcome}`},
+                       svg("line", {x1: from + 1, x2: Math.max(from + 2, to - 1), y1: y.attempt + 5, y2: y.attempt + 5}),
+                       svg("text", {x: (from + to) / 2, y: y.attempt, "text-anchor": "middle"}, label)));
+  }
+
+  for (const [kind, attempt, begin, took, limit, offset] of job.stages) {
+    const from = x(begin), wide = Math.max(1.5, x(begin + took) - from);
+    const name = stageName(kind);
+    const fits = [name, name.split(" ").pop()].find((text) => text.length * 6.6 < wide - 6) || "";
+    const tip = `${name}${attempt ? `, attempt ${attempt}` : ""}\n${duration(took)}${limit ? ` of ${limit / 1000} s` : ""}, from ${clock(job.begin + begin)}`;
+    const element = svg("g", {class: "item stage"},
+                        svg("rect", {x: from, y: y.stage, width: wide, height: y.stageHeight, fill: stageColour(kind)}),
+                        svg("text", {x: from + wide / 2, y: y.stage + 17, "text-anchor": "middle"}, fits));
+    items.push({element, time: begin, offset, tip});
+  }
+
+  let curve = "";
+  let percent = 0, time = 0;
+  const points = [];
+  for (let i = 0; i < job.progress.length; i += 2) {
+    time += job.progress[i];
+    percent += job.progress[i + 1];
+    points.push([time, percent]);
+  }
+  if (points.length > 0) {
+    let last = 0;
+    const at = (value) => y.curve + y.curveHeight * (1 - Math.min(100, value) / 100);
+    curve = `M${x(0)},${at(0)}`;
+    // It holds until it is written again; what comes soon behind is one slope.
+    let before = 0;
+    for (const [when, value] of points) {
+      const steady = value >= last && when - before < length / 30;
+      curve += steady ? `L${x(when).toFixed(1)},${at(value).toFixed(1)}` : `H${x(when).toFixed(1)}V${at(value).toFixed(1)}`;
+      last = value;
+      before = when;
+    }
+    curve += `H${x(length)}`;
+    picture.append(svg("path", {class: "area", d: `${curve}V${at(0)}H${x(0)}Z`}), svg("path", {class: "curve", d: curve}));
+  }
+
+  const limits = [];
+  for (const [kind, , begin, took, limit] of job.stages) {
+    if (limit > 0 && took >= limit * 0.4) limits.push([begin + limit, `${limit / 1000} s`, y.stage - 2, y.stage + y.stageHeight + 3, stageName(kind)]);
+  }
+  for (const [, begin, took, limit] of job.attempts) {
+    if (limit > 0 && took >= limit * 0.4) limits.push([begin + limit, `${limit / 1000} s`, y.attempt - 2, y.curve + y.curveHeight, "attempt"]);
+  }
+  let labelled = -99;
+  for (const [when, text, from, to] of limits.sort((a, b) => a[0] - b[0])) {
+    if (when > length * 1.02) continue;
+    picture.append(svg("line", {class: "limit", x1: x(when), x2: x(when), y1: from, y2: to}));
+    if (x(when) - labelled > 40) {
+      picture.append(svg("text", {class: "limit-name", x: x(when) - 3, y: y.curve - 1, "text-anchor": "end"}, text));
+      labelled = x(when);
+    }
+  }
+
+  const seen = new Set();
+  let lastWarning = -99;
+  for (const [kind, when, offset, text] of marksOf(job)) {
+    // Warnings come in rows; one mark tells them.
+    if (kind === "warning" && x(when) - lastWarning < 5) continue;
+    if (kind === "warning") lastWarning = x(when);
+    // Errors have a rail, what was done about them the next one.
+    const shift = {error: 0, warning: 1, reset: 15, retry: 15}[kind];
+    const element = svg("g", {class: `item mark ${kind}`},
+                        svg("rect", {x: x(when) - 6, y: y.marks + shift - 7, width: 12, height: 14, fill: "transparent"}),
+                        svg("path", {d: markShapes[kind], transform: `translate(${x(when)},${y.marks + shift})`}));
+    items.push({element, time: when, offset, tip: `${markNames[kind]} at ${clock(job.begin + when)}${text === markNames[kind] ? "" : `\n${text}`}`});
+    seen.add(kind);
+  }
+
+  items.sort((a, b) => a.time - b.time);
+  items.forEach((item, index) => {
+    const open = () => goToRecord(recordAt(job.log, item.offset));
+    fill(item.element, {
+      tabindex: index === 0 ? "0" : "-1", role: "button", "aria-label": item.tip.replaceAll("\n", ", "), "data-offset": item.offset,
+      onclick: open,
+      onkeydown: (event) => {
+        const next = {ArrowRight: index + 1, ArrowLeft: index - 1, Home: 0, End: items.length - 1}[event.key];
+        if (event.key === "Enter" || event.key === " ") open();
+        else if (next === undefined) return;
+        else if (items[next]) {
+          item.element.setAttribute("tabindex", "-1");
+          items[next].element.setAttribute("tabindex", "0");
+          items[next].element.focus();
+        }
+        event.preventDefault();
+      },
+      onpointerenter: (event) => showTip(item.tip, event.clientX, event.clientY),
+      onpointerleave: hideTip,
+      onfocus: () => {
+        const box = item.element.getBoundingClientRect();
+        if (item.element.matches(":focus-visible")) showTip(item.tip, box.left, box.bottom);
+      },
+      onblur: hideTip,
+    }, []);
+  });
+  // Stages first: marks lie above them.
+  picture.append(...items.filter((item) => item.element.classList.contains("stage")).map((item) => item.element),
+                 ...items.filter((item) => !item.element.classList.contains("stage")).map((item) => item.element));
+  place.replaceChildren(picture);
+  card.placeCursor = (when) => {
+    picture.querySelector(".cursor")?.remove();
+    picture.append(svg("line", {class: "cursor", x1: x(when), x2: x(when), y1: y.stage - 6, y2: y.axis - 6}));
+  };
+
+  const legend = Object.keys(markNames).filter((kind) => seen.has(kind)).map((kind) =>
+    html("li", {}, svg("svg", {viewBox: "-6 -6 12 12", class: `mark ${kind}`}, svg("path", {d: markShapes[kind]})), markNames[kind]));
+  if (limits.some(([when]) => when <= length * 1.02)) {
+    legend.push(html("li", {}, svg("svg", {viewBox: "-6 -6 12 12"}, svg("line", {class: "dash", y1: -6, y2: 6})), "time limit"));
+  }
+  const kinds = [...new Set(job.stages.filter((stage) => stage[3] >= length / 400).map((stage) => stage[0]))].sort((a, b) => a - b);
+  const swatches = kinds.map((kind) => {
+    const swatch = html("span", {class: "swatch"});
+    swatch.style.background = stageColour(kind);
+    return html("li", {}, swatch, stageName(kind));
+  });
+  card.querySelector(".legend").replaceChildren(...swatches, ...legend);
+}
+
+function showTip(text, left, top) {
+  const tip = byId("tip");
+  tip.textContent = text;
+  tip.hidden = false;
+  tip.style.left = `${Math.max(8, Math.min(left + 12, innerWidth - tip.offsetWidth - 12))}px`;
+  tip.style.top = `${Math.min(top + 16, innerHeight - tip.offsetHeight - 8)}px`;
+}
+function hideTip() { byId("tip").hidden = true; }
+
+// --- Records -----------------------------------------------------------------------------------------------
+
+let shown = [];     // the records that the filters let through
+let firstDrawn = 0;  // of shown
+let lastDrawn = 0;
+let chosen = null;
+
+function groupOf(record) {
+  if (record.flaw) return "flaw";
+  if (record.level === "error" || record.level === "warning") return record.level;
+  return record.stage ? "stage" : "trace";
+}
+
+/** A time of the filter: of any day, or of one; null when there is none, NaN when it is none. */
+function filterTime(input) {
+  const text = input.value.trim();
+  const found = text.match(/^(?:(\d{4}-\d\d-\d\d)[ T])?(\d{1,2}):(\d\d)(?::(\d\d)(?:[.,](\d{1,3}))?)?$/);
+  input.setAttribute("aria-invalid", String(text !== "" && found === null));
+  if (text === "") return null;
+  if (found === null) return NaN;
+  const inDay = ((Number(found[2]) * 60 + Number(found[3])) * 60 + Number(found[4] || 0)) * 1000 + Number((found[5] || "0").padEnd(3, "0"));
+  return found[1] ? Date.parse(`${found[1]}T00:00:00Z`) + inDay : inDay;
+}
+const comparable = (time, limit) => limit < 86400000 ? ((time % 86400000) + 86400000) % 86400000 : time;
+
+function currentFilter() {
+  const from = filterTime(byId("filter-from")), to = filterTime(byId("filter-to"));
+  return {
+    text: byId("filter-text").value.trim().toLowerCase(),
+    from: Number.isNaN(from) ? null : from,
+    // A second that is named is meant as a whole.
+    to: to === null || Number.isNaN(to) ? null : to + (byId("filter-to").value.includes(".") ? 0 : 999),
+    thread: byId("filter-thread").value,
+    job: byId("filter-job").value,
+    levels: new Set([...document.querySelectorAll("input[name=level]:checked")].map((box) => box.value)),
+  };
+}
+
+function passes(record, filter, narrow) {
+  if (filter.job !== "" && filter.job !== `${record.log}:${record.job}`) return false;
+  if (record.leftOut) return !narrow && filter.levels.has("trace");
+  if (!filter.levels.has(groupOf(record))) return false;
+  if (filter.thread !== "" && filter.thread !== `${record.log}:${record.thread}`) return false;
+  if (filter.from !== null && comparable(record.time, filter.from) < filter.from) return false;
+  if (filter.to !== null && comparable(record.time, filter.to) > filter.to) return false;
+  return filter.text === "" || lowerMessages[record.text].includes(filter.text) ||
+         record.func.toLowerCase().includes(filter.text) || record.source.toLowerCase().includes(filter.text);
+}
+
+function applyFilter(around) {
+  const filter = currentFilter();
+  const narrow = filter.text !== "" || filter.thread !== "" || filter.from !== null || filter.to !== null;
+  shown = records.filter((record) => passes(record, filter, narrow));
+  const place = around ? shown.indexOf(around) : -1;
+  firstDrawn = Math.max(0, place - 60);
+  lastDrawn = Math.min(shown.length, firstDrawn + kPageOfRecords);
+  drawRecords();
+}
+
+function drawRecords() {
+  const real = shown.filter((record) => !record.leftOut);
+  const kept = records.filter((record) => !record.leftOut).length;
+  const left = records.reduce((sum, record) => sum + (record.leftOut || 0), 0);
+  byId("count").textContent = `${counted(real.length, "record")} of ${grouped(kept)} shown` +
+    (left > 0 ? `; ${counted(left, "trace")} are left out of this page and stand in the log` : "");
+  const list = byId("list");
+  list.replaceChildren(...shown.slice(firstDrawn, lastDrawn).map(drawRecord));
+  document.querySelector(".earlier")?.remove();
+  if (firstDrawn > 0) {
+    list.before(html("button", {type: "button", class: "earlier", onclick: () => {
+      firstDrawn = Math.max(0, firstDrawn - kPageOfRecords);
+      drawRecords();
+    }}, `Show ${grouped(firstDrawn)} earlier`));
+  }
+  byId("more").hidden = lastDrawn >= shown.length;
+  byId("more").textContent = `Show more of ${grouped(shown.length - lastDrawn)}`;
+  if (chosen) markChosen(false);
+}
+
+function drawRecord(record) {
+  const log = logs[record.log];
+  if (record.leftOut) {
+    return html("div", {class: "record gap", role: "option", "aria-disabled": "true"},
+                `${counted(record.leftOut, "record")} left out: bytes ${grouped(record.offset)} to ${grouped(record.offset + record.size)} of ${log.name}`);
+  }
+  const group = groupOf(record);
+  const harmless = isHarmless(record) ? " harmless" : "";
+  const level = record.flaw || (record.stage && group === "stage" ? "stage" : record.level);
+  return html("div", {class: `record ${group}${harmless}`, id: `record-${record.index}`, role: "option", "aria-selected": "false",
+                      "data-offset": record.offset, onclick: () => choose(record, false)},
+              html("span", {class: "when", title: day(record.time)}, clock(record.time)),
+              html("span", {class: "who"}, record.thread),
+              html("span", {class: "level"}, level),
+              html("span", {class: "where", title: `${record.func}, ${record.source}:${record.line}`}, record.func.replace(/^.*::(?=\w+::)/, "")),
+              html("span", {class: "what"}, messageOf(record)));
+}
+
+function drawDetails(record) {
+  const place = `Byte ${grouped(record.offset)} of ${logs[record.log].name}` +
+    (record.source ? `, written by ${record.func} in ${record.source}:${record.line}` : "");
+  return html("div", {class: "more"},
+              record.trouble ? html("p", {}, record.trouble[1]) : null,
+              record.trouble && record.trouble[0] !== "harmless" ? html("p", {}, `What to do: ${record.trouble[2]}`) : null,
+              html("p", {class: "quiet"}, `${moment(record.time)} \u00b7 ${place}`),
+              record.cut ? html("p", {class: "quiet"}, `${counted(record.cut, "byte")} of the message are left out.`) : null,
+              record.job ? html("button", {type: "button", class: "link", onclick: (event) => {
+                event.stopPropagation();
+                goToTimeline(record);
+              }}, `Show in the timeline of flash ${record.job}`) : null);
+}
+
+function markChosen(scroll) {
+  document.querySelector(".record.chosen .more")?.remove();
+  for (const old of document.querySelectorAll(".record.chosen")) {
+    old.classList.remove("chosen");
+    old.setAttribute("aria-selected", "false");
+  }
+  const row = byId(`record-${chosen.index}`);
+  if (!row) return;
+  row.classList.add("chosen");
+  row.setAttribute("aria-selected", "true");
+  row.append(drawDetails(chosen));
+  byId("list").setAttribute("aria-activedescendant", row.id);
+  if (scroll) row.scrollIntoView({block: "center"});
+}
+
+function choose(record, scroll) {
+  chosen = record;
+  markChosen(scroll);
+  const index = jobs.findIndex((job) => job.log === record.log && job.number === record.job);
+  if (index >= 0 && cards.has(index)) cards.get(index).element.placeCursor(record.time - jobs[index].begin);
+}
+
+/** As at the begin; with a record that has to be among those that are shown. */
+function clearFilters(record) {
+  byId("filters").reset();
+  if (!record) return;
+  const box = document.querySelector(`input[name=level][value=${record.leftOut ? "trace" : groupOf(record)}]`);
+  box.checked = true;
+}
+
+/** From a timeline to its record; the filters make room when they hide it. */
+function goToRecord(record) {
+  if (!shown.includes(record)) clearFilters(record);
+  applyFilter(record);
+  choose(record, true);
+  byId("list").focus({preventScroll: true});
+}
+
+function goToTimeline(record) {
+  const index = jobs.findIndex((job) => job.log === record.log && job.number === record.job);
+  if (index < 0) return;
+  const card = showJob(index, false);
+  card.placeCursor(record.time - jobs[index].begin);
+  card.scrollIntoView({block: "start"});
+  // The element of the timeline that the record began, or the last one in front of it.
+  const items = [...card.querySelectorAll(".item")].filter((item) => Number(item.dataset.offset) <= record.offset);
+  items.sort((a, b) => Number(b.dataset.offset) - Number(a.dataset.offset))[0]?.focus({preventScroll: true});
+}
+
+function fillSelects() {
+  const seen = new Set();
+  for (const record of records) {
+    if (record.leftOut || record.flaw === "foreign") continue;
+    seen.add(`${record.log}:${record.thread}`);
+    if (seen.size >= 500) break;
+  }
+  byId("filter-thread").append(html("option", {value: ""}, "all"), ...[...seen].map((key) => {
+    const [log, thread] = key.split(":");
+    return html("option", {value: key}, logs.length > 1 ? `${thread} (${logs[log].name.split(/[\\/]/).pop()})` : thread);
+  }));
+  byId("filter-job").append(html("option", {value: ""}, "all"), ...jobs.map((job) =>
+    html("option", {value: `${job.log}:${job.number}`},
+         (logs.length > 1 ? `${logs[job.log].name.split(/[\\/]/).slice(-2).join("/")} ` : "") + `${job.number}, ${clock(job.begin, false)}`)));
+}
+
+/** The next of the shown records in a direction that is as wanted. */
+function step(direction, wanted) {
+  let place = chosen ? shown.indexOf(chosen) : (direction > 0 ? -1 : shown.length);
+  do place += direction;
+  while (shown[place] && !wanted(shown[place]));
+  if (!shown[place]) return;
+  if (place < firstDrawn || place >= lastDrawn) applyFilter(shown[place]);
+  choose(shown[place], true);
+}
+
+function onKey(event) {
+  const typing = event.target.matches("input:not([type=checkbox]), select");
+  if (event.key === "Escape") {
+    clearFilters(chosen);
+    applyFilter(chosen);
+    if (typing) event.target.blur();
+    return;
+  }
+  if (typing || event.ctrlKey || event.metaKey || event.altKey) return;
+  const inList = byId("list").contains(event.target);
+  const isError = (record) => !record.leftOut && record.level === "error" && !isHarmless(record);
+  const isRecord = (record) => !record.leftOut;
+  if (event.key === "/") byId("filter-text").focus();
+  else if (event.key === "n") step(1, isError);
+  else if (event.key === "p") step(-1, isError);
+  else if (event.key === "t" && chosen) goToTimeline(chosen);
+  else if (inList && event.key === "ArrowDown") step(1, isRecord);
+  else if (inList && event.key === "ArrowUp") step(-1, isRecord);
+  else return;
+  event.preventDefault();
+}
+
+// --- Begin -------------------------------------------------------------------------------------------------
+
+drawHead();
+drawOverview();
+fillSelects();
+byId("jobs").classList.toggle("side", logs.length > 1);
+if (jobs.length <= kMostCards) {
+  jobs.forEach((_, index) => showJob(index, false));
+} else {
+  const bad = jobs.findLastIndex((job) => job.state !== "succeeded");
+  showJob(bad >= 0 ? bad : jobs.length - 1, false);
+}
+if (jobs.length === 0) byId("jobs").append(html("p", {class: "quiet"}, "There is no flash in it."));
+applyFilter(null);
+
+byId("filters").addEventListener("input", () => applyFilter(null));
+byId("filters").addEventListener("change", (event) => {
+  if (event.target.matches("select")) applyFilter(null);
+});
+byId("filters").addEventListener("submit", (event) => event.preventDefault());
+byId("filter-reset").addEventListener("click", () => {
+  clearFilters(chosen);
+  applyFilter(chosen);
+});
+byId("more").addEventListener("click", () => {
+  lastDrawn = Math.min(shown.length, lastDrawn + kPageOfRecords);
+  drawRecords();
+});
+document.addEventListener("keydown", onKey);
+new ResizeObserver(() => cards.forEach((card) => drawTimeline(jobs[card.index]))).observe(byId("jobs"));

@@ -1,0 +1,275 @@
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "hosts/flashlog/log.h"
+#include "hosts/flashlog_text.h"
+
+namespace hosts::flashlog {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class FlashlogJobsTest : public testing::Test {
+ protected:
+  const std::vector<Job>& JobsOf(const LogText& text) {
+    log.Take(text.Text());
+    log.Finish();
+    return log.Jobs();
+  }
+  static std::vector<StageKind> StagesOf(const Job& job) {
+    std::vector<StageKind> kinds;
+    for (const Stage& stage : job.stages) kinds.push_back(stage.kind);
+    return kinds;
+  }
+  static Milliseconds Length(const Stage& stage) { return stage.end - stage.begin; }
+
+  Log log{"test.log", std::nullopt};
+};
+
+TEST_F(FlashlogJobsTest, ASuccessfulFlashHasItsStagesAndItsResult) {
+  const auto& jobs = JobsOf(LogText().At(5).SuccessfulFlash());
+
+  ASSERT_THAT(jobs, SizeIs(1));
+  const Job& job = jobs[0];
+  EXPECT_EQ(job.state, JobState::Succeeded);
+  EXPECT_EQ(job.result, 4);
+  EXPECT_EQ(job.end - job.begin, 20'000);
+  EXPECT_THAT(StagesOf(job),
+              ElementsAre(StageKind::Images, StageKind::Prepare, StageKind::FlashMode, StageKind::FlashPort,
+                          StageKind::Boot, StageKind::Write, StageKind::Return, StageKind::TidyUp));
+  EXPECT_EQ(Length(job.stages[3]), 1000);
+  EXPECT_EQ(job.stages[3].limit, 15'000);
+  EXPECT_EQ(Length(job.stages[5]), 11'000);
+  EXPECT_EQ(Length(job.stages[6]), 6000);
+  EXPECT_EQ(job.stages[6].limit, 23'000);
+  ASSERT_THAT(job.attempts, SizeIs(1));
+  EXPECT_EQ(job.attempts[0].outcome, AttemptOutcome::Succeeded);
+  EXPECT_EQ(job.HighestProgress(), 100);
+  EXPECT_FALSE(job.firstError);
+  EXPECT_EQ(job.errors, 0U) << "the deletion of the images is none, whatever its level";
+}
+
+TEST_F(FlashlogJobsTest, AFailedAttemptIsRepeatedBehindAPause) {
+  const auto& jobs = JobsOf(LogText()
+                                .Request()
+                                .AttemptBegins()
+                                .ReachesWriting()
+                                .At(4)
+                                .By(LogText::kWorker)
+                                .Error("CFirmwareDownloader::DownloadFirmwareIntoDevice",
+                                       "\t Could not download file(|3|C:\\a.fls)")
+                                .JobError("\t Flash FAILED, goto Flash_FAILED")
+                                .JobError("\t Flash FAIL, retry again, g_retry_times: 1(Max 3)")
+                                .Job("\t After unload dll, wait 5s for UDE CALL BB_RST")
+                                .At(9)
+                                .SuccessfulFlash());
+
+  // The second request is another job: what is between the two has to be the first one's.
+  ASSERT_THAT(jobs, SizeIs(2));
+  EXPECT_EQ(jobs[0].attempts[0].outcome, AttemptOutcome::Failed);
+  EXPECT_EQ(jobs[0].stages.back().kind, StageKind::Pause);
+  EXPECT_EQ(jobs[0].state, JobState::CutShort);
+  ASSERT_TRUE(jobs[0].firstError);
+  EXPECT_EQ(jobs[0].firstError->message, "Could not download file(|3|C:\\a.fls)");
+  EXPECT_EQ(jobs[0].errors, 3U);
+  EXPECT_EQ(jobs[1].state, JobState::Succeeded);
+}
+
+TEST_F(FlashlogJobsTest, TheCauseIsTheFirstErrorAlsoBehindItsConsequence) {
+  const auto& jobs =
+      JobsOf(LogText()
+                 .Request()
+                 .AttemptBegins()
+                 .Error("CUdeIoControl::TriggerFlashReset", "TriggerFlashReset--: OpenFlashDevice Failed")
+                 .Error("CUdeIoControl::OpenUdeDeviceFlashInterface", "CreateFile failed: 5")
+                 .Error("CUdeIoControl::OpenUdeDeviceFlashInterface", "CreateFile failed: 6"));
+
+  ASSERT_TRUE(jobs[0].firstError);
+  EXPECT_EQ(jobs[0].firstError->message, "CreateFile failed: 5");
+}
+
+TEST_F(FlashlogJobsTest, AnUnknownErrorIsACauseOfItsOwn) {
+  const auto& jobs = JobsOf(LogText().Request().Error("Somebody::Else", "went wrong"));
+
+  ASSERT_TRUE(jobs[0].firstError);
+  EXPECT_EQ(jobs[0].firstError->trouble, nullptr);
+}
+
+TEST_F(FlashlogJobsTest, ATraceThatTellsACauseCounts) {
+  const auto& jobs = JobsOf(LogText().Request().Trace("ToolKit::FetchModemNVMFls",
+                                                      "ToolKit::FetchModemNVMFls: FindFirstFile failed"));
+
+  ASSERT_TRUE(jobs[0].firstError);
+  EXPECT_EQ(jobs[0].errors, 1U);
+}
+
+TEST_F(FlashlogJobsTest, AnAttemptThatOverrunsIsGivenUpAndItsLateRecordsMoveNothing) {
+  LogText text;
+  text.Request().AttemptBegins().ReachesWriting().At(130).JobError(
+      "\t Flash TIMEOUT or other issue, goto Flash_FAILED");
+  text.Job("\t After unload dll, wait 5s for UDE CALL BB_RST").At(135);
+  text.Job("\t DownloadFirmwareImplementation timeout: 130s");
+  text.By(77).Trace("ToolKit::DownloadFirmwareImplementation", "ToolKit::DownloadFirmwareImplementation ++");
+  text.At(140).Download("\t BootDeviceInFirmwareMode OK");
+
+  const auto& jobs = JobsOf(text);
+
+  ASSERT_THAT(jobs, SizeIs(1));
+  ASSERT_THAT(jobs[0].attempts, SizeIs(2));
+  EXPECT_EQ(jobs[0].attempts[0].outcome, AttemptOutcome::Overran);
+  EXPECT_EQ(jobs[0].stages.back().kind, StageKind::Prepare)
+      << "the first attempt's worker has nothing to say";
+  EXPECT_EQ(jobs[0].stages.back().attempt, 2);
+}
+
+TEST_F(FlashlogJobsTest, EachWaitForTheModemHasItsOwnLimit) {
+  LogText text;
+  text.Request().AttemptBegins().ReachesWriting().Job("\t Flash OK, to wait for MBIM Modem re-arrival");
+  text.By(40).Trace("ToolKit::WaitForMBIMRearrivedImplementation", "WaitForMBIMRearrivedImplementation ++");
+  text.At(30).JobError("\t MBIM device not arrival, retry again, 1(Max 3)");
+  text.Trace("CUdeIoControl::TriggerFlashReset", "TriggerFlashReset ++");
+  text.At(33).By(41).Trace("ToolKit::WaitForMBIMRearrivedImplementation",
+                           "WaitForMBIMRearrivedImplementation ++");
+  text.At(40).Job("\t MBIM Modem re-arrival, FW update OK").Result(4).Tidied();
+
+  const Job& job = JobsOf(text).at(0);
+
+  const std::vector<StageKind> stages = StagesOf(job);
+  ASSERT_THAT(stages, SizeIs(10));
+  EXPECT_THAT(std::vector(stages.begin() + 6, stages.end()),
+              ElementsAre(StageKind::Return, StageKind::Pause, StageKind::Return, StageKind::TidyUp));
+  EXPECT_EQ(job.stages[8].limit, 23'000);
+  EXPECT_THAT(job.moments, SizeIs(2));
+  EXPECT_EQ(job.state, JobState::Succeeded);
+}
+
+TEST_F(FlashlogJobsTest, AFlashWithoutImagesIsTold) {
+  const Job& job = JobsOf(LogText()
+                              .Request()
+                              .Job("\t fetch modem & NVM folder, m_nModemNVMFolder:C:\\f")
+                              .Job("\t Can't find available fls, monitor again")
+                              .At(3)
+                              .Result(3)
+                              .Job("\t Start a new loop process..."))
+                       .at(0);
+
+  EXPECT_EQ(job.state, JobState::NoImages);
+  EXPECT_EQ(job.result, 3);
+}
+
+TEST_F(FlashlogJobsTest, ALogThatEndsInAFlashLeavesItRunning) {
+  const Job& job = JobsOf(LogText().Request().AttemptBegins().ReachesWriting().At(50).Progress(30)).at(0);
+
+  EXPECT_EQ(job.state, JobState::Running);
+  EXPECT_EQ(job.stages.back().kind, StageKind::Write);
+  EXPECT_EQ(job.stages.back().end - job.begin, 50'000);
+}
+
+TEST_F(FlashlogJobsTest, AnotherProcessCutsTheFlashOfTheFirstOneShort) {
+  const auto& jobs = JobsOf(LogText().Request().AttemptBegins().At(60).Process(11).SuccessfulFlash());
+
+  ASSERT_THAT(jobs, SizeIs(2));
+  EXPECT_EQ(jobs[0].state, JobState::CutShort);
+  EXPECT_EQ(jobs[1].state, JobState::Succeeded);
+}
+
+TEST_F(FlashlogJobsTest, ALogThatBeginsInAFlashShowsTheRestOfIt) {
+  const auto& jobs = JobsOf(LogText()
+                                .By(LogText::kWorker)
+                                .Progress(70)
+                                .At(9)
+                                .Job("\t Flash OK, to wait for MBIM Modem re-arrival")
+                                .At(12)
+                                .Job("\t MBIM Modem re-arrival, FW update OK")
+                                .Result(4)
+                                .Tidied());
+
+  ASSERT_THAT(jobs, SizeIs(1));
+  EXPECT_TRUE(jobs[0].beginMissing);
+  EXPECT_EQ(jobs[0].state, JobState::Succeeded);
+}
+
+TEST_F(FlashlogJobsTest, TheCommandLinesTextsMeanTheSame) {
+  const Job& job = JobsOf(LogText()
+                              .ByCommandLine()
+                              .Request()
+                              .Job("DownloadFirmwareImplementation timeout: 130s")
+                              .At(3)
+                              .JobError("Flash NOT success, goto Flash_FAILED")
+                              .JobError("\t Flash still failed after reach maximum retry value")
+                              .Result(3)
+                              .Tidied())
+                       .at(0);
+
+  EXPECT_TRUE(job.byCommandLine);
+  EXPECT_EQ(job.state, JobState::Failed);
+  EXPECT_EQ(job.attempts.at(0).outcome, AttemptOutcome::Failed);
+}
+
+TEST_F(FlashlogJobsTest, AClockThatIsSetBackGivesNoNegativeLength) {
+  const Job& job = JobsOf(LogText().At(100).Request().AttemptBegins().At(50).Job(
+                              "\t Flash OK, to wait for MBIM Modem re-arrival"))
+                       .at(0);
+
+  for (const Stage& stage : job.stages) EXPECT_GE(stage.end, stage.begin);
+  EXPECT_GE(job.end, job.begin);
+}
+
+TEST_F(FlashlogJobsTest, ForeignLinesWithinAFlashBelongToIt) {
+  Log kept("test.log", 10);
+  kept.Take(LogText().Request().Raw("foreign\r\n").Text());
+  kept.Finish();
+
+  ASSERT_THAT(kept.Kept(), SizeIs(2));
+  EXPECT_EQ(kept.Kept()[1].place.job, 1);
+  EXPECT_EQ(kept.Flaws().foreign, 1U);
+}
+
+TEST_F(FlashlogJobsTest, ALogWithoutAFlashHasNone) {
+  EXPECT_THAT(JobsOf(LogText().Trace("A::B", "something")), IsEmpty());
+}
+
+// --- What is kept for a page -----------------------------------------------------------------------------
+
+TEST(RecordStoreTest, KeepsAllErrorsAndTheNewestTraces) {
+  Log log("test.log", 3);
+  LogText text;
+  for (int i = 0; i < 5000; ++i) {
+    text.Trace("A::B", "trace " + std::to_string(i));
+    if (i % 1000 == 0) text.Error("A::B", "error " + std::to_string(i));
+  }
+  log.Take(text.Text());
+  log.Finish();
+
+  std::uint64_t leftOut = 0;
+  std::uint64_t end = 0;
+  int errors = 0;
+  std::vector<std::string> traces;
+  for (const KeptRecord& record : log.Kept()) {
+    EXPECT_EQ(record.offset, end) << "each byte belongs to a record or to a gap";
+    end = record.offset + record.size;
+    leftOut += record.leftOut;
+    if (record.leftOut != 0) continue;
+    if (record.level == Level::Error) ++errors;
+    if (record.level == Level::Trace) traces.push_back(record.message);
+  }
+  EXPECT_EQ(errors, 5);
+  EXPECT_EQ(leftOut, 4997U);
+  EXPECT_THAT(traces, ElementsAre("trace 4997", "trace 4998", "trace 4999"));
+  EXPECT_EQ(end, text.Text().size());
+}
+
+TEST(RecordStoreTest, ALongMessageIsCutAndToldSo) {
+  Log log("test.log", 3);
+  log.Take(LogText().Error("A::B", std::string(5000, 'x')).Text());
+  log.Finish();
+
+  EXPECT_EQ(log.Kept().at(0).messageCut, 3000U);
+}
+
+}  // namespace
+}  // namespace hosts::flashlog

@@ -25,6 +25,7 @@ using Way = CallFault::Way;
 
 constexpr std::size_t kMostFaults = 16;
 constexpr std::size_t kMostReturns = 64;
+constexpr unsigned kNever = std::numeric_limits<unsigned>::max();
 
 /// A fault as the hooks look at it, without a lock: `hook` is written last, and taken back first.
 struct ArmedFault {
@@ -117,7 +118,7 @@ struct CallHooks::State {
   std::array<ArmedFault, kMostFaults> faults;
   std::atomic<unsigned> hits{0};
   std::atomic<unsigned> platformCalls{0};
-  std::atomic<unsigned> lastPlatformCall{std::numeric_limits<unsigned>::max()};
+  std::atomic<unsigned> lastPlatformCall{kNever};
   std::atomic<unsigned> exitCode{0};
   std::atomic<Observer> observer{nullptr};
   void* returnThunk = nullptr;
@@ -196,14 +197,32 @@ struct CallHooks::State {
   }
 };
 
-CallHooks::CallHooks() : m_State(new State) {
+namespace {
+
+std::atomic<CallHooks::State*> g_free{nullptr};
+
+}  // namespace
+
+CallHooks::CallHooks() : m_State(TakeState()) {
   m_State->returnThunk = ReturnThunk();
 }
 
 CallHooks::~CallHooks() {
   Disarm();
   Observe(nullptr);
+  EndProcessAt(kNever, 0);
   Lift();
+  g_free = m_State;
+}
+
+/// That of the hooks before, once they are gone: whoever puts hooks in front of one module after the other
+/// does not grow. A thread that is still in it goes on to the same function.
+CallHooks::State* CallHooks::TakeState() {
+  State* const former = g_free.exchange(nullptr);
+  if (former == nullptr) return new State;
+  for (Hook& hook : former->hooks) hook.count = 0;
+  former->platformCalls = 0;
+  return former;
 }
 
 void CallHooks::Place(HMODULE module) {
@@ -259,12 +278,13 @@ CallHooks::Hook* CallHooks::Find(std::string_view function) const {
 }
 
 bool CallHooks::Knows(std::string_view function) const {
-  return Find(function) != nullptr;
+  const Hook* const hook = Find(function);
+  return hook != nullptr && !hook->slots.empty();
 }
 
 void CallHooks::Arm(const CallFault& fault) {
   const Hook* const hook = Find(fault.function);
-  if (hook == nullptr)
+  if (!Knows(fault.function))
     throw std::runtime_error("a fault names " + fault.function + ", which is not imported");
   const KnownCall* const known = hook->known;
   const bool hasToFail = fault.way == Way::Refused || fault.way == Way::RefusedAfterEffect;

@@ -82,6 +82,7 @@ class CallHooks {
   struct State;
 
  private:
+  static State* TakeState();
   Hook* Find(std::string_view function) const;
 
   // Outlives the object, for threads that are in a hook: it is never given back.

@@ -272,6 +272,7 @@ constexpr const char* kRuntimeCalls[] = {
     "strcmp",
     "strerror",
     "strlen",
+    "strpbrk",
     "strncmp",
     "strstr",
     "strtol",

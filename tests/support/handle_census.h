@@ -20,12 +20,12 @@ inline std::wstring TypeOfHandle(HANDLE handle) {
   return {type->TypeName.Buffer, type->TypeName.Length / sizeof(wchar_t)};
 }
 
-/// Looks at every number that a handle may have: under Wine the system's own count is always 0.
-inline HandleCensus HandlesOfThisProcess() {
+/// Looks at every number below `highest` that a handle may have: under Wine the system's own count is always
+/// 0.
+inline HandleCensus HandlesOfThisProcess(std::uintptr_t highest = 32768) {
   constexpr std::uintptr_t kStep = 4;
-  constexpr std::uintptr_t kHighest = 32768;
   HandleCensus census;
-  for (std::uintptr_t value = kStep; value < kHighest; value += kStep) {
+  for (std::uintptr_t value = kStep; value < highest; value += kStep) {
     const auto handle = reinterpret_cast<HANDLE>(value);
     DWORD flags = 0;
     if (::GetHandleInformation(handle, &flags)) ++census[TypeOfHandle(handle)];

@@ -306,6 +306,40 @@ TEST_F(CallHooksTest, RefuseAFaultThatCouldNeverHappen) {
   EXPECT_THROW(hooks.Arm({.function = "GetTickCount64", .calls = Occurrence::Always()}), std::runtime_error);
 }
 
+class HooksOfOneModuleAfterTheOther : public CallHooksTest {
+ protected:
+  void SetUp() override {
+    {
+      CallHooks former;
+      PlaceIn(former);
+      former.Arm({.function = "CreateEventW", .calls = Occurrence::Always()});
+      MakeEvents(3);
+    }
+    caller.reset();
+  }
+  void PlaceIn(CallHooks& placed) {
+    const LoadWatch watch(kCaller, [&placed](HMODULE module) { placed.Place(module); });
+    caller.reset(::LoadLibraryW(kCaller));
+    ASSERT_NE(caller, nullptr);
+    Look();
+  }
+};
+
+TEST_F(HooksOfOneModuleAfterTheOther, DoNotKnowWhatOnlyTheFormerModuleImported) {
+  const CallHooks next;
+  EXPECT_FALSE(next.Knows("CreateEventW"));
+}
+
+TEST_F(HooksOfOneModuleAfterTheOther, CountAndFailAnew) {
+  CallHooks next;
+  PlaceIn(next);
+  // The module makes one while it is loaded.
+  EXPECT_EQ(next.Count("CreateEventW"), 1);
+  EXPECT_THAT(MakeEvents(1), testing::ElementsAre(true));
+  EXPECT_EQ(next.Count("CreateEventW"), 2);
+  EXPECT_EQ(next.Hits(), 0u);
+}
+
 /// The library as data: nothing in it runs.
 class MappedLibrary {
  public:

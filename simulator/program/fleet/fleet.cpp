@@ -21,8 +21,8 @@ using RealClock = std::chrono::steady_clock;
 /// With what is wrong; then it is repaired. What controlling programs are told to do.
 constexpr int kRequestsBeforeRepair = 2;
 constexpr int kRequestsAfterRepair = 3;
-/// A job that takes as long as it may, at any speed, on a loaded machine.
-constexpr auto kPreparationLimit = 120s;
+/// As long as a job may take at any speed, and what a machine may be busy with besides.
+constexpr auto kPreparationLimit = 1200s;
 constexpr double kLongestLifeSeconds = 8000;
 
 constexpr auto kFilesPatience = 30s;

@@ -297,7 +297,7 @@ function drawTimeline(job) {
   const length = Math.max(1, job.length);
   const margin = {left: 42, right: 12};
   const x = (time) => margin.left + (width - margin.left - margin.right) * Math.min(length, Math.max(0, time)) / length;
-  const y = {attempt: 12, stage: 24, stageHeight: 26, curve: 62, curveHeight: 58, marks: 136, axis: 166, height: 184};
+  const y = {attempt: 12, stage: 24, stageHeight: 26, curve: 68, curveHeight: 56, marks: 140, axis: 184, height: 202};
   const items = [];
   const picture = svg("svg", {viewBox: `0 0 ${width} ${y.height}`, height: y.height, role: "presentation"});
 
@@ -357,17 +357,18 @@ function drawTimeline(job) {
 
   const limits = [];
   for (const [kind, , begin, took, limit] of job.stages) {
-    if (limit > 0 && took >= limit * 0.4) limits.push([begin + limit, `${limit / 1000} s`, y.stage - 2, y.stage + y.stageHeight + 3, stageName(kind)]);
+    if (limit > 0 && took >= limit * 0.8) limits.push([begin + limit, `${limit / 1000} s`, y.stage - 4, y.stage + y.stageHeight + 15]);
   }
   for (const [, begin, took, limit] of job.attempts) {
-    if (limit > 0 && took >= limit * 0.4) limits.push([begin + limit, `${limit / 1000} s`, y.attempt - 2, y.curve + y.curveHeight, "attempt"]);
+    if (limit > 0 && took >= limit * 0.8) limits.push([begin + limit, `${limit / 1000} s`, y.attempt - 4, y.stage + y.stageHeight + 15]);
   }
+  const limitMarks = [];
   let labelled = -99;
   for (const [when, text, from, to] of limits.sort((a, b) => a[0] - b[0])) {
     if (when > length * 1.02) continue;
-    picture.append(svg("line", {class: "limit", x1: x(when), x2: x(when), y1: from, y2: to}));
+    limitMarks.push(svg("line", {class: "limit", x1: x(when), x2: x(when), y1: from, y2: to}));
     if (x(when) - labelled > 40) {
-      picture.append(svg("text", {class: "limit-name", x: x(when) - 3, y: y.curve - 1, "text-anchor": "end"}, text));
+      limitMarks.push(svg("text", {class: "limit-name", x: x(when) - 3, y: y.stage + y.stageHeight + 13, "text-anchor": "end"}, text));
       labelled = x(when);
     }
   }
@@ -379,7 +380,7 @@ function drawTimeline(job) {
     if (kind === "warning" && x(when) - lastWarning < 5) continue;
     if (kind === "warning") lastWarning = x(when);
     // Errors have a rail, what was done about them the next one.
-    const shift = {error: 0, warning: 1, reset: 15, retry: 15}[kind];
+    const shift = {error: 0, warning: 1, retry: 15, reset: 30}[kind];
     const element = svg("g", {class: `item mark ${kind}`},
                         svg("rect", {x: x(when) - 6, y: y.marks + shift - 7, width: 12, height: 14, fill: "transparent"}),
                         svg("path", {d: markShapes[kind], transform: `translate(${x(when)},${y.marks + shift})`}));
@@ -413,8 +414,8 @@ function drawTimeline(job) {
       onblur: hideTip,
     }, []);
   });
-  // Stages first: marks lie above them.
-  picture.append(...items.filter((item) => item.element.classList.contains("stage")).map((item) => item.element),
+  // Stages first: limits and marks lie above them.
+  picture.append(...items.filter((item) => item.element.classList.contains("stage")).map((item) => item.element), ...limitMarks,
                  ...items.filter((item) => !item.element.classList.contains("stage")).map((item) => item.element));
   place.replaceChildren(picture);
   card.placeCursor = (when) => {

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""What corvel_flashlog --json prints is as its schema says, whatever the log; and how the program ends.
+"""corvel_flashlog as its users meet it: its JSON is as the schema says, whatever the log; how it follows one; how
+it ends.
 
-usage: flashlog_json_test.py SCHEMA SAMPLE PROGRAM WORD ...
+usage: flashlog_program_test.py SCHEMA SAMPLE PROGRAM WORD ...
 """
 import json
 import pathlib
@@ -19,7 +20,7 @@ def run(*words, log=None):
     return subprocess.run([*PROGRAM, *words], input=log, capture_output=True, timeout=60, check=False)
 
 
-class JsonTest(unittest.TestCase):
+class ProgramTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.schema = json.loads(pathlib.Path(SCHEMA).read_text())
@@ -76,6 +77,34 @@ class JsonTest(unittest.TestCase):
         done = run("--html", "/no/such/folder/page.html", SAMPLE)
         self.assertEqual(done.returncode, 1)
         self.assertIn(b"cannot be written", done.stderr)
+
+    def test_a_growing_log_is_followed_also_when_it_begins_anew(self):
+        half = self.sample.index(b"Could not download file")
+        with tempfile.TemporaryDirectory() as folder:
+            log, page = pathlib.Path(folder, "growing.log"), pathlib.Path(folder, "page.html")
+            log.write_bytes(self.sample[:half])
+            with subprocess.Popen([*PROGRAM, "--follow", "--html", page, log], stdout=subprocess.PIPE,
+                                  stdin=subprocess.DEVNULL) as program:
+                self.addCleanup(program.stdout.close)
+                try:
+                    self.await_line(program, b"writing, attempt 1")
+                    self.await_line(program, b"flash 2 succeeded")
+                    self.await_line(program, b"flash 3 begins")
+                    with log.open("ab") as more:
+                        more.write(self.sample[half:])
+                    self.await_line(program, b"error: Could not download file")
+                    self.await_line(program, b"flash 3 failed")
+                    log.write_bytes(self.sample[:half])
+                    self.await_line(program, b"flash 4 begins")
+                    self.assertIn(b"</html>", page.read_bytes())
+                finally:
+                    program.kill()
+
+    def await_line(self, program, text):
+        for line in program.stdout:
+            if text in line:
+                return
+        self.fail(f"it never said {text}")
 
     def test_wrong_usage(self):
         done = run("--nonsense")

@@ -1,0 +1,369 @@
+#!/usr/bin/env python3
+"""The page of corvel_flashlog in a browser: clicks, filters, keys, widths, and a log of 200 MB.
+
+usage: flashlog_page_test.py [--pictures FOLDER] SAMPLE PROGRAM WORD ...
+  --pictures FOLDER   only take the pictures of the documentation
+"""
+import json
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+arguments = sys.argv[1:]
+PICTURES = None
+if arguments[:1] == ["--pictures"]:
+    PICTURES = pathlib.Path(arguments[1])
+    arguments = arguments[2:]
+SAMPLE, *PROGRAM = arguments
+
+BROWSER_OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                   "--hide-scrollbars"]
+BIG_LOG = 200_000_000
+BIGGEST_PAGE = 5_000_000
+HOSTILE = b"</script><script>window.broken=1</script><img src=x onerror='window.broken=2'>&amp;"
+
+
+def record(seconds, level, function, message, thread=20):
+    clock = time.strftime("%H:%M:%S", time.gmtime(seconds)).encode()
+    return b"#2026-11-15\t%s.000\t10~%d\tFlashSvc\t%s\tsource.cpp\t7\t%s\t%s##\r\n" % (
+        clock, thread, level, function, message)
+
+
+class Browser:
+    """Chromium with a profile of its own, and the pages that it shows."""
+
+    def __init__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp())
+        options = webdriver.ChromeOptions()
+        for option in [*BROWSER_OPTIONS, f"--user-data-dir={self.folder / 'profile'}"]:
+            options.add_argument(option)
+        options.binary_location = "/usr/bin/chromium"
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
+        self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.driver.set_script_timeout(60)
+
+    def close(self):
+        self.driver.quit()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def make(self, *logs, name="page.html", words=()):
+        page = self.folder / name
+        subprocess.run([*PROGRAM, "--html", page, *words, *logs], check=True, timeout=300, capture_output=True)
+        return page
+
+    def show(self, page, width=1280, height=1000, dark=False, media=""):
+        command = self.driver.execute_cdp_cmd
+        command("Emulation.setEmulatedMedia", {
+            "media": media,
+            "features": [{"name": "prefers-color-scheme", "value": "dark" if dark else "light"},
+                         {"name": "prefers-reduced-motion", "value": "reduce"}]})
+        command("Emulation.setDeviceMetricsOverride",
+                {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
+        self.driver.get(page.as_uri())
+
+    def log(self, text, name):
+        path = self.folder / name
+        path.write_bytes(text)
+        return path
+
+
+class PageTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = Browser()
+        cls.sample = cls.browser.make(SAMPLE)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.browser.close()
+
+    def setUp(self):
+        self.driver = self.browser.driver
+        self.driver.get_log("browser")
+        self.driver.get_log("performance")
+
+    def tearDown(self):
+        self.assertEqual([entry["message"] for entry in self.driver.get_log("browser")], [])
+
+    # What the tests say.
+
+    def show(self, page=None, **how):
+        self.browser.show(page or self.sample, **how)
+
+    def all(self, selector):
+        return self.driver.find_elements(By.CSS_SELECTOR, selector)
+
+    def one(self, selector):
+        return self.driver.find_element(By.CSS_SELECTOR, selector)
+
+    def press(self, *keys):
+        self.driver.switch_to.active_element.send_keys(*keys)
+
+    def script(self, text, *values):
+        return self.driver.execute_script(text, *values)
+
+    def texts(self):
+        return self.script("return [...document.querySelectorAll('.record .what')].map(e => e.textContent)")
+
+    def is_seen(self, element):
+        return self.script("const box = arguments[0].getBoundingClientRect();"
+                           "return box.top >= 0 && box.top < innerHeight", element)
+
+    def colour(self, selector):
+        return self.one(selector).value_of_css_property("background-color")
+
+    # Its look.
+
+    def test_each_flash_has_its_card_and_its_row(self):
+        self.show()
+        self.assertEqual(len(self.all(".job")), 3)
+        self.assertEqual([badge.text for badge in self.all("#overview .badge")], ["succeeded", "succeeded", "failed"])
+        self.assertIn("3 flashes, 1 not good", self.one("#summary").text)
+        reason = self.all(".job")[2].find_element(By.CSS_SELECTOR, ".reason").text
+        self.assertIn("Could not download file", reason)
+        self.assertIn("Copy the images again", reason)
+
+    def test_a_timeline_has_stages_attempts_marks_limits_and_a_curve(self):
+        self.show()
+        card = self.all(".job")[2]
+        count = lambda selector: len(card.find_elements(By.CSS_SELECTOR, selector))
+        self.assertEqual(count(".attempt"), 3)
+        self.assertEqual(count(".attempt.failed"), 2)
+        self.assertGreater(count(".stage"), 15)
+        self.assertGreater(count(".item.mark.error"), 3)
+        self.assertEqual(count(".item.mark.retry"), 3)
+        self.assertEqual(count(".item.mark.reset"), 1)
+        self.assertGreaterEqual(count("line.limit"), 2)
+        self.assertEqual(count(".curve"), 1)
+
+    def test_light_and_dark_differ_and_print_hides_the_filters(self):
+        self.show()
+        light = self.colour("body")
+        self.assertTrue(self.one("#filters").is_displayed())
+        self.show(dark=True)
+        self.assertNotEqual(self.colour("body"), light)
+        self.show(media="print")
+        self.assertFalse(self.one("#filters").is_displayed())
+        self.assertTrue(self.one(".timeline svg").is_displayed())
+
+    def test_no_width_needs_sideways_scrolling(self):
+        for width in (320, 420, 800, 1280, 1900):
+            self.show(width=width)
+            wide = self.script("return document.documentElement.scrollWidth")
+            self.assertLessEqual(wide, width)
+
+    def test_nothing_is_loaded_from_anywhere(self):
+        self.show()
+        asked = [json.loads(entry["message"])["message"] for entry in self.driver.get_log("performance")]
+        urls = {event["params"]["request"]["url"] for event in asked if event["method"] == "Network.requestWillBeSent"}
+        self.assertEqual({url for url in urls if not url.startswith("data:")}, {self.sample.as_uri()})
+
+    # From the timeline to the records and back.
+
+    def test_a_stage_leads_to_its_record_and_the_record_back(self):
+        self.show()
+        card = self.all(".job")[2]
+        stage = next(item for item in card.find_elements(By.CSS_SELECTOR, ".item.stage")
+                     if "writing, attempt 3" in item.get_attribute("aria-label"))
+        self.script("arguments[0].dispatchEvent(new MouseEvent('click', {bubbles: true}))", stage)
+        chosen = self.one(".record.chosen")
+        self.assertEqual(chosen.get_attribute("data-offset"), stage.get_attribute("data-offset"))
+        self.assertIn("BootDeviceInFirmwareMode OK", chosen.text)
+        self.assertTrue(self.is_seen(chosen))
+
+        chosen.find_element(By.CSS_SELECTOR, "button").click()
+        focused = self.driver.switch_to.active_element
+        self.assertEqual(focused.get_attribute("data-offset"), chosen.get_attribute("data-offset"))
+        self.assertTrue(self.is_seen(card))
+        self.assertEqual(len(card.find_elements(By.CSS_SELECTOR, ".cursor")), 1)
+
+    def test_the_reason_leads_to_its_record_with_its_advice(self):
+        self.show()
+        self.one(".job:last-of-type .reason button").click()
+        details = self.one(".record.chosen .more").text
+        self.assertIn("What to do: Copy the images again", details)
+        self.assertIn("Byte ", details)
+
+    def test_a_filtered_record_is_shown_when_the_timeline_leads_to_it(self):
+        self.show()
+        self.one("#filter-text").send_keys("no record says this")
+        self.assertEqual(self.texts(), [])
+        self.one(".job:last-of-type .reason button").click()
+        self.assertIn("Could not download file", self.one(".record.chosen").text)
+
+    # Filters.
+
+    def test_traces_are_shown_when_they_are_asked_for(self):
+        self.show()
+        before = len(self.texts())
+        self.one("input[value=trace]").click()
+        self.assertGreater(len(self.texts()), before)
+        self.assertEqual(self.one("#count").text.replace("\u202f", ""), "1114 records of 1114 shown")
+
+    def test_levels_filter(self):
+        self.show()
+        for level in ("warning", "stage", "flaw"):
+            self.one(f"input[value={level}]").click()
+        levels = {element.text for element in self.all(".record .level")}
+        self.assertEqual(levels, {"error"})
+
+    def test_text_filters_messages_and_functions(self):
+        self.show()
+        self.one("input[value=trace]").click()
+        self.one("#filter-text").send_keys("FLASH PORT FOUND")
+        self.assertEqual(len(self.texts()), 5)
+        self.one("#filter-text").clear()
+        self.one("#filter-text").send_keys("ControlBBrst")
+        self.assertTrue(self.texts())
+        self.assertTrue(all("BB_RST" in text or "ControlBBrst" in text for text in self.texts()))
+
+    def test_times_filter_and_a_wrong_one_is_told(self):
+        self.show()
+        self.one("#filter-from").send_keys("06:27:46")
+        self.one("#filter-to").send_keys("06:27:46")
+        times = [element.text for element in self.all(".record .when")]
+        self.assertTrue(times)
+        self.assertTrue(all(text.startswith("06:27:46.") for text in times))
+        self.one("#filter-from").clear()
+        self.one("#filter-from").send_keys("quarter to six")
+        self.assertEqual(self.one("#filter-from").get_attribute("aria-invalid"), "true")
+
+    def test_threads_and_flashes_filter(self):
+        self.show()
+        self.one("input[value=trace]").click()
+        thread = self.all("#filter-thread option")[2]
+        thread.click()
+        self.assertEqual({element.text for element in self.all(".record .who")}, {thread.text})
+        self.press(Keys.ESCAPE)
+        self.all("#filter-job option")[1].click()
+        self.assertTrue(all(element.text < "06:26:55" for element in self.all(".record .when")))
+
+    # Keys.
+
+    def test_keys_go_through_errors_and_records(self):
+        self.show()
+        self.one("body").send_keys("n")
+        first = self.one(".record.chosen")
+        self.assertIn("Timeout in waiting for flash channel", first.text)
+        self.press("n")
+        self.assertIn("Cannot get flash", self.one(".record.chosen").text)
+        self.press("p")
+        self.assertEqual(self.one(".record.chosen").get_attribute("id"), first.get_attribute("id"))
+        self.script("document.getElementById('list').focus()")
+        self.press(Keys.ARROW_DOWN)
+        self.assertNotEqual(self.one(".record.chosen").get_attribute("id"), first.get_attribute("id"))
+        self.press("t")
+        self.assertIn("item", self.driver.switch_to.active_element.get_attribute("class"))
+        self.press("/")
+        self.assertEqual(self.driver.switch_to.active_element.get_attribute("id"), "filter-text")
+
+    def test_arrows_go_through_a_timeline_and_enter_opens(self):
+        self.show()
+        first = self.one(".job .item[tabindex='0']")
+        self.script("arguments[0].focus()", first)
+        self.press(Keys.ARROW_RIGHT, )
+        second = self.driver.switch_to.active_element
+        self.assertNotEqual(second.get_attribute("aria-label"), first.get_attribute("aria-label"))
+        self.press(Keys.ENTER)
+        self.assertEqual(self.one(".record.chosen").get_attribute("data-offset"), second.get_attribute("data-offset"))
+
+    # Logs that are not as they should be, and many of them.
+
+    def test_what_is_not_in_order_is_shown(self):
+        log = self.browser.log(record(1, b"Trace", b"A::B", b"good") + b"foreign line\r\n" +
+                               record(2, b"Trace", b"A::B", b"half")[:-6] + b"\r\n" +
+                               record(3, b"Error", b"A::B", b"x" * 100_000), "bad.log")
+        self.show(self.browser.make(log, name="bad.html"))
+        self.assertIn("1 foreign line, 1 truncated record, 1 overlong record", self.one("#flaws").text)
+        self.assertEqual([element.text for element in self.all(".record.flaw .level")], ["foreign", "truncated", "cut"])
+
+    def test_what_a_log_says_is_never_markup(self):
+        log = self.browser.log(record(1, b"Error", HOSTILE, HOSTILE) + HOSTILE + b"\r\n", "hostile.log")
+        self.show(self.browser.make(log, name="hostile.html"))
+        self.assertIsNone(self.script("return window.broken || null"))
+        self.assertEqual(self.texts(), [HOSTILE.decode()] * 2)
+
+    def test_an_empty_log_says_so(self):
+        self.show(self.browser.make(self.browser.log(b"", "empty.log"), name="empty.html"))
+        self.assertIn("There is no flash in it.", self.one("#jobs").text)
+
+    def test_logs_of_a_fleet_stand_side_by_side(self):
+        logs = [self.browser.log(pathlib.Path(SAMPLE).read_bytes(), f"pc-{number}.log") for number in (1, 2)]
+        self.show(self.browser.make(*logs, name="fleet.html"), width=1500)
+        self.assertEqual(len(self.all(".job")), 6)
+        first, second = self.all(".job")[:2]
+        self.assertEqual(first.location["y"], second.location["y"])
+        self.assertGreater(second.location["x"], first.location["x"])
+        self.assertIn("pc-2.log", self.one("#overview tbody tr:last-child").text)
+
+    def test_a_log_of_200_mb_has_all_errors_in_a_page_of_5_mb(self):
+        sample = pathlib.Path(SAMPLE).read_bytes()
+        rest = sample
+        # As large as a real one of so many flashes: with the records of each step of the progress.
+        filler = b"".join(record(0, b"Trace", b"CFirmwareDownloader::GetAbsoluteProgress",
+                                 b"\t downloadProgress:%d, m_ProgressBars:36,totalProgress:%d" % (i % 100, i))
+                          for i in range(3600))
+        errors = sample.count(b"\tError\t")
+        path = self.browser.folder / "big.log"
+        copies = 0
+        with path.open("wb") as log:
+            while log.tell() < BIG_LOG:
+                # Each copy of the sample by a process of its own.
+                log.write(re.sub(rb"\t\d+~", b"\t%d~" % (copies + 10), rest))
+                log.write(filler.replace(b"\t10~", b"\t%d~" % (copies + 10)))
+                copies += 1
+        began = time.monotonic()
+        page = self.browser.make(path, name="big.html")
+        read = time.monotonic() - began
+        print(f"{path.stat().st_size} bytes with {copies * 3} flashes read in {read:.0f} s, page {page.stat().st_size} bytes",
+              file=sys.stderr)
+        self.assertLessEqual(page.stat().st_size, BIGGEST_PAGE)
+
+        self.show(page)
+        self.assertEqual(len(self.all("#overview tbody tr")), copies * 3)
+        shown = self.script("return records.filter((record) => record.level === 'error').length")
+        self.assertEqual(shown, errors * copies)
+        left, kept = self.script("return [records.reduce((sum, record) => sum + (record.leftOut || 0), 0), "
+                                 "records.filter((record) => !record.leftOut).length]")
+        self.assertEqual(left + kept, copies * (1114 + 3600))
+        end = self.script("return records.every((record, i) => i === 0 || "
+                          "record.offset === records[i - 1].offset + records[i - 1].size)")
+        self.assertTrue(end, "each byte is a record's or a gap's")
+        self.one("input[value=trace]").click()
+        self.script("document.getElementById('more').click()")
+        self.assertIn("left out: bytes", self.one(".record.gap").text)
+        self.script("showJob(2, true)")
+        self.script("document.querySelector('#job-2 .reason button').click()")
+        self.assertIn("Could not download file", self.one(".record.chosen").text)
+
+
+def take_pictures():
+    browser = Browser()
+    try:
+        page = browser.make(SAMPLE)
+        for name, how, script in (
+                ("flashlog-timeline", {"width": 1100, "height": 520}, "showJob(2, true)"),
+                ("flashlog-records", {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),
+                ("flashlog-dark", {"width": 1100, "height": 720, "dark": True}, "")):
+            browser.show(page, **how)
+            browser.driver.execute_script(script)
+            browser.driver.save_screenshot(str(PICTURES / f"{name}.png"))
+    finally:
+        browser.close()
+
+
+if PICTURES:
+    take_pictures()
+else:
+    unittest.main(argv=[sys.argv[0]], verbosity=2)

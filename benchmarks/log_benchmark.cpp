@@ -1,19 +1,17 @@
 #include <windows.h>
 
 #include <cstdarg>
-#include <memory>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <spdlog/pattern_formatter.h>
 
+#include "benchmarks/bare_log.h"
 #include "benchmarks/catch.h"
 #include "benchmarks/sampler.h"
 #include "benchmarks/scratch_folder.h"
 #include "common/debuglogger.h"
-#include "common/handles.h"
 #include "common/log.h"
 #include "common/logrecord.h"
 #include "toolkit/toolkit.h"
@@ -55,36 +53,6 @@ class LibraryLog {
   static void Write(const std::string& message) {
     ToolKit::OutputDebug(kTrace, corvel::kLogComponent, kFunction, kFile, kLine, "%s", message.c_str());
   }
-};
-
-/// What every record costs at least: the kernel mutex, one write, the question for the size.
-class BareLog {
- public:
-  BareLog(const ScratchFolder& folder, const std::string& message)
-      : m_Record(ComposeRecord("%s", message.c_str())),
-        m_Mutex(::CreateMutexW(nullptr, FALSE, nullptr)),
-        m_File(::CreateFileW((folder / L"bare.log").c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)) {
-    if (m_File.get() == nullptr) throw std::runtime_error("the bare log cannot be made");
-  }
-
-  void Write() const {
-    ::WaitForSingleObject(m_Mutex.get(), INFINITE);
-    DWORD written = 0;
-    ::WriteFile(m_File.get(), m_Record.data(), static_cast<DWORD>(m_Record.size()), &written, nullptr);
-    DWORD high = 0;
-    ::GetFileSize(m_File.get(), &high);
-    ::ReleaseMutex(m_Mutex.get());
-  }
-  void LockAndUnlock() const {
-    ::WaitForSingleObject(m_Mutex.get(), INFINITE);
-    ::ReleaseMutex(m_Mutex.get());
-  }
-
- private:
-  std::string m_Record;
-  corvel::UniqueHandle m_Mutex;
-  corvel::UniqueHandle m_File;
 };
 
 void OnThreads(const Work& work) {
@@ -133,28 +101,31 @@ TEST_CASE("Records of the debug log") {
   for (const auto& [name, size, target] : kMessages) {
     const std::string message(size, 'm');
     const LibraryLog library(folder);
-    const BareLog bare(folder, message);
+    const std::string record = ComposeRecord("%s", message.c_str());
+    const BareLog bare(folder);
     Compare(
         {std::string("log: record, message of ") + name, "lock, one write, size, unlock", target},
-        [&] { LibraryLog::Write(message); }, [&] { bare.Write(); });
+        [&] { LibraryLog::Write(message); }, [&] { bare.Write(record); });
   }
 }
 
 TEST_CASE("Records of several threads") {
   const ScratchFolder folder;
   const std::string message(64, 'm');
+  const std::string record = ComposeRecord("%s", message.c_str());
   const LibraryLog library(folder);
-  const BareLog bare(folder, message);
+  const BareLog bare(folder);
   Compare(
       {"log: 400 records, 4 threads", "the bare calls on 4 threads", 1.2},
-      [&] { OnThreads([&] { LibraryLog::Write(message); }); }, [&] { OnThreads([&] { bare.Write(); }); });
+      [&] { OnThreads([&] { LibraryLog::Write(message); }); },
+      [&] { OnThreads([&] { bare.Write(record); }); });
 }
 
 TEST_CASE("A record that is not written") {
   const ScratchFolder folder;
   const std::string message(64, 'm');
   const LibraryLog library(folder);
-  const BareLog bare(folder, message);
+  const BareLog bare(folder);
   CDebugLogger::SetLevel(0);
   Compare(
       {"log: switched off", "lock and unlock", 1.1}, [&] { LibraryLog::Write(message); },

@@ -85,14 +85,16 @@ void MeasureTails(Row& row, const Work& subject, const Work& floor) {
 Row RowOf(const Comparison& comparison, const std::vector<double>& subject,
           const std::vector<double>& floor) {
   std::vector<double> ratios;
-  for (std::size_t i = 0; i < subject.size(); ++i) ratios.push_back(subject[i] / floor[i]);
-  return {.name = comparison.name,
-          .floorName = comparison.floorName,
-          .ratio = SpreadOf(ratios),
+  std::vector<double> added;
+  for (std::size_t i = 0; i < subject.size(); ++i) {
+    if (floor[i] > 0) ratios.push_back(subject[i] / floor[i]);
+    added.push_back(subject[i] - floor[i]);
+  }
+  return {.compared = comparison,
+          .ratio = ratios.size() == floor.size() ? std::optional(SpreadOf(ratios)) : std::nullopt,
+          .added = SpreadOf(added),
           .subject = {SpreadOf(subject), std::nullopt},
-          .floor = {SpreadOf(floor), std::nullopt},
-          .target = comparison.target,
-          .size = comparison.size};
+          .floor = {SpreadOf(floor), std::nullopt}};
 }
 
 }  // namespace

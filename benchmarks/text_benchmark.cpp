@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <cwctype>
 #include <string>
@@ -37,11 +38,12 @@ std::string Narrowed(const std::wstring& text) {
   return {text.begin(), text.end()};
 }
 
-std::wstring BareWide(const std::string& text) {
-  const int size = static_cast<int>(text.size());
-  const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0);
+/// From a pointer alone, as the library is given it: its length has to be found first.
+std::wstring BareWide(const char* text) {
+  const int size = static_cast<int>(std::strlen(text));
+  const int length = ::MultiByteToWideChar(CP_UTF8, 0, text, size, nullptr, 0);
   std::wstring wide(static_cast<std::size_t>(length), L'\0');
-  ::MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), length);
+  ::MultiByteToWideChar(CP_UTF8, 0, text, size, wide.data(), length);
   return wide;
 }
 
@@ -62,7 +64,7 @@ void CompareConversions(const Size& size) {
   Compare(
       {NameOf("from UTF-8", size), "the conversion calls", kTarget},
       [&] { Use(static_cast<const wchar_t*>(CTString(narrow.c_str()))); },
-      [&] { Use(BareWide(narrow).data()); });
+      [&] { Use(BareWide(narrow.c_str()).data()); });
   CTString text(wide);
   std::string bare;
   Compare(
@@ -101,7 +103,7 @@ void CompareAppending(const Size& size) {
   const std::string narrow = Narrowed(wide);
   CompareAppending(NameOf("append wide", size), kStandard, wide.c_str(), [&] { return wide.c_str(); });
   CompareAppending(NameOf("append narrow", size), "conversion calls, std::wstring", narrow.c_str(),
-                   [&] { return BareWide(narrow); });
+                   [&] { return BareWide(narrow.c_str()); });
   CompareAppending(NameOf("append its own type", size), kStandard, CTString(wide),
                    [&]() -> const std::wstring& { return wide; });
 }

@@ -5,8 +5,10 @@
 #include <cfgmgr32.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
@@ -266,6 +268,32 @@ struct BareItem {
   std::string tocName;
 };
 
+constexpr char kWritten[] = "100";
+
+/// Each item counts the same and is reported once, when it is written.
+void Advance(corvel::Attempt& attempt, std::size_t items) {
+  for (std::size_t i = 0; i < items; ++i) attempt.Progress().AddBars(1);
+  for (std::size_t i = 0; i < items; ++i) {
+    attempt.Progress().SetItem(1);
+    attempt.GetAbsoluteProgress(kWritten);
+  }
+}
+
+void AdvanceBare(std::size_t items) {
+  int overall = 0;
+  for (std::size_t i = 0; i < items; ++i) {
+    const int percent = std::atoi(kWritten);
+    const int scaled =
+        static_cast<int>(std::floor(percent * (100.0 / static_cast<double>(items)) / 100.0 + 0.5));
+    overall += scaled;
+    LOG_TRACE("\t downloadProgress:%d, bars:%d, all:%d, total:%d  ", percent, 1, static_cast<int>(items),
+              scaled);
+    LOG_TRACE("\t actualProgress:%d, last:%d", scaled, scaled);
+    LOG_TRACE("\t return %d", overall);
+  }
+  Use(&overall);
+}
+
 void MarkBare(const std::string& path) {
   std::uint32_t count = 0;
   ManyItems::Count(path.c_str(), &count, nullptr);
@@ -278,6 +306,7 @@ void MarkBare(const std::string& path) {
         std::make_unique<BareItem>(BareItem{memoryClass, path, "|" + std::to_string(index) + "|" + path}));
   }
   std::ranges::stable_sort(items, {}, [](const auto& item) { return item->memoryClass; });
+  AdvanceBare(items.size());
   Use(items.data());
 }
 
@@ -286,13 +315,13 @@ void CompareItems(std::size_t count) {
   ManyItems items(static_cast<std::uint32_t>(count));
   CDebugLogger::SetLevel(0);
   Compare(
-      {Sized("items: mark and sort", count), "the same calls, strings, stable sort", std::nullopt,
+      {Sized("items: mark, sort, report", count), "calls, strings, stable sort, sums", std::nullopt,
        static_cast<double>(count)},
       [&] {
         corvel::DownloadList list(items.Attempt());
         list.SetFiles(CTString(path.c_str()), CTString());
         list.Mark();
-        Use(&list);
+        Advance(items.Attempt(), list.Items().size());
       },
       [&] { MarkBare(path); });
 }

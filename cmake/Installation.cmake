@@ -2,15 +2,17 @@
 # what building a host needs besides, "symbols" what debuggers need. The rooms keep their places, so that links between
 # documents and examples hold.
 
-option(CORVEL_SYMBOLS "Debugging symbols, in files of their own" OFF)
+option(CORVEL_FOR_PACKAGES "As it ships: symbols in files of their own, the same bytes wherever it is built" OFF)
 
-# Flags that make and keep the symbols of whatever is built from here on.
-if(CORVEL_SYMBOLS AND MSVC)
-  target_compile_options(corvel_settings INTERFACE /Zi)
-  # Without the other two, /DEBUG keeps what nothing uses.
-  target_link_options(corvel_settings INTERFACE /DEBUG /OPT:REF /OPT:ICF)
-elseif(CORVEL_SYMBOLS)
-  target_compile_options(corvel_settings INTERFACE -g)
+# Flags of whatever is built from here on.
+if(CORVEL_FOR_PACKAGES AND MSVC)
+  # Without the two of /OPT, /DEBUG keeps what nothing uses.
+  target_compile_options(corvel_settings INTERFACE /Zi /Brepro "/pathmap:${PROJECT_SOURCE_DIR}=.")
+  target_link_options(corvel_settings INTERFACE /DEBUG /OPT:REF /OPT:ICF /Brepro /PDBALTPATH:%_PDB%)
+elseif(CORVEL_FOR_PACKAGES)
+  target_compile_options(corvel_settings INTERFACE
+    -g -ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+  target_link_options(corvel_settings INTERFACE -Wl,--no-insert-timestamp)
 endif()
 
 # split_symbols(TARGET): moves the symbols into TARGET's file with ".debug" behind its name. MSVC's linker does so by
@@ -30,7 +32,7 @@ function(install_program target)
     EXPORT ${target}Targets
     RUNTIME DESTINATION bin COMPONENT runtime
     ARCHIVE DESTINATION lib COMPONENT development)
-  if(NOT CORVEL_SYMBOLS)
+  if(NOT CORVEL_FOR_PACKAGES)
     return()
   endif()
   if(MSVC)
@@ -69,7 +71,7 @@ function(install_package)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/controller DESTINATION examples COMPONENT runtime)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/xml_document DESTINATION examples COMPONENT development)
   install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION . COMPONENT runtime)
-  foreach(document controller flashlog hosts log-format)
+  foreach(document configuration controller flashlog hosts log-format packages troubleshooting windows)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/${document}.md DESTINATION docs COMPONENT runtime)
   endforeach()
   install(FILES ${PROJECT_SOURCE_DIR}/docs/flashlog.schema.json DESTINATION docs COMPONENT runtime)
@@ -77,4 +79,13 @@ function(install_package)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/pictures/flashlog-${picture}.png DESTINATION docs/pictures COMPONENT runtime)
   endforeach()
   install(FILES ${PROJECT_SOURCE_DIR}/docs/abi.md DESTINATION docs COMPONENT development)
+  # Chosen by the owner; it goes into each package as soon as it is there.
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE.txt DESTINATION . COMPONENT runtime OPTIONAL)
+
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_VERSION ${CORVEL_PACKAGE_VERSION})
+  set(CPACK_PACKAGE_FILE_NAME CorvelToolKit-${CORVEL_PACKAGE_VERSION}-x64)
+  set(CPACK_PACKAGE_VENDOR Corvel)
+  include(CPack)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/package/package.json.in ${made_folder}/package.json @ONLY)
 endfunction()

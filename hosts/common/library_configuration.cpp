@@ -52,6 +52,10 @@ std::wstring Bounded(const std::wstring& text) {
 
 }  // namespace
 
+bool KnowsRoot(const std::wstring& location) {
+  return FindRoot(location) != nullptr;
+}
+
 std::optional<LibraryConfiguration> LibraryConfiguration::Read(const std::wstring& path) {
   // The library reads the file only while nobody else has it open.
   const std::unique_ptr<std::FILE, StreamCloser> file(::_wfsopen(path.c_str(), L"rt", _SH_DENYRW));
@@ -90,7 +94,7 @@ std::wstring LibraryConfiguration::FirmwareFolder() const {
 }
 
 bool LibraryConfiguration::NamesKnownRoot() const {
-  return FindRoot(Get(kRegistryLocationKey)) != nullptr;
+  return KnowsRoot(Get(kRegistryLocationKey));
 }
 
 HandshakeKey LibraryConfiguration::ServiceKey() const {

@@ -12,6 +12,9 @@ namespace hosts {
 /// The longest key or value that the library takes; the rest of a longer one is cut off.
 constexpr std::size_t kLongestConfigurationText = 511;
 
+/// Whether a registry location begins with a root that the library knows.
+bool KnowsRoot(const std::wstring& location);
+
 /// "CorvelConfig.ini" as the library reads it, for programs that must know a setting before the library
 /// runs: first line skipped, then one key=value per line; the later of two wins.
 class LibraryConfiguration {

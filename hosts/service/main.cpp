@@ -6,6 +6,7 @@
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
+#include "hosts/service/first_configuration.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
 #include "hosts/service/service_body.h"
@@ -113,8 +115,23 @@ int Install(bool automatic) {
   return Conclude(result, "Installed.");
 }
 
-int Uninstall() {
+/// The one that an option asks for, and none that would disturb a flash by the command line: its files go
+/// next.
+struct Removal {
+  bool unlessFlashing = false;
+  bool purge = false;
+};
+
+int Uninstall(const Removal& removal) {
+  if (removal.unlessFlashing) {
+    if (const auto commandLine = FindFlashingCommandLine()) {
+      std::cerr << kProgram << ": " << commandLine->message << ". " << commandLine->whatToDo << std::endl;
+      return kBusy;
+    }
+  }
   const ControlResult result = UninstallService();
+  const bool gone = result.error == ERROR_SUCCESS || result.error == ERROR_SERVICE_DOES_NOT_EXIST;
+  if (removal.purge && gone) DeleteWhatHostsLeave();
   if (result.error == ERROR_SERVICE_DOES_NOT_EXIST) return HadNothingToDo("It is not installed.");
   return Conclude(result, "Removed.");
 }
@@ -122,6 +139,25 @@ int Uninstall() {
 int Refuse(const std::string& why) {
   std::cerr << kProgram << ": " << why << std::endl;
   return kFailed;
+}
+
+/// As the options give it.
+struct FirstConfiguration {
+  std::string registryKey;
+  std::string bus;
+  std::string images;
+};
+
+int WriteFirstConfiguration(const FirstConfiguration& wanted) try {
+  const std::wstring bus = wanted.bus.empty() ? L"" : wanted.bus == "pcie" ? L"PCIE" : L"USB";
+  const Configured configured =
+      Configure({.registryKey = ToWide(wanted.registryKey), .bus = bus, .images = ToWide(wanted.images)});
+  if (configured == Configured::Before) return HadNothingToDo("It is configured already.");
+  std::cout << "Configured." << std::endl;
+  return kDone;
+} catch (const std::invalid_argument& error) {
+  std::cerr << kProgram << ": " << error.what() << "." << std::endl;
+  return kWrongUsage;
 }
 
 /// Why a service may not begin to serve beside the other hosts; nothing when it may.
@@ -302,7 +338,20 @@ int Run(std::vector<std::string> words, bool json) {
       ->add_option("--start", start, "When the service starts")
       ->check(CLI::IsMember({"auto", "demand"}))
       ->capture_default_str();
-  add("uninstall", "Stop the service and remove it", Uninstall);
+
+  Removal removal;
+  CLI::App* const uninstall =
+      add("uninstall", "Stop the service and remove it", [&] { return Uninstall(removal); });
+  uninstall->add_flag("--unless-flashing", removal.unlessFlashing, "Not while a command line flashes either");
+  uninstall->add_flag("--purge", removal.purge, "Delete configuration, logs and history, too");
+
+  FirstConfiguration wanted;
+  CLI::App* const configure = add("configure", "Make CorvelConfig.ini where there is none",
+                                  [&] { return WriteFirstConfiguration(wanted); });
+  configure->add_option("--registry-key", wanted.registryKey, "Where the controlling program is met");
+  configure->add_option("--bus", wanted.bus, "How the modem is connected")
+      ->check(CLI::IsMember({"usb", "pcie"}));
+  configure->add_option("--images", wanted.images, "The folder of the firmware images");
   add("start", "Start the service", Start);
 
   bool forced = false;

@@ -50,7 +50,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// @return false when the configuration cannot be loaded or the thread cannot be started.
   static bool Initialize();
 
-  /// Prepares command-line mode: the handshake key is HKLM\SOFTWARE\WOW6432Node\Quenta\FlashService. Loads
+  /// Prepares command-line mode: the handshake key is `HKLM\SOFTWARE\WOW6432Node\Quenta\FlashService`. Loads
   /// no configuration and starts no thread. After the first call, or after Initialize or GetInstance, it
   /// changes nothing. @return always true.
   static bool Initialize_CmdLine();

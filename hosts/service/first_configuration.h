@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+namespace hosts {
+
+/// What a first configuration says otherwise than the sample does; an empty text leaves the sample's.
+struct FirstSettings {
+  std::wstring registryKey;  ///< a root and a key below it
+  std::wstring bus;          ///< "USB" or "PCIE"
+  std::wstring images;       ///< a folder
+};
+
+enum class Configured { Now, Before };
+
+/// Makes "CorvelConfig.ini" beside the program from the sample that the program holds. One that is there
+/// stays as it is. Throws std::invalid_argument for a setting that the file cannot hold or the library would
+/// read otherwise, and std::system_error when the file cannot be written.
+Configured Configure(const FirstSettings& settings);
+
+/// Deletes what the hosts leave beside them: configuration, logs, history. Throws std::system_error for what
+/// cannot be deleted.
+void DeleteWhatHostsLeave();
+
+}  // namespace hosts

@@ -1,0 +1,120 @@
+// What "corvel_service configure" makes, and what "uninstall" takes away or leaves when it is told more.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "hosts/common/facts.h"
+#include "hosts/common/library_configuration.h"
+#include "hosts/common/who_flashes.h"
+#include "tests/hosts/child_process.h"
+#include "tests/hosts/host_workspace.h"
+
+namespace hosts {
+
+using testing::HasSubstr;
+using testing::StrEq;
+
+namespace {
+
+class FirstConfigurationTest : public testing::Test {
+ protected:
+  FirstConfigurationTest() { workspace.Remove(kConfigurationName); }
+
+  RunResult Service(const std::vector<std::wstring>& words) const {
+    return RunToEnd(workspace.Service(), words);
+  }
+  std::wstring Setting(const wchar_t* key) const {
+    return LibraryConfiguration::Read(workspace.File(kConfigurationName).wstring()).value().Get(key);
+  }
+  void Write(const wchar_t* name) const { std::ofstream(workspace.File(name)) << "text"; }
+
+  HostWorkspace workspace;
+};
+
+TEST_F(FirstConfigurationTest, IsTheSampleWhenNothingElseIsSaid) {
+  EXPECT_EQ(Service({L"configure"}).exitCode, 0);
+  EXPECT_EQ(Setting(kRegistryLocationKey), L"HKLM\\SOFTWARE\\Quenta\\FlashService");
+  EXPECT_EQ(Setting(kIpcTypeKey), L"USB");
+  EXPECT_EQ(Setting(kFirmwareFolderKey), L"C:\\ProgramData\\Quenta\\Firmware");
+}
+
+TEST_F(FirstConfigurationTest, HoldsWhatIsSaid) {
+  EXPECT_EQ(Service({L"configure", L"--registry-key", L"HKU\\X\\Y", L"--bus", L"pcie", L"--images",
+                     L"C:\\\u00DCbung"})
+                .exitCode,
+            0);
+  EXPECT_EQ(Setting(kRegistryLocationKey), L"HKU\\X\\Y");
+  EXPECT_EQ(Setting(kIpcTypeKey), L"PCIE");
+  EXPECT_EQ(Setting(kFirmwareFolderKey), L"C:\\\u00DCbung");
+}
+
+// As an installer gives it, whose folders end in a separator that would quote the quotation mark behind it.
+TEST_F(FirstConfigurationTest, TakesAFolderThatEndsInADot) {
+  EXPECT_EQ(Service({L"configure", L"--images", L"C:\\a b\\."}).exitCode, 0);
+  EXPECT_EQ(Setting(kFirmwareFolderKey), L"C:\\a b");
+}
+
+TEST_F(FirstConfigurationTest, LeavesOneThatIsThere) {
+  Write(kConfigurationName);
+  const RunResult result = Service({L"configure", L"--bus", L"pcie"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr("configured already"));
+  EXPECT_THAT(workspace.Content(kConfigurationName), StrEq("text"));
+}
+
+struct RefusedCase {
+  const char* name;
+  std::vector<std::wstring> words;
+};
+
+class RefusedConfigurationTest : public FirstConfigurationTest,
+                                 public testing::WithParamInterface<RefusedCase> {};
+
+TEST_P(RefusedConfigurationTest, EndsWithWrongUsageAndWritesNothing) {
+  std::vector<std::wstring> words{L"configure"};
+  words.insert(words.end(), GetParam().words.begin(), GetParam().words.end());
+  EXPECT_EQ(Service(words).exitCode, 2);
+  EXPECT_FALSE(workspace.Holds(kConfigurationName));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    OneOfMany, RefusedConfigurationTest,
+    testing::Values(RefusedCase{"AnUnknownRoot", {L"--registry-key", L"HKXX\\A"}},
+                    RefusedCase{"ARootWithoutAKey", {L"--registry-key", L"HKLM\\"}},
+                    RefusedCase{"AnotherBus", {L"--bus", L"PCI"}},
+                    RefusedCase{"AFolderThatIsNotWhole", {L"--images", L"firmware"}},
+                    RefusedCase{"ACharacterThatTheFileCannotHold", {L"--images", L"C:\\\u03A9"}},
+                    RefusedCase{"ALineEnd", {L"--registry-key", L"HKLM\\A\n[IPCTYPE]=PCIE"}},
+                    RefusedCase{"AKeyTooLong", {L"--registry-key", L"HKLM\\" + std::wstring(507, L'k')}}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST_F(FirstConfigurationTest, IsDeletedByAPurgeWithAllThatHostsLeaveAndNothingElse) {
+  for (const wchar_t* name : {kConfigurationName, kHistoryName, kServiceLogName, kCommandLineLogName,
+                              L"FlashServiceDebugLogger_DLL_2026-11-15_23-04-11.log", L"other.log"}) {
+    Write(name);
+  }
+  EXPECT_EQ(Service({L"uninstall", L"--purge"}).exitCode, 0);
+  EXPECT_THAT(workspace.FilesBesideTheInstallation(), testing::ElementsAre(L"other.log"));
+  EXPECT_FALSE(workspace.Holds(kConfigurationName));
+}
+
+TEST_F(FirstConfigurationTest, StaysWhenTheServiceIsRemovedWithoutAPurge) {
+  Write(kConfigurationName);
+  EXPECT_EQ(Service({L"uninstall"}).exitCode, 0);
+  EXPECT_TRUE(workspace.Holds(kConfigurationName));
+}
+
+TEST_F(FirstConfigurationTest, SurvivesAPurgeThatIsRefusedWhileACommandLineFlashes) {
+  Write(kConfigurationName);
+  const CommandLineClaim commandLine;
+  EXPECT_EQ(Service({L"uninstall", L"--unless-flashing", L"--purge"}).exitCode, 3);
+  EXPECT_TRUE(workspace.Holds(kConfigurationName));
+}
+
+}  // namespace
+
+}  // namespace hosts

@@ -1,0 +1,303 @@
+// The installer as those who deploy it meet it: installations of this PC, without a word, one after the
+// other.
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <winsvc.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hosts/common/facts.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
+#include "simulator/host/kept_key.h"
+#include "support/temporary_folder.h"
+#include "support/wine.h"
+#include "tests/hosts/child_process.h"
+#include "tests/hosts/host_workspace.h"
+
+namespace hosts {
+
+using testing::HasSubstr;
+using testing::StrEq;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr wchar_t kOwnKey[] = L"SOFTWARE\\Corvel\\Toolkit";
+constexpr int kLongestInstallationSeconds = 300;
+
+OwnedService OpenService(DWORD access) {
+  const OwnedService manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  return OwnedService(::OpenServiceW(manager.get(), kServiceName, access));
+}
+
+bool ServiceExists() {
+  return OpenService(SERVICE_QUERY_STATUS) != nullptr;
+}
+
+DWORD ServiceState() {
+  const OwnedService service = OpenService(SERVICE_QUERY_STATUS);
+  SERVICE_STATUS status{};
+  ::QueryServiceStatus(service.get(), &status);
+  return status.dwCurrentState;
+}
+
+struct ServiceEntry {
+  std::wstring command;
+  DWORD startType = 0;
+};
+
+ServiceEntry Entry() {
+  const OwnedService service = OpenService(SERVICE_QUERY_CONFIG);
+  alignas(QUERY_SERVICE_CONFIGW) std::array<BYTE, 8192> memory{};
+  auto* const entry = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(memory.data());
+  DWORD needed = 0;
+  if (!::QueryServiceConfigW(service.get(), entry, static_cast<DWORD>(memory.size()), &needed)) return {};
+  return {entry->lpBinaryPathName, entry->dwStartType};
+}
+
+bool OwnKeyExists() {
+  HKEY key = nullptr;
+  const bool exists = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kOwnKey, 0, KEY_READ, &key) == ERROR_SUCCESS;
+  const OwnedKey owner(key);
+  return exists;
+}
+
+std::string TextOf(const fs::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+void WriteText(const fs::path& file, const std::string& text) {
+  std::ofstream(file, std::ios::binary) << text;
+}
+
+/// A package that the build has made, and what the installer calls it.
+struct Package {
+  explicit Package(const std::wstring& name)
+      : file(fs::path(ProgramFolder()) / L"packages" / (name + L".msi")),
+        code(ToWide(TextOf(file.parent_path() / (name + L".code")))) {}
+
+  fs::path file;
+  std::wstring code;
+};
+
+/// The installer takes a PC of Wine's for one that is too old, unless it is told otherwise.
+void TellInstallerOfSystem() {
+  if (!RunsUnderWine()) return;
+  constexpr wchar_t kVersion[] = L"win10";
+  ::RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\msiexec.exe", L"Version", REG_SZ,
+                    kVersion, sizeof kVersion);
+}
+
+class InstallerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    TellInstallerOfSystem();
+    RemoveAll();
+    ASSERT_FALSE(ServiceExists());
+  }
+  void TearDown() override { RemoveAll(); }
+
+  /// @return the exit code of Windows Installer.
+  static int Installer(const std::wstring& what, const std::wstring& package,
+                       std::vector<std::wstring> properties = {}) {
+    std::vector<std::wstring> words{what, package, L"/qn", L"/norestart"};
+    words.insert(words.end(), properties.begin(), properties.end());
+    std::array<wchar_t, MAX_PATH> system{};
+    ::GetSystemDirectoryW(system.data(), static_cast<UINT>(system.size()));
+    ChildProcess installer(fs::path(system.data()) / L"msiexec.exe", words);
+    return installer.WaitForEnd(std::chrono::seconds(kLongestInstallationSeconds)).value_or(-1);
+  }
+  int Install(const Package& package, const std::wstring& start) const {
+    return Installer(L"/i", package.file.wstring(),
+                     {L"INSTALLFOLDER=" + Folder().wstring(), L"IMAGEFOLDER=" + Images().wstring(),
+                      L"REGISTRYKEY=" + ToWide(key.Location().Text()), L"BUS=pcie", L"STARTTYPE=" + start});
+  }
+  static int Remove(const Package& package, std::vector<std::wstring> properties = {}) {
+    return Installer(L"/x", package.code, std::move(properties));
+  }
+
+  fs::path Folder() const { return m_Place.Path() / L"program files"; }
+  fs::path Programs() const { return Folder() / L"bin"; }
+  fs::path Images() const { return m_Place.Path() / L"images"; }
+  fs::path Configuration() const { return Programs() / kConfigurationName; }
+  int Service(const std::vector<std::wstring>& words) const {
+    return RunToEnd(Programs() / L"corvel_service.exe", words).exitCode.value_or(-1);
+  }
+
+  /// The same service, linked with a virtual PC.
+  void PutSimulatedHost(const std::string& speed) const {
+    const fs::path products = ProgramFolder();
+    ASSERT_EQ(Service({L"stop"}), 0);
+    for (const wchar_t* name : {L"virtual_pc_host.dll", L"Firmwareflashdownload.dll"}) {
+      fs::copy_file(products / name, Programs() / name, fs::copy_options::overwrite_existing);
+    }
+    fs::copy_file(products / L"simulated" / L"corvel_service.exe", Programs() / L"corvel_service.exe",
+                  fs::copy_options::overwrite_existing);
+    WriteText(Programs() / L"VirtualPc.ini", "speed=" + speed + "\n");
+    ASSERT_EQ(Service({L"start"}), 0);
+  }
+  void RequestFlash() const {
+    const HostWorkspace workspace;
+    fs::copy_file(workspace.ModemImage(), Images() / L"modem.fls", fs::copy_options::overwrite_existing);
+    fs::copy_file(workspace.NvmImage(), Images() / L"nvm.fls", fs::copy_options::overwrite_existing);
+    key.Write(kReadyValue, 1);
+  }
+  /// Waits until the handshake's values are as expected; bounded by the longest job.
+  template <typename Expected>
+  bool Becomes(Expected expected) const {
+    const auto end = std::chrono::steady_clock::now() + 240s;
+    while (!expected(key.Read()) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(50ms);
+    return expected(key.Read());
+  }
+  bool FlashEndsWith(std::uint32_t result) const {
+    return Becomes([&](const Handshake& values) { return values.ready == 0u && values.result == result; });
+  }
+  bool FlashBegins() const {
+    return Becomes([](const Handshake& values) { return values.onGoing == 1u; });
+  }
+
+  Package old{L"old"};
+  Package fresh{L"new"};
+  simulator::KeptKey key{
+      {.path = L"SOFTWARE\\Corvel\\Test\\Installer-" + std::to_wstring(::GetCurrentProcessId())}};
+
+ private:
+  void RemoveAll() const {
+    if (ServiceExists() && fs::exists(Programs())) Service({L"stop", L"--force"});
+    Remove(fresh);
+    Remove(old);
+  }
+
+  TemporaryFolder m_Place;
+};
+
+TEST_F(InstallerTest, InstallsWhatItIsToldFlashesAndLeavesNothing) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const ServiceEntry entry = Entry();
+  EXPECT_EQ(entry.command, L"\"" + (Programs() / L"corvel_service.exe").wstring() + L"\"");
+  EXPECT_EQ(entry.startType, static_cast<DWORD>(SERVICE_DEMAND_START));
+  EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_STOPPED));
+  const std::string configuration = TextOf(Configuration());
+  EXPECT_THAT(configuration, HasSubstr("[RegistryLocation]=" + key.Location().Text() + "\r\n"));
+  EXPECT_THAT(configuration, HasSubstr("[IPCTYPE]=PCIE\r\n"));
+  EXPECT_THAT(configuration, HasSubstr("[ModemAndNVMFirmwareFolder]=" + ToUtf8(Images().wstring()) + "\r\n"));
+
+  PutSimulatedHost("60");
+  RequestFlash();
+  EXPECT_TRUE(FlashEndsWith(4));
+
+  EXPECT_EQ(Remove(old), 0);
+  EXPECT_FALSE(ServiceExists());
+  EXPECT_FALSE(OwnKeyExists());
+  for (const wchar_t* name : {L"corvel_service.exe", L"corvel_cmdline.exe", L"CorvelToolKit.dll",
+                              kConfigurationName, kHistoryName}) {
+    EXPECT_FALSE(fs::exists(Programs() / name)) << ToUtf8(name);
+  }
+  EXPECT_FALSE(fs::exists(Folder() / L"docs"));
+  // Wine takes "*.log" for a name.
+  EXPECT_EQ(fs::exists(Programs() / kServiceLogName), RunsUnderWine());
+}
+
+TEST_F(InstallerTest, StartsAServiceThatStartsByItself) {
+  ASSERT_EQ(Install(old, L"auto"), 0);
+  EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_AUTO_START));
+  EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+TEST_F(InstallerTest, RefusesAnUpgradeWhileAModemIsFlashedAndUpgradesAfterwards) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  PutSimulatedHost("3");
+  RequestFlash();
+  ASSERT_TRUE(FlashBegins());
+  EXPECT_EQ(Install(fresh, L"demand"), ERROR_INSTALL_FAILURE);
+  EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
+  EXPECT_TRUE(FlashEndsWith(4));
+
+  EXPECT_EQ(Install(fresh, L"demand"), 0);
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_EQ(Remove(old), ERROR_UNKNOWN_PRODUCT);
+}
+
+TEST_F(InstallerTest, RefusesARemovalWhileAModemIsFlashed) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  PutSimulatedHost("3");
+  RequestFlash();
+  ASSERT_TRUE(FlashBegins());
+  EXPECT_EQ(Remove(old), ERROR_INSTALL_FAILURE);
+  EXPECT_TRUE(FlashEndsWith(4));
+  EXPECT_TRUE(ServiceExists());
+}
+
+TEST_F(InstallerTest, RefusesARemovalWhileACommandLineFlashes) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  {
+    const CommandLineClaim commandLine;
+    EXPECT_EQ(Remove(old), ERROR_INSTALL_FAILURE);
+  }
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_TRUE(fs::exists(Programs() / L"corvel_service.exe"));
+}
+
+// In the two steps that Windows makes an upgrade of; Wine does not tell the first one what it is part of.
+TEST_F(InstallerTest, KeepsTheConfigurationInAnUpgrade) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  WriteText(Configuration(), "title\r\n[TraceLevel]=0\r\n");
+  ASSERT_EQ(Remove(old, {L"UPGRADINGPRODUCTCODE=" + fresh.code}), 0);
+  ASSERT_EQ(Install(fresh, L"demand"), 0);
+  EXPECT_THAT(TextOf(Configuration()), StrEq("title\r\n[TraceLevel]=0\r\n"));
+}
+
+TEST_F(InstallerTest, RepairsWhatWasDeletedWithoutAWordOnWhereAndHow) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration());
+  fs::remove(Programs() / L"corvel_service.exe");
+  fs::remove(Folder() / L"docs" / L"hosts.md");
+  EXPECT_EQ(Installer(L"/fa", old.code), 0);
+  EXPECT_TRUE(fs::exists(Programs() / L"corvel_service.exe"));
+  EXPECT_TRUE(fs::exists(Folder() / L"docs" / L"hosts.md"));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_DEMAND_START));
+}
+
+TEST_F(InstallerTest, TakesBackAnInstallationWhoseServiceDoesNotStart) {
+  {
+    // A service does not start beside a command line that flashes.
+    const CommandLineClaim commandLine;
+    EXPECT_EQ(Install(old, L"auto"), ERROR_INSTALL_FAILURE);
+  }
+  EXPECT_FALSE(ServiceExists());
+  EXPECT_FALSE(fs::exists(Configuration()));
+}
+
+TEST_F(InstallerTest, RefusesAConfigurationThatTheLibraryWouldReadOtherwise) {
+  EXPECT_EQ(
+      Installer(L"/i", old.file.wstring(),
+                {L"INSTALLFOLDER=" + Folder().wstring(), L"REGISTRYKEY=HKXX\\nothing", L"STARTTYPE=demand"}),
+      ERROR_INSTALL_FAILURE);
+  EXPECT_FALSE(ServiceExists());
+}
+
+TEST_F(InstallerTest, RefusesAnOlderVersionOverANewerOne) {
+  ASSERT_EQ(Install(fresh, L"demand"), 0);
+  EXPECT_EQ(Install(old, L"demand"), ERROR_INSTALL_FAILURE);
+  EXPECT_TRUE(ServiceExists());
+}
+
+}  // namespace
+
+}  // namespace hosts

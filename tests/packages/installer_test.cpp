@@ -19,7 +19,6 @@
 #include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
-#include "hosts/common/who_flashes.h"
 #include "simulator/host/kept_key.h"
 #include "support/temporary_folder.h"
 #include "support/wine.h"
@@ -29,7 +28,6 @@
 namespace hosts {
 
 using testing::HasSubstr;
-using testing::StrEq;
 
 namespace {
 
@@ -167,9 +165,6 @@ class InstallerTest : public testing::Test {
   bool FlashEndsWith(std::uint32_t result) const {
     return Becomes([&](const Handshake& values) { return values.ready == 0u && values.result == result; });
   }
-  bool FlashBegins() const {
-    return Becomes([](const Handshake& values) { return values.onGoing == 1u; });
-  }
 
   Package old{L"old"};
   Package fresh{L"new"};
@@ -217,85 +212,6 @@ TEST_F(InstallerTest, StartsAServiceThatStartsByItself) {
   ASSERT_EQ(Install(old, L"auto"), 0);
   EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
-}
-
-TEST_F(InstallerTest, RefusesAnUpgradeWhileAModemIsFlashedAndUpgradesAfterwards) {
-  ASSERT_EQ(Install(old, L"demand"), 0);
-  PutSimulatedHost("3");
-  RequestFlash();
-  ASSERT_TRUE(FlashBegins());
-  EXPECT_EQ(Install(fresh, L"demand"), ERROR_INSTALL_FAILURE);
-  EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
-  EXPECT_TRUE(FlashEndsWith(4));
-
-  EXPECT_EQ(Install(fresh, L"demand"), 0);
-  EXPECT_TRUE(ServiceExists());
-  EXPECT_EQ(Remove(old), ERROR_UNKNOWN_PRODUCT);
-}
-
-TEST_F(InstallerTest, RefusesARemovalWhileAModemIsFlashed) {
-  ASSERT_EQ(Install(old, L"demand"), 0);
-  PutSimulatedHost("3");
-  RequestFlash();
-  ASSERT_TRUE(FlashBegins());
-  EXPECT_EQ(Remove(old), ERROR_INSTALL_FAILURE);
-  EXPECT_TRUE(FlashEndsWith(4));
-  EXPECT_TRUE(ServiceExists());
-}
-
-TEST_F(InstallerTest, RefusesARemovalWhileACommandLineFlashes) {
-  ASSERT_EQ(Install(old, L"demand"), 0);
-  {
-    const CommandLineClaim commandLine;
-    EXPECT_EQ(Remove(old), ERROR_INSTALL_FAILURE);
-  }
-  EXPECT_TRUE(ServiceExists());
-  EXPECT_TRUE(fs::exists(Programs() / L"corvel_service.exe"));
-}
-
-// In the two steps that Windows makes an upgrade of; Wine does not tell the first one what it is part of.
-TEST_F(InstallerTest, KeepsTheConfigurationInAnUpgrade) {
-  ASSERT_EQ(Install(old, L"demand"), 0);
-  WriteText(Configuration(), "title\r\n[TraceLevel]=0\r\n");
-  ASSERT_EQ(Remove(old, {L"UPGRADINGPRODUCTCODE=" + fresh.code}), 0);
-  ASSERT_EQ(Install(fresh, L"demand"), 0);
-  EXPECT_THAT(TextOf(Configuration()), StrEq("title\r\n[TraceLevel]=0\r\n"));
-}
-
-TEST_F(InstallerTest, RepairsWhatWasDeletedWithoutAWordOnWhereAndHow) {
-  ASSERT_EQ(Install(old, L"demand"), 0);
-  const std::string configuration = TextOf(Configuration());
-  fs::remove(Programs() / L"corvel_service.exe");
-  fs::remove(Folder() / L"docs" / L"hosts.md");
-  EXPECT_EQ(Installer(L"/fa", old.code), 0);
-  EXPECT_TRUE(fs::exists(Programs() / L"corvel_service.exe"));
-  EXPECT_TRUE(fs::exists(Folder() / L"docs" / L"hosts.md"));
-  EXPECT_EQ(TextOf(Configuration()), configuration);
-  EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_DEMAND_START));
-}
-
-TEST_F(InstallerTest, TakesBackAnInstallationWhoseServiceDoesNotStart) {
-  {
-    // A service does not start beside a command line that flashes.
-    const CommandLineClaim commandLine;
-    EXPECT_EQ(Install(old, L"auto"), ERROR_INSTALL_FAILURE);
-  }
-  EXPECT_FALSE(ServiceExists());
-  EXPECT_FALSE(fs::exists(Configuration()));
-}
-
-TEST_F(InstallerTest, RefusesAConfigurationThatTheLibraryWouldReadOtherwise) {
-  EXPECT_EQ(
-      Installer(L"/i", old.file.wstring(),
-                {L"INSTALLFOLDER=" + Folder().wstring(), L"REGISTRYKEY=HKXX\\nothing", L"STARTTYPE=demand"}),
-      ERROR_INSTALL_FAILURE);
-  EXPECT_FALSE(ServiceExists());
-}
-
-TEST_F(InstallerTest, RefusesAnOlderVersionOverANewerOne) {
-  ASSERT_EQ(Install(fresh, L"demand"), 0);
-  EXPECT_EQ(Install(old, L"demand"), ERROR_INSTALL_FAILURE);
-  EXPECT_TRUE(ServiceExists());
 }
 
 }  // namespace

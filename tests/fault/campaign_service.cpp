@@ -45,7 +45,9 @@ class Witness {
         static_cast<DWORD>(call.arguments[1]) == INFINITE) {
       ++s_count;
     }
+    if (const CallHooks::Observer other = s_other) other(call);
   }
+  static void AlsoTell(CallHooks::Observer other) { s_other = other; }
   static unsigned Count() { return s_count; }
   static ModemState ModemAtResult() { return s_modemAtResult; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
@@ -59,6 +61,7 @@ class Witness {
     if (std::wstring_view(name) == L"Flash_Result") s_modemAtResult = s_modem->State();
   }
 
+  static inline std::atomic<CallHooks::Observer> s_other{nullptr};
   static inline VirtualModem* s_modem = nullptr;
   static inline std::atomic<unsigned> s_callsWhileWriting{0};
   static inline std::atomic<unsigned> s_exitCode{0};
@@ -142,6 +145,10 @@ bool Service::IsImageLeft() const {
 
 unsigned Service::Waits() {
   return Witness::Count();
+}
+
+void Service::AlsoTell(CallHooks::Observer observer) {
+  Witness::AlsoTell(observer);
 }
 
 void Service::EndProcessWhileWriting(unsigned calls, unsigned exitCode) {

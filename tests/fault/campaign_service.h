@@ -61,6 +61,8 @@ class Service {
   void ExpectImage(std::uint32_t seed);
   /// Raises the flag and waits until the job is done.
   JobEnd Run();
+  /// Is told of every call, too, once the service has begun; null for nobody.
+  static void AlsoTell(simulator::CallHooks::Observer observer);
   /// Ends the process when so many calls of the library have begun while an item was written.
   static void EndProcessWhileWriting(unsigned calls, unsigned exitCode);
   hosts::Handshake Values() const { return hosts::ReadHandshake(m_Key); }

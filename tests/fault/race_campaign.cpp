@@ -1,0 +1,659 @@
+// Races in flash jobs of the service: while a job runs, its threads are held up at random calls, and somebody
+// meddles with what it works on.
+//
+// usage: race_campaign [--route mbim|at|bbrst|flash-port] [--cases N] [--seed N] [--from N] [--only KIND]
+//
+// The kinds of meddling take turns (the table in this file). Behind each case there is a job that nobody
+// disturbs and that has to succeed. One line per finding, with the seed and the number that bring its case
+// again; exit status 1 when there is any. The schedule is the system's all the same: a case that is run again
+// may end another way.
+//
+// Many cases share a process. One that hangs or crashes ends it; it is named, and the rest goes on behind it.
+
+#include <windows.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <wrl/client.h>
+
+#include "fault/campaign_service.h"
+#include "hosts/common/text.h"
+#include "simulator/mobile_broadband.h"
+#include "simulator/program/fleet/pc_plan.h"
+#include "simulator/program/session_key.h"
+#include "simulator/program/work_folder.h"
+#include "simulator/working_threads.h"
+
+using namespace simulator;
+using namespace campaign;
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+using namespace std::chrono_literals;
+using RealClock = std::chrono::steady_clock;
+
+constexpr unsigned long kGoOnBehind = 4;  ///< a child's exit status: its process serves no further case
+constexpr unsigned long kHangs = 5;
+constexpr unsigned kExited = 77;
+constexpr auto kCaseLimit = 150s;
+constexpr wchar_t kProgressFile[] = L"races.txt";
+
+struct Options {
+  Route route = Route::Mbim;
+  std::size_t cases = 100;
+  std::size_t seed = 1;
+  std::size_t from = 0;
+  std::string only;
+  std::string key;
+  bool inPlace = false;
+  std::size_t exitAt = 0;  ///< of the child: leaves at that call of the system
+};
+Options g_options;
+
+// --- Disturbed schedules ----------------------------------------------------------------------------------
+
+/// Holds threads of the library up at calls of theirs, some of the time while virtual time passes.
+class Perturber {
+ public:
+  static void Begin(std::uint64_t seed) {
+    s_seed = seed;
+    s_calls = 0;
+    s_isOn = true;
+  }
+  static void End() { s_isOn = false; }
+
+  static void See(const SeenCall& call) noexcept {
+    if (std::string_view(call.function) == "RegNotifyChangeKeyValue") s_watch = call.arguments[3];
+    if (const unsigned at = s_exitAt; at != 0 && ++s_callsToExit == at) {
+      ::SetEvent(s_exits);
+      ::Sleep(INFINITE);
+    }
+    if (!s_isOn) return;
+    Dice dice(s_seed + ++s_calls);
+    const int lot = dice.Between(1, 1000);
+    if (lot > 60) return;
+    if (lot > 10) {
+      ::Sleep(static_cast<DWORD>(dice.Between(0, 3)));
+      return;
+    }
+    const working_threads::Rest rest;
+    ::Sleep(static_cast<DWORD>(dice.Between(1, 30)));
+  }
+
+  /// Windows signals a watch whose key is deleted; not every system does.
+  static void SignalWatch() { ::SetEvent(reinterpret_cast<HANDLE>(s_watch.load())); }
+
+  /// @return an event that is signalled when that many calls have begun; the thread that makes the last one
+  /// stays in it.
+  static HANDLE StopAt(unsigned calls) {
+    s_exits = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    s_callsToExit = 0;
+    s_exitAt = calls;
+    return s_exits;
+  }
+
+ private:
+  static inline std::atomic<bool> s_isOn{false};
+  static inline std::atomic<std::uint64_t> s_seed{0};
+  static inline std::atomic<std::uint64_t> s_calls{0};
+  static inline std::atomic<std::uint64_t> s_watch{0};
+  static inline std::atomic<unsigned> s_exitAt{0};
+  static inline std::atomic<unsigned> s_callsToExit{0};
+  static inline HANDLE s_exits = nullptr;
+};
+
+/// Somebody beside the job, until it is over.
+class Meddler {
+ public:
+  template <typename Step>
+  Meddler(std::uint64_t seed, Step step)
+      : m_Thread([seed, step](const std::stop_token& stop) {
+          Dice dice(seed);
+          while (!stop.stop_requested()) {
+            ::Sleep(static_cast<DWORD>(dice.Between(0, 20)));
+            step(dice);
+          }
+        }) {}
+
+ private:
+  std::jthread m_Thread;
+};
+
+// --- What is meddled with ---------------------------------------------------------------------------------
+
+struct Bench {
+  Service& service;
+  const hosts::HandshakeKey& key;
+  std::filesystem::path folder;
+  std::uint32_t images;  ///< seed of the present image
+  std::string configuration;
+};
+
+void Raise(const Bench& bench, std::uint32_t value) {
+  hosts::WriteHandshakeValue(bench.key, L"Fls_Ready", value);
+}
+
+/// Completions that nobody asked for, early, late, twice and from several threads; and some to sinks that are
+/// no longer advised.
+class Completions {
+ public:
+  explicit Completions(SimulatedMobileBroadband& service) : m_Service(service) {}
+
+  void Bring(Dice& dice) {
+    const int kind = dice.Between(0, 3);
+    const HRESULT status = dice.Between(0, 1) == 0 ? S_OK : E_FAIL;
+    const auto request = static_cast<ULONG>(dice.Between(0, 6));
+    m_Service.Notify([&](IMbnDeviceServicesEvents& sink) {
+      Keep(sink);
+      Bring(sink, kind, status, request);
+    });
+    for (const auto& sink : Kept()) Bring(*sink.Get(), kind, status, request);
+  }
+
+ private:
+  static constexpr std::size_t kMostKept = 4;
+
+  static void Bring(IMbnDeviceServicesEvents& sink, int kind, HRESULT status, ULONG request) {
+    switch (kind) {
+      case 0:
+        sink.OnOpenCommandSessionComplete(nullptr, status, request);
+        break;
+      case 1:
+        sink.OnQuerySupportedCommandsComplete(nullptr, nullptr, status, request);
+        break;
+      case 2:
+        sink.OnSetCommandComplete(nullptr, 1, nullptr, status, request);
+        break;
+      default:
+        sink.OnCloseCommandSessionComplete(nullptr, status, request);
+        break;
+    }
+  }
+  void Keep(IMbnDeviceServicesEvents& sink) {
+    const std::lock_guard lock(m_Lock);
+    if (m_Kept.size() == kMostKept) m_Kept.erase(m_Kept.begin());
+    m_Kept.emplace_back(&sink);
+  }
+  std::vector<ComPtr<IMbnDeviceServicesEvents>> Kept() {
+    const std::lock_guard lock(m_Lock);
+    return m_Kept;
+  }
+
+  SimulatedMobileBroadband& m_Service;
+  std::mutex m_Lock;
+  std::vector<ComPtr<IMbnDeviceServicesEvents>> m_Kept;
+};
+
+JobEnd RunWithCompletions(Bench& bench, std::uint64_t seed) {
+  Completions completions(bench.service.Pc().MobileBroadband());
+  const auto bring = [&completions](Dice& dice) { completions.Bring(dice); };
+  const Meddler one(seed, bring);
+  const Meddler other(seed + 1, bring);
+  return bench.service.Run();
+}
+
+/// Calls that hold a thread up for so long that it is given up, and comes back anywhere behind.
+JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
+  static constexpr const char* kCalls[] = {"CreateFileW",
+                                           "DeviceIoControl",
+                                           "GetOverlappedResultEx",
+                                           "CM_Get_Device_ID_ListW",
+                                           "RegSetValueExW",
+                                           "ReadFile",
+                                           "WriteFile",
+                                           "CM_Get_Device_Interface_ListW",
+                                           "CM_Reenumerate_DevNode",
+                                           "LoadLibraryW",
+                                           "GetProcAddress",
+                                           "CoCreateInstance"};
+  Dice dice(seed);
+  for (int i = dice.Between(1, 4); i > 0; --i) {
+    CallFault fault;
+    fault.function = kCalls[dice.Between(0, static_cast<int>(std::size(kCalls)) - 1)];
+    fault.calls = Occurrence::Only(dice.Between(1, 20));
+    fault.way = CallFault::Way::Delayed;
+    fault.delay = std::chrono::milliseconds(dice.Between(20, 900));
+    bench.service.Hooks().Arm(fault);
+  }
+  const JobEnd end = bench.service.Run();
+  bench.service.Hooks().Disarm();
+  return end;
+}
+
+/// Two controllers that raise and lower the flag.
+JobEnd RunWithTwoControllers(Bench& bench, std::uint64_t seed) {
+  {
+    const auto wave = [&bench](Dice& dice) { Raise(bench, static_cast<std::uint32_t>(dice.Between(0, 2))); };
+    const Meddler one(seed, wave);
+    const Meddler other(seed + 1, wave);
+    ::Sleep(300);
+  }
+  // Whatever they left, and whatever it has become: once the service is at rest, this is asked for.
+  const unsigned waits = Service::Waits();
+  Raise(bench, 0);
+  bench.service.AwaitRest(waits);
+  bench.service.LayImage(bench.images);
+  return bench.service.Run();
+}
+
+void DeleteKey(const Bench& bench) {
+  ::RegDeleteTreeW(bench.key.root, bench.key.path.c_str());
+  Perturber::SignalWatch();
+}
+
+void WriteOddValue(const Bench& bench, Dice& dice) {
+  static constexpr const wchar_t* kNames[] = {L"Retry_Times", L"Flash_Progress", L"Flash_Result",
+                                              L"Flash_OnGoing"};
+  const wchar_t* const name = kNames[dice.Between(0, 3)];
+  HKEY opened = nullptr;
+  if (::RegOpenKeyExW(bench.key.root, bench.key.path.c_str(), 0, KEY_SET_VALUE, &opened) != ERROR_SUCCESS)
+    return;
+  const hosts::OwnedKey owner(opened);
+  static constexpr BYTE kBytes[] = {'4', 0, '2', 0, 0, 0, 7, 7, 7, 7};
+  switch (dice.Between(0, 2)) {
+    case 0:
+      ::RegDeleteValueW(opened, name);
+      break;
+    case 1:
+      ::RegSetValueExW(opened, name, 0, REG_SZ, kBytes, 6);
+      break;
+    default:
+      ::RegSetValueExW(opened, name, 0, REG_BINARY, kBytes, sizeof kBytes);
+      break;
+  }
+}
+
+/// The key is deleted, made again and filled with odd values at any time, also while it is watched.
+JobEnd RunWithKeyChanged(Bench& bench, std::uint64_t seed) {
+  DeleteKey(bench);
+  {
+    const Meddler meddler(seed, [&bench](Dice& dice) {
+      if (dice.Between(1, 8) == 1) DeleteKey(bench);
+      WriteOddValue(bench, dice);
+    });
+    bench.service.Run();
+  }
+  // A key that went away took the values with it.
+  Raise(bench, 0);
+  hosts::WriteHandshakeValue(bench.key, L"Retry_Times", 3);
+  bench.service.LayImage(bench.images);
+  return bench.service.Run();
+}
+
+/// Configuration and images come, go and change.
+JobEnd RunWithFilesChanged(Bench& bench, std::uint64_t seed) {
+  const auto configuration = bench.folder / L"CorvelConfig.ini";
+  JobEnd end;
+  {
+    const Meddler meddler(seed, [&](Dice& dice) {
+      std::error_code ignored;
+      const auto image = bench.folder / L"firmware" / L"nvm.fls";
+      switch (dice.Between(0, 4)) {
+        case 0:
+          std::filesystem::remove(image, ignored);
+          break;
+        case 1:
+          static_cast<void>(SaveImageFile(BuildImage(SmallImagePlan(bench.images)), image));
+          break;
+        case 2:
+          std::filesystem::remove(configuration, ignored);
+          break;
+        case 3:
+          std::ofstream(configuration, std::ios::binary)
+              << "title\r\n[RegistryLocation]=HKLM\\SOFTWARE\\other\r\n";
+          break;
+        default:
+          std::ofstream(image.parent_path() / L"modem.fls", std::ios::binary) << "no image";
+          break;
+      }
+    });
+    end = bench.service.Run();
+  }
+  std::error_code ignored;
+  std::filesystem::remove(bench.folder / L"firmware" / L"modem.fls", ignored);
+  std::ofstream(configuration, std::ios::binary) << bench.configuration;
+  return end;
+}
+
+/// The host frees the library, and loads it again, while it works.
+JobEnd RunWithLibraryFreed(Bench& bench, std::uint64_t seed) {
+  const Meddler meddler(seed, [](Dice& dice) {
+    static constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
+    if (dice.Between(0, 1) == 0) {
+      ::LoadLibraryW(kLibrary);
+    } else if (const HMODULE library = ::GetModuleHandleW(kLibrary)) {
+      ::FreeLibrary(library);
+    }
+  });
+  return bench.service.Run();
+}
+
+/// A schedule that is disturbed, and nothing else.
+JobEnd RunAlone(Bench& bench, std::uint64_t) {
+  return bench.service.Run();
+}
+
+struct Kind {
+  const char* name;
+  JobEnd (*run)(Bench& bench, std::uint64_t seed);
+  /// The result tells of the image that the bench knows, whole and alone.
+  bool isImageKnown;
+  bool hasDocumentedEnd;
+};
+constexpr Kind kKinds[] = {
+    {"schedule", &RunAlone, true, true},
+    {"completions", &RunWithCompletions, true, true},
+    {"late-workers", &RunWithLateWorkers, true, true},
+    {"two-controllers", &RunWithTwoControllers, true, true},
+    {"key", &RunWithKeyChanged, true, true},
+    {"files", &RunWithFilesChanged, false, true},
+    {"freed", &RunWithLibraryFreed, true, true},
+};
+constexpr char kExit[] = "exit";
+
+const Kind& KindOf(std::size_t number) {
+  return kKinds[number % std::size(kKinds)];
+}
+
+// --- One process ------------------------------------------------------------------------------------------
+
+struct Progress {
+  std::size_t next = 0;
+  std::size_t run = 0;
+  std::size_t findings = 0;
+  bool isDone = false;
+
+  void Save() const {
+    std::ofstream(std::filesystem::path(hosts::ProgramFolder()) / kProgressFile)
+        << next << ' ' << run << ' ' << findings << ' ' << isDone << '\n';
+  }
+  static std::optional<Progress> Load(const std::filesystem::path& folder) {
+    Progress progress;
+    std::ifstream file(folder / kProgressFile);
+    if (!(file >> progress.next >> progress.run >> progress.findings >> progress.isDone)) return std::nullopt;
+    return progress;
+  }
+};
+
+/// Ends the process when a case takes too long, whoever hangs.
+class Watchdog {
+ public:
+  void Pat() { m_End = (RealClock::now() + kCaseLimit).time_since_epoch().count(); }
+
+ private:
+  void Watch(const std::stop_token& stop) const {
+    while (!stop.stop_requested()) {
+      ::Sleep(100);
+      if (RealClock::now().time_since_epoch().count() > m_End)
+        ::TerminateProcess(::GetCurrentProcess(), kHangs);
+    }
+  }
+
+  std::atomic<RealClock::rep> m_End{(RealClock::now() + kCaseLimit).time_since_epoch().count()};
+  std::jthread m_Thread{[this](const std::stop_token& stop) { Watch(stop); }};
+};
+
+std::string ReadFile(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::string Text(const std::optional<std::uint32_t>& value) {
+  return value ? std::to_string(*value) : "none";
+}
+
+class Races {
+ public:
+  explicit Races(const Options& options)
+      : m_Options(options),
+        m_Key{HKEY_CURRENT_USER, L"HKCU", hosts::ToWide(options.key)},
+        m_Service(options.route, false, hosts::ToWide(options.key), Begins::WithModemAsLeft),
+        m_Bench{m_Service, m_Key, hosts::ProgramFolder(), 0,
+                ReadFile(std::filesystem::path(hosts::ProgramFolder()) / L"CorvelConfig.ini")} {}
+
+  int Run() {
+    if (!m_Service.Begin()) return Fail("the service does not begin");
+    Service::AlsoTell(&Perturber::See);
+    // Whatever a process before has left to do is done by now.
+    if (const std::string finding = SoundJob(); !finding.empty())
+      return Fail("a job without races: " + finding);
+    if (m_Options.exitAt != 0) ExitInJob();
+    for (std::size_t i = m_Options.from; i < m_Options.cases; ++i) {
+      if (!m_Options.only.empty() && m_Options.only != KindOf(i).name) continue;
+      m_Progress.next = i;
+      m_Progress.Save();
+      m_Watchdog.Pat();
+      if (RunCase(i)) continue;
+      m_Progress.next = i + 1;
+      m_Progress.Save();
+      return kGoOnBehind;
+    }
+    m_Progress.isDone = true;
+    m_Progress.Save();
+    return 0;
+  }
+
+ private:
+  static int Fail(const std::string& why) {
+    std::printf("%s\n", why.c_str());
+    return 1;
+  }
+
+  /// @return false when the process serves no further case.
+  bool RunCase(std::size_t number) {
+    const Kind& kind = KindOf(number);
+    m_Service.PutModemWhereTheRouteBegins();
+    m_Service.LayImage(m_Bench.images = ++m_Images);
+    const std::uint64_t seed = Dice(m_Options.seed * 1'000'003 + number).Throw();
+    Perturber::Begin(seed);
+    const JobEnd end = kind.run(m_Bench, seed);
+    Perturber::End();
+    ++m_Progress.run;
+    const std::string finding = Judge(kind, end);
+    if (!finding.empty()) Report(number, finding);
+    if (!end.ended) return false;
+    m_Watchdog.Pat();
+    if (const std::string after = SoundJob(); !after.empty()) {
+      Report(number, "the next job: " + after);
+      return false;
+    }
+    return true;
+  }
+
+  /// @return what may not be, in words; empty when all of it may.
+  static std::string Judge(const Kind& kind, const JobEnd& end) {
+    const auto& values = end.values;
+    const std::string state = "result " + Text(values.result) + ", ready " + Text(values.ready) +
+                              ", on-going " + Text(values.onGoing) + ", progress " + Text(values.progress);
+    if (!end.ended) return "the service does not wait for the next request: " + state;
+    if (kind.hasDocumentedEnd && !end.Succeeded() && !end.Failed()) return "no documented end: " + state;
+    if (kind.isImageKnown && end.Succeeded() && !end.isMemoryEqual)
+      return "success is reported, but the memory is not equal";
+    if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
+      return std::string("success was reported while the modem was ") + NameOf(end.modemAtResult);
+    if (values.ready != 0u) return "the flag is not taken back: " + state;
+    if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
+    return {};
+  }
+
+  std::string SoundJob() {
+    m_Service.LayImage(m_Bench.images = ++m_Images);
+    const JobEnd end = m_Service.Run();
+    if (const std::string finding = Judge(kKinds[0], end); !finding.empty()) return finding;
+    return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
+  }
+
+  void Report(std::size_t number, const std::string& finding) {
+    ++m_Progress.findings;
+    std::printf("FINDING %s: seed %zu, case %zu, %s: %s\n", NameOf(m_Options.route), m_Options.seed, number,
+                KindOf(number).name, finding.c_str());
+    std::fflush(stdout);
+  }
+
+  /// The host leaves in an orderly way, with everything going on.
+  [[noreturn]] void ExitInJob() {
+    m_Service.PutModemWhereTheRouteBegins();
+    m_Service.LayImage(++m_Images);
+    const HANDLE now = Perturber::StopAt(static_cast<unsigned>(m_Options.exitAt));
+    hosts::WriteHandshakeValue(m_Key, L"Fls_Ready", 1);
+    ::WaitForSingleObject(now, INFINITE);
+    ::ExitProcess(kExited);
+  }
+
+  const Options m_Options;
+  const hosts::HandshakeKey m_Key;
+  Watchdog m_Watchdog;
+  Service m_Service;
+  Bench m_Bench;
+  Progress m_Progress;
+  std::uint32_t m_Images = static_cast<std::uint32_t>(m_Options.from) * 100;
+};
+
+// --- The program that starts them -------------------------------------------------------------------------
+
+constexpr wchar_t kPathPrefix[] = L"Software\\Corvel\\Test\\races-";
+
+std::vector<std::wstring> Arguments(std::size_t from, const std::wstring& key) {
+  std::vector<std::wstring> words{L"--in-place",
+                                  L"--key",
+                                  key,
+                                  L"--route",
+                                  hosts::ToWide(NameOf(g_options.route)),
+                                  L"--cases",
+                                  std::to_wstring(g_options.cases),
+                                  L"--seed",
+                                  std::to_wstring(g_options.seed),
+                                  L"--from",
+                                  std::to_wstring(from)};
+  if (!g_options.only.empty()) words.insert(words.end(), {L"--only", hosts::ToWide(g_options.only)});
+  return words;
+}
+
+/// Adds up what the children did. @return false when one of them came to no end that can be gone on behind.
+bool RunRaces(Progress& total) {
+  for (std::size_t from = g_options.from; from < g_options.cases;) {
+    const WorkFolder folder;
+    const std::wstring path = kPathPrefix + std::to_wstring(::GetCurrentProcessId());
+    const SessionKey key(path, false);
+    const ChildResult child = RunChild(folder.Program(), Arguments(from, path), 12h);
+    const auto progress = Progress::Load(folder.Path());
+    if (!progress) return false;
+    total.run += progress->run;
+    total.findings += progress->findings;
+    if (progress->isDone) return child.exitCode == 0;
+    from = progress->next;
+    if (child.exitCode == kGoOnBehind) continue;
+    ++total.findings;
+    std::printf("FINDING %s: seed %zu, case %zu, %s: the process %s\n", NameOf(g_options.route),
+                g_options.seed, from, KindOf(from).name,
+                child.exitCode == kHangs ? "hangs" : ("ends with " + std::to_string(child.exitCode)).c_str());
+    ++from;
+  }
+  return true;
+}
+
+/// Hosts that leave in the middle of a job, each followed by one that finds the request standing.
+void RunExits(Progress& total) {
+  const std::size_t exits = 1 + g_options.cases / 20;
+  Dice dice(g_options.seed);
+  for (std::size_t i = 0; i < exits; ++i) {
+    const WorkFolder folder;
+    const std::wstring path = kPathPrefix + std::to_wstring(::GetCurrentProcessId());
+    const SessionKey key(path, false);
+    const int call = dice.Between(1, 400);
+    auto words = Arguments(g_options.cases, path);
+    words.insert(words.end(), {L"--exit-at", std::to_wstring(call)});
+    ++total.run;
+    const auto find = [&](const std::string& what) {
+      ++total.findings;
+      std::printf("FINDING %s: seed %zu, exit at call %d: %s\n", NameOf(g_options.route), g_options.seed,
+                  call, what.c_str());
+    };
+    const ChildResult left = RunChild(folder.Program(), words, kCaseLimit);
+    if (!left.ended) {
+      find("the process does not end");
+    } else if (left.exitCode != kExited) {
+      find("the process ends with " + std::to_string(left.exitCode));
+    }
+    const ChildResult next = RunChild(folder.Program(), Arguments(g_options.cases, path), kCaseLimit);
+    if (next.exitCode != 0) find("the next host ends with " + std::to_string(next.exitCode));
+  }
+}
+
+int RunCampaign() {
+  const auto begin = RealClock::now();
+  Progress total;
+  bool isWhole = true;
+  if (g_options.only != kExit) isWhole = RunRaces(total);
+  if (g_options.only.empty() || g_options.only == kExit) RunExits(total);
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(RealClock::now() - begin).count();
+  std::printf("%s: %zu races, seed %zu, %zu findings, %lld s\n", NameOf(g_options.route), total.run,
+              g_options.seed, total.findings, static_cast<long long>(seconds));
+  return isWhole && total.findings == 0 && total.run > 0 ? 0 : 1;
+}
+
+bool TakeNumber(std::string_view value, std::size_t& number) {
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+  return error == std::errc() && end == value.data() + value.size();
+}
+
+bool IsKind(std::string_view word) {
+  for (const Kind& kind : kKinds) {
+    if (word == kind.name) return true;
+  }
+  return word == kExit;
+}
+
+/// What becomes of a word of the command line that takes a value. @return false when it means nothing.
+bool TakeValue(std::string_view word, std::string_view value) {
+  if (word == "--cases") return TakeNumber(value, g_options.cases);
+  if (word == "--seed") return TakeNumber(value, g_options.seed);
+  if (word == "--from") return TakeNumber(value, g_options.from);
+  if (word == "--exit-at") return TakeNumber(value, g_options.exitAt);
+  if (word == "--only") {
+    g_options.only = value;
+    return IsKind(value);
+  }
+  if (word == "--key") {
+    g_options.key = value;
+    return !value.empty();
+  }
+  const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
+  if (route) g_options.route = *route;
+  return route.has_value();
+}
+
+bool TakeSwitch(std::string_view word) {
+  if (word != "--in-place") return false;
+  g_options.inPlace = true;
+  return true;
+}
+
+}  // namespace
+
+int main(int count, char** words) try {
+  if (!campaign::TakeWords("race_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
+                           &TakeSwitch, &TakeValue))
+    return 2;
+  if (!g_options.inPlace) return RunCampaign();
+  // Never destroyed: the service goes on until the process ends.
+  campaign::EndProcess((new Races(g_options))->Run());
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "race_campaign: %s\n", error.what());
+  return 1;
+}

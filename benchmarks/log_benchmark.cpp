@@ -57,6 +57,7 @@ class LibraryLog {
 
 void OnThreads(const Work& work) {
   std::vector<std::jthread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&work] {
       for (int record = 0; record < kRecordsPerThread; ++record) work();

@@ -1,5 +1,6 @@
 #define CATCH_CONFIG_RUNNER
 #include <cstdio>
+#include <exception>
 
 #include "benchmarks/catch.h"
 #include "benchmarks/sampler.h"
@@ -13,7 +14,7 @@ using Catch::clara::Opt;
 
 // Each test case compares pieces of the library with their floors: the same work, done bare. What it takes is
 // shown and never a failure; a case fails when it cannot be run.
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   constexpr int kQuickRounds = 1;
   Catch::Session session;
   benchmarks::Options& options = benchmarks::TheOptions();
@@ -32,5 +33,8 @@ int main(int argc, char** argv) {
   const int failures = session.run();
   if (benchmarks::Report()) return failures;
   std::fprintf(stderr, "%s cannot be written\n", options.json.c_str());
+  return 1;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "corvel_benchmarks: %s\n", error.what());
   return 1;
 }

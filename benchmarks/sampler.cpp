@@ -41,7 +41,7 @@ double NanosecondsOf(const Work& work, int executions) {
 }
 
 double Quantile(std::vector<double> values, double part) {
-  const auto index = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1) + 0.5);
+  const auto index = std::lround(part * static_cast<double>(values.size() - 1));
   std::ranges::nth_element(values, values.begin() + index);
   return values[static_cast<std::size_t>(index)];
 }

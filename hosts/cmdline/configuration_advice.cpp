@@ -90,6 +90,7 @@ const Key* FindKeyThatLooksLike(const std::wstring& name) {
 
 std::vector<std::string> KeyNames() {
   std::vector<std::string> names;
+  names.reserve(std::size(kKeys));
   for (const Key& key : kKeys) names.push_back(ToUtf8(key.name));
   return names;
 }

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstddef>
-#include <cstdlib>
 #include <iterator>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 
@@ -95,9 +96,10 @@ const Sign* FindSign(const Record& record) {
 /// The number at the end of a message.
 std::optional<int> LastNumber(std::string_view message) {
   const std::size_t before = message.find_last_not_of("0123456789");
-  const std::string digits(before == std::string_view::npos ? message : message.substr(before + 1));
-  if (digits.empty() || digits.size() > 9) return std::nullopt;
-  return std::atoi(digits.c_str());
+  const std::string_view digits = before == std::string_view::npos ? message : message.substr(before + 1);
+  int number = 0;
+  const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return read.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
 
 /// Most records are traces that no table has to be asked for.

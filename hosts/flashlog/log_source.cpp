@@ -47,7 +47,7 @@ DWORD ReadFrom(HANDLE file, std::uint64_t offset, char* buffer, DWORD size, DWOR
 
 }  // namespace
 
-LogSource::LogSource(std::string path)
+LogSource::LogSource(const std::string& path)
     : m_Path(ToWide(path)), m_IsPipe(path == "-"), m_Buffer(kPieceSize, '\0') {
   if (!m_IsPipe) Open();
 }

@@ -22,7 +22,7 @@ class LogSource {
   };
 
   /// @param path in UTF-8; "-" is standard input.
-  explicit LogSource(std::string path);
+  explicit LogSource(const std::string& path);
 
   /// The next bytes, which Bytes() holds until the next call. Waits for those of a pipe.
   Outcome Read();

@@ -14,7 +14,7 @@ bool IsOther(const KeptRecord& record) {
   return record.leftOut == 0 && !record.IsImportant();
 }
 
-void LeaveOut(KeptRecord record, std::vector<KeptRecord>& records) {
+void LeaveOut(const KeptRecord& record, std::vector<KeptRecord>& records) {
   const std::uint64_t count = record.leftOut == 0 ? 1 : record.leftOut;
   const std::uint64_t end = record.offset + record.size;
   if (!records.empty() && records.back().leftOut != 0) {
@@ -66,7 +66,7 @@ void RecordStore::Thin() {
     const bool drop = excess > 0 && IsOther(record);
     if (drop) --excess;
     if (drop || record.leftOut != 0) {
-      LeaveOut(std::move(record), kept);
+      LeaveOut(record, kept);
     } else {
       kept.push_back(std::move(record));
     }

@@ -44,6 +44,7 @@ struct RunOptions {
 
 void AddOptions(CLI::App& program, RunOptions& options) {
   std::vector<std::string> routes;
+  routes.reserve(std::size(kRoutes));
   for (const Route each : kRoutes) routes.emplace_back(NameOf(each));
   CLI::Option* const scenario =
       program

@@ -48,6 +48,7 @@ void AddFleetOptions(CLI::App& program, Command& command, std::string& histogram
 void AddOptions(CLI::App& program, Command& command, std::string& route, std::string& images,
                 std::string& keep) {
   std::vector<std::string> routes;
+  routes.reserve(std::size(kRoutes));
   for (const Route each : kRoutes) routes.emplace_back(NameOf(each));
 
   program.add_flag("--list", command.list, "List the scenarios");

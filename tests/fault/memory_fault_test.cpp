@@ -182,7 +182,7 @@ class LackOfMemory : public ServiceInVirtualPc {
 
   /// Another one each time: what an earlier job wrote must not pass for the work of a later one.
   FlashImage LayNewImage() {
-    const FlashImage image = BuildImage(SmallImagePlan(++m_Images));
+    FlashImage image = BuildImage(SmallImagePlan(++m_Images));
     const auto folder = m_Folder / L"firmware";
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);

@@ -338,7 +338,7 @@ TEST_F(CheckTest, SeveralNvmImages) {
 
 TEST_F(CheckTest, SeveralModemImagesOfWhichTheSmallestHas10MiB) {
   std::ofstream(workspace.File(L"firmware\\another.fls")).flush();
-  std::filesystem::resize_file(workspace.File(L"firmware\\another.fls"), 10 * 1024 * 1024);
+  std::filesystem::resize_file(workspace.File(L"firmware\\another.fls"), 10ULL * 1024 * 1024);
   ExpectWarning("modem image", "several_images",
                 "2 of its kind: " + PathOf(L"firmware\\modem.fls") + " is taken, not another.fls",
                 "Leave one image of each kind in the folder.");

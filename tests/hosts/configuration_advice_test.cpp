@@ -38,6 +38,7 @@ std::vector<Finding> AdviceOnLines(const std::string& lines) {
 
 std::vector<std::string> CodesOf(const std::vector<Finding>& findings) {
   std::vector<std::string> codes;
+  codes.reserve(findings.size());
   for (const Finding& finding : findings) codes.emplace_back(finding.code);
   return codes;
 }

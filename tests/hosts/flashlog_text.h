@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <string>
 
@@ -14,7 +15,7 @@ class LogText {
 
   /// Seconds since 10 o'clock.
   LogText& At(double seconds) {
-    m_Milliseconds = static_cast<int>(seconds * 1000 + 0.5);
+    m_Milliseconds = static_cast<int>(std::lround(seconds * 1000));
     return *this;
   }
   LogText& By(unsigned thread) {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
+#include <iterator>
 #include <string>
 
 #include "download/atprocessor.h"
@@ -18,11 +18,11 @@ constexpr ULONGLONG kReadLimitMs = 5000;
 class AtPortOnRealSerialTest : public testing::Test {
  protected:
   void SetUp() override {
-    const char* const number = std::getenv("CORVEL_TEST_COM_PORT");
-    if (number == nullptr) GTEST_SKIP() << "there is no serial device with a modem at its other end";
-    const std::string text = number;
-    tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\6&1234&0&0000",
-             L"Modem (COM" + std::wstring(text.begin(), text.end()) + L")");
+    wchar_t number[8]{};
+    if (::GetEnvironmentVariableW(L"CORVEL_TEST_COM_PORT", number, std::size(number)) == 0) {
+      GTEST_SKIP() << "there is no serial device with a modem at its other end";
+    }
+    m_Tree.Has(L"USB\\VID_1D5A&PID_0AE2&MI_00\\6&1234&0&0000", L"Modem (COM" + std::wstring(number) + L")");
   }
 
   int Send(const std::string& command) {
@@ -43,7 +43,7 @@ class AtPortOnRealSerialTest : public testing::Test {
   ULONGLONG Passed() const { return m_Passed; }
 
  private:
-  DeviceTree tree;
+  DeviceTree m_Tree;
   ULONGLONG m_Passed = 0;
 };
 

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <charconv>
+#include <cstddef>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -61,14 +62,22 @@ bool IsSound(const Fields& fields) {
          !function.empty() && !HoldsAnother(message);
 }
 
+/// 0 where there is none.
+int NumberBehind(std::string_view message, std::string_view text) {
+  const std::size_t place = message.find(text);
+  if (place == std::string_view::npos) return 0;
+  const std::string_view digits = message.substr(place + text.size());
+  int number = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return number;
+}
+
 void TakeMessage(const Fields& fields, LogCheck& check) {
   const std::string message(fields.back());
   const std::string_view function = fields[kFieldsBeforeMessage - 1];
-  int writer = 0;
-  int number = 0;
   if (function == "SoakHost::Writer") {
-    if (std::sscanf(message.c_str(), "\t writer %d, number %d", &writer, &number) == 2)
-      check.numbersOfWriter[writer].push_back(number);
+    const int number = NumberBehind(message, ", number ");
+    if (number > 0) check.numbersOfWriter[NumberBehind(message, "\t writer ")].push_back(number);
     return;
   }
   constexpr std::string_view kWritten = "\t WriteRegistry ";

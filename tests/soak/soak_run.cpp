@@ -71,7 +71,7 @@ constexpr auto kRunLimit = 24h;
 constexpr int kWriters = 2;
 constexpr DWORD kWriterPauseMs = 20;
 /// Nothing of the library's: the system itself keeps that much whenever a library comes and goes.
-constexpr std::int64_t kHeapTolerance = 64 * 1024;
+constexpr std::int64_t kHeapTolerance = 64LL * 1024;
 constexpr std::int64_t kHeapTolerancePerJob = 100;
 /// What is made once, when it is needed first, may come late; what a job leaves behind comes thousands of
 /// times.
@@ -402,6 +402,7 @@ class Soak {
       {
         const auto log = host.Get<decltype(SoakHostLogs)>("SoakHostLogs");
         std::vector<std::jthread> writers;
+        writers.reserve(kWriters);
         for (int i = 0; i < kWriters; ++i) {
           writers.emplace_back(
               [log, i, &count = written.at(static_cast<std::size_t>(i))](const std::stop_token& stop) {

@@ -30,7 +30,7 @@ inline std::wstring CheckedInDocument(const std::wstring& name) {
 /// A path for a document to be written; one of an earlier run is gone.
 inline std::wstring NewDocumentForTheBuildMachine(const std::wstring& name) {
   std::filesystem::create_directories(XML_WRITTEN_FOLDER);
-  const std::wstring path = FullPath(std::filesystem::path(XML_WRITTEN_FOLDER) / name);
+  std::wstring path = FullPath(std::filesystem::path(XML_WRITTEN_FOLDER) / name);
   ::DeleteFileW(path.c_str());
   return path;
 }

@@ -315,10 +315,10 @@ struct AskedOpening {
   DWORD creation = 0;
   DWORD attributes = 0;
   HANDLE pattern = nullptr;
-} askedOpening;
+} g_askedOpening;
 HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_ATTRIBUTES* security,
                             DWORD creation, DWORD attributes, HANDLE pattern) {
-  askedOpening = {path, access, sharing, security, creation, attributes, pattern};
+  g_askedOpening = {path, access, sharing, security, creation, attributes, pattern};
   return ::CreateFileA(path, access, sharing, security, creation, attributes, pattern);
 }
 
@@ -326,13 +326,13 @@ TEST_F(LogFileTest, IsOpenedForWritingAnewAndSharedWithReaders) {
   Name(folder.File("new.log"));
   patch.Replace("CreateFileA", &RecordOpening);
   RECORD("message");
-  EXPECT_EQ(askedOpening.path, folder.File("new.log"));
-  EXPECT_EQ(askedOpening.access, static_cast<DWORD>(GENERIC_WRITE));
-  EXPECT_EQ(askedOpening.sharing, static_cast<DWORD>(FILE_SHARE_READ));
-  EXPECT_EQ(askedOpening.security, nullptr);
-  EXPECT_EQ(askedOpening.creation, static_cast<DWORD>(CREATE_ALWAYS));
-  EXPECT_EQ(askedOpening.attributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(askedOpening.pattern, nullptr);
+  EXPECT_EQ(g_askedOpening.path, folder.File("new.log"));
+  EXPECT_EQ(g_askedOpening.access, static_cast<DWORD>(GENERIC_WRITE));
+  EXPECT_EQ(g_askedOpening.sharing, static_cast<DWORD>(FILE_SHARE_READ));
+  EXPECT_EQ(g_askedOpening.security, nullptr);
+  EXPECT_EQ(g_askedOpening.creation, static_cast<DWORD>(CREATE_ALWAYS));
+  EXPECT_EQ(g_askedOpening.attributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(g_askedOpening.pattern, nullptr);
 }
 
 TEST_F(LogFileTest, LetsOthersReadWhileItIsWritten) {
@@ -371,18 +371,18 @@ struct Calls {
   int writes = 0;
   int sizes = 0;
   int flushes = 0;
-} calls;
+} g_calls;
 
 BOOL WINAPI CountWrite(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
-  ++calls.writes;
+  ++g_calls.writes;
   return ::WriteFile(file, data, size, written, overlapped);
 }
 DWORD WINAPI CountSize(HANDLE file, LPDWORD high) {
-  ++calls.sizes;
+  ++g_calls.sizes;
   return ::GetFileSize(file, high);
 }
 BOOL WINAPI CountFlush(HANDLE file) {
-  ++calls.flushes;
+  ++g_calls.flushes;
   return ::FlushFileBuffers(file);
 }
 BOOL WINAPI RefuseWrite(HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) {
@@ -394,14 +394,14 @@ DWORD WINAPI FailToWait(HANDLE, DWORD) {
 }
 
 TEST_F(DebugLoggerTest, WritesARecordInOneCallAndDoesNotFlushIt) {
-  calls = {};
+  g_calls = {};
   patch.Replace("WriteFile", &CountWrite);
   patch.Replace("GetFileSize", &CountSize);
   patch.Replace("FlushFileBuffers", &CountFlush);
   RECORD("message");
-  EXPECT_EQ(calls.writes, 1);
-  EXPECT_EQ(calls.sizes, 1);
-  EXPECT_EQ(calls.flushes, 0);
+  EXPECT_EQ(g_calls.writes, 1);
+  EXPECT_EQ(g_calls.sizes, 1);
+  EXPECT_EQ(g_calls.flushes, 0);
 }
 
 TEST_F(DebugLoggerTest, GoesOnAfterAFailedWrite) {
@@ -431,6 +431,7 @@ TEST_F(DebugLoggerTest, NeverInterleavesTheRecordsOfSeveralThreads) {
   constexpr int kThreads = 4;
   constexpr int kRecordsOfEach = 100;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([] {
       for (int j = 0; j < kRecordsOfEach; ++j) RECORD("a message of some length");
@@ -439,7 +440,7 @@ TEST_F(DebugLoggerTest, NeverInterleavesTheRecordsOfSeveralThreads) {
   for (std::thread& thread : threads) thread.join();
 
   const auto records = Records(log.Text());
-  EXPECT_EQ(records.size(), std::size_t{kThreads * kRecordsOfEach});
+  EXPECT_EQ(records.size(), std::size_t{kThreads} * kRecordsOfEach);
   EXPECT_TRUE(std::ranges::all_of(records, [](const std::string& record) {
     return record.starts_with("#") && record.ends_with("\ta message of some length##");
   }));

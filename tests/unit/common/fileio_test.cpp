@@ -124,10 +124,10 @@ struct AskedOpening {
   DWORD attributes = 0;
   HANDLE pattern = nullptr;
   bool operator==(const AskedOpening&) const = default;
-} asked;
+} g_asked;
 HANDLE WINAPI RecordOpening(LPCSTR path, DWORD access, DWORD sharing, SECURITY_ATTRIBUTES* security,
                             DWORD creation, DWORD attributes, HANDLE pattern) {
-  asked = {path, access, sharing, security, creation, attributes, pattern};
+  g_asked = {path, access, sharing, security, creation, attributes, pattern};
   return INVALID_HANDLE_VALUE;
 }
 
@@ -135,16 +135,16 @@ TEST_F(FileIoTest, OpeningForReadingAsksForAnExistingFileThatOthersMayRead) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   patch.Replace("CreateFileA", &RecordOpening);
   file.Open("name", false);
-  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                 FILE_ATTRIBUTE_NORMAL, nullptr}));
+  EXPECT_EQ(g_asked, (AskedOpening{"name", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr}));
 }
 
 TEST_F(FileIoTest, OpeningForWritingAsksForANewFileThatOthersMayRead) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   patch.Replace("CreateFileA", &RecordOpening);
   file.Open("name", true);
-  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                 FILE_ATTRIBUTE_NORMAL, nullptr}));
+  EXPECT_EQ(g_asked, (AskedOpening{"name", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr}));
 }
 
 TEST_F(FileIoTest, OpeningByThePlatformsArgumentsPassesAllOfThem) {
@@ -153,8 +153,8 @@ TEST_F(FileIoTest, OpeningByThePlatformsArgumentsPassesAllOfThem) {
   patch.Replace("CreateFileA", &RecordOpening);
   const HANDLE pattern = ::GetCurrentProcess();
   file.OpenEx("name", GENERIC_ALL, FILE_SHARE_DELETE, CREATE_NEW, FILE_FLAG_OVERLAPPED, &security, pattern);
-  EXPECT_EQ(asked, (AskedOpening{"name", GENERIC_ALL, FILE_SHARE_DELETE, &security, CREATE_NEW,
-                                 FILE_FLAG_OVERLAPPED, pattern}));
+  EXPECT_EQ(g_asked, (AskedOpening{"name", GENERIC_ALL, FILE_SHARE_DELETE, &security, CREATE_NEW,
+                                   FILE_FLAG_OVERLAPPED, pattern}));
 }
 
 TEST_F(FileIoTest, OpeningByThePlatformsArgumentsDoesNotKeepTheName) {

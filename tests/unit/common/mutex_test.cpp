@@ -114,15 +114,15 @@ struct Asked {
   BOOL flag = FALSE;
   std::string name;
   SECURITY_ATTRIBUTES* attributes = nullptr;
-} asked;
+} g_asked;
 
 HANDLE WINAPI RecordCreate(SECURITY_ATTRIBUTES* attributes, BOOL flag, LPCSTR name) {
-  asked = {0, flag, name, attributes};
+  g_asked = {0, flag, name, attributes};
   return nullptr;
 }
 
 HANDLE WINAPI RecordOpen(DWORD access, BOOL flag, LPCSTR name) {
-  asked = {access, flag, name, nullptr};
+  g_asked = {access, flag, name, nullptr};
   return nullptr;
 }
 
@@ -140,18 +140,18 @@ TEST_F(MutexCallsTest, CreatingPassesSecurityOwnershipAndName) {
   SECURITY_ATTRIBUTES attributes{};
   patch.Replace("CreateMutexA", &RecordCreate);
   CMutex mutex(true, "name", true, &attributes);
-  EXPECT_EQ(asked.attributes, &attributes);
-  EXPECT_EQ(asked.flag, TRUE);
-  EXPECT_EQ(asked.name, "name");
+  EXPECT_EQ(g_asked.attributes, &attributes);
+  EXPECT_EQ(g_asked.flag, TRUE);
+  EXPECT_EQ(g_asked.name, "name");
 }
 
 TEST_F(MutexCallsTest, OpeningAsksForSynchronisationOnlyAndTakesTheFlagForInheritance) {
   SECURITY_ATTRIBUTES attributes{};
   patch.Replace("OpenMutexA", &RecordOpen);
   CMutex mutex(true, "name", false, &attributes);
-  EXPECT_EQ(asked.access, static_cast<DWORD>(SYNCHRONIZE));
-  EXPECT_EQ(asked.flag, TRUE);
-  EXPECT_EQ(asked.name, "name");
+  EXPECT_EQ(g_asked.access, static_cast<DWORD>(SYNCHRONIZE));
+  EXPECT_EQ(g_asked.flag, TRUE);
+  EXPECT_EQ(g_asked.name, "name");
 }
 
 TEST_F(MutexCallsTest, AFailedCreationFailsEveryCall) {

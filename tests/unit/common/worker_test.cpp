@@ -34,13 +34,13 @@ struct Asked {
   DWORD threadFlags = 0;
   DWORD moduleFlags = 0;
   int references = 0;
-} asked;
+} g_asked;
 
 HANDLE WINAPI RecordThread(SECURITY_ATTRIBUTES* security, SIZE_T stackSize, LPTHREAD_START_ROUTINE start,
                            LPVOID parameter, DWORD flags, LPDWORD id) {
-  asked.security = security;
-  asked.stackSize = stackSize;
-  asked.threadFlags = flags;
+  g_asked.security = security;
+  g_asked.stackSize = stackSize;
+  g_asked.threadFlags = flags;
   return ::CreateThread(security, stackSize, start, parameter, flags, id);
 }
 
@@ -50,8 +50,8 @@ HANDLE WINAPI RefuseThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE,
 }
 
 BOOL WINAPI CountModuleReference(DWORD flags, LPCWSTR address, HMODULE* module) {
-  asked.moduleFlags = flags;
-  ++asked.references;
+  g_asked.moduleFlags = flags;
+  ++g_asked.references;
   return ::GetModuleHandleExW(flags, address, module);
 }
 
@@ -62,7 +62,7 @@ BOOL WINAPI RefuseModule(DWORD, LPCWSTR, HMODULE* module) {
 }
 
 BOOL WINAPI CountReleaseOfModule(HMODULE module) {
-  --asked.references;
+  --g_asked.references;
   return ::FreeLibrary(module);
 }
 
@@ -96,7 +96,7 @@ DWORD ExitCodeOf(const char* program) {
 class WorkerTest : public testing::Test {
  protected:
   void SetUp() override {
-    asked = {};
+    g_asked = {};
     g_releasesAtExit = 0;
   }
   static void Join(const UniqueHandle& thread) {
@@ -119,16 +119,16 @@ TEST_F(WorkerTest, AsksForTheAllocationGranularityAsInitialStack) {
   ::GetSystemInfo(&info);
   patch.Replace("CreateThread", &RecordThread);
   Join(StartWorker([] {}));
-  EXPECT_EQ(asked.stackSize, info.dwAllocationGranularity);
-  EXPECT_EQ(asked.threadFlags, 0u);
-  EXPECT_EQ(asked.security, nullptr);
+  EXPECT_EQ(g_asked.stackSize, info.dwAllocationGranularity);
+  EXPECT_EQ(g_asked.threadFlags, 0u);
+  EXPECT_EQ(g_asked.security, nullptr);
 }
 
 TEST_F(WorkerTest, AsksForTheStackOfTheProgramsFileWhenToldTo) {
   patch.Replace("CreateThread", &RecordThread);
-  asked.stackSize = 1;
+  g_asked.stackSize = 1;
   Join(StartWorker([] {}, WorkerStack::Default));
-  EXPECT_EQ(asked.stackSize, 0u);
+  EXPECT_EQ(g_asked.stackSize, 0u);
 }
 
 // A stack of 64 KiB in all would be too little for COM and for long records.
@@ -149,8 +149,8 @@ TEST_F(WorkerTest, KeepsTheLibraryLoadedForAsLongAsItRuns) {
   patch.Replace("FreeLibraryAndExitThread", &CountReleaseAtExit);
   int releasedDuringTheBody = -1;
   Join(StartWorker([&] { releasedDuringTheBody = g_releasesAtExit; }));
-  EXPECT_EQ(asked.references, 1);
-  EXPECT_EQ(asked.moduleFlags, static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
+  EXPECT_EQ(g_asked.references, 1);
+  EXPECT_EQ(g_asked.moduleFlags, static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
   EXPECT_EQ(releasedDuringTheBody, 0);
   EXPECT_EQ(g_releasesAtExit, 1);
 }
@@ -216,7 +216,7 @@ TEST_F(WorkerTest, ThatTheLibraryHasNoMemoryForCannotBeStarted) {
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
   EXPECT_TRUE(memory.HasFailed());
   EXPECT_FALSE(ran);
-  EXPECT_EQ(asked.references, 0);
+  EXPECT_EQ(g_asked.references, 0);
 }
 
 using LargeCapture = std::array<char, 1000>;
@@ -242,7 +242,7 @@ TEST_F(WorkerTest, ThatCannotBeStartedReleasesItsBodyAndTheLibrary) {
   const std::weak_ptr<int> watched = owned;
   EXPECT_EQ(StartWorker([kept = std::move(owned)] {}), nullptr);
   EXPECT_TRUE(watched.expired());
-  EXPECT_EQ(asked.references, 0);
+  EXPECT_EQ(g_asked.references, 0);
 }
 
 TEST_F(WorkerTest, IsNotStartedWithoutAReferenceOnTheLibrary) {
@@ -256,7 +256,7 @@ TEST_F(WorkerTest, IsNotStartedWithoutAReferenceOnTheLibrary) {
 TEST_F(WorkerTest, PinningAsksForTheLibraryToStayForGood) {
   patch.Replace("GetModuleHandleExW", &CountModuleReference);
   PinThisModule();
-  EXPECT_EQ(asked.moduleFlags,
+  EXPECT_EQ(g_asked.moduleFlags,
             static_cast<DWORD>(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS));
 }
 

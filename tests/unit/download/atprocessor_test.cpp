@@ -526,11 +526,11 @@ TEST_F(ReadResponseTest, ATimeLimitThreadOfAnEarlierReadLeavesALaterOneAlone) {
 }
 
 TEST_F(ReadResponseTest, AReadThatWaitedTooLongForTheSectionReadsNothing) {
-  static ManualClock* s_clock = nullptr;
-  s_clock = &clock;
+  static ManualClock* theClock = nullptr;
+  theClock = &clock;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto enterLate = +[](CRITICAL_SECTION* section) WINAPI {
-    s_clock->Advance(kReadLimit);
+    theClock->Advance(kReadLimit);
     ::EnterCriticalSection(section);
   };
   patch.Replace("EnterCriticalSection", enterLate);
@@ -582,18 +582,18 @@ TEST_F(ReadResponseTest, EachRecordBelongsToTheRead) {
 }
 
 TEST_F(ReadResponseTest, TheTimeLimitThreadHasTheDefaultStack) {
-  static std::vector<SIZE_T> s_sizes;
-  s_sizes.clear();
+  static std::vector<SIZE_T> askedSizes;
+  askedSizes.clear();
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto note = +[](SECURITY_ATTRIBUTES* security, SIZE_T size, LPTHREAD_START_ROUTINE start,
                         void* parameter, DWORD flags, DWORD* id) WINAPI {
-    s_sizes.push_back(size);
+    askedSizes.push_back(size);
     return ::CreateThread(security, size, start, parameter, flags, id);
   };
   patch.Replace("CreateThread", note);
   serial.Answers("OK");
   Read();
-  EXPECT_THAT(s_sizes, ElementsAre(0u));
+  EXPECT_THAT(askedSizes, ElementsAre(0u));
 }
 
 /// Whatever ends a read, the section is free after it.
@@ -620,24 +620,24 @@ TEST_F(SectionAfterReadTest, IsLeftBehindTheTimeLimit) {
 }
 
 TEST_F(SectionAfterReadTest, IsLeftByAReadThatCameTooLate) {
-  static ManualClock* s_clock = nullptr;
-  s_clock = &clock;
-  static int s_owned;
-  s_owned = 0;
+  static ManualClock* theClock = nullptr;
+  theClock = &clock;
+  static int owned;
+  owned = 0;
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   const auto enterLate = +[](CRITICAL_SECTION* section) WINAPI {
-    s_clock->Advance(kReadLimit);
+    theClock->Advance(kReadLimit);
     ::EnterCriticalSection(section);
-    ++s_owned;
+    ++owned;
   };
   const auto leave = +[](CRITICAL_SECTION* section) WINAPI {
-    --s_owned;
+    --owned;
     ::LeaveCriticalSection(section);
   };
   patch.Replace("EnterCriticalSection", enterLate);
   patch.Replace("LeaveCriticalSection", leave);
   EXPECT_EQ(Read(), "");
-  EXPECT_EQ(s_owned, 0);
+  EXPECT_EQ(owned, 0);
 }
 
 class VerifyTest : public ReadResponseTest {};

@@ -120,6 +120,7 @@ LogEntry Trace(const std::string& method, std::string message) {
 /// Exactly these messages, all of them traces of one method.
 auto TracesOf(const std::string& method, const std::vector<std::string>& messages) {
   std::vector<LogEntry> entries;
+  entries.reserve(messages.size());
   for (const std::string& message : messages) entries.push_back(Trace(method, message));
   return ElementsAreArray(entries);
 }

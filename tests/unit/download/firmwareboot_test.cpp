@@ -490,8 +490,8 @@ TEST_F(BootHandleTest, IsClosedBeforeATimeOutIsTold) {
 }
 
 BOOL WINAPI RefuseToNoteOffTheMainThread(DWORD slot, void* value) {
-  static const DWORD s_main = ::GetCurrentThreadId();
-  if (::GetCurrentThreadId() == s_main) return ::TlsSetValue(slot, value);
+  static const DWORD mainThread = ::GetCurrentThreadId();
+  if (::GetCurrentThreadId() == mainThread) return ::TlsSetValue(slot, value);
   ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return FALSE;
 }

@@ -100,8 +100,8 @@ struct MbnInterfaceManagerProbe final : Probe<IMbnInterfaceManager> {
 };
 
 struct MbnInterfaceProbe final : Probe<IMbnInterface> {
-  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* InterfaceID) override {
-    return Saw("get_InterfaceID", InterfaceID);
+  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* interfaceID) override {
+    return Saw("get_InterfaceID", interfaceID);
   }
   HRESULT STDMETHODCALLTYPE GetInterfaceCapability(MBN_INTERFACE_CAPS* interfaceCaps) override {
     return Saw("GetInterfaceCapability", interfaceCaps);
@@ -184,11 +184,11 @@ struct MbnDeviceServiceProbe final : Probe<IMbnDeviceService> {
   HRESULT STDMETHODCALLTYPE WriteData(SAFEARRAY* deviceServiceData, ULONG* requestID) override {
     return Saw("WriteData", deviceServiceData, requestID);
   }
-  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* InterfaceID) override {
-    return Saw("get_InterfaceID", InterfaceID);
+  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* interfaceID) override {
+    return Saw("get_InterfaceID", interfaceID);
   }
-  HRESULT STDMETHODCALLTYPE get_DeviceServiceID(BSTR* DeviceServiceID) override {
-    return Saw("get_DeviceServiceID", DeviceServiceID);
+  HRESULT STDMETHODCALLTYPE get_DeviceServiceID(BSTR* deviceServiceID) override {
+    return Saw("get_DeviceServiceID", deviceServiceID);
   }
   HRESULT STDMETHODCALLTYPE get_IsCommandSessionOpen(BOOL* value) override {
     return Saw("get_IsCommandSessionOpen", value);

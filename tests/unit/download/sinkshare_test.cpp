@@ -198,7 +198,7 @@ class BlockedDisconnectTest : public SinkShareTest {
   BlockedDisconnectTest() {
     g_disconnect = &m_Disconnect;
     patch.Replace("CoDisconnectObject", &BlockInDisconnect);
-    m_FreeIsWatched = patch.ReplaceIfImported("free", &WatchFree);
+    freeIsWatched = patch.ReplaceIfImported("free", &WatchFree);
     m_Share.emplace();
     CMbnSinks* const sink = m_Share->Get();
     g_watchedSink = sink;
@@ -216,7 +216,7 @@ class BlockedDisconnectTest : public SinkShareTest {
   }
 
   /// False where the runtime is linked in.
-  bool m_FreeIsWatched = false;
+  bool freeIsWatched = false;
 
  private:
   Barrier m_Disconnect;
@@ -229,17 +229,17 @@ TEST_F(BlockedDisconnectTest, UnloadingTheEngineDoesNotWait) {
 }
 
 TEST_F(BlockedDisconnectTest, ANewerRunHasASinkOfItsOwn) {
-  EXPECT_TRUE(ComesToItsEnd([] { SinkShare(); }));
+  EXPECT_TRUE(ComesToItsEnd([] { const SinkShare newer; }));
 }
 
 TEST_F(BlockedDisconnectTest, TheSinkIsNotDeletedBeforeTheCallIsBack) {
-  if (!m_FreeIsWatched) GTEST_SKIP() << "the runtime is linked in";
+  if (!freeIsWatched) GTEST_SKIP() << "the runtime is linked in";
   DeleteRetiredSinks();
   EXPECT_NE(g_watchedSink, nullptr);
 }
 
 TEST_F(BlockedDisconnectTest, TheSinkIsDeletedOnceTheCallIsBack) {
-  if (!m_FreeIsWatched) GTEST_SKIP() << "the runtime is linked in";
+  if (!freeIsWatched) GTEST_SKIP() << "the runtime is linked in";
   DisconnectComesBack();
   EXPECT_EQ(g_watchedSink, nullptr);
 }
@@ -251,7 +251,7 @@ TEST_F(SinkShareTest, ASinkThatNobodyRefersToIsNotCutOffFromAnybody) {
   disconnect.Open();
   g_disconnect = &disconnect;
   patch.Replace("CoDisconnectObject", &BlockInDisconnect);
-  SinkShare();
+  { const SinkShare share; }
   EXPECT_FALSE(disconnect.WasReached());
 }
 

@@ -100,7 +100,7 @@ TEST_F(ExceptionMemoryTest, APlaceIsGivenBackWhenItsExceptionIsGone) {
   EXPECT_EQ(WithoutMemory([&] {
               for (int i = 0; i < kMany; ++i) {
                 try {
-                  throw i;
+                  throw int{i};
                 } catch (int number) {
                   caught += number == i ? 1 : 0;
                 }
@@ -190,7 +190,7 @@ TEST_F(ExceptionMemoryTest, WhatIsTooLargeForAPlaceIsTakenFromTheHeap) {
               large.numbers.front() = 1;
               large.numbers.back() = 2;
               try {
-                throw large;
+                throw Large(large);
               } catch (const Large& caught) {
                 sum = caught.numbers.front() + caught.numbers.back();
               }
@@ -202,6 +202,7 @@ TEST_F(ExceptionMemoryTest, WhatIsTooLargeForAPlaceIsTakenFromTheHeap) {
 
 std::vector<std::exception_ptr> HoldMany() {
   std::vector<std::exception_ptr> held;
+  held.reserve(kMany);
   for (int i = 0; i < kMany; ++i) held.push_back(std::make_exception_ptr(i));
   return held;
 }

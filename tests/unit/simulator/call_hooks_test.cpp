@@ -177,6 +177,7 @@ TEST_F(CallHooksTest, FailCallsThatTookEffectOnManyThreadsEachAtItsOwnPlace) {
   std::array<int, kThreads> refused{};
   {
     std::vector<std::jthread> threads;
+    threads.reserve(refused.size());
     for (int& count : refused) {
       threads.emplace_back([&] {
         for (int i = 0; i < kCalls; ++i) count += calls.Release(semaphore.get(), 1, nullptr) ? 0 : 1;

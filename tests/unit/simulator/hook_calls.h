@@ -18,6 +18,7 @@ using MixedFunction = double (*)(double first, int second, float third, double f
 
 /// The functions of one module as its import table has them at the moment.
 struct HookCalls {
+  // NOLINTBEGIN(readability-identifier-naming): called as the functions are
   MixedFunction Mixed;
   decltype(&::CreateEventW) CreateNewEvent;
   decltype(&::ReleaseSemaphore) Release;
@@ -25,6 +26,7 @@ struct HookCalls {
   decltype(&::GetLastError) LastError;
   decltype(&::GetTickCount64) TickCount;
   decltype(&::RtlCaptureContext) Capture;
+  // NOLINTEND(readability-identifier-naming)
   /// What the module's entry routine got of CreateEventW.
   HANDLE madeWhileLoading;
 };

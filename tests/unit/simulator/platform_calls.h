@@ -8,6 +8,7 @@ namespace simulator {
 
 /// The platform's functions as one module's import table has them at the moment.
 struct PlatformCalls {
+  // NOLINTBEGIN(readability-identifier-naming): called as the functions are
   decltype(&::CM_Get_Device_ID_List_SizeW) IdListSize;
   decltype(&::CM_Get_Device_ID_ListW) IdList;
   decltype(&::CM_Get_Device_Interface_List_SizeW) InterfaceListSize;
@@ -35,6 +36,7 @@ struct PlatformCalls {
   decltype(&::GetTickCount64) TickCount;
   decltype(&::CreateThread) StartThread;
   decltype(&::RegOpenKeyExW) OpenKey;
+  // NOLINTEND(readability-identifier-naming)
 };
 
 /// Type of the library's only export, "GetPlatformCalls".

@@ -39,7 +39,7 @@ class UdeIoControlTest : public testing::Test {
   ~UdeIoControlTest() override { channel.CloseFlashDevice(); }
 
   std::wstring HasFlashInterface(Answer answer = Answer::AfterPending) {
-    const std::wstring path = driver.Offers(answer);
+    std::wstring path = driver.Offers(answer);
     tree.HasInterface(kFlashInterface, path);
     return path;
   }

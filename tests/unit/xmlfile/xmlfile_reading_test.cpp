@@ -6,6 +6,7 @@
 #include <psapi.h>
 
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -362,8 +363,9 @@ class Doorbell {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     int size = sizeof address;
-    ::bind(m_Socket, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(m_Socket, 1);
+    if (::bind(m_Socket, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(m_Socket, 1) != 0) {
+      throw std::runtime_error("there is no port to listen at");
+    }
     ::getsockname(m_Socket, reinterpret_cast<sockaddr*>(&address), &size);
     m_Address = address;
   }
@@ -379,7 +381,7 @@ class Doorbell {
   }
   void Ring() const {
     const SOCKET visitor = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    ::connect(visitor, reinterpret_cast<const sockaddr*>(&m_Address), sizeof m_Address);
+    EXPECT_EQ(::connect(visitor, reinterpret_cast<const sockaddr*>(&m_Address), sizeof m_Address), 0);
     ::closesocket(visitor);
   }
   bool Rang() const {
@@ -419,7 +421,7 @@ std::string BillionLaughs() {
 }
 
 bool LaughsAreRefusedInLittleMemory() {
-  constexpr std::size_t kBound = 64 * 1024 * 1024;
+  constexpr std::size_t kBound = 64ULL * 1024 * 1024;
   const ComApartment com;
   const TemporaryFolder folder;
   const std::size_t before = PeakMemory();
@@ -429,7 +431,7 @@ bool LaughsAreRefusedInLittleMemory() {
 
 // In a process of its own: the peak of this one may be high already.
 TEST(XmlMemoryDeathTest, ABillionLaughsAreRefusedInLittleMemory) {
-  EXPECT_EXIT(std::exit(LaughsAreRefusedInLittleMemory() ? 0 : 1), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::_Exit(LaughsAreRefusedInLittleMemory() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 // Threads without COM.

@@ -12,6 +12,7 @@
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/common/facts.h"
+#include "hosts/common/handshake.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"

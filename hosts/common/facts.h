@@ -27,14 +27,6 @@ inline constexpr wchar_t kIpcTypeKey[] = L"[IPCTYPE]";
 inline constexpr wchar_t kRebootTypeKey[] = L"[REBOOTTYPE]";
 inline constexpr wchar_t kEraseModeKey[] = L"[ERASEMODE]";
 
-// Values of the handshake. The first asks for a flash.
-inline constexpr wchar_t kReadyValue[] = L"Fls_Ready";
-inline constexpr wchar_t kRetryTimesValue[] = L"Retry_Times";
-inline constexpr wchar_t kTimeOutValue[] = L"Time_Out";
-inline constexpr wchar_t kOnGoingValue[] = L"Flash_OnGoing";
-inline constexpr wchar_t kProgressValue[] = L"Flash_Progress";
-inline constexpr wchar_t kResultValue[] = L"Flash_Result";
-
 // What the library answers a host, under the names that the library's compiler gives members of ToolKit.
 #if defined(_MSC_VER)
 inline constexpr char kIsConfigLoadedExport[] = "?IsConfigLoaded@ToolKit@@SA_NXZ";

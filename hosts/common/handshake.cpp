@@ -1,25 +1,13 @@
 #include "hosts/common/handshake.h"
 
 #include <cwctype>
-#include <utility>
 
-#include "hosts/common/facts.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
 
 namespace {
-
-/// Nothing when it is absent or no number, and, with the error kept, when it cannot be read.
-std::optional<std::uint32_t> ReadNumber(const HandshakeKey& key, const wchar_t* name, DWORD& error) {
-  DWORD value = 0;
-  DWORD size = sizeof value;
-  const LSTATUS status =
-      ::RegGetValueW(key.root, key.path.c_str(), name, RRF_RT_REG_DWORD, nullptr, &value, &size);
-  if (status == ERROR_SUCCESS) return value;
-  if (status != ERROR_FILE_NOT_FOUND && status != ERROR_UNSUPPORTED_TYPE) error = static_cast<DWORD>(status);
-  return std::nullopt;
-}
 
 std::string MeaningOfReady(std::optional<std::uint32_t> ready) {
   if (!ready) return "never raised";
@@ -71,15 +59,7 @@ std::wstring HandshakeKey::Identity() const {
 }
 
 Handshake ReadHandshake(const HandshakeKey& key) {
-  DWORD error = ERROR_SUCCESS;
-  // In the order of the braces, so that the last member has the error of those before it.
-  return {.ready = ReadNumber(key, kReadyValue, error),
-          .retryTimes = ReadNumber(key, kRetryTimesValue, error),
-          .timeOut = ReadNumber(key, kTimeOutValue, error),
-          .onGoing = ReadNumber(key, kOnGoingValue, error),
-          .progress = ReadNumber(key, kProgressValue, error),
-          .result = ReadNumber(key, kResultValue, error),
-          .error = error};
+  return corvel::ReadFlashValues(key.root, key.path.c_str());
 }
 
 std::string MeaningOfResult(std::optional<std::uint32_t> result, Writer writer) {
@@ -126,31 +106,8 @@ DWORD CheckHandshakeKeyWritable(const HandshakeKey& key) {
   return error;
 }
 
-HandshakeWatch::HandshakeWatch(HandshakeKey key) : m_Location(std::move(key)) {}
-
-DWORD HandshakeWatch::Arm() {
-  if (IsArmed()) return ERROR_SUCCESS;
-  m_Armed = false;
-  if (const DWORD error = Open()) return error;
-  ::ResetEvent(m_Event.get());
-  const auto error = static_cast<DWORD>(::RegNotifyChangeKeyValue(
-      m_Key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, m_Event.get(), TRUE));
-  m_Armed = error == ERROR_SUCCESS;
-  // A key that was deleted is of no more use, even when one of the same name is there again.
-  if (!m_Armed) m_Key.reset();
-  return error;
-}
-
-bool HandshakeWatch::IsArmed() const {
-  return m_Armed && ::WaitForSingleObject(m_Event.get(), 0) == WAIT_TIMEOUT;
-}
-
-DWORD HandshakeWatch::Open() {
-  if (m_Key != nullptr) return ERROR_SUCCESS;
-  HKEY opened = nullptr;
-  const LSTATUS status = ::RegOpenKeyExW(m_Location.root, m_Location.path.c_str(), 0, KEY_NOTIFY, &opened);
-  m_Key.reset(opened);
-  return static_cast<DWORD>(status);
+HandshakeWatch::HandshakeWatch(const HandshakeKey& key) : FlashKeyWatch({key.root, key.path}) {
+  if (Event() == nullptr) ThrowLastError("An event cannot be made");
 }
 
 }  // namespace hosts

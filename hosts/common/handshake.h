@@ -7,12 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "hosts/common/owners.h"
+#include <corvel/controller.h>
 
 namespace hosts {
 
-/// Flash_Result as the library writes it.
-enum class FlashResult : std::uint32_t { Idle = 0, Flashing = 1, Retrying = 2, Failed = 3, Succeeded = 4 };
+using corvel::FlashResult;
+using corvel::kOnGoingValue;
+using corvel::kProgressValue;
+using corvel::kReadyValue;
+using corvel::kResultValue;
+using corvel::kRetryTimesValue;
+using corvel::kTimeOutValue;
 
 /// Where the library and its controlling program meet.
 struct HandshakeKey {
@@ -25,31 +30,7 @@ struct HandshakeKey {
   std::wstring Identity() const;
 };
 
-/// The values of the handshake; empty where a value is absent or no number.
-struct Handshake {
-  std::optional<std::uint32_t> ready;
-  std::optional<std::uint32_t> retryTimes;
-  std::optional<std::uint32_t> timeOut;
-  std::optional<std::uint32_t> onGoing;
-  std::optional<std::uint32_t> progress;
-  std::optional<std::uint32_t> result;
-  /// Why one of them could not be read although it may be there; 0 when there is none such.
-  DWORD error = ERROR_SUCCESS;
-
-  bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
-  /// True from the first download attempt to the end of the job, pauses before a repetition included.
-  bool IsJobRunning() const {
-    return onGoing == 1u && (Is(FlashResult::Flashing) || Is(FlashResult::Retrying));
-  }
-  /// True from the request to its end: the library takes the flag back last, when the result is written.
-  bool IsJobOpen() const { return ready == 1u || IsJobRunning(); }
-  /// True while the library must not be cut off: the modem is brought into flash mode, written or waited
-  /// for, or the result is written and the flag not yet taken back, so that the job would be done again.
-  bool IsAttemptRunning() const {
-    if (Is(FlashResult::Flashing)) return onGoing == 1u || ready == 1u;
-    return ready == 1u && (Is(FlashResult::Failed) || Is(FlashResult::Succeeded));
-  }
-};
+using Handshake = corvel::FlashValues;
 
 /// One value with its name and what it says, for people.
 struct HandshakeLine {
@@ -70,27 +51,11 @@ DWORD WriteHandshakeValue(const HandshakeKey& key, const wchar_t* name, std::uin
 /// when that can be done. Makes nothing itself.
 DWORD CheckHandshakeKeyWritable(const HandshakeKey& key);
 
-/// Signals an event whenever a value under the key changes. Arm first, then look, then wait: a change
-/// between two looks is then never missed.
-class HandshakeWatch {
+/// Signals an event whenever a value under the key changes.
+class HandshakeWatch : public corvel::FlashKeyWatch {
  public:
-  explicit HandshakeWatch(HandshakeKey key);
-
-  /// Arms the event again after a change; while no change has come, it stays armed.
-  /// @return the Win32 error, 0 when the event will be signalled at the next change; ERROR_FILE_NOT_FOUND
-  /// while there is no key.
-  DWORD Arm();
-  HANDLE Event() const { return m_Event.get(); }
-
- private:
-  bool IsArmed() const;
-  DWORD Open();
-
-  HandshakeKey m_Location;
-  // In this order the key is closed first: that signals the event.
-  OwnedHandle m_Event = NewEvent();
-  OwnedKey m_Key;
-  bool m_Armed = false;
+  /// Throws when the system refuses the event.
+  explicit HandshakeWatch(const HandshakeKey& key);
 };
 
 }  // namespace hosts

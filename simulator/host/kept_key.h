@@ -8,6 +8,7 @@
 #include <string>
 
 #include "hosts/common/handshake.h"
+#include "hosts/common/owners.h"
 
 namespace simulator {
 

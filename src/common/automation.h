@@ -36,14 +36,17 @@ struct SafeArrayDestroyer {
 };
 using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 
-/// The first and last index of an array's only dimension; an empty array ends before it begins.
+/// The first and last index of an array's only dimension; an empty array ends before it begins. One that
+/// begins at the lowest index of all then ends at the highest.
 struct ArrayBounds {
+  static constexpr std::int64_t kMostElements = 0xFFFFFFFF;
+
   LONG lower = 0;
   LONG upper = -1;
 
   std::size_t Count() const {
     const std::int64_t count = std::int64_t{upper} - lower + 1;
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    return count > 0 && count <= kMostElements ? static_cast<std::size_t>(count) : 0;
   }
 };
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <sstream>
@@ -374,6 +375,15 @@ TEST_F(MbnSinkTest, AListThatDoesNotBeginAtZeroIsCountedByItsBounds) {
   Sink().OnQuerySupportedCommandsComplete(nullptr, ids.get(), S_OK, 5);
   EXPECT_THAT(Entries(), Contains(Trace("OnQuerySupportedCommandsComplete", "\t  lLower:10  lUpper:13\n")));
   EXPECT_EQ(g_ulNumberSupportedCommands, 4u);
+}
+
+TEST_F(MbnSinkTest, AnEmptyListAtTheLowestIndexEndsAroundTheCornerAndHoldsNothing) {
+  SAFEARRAYBOUND bound{0, std::numeric_limits<LONG>::min()};
+  const UniqueSafeArray ids(::SafeArrayCreate(VT_UI4, 1, &bound));
+  g_ulNumberSupportedCommands = 9;
+  Sink().OnQuerySupportedCommandsComplete(nullptr, ids.get(), S_OK, 5);
+  EXPECT_EQ(g_ulNumberSupportedCommands, 0u);
+  EXPECT_EQ(corvel::ArrayElements<ULONG>(ids.get()).begin(), corvel::ArrayElements<ULONG>(ids.get()).end());
 }
 
 TEST_F(MbnSinkTest, AListOfOtherElementsIsCountedAndNotRead) {

@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
-#include <corvel/toolkit/toolkit.h>
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/preflight.h"
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/who_flashes.h"
+#include "toolkit/toolkit.h"
 
 namespace hosts {
 

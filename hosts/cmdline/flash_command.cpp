@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include <corvel/toolkit/toolkit.h>
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/preflight.h"
 #include "hosts/cmdline/problems.h"
@@ -26,6 +25,7 @@
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
+#include "toolkit/toolkit.h"
 
 namespace hosts {
 

@@ -7,7 +7,6 @@
 #include <string_view>
 #include <utility>
 
-#include <corvel/toolkit/toolkit.h>
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/surroundings.h"
@@ -19,6 +18,7 @@
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
+#include "toolkit/toolkit.h"
 
 namespace hosts {
 

@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include <corvel/toolkit/toolkit.h>
 #include "hosts/common/facts.h"
 #include "hosts/common/text.h"
+#include "toolkit/toolkit.h"
 
 namespace hosts {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <corvel/controller.h>
+#include "controller.h"
 
 namespace hosts {
 

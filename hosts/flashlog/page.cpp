@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "hosts/flashlog/json_report.h"
-#include "page_template.h"
+#include "hosts/flashlog/page_template.h"
 
 namespace hosts::flashlog {
 
@@ -220,9 +220,9 @@ std::string Page(const std::vector<Log*>& logs) {
                               {"troubles", Troubles()},
                               {"logs", data},
                               {"messages", messages.Texts()}};
-  std::string page(kPageHtml);
-  Replace(page, "/*style*/", kPageCss);
-  Replace(page, "/*script*/", kPageJs);
+  std::string page(PageHtml());
+  Replace(page, "/*style*/", PageCss());
+  Replace(page, "/*script*/", PageJs());
   Replace(page, "/*data*/", ForScript(document));
   return page;
 }

@@ -10,6 +10,7 @@
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "simulator/program/exit_status.h"
+#include "simulator/program/start_process.h"
 
 namespace simulator {
 
@@ -19,7 +20,6 @@ constexpr const wchar_t* kLibraries[] = {L"CorvelToolKit.dll", L"Firmwareflashdo
 constexpr wchar_t kLogFile[] = L"FlashServiceDebugLogger_DLL.log";
 constexpr unsigned kStopped = 3;
 constexpr auto kEndedByCtrlC = static_cast<DWORD>(ExitStatus::Interrupted);
-constexpr int kTriesToStart = 3;
 
 [[noreturn]] void Fail(const std::string& what) {
   const DWORD error = ::GetLastError();
@@ -68,15 +68,9 @@ hosts::OwnedHandle Start(const std::filesystem::path& program, const std::vector
     startup.hStdError = file.get();
   }
   PROCESS_INFORMATION child{};
-  bool started = false;
-  // Wine starts now and then a process that ends before it begins, and says so by this error.
-  for (int tries = 0; !started && tries < kTriesToStart; ++tries) {
-    std::wstring line = CommandLine(program, arguments);
-    started = ::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                               program.parent_path().c_str(), &startup, &child) != FALSE;
-    if (!started && ::GetLastError() != ERROR_INTERNAL_ERROR) break;
+  if (!StartProcess(program, CommandLine(program, arguments), startup, child)) {
+    Fail("the program cannot be started in its work folder");
   }
-  if (!started) Fail("the program cannot be started in its work folder");
   ::CloseHandle(child.hThread);
   return hosts::OwnedHandle(child.hProcess);
 }

@@ -3,6 +3,8 @@
 #include <array>
 #include <stdexcept>
 
+#include "simulator/program/start_process.h"
+
 namespace hosts {
 
 namespace {
@@ -59,10 +61,8 @@ ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vect
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdOutput = m_Output.WriteEnd();
   startup.hStdError = m_Errors.WriteEnd();
-  std::wstring line = CommandLine(program, arguments);
   PROCESS_INFORMATION child{};
-  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                        program.parent_path().c_str(), &startup, &child)) {
+  if (!simulator::StartProcess(program, CommandLine(program, arguments), startup, child)) {
     ThrowLastError("a host cannot be started");
   }
   ::CloseHandle(child.hThread);

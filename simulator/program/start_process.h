@@ -1,0 +1,16 @@
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+#include <string>
+
+namespace simulator {
+
+/// Starts a program in its own folder, with the handles that may be inherited. Any thread.
+/// @param line the command line with the program's name.
+/// @return false with the last error when the system refuses. Who gets true owns both handles.
+bool StartProcess(const std::filesystem::path& program, const std::wstring& line, STARTUPINFOW& startup,
+                  PROCESS_INFORMATION& child);
+
+}  // namespace simulator

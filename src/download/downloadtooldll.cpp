@@ -81,6 +81,14 @@ UniqueModule AnotherReference(HMODULE module) {
   return UniqueModule(same);
 }
 
+/// By its full path only: for a bare name the system looks into folders that others may write to. Without a
+/// folder there is no library, and the last error says so.
+HMODULE LoadFrom(const CTString& folder, const CTString& path) {
+  if (!folder.IsEmpty()) return ::LoadLibraryW(path);
+  ::SetLastError(ERROR_MOD_NOT_FOUND);
+  return nullptr;
+}
+
 void SetLibrary(std::shared_ptr<FlashLibrary> library) {
   const ScopedLock lock(g_binding->lock);
   g_binding->library.swap(library);
@@ -128,8 +136,9 @@ std::shared_ptr<FlashLibrary> CDownloadToolDll::Library() {
 
 bool CDownloadToolDll::SetFunctionPointers(FlashLibrary& library) {
   CTString& path = g_binding->fileName;
-  path = ProgramFolder() + path;
-  g_binding->module.reset(::LoadLibraryW(path));
+  const CTString folder = ProgramFolder();
+  path = folder + path;
+  g_binding->module.reset(LoadFrom(folder, path));
   if (g_binding->module == nullptr) {
     const int error = LastErrorNumber();
     LOG_ERROR("LoadLibrary of %s failed with: %d", Narrow(path).c_str(), error);

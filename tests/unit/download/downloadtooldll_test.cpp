@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "support/flash_bench.h"
 #include "support/lock_probe.h"
@@ -50,6 +52,70 @@ TEST_F(DownloadToolDllTest, IsNeverLoadedByItsBareNameForLackOfMemory) {
   });
   EXPECT_GE(refused, 3);
   EXPECT_THAT(bench.library.loadedPaths, testing::Each(path));
+}
+
+/// A host in a folder without the flashing library. Others have put one of its name into the current folder,
+/// which is first in the search path as well.
+class PlantedLibraryTest : public testing::Test {
+ protected:
+  PlantedLibraryTest() {
+    const std::wstring any = OwnLibrary();
+    std::filesystem::copy_file(any, m_Others.File(kName));
+    m_FolderBefore = std::filesystem::current_path();
+    std::filesystem::current_path(m_Others.Path());
+    m_SearchPathBefore = Environment(L"PATH");
+    ::SetEnvironmentVariableW(L"PATH", (m_Others.Path().wstring() + L";" + m_SearchPathBefore).c_str());
+  }
+  ~PlantedLibraryTest() override {
+    CDownloadToolDll::Unload();
+    ::SetEnvironmentVariableW(L"PATH", m_SearchPathBefore.c_str());
+    std::filesystem::current_path(m_FolderBefore);
+  }
+
+  static constexpr wchar_t kName[] = L"Firmwareflashdownload.dll";
+  /// The module of that name which is loaded now, if there is one.
+  static HMODULE Loaded() { return ::GetModuleHandleW(kName); }
+
+  HostFolder host;
+
+ private:
+  static std::wstring OwnLibrary() {
+    std::wstring path(MAX_PATH, L'\0');
+    path.resize(::GetModuleFileNameW(::GetModuleHandleW(L"toolkit_internals.dll"), path.data(), MAX_PATH));
+    return path;
+  }
+  static std::wstring Environment(const wchar_t* name) {
+    std::wstring value(::GetEnvironmentVariableW(name, nullptr, 0), L'\0');
+    value.resize(::GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
+    return value;
+  }
+
+  TemporaryFolder m_Others;
+  std::filesystem::path m_FolderBefore;
+  std::wstring m_SearchPathBefore;
+};
+
+TEST_F(PlantedLibraryTest, IsFoundByItsBareName) {
+  const HMODULE planted = ::LoadLibraryW(kName);
+  EXPECT_NE(planted, nullptr) << "the others prove nothing";
+  ::FreeLibrary(planted);
+}
+
+TEST_F(PlantedLibraryTest, IsNotLoadedForOneThatIsMissingBesideTheHost) {
+  CConfigParser::GetInstance();
+  CDownloadToolDll::Load();
+  EXPECT_EQ(Loaded(), nullptr);
+  const std::string path = Utf8FromWide(static_cast<const wchar_t*>(ToolKit::GetInstallationDir() + kName));
+  EXPECT_THAT(host.Said(), Contains("E:LoadLibrary of " + path + " failed with: 126"));
+}
+
+TEST_F(PlantedLibraryTest, IsNotLoadedWhenTheHostsFolderCannotBeHad) {
+  CConfigParser::GetInstance();
+  HostFolder::Hide();
+  EXPECT_TRUE(CDownloadToolDll::Load());
+  EXPECT_EQ(Loaded(), nullptr);
+  EXPECT_THAT(host.Said(), Contains("E:LoadLibrary of Firmwareflashdownload.dll failed with: 126"));
+  EXPECT_EQ(CDownloadToolDll::Library()->functions[FlashSlot::BootTarget], nullptr);
 }
 
 TEST_F(DownloadToolDllTest, BindsAllSixteenExports) {

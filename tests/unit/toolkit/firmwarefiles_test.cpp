@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,10 +42,10 @@ class ListedEntries {
     m_Patch.Replace("FindClose", &Close);
     m_Patch.Replace("DeleteFileW", &Delete);
   }
-  void Add(const std::wstring& name, std::uint64_t size) {
+  void Add(const std::wstring& name, std::uint64_t size, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
     WIN32_FIND_DATAW entry{};
     name.copy(entry.cFileName, MAX_PATH - 1);
-    entry.dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
+    entry.dwFileAttributes = attributes;
     entry.nFileSizeHigh = static_cast<DWORD>(size >> 32);
     entry.nFileSizeLow = static_cast<DWORD>(size & 0xFFFFFFFFu);
     s_entries.push_back(entry);
@@ -291,6 +292,112 @@ TEST_F(LongImagePathTest, APathOf260CharactersIsSkippedWithALogLine) {
   EXPECT_EQ(Nvm(), L"");
   EXPECT_EQ(log.LevelOf("FetchModemNVMFls: over MAX PATH, flz paths=" + Narrow(path)), "Trace");
   EXPECT_THAT(log.Said(), Not(Contains(HasSubstr("nFileSizeHigh"))));
+}
+
+// --- Names, links and paths that somebody chose -----------------------------------------------------------
+
+class ForeignNameTest : public FirmwareFilesTest, public testing::WithParamInterface<const wchar_t*> {};
+
+TEST_P(ForeignNameTest, OfFolderAndImagesAreFoundToldAndDeleted) {
+  const std::filesystem::path inner = folder.Path() / GetParam();
+  ASSERT_TRUE(std::filesystem::create_directory(inner));
+  const std::wstring name = std::wstring(GetParam()) + L"\\" + GetParam();
+  const std::wstring large = folder.WriteOfSize(name + L" modem.fls", 12u << 20);
+  const std::wstring small = folder.WriteOfSize(name + L".fls", 10);
+  ASSERT_TRUE(ToolKit::FetchModemNVMFls(CTString(inner.wstring())));
+  EXPECT_EQ(Modem(), large);
+  EXPECT_EQ(Nvm(), small);
+  EXPECT_EQ(log.LevelOf("   Found, modem fls file: " + Narrow(large)), "Trace");
+  EXPECT_EQ(log.LevelOf("   Found, NVM fls file: " + Narrow(small)), "Trace");
+  ToolKit::DeleteFLSFiles();
+  EXPECT_TRUE(std::filesystem::is_empty(inner));
+}
+INSTANTIATE_TEST_SUITE_P(Scripts, ForeignNameTest,
+                         testing::Values(L"\u56FA\u4EF6", L"\u043F\u0440\u043E\u0448\u0438\u0432\u043A\u0430",
+                                         L"\u0628\u0631\u0646\u0627\u0645\u062C", L"\u0E40\u0E1F\u0E34",
+                                         L"\U0001F4F6", L"e\u0301\u200B", L"100% %s %n", L"a;b,c=d [e]"));
+
+TEST_F(FirmwareFilesTest, ALinkToAFileCountsByTheSizeThatTheListTells) {
+  ListedEntries entries;
+  entries.Add(L"linked.fls", 0, FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), folder.File(L"linked.fls"));
+}
+
+TEST_F(FirmwareFilesTest, ALinkToAFolderIsNoImage) {
+  ListedEntries entries;
+  entries.Add(L"linked.fls", kThreshold, FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), L"");
+  EXPECT_EQ(Nvm(), L"");
+}
+
+// Its size makes an image one of the modem, so that the later listed of both is all that is flashed.
+TEST_F(FirmwareFilesTest, AnNvmFileOfTenMebibytesTakesTheModemImagesPlace) {
+  ListedEntries entries;
+  entries.Add(L"modem.fls", 12u << 20);
+  entries.Add(L"nvm.fls", kThreshold);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Modem(), folder.File(L"nvm.fls"));
+  EXPECT_EQ(Nvm(), L"");
+  EXPECT_EQ(log.LevelOf("   Found, modem fls file: " + Narrow(folder.File(L"modem.fls"))), "Trace");
+  EXPECT_EQ(log.LevelOf("   Found, modem fls file: " + Narrow(folder.File(L"nvm.fls"))), "Trace");
+}
+
+/// Nearly as long as a path can be for the system.
+class LongestPathTest : public FirmwareFilesTest {
+ protected:
+  std::wstring Path() const {
+    std::wstring path = folder.Path().wstring();
+    while (path.size() < 32000) path += L"\\" + std::wstring(199, L'x');
+    return path;
+  }
+};
+
+TEST_F(LongestPathTest, OfAMissingFolderIsAFailureThatIsToldWhole) {
+  EXPECT_FALSE(ToolKit::FetchModemNVMFls(CTString(Path())));
+  EXPECT_EQ(log.LevelOf("folder(" + Narrow(Path()) + ") is not a folder, exit"), "Error");
+}
+
+TEST_F(LongestPathTest, OfAnImageThatIsNotThereCannotBeDeletedAndIsToldWhole) {
+  ToolKit::m_ModemFlsFile = CTString(Path() + L".fls");
+  ToolKit::m_NVMFlsFile.Empty();
+  ToolKit::DeleteFLSFiles();
+  ToolKit::m_ModemFlsFile.Empty();
+  EXPECT_THAT(log.Said(),
+              Contains(testing::StartsWith("E:\t DeleteFile(" + Narrow(Path()) + ".fls) failed with: ")));
+}
+
+TEST_F(LongestPathTest, OfLogsDeletesNothing) {
+  folder.Write(L"a.log", "");
+  ToolKit::KeepLogFileNum(CTString(Path() + L"\\*.log"), 0);
+  EXPECT_TRUE(folder.Holds(L"a.log"));
+}
+
+TEST_F(LongestPathTest, CannotBeMadeAndIsToldWhere) {
+  std::string path = std::filesystem::path(Path()).string();
+  EXPECT_FALSE(ToolKit::MakeDirectory(path.c_str()));
+  EXPECT_THAT(log.Said(),
+              Contains(testing::StartsWith("E:CreateDirectory(" + folder.Path().string() + "\\xxx")));
+}
+
+TEST_F(LongestPathTest, OfTheLogLosesTheRecordsAndNothingElse) {
+  ToolKit::GetInstance()->SetDebugLoggerFileName(std::filesystem::path(Path() + L"\\x.log").string().c_str());
+  ::SetLastError(4711);
+  ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "lost");
+  EXPECT_EQ(::GetLastError(), 4711u);
+  ToolKit::GetInstance()->SetDebugLoggerFileName(log.Path().c_str());
+  ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "kept");
+  EXPECT_THAT(log.Said(), ElementsAre("E:kept"));
+}
+
+TEST_F(FirmwareFilesTest, AFileInThePlaceOfTheLogsFolderLosesTheRecordsAndStays) {
+  const std::wstring file = folder.Write(L"folder", "content");
+  ToolKit::GetInstance()->SetDebugLoggerFileName(std::filesystem::path(file + L"\\x.log").string().c_str());
+  ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "lost");
+  ToolKit::GetInstance()->SetDebugLoggerFileName("");
+  EXPECT_EQ(folder.Content(L"folder"), "content");
 }
 
 TEST_F(FirmwareFilesTest, DeletingRemovesBothImagesAndKeepsTheirPaths) {

@@ -383,20 +383,20 @@ TEST_F(LongestPathTest, CannotBeMadeAndIsToldWhere) {
 }
 
 TEST_F(LongestPathTest, OfTheLogLosesTheRecordsAndNothingElse) {
-  ToolKit::GetInstance()->SetDebugLoggerFileName(std::filesystem::path(Path() + L"\\x.log").string().c_str());
+  CDebugLogger::GetInstance()->SetFileName(std::filesystem::path(Path() + L"\\x.log").string().c_str());
   ::SetLastError(4711);
   ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "lost");
   EXPECT_EQ(::GetLastError(), 4711u);
-  ToolKit::GetInstance()->SetDebugLoggerFileName(log.Path().c_str());
+  CDebugLogger::GetInstance()->SetFileName(log.Path().c_str());
   ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "kept");
   EXPECT_THAT(log.Said(), ElementsAre("E:kept"));
 }
 
 TEST_F(FirmwareFilesTest, AFileInThePlaceOfTheLogsFolderLosesTheRecordsAndStays) {
   const std::wstring file = folder.Write(L"folder", "content");
-  ToolKit::GetInstance()->SetDebugLoggerFileName(std::filesystem::path(file + L"\\x.log").string().c_str());
+  CDebugLogger::GetInstance()->SetFileName(std::filesystem::path(file + L"\\x.log").string().c_str());
   ToolKit::OutputDebug(1, "c", "f", "x.cpp", 1, "lost");
-  ToolKit::GetInstance()->SetDebugLoggerFileName("");
+  CDebugLogger::GetInstance()->SetFileName("");
   EXPECT_EQ(folder.Content(L"folder"), "content");
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "hosts/common/facts.h"
+#include "src/controller.h"
 
 namespace {
 
@@ -86,8 +87,8 @@ void LookAtRegistry() {
 }
 
 void ReadHandshake() {
-  for (const wchar_t* name : {hosts::kReadyValue, hosts::kRetryTimesValue, hosts::kTimeOutValue,
-                              hosts::kOnGoingValue, hosts::kProgressValue, hosts::kResultValue}) {
+  for (const wchar_t* name : {corvel::kReadyValue, corvel::kRetryTimesValue, corvel::kTimeOutValue,
+                              corvel::kOnGoingValue, corvel::kProgressValue, corvel::kResultValue}) {
     DWORD value = 0;
     DWORD size = sizeof value;
     ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size);

@@ -4,6 +4,7 @@
 
 #include "benchmarks/bare_key.h"
 #include "hosts/common/facts.h"
+#include "src/controller.h"
 
 namespace benchmarks {
 
@@ -26,7 +27,7 @@ BareReaction::~BareReaction() {
 double BareReaction::React() {
   const Ticks raised = Now();
   const DWORD up = 1;
-  ::RegSetKeyValueW(HKEY_CURRENT_USER, m_Key.c_str(), hosts::kReadyValue, REG_DWORD, &up, sizeof up);
+  ::RegSetKeyValueW(HKEY_CURRENT_USER, m_Key.c_str(), corvel::kReadyValue, REG_DWORD, &up, sizeof up);
   ::WaitForSingleObject(m_Waits.get(), INFINITE);
   return NanosecondsBetween(raised, m_Began);
 }
@@ -49,13 +50,13 @@ void BareReaction::Run() {
 }
 
 void BareReaction::Answer() {
-  static_cast<void>(ReadBare(m_Key, hosts::kReadyValue));
-  WriteBare(m_Key, hosts::kProgressValue, 0);
-  WriteBare(m_Key, hosts::kResultValue, 0);
+  static_cast<void>(ReadBare(m_Key, corvel::kReadyValue));
+  WriteBare(m_Key, corvel::kProgressValue, 0);
+  WriteBare(m_Key, corvel::kResultValue, 0);
   SearchFolder();
   BindLibrary();
   // A value that is written as it stands is no change.
-  WriteBare(m_Key, hosts::kReadyValue, 0);
+  WriteBare(m_Key, corvel::kReadyValue, 0);
 }
 
 void BareReaction::SearchFolder() const {
@@ -69,8 +70,8 @@ void BareReaction::SearchFolder() const {
 void BareReaction::BindLibrary() {
   const HMODULE library = ::LoadLibraryW(m_Library.c_str());
   for (const char* name : hosts::kFlashingLibraryExports) ::GetProcAddress(library, name);
-  WriteBare(m_Key, hosts::kOnGoingValue, 1);
-  WriteBare(m_Key, hosts::kResultValue, 1);
+  WriteBare(m_Key, corvel::kOnGoingValue, 1);
+  WriteBare(m_Key, corvel::kResultValue, 1);
   m_Began = Now();
   std::jthread([] {}).join();
   ::FreeLibrary(library);

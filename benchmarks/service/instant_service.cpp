@@ -11,6 +11,7 @@
 #include "hosts/common/owners.h"
 #include "simulator/call_hooks.h"
 #include "simulator/program/firmware_folder.h"
+#include "src/controller.h"
 
 namespace benchmarks {
 
@@ -103,7 +104,7 @@ InstantService::Times InstantService::Flash() {
 }
 
 Ticks InstantService::RaiseFlagAndAwaitResult() {
-  m_Key.Write(hosts::kReadyValue, 1);
+  m_Key.Write(corvel::kReadyValue, 1);
   bool hasBegun = false;
   const auto end = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < end) {

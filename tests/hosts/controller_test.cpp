@@ -1,6 +1,6 @@
 // The client for controlling programs, against a service that the test plays.
 
-#include <corvel/controller.h>
+#include "controller.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -11,6 +11,8 @@ set(no_codes
 
 file(READ ${DOCUMENT} document)
 file(GLOB_RECURSE sources ${SOURCES}/*.cpp ${SOURCES}/*.h)
+# What corvel_flashlog prints is described by its schema.
+list(FILTER sources EXCLUDE REGEX "/flashlog/")
 set(found 0)
 foreach(source IN LISTS sources)
   file(READ ${source} text)

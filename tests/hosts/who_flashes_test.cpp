@@ -4,6 +4,7 @@
 
 #include <winsvc.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -455,6 +456,17 @@ class BesideTheServiceTest : public CommandLineTest {
   void InstallAndStart() const {
     ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
     ASSERT_EQ(Service({L"start"}).exitCode, 0);
+    AwaitWaiting(serviceFolder);
+  }
+  /// Until then the service writes the values of its beginning, over whatever a test has put there.
+  static void AwaitWaiting(const HostWorkspace& folder) {
+    constexpr std::chrono::seconds kPatience{60};
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (folder.Content(L"FlashServiceDebugLogger_DLL.log").find("Monitor flash ready flag") ==
+           std::string::npos) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "the service does not wait";
+      ::Sleep(20);
+    }
   }
   DWORD ProcessOfService() const {
     return nlohmann::json::parse(Service({L"status", L"--json"}).output)["process_id"];
@@ -533,6 +545,7 @@ TEST_F(BesideTheServiceTest, AServiceInATerminalIsInTheWayWhileItFlashes) {
   {
     ChildProcess service(workspace.Service(), {L"run", L"--console"});
     ASSERT_TRUE(service.Says("Waiting for Fls_Ready"));
+    AwaitWaiting(workspace);
     ASSERT_EQ(RunHost({L"check"}).exitCode, 0);
     ShowJob(serviceKey);
     const RunResult check = RunHost({L"check", L"--json"});

@@ -13,6 +13,9 @@
 #include <type_traits>
 #include <utility>
 
+// Declared once more, as the system has it since Windows 7: some sets of its headers lack it.
+extern "C" __declspec(dllimport) BOOL WINAPI QueryUnbiasedInterruptTime(PULONGLONG hundredNanoseconds);
+
 /// @file
 /// For controlling programs: asks the flash service for a flash and tells how it ends. Needs this header,
 /// C++17 and advapi32 alone: neither the library nor a compiler that fits it, also in a program of 32 bits.

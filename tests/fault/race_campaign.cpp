@@ -494,7 +494,7 @@ class Races {
   std::string SoundJob() {
     m_Service.LayImage(m_Bench.images = ++m_Images);
     const JobEnd end = m_Service.Run();
-    if (const std::string finding = Judge(kKinds[0], end); !finding.empty()) return finding;
+    if (std::string finding = Judge(kKinds[0], end); !finding.empty()) return finding;
     return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
   }
 

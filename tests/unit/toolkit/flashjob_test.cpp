@@ -642,7 +642,7 @@ TEST_P(NoEngineTest, JobEndsAsFailedWhenNoAttemptGetsAnEngine) {
   EXPECT_EQ(bench.Downloads(), 0);
 }
 
-/// The texts of two paths cannot be copied: nothing else is of their size.
+/// The text of a path cannot be copied, nor a record that happens to be of its size.
 class LostPathTest : public testing::TestWithParam<bool> {
  protected:
   static void* __cdecl RefuseOneSize(std::size_t size) {
@@ -673,7 +673,7 @@ TEST_P(LostPathTest, IsAFailedAttemptThatFlashesNothing) {
   simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
   patch.Replace("malloc", &RefuseOneSize);
   EXPECT_TRUE(ToolKit::DownloadFirmwareImplementation(nullptr));
-  EXPECT_EQ(s_refusals, 1);
+  EXPECT_GE(s_refusals, 1);
   EXPECT_EQ(ToolKit::mFlashResult, FirmwareNotUpdated);
   EXPECT_THAT(bench.library.calls, IsEmpty());
 }

@@ -60,7 +60,7 @@ std::string FileNameOf(const char* path) {
   ::_splitpath_s(path, nullptr, 0, nullptr, 0, name.data(), size, extension.data(), size);
   name.resize(std::min(std::strlen(name.c_str()), kLongestNamePart));
   extension.resize(std::min(std::strlen(extension.c_str()), kLongestNamePart));
-  return name + extension;
+  return Print("%s%s", name.c_str(), extension.c_str());
 }
 
 /// What cannot be printed is named by its format: a lost message would hide where things went wrong. One with

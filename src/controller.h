@@ -38,9 +38,9 @@ struct FlashKey {
   HKEY root = HKEY_LOCAL_MACHINE;
   std::wstring path;  ///< without the root
 
-  /// @param text such as "HKLM\SOFTWARE\Quenta\FlashService"; HKLM, HKCU and HKU are known.
+  /// @param location such as "HKLM\SOFTWARE\Quenta\FlashService"; HKLM, HKCU and HKU are known.
   /// @return nothing when the root is another one or the path is missing.
-  static std::optional<FlashKey> Parse(std::wstring_view text);
+  static std::optional<FlashKey> Parse(std::wstring_view location);
 };
 
 /// What stands under the key; empty where a value is absent or no number.
@@ -286,10 +286,10 @@ class Request {
 
 }  // namespace detail
 
-inline std::optional<FlashKey> FlashKey::Parse(std::wstring_view text) {
-  const std::size_t separator = text.find(L'\\');
-  if (separator == std::wstring_view::npos || separator + 1 == text.size()) return std::nullopt;
-  const std::wstring_view name = text.substr(0, separator);
+inline std::optional<FlashKey> FlashKey::Parse(std::wstring_view location) {
+  const std::size_t separator = location.find(L'\\');
+  if (separator == std::wstring_view::npos || separator + 1 == location.length()) return std::nullopt;
+  const std::wstring_view name = location.substr(0, separator);
   FlashKey key;
   if (name == L"HKCU") {
     key.root = HKEY_CURRENT_USER;
@@ -298,7 +298,7 @@ inline std::optional<FlashKey> FlashKey::Parse(std::wstring_view text) {
   } else if (name != L"HKLM") {
     return std::nullopt;
   }
-  key.path = text.substr(separator + 1);
+  key.path = location.substr(separator + 1);
   return key;
 }
 

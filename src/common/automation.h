@@ -58,6 +58,7 @@ class ArrayElements {
   explicit ArrayElements(SAFEARRAY* array) noexcept {
     ArrayBounds bounds;
     if (array == nullptr || ::SafeArrayGetDim(array) != 1) return;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): an element may be a pointer
     if (::SafeArrayGetElemsize(array) != sizeof(Element)) return;
     if (FAILED(::SafeArrayGetLBound(array, 1, &bounds.lower))) return;
     if (FAILED(::SafeArrayGetUBound(array, 1, &bounds.upper))) return;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <optional>
 
 #include "download/attempt.h"
@@ -93,7 +92,7 @@ void CheckCallbacks(std::string_view input) {
   const std::string calls(choices.Rest());
   for (std::size_t from = 0; from < calls.size();) {
     const std::size_t end = std::min(calls.find('\n', from), calls.size());
-    const int status = calls[from];
+    const int status = static_cast<int>(calls[from]);
     std::string text = calls.substr(from + 1, end > from ? end - from - 1 : 0);
     text.resize(std::min(text.find('\0'), text.size()));
     CDownloadToolDll::HandleCallbacks(7, status, Guarded().Text(text));
@@ -117,7 +116,7 @@ Refusal g_refusal;
 
 int Refuse(Refusal call, char* status) {
   if (call != g_refusal) return 0;
-  std::memcpy(status, g_status.data(), g_status.size());
+  std::ranges::copy(g_status, status);
   return 1;
 }
 std::uint8_t NextFreeChannel() {
@@ -130,7 +129,7 @@ int Boot(std::uint8_t, const char*, std::uint32_t*, char* status) {
   return Refuse(Refusal::Boot, status);
 }
 int RefuseCallback(corvel::FunctionTable::Callback*, char* status) {
-  std::memcpy(status, g_status.data(), g_status.size());
+  std::ranges::copy(g_status, status);
   return 1;
 }
 int CloseChannel(std::uint8_t, char* status) {

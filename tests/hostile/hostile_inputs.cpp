@@ -250,7 +250,7 @@ int Run(const Options& options) {
 
 }  // namespace
 
-int main(int count, char** words) {
+int main(int count, char** words) try {
   Options options;
   CLI::App program("Gives the library inputs that nobody should give it.");
   program.add_option("--only", options.only, "The properties with these names");
@@ -265,10 +265,8 @@ int main(int count, char** words) {
   std::signal(SIGABRT, &TellAbort);
   WatchForHangs();
   CDebugLogger::SetLevel(0);
-  try {
-    return Run(options);
-  } catch (const std::exception& error) {
-    std::printf("FINDING %s: %s\n", "hostile_inputs", error.what());
-    return 1;
-  }
+  return Run(options);
+} catch (const std::exception& error) {
+  std::printf("FINDING hostile_inputs: %s\n", error.what());
+  return 1;
 }

@@ -437,7 +437,7 @@ std::string TokenByTheBook(const std::string& text, const std::string& set, int&
   std::size_t from = std::min(static_cast<std::size_t>(position), text.size());
   std::size_t length = std::strcspn(text.c_str() + from, set.c_str());
   if (length == 0 && from < text.size()) length = std::strcspn(text.c_str() + ++from, set.c_str());
-  const std::string token = text.substr(from, length);
+  std::string token = text.substr(from, length);
   from += length;
   position = token.empty() ? -1 : static_cast<int>(from + std::strspn(text.c_str() + from, set.c_str()));
   return token;

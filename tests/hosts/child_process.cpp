@@ -53,16 +53,18 @@ std::string ChildProcess::Collector::Text() {
   return m_Text;
 }
 
-ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                           const std::filesystem::path& folder) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdOutput = m_Output.WriteEnd();
   startup.hStdError = m_Errors.WriteEnd();
   std::wstring line = CommandLine(program, arguments);
+  const std::filesystem::path startFolder = folder.empty() ? program.parent_path() : folder;
   PROCESS_INFORMATION child{};
-  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                        program.parent_path().c_str(), &startup, &child)) {
+  if (!::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, startFolder.c_str(),
+                        &startup, &child)) {
     ThrowLastError("a host cannot be started");
   }
   ::CloseHandle(child.hThread);
@@ -110,8 +112,9 @@ bool ChildProcess::Interrupt() const {
   return thread != nullptr;
 }
 
-RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
-  ChildProcess child(program, arguments);
+RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                   const std::filesystem::path& folder) {
+  ChildProcess child(program, arguments, folder);
   RunResult result;
   result.exitCode = child.WaitForEnd();
   result.output = child.Output();

@@ -104,7 +104,8 @@ ExitCode RunCheck(const CheckOptions& options) {
   std::vector<Finding> findings = LookAtOtherHosts();
   const LeftAlone leftAlone{.configuration = Holds(findings, kServiceStarts),
                             .images = FirstOf(findings, Verdict::Error) != nullptr};
-  for (Finding& finding : LookBeforeFlash(leftAlone)) findings.push_back(std::move(finding));
+  for (Finding& finding : LookBeforeFlash({.expect = options.expect}, leftAlone))
+    findings.push_back(std::move(finding));
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
 
   const Finding* const obstacle = FindObstacle(findings, options.strict);

@@ -11,6 +11,8 @@ struct FlashOptions {
   int trace = 1;
   bool waitForController = false;
   unsigned int timeoutSeconds = 0;  ///< 0: no limit
+  std::string expect;               ///< file of the images' digests; empty: any image will do
+  unsigned int minBattery = 0;      ///< percent; 0: any charge will do
   bool json = false;
   bool quiet = false;
 };
@@ -23,6 +25,7 @@ struct StatusOptions {
 };
 
 struct CheckOptions {
+  std::string expect;  ///< as for a flash
   bool json = false;
   bool strict = false;  ///< warnings count as errors
 };

@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -22,6 +24,7 @@
 #include "hosts/common/json_output.h"
 #include "hosts/common/kept_logs.h"
 #include "hosts/common/library_configuration.h"
+#include "hosts/common/power.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
@@ -146,6 +149,7 @@ class FlashRun {
 
   std::optional<ExitCode> FindObstacle(const CommandLineClaim& claim) const;
   std::optional<ExitCode> FindOtherHost(const CommandLineClaim& claim) const;
+  void TellOfBattery(const std::vector<Finding>& findings) const;
   void KeepLogOfLastRun() const;
   bool LoadConfiguration() const;
   void TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const;
@@ -203,15 +207,26 @@ std::optional<ExitCode> FlashRun::FindOtherHost(const CommandLineClaim& claim) c
 
 std::optional<ExitCode> FlashRun::FindObstacle(const CommandLineClaim& claim) const {
   if (const auto otherHost = FindOtherHost(claim)) return otherHost;
-  std::vector<Finding> findings = LookBeforeFlash();
+  std::vector<Finding> findings =
+      LookBeforeFlash({.expect = m_Options.expect, .minBattery = m_Options.minBattery});
   // A controlling program may put the images there until it asks for the flash.
   if (m_Options.waitForController) {
     std::erase_if(findings, [](const Finding& each) { return each.exitCode == ExitCode::NoImages; });
   }
   const Finding* const error = FirstOf(findings, Verdict::Error);
-  if (error == nullptr) return std::nullopt;
+  if (error == nullptr) {
+    TellOfBattery(findings);
+    return std::nullopt;
+  }
   Report(ProblemOf(*error), m_Options.json);
   return error->exitCode;
+}
+
+/// Of all that is not as it should be, this is what somebody can still mend before the modem is touched.
+void FlashRun::TellOfBattery(const std::vector<Finding>& findings) const {
+  const auto found = std::ranges::find(findings, std::string_view(kOnBattery), &Finding::code);
+  if (found == findings.end()) return;
+  std::cerr << "corvel_cmdline: Warning, " << found->message << ". " << found->whatToDo << std::endl;
 }
 
 void FlashRun::TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const {
@@ -385,6 +400,8 @@ ExitCode FlashRun::Flash(const LibraryConfiguration& configuration, const Folder
     return ExitCode::NotReady;
   }
   TellWhatWillBeDeleted(configuration.FirmwareFolder(), images);
+  const StayAwake awake;
+  if (!awake.Refusal().empty()) std::cerr << "corvel_cmdline: " << awake.Refusal() << std::endl;
   try {
     const Job job(m_Options.trace, BusOf(m_Options, configuration));
     const Ending ending = Follow(job.Ended());

@@ -16,6 +16,7 @@
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/trusted_folders.h"
 
 namespace hosts {
 
@@ -51,6 +52,12 @@ std::string ComplaintAboutSeconds(const std::string& text) {
          std::to_string(kLongestTimeLimit) + " (30 days), or leave it out for no limit.";
 }
 
+void AddExpect(CLI::App& verb, std::string& expect) {
+  verb.add_option("--expect", expect,
+                  "Take only images whose SHA-256 is in that file, as sha256sum writes it")
+      ->type_name("FILE");
+}
+
 CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
   CLI::App* const verb =
       AddVerb(program, "flash", "Flash the images of the configured folder, which are deleted at the end",
@@ -60,12 +67,20 @@ CLI::App* AddFlash(CLI::App& program, FlashOptions& options) {
   verb->add_option("--trace", options.trace, "0 writes no debug log")
       ->check(CLI::Range(0, 1))
       ->capture_default_str();
-  verb->add_flag("--wait-for-controller", options.waitForController,
-                 "Wait until another program sets " + ToUtf8(kReadyValue) + ", instead of setting it");
+  CLI::Option* const wait =
+      verb->add_flag("--wait-for-controller", options.waitForController,
+                     "Wait until another program sets " + ToUtf8(kReadyValue) + ", instead of setting it");
   verb->add_option("--timeout", options.timeoutSeconds,
                    "Give up after that many seconds, 1 or more (default: no limit)")
       ->type_name("SECONDS")
       ->check(ComplaintAboutSeconds);
+  // What a controlling program brings meanwhile would be flashed unseen.
+  AddExpect(*verb, options.expect);
+  verb->get_option("--expect")->excludes(wait);
+  verb->add_option("--min-battery", options.minBattery,
+                   "Refuse on battery when it is charged to less than that many percent")
+      ->type_name("PERCENT")
+      ->check(CLI::Range(1u, 100u));
   verb->add_flag("--quiet", options.quiet, "Show no progress, and do not name the images at the start");
   return verb;
 }
@@ -87,6 +102,7 @@ CLI::App* AddCheck(CLI::App& program, CheckOptions& options) {
   CLI::App* const verb =
       AddVerb(program, "check", "Tell whether a flash could begin, without touching the modem", options.json);
   verb->add_flag("--strict", options.strict, "Let warnings count as errors");
+  AddExpect(*verb, options.expect);
   return verb;
 }
 
@@ -183,6 +199,7 @@ int RunProgram() {
   const std::vector<std::string> words = CommandLineWords();
   const bool json = std::ranges::find(words, "--json") != words.end();
   try {
+    LoadFromTrustedFoldersOnly();
     return Run(words, json);
   } catch (const std::exception& error) {
     Report({"internal", std::string("Something unforeseen went wrong: ") + error.what() + ".",

@@ -11,10 +11,14 @@
 #include <vector>
 
 #include "hosts/cmdline/configuration_advice.h"
+#include "hosts/cmdline/digest_list.h"
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/facts.h"
+#include "hosts/common/file_digest.h"
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/owners.h"
+#include "hosts/common/power.h"
+#include "hosts/common/shared_names.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
@@ -147,11 +151,47 @@ std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::
   return names;
 }
 
-std::vector<Finding> LookAtKind(const char* subject, const std::wstring& folder, const std::wstring& path,
-                                bool isModemImage, bool leftAlone) {
-  std::vector<Finding> findings{LookAtImage(
-      subject, path, isModemImage ? "no image of 10 MiB or more" : "no image below 10 MiB", leftAlone)};
-  const std::vector<std::string> others = OthersOfItsKind(folder, path, isModemImage);
+/// Whether an image is the one that was meant. Only of one that could be opened.
+std::optional<Finding> CompareWithDigest(const char* subject, const std::wstring& path,
+                                         const DigestList& list) {
+  const std::string wanted = list.DigestOf(path);
+  if (wanted.empty()) {
+    return Error(subject, "image_not_expected", ToUtf8(path) + " is not in " + list.Path(),
+                 "Remove the image from the folder, or give the list of digests that belongs to it.");
+  }
+  const FileDigest found = DigestOf(path);
+  if (found.error != ERROR_SUCCESS) {
+    return Error(
+        subject, "image_unreadable", ToUtf8(path) + ": " + SystemErrorText(found.error),
+        "Close the program that holds the image open, and copy the image anew if that does not help.");
+  }
+  if (found.sha256 == wanted) return std::nullopt;
+  return Error(
+      subject, "image_differs",
+      ToUtf8(path) + " has the SHA-256 " + found.sha256 + ", not " + wanted + " as " + list.Path() + " says",
+      "Copy the image anew from where it comes from, or give the list of digests that belongs to it.");
+}
+
+/// What is to be found in the folder, and how.
+struct ImageSearch {
+  std::wstring folder;
+  const DigestList* expected;  ///< null: any image will do
+  bool leftAlone;
+};
+
+std::vector<Finding> LookAtKind(const char* subject, const ImageSearch& search, const std::wstring& path,
+                                bool isModemImage) {
+  std::vector<Finding> findings{
+      LookAtImage(subject, path, isModemImage ? "no image of 10 MiB or more" : "no image below 10 MiB",
+                  search.leftAlone)};
+  if (search.expected != nullptr && !search.leftAlone && findings.front().verdict == Verdict::Ok) {
+    if (auto difference = CompareWithDigest(subject, path, *search.expected)) {
+      findings.front() = std::move(*difference);
+    } else {
+      findings.front().message += ", SHA-256 as expected";
+    }
+  }
+  const std::vector<std::string> others = OthersOfItsKind(search.folder, path, isModemImage);
   if (path.empty() || others.empty()) return findings;
   findings.push_back(Warning(subject, "several_images",
                              std::to_string(others.size() + 1) + " of its kind: " + ToUtf8(path) +
@@ -160,7 +200,8 @@ std::vector<Finding> LookAtKind(const char* subject, const std::wstring& folder,
   return findings;
 }
 
-std::vector<Finding> LookAtImages(const std::wstring& folder, bool leftAlone) {
+std::vector<Finding> LookAtImages(const ImageSearch& search) {
+  const std::wstring& folder = search.folder;
   const FolderImages images = LookForImages(folder);
   if (!images.folderExists) {
     return {NoImages("no_folder", "\"" + ToUtf8(folder) + "\" is no folder",
@@ -176,8 +217,8 @@ std::vector<Finding> LookAtImages(const std::wstring& folder, bool leftAlone) {
                      "Copy the modem image and the NVM image there.")};
   }
   std::vector<Finding> findings{Ok("folder", ToUtf8(folder))};
-  Append(findings, LookAtKind("modem image", folder, images.modem, true, leftAlone));
-  Append(findings, LookAtKind("NVM image", folder, images.nvm, false, leftAlone));
+  Append(findings, LookAtKind("modem image", search, images.modem, true));
+  Append(findings, LookAtKind("NVM image", search, images.nvm, false));
   return findings;
 }
 
@@ -221,6 +262,21 @@ Finding LookAtFlashingLibrary() {
   return Ok(kSubject, ToUtf8(path));
 }
 
+/// Nothing to say on the mains, or where nobody can tell.
+std::vector<Finding> LookAtPower(unsigned int minBattery) {
+  constexpr const char* kSubject = "power";
+  const PowerSource source = LookAtPowerSource();
+  if (!source.isBattery) return {};
+  if (minBattery > 0 && source.percent.value_or(0) < minBattery) {
+    return {Error(kSubject, "battery_low",
+                  source.Text() + "; --min-battery asks for " + std::to_string(minBattery) + " %",
+                  "Connect the PC to the mains, or charge it.")};
+  }
+  return {Warning(
+      kSubject, kOnBattery, source.Text(),
+      "Connect the PC to the mains: one that goes off during a flash leaves the modem in flash mode.")};
+}
+
 /// Nothing to say where the library can name its log as everybody else does.
 std::vector<Finding> LookAtLog() {
   constexpr const char* kSubject = "debug log";
@@ -243,7 +299,19 @@ Finding LookAtRegistry(const HandshakeKey& key) {
   return Ok("registry", key.Text());
 }
 
-std::vector<Finding> LookAtConfigurationAndImages(const LeftAlone& leftAlone) {
+/// Without them the library would wait for its request, or for the modem, and never hear of it.
+std::vector<Finding> LookAtSharedNames(bool othersFlash) {
+  constexpr const char* kSubject = "shared names";
+  std::vector<Finding> findings;
+  for (const TakenName& name :
+       FindTakenNames(othersFlash ? PortSearch::MayBeRunning : PortSearch::IsNotRunning)) {
+    findings.push_back(Error(kSubject, "name_taken", name.Message(), AdviceOnTakenNames()));
+  }
+  if (findings.empty()) findings.push_back(Ok(kSubject, "at the library's disposal"));
+  return findings;
+}
+
+std::vector<Finding> LookAtConfigurationAndImages(const DigestList* expected, const LeftAlone& leftAlone) {
   if (leftAlone.configuration) {
     return {Warning("configuration", "not_looked_at",
                     "neither it nor the images are looked at: a flash service that starts reads it",
@@ -252,17 +320,29 @@ std::vector<Finding> LookAtConfigurationAndImages(const LeftAlone& leftAlone) {
   const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   std::vector<Finding> findings = LookAtConfiguration(configuration);
   if (configuration && !configuration->FirmwareFolder().empty()) {
-    Append(findings, LookAtImages(configuration->FirmwareFolder(), leftAlone.images));
+    Append(findings, LookAtImages({.folder = configuration->FirmwareFolder(),
+                                   .expected = expected,
+                                   .leftAlone = leftAlone.images}));
   }
   return findings;
 }
 
 }  // namespace
 
-std::vector<Finding> LookBeforeFlash(const LeftAlone& leftAlone) {
-  std::vector<Finding> findings = LookAtConfigurationAndImages(leftAlone);
+std::vector<Finding> LookBeforeFlash(const Demands& demands, const LeftAlone& leftAlone) {
+  std::vector<Finding> findings;
+  std::optional<DigestList> expected;
+  if (!demands.expect.empty()) expected = DigestList::Read(demands.expect);
+  if (expected && !expected->Problem().empty()) {
+    findings.push_back(Error("digests", "no_digests", expected->Problem(),
+                             "Give --expect a file as \"sha256sum *.fls\" writes it."));
+    expected.reset();
+  }
+  Append(findings, LookAtConfigurationAndImages(expected ? &*expected : nullptr, leftAlone));
   findings.push_back(LookAtFlashingLibrary());
   findings.push_back(LookAtRegistry(CommandLineKey()));
+  Append(findings, LookAtSharedNames(leftAlone.images));
+  Append(findings, LookAtPower(demands.minBattery));
   Append(findings, LookAtLog());
   return findings;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
@@ -16,6 +17,7 @@
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/serving_notice.h"
+#include "hosts/common/shared_names.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
@@ -36,13 +38,29 @@ struct Status {
   ModemPresence modem;
   std::wstring folder;
   FolderImages images;
+  /// What keeps the host of the key from its work, a sentence each.
+  std::vector<std::string> hindrances;
   bool serviceStarts = false;
 
   /// Whether a job stands there that nobody will end.
   bool WasCutShort() const { return writer == Writer::Gone && values.IsJobRunning(); }
 };
 
-Status Look(const HandshakeKey& key, const std::wstring& folder) {
+/// A service in another session alone knows of the names there.
+std::vector<std::string> FindHindrances(const HandshakeKey& key, bool ofService) {
+  std::vector<std::string> hindrances;
+  if (IsServiceHindered(key)) {
+    hindrances.emplace_back(
+        "the flash service says that another program has a name that the library needs; the Windows event "
+        "log "
+        "tells which");
+  }
+  if (ofService) return hindrances;
+  for (const TakenName& name : FindTakenNames(PortSearch::MayBeRunning)) hindrances.push_back(name.Message());
+  return hindrances;
+}
+
+Status Look(const HandshakeKey& key, const std::wstring& folder, bool ofService) {
   // First: a host that ends between the two looks has written its result by then.
   const Writer writer = WriterOf(key);
   return {.key = key,
@@ -50,7 +68,8 @@ Status Look(const HandshakeKey& key, const std::wstring& folder) {
           .values = ReadHandshake(key),
           .modem = LookForModem(),
           .folder = folder,
-          .images = LookForImages(folder)};
+          .images = LookForImages(folder),
+          .hindrances = FindHindrances(key, ofService)};
 }
 
 nlohmann::ordered_json AsJson(const Status& status) {
@@ -70,7 +89,8 @@ nlohmann::ordered_json AsJson(const Status& status) {
           {"images",
            {{"folder", ToUtf8(status.folder)},
             {"modem", ToUtf8(status.images.modem)},
-            {"nvm", ToUtf8(status.images.nvm)}}}};
+            {"nvm", ToUtf8(status.images.nvm)}}},
+          {"hindrances", status.hindrances}};
 }
 
 std::string Padded(std::string text, std::size_t width) {
@@ -98,6 +118,9 @@ void Print(const Status& status) {
     std::cout << "             The flash was cut short. The modem may be left in flash mode;\n"
                  "             the next flash recovers it.\n";
   }
+  for (const std::string& hindrance : status.hindrances) {
+    std::cout << "Hindered:    " << hindrance << ".\n             " << AdviceOnTakenNames() << "\n";
+  }
   std::cout << "Modem:       " << NameOf(status.modem.mode)
             << (status.modem.atPort ? ", AT port present" : "")
             << (status.modem.resetDriver ? ", reset driver present" : ", reset driver absent") << "\n"
@@ -107,7 +130,7 @@ void Print(const Status& status) {
 }
 
 /// Shows every change until the program is interrupted.
-ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, bool json) {
+ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, const StatusOptions& options) {
   const Interruption interruption;
   HandshakeWatch watch(key);
   nlohmann::ordered_json shown;
@@ -115,10 +138,10 @@ ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, bool json) {
   do {
     // Without a key there is no announcement of its values either; the look once a second finds it.
     watch.Arm();
-    const Status now = Look(key, folder);
+    const Status now = Look(key, folder, options.service);
     nlohmann::ordered_json document = AsJson(now);
     if (document == shown) continue;
-    if (json) {
+    if (options.json) {
       PrintJson(document, JsonLayout::OneLine);
     } else {
       Print(now);
@@ -153,9 +176,9 @@ ExitCode RunStatus(const StatusOptions& options) {
   }
   const HandshakeKey key = options.service ? configuration->ServiceKey() : CommandLineKey();
   const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
-  if (options.watch) return Watch(key, folder, options.json);
+  if (options.watch) return Watch(key, folder, options);
 
-  Status status = Look(key, folder);
+  Status status = Look(key, folder, options.service);
   status.serviceStarts = serviceStarts;
   if (options.json) {
     PrintJson(AsJson(status));

@@ -11,11 +11,25 @@ namespace {
 /// The system takes a name of 260 characters at most, and none with a separator behind its first part.
 constexpr std::size_t kLongestIdentity = 200;
 
-std::wstring NoticeName(Server server, const HandshakeKey& key) {
+std::wstring NoticeName(const wchar_t* what, const HandshakeKey& key) {
   std::wstring identity = key.Identity().substr(0, kLongestIdentity);
   std::ranges::replace(identity, L'\\', L'/');
-  return (server == Server::Service ? L"Global\\corvel_service for " : L"Global\\corvel_cmdline for ") +
-         identity;
+  return what + identity;
+}
+
+std::wstring NoticeName(Server server, const HandshakeKey& key) {
+  return NoticeName(
+      server == Server::Service ? L"Global\\corvel_service for " : L"Global\\corvel_cmdline for ", key);
+}
+
+std::wstring HinderedNoticeName(const HandshakeKey& key) {
+  return NoticeName(L"Global\\corvel_service hindered for ", key);
+}
+
+bool IsGiven(const std::wstring& notice) {
+  const OwnedHandle mutex(::OpenMutexW(SYNCHRONIZE, FALSE, notice.c_str()));
+  // A user without rights learns as much: what cannot be opened is there.
+  return mutex != nullptr || ::GetLastError() == ERROR_ACCESS_DENIED;
 }
 
 }  // namespace
@@ -28,10 +42,15 @@ ServingNotice::ServingNotice(Server server, const HandshakeKey& key) {
   m_HasPredecessor = error == ERROR_ALREADY_EXISTS || error == ERROR_ACCESS_DENIED;
 }
 
+HinderedNotice::HinderedNotice(const HandshakeKey& key)
+    : m_Mutex(::CreateMutexW(nullptr, FALSE, HinderedNoticeName(key).c_str())) {}
+
 bool IsServedBy(Server server, const HandshakeKey& key) {
-  const OwnedHandle notice(::OpenMutexW(SYNCHRONIZE, FALSE, NoticeName(server, key).c_str()));
-  // A user without rights learns as much: what cannot be opened is there.
-  return notice != nullptr || ::GetLastError() == ERROR_ACCESS_DENIED;
+  return IsGiven(NoticeName(server, key));
+}
+
+bool IsServiceHindered(const HandshakeKey& key) {
+  return IsGiven(HinderedNoticeName(key));
 }
 
 Writer WriterOf(const HandshakeKey& key) {

@@ -22,8 +22,20 @@ class ServingNotice {
   bool m_HasPredecessor = false;
 };
 
+/// Tells the other hosts, for as long as it lives, that the service which deals with the requests under a key
+/// is kept from it by another program.
+class HinderedNotice {
+ public:
+  explicit HinderedNotice(const HandshakeKey& key);
+
+ private:
+  OwnedHandle m_Mutex;
+};
+
 /// Whether such a host lives and deals with the requests under the key.
 bool IsServedBy(Server server, const HandshakeKey& key);
+/// Whether the service that deals with them says that it is kept from it.
+bool IsServiceHindered(const HandshakeKey& key);
 /// Whether the host that wrote what stands under the key can still be at work on it.
 Writer WriterOf(const HandshakeKey& key);
 

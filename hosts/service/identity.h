@@ -17,6 +17,12 @@ inline constexpr unsigned long kControlAllowInterruption = 128;
 inline constexpr unsigned long kFailedNoLibrary = 1;
 inline constexpr unsigned long kFailedNoConfiguration = 2;
 inline constexpr unsigned long kFailedNoResources = 3;
+inline constexpr unsigned long kEndedBecauseStuck = 4;
+
+/// Exit status of a process that ended itself because a flash stood still. No verb ends so.
+inline constexpr unsigned int kStuckExitStatus = 5;
+/// Asks for that, on the command line that the service manager starts the program by too.
+inline constexpr char kRestartWhenStuckOption[] = "--restart-when-stuck";
 
 /// How long the library may take to come up on a PC that is busy starting.
 inline constexpr unsigned long kLongestStartMs = 30000;

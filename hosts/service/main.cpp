@@ -16,12 +16,15 @@
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/problem.h"
 #include "hosts/common/serving_notice.h"
+#include "hosts/common/shared_names.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/trusted_folders.h"
 #include "hosts/common/who_flashes.h"
 #include "hosts/service/first_configuration.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
+#include "hosts/service/permissions.h"
 #include "hosts/service/service_body.h"
 #include "hosts/service/service_control.h"
 
@@ -38,7 +41,11 @@ constexpr int kNotReady = 4;
 constexpr char kProgram[] = "corvel_service";
 constexpr char kExitCodes[] =
     "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage;\n"
-    "3 a flash is running and the service was not stopped; 4 of status: not ready.";
+    "3 a flash is running and the service was not stopped; 4 of status: not ready;\n"
+    "5 of run: ended because a flash stood still.";
+constexpr char kRestartWhenStuckHelp[] =
+    "End the process when nothing changes in a flash for longer than Time_Out; the service manager starts it "
+    "anew";
 
 std::string AdviceOnServiceCode(DWORD code) {
   switch (code) {
@@ -47,6 +54,10 @@ std::string AdviceOnServiceCode(DWORD code) {
     case kFailedNoConfiguration:
       return "Look at the Windows event log; is CorvelConfig.ini beside this program? Has another program it "
              "open?";
+    case kEndedBecauseStuck:
+      return "The service manager starts it anew. Look at the Windows event log and at the end of the kept "
+             "debug "
+             "log.";
     case kFailedNoResources:
       return "Look at the Windows event log; close other programs, or start the PC anew, and try again.";
     default:
@@ -107,12 +118,18 @@ int HadNothingToDo(const char* why) {
   return kDone;
 }
 
-int Install(bool automatic) {
-  const ControlResult result = InstallService(automatic);
-  if (result.error == ERROR_SERVICE_EXISTS && IsInstalledLikeThis(automatic)) {
-    return HadNothingToDo("It is installed already.");
+int Install(const InstallOptions& options) {
+  const ControlResult result = InstallService(options);
+  const bool wasThere = result.error == ERROR_SERVICE_EXISTS && IsInstalledLikeThis(options);
+  if (wasThere && options.restricted) {
+    const ControlResult restricted = RestrictInstalledService();
+    if (restricted.error != ERROR_SUCCESS) return Conclude(restricted, "");
   }
-  return Conclude(result, "Installed.");
+  // Also of an installation that was there: whoever installs it again wants it as it is to be.
+  if (wasThere || result.error == ERROR_SUCCESS) {
+    for (const std::string& warning : ProtectInstallation()) std::cerr << kProgram << ": " << warning << "\n";
+  }
+  return wasThere ? HadNothingToDo("It is installed already.") : Conclude(result, "Installed.");
 }
 
 /// The one that an option asks for, and none that would disturb a flash by the command line: its files go
@@ -194,7 +211,7 @@ int Stop(bool forced) {
 }
 
 /// What is wrong with the service, for its status; nothing while it can flash.
-std::optional<Problem> ProblemOf(const ServiceState& state, bool configured) {
+std::optional<Problem> ProblemOf(const ServiceState& state, bool configured, bool hindered) {
   if (state.HasFailed()) {
     const ControlResult failure{
         .error = state.win32ExitCode, .step = "run", .serviceCode = state.serviceExitCode};
@@ -204,6 +221,12 @@ std::optional<Problem> ProblemOf(const ServiceState& state, bool configured) {
     return Problem{"no_configuration",
                    "The configuration " + ToUtf8(ProgramFolder()) + "CorvelConfig.ini cannot be read.",
                    "Put it beside this program, or close whatever holds it open."};
+  }
+  if (hindered) {
+    return Problem{"name_taken",
+                   "The service is kept from its work: another program has a name of the system's that the "
+                   "library needs.",
+                   "Look at the Windows event log for the name. " + AdviceOnTakenNames()};
   }
   return std::nullopt;
 }
@@ -240,7 +263,7 @@ int ShowStatus(bool json) {
   const bool starting = state.state == SERVICE_START_PENDING;
   const auto key = starting ? std::nullopt : FlashServiceKey();
   const std::string flashResult = key ? MeaningOfLastFlash(*key) : "unknown";
-  const std::optional<Problem> problem = ProblemOf(state, key || starting);
+  const std::optional<Problem> problem = ProblemOf(state, key || starting, key && IsServiceHindered(*key));
   if (json) {
     PrintJson(problem ? AsJson(*problem, AsJson(state, flashResult)) : AsJson(state, flashResult));
   } else {
@@ -251,7 +274,7 @@ int ShowStatus(bool json) {
 }
 
 /// Two supervisors would both take the next request.
-int RunBesideNoOtherHost() {
+int RunBesideNoOtherHost(WhenStuck whenStuck) {
   ServiceState state;
   if (QueryFlashService(state).error == ERROR_SUCCESS && state.state != SERVICE_STOPPED) {
     return Refuse(std::string("The service is ") + NameOfState(state.state) +
@@ -265,12 +288,12 @@ int RunBesideNoOtherHost() {
   if (const auto why = WhyNotBeside(notice && notice->HasPredecessor() ? key : std::nullopt)) {
     return Refuse(*why);
   }
-  return RunInConsole();
+  return RunInConsole(whenStuck);
 }
 
 /// Started without a verb: by the service manager, or by somebody who needs help.
-int RunWithoutVerb(const CLI::App& program) {
-  const unsigned long error = RunAsService();
+int RunWithoutVerb(const CLI::App& program, WhenStuck whenStuck) {
+  const unsigned long error = RunAsService(whenStuck);
   if (error == ERROR_SUCCESS) return kDone;
   if (error != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) {
     std::cerr << "corvel_service: " << SystemErrorText(error) << "." << std::endl;
@@ -325,7 +348,11 @@ int Run(std::vector<std::string> words, bool json) {
   program.footer(kExitCodes);
   program.require_subcommand(0, 1);
 
-  std::function<int()> action = [&program] { return RunWithoutVerb(program); };
+  bool restartsWhenStuck = false;
+  const auto whenStuck = [&] { return restartsWhenStuck ? WhenStuck::EndProcess : WhenStuck::GoOn; };
+  std::function<int()> action = [&] { return RunWithoutVerb(program, whenStuck()); };
+  // For the service manager, which starts the program as it was installed.
+  program.add_flag(kRestartWhenStuckOption, restartsWhenStuck)->group("");
   const auto add = [&](const char* name, const char* description, std::function<int()> verbAction) {
     CLI::App* const verb = program.add_subcommand(name, description);
     verb->footer(kExitCodes);
@@ -334,10 +361,18 @@ int Run(std::vector<std::string> words, bool json) {
   };
 
   std::string start = "auto";
-  add("install", "Install the service", [&] { return Install(start == "auto"); })
-      ->add_option("--start", start, "When the service starts")
+  bool restricted = false;
+  CLI::App* const install = add("install", "Install the service", [&] {
+    return Install(
+        {.automatic = start == "auto", .restartsWhenStuck = restartsWhenStuck, .restricted = restricted});
+  });
+  install->add_option("--start", start, "When the service starts")
       ->check(CLI::IsMember({"auto", "demand"}))
       ->capture_default_str();
+  install->add_flag(kRestartWhenStuckOption, restartsWhenStuck, kRestartWhenStuckHelp);
+  install->add_flag("--restrict", restricted,
+                    "Leave the service only the privileges that it needs, and give it an "
+                    "identity of its own for permissions");
 
   Removal removal;
   CLI::App* const uninstall =
@@ -368,9 +403,10 @@ int Run(std::vector<std::string> words, bool json) {
   status->add_flag("--history", history, "Show how the last flashes ended, the command line's too");
 
   bool console = false;
-  add("run", "Run in this terminal until Ctrl+C", [] { return RunBesideNoOtherHost(); })
-      ->add_flag("--console", console, "Needed, so that nobody does it by mistake")
-      ->required();
+  CLI::App* const run =
+      add("run", "Run in this terminal until Ctrl+C", [&] { return RunBesideNoOtherHost(whenStuck()); });
+  run->add_flag("--console", console, "Needed, so that nobody does it by mistake")->required();
+  run->add_flag(kRestartWhenStuckOption, restartsWhenStuck, kRestartWhenStuckHelp);
 
   TakeHelpForAnOption(words);
   if (const auto problem = UnknownVerb(program, words)) {
@@ -392,6 +428,7 @@ int RunProgram() {
   std::vector<std::string> words = CommandLineWords();
   const bool json = std::ranges::find(words, "--json") != words.end();
   try {
+    LoadFromTrustedFoldersOnly();
     return Run(std::move(words), json);
   } catch (const std::exception& error) {
     Report(kProgram, {"internal", std::string(error.what()) + ".", "Try again."}, json);

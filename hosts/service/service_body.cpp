@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <mutex>
@@ -16,6 +18,7 @@
 #include "hosts/common/text.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
+#include "hosts/service/job_care.h"
 #include "hosts/service/service_report.h"
 #include "messages.h"
 
@@ -37,10 +40,12 @@ DWORD PeriodOf(HandshakeWatch& watch) {
 /// service's own.
 class Service {
  public:
+  explicit Service(WhenStuck whenStuck) : m_WhenStuck(whenStuck) {}
+
   void Run();
 
  private:
-  static DWORD WINAPI OnControl(DWORD control, DWORD, void*, void* service);
+  static DWORD WINAPI OnControl(DWORD control, DWORD event, void*, void* service);
 
   void Serve();
   void BeginToServe(const HandshakeKey& key);
@@ -48,6 +53,8 @@ class Service {
   bool WaitForAttemptToEnd();
 
   void LookForEndOfJob(const Handshake& values);
+  void CareForJob(const Handshake& values);
+  void TellOfResume();
 
   Handshake TellOfChange();
   void TellAnew(bool mayBeInterrupted);
@@ -57,8 +64,10 @@ class Service {
 
   OwnedHandle m_Stop;
   HandshakeKey m_Key;
-  /// For the service's own thread alone.
+  // For the service's own thread alone.
+  JobCare m_Care;
   JobWatch m_Jobs;
+  const WhenStuck m_WhenStuck;
 
   /// Guards what follows: both threads tell the manager what they know.
   std::mutex m_Mutex;
@@ -67,7 +76,7 @@ class Service {
   bool m_MayBeInterrupted = false;
 };
 
-DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
+DWORD WINAPI Service::OnControl(DWORD control, DWORD event, void*, void* context) {
   Service& service = *static_cast<Service*>(context);
   switch (control) {
     case SERVICE_CONTROL_INTERROGATE:
@@ -81,6 +90,10 @@ DWORD WINAPI Service::OnControl(DWORD control, DWORD, void*, void* context) {
       return NO_ERROR;
     case SERVICE_CONTROL_PRESHUTDOWN:
       service.BeginToStop(false);
+      return NO_ERROR;
+    case SERVICE_CONTROL_POWEREVENT:
+      // The one of its kind that comes at every resume.
+      if (event == PBT_APMRESUMEAUTOMATIC) service.TellOfResume();
       return NO_ERROR;
     default:
       return ERROR_CALL_NOT_IMPLEMENTED;
@@ -106,6 +119,15 @@ void Service::TellAnew(bool mayBeInterrupted) {
   m_Flashing = ReadHandshake(m_Key).IsJobOpen();
   m_MayBeInterrupted = m_Flashing && mayBeInterrupted;
   m_Report.Running(!m_Flashing || m_MayBeInterrupted);
+}
+
+/// The attempt's own limits decide what comes of it.
+void Service::TellOfResume() {
+  {
+    const std::lock_guard lock(m_Mutex);
+    if (!ReadHandshake(m_Key).IsJobOpen()) return;
+  }
+  WriteEvent(MSG_RESUMED_DURING_FLASH);
 }
 
 /// A stop that was asked for before the manager heard of a new flash waits for the attempt, as a shutdown
@@ -146,6 +168,22 @@ void Service::LookForEndOfJob(const Handshake& values) {
   if (const auto job = m_Jobs.Look(values)) LeaveRecord("service", *job);
 }
 
+[[noreturn]] void EndStuckProcess() {
+  // Not by leaving: that would wait for the threads that do not go on.
+  ::TerminateProcess(::GetCurrentProcess(), kStuckExitStatus);
+  std::abort();
+}
+
+void Service::CareForJob(const Handshake& values) {
+  if (!m_Care.Look(m_Key, values).standsStill || m_WhenStuck == WhenStuck::GoOn) return;
+  WriteEvent(MSG_ENDED_BECAUSE_STUCK);
+  {
+    const std::lock_guard lock(m_Mutex);
+    m_Report.Failed(kEndedBecauseStuck);
+  }
+  EndStuckProcess();
+}
+
 void Service::WaitForStop() {
   HandshakeWatch watch(m_Key);
   const HANDLE signals[] = {m_Stop.get(), watch.Event()};
@@ -153,8 +191,10 @@ void Service::WaitForStop() {
   while (ended != WAIT_OBJECT_0) {
     // Armed before the look, so that no change falls between the look and the wait.
     const DWORD period = PeriodOf(watch);
-    LookForEndOfJob(TellOfChange());
-    ended = ::WaitForMultipleObjects(2, signals, FALSE, period);
+    const Handshake values = TellOfChange();
+    LookForEndOfJob(values);
+    CareForJob(values);
+    ended = ::WaitForMultipleObjects(2, signals, FALSE, std::min(period, m_Care.PeriodMs()));
     if (ended == WAIT_FAILED) ThrowLastError("The wait for a stop failed");
   }
 }
@@ -199,10 +239,13 @@ void Service::Run() try {
   Fail({kFailedNoResources, ToWide(error.what())});
 }
 
+/// For the service's main function, which the manager calls.
+WhenStuck g_whenStuck = WhenStuck::GoOn;
+
 void WINAPI ServiceMain(DWORD, wchar_t**) {
   // Never destroyed: controls may come until the process ends, and once the manager has heard that the
   // service has stopped, the process may end before this thread does.
-  Service& service = *new Service;
+  Service& service = *new Service(g_whenStuck);
   service.Run();
 }
 
@@ -217,7 +260,8 @@ void Print(const Handshake& values) {
 }
 
 /// Shows every change until it is interrupted, while a flash is running twice.
-void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interruption) {
+void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interruption, JobCare& care,
+                          WhenStuck whenStuck) {
   HandshakeWatch watch(key);
   const HANDLE signals[] = {interruption.Event(), watch.Event()};
   JobWatch jobs;
@@ -225,8 +269,12 @@ void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interrupt
     const DWORD period = PeriodOf(watch);
     const Handshake values = ReadHandshake(key);
     Print(values);
+    const JobCare::News news = care.Look(key, values);
+    for (const std::string& text : news.texts) Warn(text);
+    if (news.standsStill && whenStuck == WhenStuck::EndProcess) EndStuckProcess();
     if (const auto job = jobs.Look(values)) Warn(LeaveRecord("console", *job));
-    if (::WaitForMultipleObjects(2, signals, FALSE, period) != WAIT_OBJECT_0) continue;
+    const DWORD limit = std::min(period, care.PeriodMs());
+    if (::WaitForMultipleObjects(2, signals, FALSE, limit) != WAIT_OBJECT_0) continue;
     if (warned || interruption.IsFinal() || !ReadHandshake(key).IsJobRunning()) return;
     std::cerr << "corvel_service: A flash is running. Stopping now may leave the modem in flash\n"
                  "mode; the next flash recovers it. Press Ctrl+C once more to stop all the same."
@@ -238,14 +286,17 @@ void ShowUntilInterrupted(const HandshakeKey& key, const Interruption& interrupt
 
 }  // namespace
 
-unsigned long RunAsService() {
+unsigned long RunAsService(WhenStuck whenStuck) {
+  g_whenStuck = whenStuck;
   std::wstring name = kServiceName;
   const SERVICE_TABLE_ENTRYW table[] = {{name.data(), ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? ERROR_SUCCESS : ::GetLastError();
 }
 
-int RunInConsole() {
+int RunInConsole(WhenStuck whenStuck) {
   const Interruption interruption;
+  // Before the library, which makes the event at once.
+  JobCare care;
   const LoadedLibrary library = LoadFlashLibrary();
   Warn(library.warning);
   if (library.failure) {
@@ -256,7 +307,7 @@ int RunInConsole() {
   const ServingNotice notice(Server::Service, library.key);
   std::cout << "Waiting for " << ToUtf8(kReadyValue) << " under " << library.key.Text() << "; Ctrl+C ends."
             << std::endl;
-  ShowUntilInterrupted(library.key, interruption);
+  ShowUntilInterrupted(library.key, interruption, care, whenStuck);
   return 0;
 }
 

@@ -97,8 +97,28 @@ ControlResult WhyItDoesNotRun(SC_HANDLE service) {
 
 /// The program and its arguments as the manager starts them. Quoted: a blank in an unquoted path lets another
 /// program be started in its place.
-std::wstring ServiceCommand() {
-  return L"\"" + ProgramPath() + L"\"";
+std::wstring ServiceCommand(const InstallOptions& options) {
+  return L"\"" + ProgramPath() + L"\"" +
+         (options.restartsWhenStuck ? L" " + ToWide(kRestartWhenStuckOption) : std::wstring());
+}
+
+/// What the library does as the service: it looks through folders that it may not list, has the device tree
+/// searched anew, and speaks to other services of the system.
+constexpr const wchar_t* kNeededPrivileges[] = {L"SeChangeNotifyPrivilege", L"SeLoadDriverPrivilege",
+                                                L"SeImpersonatePrivilege", L"SeCreateGlobalPrivilege"};
+
+ControlResult Restrict(SC_HANDLE service) {
+  std::wstring list;
+  for (const wchar_t* const privilege : kNeededPrivileges) list.append(privilege).push_back(L'\0');
+  SERVICE_REQUIRED_PRIVILEGES_INFOW privileges{list.data()};
+  if (!::ChangeServiceConfig2W(service, SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, &privileges)) {
+    return Failed("limit the privileges of the service");
+  }
+  SERVICE_SID_INFO identity{SERVICE_SID_TYPE_UNRESTRICTED};
+  if (!::ChangeServiceConfig2W(service, SERVICE_CONFIG_SERVICE_SID_INFO, &identity)) {
+    return Failed("give the service an identity of its own");
+  }
+  return {};
 }
 
 DWORD StartType(bool automatic) {
@@ -106,9 +126,11 @@ DWORD StartType(bool automatic) {
 }
 
 /// Gives a new service all that it needs beyond its entry in the manager's list.
-ControlResult Furnish(SC_HANDLE service) {
+ControlResult Furnish(SC_HANDLE service, const InstallOptions& options) {
   if (!SetDescription(service)) return Failed("describe the service");
   if (!SetPreShutdownLimit(service)) return Failed("set the time limit of a shutdown");
+  const ControlResult restriction = options.restricted ? Restrict(service) : ControlResult{};
+  if (restriction.error != ERROR_SUCCESS) return restriction;
   const bool restarts = SetFailureActions(service);
   // A manager that does not know such a setting runs the service all the same.
   if (!restarts && ::GetLastError() != ERROR_INVALID_LEVEL) return Failed("set the failure actions");
@@ -124,20 +146,20 @@ ControlResult Remove(SC_HANDLE service) {
 
 }  // namespace
 
-ControlResult InstallService(bool automatic) {
+ControlResult InstallService(const InstallOptions& options) {
   const OwnedService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
   if (manager == nullptr) return Failed("open the service manager");
   const OwnedService service(::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
-                                              SERVICE_WIN32_OWN_PROCESS, StartType(automatic),
-                                              SERVICE_ERROR_NORMAL, ServiceCommand().c_str(), nullptr,
+                                              SERVICE_WIN32_OWN_PROCESS, StartType(options.automatic),
+                                              SERVICE_ERROR_NORMAL, ServiceCommand(options).c_str(), nullptr,
                                               nullptr, nullptr, nullptr, nullptr));
   if (service == nullptr) return Failed("create the service");
-  const ControlResult furnished = Furnish(service.get());
+  const ControlResult furnished = Furnish(service.get(), options);
   if (furnished.error != ERROR_SUCCESS) Remove(service.get());
   return furnished;
 }
 
-bool IsInstalledLikeThis(bool automatic) {
+bool IsInstalledLikeThis(const InstallOptions& options) {
   const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
   const OwnedService service = OpenFlashService(manager.get(), SERVICE_QUERY_CONFIG);
   // The largest that the system gives.
@@ -146,9 +168,17 @@ bool IsInstalledLikeThis(bool automatic) {
   DWORD needed = 0;
   return service != nullptr &&
          ::QueryServiceConfigW(service.get(), configuration, static_cast<DWORD>(memory.size()), &needed) &&
-         configuration->dwStartType == StartType(automatic) &&
-         ::CompareStringOrdinal(configuration->lpBinaryPathName, -1, ServiceCommand().c_str(), -1, TRUE) ==
-             CSTR_EQUAL;
+         configuration->dwStartType == StartType(options.automatic) &&
+         ::CompareStringOrdinal(configuration->lpBinaryPathName, -1, ServiceCommand(options).c_str(), -1,
+                                TRUE) == CSTR_EQUAL;
+}
+
+ControlResult RestrictInstalledService() {
+  const OwnedService manager = OpenManager(SC_MANAGER_CONNECT);
+  if (manager == nullptr) return Failed("open the service manager");
+  const OwnedService service = OpenFlashService(manager.get(), SERVICE_CHANGE_CONFIG);
+  if (service == nullptr) return Failed("open the service");
+  return Restrict(service.get());
 }
 
 ControlResult UninstallService() {
@@ -248,6 +278,8 @@ std::string MeaningOfServiceCode(DWORD code) {
       return "the configuration cannot be loaded";
     case kFailedNoResources:
       return "the system refused a resource";
+    case kEndedBecauseStuck:
+      return "a flash stood still";
     default:
       return "for a reason of its own";
   }

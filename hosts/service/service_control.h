@@ -31,9 +31,19 @@ struct ServiceState {
   }
 };
 
-ControlResult InstallService(bool automatic);
-/// Whether the service is installed already as InstallService would do it.
-bool IsInstalledLikeThis(bool automatic);
+/// How the service is to be.
+struct InstallOptions {
+  bool automatic = false;
+  bool restartsWhenStuck = false;
+  /// Only the privileges that it needs, and an identity of its own that permissions can be given to.
+  bool restricted = false;
+};
+
+ControlResult InstallService(const InstallOptions& options);
+/// Whether the service is installed already with the same program, options for it, and start.
+bool IsInstalledLikeThis(const InstallOptions& options);
+/// Takes from the installed service what InstallOptions::restricted says.
+ControlResult RestrictInstalledService();
 /// Stops the service if necessary and removes all that installing made.
 ControlResult UninstallService();
 /// Starts the service and waits until it runs; ERROR_SERVICE_ALREADY_RUNNING when it did before.

@@ -9,7 +9,8 @@ void ServiceReport::Begin(SERVICE_STATUS_HANDLE manager, DWORD hintMs) {
 
 void ServiceReport::Running(bool acceptsStop) {
   if (m_Status.dwCurrentState != SERVICE_START_PENDING && !IsRunning()) return;
-  Settled(SERVICE_RUNNING, SERVICE_ACCEPT_PRESHUTDOWN | (acceptsStop ? SERVICE_ACCEPT_STOP : 0u));
+  Settled(SERVICE_RUNNING,
+          SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT | (acceptsStop ? SERVICE_ACCEPT_STOP : 0u));
 }
 
 void ServiceReport::Stopping(DWORD hintMs) {

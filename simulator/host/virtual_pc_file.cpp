@@ -1,6 +1,8 @@
 #include "simulator/host/virtual_pc_file.h"
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -40,6 +42,11 @@ const NamedFault kFaults[] = {
 
 constexpr char kServiceStarts[] = "service-starts";
 constexpr char kWatchFails[] = "watch-fails";
+constexpr char kNameTaken[] = "name-taken";
+constexpr char kBattery[] = "battery";
+constexpr char kPowerRefused[] = "power-refused";
+/// What the host itself meets.
+constexpr const char* kHostFaults[] = {kServiceStarts, kWatchFails, kNameTaken, kBattery, kPowerRefused};
 
 constexpr ModemState kStates[] = {ModemState::Normal,      ModemState::Leaving, ModemState::Restarting,
                                   ModemState::FlashPort,   ModemState::Booted,  ModemState::Writing,
@@ -84,6 +91,9 @@ HostFaults ReadHostFaults(const std::filesystem::path& folder) {
   for (const auto& [key, value] : ReadLines(folder / kVirtualPcFile)) {
     if (key == kServiceStarts) faults.serviceStartsAt = std::stoi(value);
     if (key == kWatchFails) faults.watchFails = true;
+    if (key == kNameTaken) faults.nameTaken.assign(value.begin(), value.end());
+    if (key == kBattery) faults.battery = value;
+    if (key == kPowerRefused) faults.powerRefused = true;
   }
   return faults;
 }
@@ -102,7 +112,7 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
       state = StateOf(value);
     } else if (key == "fault") {
       faults.push_back(FaultOf(value));
-    } else if (key == kServiceStarts || key == kWatchFails) {
+    } else if (std::ranges::find(kHostFaults, key) != std::end(kHostFaults)) {
       // ReadHostFaults takes these.
     } else {
       throw std::runtime_error("no such key: " + key);
@@ -117,8 +127,9 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
 void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end) {
   std::ofstream(folder / kVirtualPcEndFile)
       << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbimReboots
-      << "\nat_commands=" << end.atCommands << "\nitems_written=" << end.itemsWritten
-      << "\nbytes_written=" << end.bytesWritten << "\nelapsed_ms=" << end.elapsed.count() << "\n";
+      << "\nat_commands=" << end.atCommands << "\npower_requests=" << end.powerRequests
+      << "\nitems_written=" << end.itemsWritten << "\nbytes_written=" << end.bytesWritten
+      << "\nelapsed_ms=" << end.elapsed.count() << "\n";
 }
 
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder) {
@@ -130,6 +141,7 @@ std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder
       .resets = std::stoi(values["resets"]),
       .mbimReboots = std::stoi(values["mbim_reboots"]),
       .atCommands = std::stoi(values["at_commands"]),
+      .powerRequests = std::stoi(values["power_requests"]),
       .itemsWritten = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
       .bytesWritten = std::stoull(values["bytes_written"]),
       .elapsed = std::chrono::milliseconds(std::stoll(values["elapsed_ms"])),

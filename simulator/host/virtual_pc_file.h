@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
 
 #include "simulator/virtual_pc.h"
 
@@ -13,13 +14,18 @@ namespace simulator {
 /// line: "scenario" (a name of the scenario table), "speed", "state" (a modem state by its name), and any
 /// number of "fault" lines for what only a host's own tests need. "service-starts" says from which look on,
 /// counted from 1, the host finds a flash service that starts; "watch-fails" that the host itself gets no
-/// more events once it flashes.
+/// more events once it flashes; "name-taken" which of the library's names the host finds with an object of
+/// another kind; "battery" that the PC runs on one, charged to so many percent or "unknown"; "power-refused"
+/// that no request to keep the PC awake is granted.
 inline constexpr wchar_t kVirtualPcFile[] = L"VirtualPc.ini";
 
 /// What is wrong in front of the host, beside the virtual PC.
 struct HostFaults {
   int serviceStartsAt = 0;  ///< 0: never
   bool watchFails = false;
+  std::wstring nameTaken;  ///< empty: none
+  std::string battery;     ///< empty: the PC is on the mains
+  bool powerRefused = false;
 };
 HostFaults ReadHostFaults(const std::filesystem::path& folder);
 
@@ -33,6 +39,7 @@ struct VirtualPcEnd {
   int resets = 0;
   int mbimReboots = 0;
   int atCommands = 0;
+  int powerRequests = 0;  ///< that the host has made
   std::uint32_t itemsWritten = 0;
   std::uint64_t bytesWritten = 0;
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the host began

@@ -39,6 +39,7 @@ struct Simulation {
   ImportPatch host{::GetModuleHandleW(nullptr)};
 };
 Simulation* g_simulation = nullptr;
+HostFaults g_faults;
 
 std::filesystem::path HostFolder() {
   std::wstring path(kLongestPath, L'\0');
@@ -123,13 +124,57 @@ void PlayStartingService(int lookThatFindsIt) {
 int g_eventsLeft = 2;
 
 HANDLE WINAPI CreateEventForHost(LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL state, LPCWSTR name) {
-  if (g_eventsLeft-- > 0) return ::CreateEventW(security, manual, state, name);
+  if (name != nullptr || g_eventsLeft-- > 0) return ::CreateEventW(security, manual, state, name);
   ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return nullptr;
 }
 
+// --- A name of the library's that another program has ------------------------------------------------------
+
+/// The library waits for requests by an event; the other name is a semaphore's, which an event has here.
+HANDLE WINAPI OpenEventForHost(DWORD access, BOOL inherit, LPCWSTR name) {
+  if (name == nullptr || name != g_faults.nameTaken) return ::OpenEventW(access, inherit, name);
+  if (g_faults.nameTaken != L"RegistryNotify") return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  ::SetLastError(ERROR_INVALID_HANDLE);
+  return nullptr;
+}
+
+// --- The power of the PC
+// --------------------------------------------------------------------------------------
+
+int g_powerRequests = 0;
+
+HANDLE WINAPI MakePowerRequest(REASON_CONTEXT*) {
+  return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+}
+
+BOOL WINAPI AnswerPowerRequest(HANDLE, POWER_REQUEST_TYPE) {
+  ++g_powerRequests;
+  ::SetLastError(ERROR_NOT_SUPPORTED);
+  return !g_faults.powerRefused;
+}
+
+BOOL WINAPI TellPowerStatus(SYSTEM_POWER_STATUS* status) {
+  constexpr BYTE kUnknown = 255;
+  const bool mains = g_faults.battery.empty();
+  const bool known = !mains && g_faults.battery != "unknown";
+  *status = {};
+  status->ACLineStatus = mains ? 1 : 0;
+  status->BatteryLifePercent = known ? static_cast<BYTE>(std::stoi(g_faults.battery)) : kUnknown;
+  return TRUE;
+}
+
+void PlayPower() {
+  ImportPatch& host = g_simulation->host;
+  host.Replace("PowerCreateRequest", &MakePowerRequest);
+  host.Replace("PowerSetRequest", &AnswerPowerRequest);
+  // The service does not ask.
+  host.ReplaceIfImported("GetSystemPowerStatus", &TellPowerStatus);
+}
+
 void InstallHostFaults(const HostFaults& faults) {
   if (faults.serviceStartsAt > 0) PlayStartingService(faults.serviceStartsAt);
+  if (!faults.nameTaken.empty()) g_simulation->host.Replace("OpenEventW", &OpenEventForHost);
   if (faults.watchFails) g_simulation->host.Replace("CreateEventW", &CreateEventForHost);
 }
 
@@ -137,7 +182,9 @@ void InstallHostFaults(const HostFaults& faults) {
 
 extern "C" __declspec(dllexport) void InstallVirtualPc() try {
   g_simulation = new Simulation(ReadVirtualPcFile(HostFolder()));
-  InstallHostFaults(ReadHostFaults(HostFolder()));
+  g_faults = ReadHostFaults(HostFolder());
+  InstallHostFaults(g_faults);
+  PlayPower();
   PatchDeviceTree(g_simulation->host);
   g_simulation->host.Replace("LoadLibraryW", &LoadForHost);
   if (const HMODULE product = ::GetModuleHandleW(kProduct)) {
@@ -157,6 +204,7 @@ extern "C" __declspec(dllexport) void ReportVirtualPc() try {
                                    .resets = pc.BasebandResets(),
                                    .mbimReboots = pc.MbimReboots(),
                                    .atCommands = static_cast<int>(pc.AtCommands().size()),
+                                   .powerRequests = g_powerRequests,
                                    .itemsWritten = pc.Modem().ItemsWritten(),
                                    .bytesWritten = pc.Modem().BytesWritten(),
                                    .elapsed = elapsed});

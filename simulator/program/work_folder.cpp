@@ -68,7 +68,7 @@ hosts::OwnedHandle Start(const std::filesystem::path& program, const std::vector
     startup.hStdError = file.get();
   }
   PROCESS_INFORMATION child{};
-  if (!StartProcess(program, CommandLine(program, arguments), startup, child)) {
+  if (!StartProcess(program, CommandLine(program, arguments), program.parent_path(), startup, child)) {
     Fail("the program cannot be started in its work folder");
   }
   ::CloseHandle(child.hThread);

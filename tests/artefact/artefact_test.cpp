@@ -34,8 +34,8 @@ constexpr char kFlashlogName[] = "corvel_flashlog.exe";
 // Parts of every Windows 10, the system's own C runtime among them; and the library itself, which the command
 // line is linked to.
 constexpr std::array kKnownLibraries = {
-    "advapi32.dll", "cfgmgr32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll",
-    "oleaut32.dll", "shell32.dll",  "shlwapi.dll",  "user32.dll", "corveltoolkit.dll",
+    "advapi32.dll", "bcrypt.dll",  "cfgmgr32.dll", "kernel32.dll", "msvcrt.dll",        "ole32.dll",
+    "oleaut32.dll", "shell32.dll", "shlwapi.dll",  "user32.dll",   "corveltoolkit.dll",
 };
 
 std::filesystem::path FolderOfThisProgram() {

@@ -55,14 +55,16 @@ std::string ChildProcess::Collector::Text() {
   return m_Text;
 }
 
-ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
+ChildProcess::ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                           const std::filesystem::path& folder) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdOutput = m_Output.WriteEnd();
   startup.hStdError = m_Errors.WriteEnd();
+  const std::filesystem::path startFolder = folder.empty() ? program.parent_path() : folder;
   PROCESS_INFORMATION child{};
-  if (!simulator::StartProcess(program, CommandLine(program, arguments), startup, child)) {
+  if (!simulator::StartProcess(program, CommandLine(program, arguments), startFolder, startup, child)) {
     ThrowLastError("a host cannot be started");
   }
   ::CloseHandle(child.hThread);
@@ -110,8 +112,9 @@ bool ChildProcess::Interrupt() const {
   return thread != nullptr;
 }
 
-RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments) {
-  ChildProcess child(program, arguments);
+RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                   const std::filesystem::path& folder) {
+  ChildProcess child(program, arguments, folder);
   RunResult result;
   result.exitCode = child.WaitForEnd();
   result.output = child.Output();

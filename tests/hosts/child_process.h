@@ -17,7 +17,9 @@ namespace hosts {
 /// A host that runs as a child, with pipes for its output. Ended by force when the test is over.
 class ChildProcess {
  public:
-  ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments);
+  /// @param folder that it is started in; by default its own.
+  ChildProcess(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+               const std::filesystem::path& folder = {});
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -65,6 +67,7 @@ struct RunResult {
   std::string output;
   std::string errors;
 };
-RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments);
+RunResult RunToEnd(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
+                   const std::filesystem::path& folder = {});
 
 }  // namespace hosts

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "hosts/common/file_digest.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
 #include "tests/hosts/cmdline_test.h"
@@ -134,6 +135,7 @@ TEST_F(CheckTest, FindsASoundInstallationWithItsModemReady) {
       {"NVM image", SizeOf(workspace.NvmImage())},
       {"flashing library", PathOf(L"Firmwareflashdownload.dll")},
       {"registry", "HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService"},
+      {"shared names", "at the library's disposal"},
       {"reset driver", "its flash interface is present"},
       {"modem", "MBIM (normal)"}};
   EXPECT_EQ(findings.Count(), all.size());
@@ -353,6 +355,72 @@ TEST_F(CheckTest, SmallImagesAndNoModemImageIsNotSeveralOfThat) {
   EXPECT_EQ(findings.Field("code", "several_images", "subject"), "NVM image");
 }
 
+/// A list of digests beside the programs.
+class CheckOfExpectedImagesTest : public CheckTest {
+ protected:
+  void Expect(const std::string& lines) const { std::ofstream(File(), std::ios::binary) << lines; }
+  std::string LineOf(const std::filesystem::path& image) const {
+    return DigestOf(image.wstring()).sha256 + "  " + ToUtf8(image.filename().wstring()) + "\n";
+  }
+  std::filesystem::path File() const { return workspace.File(L"SHA256SUMS"); }
+  Findings Check() const { return Findings(RunHost({L"check", L"--json", L"--expect", File().wstring()})); }
+};
+
+TEST_F(CheckOfExpectedImagesTest, FindsThemAsExpected) {
+  Expect(LineOf(workspace.ModemImage()) + LineOf(workspace.NvmImage()));
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 0);
+  EXPECT_EQ(findings.Message("modem image"), SizeOf(workspace.ModemImage()) + ", SHA-256 as expected");
+  EXPECT_EQ(findings.Message("NVM image"), SizeOf(workspace.NvmImage()) + ", SHA-256 as expected");
+}
+
+TEST_F(CheckOfExpectedImagesTest, FindsOneThatDiffers) {
+  const std::string other(64, 'a');
+  Expect(LineOf(workspace.NvmImage()) + other + "  modem.fls\n");
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_EQ(findings.Code("modem image"), "image_differs");
+  EXPECT_EQ(findings.Message("modem image"), ToUtf8(workspace.ModemImage().wstring()) + " has the SHA-256 " +
+                                                 DigestOf(workspace.ModemImage().wstring()).sha256 +
+                                                 ", not " + other + " as " + ToUtf8(File().wstring()) +
+                                                 " says");
+  EXPECT_EQ(findings.Verdict("NVM image"), "ok");
+}
+
+TEST_F(CheckOfExpectedImagesTest, FindsOneThatIsNotInTheList) {
+  Expect(LineOf(workspace.ModemImage()));
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_EQ(findings.Code("NVM image"), "image_not_expected");
+}
+
+TEST_F(CheckOfExpectedImagesTest, FindsAListThatIsNone) {
+  EXPECT_EQ(Check().Code("digests"), "no_digests");
+  Expect("modem.fls");
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 4);
+  EXPECT_EQ(findings.Message("digests"),
+            ToUtf8(File().wstring()) + ", line 1: no line as sha256sum writes it");
+}
+
+/// Whoever flashes opens the images with nobody else beside it.
+TEST_F(CheckOfExpectedImagesTest, ComparesNothingWhileSomebodyFlashes) {
+  Expect(std::string(64, 'a') + "  modem.fls\n");
+  const CommandLineClaim flash;
+  const Findings findings = Check();
+  EXPECT_EQ(findings.Error("code"), "already_running");
+  EXPECT_EQ(findings.Message("modem image"), SizeOf(workspace.ModemImage()));
+}
+
+TEST_F(CheckTest, PcOnItsBatteryIsAWarning) {
+  const std::string whatToDo =
+      "Connect the PC to the mains: one that goes off during a flash leaves the modem in flash mode.";
+  workspace.MakeVirtualPc({"battery=40"});
+  ExpectWarning("power", "on_battery", "the PC runs on its battery, 40 % charged", whatToDo);
+  workspace.MakeVirtualPc({"battery=unknown"});
+  ExpectWarning("power", "on_battery", "the PC runs on its battery, whose charge is unknown", whatToDo);
+}
+
 TEST_F(CheckTest, MissingFlashingLibrary) {
   workspace.Remove(L"Firmwareflashdownload.dll");
   ExpectError("flashing library", "no_flashing_library", 4,
@@ -373,6 +441,30 @@ TEST_F(CheckTest, FlashingLibraryThatNeedsAnotherThatIsMissing) {
   ExpectError("flashing library", "no_flashing_library", 4,
               PathOf(L"Firmwareflashdownload.dll") + ": " + SystemErrorText(ERROR_MOD_NOT_FOUND),
               "The library is there, but another one that it needs is not: install that beside it.");
+}
+
+/// In the place of the flashing library lies one that needs another; it has none of the exports, when it can
+/// be loaded.
+class CheckOfANeedyLibraryTest : public CheckTest {
+ protected:
+  void SetUp() override { workspace.PutProduct(L"needy_library.dll", L"Firmwareflashdownload.dll"); }
+  std::string CodeInCurrentFolder() const {
+    return Findings(RunToEnd(workspace.CommandLineHost(), {L"check", L"--json"}, current.Path()))
+        .Code("flashing library");
+  }
+
+  TemporaryFolder current;
+};
+
+TEST_F(CheckOfANeedyLibraryTest, IsNotServedFromTheCurrentFolder) {
+  std::filesystem::copy_file(ProgramFolder() + L"planted_library.dll",
+                             current.Path() / L"planted_library.dll");
+  EXPECT_EQ(CodeInCurrentFolder(), "no_flashing_library");
+}
+
+TEST_F(CheckOfANeedyLibraryTest, IsServedFromTheFolderOfTheProgram) {
+  workspace.PutProduct(L"planted_library.dll", L"planted_library.dll");
+  EXPECT_EQ(CodeInCurrentFolder(), "flashing_library_incomplete");
 }
 
 TEST_F(CheckTest, FlashingLibraryWithoutItsExports) {
@@ -414,6 +506,21 @@ TEST_F(CheckTest, RegistryKeyThatCannotBeMade) {
   ExpectError("registry", "no_registry_access", 4,
               "HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService: " + SystemErrorText(ERROR_ACCESS_DENIED),
               "Run this program as an administrator.");
+}
+
+TEST_F(CheckTest, NamesOfTheLibraryThatAnotherProgramHas) {
+  const std::string whatToDo =
+      "End that program; a tool that searches handles by name tells which one it is. Or start the PC anew.";
+  workspace.MakeVirtualPc({"name-taken=RegistryNotify"});
+  ExpectError("shared names", "name_taken", 4,
+              "another program has the name \"RegistryNotify\" for an object of another kind, so the library "
+              "cannot hear of a request",
+              whatToDo);
+  workspace.MakeVirtualPc({"name-taken=CFirmwareDownloader"});
+  ExpectError("shared names", "name_taken", 4,
+              "another program has the name \"CFirmwareDownloader\" for an object of another kind, so the "
+              "library cannot hear of the modem's flash port",
+              whatToDo);
 }
 
 TEST_F(CheckTest, ModemInFlashModeIsReady) {

@@ -1,7 +1,10 @@
+#include <fstream>
 #include <sstream>
 #include <vector>
 
+#include "hosts/common/file_digest.h"
 #include "hosts/common/text.h"
+#include "simulator/host/virtual_pc_file.h"
 #include "simulator/program/debug_log.h"
 #include "tests/hosts/cmdline_test.h"
 
@@ -147,6 +150,87 @@ TEST_F(FlashTest, SpeaksOfNoRemovalAfterAFailureThatLeftTheImages) {
   EXPECT_EQ(Document(all.output)["images_deleted"], false);
   EXPECT_THAT(all.output, HasSubstr("The image files are still there: run the flash again."));
   ::SetFileAttributesW(workspace.ModemImage().c_str(), FILE_ATTRIBUTE_NORMAL);
+}
+
+// --- Images that were meant
+// ---------------------------------------------------------------------------------
+
+TEST_F(FlashTest, RefusesAnImageThatIsNotTheOneThatWasMeantBeforeItAsksForAnything) {
+  workspace.MakeVirtualPc({kFast});
+  const std::filesystem::path list = workspace.File(L"SHA256SUMS");
+  std::ofstream(list) << std::string(64, 'a') << "  modem.fls\n"
+                      << DigestOf(workspace.NvmImage().wstring()).sha256 << "  nvm.fls\n";
+  const RunResult result = Flash({L"--json", L"--expect", list.wstring()});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "image_differs");
+  EXPECT_FALSE(key.Exists());
+  EXPECT_TRUE(ImagesAreThere());
+  EXPECT_FALSE(workspace.Holds(L"FlashCommandLineLogger_DLL.log"));
+}
+
+TEST_F(FlashTest, TakesImagesThatWereMeant) {
+  workspace.MakeVirtualPc({kFast});
+  const std::filesystem::path list = workspace.File(L"SHA256SUMS");
+  std::ofstream(list) << DigestOf(workspace.ModemImage().wstring()).sha256 << " *modem.fls\n"
+                      << DigestOf(workspace.NvmImage().wstring()).sha256 << " *nvm.fls\n";
+  EXPECT_EQ(Flash({L"--expect", list.wstring()}).exitCode, 0);
+  EXPECT_TRUE(workspace.CompareModemMemory().equal);
+}
+
+/// It could not look at what the other program brings.
+TEST_F(FlashTest, ExpectsNothingOfImagesThatAControllingProgramBrings) {
+  EXPECT_EQ(Flash({L"--wait-for-controller", L"--expect", L"SHA256SUMS"}).exitCode, 2);
+}
+
+// --- Power
+// ----------------------------------------------------------------------------------------------------
+
+TEST_F(FlashTest, AsksThatThePcStaysAwake) {
+  workspace.MakeVirtualPc({kFast});
+  ASSERT_EQ(Flash().exitCode, 0);
+  EXPECT_EQ(simulator::ReadVirtualPcEnd(workspace.File(L""))->powerRequests, 2);
+}
+
+TEST_F(FlashTest, GoesOnWithOneWarningWhereThePcMayFallAsleep) {
+  workspace.MakeVirtualPc({kFast, "power-refused=1"});
+  const RunResult result = Flash();
+  EXPECT_EQ(result.exitCode, 0);
+  const std::string warning = "corvel_cmdline: Windows does not promise to keep the PC awake: ";
+  const std::size_t place = result.errors.find(warning);
+  ASSERT_NE(place, std::string::npos);
+  EXPECT_EQ(result.errors.find(warning, place + 1), std::string::npos);
+}
+
+TEST_F(FlashTest, WarnsOnBattery) {
+  workspace.MakeVirtualPc({kFast, "battery=40"});
+  const RunResult result = Flash({L"--min-battery", L"40"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.errors,
+              HasSubstr("corvel_cmdline: Warning, the PC runs on its battery, 40 % charged. Connect "
+                        "the PC to the mains"));
+}
+
+TEST_F(FlashTest, RefusesABatteryBelowWhatIsAskedFor) {
+  workspace.MakeVirtualPc({kFast, "battery=39"});
+  const RunResult result = Flash({L"--json", L"--min-battery", L"40"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "battery_low");
+  EXPECT_EQ(Document(result.output)["error"]["message"],
+            "Not ready, power: the PC runs on its battery, 39 % charged; --min-battery asks for 40 %.");
+  EXPECT_FALSE(key.Exists());
+  workspace.MakeVirtualPc({kFast, "battery=unknown"});
+  EXPECT_EQ(ErrorCode(Flash({L"--json", L"--min-battery", L"1"}).output), "battery_low");
+}
+
+TEST_F(FlashTest, AsksNothingOfTheBatteryOnTheMains) {
+  workspace.MakeVirtualPc({kFast});
+  EXPECT_EQ(Flash({L"--min-battery", L"100"}).exitCode, 0);
+}
+
+TEST_F(FlashTest, RefusesAChargeThatIsNoPercentage) {
+  EXPECT_EQ(Flash({L"--min-battery", L"0"}).exitCode, 2);
+  EXPECT_EQ(Flash({L"--min-battery", L"101"}).exitCode, 2);
+  EXPECT_EQ(Flash({L"--min-battery", L"half"}).exitCode, 2);
 }
 
 // --- The bus ---------------------------------------------------------------------------------------------
@@ -464,7 +548,8 @@ TEST_F(FlashTest, EndsAsAnInterruptedOneAfterAnErrorOfItsOwnBehindTheRequest) {
   EXPECT_EQ(key.Read().ready, 0u);
 }
 
-// --- Flashes that are over while the library is still at work ---------------------------------------------
+// --- Flashes that are over while the library is still at work
+// ---------------------------------------------
 
 TEST_F(FlashTest, WaitsForTheEndOfAFlashThatIsOverWhenItIsInterrupted) {
   workspace.MakeVirtualPc({kFast});

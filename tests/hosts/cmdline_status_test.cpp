@@ -60,6 +60,18 @@ TEST_F(StatusTest, TakesNothingThatADeadHostLeftForAFlash) {
   EXPECT_EQ(Status()["values"]["Flash_Result"]["meaning"], "cut short while retrying: no host runs");
 }
 
+TEST_F(StatusTest, TellsWhoHasANameOfTheLibrarys) {
+  workspace.MakeVirtualPc();
+  EXPECT_TRUE(Status()["hindrances"].empty());
+  workspace.MakeVirtualPc({"name-taken=RegistryNotify"});
+  ASSERT_EQ(Status()["hindrances"].size(), 1u);
+  EXPECT_THAT(
+      RunHost({L"status"}).output,
+      HasSubstr("Hindered:    another program has the name \"RegistryNotify\" for an object of another "
+                "kind, so the library cannot hear of a request.\r\n"
+                "             End that program; "));
+}
+
 TEST_F(StatusTest, SpeaksOfNoFlashCutShortWhenTheLastOneEnded) {
   key.Write(L"Flash_OnGoing", 1);
   key.Write(L"Flash_Result", 3);

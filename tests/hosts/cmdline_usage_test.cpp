@@ -37,9 +37,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(HelpCase{"Program", {L"--help"}, {"flash", "status", "check", "--version"}},
                     HelpCase{"Flash",
                              {L"flash", L"--help"},
-                             {"--ipc", "--trace", "--wait-for-controller", "--timeout", "--json", "--quiet"}},
+                             {"--ipc", "--trace", "--wait-for-controller", "--timeout", "--expect",
+                              "--min-battery", "--json", "--quiet"}},
                     HelpCase{"Status", {L"status", L"--help"}, {"--watch", "--json"}},
-                    HelpCase{"Check", {L"check", L"--help"}, {"--json", "--strict"}},
+                    HelpCase{"Check", {L"check", L"--help"}, {"--json", "--strict", "--expect"}},
                     HelpCase{"HelpAsAVerb", {L"help"}, {"help VERB", "--version"}}),
     NameOf<HelpCase>);
 

@@ -19,7 +19,9 @@
 
 #include "hosts/common/event_log.h"
 #include "hosts/common/job_record.h"
+#include "hosts/common/power_calls.h"
 #include "hosts/common/serving_notice.h"
+#include "hosts/common/text.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
 #include "messages.h"
@@ -32,8 +34,8 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr DWORD kStoppable = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN;
-constexpr DWORD kNotStoppable = SERVICE_ACCEPT_PRESHUTDOWN;
+constexpr DWORD kNotStoppable = SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT;
+constexpr DWORD kStoppable = SERVICE_ACCEPT_STOP | kNotStoppable;
 constexpr std::chrono::seconds kLongestWait{30};
 
 /// The service manager's side: keeps what it is told and passes controls on.
@@ -49,7 +51,7 @@ class Manager {
     m_Context = context;
   }
 
-  DWORD Send(DWORD control) const { return m_Handler(control, 0, nullptr, m_Context); }
+  DWORD Send(DWORD control, DWORD event = 0) const { return m_Handler(control, event, nullptr, m_Context); }
 
   /// Waits until it was told something that `fits`. @return false when that does not come.
   template <typename Predicate>
@@ -87,8 +89,51 @@ class Manager {
 
 Manager* g_manager = nullptr;
 LoadedLibrary g_library;
+/// Controls come on another thread than the service's own.
+std::mutex g_eventsMutex;
 std::vector<DWORD> g_events;
 std::vector<std::string> g_records;
+std::atomic<std::size_t> g_told{0};
+
+/// What the event that the library waits on meets.
+std::atomic<DWORD> g_requestEventError{ERROR_SUCCESS};
+
+/// That event has a name of the single test's own here: other tests run beside this one, and a service keeps
+/// it to the end of the process.
+std::wstring g_requestEvent;
+HANDLE WINAPI CreateEventOfOneself(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name) {
+  if (name == nullptr) return ::CreateEventW(security, manual, state, nullptr);
+  if (g_requestEventError != ERROR_SUCCESS) {
+    ::SetLastError(g_requestEventError);
+    return nullptr;
+  }
+  return ::CreateEventW(security, manual, state, g_requestEvent.c_str());
+}
+
+/// Requests to keep the PC awake: a handle each, for what it was set.
+struct PlayedPower {
+  DWORD error = ERROR_SUCCESS;
+  std::vector<HANDLE> requests;
+  std::vector<POWER_REQUEST_TYPE> types;
+};
+PlayedPower g_power;
+
+HANDLE WINAPI MakePowerRequest(REASON_CONTEXT*) {
+  ::SetLastError(g_power.error);
+  if (g_power.error != ERROR_SUCCESS) return INVALID_HANDLE_VALUE;
+  g_power.requests.push_back(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  return g_power.requests.back();
+}
+
+BOOL WINAPI SetPowerRequest(HANDLE, POWER_REQUEST_TYPE type) {
+  g_power.types.push_back(type);
+  return TRUE;
+}
+
+bool IsOpen(HANDLE handle) {
+  DWORD flags = 0;
+  return ::GetHandleInformation(handle, &flags) != FALSE;
+}
 
 // One thread: the service's main function runs where the real dispatcher would wait for it.
 BOOL WINAPI Dispatch(const SERVICE_TABLE_ENTRYW* table) {
@@ -113,7 +158,9 @@ LoadedLibrary LoadFlashLibrary() {
 }
 
 void WriteEvent(DWORD message, const std::wstring&) {
+  const std::lock_guard lock(g_eventsMutex);
   g_events.push_back(message);
+  ++g_told;
 }
 
 std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
@@ -129,7 +176,15 @@ class ServiceBodyTest : public testing::Test {
     g_manager = &manager;
     g_library = {.failure = std::nullopt, .key = key.Location()};
     g_events.clear();
+    g_told = 0;
     g_records.clear();
+    g_requestEventError = ERROR_SUCCESS;
+    g_requestEvent = L"RegistryNotify " + std::to_wstring(::GetCurrentProcessId()) + L" " +
+                     ToWide(testing::UnitTest::GetInstance()->current_test_info()->name());
+    g_power = {};
+    m_Patch.Replace("CreateEventW", &CreateEventOfOneself);
+    m_Patch.Replace("PowerCreateRequest", &MakePowerRequest);
+    m_Patch.Replace("PowerSetRequest", &SetPowerRequest);
     m_Patch.Replace("StartServiceCtrlDispatcherW", &Dispatch);
     m_Patch.Replace("RegisterServiceCtrlHandlerExW", &TakeHandler);
     m_Patch.Replace("SetServiceStatus", &Hear);
@@ -145,8 +200,27 @@ class ServiceBodyTest : public testing::Test {
     m_Service = std::thread([] { RunAsService(); });
     ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
   }
+  /// Starts one that is not to come to its end.
+  void StartAndLeave(WhenStuck whenStuck) const {
+    std::thread([whenStuck] { RunAsService(whenStuck); }).detach();
+  }
   void StartsAndFails() const { RunAsService(); }
   void AwaitEnd() { m_Service.join(); }
+
+  /// Waits until the event log has so many entries.
+  static bool HasTold(std::size_t count) {
+    const auto end = std::chrono::steady_clock::now() + kLongestWait;
+    while (g_told < count && std::chrono::steady_clock::now() < end) ::Sleep(1);
+    return g_told == count;
+  }
+
+  /// Waits until the service says so, or no more so.
+  bool BecomesHindered(bool hindered) const {
+    const auto end = std::chrono::steady_clock::now() + kLongestWait;
+    while (IsServiceHindered(key.Location()) != hindered && std::chrono::steady_clock::now() < end)
+      ::Sleep(1);
+    return IsServiceHindered(key.Location()) == hindered;
+  }
 
   void BeginJob() const {
     key.Write(L"Fls_Ready", 1);
@@ -282,6 +356,199 @@ TEST_F(ServiceBodyTest, LeavesNoRecordOfAnInterruptedJob) {
   manager.Send(SERVICE_CONTROL_STOP);
   AwaitEnd();
   EXPECT_TRUE(g_records.empty());
+}
+
+// --- Names that the library shares with everybody
+// -----------------------------------------------------------
+
+TEST_F(ServiceBodyTest, KeepsTheEventOfTheLibraryFromOthersWhileItServes) {
+  EXPECT_EQ(OwnedHandle(::OpenEventW(SYNCHRONIZE, FALSE, g_requestEvent.c_str())), nullptr);
+  Start();
+  EXPECT_NE(OwnedHandle(::OpenEventW(SYNCHRONIZE, FALSE, g_requestEvent.c_str())), nullptr);
+}
+
+TEST_F(ServiceBodyTest, TellsOnceOfANameThatAnotherProgramHasAndOfItsEnd) {
+  key.Write(L"Fls_Ready", 0);
+  g_requestEventError = ERROR_INVALID_HANDLE;
+  Start();
+  EXPECT_TRUE(BecomesHindered(true));
+  key.Write(L"Fls_Ready", 1);
+  ASSERT_TRUE(manager.HearsAccepted(kNotStoppable));
+  g_requestEventError = ERROR_SUCCESS;
+  key.Write(L"Fls_Ready", 0);
+  EXPECT_TRUE(BecomesHindered(false));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_NAME_TAKEN),
+                          static_cast<DWORD>(MSG_NAMES_FREE), static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+/// How often the service has gone back to its wait.
+std::atomic<std::size_t> g_looks{0};
+
+/// A wait with a limit is over at once.
+DWORD WINAPI WaitBriefly(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+  ++g_looks;
+  return ::WaitForMultipleObjects(count, handles, all, milliseconds == INFINITE ? INFINITE : 1);
+}
+
+TEST_F(ServiceBodyTest, LooksAgainByItselfWhileANameIsTaken) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace("WaitForMultipleObjects", &WaitBriefly);
+  key.Write(L"Fls_Ready", 0);
+  g_requestEventError = ERROR_ACCESS_DENIED;
+  Start();
+  EXPECT_TRUE(BecomesHindered(true));
+  g_requestEventError = ERROR_SUCCESS;
+  EXPECT_TRUE(BecomesHindered(false));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+}
+
+// --- Power
+// ----------------------------------------------------------------------------------------------------
+
+TEST_F(ServiceBodyTest, KeepsThePcAwakeWhileAJobIsOpenAndNoLonger) {
+  key.Write(L"Fls_Ready", 0);
+  Start();
+  EXPECT_THAT(g_power.requests, testing::IsEmpty());
+  const std::size_t said = manager.All().size();
+  BeginJob();
+  ASSERT_TRUE(manager.HearsMoreThan(said));
+  EndJob();
+  ASSERT_TRUE(manager.HearsAccepted(kStoppable));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  ASSERT_EQ(g_power.requests.size(), 1u);
+  EXPECT_FALSE(IsOpen(g_power.requests[0]));
+  EXPECT_THAT(g_power.types, ElementsAre(PowerRequestSystemRequired, kExecutionRequired));
+}
+
+TEST_F(ServiceBodyTest, KeepsThePcAwakeForAJobThatItFindsOpenAndWhileAStopWaitsForIt) {
+  BeginJob();
+  Start();
+  manager.Send(SERVICE_CONTROL_PRESHUTDOWN);
+  ASSERT_TRUE(manager.Hears([](const SERVICE_STATUS& status) { return status.dwCheckPoint >= 2; }));
+  ASSERT_EQ(g_power.requests.size(), 1u);
+  EXPECT_TRUE(IsOpen(g_power.requests[0]));
+  EndJob();
+}
+
+TEST_F(ServiceBodyTest, TellsOnceOfEachJobThatThePcMayFallAsleep) {
+  g_power.error = ERROR_NOT_SUPPORTED;
+  BeginJob();
+  Start();
+  key.Write(L"Flash_Progress", 10);
+  key.Write(L"Flash_Progress", 20);
+  EndJob();
+  ASSERT_TRUE(manager.HearsAccepted(kStoppable));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_NOT_KEPT_AWAKE),
+                          static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+TEST_F(ServiceBodyTest, TellsOfASleepDuringAJobOnceAtTheResume) {
+  BeginJob();
+  Start();
+  EXPECT_EQ(manager.Send(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND), static_cast<DWORD>(NO_ERROR));
+  EXPECT_EQ(manager.Send(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMEAUTOMATIC), static_cast<DWORD>(NO_ERROR));
+  EXPECT_EQ(manager.Send(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMESUSPEND), static_cast<DWORD>(NO_ERROR));
+  EndJob();
+  ASSERT_TRUE(manager.HearsAccepted(kStoppable));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events, testing::UnorderedElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED),
+                                                      static_cast<DWORD>(MSG_RESUMED_DURING_FLASH),
+                                                      static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+TEST_F(ServiceBodyTest, TellsOfNoSleepWithoutAJob) {
+  Start();
+  manager.Send(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMEAUTOMATIC);
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+// --- A job that stands still ------------------------------------------------------------------------------
+
+std::atomic<ULONGLONG> g_awakeTicks{0};
+constexpr ULONGLONG kTicksPerSecond = 10'000'000;
+
+BOOL WINAPI TellAwakeTicks(ULONGLONG* ticks) {
+  *ticks = g_awakeTicks;
+  return TRUE;
+}
+
+std::atomic<UINT> g_exitStatus{0};
+
+/// The process of a test is not ended; the thread that asked for it goes no further.
+BOOL WINAPI EndNothing(HANDLE, UINT status) {
+  g_exitStatus = status;
+  ::Sleep(INFINITE);
+  return TRUE;
+}
+
+class StuckServiceTest : public ServiceBodyTest {
+ protected:
+  StuckServiceTest() {
+    g_awakeTicks = 0;
+    g_exitStatus = 0;
+    m_Patch.Replace("QueryUnbiasedInterruptTime", &TellAwakeTicks);
+    m_Patch.Replace("TerminateProcess", &EndNothing);
+    m_Patch.Replace("WaitForMultipleObjects", &WaitBriefly);
+  }
+  /// Waits until the service has looked at a job that has stood still for so many seconds more, and told
+  /// nothing.
+  void StandStillFor(ULONGLONG seconds) const {
+    g_awakeTicks += seconds * kTicksPerSecond;
+    const std::size_t looks = g_looks;
+    const auto end = std::chrono::steady_clock::now() + kLongestWait;
+    while (g_looks < looks + 2 && std::chrono::steady_clock::now() < end) ::Sleep(1);
+  }
+
+ private:
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
+};
+
+TEST_F(StuckServiceTest, TellsOnceOfAJobInWhichNothingChangesForLongerThanItsTimeOut) {
+  key.Write(L"Time_Out", 153000);
+  BeginJob();
+  Start();
+  StandStillFor(152);
+  EXPECT_EQ(g_told.load(), 1u);
+  g_awakeTicks += 2 * kTicksPerSecond;
+  EXPECT_TRUE(HasTold(2));
+  g_awakeTicks += 400 * kTicksPerSecond;
+  key.Write(L"Other", 1);
+  EndJob();
+  ASSERT_TRUE(manager.HearsAccepted(kStoppable));
+  manager.Send(SERVICE_CONTROL_STOP);
+  AwaitEnd();
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_JOB_STANDS_STILL),
+                          static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+  EXPECT_EQ(g_exitStatus.load(), 0u);
+}
+
+TEST_F(StuckServiceTest, EndsItsProcessWithAStatusOfItsOwnWhenAskedTo) {
+  BeginJob();
+  StartAndLeave(WhenStuck::EndProcess);
+  ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
+  g_awakeTicks += 154 * kTicksPerSecond;
+  ASSERT_TRUE(manager.HearsState(SERVICE_STOPPED));
+  EXPECT_EQ(manager.Last().dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
+  EXPECT_EQ(manager.Last().dwServiceSpecificExitCode, kEndedBecauseStuck);
+  const auto end = std::chrono::steady_clock::now() + kLongestWait;
+  while (g_exitStatus == 0 && std::chrono::steady_clock::now() < end) ::Sleep(1);
+  EXPECT_EQ(g_exitStatus.load(), kStuckExitStatus);
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_JOB_STANDS_STILL),
+                          static_cast<DWORD>(MSG_ENDED_BECAUSE_STUCK)));
 }
 
 // --- What it accepts -------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <winsvc.h>
 
+#include <cwchar>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -187,6 +188,8 @@ struct AskedFor {
   std::vector<SC_ACTION> actions;
   bool forErrorsToo = false;
   std::wstring description;
+  std::vector<std::wstring> privileges;
+  DWORD identity = SERVICE_SID_TYPE_NONE;
 };
 AskedFor g_askedFor;
 
@@ -198,6 +201,13 @@ BOOL WINAPI RecordConfiguration(SC_HANDLE, DWORD level, void* info) {
   }
   if (level == SERVICE_CONFIG_DESCRIPTION) {
     g_askedFor.description = static_cast<const SERVICE_DESCRIPTIONW*>(info)->lpDescription;
+  }
+  if (level == SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO) {
+    const wchar_t* each = static_cast<const SERVICE_REQUIRED_PRIVILEGES_INFOW*>(info)->pmszRequiredPrivileges;
+    for (; *each != L'\0'; each += std::wcslen(each) + 1) g_askedFor.privileges.emplace_back(each);
+  }
+  if (level == SERVICE_CONFIG_SERVICE_SID_INFO) {
+    g_askedFor.identity = static_cast<const SERVICE_SID_INFO*>(info)->dwServiceSidType;
   }
   if (level == SERVICE_CONFIG_FAILURE_ACTIONS_FLAG) {
     g_askedFor.forErrorsToo =
@@ -211,7 +221,7 @@ using InstallServiceTest = WithoutServiceTest;
 TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   patch.Replace("ChangeServiceConfig2W", &RecordConfiguration);
-  EXPECT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SUCCESS));
   EXPECT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
   std::vector<DWORD> delays;
   for (const SC_ACTION& action : g_askedFor.actions) {
@@ -222,6 +232,33 @@ TEST_F(InstallServiceTest, AsksTheManagerForRestartsWithGrowingDelays) {
   EXPECT_EQ(g_askedFor.resetSeconds, 24u * 60 * 60);
   EXPECT_TRUE(g_askedFor.forErrorsToo);
   EXPECT_EQ(g_askedFor.description, L"Updates the firmware of the built-in cellular modem when asked to.");
+}
+
+TEST_F(InstallServiceTest, LeavesTheServiceOnlyWhatItNeedsWhenAskedTo) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace("ChangeServiceConfig2W", &RecordConfiguration);
+  g_askedFor = {};
+  ASSERT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_THAT(g_askedFor.privileges, IsEmpty());
+  EXPECT_EQ(g_askedFor.identity, static_cast<DWORD>(SERVICE_SID_TYPE_NONE));
+  // Of one that is there already, too.
+  ASSERT_EQ(RestrictInstalledService().error, static_cast<DWORD>(ERROR_SUCCESS));
+  const std::vector<std::wstring> needed{L"SeChangeNotifyPrivilege", L"SeLoadDriverPrivilege",
+                                         L"SeImpersonatePrivilege", L"SeCreateGlobalPrivilege"};
+  EXPECT_EQ(g_askedFor.privileges, needed);
+  EXPECT_EQ(g_askedFor.identity, static_cast<DWORD>(SERVICE_SID_TYPE_UNRESTRICTED));
+  ASSERT_EQ(UninstallService().error, static_cast<DWORD>(ERROR_SUCCESS));
+  g_askedFor = {};
+  ASSERT_EQ(InstallService({.restricted = true}).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_EQ(g_askedFor.privileges, needed);
+}
+
+TEST_F(InstallServiceTest, HasTheManagerStartItSoThatItEndsWhenStuck) {
+  ASSERT_EQ(InstallService({.restartsWhenStuck = true}).error, static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_EQ(std::wstring(ManagedService().Configuration().lpBinaryPathName),
+            L"\"" + ProgramPath() + L"\" --restart-when-stuck");
+  EXPECT_TRUE(IsInstalledLikeThis({.restartsWhenStuck = true}));
+  EXPECT_FALSE(IsInstalledLikeThis({}));
 }
 
 /// What of a service's settings the manager refuses, and with which error.
@@ -243,10 +280,12 @@ TEST_F(InstallServiceTest, LeavesNoServiceThatLacksWhatItNeeds) {
   const std::pair<DWORD, const char*> settings[] = {
       {SERVICE_CONFIG_DESCRIPTION, "describe the service"},
       {SERVICE_CONFIG_PRESHUTDOWN_INFO, "set the time limit of a shutdown"},
+      {SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, "limit the privileges of the service"},
+      {SERVICE_CONFIG_SERVICE_SID_INFO, "give the service an identity of its own"},
       {SERVICE_CONFIG_FAILURE_ACTIONS, "set the failure actions"}};
   for (const auto& [level, step] : settings) {
     g_refusal = {.level = level, .error = ERROR_ACCESS_DENIED};
-    const ControlResult result = InstallService(false);
+    const ControlResult result = InstallService({.restricted = true});
     EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_ACCESS_DENIED));
     EXPECT_STREQ(result.step, step);
     EXPECT_FALSE(ManagedService().Exists()) << step;
@@ -257,19 +296,19 @@ TEST_F(InstallServiceTest, GoesWithoutARestartWhereTheManagerKnowsNone) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
   patch.Replace("ChangeServiceConfig2W", &RefuseConfiguration);
   g_refusal = {.level = SERVICE_CONFIG_FAILURE_ACTIONS, .error = ERROR_INVALID_LEVEL};
-  const ControlResult result = InstallService(false);
+  const ControlResult result = InstallService({});
   EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_SUCCESS));
   EXPECT_STREQ(result.missing, "a restart after a failure");
   EXPECT_TRUE(ManagedService().Exists());
 }
 
 TEST_F(InstallServiceTest, KnowsItsProgramInAnySpelling) {
-  ASSERT_EQ(InstallService(false).error, static_cast<DWORD>(ERROR_SUCCESS));
+  ASSERT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SUCCESS));
   std::wstring command = ManagedService().Configuration().lpBinaryPathName;
   ::CharUpperW(command.data());
   ASSERT_TRUE(ManagedService().SetCommand(command));
-  EXPECT_TRUE(IsInstalledLikeThis(false));
-  EXPECT_FALSE(IsInstalledLikeThis(true));
+  EXPECT_TRUE(IsInstalledLikeThis({}));
+  EXPECT_FALSE(IsInstalledLikeThis({.automatic = true}));
 }
 
 // --- A manager that the test plays -----------------------------------------------------------------------
@@ -659,6 +698,21 @@ TEST_F(ServiceTest, SaysInItsStatusThatAFlashWasCutShort) {
   EXPECT_EQ(Status()["flash_result"], "flashing");
 }
 
+TEST_F(ServiceTest, SaysInItsStatusThatAnotherProgramHasANameOfTheLibrarys) {
+  const std::vector<std::wstring> ofService{L"status", L"--service", L"--json"};
+  const auto hindrances = [&] {
+    return nlohmann::json::parse(RunToEnd(workspace.CommandLineHost(), ofService).output, nullptr,
+                                 false)["hindrances"];
+  };
+  EXPECT_TRUE(hindrances().empty());
+  const HinderedNotice notice(key.Location());
+  EXPECT_EQ(Service({L"status"}).exitCode, 4);
+  EXPECT_EQ(Status()["error"]["code"], "name_taken");
+  ASSERT_EQ(hindrances().size(), 1u);
+  EXPECT_THAT(hindrances()[0].get<std::string>(),
+              HasSubstr("the flash service says that another program has"));
+}
+
 TEST_F(ServiceTest, ShowsHowTheLastFlashesEnded) {
   EXPECT_THAT(Service({L"status", L"--history"}).output, HasSubstr("No flash has come to its end here yet."));
   std::ofstream(workspace.File(L"CorvelFlashHistory.txt"), std::ios::binary)
@@ -699,7 +753,7 @@ TEST_F(ServiceTest, RunsUntilItIsStopped) {
   EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
   EXPECT_EQ(Status()["state"], "running");
   EXPECT_EQ(ManagedService().Status().dwControlsAccepted,
-            static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN));
+            static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT));
   EXPECT_EQ(Service({L"stop"}).exitCode, 0);
   EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
   EXPECT_EQ(ManagedService().Status().dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
@@ -745,6 +799,7 @@ TEST_F(ServiceTest, PutsItsOwnExitCodesIntoWords) {
   EXPECT_EQ(MeaningOfServiceCode(1), "the flash library cannot be loaded");
   EXPECT_EQ(MeaningOfServiceCode(2), "the configuration cannot be loaded");
   EXPECT_EQ(MeaningOfServiceCode(3), "the system refused a resource");
+  EXPECT_EQ(MeaningOfServiceCode(4), "a flash stood still");
 }
 
 TEST_F(ServiceTest, FlashesForAControllingProgram) {
@@ -937,6 +992,18 @@ TEST_F(ServiceTest, SaysInATerminalWhyItCannotRun) {
   const RunResult result = Service({L"run", L"--console"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.errors, HasSubstr("CorvelToolKit.dll is of another version"));
+}
+
+TEST_F(ServiceTest, TakesNothingThatItsLibraryNeedsFromTheCurrentFolder) {
+  workspace.PutProduct(L"needy_library.dll", L"CorvelToolKit.dll");
+  const TemporaryFolder current;
+  std::filesystem::copy_file(ProgramFolder() + L"planted_library.dll",
+                             current.Path() / L"planted_library.dll");
+  const RunResult planted = RunToEnd(workspace.Service(), {L"run", L"--console"}, current.Path());
+  EXPECT_THAT(planted.errors, HasSubstr("CorvelToolKit.dll: " + SystemErrorText(ERROR_MOD_NOT_FOUND)));
+  workspace.PutProduct(L"planted_library.dll", L"planted_library.dll");
+  const RunResult installed = RunToEnd(workspace.Service(), {L"run", L"--console"}, current.Path());
+  EXPECT_THAT(installed.errors, HasSubstr("CorvelToolKit.dll is of another version"));
 }
 
 TEST_F(ServiceTest, KeepsTheLogsOfStartsInVainInOnePlace) {

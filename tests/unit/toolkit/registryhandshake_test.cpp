@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/handles.h"
 #include "common/text.h"
 #include "config/configparser.h"
 #include "simulator/import_patch.h"
@@ -658,6 +659,36 @@ TEST_F(MonitorTest, OtherChangesCostOneRoundEachAndNoSpinning) {
   EXPECT_EQ(waits, 6u);
   EXPECT_EQ(armed, 6);
   EXPECT_THAT(pauses, IsEmpty());
+}
+
+/// Hosts keep the event open while they serve: it outlives the rounds, and none of them makes it signalled
+/// anew.
+class MonitorBesideAHostTest : public MonitorTest {
+ protected:
+  UniqueHandle held{::CreateEventW(nullptr, FALSE, TRUE,
+                                   (L"RegistryNotify" + std::to_wstring(::GetCurrentProcessId())).c_str())};
+};
+
+TEST_F(MonitorBesideAHostTest, OtherChangesCostOneRoundEachAndNoSpinning) {
+  SetFlag(0);
+  whileWaiting = [this] {
+    EXPECT_TRUE(StillWaiting());
+    SetFlag(waits < 4 ? 10 + static_cast<DWORD>(waits) : 1);
+  };
+  EXPECT_TRUE(Monitor());
+  EXPECT_EQ(waits, 4u);
+  EXPECT_EQ(armed, 4);
+}
+
+TEST_F(MonitorBesideAHostTest, AFlagRaisedBetweenTwoRoundsIsNotLost) {
+  SetFlag(0);
+  whileWaiting = [this] { key.SetNumber(L"Other", 1); };
+  beforeArming = [this] {
+    if (armed == 2) SetFlag(1);
+  };
+  EXPECT_TRUE(Monitor());
+  EXPECT_EQ(armed, 2);
+  EXPECT_EQ(waits, 1u);
 }
 
 TEST_F(MonitorTest, AChangeBelowTheKeyEndsTheWaitToo) {

@@ -1,0 +1,90 @@
+#!/usr/bin/env python3
+"""Turns the JSON documents of corvel_cmdline from many PCs into one table.
+
+Each document is what "corvel_cmdline flash --json" or "corvel_cmdline check --json" printed on one PC, in a file that
+has the PC's name: PC-0815.json. The worst outcome comes first.
+
+Exit status: 0 every PC is flashed or ready, 1 some are not, 2 wrong usage.
+"""
+
+import argparse
+import collections
+import csv
+import json
+import pathlib
+import sys
+
+COLUMNS = ("pc", "outcome", "code", "result", "attempts", "seconds", "message")
+# From the worst to the best; the last two are what one wants to see.
+OUTCOMES = ("unreadable", "failed", "not ready", "flashed", "ready")
+GOOD = OUTCOMES[-2:]
+
+
+def outcome_of(document):
+    """In one word; a document that is neither a flash's nor a check's is unreadable."""
+    if document.get("flashed") is True:
+        return "flashed"
+    if document.get("ready") is True:
+        return "ready"
+    error = document.get("error")
+    if not isinstance(error, dict):
+        return "unreadable"
+    # A flash that was refused says no more than why; one that began tells its result.
+    began = "flashed" in document or error.get("code") in ("timed_out", "interrupted", "internal")
+    return "failed" if began else "not ready"
+
+
+def row_of(path):
+    row = dict.fromkeys(COLUMNS, "")
+    row["pc"] = path.stem
+    try:
+        # What PowerShell writes begins with a mark, of UTF-8 or of UTF-16.
+        data = path.read_bytes()
+        document = json.loads(data.decode("utf-16" if data[:2] in (b"\xff\xfe", b"\xfe\xff") else "utf-8-sig"))
+    except (OSError, ValueError) as error:
+        return row | {"outcome": "unreadable", "message": str(error)}
+    if not isinstance(document, dict):
+        return row | {"outcome": "unreadable", "message": "no document of corvel_cmdline"}
+    error = document.get("error")
+    if not isinstance(error, dict):
+        error = {}
+    row |= {name: document.get(name, "") for name in ("result", "attempts", "seconds")}
+    outcome = outcome_of(document)
+    message = error.get("message", "no document of corvel_cmdline" if outcome == "unreadable" else "")
+    return row | {"outcome": outcome, "code": error.get("code", ""), "message": message}
+
+
+def files_of(places):
+    for place in places:
+        yield from sorted(place.glob("*.json")) if place.is_dir() else [place]
+
+
+def print_text(rows):
+    widths = {name: max([len(name)] + [len(str(row[name])) for row in rows]) for name in COLUMNS}
+    for row in [dict(zip(COLUMNS, COLUMNS))] + rows:
+        print("  ".join(str(row[name]).ljust(widths[name]) for name in COLUMNS).rstrip())
+    counts = collections.Counter(row["outcome"] for row in rows)
+    print("\n" + ", ".join(f"{counts[outcome]} {outcome}" for outcome in OUTCOMES if counts[outcome]))
+
+
+def main():
+    parser = argparse.ArgumentParser(description="One table of the JSON results of many PCs.")
+    parser.add_argument("places", nargs="+", type=pathlib.Path, metavar="PLACE",
+                        help="a file NAME-OF-PC.json, or a folder of such")
+    parser.add_argument("--csv", action="store_true", help="print comma-separated values")
+    options = parser.parse_args()
+    rows = [row_of(path) for path in files_of(options.places)]
+    if not rows:
+        parser.error("there is no *.json in " + ", ".join(map(str, options.places)))
+    rows.sort(key=lambda row: (OUTCOMES.index(row["outcome"]), row["pc"]))
+    if options.csv:
+        writer = csv.DictWriter(sys.stdout, COLUMNS, lineterminator="\n")
+        writer.writeheader()
+        writer.writerows(rows)
+    else:
+        print_text(rows)
+    return 0 if all(row["outcome"] in GOOD for row in rows) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,236 @@
+#include "hosts/service/permissions.h"
+
+#include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <system_error>
+
+#include "hosts/common/facts.h"
+#include "hosts/common/library_configuration.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
+
+namespace {
+
+// System and administrators may do anything, users read; nothing is inherited from above, all that lies below
+// inherits it.
+constexpr wchar_t kOfFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+constexpr wchar_t kOfKey[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)(A;CI;KR;;;BU)";
+
+/// Any of these lets its owner change or replace a file or what is in a folder.
+constexpr ACCESS_MASK kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD | DELETE | WRITE_DAC |
+                                 WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
+
+/// Groups that everybody who works at the PC is in.
+constexpr WELL_KNOWN_SID_TYPE kUsers[] = {WinWorldSid,       WinAuthenticatedUserSid, WinBuiltinUsersSid,
+                                          WinInteractiveSid, WinBuiltinGuestsSid,     WinAnonymousSid};
+
+struct LocalFreer {
+  using pointer = void*;
+  void operator()(void* memory) const noexcept { ::LocalFree(memory); }
+};
+using LocalMemory = std::unique_ptr<void, LocalFreer>;
+
+/// @throws std::system_error when the system does not understand it.
+LocalMemory DescriptorOf(const wchar_t* text) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &descriptor, nullptr)) {
+    ThrowLastError("Permissions cannot be put together");
+  }
+  return LocalMemory(descriptor);
+}
+
+DWORD SetPermissionsOfFolder(std::wstring path) {
+  const LocalMemory descriptor = DescriptorOf(kOfFolder);
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  PACL list = nullptr;
+  ::GetSecurityDescriptorDacl(descriptor.get(), &present, &list, &defaulted);
+  // What lies in the folder takes part.
+  return ::SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT,
+                                 DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                                 nullptr, list, nullptr);
+}
+
+/// Makes the key if necessary. @return ERROR_NOT_EMPTY of a key that is not the service's alone.
+DWORD SetPermissionsOfKey(const HandshakeKey& key) {
+  HKEY opened = nullptr;
+  const LSTATUS made = ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_READ | WRITE_DAC,
+                                         nullptr, &opened, nullptr);
+  const OwnedKey owner(opened);
+  if (made != ERROR_SUCCESS) return static_cast<DWORD>(made);
+  DWORD keysBelow = 0;
+  const LSTATUS asked = ::RegQueryInfoKeyW(opened, nullptr, nullptr, nullptr, &keysBelow, nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr, nullptr);
+  if (asked != ERROR_SUCCESS) return static_cast<DWORD>(asked);
+  if (keysBelow > 0) return ERROR_NOT_EMPTY;
+  const LocalMemory descriptor = DescriptorOf(kOfKey);
+  return static_cast<DWORD>(::RegSetKeySecurity(opened, DACL_SECURITY_INFORMATION, descriptor.get()));
+}
+
+// --- Who else may write ------------------------------------------------------------------------------------
+
+bool IsOfUsers(PSID sid) {
+  return std::ranges::any_of(kUsers, [&](WELL_KNOWN_SID_TYPE type) { return ::IsWellKnownSid(sid, type); });
+}
+
+bool LetsUsersWrite(PACL list) {
+  // Without a list everybody may do anything.
+  if (list == nullptr) return true;
+  for (DWORD i = 0; i < list->AceCount; ++i) {
+    void* entry = nullptr;
+    if (!::GetAce(list, i, &entry)) continue;
+    const auto& allowed = *static_cast<ACCESS_ALLOWED_ACE*>(entry);
+    if (allowed.Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (allowed.Mask & kWriting) == 0) continue;
+    if (IsOfUsers(&static_cast<ACCESS_ALLOWED_ACE*>(entry)->SidStart)) return true;
+  }
+  return false;
+}
+
+/// False also of a file whose permissions cannot be read: it is told elsewhere that it cannot be used.
+bool MayUsersWrite(std::wstring path) {
+  PACL list = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD error = ::GetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                              nullptr, &list, nullptr, &descriptor);
+  const LocalMemory owner(descriptor);
+  return error == ERROR_SUCCESS && LetsUsersWrite(list);
+}
+
+// --- What is protected
+// ---------------------------------------------------------------------------------------
+
+std::wstring WithoutLastSeparators(std::wstring path) {
+  while (path.size() > 1 && (path.back() == L'\\' || path.back() == L'/')) path.pop_back();
+  return path;
+}
+
+std::wstring WindowsFolder() {
+  std::array<wchar_t, MAX_PATH> path{};
+  return {path.data(), ::GetWindowsDirectoryW(path.data(), static_cast<UINT>(path.size()))};
+}
+
+std::wstring Variable(const wchar_t* name) {
+  std::array<wchar_t, 1024> text{};
+  const DWORD length = ::GetEnvironmentVariableW(name, text.data(), static_cast<DWORD>(text.size()));
+  return length < text.size() ? std::wstring(text.data(), length) : std::wstring();
+}
+
+/// Whether one folder is the other one, or above it.
+bool Holds(const std::wstring& folder, const std::wstring& other) {
+  return !other.empty() && other.size() >= folder.size() &&
+         ::CompareStringOrdinal(folder.c_str(), static_cast<int>(folder.size()), other.c_str(),
+                                static_cast<int>(folder.size()), TRUE) == CSTR_EQUAL &&
+         (other.size() == folder.size() || other[folder.size()] == L'\\' || folder.back() == L'\\');
+}
+
+/// A folder that more than this service lives in: other permissions would harm others.
+bool IsSharedWithOthers(const std::wstring& path) {
+  std::error_code ignored;
+  const std::wstring folder = WithoutLastSeparators(std::filesystem::absolute(path, ignored).wstring());
+  const bool isRoot = std::filesystem::path(folder).relative_path().empty() || folder.ends_with(L':');
+  const std::wstring others[] = {
+      WindowsFolder(),          Variable(L"ProgramFiles"), Variable(L"ProgramFiles(x86)"),
+      Variable(L"ProgramData"), Variable(L"USERPROFILE"),  Variable(L"PUBLIC")};
+  return isRoot || Holds(WindowsFolder(), folder) ||
+         std::ranges::any_of(others, [&](const std::wstring& other) { return Holds(folder, other); });
+}
+
+class Protection {
+ public:
+  void ProtectFolder(const std::wstring& path) {
+    if (IsSharedWithOthers(path)) {
+      return Warn(
+          "The permissions of " + ToUtf8(path) +
+          " stay as they are, because other programs live there too. Give the flash service a folder of its "
+          "own.");
+    }
+    Tell(ToUtf8(path), SetPermissionsOfFolder(path));
+  }
+
+  void ProtectKey(const HandshakeKey& key) {
+    if (key.root != HKEY_LOCAL_MACHINE) {
+      return Warn(
+          "The permissions of " + key.Text() +
+          " stay as they are, because the key is not below HKLM. Give [RegistryLocation] a key there: others "
+          "belong to one account.");
+    }
+    const DWORD error = SetPermissionsOfKey(key);
+    if (error == ERROR_NOT_EMPTY) {
+      return Warn(
+          "The permissions of " + key.Text() +
+          " stay as they are, because other keys lie below it. Give [RegistryLocation] a key that is the "
+          "flash service's alone.");
+    }
+    Tell(key.Text(), error);
+  }
+
+  void WarnOfWriters(const std::wstring& path) {
+    if (!MayUsersWrite(path)) return;
+    Warn("Users may write " + ToUtf8(path) +
+         ": whoever does has the rights of the service, or flashes an image of their own. Take that "
+         "permission from "
+         "them.");
+  }
+
+  void Warn(std::string text) { m_Warnings.push_back(std::move(text)); }
+  std::vector<std::string> Take() { return std::move(m_Warnings); }
+
+ private:
+  void Tell(const std::string& what, DWORD error) {
+    if (error == ERROR_SUCCESS) return;
+    Warn("The permissions of " + what + " could not be set: " + SystemErrorText(error) +
+         ". Leave writing to administrators and the system there, or install again as an administrator.");
+  }
+
+  std::vector<std::string> m_Warnings;
+};
+
+void ProtectImages(const std::wstring& folder, Protection& protection) {
+  std::error_code error;
+  if (folder.empty() || !std::filesystem::is_directory(folder, error)) {
+    return protection.Warn(
+        "There is no folder of the images yet, so nobody is kept from writing there. Make \"" +
+        ToUtf8(folder) + "\", as [ModemAndNVMFirmwareFolder] names it, and install again.");
+  }
+  protection.ProtectFolder(folder);
+  protection.WarnOfWriters(folder);
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    protection.WarnOfWriters(entry.path().wstring());
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> ProtectInstallation() {
+  Protection protection;
+  const std::wstring folder = WithoutLastSeparators(ProgramFolder());
+  protection.ProtectFolder(folder);
+  protection.WarnOfWriters(folder);
+  for (const wchar_t* const name : {kConfigurationName, kLibraryName, kFlashingLibraryName}) {
+    protection.WarnOfWriters(folder + L"\\" + name);
+  }
+  protection.WarnOfWriters(ProgramPath());
+  const auto configuration = LibraryConfiguration::Read(folder + L"\\" + kConfigurationName);
+  if (!configuration) {
+    protection.Warn(
+        "The configuration " + ToUtf8(folder) +
+        "\\CorvelConfig.ini cannot be read, so the folder of the images and the key stay open to whom they "
+        "were. Put it there and install again.");
+    return protection.Take();
+  }
+  ProtectImages(configuration->FirmwareFolder(), protection);
+  protection.ProtectKey(configuration->ServiceKey());
+  return protection.Take();
+}
+
+}  // namespace hosts

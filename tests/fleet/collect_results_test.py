@@ -1,0 +1,92 @@
+#!/usr/bin/env python3
+"""The collector of results, run as the program that it is.
+
+usage: collect_results_test.py COLLECTOR
+"""
+
+import csv
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+COLLECTOR = sys.argv.pop()
+
+FLASHED = {"flashed": True, "result": 4, "meaning": "succeeded", "progress": 100, "attempts": 1, "seconds": 57,
+           "images_deleted": True, "log": "C:\\Corvel\\FlashCommandLineLogger_DLL.log"}
+FAILED = {"error": {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."},
+          "flashed": False, "result": 3, "attempts": 4, "seconds": 541, "images_deleted": True}
+INTERRUPTED = {"error": {"code": "interrupted", "message": "Interrupted.", "what_to_do": "-"},
+               "images_deleted": False}
+REFUSED = {"error": {"code": "battery_low", "message": "Not ready, power: it is low.", "what_to_do": "Charge it."}}
+READY = {"ready": True, "findings": []}
+NOT_READY = {"error": {"code": "no_images", "message": "Not ready, folder: none.", "what_to_do": "Copy them."},
+             "ready": False, "findings": []}
+
+
+class CollectorTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def put(self, pc, document, encoding="utf-8"):
+        text = document if isinstance(document, str) else json.dumps(document)
+        (self.folder / (pc + ".json")).write_bytes(text.encode(encoding))
+
+    def collect(self, *arguments):
+        return subprocess.run([sys.executable, COLLECTOR, str(self.folder), *arguments], capture_output=True,
+                              text=True, check=False)
+
+    def rows(self):
+        return {row["pc"]: row for row in csv.DictReader(self.collect("--csv").stdout.splitlines())}
+
+    def test_tells_each_outcome(self):
+        self.put("PC-1", FLASHED)
+        self.put("PC-2", FAILED)
+        self.put("PC-3", REFUSED)
+        self.put("PC-4", READY)
+        self.put("PC-5", NOT_READY)
+        self.put("PC-6", INTERRUPTED)
+        rows = self.rows()
+        self.assertEqual({pc: row["outcome"] for pc, row in rows.items()},
+                         {"PC-1": "flashed", "PC-2": "failed", "PC-3": "not ready", "PC-4": "ready",
+                          "PC-5": "not ready", "PC-6": "failed"})
+        self.assertEqual(rows["PC-2"], {"pc": "PC-2", "outcome": "failed", "code": "flash_failed", "result": "3",
+                                        "attempts": "4", "seconds": "541", "message": "The flash failed."})
+
+    def test_puts_the_worst_first(self):
+        self.put("A", FLASHED)
+        self.put("B", NOT_READY)
+        self.put("C", FAILED)
+        self.put("D", "{")
+        lines = self.collect().stdout.splitlines()
+        self.assertEqual([line.split()[0] for line in lines[1:5]], ["D", "C", "B", "A"])
+        self.assertEqual(lines[-1], "1 unreadable, 1 failed, 1 not ready, 1 flashed")
+
+    def test_ends_with_0_only_when_all_are_well(self):
+        self.put("A", FLASHED)
+        self.put("B", READY)
+        self.assertEqual(self.collect().returncode, 0)
+        self.put("C", REFUSED)
+        self.assertEqual(self.collect().returncode, 1)
+
+    def test_takes_what_powershell_writes(self):
+        self.put("A", FLASHED, "utf-8-sig")
+        self.put("B", FLASHED, "utf-16")
+        self.assertEqual(self.collect().returncode, 0)
+
+    def test_takes_nothing_else_for_a_document(self):
+        for name, text in {"empty": "", "list": "[]", "number": "4", "other": '{"a": 1}', "bytes": "\u00e4"}.items():
+            self.put(name, text, "latin-1")
+        self.assertEqual({row["outcome"] for row in self.rows().values()}, {"unreadable"})
+        self.assertEqual(len(self.rows()), 5)
+
+    def test_refuses_a_folder_without_results(self):
+        self.assertEqual(self.collect().returncode, 2)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -103,8 +103,9 @@ class DeviceServicesManager final
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
     *object = nullptr;
     if (iid == __uuidof(IConnectionPointContainer)) {
-      const HRESULT failure = TheService().Enter("QueryInterface(IConnectionPointContainer)");
-      if (FAILED(failure)) return failure;
+      constexpr char kCall[] = "QueryInterface(IConnectionPointContainer)";
+      const HRESULT result = TheService().Enter(kCall);
+      if (FAILED(result) || TheService().IsEmptyHanded(kCall)) return result;
     }
     return ServiceObject::QueryInterface(iid, object);
   }

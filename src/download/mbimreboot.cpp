@@ -197,16 +197,18 @@ Outcome RebootRun::EnterApartment() {
 }
 
 Outcome RebootRun::CreateManagers() {
-  HRESULT result = ::CoCreateInstance(__uuidof(MbnInterfaceManager), nullptr, CLSCTX_ALL,
-                                      IID_PPV_ARGS(m_InterfaceManager.GetAddressOf()));
+  HRESULT result = Obtained(::CoCreateInstance(__uuidof(MbnInterfaceManager), nullptr, CLSCTX_ALL,
+                                               IID_PPV_ARGS(m_InterfaceManager.GetAddressOf())),
+                            m_InterfaceManager);
   if (FAILED(result)) {
     LOG_ERROR_AS(kProcedure,
                  "\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x%x, RebootModemByMbimCmd --",
                  LastErrorNumber());
     return result;
   }
-  result = ::CoCreateInstance(__uuidof(MbnDeviceServicesManager), nullptr, CLSCTX_ALL,
-                              IID_PPV_ARGS(m_DeviceServicesManager.GetAddressOf()));
+  result = Obtained(::CoCreateInstance(__uuidof(MbnDeviceServicesManager), nullptr, CLSCTX_ALL,
+                                       IID_PPV_ARGS(m_DeviceServicesManager.GetAddressOf())),
+                    m_DeviceServicesManager);
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure,
                "\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x%x, RebootModemByMbimCmd --",
@@ -332,7 +334,8 @@ Outcome RebootRun::RefuseOpenSession() {
 
 Outcome RebootRun::GetEventSource() {
   LOG_TRACE_AS(kProcedure, "Reboot Modem");
-  const HRESULT result = m_DeviceServicesManager->QueryInterface(IID_PPV_ARGS(m_EventSource.GetAddressOf()));
+  const HRESULT result = Obtained(
+      m_DeviceServicesManager->QueryInterface(IID_PPV_ARGS(m_EventSource.GetAddressOf())), m_EventSource);
   if (SUCCEEDED(result)) return {};
   LOG_ERROR_AS(kProcedure,
                "\t QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --");

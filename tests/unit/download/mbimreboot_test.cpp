@@ -98,13 +98,15 @@ struct Creation {
   DWORD context;
 };
 std::vector<Creation> g_creations;
+/// What a class comes to that cannot be created any more.
+HRESULT g_resultWithoutObject = kFailure;
 /// How many classes can be created before one cannot.
 int g_creatableClasses = 0;
 HRESULT WINAPI RecordCreation(REFCLSID classId, IUnknown* outer, DWORD context, REFIID iid, void** object) {
   g_creations.push_back({classId, outer, context});
   if (g_creatableClasses-- > 0) return ::CoCreateInstance(classId, outer, context, iid, object);
   ::SetLastError(kLastError);
-  return kFailure;
+  return g_resultWithoutObject;
 }
 
 std::function<void()> g_onArrayDestroyed;
@@ -377,6 +379,7 @@ class MbimRebootClassTest : public MbimRebootTest {
     patch.Replace("CoCreateInstance", &RecordCreation);
     g_creations.clear();
     g_creatableClasses = 2;
+    g_resultWithoutObject = kFailure;
   }
 };
 
@@ -401,6 +404,25 @@ TEST_F(MbimRebootClassTest, ADeviceServicesManagerThatIsMissingIsToldWithTheLast
   EXPECT_EQ(LastTold(), Error("\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x1234, "
                               "RebootModemByMbimCmd --"));
 }
+
+class MbimRebootEmptyCreationTest : public MbimRebootClassTest,
+                                    public testing::WithParamInterface<std::pair<int, const char*>> {};
+
+TEST_P(MbimRebootEmptyCreationTest, ASuccessWithoutAnObjectIsAFailure) {
+  g_resultWithoutObject = S_FALSE;
+  g_creatableClasses = GetParam().first;
+  EXPECT_EQ(Reboot(), E_FAIL);
+  EXPECT_EQ(LastTold(), Error(GetParam().second));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Classes, MbimRebootEmptyCreationTest,
+    testing::Values(
+        std::pair(
+            0, "\t CoCreateInstance(CLSID_MbnInterfaceManager***)  failed, 0x1234, RebootModemByMbimCmd --"),
+        std::pair(1,
+                  "\t CoCreateInstance(CLSID_MbnDeviceServicesManager***) failed, 0x1234, "
+                  "RebootModemByMbimCmd --")));
 
 // The clean-up
 
@@ -717,6 +739,13 @@ TEST_F(MbimRebootTest, ASuccessWithoutAServiceIsAFailure) {
   EXPECT_EQ(Reboot(), E_FAIL);
   EXPECT_EQ(LastTold(), Error("\t IMbnDeviceServicesContext::GetDeviceService('{0ED374CB-F835-4474-BC11-"
                               "3B3FD76F5641}') succeeded but (pDeviceService) is NULL!"));
+}
+
+TEST_F(MbimRebootTest, ASuccessWithoutAConnectionPointContainerIsAFailure) {
+  HandOutNothingFrom("QueryInterface(IConnectionPointContainer)");
+  EXPECT_EQ(Reboot(), E_FAIL);
+  EXPECT_EQ(LastTold(),
+            Error("\t QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --"));
 }
 
 TEST_F(MbimRebootTest, ASuccessWithoutAConnectionPointIsAFailure) {

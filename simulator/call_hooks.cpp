@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <deque>
-#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -13,7 +12,6 @@
 #include "common/handles.h"
 #include "simulator/call_thunk.h"
 #include "simulator/import_table.h"
-#include "simulator/known_calls.h"
 #include "simulator/lock.h"
 #include "simulator/working_threads.h"
 
@@ -25,7 +23,6 @@ using Way = CallFault::Way;
 
 constexpr std::size_t kMostFaults = 16;
 constexpr std::size_t kMostReturns = 64;
-constexpr unsigned kNever = std::numeric_limits<unsigned>::max();
 
 /// A fault as the hooks look at it, without a lock: `hook` is written last, and taken back first.
 struct ArmedFault {
@@ -36,6 +33,7 @@ struct ArmedFault {
   std::uint64_t result = 0;
   DWORD lastError = 0;
   std::chrono::milliseconds delay{0};
+  void (*leaves)(std::uint64_t firstArgument) = nullptr;
 };
 
 /// Where a call goes on that comes back through the hooks, and with what. A thread may have several.
@@ -91,6 +89,24 @@ void* ReturnThunk() {
   return thunk;
 }
 
+struct Answer {
+  std::uint64_t result = 0;
+  DWORD lastError = 0;
+};
+
+/// What a call returns that a fault has hit; nothing when it is not known, or the fault leaves that alone.
+std::optional<Answer> AnswerOf(const KnownCall* known, const CallFault& fault) {
+  const auto without = [](const std::optional<std::uint64_t>& result) {
+    return result ? std::optional(Answer{*result}) : std::nullopt;
+  };
+  if (known == nullptr || fault.way == Way::Delayed || fault.way == Way::NeverReturns) return std::nullopt;
+  if (fault.way == Way::Undocumented) return without(known->undocumented);
+  if (fault.way == Way::DoesNothing) return without(known->success);
+  if (!known->CanFail()) return std::nullopt;
+  if (known->tells == KnownCall::Tells::ByResult) return Answer{fault.error ? *fault.error : known->result};
+  return Answer{known->result, fault.error.value_or(known->lastError)};
+}
+
 /// Code, and nothing else that a module may import. An entry that the system has not bound yet is none
 /// either.
 bool IsCode(const void* address) {
@@ -108,6 +124,7 @@ struct CallHooks::Hook {
   std::string name;
   const KnownCall* known = nullptr;
   bool isPlatformCall = true;
+  bool isForeign = false;  ///< not imported
   void* thunk = nullptr;
   std::vector<void**> slots;
   std::atomic<unsigned> count{0};
@@ -117,40 +134,59 @@ struct CallHooks::State {
   std::deque<Hook> hooks;
   std::array<ArmedFault, kMostFaults> faults;
   std::atomic<unsigned> hits{0};
+  std::atomic<unsigned> missed{0};
   std::atomic<unsigned> platformCalls{0};
-  std::atomic<unsigned> lastPlatformCall{kNever};
+  std::atomic<unsigned> platformCallsToLive{0};  ///< 0: for ever
   std::atomic<unsigned> exitCode{0};
   std::atomic<Observer> observer{nullptr};
   void* returnThunk = nullptr;
 
   Lock lock;
   Condition changed;
-  unsigned liftings = 0;
+  unsigned releases = 0;
+  std::vector<DWORD> held;
+  bool isLifted = false;  ///< nothing new is covered
 
   void CountPlatformCall() noexcept {
     working_threads::NoteActivity();
-    if (++platformCalls == lastPlatformCall) ::TerminateProcess(::GetCurrentProcess(), exitCode);
+    ++platformCalls;
+    if (platformCallsToLive != 0 && --platformCallsToLive == 0)
+      ::TerminateProcess(::GetCurrentProcess(), exitCode);
   }
 
-  /// Until the hooks are lifted the next time.
+  /// Until somebody lets them all go on.
   void Hold() noexcept {
     const working_threads::Rest rest;
-    std::unique_lock held(lock);
-    const unsigned before = liftings;
-    changed.Wait(held, [&] { return liftings != before; });
+    std::unique_lock guard(lock);
+    const unsigned before = releases;
+    held.push_back(::GetCurrentThreadId());
+    changed.Wait(guard, [&] { return releases != before; });
+    std::erase(held, ::GetCurrentThreadId());
+  }
+
+  void LetGo() {
+    {
+      const std::lock_guard guard(lock);
+      ++releases;
+    }
+    changed.NotifyAll();
   }
 
   /// Lets the call return by way of the hooks.
-  bool Intercept(const ArmedFault& fault, CallFrame& frame) noexcept {
-    if (!g_returns.Push({::GetCurrentThreadId(), frame.returnAddress, fault.result, fault.lastError}))
-      return false;
+  void Intercept(const ArmedFault& fault, CallFrame& frame) noexcept {
+    if (!g_returns.Push({::GetCurrentThreadId(), frame.returnAddress, fault.result, fault.lastError})) {
+      ++missed;
+      return;
+    }
     frame.returnAddress = returnThunk;
-    return true;
   }
 
   Verdict Apply(const ArmedFault& fault, CallFrame& frame) noexcept {
     switch (fault.way) {
       case Way::Refused:
+      case Way::Undocumented:
+      case Way::DoesNothing:
+        if (fault.leaves != nullptr) fault.leaves(frame.Argument(0));
         frame.SetResult(fault.result);
         return Verdict::Answered;
       case Way::RefusedAfterEffect:
@@ -168,6 +204,13 @@ struct CallHooks::State {
     return Verdict::PassOn;
   }
 
+  static void MakeThunks(const std::vector<Hook*>& hooks) {
+    if (hooks.empty()) return;
+    ThunkPage page(hooks.size());
+    for (Hook* hook : hooks) hook->thunk = page.AddCall(&State::Decide, hook, &hook->target);
+    page.Seal();
+  }
+
   const ArmedFault* FaultOf(const Hook& hook, unsigned number) const noexcept {
     for (const ArmedFault& fault : faults) {
       if (fault.hook.load(std::memory_order_acquire) != &hook) continue;
@@ -183,7 +226,8 @@ struct CallHooks::State {
     const unsigned number = ++hook.count;
     if (const Observer observer = state.observer) {
       observer({hook.name.c_str(),
-                {frame->Argument(0), frame->Argument(1), frame->Argument(2), frame->Argument(3)}});
+                {frame->Argument(0), frame->Argument(1), frame->Argument(2), frame->Argument(3)},
+                frame->returnAddress});
     }
     if (hook.isPlatformCall) state.CountPlatformCall();
     Verdict verdict = Verdict::PassOn;
@@ -210,7 +254,7 @@ CallHooks::CallHooks() : m_State(TakeState()) {
 CallHooks::~CallHooks() {
   Disarm();
   Observe(nullptr);
-  EndProcessAt(kNever, 0);
+  EndProcessAt(0, 0);
   Lift();
   g_free = m_State;
 }
@@ -222,6 +266,7 @@ CallHooks::State* CallHooks::TakeState() {
   if (former == nullptr) return new State;
   for (Hook& hook : former->hooks) hook.count = 0;
   former->platformCalls = 0;
+  former->isLifted = false;
   return former;
 }
 
@@ -232,24 +277,18 @@ void CallHooks::Place(HMODULE module) {
   };
   std::vector<Entry> entries;
   std::vector<Hook*> without;
+  const std::lock_guard lock(m_State->lock);
+  m_State->isLifted = false;
   VisitImports(module, [&](const ImportEntry& import) {
     if (InspectsItsCaller(import.function) || !IsCode(*import.slot)) return;
     Hook* hook = Find(import.function);
     if (hook == nullptr) {
-      hook = &m_State->hooks.emplace_back();
-      hook->state = m_State;
-      hook->name = import.function;
-      hook->known = FindKnownCall(import.function);
-      hook->isPlatformCall = hook->known == nullptr || hook->known->kind == KnownCall::Kind::Platform;
+      hook = &Add(import.function, FindKnownCall(import.function));
       without.push_back(hook);
     }
     entries.push_back({hook, import.slot});
   });
-  if (!without.empty()) {
-    ThunkPage page(without.size());
-    for (Hook* hook : without) hook->thunk = page.AddCall(&State::Decide, hook, &hook->target);
-    page.Seal();
-  }
+  State::MakeThunks(without);
   for (const auto& [hook, slot] : entries) {
     if (*slot == hook->thunk) continue;
     hook->target = *slot;
@@ -259,17 +298,58 @@ void CallHooks::Place(HMODULE module) {
 }
 
 void CallHooks::Lift() {
-  for (Hook& hook : m_State->hooks) {
-    for (void** const slot : hook.slots) {
-      if (*slot == hook.thunk) WriteSlot(slot, hook.target);
-    }
-    hook.slots.clear();
-  }
   {
     const std::lock_guard lock(m_State->lock);
-    ++m_State->liftings;
+    m_State->isLifted = true;
+    for (Hook& hook : m_State->hooks) {
+      for (void** const slot : hook.slots) {
+        if (*slot == hook.thunk) WriteSlot(slot, hook.target);
+      }
+      hook.slots.clear();
+    }
   }
-  m_State->changed.NotifyAll();
+  LetGo();
+}
+
+void CallHooks::Expect(std::span<const KnownCall> calls) {
+  std::vector<Hook*> without;
+  for (const KnownCall& call : calls) {
+    if (Find(call.name) != nullptr) continue;
+    Hook& hook = Add(call.name, &call);
+    hook.isForeign = true;
+    without.push_back(&hook);
+  }
+  State::MakeThunks(without);
+}
+
+void* CallHooks::InFrontOf(std::string_view function, void* target) {
+  Hook* const hook = Find(function);
+  const std::lock_guard lock(m_State->lock);
+  if (hook == nullptr || target == nullptr || m_State->isLifted) return target;
+  hook->target = target;
+  return hook->thunk;
+}
+
+void CallHooks::CoverObject(std::span<const char* const> calls, void* object) {
+  void** const table = *static_cast<void***>(object);
+  const std::lock_guard lock(m_State->lock);
+  if (m_State->isLifted) return;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    Hook* const hook = Find(calls[i]);
+    if (hook == nullptr || table[i] == hook->thunk) continue;
+    hook->target = table[i];
+    hook->slots.push_back(&table[i]);
+    WriteSlot(&table[i], hook->thunk);
+  }
+}
+
+CallHooks::Hook& CallHooks::Add(std::string_view function, const KnownCall* known) {
+  Hook& hook = m_State->hooks.emplace_back();
+  hook.state = m_State;
+  hook.name = function;
+  hook.known = known;
+  hook.isPlatformCall = known == nullptr || known->kind == KnownCall::Kind::Platform;
+  return hook;
 }
 
 CallHooks::Hook* CallHooks::Find(std::string_view function) const {
@@ -279,16 +359,15 @@ CallHooks::Hook* CallHooks::Find(std::string_view function) const {
 
 bool CallHooks::Knows(std::string_view function) const {
   const Hook* const hook = Find(function);
-  return hook != nullptr && !hook->slots.empty();
+  return hook != nullptr && (!hook->slots.empty() || hook->isForeign);
 }
 
 void CallHooks::Arm(const CallFault& fault) {
   const Hook* const hook = Find(fault.function);
   if (!Knows(fault.function))
     throw std::runtime_error("a fault names " + fault.function + ", which is not imported");
-  const KnownCall* const known = hook->known;
-  const bool hasToFail = fault.way == Way::Refused || fault.way == Way::RefusedAfterEffect;
-  if (hasToFail && (known == nullptr || !known->CanFail()))
+  const std::optional<Answer> answer = AnswerOf(hook->known, fault);
+  if (!answer && fault.way != Way::Delayed && fault.way != Way::NeverReturns)
     throw std::runtime_error("nobody has described how " + fault.function + " fails");
   const auto unused =
       std::ranges::find(m_State->faults, nullptr, [](const ArmedFault& each) { return each.hook.load(); });
@@ -298,21 +377,33 @@ void CallHooks::Arm(const CallFault& fault) {
   unused->calls = fault.calls;
   unused->way = fault.way;
   unused->delay = fault.delay;
-  if (hasToFail) {
-    const bool byResult = known->tells == KnownCall::Tells::ByResult;
-    unused->result = byResult ? fault.error.value_or(static_cast<DWORD>(known->result)) : known->result;
-    unused->lastError = byResult ? 0 : fault.error.value_or(known->lastError);
-  }
+  unused->leaves = fault.way == Way::Refused && hook->known != nullptr ? hook->known->leaves : nullptr;
+  unused->result = answer ? answer->result : 0;
+  unused->lastError = answer ? answer->lastError : 0;
   unused->hook.store(hook, std::memory_order_release);
 }
 
 void CallHooks::Disarm() {
   for (ArmedFault& fault : m_State->faults) fault.hook = nullptr;
   m_State->hits = 0;
+  m_State->missed = 0;
 }
 
 unsigned CallHooks::Hits() const {
   return m_State->hits;
+}
+
+unsigned CallHooks::Missed() const {
+  return m_State->missed;
+}
+
+std::vector<DWORD> CallHooks::HeldThreads() const {
+  const std::lock_guard lock(m_State->lock);
+  return m_State->held;
+}
+
+void CallHooks::LetGo() {
+  m_State->LetGo();
 }
 
 void CallHooks::ResetCounts() {
@@ -345,7 +436,7 @@ unsigned CallHooks::PlatformCalls() const {
 
 void CallHooks::EndProcessAt(unsigned platformCall, unsigned exitCode) {
   m_State->exitCode = exitCode;
-  m_State->lastPlatformCall = platformCall;
+  m_State->platformCallsToLive = platformCall;
 }
 
 void CallHooks::Observe(Observer observer) {

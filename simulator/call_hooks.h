@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "simulator/known_calls.h"
 #include "simulator/occurrence.h"
 
 namespace simulator {
@@ -18,8 +21,10 @@ struct CallFault {
   enum class Way {
     Refused,             ///< fails without having done anything
     RefusedAfterEffect,  ///< does what was asked for, and tells of a failure all the same
+    Undocumented,        ///< answers what is neither success nor failure, and has done nothing
+    DoesNothing,         ///< tells of success without having done anything
     Delayed,             ///< is held back first
-    NeverReturns         ///< is held back until the hooks are lifted
+    NeverReturns         ///< is held back until somebody lets it go on
   };
 
   std::string function;
@@ -34,6 +39,7 @@ struct SeenCall {
   const char* function;
   /// The four that stand in registers; one that is a floating-point number is not among them.
   std::uint64_t arguments[4];
+  const void* returnsTo;  ///< where it was made
 };
 
 /// Stands in front of every function that one loaded module imports, whatever its signature, and passes the
@@ -55,6 +61,14 @@ class CallHooks {
   /// any more.
   void Lift();
 
+  /// Makes room for functions that the module does not import, but comes by while it runs.
+  void Expect(std::span<const KnownCall> calls);
+  /// What to hand the module in place of one of these. Any thread.
+  void* InFrontOf(std::string_view function, void* target);
+  /// Puts hooks into an object's table of functions, which all objects of its class share. Any thread.
+  /// @param calls by slots.
+  void CoverObject(std::span<const char* const> calls, void* object);
+
   bool Knows(std::string_view function) const;
   /// A function that the module does not import, or of which no failure is known, gives std::runtime_error:
   /// the fault would never happen, unnoticed. No more than sixteen at a time.
@@ -62,6 +76,13 @@ class CallHooks {
   void Disarm();
   /// Calls that a fault has hit since it was armed, over all faults that are armed.
   unsigned Hits() const;
+  /// Calls that should have failed and could not be made to.
+  unsigned Missed() const;
+
+  /// The threads of calls that do not return.
+  std::vector<DWORD> HeldThreads() const;
+  /// Lets them go on.
+  void LetGo();
 
   void ResetCounts();
   /// Calls since then, of those functions that were called.
@@ -70,7 +91,7 @@ class CallHooks {
 
   /// Calls of the system since the last reset, without those that leave no trace outside of the process.
   unsigned PlatformCalls() const;
-  /// Ends the process, with no more of it running, when that many calls of the system have begun.
+  /// Ends the process, with no more of it running, when that many more calls of the system have begun.
   void EndProcessAt(unsigned platformCall, unsigned exitCode);
 
   /// Is told of every call, before it is decided about; null for nobody. Must not call anything that can
@@ -84,6 +105,7 @@ class CallHooks {
  private:
   static State* TakeState();
   Hook* Find(std::string_view function) const;
+  Hook& Add(std::string_view function, const KnownCall* known);
 
   // Outlives the object, for threads that are in a hook: it is never given back.
   State* const m_State;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <vector>
 
 namespace simulator {
@@ -50,6 +51,18 @@ constexpr KnownCall OfRuntime(KnownCall call) {
 }
 constexpr KnownCall Locally(KnownCall call) {
   call.kind = Kind::Local;
+  return call;
+}
+
+/// A stream that cannot be read any further, which looks like one at its end otherwise.
+void SpoilStream([[maybe_unused]] std::uint64_t stream) {
+#if defined(__MINGW32__)
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): an argument as the register holds it.
+  reinterpret_cast<std::FILE*>(stream)->_flag |= _IOERR;
+#endif
+}
+constexpr KnownCall WithSpoiltStream(KnownCall call) {
+  call.leaves = &SpoilStream;
   return call;
 }
 
@@ -146,8 +159,9 @@ constexpr KnownCall kCallsThatFail[] = {
     Code("RegOpenKeyExA", ERROR_ACCESS_DENIED),
     Code("RegOpenKeyExW", ERROR_ACCESS_DENIED),
     Code("RegCreateKeyExW", ERROR_ACCESS_DENIED),
-    Code("RegQueryValueExA", ERROR_FILE_NOT_FOUND),
-    Code("RegQueryValueExW", ERROR_FILE_NOT_FOUND),
+    // Not that there is no such value, which is no failure.
+    Code("RegQueryValueExA", ERROR_NO_SYSTEM_RESOURCES),
+    Code("RegQueryValueExW", ERROR_NO_SYSTEM_RESOURCES),
     WithEffect(Code("RegSetValueExW", ERROR_NO_SYSTEM_RESOURCES)),
     Code("RegNotifyChangeKeyValue", ERROR_KEY_DELETED),
     Implausibly(Code("RegCloseKey", ERROR_INVALID_HANDLE)),
@@ -185,7 +199,7 @@ constexpr KnownCall kCallsThatFail[] = {
     OfRuntime(AllOnes("_open", 0)),
     OfRuntime(AllOnes("_read", 0)),
     OfRuntime(AllOnes("_write", 0)),
-    OfRuntime(AllOnes("fgetc", 0)),
+    WithSpoiltStream(OfRuntime(AllOnes("fgetc", 0))),
     Implausibly(OfRuntime(Code("_splitpath_s", ERANGE))),
     Implausibly(OfRuntime(Code("_wsplitpath_s", ERANGE))),
     Implausibly(OfRuntime(AllOnes("_vscprintf_p_l", 0))),
@@ -315,9 +329,11 @@ std::span<const KnownCall> KnownCalls() {
 }
 
 const KnownCall* FindKnownCall(std::string_view name) {
-  const auto calls = KnownCalls();
-  const auto found = std::ranges::find(calls, name, &KnownCall::name);
-  return found == calls.end() ? nullptr : &*found;
+  for (const auto& calls : {KnownCalls(), KnownForeignCalls()}) {
+    const auto found = std::ranges::find(calls, name, &KnownCall::name);
+    if (found != calls.end()) return &*found;
+  }
+  return nullptr;
 }
 
 bool InspectsItsCaller(std::string_view name) {

@@ -133,7 +133,10 @@ FARPROC WINAPI SimulatedGetProcAddress(HMODULE module, LPCSTR name) {
   if (!machine) return ::GetProcAddress(module, name);
   if (module != g_library || IS_INTRESOURCE(name)) return ::GetProcAddress(module, name);
   const std::string real = RealExport(machine->options.faults.library, name);
-  if (!real.empty()) return ::GetProcAddress(module, real.c_str());
+  if (!real.empty()) {
+    void* const function = reinterpret_cast<void*>(::GetProcAddress(module, real.c_str()));
+    return reinterpret_cast<FARPROC>(machine->Covered(real, function));
+  }
   ::SetLastError(ERROR_PROC_NOT_FOUND);
   return nullptr;
 }

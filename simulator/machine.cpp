@@ -66,6 +66,16 @@ std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& functio
   return answer;
 }
 
+void Machine::CoverLibrary(Cover cover) {
+  const std::lock_guard lock(m_Mutex);
+  m_Cover.swap(cover);
+}
+
+void* Machine::Covered(const std::string& function, void* target) const {
+  const std::lock_guard lock(m_Mutex);
+  return m_Cover ? m_Cover(function, target) : target;
+}
+
 void Machine::Hang(std::unique_lock<Lock>& lock, const LibraryCallFault& fault) {
   const working_threads::Rest rest;
   if (fault.untilWaitExpires != 0) {

@@ -34,6 +34,12 @@ class Machine {
   /// Counts a call to the library, holds it back, and answers it if a fault says so.
   std::optional<std::int32_t> BeginLibraryCall(const std::string& function, int argument,
                                                const std::string& detail);
+  /// What stands in front of the library's functions from now on; null for nothing.
+  using Cover = std::function<void*(const std::string& function, void* target)>;
+  void CoverLibrary(Cover cover);
+  /// What the product gets for a function that the library has.
+  void* Covered(const std::string& function, void* target) const;
+
   /// Numbers the looks at a thing from 1.
   int CountLook(const std::string& what);
 
@@ -55,6 +61,7 @@ class Machine {
   std::vector<JournalEntry> m_Journal;
   std::map<std::string, int> m_LibraryCalls;
   std::map<std::string, int> m_Looks;
+  Cover m_Cover;
   std::vector<int> m_FaultCalls;
   std::map<DWORD, int> m_ExpiredWaits;
   Condition m_Hangs;

@@ -1,6 +1,7 @@
 #include "simulator/virtual_pc.h"
 
 #include <exception>
+#include <utility>
 
 #include "simulator/call_hooks.h"
 #include "simulator/clock_calls.h"
@@ -54,6 +55,7 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
     try {
       m_Hooks->Place(module);
       ArmFaults(PlatformCallFault::When::Loading);
+      if (m_Prepare) m_Prepare(*m_Hooks);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -64,11 +66,21 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
   return module;
 }
 
+void VirtualPc::WhenPlaced(std::function<void(CallHooks&)> prepare) {
+  m_Prepare = std::move(prepare);
+}
+
 void VirtualPc::Begin() {
   SetCurrentMachine(m_Machine);
-  m_MobileBroadband =
-      std::make_unique<SimulatedMobileBroadband>(Connected(m_Machine->options.mobileBroadband, m_Machine));
-  m_Hooks = std::make_unique<CallHooks>();
+  m_Hooks = std::make_shared<CallHooks>();
+  m_Hooks->Expect(KnownForeignCalls());
+  m_Machine->CoverLibrary(
+      [hooks = m_Hooks](const std::string& name, void* target) { return hooks->InFrontOf(name, target); });
+  MobileBroadbandBehaviour behaviour = Connected(m_Machine->options.mobileBroadband, m_Machine);
+  behaviour.onHandOut = [hooks = m_Hooks](std::span<const char* const> calls, IUnknown* object) {
+    hooks->CoverObject(calls, object);
+  };
+  m_MobileBroadband = std::make_unique<SimulatedMobileBroadband>(std::move(behaviour));
 }
 
 void VirtualPc::Patch(HMODULE product) {
@@ -96,6 +108,10 @@ void VirtualPc::ArmFaults(PlatformCallFault::When when) {
 
 void VirtualPc::Uninstall() {
   if (!m_MobileBroadband) return;
+  m_Hooks->Disarm();
+  m_Hooks->Observe(nullptr);
+  m_Hooks->Lift();
+  m_Machine->CoverLibrary(nullptr);
   m_Hooks.reset();
   m_Patch.reset();
   m_MobileBroadband.reset();

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,6 +41,10 @@ class VirtualPc {
   /// routine still meets the system, and the faults that are there for it.
   /// @return the module; null, with the last error set, when it cannot be loaded.
   HMODULE LoadUnderSimulation(const std::filesystem::path& product);
+  /// What is done with the hooks once they stand in front of the library that is loaded next, and before its
+  /// entry routine runs. May not load anything; what it throws comes
+  /// out of LoadUnderSimulation.
+  void WhenPlaced(std::function<void(CallHooks&)> prepare);
   /// Gives the module its own calls back.
   void Uninstall();
 
@@ -61,7 +66,8 @@ class VirtualPc {
   std::map<std::string, int> LibraryCalls() const;
   /// Calls of the product to the functions that it imports, by name, from the installation on.
   std::map<std::string, int> PlatformCalls() const;
-  /// Everything that the product imports. Only while the simulation is installed.
+  /// In front of everything that the product imports, of the flashing library's functions and of the Mobile
+  /// Broadband service's objects. Only while the simulation is installed.
   CallHooks& Hooks();
   std::vector<JournalEntry> Journal() const;
   /// Empties the journal, the list of Mobile Broadband calls and with it the counts taken from them, so that
@@ -76,7 +82,9 @@ class VirtualPc {
   std::shared_ptr<Machine> m_Machine;
   std::unique_ptr<SimulatedMobileBroadband> m_MobileBroadband;
   std::unique_ptr<ImportPatch> m_Patch;
-  std::unique_ptr<CallHooks> m_Hooks;
+  std::function<void(CallHooks&)> m_Prepare;
+  // Shared with threads that come by a function of the flashing library, or an object, while it is given up.
+  std::shared_ptr<CallHooks> m_Hooks;
 };
 
 }  // namespace simulator

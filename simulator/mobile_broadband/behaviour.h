@@ -2,11 +2,14 @@
 
 #include <windows.h>
 
+#include <unknwn.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -58,6 +61,8 @@ struct MobileBroadbandBehaviour {
   std::function<void()> onRebootCommand;
   /// Runs inside each call, by its name, before the call does anything.
   std::function<void(const std::string&)> onCall;
+  /// Told of each object that is handed out, with the names of its calls by slot.
+  std::function<void(std::span<const char* const> calls, IUnknown* object)> onHandOut;
   /// Real time of a virtual delay; not set: they are the same.
   std::function<std::chrono::milliseconds(std::chrono::milliseconds)> realTime;
   /// Present virtual time, by which completions come due; not set: the real one, with realTime.

@@ -41,7 +41,8 @@ class InterfaceManager final : public ServiceObject<IMbnInterfaceManager> {
     if (TheService().ModemIsThere()) {
       for (const auto& id : TheService().behaviour.interfaces) {
         // The array takes over the reference; an empty id stands for an element that holds nothing.
-        interfaces.push_back(id.empty() ? nullptr : new BroadbandInterface(SharedService(), id));
+        interfaces.push_back(
+            id.empty() ? nullptr : Announced<IMbnInterface>(new BroadbandInterface(SharedService(), id)));
       }
     }
     return NewArray(VT_UNKNOWN, interfaces);

@@ -5,8 +5,10 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
+#include "simulator/mobile_broadband/interface_calls.h"
 #include "simulator/mobile_broadband/service.h"
 
 #if defined(__GNUC__)
@@ -25,8 +27,8 @@ class ServiceObject : public First, public Rest... {
 
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
     *object = nullptr;
-    if (iid == __uuidof(IUnknown) || iid == __uuidof(First)) *object = static_cast<First*>(this);
-    ((iid == __uuidof(Rest) ? static_cast<void>(*object = static_cast<Rest*>(this)) : void()), ...);
+    if (iid == __uuidof(IUnknown) || iid == __uuidof(First)) *object = Announced<First>(this);
+    ((iid == __uuidof(Rest) ? static_cast<void>(*object = Announced<Rest>(this)) : void()), ...);
     if (*object == nullptr) return E_NOINTERFACE;
     AddRef();
     return S_OK;
@@ -50,8 +52,18 @@ class ServiceObject : public First, public Rest... {
   HRESULT HandOut(const std::string& call, Interface** out, const Make& make) {
     *out = nullptr;
     const HRESULT result = m_Service->Enter(call);
-    if (SUCCEEDED(result) && !m_Service->IsEmptyHanded(call)) *out = make();
+    if (SUCCEEDED(result) && !m_Service->IsEmptyHanded(call)) *out = Announced<Interface>(make());
     return result;
+  }
+
+  /// Tells whoever wants to know of an object that the caller gets.
+  template <typename Interface>
+  Interface* Announced(Interface* object) const {
+    if constexpr (std::is_base_of_v<IUnknown, Interface>) {
+      const auto& tell = m_Service->behaviour.onHandOut;
+      if (tell && object != nullptr) tell(CallsOf<Interface>(), object);
+    }
+    return object;
   }
 
  private:

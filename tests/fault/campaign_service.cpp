@@ -7,12 +7,16 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 #include "simulator/load_watch.h"
+#include "simulator/lock.h"
 #include "support/quick_modem.h"
 
 namespace campaign {
@@ -25,10 +29,10 @@ using namespace std::chrono_literals;
 using RealClock = std::chrono::steady_clock;
 
 constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
-constexpr wchar_t kImage[] = L"nvm.fls";
-// Not faster: a thread that has to wait for a processor must not miss the time limits of what it does.
-constexpr double kSpeed = 200;
-constexpr auto kPatience = 30s;
+constexpr wchar_t kModemImage[] = L"modem.fls";
+constexpr wchar_t kNvmImage[] = L"nvm.fls";
+// Time flies less while somebody waits for a thread that hangs.
+constexpr auto kPatience = 90s;
 
 /// Sees the service begin its endless wait for a change of the key: it waits so only when it has looked and
 /// nothing is asked for, and on the event that it has armed. And sees what the modem is like when a result is
@@ -38,9 +42,16 @@ class Witness {
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
     if (function == "RegSetValueExW") SeeValue(reinterpret_cast<const wchar_t*>(call.arguments[1]));
+    if (const char* const last = s_lastFunction; last != nullptr && function == last)
+      ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_callsWhileWriting != 0 && s_modem->State() == ModemState::Writing && --s_callsWhileWriting == 0)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
-    if (function == "RegNotifyChangeKeyValue") s_event = call.arguments[3];
+    if (s_records) Note(call);
+    if (function == "RegNotifyChangeKeyValue") {
+      s_event = call.arguments[3];
+      s_supervisor = ::GetCurrentThreadId();
+      s_hasWritten = false;
+    }
     if (function == "WaitForSingleObject" && call.arguments[0] == s_event &&
         static_cast<DWORD>(call.arguments[1]) == INFINITE) {
       ++s_count;
@@ -50,7 +61,18 @@ class Witness {
   static void AlsoTell(CallHooks::Observer other) { s_other = other; }
   static unsigned Count() { return s_count; }
   static ModemState ModemAtResult() { return s_modemAtResult; }
+  static DWORD Supervisor() { return s_supervisor; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
+  static void Record(bool calls) { s_records = calls; }
+  static std::vector<MadeCall> TakeRecord() {
+    const std::lock_guard lock(s_lock);
+    s_numbers.clear();
+    return std::exchange(s_record, {});
+  }
+  static void EndProcessBefore(const char* function, unsigned exitCode) {
+    s_exitCode = exitCode;
+    s_lastFunction = function;
+  }
   static void EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
     s_exitCode = exitCode;
     s_callsWhileWriting = calls;
@@ -61,9 +83,26 @@ class Witness {
     if (std::wstring_view(name) == L"Flash_Result") s_modemAtResult = s_modem->State();
   }
 
+  static void Note(const SeenCall& call) noexcept {
+    constexpr int kStages = 100;
+    const ModemState state = s_modem->State();
+    if (state == ModemState::Writing) s_hasWritten = true;
+    const int stage = static_cast<int>(state) + (s_hasWritten ? kStages : 0);
+    const std::lock_guard lock(s_lock);
+    s_record.push_back(
+        {call.function, ++s_numbers[call.function], reinterpret_cast<std::uintptr_t>(call.returnsTo), stage});
+  }
+
   static inline std::atomic<CallHooks::Observer> s_other{nullptr};
   static inline VirtualModem* s_modem = nullptr;
+  static inline Lock s_lock;
+  static inline std::vector<MadeCall> s_record;
+  static inline std::map<std::string, int> s_numbers;
+  static inline std::atomic<bool> s_records{false};
+  static inline std::atomic<bool> s_hasWritten{false};
+  static inline std::atomic<DWORD> s_supervisor{0};
   static inline std::atomic<unsigned> s_callsWhileWriting{0};
+  static inline std::atomic<const char*> s_lastFunction{nullptr};
   static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
   static inline std::atomic<std::uint64_t> s_event{0};
@@ -102,45 +141,66 @@ bool Becomes(const std::function<bool()>& condition) {
 
 }  // namespace
 
-Service::Service(Route route, bool log, const std::wstring& key, Begins begins)
+Service::Service(const ServicePlan& plan)
     : m_Folder(hosts::ProgramFolder()),
-      m_Route(route),
-      m_Key{HKEY_CURRENT_USER, L"HKCU", key},
-      m_Pc(PcOf(route, m_Folder, begins)) {
+      m_Plan(plan),
+      m_Key{HKEY_CURRENT_USER, L"HKCU", plan.key},
+      m_Pc(PcOf(plan.route, m_Folder, plan.begins)) {
   Setup setup;
-  setup.route = route;
+  setup.route = plan.route;
   m_Configuration = std::make_unique<ConfigurationFile>(m_Folder, setup, m_Key.rootName + L"\\" + m_Key.path,
                                                         m_Folder / L"firmware");
-  if (!log) TurnLogOff(m_Folder / L"CorvelConfig.ini");
+  if (!plan.log) TurnLogOff(m_Folder / L"CorvelConfig.ini");
   Witness::Watch(m_Pc.Modem());
   m_Pc.Modem().KeepStateIn(m_Folder / kStateFile);
 }
 
-bool Service::Begin() {
+HMODULE Service::Load() {
   // Nobody may miss the first wait: whoever watches is there before the library's thread is.
   const LoadWatch watch(kLibrary, [this](HMODULE) { Hooks().Observe(&Witness::See); });
-  return m_Pc.LoadUnderSimulation(m_Folder / kLibrary) != nullptr && AwaitRest(0);
+  return m_Pc.LoadUnderSimulation(m_Folder / kLibrary);
+}
+
+bool Service::Begin() {
+  return Load() != nullptr && AwaitRest(0);
 }
 
 void Service::PutModemWhereTheRouteBegins() {
-  if (m_Route == Route::Bbrst) return m_Pc.Modem().Put(ModemState::Restarting);
-  m_Pc.Modem().Put(m_Route == Route::FlashPort ? ModemState::FlashPort : ModemState::Normal);
+  if (m_Plan.route == Route::Bbrst) return m_Pc.Modem().Put(ModemState::Restarting);
+  m_Pc.Modem().Put(m_Plan.route == Route::FlashPort ? ModemState::FlashPort : ModemState::Normal);
 }
 
-void Service::LayImage(std::uint32_t seed) {
-  ExpectImage(seed);
+void Service::LayImages(std::uint32_t seed) {
+  ExpectImages(seed);
   const auto folder = m_Folder / L"firmware";
   std::filesystem::create_directories(folder);
-  if (!SaveImageFile(m_Image, folder / kImage)) throw std::runtime_error("the image cannot be laid");
+  // An attempt that was given up may have the former ones open.
+  const bool isLaid = Becomes([&] {
+    return SaveImageFile(m_Nvm, folder / kNvmImage) &&
+           (m_Plan.images == Images::Small || SaveImageFile(m_Modem, folder / kModemImage));
+  });
+  if (!isLaid) throw std::runtime_error("the images cannot be laid");
 }
 
-void Service::ExpectImage(std::uint32_t seed) {
-  m_Image = BuildImage(SmallImagePlan(seed));
+void Service::ExpectImages(std::uint32_t seed) {
+  if (m_Plan.images == Images::Small) {
+    m_Nvm = BuildImage(SmallImagePlan(seed));
+    return;
+  }
+  m_Modem = BuildImage(ModemImagePlan(2 * seed));
+  m_Nvm = BuildImage(NvmImagePlan(2 * seed + 1));
 }
 
 bool Service::IsImageLeft() const {
   std::error_code ignored;
-  return std::filesystem::exists(m_Folder / L"firmware" / kImage, ignored);
+  const auto folder = m_Folder / L"firmware";
+  return std::filesystem::exists(folder / kNvmImage, ignored) ||
+         std::filesystem::exists(folder / kModemImage, ignored);
+}
+
+MemoryComparison Service::Compare() {
+  if (m_Nvm.items.empty()) return {};
+  return m_Pc.Modem().CompareWith(m_Plan.images == Images::Large ? &m_Modem : nullptr, &m_Nvm);
 }
 
 unsigned Service::Waits() {
@@ -151,31 +211,72 @@ void Service::AlsoTell(CallHooks::Observer observer) {
   Witness::AlsoTell(observer);
 }
 
+DWORD Service::Supervisor() {
+  return Witness::Supervisor();
+}
+
+void Service::Record(bool calls) {
+  Witness::Record(calls);
+}
+
+std::vector<MadeCall> Service::TakeRecord() const {
+  const auto begin = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(kLibrary));
+  std::vector<MadeCall> record = Witness::TakeRecord();
+  for (MadeCall& call : record) call.place -= begin;
+  return record;
+}
+
+void Service::EndProcessBefore(const char* function, unsigned exitCode) {
+  Witness::EndProcessBefore(function, exitCode);
+}
+
 void Service::EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
   Witness::EndProcessWhileWriting(calls, exitCode);
 }
 
-JobEnd Service::Run() {
+void Service::ForgetLastJob() {
+  for (const wchar_t* name : {hosts::kResultValue, hosts::kOnGoingValue})
+    hosts::WriteHandshakeValue(m_Key, name, 0);
+}
+
+void Service::Request() {
   m_Pc.ClearJournal();
-  const unsigned waits = Waits();
+  m_WaitsBefore = Waits();
   if (const DWORD error = hosts::WriteHandshakeValue(m_Key, L"Fls_Ready", 1); error != 0)
     throw std::runtime_error("the flag cannot be raised: " + hosts::SystemErrorText(error));
-  return Look(AwaitRest(waits));
+}
+
+JobEnd Service::Run(const std::function<bool()>& giveUp) {
+  Request();
+  bool isGivenUp = false;
+  const bool isOver = Becomes([&] {
+    isGivenUp = giveUp && giveUp();
+    return isGivenUp || IsAtRest(m_WaitsBefore);
+  });
+  return Look(isOver && !isGivenUp);
+}
+
+JobEnd Service::GoOn() {
+  return Look(AwaitRest(m_WaitsBefore));
+}
+
+bool Service::IsAtRest(unsigned formerWaits) const {
+  return Waits() > formerWaits && Values().ready != 1u;
 }
 
 bool Service::AwaitRest(unsigned formerWaits) {
-  return Becomes([&] { return Waits() > formerWaits && Values().ready != 1u; });
+  return Becomes([&] { return IsAtRest(formerWaits); });
 }
 
 JobEnd Service::Look(bool ended) {
   JobEnd end;
   end.ended = ended;
   end.values = Values();
-  end.isMemoryEqual = !m_Image.items.empty() && m_Pc.Modem().CompareWith(nullptr, &m_Image).equal;
+  end.isMemoryEqual = Compare().equal;
   end.modem = m_Pc.Modem().State();
   end.modemAtResult = Witness::ModemAtResult();
   end.isImageLeft = IsImageLeft();
-  end.sawImage = m_Pc.LibraryLoads() > 0 || end.values.progress != 0u;
+  end.sawImage = m_Pc.LibraryLoads() > 0;
   return end;
 }
 

@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "hosts/common/handshake.h"
 #include "simulator/call_hooks.h"
@@ -18,6 +19,10 @@
 #include "simulator/virtual_pc.h"
 
 namespace campaign {
+
+/// How fast time passes for the service. Not faster: a thread that has to wait for a processor must not miss
+/// the time limits of what it does.
+inline constexpr int kSpeed = 200;
 
 /// What came of one job.
 struct JobEnd {
@@ -40,31 +45,61 @@ enum class Begins {
   WithModemAsLeft,  ///< as an earlier process has left it when it died
 };
 
+enum class Images {
+  Small,  ///< one of 64 KB
+  Large,  ///< a modem image of 12 MB with nine items, and an NVM image
+};
+
+struct ServicePlan {
+  simulator::Route route = simulator::Route::Mbim;
+  bool log = false;
+  Images images = Images::Small;
+  std::wstring key;  ///< is there already; whoever made it removes it
+  Begins begins = Begins::Anew;
+};
+
+/// A call of the library to a function that stands behind a hook.
+struct MadeCall {
+  std::string function;
+  int number = 1;            ///< among those of the function, since the recording began
+  std::uintptr_t place = 0;  ///< where it was made, from the library's beginning on
+  int stage = 0;             ///< how far the job was
+};
+
 /// The service of this process in its virtual PC, and the controlling program in front of it. Once per
 /// process.
 class Service {
  public:
-  /// @param key is there already; whoever made it removes it.
-  Service(simulator::Route route, bool log, const std::wstring& key, Begins begins = Begins::Anew);
+  explicit Service(const ServicePlan& plan);
 
   simulator::VirtualPc& Pc() { return m_Pc; }
   simulator::CallHooks& Hooks() { return m_Pc.Hooks(); }
 
-  /// Loads the library. @return false when it does not come to wait for a request, with all done that was
-  /// asked for before.
+  /// Loads the library. @return null, with the last error set, when it cannot be loaded.
+  HMODULE Load();
+  /// Loads it. @return false when it does not come to wait for a request, with all done that was asked for
+  /// before.
   bool Begin();
   /// Brings the modem to where the route begins.
   void PutModemWhereTheRouteBegins();
-  /// Lays another image each time, a small one, with those bytes.
-  void LayImage(std::uint32_t seed);
-  /// The image that an earlier process laid.
-  void ExpectImage(std::uint32_t seed);
-  /// Raises the flag and waits until the job is done.
-  JobEnd Run();
+  /// Lays other images each time, with those bytes.
+  void LayImages(std::uint32_t seed);
+  /// The images that an earlier process laid.
+  void ExpectImages(std::uint32_t seed);
+  /// Takes back what the last job has left in the registry, as the host of the command line does.
+  void ForgetLastJob();
+  /// Raises the flag.
+  void Request();
+  /// Does that and waits until the job is done, or it is given up.
+  JobEnd Run(const std::function<bool()>& giveUp = {});
+  /// Goes on to wait for the end of a job that was given up.
+  JobEnd GoOn();
   /// Is told of every call, too, once the service has begun; null for nobody.
   static void AlsoTell(simulator::CallHooks::Observer observer);
   /// Ends the process when so many calls of the library have begun while an item was written.
   static void EndProcessWhileWriting(unsigned calls, unsigned exitCode);
+  /// Ends the process at the next call of a function; its name has to live on.
+  static void EndProcessBefore(const char* function, unsigned exitCode);
   hosts::Handshake Values() const { return hosts::ReadHandshake(m_Key); }
   /// What the handshake and the modem say now.
   JobEnd Look(bool ended);
@@ -72,16 +107,26 @@ class Service {
   bool AwaitRest(unsigned formerWaits);
   /// How often it began to wait so.
   static unsigned Waits();
+  /// The thread that serves the requests; 0 before its first wait.
+  static DWORD Supervisor();
+  /// From now on each call is noted, or no longer.
+  static void Record(bool calls);
+  /// What was noted, which is forgotten.
+  std::vector<MadeCall> TakeRecord() const;
 
  private:
+  bool IsAtRest(unsigned formerWaits) const;
   bool IsImageLeft() const;
+  simulator::MemoryComparison Compare();
 
   const std::filesystem::path m_Folder;
-  const simulator::Route m_Route;
+  const ServicePlan m_Plan;
   const hosts::HandshakeKey m_Key;
   std::unique_ptr<simulator::ConfigurationFile> m_Configuration;
   simulator::VirtualPc m_Pc;
-  simulator::FlashImage m_Image;
+  simulator::FlashImage m_Modem;  ///< of large images
+  simulator::FlashImage m_Nvm;
+  unsigned m_WaitsBefore = 0;
 };
 
 /// What becomes of a word that stands alone, and of one with its value. @return false when it means nothing.

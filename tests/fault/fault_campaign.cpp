@@ -1,38 +1,51 @@
-// Single faults in flash jobs of the service: for a route, every plausible failure of every call of a small
-// job, each in a job of its own, and behind each a job in which nothing fails.
+// Faults in flash jobs of the service: for a route, one case after the other, each in a job of its own, and
+// behind each a job in which nothing fails.
 //
-// usage: fault_campaign [--route mbim|at|bbrst|flash-port] [--log] [--seed N] [--step N]
-//                       [--from N] [--only "FUNCTION N"] [--list]
+// usage: fault_campaign [--route mbim|at|bbrst|flash-port] [--what WHAT] [--log] [--large] [--seed N] [--step
+// N]
+//                       [--count N] [--from N] [--only "FUNCTION N"] [--list]
 //
-// With --log, of each function the first, a middle and the last call. --step takes every N-th case, beginning
-// with the one that --seed chooses. --from goes on at a case, by its number. One line per finding; exit
-// status 1 when there is any that the list of what is not held does not name.
+// WHAT calls     every plausible failure of every call to what the library imports (default); with --log or
+//                --large of each function, place and stage the first, the second and the last call
+//      foreign   each call of the flashing library and of the Mobile Broadband objects: fails, answers what
+//      it
+//                never does, does nothing, is late, never returns
+//      hold-ups  of each function a call that is late or never returns
+//      repeated  of each function calls that fail twice in a row, and for good until that is mended
+//      pairs     any two of the functions fail
+//      triples   any three calls fail, --count times, by --seed
+//
+// --large flashes 12 MB. --step takes every N-th case, beginning with the one that --seed chooses. --from
+// goes on at a case, by its number. One line per finding; exit status 1 when there is any that the list of
+// what is not held does not name.
 //
 // Many cases share a process. One that hangs or crashes ends it; it is named, and the rest goes on behind it.
 
 #include <windows.h>
 
-#include <tlhelp32.h>
-
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fault/campaign_service.h"
 #include "fault/fault_cases.h"
+#include "fault/holdings.h"
+#include "fault/job_judgement.h"
 #include "hosts/common/text.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
-#include "support/handle_census.h"
 
 using namespace simulator;
 using namespace campaign;
@@ -44,17 +57,26 @@ using RealClock = std::chrono::steady_clock;
 
 constexpr unsigned long kGoOnBehind = 4;  ///< a child's exit status: its process serves no further case
 constexpr unsigned long kHangs = 5;
-constexpr auto kCaseLimit = 90s;
+constexpr auto kCaseLimit = 600s;
+/// A fault that lasts for good is mended then.
+constexpr auto kUntilMended = 4s;
+/// So long a service is looked at that hangs with a call of its own: 40 s of its time.
+constexpr DWORD kLookAtHanging = 200;
 constexpr wchar_t kProgressFile[] = L"campaign.txt";
 constexpr wchar_t kCasesFile[] = L"cases.txt";
 constexpr std::size_t kCasesPerCensus = 20;
-// A look takes long: it asks for every number that a handle may have.
-constexpr int kLooksAtHoldings = 5;
-constexpr DWORD kPauseBetweenLooks = 200;
+
+enum class What { Calls, Foreign, HoldUps, Repeated, Pairs, Triples };
+constexpr std::pair<const char*, What> kWhats[] = {{"calls", What::Calls},      {"foreign", What::Foreign},
+                                                   {"hold-ups", What::HoldUps}, {"repeated", What::Repeated},
+                                                   {"pairs", What::Pairs},      {"triples", What::Triples}};
 
 struct Options {
   Route route = Route::Mbim;
+  What what = What::Calls;
   bool log = false;
+  bool large = false;
+  std::size_t count = 200;
   std::size_t seed = 0;
   std::size_t step = 1;
   std::size_t from = 0;
@@ -64,6 +86,7 @@ struct Options {
   bool inPlace = false;
 };
 Options g_options;
+std::span<char* const> g_words;  ///< of the command line, for the children
 
 /// What a child reports to whoever started it.
 struct Progress {
@@ -113,57 +136,14 @@ class Watchdog {
   std::jthread m_Thread;
 };
 
-int ThreadsOfThisProcess() {
-  const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-  THREADENTRY32 entry{};
-  entry.dwSize = sizeof entry;
-  int count = 0;
-  for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry)) {
-    if (entry.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
-  }
-  ::CloseHandle(snapshot);
-  return count;
-}
-
-/// What the process holds, but for the keys that reading the registry leaves open, as it is meant to.
-struct Holdings {
-  int threads = 0;
-  HandleCensus handles;
-  bool operator==(const Holdings&) const = default;
-};
-
-Holdings CountHoldings() {
-  Holdings holdings{ThreadsOfThisProcess(), HandlesOfThisProcess()};
-  holdings.handles.erase(L"Key");
-  return holdings;
-}
-
-/// What there is more of now, in words; empty when nothing is.
-std::string Grown(const Holdings& before, const Holdings& now) {
-  std::string text;
-  if (now.threads > before.threads) text += " threads +" + std::to_string(now.threads - before.threads);
-  for (const auto& [type, count] : now.handles) {
-    const auto found = before.handles.find(type);
-    const int more = count - (found == before.handles.end() ? 0 : found->second);
-    if (more > 0) text += " " + hosts::ToUtf8(type) + " +" + std::to_string(more);
-  }
-  return text;
-}
-
-/// Until nothing ends any more that nobody waits for.
-Holdings SettledHoldings(const Holdings& expected) {
-  Holdings now = CountHoldings();
-  for (int looks = 0; looks < kLooksAtHoldings && !Grown(expected, now).empty(); ++looks) {
-    ::Sleep(kPauseBetweenLooks);
-    now = CountHoldings();
-  }
-  return now;
-}
-
 class Campaign {
  public:
   explicit Campaign(const Options& options)
-      : m_Options(options), m_Service(options.route, options.log, hosts::ToWide(options.key)) {}
+      : m_Options(options),
+        m_Service({.route = options.route,
+                   .log = options.log,
+                   .images = options.large ? Images::Large : Images::Small,
+                   .key = hosts::ToWide(options.key)}) {}
 
   int Run() {
     if (!m_Service.Begin()) return Fail("the service does not begin");
@@ -171,9 +151,11 @@ class Campaign {
     for (int times = 0; times < 2; ++times) {
       m_Service.PutModemWhereTheRouteBegins();
       m_Service.Hooks().ResetCounts();
+      Service::Record(times == 1);
       if (const std::string finding = SoundJob(); !finding.empty())
         return Fail("a job without faults: " + finding);
     }
+    Service::Record(false);
     ChooseCases();
     m_Progress.cases = m_Cases.size();
     if (m_Options.list) return List();
@@ -190,9 +172,28 @@ class Campaign {
     const auto file = std::filesystem::path(hosts::ProgramFolder()) / kCasesFile;
     m_Cases = LoadCases(file);
     if (!m_Cases.empty()) return;
-    const auto calls = m_Service.Hooks().Counts();
-    m_Cases = m_Options.log ? RepresentativeCases(calls) : AllCases(calls);
+    m_Cases = CasesOf(m_Options.what);
     SaveCases(m_Cases, file);
+  }
+
+  std::vector<FaultCase> CasesOf(What what) {
+    const auto calls = m_Service.Hooks().Counts();
+    switch (what) {
+      case What::Calls:
+        return m_Options.log || m_Options.large ? RepresentativeCases(m_Service.TakeRecord())
+                                                : AllCases(calls);
+      case What::Foreign:
+        return ForeignCases(calls);
+      case What::HoldUps:
+        return TimingCases(calls);
+      case What::Repeated:
+        return RepeatedCases(calls);
+      case What::Pairs:
+        return PairCases(calls);
+      case What::Triples:
+        return TripleCases(calls, m_Options.count, static_cast<std::uint32_t>(m_Options.seed));
+    }
+    return {};
   }
 
   int List() {
@@ -245,55 +246,75 @@ class Campaign {
     std::fflush(stdout);
   }
 
+  struct Played {
+    JobEnd end;
+    bool wasReached = false;
+    bool couldBePlaced = true;
+    const char* held = nullptr;  ///< how the service was held by a call that did not return
+  };
+
+  bool IsServiceHeld() {
+    const auto held = m_Service.Hooks().HeldThreads();
+    return std::ranges::find(held, Service::Supervisor()) != held.end();
+  }
+
+  /// The job on which a case falls.
+  Played Play(const FaultCase& fault) {
+    CallHooks& hooks = m_Service.Hooks();
+    m_Service.PutModemWhereTheRouteBegins();
+    m_Service.LayImages(++m_Images);
+    for (const SingleFault& single : fault.faults) hooks.Arm(single.Fault());
+    const auto mended = RealClock::now() + kUntilMended;
+    Played played;
+    played.end =
+        m_Service.Run([&] { return IsServiceHeld() || (fault.LastsForGood() && RealClock::now() > mended); });
+    played.wasReached = hooks.Hits() > 0;
+    played.couldBePlaced = hooks.Missed() == 0;
+    if (!played.end.ended) {
+      if (!hooks.HeldThreads().empty()) played.held = IsServiceHeld() ? kHeldWithItsCall : kWaitsForHeldCall;
+      if (IsServiceHeld()) ::Sleep(kLookAtHanging);
+      hooks.Disarm();
+      hooks.LetGo();
+      played.end = m_Service.GoOn();
+    }
+    hooks.Disarm();
+    return played;
+  }
+
   /// @return false when the process serves no further case.
   bool RunCase(const FaultCase& fault) {
-    m_Service.PutModemWhereTheRouteBegins();
-    m_Service.LayImage(++m_Images);
-    m_Service.Hooks().Arm(fault.Fault());
-    const JobEnd end = m_Service.Run();
-    if (m_Service.Hooks().Hits() > 0) ++m_Progress.reached;
-    m_Service.Hooks().Disarm();
+    Played played = Play(fault);
+    // Threads run side by side: the call may have been another thread's this time.
+    if (!played.wasReached && played.end.ended) played = Play(fault);
     ++m_Progress.run;
+    if (played.wasReached) ++m_Progress.reached;
     bool goesOn = true;
-    if (const std::string finding = Judge(end); !finding.empty()) goesOn = Report(fault, finding);
-    if (!end.ended) return false;
-    if (const std::string finding = SoundJob(); !finding.empty()) {
-      Report(fault, "the next job: " + finding);
-      return false;
+    if (!played.couldBePlaced) goesOn = Report(fault, "a call could not be made to fail") && goesOn;
+    if (played.held != nullptr) goesOn = Report(fault, played.held) && goesOn;
+    if (const std::string finding = WhatIsWrongWith(played.end); !finding.empty())
+      goesOn = Report(fault, finding) && goesOn;
+    if (!played.end.ended) return false;
+    return goesOn && NextJobsAreDone(fault);
+  }
+
+  /// While calls hang that belong to it, and once they have come back.
+  bool NextJobsAreDone(const FaultCase& fault) {
+    bool goesOn = true;
+    if (!m_Service.Hooks().HeldThreads().empty()) {
+      if (const std::string finding = SoundJob(); !finding.empty())
+        goesOn = Report(fault, kNextJobWhileHeld + finding);
+      m_Service.Hooks().LetGo();
     }
-    return goesOn;
-  }
-
-  /// @return what the contract does not allow, in words; empty when it allows all of it.
-  static std::string Judge(const JobEnd& end) {
-    const auto& values = end.values;
-    const std::string state = "result " + Text(values.result) + ", ready " + Text(values.ready) +
-                              ", on-going " + Text(values.onGoing) + ", progress " + Text(values.progress);
-    if (!end.ended) return "the service does not wait for the next request: " + state;
-    if (!end.Succeeded() && !end.Failed()) return "no documented end: " + state;
-    if (end.Succeeded() && !end.isMemoryEqual) return "success is reported, but the memory is not equal";
-    if (end.Succeeded() && end.modem != ModemState::Normal)
-      return std::string("success is reported, but the modem is ") + NameOf(end.modem);
-    if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
-      return std::string("success was reported while the modem was ") + NameOf(end.modemAtResult);
-    if (values.ready != 0u) return "the flag is not taken back: " + state;
-    if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
-    if (values.timeOut != 153000u) return "\"Time_Out\" is " + Text(values.timeOut);
-    if (values.progress.value_or(101) > 100) return "no percentage: " + state;
-    if (end.isImageLeft && (end.Succeeded() || end.sawImage)) return "the image is left: " + state;
-    return {};
-  }
-
-  static std::string Text(const std::optional<std::uint32_t>& value) {
-    return value ? std::to_string(*value) : "none";
+    const std::string finding = SoundJob();
+    if (finding.empty()) return goesOn;
+    Report(fault, "the next job: " + finding);
+    return false;
   }
 
   /// A job in which nothing fails, from wherever the modem is. @return what is wrong with it.
   std::string SoundJob() {
-    m_Service.LayImage(++m_Images);
-    const JobEnd end = m_Service.Run();
-    if (std::string finding = Judge(end); !finding.empty()) return finding;
-    return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
+    m_Service.LayImages(++m_Images);
+    return WhatIsWrongWithSound(m_Service.Run());
   }
 
   /// @return false when the finding is excused by what only a restart mends.
@@ -320,12 +341,8 @@ class Campaign {
     for (int times = 0; times < 2; ++times) {
       m_Watchdog.Pat();
       const Holdings before = CountHoldings();
-      m_Service.PutModemWhereTheRouteBegins();
-      m_Service.LayImage(++m_Images);
-      m_Service.Hooks().Arm(fault.Fault());
-      m_Service.Run();
-      m_Service.Hooks().Disarm();
-      SoundJob();
+      Play(fault);
+      NextJobsAreDone(fault);
       grown = Grown(before, SettledHoldings(before));
       if (grown.empty()) return;
     }
@@ -344,20 +361,9 @@ class Campaign {
 // ---------------------------------------------------------------------------
 
 std::vector<std::wstring> ArgumentsFrom(std::size_t from, const std::wstring& key) {
-  std::vector<std::wstring> words{L"--in-place",
-                                  L"--key",
-                                  key,
-                                  L"--route",
-                                  hosts::ToWide(NameOf(g_options.route)),
-                                  L"--from",
-                                  std::to_wstring(from),
-                                  L"--step",
-                                  std::to_wstring(g_options.step),
-                                  L"--seed",
-                                  std::to_wstring(g_options.seed)};
-  if (g_options.log) words.push_back(L"--log");
-  if (g_options.list) words.push_back(L"--list");
-  if (!g_options.only.empty()) words.insert(words.end(), {L"--only", hosts::ToWide(g_options.only)});
+  std::vector<std::wstring> words;
+  for (const char* word : g_words) words.push_back(hosts::ToWide(word));
+  words.insert(words.end(), {L"--in-place", L"--key", key, L"--from", std::to_wstring(from)});
   return words;
 }
 
@@ -387,15 +393,22 @@ bool RunChildren(Progress& total) {
   }
 }
 
+const char* NameOf(What what) {
+  return std::ranges::find(kWhats, what, &std::pair<const char*, What>::second)->first;
+}
+
 int RunCampaign() {
   const auto begin = RealClock::now();
   Progress total;
   const bool isWhole = RunChildren(total);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(RealClock::now() - begin).count();
   if (g_options.list) return isWhole ? 0 : 1;
-  std::printf("%s%s: %zu of %zu cases, %zu of them reached, %zu findings, %zu not held as known, %lld s\n",
-              NameOf(g_options.route), g_options.log ? " with log" : "", total.run, total.cases,
-              total.reached, total.findings, total.excused, static_cast<long long>(seconds));
+  std::printf(
+      "%s, %s%s%s: %zu of %zu cases, %zu of them reached, %zu findings, %zu not held as known, seed %zu, "
+      "%lld s\n",
+      NameOf(g_options.route), NameOf(g_options.what), g_options.log ? ", log" : "",
+      g_options.large ? ", 12 MB" : "", total.run, total.cases, total.reached, total.findings, total.excused,
+      g_options.seed, static_cast<long long>(seconds));
   return isWhole && total.findings == 0 && total.run > 0 ? 0 : 1;
 }
 
@@ -408,6 +421,12 @@ bool TakeNumber(std::string_view value, std::size_t& number) {
 bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--from") return TakeNumber(value, g_options.from);
   if (word == "--seed") return TakeNumber(value, g_options.seed);
+  if (word == "--count") return TakeNumber(value, g_options.count);
+  if (word == "--what") {
+    const auto* const found = std::ranges::find(kWhats, value, &std::pair<const char*, What>::first);
+    if (found != std::end(kWhats)) g_options.what = found->second;
+    return found != std::end(kWhats);
+  }
   if (word == "--step") return TakeNumber(value, g_options.step) && g_options.step > 0;
   if (word == "--only") {
     g_options.only = value;
@@ -424,6 +443,7 @@ bool TakeValue(std::string_view word, std::string_view value) {
 
 bool TakeSwitch(std::string_view word) {
   bool* const chosen = word == "--log"        ? &g_options.log
+                       : word == "--large"    ? &g_options.large
                        : word == "--list"     ? &g_options.list
                        : word == "--in-place" ? &g_options.inPlace
                                               : nullptr;
@@ -434,9 +454,8 @@ bool TakeSwitch(std::string_view word) {
 }  // namespace
 
 int main(int count, char** words) try {
-  if (!campaign::TakeWords("fault_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
-                           &TakeSwitch, &TakeValue))
-    return 2;
+  g_words = std::span(words, static_cast<std::size_t>(count)).subspan(1);
+  if (!campaign::TakeWords("fault_campaign", g_words, &TakeSwitch, &TakeValue)) return 2;
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.
   campaign::EndProcess((new Campaign(g_options))->Run());

@@ -1,12 +1,17 @@
 // Ends the service's process at one call of the system after the other, and starts it anew. The modem
 // outlives it.
 //
-// usage: kill_campaign [--route mbim|at|bbrst|flash-port] [--step N] [--seed N] [--from N] [--torn N]
+// usage: kill_campaign [--route mbim|at|bbrst|flash-port] [--step N] [--seed N] [--from N] [--large]
+//                      [--at-start | --torn N | --before-deletion]
 //
-// For every N-th call of the system in a small job, beginning with the one that --seed chooses: a process
-// that ends there, then one as the service manager would start it. That one has to do what is left to do; in
-// the end the modem runs and holds the image, and the next job is done too. --torn ends the process N times
-// in the middle of an item instead. Exit status 1 when any of that does not hold.
+// For every N-th call of the system in a job, beginning with the one that --seed chooses: a process that ends
+// there, then one as the service manager would start it. That one has to do what is left to do; in the end
+// the modem runs and holds the images, and the next job is done too. --large flashes 12 MB.
+//
+// --at-start lets the process that is started behind such a kill end as well, at every N-th call from its
+// loading of the library to the end of the job that it has found standing. --torn ends a process N times in
+// the middle of an item, --before-deletion one between the end of the request and the deletion of its images.
+// Exit status 1 when any of that does not hold.
 
 #include <windows.h>
 
@@ -37,6 +42,9 @@ using namespace std::chrono_literals;
 constexpr unsigned kKilled = 77;
 constexpr auto kProcessLimit = 120s;
 constexpr wchar_t kSeedFile[] = L"image_seed.txt";
+/// The kills in front of those at the start are spread over so many calls of a job.
+constexpr std::size_t kCallsOfAJob = 400;
+constexpr std::size_t kSpread = 37;
 /// Calls of the library while the small item is written, at the least.
 constexpr std::size_t kPlacesInAnItem = 4;
 
@@ -46,9 +54,13 @@ struct Options {
   std::size_t seed = 0;
   std::size_t from = 0;
   std::size_t torn = 0;
+  bool atStart = false;
+  bool beforeDeletion = false;
+  bool large = false;
   bool inPlace = false;
   bool inItem = false;     ///< of the child: calls are counted while an item is written
   std::size_t killAt = 0;  ///< of the child: 0 for never
+  bool killStart = false;  ///< of the child: it is counted from its loading on
   std::string key;
 };
 Options g_options;
@@ -77,15 +89,25 @@ class Host {
  public:
   explicit Host(const Options& options)
       : m_Options(options),
-        m_Service(options.route, false, hosts::ToWide(options.key), Begins::WithModemAsLeft) {}
+        m_Service({.route = options.route,
+                   .images = options.large ? Images::Large : Images::Small,
+                   .key = hosts::ToWide(options.key),
+                   .begins = Begins::WithModemAsLeft}) {}
 
   int Run() {
     const bool isFirst = m_Seed.Last() == 0;
-    if (!isFirst) m_Service.ExpectImage(m_Seed.Last());
+    if (!isFirst) m_Service.ExpectImages(m_Seed.Last());
     const auto values = m_Service.Values();
+    if (m_Options.killStart) {
+      m_Service.Pc().WhenPlaced(
+          [this](CallHooks& hooks) { hooks.EndProcessAt(static_cast<unsigned>(m_Options.killAt), kKilled); });
+    }
     if (!m_Service.Begin()) return Fail("the new host does not come to wait for a request");
     if (const std::string finding = isFirst ? "" : JudgeRecovery(values); !finding.empty())
       return Fail(finding);
+    if (m_Options.killStart) return 0;
+    if (const std::string finding = isFirst ? "" : JobOfImagesLeft(); !finding.empty())
+      return Fail("the images that were left: " + finding);
     if (const std::string finding = SoundJob(); !finding.empty()) return Fail("the next job: " + finding);
     m_Service.Hooks().ResetCounts();
     return JobWithKill();
@@ -105,6 +127,7 @@ class Host {
     if (before.ready != 1u && !end.values.Is(hosts::FlashResult::Idle))
       return "the new host tells of an old job";
     if (end.values.ready != 0u) return "the flag is not taken back";
+    if (m_Options.beforeDeletion && !end.isImageLeft) return "no image is left";
     if (!end.isMemoryEqual) return "the memory is not equal";
     if (end.modem != ModemState::Normal) return modem;
     if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
@@ -113,9 +136,19 @@ class Host {
     return {};
   }
 
+  /// Nobody takes away what is left of a job whose request was over: the next request flashes it.
+  std::string JobOfImagesLeft() {
+    if (!m_Service.Look(true).isImageLeft) return {};
+    std::printf("  images were left\n");
+    return JudgeJob(m_Service.Run());
+  }
+
   std::string SoundJob() {
-    m_Service.LayImage(m_Seed.Next());
-    const JobEnd end = m_Service.Run();
+    m_Service.LayImages(m_Seed.Next());
+    return JudgeJob(m_Service.Run());
+  }
+
+  static std::string JudgeJob(const JobEnd& end) {
     if (!end.ended) return "it does not end";
     if (!end.Succeeded() || !end.isMemoryEqual || end.modem != ModemState::Normal)
       return std::string("it fails, the modem is ") + NameOf(end.modem);
@@ -124,10 +157,12 @@ class Host {
 
   int JobWithKill() {
     m_Service.PutModemWhereTheRouteBegins();
-    m_Service.LayImage(m_Seed.Next());
+    m_Service.LayImages(m_Seed.Next());
     if (m_Options.killAt == 0) return 0;
     const auto call = static_cast<unsigned>(m_Options.killAt);
-    if (m_Options.inItem) {
+    if (m_Options.beforeDeletion) {
+      Service::EndProcessBefore("DeleteFileW", kKilled);
+    } else if (m_Options.inItem) {
       Service::EndProcessWhileWriting(call, kKilled);
     } else {
       m_Service.Hooks().EndProcessAt(call, kKilled);
@@ -156,7 +191,9 @@ class Kills {
   Summary Run() {
     Summary summary;
     unsigned long status = 0;
-    if (g_options.torn > 0) {
+    if (g_options.beforeDeletion) {
+      Step(1, "before the deletion of the images", summary);
+    } else if (g_options.torn > 0) {
       for (std::size_t i = 0; i < g_options.torn; ++i) {
         const std::size_t call = 1 + i % kPlacesInAnItem;
         Step(call, "in the middle of an item, at call " + std::to_string(call), summary);
@@ -164,8 +201,8 @@ class Kills {
     } else {
       for (std::size_t call = 1 + std::max(g_options.from, g_options.seed % g_options.step);;
            call += g_options.step) {
-        status = Step(call, "at call " + std::to_string(call), summary);
-        if (status == 0) break;  // no job has that many
+        status = g_options.atStart ? KillTwice(call, summary) : KillAt(call, summary);
+        if (status == 0) break;  // there are no so many
       }
     }
     Step(0, "at the end", summary);
@@ -173,8 +210,20 @@ class Kills {
   }
 
  private:
-  unsigned long Step(std::size_t killAt, const std::string& place, Summary& summary) {
-    unsigned long status = Start(killAt);
+  unsigned long KillAt(std::size_t call, Summary& summary) {
+    return Step(call, "at call " + std::to_string(call), summary);
+  }
+
+  /// Somewhere in a job, and then at a call of the process that has to go on with it.
+  unsigned long KillTwice(std::size_t call, Summary& summary) {
+    const std::size_t first = 1 + call * kSpread % kCallsOfAJob;
+    KillAt(first, summary);
+    return Step(call, m_Before + ", and at call " + std::to_string(call) + " from its start on", summary,
+                true);
+  }
+
+  unsigned long Step(std::size_t killAt, const std::string& place, Summary& summary, bool atStart = false) {
+    unsigned long status = Start(killAt, atStart);
     if (status != 0 && status != kKilled) {
       ++summary.findings;
       std::printf("FINDING %s: killed %s: the new host ends with %lu\n", NameOf(g_options.route),
@@ -183,14 +232,14 @@ class Kills {
       // Nothing of it may hide what comes.
       m_Folder.emplace();
       m_Key.emplace(m_Path, false);
-      status = Start(killAt);
+      status = Start(killAt, atStart);
     }
     if (status == kKilled) ++summary.kills;
     m_Before = place;
     return status;
   }
 
-  unsigned long Start(std::size_t killAt) {
+  unsigned long Start(std::size_t killAt, bool atStart) {
     std::vector<std::wstring> words{L"--in-place",
                                     L"--route",
                                     hosts::ToWide(NameOf(g_options.route)),
@@ -199,6 +248,9 @@ class Kills {
                                     L"--key",
                                     m_Path};
     if (g_options.torn > 0) words.push_back(L"--in-item");
+    if (atStart) words.push_back(L"--kill-start");
+    if (g_options.beforeDeletion) words.push_back(L"--before-deletion");
+    if (g_options.large) words.push_back(L"--large");
     const ChildResult child = RunChild(m_Folder->Program(), words, kProcessLimit);
     return child.exitCode;
   }
@@ -235,17 +287,25 @@ int RunKills() {
   const Summary summary = Kills().Run();
   const auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count();
-  std::printf("%s: %u kills%s, %u findings, %lld s\n", NameOf(g_options.route), summary.kills,
-              g_options.torn > 0 ? " in the middle of an item" : "", summary.findings,
+  const char* const where = g_options.torn > 0         ? " in the middle of an item"
+                            : g_options.atStart        ? ", at the start too"
+                            : g_options.beforeDeletion ? " before the deletion"
+                                                       : "";
+  std::printf("%s%s: %u kills%s, %u findings, %lld s\n", NameOf(g_options.route),
+              g_options.large ? ", 12 MB" : "", summary.kills, where, summary.findings,
               static_cast<long long>(seconds));
   const bool isWhole = g_options.torn > 0 ? summary.kills == g_options.torn : summary.kills > 0;
   return summary.findings == 0 && isWhole ? 0 : 1;
 }
 
 bool TakeSwitch(std::string_view word) {
-  bool* const chosen = word == "--in-place"  ? &g_options.inPlace
-                       : word == "--in-item" ? &g_options.inItem
-                                             : nullptr;
+  bool* const chosen = word == "--in-place"          ? &g_options.inPlace
+                       : word == "--large"           ? &g_options.large
+                       : word == "--at-start"        ? &g_options.atStart
+                       : word == "--kill-start"      ? &g_options.killStart
+                       : word == "--before-deletion" ? &g_options.beforeDeletion
+                       : word == "--in-item"         ? &g_options.inItem
+                                                     : nullptr;
   if (chosen != nullptr) *chosen = true;
   return chosen != nullptr;
 }

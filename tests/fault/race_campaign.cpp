@@ -247,7 +247,7 @@ JobEnd RunWithTwoControllers(Bench& bench, std::uint64_t seed) {
   const unsigned waits = Service::Waits();
   Raise(bench, 0);
   bench.service.AwaitRest(waits);
-  bench.service.LayImage(bench.images);
+  bench.service.LayImages(bench.images);
   return bench.service.Run();
 }
 
@@ -291,7 +291,7 @@ JobEnd RunWithKeyChanged(Bench& bench, std::uint64_t seed) {
   // A key that went away took the values with it.
   Raise(bench, 0);
   hosts::WriteHandshakeValue(bench.key, L"Retry_Times", 3);
-  bench.service.LayImage(bench.images);
+  bench.service.LayImages(bench.images);
   return bench.service.Run();
 }
 
@@ -422,7 +422,7 @@ class Races {
   explicit Races(const Options& options)
       : m_Options(options),
         m_Key{HKEY_CURRENT_USER, L"HKCU", hosts::ToWide(options.key)},
-        m_Service(options.route, false, hosts::ToWide(options.key), Begins::WithModemAsLeft),
+        m_Service({.route = options.route, .key = hosts::ToWide(options.key), .begins = Begins::WithModemAsLeft}),
         m_Bench{m_Service, m_Key, hosts::ProgramFolder(), 0,
                 ReadFile(std::filesystem::path(hosts::ProgramFolder()) / L"CorvelConfig.ini")} {}
 
@@ -458,7 +458,7 @@ class Races {
   bool RunCase(std::size_t number) {
     const Kind& kind = KindOf(number);
     m_Service.PutModemWhereTheRouteBegins();
-    m_Service.LayImage(m_Bench.images = ++m_Images);
+    m_Service.LayImages(m_Bench.images = ++m_Images);
     const std::uint64_t seed = Dice(m_Options.seed * 1'000'003 + number).Throw();
     Perturber::Begin(seed);
     const JobEnd end = kind.run(m_Bench, seed);
@@ -492,7 +492,7 @@ class Races {
   }
 
   std::string SoundJob() {
-    m_Service.LayImage(m_Bench.images = ++m_Images);
+    m_Service.LayImages(m_Bench.images = ++m_Images);
     const JobEnd end = m_Service.Run();
     if (std::string finding = Judge(kKinds[0], end); !finding.empty()) return finding;
     return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
@@ -508,7 +508,7 @@ class Races {
   /// The host leaves in an orderly way, with everything going on.
   [[noreturn]] void ExitInJob() {
     m_Service.PutModemWhereTheRouteBegins();
-    m_Service.LayImage(++m_Images);
+    m_Service.LayImages(++m_Images);
     const HANDLE now = Perturber::StopAt(static_cast<unsigned>(m_Options.exitAt));
     hosts::WriteHandshakeValue(m_Key, L"Fls_Ready", 1);
     ::WaitForSingleObject(now, INFINITE);

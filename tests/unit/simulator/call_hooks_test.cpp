@@ -189,6 +189,8 @@ TEST_F(CallHooksTest, FailCallsThatTookEffectOnManyThreadsEachAtItsOwnPlace) {
   EXPECT_FALSE(calls.Release(semaphore.get(), 1, nullptr)) << "some calls took no effect";
 }
 
+decltype(&::ReleaseSemaphore) g_deeper = nullptr;
+
 std::atomic<int> g_inside{0};
 std::atomic<bool> g_firstIsBack{false};
 
@@ -241,11 +243,142 @@ TEST_F(CallHooksTest, HoldACallUntilTheyAreLifted) {
   EXPECT_EQ(made.get(), (std::vector{true}));
 }
 
+TEST_F(CallHooksTest, LetCallsGoOnThatDoNotReturn) {
+  hooks.Arm({.function = "CreateEventW", .calls = Occurrence::Only(1), .way = Way::NeverReturns});
+  auto made = std::async(std::launch::async, [this] { return MakeEvents(2); });
+  while (hooks.HeldThreads().empty()) ::Sleep(1);
+  EXPECT_NE(hooks.HeldThreads().front(), ::GetCurrentThreadId());
+  hooks.LetGo();
+  EXPECT_EQ(made.get(), (std::vector{true, true}));
+  EXPECT_THAT(hooks.HeldThreads(), testing::IsEmpty());
+}
+
+/// More calls at a time than the hooks can make to fail after their effect.
+BOOL WINAPI CallDeeper(HANDLE depth, LONG, LPLONG) {
+  return depth == nullptr || g_deeper(static_cast<HANDLE>(static_cast<char*>(depth) - 1), 1, nullptr);
+}
+
+TEST_F(CallHooksTest, TellOfCallsThatShouldHaveFailedAndCouldNotBeMadeTo) {
+  hooks.Lift();
+  ImportPatch patch(caller.get());
+  patch.Replace("ReleaseSemaphore", &CallDeeper);
+  hooks.Place(caller.get());
+  Look();
+  g_deeper = calls.Release;
+  hooks.Arm({.function = "ReleaseSemaphore", .calls = Occurrence::Always(), .way = Way::RefusedAfterEffect});
+  constexpr std::uintptr_t kDepth = 100;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a number in the place of a handle.
+  calls.Release(reinterpret_cast<HANDLE>(kDepth), 1, nullptr);
+  EXPECT_EQ(hooks.Hits(), kDepth + 1);
+  EXPECT_GT(hooks.Missed(), 0u);
+  hooks.Disarm();
+  EXPECT_EQ(hooks.Missed(), 0u);
+  hooks.Lift();
+}
+
+// --- Functions that are not imported
+// ------------------------------------------------------------------------
+
+constexpr KnownCall kDouble{.name = "Double",
+                            .kind = KnownCall::Kind::Library,
+                            .failure = KnownCall::Failure::Plausible,
+                            .tells = KnownCall::Tells::ByResult,
+                            .result = 1,
+                            .success = 0,
+                            .undocumented = 99};
+
+int g_doubled = 0;
+int Double(int number) {
+  ++g_doubled;
+  return 2 * number;
+}
+
+class ForeignCallHooksTest : public CallHooksTest {
+ protected:
+  void SetUp() override {
+    CallHooksTest::SetUp();
+    hooks.Expect({&kDouble, 1});
+    g_doubled = 0;
+  }
+  int CallWith(int number) {
+    return reinterpret_cast<decltype(&Double)>(hooks.InFrontOf("Double", reinterpret_cast<void*>(&Double)))(
+        number);
+  }
+};
+
+TEST_F(ForeignCallHooksTest, StandInFrontOfAFunctionThatIsBoundByName) {
+  EXPECT_EQ(CallWith(4), 8);
+  EXPECT_EQ(hooks.Count("Double"), 1);
+  hooks.Arm({.function = "Double", .calls = Occurrence::Only(1)});
+  EXPECT_EQ(CallWith(4), 1);
+  EXPECT_EQ(g_doubled, 1);
+}
+
+TEST_F(ForeignCallHooksTest, AnswerWhatIsNeitherSuccessNorFailure) {
+  hooks.Arm({.function = "Double", .calls = Occurrence::Only(1), .way = Way::Undocumented});
+  EXPECT_EQ(CallWith(4), 99);
+  EXPECT_EQ(g_doubled, 0);
+}
+
+TEST_F(ForeignCallHooksTest, TellOfSuccessWithoutHavingDoneAnything) {
+  hooks.Arm({.function = "Double", .calls = Occurrence::Only(1), .way = Way::DoesNothing});
+  EXPECT_EQ(CallWith(4), 0);
+  EXPECT_EQ(g_doubled, 0);
+}
+
+TEST_F(ForeignCallHooksTest, LeaveBehindWhatElseTellsOfAFailure) {
+  // The hooks know it longer than this test lasts.
+  static const KnownCall spoiling = [] {
+    KnownCall call = kDouble;
+    call.name = "Spoil";
+    call.leaves = [](std::uint64_t first) { g_doubled = static_cast<int>(first); };
+    return call;
+  }();
+  hooks.Expect({&spoiling, 1});
+  auto* const spoil =
+      reinterpret_cast<decltype(&Double)>(hooks.InFrontOf("Spoil", reinterpret_cast<void*>(&Double)));
+  hooks.Arm({.function = "Spoil", .calls = Occurrence::Only(1)});
+  EXPECT_EQ(spoil(17), 1);
+  EXPECT_EQ(g_doubled, 17);
+}
+
+TEST_F(ForeignCallHooksTest, RefuseToLieForAFunctionWhoseSuccessNobodyKnows) {
+  EXPECT_THROW(hooks.Arm({.function = "CreateEventW", .calls = Occurrence::Only(1), .way = Way::DoesNothing}),
+               std::runtime_error);
+  EXPECT_THROW(
+      hooks.Arm({.function = "CreateEventW", .calls = Occurrence::Only(1), .way = Way::Undocumented}),
+      std::runtime_error);
+}
+
+TEST_F(ForeignCallHooksTest, LeaveAFunctionAloneOnceTheyAreLifted) {
+  void* const function = reinterpret_cast<void*>(&Double);
+  EXPECT_NE(hooks.InFrontOf("Double", function), function);
+  hooks.Lift();
+  EXPECT_EQ(hooks.InFrontOf("Double", function), function);
+  EXPECT_EQ(hooks.InFrontOf("Unheard", function), function);
+}
+
+constexpr const char* kStreamCalls[] = {"QueryInterface", "Double"};
+
+TEST_F(ForeignCallHooksTest, StandInFrontOfTheFunctionsOfAnObject) {
+  void* table[] = {nullptr, reinterpret_cast<void*>(&Double)};
+  void* object = table;
+  hooks.CoverObject(kStreamCalls, &object);
+  hooks.CoverObject(kStreamCalls, &object);
+  EXPECT_EQ(table[0], nullptr) << "nobody expects that one";
+  EXPECT_EQ(reinterpret_cast<decltype(&Double)>(table[1])(4), 8);
+  EXPECT_EQ(hooks.Count("Double"), 1);
+  hooks.Lift();
+  EXPECT_EQ(table[1], reinterpret_cast<void*>(&Double));
+}
+
 TEST_F(CallHooksTest, EndTheProcessAtTheChosenCallOfThePlatform) {
   const auto steps = [this](int count) {
-    hooks.ResetCounts();
+    MakeEvents(5);
     hooks.EndProcessAt(3, kExitCode);
-    MakeEvents(count);
+    MakeEvents(1);
+    hooks.ResetCounts();
+    MakeEvents(count - 1);
     std::_Exit(0);
   };
   EXPECT_EXIT(steps(3), testing::ExitedWithCode(kExitCode), "");
@@ -253,6 +386,7 @@ TEST_F(CallHooksTest, EndTheProcessAtTheChosenCallOfThePlatform) {
 }
 
 std::atomic<int> g_seenInitialState{-1};
+std::atomic<const void*> g_seenPlace{nullptr};
 
 TEST_F(CallHooksTest, ShowEachCallWithItsArguments) {
   hooks.Observe([](const SeenCall& call) noexcept {
@@ -261,6 +395,16 @@ TEST_F(CallHooksTest, ShowEachCallWithItsArguments) {
   });
   const UniqueHandle event(calls.CreateNewEvent(nullptr, FALSE, TRUE, nullptr));
   EXPECT_EQ(g_seenInitialState, TRUE);
+}
+
+TEST_F(CallHooksTest, ShowWhereACallWasMade) {
+  hooks.Observe([](const SeenCall& call) noexcept { g_seenPlace = call.returnsTo; });
+  MakeEvents(1);
+  HMODULE module = nullptr;
+  EXPECT_TRUE(::GetModuleHandleExW(
+      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+      static_cast<const wchar_t*>(g_seenPlace.load()), &module));
+  EXPECT_EQ(module, ::GetModuleHandleW(nullptr)) << "it was made by this program";
 }
 
 TEST_F(CallHooksTest, StandThereBeforeTheEntryRoutineRuns) {
@@ -372,9 +516,11 @@ TEST(KnownCallsTest, AreAllThatTheLibraryImports) {
 
 TEST(KnownCallsTest, AreNamedOnce) {
   std::vector<std::string> names;
-  for (const KnownCall& call : KnownCalls()) {
-    names.emplace_back(call.name);
-    EXPECT_FALSE(InspectsItsCaller(call.name)) << call.name;
+  for (const auto& calls : {KnownCalls(), KnownForeignCalls()}) {
+    for (const KnownCall& call : calls) {
+      names.emplace_back(call.name);
+      EXPECT_FALSE(InspectsItsCaller(call.name)) << call.name;
+    }
   }
   std::ranges::sort(names);
   EXPECT_TRUE(std::ranges::adjacent_find(names) == names.end()) << *std::ranges::adjacent_find(names);

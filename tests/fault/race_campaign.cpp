@@ -422,7 +422,8 @@ class Races {
   explicit Races(const Options& options)
       : m_Options(options),
         m_Key{HKEY_CURRENT_USER, L"HKCU", hosts::ToWide(options.key)},
-        m_Service({.route = options.route, .key = hosts::ToWide(options.key), .begins = Begins::WithModemAsLeft}),
+        m_Service(
+            {.route = options.route, .key = hosts::ToWide(options.key), .begins = Begins::WithModemAsLeft}),
         m_Bench{m_Service, m_Key, hosts::ProgramFolder(), 0,
                 ReadFile(std::filesystem::path(hosts::ProgramFolder()) / L"CorvelConfig.ini")} {}
 

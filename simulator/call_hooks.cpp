@@ -33,7 +33,8 @@ struct ArmedFault {
   std::uint64_t result = 0;
   DWORD lastError = 0;
   std::chrono::milliseconds delay{0};
-  void (*leaves)(std::uint64_t firstArgument) = nullptr;
+  void (*leaves)(std::uint64_t argument) = nullptr;
+  int leavesFor = 0;
 };
 
 /// Where a call goes on that comes back through the hooks, and with what. A thread may have several.
@@ -186,7 +187,7 @@ struct CallHooks::State {
       case Way::Refused:
       case Way::Undocumented:
       case Way::DoesNothing:
-        if (fault.leaves != nullptr) fault.leaves(frame.Argument(0));
+        if (fault.leaves != nullptr) fault.leaves(frame.Argument(fault.leavesFor));
         frame.SetResult(fault.result);
         return Verdict::Answered;
       case Way::RefusedAfterEffect:
@@ -378,6 +379,7 @@ void CallHooks::Arm(const CallFault& fault) {
   unused->way = fault.way;
   unused->delay = fault.delay;
   unused->leaves = fault.way == Way::Refused && hook->known != nullptr ? hook->known->leaves : nullptr;
+  unused->leavesFor = unused->leaves != nullptr ? hook->known->leavesFor : 0;
   unused->result = answer ? answer->result : 0;
   unused->lastError = answer ? answer->lastError : 0;
   unused->hook.store(hook, std::memory_order_release);

@@ -61,8 +61,9 @@ void SpoilStream([[maybe_unused]] std::uint64_t stream) {
   reinterpret_cast<std::FILE*>(stream)->_flag |= _IOERR;
 #endif
 }
-constexpr KnownCall WithSpoiltStream(KnownCall call) {
+constexpr KnownCall WithSpoiltStream(int argument, KnownCall call) {
   call.leaves = &SpoilStream;
+  call.leavesFor = argument;
   return call;
 }
 
@@ -199,7 +200,7 @@ constexpr KnownCall kCallsThatFail[] = {
     OfRuntime(AllOnes("_open", 0)),
     OfRuntime(AllOnes("_read", 0)),
     OfRuntime(AllOnes("_write", 0)),
-    WithSpoiltStream(OfRuntime(AllOnes("fgetc", 0))),
+    WithSpoiltStream(3, OfRuntime(Nothing("fread", 0))),
     Implausibly(OfRuntime(Code("_splitpath_s", ERANGE))),
     Implausibly(OfRuntime(Code("_wsplitpath_s", ERANGE))),
     Implausibly(OfRuntime(AllOnes("_vscprintf_p_l", 0))),

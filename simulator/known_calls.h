@@ -38,7 +38,8 @@ struct KnownCall {
   std::optional<std::uint64_t> undocumented = std::nullopt;  ///< neither success nor failure
 
   /// What else a failing call leaves behind, where a caller looks for that; null for nothing.
-  void (*leaves)(std::uint64_t firstArgument) = nullptr;
+  void (*leaves)(std::uint64_t argument) = nullptr;
+  int leavesFor = 0;  ///< the argument that is told; one of the first four
 
   bool CanFail() const { return failure != Failure::None; }
 };

@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string_view>
 
 #include "common/debuglogger.h"
 #include "common/facts.h"
@@ -72,17 +73,36 @@ UniqueFile OpenForOneself(const wchar_t* path) {
   return UniqueFile(::_wfsopen(path, L"rt", _SH_DENYRW));
 }
 
-/// The next line with its line end, whatever its length, each byte one character; nothing at the end, nor
-/// when reading fails on the way.
-std::optional<std::wstring> ReadLine(std::FILE* file) {
-  std::wstring line;
-  for (int byte = std::fgetc(file); byte != EOF; byte = std::fgetc(file)) {
-    line += static_cast<wchar_t>(byte);
-    if (byte == '\n') return line;
+/// Reads a file by lines, whatever their length, each byte one character. It fetches blocks, for the C
+/// runtime takes a lock with each call.
+class LineReader {
+ public:
+  explicit LineReader(std::FILE* file) : m_File(file) {}
+
+  /// The next line with its line end; nothing at the end, nor when reading fails on the way.
+  std::optional<std::wstring> Next() {
+    std::wstring line;
+    while (!m_Rest.empty() || Fetch()) {
+      const std::size_t size = std::min(m_Rest.find('\n'), m_Rest.size() - 1) + 1;
+      for (const char byte : m_Rest.substr(0, size)) line += static_cast<unsigned char>(byte);
+      m_Rest.remove_prefix(size);
+      if (line.back() == L'\n') return line;
+    }
+    if (line.empty() || HasFailed()) return std::nullopt;
+    return line;
   }
-  if (line.empty() || std::ferror(file) != 0) return std::nullopt;
-  return line;
-}
+  bool HasFailed() const { return std::ferror(m_File) != 0; }
+
+ private:
+  bool Fetch() {
+    m_Rest = {m_Block, std::fread(m_Block, 1, sizeof m_Block, m_File)};
+    return !m_Rest.empty();
+  }
+
+  std::FILE* m_File;
+  char m_Block[512];
+  std::string_view m_Rest;
+};
 
 bool Exists(const wchar_t* path) {
   return ::GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
@@ -240,9 +260,10 @@ bool CConfigParser::LoadConfig(const wchar_t*) try {
   }
 
   // The first line is a title, whatever it holds.
-  static_cast<void>(ReadLine(file.get()));
-  while (const std::optional<std::wstring> line = ReadLine(file.get())) TakeLine(*line);
-  if (std::ferror(file.get()) != 0) {
+  LineReader lines(file.get());
+  static_cast<void>(lines.Next());
+  while (const std::optional<std::wstring> line = lines.Next()) TakeLine(*line);
+  if (lines.HasFailed()) {
     // Half of the settings would start a service that nobody has configured.
     ResetSettings();
     LOG_ERROR("\t%s could not be read to its end, none of its settings is used", Narrow(m_FilePath).c_str());

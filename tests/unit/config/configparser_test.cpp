@@ -345,10 +345,10 @@ TEST_F(ConfigParserTest, AFileThatSomebodyReadsWithAllSharingCannotBeLoaded) {
 bool g_diskIsGone = false;
 
 /// Reads what the runtime fetches at first, four thousand bytes, and then fails as a disk does.
-int __cdecl ReadOnce(std::FILE* file) {
-  const int byte = std::fgetc(file);
+std::size_t __cdecl ReadOnce(void* block, std::size_t size, std::size_t count, std::FILE* file) {
+  const std::size_t read = std::fread(block, size, count, file);
   if (!std::exchange(g_diskIsGone, true)) ::_close(::_fileno(file));
-  return byte;
+  return read;
 }
 
 /// A file whose reading fails in the middle of a line.
@@ -360,7 +360,7 @@ class UnreadableConfigTest : public ConfigParserTest {
         "[ModemAndNVMFirmwareFolder]=C:\\images\n[Cut]=" +
         std::string(10'000, 'x') + "\n[REBOOTTYPE]=1\n");
     g_diskIsGone = false;
-    m_Patch.Replace("fgetc", &ReadOnce);
+    m_Patch.Replace("fread", &ReadOnce);
   }
   void BecomeReadable() { m_Patch.Restore(); }
 

@@ -293,6 +293,10 @@ int Double(int number) {
   return 2 * number;
 }
 
+int Sum(int first, int second) {
+  return first + second;
+}
+
 class ForeignCallHooksTest : public CallHooksTest {
  protected:
   void SetUp() override {
@@ -331,14 +335,15 @@ TEST_F(ForeignCallHooksTest, LeaveBehindWhatElseTellsOfAFailure) {
   static const KnownCall spoiling = [] {
     KnownCall call = kDouble;
     call.name = "Spoil";
-    call.leaves = [](std::uint64_t first) { g_doubled = static_cast<int>(first); };
+    call.leaves = [](std::uint64_t argument) { g_doubled = static_cast<int>(argument); };
+    call.leavesFor = 1;
     return call;
   }();
   hooks.Expect({&spoiling, 1});
   auto* const spoil =
-      reinterpret_cast<decltype(&Double)>(hooks.InFrontOf("Spoil", reinterpret_cast<void*>(&Double)));
+      reinterpret_cast<decltype(&Sum)>(hooks.InFrontOf("Spoil", reinterpret_cast<void*>(&Sum)));
   hooks.Arm({.function = "Spoil", .calls = Occurrence::Only(1)});
-  EXPECT_EQ(spoil(17), 1);
+  EXPECT_EQ(spoil(4, 17), 1);
   EXPECT_EQ(g_doubled, 17);
 }
 

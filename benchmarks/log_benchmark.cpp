@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <cstdarg>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>

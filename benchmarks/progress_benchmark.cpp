@@ -6,7 +6,6 @@
 #include <iterator>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "benchmarks/bare_key.h"

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -9,7 +9,6 @@
 #include <cwchar>
 #include <cwctype>
 #include <optional>
-#include <span>
 #include <string_view>
 
 #include "simulator/import_patch.h"

@@ -1,5 +1,7 @@
 #include "simulator/faults.h"
 
+#include <utility>
+
 namespace simulator {
 
 namespace {

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 namespace simulator {

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <memory>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>

@@ -4,9 +4,8 @@
 
 #include <map>
 #include <memory>
-#include <string>
+#include <utility>
 
-#include "common/handles.h"
 #include "simulator/lock.h"
 
 namespace simulator {

@@ -1,5 +1,7 @@
 #include "simulator/virtual_clock.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <thread>
 

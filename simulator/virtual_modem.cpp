@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdio>
 #include <fstream>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace simulator {

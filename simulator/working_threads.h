@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdint>
-
 namespace simulator {
 
 /// Which of the product's threads are at work and which of them wait. An elastic clock lets time fly only

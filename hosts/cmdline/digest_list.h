@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace hosts {

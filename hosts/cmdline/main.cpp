@@ -2,8 +2,6 @@
 #include <algorithm>
 #include <charconv>
 #include <exception>
-#include <functional>
-#include <iostream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -11,7 +9,6 @@
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
-#include "hosts/common/facts.h"
 #include "hosts/common/handshake.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/terminal.h"

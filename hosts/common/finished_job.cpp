@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 
 namespace hosts {

@@ -1,7 +1,5 @@
 #include "hosts/flashlog/json_report.h"
 
-#include <string>
-
 namespace hosts::flashlog {
 
 namespace {

@@ -1,7 +1,5 @@
 #include "hosts/flashlog/news.h"
 
-#include <utility>
-
 namespace hosts::flashlog {
 
 std::string News::Behind(const Log& log, const Record& record, const Place& place) {

@@ -2,11 +2,9 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
 
 #include "hosts/common/facts.h"
 #include "hosts/common/library_configuration.h"

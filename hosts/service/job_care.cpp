@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "hosts/common/event_log.h"
-#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 #include "messages.h"
 

@@ -9,7 +9,6 @@
 #include <array>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <system_error>
 
 #include "hosts/common/facts.h"

@@ -1,6 +1,7 @@
 #include "simulator/flashing_library/image_reader.h"
 
 #include <charconv>
+#include <system_error>
 
 using corvel::OwnFileHandle;
 

@@ -8,7 +8,6 @@
 #include <iterator>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string_view>
 
 namespace simulator {

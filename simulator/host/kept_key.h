@@ -3,8 +3,6 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <map>
-#include <optional>
 #include <string>
 
 #include "hosts/common/handshake.h"

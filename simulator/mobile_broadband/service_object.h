@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>

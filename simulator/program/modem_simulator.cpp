@@ -5,14 +5,15 @@
 #include <io.h>
 #include <windows.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <thread>
 
 #include "hosts/common/interruption.h"

@@ -1,7 +1,5 @@
 #include "simulator/program/scenario.h"
 
-#include <algorithm>
-
 namespace simulator {
 
 const char* NameOf(Route route) {

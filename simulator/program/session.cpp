@@ -1,8 +1,6 @@
 #include "simulator/program/session.h"
 
 #include <algorithm>
-#include <fstream>
-#include <memory>
 #include <stdexcept>
 
 #include "hosts/common/text.h"

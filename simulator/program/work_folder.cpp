@@ -5,7 +5,6 @@
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
-#include <utility>
 
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 
 #include "common/tstring.h"
 #include "common/updatefirmwareresult.h"

@@ -1,6 +1,5 @@
 #include "toolkit/flashjob.h"
 
-#include <exception>
 #include <memory>
 
 #include "common/facts.h"

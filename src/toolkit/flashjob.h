@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include "common/internaldata.h"
-#include "common/tstring.h"
 
 namespace corvel {
 

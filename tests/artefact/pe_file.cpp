@@ -1,7 +1,6 @@
 #include "pe_file.h"
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 
 namespace {

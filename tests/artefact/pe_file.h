@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
-#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -13,7 +13,6 @@
 #include <string_view>
 #include <utility>
 
-#include "hosts/common/facts.h"
 #include "hosts/common/text.h"
 #include "simulator/load_watch.h"
 #include "simulator/lock.h"

@@ -19,7 +19,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <span>

@@ -17,7 +17,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdint>

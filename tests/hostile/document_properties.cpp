@@ -3,9 +3,7 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <array>
-#include <map>
 #include <string>
 
 #include <msxml.h>

@@ -3,8 +3,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <climits>
-#include <optional>
 
 #include "download/attempt.h"
 #include "download/downloadtooldll.h"

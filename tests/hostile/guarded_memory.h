@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <new>
-#include <span>
-#include <string>
 #include <string_view>
 
 namespace hostile {

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <fstream>
 
 #include "hosts/common/file_digest.h"

@@ -1,5 +1,4 @@
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "hosts/common/file_digest.h"

@@ -1,5 +1,6 @@
-#include "hosts/common/library_configuration.h"
 #include "hosts/common/serving_notice.h"
+
+#include <sstream>
 #include "hosts/common/text.h"
 #include "tests/hosts/cmdline_test.h"
 

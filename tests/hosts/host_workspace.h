@@ -2,9 +2,9 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "simulator/flash_image.h"
 #include "simulator/virtual_modem.h"
 #include "support/temporary_folder.h"
 

@@ -14,7 +14,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "hosts/common/event_log.h"

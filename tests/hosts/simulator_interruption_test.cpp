@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "hosts/common/text.h"
 #include "tests/hosts/child_process.h"

@@ -2,7 +2,6 @@
 
 #include <ostream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/test_log.h"

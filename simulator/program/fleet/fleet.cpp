@@ -3,11 +3,12 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <exception>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
-#include "hosts/common/text.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 

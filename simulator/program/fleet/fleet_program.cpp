@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <thread>
 
 #include "hosts/common/interruption.h"

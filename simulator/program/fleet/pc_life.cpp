@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>

@@ -1,9 +1,5 @@
 #include "simulator/program/fleet/pc_plan.h"
 
-#include <algorithm>
-#include <array>
-#include <string_view>
-
 namespace simulator {
 
 namespace {

@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <map>
 #include <string>
 #include <vector>
 

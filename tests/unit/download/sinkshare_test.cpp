@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
 #include <optional>
-#include <ostream>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>

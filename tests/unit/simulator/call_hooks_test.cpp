@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
-#include <functional>
+#include <cstdlib>
 #include <future>
 #include <stdexcept>
 #include <string>

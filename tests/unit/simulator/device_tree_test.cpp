@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <array>
+#include <string>
+#include <vector>
 
 #include "simulation_test.h"
 

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
+#include <cstdint>
+#include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "simulation_test.h"
 

@@ -2,6 +2,8 @@
 
 #include "hook_calls.h"
 
+#include <cstdint>
+
 extern "C" __declspec(dllimport) double MixedArguments(double first, int second, float third, double fourth,
                                                        std::int64_t fifth, int sixth, float seventh,
                                                        double eighth);

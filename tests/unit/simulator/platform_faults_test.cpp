@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 
 #include "hook_calls.h"
+
+#include <memory>
+#include <stdexcept>
 #include "simulation_test.h"
 #include "simulator/call_hooks.h"
 #include "simulator/import_patch.h"

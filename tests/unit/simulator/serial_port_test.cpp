@@ -1,5 +1,6 @@
-#include <array>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "simulation_test.h"
 

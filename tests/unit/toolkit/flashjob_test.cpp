@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <filesystem>
 
 #include "common/narrow.h"

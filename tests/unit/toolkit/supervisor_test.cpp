@@ -3,7 +3,6 @@
 #include <cstdlib>
 
 #include "support/job_bench.h"
-#include "toolkit/flashjob.h"
 
 using corvel::Utf8FromWide;
 

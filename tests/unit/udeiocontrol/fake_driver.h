@@ -6,7 +6,6 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <string_view>

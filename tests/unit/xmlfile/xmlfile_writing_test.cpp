@@ -5,7 +5,6 @@
 
 #include <oleauto.h>
 
-#include <functional>
 #include <string>
 
 #include "common/dom.h"

@@ -4,7 +4,6 @@
 
 #include <oleauto.h>
 
-#include <string>
 #include <type_traits>
 #include <utility>
 

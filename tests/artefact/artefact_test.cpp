@@ -22,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pe_file.h"
+#include "artefact/pe_file.h"
 
 namespace {
 

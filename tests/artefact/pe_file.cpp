@@ -1,4 +1,4 @@
-#include "pe_file.h"
+#include "artefact/pe_file.h"
 
 #include <algorithm>
 #include <fstream>

@@ -10,11 +10,11 @@
 
 #include "common/facts.h"
 #include "download/devicepresence.h"
-#include "fake_serial_port.h"
 #include "support/device_tree.h"
 #include "support/lock_probe.h"
 #include "support/manual_clock.h"
 #include "support/test_log.h"
+#include "unit/download/fake_serial_port.h"
 
 namespace {
 

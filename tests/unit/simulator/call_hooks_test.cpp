@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "hook_calls.h"
 #include "simulator/import_patch.h"
 #include "simulator/known_calls.h"
 #include "simulator/load_watch.h"
+#include "unit/simulator/hook_calls.h"
 
 using corvel::UniqueHandle;
 using corvel::UniqueModule;

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "simulation_test.h"
+#include "unit/simulator/simulation_test.h"
 
 namespace simulator {
 

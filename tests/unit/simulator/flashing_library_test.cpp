@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "simulation_test.h"
+#include "unit/simulator/simulation_test.h"
 
 using corvel::OwnFileHandle;
 using corvel::UniqueHandle;

@@ -1,6 +1,6 @@
 // A module whose calls go through its own import table, one of them from its entry routine.
 
-#include "hook_calls.h"
+#include "unit/simulator/hook_calls.h"
 
 #include <cstdint>
 

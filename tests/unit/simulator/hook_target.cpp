@@ -1,4 +1,4 @@
-#include "hook_calls.h"
+#include "unit/simulator/hook_calls.h"
 
 #include <cstdint>
 

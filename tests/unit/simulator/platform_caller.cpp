@@ -1,4 +1,4 @@
-#include "platform_calls.h"
+#include "unit/simulator/platform_calls.h"
 
 #if defined(_MSC_VER)
 #define EXPORTED __declspec(dllexport)

@@ -1,12 +1,12 @@
 #include <gmock/gmock.h>
 
-#include "hook_calls.h"
+#include "unit/simulator/hook_calls.h"
 
 #include <memory>
 #include <stdexcept>
-#include "simulation_test.h"
 #include "simulator/call_hooks.h"
 #include "simulator/import_patch.h"
+#include "unit/simulator/simulation_test.h"
 
 using corvel::UniqueHandle;
 

@@ -2,7 +2,7 @@
 #include <string_view>
 #include <vector>
 
-#include "simulation_test.h"
+#include "unit/simulator/simulation_test.h"
 
 namespace simulator {
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "platform_calls.h"
 #include "simulator/virtual_pc.h"
 #include "support/temporary_folder.h"
+#include "unit/simulator/platform_calls.h"
 
 namespace simulator {
 

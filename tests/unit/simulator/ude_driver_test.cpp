@@ -1,4 +1,4 @@
-#include "simulation_test.h"
+#include "unit/simulator/simulation_test.h"
 
 using corvel::UniqueHandle;
 

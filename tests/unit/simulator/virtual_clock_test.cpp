@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "simulation_test.h"
 #include "simulator/working_threads.h"
+#include "unit/simulator/simulation_test.h"
 
 using corvel::UniqueHandle;
 

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "simulation_test.h"
+#include "unit/simulator/simulation_test.h"
 
 using corvel::UniqueHandle;
 

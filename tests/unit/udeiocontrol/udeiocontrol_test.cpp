@@ -9,10 +9,10 @@
 #include <type_traits>
 #include <vector>
 
-#include "fake_driver.h"
 #include "support/device_tree.h"
 #include "support/process_heap.h"
 #include "support/test_log.h"
+#include "unit/udeiocontrol/fake_driver.h"
 
 using corvel::UniqueHandle;
 

@@ -58,6 +58,16 @@ std::string Sized(const std::string& what, std::size_t size) {
   return what + ", " + std::to_string(size);
 }
 
+/// How many there are of what is walked over; fewer when only the rows themselves are looked at.
+std::vector<std::size_t> Sizes(std::vector<std::size_t> sizes) {
+  constexpr std::size_t kMostWhenQuick = 100;
+  if (TheOptions().quick) {
+    for (std::size_t& size : sizes) size = std::min(size, kMostWhenQuick);
+    sizes.erase(std::ranges::unique(sizes).begin(), sizes.end());
+  }
+  return sizes;
+}
+
 /// The log in a scratch file, on or off.
 class Log {
  public:
@@ -329,17 +339,15 @@ void CompareItems(std::size_t count) {
 }  // namespace
 
 TEST_CASE("Folders of images") {
-  for (const std::size_t images : {std::size_t{10}, std::size_t{1000}}) CompareFolders(images);
-  if (!TheOptions().quick) CompareFolders(100'000);
+  for (const std::size_t images : Sizes({10, 1000, 100'000})) CompareFolders(images);
 }
 
 TEST_CASE("Configurations") {
-  CompareConfigurations(6);
-  CompareConfigurations(TheOptions().quick ? 100 : 100'000);
+  for (const std::size_t lines : Sizes({6, 100'000})) CompareConfigurations(lines);
 }
 
 TEST_CASE("Lists of devices") {
-  for (const std::size_t count : {std::size_t{100}, std::size_t{10000}}) {
+  for (const std::size_t count : Sizes({100, 10'000})) {
     const ManyDevices devices(count);
     Compare(
         {Sized("devices: presence", count), "one pass", kOnePassTarget, static_cast<double>(count)},
@@ -355,8 +363,7 @@ TEST_CASE("Lists of devices") {
 }
 
 TEST_CASE("Lists of items") {
-  for (const std::size_t count : {std::size_t{10}, std::size_t{1000}, std::size_t{10000}})
-    CompareItems(count);
+  for (const std::size_t count : Sizes({10, 1000, 10'000})) CompareItems(count);
 }
 
 }  // namespace benchmarks

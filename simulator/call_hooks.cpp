@@ -12,8 +12,8 @@
 #include "common/handles.h"
 #include "simulator/call_thunk.h"
 #include "simulator/import_table.h"
-#include "simulator/lock.h"
-#include "simulator/working_threads.h"
+#include "simulator/threads/lock.h"
+#include "simulator/threads/working_threads.h"
 
 namespace simulator {
 

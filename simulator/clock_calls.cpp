@@ -4,7 +4,7 @@
 
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 namespace simulator {
 

@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "simulator/device_tree.h"
-#include "simulator/flashing_library/modem_interface.h"
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"
+#include "simulator/modem_interface.h"
 
 namespace simulator {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 using corvel::ScopedLock;
 

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "simulator/faults.h"
-#include "simulator/lock.h"
 #include "simulator/scheduler.h"
 #include "simulator/simulated_handles.h"
+#include "simulator/threads/lock.h"
 #include "simulator/virtual_clock.h"
 #include "simulator/virtual_modem.h"
 #include "simulator/virtual_pc_options.h"

@@ -5,7 +5,7 @@
 #include <map>
 #include <thread>
 
-#include "simulator/lock.h"
+#include "simulator/threads/lock.h"
 
 namespace simulator {
 

@@ -7,8 +7,8 @@
 #include <span>
 #include <string>
 
-#include "simulator/lock.h"
 #include "simulator/simulated_handles.h"
+#include "simulator/threads/lock.h"
 
 namespace simulator {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "simulator/lock.h"
+#include "simulator/threads/lock.h"
 
 namespace simulator {
 

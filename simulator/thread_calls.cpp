@@ -6,7 +6,7 @@
 
 #include "simulator/import_patch.h"
 #include "simulator/named_objects.h"
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 namespace simulator {
 

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <thread>
 
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 namespace simulator {
 

@@ -11,7 +11,7 @@
 
 #include "simulator/faults.h"
 #include "simulator/flash_image.h"
-#include "simulator/lock.h"
+#include "simulator/threads/lock.h"
 #include "simulator/virtual_clock.h"
 
 namespace simulator {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "simulator/program/configuration.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 #include "simulator/program/session_key.h"
 #include "simulator/virtual_pc.h"
 

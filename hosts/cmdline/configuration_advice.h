@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "hosts/cmdline/preflight.h"
+#include "hosts/cmdline/finding.h"
 #include "hosts/common/library_configuration.h"
 
 namespace hosts {

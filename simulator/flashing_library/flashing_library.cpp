@@ -18,8 +18,8 @@
 
 #include "simulator/faults.h"
 #include "simulator/flashing_library/image_reader.h"
-#include "simulator/flashing_library/modem_interface.h"
-#include "simulator/lock.h"
+#include "simulator/modem_interface.h"
+#include "simulator/threads/lock.h"
 
 #if defined(__GLIBCXX__)
 namespace __gnu_cxx {

@@ -20,7 +20,7 @@
 #include "simulator/program/exit_status.h"
 #include "simulator/program/judgement.h"
 #include "simulator/program/report.h"
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 namespace simulator {
 

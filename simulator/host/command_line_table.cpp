@@ -2,7 +2,7 @@
 // scenarios' own table holds for both.
 
 #include "simulator/host/command_line_table.h"
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 #include <algorithm>
 #include <iterator>

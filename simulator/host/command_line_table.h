@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "simulator/host/command_line_run.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 namespace simulator {
 

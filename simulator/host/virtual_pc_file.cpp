@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 namespace simulator {
 

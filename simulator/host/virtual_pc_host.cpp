@@ -17,8 +17,8 @@
 #include "simulator/device_tree.h"
 #include "simulator/host/virtual_pc_file.h"
 #include "simulator/import_patch.h"
+#include "simulator/threads/working_threads.h"
 #include "simulator/virtual_pc.h"
-#include "simulator/working_threads.h"
 
 namespace simulator {
 

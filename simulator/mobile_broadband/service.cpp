@@ -4,7 +4,7 @@
 
 #include <olectl.h>
 
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 using Microsoft::WRL::ComPtr;
 using std::chrono::milliseconds;

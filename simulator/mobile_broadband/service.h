@@ -14,8 +14,8 @@
 #include <wrl/client.h>
 
 #include "download/mobilebroadband.h"
-#include "simulator/lock.h"
 #include "simulator/mobile_broadband/behaviour.h"
+#include "simulator/threads/lock.h"
 
 namespace simulator {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "hosts/common/owners.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 namespace simulator {
 

@@ -5,7 +5,7 @@
 
 #include "hosts/common/owners.h"
 #include "simulator/flash_image.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 namespace simulator {
 

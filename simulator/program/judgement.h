@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 #include "simulator/program/session.h"
 
 namespace simulator {

@@ -8,7 +8,7 @@
 
 #include "hosts/common/handshake.h"
 #include "simulator/program/debug_log.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 #include "simulator/virtual_pc.h"
 
 namespace simulator {

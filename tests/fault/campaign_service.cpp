@@ -15,7 +15,7 @@
 
 #include "hosts/common/text.h"
 #include "simulator/load_watch.h"
-#include "simulator/lock.h"
+#include "simulator/threads/lock.h"
 #include "support/quick_modem.h"
 
 namespace campaign {

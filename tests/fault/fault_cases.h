@@ -10,7 +10,7 @@
 
 #include "fault/campaign_service.h"
 #include "simulator/call_hooks.h"
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 namespace campaign {
 

@@ -36,7 +36,7 @@
 #include "simulator/program/fleet/pc_plan.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 using namespace simulator;
 using namespace campaign;

@@ -37,7 +37,7 @@
 #include "hosts/common/text.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 using namespace simulator;
 using namespace campaign;

@@ -18,7 +18,7 @@
 #include "hosts/common/text.h"
 #include "simulator/host/command_line_table.h"
 #include "simulator/program/judgement.h"
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 #include "support/temporary_folder.h"
 
 namespace simulator {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 #include "simulator/virtual_pc_options.h"
 
 namespace simulator {

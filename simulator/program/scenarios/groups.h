@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 // The groups of scenarios, a file each. What is expected of them follows from how the library is meant to
 // work, not from a run of it.

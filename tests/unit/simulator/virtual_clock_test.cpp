@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 #include "unit/simulator/simulation_test.h"
 
 using corvel::UniqueHandle;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "simulator/program/command_line.h"
+#include "simulator/modem_simulator/command_line.h"
 
 namespace simulator {
 

@@ -1,4 +1,4 @@
-#include "simulator/working_threads.h"
+#include "simulator/threads/working_threads.h"
 
 #include <windows.h>
 

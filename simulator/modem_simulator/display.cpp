@@ -1,4 +1,4 @@
-#include "simulator/program/display.h"
+#include "simulator/modem_simulator/display.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 namespace simulator {
 

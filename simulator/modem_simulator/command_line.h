@@ -6,8 +6,8 @@
 #include <string>
 
 #include "simulator/program/exit_status.h"
-#include "simulator/program/scenario.h"
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 namespace simulator {
 

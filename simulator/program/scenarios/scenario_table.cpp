@@ -1,4 +1,4 @@
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 #include <algorithm>
 

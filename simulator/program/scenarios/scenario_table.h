@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "simulator/program/scenario.h"
+#include "simulator/program/scenarios/scenario.h"
 
 // Everything that can happen to a flash: the rows of all groups.
 namespace simulator {

@@ -1,4 +1,4 @@
-#include "simulator/program/fleet/fleet_program.h"
+#include "simulator/modem_simulator/fleet_program.h"
 
 #include <windows.h>
 

@@ -1,4 +1,4 @@
-#include "simulator/program/command_line.h"
+#include "simulator/modem_simulator/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 #include "hosts/common/text.h"
 #include "simulator/program/report.h"
-#include "simulator/program/scenario_table.h"
+#include "simulator/program/scenarios/scenario_table.h"
 
 namespace simulator {
 

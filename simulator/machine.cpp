@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/handles.h"
 #include "simulator/threads/working_threads.h"
 
 using corvel::ScopedLock;

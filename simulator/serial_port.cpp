@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/handles.h"
 #include "simulator/device_tree.h"
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 
+#include "common/handles.h"
 #include "simulator/device_tree.h"
 #include "simulator/import_patch.h"
 #include "simulator/machine.h"

@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "common/neverdestroyed.h"
 #include "common/tstring.h"
+#include "download/flashservice.h"
 
 namespace corvel {
 
@@ -116,6 +117,11 @@ int Attempt::GetAbsoluteProgress(const char* statusText) {
   }
   LOG_TRACE_AS(kGetAbsoluteProgress, "\t return m_CurrentProgress:%d", m_Progress.Current());
   return m_Progress.Overall();
+}
+
+void Attempt::ReportProgress(const char* statusText) {
+  const int percent = GetAbsoluteProgress(statusText);
+  UnlessAbandoned([percent] { Service().reportProgress(percent); });
 }
 
 }  // namespace corvel

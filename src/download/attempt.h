@@ -92,6 +92,8 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   corvel::Progress& Progress() { return m_Progress; }
   /// Overall percentage, 0 to 100, from the present item's percentage as the library's callback reports it.
   int GetAbsoluteProgress(const char* statusText);
+  /// Takes that in and tells the controlling program, unless the attempt is abandoned.
+  void ReportProgress(const char* statusText);
 
  private:
   std::atomic<bool> m_Abandoned{false};

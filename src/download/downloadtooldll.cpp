@@ -12,7 +12,6 @@
 #include "common/tstring.h"
 #include "common/win32error.h"
 #include "download/attempt.h"
-#include "download/flashservice.h"
 
 using namespace corvel;
 
@@ -94,11 +93,6 @@ void SetLibrary(std::shared_ptr<FlashLibrary> library) {
   g_binding->library.swap(library);
 }
 
-void ReportProgress(Attempt& attempt, const char* statusText) {
-  const int percent = attempt.GetAbsoluteProgress(statusText);
-  attempt.UnlessAbandoned([percent] { Service().reportProgress(percent); });
-}
-
 }  // namespace
 
 bool CDownloadToolDll::Load() {
@@ -175,7 +169,7 @@ void CDownloadToolDll::HandleCallbacks(std::uint8_t channel, std::int32_t status
   // News of an attempt that was given up must not pass for the present one's.
   if (attempt != nullptr && attempt->IsAbandoned()) return;
   if (status == kStatusMessage) g_sending = CTString(text) == kSendingData;
-  if (status == kStatusProgress && g_sending && attempt != nullptr) ReportProgress(*attempt, text);
+  if (status == kStatusProgress && g_sending && attempt != nullptr) attempt->ReportProgress(text);
 } catch (...) {
   // Out of memory: this percentage is lost, and the library must not see an exception.
 }

@@ -341,72 +341,112 @@ int Answer(const CLI::App& program, const CLI::ParseError& error, bool json) {
   return kWrongUsage;
 }
 
-int Run(std::vector<std::string> words, bool json) {
-  CLI::App program{"Runs the modem flash library as a Windows service."};
+/// What the verbs are told by their options, and the verb that was chosen.
+struct Options {
+  std::function<int()> action;
+  bool json = false;
+  bool restartsWhenStuck = false;
+  std::string start = "auto";
+  bool restricted = false;
+  Removal removal;
+  FirstConfiguration configuration;
+  bool forced = false;
+  bool history = false;
+  bool console = false;
+
+  WhenStuck AfterStandstill() const { return restartsWhenStuck ? WhenStuck::EndProcess : WhenStuck::GoOn; }
+};
+
+CLI::App& AddVerb(CLI::App& program, Options& options, const char* name, const char* description,
+                  std::function<int()> action) {
+  CLI::App* const verb = program.add_subcommand(name, description);
+  verb->footer(kExitCodes);
+  verb->callback([&options, action = std::move(action)] { options.action = action; });
+  return *verb;
+}
+
+void AddRestartWhenStuck(CLI::App& verb, Options& options) {
+  verb.add_flag(kRestartWhenStuckOption, options.restartsWhenStuck, kRestartWhenStuckHelp);
+}
+
+void AddInstall(CLI::App& program, Options& options) {
+  CLI::App& install = AddVerb(program, options, "install", "Install the service", [&options] {
+    return Install({.automatic = options.start == "auto",
+                    .restartsWhenStuck = options.restartsWhenStuck,
+                    .restricted = options.restricted});
+  });
+  install.add_option("--start", options.start, "When the service starts")
+      ->check(CLI::IsMember({"auto", "demand"}))
+      ->capture_default_str();
+  AddRestartWhenStuck(install, options);
+  install.add_flag("--restrict", options.restricted,
+                   "Leave the service only the privileges that it needs, and give it an "
+                   "identity of its own for permissions");
+}
+
+void AddUninstall(CLI::App& program, Options& options) {
+  CLI::App& uninstall = AddVerb(program, options, "uninstall", "Stop the service and remove it",
+                                [&options] { return Uninstall(options.removal); });
+  uninstall.add_flag("--unless-flashing", options.removal.unlessFlashing,
+                     "Not while a command line flashes either");
+  uninstall.add_flag("--purge", options.removal.purge, "Delete configuration, logs and history, too");
+}
+
+void AddConfigure(CLI::App& program, Options& options) {
+  CLI::App& configure = AddVerb(program, options, "configure", "Make CorvelConfig.ini where there is none",
+                                [&options] { return WriteFirstConfiguration(options.configuration); });
+  configure.add_option("--registry-key", options.configuration.registryKey,
+                       "Where the controlling program is met");
+  configure.add_option("--bus", options.configuration.bus, "How the modem is connected")
+      ->check(CLI::IsMember({"usb", "pcie"}));
+  configure.add_option("--images", options.configuration.images, "The folder of the firmware images");
+}
+
+void AddStop(CLI::App& program, Options& options) {
+  AddVerb(program, options, "stop", "Stop the service, unless a flash is running", [&options] {
+    return Stop(options.forced);
+  }).add_flag("--force", options.forced, "Stop it even then");
+}
+
+void AddStatus(CLI::App& program, Options& options) {
+  CLI::App& status = AddVerb(program, options, "status", "Show the service's state", [&options] {
+    if (options.history) return ShowHistory(kProgram, options.json) ? kDone : kNotReady;
+    return ShowStatus(options.json);
+  });
+  status.add_flag("--json", options.json, "Print one JSON document and nothing else");
+  status.add_flag("--history", options.history, "Show how the last flashes ended, the command line's too");
+}
+
+void AddRun(CLI::App& program, Options& options) {
+  CLI::App& run = AddVerb(program, options, "run", "Run in this terminal until Ctrl+C",
+                          [&options] { return RunBesideNoOtherHost(options.AfterStandstill()); });
+  run.add_flag("--console", options.console, "Needed, so that nobody does it by mistake")->required();
+  AddRestartWhenStuck(run, options);
+}
+
+void DescribeProgram(CLI::App& program, Options& options) {
   program.name("corvel_service");
   program.set_version_flag("-V,--version", std::string("corvel_service ") + CORVEL_VERSION);
   program.footer(kExitCodes);
   program.require_subcommand(0, 1);
-
-  bool restartsWhenStuck = false;
-  const auto whenStuck = [&] { return restartsWhenStuck ? WhenStuck::EndProcess : WhenStuck::GoOn; };
-  std::function<int()> action = [&] { return RunWithoutVerb(program, whenStuck()); };
   // For the service manager, which starts the program as it was installed.
-  program.add_flag(kRestartWhenStuckOption, restartsWhenStuck)->group("");
-  const auto add = [&](const char* name, const char* description, std::function<int()> verbAction) {
-    CLI::App* const verb = program.add_subcommand(name, description);
-    verb->footer(kExitCodes);
-    verb->callback([&action, verbAction = std::move(verbAction)] { action = verbAction; });
-    return verb;
-  };
+  program.add_flag(kRestartWhenStuckOption, options.restartsWhenStuck)->group("");
+  options.action = [&] { return RunWithoutVerb(program, options.AfterStandstill()); };
 
-  std::string start = "auto";
-  bool restricted = false;
-  CLI::App* const install = add("install", "Install the service", [&] {
-    return Install(
-        {.automatic = start == "auto", .restartsWhenStuck = restartsWhenStuck, .restricted = restricted});
-  });
-  install->add_option("--start", start, "When the service starts")
-      ->check(CLI::IsMember({"auto", "demand"}))
-      ->capture_default_str();
-  install->add_flag(kRestartWhenStuckOption, restartsWhenStuck, kRestartWhenStuckHelp);
-  install->add_flag("--restrict", restricted,
-                    "Leave the service only the privileges that it needs, and give it an "
-                    "identity of its own for permissions");
+  AddInstall(program, options);
+  AddUninstall(program, options);
+  AddConfigure(program, options);
+  AddVerb(program, options, "start", "Start the service", Start);
+  AddStop(program, options);
+  AddStatus(program, options);
+  AddRun(program, options);
+}
 
-  Removal removal;
-  CLI::App* const uninstall =
-      add("uninstall", "Stop the service and remove it", [&] { return Uninstall(removal); });
-  uninstall->add_flag("--unless-flashing", removal.unlessFlashing, "Not while a command line flashes either");
-  uninstall->add_flag("--purge", removal.purge, "Delete configuration, logs and history, too");
-
-  FirstConfiguration wanted;
-  CLI::App* const configure = add("configure", "Make CorvelConfig.ini where there is none",
-                                  [&] { return WriteFirstConfiguration(wanted); });
-  configure->add_option("--registry-key", wanted.registryKey, "Where the controlling program is met");
-  configure->add_option("--bus", wanted.bus, "How the modem is connected")
-      ->check(CLI::IsMember({"usb", "pcie"}));
-  configure->add_option("--images", wanted.images, "The folder of the firmware images");
-  add("start", "Start the service", Start);
-
-  bool forced = false;
-  add("stop", "Stop the service, unless a flash is running", [&] {
-    return Stop(forced);
-  })->add_flag("--force", forced, "Stop it even then");
-
-  bool history = false;
-  CLI::App* const status = add("status", "Show the service's state", [&] {
-    if (history) return ShowHistory(kProgram, json) ? kDone : kNotReady;
-    return ShowStatus(json);
-  });
-  status->add_flag("--json", json, "Print one JSON document and nothing else");
-  status->add_flag("--history", history, "Show how the last flashes ended, the command line's too");
-
-  bool console = false;
-  CLI::App* const run =
-      add("run", "Run in this terminal until Ctrl+C", [&] { return RunBesideNoOtherHost(whenStuck()); });
-  run->add_flag("--console", console, "Needed, so that nobody does it by mistake")->required();
-  run->add_flag(kRestartWhenStuckOption, restartsWhenStuck, kRestartWhenStuckHelp);
+int Run(std::vector<std::string> words, bool json) {
+  CLI::App program{"Runs the modem flash library as a Windows service."};
+  Options options;
+  options.json = json;
+  DescribeProgram(program, options);
 
   TakeHelpForAnOption(words);
   if (const auto problem = UnknownVerb(program, words)) {
@@ -420,7 +460,7 @@ int Run(std::vector<std::string> words, bool json) {
   } catch (const CLI::ParseError& error) {
     return Answer(program, error, json);
   }
-  return action();
+  return options.action();
 }
 
 int RunProgram() {

@@ -61,7 +61,7 @@ class CallHooks {
   /// any more.
   void Lift();
 
-  /// Makes room for functions that the module does not import, but comes by while it runs.
+  /// Makes room for functions that the module does not import, but is given while it runs.
   void Expect(std::span<const KnownCall> calls);
   /// What to hand the module in place of one of these. Any thread.
   void* InFrontOf(std::string_view function, void* target);

@@ -46,7 +46,7 @@ struct KnownCall {
 
 /// All functions that the product imports and of which something is known; each name once.
 std::span<const KnownCall> KnownCalls();
-/// What it does not import, but comes by while it runs: functions of the flashing library, by their exported
+/// What it does not import, but is given while it runs: functions of the flashing library, by their exported
 /// names, and of objects ("IMbnDeviceService::SetCommand").
 std::span<const KnownCall> KnownForeignCalls();
 /// Null for a function of which nothing is known.

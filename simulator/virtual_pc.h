@@ -83,7 +83,8 @@ class VirtualPc {
   std::unique_ptr<SimulatedMobileBroadband> m_MobileBroadband;
   std::unique_ptr<ImportPatch> m_Patch;
   std::function<void(CallHooks&)> m_Prepare;
-  // Shared with threads that come by a function of the flashing library, or an object, while it is given up.
+  // Shared with threads that are given a function of the flashing library, or an object, while it is given
+  // up.
   std::shared_ptr<CallHooks> m_Hooks;
 };
 

@@ -22,7 +22,8 @@ extern "C" __declspec(dllimport) BOOL WINAPI QueryUnbiasedInterruptTime(PULONGLO
 
 namespace corvel {
 
-// The values under the key where a controlling program and the service meet, all of them REG_DWORD.
+// The values under the key where a controlling program and the service meet, all of them REG_DWORD. Named
+// here again, for a controlling program has no other header of the library.
 inline constexpr wchar_t kReadyValue[] = L"Fls_Ready";
 inline constexpr wchar_t kRetryTimesValue[] = L"Retry_Times";
 inline constexpr wchar_t kTimeOutValue[] = L"Time_Out";
@@ -51,7 +52,7 @@ struct FlashValues {
   std::optional<std::uint32_t> onGoing;
   std::optional<std::uint32_t> progress;  ///< percent
   std::optional<std::uint32_t> result;
-  /// Why one of them could not be read although it may be there, as a Win32 error; 0 when there is none such.
+  /// Why one of them could not be read although it may be there, as a Win32 error; 0 when all could be read.
   DWORD error = ERROR_SUCCESS;
 
   bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
@@ -76,6 +77,7 @@ FlashValues ReadFlashValues(HKEY key, const wchar_t* path = nullptr);
 /// two looks is then never missed. Used by one thread, which has to live while a change is waited for.
 class FlashKeyWatch {
  public:
+  /// Watches nothing before the first call of Arm.
   explicit FlashKeyWatch(FlashKey location);
 
   /// Arms the event again after a change; while no change has come, it stays armed. A key that was made anew
@@ -116,6 +118,7 @@ enum class FlashEnding {
   Refused,    ///< the registry refused; see the error
 };
 
+/// How a request ended.
 struct FlashOutcome {
   FlashEnding ending = FlashEnding::Refused;
   FlashValues values;           ///< as they were at the end

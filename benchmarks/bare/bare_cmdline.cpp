@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "controller.h"
 #include "hosts/common/facts.h"
-#include "src/controller.h"
 
 namespace {
 

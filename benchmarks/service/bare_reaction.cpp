@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "benchmarks/bare_key.h"
+#include "controller.h"
 #include "hosts/common/facts.h"
-#include "src/controller.h"
 
 namespace benchmarks {
 

@@ -7,11 +7,11 @@
 #include <stdexcept>
 
 #include "benchmarks/service/stopwatch.h"
+#include "controller.h"
 #include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
 #include "simulator/call_hooks.h"
 #include "simulator/program/firmware_folder.h"
-#include "src/controller.h"
 
 namespace benchmarks {
 

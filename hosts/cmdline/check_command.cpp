@@ -90,7 +90,7 @@ nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Findin
   return obstacle == nullptr ? document : AsJson(ProblemOf(*obstacle), document);
 }
 
-/// What the program's end goes by: the first error, or else, if they count too, the first warning.
+/// What decides the exit status: the first error, or else, if they count too, the first warning.
 const Finding* FindObstacle(const std::vector<Finding>& findings, bool strict) {
   const Finding* const error = FirstOf(findings, Verdict::Error);
   return error == nullptr && strict ? FirstOf(findings, Verdict::Warning) : error;

@@ -130,7 +130,8 @@ Finding LookAtImage(const char* subject, const std::wstring& path, const char* m
   return Ok(subject, ToUtf8(path) + ", " + std::to_string(size.bytes) + " bytes");
 }
 
-/// Names of the other images that are of the same kind as the one that is taken, by what the library goes by.
+/// Names of the other images that are of the same kind as the one that is taken, as the library tells the
+/// kinds apart.
 std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::wstring& taken,
                                          bool areModemImages) {
   std::vector<std::string> names;

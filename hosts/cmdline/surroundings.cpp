@@ -35,11 +35,11 @@ namespace {
 /// False also when nobody can tell.
 bool HasNoImage(const std::wstring& folder) {
   WIN32_FIND_DATAW entry{};
-  const HANDLE search = ::FindFirstFileW((folder + L"\\*.fls").c_str(), &entry);
-  if (search == INVALID_HANDLE_VALUE) {
+  const HANDLE found = ::FindFirstFileW((folder + L"\\*.fls").c_str(), &entry);
+  if (found == INVALID_HANDLE_VALUE) {
     return ::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_NO_MORE_FILES;
   }
-  ::FindClose(search);
+  const OwnedSearch search(found);
   return false;
 }
 

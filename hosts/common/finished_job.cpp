@@ -34,7 +34,8 @@ std::optional<FinishedJob> JobWatch::Look(const Handshake& values,
   // A short job may be over before anybody has looked: another result than at the last look is its only
   // trace.
   if (!m_Begin && last && last->result != values.result) m_Begin = last->at;
-  // Without a begin it is the result of the last job, which stays until the library sees the next request.
+  // Without a beginning it is the result of the last job, which stays until the library sees the next
+  // request.
   if (!m_Begin) return std::nullopt;
   const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(now - *m_Begin);
   m_Begin.reset();

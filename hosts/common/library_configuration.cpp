@@ -45,7 +45,7 @@ std::optional<std::wstring> ReadLine(std::FILE* file) {
   return line;
 }
 
-/// As far as a text of limited length goes that ends at a zero.
+/// What fits into a text of limited length, up to the first zero.
 std::wstring Bounded(const std::wstring& text) {
   return text.substr(0, std::min(text.find(L'\0'), kLongestConfigurationText));
 }

@@ -69,7 +69,7 @@ SERVICE_STATUS_PROCESS StatusOf(SC_HANDLE service) {
   DWORD needed = 0;
   if (!::QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
                               sizeof status, &needed)) {
-    ThrowLastError("The flash service's state cannot be had");
+    ThrowLastError("The flash service's state cannot be read");
   }
   return status;
 }
@@ -80,7 +80,7 @@ std::wstring CommandOf(SC_HANDLE service) {
   std::vector<BYTE> buffer(size);
   auto* const configuration = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
   if (!::QueryServiceConfigW(service, configuration, size, &size))
-    ThrowLastError("The flash service's program cannot be had");
+    ThrowLastError("The flash service's program cannot be read");
   return configuration->lpBinaryPathName;
 }
 

@@ -116,7 +116,7 @@ class Printer {
   const std::string& Text() const { return m_Text; }
 
  private:
-  /// The end of a path tells more than its begin.
+  /// The end of a path tells more than its beginning.
   std::string Shortened(const std::string& name) const {
     constexpr std::string_view kDots = "...";
     const std::size_t letters = LettersOf(name);
@@ -147,7 +147,7 @@ class Printer {
     std::string text = NameOf(job.state);
     if (job.state != JobState::Succeeded && !job.attempts.empty())
       text += " at " + std::to_string(job.HighestProgress()) + " %";
-    if (job.beginMissing) text += ", its begin is missing";
+    if (job.beginMissing) text += ", its beginning is missing";
     return text;
   }
 

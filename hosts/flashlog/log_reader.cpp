@@ -36,7 +36,7 @@ int TwoDigits(std::string_view text, std::size_t at) {
   return (text[at] - '0') * 10 + (text[at + 1] - '0');
 }
 
-/// The time that a record begins with; nothing when the text is no begin of a record.
+/// The time that a record begins with; nothing when no record begins like that.
 std::optional<Milliseconds> TimeOf(std::string_view text) {
   if (text.size() < kBegin.size()) return std::nullopt;
   const bool fits = std::ranges::equal(text.substr(0, kBegin.size()), kBegin, [](char letter, char form) {

@@ -13,7 +13,7 @@ namespace hosts::flashlog {
 
 /// Finds the records in the bytes of a log, in whatever pieces these come. Needs the memory of one record.
 ///
-/// A record begins with "#", date and time at the begin of a line, and ends with "##" at the end of one; in
+/// A record begins with "#", date and time at the start of a line, and ends with "##" at the end of one; in
 /// between its message may hold line ends. What is not of this form is handed out as well, as flawed.
 class LogReader {
  public:
@@ -30,7 +30,7 @@ class LogReader {
   void Finish();
 
  private:
-  /// A line of the log; of a long one its begin.
+  /// A line of the log; of a long one its beginning.
   struct Line {
     std::string_view text;   ///< without its line end
     std::uint64_t size = 0;  ///< in the log, with its line end

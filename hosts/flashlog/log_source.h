@@ -16,7 +16,7 @@ class LogSource {
   enum class Outcome {
     Bytes,      ///< some have come
     Nothing,    ///< none at present; of a pipe: none any more
-    BeganAnew,  ///< the file was emptied or replaced; the next bytes are those of its begin
+    BeganAnew,  ///< the file was emptied or replaced; the next bytes are those of its beginning
     Failed,     ///< Error() says why
   };
 
@@ -34,7 +34,7 @@ class LogSource {
  private:
   bool Open();
   bool BeganAnew();
-  /// The first bytes of the file; of a log they hold the time of its begin.
+  /// The first bytes of the file; of a log they hold the time of its beginning.
   std::string Head() const;
 
   std::wstring m_Path;

@@ -114,7 +114,7 @@ class RecordColumns {
   ordered_json m_Cut = ordered_json::object();
 };
 
-/// Stages, attempts and moments as rows of numbers; times count from the job's begin.
+/// Stages, attempts and moments as rows of numbers; times count from the job's start.
 ordered_json Timeline(const Job& job) {
   auto stages = ordered_json::array();
   for (const Stage& stage : job.stages) {

@@ -18,7 +18,7 @@ class FileListing {
   /// False when it could not be started, or nothing matches. Otherwise there is a first entry.
   bool IsStarted() const { return m_Search != nullptr; }
   const WIN32_FIND_DATAW& Entry() const { return m_Entry; }
-  /// Goes to the next entry. @return false when there is none, or none could be had.
+  /// Goes to the next entry. @return false when there is none, or the listing broke off.
   bool GoOn() {
     if (::FindNextFileW(m_Search.get(), &m_Entry)) return true;
     m_End = ::GetLastError();

@@ -4,9 +4,9 @@
 
 namespace corvel {
 
-/// The folder of the host's executable with its trailing separator. Empty, and logged, when the path cannot
-/// be had; lack of memory throws std::bad_alloc, so that it never passes for that: a path made from an empty
-/// folder would be looked for elsewhere.
+/// The folder of the host's executable with its trailing separator. Empty, and logged, when the system
+/// does not tell it; lack of memory throws std::bad_alloc, so that it never passes for that: a path made from
+/// an empty folder would be looked for elsewhere.
 CTString ProgramFolder();
 
 /// The same for callers that throw nothing.

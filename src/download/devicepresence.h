@@ -10,7 +10,7 @@ using facts::kFlashPortId;
 using facts::kMbimModemId;
 
 /// One look at the device tree: true when the id of a present device contains `id`, whatever its case.
-/// A list that cannot be had counts as absence. Any thread.
+/// A list that cannot be read counts as absence. Any thread.
 bool IsDevicePresent(const wchar_t* id);
 
 // The same for one of the modem's functions, logged as the engine's own look.

@@ -90,11 +90,12 @@ class CORVEL_TOOLKIT_API ToolKit {
   static void OutputDebug(int level, const char* module, const char* function, const char* file, int line,
                           const char* format, ...) CORVEL_PRINTF(6, 7);
 
-  /// Folder of the host's executable with its trailing separator; empty when it cannot be had. Any thread.
+  /// Folder of the host's executable with its trailing separator; empty when the system does not tell it. Any
+  /// thread.
   static CTString GetInstallationDir();
   /// These set `folder` to the installation folder. The first two return false although they do: callers
   /// must not take that for a failure. The last returns true, and false only for lack of memory. The folder
-  /// is empty when it cannot be had. Any thread, each with a text of its own.
+  /// is empty when the system does not tell it. Any thread, each with a text of its own.
   static bool GetLocalAppDataDir(CTString& folder);
   static bool GetProgramDataDir(CTString& folder);
   static bool GetLocalDataToolkitDir(CTString& folder);
@@ -238,7 +239,9 @@ class CORVEL_TOOLKIT_API ToolKit {
   static int m_EraseMode;
 
  protected:
+  /// Destroys the instance, if there is one. For the library's entry routine alone.
   static void ReleaseInstance();
+  /// Sets `folder` as the functions above do, and returns false like the first two. Any thread.
   static bool GetDataDir(CTString& folder, bool unused);
 
  private:

@@ -67,7 +67,7 @@ class DeviceRequest {
   DeviceRequest(const DeviceRequest&) = delete;
   DeviceRequest& operator=(const DeviceRequest&) = delete;
 
-  /// False, with the last error set, when the event or the memory could not be had.
+  /// False, with the last error set, when the event or the memory could not be made.
   bool IsReady() const { return m_Done != nullptr; }
   HANDLE Done() const { return m_Done.get(); }
   OVERLAPPED* Overlapped() const { return &m_Memory->overlapped; }

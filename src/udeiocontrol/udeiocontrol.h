@@ -32,7 +32,7 @@ class CUdeIoControl {
   bool TriggerFlashReset(const std::function<bool()>& isAbandoned);
 
   /// Open the control or the flash interface, and close it again.
-  /// @return false when no list of present interfaces could be had. True does not mean that one of them
+  /// @return false when the present interfaces could not be listed. True does not mean that one of them
   /// could be opened: if none could, the first request fails.
   bool OpenDevice();
   bool OpenFlashDevice();

@@ -367,7 +367,7 @@ std::vector<std::wstring> ArgumentsFrom(std::size_t from, const std::wstring& ke
   return words;
 }
 
-/// Adds up what the children did. @return false when one of them came to no end that can be gone on behind.
+/// Adds up what the children did. @return false when one of them ended so that the rest cannot be run.
 bool RunChildren(Progress& total) {
   const WorkFolder folder;
   const std::wstring path = L"Software\\Corvel\\Test\\campaign-" + std::to_wstring(::GetCurrentProcessId());

@@ -82,7 +82,7 @@ inline constexpr char kWaitsForHeldCall[] = "the service waits for a call of ano
 
 /// Null when nothing excuses the finding.
 const NotHeld* ExcuseOf(const FaultCase& fault, simulator::Route route, const std::string& finding);
-/// The list, for who writes it down.
+/// The list, for the page that shows it.
 const std::vector<NotHeld>& EverythingNotHeld();
 
 }  // namespace campaign

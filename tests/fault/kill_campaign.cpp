@@ -202,7 +202,7 @@ class Kills {
       for (std::size_t call = 1 + std::max(g_options.from, g_options.seed % g_options.step);;
            call += g_options.step) {
         status = g_options.atStart ? KillTwice(call, summary) : KillAt(call, summary);
-        if (status == 0) break;  // there are no so many
+        if (status == 0) break;  // there are not so many
       }
     }
     Step(0, "at the end", summary);

@@ -545,7 +545,7 @@ std::vector<std::wstring> Arguments(std::size_t from, const std::wstring& key) {
   return words;
 }
 
-/// Adds up what the children did. @return false when one of them came to no end that can be gone on behind.
+/// Adds up what the children did. @return false when one of them ended so that the rest cannot be run.
 bool RunRaces(Progress& total) {
   for (std::size_t from = g_options.from; from < g_options.cases;) {
     const WorkFolder folder;

@@ -104,7 +104,7 @@ class LogText {
   double Seconds() const { return m_Milliseconds / 1000.0; }
   const std::string& Text() const { return m_Text; }
 
-  /// The begin of a record, up to its message.
+  /// The beginning of a record, up to its message.
   std::string Begin(const std::string& level, const std::string& function) const;
 
  private:

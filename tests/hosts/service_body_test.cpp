@@ -213,7 +213,7 @@ class ServiceBodyTest : public testing::Test {
     return g_told == count;
   }
 
-  /// Waits until the service says so, or no more so.
+  /// Waits until the service says so, or says so no longer.
   bool BecomesHindered(bool hindered) const {
     const auto end = std::chrono::steady_clock::now() + kLongestWait;
     while (IsServiceHindered(key.Location()) != hindered && std::chrono::steady_clock::now() < end)

@@ -885,7 +885,7 @@ TEST_F(ServiceTest, IsStoppedRightBehindTheEndOfAFlash) {
   EXPECT_EQ(ManagedService().Status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
 }
 
-/// The same at its begin.
+/// The same at its start.
 TEST_F(ServiceTest, IsNotStoppedRightBehindTheRequest) {
   workspace.MakeVirtualPc({"speed=10"});
   InstallAndStart();

@@ -13,8 +13,9 @@
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
 
-/// A folder that the library takes for the one of its host's executable: its configuration and its debug
-/// log lie there. The configuration ends with it.
+/// A folder of a unit test, which the simulator's work folders, made for whole programs, are too much for.
+/// The library takes it for the one of its host's executable: its configuration and its debug log lie there.
+/// The configuration ends with it.
 class HostFolder {
  public:
   explicit HostFolder(const std::wstring& suffix = L"") : m_Folder(suffix) {
@@ -30,7 +31,7 @@ class HostFolder {
 
   void WriteConfig(std::string_view bytes) { m_Folder.Write(L"CorvelConfig.ini", bytes); }
   std::wstring ConfigPath() const { return m_Folder.File(L"CorvelConfig.ini"); }
-  /// From now on the path of the executable cannot be had.
+  /// From now on the path of the executable is not told.
   static void Hide() { s_executable.clear(); }
 
   std::vector<LogRecord> Log() const { return ReadLog(m_Folder.File(L"FlashServiceDebugLogger_DLL.log")); }

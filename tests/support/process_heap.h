@@ -4,7 +4,8 @@
 
 #include "simulator/import_patch.h"
 
-/// Counts what the library takes from the process heap, and can refuse it.
+/// Counts what the library takes from the process heap, and can refuse it. The simulator's failing
+/// allocations do not tell whether each block was given back.
 class ProcessHeap {
  public:
   ProcessHeap() {

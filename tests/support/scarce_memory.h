@@ -8,7 +8,8 @@
 
 #include "simulator/import_patch.h"
 
-/// The library's memory, of which one allocation fails. One thread's alone; the test's own memory is not
+/// The library's memory, of which one allocation fails. The simulator's failing allocations hit a whole job
+/// of the shipped library; this counts those of one call. One thread's alone; the test's own memory is not
 /// touched, but objects of the library that the test makes are.
 class ScarceMemory {
  public:

@@ -23,7 +23,8 @@ struct LogRecord {
   std::string message;
 };
 
-/// The records of a debug log, in their order.
+/// The records of a debug log, in their order. The simulator judges a whole log of one run; a unit test looks
+/// at what was added since it began.
 inline std::vector<LogRecord> ReadLog(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

@@ -249,7 +249,7 @@ function drawCard(job) {
                  job.state === "succeeded" ? null : `${job.highest} % written`,
                  counted(job.errors, "error"), counted(job.warnings, "warning"),
                  job.command_line ? "by the command line" : null, job.version ? `library ${job.version}` : null,
-                 job.begin_missing ? "its begin is missing" : null].filter((fact) => fact !== null);
+                 job.begin_missing ? "its beginning is missing" : null].filter((fact) => fact !== null);
   const heading = `${logs.length > 1 ? logs[job.log].name.split(/[\\/]/).slice(-2).join("/") + ", f" : "F"}lash ${job.number}`;
   return html("article", {class: "job", id: `job-${jobs.indexOf(job)}`, "aria-label": heading},
               html("header", {}, html("h3", {}, heading), html("span", {class: `badge ${job.state}`}, job.state_name),
@@ -579,7 +579,7 @@ function choose(record, scroll) {
   if (index >= 0 && cards.has(index)) cards.get(index).element.placeCursor(record.time - jobs[index].begin);
 }
 
-/** As at the begin; with a record that has to be among those that are shown. */
+/** As at the start; with a record that has to be among those that are shown. */
 function clearFilters(record) {
   byId("filters").reset();
   if (!record) return;

@@ -13,7 +13,8 @@
 
 #include "simulator/import_patch.h"
 
-/// The serial port of a modem in place of the system's: exclusive, and with a driver whose settings,
+/// The serial port of a modem in place of the system's. Apart from the simulator's, which behaves as a driver
+/// does, this one records every setting and fails at any: exclusive, and with a driver whose settings,
 /// failures and answers a test chooses. Ports of other numbers do not exist; other files are the system's.
 class FakeSerialPort {
  public:

@@ -50,7 +50,7 @@ class ListedEntries {
     s_entries.push_back(entry);
     s_end = s_entries.size();
   }
-  /// The next entry after `count` of them cannot be had.
+  /// The next entry after `count` of them cannot be read.
   void BreakOffAfter(std::size_t count, DWORD error) {
     s_end = count;
     s_error = error;
@@ -190,7 +190,7 @@ TEST_F(FirmwareFilesTest, AFileInThePlaceOfTheFolderIsNoFailureButHoldsNoImages)
   EXPECT_THAT(log.Said(), ElementsAre("FetchModemNVMFls ++", "FetchModemNVMFls --"));
 }
 
-/// Entries of which the second cannot be had.
+/// Entries of which the second cannot be read.
 class BrokenSearchTest : public FirmwareFilesTest {
  protected:
   BrokenSearchTest() {

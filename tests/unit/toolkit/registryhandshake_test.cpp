@@ -665,8 +665,8 @@ TEST_F(MonitorTest, OtherChangesCostOneRoundEachAndNoSpinning) {
 /// anew.
 class MonitorBesideAHostTest : public MonitorTest {
  protected:
-  UniqueHandle held{::CreateEventW(nullptr, FALSE, TRUE,
-                                   (L"RegistryNotify" + std::to_wstring(::GetCurrentProcessId())).c_str())};
+  corvel::UniqueHandle held{::CreateEventW(
+      nullptr, FALSE, TRUE, (L"RegistryNotify" + std::to_wstring(::GetCurrentProcessId())).c_str())};
 };
 
 TEST_F(MonitorBesideAHostTest, OtherChangesCostOneRoundEachAndNoSpinning) {

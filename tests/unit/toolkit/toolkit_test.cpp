@@ -143,7 +143,8 @@ TEST_F(NoMemoryTest, TheInstallationFolderIsEmpty) {
   });
 }
 
-// An empty one would pass for a path that cannot be had, and the next file for one in the current folder.
+// An empty one would pass for a path that the system does not tell, and the next file for one in the current
+// folder.
 TEST_F(NoMemoryTest, TheLibraryItselfDoesNotTakeTheInstallationFolderForAnEmptyOne) {
   memory.Fail(1);
   EXPECT_THROW(ProgramFolder(), std::bad_alloc);

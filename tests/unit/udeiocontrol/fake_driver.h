@@ -14,9 +14,9 @@
 #include "common/handles.h"
 #include "simulator/import_patch.h"
 
-/// The device interfaces of a driver in place of the system's. Each is an overlapped pipe and a request
-/// a read on it, so that events, time limits and cancelling are the system's own; only the time limits are
-/// cut short.
+/// The device interfaces of a driver in place of the system's. Apart from the simulator's, which lives in
+/// virtual time, it has real events and time limits. Each is an overlapped pipe and a request a read on it,
+/// so that events, time limits and cancelling are the system's own; only the time limits are cut short.
 class FakeDriver {
  public:
   /// What becomes of a request.

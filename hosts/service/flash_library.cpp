@@ -47,6 +47,13 @@ std::wstring WhyNoConfiguration() {
   return path + L" cannot be read: another program has it open, or its permissions forbid it";
 }
 
+/// The library has no configuration either when it could not start what serves with it.
+LibraryFailure WhyNobodyServes() {
+  if (LibraryConfiguration::Read(ProgramFolder() + kConfigurationName))
+    return {kFailedNoResources, L"the library could not start its service for lack of memory or threads"};
+  return {kFailedNoConfiguration, WhyNoConfiguration()};
+}
+
 LoadedLibrary Load() {
   const std::wstring path = ProgramFolder() + kLibraryName;
   // Never freed: its supervisor runs for the life of the process.
@@ -57,9 +64,7 @@ LoadedLibrary Load() {
   }
   const Questions ask(library);
   if (!ask.AreKnown()) return Failed(kFailedNoLibrary, path + L" is of another version");
-  if (!ask.isConfigLoaded()) {
-    return Failed(kFailedNoConfiguration, WhyNoConfiguration());
-  }
+  if (!ask.isConfigLoaded()) return {.failure = WhyNobodyServes(), .key = {}};
   return {.failure = std::nullopt,
           .key = {.root = ask.root(), .rootName = ask.rootName(), .path = ask.path()}};
 }

@@ -49,6 +49,12 @@ std::string NextToken(const char* text, const char* delimiters, int& position) {
   return std::string(token);
 }
 
+/// A library that serves nobody keeps no configuration: a host asks for that, ends, and is started anew.
+bool StartedNobody() {
+  CConfigParser::ReleaseInstance();
+  return false;
+}
+
 }  // namespace
 
 ToolKit* ToolKit::m_Instance = nullptr;
@@ -108,14 +114,14 @@ bool ToolKit::Initialize() try {
     const UniqueHandle supervisor = StartWorker([] { MainThreadImplementation(nullptr); });
     if (supervisor == nullptr) {
       LOG_ERROR("\t CreateThread error: %d, Initialize --\n", LastErrorNumber());
-      return false;
+      return StartedNobody();
     }
   }
   LOG_TRACE("\t Initialize --");
   return true;
 } catch (...) {
   // Out of memory: there is no thread. One that watched another key than the configured one would be worse.
-  return false;
+  return StartedNobody();
 }
 
 bool ToolKit::Initialize_CmdLine() {

@@ -60,7 +60,7 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// @return true when the configuration is loaded, now or before; false when the file is missing, cannot be
   /// opened or cannot be read to its end. None of its settings is used then, and the next call tries again.
   static bool LoadConfig(const wchar_t* path);
-  /// True once a load has succeeded.
+  /// True once a load has succeeded; false again after a start that could not start the supervisor.
   static bool IsConfigLoaded();
   /// Releases the configuration and leaves the COM apartment that it entered. Call it on the thread that
   /// loaded the configuration (on another one the apartment stays entered), and never while the service or a

@@ -160,6 +160,14 @@ TEST_F(InitializeTest, AThreadThatCannotBeStartedIsAFailureWithTheSystemsError) 
                              Field(&LogRecord::message, "\t CreateThread error: 8, Initialize --\n"))));
 }
 
+// Or a service whose library serves nobody would run on, and nobody would start it anew.
+TEST_F(InitializeTest, AHostSeesByTheConfigurationThatNothingWasStarted) {
+  host.WriteConfig("title\n[TraceLevel]=1\n");
+  threads.Refuse();
+  ToolKit::Initialize();
+  EXPECT_FALSE(ToolKit::IsConfigLoaded());
+}
+
 TEST_F(InitializeTest, OnAThreadOfAnotherApartmentItFailsWithoutACrash) {
   host.WriteConfig("title\n");
   bool initialized = true;
@@ -204,6 +212,8 @@ TEST_F(InitializeTest, WithoutMemoryForTheLocationNothingIsStarted) {
         ToolKit::hMainKey == HKEY_CURRENT_USER;
     EXPECT_EQ(threads.Count() - before, initialized ? 1 : 0);
     EXPECT_TRUE(taken || !initialized);
+    memory.Suffice();
+    EXPECT_EQ(ToolKit::IsConfigLoaded(), initialized);
   });
 }
 

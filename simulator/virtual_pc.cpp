@@ -20,6 +20,19 @@ namespace simulator {
 
 namespace {
 
+/// The simulation in the place of what a module imports.
+std::unique_ptr<ImportPatch> Simulated(HMODULE module) {
+  auto patch = std::make_unique<ImportPatch>(module);
+  PatchThreads(*patch);
+  PatchClock(*patch);
+  PatchDeviceTree(*patch);
+  PatchFiles(*patch);
+  PatchDriver(*patch);
+  PatchSerialPort(*patch);
+  PatchLibraryLoader(*patch);
+  return patch;
+}
+
 /// Connects the Mobile Broadband service with the modem and the clock.
 MobileBroadbandBehaviour Connected(MobileBroadbandBehaviour behaviour,
                                    const std::shared_ptr<Machine>& machine) {
@@ -66,6 +79,15 @@ HMODULE VirtualPc::LoadUnderSimulation(const std::filesystem::path& product) {
   return module;
 }
 
+HMODULE VirtualPc::LoadBeside(const std::filesystem::path& copy) {
+  const LoaderLock lock;
+  const HMODULE module = ::LoadLibraryW(copy.c_str());
+  if (module == nullptr) return nullptr;
+  m_PatchesBeside.push_back(Simulated(module));
+  m_Hooks->Place(module);
+  return module;
+}
+
 void VirtualPc::WhenPlaced(std::function<void(CallHooks&)> prepare) {
   m_Prepare = std::move(prepare);
 }
@@ -86,14 +108,7 @@ void VirtualPc::Begin() {
 void VirtualPc::Patch(HMODULE product) {
   // The hooks stand in front of the simulation too.
   m_Hooks->Lift();
-  m_Patch = std::make_unique<ImportPatch>(product);
-  PatchThreads(*m_Patch);
-  PatchClock(*m_Patch);
-  PatchDeviceTree(*m_Patch);
-  PatchFiles(*m_Patch);
-  PatchDriver(*m_Patch);
-  PatchSerialPort(*m_Patch);
-  PatchLibraryLoader(*m_Patch);
+  m_Patch = Simulated(product);
   m_Hooks->Place(product);
   m_Hooks->ResetCounts();
   ArmFaults(PlatformCallFault::When::Installed);
@@ -114,6 +129,7 @@ void VirtualPc::Uninstall() {
   m_Machine->CoverLibrary(nullptr);
   m_Hooks.reset();
   m_Patch.reset();
+  m_PatchesBeside.clear();
   m_MobileBroadband.reset();
   m_Machine->EndHangs();
   SetCurrentMachine(nullptr);

@@ -41,6 +41,10 @@ class VirtualPc {
   /// routine still meets the system, and the faults that are there for it.
   /// @return the module; null, with the last error set, when it cannot be loaded.
   HMODULE LoadUnderSimulation(const std::filesystem::path& product);
+  /// Loads a copy of the product, by another name, as another process of the session would have it: beside
+  /// the one that is loaded, with the same modem, the same names and the same hooks in front of it.
+  /// @return the module; null, with the last error set, when it cannot be loaded.
+  HMODULE LoadBeside(const std::filesystem::path& copy);
   /// What is done with the hooks once they stand in front of the library that is loaded next, and before its
   /// entry routine runs. May not load anything; what it throws comes
   /// out of LoadUnderSimulation.
@@ -82,6 +86,7 @@ class VirtualPc {
   std::shared_ptr<Machine> m_Machine;
   std::unique_ptr<SimulatedMobileBroadband> m_MobileBroadband;
   std::unique_ptr<ImportPatch> m_Patch;
+  std::vector<std::unique_ptr<ImportPatch>> m_PatchesBeside;
   std::function<void(CallHooks&)> m_Prepare;
   // Shared with threads that are given a function of the flashing library, or an object, while it is given
   // up.

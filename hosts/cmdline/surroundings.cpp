@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "hosts/common/facts.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "toolkit/toolkit.h"
 

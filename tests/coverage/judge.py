@@ -3,7 +3,7 @@
 
 usage: judge.py COVERAGE.json LIST REPORT
 
-An entry of the list is "file: code: reason", the code as it stands in the line, without what is in front of it. So an
+An entry of the list is "file :: code :: reason", the code as it stands in the line, without what is in front of it. So an
 entry stays right when lines move, and falls out of use when its line changes. Lines with the same code in a file
 share an entry.
 """

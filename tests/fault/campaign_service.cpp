@@ -1,5 +1,6 @@
 #include "fault/campaign_service.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -28,39 +29,50 @@ using namespace std::chrono_literals;
 using RealClock = std::chrono::steady_clock;
 
 constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
+constexpr wchar_t kSecondLibrary[] = L"CorvelToolKit of another host.dll";
+constexpr unsigned kMostHosts = 2;
 constexpr wchar_t kModemImage[] = L"modem.fls";
 constexpr wchar_t kNvmImage[] = L"nvm.fls";
 // Time flies less while somebody waits for a thread that hangs.
 constexpr auto kPatience = 90s;
 
-/// Sees the service begin its endless wait for a change of the key: it waits so only when it has looked and
-/// nothing is asked for, and on the event that it has armed. And sees what the modem is like when a result is
-/// reported.
+/// The thread of a host that serves its requests, as its calls show it. It waits endlessly for a change of
+/// the key only when it has looked and nothing is asked for, and on the event that it has armed.
+struct ServingThread {
+  std::atomic<DWORD> thread{0};
+  std::atomic<std::uint64_t> event{0};
+  std::atomic<unsigned> waits{0};
+  std::atomic<bool> rests{false};
+};
+
+/// Sees the service begin to wait for a request, and what the modem is like when a result is reported.
 class Witness {
  public:
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
+    SeeServing(call, function);
     if (function == "RegSetValueExW") SeeValue(reinterpret_cast<const wchar_t*>(call.arguments[1]));
     if (const char* const last = s_lastFunction; last != nullptr && function == last)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_callsWhileWriting != 0 && s_modem->State() == ModemState::Writing && --s_callsWhileWriting == 0)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_records) Note(call);
-    if (function == "RegNotifyChangeKeyValue") {
-      s_event = call.arguments[3];
-      s_supervisor = ::GetCurrentThreadId();
-      s_hasWritten = false;
-    }
-    if (function == "WaitForSingleObject" && call.arguments[0] == s_event &&
-        static_cast<DWORD>(call.arguments[1]) == INFINITE) {
-      ++s_count;
-    }
     if (const CallHooks::Observer other = s_other) other(call);
   }
   static void AlsoTell(CallHooks::Observer other) { s_other = other; }
-  static unsigned Count() { return s_count; }
+  static void ExpectHosts(unsigned hosts) { s_hosts = hosts; }
+  static unsigned Count() {
+    unsigned count = 0;
+    for (const ServingThread& each : s_serving) count += each.waits;
+    return count;
+  }
+  static bool AllRest() {
+    bool rest = true;
+    for (unsigned i = 0; i < s_hosts; ++i) rest = rest && s_serving[i].rests;
+    return rest;
+  }
   static ModemState ModemAtResult() { return s_modemAtResult; }
-  static DWORD Supervisor() { return s_supervisor; }
+  static DWORD SupervisorThread() { return s_serving[0].thread; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
   static void Record(bool calls) { s_records = calls; }
   static std::vector<MadeCall> TakeRecord() {
@@ -78,6 +90,36 @@ class Witness {
   }
 
  private:
+  static void SeeServing(const SeenCall& call, std::string_view function) noexcept {
+    const bool arms = function == "RegNotifyChangeKeyValue";
+    ServingThread* const own = OfThisThread(arms);
+    if (own == nullptr) return;
+    own->rests = false;
+    if (arms) {
+      own->event = call.arguments[3];
+      s_hasWritten = false;
+    }
+    if (function == "WaitForSingleObject" && call.arguments[0] == own->event &&
+        static_cast<DWORD>(call.arguments[1]) == INFINITE) {
+      ++own->waits;
+      own->rests = true;
+    }
+  }
+
+  /// @return null for a thread that serves no requests.
+  static ServingThread* OfThisThread(bool arms) noexcept {
+    const DWORD thread = ::GetCurrentThreadId();
+    // A host alone may have had another one before.
+    if (arms && s_hosts == 1) s_serving[0].thread = thread;
+    for (unsigned i = 0; i < s_hosts; ++i) {
+      ServingThread& each = s_serving[i];
+      DWORD nobody = 0;
+      if (each.thread == thread || (arms && each.thread.compare_exchange_strong(nobody, thread)))
+        return &each;
+    }
+    return nullptr;
+  }
+
   static void SeeValue(const wchar_t* name) noexcept {
     if (std::wstring_view(name) == L"Flash_Result") s_modemAtResult = s_modem->State();
   }
@@ -99,13 +141,12 @@ class Witness {
   static inline std::map<std::string, int> s_numbers;
   static inline std::atomic<bool> s_records{false};
   static inline std::atomic<bool> s_hasWritten{false};
-  static inline std::atomic<DWORD> s_supervisor{0};
+  static inline std::array<ServingThread, kMostHosts> s_serving;
+  static inline unsigned s_hosts = 1;
   static inline std::atomic<unsigned> s_callsWhileWriting{0};
   static inline std::atomic<const char*> s_lastFunction{nullptr};
   static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
-  static inline std::atomic<std::uint64_t> s_event{0};
-  static inline std::atomic<unsigned> s_count{0};
 };
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
@@ -151,13 +192,22 @@ Service::Service(const ServicePlan& plan)
                                                         m_Folder / L"firmware");
   if (!plan.log) TurnLogOff(m_Folder / L"CorvelConfig.ini");
   Witness::Watch(m_Pc.Modem());
+  Witness::ExpectHosts(plan.hosts);
   m_Pc.Modem().KeepStateIn(m_Folder / kStateFile);
 }
 
 HMODULE Service::Load() {
   // Nobody may miss the first wait: whoever watches is there before the library's thread is.
   const LoadWatch watch(kLibrary, [this](HMODULE) { Hooks().Observe(&Witness::See); });
-  return m_Pc.LoadUnderSimulation(m_Folder / kLibrary);
+  const HMODULE library = m_Pc.LoadUnderSimulation(m_Folder / kLibrary);
+  return library != nullptr && m_Plan.hosts > 1 && !LoadSecondHost() ? nullptr : library;
+}
+
+/// A copy has variables of its own, as in a process of its own.
+bool Service::LoadSecondHost() {
+  std::filesystem::copy_file(m_Folder / kLibrary, m_Folder / kSecondLibrary,
+                             std::filesystem::copy_options::overwrite_existing);
+  return m_Pc.LoadBeside(m_Folder / kSecondLibrary) != nullptr;
 }
 
 bool Service::Begin() {
@@ -211,7 +261,7 @@ void Service::AlsoTell(CallHooks::Observer observer) {
 }
 
 DWORD Service::Supervisor() {
-  return Witness::Supervisor();
+  return Witness::SupervisorThread();
 }
 
 void Service::Record(bool calls) {
@@ -260,7 +310,9 @@ JobEnd Service::GoOn() {
 }
 
 bool Service::IsAtRest(unsigned formerWaits) const {
-  return Waits() > formerWaits && Values().ready != 1u;
+  // In this order: whoever rests when nothing is asked for has nothing left to do. Of two hosts one may have
+  // slept through it all.
+  return Waits() > formerWaits && Values().ready != 1u && Witness::AllRest();
 }
 
 bool Service::AwaitRest(unsigned formerWaits) {

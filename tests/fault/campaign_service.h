@@ -55,6 +55,7 @@ struct ServicePlan {
   Images images = Images::Small;
   std::wstring key;  ///< is there already; whoever made it removes it
   Begins begins = Begins::Anew;
+  unsigned hosts = 1;  ///< 2: a second one in the session, on the same key and with the same modem
 };
 
 /// A call of the library to a function that stands behind a hook.
@@ -104,9 +105,9 @@ class Service {
   JobEnd Look(bool ended);
   /// Until the service waits for a request with nothing left to do. @return false when it does not.
   bool AwaitRest(unsigned formerWaits);
-  /// How often it began to wait so.
+  /// How often it began to wait so; of two hosts both together.
   static unsigned Waits();
-  /// The thread that serves the requests; 0 before its first wait.
+  /// The thread that serves the requests, of the host that began first; 0 before its first wait.
   static DWORD Supervisor();
   /// From now on each call is noted, or no longer.
   static void Record(bool calls);
@@ -114,6 +115,7 @@ class Service {
   std::vector<MadeCall> TakeRecord() const;
 
  private:
+  bool LoadSecondHost();
   bool IsAtRest(unsigned formerWaits) const;
   bool IsImageLeft() const;
   simulator::MemoryComparison Compare();

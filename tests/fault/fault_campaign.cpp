@@ -1,19 +1,19 @@
 // Faults in flash jobs of the service: for a route, one case after the other, each in a job of its own, and
 // behind each a job in which nothing fails.
 //
-// usage: fault_campaign [--route mbim|at|bbrst|flash-port] [--what WHAT] [--log] [--large] [--seed N] [--step
-// N]
-//                       [--count N] [--from N] [--only "FUNCTION N"] [--list]
+// usage: fault_campaign [--route mbim|at|bbrst|flash-port] [--what WHAT] [--log] [--large] [--seed N]
+//                       [--step N] [--count N] [--from N] [--only "FUNCTION N"] [--list] [--not-held]
 //
 // WHAT calls     every plausible failure of every call to what the library imports (default); with --log or
 //                --large of each function, place and stage the first, the second and the last call
-//      foreign   each call of the flashing library and of the Mobile Broadband objects: fails, answers what
-//      it
-//                never does, does nothing, is late, never returns
+//      foreign   each call of the flashing library and of the Mobile Broadband objects: fails, answers
+//                what it never does, does nothing, is late, never returns
 //      hold-ups  of each function a call that is late or never returns
 //      repeated  of each function calls that fail twice in a row, and for good until that is mended
 //      pairs     any two of the functions fail
 //      triples   any three calls fail, --count times, by --seed
+//
+// --not-held prints the list of what is not held, and does nothing else.
 //
 // --large flashes 12 MB. --step takes every N-th case, beginning with the one that --seed chooses. --from
 // goes on at a case, by its number. One line per finding; exit status 1 when there is any that the list of
@@ -83,6 +83,7 @@ struct Options {
   std::string only;
   std::string key;
   bool list = false;
+  bool notHeld = false;
   bool inPlace = false;
 };
 Options g_options;
@@ -412,6 +413,14 @@ int RunCampaign() {
   return isWhole && total.findings == 0 && total.run > 0 ? 0 : 1;
 }
 
+int PrintNotHeld() {
+  for (const NotHeld& entry : EverythingNotHeld()) {
+    std::printf("%s: %s: %s\n", entry.function == nullptr ? "any function" : entry.function, entry.finding,
+                entry.reason);
+  }
+  return 0;
+}
+
 bool TakeNumber(std::string_view value, std::size_t& number) {
   const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
   return error == std::errc() && end == value.data() + value.size();
@@ -445,6 +454,7 @@ bool TakeSwitch(std::string_view word) {
   bool* const chosen = word == "--log"        ? &g_options.log
                        : word == "--large"    ? &g_options.large
                        : word == "--list"     ? &g_options.list
+                       : word == "--not-held" ? &g_options.notHeld
                        : word == "--in-place" ? &g_options.inPlace
                                               : nullptr;
   if (chosen != nullptr) *chosen = true;
@@ -456,6 +466,7 @@ bool TakeSwitch(std::string_view word) {
 int main(int count, char** words) try {
   g_words = std::span(words, static_cast<std::size_t>(count)).subspan(1);
   if (!campaign::TakeWords("fault_campaign", g_words, &TakeSwitch, &TakeValue)) return 2;
+  if (g_options.notHeld) return PrintNotHeld();
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.
   campaign::EndProcess((new Campaign(g_options))->Run());

@@ -67,7 +67,7 @@ std::vector<FaultCase> LoadCases(const std::filesystem::path& file);
 struct NotHeld {
   const char* function;                          ///< null: whichever
   std::optional<simulator::Route> route;         ///< nothing: whichever
-  std::optional<simulator::CallFault::Way> way;  ///< nothing: whichever
+  std::optional<simulator::CallFault::Way> way;  ///< nothing: whichever, or none at all
   const char* finding;                           ///< how the finding begins
   bool isProcessSpoiled;                         ///< only a restart of the service brings it back
   const char* reason;
@@ -79,6 +79,8 @@ inline constexpr char kNobodyKnows[] = "it does not come to wait, and the host d
 inline constexpr char kHeldWithItsCall[] = "the service hangs with its call";
 inline constexpr char kNextJobWhileHeld[] = "while its call hangs, the next job: ";
 inline constexpr char kWaitsForHeldCall[] = "the service waits for a call of another thread that hangs";
+// And of one that was started anew.
+inline constexpr char kResultForgotten[] = "the new host takes back the result of a job that was over";
 
 /// Null when nothing excuses the finding.
 const NotHeld* ExcuseOf(const FaultCase& fault, simulator::Route route, const std::string& finding);

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "fault/campaign_service.h"
+#include "fault/fault_cases.h"
 #include "hosts/common/text.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
@@ -126,6 +127,11 @@ class Host {
     if (before.ready == 1u && !end.Succeeded()) return "the job is not done by the new host, " + modem;
     if (before.ready != 1u && !end.values.Is(hosts::FlashResult::Idle))
       return "the new host tells of an old job";
+    const bool wasOver = before.Is(hosts::FlashResult::Succeeded) || before.Is(hosts::FlashResult::Failed);
+    if (before.ready != 1u && wasOver) {
+      if (ExcuseOf({}, m_Options.route, kResultForgotten) == nullptr) return kResultForgotten;
+      std::printf("not held %s: %s (known)\n", NameOf(m_Options.route), kResultForgotten);
+    }
     if (end.values.ready != 0u) return "the flag is not taken back";
     if (m_Options.beforeDeletion && !end.isImageLeft) return "no image is left";
     if (!end.isMemoryEqual) return "the memory is not equal";

@@ -1,10 +1,11 @@
 // Flash jobs of the service while allocations fail, in the virtual PC. After each of them the service must be
 // there, its report must be true, and with memory the next job must flash.
 //
-// usage: memory_fault_test [--route mbim|at|bbrst|flash-port] [--log] [--step N]
+// usage: memory_fault_test [--route mbim|at|bbrst|flash-port] [--log] [--step N [--seed N]]
 //
-// Without --step a few places per length of a burst are tried. With it every N-th allocation of a whole job
-// is the first that fails, for all lengths of bursts: --step 1 tries all there are.
+// Without --step a few places per length of a burst are tried. With it every N-th allocation of a whole job,
+// beginning with the one that --seed chooses, is the first that fails, for some lengths of bursts and one
+// from 2 to 50 that differs from place to place: --step 1 tries all places.
 
 #include <windows.h>
 
@@ -46,6 +47,7 @@ struct TestOptions {
   Route route = Route::Mbim;
   bool log = false;
   std::optional<unsigned> step;
+  unsigned seed = 0;
 };
 TestOptions g_options;
 
@@ -76,10 +78,18 @@ std::vector<Burst> Spread(unsigned allocations) {
   return bursts;
 }
 
-std::vector<Burst> EveryNth(unsigned step, unsigned allocations) {
+/// From 2 to 50, and all of them over the places of a job.
+unsigned LengthAt(unsigned place) {
+  constexpr unsigned kLengths = kLongBurst - 1;
+  constexpr unsigned kSpread = 19;
+  return 2 + place * kSpread % kLengths;
+}
+
+std::vector<Burst> EveryNth(unsigned step, unsigned seed, unsigned allocations) {
   std::vector<Burst> bursts;
-  for (const unsigned count : kBursts) {
-    for (unsigned first = 1; first <= allocations; first += step) bursts.push_back({first, count});
+  for (unsigned first = 1 + seed % step; first <= allocations; first += step) {
+    for (const unsigned count : kBursts) bursts.push_back({first, count});
+    bursts.push_back({first, LengthAt(first)});
   }
   return bursts;
 }
@@ -210,7 +220,7 @@ TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
   unsigned failed = 0;
   unsigned hit = 0;
   const std::vector<Burst> bursts =
-      g_options.step ? EveryNth(*g_options.step, allocations) : Spread(allocations);
+      g_options.step ? EveryNth(*g_options.step, g_options.seed, allocations) : Spread(allocations);
   for (const Burst& burst : bursts) {
     SCOPED_TRACE(NameOf(burst));
     if (FlashWithout(burst) == static_cast<std::uint32_t>(hosts::FlashResult::Failed)) ++failed;
@@ -231,12 +241,12 @@ bool Take(std::string_view word, std::string_view value, TestOptions& options) {
     if (route) options.route = *route;
     return route.has_value();
   }
-  unsigned step = 0;
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), step);
-  if (word != "--step" || error != std::errc() || end != value.data() + value.size() || step == 0)
-    return false;
-  options.step = step;
-  return true;
+  unsigned number = 0;
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+  if (error != std::errc() || end != value.data() + value.size()) return false;
+  if (word == "--seed") options.seed = number;
+  if (word == "--step" && number > 0) options.step = number;
+  return word == "--seed" || (word == "--step" && number > 0);
 }
 
 }  // namespace

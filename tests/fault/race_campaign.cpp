@@ -4,9 +4,10 @@
 // usage: race_campaign [--route mbim|at|bbrst|flash-port] [--cases N] [--seed N] [--from N] [--only KIND]
 //
 // The kinds of meddling take turns (the table in this file). Behind each case there is a job that nobody
-// disturbs and that has to succeed. One line per finding, with the seed and the number that bring its case
-// again; exit status 1 when there is any. The schedule is the system's all the same: a case that is run again
-// may end another way.
+// disturbs and that has to succeed. Then come hosts that leave in the middle of a job (exit), and two hosts
+// on one key and one modem (two-hosts). One line per finding, with the seed and the number that bring its
+// case again; exit status 1 when there is any. The schedule is the system's all the same: a case that is run
+// again may end another way.
 //
 // Many cases share a process. One that hangs or crashes ends it; it is named, and the rest goes on behind it.
 
@@ -62,6 +63,7 @@ struct Options {
   std::string key;
   bool inPlace = false;
   std::size_t exitAt = 0;  ///< of the child: leaves at that call of the system
+  bool twoHosts = false;   ///< of the child
 };
 Options g_options;
 
@@ -364,7 +366,9 @@ constexpr Kind kKinds[] = {
     {"files", &RunWithFilesChanged, false, true},
     {"freed", &RunWithLibraryFreed, true, true},
 };
+// These need processes of their own.
 constexpr char kExit[] = "exit";
+constexpr char kTwoHosts[] = "two-hosts";
 
 const Kind& KindOf(std::size_t number) {
   return kKinds[number % std::size(kKinds)];
@@ -422,14 +426,17 @@ class Races {
   explicit Races(const Options& options)
       : m_Options(options),
         m_Key{HKEY_CURRENT_USER, L"HKCU", hosts::ToWide(options.key)},
-        m_Service(
-            {.route = options.route, .key = hosts::ToWide(options.key), .begins = Begins::WithModemAsLeft}),
+        m_Service({.route = options.route,
+                   .key = hosts::ToWide(options.key),
+                   .begins = Begins::WithModemAsLeft,
+                   .hosts = options.twoHosts ? 2u : 1u}),
         m_Bench{m_Service, m_Key, hosts::ProgramFolder(), 0,
                 ReadFile(std::filesystem::path(hosts::ProgramFolder()) / L"CorvelConfig.ini")} {}
 
   int Run() {
     if (!m_Service.Begin()) return Fail("the service does not begin");
     Service::AlsoTell(&Perturber::See);
+    if (m_Options.twoHosts) return RunTwoHosts();
     // Whatever a process before has left to do is done by now.
     if (const std::string finding = SoundJob(); !finding.empty())
       return Fail("a job without races: " + finding);
@@ -476,19 +483,41 @@ class Races {
     return true;
   }
 
-  /// @return what may not be, in words; empty when all of it may.
-  static std::string Judge(const Kind& kind, const JobEnd& end) {
+  /// Both see each request, and get into each other's way. Nobody can promise more of that than an end that
+  /// is documented: whose result is the last one, and of which attempt it tells, is chance.
+  int RunTwoHosts() {
+    constexpr int kJobs = 3;
+    for (int job = 0; job < kJobs; ++job) {
+      m_Watchdog.Pat();
+      m_Service.PutModemWhereTheRouteBegins();
+      m_Service.LayImages(++m_Images);
+      Perturber::Begin(Dice(m_Options.seed * 1'000'003 + static_cast<std::uint64_t>(job)).Throw());
+      const JobEnd end = m_Service.Run();
+      Perturber::End();
+      if (const std::string finding = JudgeValues(end, true); !finding.empty())
+        return Fail("two hosts, job " + std::to_string(job) + ": " + finding);
+    }
+    return 0;
+  }
+
+  /// @return what of the values may not be, in words; empty when all of it may.
+  static std::string JudgeValues(const JobEnd& end, bool hasDocumentedEnd) {
     const auto& values = end.values;
     const std::string state = "result " + Text(values.result) + ", ready " + Text(values.ready) +
                               ", on-going " + Text(values.onGoing) + ", progress " + Text(values.progress);
     if (!end.ended) return "the service does not wait for the next request: " + state;
-    if (kind.hasDocumentedEnd && !end.Succeeded() && !end.Failed()) return "no documented end: " + state;
+    if (hasDocumentedEnd && !end.Succeeded() && !end.Failed()) return "no documented end: " + state;
+    if (values.ready != 0u) return "the flag is not taken back: " + state;
+    if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
+    return {};
+  }
+
+  static std::string Judge(const Kind& kind, const JobEnd& end) {
+    if (std::string finding = JudgeValues(end, kind.hasDocumentedEnd); !finding.empty()) return finding;
     if (kind.isImageKnown && end.Succeeded() && !end.isMemoryEqual)
       return "success is reported, but the memory is not equal";
     if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
       return std::string("success was reported while the modem was ") + NameOf(end.modemAtResult);
-    if (values.ready != 0u) return "the flag is not taken back: " + state;
-    if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
     return {};
   }
 
@@ -596,12 +625,40 @@ void RunExits(Progress& total) {
   }
 }
 
+/// Two hosts on one key and one modem, and then one alone that finds the modem as they left it.
+void RunTwoHosts(Progress& total) {
+  const std::size_t processes = 1 + g_options.cases / 40;
+  for (std::size_t i = 0; i < processes; ++i) {
+    const WorkFolder folder;
+    const std::wstring path = kPathPrefix + std::to_wstring(::GetCurrentProcessId());
+    const SessionKey key(path, false);
+    const std::size_t seed = g_options.seed + i;
+    const auto arguments = [&] {
+      auto words = Arguments(g_options.cases, path);
+      words.insert(words.end(), {L"--seed", std::to_wstring(seed)});
+      return words;
+    };
+    auto together = arguments();
+    together.emplace_back(L"--two-hosts");
+    ++total.run;
+    for (const auto& words : {together, arguments()}) {
+      const ChildResult child = RunChild(folder.Program(), words, 2 * kCaseLimit);
+      if (child.exitCode == 0) continue;
+      ++total.findings;
+      std::printf("FINDING %s: seed %zu, %s: the %s ends with %lu\n", NameOf(g_options.route), seed,
+                  kTwoHosts, words == together ? "process of both" : "next host", child.exitCode);
+    }
+  }
+}
+
 int RunCampaign() {
   const auto begin = RealClock::now();
   Progress total;
   bool isWhole = true;
-  if (g_options.only != kExit) isWhole = RunRaces(total);
-  if (g_options.only.empty() || g_options.only == kExit) RunExits(total);
+  const auto isChosen = [](const char* kind) { return g_options.only.empty() || g_options.only == kind; };
+  if (g_options.only != kExit && g_options.only != kTwoHosts) isWhole = RunRaces(total);
+  if (isChosen(kExit)) RunExits(total);
+  if (isChosen(kTwoHosts)) RunTwoHosts(total);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(RealClock::now() - begin).count();
   std::printf("%s: %zu races, seed %zu, %zu findings, %lld s\n", NameOf(g_options.route), total.run,
               g_options.seed, total.findings, static_cast<long long>(seconds));
@@ -617,7 +674,7 @@ bool IsKind(std::string_view word) {
   for (const Kind& kind : kKinds) {
     if (word == kind.name) return true;
   }
-  return word == kExit;
+  return word == kExit || word == kTwoHosts;
 }
 
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
@@ -640,9 +697,11 @@ bool TakeValue(std::string_view word, std::string_view value) {
 }
 
 bool TakeSwitch(std::string_view word) {
-  if (word != "--in-place") return false;
-  g_options.inPlace = true;
-  return true;
+  bool* const chosen = word == "--in-place"    ? &g_options.inPlace
+                       : word == "--two-hosts" ? &g_options.twoHosts
+                                               : nullptr;
+  if (chosen != nullptr) *chosen = true;
+  return chosen != nullptr;
 }
 
 }  // namespace

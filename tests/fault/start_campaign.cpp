@@ -4,12 +4,10 @@
 // usage: start_campaign [--what start|command-line] [--route mbim|at|bbrst|flash-port] [--log] [--large]
 //                       [--seed N] [--step N] [--from N] [--only "FUNCTION N"] [--list]
 //
-// WHAT start         every plausible failure of every call from the loading of the library to its first wait
-// for a
-//                    request; then it has to do one, or the host has to see that it does not serve
+// WHAT start         every plausible failure of every call from the loading of the library to its first
+//                    wait for a request; then it has to do one, or the host has to see that it does not
 //      command-line  of each function that a flash by the command line calls, at each place and in each
-//      stage,
-//                    the first, the second and the last call
+//                    stage, the first, the second and the last call
 //
 // Whatever the first process comes to, the second one is to start and to flash. --step takes every N-th case,
 // beginning with the one that --seed chooses; --from goes on at a case, by its number. Exit status 1 when

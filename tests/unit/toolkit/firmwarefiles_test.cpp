@@ -314,7 +314,55 @@ TEST_P(ForeignNameTest, OfFolderAndImagesAreFoundToldAndDeleted) {
 INSTANTIATE_TEST_SUITE_P(Scripts, ForeignNameTest,
                          testing::Values(L"\u56FA\u4EF6", L"\u043F\u0440\u043E\u0448\u0438\u0432\u043A\u0430",
                                          L"\u0628\u0631\u0646\u0627\u0645\u062C", L"\u0E40\u0E1F\u0E34",
-                                         L"\U0001F4F6", L"e\u0301\u200B", L"100% %s %n", L"a;b,c=d [e]"));
+                                         L"\u05E7\u05D5\u05E9\u05D7\u05D4", L"\u03C5\u03BB\u03B9\u03BA\u03CC",
+                                         L"\u092B\u0930\u094D\u092E", L"\uD38C\uC6E8\uC5B4",
+                                         L"\u30D5\u30A1\u30FC\u30E0", L"\u10E4\u10D0\u10D8\u10DA\u10D8"));
+INSTANTIATE_TEST_SUITE_P(Signs, ForeignNameTest,
+                         testing::Values(L"\U0001F4F6", L"e\u0301\u200B", L"100% %s %n", L"a;b,c=d [e]"));
+
+/// The file system takes any 16-bit units for a name.
+TEST_F(FirmwareFilesTest, ANameThatIsNoUtf16IsKeptUnitByUnit) {
+  const std::wstring name = std::wstring(1, wchar_t{0xD83D}) + L".fls";
+  ListedEntries entries;
+  entries.Add(name, 10);
+  EXPECT_TRUE(Fetch());
+  EXPECT_EQ(Nvm(), folder.File(name));
+  ToolKit::DeleteFLSFiles();
+  EXPECT_THAT(entries.Deleted(), ElementsAre(folder.File(name)));
+}
+
+/// A folder by the path that the system takes as it is.
+class PlainPathTest : public FirmwareFilesTest {
+ protected:
+  static bool FetchFrom(const std::wstring& path) { return ToolKit::FetchModemNVMFls(CTString(path)); }
+  static std::wstring Plain(const std::filesystem::path& path) { return L"\\\\?\\" + path.wstring(); }
+};
+
+TEST_F(PlainPathTest, LeadsToImagesThatAreDeletedByIt) {
+  folder.WriteOfSize(L"a.fls", 12u << 20);
+  folder.WriteOfSize(L"b.fls", 10);
+  ASSERT_TRUE(FetchFrom(Plain(folder.Path())));
+  EXPECT_EQ(Modem(), Plain(folder.Path()) + L"\\a.fls");
+  EXPECT_EQ(Nvm(), Plain(folder.Path()) + L"\\b.fls");
+  ToolKit::DeleteFLSFiles();
+  EXPECT_TRUE(std::filesystem::is_empty(folder.Path()));
+}
+
+TEST_F(PlainPathTest, OfMoreThan260CharactersLeadsToImagesThatAreSkipped) {
+  std::vector<std::wstring> folders{Plain(folder.Path())};
+  while (folders.back().size() < 300) {
+    folders.push_back(folders.back() + L"\\" + std::wstring(100, L'x'));
+    ASSERT_TRUE(::CreateDirectoryW(folders.back().c_str(), nullptr)) << ::GetLastError();
+  }
+  const std::wstring image = folders.back() + L"\\a.fls";
+  ASSERT_TRUE(::MoveFileW(folder.WriteOfSize(L"small", 10).c_str(), image.c_str())) << ::GetLastError();
+  EXPECT_TRUE(FetchFrom(folders.back()));
+  EXPECT_EQ(Nvm(), L"");
+  EXPECT_EQ(log.LevelOf("FetchModemNVMFls: over MAX PATH, flz paths=" + Narrow(image)), "Trace");
+  // Nothing of it is in reach of who does not take such paths.
+  EXPECT_TRUE(::DeleteFileW(image.c_str()));
+  for (; folders.size() > 1; folders.pop_back()) EXPECT_TRUE(::RemoveDirectoryW(folders.back().c_str()));
+}
 
 TEST_F(FirmwareFilesTest, ALinkToAFileCountsByTheSizeThatTheListTells) {
   ListedEntries entries;

@@ -8,7 +8,7 @@
 #Requires -Version 5.1
 param(
     [string] $Package = "$PSScriptRoot\images",
-    [string] $Programs = "$env:ProgramFiles\Corvel\bin"
+    [string] $Programs = "$env:ProgramFiles\Corvel\Toolkit\bin"
 )
 $ErrorActionPreference = 'Stop'
 # A PC that nobody can tell about is not flashed; the text says why.

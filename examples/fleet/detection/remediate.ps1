@@ -10,8 +10,8 @@
 #Requires -RunAsAdministrator
 param(
     [string] $Package = "$PSScriptRoot\images",
-    [string] $Programs = "$env:ProgramFiles\Corvel\bin",
-    [string] $Firmware = "$env:ProgramData\Corvel\Firmware",
+    [string] $Programs = "$env:ProgramFiles\Corvel\Toolkit\bin",
+    [string] $Firmware = "$env:ProgramData\Quenta\Firmware",
     [string] $Results = "$env:ProgramData\Corvel\Results",
     [ValidateRange(1, 100)] [int] $MinBattery = 50
 )

@@ -132,8 +132,10 @@ bool WriteJson(const std::vector<Row>& rows, const Options& options) {
   nlohmann::json list = nlohmann::json::array();
   for (const Row& row : rows) list.push_back(JsonOf(row));
   std::ofstream file(options.json);
-  file << nlohmann::json{
-              {"version", kReportVersion}, {"rounds", options.rounds}, {"quick", options.quick}, {"rows", list}}
+  file << nlohmann::json{{"version", kReportVersion},
+                         {"rounds", options.rounds},
+                         {"quick", options.quick},
+                         {"rows", list}}
               .dump(2)
        << '\n';
   return file.good();

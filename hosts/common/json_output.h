@@ -4,8 +4,8 @@
 
 namespace hosts {
 
-/// Of the documents of corvel_cmdline and corvel_service, which begin with it: grows when a field goes or changes its
-/// meaning; new fields may come without.
+/// Of the documents of corvel_cmdline and corvel_service, which begin with it: grows when a field goes or
+/// changes its meaning; new fields may come without.
 inline constexpr int kDocumentVersion = 1;
 
 enum class JsonLayout { Indented, OneLine };

@@ -19,7 +19,8 @@ DWORD JobCare::PeriodMs() const {
   const auto left = m_Stalls.Left();
   // "Time_Out" may be anything that a registry value holds, and the look comes a millisecond behind it.
   const auto untilStall = std::chrono::milliseconds(INFINITE);
-  return std::min(m_Names.PeriodMs(), static_cast<DWORD>(std::min(left.value_or(untilStall), untilStall).count()));
+  return std::min(m_Names.PeriodMs(),
+                  static_cast<DWORD>(std::min(left.value_or(untilStall), untilStall).count()));
 }
 
 void JobCare::KeepAwake(bool isJobOpen, News& news) {

@@ -41,7 +41,7 @@ def run(*command):
 
 class RoleTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(dir=BIN)
         self.addCleanup(folder.cleanup)
         self.programs = pathlib.Path(folder.name) / "Program Files" / "Corvel"
         self.firmware = pathlib.Path(folder.name) / "Firmware"

@@ -55,7 +55,7 @@ class Installation:
 
 class DocumentsTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(dir=BIN)
         self.addCleanup(folder.cleanup)
         self.pc = Installation(pathlib.Path(folder.name))
 
@@ -76,7 +76,7 @@ class DocumentsTest(unittest.TestCase):
 
     def test_a_check_of_a_pc_that_is_not(self):
         shutil.rmtree(self.pc.firmware)
-        document = self.document("cmdline", "check", status=4)
+        document = self.document("cmdline", "check", status=3)
         self.assertEqual((document["ready"], document["error"]["code"]), (False, "no_folder"))
 
     def test_the_status_of_the_command_line(self):

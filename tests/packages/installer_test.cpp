@@ -177,7 +177,8 @@ class InstallerTest : public testing::Test {
 
   /// Whether the file there is the one that the packages hold.
   bool IsOfPackage(const wchar_t* name) const {
-    return fs::exists(Programs() / name) && TextOf(Programs() / name) == TextOf(fs::path(ProgramFolder()) / name);
+    return fs::exists(Programs() / name) &&
+           TextOf(Programs() / name) == TextOf(fs::path(ProgramFolder()) / name);
   }
   static bool IsInstalled(const Package& package) {
     return ::MsiQueryProductStateW(package.code.c_str()) == INSTALLSTATE_DEFAULT;

@@ -10,6 +10,8 @@ namespace benchmarks {
 
 namespace {
 
+/// Of the document: grows when a field goes or changes its meaning; new fields may come without.
+constexpr int kReportVersion = 1;
 constexpr double kMicrosecond = 1e3;
 constexpr double kMillisecond = 1e6;
 constexpr double kSecond = 1e9;
@@ -130,7 +132,11 @@ bool WriteJson(const std::vector<Row>& rows, const Options& options) {
   nlohmann::json list = nlohmann::json::array();
   for (const Row& row : rows) list.push_back(JsonOf(row));
   std::ofstream file(options.json);
-  file << nlohmann::json{{"rounds", options.rounds}, {"quick", options.quick}, {"rows", list}}.dump(2)
+  file << nlohmann::json{{"version", kReportVersion},
+                         {"rounds", options.rounds},
+                         {"quick", options.quick},
+                         {"rows", list}}
+              .dump(2)
        << '\n';
   return file.good();
 }

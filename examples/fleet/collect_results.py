@@ -14,6 +14,9 @@ import json
 import pathlib
 import sys
 
+# Of the documents that this program reads, and of the one that it prints: it grows when a field goes or changes.
+READS = 1
+VERSION = 1
 COLUMNS = ("pc", "outcome", "code", "result", "attempts", "seconds", "message")
 # From the worst to the best; the last two are what one wants to see.
 OUTCOMES = ("unreadable", "failed", "not ready", "flashed", "ready")
@@ -22,6 +25,8 @@ GOOD = OUTCOMES[-2:]
 
 def outcome_of(document):
     """In one word; a document that is neither a flash's nor a check's is unreadable."""
+    if document.get("version") != READS:
+        return "unreadable"
     if document.get("flashed") is True:
         return "flashed"
     if document.get("ready") is True:
@@ -32,6 +37,13 @@ def outcome_of(document):
     # A flash that was refused says no more than why; one that began tells its result.
     began = "flashed" in document or error.get("code") in ("timed_out", "interrupted", "internal")
     return "failed" if began else "not ready"
+
+
+def why_unreadable(document):
+    version = document.get("version")
+    if isinstance(version, int) and version != READS:
+        return f"a document of version {version}; this program reads version {READS}"
+    return "no document of corvel_cmdline"
 
 
 def row_of(path):
@@ -50,7 +62,7 @@ def row_of(path):
         error = {}
     row |= {name: document.get(name, "") for name in ("result", "attempts", "seconds")}
     outcome = outcome_of(document)
-    message = error.get("message", "no document of corvel_cmdline" if outcome == "unreadable" else "")
+    message = why_unreadable(document) if outcome == "unreadable" else error.get("message", "")
     return row | {"outcome": outcome, "code": error.get("code", ""), "message": message}
 
 
@@ -59,25 +71,39 @@ def files_of(places):
         yield from sorted(place.glob("*.json")) if place.is_dir() else [place]
 
 
+def counts_of(rows):
+    counts = collections.Counter(row["outcome"] for row in rows)
+    return {outcome: counts[outcome] for outcome in OUTCOMES if counts[outcome]}
+
+
+def print_json(rows):
+    """What a row does not tell is left out of it."""
+    told = [{name: value for name, value in row.items() if value != ""} for row in rows]
+    print(json.dumps({"version": VERSION, "outcomes": counts_of(rows), "pcs": told}, indent=2))
+
+
 def print_text(rows):
     widths = {name: max([len(name)] + [len(str(row[name])) for row in rows]) for name in COLUMNS}
     for row in [dict(zip(COLUMNS, COLUMNS))] + rows:
         print("  ".join(str(row[name]).ljust(widths[name]) for name in COLUMNS).rstrip())
-    counts = collections.Counter(row["outcome"] for row in rows)
-    print("\n" + ", ".join(f"{counts[outcome]} {outcome}" for outcome in OUTCOMES if counts[outcome]))
+    print("\n" + ", ".join(f"{count} {outcome}" for outcome, count in counts_of(rows).items()))
 
 
 def main():
     parser = argparse.ArgumentParser(description="One table of the JSON results of many PCs.")
     parser.add_argument("places", nargs="+", type=pathlib.Path, metavar="PLACE",
                         help="a file NAME-OF-PC.json, or a folder of such")
-    parser.add_argument("--csv", action="store_true", help="print comma-separated values")
+    form = parser.add_mutually_exclusive_group()
+    form.add_argument("--csv", action="store_true", help="print comma-separated values")
+    form.add_argument("--json", action="store_true", help="print one JSON document (docs/collected.schema.json)")
     options = parser.parse_args()
     rows = [row_of(path) for path in files_of(options.places)]
     if not rows:
         parser.error("there is no *.json in " + ", ".join(map(str, options.places)))
     rows.sort(key=lambda row: (OUTCOMES.index(row["outcome"]), row["pc"]))
-    if options.csv:
+    if options.json:
+        print_json(rows)
+    elif options.csv:
         writer = csv.DictWriter(sys.stdout, COLUMNS, lineterminator="\n")
         writer.writeheader()
         writer.writerows(rows)

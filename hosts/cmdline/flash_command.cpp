@@ -24,6 +24,7 @@
 #include "hosts/common/json_output.h"
 #include "hosts/common/kept_logs.h"
 #include "hosts/common/library_configuration.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/power.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"

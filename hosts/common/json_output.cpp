@@ -4,7 +4,9 @@
 
 namespace hosts {
 
-void PrintJson(const nlohmann::ordered_json& document, JsonLayout layout) {
+void PrintJson(const nlohmann::ordered_json& fields, JsonLayout layout, int version) {
+  nlohmann::ordered_json document{{"version", version}};
+  document.update(fields);
   const int indent = layout == JsonLayout::Indented ? 2 : -1;
   std::cout << document.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
             << std::endl;

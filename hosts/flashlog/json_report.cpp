@@ -101,7 +101,7 @@ ordered_json AsJson(const Log& log) {
 ordered_json LogsAsJson(const std::vector<const Log*>& logs) {
   auto array = ordered_json::array();
   for (const Log* const log : logs) array.push_back(AsJson(*log));
-  return {{"version", kReportVersion}, {"logs", array}};
+  return {{"logs", array}};
 }
 
 }  // namespace hosts::flashlog

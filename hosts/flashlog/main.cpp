@@ -17,6 +17,7 @@
 #include "hosts/common/problem.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/trusted_folders.h"
 #include "hosts/flashlog/job_table.h"
 #include "hosts/flashlog/json_report.h"
 #include "hosts/flashlog/log.h"
@@ -161,7 +162,7 @@ std::size_t ColumnsFor(const Options& options) {
 }
 
 void Show(const Options& options, const Inputs& inputs) {
-  if (options.json) return PrintJson(ReportOn(inputs));
+  if (options.json) return PrintJson(ReportOn(inputs), JsonLayout::Indented, kReportVersion);
   bool first = true;
   for (const Log* const log : LogsOf(inputs)) {
     std::cout << (first ? "" : "\n") << JobTable(*log, ColumnsFor(options));
@@ -223,7 +224,9 @@ ExitCode Follow(const Options& options, Inputs& inputs) {
     std::cout << std::flush;
     pageIsOld = !options.html.empty() && (pageIsOld || news);
     const std::size_t ended = EndedJobs(inputs);
-    if (options.json && ended != std::exchange(told, ended)) PrintJson(ReportOn(inputs), JsonLayout::OneLine);
+    if (options.json && ended != std::exchange(told, ended)) {
+      PrintJson(ReportOn(inputs), JsonLayout::OneLine, kReportVersion);
+    }
     if (pageIsOld && ::GetTickCount64() - lastPage >= kBetweenPagesMs) {
       if (!WritePage(options.html, inputs)) return ExitCode::Failed;
       lastPage = ::GetTickCount64();
@@ -279,6 +282,7 @@ int Run(std::vector<std::string> words) {
 int RunProgram() {
   const Utf8Terminal terminal;
   try {
+    LoadFromTrustedFoldersOnly();
     return Run(CommandLineWords());
   } catch (const std::exception& error) {
     Report(kProgram,

@@ -17,7 +17,10 @@ JobCare::News JobCare::Look(const HandshakeKey& key, const Handshake& values) {
 
 DWORD JobCare::PeriodMs() const {
   const auto left = m_Stalls.Left();
-  return std::min(m_Names.PeriodMs(), left ? static_cast<DWORD>(left->count()) : INFINITE);
+  // "Time_Out" may be anything that a registry value holds, and the look comes a millisecond behind it.
+  const auto untilStall = std::chrono::milliseconds(INFINITE);
+  return std::min(m_Names.PeriodMs(),
+                  static_cast<DWORD>(std::min(left.value_or(untilStall), untilStall).count()));
 }
 
 void JobCare::KeepAwake(bool isJobOpen, News& news) {

@@ -112,7 +112,7 @@ ExitStatus Flash(const RunOptions& options) {
   }
   const bool good = outcome.IsGood() && report.exitCode == expectedExitCode;
   if (options.json) {
-    std::cout << JsonOf(outcome, report.exitCode, good, plan).dump(2) << std::endl;
+    PrintJson(JsonOf(outcome, report.exitCode, good, plan));
   } else {
     std::cout << "\n"
               << SummaryOf(outcome) << "  exit status    " << report.exitCode << " of corvel_cmdline"
@@ -137,13 +137,13 @@ ExitStatus Run(std::vector<std::string> words) {
     return Flash(options);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0 && json) {
-      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+      PrintJson(JsonOfError(error.what()));
       return ExitStatus::WrongUsage;
     }
     return program.exit(error) == 0 ? ExitStatus::Good : ExitStatus::WrongUsage;
   } catch (const std::exception& error) {
     if (json) {
-      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+      PrintJson(JsonOfError(error.what()));
     } else {
       std::cerr << "cmdline_simulator: " << error.what() << std::endl;
     }

@@ -108,7 +108,7 @@ std::optional<Command> ParseCommandLine(int count, char** words, ExitStatus& sta
       return std::nullopt;
     }
     if (AsksForJson(count, words)) {
-      std::cout << JsonOfError(error.what()).dump(2) << std::endl;
+      PrintJson(JsonOfError(error.what()));
     } else {
       program.exit(error);
     }

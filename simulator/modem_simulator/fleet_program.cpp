@@ -76,7 +76,7 @@ int Conclude(const Command& command, const FleetTally& tally, std::chrono::milli
   if (!command.histogram.empty() && !tally.DrawHistogram(command.histogram))
     throw std::runtime_error("the histogram cannot be written");
   if (command.json) {
-    std::cout << tally.Json(elapsed, order.processes, order.speed).dump(2) << std::endl;
+    PrintJson(tally.Json(elapsed, order.processes, order.speed));
   } else {
     std::cout << tally.Report(elapsed, order.processes) << std::flush;
   }
@@ -87,7 +87,7 @@ int Conclude(const Command& command, const FleetTally& tally, std::chrono::milli
 int ConcludeInterrupted(const Command& command, const FleetTally& tally, std::chrono::milliseconds elapsed,
                         const FleetOrder& order) {
   if (command.json) {
-    std::cout << JsonOfError("interrupted").dump(2) << std::endl;
+    PrintJson(JsonOfError("interrupted"));
   } else {
     std::cout << tally.Report(elapsed, order.processes) << std::flush;
     std::cerr << "modem_simulator: interrupted" << std::endl;

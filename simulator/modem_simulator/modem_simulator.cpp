@@ -54,7 +54,7 @@ int List(bool json) {
     for (const Scenario& each : Scenarios()) {
       rows.push_back({{"name", each.name}, {"group", each.group}, {"description", each.description}});
     }
-    std::cout << nlohmann::ordered_json{{"scenarios", rows}}.dump(2) << std::endl;
+    PrintJson(nlohmann::ordered_json{{"scenarios", rows}});
     return 0;
   }
   for (const std::string& group : ScenarioGroups()) {
@@ -101,7 +101,7 @@ int RunInPlace(const Command& command) {
   if (scenario != nullptr) outcome.differences = Differences(scenario->expected, outcome.session);
 
   if (command.json) {
-    std::cout << JsonOf(outcome).dump(2) << std::endl;
+    PrintJson(JsonOf(outcome));
   } else {
     std::cout << SummaryOf(outcome) << std::flush;
   }
@@ -137,7 +137,7 @@ BOOL WINAPI EndByCtrlC(DWORD) {
 
 int ConcludeInterrupted(const Command& command) {
   if (command.json) {
-    std::cout << JsonOfError("interrupted").dump(2) << std::endl;
+    PrintJson(JsonOfError("interrupted"));
   } else {
     std::cerr << (command.terminal ? "\n" : "") << "modem_simulator: interrupted" << std::endl;
   }
@@ -212,6 +212,8 @@ class ScenarioRun {
     if (!trouble.empty() || report.is_discarded()) {
       report = JsonOfError(trouble.empty() ? "the virtual PC left no report" : trouble);
     }
+    // That of the whole stands for it.
+    report.erase("version");
     report["scenario"] = scenario.name;
     if (!report.value("good", false) && m_Command.keep.empty()) {
       folder.KeepLog();
@@ -248,7 +250,7 @@ class ScenarioRun {
                                        {"run", m_Scenarios.size()},
                                        {"failed", m_Failed},
                                        {"scenarios", m_Results}};
-      std::cout << all.dump(2) << std::endl;
+      PrintJson(all);
       return;
     }
     std::printf("%zu scenarios, %d failed\n", m_Scenarios.size(), m_Failed);
@@ -298,7 +300,7 @@ int main(int count, char** words) try {
   return simulator::Execute(*command);
 } catch (const std::exception& error) {
   if (simulator::AsksForJson(count, words)) {
-    std::cout << simulator::JsonOfError(error.what()).dump(2) << std::endl;
+    simulator::PrintJson(simulator::JsonOfError(error.what()));
   } else {
     std::cerr << "modem_simulator: " << error.what() << std::endl;
   }

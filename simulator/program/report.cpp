@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "hosts/common/json_output.h"
 #include "hosts/common/text.h"
 
 namespace simulator {
@@ -113,6 +114,11 @@ nlohmann::ordered_json JsonOf(const Outcome& outcome) {
 
 nlohmann::ordered_json JsonOfError(const std::string& message) {
   return {{"good", false}, {"error", message}};
+}
+
+void PrintJson(const nlohmann::ordered_json& fields) {
+  constexpr int kDocumentVersion = 1;
+  hosts::PrintJson(fields, hosts::JsonLayout::Indented, kDocumentVersion);
 }
 
 std::string NameForPeople(const std::filesystem::path& path) {

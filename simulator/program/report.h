@@ -27,6 +27,9 @@ std::string SummaryOf(const Outcome& outcome);
 nlohmann::ordered_json JsonOf(const Outcome& outcome);
 /// What stands in place of a summary when there is none.
 nlohmann::ordered_json JsonOfError(const std::string& message);
+/// Prints one document on standard output, the version of the simulator's documents first: it grows when a
+/// field goes or changes its meaning; new fields may come without.
+void PrintJson(const nlohmann::ordered_json& fields);
 
 /// A file's name as the user of this machine knows it: under Wine the one of the system below.
 std::string NameForPeople(const std::filesystem::path& path);

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The collector of results, run as the program that it is.
 
-usage: collect_results_test.py COLLECTOR
+usage: collect_results_test.py COLLECTOR DOCUMENTS
 """
 
 import csv
@@ -12,18 +12,29 @@ import sys
 import tempfile
 import unittest
 
+import jsonschema
+
+DOCUMENTS = pathlib.Path(sys.argv.pop())
 COLLECTOR = sys.argv.pop()
 
-FLASHED = {"flashed": True, "result": 4, "meaning": "succeeded", "progress": 100, "attempts": 1, "seconds": 57,
+FLASHED = {"version": 1, "flashed": True, "result": 4, "meaning": "succeeded", "progress": 100, "attempts": 1, "seconds": 57,
            "images_deleted": True, "log": "C:\\Corvel\\FlashCommandLineLogger_DLL.log"}
-FAILED = {"error": {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."},
-          "flashed": False, "result": 3, "attempts": 4, "seconds": 541, "images_deleted": True}
-INTERRUPTED = {"error": {"code": "interrupted", "message": "Interrupted.", "what_to_do": "-"},
+FAILED = {"version": 1, "error": {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."},
+          "flashed": False, "result": 3, "meaning": "failed", "progress": 48, "attempts": 4, "seconds": 541,
+          "images_deleted": True, "log": ""}
+INTERRUPTED = {"version": 1, "error": {"code": "interrupted", "message": "Interrupted.", "what_to_do": "-"},
                "images_deleted": False}
-REFUSED = {"error": {"code": "battery_low", "message": "Not ready, power: it is low.", "what_to_do": "Charge it."}}
-READY = {"ready": True, "findings": []}
-NOT_READY = {"error": {"code": "no_images", "message": "Not ready, folder: none.", "what_to_do": "Copy them."},
-             "ready": False, "findings": []}
+REFUSED = {"version": 1,
+           "error": {"code": "battery_low", "message": "Not ready, power: it is low.", "what_to_do": "Charge it."}}
+FINDING = {"subject": "power", "verdict": "ok", "code": "", "message": "on the mains", "what_to_do": ""}
+READY = {"version": 1, "ready": True, "findings": [FINDING]}
+NOT_READY = {"version": 1, "error": {"code": "no_images", "message": "Not ready, folder: none.", "what_to_do": "Copy them."},
+             "ready": False, "findings": [FINDING]}
+
+
+def validate(document, name):
+    schema = json.loads((DOCUMENTS / f"{name}.schema.json").read_text())
+    jsonschema.validate(document, schema, cls=jsonschema.Draft7Validator)
 
 
 class CollectorTest(unittest.TestCase):
@@ -83,6 +94,27 @@ class CollectorTest(unittest.TestCase):
             self.put(name, text, "latin-1")
         self.assertEqual({row["outcome"] for row in self.rows().values()}, {"unreadable"})
         self.assertEqual(len(self.rows()), 5)
+
+    def test_is_tried_on_documents_as_they_are(self):
+        for document in (FLASHED, FAILED, INTERRUPTED, REFUSED, READY, NOT_READY):
+            validate(document, "hosts")
+
+    def test_takes_no_document_of_a_version_that_it_does_not_know(self):
+        self.put("A", FLASHED | {"version": 2})
+        row = self.rows()["A"]
+        self.assertEqual((row["outcome"], row["message"]),
+                         ("unreadable", "a document of version 2; this program reads version 1"))
+
+    def test_tells_the_same_in_json(self):
+        self.put("A", FLASHED)
+        self.put("B", FAILED)
+        self.put("C", "{")
+        self.put("D", READY)
+        document = json.loads(self.collect("--json").stdout)
+        validate(document, "collected")
+        self.assertEqual(document["outcomes"], {"unreadable": 1, "failed": 1, "flashed": 1, "ready": 1})
+        self.assertEqual([row["pc"] for row in document["pcs"]], ["C", "B", "A", "D"])
+        self.assertEqual(document["pcs"][2], {"pc": "A", "outcome": "flashed", "result": 4, "attempts": 1, "seconds": 57})
 
     def test_refuses_a_folder_without_results(self):
         self.assertEqual(self.collect().returncode, 2)

@@ -5,6 +5,7 @@ usage: role_test.py EXAMPLES BIN-FOLDER EMULATOR
 """
 
 import hashlib
+import json
 import pathlib
 import re
 import shutil
@@ -13,6 +14,7 @@ import sys
 import tempfile
 import unittest
 
+import jsonschema
 import yaml
 
 EMULATOR = sys.argv.pop()
@@ -39,7 +41,7 @@ def run(*command):
 
 class RoleTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(dir=BIN)
         self.addCleanup(folder.cleanup)
         self.programs = pathlib.Path(folder.name) / "Program Files" / "Corvel"
         self.firmware = pathlib.Path(folder.name) / "Firmware"
@@ -81,6 +83,8 @@ class RoleTest(unittest.TestCase):
         stop, flash, start = [self.result_of(words) for words in self.command_lines()]
         self.assertEqual((stop.returncode, stop.stdout.strip()), (0, "It is not running."), stop.stderr)
         self.assertEqual(flash.returncode, 0, flash.stdout + flash.stderr)
+        schema = json.loads((EXAMPLES.parent.parent / "docs/hosts.schema.json").read_text())
+        jsonschema.validate(json.loads(flash.stdout), schema, cls=jsonschema.Draft7Validator)
         self.assertEqual((start.returncode, start.stdout.strip()), (0, "Running."), start.stderr)
         result = pathlib.Path(self.programs / "PC-1.json")
         result.write_text(flash.stdout)

@@ -15,6 +15,8 @@ read_json(at_commands)
 expect("${value}" 1)
 read_json(corvel_cmdline flashed)
 expect("${value}" ON)
+read_json(corvel_cmdline)
+expect_json_of(hosts "${value}")
 
 run(0 --scenario download-fails-no-retries --speed 50 --json)
 read_json(exit_code)
@@ -25,6 +27,8 @@ read_json(registry Flash_OnGoing)
 expect("${value}" 1)
 read_json(corvel_cmdline error code)
 expect("${value}" flash_failed)
+read_json(corvel_cmdline)
+expect_json_of(hosts "${value}")
 
 run(0 --route flash-port --speed 50)
 if(NOT output MATCHES "The modem was flashed and is back." OR

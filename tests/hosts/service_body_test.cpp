@@ -23,6 +23,7 @@
 #include "hosts/common/text.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
+#include "hosts/service/job_care.h"
 #include "messages.h"
 #include "simulator/host/kept_key.h"
 #include "simulator/import_patch.h"
@@ -471,6 +472,15 @@ TEST_F(ServiceBodyTest, TellsOfNoSleepWithoutAJob) {
   AwaitEnd();
   EXPECT_THAT(g_events,
               ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_SERVICE_STOPPED)));
+}
+
+TEST_F(ServiceBodyTest, WaitsForAJobWhoseTimeOutIsTheLongestThatThereIs) {
+  Handshake job;
+  job.ready = 1;
+  job.timeOut = 0xFFFFFFFF;
+  JobCare care;
+  care.Look(key.Location(), job);
+  EXPECT_EQ(care.PeriodMs(), INFINITE);
 }
 
 // --- A job that stands still ------------------------------------------------------------------------------

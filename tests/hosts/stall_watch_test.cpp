@@ -42,7 +42,6 @@ class StallWatchTest : public testing::Test {
   StallWatch watch;
   Handshake job = Running();
 };
-};
 
 TEST_F(StallWatchTest, FindsAJobInWhichNothingChangesForLongerThanItsTimeOut) {
   EXPECT_FALSE(LooksAt(milliseconds(1000)));

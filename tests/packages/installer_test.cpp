@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <msi.h>
 #include <winsvc.h>
 
 #include <array>
@@ -120,11 +121,16 @@ class InstallerTest : public testing::Test {
     ChildProcess installer(fs::path(system.data()) / L"msiexec.exe", words);
     return installer.WaitForEnd(std::chrono::seconds(kLongestInstallationSeconds)).value_or(-1);
   }
-  int Install(const Package& package, const std::wstring& start) const {
+  int Install(const Package& package, const std::wstring& start, const std::wstring& bus = L"pcie") const {
     return Installer(L"/i", package.file.wstring(),
                      {L"INSTALLFOLDER=" + Folder().wstring(), L"IMAGEFOLDER=" + Images().wstring(),
-                      L"REGISTRYKEY=" + ToWide(key.Location().Text()), L"BUS=pcie", L"STARTTYPE=" + start});
+                      L"REGISTRYKEY=" + ToWide(key.Location().Text()), L"BUS=" + bus, L"STARTTYPE=" + start});
   }
+  /// Over whatever is installed, which tells all that this one is not told.
+  static int Upgrade(const Package& package, std::vector<std::wstring> properties = {}) {
+    return Installer(L"/i", package.file.wstring(), std::move(properties));
+  }
+  static int Repair(const Package& package) { return Installer(L"/fa", package.code); }
   static int Remove(const Package& package, std::vector<std::wstring> properties = {}) {
     return Installer(L"/x", package.code, std::move(properties));
   }
@@ -162,8 +168,20 @@ class InstallerTest : public testing::Test {
     while (!expected(key.Read()) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(50ms);
     return expected(key.Read());
   }
+  bool IsFlashing() const {
+    return Becomes([](const Handshake& values) { return values.IsJobRunning() && values.progress > 0u; });
+  }
   bool FlashEndsWith(std::uint32_t result) const {
     return Becomes([&](const Handshake& values) { return values.ready == 0u && values.result == result; });
+  }
+
+  /// Whether the file there is the one that the packages hold.
+  bool IsOfPackage(const wchar_t* name) const {
+    return fs::exists(Programs() / name) &&
+           TextOf(Programs() / name) == TextOf(fs::path(ProgramFolder()) / name);
+  }
+  static bool IsInstalled(const Package& package) {
+    return ::MsiQueryProductStateW(package.code.c_str()) == INSTALLSTATE_DEFAULT;
   }
 
   Package old{L"old"};
@@ -206,6 +224,90 @@ TEST_F(InstallerTest, InstallsWhatItIsToldFlashesAndLeavesNothing) {
   EXPECT_FALSE(fs::exists(Folder() / L"docs"));
   // Wine takes "*.log" for a name.
   EXPECT_EQ(fs::exists(Programs() / kServiceLogName), RunsUnderWine());
+}
+
+TEST_F(InstallerTest, UpgradesAndKeepsConfigurationAndWhatItWasTold) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration()) + "[ERASEMODE]=1\r\n";
+  WriteText(Configuration(), configuration);
+  WriteText(Programs() / kServiceLogName, "a log");
+  WriteText(Programs() / L"corvel_service.exe", "of the old version");
+
+  EXPECT_EQ(Upgrade(fresh), 0);
+
+  EXPECT_TRUE(IsInstalled(fresh));
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_TRUE(IsOfPackage(L"corvel_service.exe"));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  EXPECT_EQ(TextOf(Programs() / kServiceLogName), "a log");
+  EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_DEMAND_START));
+  EXPECT_EQ(Service({L"start"}), 0);
+}
+
+TEST_F(InstallerTest, NeitherUpgradesNorRepairsNorRemovesWhileAModemIsFlashed) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  PutSimulatedHost("8");
+  RequestFlash();
+  ASSERT_TRUE(IsFlashing());
+
+  EXPECT_EQ(Upgrade(fresh), ERROR_INSTALL_FAILURE);
+  EXPECT_EQ(Repair(old), ERROR_INSTALL_FAILURE);
+  EXPECT_EQ(Remove(old), ERROR_INSTALL_FAILURE);
+  EXPECT_TRUE(IsFlashing());
+
+  EXPECT_TRUE(FlashEndsWith(4));
+  EXPECT_TRUE(IsInstalled(old));
+  EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
+  EXPECT_EQ(Upgrade(fresh), 0);
+  EXPECT_TRUE(IsInstalled(fresh));
+}
+
+TEST_F(InstallerTest, RepairsWhatIsDamagedAndKeepsTheConfiguration) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration()) + "[ERASEMODE]=1\r\n";
+  WriteText(Configuration(), configuration);
+  fs::remove(Programs() / L"corvel_cmdline.exe");
+  WriteText(Programs() / L"CorvelToolKit.dll", "damaged");
+  ASSERT_EQ(Service({L"uninstall"}), 0);
+
+  EXPECT_EQ(Repair(old), 0);
+
+  EXPECT_TRUE(IsOfPackage(L"corvel_cmdline.exe"));
+  EXPECT_TRUE(IsOfPackage(L"CorvelToolKit.dll"));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  EXPECT_EQ(Entry().startType, static_cast<DWORD>(SERVICE_DEMAND_START));
+}
+
+TEST_F(InstallerTest, TakesAFailedInstallationBack) {
+  EXPECT_EQ(Install(old, L"demand", L"by-magic"), ERROR_INSTALL_FAILURE);
+
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_FALSE(ServiceExists());
+  EXPECT_FALSE(OwnKeyExists());
+  EXPECT_FALSE(fs::exists(Programs()));
+}
+
+TEST_F(InstallerTest, TakesAFailedUpgradeBack) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration());
+
+  EXPECT_EQ(Upgrade(fresh, {L"BUS=by-magic"}), ERROR_INSTALL_FAILURE);
+
+  EXPECT_FALSE(IsInstalled(fresh));
+  EXPECT_TRUE(IsInstalled(old));
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_TRUE(IsOfPackage(L"corvel_service.exe"));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+}
+
+TEST_F(InstallerTest, RefusesAnOlderVersionOverANewerOne) {
+  ASSERT_EQ(Install(fresh, L"demand"), 0);
+
+  EXPECT_NE(Install(old, L"demand"), 0);
+
+  EXPECT_TRUE(IsInstalled(fresh));
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_TRUE(ServiceExists());
 }
 
 TEST_F(InstallerTest, StartsAServiceThatStartsByItself) {

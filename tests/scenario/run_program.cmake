@@ -1,11 +1,29 @@
 # Runs a program as a user would and looks at its exit status and output.
-# PROGRAM: command that starts it.
+# PROGRAM: command that starts it. FITS_SCHEMA: command that looks at JSON; DOCUMENTS: folder of the schemas.
+
+cmake_minimum_required(VERSION 3.25)
+
+# That a text is JSON as the schema says.
+function(expect_json_of schema text)
+  string(RANDOM LENGTH 12 name)
+  set(file ${CMAKE_CURRENT_BINARY_DIR}/document-${name}.json)
+  file(WRITE ${file} "${text}")
+  execute_process(COMMAND ${FITS_SCHEMA} ${DOCUMENTS}/${schema}.schema.json ${file}
+    RESULT_VARIABLE status ERROR_VARIABLE errors)
+  file(REMOVE ${file})
+  if(NOT status EQUAL 0)
+    message(SEND_ERROR "not as ${schema}.schema.json says: ${errors}\n${text}")
+  endif()
+endfunction()
 
 function(run expected_status)
   execute_process(COMMAND ${PROGRAM} ${ARGN}
     RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors)
   if(NOT status STREQUAL expected_status)
     message(SEND_ERROR "exit status ${status}, not ${expected_status}, of: ${ARGN}\n${output}${errors}")
+  endif()
+  if("--json" IN_LIST ARGN)
+    expect_json_of(simulator "${output}")
   endif()
   set(output "${output}" PARENT_SCOPE)
   set(errors "${errors}" PARENT_SCOPE)

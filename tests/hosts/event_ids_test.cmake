@@ -1,0 +1,24 @@
+# Finds each message of the Windows event log in the table of the hosts' document, with its level.
+#
+# cmake -DMESSAGES=messages.mc -DDOCUMENT=FILE -P event_ids_test.cmake
+
+cmake_minimum_required(VERSION 3.25)
+
+set(level_Informational information)
+set(level_Warning warning)
+set(level_Error error)
+file(READ ${DOCUMENT} document)
+file(STRINGS ${MESSAGES} lines REGEX "^(MessageId|Severity)=")
+list(LENGTH lines count)
+if(count LESS 26)
+  message(FATAL_ERROR "only ${count} lines of messages were found in ${MESSAGES}")
+endif()
+while(lines)
+  list(POP_FRONT lines id severity)
+  string(REGEX REPLACE ".*=" "" id "${id}")
+  string(REGEX REPLACE ".*=" "" severity "${severity}")
+  string(FIND "${document}" "| ${id} | ${level_${severity}} |" place)
+  if(place EQUAL -1)
+    message(SEND_ERROR "${DOCUMENT} has no event ${id} of the level ${level_${severity}}")
+  endif()
+endwhile()

@@ -283,7 +283,7 @@ const std::vector<NotHeld>& EverythingNotHeld() {
        "a boot that was given up opens the image by its path once it goes on, and nobody can delete it "
        "meanwhile: "
        "the result is true, and the controlling program sees the image in the folder"},
-      {"CreateSemaphoreW", std::nullopt, std::nullopt, "leaves behind: Thread +1", false,
+      {"CreateSemaphoreW", std::nullopt, std::nullopt, "leaves behind: Thread +", false,
        "the handle of the search for the flash port is left open, and the search goes on until the port is "
        "found: that is how this failure is known in the field"},
       {"DeleteFileW", std::nullopt, std::nullopt, "the image is left", false,

@@ -147,6 +147,12 @@ TEST_F(DebugLoggerTest, WritesAMessageOfMoreThanTenThousandCharactersWhole) {
   EXPECT_THAT(log.Text(), EndsWith("\t" + message + "##\r\n"));
 }
 
+TEST_F(DebugLoggerTest, WritesFieldsOfMoreThanTenThousandCharactersWhole) {
+  const std::string function(10'001, 'f');
+  ToolKit::OutputDebug(3, "FlashSvc", function.c_str(), kFile, 339, "message");
+  EXPECT_THAT(log.Text(), HasSubstr("\t339\t" + function + "\tmessage##\r\n"));
+}
+
 TEST_F(DebugLoggerTest, KeepsALineEndInTheMessage) {
   RECORD("first\nsecond\n");
   EXPECT_THAT(log.Text(), EndsWith("\tfirst\nsecond\n##\r\n"));

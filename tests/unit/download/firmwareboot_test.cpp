@@ -119,6 +119,26 @@ TEST_F(BootTest, ResetsTheBasebandOfAModemThatIsNowhere) {
   EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
 }
 
+TEST_F(BootTest, IsThereInSingleStepsToo) {
+  EXPECT_EQ(engine->RebootModem(), 0);
+  EXPECT_EQ(engine->RebootModemByXlog4(), 0);
+  EXPECT_THAT(bench.modem.heard, ElementsAre("reboot at+xlog=4\r", "reboot at+xlog=4\r"));
+  bench.modem.heard.clear();
+  EXPECT_TRUE(engine->ControlBBrst());
+  EXPECT_THAT(bench.modem.heard, ElementsAre("reset", "reenumerate"));
+  EXPECT_EQ(engine->InjectBootTargetThread(), 2);
+  EXPECT_TRUE(bench.HasSaid("E:\t Boot File is NULL!, CFirmwareDownloader::InjectBootTargetThread --"));
+}
+
+TEST_F(BootTest, SearchFindsThePortForWhoeverGivesItOne) {
+  bench.modem.Become(Mode::Flash);
+  corvel::FlashPortSearch search;
+  EXPECT_TRUE(CFirmwareDownloader::CheckFlashPortImplementation(nullptr, search));
+  EXPECT_TRUE(search.Port().IsEmpty());
+  EXPECT_TRUE(CFirmwareDownloader::CheckFlashPortImplementation(engine.get(), search));
+  EXPECT_EQ(search.Port(), CTString(bench.modem.flashPortPath));
+}
+
 int g_creations = 0;
 HRESULT WINAPI RefuseCreation(REFCLSID, IUnknown*, DWORD, REFIID, void**) {
   ++g_creations;

@@ -272,6 +272,32 @@ TEST_F(SessionTest, TellsEachStepUnderItsProceduresName) {
                                                         download}));
 }
 
+TEST_F(SessionTest, TellsWhatTheLibrarySaysOfItsImages) {
+  const auto engine = CFirmwareDownloader::GetInstance();
+  bench.library.images[modem] = {1, 4};
+  EXPECT_EQ(FlashBoth(), FirmwareUpdated);
+  std::uint32_t value = 0;
+  EXPECT_TRUE(engine->GetMemoryClass(value, 1));
+  EXPECT_EQ(value, 4u);
+  EXPECT_TRUE(engine->GetMemoryClassOfCust(value, 0));
+  EXPECT_EQ(value, 5u);
+  EXPECT_TRUE(engine->GetFlashTechnology(value));
+  EXPECT_EQ(value, bench.library.technology);
+  bench.library.technology = 3;
+  EXPECT_TRUE(engine->GetFlashTechnologyOfCust(value));
+  EXPECT_EQ(value, 3u);
+}
+
+TEST_F(SessionTest, TellsTheWholesPercentageFromAnItems) {
+  const auto engine = CFirmwareDownloader::GetInstance();
+  std::vector<int> told{engine->GetAbsoluteProgress("50")};
+  bench.library.during["download_fls_file"] = [&] {
+    for (const char* text : {"0", "50", "100"}) told.push_back(engine->GetAbsoluteProgress(text));
+  };
+  EXPECT_EQ(Flash(), FirmwareUpdated);
+  EXPECT_THAT(told, ElementsAre(0, 0, 50, 100));
+}
+
 TEST_F(SessionTest, CallsTheLibraryInOrder) {
   EXPECT_EQ(FlashBoth(), FirmwareUpdated);
   const std::string port = Utf8FromWide(bench.modem.flashPortPath);

@@ -99,6 +99,12 @@ TEST_F(InstallationDirTest, IsEmptyAndLoggedAsAnErrorWhenThePathCannotBeHad) {
   EXPECT_EQ(records.at(0).function, "ToolKit::GetInstallationDir");
 }
 
+TEST(EraseModeTest, IsTheOneThatAHostHasSet) {
+  ToolKit::m_EraseMode = 2;
+  EXPECT_EQ(ToolKit::GetEraseMode(), 2);
+  ToolKit::m_EraseMode = 0;
+}
+
 TEST(DataFolders, AreAllTheInstallationFolderThoughOnlyOneReturnsTrue) {
   const std::wstring expected = Wide(ToolKit::GetInstallationDir());
   CTString data;

@@ -98,8 +98,12 @@ TEST(XmlNameValueTest, CopiesShareTheBstrAndNobodyFreesIt) {
     assigned = record;
     EXPECT_EQ(assigned.Value().bstrVal, text);
     EXPECT_TRUE(assigned.Name() == L"name");
-    const XML_NAME_VALUE moved(std::move(record));
+    XML_NAME_VALUE moved(std::move(record));
     EXPECT_EQ(moved.Value().bstrVal, text);
+    XML_NAME_VALUE taken(L"other", L"1", VT_UI2);
+    taken = std::move(moved);
+    EXPECT_EQ(taken.Value().bstrVal, text);
+    EXPECT_TRUE(taken.Name() == L"name");
   }
   EXPECT_EQ(g_freed, 0);
   EXPECT_STREQ(text, L"text");

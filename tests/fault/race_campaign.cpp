@@ -32,6 +32,7 @@
 #include <wrl/client.h>
 
 #include "fault/campaign_service.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "simulator/mobile_broadband.h"
 #include "simulator/program/fleet/pc_plan.h"
@@ -80,7 +81,13 @@ class Perturber {
   static void End() { s_isOn = false; }
 
   static void See(const SeenCall& call) noexcept {
-    if (std::string_view(call.function) == "RegNotifyChangeKeyValue") s_watch = call.arguments[3];
+    const std::string_view function = call.function;
+    if (function == "RegNotifyChangeKeyValue") s_watch = call.arguments[3];
+    if (const HANDLE over = s_over;
+        over != nullptr && function == "RegSetValueExW" &&
+        std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) == L"Fls_Ready") {
+      ::SetEvent(over);
+    }
     if (const unsigned at = s_exitAt; at != 0 && ++s_callsToExit == at) {
       ::SetEvent(s_exits);
       ::Sleep(INFINITE);
@@ -100,6 +107,9 @@ class Perturber {
   /// Windows signals a watch whose key is deleted; not every system does.
   static void SignalWatch() { ::SetEvent(reinterpret_cast<HANDLE>(s_watch.load())); }
 
+  /// Signals an event whenever the library is about to take the flag back; null for none.
+  static void TellOfEnds(HANDLE over) { s_over = over; }
+
   /// @return an event that is signalled when that many calls have begun; the thread that makes the last one
   /// stays in it.
   static HANDLE StopAt(unsigned calls) {
@@ -117,6 +127,7 @@ class Perturber {
   static inline std::atomic<unsigned> s_exitAt{0};
   static inline std::atomic<unsigned> s_callsToExit{0};
   static inline HANDLE s_exits = nullptr;
+  static inline std::atomic<HANDLE> s_over{nullptr};
 };
 
 /// Somebody beside the job, until it is over.
@@ -227,14 +238,33 @@ JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
   for (int i = dice.Between(1, 4); i > 0; --i) {
     CallFault fault;
     fault.function = kCalls[dice.Between(0, static_cast<int>(std::size(kCalls)) - 1)];
-    fault.calls = Occurrence::Only(dice.Between(1, 20));
+    fault.calls = Occurrence::Only(dice.Between(1, 6));
     fault.way = CallFault::Way::Delayed;
-    fault.delay = std::chrono::milliseconds(dice.Between(20, 900));
+    // Mostly for longer than an attempt may take.
+    const bool isShort = dice.Between(1, 4) == 1;
+    fault.delay = std::chrono::milliseconds(isShort ? dice.Between(20, 600) : dice.Between(660, 1200));
     bench.service.Hooks().Arm(fault);
   }
   const JobEnd end = bench.service.Run();
   bench.service.Hooks().Disarm();
   return end;
+}
+
+/// A controller that asks again as soon as the flag is taken back: nothing changes the key any more then.
+JobEnd RunWithHaste(Bench& bench, std::uint64_t seed) {
+  const hosts::OwnedHandle over(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  Perturber::TellOfEnds(over.get());
+  std::jthread again([&] {
+    Dice dice(seed);
+    ::WaitForSingleObject(over.get(), INFINITE);
+    ::Sleep(static_cast<DWORD>(dice.Between(0, 4)));
+    Raise(bench, 1);
+  });
+  JobEnd end = bench.service.Run();
+  ::SetEvent(over.get());
+  again.join();
+  Perturber::TellOfEnds(nullptr);
+  return end.ended ? bench.service.GoOn() : end;
 }
 
 /// Two controllers that raise and lower the flag.
@@ -365,6 +395,7 @@ constexpr Kind kKinds[] = {
     {"key", &RunWithKeyChanged, true, true},
     {"files", &RunWithFilesChanged, false, true},
     {"freed", &RunWithLibraryFreed, true, true},
+    {"haste", &RunWithHaste, false, true},
 };
 // These need processes of their own.
 constexpr char kExit[] = "exit";

@@ -244,8 +244,8 @@ class Samples {
     m_All.push_back(std::move(sample));
   }
   const Sample& Last() const { return m_All.back(); }
-  /// Behind what is made once: a tenth of the way.
-  const Sample& Settled() const { return m_All.at(std::min(m_All.size() - 1, 1 + m_All.size() / 10)); }
+  /// Behind what is made once: a quarter of the way.
+  const Sample& Settled() const { return m_All.at(std::min(m_All.size() - 1, 1 + m_All.size() / 4)); }
 
  private:
   static std::uintptr_t HighestHandle(std::int64_t keys) {

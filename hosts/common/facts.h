@@ -61,6 +61,7 @@ inline constexpr const char* kFlashingLibraryExports[] = {"_ZEMO_DL_boot_target"
 inline constexpr std::uint32_t kSmallestModemImage = 10 * 1024 * 1024;
 
 // How the modem's devices are known to the device manager.
+inline constexpr wchar_t kModemVendor[] = L"VID_1D5A";
 inline constexpr wchar_t kModemId[] = L"VID_1D5A&PID_0AC9&MI_00";
 inline constexpr wchar_t kFlashPortId[] = L"VID_1D5A&PID_0ACC&MI_00";
 inline constexpr wchar_t kAtPortId[] = L"USB\\VID_1D5A&PID_0AE2&MI_00";

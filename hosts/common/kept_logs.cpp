@@ -176,6 +176,17 @@ std::string KeepLastLog(const std::wstring& log) {
   return {};
 }
 
+std::vector<std::wstring> LogAndKeptOnes(const std::wstring& log) {
+  std::vector<std::wstring> paths;
+  for (const std::filesystem::path& path : {std::filesystem::path(log), NameOfFailedStart(log)}) {
+    if (Exists(path)) paths.push_back(path.wstring());
+  }
+  const auto kept = KeptLogs(log);
+  if (!kept) return paths;
+  for (const KeptLog& each : *kept) paths.push_back(each.path.wstring());
+  return paths;
+}
+
 std::wstring ServiceLogPath() {
   return ProgramFolder() + kServiceLogName;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace hosts {
 
@@ -11,6 +12,9 @@ namespace hosts {
 /// @param log full path of the log.
 /// @return what went wrong, in words; empty when nothing did, or there was nothing to keep.
 std::string KeepLastLog(const std::wstring& log);
+
+/// Full paths of a debug log and of all that are kept of it, as far as they are there.
+std::vector<std::wstring> LogAndKeptOnes(const std::wstring& log);
 
 /// Full path of the log that the library writes in service use.
 std::wstring ServiceLogPath();

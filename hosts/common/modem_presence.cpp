@@ -74,6 +74,17 @@ ModemPresence LookForModem() {
   return presence;
 }
 
+std::vector<std::wstring> PresentModemDevices() {
+  std::vector<std::wstring> devices;
+  for (const std::wstring& id : PresentDeviceIds()) {
+    if (id.find(kModemVendor) == std::wstring::npos) continue;
+    // Bus, device, unit: the unit may be a serial number.
+    const std::size_t unit = id.find(L'\\', id.find(L'\\') + 1);
+    devices.push_back(id.substr(0, unit));
+  }
+  return devices;
+}
+
 const char* NameOf(ModemMode mode) {
   switch (mode) {
     case ModemMode::Mbim:

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace hosts {
 
 /// What the modem is at present, as the device tree shows it.
@@ -13,6 +16,8 @@ struct ModemPresence {
 };
 
 ModemPresence LookForModem();
+/// The modem's devices that are present, without the part of each name that tells one modem from another.
+std::vector<std::wstring> PresentModemDevices();
 /// For people, and for programs.
 const char* NameOf(ModemMode mode);
 const char* TokenOf(ModemMode mode);

@@ -3,6 +3,8 @@
 #include <iostream>
 
 #include "hosts/common/json_output.h"
+#include "hosts/common/terminal.h"
+#include "hosts/common/text_layout.h"
 
 namespace hosts {
 
@@ -13,9 +15,14 @@ nlohmann::ordered_json AsJson(const Problem& problem, const nlohmann::ordered_js
   return document;
 }
 
+std::string ProblemText(const char* program, const Problem& problem, std::size_t columns) {
+  return Wrapped(std::string(program) + ": " + problem.message, columns, "", "  ") +
+         Wrapped(problem.whatToDo, columns, "", "");
+}
+
 void Report(const char* program, const Problem& problem, bool json) {
   if (json) return PrintJson(AsJson(problem));
-  std::cerr << program << ": " << problem.message << "\n" << problem.whatToDo << std::endl;
+  std::cerr << ProblemText(program, problem, TextColumns(::GetStdHandle(STD_ERROR_HANDLE))) << std::flush;
 }
 
 }  // namespace hosts

@@ -1,6 +1,7 @@
 #include "hosts/common/who_flashes.h"
 
 #include <cstddef>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -129,6 +130,12 @@ std::optional<LivingService> FindLivingService() {
                        starts ? std::nullopt : KeyOf(configuration)};
 }
 
+Obstacle CannotTell(const std::system_error& error) {
+  return {"service_unknown",
+          std::string("Nobody can tell whether the flash service is flashing: ") + error.what(),
+          "Run this program as an administrator."};
+}
+
 Obstacle SharesTheKey(const std::string& service, const HandshakeKey& key) {
   return {"service_shares_key",
           service + " runs and would take the request too: it has the command line's key " + key.Text(),
@@ -154,22 +161,45 @@ std::optional<Obstacle> Judge(const std::string& service, const HandshakeKey& ke
                        "Run this program as an administrator.");
 }
 
+Obstacle IsStarting(const LivingService& service) {
+  return {kServiceStarts, service.Text() + " is starting, and may begin to flash at once",
+          "Try again in a moment."};
+}
+
+Obstacle HasUnreadableConfiguration(const LivingService& service) {
+  return MayBeFlashing(
+      service.Text(), "its configuration " + ToUtf8(service.configuration) + " cannot be read",
+      "Close whatever holds the configuration open, or stop the service (corvel_service stop).");
+}
+
 std::optional<Obstacle> Judge(const LivingService& service, const HandshakeKey& commandLineKey) {
-  if (service.isStarting) {
-    return Obstacle{kServiceStarts, service.Text() + " is starting, and may begin to flash at once",
-                    "Try again in a moment."};
-  }
-  if (!service.key) {
-    return MayBeFlashing(
-        service.Text(), "its configuration " + ToUtf8(service.configuration) + " cannot be read",
-        "Close whatever holds the configuration open, or stop the service (corvel_service stop).");
-  }
+  if (service.isStarting) return IsStarting(service);
+  if (!service.key) return HasUnreadableConfiguration(service);
   // The key of that name which the service uses is its account's own.
   if (service.key->root == HKEY_CURRENT_USER) {
     return MayBeFlashing(service.Text(), "nobody but itself sees its key " + service.key->Text(),
                          "Stop it first (corvel_service stop), or give it a [RegistryLocation] below HKLM.");
   }
   return Judge(service.Text(), *service.key, commandLineKey);
+}
+
+bool IsSameFolder(const std::wstring& left, const std::wstring& right) {
+  std::error_code failed;
+  if (std::filesystem::equivalent(left, right, failed)) return true;
+  return ::CompareStringOrdinal(left.c_str(), -1, right.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
+Obstacle UsesFolder(const std::string& service, const std::wstring& folder) {
+  return {"service_uses_folder", service + " runs and takes its images from " + ToUtf8(folder),
+          "Stop it first (corvel_service stop), and start it again when the flash is over."};
+}
+
+std::optional<Obstacle> JudgeFolder(const LivingService& service, const std::wstring& folder) {
+  if (service.isStarting) return IsStarting(service);
+  const auto configuration = LibraryConfiguration::Read(service.configuration);
+  if (!configuration) return HasUnreadableConfiguration(service);
+  if (!IsSameFolder(configuration->FirmwareFolder(), folder)) return std::nullopt;
+  return UsesFolder(service.Text(), folder);
 }
 
 /// A service that runs in a terminal is not in the manager's list.
@@ -210,14 +240,24 @@ bool IsServiceStarting() try {
   return false;
 }
 
+std::optional<Obstacle> FindServiceThatUses(const std::wstring& folder) try {
+  const std::optional<LivingService> service = FindLivingService();
+  std::optional<Obstacle> obstacle = service ? JudgeFolder(*service, folder) : std::nullopt;
+  if (obstacle) return obstacle;
+  // One in a terminal is known by its key alone: that of this folder's configuration.
+  const auto key = KeyOf(ProgramFolder() + kConfigurationName);
+  if (!key || !IsServedBy(Server::Service, *key)) return std::nullopt;
+  return UsesFolder("A flash service (corvel_service run)", folder);
+} catch (const std::system_error& error) {
+  return CannotTell(error);
+}
+
 std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey) try {
   const std::optional<LivingService> service = FindLivingService();
   std::optional<Obstacle> obstacle = service ? Judge(*service, commandLineKey) : std::nullopt;
   return obstacle ? obstacle : FindServiceByNotice(commandLineKey);
 } catch (const std::system_error& error) {
-  return Obstacle{"service_unknown",
-                  std::string("Nobody can tell whether the flash service is flashing: ") + error.what(),
-                  "Run this program as an administrator."};
+  return CannotTell(error);
 }
 
 }  // namespace hosts

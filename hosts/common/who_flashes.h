@@ -45,6 +45,10 @@ std::optional<Obstacle> FindFlashingCommandLine();
 /// runs and has the same key. What a service that does not run any more left in its key is no obstacle.
 std::optional<Obstacle> FindServiceInTheWay(const HandshakeKey& commandLineKey);
 
+/// A flash service that runs and takes its images from that folder, flashing or not: it may begin at any
+/// time, and deletes what it finds there in the end.
+std::optional<Obstacle> FindServiceThatUses(const std::wstring& folder);
+
 /// Whether the installed flash service starts. It reads its configuration then, and finds none while somebody
 /// else has the file open.
 bool IsServiceStarting();

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "hosts/common/text_layout.h"
 #include "hosts/flashlog/job_table.h"
 #include "hosts/flashlog/log.h"
 #include "hosts/flashlog/news.h"

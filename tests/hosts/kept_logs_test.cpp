@@ -226,6 +226,18 @@ TEST_F(KeptLogsTest, LeavesTheLogOfALivingHostAloneAndSaysSo) {
   EXPECT_THAT(Names(), ElementsAre(kLog));
 }
 
+TEST_F(KeptLogsTest, FindsTheLogAndAllThatAreKeptOfIt) {
+  EXPECT_THAT(LogAndKeptOnes(folder.File(kLog)), IsEmpty());
+  for (const wchar_t* name :
+       {kLog, L"Host_failed_start.log", L"Host_2026-11-05_23-04-11.log", L"Host_my notes.log"}) {
+    folder.Write(name, "evidence");
+  }
+  EXPECT_THAT(
+      LogAndKeptOnes(folder.File(kLog)),
+      testing::UnorderedElementsAre(folder.File(kLog), folder.File(std::wstring(L"Host_failed_start.log")),
+                                    folder.File(std::wstring(L"Host_2026-11-05_23-04-11.log"))));
+}
+
 }  // namespace
 
 }  // namespace hosts

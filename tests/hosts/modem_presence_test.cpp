@@ -1,5 +1,6 @@
 #include "hosts/common/modem_presence.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/device_tree.h"
@@ -103,6 +104,14 @@ TEST_F(ModemPresenceTest, ResetDriver) {
 TEST_F(ModemPresenceTest, ResetDriverThatWasOnceThereIsNone) {
   tree.OnceHadInterface(kResetInterface, L"\\\\?\\UDE#1");
   EXPECT_FALSE(LookForModem().resetDriver);
+}
+
+TEST_F(ModemPresenceTest, NamesItsDevicesWithoutTheirNumbers) {
+  tree.Has(L"USB\\VID_1D5A&PID_0AC9\\356938035643809");
+  tree.Has(L"usb\\vid_1d5a&pid_0ac9&mi_00\\7&1");
+  tree.Has(L"USB\\VID_1234&PID_0AC9\\0001");
+  EXPECT_THAT(PresentModemDevices(),
+              testing::UnorderedElementsAre(L"USB\\VID_1D5A&PID_0AC9", L"USB\\VID_1D5A&PID_0AC9&MI_00"));
 }
 
 }  // namespace

@@ -52,6 +52,72 @@ TEST(Utf8TerminalTest, TakesUtf8UntilItIsGone) {
   EXPECT_THAT(g_codePages, ElementsAre(CP_UTF8, kFormerCodePage));
 }
 
+// --- What a terminal can do
+// ------------------------------------------------------------------------------------
+
+/// Of the played terminal.
+DWORD g_mode = 0;
+bool g_knowsColours = true;
+
+BOOL WINAPI TellModeOfTerminal(HANDLE, LPDWORD mode) {
+  *mode = g_mode;
+  return TRUE;
+}
+
+BOOL WINAPI TakeModeOfTerminal(HANDLE, DWORD mode) {
+  if (!g_knowsColours) return FALSE;
+  g_mode = mode;
+  return TRUE;
+}
+
+class TerminalAbilitiesTest : public testing::Test {
+ protected:
+  TerminalAbilitiesTest() {
+    g_mode = ENABLE_PROCESSED_OUTPUT;
+    g_knowsColours = true;
+    m_Patch.Replace("GetConsoleMode", &TellModeOfTerminal);
+    m_Patch.Replace("SetConsoleMode", &TakeModeOfTerminal);
+    SetVariable(L"TERM", nullptr);
+    SetVariable(L"NO_COLOR", nullptr);
+  }
+  ~TerminalAbilitiesTest() override {
+    SetVariable(L"TERM", nullptr);
+    SetVariable(L"NO_COLOR", nullptr);
+  }
+  static void SetVariable(const wchar_t* name, const wchar_t* value) {
+    ::SetEnvironmentVariableW(name, value);
+  }
+
+ private:
+  simulator::ImportPatch m_Patch{::GetModuleHandleW(nullptr)};
+};
+
+TEST_F(TerminalAbilitiesTest, ColoursAreSwitchedOn) {
+  EXPECT_TRUE(TakesColours(nullptr));
+  EXPECT_EQ(g_mode, static_cast<DWORD>(ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING));
+}
+
+TEST_F(TerminalAbilitiesTest, NoColoursWhereTheUserOrTheTerminalHasNone) {
+  SetVariable(L"NO_COLOR", L"1");
+  EXPECT_FALSE(TakesColours(nullptr));
+  EXPECT_TRUE(IsLiveTerminal(nullptr));
+  SetVariable(L"NO_COLOR", nullptr);
+  g_knowsColours = false;
+  EXPECT_FALSE(TakesColours(nullptr));
+  EXPECT_EQ(g_mode, static_cast<DWORD>(ENABLE_PROCESSED_OUTPUT));
+}
+
+TEST_F(TerminalAbilitiesTest, ADumbOneIsWrittenOverNowhere) {
+  EXPECT_TRUE(IsLiveTerminal(nullptr));
+  SetVariable(L"TERM", L"dumb");
+  EXPECT_FALSE(IsLiveTerminal(nullptr));
+  EXPECT_FALSE(TakesColours(nullptr));
+}
+
+TEST(TextColumnsTest, AreManyWhereNoTerminalIs) {
+  EXPECT_EQ(TextColumns(nullptr), kUnlimitedColumns);
+}
+
 /// One test: what is final stays so.
 TEST(InterruptionTest, IsFinalWhenTheSystemEndsTheProgramBehindIt) {
   simulator::ImportPatch patch(::GetModuleHandleW(nullptr));

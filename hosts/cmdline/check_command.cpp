@@ -1,17 +1,20 @@
+#include <windows.h>
+
 #include <algorithm>
-#include <cstddef>
 #include <iostream>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "hosts/cmdline/check_report.h"
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/preflight.h"
 #include "hosts/cmdline/surroundings.h"
+#include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/modem_presence.h"
+#include "hosts/common/terminal.h"
 #include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
 
@@ -19,20 +22,8 @@ namespace hosts {
 
 namespace {
 
-constexpr std::size_t kVerdictColumn = 9;
-constexpr std::size_t kSubjectColumn = 18;
-
-const char* NameOf(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::Ok:
-      return "ok";
-    case Verdict::Warning:
-      return "warning";
-    case Verdict::Error:
-      return "error";
-  }
-  return "error";
-}
+/// Seldom enough for a host that begins to flash between two looks, which open what it needs for itself.
+constexpr DWORD kLookAgainMs = 2000;
 
 /// A missing modem is no error: a flash begins by bringing it back.
 std::vector<Finding> LookAtModem() {
@@ -63,58 +54,63 @@ bool Holds(const std::vector<Finding>& findings, std::string_view code) {
   return std::ranges::find(findings, code, &Finding::code) != findings.end();
 }
 
-std::string Padded(std::string_view text, std::size_t width) {
-  return std::string(text) + std::string(width - text.size(), ' ');
+void Show(const CheckReport& report) {
+  const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  std::cout << CheckText(report, TextColumns(output), TakesColours(output) ? Colours::Ansi : Colours::None)
+            << std::flush;
 }
 
-void Print(const std::vector<Finding>& findings) {
-  for (const Finding& finding : findings) {
-    std::cout << Padded(NameOf(finding.verdict), kVerdictColumn) << Padded(finding.subject, kSubjectColumn)
-              << finding.message << "\n";
-    if (!finding.whatToDo.empty())
-      std::cout << Padded("", kVerdictColumn + kSubjectColumn) << finding.whatToDo << "\n";
+ExitCode EndOf(const CheckReport& report) {
+  const Finding* const obstacle = report.Obstacle();
+  return obstacle == nullptr ? ExitCode::Success : obstacle->exitCode;
+}
+
+/// Shows every change until a flash could begin.
+ExitCode Watch(const CheckOptions& options) {
+  const Interruption interruption;
+  nlohmann::ordered_json shown;
+  for (;;) {
+    const CheckReport report = Check(options);
+    nlohmann::ordered_json document = AsJson(report);
+    if (document != shown) {
+      if (options.json) {
+        PrintJson(document, JsonLayout::OneLine);
+      } else {
+        std::cout << (shown.is_null() ? "" : "\n");
+        Show(report);
+      }
+      shown = std::move(document);
+    }
+    if (report.Obstacle() == nullptr) return ExitCode::Success;
+    if (::WaitForSingleObject(interruption.Event(), kLookAgainMs) == WAIT_OBJECT_0)
+      return ExitCode::Interrupted;
   }
-  std::cout << std::flush;
-}
-
-nlohmann::ordered_json AsJson(const std::vector<Finding>& findings, const Finding* obstacle) {
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const Finding& finding : findings) {
-    list.push_back({{"subject", finding.subject},
-                    {"verdict", NameOf(finding.verdict)},
-                    {"code", finding.code},
-                    {"message", finding.message},
-                    {"what_to_do", finding.whatToDo}});
-  }
-  nlohmann::ordered_json document{{"ready", obstacle == nullptr}, {"findings", list}};
-  return obstacle == nullptr ? document : AsJson(ProblemOf(*obstacle), document);
-}
-
-/// What decides the exit status: the first error, or else, if they count too, the first warning.
-const Finding* FindObstacle(const std::vector<Finding>& findings, bool strict) {
-  const Finding* const error = FirstOf(findings, Verdict::Error);
-  return error == nullptr && strict ? FirstOf(findings, Verdict::Warning) : error;
 }
 
 }  // namespace
 
-ExitCode RunCheck(const CheckOptions& options) {
-  // Looking must not empty the log of the last flash.
-  ToolKit::TurnLoggingOff();
-  std::vector<Finding> findings = LookAtOtherHosts();
+CheckReport Check(const CheckOptions& options) {
+  CheckReport report{.findings = LookAtOtherHosts(), .strict = options.strict};
+  std::vector<Finding>& findings = report.findings;
   const LeftAlone leftAlone{.configuration = Holds(findings, kServiceStarts),
                             .images = FirstOf(findings, Verdict::Error) != nullptr};
   for (Finding& finding : LookBeforeFlash({.expect = options.expect}, leftAlone))
     findings.push_back(std::move(finding));
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
+  return report;
+}
 
-  const Finding* const obstacle = FindObstacle(findings, options.strict);
+ExitCode RunCheck(const CheckOptions& options) {
+  // Looking must not empty the log of the last flash.
+  ToolKit::TurnLoggingOff();
+  if (options.watch) return Watch(options);
+  const CheckReport report = Check(options);
   if (options.json) {
-    PrintJson(AsJson(findings, obstacle));
+    PrintJson(AsJson(report));
   } else {
-    Print(findings);
+    Show(report);
   }
-  return obstacle == nullptr ? ExitCode::Success : obstacle->exitCode;
+  return EndOf(report);
 }
 
 }  // namespace hosts

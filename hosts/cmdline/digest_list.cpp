@@ -1,13 +1,12 @@
 #include "hosts/cmdline/digest_list.h"
 
-#include <windows.h>
-
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <utility>
 
+#include "hosts/cmdline/image_folder.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
@@ -44,10 +43,6 @@ std::string Unescaped(const std::string& name) {
 
 std::wstring WithoutFolder(const std::wstring& path) {
   return path.substr(path.find_last_of(L"\\/") + 1);
-}
-
-bool IsSameName(const std::wstring& left, const std::wstring& right) {
-  return ::CompareStringOrdinal(left.c_str(), -1, right.c_str(), -1, TRUE) == CSTR_EQUAL;
 }
 
 }  // namespace

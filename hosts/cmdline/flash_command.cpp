@@ -13,7 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "hosts/cmdline/chosen_images.h"
 #include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/flash_end.h"
+#include "hosts/cmdline/journal.h"
 #include "hosts/cmdline/preflight.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/progress_line.h"
@@ -27,6 +30,7 @@
 #include "hosts/common/owners.h"
 #include "hosts/common/power.h"
 #include "hosts/common/serving_notice.h"
+#include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
@@ -57,7 +61,8 @@ std::string Listed(const std::vector<std::wstring>& paths) {
 /// What became of the images that the library took. To be looked at when its job has ended.
 class UsedImages {
  public:
-  UsedImages() {
+  /// @param areCopies of images that stay where they are.
+  explicit UsedImages(bool areCopies) : m_AreCopies(areCopies) {
     for (const CTString& image : {ToolKit::GetModemFlsFile(), ToolKit::GetNVMFlsFile()}) {
       if (image.IsEmpty()) continue;
       const auto path = static_cast<std::wstring>(image);
@@ -68,10 +73,14 @@ class UsedImages {
 
   bool AreDeleted() const { return m_Used > 0 && m_Left.empty(); }
   std::string WhatToDoAfterSuccess() const {
+    if (m_Left.empty() && m_AreCopies) {
+      return "The copies were deleted, the originals are where they were. Nothing is left to do.";
+    }
     if (m_Left.empty()) return "The images were deleted. Nothing is left to do.";
     return "Delete what could not be deleted, or the next flash writes it again: " + Listed(m_Left);
   }
   std::string WhatToDoAfterFailure() const {
+    if (m_AreCopies) return "The originals are where they were: run the flash again.";
     if (m_Left.empty()) return "The image files were removed: copy them anew and run the flash again.";
     if (m_Left.size() == m_Used) return "The image files are still there: run the flash again.";
     return "Of the image files only " + Listed(m_Left) +
@@ -79,6 +88,7 @@ class UsedImages {
   }
 
  private:
+  bool m_AreCopies;
   std::size_t m_Used = 0;
   std::vector<std::wstring> m_Left;
 };
@@ -116,6 +126,12 @@ class Job {
   std::shared_ptr<OwnedHandle> m_Ended = std::make_shared<OwnedHandle>(NewEvent());
 };
 
+void Print(const FlashEnd& end) {
+  const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  std::cout << FlashEndText(end, TextColumns(output), TakesColours(output) ? Colours::Ansi : Colours::None)
+            << std::flush;
+}
+
 bool HasResult(const Handshake& values) {
   return values.Is(FlashResult::Failed) || values.Is(FlashResult::Succeeded);
 }
@@ -141,15 +157,22 @@ const char* WhatBecameOfModem(const Handshake& values) {
 class FlashRun {
  public:
   explicit FlashRun(const FlashOptions& options)
-      : m_Options(options), m_Key(CommandLineKey()), m_Progress(options.quiet) {}
+      : m_Options(options), m_Key(CommandLineKey()), m_Progress(options.quiet || !options.progress) {}
 
   ExitCode Run();
 
  private:
   enum class Ending { JobEnded, Interrupted, TimedOut };
 
-  std::optional<ExitCode> FindObstacle(const CommandLineClaim& claim) const;
+  /// What the look before a flash asks of the folder.
+  enum class Folder { HoldsImages, MayBeEmpty };
+
+  ExitCode RunAlone(const CommandLineClaim& claim, ImageCopies& copies);
+  std::optional<ExitCode> FindObstacle(Folder folder) const;
   std::optional<ExitCode> FindOtherHost(const CommandLineClaim& claim) const;
+  std::optional<ExitCode> BringImages(const CommandLineClaim& claim, ImageCopies& copies);
+  bool BringsImages() const { return !m_Options.images.empty(); }
+  ExitCode Refuse(const Finding& error) const;
   void TellOfBattery(const std::vector<Finding>& findings) const;
   void KeepLogOfLastRun() const;
   bool LoadConfiguration() const;
@@ -182,7 +205,7 @@ class FlashRun {
 void FlashRun::KeepLogOfLastRun() const {
   if (m_Options.trace == 0) return;
   const std::string problem = KeepLastLog(LogPath());
-  if (!problem.empty()) std::cerr << "corvel_cmdline: " << problem << std::endl;
+  if (!problem.empty()) Tell(problem);
 }
 
 bool FlashRun::LoadConfiguration() const {
@@ -201,33 +224,71 @@ bool FlashRun::LoadConfiguration() const {
 std::optional<ExitCode> FlashRun::FindOtherHost(const CommandLineClaim& claim) const {
   auto obstacle = claim.WhoHoldsIt();
   if (!obstacle) obstacle = FindServiceInTheWay(m_Key);
+  // Its job would delete what is being copied, or flash it by itself.
+  if (!obstacle && BringsImages()) obstacle = FindServiceThatUses(LookAtConfiguredFolder().path);
   if (!obstacle) return std::nullopt;
   Report({obstacle->code, obstacle->message + ".", obstacle->whatToDo}, m_Options.json);
   return ExitCode::NotReady;
 }
 
-std::optional<ExitCode> FlashRun::FindObstacle(const CommandLineClaim& claim) const {
-  if (const auto otherHost = FindOtherHost(claim)) return otherHost;
+ExitCode FlashRun::Refuse(const Finding& error) const {
+  Report(ProblemOf(error), m_Options.json);
+  return error.exitCode;
+}
+
+std::optional<ExitCode> FlashRun::FindObstacle(Folder folder) const {
   std::vector<Finding> findings =
       LookBeforeFlash({.expect = m_Options.expect, .minBattery = m_Options.minBattery});
+  if (folder == Folder::MayBeEmpty) {
+    std::erase_if(findings, [](const Finding& each) { return std::string_view(each.code) == kNoImages; });
+  }
   // A controlling program may put the images there until it asks for the flash.
   if (m_Options.waitForController) {
     std::erase_if(findings, [](const Finding& each) { return each.exitCode == ExitCode::NoImages; });
   }
+  for (const Finding& each : findings) TellDetail(std::string(each.subject) + ": " + each.message);
   const Finding* const error = FirstOf(findings, Verdict::Error);
-  if (error == nullptr) {
-    TellOfBattery(findings);
-    return std::nullopt;
+  if (error != nullptr) return Refuse(*error);
+  if (folder == Folder::HoldsImages) TellOfBattery(findings);
+  return std::nullopt;
+}
+
+/// Whether the library would take the chosen images, and no other ones.
+bool TakesExactly(const std::vector<ChosenImage>& chosen, const std::wstring& folder) {
+  const FolderImages taken = LookForImages(folder);
+  const auto isTaken = [&](const ChosenImage& image) {
+    const std::wstring& path = image.file.IsModemImage() ? taken.modem : taken.nvm;
+    return IsSameName(path, folder + L"\\" + image.file.Name());
+  };
+  const auto count = static_cast<std::size_t>(!taken.modem.empty()) + (taken.nvm.empty() ? 0 : 1);
+  return count == chosen.size() && std::ranges::all_of(chosen, isTaken);
+}
+
+std::optional<ExitCode> FlashRun::BringImages(const CommandLineClaim& claim, ImageCopies& copies) {
+  const ConfiguredFolder folder = LookAtConfiguredFolder();
+  const ChosenImages chosen = LookAtChosenImages(m_Options.images, m_Options.expect);
+  if (chosen.error) return Refuse(*chosen.error);
+  if (const auto others = FindOtherImages(chosen.images, folder.path)) return Refuse(*others);
+  // What does not hang on the images comes before the work of copying them.
+  if (const auto obstacle = FindObstacle(Folder::MayBeEmpty)) return obstacle;
+  if (const auto otherHost = FindOtherHost(claim)) return otherHost;
+  if (const auto error = copies.Make(chosen.images, folder.path)) return Refuse(*error);
+  for (const ChosenImage& image : chosen.images) {
+    TellDetail("Copied " + ToUtf8(image.file.path) + " to " + ToUtf8(folder.path) + ", SHA-256 " +
+               image.sha256);
   }
-  Report(ProblemOf(*error), m_Options.json);
-  return error->exitCode;
+  if (TakesExactly(chosen.images, folder.path)) return std::nullopt;
+  return Refuse({"folder", Verdict::Error, "not the chosen images would be taken from " + ToUtf8(folder.path),
+                 "Keep other programs from putting images there, and choose a folder and names that are "
+                 "shorter than 260 characters together.",
+                 "others_taken"});
 }
 
 /// Of all that is not as it should be, this is what somebody can still mend before the modem is touched.
 void FlashRun::TellOfBattery(const std::vector<Finding>& findings) const {
   const auto found = std::ranges::find(findings, std::string_view(kOnBattery), &Finding::code);
   if (found == findings.end()) return;
-  std::cerr << "corvel_cmdline: Warning, " << found->message << ". " << found->whatToDo << std::endl;
+  Tell("Warning, " + found->message + ". " + found->whatToDo);
 }
 
 void FlashRun::TellWhatWillBeDeleted(const std::wstring& folder, const FolderImages& images) const {
@@ -237,7 +298,7 @@ void FlashRun::TellWhatWillBeDeleted(const std::wstring& folder, const FolderIma
   // What a controlling program will have put there until then is not known yet.
   const std::string what =
       m_Options.waitForController ? "the images that it finds in " + ToUtf8(folder) : Listed(paths);
-  std::cerr << "corvel_cmdline: When the flash ends, it deletes " << what << std::endl;
+  Tell("When the flash ends, it deletes " + what);
 }
 
 void FlashRun::ForgetLastRun() {
@@ -259,7 +320,7 @@ long long FlashRun::Seconds() const {
 /// Tells what an interruption comes to, when it does not end the run.
 void FlashRun::Warn(const char* text) {
   m_Progress.Finish();
-  std::cerr << "corvel_cmdline: " << text << std::endl;
+  Tell(text);
   ::ResetEvent(m_Interruption.Event());
 }
 
@@ -315,8 +376,7 @@ nlohmann::ordered_json FlashRun::Details(const Handshake& values, const UsedImag
 
 /// Of a flash that has not come to the point where the library deletes the images.
 void FlashRun::ReportWithoutDeletion(const Problem& problem) const {
-  if (!m_Options.json) return Report(problem, false);
-  PrintJson(AsJson(problem, {{"images_deleted", false}}));
+  Report(problem, m_Options.json, {{"images_deleted", false}});
 }
 
 ExitCode FlashRun::ConcludeWithoutImages(const Handshake& values) {
@@ -336,7 +396,9 @@ ExitCode FlashRun::Conclude() {
   if (values.Is(FlashResult::Idle)) return ConcludeWithoutImages(values);
 
   const bool flashed = values.Is(FlashResult::Succeeded);
-  const UsedImages images;
+  const UsedImages images(BringsImages());
+  Note(std::string(flashed ? "Flashed" : "The flash failed") + ", result " +
+       std::to_string(values.result.value_or(0)));
   LeaveRecordOf(values);
   const Problem failure{
       "flash_failed", "The flash failed.",
@@ -347,12 +409,14 @@ ExitCode FlashRun::Conclude() {
   if (m_Options.json) {
     PrintJson(flashed ? Details(values, images) : AsJson(failure, Details(values, images)));
   } else {
-    std::cout << (flashed ? "The modem was flashed and is back." : failure.message) << " Result "
-              << values.result.value_or(0) << " (" << MeaningOfResult(values.result) << "), "
-              << m_Progress.Attempts() << (m_Progress.Attempts() == 1 ? " attempt, " : " attempts, ")
-              << Seconds() << " s.\n"
-              << (flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo) << std::endl;
-    if (HasLog()) std::cout << "Debug log: " << ToUtf8(LogPath()) << std::endl;
+    Print({.flashed = flashed,
+           .verdict = flashed ? "The modem was flashed and is back." : failure.message,
+           .result = "Result " + std::to_string(values.result.value_or(0)) + " (" +
+                     MeaningOfResult(values.result) + "), " + std::to_string(m_Progress.Attempts()) +
+                     (m_Progress.Attempts() == 1 ? " attempt, " : " attempts, ") + std::to_string(Seconds()) +
+                     " s.",
+           .whatToDo = flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo,
+           .log = HasLog() ? ToUtf8(LogPath()) : ""});
   }
   return flashed ? ExitCode::Success : ExitCode::FlashFailed;
 }
@@ -362,7 +426,7 @@ void FlashRun::LeaveRecordOf(const Handshake& values) const {
                                                       .result = values.result.value_or(0),
                                                       .progress = values.progress.value_or(0),
                                                       .seconds = Seconds()});
-  if (!problem.empty()) std::cerr << "corvel_cmdline: " << problem << std::endl;
+  if (!problem.empty()) Tell(problem);
 }
 
 ExitCode FlashRun::GiveUp(Ending ending) {
@@ -400,9 +464,10 @@ ExitCode FlashRun::Flash(const LibraryConfiguration& configuration, const Folder
            m_Options.json);
     return ExitCode::NotReady;
   }
+  TellDetail(std::string(request ? "Asked" : "Waits to be asked") + " for the flash under " + m_Key.Text());
   TellWhatWillBeDeleted(configuration.FirmwareFolder(), images);
   const StayAwake awake;
-  if (!awake.Refusal().empty()) std::cerr << "corvel_cmdline: " << awake.Refusal() << std::endl;
+  if (!awake.Refusal().empty()) Tell(awake.Refusal());
   try {
     const Job job(m_Options.trace, BusOf(m_Options, configuration));
     const Ending ending = Follow(job.Ended());
@@ -412,11 +477,17 @@ ExitCode FlashRun::Flash(const LibraryConfiguration& configuration, const Folder
   }
 }
 
-ExitCode FlashRun::Run() {
-  const CommandLineClaim claim;
-  // Before anything may log: the records would go into the log of the service.
-  ToolKit::TurnLoggingOff();
-  if (const auto obstacle = FindObstacle(claim)) return *obstacle;
+/// With the claim to be the only command line that flashes.
+ExitCode FlashRun::RunAlone(const CommandLineClaim& claim, ImageCopies& copies) {
+  if (const auto otherHost = FindOtherHost(claim)) return *otherHost;
+  if (BringsImages()) {
+    if (const auto obstacle = BringImages(claim, copies)) return *obstacle;
+    if (::WaitForSingleObject(m_Interruption.Event(), 0) == WAIT_OBJECT_0) {
+      ReportWithoutDeletion({"interrupted", "Interrupted.", "The modem was not touched."});
+      return ExitCode::Interrupted;
+    }
+  }
+  if (const auto obstacle = FindObstacle(Folder::HoldsImages)) return *obstacle;
   const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
   const FolderImages images = configuration ? LookForImages(configuration->FirmwareFolder()) : FolderImages();
   KeepLogOfLastRun();
@@ -429,6 +500,18 @@ ExitCode FlashRun::Run() {
   // Once more: a service may have come while all that was looked at and loaded.
   if (const auto otherHost = FindOtherHost(claim)) return *otherHost;
   return Flash(*configuration, images);
+}
+
+ExitCode FlashRun::Run() {
+  const CommandLineClaim claim;
+  // Before anything may log: the records would go into the log of the service.
+  ToolKit::TurnLoggingOff();
+  ImageCopies copies;
+  const ExitCode end = RunAlone(claim, copies);
+  for (const std::wstring& left : copies.TakeBack()) {
+    Tell("The copy " + ToUtf8(left) + " could not be removed. Delete it, or the next flash writes it again.");
+  }
+  return end;
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "hosts/cmdline/configuration_advice.h"
 #include "hosts/cmdline/digest_list.h"
+#include "hosts/cmdline/image_folder.h"
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/facts.h"
 #include "hosts/common/file_digest.h"
@@ -76,14 +77,16 @@ Finding UnreadableConfiguration(const std::wstring& path) {
   }
 }
 
+Finding NoFolderConfigured() {
+  return Error(
+      "configuration", "no_folder_configured", "[ModemAndNVMFirmwareFolder] is not set",
+      "Name the folder of the images in CorvelConfig.ini. The first line of the file is always skipped.");
+}
+
 std::vector<Finding> LookAtConfiguration(const std::optional<LibraryConfiguration>& configuration) {
   if (!configuration) return {UnreadableConfiguration(ConfigurationPath())};
   std::vector<Finding> findings;
-  if (configuration->FirmwareFolder().empty()) {
-    findings.push_back(Error(
-        "configuration", "no_folder_configured", "[ModemAndNVMFirmwareFolder] is not set",
-        "Name the folder of the images in CorvelConfig.ini. The first line of the file is always skipped."));
-  }
+  if (configuration->FirmwareFolder().empty()) findings.push_back(NoFolderConfigured());
   Append(findings, AdviseOnConfiguration(*configuration));
   if (findings.empty()) findings.push_back(Ok("configuration", ToUtf8(ConfigurationPath())));
   return findings;
@@ -135,41 +138,22 @@ Finding LookAtImage(const char* subject, const std::wstring& path, const char* m
 std::vector<std::string> OthersOfItsKind(const std::wstring& folder, const std::wstring& taken,
                                          bool areModemImages) {
   std::vector<std::string> names;
-  WIN32_FIND_DATAW entry{};
-  // As the library searches.
-  const HANDLE begun = ::FindFirstFileW((folder + L"\\*.fls").c_str(), &entry);
-  if (begun == INVALID_HANDLE_VALUE) return names;
-  const OwnedSearch search(begun);
-  do {
-    const std::wstring path = folder + L"\\" + entry.cFileName;
-    const bool isFolder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    const bool isModemImage = entry.nFileSizeHigh != 0 || entry.nFileSizeLow >= kSmallestModemImage;
-    if (isFolder || path == taken || isModemImage != areModemImages) continue;
-    const bool isEmpty = entry.nFileSizeHigh == 0 && entry.nFileSizeLow == 0;
-    names.push_back(ToUtf8(entry.cFileName) + (isEmpty ? " (empty)" : ""));
-  } while (::FindNextFileW(search.get(), &entry));
+  for (const ImageFile& image : ListImages(folder).images) {
+    if (image.path == taken || image.IsModemImage() != areModemImages) continue;
+    names.push_back(ToUtf8(image.Name()) + (image.bytes == 0 ? " (empty)" : ""));
+  }
   return names;
 }
 
 /// Whether an image is the one that was meant. Only of one that could be opened.
 std::optional<Finding> CompareWithDigest(const char* subject, const std::wstring& path,
                                          const DigestList& list) {
-  const std::string wanted = list.DigestOf(path);
-  if (wanted.empty()) {
-    return Error(subject, "image_not_expected", ToUtf8(path) + " is not in " + list.Path(),
-                 "Remove the image from the folder, or give the list of digests that belongs to it.");
-  }
+  // What is not in the list need not be read.
+  if (list.DigestOf(path).empty()) return JudgeDigest(subject, path, "", list);
   const FileDigest found = DigestOf(path);
-  if (found.error != ERROR_SUCCESS) {
-    return Error(
-        subject, "image_unreadable", ToUtf8(path) + ": " + SystemErrorText(found.error),
-        "Close the program that holds the image open, and copy the image anew if that does not help.");
-  }
-  if (found.sha256 == wanted) return std::nullopt;
-  return Error(
-      subject, "image_differs",
-      ToUtf8(path) + " has the SHA-256 " + found.sha256 + ", not " + wanted + " as " + list.Path() + " says",
-      "Copy the image anew from where it comes from, or give the list of digests that belongs to it.");
+  if (found.error == ERROR_SUCCESS) return JudgeDigest(subject, path, found.sha256, list);
+  return Error(subject, "image_unreadable", ToUtf8(path) + ": " + SystemErrorText(found.error),
+               "Close the program that holds the image open, and copy the image anew if that does not help.");
 }
 
 /// What is to be found in the folder, and how.
@@ -203,19 +187,7 @@ std::vector<Finding> LookAtKind(const char* subject, const ImageSearch& search, 
 std::vector<Finding> LookAtImages(const ImageSearch& search) {
   const std::wstring& folder = search.folder;
   const FolderImages images = LookForImages(folder);
-  if (!images.folderExists) {
-    return {NoImages("no_folder", "\"" + ToUtf8(folder) + "\" is no folder",
-                     "Make the folder and put the images there, or correct [ModemAndNVMFirmwareFolder].")};
-  }
-  if (images.brokeOff) {
-    return {Error("folder", "folder_unreadable",
-                  ToUtf8(folder) + " could not be read to its end, so no image is taken",
-                  "Run this check again; if that stays, look after the drive and this program's rights.")};
-  }
-  if (!images.Any()) {
-    return {NoImages("no_images", "there is no firmware image (*.fls) in " + ToUtf8(folder),
-                     "Copy the modem image and the NVM image there.")};
-  }
+  if (auto error = ErrorOfFolder(folder, images)) return {std::move(*error)};
   std::vector<Finding> findings{Ok("folder", ToUtf8(folder))};
   Append(findings, LookAtKind("modem image", search, images.modem, true));
   Append(findings, LookAtKind("NVM image", search, images.nvm, false));
@@ -329,13 +301,61 @@ std::vector<Finding> LookAtConfigurationAndImages(const DigestList* expected, co
 
 }  // namespace
 
+std::optional<Finding> ErrorOfFolder(const std::wstring& folder, const FolderImages& images) {
+  if (!images.folderExists) {
+    return NoImages("no_folder", "\"" + ToUtf8(folder) + "\" is no folder",
+                    "Make the folder and put the images there, or correct [ModemAndNVMFirmwareFolder].");
+  }
+  if (images.brokeOff) {
+    return Error("folder", "folder_unreadable",
+                 ToUtf8(folder) + " could not be read to its end, so no image is taken",
+                 "Run this check again; if that stays, look after the drive and this program's rights.");
+  }
+  if (!images.Any()) {
+    return NoImages(kNoImages, "there is no firmware image (*.fls) in " + ToUtf8(folder),
+                    "Copy the modem image and the NVM image there.");
+  }
+  return std::nullopt;
+}
+
+ConfiguredFolder LookAtConfiguredFolder() {
+  const auto configuration = LibraryConfiguration::Read(ConfigurationPath());
+  if (!configuration) return {.error = UnreadableConfiguration(ConfigurationPath())};
+  ConfiguredFolder folder{.path = configuration->FirmwareFolder()};
+  if (folder.path.empty()) {
+    folder.error = NoFolderConfigured();
+    return folder;
+  }
+  folder.images = LookForImages(folder.path);
+  folder.error = ErrorOfFolder(folder.path, folder.images);
+  return folder;
+}
+
+Finding NoDigests(const DigestList& list) {
+  return Error("digests", "no_digests", list.Problem(),
+               "Give --expect a file as \"sha256sum *.fls\" writes it.");
+}
+
+std::optional<Finding> JudgeDigest(const char* subject, const std::wstring& path, const std::string& sha256,
+                                   const DigestList& list) {
+  const std::string wanted = list.DigestOf(path);
+  if (wanted.empty()) {
+    return Error(subject, "image_not_expected", ToUtf8(path) + " is not in " + list.Path(),
+                 "Remove the image from the folder, or give the list of digests that belongs to it.");
+  }
+  if (sha256 == wanted) return std::nullopt;
+  return Error(
+      subject, "image_differs",
+      ToUtf8(path) + " has the SHA-256 " + sha256 + ", not " + wanted + " as " + list.Path() + " says",
+      "Copy the image anew from where it comes from, or give the list of digests that belongs to it.");
+}
+
 std::vector<Finding> LookBeforeFlash(const Demands& demands, const LeftAlone& leftAlone) {
   std::vector<Finding> findings;
   std::optional<DigestList> expected;
   if (!demands.expect.empty()) expected = DigestList::Read(demands.expect);
   if (expected && !expected->Problem().empty()) {
-    findings.push_back(Error("digests", "no_digests", expected->Problem(),
-                             "Give --expect a file as \"sha256sum *.fls\" writes it."));
+    findings.push_back(NoDigests(*expected));
     expected.reset();
   }
   Append(findings, LookAtConfigurationAndImages(expected ? &*expected : nullptr, leftAlone));
@@ -345,16 +365,6 @@ std::vector<Finding> LookBeforeFlash(const Demands& demands, const LeftAlone& le
   Append(findings, LookAtPower(demands.minBattery));
   Append(findings, LookAtLog());
   return findings;
-}
-
-const Finding* FirstOf(const std::vector<Finding>& findings, Verdict verdict) {
-  const auto found = std::ranges::find(findings, verdict, &Finding::verdict);
-  return found == findings.end() ? nullptr : &*found;
-}
-
-Problem ProblemOf(const Finding& error) {
-  return {error.code, std::string("Not ready, ") + error.subject + ": " + error.message + ".",
-          error.whatToDo};
 }
 
 }  // namespace hosts

@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
+#include <utility>
 
+#include "hosts/cmdline/journal.h"
+#include "hosts/cmdline/running_job.h"
 #include "hosts/common/terminal.h"
 
 namespace hosts {
@@ -19,13 +22,8 @@ constexpr std::uint32_t kPlainStep = 10;
 constexpr std::size_t kStageWidth = 18;
 constexpr std::size_t kPercentWidth = 5;
 
-bool IsTerminal() {
-  DWORD mode = 0;
-  return ::GetConsoleMode(::GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE;
-}
-
 /// In one piece: standard error is not buffered, and a terminal would be seen drawing each character.
-void Draw(const std::string& line) {
+void WriteAtOnce(const std::string& line) {
   DWORD drawn = 0;
   ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), line.data(), static_cast<DWORD>(line.size()), &drawn,
               nullptr);
@@ -53,7 +51,7 @@ std::string Bar(std::uint32_t percent) {
 }  // namespace
 
 std::string LiveLine(const Progress& now, std::size_t columns) {
-  const std::string stage = Padded(now.stage, kStageWidth);
+  const std::string stage = Padded(now.stage, std::max(kStageWidth, now.stage.size()));
   const std::string percent = PaddedLeft(std::to_string(now.percent) + " %", kPercentWidth);
   const std::string attempt = "  attempt " + std::to_string(now.attempt);
   const std::string seconds = "  " + std::to_string(now.elapsedSeconds) + " s";
@@ -70,26 +68,36 @@ std::string LiveLine(const Progress& now, std::size_t columns) {
   return Padded(fitting == lines.end() ? lines.back() : *fitting, width);
 }
 
-ProgressLine::ProgressLine(bool quiet) : m_Quiet(quiet), m_Live(IsTerminal()) {}
+void LiveOutput::Draw(const Progress& now) {
+  // Asked each time: a window may be made narrower, and a line that does not fit any more would scroll it.
+  const auto columns = VisibleColumns(::GetStdHandle(STD_ERROR_HANDLE));
+  WriteAtOnce("\r" + LiveLine(now, columns.value_or(kUsualColumns)));
+  m_Open = true;
+}
+
+void LiveOutput::Finish() {
+  if (m_Open) std::cerr << std::endl;
+  m_Open = false;
+}
+
+ProgressLine::ProgressLine(bool quiet)
+    : m_Quiet(quiet), m_Live(IsLiveTerminal(::GetStdHandle(STD_ERROR_HANDLE))) {}
 
 void ProgressLine::Show(const Handshake& values) {
   TakeIn(values);
+  const std::string text = PlainText(values);
+  const bool isNew = std::exchange(m_LastPlain, text) != text;
+  if (isNew) Note(text);
   if (m_Quiet) return;
   if (m_Live) {
-    // Asked each time: a window may be made narrower, and a line that does not fit any more would scroll it.
-    const auto columns = VisibleColumns(::GetStdHandle(STD_ERROR_HANDLE));
-    Draw("\r" + LiveText(values, columns.value_or(kUsualColumns)));
-    m_LineOpen = true;
-    return;
+    m_Line.Draw(Now(values));
+  } else if (isNew) {
+    std::cerr << SecondsSince(m_Begin) << " s  " << text << std::endl;
   }
-  const std::string text = PlainText(values);
-  if (text != m_LastPlain) std::cerr << SecondsSince(m_Begin) << " s  " << text << std::endl;
-  m_LastPlain = text;
 }
 
 void ProgressLine::Finish() {
-  if (m_LineOpen) std::cerr << std::endl;
-  m_LineOpen = false;
+  m_Line.Finish();
 }
 
 void ProgressLine::TakeIn(const Handshake& values) {
@@ -104,27 +112,17 @@ void ProgressLine::TakeIn(const Handshake& values) {
   m_LastResult = result;
 }
 
-std::string ProgressLine::Stage(const Handshake& values) const {
-  if (values.Is(FlashResult::Succeeded)) return "flashed";
-  if (values.Is(FlashResult::Failed)) return "failed";
-  if (values.Is(FlashResult::Idle) || !values.result) return "waiting to begin";
-  if (Percent(values) == kComplete) return "awaiting the modem";
-  if (values.Is(FlashResult::Retrying)) return "pausing to retry";
-  return Percent(values) == 0 ? "into flash mode" : "writing";
-}
-
-std::string ProgressLine::LiveText(const Handshake& values, std::size_t columns) const {
-  return LiveLine({.stage = Stage(values),
-                   .percent = Percent(values),
-                   .attempt = std::max(m_Attempts, 1),
-                   .elapsedSeconds = SecondsSince(m_Begin),
-                   .remainingSeconds = RemainingSeconds(values)},
-                  columns);
+Progress ProgressLine::Now(const Handshake& values) const {
+  return {.stage = StageByHandshake(values),
+          .percent = Percent(values),
+          .attempt = std::max(m_Attempts, 1),
+          .elapsedSeconds = SecondsSince(m_Begin),
+          .remainingSeconds = RemainingSeconds(values)};
 }
 
 std::string ProgressLine::PlainText(const Handshake& values) const {
   const std::uint32_t step = Percent(values) / kPlainStep * kPlainStep;
-  return Stage(values) + ", " + std::to_string(step) + " %, attempt " +
+  return StageByHandshake(values) + ", " + std::to_string(step) + " %, attempt " +
          std::to_string(std::max(m_Attempts, 1));
 }
 

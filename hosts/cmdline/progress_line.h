@@ -23,6 +23,18 @@ struct Progress {
 /// does not fit: first the limit, then the bar, then the attempt.
 std::string LiveLine(const Progress& now, std::size_t columns);
 
+/// A live line on standard error, which is a terminal.
+class LiveOutput {
+ public:
+  /// Writes over the line that stands there.
+  void Draw(const Progress& now);
+  /// Ends the line, so that what follows begins on a line of its own.
+  void Finish();
+
+ private:
+  bool m_Open = false;
+};
+
 /// Shows how a flash comes along: one line that is written over on a terminal, a line per change of stage
 /// or ten percent elsewhere.
 class ProgressLine {
@@ -40,15 +52,14 @@ class ProgressLine {
   using Clock = std::chrono::steady_clock;
 
   void TakeIn(const Handshake& values);
-  std::string LiveText(const Handshake& values, std::size_t columns) const;
+  Progress Now(const Handshake& values) const;
   std::string PlainText(const Handshake& values) const;
-  std::string Stage(const Handshake& values) const;
   long long SecondsSince(Clock::time_point begin) const;
   std::optional<long long> RemainingSeconds(const Handshake& values) const;
 
   bool m_Quiet;
   bool m_Live;
-  bool m_LineOpen = false;
+  LiveOutput m_Line;
   std::string m_LastPlain;
   int m_Attempts = 0;
   std::uint32_t m_LastResult = 0;

@@ -1,6 +1,6 @@
 #include <windows.h>
 
-#include <cstddef>
+#include <algorithm>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -9,14 +9,18 @@
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
+#include "hosts/cmdline/progress_line.h"
+#include "hosts/cmdline/status_report.h"
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/history_output.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
+#include "hosts/common/kept_logs.h"
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/serving_notice.h"
 #include "hosts/common/shared_names.h"
+#include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
 #include "toolkit/toolkit.h"
@@ -26,24 +30,6 @@ namespace hosts {
 namespace {
 
 constexpr DWORD kLookAtModemMs = 1000;
-constexpr std::size_t kNameColumn = 16;
-constexpr std::size_t kValueColumn = 11;
-
-/// All that the verb shows, as it is at one moment.
-struct Status {
-  HandshakeKey key;
-  Writer writer;
-  Handshake values;
-  ModemPresence modem;
-  std::wstring folder;
-  FolderImages images;
-  /// What keeps the host of the key from its work, a sentence each.
-  std::vector<std::string> hindrances;
-  bool serviceStarts = false;
-
-  /// Whether a job stands there that nobody will end.
-  bool WasCutShort() const { return writer == Writer::Gone && values.IsJobRunning(); }
-};
 
 /// A service in another session alone knows of the names there.
 std::vector<std::string> FindHindrances(const HandshakeKey& key, bool ofService) {
@@ -59,96 +45,105 @@ std::vector<std::string> FindHindrances(const HandshakeKey& key, bool ofService)
   return hindrances;
 }
 
-Status Look(const HandshakeKey& key, const std::wstring& folder, bool ofService) {
+/// Where a look finds what it shows.
+struct Place {
+  HandshakeKey key;
+  std::wstring folder;
+  bool ofService = false;
+};
+
+Status Look(const Place& place, JobFollower& follower) {
   // First: a host that ends between the two looks has written its result by then.
-  const Writer writer = WriterOf(key);
-  return {.key = key,
-          .writer = writer,
-          .values = ReadHandshake(key),
-          .modem = LookForModem(),
-          .folder = folder,
-          .images = LookForImages(folder),
-          .hindrances = FindHindrances(key, ofService)};
-}
-
-nlohmann::ordered_json AsJson(const Status& status) {
-  nlohmann::ordered_json values;
-  for (const HandshakeLine& line : Describe(status.values, status.writer)) {
-    values[ToUtf8(line.name)] = {
-        {"value", line.value ? nlohmann::ordered_json(*line.value) : nlohmann::ordered_json()},
-        {"meaning", line.meaning}};
-  }
-  return {{"key", status.key.Text()},
-          {"host_running", status.writer == Writer::Lives},
-          {"values", values},
-          {"modem",
-           {{"mode", TokenOf(status.modem.mode)},
-            {"at_port", status.modem.atPort},
-            {"reset_driver", status.modem.resetDriver}}},
-          {"images",
-           {{"folder", ToUtf8(status.folder)},
-            {"modem", ToUtf8(status.images.modem)},
-            {"nvm", ToUtf8(status.images.nvm)}}},
-          {"hindrances", status.hindrances}};
-}
-
-std::string Padded(std::string text, std::size_t width) {
-  if (text.size() < width) text.resize(width, ' ');
-  return text;
-}
-
-std::string OrDash(const std::wstring& text) {
-  return text.empty() ? "-" : ToUtf8(text);
-}
-
-std::string FolderText(const Status& status) {
-  if (status.serviceStarts) return "(not read: the flash service is starting)";
-  return status.folder.empty() ? "(not configured)" : ToUtf8(status.folder);
+  const Writer writer = WriterOf(place.key);
+  Status status{.key = place.key,
+                .writer = writer,
+                .values = ReadHandshake(place.key),
+                .modem = LookForModem(),
+                .folder = place.folder,
+                .images = LookForImages(place.folder),
+                .hindrances = FindHindrances(place.key, place.ofService)};
+  status.job = follower.Look(status.values, writer);
+  return status;
 }
 
 void Print(const Status& status) {
-  std::cout << status.key.Text() << "\n";
-  for (const HandshakeLine& line : Describe(status.values, status.writer)) {
-    std::cout << "  " << Padded(ToUtf8(line.name), kNameColumn)
-              << Padded(line.value ? std::to_string(*line.value) : "-", kValueColumn) << line.meaning << "\n";
-  }
-  std::cout << "Host:        " << (status.writer == Writer::Lives ? "running" : "none running") << "\n";
-  if (status.WasCutShort()) {
-    std::cout << "             The flash was cut short. The modem may be left in flash mode;\n"
-                 "             the next flash recovers it.\n";
-  }
-  for (const std::string& hindrance : status.hindrances) {
-    std::cout << "Hindered:    " << hindrance << ".\n             " << AdviceOnTakenNames() << "\n";
-  }
-  std::cout << "Modem:       " << NameOf(status.modem.mode)
-            << (status.modem.atPort ? ", AT port present" : "")
-            << (status.modem.resetDriver ? ", reset driver present" : ", reset driver absent") << "\n"
-            << "Folder:      " << FolderText(status) << "\n"
-            << "Modem image: " << OrDash(status.images.modem) << "\n"
-            << "NVM image:   " << OrDash(status.images.nvm) << std::endl;
+  std::cout << StatusText(status, TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE))) << std::flush;
 }
 
+/// What changes all the time is left to the live line of a terminal.
+nlohmann::ordered_json WithoutProgress(nlohmann::ordered_json document) {
+  if (document["job"].is_null()) return document;
+  document["job"].erase("percent");
+  document["values"].erase(ToUtf8(kProgressValue));
+  return document;
+}
+
+/// Shows one key again and again.
+class Watch {
+ public:
+  Watch(Place place, const StatusOptions& options)
+      : m_Place(std::move(place)),
+        m_Json(options.json),
+        m_Live(!options.json && options.progress && IsLiveTerminal(::GetStdHandle(STD_OUTPUT_HANDLE)) &&
+               IsLiveTerminal(::GetStdHandle(STD_ERROR_HANDLE))),
+        m_Follower(options.service ? ServiceLogPath() : LogPath()) {}
+
+  ExitCode Run();
+
+ private:
+  void Show();
+  void ShowLive(const Status& now);
+
+  Place m_Place;
+  bool m_Json;
+  bool m_Live;
+  JobFollower m_Follower;
+  LiveOutput m_Line;
+  nlohmann::ordered_json m_Shown;
+};
+
 /// Shows every change until the program is interrupted.
-ExitCode Watch(const HandshakeKey& key, const std::wstring& folder, const StatusOptions& options) {
+ExitCode Watch::Run() {
   const Interruption interruption;
-  HandshakeWatch watch(key);
-  nlohmann::ordered_json shown;
-  const HANDLE signals[] = {interruption.Event(), watch.Event()};
+  HandshakeWatch changes(m_Place.key);
+  const HANDLE signals[] = {interruption.Event(), changes.Event()};
   do {
     // Without a key there is no announcement of its values either; the look once a second finds it.
-    watch.Arm();
-    const Status now = Look(key, folder, options.service);
-    nlohmann::ordered_json document = AsJson(now);
-    if (document == shown) continue;
-    if (options.json) {
+    changes.Arm();
+    Show();
+    // The modem, the folder and the log announce nothing: they are looked at once a second.
+  } while (::WaitForMultipleObjects(2, signals, FALSE, kLookAtModemMs) != WAIT_OBJECT_0);
+  m_Line.Finish();
+  return ExitCode::Interrupted;
+}
+
+void Watch::Show() {
+  const Status now = Look(m_Place, m_Follower);
+  nlohmann::ordered_json document = m_Live ? WithoutProgress(AsJson(now)) : AsJson(now);
+  if (document != m_Shown) {
+    m_Line.Finish();
+    if (m_Json) {
       PrintJson(document, JsonLayout::OneLine);
     } else {
       Print(now);
     }
-    shown = std::move(document);
-    // The modem and the folder announce nothing: they are looked at once a second.
-  } while (::WaitForMultipleObjects(2, signals, FALSE, kLookAtModemMs) != WAIT_OBJECT_0);
-  return ExitCode::Interrupted;
+    m_Shown = std::move(document);
+  }
+  if (m_Live) ShowLive(now);
+}
+
+void Watch::ShowLive(const Status& now) {
+  if (!now.job) return m_Line.Finish();
+  const flashlog::Milliseconds time = LocalTime();
+  const RunningJob& job = *now.job;
+  const std::optional<TimedStep>& step =
+      job.stageTimes && job.stageTimes->limit != 0 ? job.stageTimes : job.attemptTimes;
+  const std::optional<TimedStep>& begun = job.attemptTimes ? job.attemptTimes : job.stageTimes;
+  m_Line.Draw({.stage = job.stage,
+               .percent = job.percent,
+               .attempt = job.attempt,
+               .elapsedSeconds = begun ? std::max<long long>(0, (time - begun->begin) / 1000) : 0,
+               .remainingSeconds = step ? step->SecondsLeft(time) : std::nullopt});
 }
 
 }  // namespace
@@ -173,11 +168,13 @@ ExitCode RunStatus(const StatusOptions& options) {
            options.json);
     return ExitCode::NotReady;
   }
-  const HandshakeKey key = options.service ? configuration->ServiceKey() : CommandLineKey();
-  const std::wstring folder = configuration ? configuration->FirmwareFolder() : std::wstring();
-  if (options.watch) return Watch(key, folder, options);
+  const Place place{.key = options.service ? configuration->ServiceKey() : CommandLineKey(),
+                    .folder = configuration ? configuration->FirmwareFolder() : std::wstring(),
+                    .ofService = options.service};
+  if (options.watch) return Watch(place, options).Run();
 
-  Status status = Look(key, folder, options.service);
+  JobFollower follower(options.service ? ServiceLogPath() : LogPath());
+  Status status = Look(place, follower);
   status.serviceStarts = serviceStarts;
   if (options.json) {
     PrintJson(AsJson(status));

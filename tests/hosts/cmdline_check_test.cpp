@@ -169,12 +169,32 @@ TEST_F(CheckTest, PrintsALinePerFindingWithWhatToDo) {
                 PathOf(L"Firmwareflashdownload.dll") +
                 "\r\n"
                 "ok       registry          HKLM\\SOFTWARE\\WOW6432Node\\Quenta\\FlashService\r\n"
+                "ok       shared names      at the library's disposal\r\n"
                 "warning  reset driver      its flash interface is absent\r\n"
                 "                           Install the modem's USB driver: without it a modem that hangs "
                 "cannot be reset.\r\n"
                 "warning  modem             absent\r\n"
                 "                           Look at the device manager; a flash tries a baseband reset "
-                "first.\r\n");
+                "first.\r\n"
+                "Ready: a flash can begin, with 2 warnings.\r\n");
+}
+
+TEST_F(CheckTest, WatchesUntilAFlashCouldBegin) {
+  workspace.Remove(L"firmware");
+  ChildProcess watcher(workspace.CommandLineHost(), {L"check", L"--watch"});
+  ASSERT_TRUE(watcher.Says("Not ready: 1 error, 2 warnings. Begin with what is said of \"folder\".\r\n"));
+  workspace.PutImages();
+  EXPECT_EQ(watcher.WaitForEnd(), 0);
+  EXPECT_THAT(watcher.Output(), testing::EndsWith("Ready: a flash can begin, with 2 warnings.\r\n"));
+}
+
+TEST_F(CheckTest, WatchesInLinesOfJsonUntilItIsInterrupted) {
+  workspace.Remove(L"firmware");
+  ChildProcess watcher(workspace.CommandLineHost(), {L"check", L"--watch", L"--json"});
+  ASSERT_TRUE(watcher.Says("\"no_folder\""));
+  ASSERT_TRUE(watcher.Interrupt());
+  EXPECT_EQ(watcher.WaitForEnd(), 5);
+  EXPECT_FALSE(Document(watcher.Output())["ready"]);
 }
 
 TEST_F(CheckTest, PrintsAnErrorOnStandardOutputToo) {

@@ -1,5 +1,6 @@
 #include <sstream>
 
+#include "hosts/common/json_output.h"
 #include "tests/hosts/cmdline_test.h"
 
 namespace hosts {
@@ -27,6 +28,8 @@ TEST_P(HelpTest, NamesOptionsAndExitStatusAndEndsWell) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.errors, IsEmpty());
   EXPECT_THAT(result.output, HasSubstr("Exit status: 0 flashed"));
+  const bool isOfVerb = GetParam().arguments.size() == 2;
+  EXPECT_EQ(result.output.find("Examples:\r\n  corvel_cmdline ") != std::string::npos, isOfVerb);
   for (const std::string& word : GetParam().words) EXPECT_THAT(result.output, HasSubstr(word));
   std::istringstream footer(result.output.substr(result.output.find("Exit status:")));
   for (std::string line; std::getline(footer, line);) EXPECT_LE(line.size(), 80u) << line;
@@ -34,13 +37,19 @@ TEST_P(HelpTest, NamesOptionsAndExitStatusAndEndsWell) {
 
 INSTANTIATE_TEST_SUITE_P(
     Verbs, HelpTest,
-    testing::Values(HelpCase{"Program", {L"--help"}, {"flash", "status", "check", "--version"}},
+    testing::Values(HelpCase{"Program",
+                             {L"--help"},
+                             {"flash", "status", "check", "images", "doctor", "completion", "--version"}},
                     HelpCase{"Flash",
                              {L"flash", L"--help"},
                              {"--ipc", "--trace", "--wait-for-controller", "--timeout", "--expect",
-                              "--min-battery", "--json", "--quiet"}},
-                    HelpCase{"Status", {L"status", L"--help"}, {"--watch", "--json"}},
-                    HelpCase{"Check", {L"check", L"--help"}, {"--json", "--strict", "--expect"}},
+                              "--min-battery", "--json", "--quiet", "--images", "--no-progress", "--log",
+                              "-v,--verbose"}},
+                    HelpCase{"Status", {L"status", L"--help"}, {"--watch", "--json", "--no-progress"}},
+                    HelpCase{"Check", {L"check", L"--help"}, {"--json", "--strict", "--expect", "--watch"}},
+                    HelpCase{"Images", {L"images", L"--help"}, {"--json", "--no-digests"}},
+                    HelpCase{"Doctor", {L"doctor", L"--help"}, {"--json", "--list", "--output"}},
+                    HelpCase{"Completion", {L"completion", L"--help"}, {"powershell"}},
                     HelpCase{"HelpAsAVerb", {L"help"}, {"help VERB", "--version"}}),
     NameOf<HelpCase>);
 
@@ -73,6 +82,50 @@ TEST_F(CommandLineTest, TakesATimeLimitOfThirtyDays) {
   EXPECT_EQ(RunHost({L"flash", L"--timeout", L"2592000"}).exitCode, 3);
 }
 
+TEST_F(CommandLineTest, PrintsACompletionThatKnowsEachVerbAndOption) {
+  const RunResult result = RunHost({L"completion", L"powershell"});
+  EXPECT_EQ(result.exitCode, 0);
+  for (const char* word :
+       {"    'flash' = @(\r\n", "      ,@('flash', 'Flash the images of the configured folder, ",
+        "      ,@('--images', 'Flash copies of", "    'doctor' = @(\r\n",
+        // Nothing ends the text before its end.
+        "''s"}) {
+    EXPECT_THAT(result.output, HasSubstr(word));
+  }
+  EXPECT_THAT(result.output, HasSubstr("Register-ArgumentCompleter -Native"));
+}
+
+TEST_F(CommandLineTest, TellsItsStepsOnlyWhenAskedTo) {
+  workspace.MakeVirtualPc({"speed=200"});
+  workspace.Remove(L"firmware\\nvm.fls");
+  EXPECT_THAT(RunHost({L"flash", L"--no-progress"}).errors,
+              testing::AllOf(testing::Not(HasSubstr("corvel_cmdline: folder: ")),
+                             testing::Not(HasSubstr("writing"))));
+  workspace.PutImages();
+  EXPECT_THAT(RunHost({L"flash", L"-v"}).errors,
+              testing::AllOf(HasSubstr("corvel_cmdline: folder: "),
+                             HasSubstr("corvel_cmdline: Asked for the flash under ")));
+}
+
+TEST_F(CommandLineTest, LogsWhatItTellsToTheEndOfAFile) {
+  workspace.Remove(L"firmware");
+  const std::wstring log = workspace.File(L"told.log").wstring();
+  EXPECT_EQ(RunHost({L"flash", L"--log", log}).exitCode, 3);
+  EXPECT_EQ(RunHost({L"check", L"--log", log}).exitCode, 3);
+  const std::string told = workspace.Content(L"told.log");
+  EXPECT_THAT(
+      told, testing::ContainsRegex("20\\d\\d-\\d+-\\d+ \\d+:\\d+:\\d+.\\d+  corvel_cmdline .* flash --log "));
+  EXPECT_THAT(told,
+              testing::AllOf(HasSubstr(" is no folder. Make the folder and "), HasSubstr("(no_folder)\r\n"),
+                             HasSubstr(" check --log "), HasSubstr("  exit status 3\r\n")));
+}
+
+TEST_F(CommandLineTest, SaysSoWhenItCannotLog) {
+  const RunResult result = RunHost({L"check", L"--json", L"--log", workspace.ImageFolder().wstring()});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "log_unwritable");
+}
+
 struct WrongUsageCase {
   const char* name;
   std::vector<std::wstring> arguments;
@@ -93,7 +146,8 @@ TEST_F(CommandLineTest, WithJsonPrintsWrongUsageAsOneErrorDocumentAndNothingElse
   const RunResult result = RunHost({L"falsh", L"--json"});
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.errors, IsEmpty());
-  EXPECT_EQ(Document(result.output), nlohmann::json({{"error",
+  EXPECT_EQ(Document(result.output), nlohmann::json({{"version", kDocumentVersion},
+                                                     {"error",
                                                       {{"code", "wrong_usage"},
                                                        {"message", "\"falsh\" is no verb."},
                                                        {"what_to_do", "Did you mean \"flash\"?"}}}}));
@@ -136,9 +190,14 @@ INSTANTIATE_TEST_SUITE_P(
                        "\"--wiat-for-controller\" is no option of flash.",
                        "Did you mean \"--wait-for-controller\"?"},
         WrongUsageCase{"OptionOfAnotherVerb",
-                       {L"check", L"--watch"},
-                       "\"--watch\" is no option of check.",
+                       {L"check", L"--history"},
+                       "\"--history\" is no option of check.",
                        "See \"corvel_cmdline help check\"."},
+        WrongUsageCase{"UnknownShell", {L"completion", L"csh"}, "SHELL: csh not in {powershell}", kSeeHelp},
+        WrongUsageCase{"ListOfNoArchive",
+                       {L"doctor", L"--list", L"--output", L"x.zip"},
+                       "--output excludes --list",
+                       kSeeHelp},
         WrongUsageCase{"UnknownBus", {L"flash", L"--ipc", L"isa"}, "--ipc: isa not in {usb,pcie}", kSeeHelp},
         WrongUsageCase{"BusNotInAscii",
                        {L"flash", L"--ipc", L"\u00FC\u4E2D"},

@@ -6,8 +6,9 @@ cmake_minimum_required(VERSION 3.25)
 
 # What looks like a code and is none: fields of the documents, and modes of the modem.
 set(no_codes
-  at_commands at_port exit_code flash_port flash_result host_running images_deleted process_id reset_driver
-  service_exit_code what_to_do corvel_cmdline corvel_service)
+  at_commands at_port attempt_times command_line exit_code flash_port flash_result host_running images_deleted left_out
+  limit_seconds most_attempts process_id reset_driver
+  service_exit_code stage_name stage_times what_to_do why_not_read corvel_cmdline corvel_service)
 
 file(READ ${DOCUMENT} document)
 file(GLOB_RECURSE sources ${SOURCES}/*.cpp ${SOURCES}/*.h)

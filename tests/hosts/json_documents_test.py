@@ -92,6 +92,17 @@ class DocumentsTest(unittest.TestCase):
         jsonschema.validate(document, SCHEMA, cls=jsonschema.Draft7Validator)
         self.assertIn("values", document)
 
+    def test_the_images(self):
+        images = self.document("cmdline", "images")["images"]
+        self.assertEqual([len(image["sha256"]) for image in images], [64, 64])
+        self.assertEqual(len(self.document("cmdline", "images", "--no-digests")["images"]), 2)
+
+    def test_the_archive_for_support_and_its_list(self):
+        archive = str(self.pc.folder / "support.zip")
+        files = self.document("cmdline", "doctor", "--output", windows_path(archive))["files"]
+        self.assertIn("check.json", [file["name"] for file in files])
+        self.assertGreater(len(self.document("cmdline", "doctor", "--list")["contents"]), 5)
+
     def test_the_history_by_either_host(self):
         self.put_history()
         for host in ("cmdline", "service"):
@@ -122,6 +133,20 @@ class SchemaTest(unittest.TestCase):
         self.flashed = {"version": 1, "flashed": True, "result": 4, "meaning": "succeeded", "progress": 100, "attempts": 1,
                         "seconds": 57, "images_deleted": True, "log": ""}
         self.assertTrue(is_valid(self.flashed))
+
+    def test_a_job_has_times_or_none(self):
+        value = {"value": 1, "meaning": "flashing"}
+        names = ("Fls_Ready", "Retry_Times", "Time_Out", "Flash_OnGoing", "Flash_Progress", "Flash_Result")
+        times = {"since": "2026-11-15 23:04:11.042", "limit_seconds": None}
+        job = {"stage": "write", "stage_name": "writing", "stage_times": times, "attempt": 1, "most_attempts": 4,
+               "attempt_times": None, "percent": 42}
+        status = {"version": 1, "key": "HKLM\\Key", "host_running": True, "values": dict.fromkeys(names, value), "job": job,
+                  "modem": {"mode": "mbim", "at_port": True, "reset_driver": True},
+                  "images": {"folder": "", "modem": "", "nvm": ""}, "hindrances": []}
+        self.assertTrue(is_valid(status))
+        self.assertTrue(is_valid(status | {"job": None}))
+        self.assertFalse(is_valid(status | {"job": job | {"stage": "writing"}}))
+        self.assertFalse(is_valid(status | {"job": job | {"stage_times": {"since": "now"}}}))
 
     def changed(self, **fields):
         return copy.deepcopy(self.flashed) | fields

@@ -108,6 +108,17 @@ class ServiceInTheWayTest : public testing::Test {
   void Configure(const std::string& location) const {
     std::ofstream(m_Folder.Path() / L"CorvelConfig.ini") << "Title\n[RegistryLocation]=" << location << "\n";
   }
+  /// The service takes its images from a folder.
+  void ConfigureImages(const std::wstring& folder) const {
+    std::ofstream(m_Folder.Path() / L"CorvelConfig.ini")
+        << "Title\n[RegistryLocation]=" << key.Location().Text()
+        << "\n[ModemAndNVMFirmwareFolder]=" << ToUtf8(folder) << "\n";
+  }
+  /// What is found of a service that uses a folder.
+  static std::string FoundFor(const std::wstring& folder) {
+    const auto obstacle = FindServiceThatUses(folder);
+    return obstacle ? obstacle->code : "";
+  }
   void RemoveConfiguration() const { std::filesystem::remove(m_Folder.Path() / L"CorvelConfig.ini"); }
 
   /// The code of what is found; empty when there is nothing.
@@ -200,6 +211,37 @@ TEST_F(ServiceInTheWayTest, IsNoneThatTheManagerCallsRunningWithoutAProcess) {
   ShowJob(key);
   g_manager.processId = 0;
   EXPECT_EQ(Found(), "");
+}
+
+TEST_F(ServiceInTheWayTest, UsesItsFolderAlsoWhileItHasNothingToDo) {
+  const TemporaryFolder images;
+  const TemporaryFolder others;
+  ConfigureImages(images.Path().wstring());
+  EXPECT_EQ(FoundFor(images.Path().wstring()), "service_uses_folder");
+  EXPECT_EQ(FoundFor(images.Path().wstring() + L"\\."), "service_uses_folder");
+  EXPECT_EQ(FoundFor(others.Path().wstring()), "");
+  EXPECT_EQ(FindServiceThatUses(images.Path().wstring())->message,
+            "The flash service (process " + std::to_string(g_manager.processId) +
+                ") runs and takes its images from " + ToUtf8(images.Path().wstring()));
+}
+
+TEST_F(ServiceInTheWayTest, UsesNoFolderWhenItDoesNotRun) {
+  const TemporaryFolder images;
+  ConfigureImages(images.Path().wstring());
+  g_manager.state = SERVICE_STOPPED;
+  EXPECT_EQ(FoundFor(images.Path().wstring()), "");
+}
+
+TEST_F(ServiceInTheWayTest, MayUseAnyFolderWhileNobodyKnows) {
+  const TemporaryFolder images;
+  ConfigureImages(images.Path().wstring());
+  g_manager.state = SERVICE_START_PENDING;
+  EXPECT_EQ(FoundFor(images.Path().wstring()), "service_starting");
+  g_manager.state = SERVICE_RUNNING;
+  RemoveConfiguration();
+  EXPECT_EQ(FoundFor(images.Path().wstring()), "service_unknown");
+  g_manager.openError = ERROR_ACCESS_DENIED;
+  EXPECT_EQ(FoundFor(images.Path().wstring()), "service_unknown");
 }
 
 HANDLE WINAPI DenyProcess(DWORD, BOOL, DWORD) {
@@ -554,6 +596,37 @@ TEST_F(BesideTheServiceTest, AServiceInATerminalIsInTheWayWhileItFlashes) {
     service.Kill();
   }
   EXPECT_EQ(RunHost({L"check"}).exitCode, 0);
+}
+
+/// It would take the copies with its next request, or delete them with its next end.
+TEST_F(BesideTheServiceTest, ChosenImagesAreNotCopiedIntoTheFolderOfAServiceThatRuns) {
+  const TemporaryFolder originals;
+  for (const auto& image : {workspace.ModemImage(), workspace.NvmImage()}) {
+    std::filesystem::rename(image, originals.Path() / image.filename());
+  }
+  workspace.SetServiceKey(ToWide(serviceKey.Location().Text()));
+  ChildProcess service(workspace.Service(), {L"run", L"--console"});
+  ASSERT_TRUE(service.Says("Waiting for Fls_Ready"));
+  const RunResult result = RunHost({L"flash", L"--json", L"--images", originals.Path().wstring()});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(ErrorCode(result.output), "service_uses_folder");
+  EXPECT_TRUE(std::filesystem::is_empty(workspace.ImageFolder()));
+}
+
+TEST_F(BesideTheServiceTest, StatusShowsTheStageOfAJobOfTheServices) {
+  workspace.MakeVirtualPc({"speed=1"});
+  workspace.SetServiceKey(ToWide(serviceKey.Location().Text()));
+  ChildProcess service(workspace.Service(), {L"run", L"--console"});
+  ASSERT_TRUE(service.Says("Waiting for Fls_Ready"));
+  AwaitWaiting(workspace);
+  serviceKey.Write(L"Fls_Ready", 1);
+  ChildProcess watcher(workspace.CommandLineHost(), {L"status", L"--watch", L"--service", L"--json"});
+  // It hangs on the PC how early it is seen.
+  EXPECT_TRUE(watcher.Says("\"job\":{\"stage\":\"")) << watcher.Output();
+  EXPECT_TRUE(watcher.Says("\"attempt_times\":{\"since\":\"")) << watcher.Output();
+  EXPECT_THAT(watcher.Output(), HasSubstr("\"attempt\":1,\"most_attempts\":4,"));
+  const RunResult status = RunHost({L"status", L"--service"});
+  EXPECT_THAT(status.output, HasSubstr("attempt 1 of 4 since "));
 }
 
 TEST_F(BesideTheServiceTest, StatusTellsAFlashOfTheServiceFromOneThatWasCutShort) {

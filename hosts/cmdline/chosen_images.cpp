@@ -1,0 +1,227 @@
+#include "hosts/cmdline/chosen_images.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "hosts/common/file_digest.h"
+#include "hosts/common/text.h"
+
+namespace hosts {
+
+namespace {
+
+constexpr const char* kSubject = "chosen images";
+/// Of a copy that is not whole yet. It must not begin as that of images does: the short name that the file
+/// system gives a file has three letters of it, and searches go by short names, too.
+constexpr wchar_t kDraftExtension[] = L".copying";
+
+Finding Refusal(const char* code, std::string message, std::string whatToDo,
+                ExitCode exitCode = ExitCode::NotReady) {
+  return {kSubject, Verdict::Error, std::move(message), std::move(whatToDo), code, exitCode};
+}
+
+Finding NoSuchImage(std::string message, std::string whatToDo) {
+  return Refusal("no_such_image", std::move(message), std::move(whatToDo), ExitCode::NoImages);
+}
+
+bool IsFolder(DWORD attributes) {
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool HasExtensionOfImages(const std::wstring& path) {
+  return IsSameName(std::filesystem::path(path).extension().wstring(), L".fls");
+}
+
+/// The folder's images, or what keeps them from being known.
+std::optional<Finding> TakeFolder(const std::wstring& folder, std::vector<ImageFile>& files) {
+  ImageListing listing = ListImages(folder);
+  if (listing.error != ERROR_SUCCESS) {
+    return Refusal("folder_unreadable",
+                   ToUtf8(folder) + " could not be read to its end: " + SystemErrorText(listing.error),
+                   "Look after the drive and this program's rights, and try again.");
+  }
+  if (listing.images.empty()) {
+    return NoSuchImage("there is no firmware image (*.fls) in " + ToUtf8(folder),
+                       "Name the folder that holds the images.");
+  }
+  files = std::move(listing.images);
+  return std::nullopt;
+}
+
+std::optional<Finding> TakeFile(const std::wstring& path, std::vector<ImageFile>& files) {
+  WIN32_FILE_ATTRIBUTE_DATA facts{};
+  if (!::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &facts)) {
+    return NoSuchImage(ToUtf8(path) + ": " + SystemErrorText(::GetLastError()),
+                       "Name an image that is there, and that this program may read.");
+  }
+  if (IsFolder(facts.dwFileAttributes)) {
+    return NoSuchImage(ToUtf8(path) + " is a folder among other names", "Name one folder alone, or files.");
+  }
+  if (!HasExtensionOfImages(path)) {
+    return NoSuchImage(ToUtf8(path) + " is not called *.fls, and nothing else is taken for an image",
+                       "Name the images themselves.");
+  }
+  files.push_back({path, (std::uint64_t{facts.nFileSizeHigh} << 32) | facts.nFileSizeLow});
+  return std::nullopt;
+}
+
+std::optional<Finding> TakeNames(const std::vector<std::string>& names, std::vector<ImageFile>& files) {
+  if (names.size() == 1 && IsFolder(::GetFileAttributesW(ToWide(names.front()).c_str()))) {
+    return TakeFolder(ToWide(names.front()), files);
+  }
+  for (const std::string& name : names) {
+    if (auto error = TakeFile(ToWide(name), files)) return error;
+  }
+  return std::nullopt;
+}
+
+/// The library takes one of each kind, and knows a file by its name in one folder.
+std::optional<Finding> JudgeChoice(const std::vector<ImageFile>& files) {
+  for (const ImageFile& file : files) {
+    if (file.bytes == 0)
+      return Refusal("image_empty", ToUtf8(file.path) + " is empty", "Copy the image anew.");
+  }
+  for (const bool areModemImages : {true, false}) {
+    const auto isOfKind = [&](const ImageFile& file) { return file.IsModemImage() == areModemImages; };
+    const auto first = std::ranges::find_if(files, isOfKind);
+    if (first == files.end()) continue;
+    const auto second = std::find_if(first + 1, files.end(), isOfKind);
+    if (second == files.end()) continue;
+    return Refusal("several_images",
+                   ToUtf8(first->path) + " and " + ToUtf8(second->path) + " are both " +
+                       (areModemImages ? "modem images (10 MiB or more)" : "NVM images (below 10 MiB)"),
+                   "Choose one of each kind.");
+  }
+  if (files.size() == 2 && IsSameName(files[0].Name(), files[1].Name())) {
+    return Refusal("same_name", "both images are called " + ToUtf8(files[0].Name()),
+                   "Rename one of them: they are copied into one folder.");
+  }
+  return std::nullopt;
+}
+
+std::optional<Finding> ReadImage(const ImageFile& file, const DigestList* expected,
+                                 std::vector<ChosenImage>& images) {
+  const FileDigest digest = DigestOf(file.path);
+  if (digest.error != ERROR_SUCCESS) {
+    return Refusal("image_unreadable", ToUtf8(file.path) + ": " + SystemErrorText(digest.error),
+                   "Close the program that holds the image open, and give this one the right to read it.");
+  }
+  if (expected != nullptr) {
+    if (auto difference = JudgeDigest(kSubject, file.path, digest.sha256, *expected)) return difference;
+  }
+  images.push_back({file, digest.sha256});
+  return std::nullopt;
+}
+
+Finding NotCopied(const std::wstring& image, const std::wstring& copy, DWORD error) {
+  return Refusal("copy_failed",
+                 ToUtf8(image) + " cannot be copied to " + ToUtf8(copy) + ": " + SystemErrorText(error),
+                 "Make room on the drive, and run this program as an administrator.");
+}
+
+bool IsSameFile(const std::wstring& left, const std::wstring& right) {
+  std::error_code failed;
+  return std::filesystem::equivalent(left, right, failed);
+}
+
+/// Whether a file is what an earlier flash of the same image has left, when it was ended by force.
+bool IsCopyThere(const std::wstring& path, const ChosenImage& image) {
+  return DigestOf(path).sha256 == image.sha256;
+}
+
+}  // namespace
+
+ChosenImages LookAtChosenImages(const std::vector<std::string>& names, const std::string& expect) {
+  ChosenImages chosen;
+  std::vector<ImageFile> files;
+  chosen.error = TakeNames(names, files);
+  if (!chosen.error) chosen.error = JudgeChoice(files);
+  std::optional<DigestList> expected;
+  if (!expect.empty()) expected = DigestList::Read(expect);
+  if (!chosen.error && expected && !expected->Problem().empty()) chosen.error = NoDigests(*expected);
+  for (const ImageFile& file : files) {
+    if (chosen.error) break;
+    chosen.error = ReadImage(file, expected ? &*expected : nullptr, chosen.images);
+  }
+  return chosen;
+}
+
+std::optional<Finding> FindOtherImages(const std::vector<ChosenImage>& images, const std::wstring& folder) {
+  std::string others;
+  // A folder that is not there, or cannot be read, is told of by the look before a flash.
+  for (const ImageFile& file : ListImages(folder).images) {
+    const auto chosen = std::ranges::find_if(
+        images, [&](const ChosenImage& image) { return IsSameName(image.file.Name(), file.Name()); });
+    if (chosen != images.end() && IsSameFile(chosen->file.path, file.path)) {
+      return Refusal("folder_holds_images",
+                     ToUtf8(file.path) + " lies in the configured folder already, and a flash deletes it",
+                     "Leave --images out to flash what is there, or choose images of another folder.");
+    }
+    if (chosen != images.end() && IsCopyThere(file.path, *chosen)) continue;
+    others += (others.empty() ? "" : ", ") + ToUtf8(file.Name());
+  }
+  if (others.empty()) return std::nullopt;
+  return Refusal("folder_holds_images",
+                 "the configured folder " + ToUtf8(folder) + " holds other images: " + others,
+                 "Move them away, or leave --images out to flash them.");
+}
+
+ImageCopies::~ImageCopies() {
+  // What was left has been told of by whoever asked for it.
+  for (const std::wstring& path : m_Drafts) ::DeleteFileW(path.c_str());
+  for (const std::wstring& path : m_Copies) ::DeleteFileW(path.c_str());
+}
+
+std::optional<Finding> ImageCopies::MakeDraft(const ChosenImage& image, const std::wstring& draft) {
+  m_Drafts.push_back(draft);
+  if (!::CopyFileW(image.file.path.c_str(), draft.c_str(), FALSE)) {
+    return NotCopied(image.file.path, draft, ::GetLastError());
+  }
+  // An image of a disc may only be read, and so may its copy; but the library has to delete it.
+  ::SetFileAttributesW(draft.c_str(), FILE_ATTRIBUTE_NORMAL);
+  const FileDigest digest = DigestOf(draft);
+  if (digest.error != ERROR_SUCCESS) return NotCopied(image.file.path, draft, digest.error);
+  if (digest.sha256 == image.sha256) return std::nullopt;
+  return Refusal("copy_failed", ToUtf8(draft) + " is not what was read of " + ToUtf8(image.file.path),
+                 "Look after both drives, and try again.");
+}
+
+std::optional<Finding> ImageCopies::Make(const std::vector<ChosenImage>& images, const std::wstring& folder) {
+  std::vector<std::pair<const ChosenImage*, std::wstring>> pending;
+  for (const ChosenImage& image : images) {
+    std::wstring copy = folder + L"\\" + image.file.Name();
+    if (IsCopyThere(copy, image)) {
+      m_Copies.push_back(std::move(copy));
+      continue;
+    }
+    if (auto error = MakeDraft(image, copy + kDraftExtension)) return error;
+    pending.emplace_back(&image, std::move(copy));
+  }
+  for (const auto& [image, copy] : pending) {
+    // Not over an image that somebody else has put there meanwhile.
+    if (!::MoveFileExW((copy + kDraftExtension).c_str(), copy.c_str(), MOVEFILE_WRITE_THROUGH)) {
+      return NotCopied(image->file.path, copy, ::GetLastError());
+    }
+    m_Copies.push_back(copy);
+  }
+  return std::nullopt;
+}
+
+std::vector<std::wstring> ImageCopies::TakeBack() {
+  std::vector<std::wstring> left;
+  for (std::vector<std::wstring>* paths : {&m_Drafts, &m_Copies}) {
+    for (const std::wstring& path : std::exchange(*paths, {})) {
+      const bool isGone = ::DeleteFileW(path.c_str()) || ::GetLastError() == ERROR_FILE_NOT_FOUND ||
+                          ::GetLastError() == ERROR_PATH_NOT_FOUND;
+      if (!isGone) left.push_back(path);
+    }
+  }
+  return left;
+}
+
+}  // namespace hosts

@@ -1,0 +1,69 @@
+#include "hosts/cmdline/completion.h"
+
+namespace hosts {
+
+namespace {
+
+constexpr char kBegin[] =
+    "# Completes verbs and options of corvel_cmdline. In a PowerShell profile:\n"
+    "#   corvel_cmdline completion powershell | Out-String | Invoke-Expression\n"
+    "Register-ArgumentCompleter -Native -CommandName 'corvel_cmdline', 'corvel_cmdline.exe' -ScriptBlock {\n"
+    "  param($word, $command, $cursor)\n"
+    "  $places = @{\n";
+constexpr char kEnd[] =
+    "  }\n"
+    "  $place = $command.CommandElements | Select-Object -Skip 1 | ForEach-Object { \"$_\" } |\n"
+    "    Where-Object { $_ -and $places.ContainsKey($_) } | Select-Object -First 1\n"
+    "  if (-not $place) { $place = '' }\n"
+    "  $places[$place] | Where-Object { $_[0] -like \"$word*\" } | ForEach-Object {\n"
+    "    [System.Management.Automation.CompletionResult]::new($_[0], $_[0], 'ParameterValue', $_[1])\n"
+    "  }\n"
+    "}\n";
+
+/// A text between quotation marks that nothing in it means anything to.
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char letter : text) quoted += letter == '\'' ? std::string("''") : std::string(1, letter);
+  return quoted + "'";
+}
+
+/// A word with its explanation. The comma in front keeps the pair one element of the list.
+std::string Word(const std::string& word, const std::string& what) {
+  return "      ,@(" + Quoted(word) + ", " + Quoted(what) + ")\n";
+}
+
+std::string VerbWords(const CLI::App& program) {
+  std::string words;
+  for (const CLI::App* const verb : program.get_subcommands({})) {
+    words += Word(verb->get_name(), verb->get_description());
+  }
+  return words;
+}
+
+std::string OptionWords(const CLI::App& place) {
+  std::string words;
+  for (const CLI::Option* const option : place.get_options()) {
+    for (const std::string& name : option->get_lnames())
+      words += Word("--" + name, option->get_description());
+  }
+  return words;
+}
+
+std::string Place(const std::string& name, const std::string& words) {
+  return "    " + Quoted(name) + " = @(\n" + words + "    )\n";
+}
+
+}  // namespace
+
+std::string PowerShellCompletion(const CLI::App& program) {
+  const std::string verbs = VerbWords(program);
+  std::string script = kBegin +
+                       Place("", verbs + Word("help", "Tell the options of a verb") + OptionWords(program)) +
+                       Place("help", verbs);
+  for (const CLI::App* const verb : program.get_subcommands({})) {
+    script += Place(verb->get_name(), OptionWords(*verb));
+  }
+  return script + kEnd;
+}
+
+}  // namespace hosts

@@ -1,0 +1,27 @@
+#include "hosts/cmdline/doctor_report.h"
+
+#include "hosts/common/text_layout.h"
+
+namespace hosts {
+
+std::string DoctorText(const DoctorReport& report, std::size_t columns) {
+  std::string text = Wrapped("Written: " + report.archive, columns, "", "  ");
+  for (const auto& [name, bytes] : report.files) {
+    text += Wrapped(name + ", " + std::to_string(bytes) + " bytes", columns, "  ", "    ");
+  }
+  for (const auto& [name, why] : report.leftOut) {
+    text += Wrapped("Left out: " + name + ": " + why + ".", columns, "", "  ");
+  }
+  return text +
+         Wrapped("Look at it before you send it to support: paths in it may name you.", columns, "", "");
+}
+
+nlohmann::ordered_json AsJson(const DoctorReport& report) {
+  auto files = nlohmann::ordered_json::array();
+  for (const auto& [name, bytes] : report.files) files.push_back({{"name", name}, {"bytes", bytes}});
+  auto others = nlohmann::ordered_json::array();
+  for (const auto& [name, why] : report.leftOut) others.push_back({{"name", name}, {"why", why}});
+  return {{"archive", report.archive}, {"files", files}, {"left_out", others}};
+}
+
+}  // namespace hosts

@@ -101,13 +101,22 @@ std::atomic<DWORD> g_requestEventError{ERROR_SUCCESS};
 /// That event has a name of the single test's own here: other tests run beside this one, and a service keeps
 /// it to the end of the process.
 std::wstring g_requestEvent;
+/// The system's own: by its name alone this program would call what the tests have put in its place.
+template <typename Function>
+Function* TheSystems(const char* name) {
+  return reinterpret_cast<Function*>(
+      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), name)));
+}
+const auto g_createEvent = TheSystems<decltype(::CreateEventW)>("CreateEventW");
+const auto g_waitForMultipleObjects =
+    TheSystems<decltype(::WaitForMultipleObjects)>("WaitForMultipleObjects");
 HANDLE WINAPI CreateEventOfOneself(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL state, LPCWSTR name) {
-  if (name == nullptr) return ::CreateEventW(security, manual, state, nullptr);
+  if (name == nullptr) return g_createEvent(security, manual, state, nullptr);
   if (g_requestEventError != ERROR_SUCCESS) {
     ::SetLastError(g_requestEventError);
     return nullptr;
   }
-  return ::CreateEventW(security, manual, state, g_requestEvent.c_str());
+  return g_createEvent(security, manual, state, g_requestEvent.c_str());
 }
 
 /// Requests to keep the PC awake: a handle each, for what it was set.
@@ -390,7 +399,7 @@ std::atomic<std::size_t> g_looks{0};
 /// A wait with a limit is over at once.
 DWORD WINAPI WaitBriefly(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
   ++g_looks;
-  return ::WaitForMultipleObjects(count, handles, all, milliseconds == INFINITE ? INFINITE : 1);
+  return g_waitForMultipleObjects(count, handles, all, milliseconds == INFINITE ? INFINITE : 1);
 }
 
 TEST_F(ServiceBodyTest, LooksAgainByItselfWhileANameIsTaken) {

@@ -393,12 +393,8 @@ TEST_F(ServiceBodyTest, TellsOnceOfANameThatAnotherProgramHasAndOfItsEnd) {
                           static_cast<DWORD>(MSG_NAMES_FREE), static_cast<DWORD>(MSG_SERVICE_STOPPED)));
 }
 
-/// How often the service has gone back to its wait.
-std::atomic<std::size_t> g_looks{0};
-
 /// A wait with a limit is over at once.
 DWORD WINAPI WaitBriefly(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
-  ++g_looks;
   return g_waitForMultipleObjects(count, handles, all, milliseconds == INFINITE ? INFINITE : 1);
 }
 
@@ -497,7 +493,11 @@ TEST_F(ServiceBodyTest, WaitsForAJobWhoseTimeOutIsTheLongestThatThereIs) {
 std::atomic<ULONGLONG> g_awakeTicks{0};
 constexpr ULONGLONG kTicksPerSecond = 10'000'000;
 
+/// Once for each look at the job.
+std::atomic<std::size_t> g_timesAsked{0};
+
 BOOL WINAPI TellAwakeTicks(ULONGLONG* ticks) {
+  ++g_timesAsked;
   *ticks = g_awakeTicks;
   return TRUE;
 }
@@ -523,10 +523,15 @@ class StuckServiceTest : public ServiceBodyTest {
   /// Waits until the service has looked at a job that has stood still for so many seconds more, and told
   /// nothing.
   void StandStillFor(ULONGLONG seconds) const {
+    AwaitLooks();
     g_awakeTicks += seconds * kTicksPerSecond;
-    const std::size_t looks = g_looks;
+    AwaitLooks();
+  }
+  /// Time counts from the first look at the job. One that has begun is over when the next one begins.
+  static void AwaitLooks() {
+    const std::size_t asked = g_timesAsked;
     const auto end = std::chrono::steady_clock::now() + kLongestWait;
-    while (g_looks < looks + 2 && std::chrono::steady_clock::now() < end) ::Sleep(1);
+    while (g_timesAsked < asked + 2 && std::chrono::steady_clock::now() < end) ::Sleep(1);
   }
 
  private:
@@ -557,6 +562,7 @@ TEST_F(StuckServiceTest, EndsItsProcessWithAStatusOfItsOwnWhenAskedTo) {
   BeginJob();
   StartAndLeave(WhenStuck::EndProcess);
   ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
+  AwaitLooks();
   g_awakeTicks += 154 * kTicksPerSecond;
   ASSERT_TRUE(manager.HearsState(SERVICE_STOPPED));
   EXPECT_EQ(manager.Last().dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));

@@ -57,7 +57,8 @@ DigestList DigestList::Read(const std::string& path) {
     if (line.ends_with('\r')) line.pop_back();
     const std::string problem = line.empty() ? "" : list.Take(std::move(line));
     if (problem.empty()) continue;
-    list.m_Problem = path + ", line " + std::to_string(number) + ": " + problem;
+    list.m_Problem = path;
+    list.m_Problem.append(", line ").append(std::to_string(number)).append(": ").append(problem);
     return list;
   }
   if (!file.is_open() || file.bad()) {

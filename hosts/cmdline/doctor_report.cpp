@@ -10,7 +10,9 @@ std::string DoctorText(const DoctorReport& report, std::size_t columns) {
     text += Wrapped(name + ", " + std::to_string(bytes) + " bytes", columns, "  ", "    ");
   }
   for (const auto& [name, why] : report.leftOut) {
-    text += Wrapped("Left out: " + name + ": " + why + ".", columns, "", "  ");
+    std::string line = "Left out: ";
+    line.append(name).append(": ").append(why).append(".");
+    text += Wrapped(line, columns, "", "  ");
   }
   return text +
          Wrapped("Look at it before you send it to support: paths in it may name you.", columns, "", "");

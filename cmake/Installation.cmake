@@ -19,10 +19,12 @@ endif()
 # itself.
 function(split_symbols target)
   set(file $<TARGET_FILE:${target}>)
+  # It writes the present time into what it copies, unless it is told another one: the start of the year 2000.
+  set(objcopy ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=946684800 ${CMAKE_OBJCOPY})
   add_custom_command(TARGET ${target} POST_BUILD
-    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
-    COMMAND ${CMAKE_OBJCOPY} --strip-unneeded ${file}
-    COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=${file}.debug ${file}
+    COMMAND ${objcopy} --only-keep-debug ${file} ${file}.debug
+    COMMAND ${objcopy} --strip-unneeded ${file}
+    COMMAND ${objcopy} --add-gnu-debuglink=${file}.debug ${file}
     VERBATIM)
 endfunction()
 

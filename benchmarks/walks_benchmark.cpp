@@ -63,7 +63,7 @@ std::vector<std::size_t> Sizes(std::vector<std::size_t> sizes) {
   constexpr std::size_t kMostWhenQuick = 100;
   if (TheOptions().quick) {
     for (std::size_t& size : sizes) size = std::min(size, kMostWhenQuick);
-    sizes.erase(std::ranges::unique(sizes).begin(), sizes.end());
+    sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
   }
   return sizes;
 }
@@ -292,7 +292,7 @@ void Advance(corvel::Attempt& attempt, std::size_t items) {
 void AdvanceBare(std::size_t items) {
   int overall = 0;
   for (std::size_t i = 0; i < items; ++i) {
-    const int percent = std::atoi(kWritten);
+    const int percent = static_cast<int>(std::strtol(kWritten, nullptr, 10));
     const int scaled =
         static_cast<int>(std::floor(percent * (100.0 / static_cast<double>(items)) / 100.0 + 0.5));
     overall += scaled;

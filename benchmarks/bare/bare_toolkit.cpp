@@ -34,11 +34,11 @@ HANDLE g_log = nullptr;
     reinterpret_cast<const void*>(&::StrToIntW)};
 
 void WriteRecords(int count) {
-  static const std::string s_record(kRecordBytes, 'r');
+  static const std::string record(kRecordBytes, 'r');
   for (int i = 0; i < count; ++i) {
     ::WaitForSingleObject(g_mutex, INFINITE);
     DWORD written = 0;
-    ::WriteFile(g_log, s_record.data(), kRecordBytes, &written, nullptr);
+    ::WriteFile(g_log, record.data(), kRecordBytes, &written, nullptr);
     DWORD high = 0;
     ::GetFileSize(g_log, &high);
     ::ReleaseMutex(g_mutex);

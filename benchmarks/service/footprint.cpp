@@ -110,8 +110,8 @@ std::filesystem::path FindEntryOfThisProcess() {
 }
 
 const std::filesystem::path& EntryOfThisProcess() {
-  static const std::filesystem::path s_entry = FindEntryOfThisProcess();
-  return s_entry;
+  static const std::filesystem::path entry = FindEntryOfThisProcess();
+  return entry;
 }
 
 /// The sum of the numbers in a list of labels and numbers whose label ends like that.

@@ -31,7 +31,7 @@ std::string WhatIsWrongWith(const JobEnd& end) {
                             ", on-going " + Text(values.onGoing) + ", progress " + Text(values.progress);
   if (!end.ended) return "the service does not wait for the next request: " + state;
   if (!end.Succeeded() && !end.Failed()) return "no documented end: " + state;
-  if (const std::string wrong = end.Succeeded() ? FalseSuccess(end) : ""; !wrong.empty()) return wrong;
+  if (std::string wrong = end.Succeeded() ? FalseSuccess(end) : ""; !wrong.empty()) return wrong;
   if (values.ready != 0u) return "the flag is not taken back: " + state;
   if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
   if (values.timeOut != 153000u) return "\"Time_Out\" is " + Text(values.timeOut);
@@ -41,7 +41,7 @@ std::string WhatIsWrongWith(const JobEnd& end) {
 }
 
 std::string WhatIsWrongWithSound(const JobEnd& end) {
-  if (const std::string finding = WhatIsWrongWith(end); !finding.empty()) return finding;
+  if (std::string finding = WhatIsWrongWith(end); !finding.empty()) return finding;
   return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
 }
 

@@ -204,7 +204,7 @@ class Process {
     m_Service.TakeRecord();
     const JobEnd end = Flash(library);
     m_Record = m_Service.TakeRecord();
-    if (const std::string finding = WhatIsWrongWithCommandLine(end); !finding.empty()) return finding;
+    if (std::string finding = WhatIsWrongWithCommandLine(end); !finding.empty()) return finding;
     return end.Succeeded() ? "" : "it fails";
   }
 

@@ -90,7 +90,8 @@ void CheckCallbacks(std::string_view input) {
   const std::string calls(choices.Rest());
   for (std::size_t from = 0; from < calls.size();) {
     const std::size_t end = std::min(calls.find('\n', from), calls.size());
-    const int status = static_cast<int>(calls[from]);
+    const int byte = static_cast<unsigned char>(calls[from]);
+    const int status = byte < 128 ? byte : byte - 256;  // below zero, too
     std::string text = calls.substr(from + 1, end > from ? end - from - 1 : 0);
     text.resize(std::min(text.find('\0'), text.size()));
     CDownloadToolDll::HandleCallbacks(7, status, Guarded().Text(text));

@@ -71,9 +71,9 @@ TEST_F(DigestListTest, RefusesWhatIsNoLineOfSha256sum) {
                                "SHA256 (modem.fls) = " + kOne,
                                std::string("\xFF\xFE") + "1"};
   for (const std::string& line : lines) {
-    EXPECT_THAT(ProblemOf(kOne + "  nvm.fls\n" + line + "\n"),
-                EndsWith("digests, line 2: no line as sha256sum writes it"))
-        << line;
+    std::string list = kOne + "  nvm.fls\n";
+    list.append(line).append("\n");
+    EXPECT_THAT(ProblemOf(list), EndsWith("digests, line 2: no line as sha256sum writes it")) << line;
   }
 }
 

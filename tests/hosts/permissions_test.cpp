@@ -35,7 +35,7 @@ std::string TextOf(PSECURITY_DESCRIPTOR descriptor) {
   wchar_t* text = nullptr;
   ::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
                                                          DACL_SECURITY_INFORMATION, &text, nullptr);
-  const std::string utf8 = text == nullptr ? "" : ToUtf8(text);
+  std::string utf8 = text == nullptr ? "" : ToUtf8(text);
   ::LocalFree(text);
   return utf8;
 }
@@ -84,7 +84,7 @@ class PermissionsTest : public testing::Test {
   }
 
   std::wstring Folder() const { return workspace.Service().parent_path().wstring(); }
-  static void LetEverybodyWrite(std::wstring path) {
+  static void LetEverybodyWrite(const std::wstring& path) {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;FA;;;WD)", SDDL_REVISION_1, &descriptor,
                                                            nullptr);

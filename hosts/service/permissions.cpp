@@ -16,6 +16,11 @@
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 
+// Not in every set of the system's headers.
+#if !defined(PROTECTED_DACL_SECURITY_INFORMATION)
+#define PROTECTED_DACL_SECURITY_INFORMATION 0x80000000L
+#endif
+
 namespace hosts {
 
 namespace {

@@ -8,6 +8,11 @@
 #include "hosts/common/text.h"
 #include "hosts/service/identity.h"
 
+// Not in every set of the system's headers.
+#if !defined(SERVICE_SID_TYPE_UNRESTRICTED)
+#define SERVICE_SID_TYPE_UNRESTRICTED 0x00000001
+#endif
+
 namespace hosts {
 
 namespace {

@@ -1,5 +1,6 @@
 #include "fault/campaign_service.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -331,10 +332,14 @@ JobEnd Service::Look(bool ended) {
   return end;
 }
 
-bool TakeWords(const char* program, std::span<char* const> words, const SwitchTaker& takeSwitch,
+bool TakeWords(const char* program, std::span<char* const> words, std::span<const Switch> switches,
                const ValueTaker& takeValue) {
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (takeSwitch(words[i])) continue;
+    const auto found = std::ranges::find(switches, std::string_view(words[i]), &Switch::word);
+    if (found != switches.end()) {
+      *found->chosen = true;
+      continue;
+    }
     if (i + 1 == words.size() || !takeValue(words[i], words[i + 1])) {
       std::fprintf(stderr, "%s: what is \"%s\"?\n", program, words[i]);
       return false;

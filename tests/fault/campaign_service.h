@@ -130,11 +130,15 @@ class Service {
   unsigned m_WaitsBefore = 0;
 };
 
-/// What becomes of a word that stands alone, and of one with its value. @return false when it means nothing.
-using SwitchTaker = std::function<bool(std::string_view word)>;
+/// A word that stands alone, and what is set by it.
+struct Switch {
+  std::string_view word;
+  bool* chosen;
+};
+/// What becomes of a word and its value. @return false when they mean nothing.
 using ValueTaker = std::function<bool(std::string_view word, std::string_view value)>;
 /// Takes a campaign's command line. @return false, told on standard error, when a word means nothing.
-bool TakeWords(const char* program, std::span<char* const> words, const SwitchTaker& takeSwitch,
+bool TakeWords(const char* program, std::span<char* const> words, std::span<const Switch> switches,
                const ValueTaker& takeValue);
 
 /// Ends this process with its service, which would go on otherwise.

@@ -450,22 +450,17 @@ bool TakeValue(std::string_view word, std::string_view value) {
   return route.has_value();
 }
 
-bool TakeSwitch(std::string_view word) {
-  bool* const chosen = word == "--log"        ? &g_options.log
-                       : word == "--large"    ? &g_options.large
-                       : word == "--list"     ? &g_options.list
-                       : word == "--not-held" ? &g_options.notHeld
-                       : word == "--in-place" ? &g_options.inPlace
-                                              : nullptr;
-  if (chosen != nullptr) *chosen = true;
-  return chosen != nullptr;
-}
+constexpr campaign::Switch kSwitches[] = {{"--log", &g_options.log},
+                                          {"--large", &g_options.large},
+                                          {"--list", &g_options.list},
+                                          {"--not-held", &g_options.notHeld},
+                                          {"--in-place", &g_options.inPlace}};
 
 }  // namespace
 
 int main(int count, char** words) try {
   g_words = std::span(words, static_cast<std::size_t>(count)).subspan(1);
-  if (!campaign::TakeWords("fault_campaign", g_words, &TakeSwitch, &TakeValue)) return 2;
+  if (!campaign::TakeWords("fault_campaign", g_words, kSwitches, &TakeValue)) return 2;
   if (g_options.notHeld) return PrintNotHeld();
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.

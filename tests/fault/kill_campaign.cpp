@@ -304,23 +304,18 @@ int RunKills() {
   return summary.findings == 0 && isWhole ? 0 : 1;
 }
 
-bool TakeSwitch(std::string_view word) {
-  bool* const chosen = word == "--in-place"          ? &g_options.inPlace
-                       : word == "--large"           ? &g_options.large
-                       : word == "--at-start"        ? &g_options.atStart
-                       : word == "--kill-start"      ? &g_options.killStart
-                       : word == "--before-deletion" ? &g_options.beforeDeletion
-                       : word == "--in-item"         ? &g_options.inItem
-                                                     : nullptr;
-  if (chosen != nullptr) *chosen = true;
-  return chosen != nullptr;
-}
+constexpr campaign::Switch kSwitches[] = {{"--in-place", &g_options.inPlace},
+                                          {"--large", &g_options.large},
+                                          {"--at-start", &g_options.atStart},
+                                          {"--kill-start", &g_options.killStart},
+                                          {"--before-deletion", &g_options.beforeDeletion},
+                                          {"--in-item", &g_options.inItem}};
 
 }  // namespace
 
 int main(int count, char** words) try {
   if (!campaign::TakeWords("kill_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
-                           &TakeSwitch, &TakeValue))
+                           kSwitches, &TakeValue))
     return 2;
   if (!g_options.inPlace) return RunKills();
   // Never destroyed: the service goes on until the process ends.

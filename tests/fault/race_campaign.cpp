@@ -727,19 +727,14 @@ bool TakeValue(std::string_view word, std::string_view value) {
   return route.has_value();
 }
 
-bool TakeSwitch(std::string_view word) {
-  bool* const chosen = word == "--in-place"    ? &g_options.inPlace
-                       : word == "--two-hosts" ? &g_options.twoHosts
-                                               : nullptr;
-  if (chosen != nullptr) *chosen = true;
-  return chosen != nullptr;
-}
+constexpr campaign::Switch kSwitches[] = {{"--in-place", &g_options.inPlace},
+                                          {"--two-hosts", &g_options.twoHosts}};
 
 }  // namespace
 
 int main(int count, char** words) try {
   if (!campaign::TakeWords("race_campaign", std::span(words, static_cast<std::size_t>(count)).subspan(1),
-                           &TakeSwitch, &TakeValue))
+                           kSwitches, &TakeValue))
     return 2;
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.

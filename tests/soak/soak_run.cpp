@@ -525,11 +525,7 @@ bool TakeValue(std::string_view word, std::string_view value) {
   return true;
 }
 
-bool TakeSwitch(std::string_view word) {
-  if (word != "--in-place") return false;
-  g_options.inPlace = true;
-  return true;
-}
+constexpr campaign::Switch kSwitches[] = {{"--in-place", &g_options.inPlace}};
 
 int RunInFolder() {
   const WorkFolder folder;
@@ -553,7 +549,7 @@ int RunInFolder() {
 
 int main(int count, char** words) try {
   if (!campaign::TakeWords("corvel_cmdline_soak",
-                           std::span(words, static_cast<std::size_t>(count)).subspan(1), &TakeSwitch,
+                           std::span(words, static_cast<std::size_t>(count)).subspan(1), kSwitches,
                            &TakeValue))
     return 2;
   return g_options.inPlace ? Soak().Run() : RunInFolder();

@@ -23,13 +23,9 @@ using Way = CallFault::Way;
 /// Longer than a boot may take, and longer than an attempt.
 constexpr std::chrono::seconds kDelays[] = {12s, 140s};
 
-/// The configuration is read byte by byte: not each of them needs a process.
+/// Not each call of a function that is called again and again needs a process.
 constexpr int kMostCallsAtStart = 30;
 
-constexpr char kNoSupervisor[] =
-    "the contract has the entry routine report success whatever happens, so a library whose first thread was "
-    "refused stays in its host: the log tells of it, the controlling program sees no answer within 10 s, as "
-    "docs/controller.md says, and the service has to be restarted";
 constexpr char kBelieved[] =
     "a library that tells of an item as written is believed: nobody else can look into the modem's memory";
 constexpr char kFalseSuccess[] = "success is reported, but the memory is not equal";
@@ -270,9 +266,6 @@ const std::vector<NotHeld>& EverythingNotHeld() {
       {nullptr, std::nullopt, std::nullopt, kResultForgotten, false,
        "a service that begins tells that it is there by its initial values, \"Flash_Result\" 0 among them: a "
        "controlling program that has not read the 3 or 4 by then asks again, as docs/controller.md says"},
-      {"CreateThread", std::nullopt, Way::Refused, kNobodyKnows, true, kNoSupervisor},
-      {"GetModuleHandleExW", std::nullopt, Way::Refused, kNobodyKnows, true, kNoSupervisor},
-      {"malloc", std::nullopt, Way::Refused, kNobodyKnows, true, kNoSupervisor},
       {"CreateEventW", std::nullopt, Way::NeverReturns, kNextJobWhileHeld, false,
        "the events of the Mobile Broadband sink are made under its lock: the call touches the process's own "
        "handles only"},

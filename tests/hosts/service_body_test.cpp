@@ -444,6 +444,8 @@ TEST_F(ServiceBodyTest, TellsOnceOfEachJobThatThePcMayFallAsleep) {
   g_power.error = ERROR_NOT_SUPPORTED;
   BeginJob();
   Start();
+  // Of its start and of the refusal: a job that is over before the service has looked keeps no PC awake.
+  ASSERT_TRUE(HasTold(2));
   key.Write(L"Flash_Progress", 10);
   key.Write(L"Flash_Progress", 20);
   EndJob();

@@ -111,6 +111,22 @@ TEST_CASE("Records of the debug log") {
   }
 }
 
+/// A text that is not the whole message takes another way than the one above.
+TEST_CASE("A long record that is printed") {
+  const ScratchFolder folder;
+  const std::string message(65536, 'm');
+  const LibraryLog library(folder);
+  const std::string record = ComposeRecord("text: %s", message.c_str());
+  const BareLog bare(folder);
+  Compare(
+      {"log: record, 64 KB behind a word", "lock, one write, size, unlock"},
+      [&] {
+        ToolKit::OutputDebug(kTrace, corvel::kLogComponent, kFunction, kFile, kLine, "text: %s",
+                             message.c_str());
+      },
+      [&] { bare.Write(record); });
+}
+
 TEST_CASE("Records of several threads") {
   const ScratchFolder folder;
   const std::string message(64, 'm');

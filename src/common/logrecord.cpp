@@ -63,9 +63,19 @@ std::string FileNameOf(const char* path) {
   return Print("%s%s", name.c_str(), extension.c_str());
 }
 
+/// A text that is the whole message, as the longest are, goes past printf, which looks for its end thrice.
+bool IsTextAlone(const char* format) {
+  return format != nullptr && std::strcmp(format, "%s") == 0;
+}
+
+void AppendText(std::string& record, const char* text) {
+  record += text == nullptr ? "(null)" : text;
+}
+
 /// What cannot be printed is named by its format: a lost message would hide where things went wrong. One with
 /// a NUL in it ends there; only a single character can be one, and messages may be long.
 void AppendMessage(std::string& record, const char* format, std::va_list arguments) {
+  if (IsTextAlone(format)) return AppendText(record, va_arg(arguments, const char*));
   const std::size_t begin = record.size();
   if (!AppendPrinted(record, format, arguments)) {
     record += "<not printable> ";

@@ -145,6 +145,8 @@ TEST_F(DebugLoggerTest, WritesAMessageOfMoreThanTenThousandCharactersWhole) {
   const std::string message(10001, 'm');
   RECORD("%s", message.c_str());
   EXPECT_THAT(log.Text(), EndsWith("\t" + message + "##\r\n"));
+  RECORD("%s of %d", message.c_str(), 1);
+  EXPECT_THAT(log.Text(), EndsWith("\t" + message + " of 1##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, WritesFieldsOfMoreThanTenThousandCharactersWhole) {
@@ -176,6 +178,14 @@ TEST_F(DebugLoggerTest, NamesTheFormatOfAMessageThatTheRuntimeRefusesToPrint) {
 TEST_F(DebugLoggerTest, SurvivesMissingTexts) {
   ToolKit::OutputDebug(3, nullptr, nullptr, nullptr, 1, nullptr);
   EXPECT_EQ(Records(log.Text()).size(), 1u);
+}
+
+TEST_F(DebugLoggerTest, WritesAMissingTextInAMessageAsNull) {
+  const char* const missing = nullptr;
+  LogUnchecked("%s", missing);
+  EXPECT_THAT(log.Text(), EndsWith("\t(null)##\r\n"));
+  LogUnchecked("text %s", missing);
+  EXPECT_THAT(log.Text(), EndsWith("\ttext (null)##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, WritesAnEmptyMessage) {

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -28,5 +29,14 @@ class ScratchFolder {
  private:
   std::filesystem::path m_Path;
 };
+
+/// By how much a file grows while something is done.
+template <typename Work>
+std::uintmax_t Growth(const std::filesystem::path& file, const Work& work) {
+  std::error_code absent;
+  const std::uintmax_t before = std::filesystem::file_size(file, absent);
+  work();
+  return std::filesystem::file_size(file) - (absent ? 0 : before);
+}
 
 }  // namespace benchmarks

@@ -19,7 +19,7 @@ namespace {
 constexpr int kRecordsWhileLoading = 14;
 constexpr int kRecordsOfSupervisor = 19;
 constexpr DWORD kRecordBytes = 135;
-constexpr int kRecordsWithoutFile = 2;
+constexpr int kRecordsWithoutFile = 4;
 
 constexpr wchar_t kKeyMark[] = L"HKCU\\";
 
@@ -50,6 +50,10 @@ void LoseRecords() {
   for (int i = 0; i < kRecordsWithoutFile; ++i) {
     ::WaitForSingleObject(g_mutex, INFINITE);
     ::CreateFileA("", GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    // The real one keeps the text of the failure for a debugger.
+    char text[256];
+    ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, ::GetLastError(), 0,
+                     text, sizeof text, nullptr);
     ::ReleaseMutex(g_mutex);
   }
 }

@@ -49,9 +49,10 @@ simulator::VirtualPcOptions InstantPc(const std::filesystem::path& folder, Route
   return pc;
 }
 
-simulator::Setup SetupFor(Route route) {
+simulator::Setup SetupFor(Route route, bool logs) {
   simulator::Setup setup;
   setup.route = route;
+  setup.logs = logs;
   return setup;
 }
 
@@ -70,11 +71,11 @@ std::wstring OwnKey(const wchar_t* suffix) {
   return L"Software\\Corvel\\Benchmark\\" + std::to_wstring(::GetCurrentProcessId()) + suffix;
 }
 
-InstantService::InstantService(const std::filesystem::path& folder, Route route)
+InstantService::InstantService(const std::filesystem::path& folder, Route route, bool logs)
     : m_Folder(folder),
       m_Route(route),
       m_Key(OwnKey(), false),
-      m_Configuration(folder, SetupFor(route), m_Key.Location(), folder / L"firmware"),
+      m_Configuration(folder, SetupFor(route, logs), m_Key.Location(), folder / L"firmware"),
       m_Pc(InstantPc(folder, route)) {
   if (m_Pc.LoadUnderSimulation(folder / hosts::kLibraryName) == nullptr)
     hosts::ThrowLastError("The library cannot be loaded");

@@ -18,7 +18,8 @@ namespace benchmarks {
 class InstantService {
  public:
   /// @param folder the one that program and libraries lie in.
-  InstantService(const std::filesystem::path& folder, simulator::Route route);
+  /// @param logs   whether the library writes its log.
+  InstantService(const std::filesystem::path& folder, simulator::Route route, bool logs);
 
   /// Nanoseconds from the raised flag on: to the start of the attempt's thread, and to the result.
   struct Times {

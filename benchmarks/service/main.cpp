@@ -40,7 +40,7 @@ void Tell(double subject, double floor) {
 }
 
 void MeasureJobs(Route route, int rounds) {
-  InstantService service(Folder(), route);
+  InstantService service(Folder(), route, true);
   for (int round = 0; round < rounds; ++round) {
     const Ticks begin = Now();
     InstantService::WaitAsTheProcedure(route);
@@ -50,7 +50,8 @@ void MeasureJobs(Route route, int rounds) {
 }
 
 void MeasureReaction(int rounds) {
-  InstantService service(Folder(), Route::FlashPort);
+  // Without a log: its records have rows of their own.
+  InstantService service(Folder(), Route::FlashPort, false);
   const simulator::FirmwareFolder images(Folder() / L"images", simulator::ImageSet::ModemAndNvm,
                                          simulator::ImageHolder::Nobody);
   BareReaction bare(OwnKey(L"-bare"), images.Folder(), Folder() / hosts::kFlashingLibraryName);

@@ -22,18 +22,16 @@ std::string SingleBytes(const std::wstring& text) {
   return bytes;
 }
 
-std::string Sound(const std::string& location, const std::string& folder, Route route) {
-  return "Simulated modem\r\n"
-         "[TraceLevel]=1\r\n"
-         "[RegistryLocation]=" +
-         location +
+std::string Sound(const std::string& location, const std::string& folder, const Setup& setup) {
+  return std::string("Simulated modem\r\n") + (setup.logs ? "[TraceLevel]=1\r\n" : "[TraceLevel]=0\r\n") +
+         "[RegistryLocation]=" + location +
          "\r\n"
          "[ModemAndNVMFirmwareFolder]=" +
          folder +
          "\r\n"
          "[IPCTYPE]=USB\r\n"
          "[REBOOTTYPE]=" +
-         (route == Route::At ? "1" : "0") +
+         (setup.route == Route::At ? "1" : "0") +
          "\r\n"
          "[ERASEMODE]=2\r\n";
 }
@@ -70,7 +68,7 @@ std::string TextOf(const Setup& setup, const std::string& location, const std::s
     case Configuration::OddLines:
       return Odd(location, folder);
     default:
-      return Sound(location, folder, setup.route);
+      return Sound(location, folder, setup);
   }
 }
 

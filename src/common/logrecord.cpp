@@ -69,7 +69,9 @@ bool IsTextAlone(const char* format) {
 }
 
 void AppendText(std::string& record, const char* text) {
-  record += text == nullptr ? "(null)" : text;
+  const std::string_view message = text == nullptr ? "(null)" : text;
+  record.reserve(record.size() + message.size() + kEnd.size());
+  record += message;
 }
 
 /// What cannot be printed is named by its format: a lost message would hide where things went wrong. One with

@@ -63,6 +63,8 @@ struct Setup {
   ImageSet images = ImageSet::ModemAndNvm;
   ImageHolder holder = ImageHolder::Nobody;
   Configuration configuration = Configuration::Sound;
+  /// Whether a sound configuration has the library write its log.
+  bool logs = true;
   /// What is wrong with the PC and the modem; null: nothing.
   void (*faults)(VirtualPcOptions& pc) = nullptr;
 };

@@ -120,4 +120,10 @@ void __cxa_free_dependent_exception(void* exception) noexcept {
 
 }  // extern "C"
 
+// The runtime's own prints the name of what nobody caught, and brings everything along that makes names
+// readable: a tenth of the library, which has its own handler from its first thread on.
+void __gnu_cxx::__verbose_terminate_handler() {
+  std::abort();
+}
+
 #endif

@@ -208,7 +208,8 @@ class Kills {
       for (std::size_t call = 1 + std::max(g_options.from, g_options.seed % g_options.step);;
            call += g_options.step) {
         status = g_options.atStart ? KillTwice(call, summary) : KillAt(call, summary);
-        if (status == 0) break;  // there are not so many
+        // There are not so many, or no host begins any more.
+        if (status != kKilled) break;
       }
     }
     Step(0, "at the end", summary);

@@ -15,6 +15,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -303,10 +304,17 @@ class Processes {
     return number % g_options.step == g_options.seed % g_options.step;
   }
 
+  /// Only then may a process end so.
+  static bool IsLackOfMemory(const FaultCase& fault) {
+    return std::ranges::any_of(fault.faults, [](const SingleFault& single) {
+      return single.function.find("lloc") != std::string::npos;
+    });
+  }
+
   void RunCase(std::size_t number, const FaultCase& fault) {
     ++m_Run;
     const unsigned long status = Start(L"fault", number);
-    if (status == kLackOfMemory) {
+    if (status == kLackOfMemory && IsLackOfMemory(fault)) {
       ++m_Reached;
       ++m_ServedNobody;
     } else if (status < kDone || status >= 2 * kDone) {

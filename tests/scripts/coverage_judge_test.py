@@ -12,7 +12,7 @@ import tempfile
 import unittest
 
 CHECKOUT = pathlib.Path(sys.argv.pop(1))
-SOURCE = "int main() {\n  run();\n  fail();\n}\n"
+SOURCE = "int main() {\n  run();\n  fail();\n  again();\n  fail();\n}\n"
 
 
 def line(number, count, branches=(), noncode=False):
@@ -54,9 +54,16 @@ class Judge(unittest.TestCase):
     def test_an_entry_without_a_reason_is_refused(self):
         self.assertEqual(self.judge([line(3, 0)], "source.cpp :: fail(); ::  \n")[0], 1)
 
-    def test_an_entry_of_a_line_that_runs_is_told(self):
-        self.assertIn("listed, but it runs: source.cpp :: run();",
-                      self.judge([line(2, 1)], "source.cpp :: run(); :: it cannot\n")[1])
+    def test_an_entry_of_a_line_that_runs_is_refused(self):
+        status, said = self.judge([line(2, 1)], "source.cpp :: run(); :: it cannot\n")
+        self.assertEqual(status, 1)
+        self.assertIn("LISTED, BUT IT RUNS source.cpp :: run();", said)
+
+    def test_an_entry_stands_for_one_line(self):
+        entry = "source.cpp :: fail(); :: nothing fails\n"
+        twice = [line(3, 0), line(5, 0)]
+        self.assertEqual(self.judge(twice, entry)[0], 1)
+        self.assertEqual(self.judge(twice, 2 * entry)[0], 0)
 
     def test_copies_of_a_line_count_once(self):
         status, said = self.judge([line(2, 0), line(2, 1)], "")

@@ -24,7 +24,7 @@ constexpr int kSingles = 2000;
 constexpr int kQuickSingles = 100;
 /// What takes long is measured less often: a row may last about that long.
 constexpr double kLongestRow = 20 * kSecond;
-constexpr int kFewestRounds = 7;
+constexpr int kFewestRounds = 3;
 
 // What nobody reads is written all the same: the compiler has to make it.
 [[maybe_unused]] const void* volatile g_lastUsed = nullptr;

@@ -19,8 +19,6 @@ namespace {
 
 constexpr DWORD kProbeCode = 0x220014;
 constexpr DWORD kResetCode = 0x220020;
-/// How long the driver takes to complete what it completes.
-constexpr DWORD kAnswerTime = 100;
 
 /// One open instance of the driver. The product holds the client end of an overlapped pipe; a request is a
 /// read on it that stays pending until the server end says something.
@@ -76,7 +74,8 @@ HANDLE OpenPipe(Machine& machine, bool isRight) {
 }
 
 void CompleteLater(Machine& machine, std::shared_ptr<DriverInstance> instance) {
-  const std::chrono::milliseconds delay(machine.clock.RealWait(kAnswerTime));
+  const auto answer = static_cast<DWORD>(machine.options.timing.driverAnswer.count());
+  const std::chrono::milliseconds delay(machine.clock.RealWait(answer));
   machine.scheduler.After(delay, [instance = std::move(instance)] { instance->Complete(); });
 }
 

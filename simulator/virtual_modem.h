@@ -40,6 +40,7 @@ struct ModemTiming {
   /// starts normally. A modem that was told to go into flash mode stays there.
   Milliseconds bootLoaderWindow{10000};
   std::uint32_t bytesPerSecond = 1'000'000;
+  Milliseconds driverAnswer{100};  ///< what the driver takes to complete what it completes
 };
 
 enum class JournalEvent {

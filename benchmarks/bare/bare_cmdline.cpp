@@ -4,8 +4,10 @@
 #include <windows.h>
 
 #include <cfgmgr32.h>
+#include <oleauto.h>
 #include <share.h>
 #include <shellapi.h>
+#include <shlwapi.h>
 
 #include <cstdio>
 #include <cstring>
@@ -20,6 +22,11 @@ namespace {
 
 constexpr wchar_t kKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
 
+/// The libraries that the real one needs, by its own library too, are mapped for this one as well.
+[[maybe_unused]] const void* volatile g_neighbours[] = {
+    reinterpret_cast<const void*>(&::CM_Get_Device_ID_ListW), reinterpret_cast<const void*>(&::SysFreeString),
+    reinterpret_cast<const void*>(&::StrToIntW)};
+
 std::wstring Folder() {
   wchar_t path[MAX_PATH];
   ::GetModuleFileNameW(nullptr, path, MAX_PATH);
@@ -29,6 +36,37 @@ std::wstring Folder() {
 void LookForMutex(const wchar_t* name) {
   const HANDLE mutex = ::OpenMutexW(SYNCHRONIZE, FALSE, name);
   if (mutex != nullptr) ::CloseHandle(mutex);
+}
+
+/// The event of the requests, and the semaphore of the search for the port as anything else.
+void LookForTakenNames() {
+  const auto close = [](HANDLE opened) {
+    if (opened != nullptr) ::CloseHandle(opened);
+  };
+  close(::OpenEventW(EVENT_ALL_ACCESS, FALSE, L"RegistryNotify"));
+  close(::OpenEventW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
+  close(::OpenMutexW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
+  close(::OpenWaitableTimerW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
+  close(::OpenFileMappingW(FILE_MAP_READ, FALSE, L"CFirmwareDownloader"));
+  close(::OpenJobObjectW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
+}
+
+void LookAtPower() {
+  SYSTEM_POWER_STATUS power{};
+  ::GetSystemPowerStatus(&power);
+}
+
+void LookAtLog() {
+  wchar_t path[MAX_PATH];
+  ::GetShortPathNameW(Folder().c_str(), path, MAX_PATH);
+}
+
+/// As the follower of a job does, whether there is one or not.
+void ReadLog() {
+  const HANDLE log = ::CreateFileW((Folder() + hosts::kCommandLineLogName).c_str(), GENERIC_READ,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (log != INVALID_HANDLE_VALUE) ::CloseHandle(log);
 }
 
 void LookForService() {
@@ -123,11 +161,15 @@ void Check() {
   LookAtFlashingLibrary();
   LookAtRegistry();
   LookForModem();
+  LookAtPower();
+  LookAtLog();
+  LookForTakenNames();
   PrintLines(10);
 }
 
 void ShowStatus() {
-  LookForService();
+  // Whether it is starting, and who writes.
+  for (int look = 0; look < 2; ++look) LookForService();
   const std::wstring images = ReadConfiguration();
   for (int key = 0; key < 2; ++key) LookForMutex(L"Global\\corvel_service for a key");
   ReadHandshake();
@@ -135,12 +177,15 @@ void ShowStatus() {
   ::GetFileAttributesW(images.c_str());
   ::GetFileAttributesW(images.c_str());
   WalkImages(images);
+  LookForTakenNames();
+  ReadLog();
   PrintLines(12);
 }
 
 }  // namespace
 
 int main() {
+  ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
   const UINT former = ::GetConsoleOutputCP();
   ::SetConsoleOutputCP(CP_UTF8);
   int count = 0;

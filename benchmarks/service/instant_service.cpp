@@ -45,6 +45,7 @@ simulator::VirtualPcOptions InstantPc(const std::filesystem::path& folder, Route
   pc.folder = folder;
   pc.initialState = StateBefore(route);
   pc.timing.leaving = pc.timing.restarting = pc.timing.openPort = pc.timing.boot = pc.timing.returning = 0ms;
+  pc.timing.driverAnswer = 0ms;
   pc.timing.bytesPerSecond = std::numeric_limits<std::uint32_t>::max();
   return pc;
 }

@@ -70,8 +70,11 @@ int wmain(int count, wchar_t** words) {
     return 2;
   }
   ::SetConsoleCtrlHandler(Interrupt, TRUE);
-  const corvel::FlashOutcome outcome = corvel::Flash(
-      *key, {.limit = std::chrono::seconds(seconds), .onProgress = Show, .cancellation = g_interruption});
+  corvel::FlashRequest request;
+  request.limit = std::chrono::seconds(seconds);
+  request.onProgress = Show;
+  request.cancellation = g_interruption;
+  const corvel::FlashOutcome outcome = corvel::Flash(*key, request);
   const Text text = TextOf(outcome.ending);
   std::fprintf(text.status < 2 ? stdout : stderr, "%s\n", text.words);
   return text.status;

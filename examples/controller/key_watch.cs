@@ -8,7 +8,7 @@ using Microsoft.Win32.SafeHandles;
 
 /// Arm first, then look, then wait. For one thread, which has to live while it waits.
 public sealed class KeyWatch : IDisposable {
-    const int LastSet = 4;  // REG_NOTIFY_CHANGE_LAST_SET
+    const int NameAndLastSet = 1 | 4;  // REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET
     readonly RegistryKey key;
     readonly AutoResetEvent changed = new AutoResetEvent(false);
 
@@ -16,7 +16,7 @@ public sealed class KeyWatch : IDisposable {
     public void Dispose() { changed.Dispose(); }
 
     public void Arm() {
-        int error = RegNotifyChangeKeyValue(key.Handle, false, LastSet, changed.SafeWaitHandle, true);
+        int error = RegNotifyChangeKeyValue(key.Handle, true, NameAndLastSet, changed.SafeWaitHandle, true);
         if (error != 0) throw new Win32Exception(error);
     }
 
@@ -24,6 +24,15 @@ public sealed class KeyWatch : IDisposable {
         return changed.WaitOne((int)Math.Max(0, Math.Min(milliseconds, int.MaxValue)));
     }
 
+    /// Milliseconds that the PC was awake: a service cannot answer while it sleeps.
+    public static long AwakeMs() {
+        long hundredNanoseconds;
+        QueryUnbiasedInterruptTime(out hundredNanoseconds);
+        return hundredNanoseconds / 10000;
+    }
+
     [DllImport("advapi32.dll")]
     static extern int RegNotifyChangeKeyValue(SafeRegistryHandle key, bool subtree, int filter, SafeWaitHandle changed, bool asynchronous);
+    [DllImport("kernel32.dll")]
+    static extern bool QueryUnbiasedInterruptTime(out long hundredNanoseconds);
 }

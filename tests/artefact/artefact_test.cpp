@@ -157,6 +157,14 @@ INSTANTIATE_TEST_SUITE_P(EachOf, ShippedFile,
                            return std::filesystem::path(tested.param).stem().string();
                          });
 
+/// It is what an integrator begins with: the header that it includes asks for no library of this project's.
+TEST(ControllingProgram, NeedsNothingButTheRegistry) {
+  const std::array expected = {"advapi32.dll", "kernel32.dll", "msvcrt.dll"};
+  const auto libraries = PeFile(FolderOfThisProgram() / "controller_example.exe").ImportedLibraries();
+  EXPECT_FALSE(libraries.empty());
+  for (const std::string& library : libraries) EXPECT_THAT(expected, testing::Contains(Lower(library)));
+}
+
 class ShippedProgram : public ShippedFile {};
 
 TEST_P(ShippedProgram, AsksForNoMoreRightsThanItsCaller) {

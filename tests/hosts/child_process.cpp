@@ -1,5 +1,6 @@
 #include "tests/hosts/child_process.h"
 
+#include <algorithm>
 #include <array>
 #include <stdexcept>
 
@@ -90,11 +91,19 @@ std::optional<int> ChildProcess::WaitForEnd(std::chrono::milliseconds limit) {
   return static_cast<int>(status);
 }
 
-bool ChildProcess::Says(const std::string& text, std::chrono::milliseconds limit) {
+bool ChildProcess::Await(const std::function<bool()>& isSo, std::chrono::milliseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  const auto says = [&] { return (Output() + Errors()).find(text) != std::string::npos; };
-  while (!says() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(kLookPeriod);
-  return says();
+  while (!isSo() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(kLookPeriod);
+  return isSo();
+}
+
+bool ChildProcess::Says(const std::string& text, std::chrono::milliseconds limit) {
+  return Await([&] { return (Output() + Errors()).find(text) != std::string::npos; }, limit);
+}
+
+bool ChildProcess::SaysLines(std::size_t count, std::chrono::milliseconds limit) {
+  const auto lines = [this] { return static_cast<std::size_t>(std::ranges::count(Output(), '\n')); };
+  return Await([&] { return lines() >= count; }, limit);
 }
 
 void ChildProcess::Kill() const {

@@ -3,7 +3,9 @@
 #include <windows.h>
 
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +30,8 @@ class ChildProcess {
   std::optional<int> WaitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(60));
   /// Waits until the program has written the text on standard output or standard error.
   bool Says(const std::string& text, std::chrono::milliseconds limit = std::chrono::seconds(60));
+  /// Waits until it has written so many whole lines on standard output.
+  bool SaysLines(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60));
   /// Ends it as a crash would, and waits until it is gone.
   void Kill() const;
   /// Ctrl+C, for this program alone.
@@ -37,6 +41,8 @@ class ChildProcess {
   std::string Errors() { return m_Errors.Text(); }
 
  private:
+  static bool Await(const std::function<bool()>& isSo, std::chrono::milliseconds limit);
+
   /// What comes through one pipe, collected by a thread.
   class Collector {
    public:

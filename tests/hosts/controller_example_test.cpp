@@ -6,9 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
-#include <memory>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hosts/common/text.h"
@@ -23,30 +27,68 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kNotFlashed = 1;
 constexpr int kWrongUsage = 2;
-constexpr int kNoEnd = 3;
-constexpr std::chrono::seconds kTimeToTake{10};
+constexpr int kUsualSeconds = 600;
 /// What a busy PC may add, and what is still far from the controlling program's own limit.
 constexpr std::chrono::seconds kLongestExtra{40};
 
-class ControllerExampleTest : public testing::Test {
+using Words = std::vector<std::string>;
+
+/// What every controlling program does, in whatever language it is written.
+nlohmann::json Cases() {
+  return nlohmann::json::parse(std::ifstream(TEST_DATA "/controller_cases.json"));
+}
+
+/// One of them. Values are written as "Name=1".
+struct ControllerCase {
+  explicit ControllerCase(const nlohmann::json& document)
+      : name(document.at("name").get<std::string>()),
+        leftBehind(document.value("left_behind", Words())),
+        seconds(document.value("seconds", kUsualSeconds)),
+        steps(document.at("steps").get<Words>()),
+        exitCode(document.at("exit").get<int>()),
+        says(document.at("says").get<Words>()),
+        flag(document.at("flag").get<std::uint32_t>()),
+        lasts(document.value("ms", 0)) {}
+
+  std::string name;
+  Words leftBehind;
+  int seconds;
+  Words steps;  ///< of the service, one after each look of the controlling program
+  int exitCode;
+  Words says;
+  std::uint32_t flag;               ///< that it leaves
+  std::chrono::milliseconds lasts;  ///< the wait for the end, at least
+};
+
+void PrintTo(const ControllerCase& each, std::ostream* out) {
+  *out << each.name;
+}
+
+std::vector<ControllerCase> AllCases() {
+  std::vector<ControllerCase> cases;
+  const nlohmann::json document = Cases();
+  for (const nlohmann::json& each : document.at("cases")) cases.emplace_back(each);
+  return cases;
+}
+
+std::filesystem::path Program() {
+  return ProgramFolder() + L"controller_example.exe";
+}
+
+class ControllerExampleTest : public testing::TestWithParam<ControllerCase> {
  protected:
-  std::filesystem::path Program() const { return ProgramFolder() + L"controller_example.exe"; }
-  std::vector<std::wstring> Arguments(const std::wstring& seconds) const {
-    return {ToWide(key.Location().Text()), seconds};
+  void Write(const std::string& assignment) const {
+    const std::size_t equals = assignment.find('=');
+    key.Write(ToWide(assignment.substr(0, equals)), std::stoul(assignment.substr(equals + 1)));
   }
-  /// A controlling program that has asked for a flash, and has seen that none has begun.
-  std::unique_ptr<ChildProcess> Ask(const std::wstring& seconds = L"600") const {
-    auto controller = std::make_unique<ChildProcess>(Program(), Arguments(seconds));
-    EXPECT_TRUE(controller->Says("Flash_Result 0"));
-    return controller;
-  }
-  /// @param ready what it leaves of its request.
-  void ExpectToGiveUp(ChildProcess& controller, const std::string& why, std::uint32_t ready) const {
-    EXPECT_EQ(controller.WaitForEnd(), kNoEnd);
-    EXPECT_THAT(controller.Errors(), HasSubstr(why));
-    EXPECT_EQ(key.Read().ready, ready);
+  /// The service writes, the controlling program looks and tells what it sees, the service writes again.
+  void PlayService(ChildProcess& controller) const {
+    std::size_t looks = 0;
+    for (const std::string& step : GetParam().steps) {
+      ASSERT_TRUE(controller.SaysLines(++looks)) << step;
+      Write(step);
+    }
   }
 
   simulator::KeptKey key{
@@ -55,64 +97,41 @@ class ControllerExampleTest : public testing::Test {
        .path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\Controller"}};
 };
 
-TEST_F(ControllerExampleTest, GivesTheServiceTenSecondsAndTakesTheRequestBack) {
+TEST_P(ControllerExampleTest, DoesWhatEveryControllingProgramDoes) {
+  const ControllerCase& expected = GetParam();
+  for (const std::string& value : expected.leftBehind) Write(value);
+  ChildProcess controller(Program(), {ToWide(key.Location().Text()), std::to_wstring(expected.seconds)});
+  PlayService(controller);
   const auto begin = std::chrono::steady_clock::now();
-  ChildProcess controller(Program(), Arguments(L"600"));
-  ExpectToGiveUp(controller, "Nobody took the request", 0);
+  EXPECT_EQ(controller.WaitForEnd(), expected.exitCode) << controller.Errors();
   const auto took = std::chrono::steady_clock::now() - begin;
-  EXPECT_GE(took, kTimeToTake - 1s);
-  EXPECT_LE(took, kTimeToTake + kLongestExtra);
-}
-
-/// A service that died in the middle of a flash leaves such a result.
-TEST_F(ControllerExampleTest, TakesTheRequestBackWhateverAnOldResultSays) {
-  for (const std::uint32_t old : {1u, 2u, 4u}) {
-    key.Write(L"Flash_Result", old);
-    key.Write(L"Flash_OnGoing", 1);
-    SCOPED_TRACE(old);
-    ChildProcess controller(Program(), Arguments(L"1"));
-    ExpectToGiveUp(controller, "Nobody took the request", 0);
+  for (const std::string& text : expected.says) {
+    EXPECT_THAT(controller.Output() + controller.Errors(), HasSubstr(text));
   }
+  EXPECT_EQ(key.Read().ready, expected.flag);
+  // It has begun to wait a little before this test has.
+  EXPECT_GE(took, expected.lasts * 9 / 10 - 100ms);
+  EXPECT_LE(took, expected.lasts + kLongestExtra);
 }
 
-TEST_F(ControllerExampleTest, LeavesAFlashAloneWhenItsTimeIsUp) {
-  const auto controller = Ask(L"5");
-  key.Write(L"Flash_Result", 1);
-  ExpectToGiveUp(*controller, "The time limit passed", 1);
-}
+INSTANTIATE_TEST_SUITE_P(Case, ControllerExampleTest, testing::ValuesIn(AllCases()),
+                         [](const auto& test) { return test.param.name; });
 
-/// The request stands, so that the service recovers the modem when it is started again.
-TEST_F(ControllerExampleTest, SeesThatTheServiceDiedInTheMiddleOfAFlash) {
-  key.Write(L"Time_Out", 500);
-  const auto controller = Ask();
-  key.Write(L"Flash_Result", 2);
-  ExpectToGiveUp(*controller, "The service fell silent", 1);
-}
-
-TEST_F(ControllerExampleTest, TakesTheRequestBackWhenTheServiceDiedBeforeTheFlash) {
-  key.Write(L"Time_Out", 500);
-  const auto controller = Ask();
-  // The same value again is a sign of life, too.
-  key.Write(L"Flash_Result", 0);
-  ExpectToGiveUp(*controller, "The service fell silent", 0);
-}
-
-TEST_F(ControllerExampleTest, EndsWithTheFlagAndTellsTheResult) {
-  const auto controller = Ask();
-  key.Write(L"Flash_Result", 3);
-  key.Write(L"Fls_Ready", 0);
-  EXPECT_EQ(controller->WaitForEnd(), kNotFlashed);
-  EXPECT_THAT(controller->Output(), HasSubstr("Flash_Result 3: failed"));
-}
-
-TEST_F(ControllerExampleTest, RefusesABadNumberOfSecondsBeforeItAsksForAnything) {
-  for (const wchar_t* seconds :
-       {L"", L"0", L"-1", L"+5", L" 5", L"5s", L"ten", L"1000001", L"18446744073709551617"}) {
-    const RunResult result = RunToEnd(Program(), Arguments(seconds));
-    EXPECT_EQ(result.exitCode, kWrongUsage) << ToUtf8(seconds);
-    EXPECT_THAT(result.errors, HasSubstr("SECONDS: 1 to 1000000"));
+TEST(ControllerExampleUsageTest, RefusesBadWordsBeforeItAsksForAnything) {
+  const nlohmann::json cases = Cases();
+  const std::wstring key =
+      L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\Unused";
+  const auto expectRefusal = [](const std::wstring& place, const std::wstring& seconds) {
+    const RunResult result = RunToEnd(Program(), {place, seconds});
+    EXPECT_EQ(result.exitCode, kWrongUsage) << ToUtf8(place) << " " << ToUtf8(seconds);
+    EXPECT_EQ(result.errors, "usage: controller HKLM\\KEY [SECONDS]\r\nSECONDS: 1 to 1000000\r\n");
+  };
+  for (const std::string& seconds : cases.at("refused_seconds").get<Words>()) {
+    expectRefusal(L"HKCU\\" + key, ToWide(seconds));
   }
-  EXPECT_FALSE(key.Exists());
+  for (const std::string& place : cases.at("refused_keys").get<Words>()) expectRefusal(ToWide(place), L"1");
+  HKEY opened = nullptr;
+  EXPECT_EQ(::RegOpenKeyExW(HKEY_CURRENT_USER, key.c_str(), 0, KEY_READ, &opened), ERROR_FILE_NOT_FOUND);
 }
 
 }  // namespace

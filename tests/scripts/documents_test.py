@@ -140,6 +140,23 @@ class Documents(unittest.TestCase):
                                 if f" docs/{page.name}\n" not in layout})
 
 
+class Versions(unittest.TestCase):
+    package = re.search(r"^set\(CORVEL_PACKAGE_VERSION (\S+)\)$", (CHECKOUT / "CMakeLists.txt").read_text(), re.M)[1]
+
+    def test_documents_name_the_packages_that_there_are(self):
+        named = [(page.name, version) for page in PAGES
+                 for version in re.findall(r"CorvelToolKit-(\d[\d.]*)-x64", page.read_text())]
+        self.assertGreater(len(named), 2)
+        self.assertEqual([each for each in named if each[1] != self.package], [])
+
+    def test_change_log_begins_with_the_packages_version_and_falls_from_there(self):
+        sections = re.findall(r"^## (\d+(?:\.\d+)*)\b", (CHECKOUT / "CHANGELOG.md").read_text(), re.M)
+        self.assertEqual(sections[0], self.package)
+        numbers = [tuple(map(int, version.split("."))) for version in sections]
+        # A package that is no newer than the last one replaces no installation.
+        self.assertEqual(numbers, sorted(set(numbers), reverse=True))
+
+
 class FrontPage(unittest.TestCase):
     text = (CHECKOUT / "README.md").read_text()
 

@@ -110,10 +110,7 @@ std::optional<std::uint32_t> PeFile::AddressOfSymbol(const std::string& name) co
   return std::nullopt;
 }
 
-std::optional<int> PeFile::CallsTo(const std::string& function) const {
-  const auto target = AddressOfSymbol(function);
-  if (!target) return std::nullopt;
-
+int PeFile::CallsTo(std::uint32_t address) const {
   int calls = 0;
   for (const IMAGE_SECTION_HEADER& section : m_Sections) {
     if ((section.Characteristics & IMAGE_SCN_MEM_EXECUTE) == 0) continue;
@@ -121,7 +118,7 @@ std::optional<int> PeFile::CallsTo(const std::string& function) const {
       if (m_Bytes.at(section.PointerToRawData + i) != kCallOpcode) continue;
       const auto distance = At<std::int32_t>(std::size_t{section.PointerToRawData} + i + 1);
       const std::int64_t called = std::int64_t{section.VirtualAddress} + i + 5 + distance;
-      if (called == *target) ++calls;
+      if (called == address) ++calls;
     }
   }
   return calls;

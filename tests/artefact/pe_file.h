@@ -28,9 +28,10 @@ class PeFile {
   std::vector<std::string> Exports() const;
   /// Names of the libraries that it is linked to, at load or on first use.
   std::vector<std::string> ImportedLibraries() const;
-  /// How many direct calls of its code go to a function, by the file's own symbol table; nothing when that
-  /// has no such function.
-  std::optional<int> CallsTo(const std::string& function) const;
+  /// Where a function lies, by the file's own symbol table; nothing when that has no such function.
+  std::optional<std::uint32_t> AddressOfSymbol(const std::string& name) const;
+  /// How many direct calls of its code go there.
+  int CallsTo(std::uint32_t address) const;
   /// The buffer check of MSVC's code: where its secret lies, or 0.
   std::uint64_t SecurityCookie() const;
 
@@ -49,7 +50,6 @@ class PeFile {
   std::size_t OffsetOf(std::uint32_t address) const;
   std::string TextAt(std::size_t offset) const;
   IMAGE_DATA_DIRECTORY Directory(std::size_t index) const;
-  std::optional<std::uint32_t> AddressOfSymbol(const std::string& name) const;
 
   std::vector<std::byte> m_Bytes;
   IMAGE_NT_HEADERS64 m_Headers{};

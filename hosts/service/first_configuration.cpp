@@ -10,6 +10,7 @@
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
+#include "hosts/service/left_behind.h"
 #include "hosts/service/sample_configuration.h"
 
 namespace hosts {
@@ -17,9 +18,8 @@ namespace hosts {
 namespace {
 
 constexpr wchar_t kLastOfSingleByte = 0xFF;
-constexpr const wchar_t* kLeftBehind[] = {kConfigurationName, kHistoryName,
-                                          L"FlashServiceDebugLogger_DLL*.log",
-                                          L"FlashCommandLineLogger_DLL*.log", L"ZEMO_DownloadDll_*.log"};
+static_assert(std::wstring_view(kLeftBehind[0]) == kConfigurationName);
+static_assert(std::wstring_view(kLeftBehind[1]) == kHistoryName);
 
 std::string Sample() {
   const HRSRC place = ::FindResourceW(nullptr, MAKEINTRESOURCEW(CORVEL_SAMPLE_CONFIGURATION), RT_RCDATA);
@@ -103,14 +103,14 @@ Configured Configure(const FirstSettings& settings) {
   return WriteConfiguration(configuration);
 }
 
-void DeleteWhatHostsLeave() {
+void DeleteWhatHostsLeave(const std::wstring& folder) {
   for (const wchar_t* pattern : kLeftBehind) {
     WIN32_FIND_DATAW found{};
-    const HANDLE search = ::FindFirstFileW((ProgramFolder() + pattern).c_str(), &found);
+    const HANDLE search = ::FindFirstFileW((folder + pattern).c_str(), &found);
     if (search == INVALID_HANDLE_VALUE) continue;
     const OwnedSearch owner(search);
     do {
-      if (!::DeleteFileW((ProgramFolder() + found.cFileName).c_str())) {
+      if (!::DeleteFileW((folder + found.cFileName).c_str())) {
         ThrowLastError("A file beside the program cannot be deleted");
       }
     } while (::FindNextFileW(search, &found));

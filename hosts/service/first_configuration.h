@@ -18,8 +18,8 @@ enum class Configured { Now, Before };
 /// read otherwise, and std::system_error when the file cannot be written.
 Configured Configure(const FirstSettings& settings);
 
-/// Deletes what the hosts leave beside them: configuration, logs, history. Throws std::system_error for what
-/// cannot be deleted.
-void DeleteWhatHostsLeave();
+/// Deletes what the hosts leave in their folder, which ends with a separator: configuration, logs, history.
+/// Throws std::system_error for what cannot be deleted.
+void DeleteWhatHostsLeave(const std::wstring& folder);
 
 }  // namespace hosts

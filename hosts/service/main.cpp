@@ -137,6 +137,8 @@ int Install(const InstallOptions& options) {
 struct Removal {
   bool unlessFlashing = false;
   bool purge = false;
+  /// Where the programs are; empty: where this one is.
+  std::string programs;
 };
 
 int Uninstall(const Removal& removal) {
@@ -148,7 +150,9 @@ int Uninstall(const Removal& removal) {
   }
   const ControlResult result = UninstallService();
   const bool gone = result.error == ERROR_SUCCESS || result.error == ERROR_SERVICE_DOES_NOT_EXIST;
-  if (removal.purge && gone) DeleteWhatHostsLeave();
+  if (removal.purge && gone) {
+    DeleteWhatHostsLeave(removal.programs.empty() ? ProgramFolder() : ToWide(removal.programs) + L'\\');
+  }
   if (result.error == ERROR_SERVICE_DOES_NOT_EXIST) return HadNothingToDo("It is not installed.");
   return Conclude(result, "Removed.");
 }
@@ -389,7 +393,10 @@ void AddUninstall(CLI::App& program, Options& options) {
                                 [&options] { return Uninstall(options.removal); });
   uninstall.add_flag("--unless-flashing", options.removal.unlessFlashing,
                      "Not while a command line flashes either");
-  uninstall.add_flag("--purge", options.removal.purge, "Delete configuration, logs and history, too");
+  CLI::Option* const purge =
+      uninstall.add_flag("--purge", options.removal.purge, "Delete configuration, logs and history, too");
+  uninstall.add_option("--programs", options.removal.programs, "The folder where --purge finds them")
+      ->needs(purge);
 }
 
 void AddConfigure(CLI::App& program, Options& options) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "hosts/common/facts.h"
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/who_flashes.h"
+#include "support/temporary_folder.h"
 #include "tests/hosts/child_process.h"
 #include "tests/hosts/host_workspace.h"
 
@@ -100,6 +102,17 @@ TEST_F(FirstConfigurationTest, IsDeletedByAPurgeWithAllThatHostsLeaveAndNothingE
   EXPECT_EQ(Service({L"uninstall", L"--purge"}).exitCode, 0);
   EXPECT_THAT(workspace.FilesBesideTheInstallation(), testing::ElementsAre(L"other.log"));
   EXPECT_FALSE(workspace.Holds(kConfigurationName));
+}
+
+// As an installer runs it, from a copy of its own.
+TEST_F(FirstConfigurationTest, IsDeletedInTheFolderThatIsNamedAndNowhereElse) {
+  const TemporaryFolder place;
+  Write(kConfigurationName);
+  std::ofstream(place.Path() / kConfigurationName) << "text";
+  std::ofstream(place.Path() / kServiceLogName) << "text";
+  EXPECT_EQ(Service({L"uninstall", L"--purge", L"--programs", place.Path().wstring() + L"\\."}).exitCode, 0);
+  EXPECT_TRUE(std::filesystem::is_empty(place.Path()));
+  EXPECT_TRUE(workspace.Holds(kConfigurationName));
 }
 
 TEST_F(FirstConfigurationTest, StaysWhenTheServiceIsRemovedWithoutAPurge) {

@@ -19,6 +19,7 @@
 
 #include "hosts/common/facts.h"
 #include "hosts/common/owners.h"
+#include "hosts/common/serving_notice.h"
 #include "hosts/common/text.h"
 #include "simulator/host/kept_key.h"
 #include "support/temporary_folder.h"
@@ -123,28 +124,61 @@ class InstallerTest : public testing::Test {
     ChildProcess installer(fs::path(system.data()) / L"msiexec.exe", words);
     return installer.WaitForEnd(std::chrono::seconds(kLongestInstallationSeconds)).value_or(-1);
   }
-  int Install(const Package& package, const std::wstring& start, const std::wstring& bus = L"pcie") const {
-    return Installer(L"/i", package.file.wstring(),
-                     {L"INSTALLFOLDER=" + Folder().wstring(), L"IMAGEFOLDER=" + Images().wstring(),
-                      L"REGISTRYKEY=" + ToWide(key.Location().Text()), L"BUS=" + bus, L"STARTTYPE=" + start});
+  int Install(const Package& package, const std::wstring& start, const std::wstring& bus = L"pcie",
+              const std::wstring& options = L"none") const {
+    return InstallHere(package,
+                       {L"IMAGEFOLDER=" + Images().wstring(), L"REGISTRYKEY=" + ToWide(key.Location().Text()),
+                        L"BUS=" + bus, L"STARTTYPE=" + start, L"SERVICEOPTIONS=" + options});
+  }
+  int InstallHere(const Package& package, std::vector<std::wstring> properties = {}) const {
+    properties.push_back(L"INSTALLFOLDER=" + Folder().wstring());
+    return Installer(L"/i", package.file.wstring(), std::move(properties));
   }
   /// Over whatever is installed, which tells all that this one is not told.
   static int Upgrade(const Package& package, std::vector<std::wstring> properties = {}) {
     return Installer(L"/i", package.file.wstring(), std::move(properties));
   }
-  static int Repair(const Package& package) {
-    return Installer(L"/i", package.code, {L"REINSTALL=ALL", L"REINSTALLMODE=amus"});
+  static int Repair(const Package& package, const std::wstring& options = L"") {
+    std::vector<std::wstring> properties{L"REINSTALL=ALL", L"REINSTALLMODE=amus"};
+    if (!options.empty()) properties.push_back(L"SERVICEOPTIONS=" + options);
+    return Installer(L"/i", package.code, std::move(properties));
   }
   static int Remove(const Package& package, std::vector<std::wstring> properties = {}) {
     return Installer(L"/x", package.code, std::move(properties));
   }
 
+  fs::path Place() const { return m_Place.Path(); }
   fs::path Folder() const { return m_Place.Path() / L"program files"; }
   fs::path Programs() const { return Folder() / L"bin"; }
   fs::path Images() const { return m_Place.Path() / L"images"; }
   fs::path Configuration() const { return Programs() / kConfigurationName; }
   int Service(const std::vector<std::wstring>& words) const {
     return RunToEnd(Programs() / L"corvel_service.exe", words).exitCode.value_or(-1);
+  }
+
+  /// What somebody makes who has no installer: programs, configuration and service, used once.
+  void DeployByHand(const fs::path& programs, const std::vector<std::wstring>& options) const {
+    fs::create_directories(programs);
+    fs::create_directories(Images());
+    for (const wchar_t* name : {L"corvel_service.exe", L"corvel_cmdline.exe", L"CorvelToolKit.dll"}) {
+      fs::copy_file(fs::path(ProgramFolder()) / name, programs / name);
+    }
+    std::vector<std::wstring> words{L"install"};
+    words.insert(words.end(), options.begin(), options.end());
+    const fs::path service = programs / L"corvel_service.exe";
+    ASSERT_EQ(RunToEnd(service, {L"configure", L"--registry-key", ToWide(key.Location().Text()), L"--images",
+                                 Images().wstring()})
+                  .exitCode,
+              0);
+    ASSERT_EQ(RunToEnd(service, words).exitCode, 0);
+    WriteText(programs / kHistoryName, "a history");
+    WriteText(programs / kServiceLogName, "a log");
+  }
+  /// Whether what somebody has made and collected is as it was.
+  static void ExpectIsLeft(const fs::path& programs, const std::string& configuration) {
+    EXPECT_EQ(TextOf(programs / kConfigurationName), configuration);
+    EXPECT_EQ(TextOf(programs / kHistoryName), "a history");
+    EXPECT_EQ(TextOf(programs / kServiceLogName), "a log");
   }
 
   /// The same service, linked with a virtual PC.
@@ -261,7 +295,41 @@ TEST_F(InstallerTest, UpgradesAndKeepsConfigurationAndWhatItWasTold) {
   EXPECT_EQ(Service({L"start"}), 0);
 }
 
-TEST_F(InstallerTest, NeitherUpgradesNorRepairsNorRemovesWhileAModemIsFlashed) {
+// Wine does not say so itself when an upgrade removes the old version.
+TEST_F(InstallerTest, LeavesWhatIsUsedToANewerVersionThatTakesItsPlace) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration()) + "[ERASEMODE]=1\r\n";
+  WriteText(Configuration(), configuration);
+  WriteText(Programs() / kHistoryName, "a history");
+  WriteText(Programs() / kServiceLogName, "a log");
+
+  EXPECT_EQ(Remove(old, {L"UPGRADINGPRODUCTCODE=" + fresh.code}), 0);
+
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_FALSE(ServiceExists());
+  EXPECT_FALSE(fs::exists(Programs() / L"corvel_service.exe"));
+  ExpectIsLeft(Programs(), configuration);
+}
+
+TEST_F(InstallerTest, NeitherRepairsNorRemovesWhileAModemIsFlashed) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  PutSimulatedHost("1");
+  const std::string configuration = TextOf(Configuration());
+  RequestFlash();
+  ASSERT_TRUE(IsFlashing());
+
+  EXPECT_EQ(Repair(old), kFailure);
+  EXPECT_TRUE(IsFlashing());
+  EXPECT_EQ(Remove(old), kFailure);
+  EXPECT_TRUE(IsFlashing());
+
+  EXPECT_TRUE(FlashEndsWith(4));
+  EXPECT_TRUE(IsInstalled(old));
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+}
+
+TEST_F(InstallerTest, DoesNotUpgradeWhileAModemIsFlashed) {
   ASSERT_EQ(Install(old, L"demand"), 0);
   PutSimulatedHost("1");
   RequestFlash();
@@ -270,13 +338,7 @@ TEST_F(InstallerTest, NeitherUpgradesNorRepairsNorRemovesWhileAModemIsFlashed) {
   EXPECT_EQ(Upgrade(fresh), kFailure);
   EXPECT_FALSE(IsInstalled(fresh));
   EXPECT_TRUE(IsFlashing());
-  // Wine has taken the old version off its lists by then, before it asked it.
-  if (!RunsUnderWine()) {
-    EXPECT_EQ(Repair(old), kFailure);
-    EXPECT_EQ(Remove(old), kFailure);
-  }
   EXPECT_TRUE(FlashEndsWith(4));
-  if (RunsUnderWine()) return;
   EXPECT_TRUE(IsInstalled(old));
   EXPECT_EQ(ServiceState(), static_cast<DWORD>(SERVICE_RUNNING));
   EXPECT_EQ(Upgrade(fresh), 0);
@@ -306,6 +368,99 @@ TEST_F(InstallerTest, TakesAFailedInstallationBack) {
   EXPECT_FALSE(ServiceExists());
   EXPECT_FALSE(OwnKeyExists());
   EXPECT_FALSE(fs::exists(Programs()));
+}
+
+TEST_F(InstallerTest, TakesBackAServiceThatDoesNotStart) {
+  // Another one serves its key.
+  const ServingNotice other(Server::Service, key.Location());
+
+  EXPECT_EQ(Install(old, L"auto"), kFailure);
+
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_FALSE(ServiceExists());
+  EXPECT_FALSE(OwnKeyExists());
+  // Wine takes back in the order of the installation: the folder was not empty when it was to go.
+  EXPECT_TRUE(!fs::exists(Programs()) || (RunsUnderWine() && fs::is_empty(Programs())));
+}
+
+TEST_F(InstallerTest, TakesOverADeploymentByHand) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand", L"--restart-when-stuck"}));
+  ASSERT_EQ(Service({L"start"}), 0);
+  const std::string configuration = TextOf(Configuration());
+  const ServiceEntry before = Entry();
+
+  EXPECT_EQ(InstallHere(old), 0);
+
+  EXPECT_TRUE(IsInstalled(old));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  EXPECT_EQ(TextOf(Programs() / kHistoryName), "a history");
+  EXPECT_EQ(Entry().startType, before.startType);
+  // Wine's installer reads of a quoted path and its arguments the path alone.
+  if (!RunsUnderWine()) {
+    EXPECT_EQ(Entry().command, before.command);
+  }
+  EXPECT_EQ(Service({L"start"}), 0);
+}
+
+TEST_F(InstallerTest, AFailedInstallationLeavesADeploymentByHandAlone) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand", L"--restart-when-stuck"}));
+  const std::string configuration = TextOf(Configuration());
+  const ServiceEntry before = Entry();
+
+  EXPECT_EQ(InstallHere(old, {L"BUS=by-magic"}), kFailure);
+
+  EXPECT_FALSE(IsInstalled(old));
+  ExpectIsLeft(Programs(), configuration);
+  // Wine takes back in the order of the installation, and deletes a file that it has replaced.
+  if (RunsUnderWine()) return;
+  EXPECT_TRUE(IsOfPackage(L"corvel_service.exe"));
+  EXPECT_EQ(Entry().command, before.command);
+  EXPECT_EQ(Entry().startType, before.startType);
+}
+
+TEST_F(InstallerTest, TakesNoDeploymentByHandOverThatFlashes) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand"}));
+  const std::string configuration = TextOf(Configuration());
+  WriteText(Programs() / L"corvel_cmdline.exe", "of before");
+  PutSimulatedHost("1");
+  RequestFlash();
+  ASSERT_TRUE(IsFlashing());
+
+  EXPECT_EQ(InstallHere(old), kFailure);
+
+  EXPECT_EQ(TextOf(Programs() / L"corvel_cmdline.exe"), "of before");
+  EXPECT_TRUE(IsFlashing());
+  EXPECT_TRUE(FlashEndsWith(4));
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+}
+
+TEST_F(InstallerTest, LeavesAServiceOfAnotherFolderAlone) {
+  const fs::path byHand = Place() / L"by hand";
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(byHand, {L"--start", L"demand"}));
+  const std::string configuration = TextOf(byHand / kConfigurationName);
+  const ServiceEntry before = Entry();
+
+  EXPECT_NE(InstallHere(old), 0);
+
+  EXPECT_FALSE(IsInstalled(old));
+  EXPECT_EQ(Entry().command, before.command);
+  EXPECT_FALSE(fs::exists(Programs()));
+  ExpectIsLeft(byHand, configuration);
+}
+
+TEST_F(InstallerTest, GivesTheServiceTheOptionsThatItIsToldAndKeepsThem) {
+  const auto restarts = [] { return Entry().command.find(L"\" --restart-when-stuck") != std::wstring::npos; };
+  ASSERT_EQ(Install(old, L"demand", L"pcie", L"--restart-when-stuck"), 0);
+  EXPECT_TRUE(restarts());
+  EXPECT_EQ(Upgrade(fresh), 0);
+  EXPECT_TRUE(restarts());
+  ASSERT_EQ(Service({L"uninstall"}), 0);
+  EXPECT_EQ(Repair(fresh), 0);
+  EXPECT_TRUE(restarts());
+  EXPECT_EQ(Repair(fresh, L"none"), 0);
+  EXPECT_TRUE(ServiceExists());
+  EXPECT_FALSE(restarts());
 }
 
 TEST_F(InstallerTest, TakesAFailedUpgradeBack) {

@@ -1,6 +1,7 @@
 # Makes installers of what this build installs, an old and a new one, where installer_test looks for them.
 #
-# usage: cmake -DBUILD=<build folder> -DTOOL=<make-packages> -DFOLDER=<scratch folder> -DOUTPUT=<folder> -P ...
+# usage: cmake -DBUILD=<build folder> -DTOOL=<make-packages> -DOBJCOPY=<program> -DFOLDER=<scratch folder>
+#              -DOUTPUT=<folder> -P ...
 file(REMOVE_RECURSE ${FOLDER} ${OUTPUT})
 file(MAKE_DIRECTORY ${OUTPUT})
 foreach(version old=1.0.0 new=1.0.1)
@@ -11,6 +12,14 @@ foreach(version old=1.0.0 new=1.0.1)
     file(MAKE_DIRECTORY ${FOLDER}/${name}/${component})
     execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --component ${component}
       --prefix ${FOLDER}/${name}/${component} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+  endforeach()
+  # The build for tests leaves them where they are.
+  file(MAKE_DIRECTORY ${FOLDER}/${name}/symbols/bin)
+  file(GLOB programs ${FOLDER}/${name}/runtime/bin/*.exe ${FOLDER}/${name}/runtime/bin/*.dll)
+  foreach(program IN LISTS programs)
+    cmake_path(GET program FILENAME file)
+    execute_process(COMMAND ${OBJCOPY} --only-keep-debug ${program} ${FOLDER}/${name}/symbols/bin/${file}.debug
+      COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
   file(WRITE ${FOLDER}/${name}/package.json "{\"name\": \"CorvelToolKit\", \"library_version\": \"1.8.1\",
     \"package_version\": \"${number}\", \"compiler\": \"any\"}")

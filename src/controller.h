@@ -13,7 +13,7 @@
 #include <type_traits>
 #include <utility>
 
-// Declared once more, as the system has it since Windows 7: some sets of its headers lack it.
+/// The system's own, declared once more as it is since Windows 7: some sets of its headers lack it.
 extern "C" __declspec(dllimport) BOOL WINAPI QueryUnbiasedInterruptTime(PULONGLONG hundredNanoseconds);
 
 /// @file
@@ -24,21 +24,35 @@ namespace corvel {
 
 // The values under the key where a controlling program and the service meet, all of them REG_DWORD. Named
 // here again, for a controlling program has no other header of the library.
+
+/// 1 asks for a flash; the service sets it back to 0 last.
 inline constexpr wchar_t kReadyValue[] = L"Fls_Ready";
+/// How often a failed attempt is repeated; absent: 3.
 inline constexpr wchar_t kRetryTimesValue[] = L"Retry_Times";
+/// How long an attempt, or the modem's return, may take.
 inline constexpr wchar_t kTimeOutValue[] = L"Time_Out";
+/// 1 while a job is under way.
 inline constexpr wchar_t kOnGoingValue[] = L"Flash_OnGoing";
+/// How much of the images is written.
 inline constexpr wchar_t kProgressValue[] = L"Flash_Progress";
+/// A FlashResult.
 inline constexpr wchar_t kResultValue[] = L"Flash_Result";
 
 /// "Flash_Result" as the service writes it.
-enum class FlashResult : std::uint32_t { Idle = 0, Flashing = 1, Retrying = 2, Failed = 3, Succeeded = 4 };
+enum class FlashResult : std::uint32_t {
+  Idle = 0,       ///< no flash since the service was started
+  Flashing = 1,   ///< an attempt is under way
+  Retrying = 2,   ///< an attempt failed, and the next one begins soon
+  Failed = 3,     ///< the last attempt failed too, or there was no image
+  Succeeded = 4,  ///< the modem runs its new firmware
+};
 
 /// Where the two meet: `[RegistryLocation]` of the service's configuration.
 struct FlashKey {
-  HKEY root = HKEY_LOCAL_MACHINE;
-  std::wstring path;  ///< without the root
+  HKEY root = HKEY_LOCAL_MACHINE;  ///< predefined
+  std::wstring path;               ///< without the root
 
+  /// From its text.
   /// @param location such as "HKLM\SOFTWARE\Quenta\FlashService"; HKLM, HKCU and HKU are known.
   /// @return nothing when the root is another one or the path is missing.
   static std::optional<FlashKey> Parse(std::wstring_view location);
@@ -46,15 +60,16 @@ struct FlashKey {
 
 /// What stands under the key; empty where a value is absent or no number.
 struct FlashValues {
-  std::optional<std::uint32_t> ready;
-  std::optional<std::uint32_t> retryTimes;
-  std::optional<std::uint32_t> timeOut;  ///< milliseconds
-  std::optional<std::uint32_t> onGoing;
-  std::optional<std::uint32_t> progress;  ///< percent
-  std::optional<std::uint32_t> result;
+  std::optional<std::uint32_t> ready;       ///< kReadyValue
+  std::optional<std::uint32_t> retryTimes;  ///< kRetryTimesValue
+  std::optional<std::uint32_t> timeOut;     ///< kTimeOutValue, in milliseconds
+  std::optional<std::uint32_t> onGoing;     ///< kOnGoingValue
+  std::optional<std::uint32_t> progress;    ///< kProgressValue, in percent
+  std::optional<std::uint32_t> result;      ///< kResultValue, a FlashResult
   /// Why one of them could not be read although it may be there, as a Win32 error; 0 when all could be read.
   DWORD error = ERROR_SUCCESS;
 
+  /// Whether the result is that one.
   bool Is(FlashResult code) const { return result == static_cast<std::uint32_t>(code); }
   /// A flash has begun and is not over; a dead service leaves it so.
   bool IsFlashing() const { return Is(FlashResult::Flashing) || Is(FlashResult::Retrying); }
@@ -70,6 +85,7 @@ struct FlashValues {
   }
 };
 
+/// Reads all values, one after the other.
 /// @param path below the key; null for the key itself.
 FlashValues ReadFlashValues(HKEY key, const wchar_t* path = nullptr);
 
@@ -120,9 +136,9 @@ enum class FlashEnding {
 
 /// How a request ended.
 struct FlashOutcome {
-  FlashEnding ending = FlashEnding::Refused;
-  FlashValues values;           ///< as they were at the end
-  DWORD error = ERROR_SUCCESS;  ///< Win32 error of a refusal
+  FlashEnding ending = FlashEnding::Refused;  ///< which of the ways it was
+  FlashValues values;                         ///< as they were at the end
+  DWORD error = ERROR_SUCCESS;                ///< Win32 error of a refusal
 };
 
 /// What a caller asks for.

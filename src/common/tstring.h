@@ -40,13 +40,18 @@ class CORVEL_TOOLKIT_API CTString {
   CTString(std::string text);
   /// Copies UTF-16.
   CTString(std::wstring text);
+  /// A copy of the text; what was handed out of the other one stays the other one's.
   CTString(const CTString& other);
+  /// Takes the other text, which may be this one. All pointers that this object has handed out end.
   CTString& operator=(const CTString& other);
+  /// All pointers that this object has handed out end.
   virtual ~CTString();
 
   /// Equal when length and every code unit agree; case-sensitive. A null pointer is never equal.
   bool operator==(const CTString& other) const;
+  /// The same of a UTF-16 text.
   bool operator==(const wchar_t* other) const;
+  /// The same of a UTF-8 text.
   bool operator==(const char* other) const;
 
   /// Ordinal comparison by code unit: -1, 0 or 1. Of a text and its extension, the shorter is less.
@@ -63,17 +68,23 @@ class CORVEL_TOOLKIT_API CTString {
 
   /// A new text: this one followed by the other, which may be null.
   CTString operator+(const CTString& other) const;
+  /// The same of a UTF-8 text.
   CTString operator+(const char* other) const;
+  /// The same of a UTF-16 text.
   CTString operator+(const wchar_t* other) const;
 
   /// Appends in place and returns this object. A null pointer adds nothing; the other text may be this one.
   CTString& operator+=(const CTString& other);
+  /// The same of a UTF-8 text.
   CTString& operator+=(const char* other);
+  /// The same of a UTF-16 text.
   CTString& operator+=(const wchar_t* other);
 
   /// Appends in place. A null pointer adds nothing.
   void Append(const CTString& other);
+  /// The same of a UTF-8 text.
   void Append(const char* other);
+  /// The same of a UTF-16 text.
   void Append(const wchar_t* other);
 
   /// Inserts the first `count` units of `text` at `pos`.
@@ -82,6 +93,7 @@ class CORVEL_TOOLKIT_API CTString {
   /// @param count in UTF-16 units, for a narrow text too; one beyond the text, or -1, takes all of it.
   /// @return the new length.
   int Insert(int pos, const char* text, int count);
+  /// The same of a UTF-16 text.
   int Insert(int pos, const wchar_t* text, int count);
 
   /// Removes min(`count`, length - `pos`) units at `pos` and returns the wide buffer, which stays this
@@ -104,17 +116,21 @@ class CORVEL_TOOLKIT_API CTString {
   /// std::out_of_range, but not with an empty text: of that every part is empty.
   CTString SubStr(int start, int count) const;
 
-  /// Convert each unit by the C library's case mapping; return the wide buffer, which stays this object's.
+  /// Converts each unit to upper case by the C library's mapping; returns the wide buffer, which stays this
+  /// object's.
   const wchar_t* MakeUpper();
+  /// The same to lower case.
   const wchar_t* MakeLower();
 
-  /// Remove leading or trailing units that occur in `set`; return this object. A null set removes nothing.
+  /// Removes leading units that occur in `set`; returns this object. A null set removes nothing.
   CTString& TrimLeft(const wchar_t* set);
+  /// The same of trailing units.
   CTString& TrimRight(const wchar_t* set);
 
   /// Replaces the text by printed arguments; the narrow kind prints UTF-8. Any length. The arguments may
   /// point into this object. A null format, and what the C runtime refuses to print, give an empty text.
   void Format(const char* format, ...);
+  /// The same with a UTF-16 format.
   void Format(const wchar_t* format, ...);
 
   /// The leading decimal number of the text, after white space and with its sign; 0 if there is none. One
@@ -126,8 +142,9 @@ class CORVEL_TOOLKIT_API CTString {
   /// True without any unit.
   bool IsEmpty() const;
 
-  /// Make the text empty.
+  /// Makes the text empty.
   void Empty();
+  /// The same.
   void Clear();
 
  protected:

@@ -67,8 +67,9 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// flash runs: their threads read the settings without a lock. In service mode it is not needed.
   static void CloseConfig();
 
-  /// These switch the debug log. Any thread, at any time.
+  /// Switches the debug log on. Any thread, at any time.
   static void TurnLoggingOn();
+  /// Switches the debug log off. Any thread, at any time.
   static void TurnLoggingOff();
 
   /// Names the debug log file and makes its folder (one level). The last name set wins, and loading the
@@ -93,11 +94,12 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// Folder of the host's executable with its trailing separator; empty when the system does not tell it. Any
   /// thread.
   static CTString GetInstallationDir();
-  /// These set `folder` to the installation folder. The first two return false although they do: callers
-  /// must not take that for a failure. The last returns true, and false only for lack of memory. The folder
-  /// is empty when the system does not tell it. Any thread, each with a text of its own.
+  /// Sets `folder` to the installation folder, empty when the system does not tell it. Any thread, each with a
+  /// text of its own. @return false although it does: callers must not take that for a failure.
   static bool GetLocalAppDataDir(CTString& folder);
+  /// The same.
   static bool GetProgramDataDir(CTString& folder);
+  /// The same. @return true; false only for lack of memory.
   static bool GetLocalDataToolkitDir(CTString& folder);
 
   /// Creates every missing folder of a path whose parts are separated by "\".
@@ -123,15 +125,19 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// path without a dot and for lack of memory. Any thread.
   static bool IsFileOfType(CTString path, CTString extension);
 
-  /// The present m_EraseMode, hMainKey, mMainKey and mStrKey. The texts are the library's own and stay valid.
-  /// Any thread once Initialize or Initialize_CmdLine is done.
+  /// The present m_EraseMode. Any thread once Initialize or Initialize_CmdLine is done.
   static int GetEraseMode();
+  /// The present hMainKey. Any thread once Initialize or Initialize_CmdLine is done.
   static HKEY__* GetHKEYRegistryMainKey();
+  /// The present mMainKey, the library's own text, which stays valid. Any thread once Initialize or
+  /// Initialize_CmdLine is done.
   static const wchar_t* GetRegistryMainKey();
+  /// The same of mStrKey.
   static const wchar_t* GetRegistryStrKey();
-  /// Full paths of the images that FetchModemNVMFls chose; empty without one, and for lack of memory. Not
+  /// Full path of the modem image that FetchModemNVMFls chose; empty without one, and for lack of memory. Not
   /// while the service or a flash runs.
   static CTString GetModemFlsFile();
+  /// The same of the NVM image.
   static CTString GetNVMFlsFile();
   /// How many logs of the flashing library are kept at most. Any thread.
   static int GetMaxModemDownloadLogNum();
@@ -213,11 +219,14 @@ class CORVEL_TOOLKIT_API ToolKit {
   // flags through std::atomic_ref; a host that looks at them meanwhile does the same. Texts are not to be
   // touched then.
 
-  /// The handshake key: root, and its location as prefix, sub-key and whole text, each of at most 511 units.
-  /// Set by Initialize or Initialize_CmdLine (which leaves the whole text alone) and only read afterwards.
+  /// Root of the handshake key. Set by Initialize or Initialize_CmdLine and only read afterwards, as the three
+  /// texts of its location, each of at most 511 units.
   static HKEY__* hMainKey;
+  /// Prefix of that location: the root's name.
   static wchar_t mMainKey[512];
+  /// Sub-key of that location.
   static wchar_t mStrKey[512];
+  /// The whole location. Initialize_CmdLine leaves it alone.
   static wchar_t mRegitstryLocation[512];
   /// How many retries a job may make. Written at the start of each pass, read by supervisor and download.
   static unsigned long mRetry_times;
@@ -229,8 +238,9 @@ class CORVEL_TOOLKIT_API ToolKit {
   static bool m_MBIM_Modem_presence;
   /// Whether the watcher goes on looking. Written by the job, read by the watcher.
   static bool m_MBIM_Modem_monitor;
-  /// Full paths of the images of the present or last job. Written by the job, copied by its worker.
+  /// Full path of the modem image of the present or last job. Written by the job, copied by its worker.
   static CTString m_ModemFlsFile;
+  /// The same of the NVM image.
   static CTString m_NVMFlsFile;
   /// Whether the baseband reset may be used. Written once, by GetModemBranch.
   static bool g_bIsFiveBranch;

@@ -35,10 +35,15 @@ class CORVEL_TOOLKIT_API XML_NAME_VALUE {
   XML_NAME_VALUE(const CTString& name, const CTString& text, VARENUM type) noexcept;
   /// A VT_DATE value; a time that no date can hold gives the date 0 (30 December 1899).
   XML_NAME_VALUE(const CTString& name, const SYSTEMTIME& time) noexcept;
+  /// Shares the other one's BSTR.
   XML_NAME_VALUE(const XML_NAME_VALUE& other) noexcept;
+  /// The same: the other one keeps it, too.
   XML_NAME_VALUE(XML_NAME_VALUE&& other) noexcept;
+  /// Shares the other one's BSTR.
   XML_NAME_VALUE& operator=(const XML_NAME_VALUE& other) noexcept;
+  /// The same: the other one keeps it, too.
   XML_NAME_VALUE& operator=(XML_NAME_VALUE&& other) noexcept;
+  /// Frees no BSTR.
   ~XML_NAME_VALUE();
 
   /// A copy of the name.

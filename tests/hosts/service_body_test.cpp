@@ -179,6 +179,10 @@ std::string LeaveRecord(const std::string& host, const FinishedJob& job) {
 
 namespace {
 
+std::wstring NameOfTest() {
+  return ToWide(testing::UnitTest::GetInstance()->current_test_info()->name());
+}
+
 class ServiceBodyTest : public testing::Test {
  protected:
   ServiceBodyTest() {
@@ -188,8 +192,7 @@ class ServiceBodyTest : public testing::Test {
     g_told = 0;
     g_records.clear();
     g_requestEventError = ERROR_SUCCESS;
-    g_requestEvent = L"RegistryNotify " + std::to_wstring(::GetCurrentProcessId()) + L" " +
-                     ToWide(testing::UnitTest::GetInstance()->current_test_info()->name());
+    g_requestEvent = L"RegistryNotify " + std::to_wstring(::GetCurrentProcessId()) + L" " + NameOfTest();
     g_power = {};
     m_Patch.Replace("CreateEventW", &CreateEventOfOneself);
     m_Patch.Replace("PowerCreateRequest", &MakePowerRequest);
@@ -245,7 +248,9 @@ class ServiceBodyTest : public testing::Test {
   simulator::KeptKey key{
       {.root = HKEY_CURRENT_USER,
        .rootName = L"HKCU",
-       .path = L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\ServiceBody"}};
+       // A service that was left running by another test goes on giving notice of its own key.
+       .path =
+           L"Software\\Corvel\\Test\\" + std::to_wstring(::GetCurrentProcessId()) + L"\\" + NameOfTest()}};
   Manager manager;
 
  private:

@@ -159,8 +159,8 @@ TEST_F(NoMemoryTest, TheLibraryItselfDoesNotTakeTheInstallationFolderForAnEmptyO
 TEST_F(NoMemoryTest, TheDataFoldersAreEmptyAndNoneIsASuccess) {
   for (const auto get :
        {&ToolKit::GetLocalAppDataDir, &ToolKit::GetProgramDataDir, &ToolKit::GetLocalDataToolkitDir}) {
+    CTString folder(L"of an earlier call");
     memory.FailEachOf([&] {
-      CTString folder;
       const bool succeeded = get(folder);
       EXPECT_EQ(folder.IsEmpty(), memory.HasFailed());
       EXPECT_FALSE(succeeded && memory.HasFailed());
@@ -169,8 +169,8 @@ TEST_F(NoMemoryTest, TheDataFoldersAreEmptyAndNoneIsASuccess) {
 }
 
 TEST_F(NoMemoryTest, TheDataFolderForDerivedClassesIsEmptyToo) {
+  CTString folder(L"of an earlier call");
   memory.FailEachOf([&] {
-    CTString folder;
     EXPECT_FALSE(Exposed::GetDataDir(folder, true));
     EXPECT_EQ(folder.IsEmpty(), memory.HasFailed());
   });

@@ -361,6 +361,15 @@ TEST_F(CallbackTest, ToleratesThatThereIsNoEngine) {
   EXPECT_FALSE(ReportedProgress());
 }
 
+TEST_F(CallbackTest, WithoutMemoryATextIsLostAndNothingElse) {
+  const std::string text(300, 't');
+  ScarceMemory memory;
+  memory.FailEachOf([&] { bench.library.Report(4, text.c_str()); });
+  bench.library.ReportSending();
+  bench.library.ReportPercent("45");
+  EXPECT_TRUE(ReportedProgress());
+}
+
 TEST_F(CallbackTest, WritesProgressUnderTheServicesOwnKey) {
   bench.library.ReportSending();
   bench.library.ReportPercent("45");

@@ -3,6 +3,7 @@
 #include <objbase.h>
 
 #include "support/job_bench.h"
+#include "support/scarce_memory.h"
 #include "toolkit/flashjob.h"
 
 using corvel::kCommandLineRules;
@@ -55,6 +56,28 @@ TEST_F(CommandLineFlashTest, ReturnsFalseForASuccess) {
   EXPECT_EQ(bench.OnGoing(), 0);
   EXPECT_FALSE(bench.HasAnyImage());
   EXPECT_FALSE(bench.library.IsMapped());
+}
+
+/// Only a failed search and a worker that cannot be started leave the library as it is.
+TEST_F(CommandLineFlashTest, WithoutMemoryForTheFlashItselfGivesTheLibraryBack) {
+  constexpr int kAllocations = 30;
+  int notFlashed = 0;
+  for (int number = 1; number <= kAllocations; ++number) {
+    bench.AddImage(L"nvm.fls", {5});
+    bench.key.SetNumber(L"Fls_Ready", 1);
+    bench.modem.Become(Mode::Normal);
+    ToolKit::FetchModemNVMFls(CTString(bench.images.Path().c_str()));
+    ScarceMemory memory;
+    memory.Fail(number);
+    EXPECT_NO_THROW(EXPECT_FALSE(Flash(0))) << "allocation " << number;
+    memory.Suffice();
+    const bool searchFailed = ToolKit::GetNVMFlsFile().IsEmpty();
+    const bool workerMissing = bench.OnGoing() == 1;
+    EXPECT_TRUE(!bench.library.IsMapped() || searchFailed || workerMissing) << "allocation " << number;
+    if (bench.Result() != 4) ++notFlashed;
+    CFirmwareDownloader::Unload();
+  }
+  EXPECT_GT(notFlashed, 0);
 }
 
 TEST_F(CommandLineFlashTest, RunsOneJobOnly) {

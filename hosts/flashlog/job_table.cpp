@@ -81,6 +81,7 @@ class Printer {
   void Print(const Log& log) {
     Line(Shortened(log.Name()));
     Line(Summary(log));
+    if (!log.BrokeOff().empty()) Line(BreakText(log), "  ");
     if (log.Flaws().Sum() != 0) Line(FlawText(log.Flaws()));
     m_Text += '\n';
     if (log.Jobs().empty()) return Line("There is no flash in it.");
@@ -113,6 +114,10 @@ class Printer {
                        Counted(log.Records(), "record", "records") + ", " + SizeText(log.Size());
     if (log.Begin()) text += ", " + TimeTextToSeconds(*log.Begin()) + " to " + TimeTextToSeconds(log.End());
     return text;
+  }
+
+  static std::string BreakText(const Log& log) {
+    return "Not read beyond byte " + std::to_string(log.Size()) + ": " + log.BrokeOff() + ".";
   }
 
   static std::string FlawText(const FlawCounts& flaws) {

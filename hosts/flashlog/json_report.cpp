@@ -90,6 +90,7 @@ ordered_json AsJson(const Log& log) {
           {"records", log.Records()},
           {"start", log.Begin() ? ordered_json(TimeText(*log.Begin())) : ordered_json()},
           {"end", log.Begin() ? ordered_json(TimeText(log.End())) : ordered_json()},
+          {"broke_off", log.BrokeOff().empty() ? ordered_json() : ordered_json(log.BrokeOff())},
           {"flaws",
            {{"foreign", log.Flaws().foreign},
             {"malformed", log.Flaws().malformed},

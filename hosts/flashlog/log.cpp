@@ -34,6 +34,7 @@ Log::Log(std::string name, std::optional<std::size_t> mostOthers)
 }
 
 void Log::Take(std::string_view bytes) {
+  m_BrokeOff.clear();
   m_Size += bytes.size();
   m_Reader.Take(bytes);
 }

@@ -43,9 +43,14 @@ class Log {
   void Take(std::string_view bytes);
   /// There is no more. @param goesOn the log began anew: a job that has not ended will not any more.
   void Finish(bool goesOn = false);
+  /// What comes next cannot be read. @param why in the system's words; bytes that come all the same take it
+  /// back.
+  void BreakOff(std::string why) { m_BrokeOff = std::move(why); }
 
   const std::string& Name() const { return m_Name; }
   std::uint64_t Size() const { return m_Size; }
+  /// Why it could not be read beyond its size; empty when it was read to its end.
+  const std::string& BrokeOff() const { return m_BrokeOff; }
   std::uint64_t Records() const { return m_Records; }
   const FlawCounts& Flaws() const { return m_Flaws; }
   /// Of the first and the last record; nothing without any.
@@ -63,6 +68,7 @@ class Log {
   std::optional<RecordStore> m_Store;
   Watcher m_Watcher;
   std::uint64_t m_Size = 0;
+  std::string m_BrokeOff;
   std::uint64_t m_Records = 0;
   FlawCounts m_Flaws;
   std::optional<Milliseconds> m_Begin;

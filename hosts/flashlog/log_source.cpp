@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <utility>
 
 #include "hosts/common/text.h"
 
@@ -47,9 +48,13 @@ DWORD ReadFrom(HANDLE file, std::uint64_t offset, char* buffer, DWORD size, DWOR
 
 }  // namespace
 
-LogSource::LogSource(const std::string& path)
-    : m_Path(ToWide(path)), m_IsPipe(path == "-"), m_Buffer(kPieceSize, '\0') {
-  if (!m_IsPipe) Open();
+LogSource::LogSource(const std::string& path) : m_Path(ToWide(path)) {
+  if (path == "-") {
+    m_Input.emplace();
+    return;
+  }
+  m_Buffer.resize(kPieceSize);
+  Open();
 }
 
 bool LogSource::Open() {
@@ -60,27 +65,28 @@ bool LogSource::Open() {
   return m_File != nullptr;
 }
 
+void LogSource::OpenAgain() {
+  OwnedHandle file = OpenShared(m_Path);
+  if (file != nullptr) m_File = std::move(file);
+}
+
+bool LogSource::IsReady() const {
+  return !m_Input || (!m_HasEnded && m_Input->IsReady());
+}
+
 LogSource::Outcome LogSource::Read() {
   m_Bytes = {};
-  DWORD length = 0;
-  if (m_IsPipe) {
-    // Whoever writes to the pipe closes it at the end; that is told as an error.
-    if (!::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), m_Buffer.data(), static_cast<DWORD>(m_Buffer.size()),
-                    &length, nullptr)) {
-      m_Error = ::GetLastError();
-      if (m_Error == ERROR_BROKEN_PIPE || m_Error == ERROR_HANDLE_EOF) m_Error = ERROR_SUCCESS;
-    }
-    m_Bytes = std::string_view(m_Buffer).substr(0, length);
-    if (m_Error != ERROR_SUCCESS) return Outcome::Failed;
-    return length == 0 ? Outcome::Nothing : Outcome::Bytes;
-  }
+  if (m_Input) return ReadInput();
   // One that is being replaced is not there for a moment.
   if (m_File == nullptr && !Open()) return Outcome::Failed;
+  // On a share that was away the old handle stays of no use.
+  if (m_Error != ERROR_SUCCESS) OpenAgain();
   if (m_Position != 0 && BeganAnew()) {
     Open();
     return Outcome::BeganAnew;
   }
-  length = ReadFrom(m_File.get(), m_Position, m_Buffer.data(), static_cast<DWORD>(m_Buffer.size()), m_Error);
+  const DWORD length =
+      ReadFrom(m_File.get(), m_Position, m_Buffer.data(), static_cast<DWORD>(m_Buffer.size()), m_Error);
   if (m_Error == ERROR_HANDLE_EOF) m_Error = ERROR_SUCCESS;
   if (m_Error != ERROR_SUCCESS) return Outcome::Failed;
   m_Bytes = std::string_view(m_Buffer).substr(0, length);
@@ -91,23 +97,34 @@ LogSource::Outcome LogSource::Read() {
   return length == 0 ? Outcome::Nothing : Outcome::Bytes;
 }
 
+LogSource::Outcome LogSource::ReadInput() {
+  if (m_HasEnded) return Outcome::Nothing;
+  m_Error = m_Input->Take(m_Buffer);
+  m_HasEnded = m_Buffer.empty();
+  m_Bytes = m_Buffer;
+  if (m_Error != ERROR_SUCCESS) return Outcome::Failed;
+  return m_HasEnded ? Outcome::Nothing : Outcome::Bytes;
+}
+
 bool LogSource::BeganAnew() {
   LARGE_INTEGER size{};
   if (::GetFileSizeEx(m_File.get(), &size) && static_cast<std::uint64_t>(size.QuadPart) < m_Position)
     return true;
   // Emptied, and longer again since: it begins with another time.
-  if (Head() != m_Head) return true;
+  if (!BeginsAsBefore()) return true;
   // What is still to come of the old file comes first.
   if (static_cast<std::uint64_t>(size.QuadPart) > m_Position) return false;
   const OwnedHandle present = OpenShared(m_Path);
   return present != nullptr && IdentityOf(present.get()) != IdentityOf(m_File.get());
 }
 
-std::string LogSource::Head() const {
+bool LogSource::BeginsAsBefore() const {
   std::string head(m_Head.size(), '\0');
   DWORD error = ERROR_SUCCESS;
-  head.resize(ReadFrom(m_File.get(), 0, head.data(), static_cast<DWORD>(head.size()), error));
-  return head;
+  const DWORD length = ReadFrom(m_File.get(), 0, head.data(), static_cast<DWORD>(head.size()), error);
+  // That it cannot be read is told where it is read on.
+  if (error != ERROR_SUCCESS && error != ERROR_HANDLE_EOF) return true;
+  return std::string_view(head).substr(0, length) == m_Head;
 }
 
 }  // namespace hosts::flashlog

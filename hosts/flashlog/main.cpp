@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -40,7 +41,11 @@ constexpr char kFooter[] =
 
 constexpr std::size_t kUsualColumns = 80;
 constexpr std::size_t kUsualOthers = 8000;
-constexpr DWORD kLookAgainMs = 250;
+/// Behind bytes the next ones are looked for soon, then less and less often.
+constexpr DWORD kShortestPauseMs = 1;
+constexpr DWORD kLongestPauseMs = 250;
+/// Of one log, before the others and Ctrl+C have their turn.
+constexpr int kPiecesInARow = 64;
 constexpr ULONGLONG kBetweenPagesMs = 2000;
 
 enum class ExitCode : int { Success = 0, Failed = 1, WrongUsage = 2 };
@@ -62,6 +67,7 @@ struct Input {
   LogSource source;
   Log log;
   bool isUnreadable = false;
+  bool failureIsTold = false;
 };
 using Inputs = std::vector<std::unique_ptr<Input>>;
 
@@ -92,33 +98,32 @@ std::vector<Log*> LogsOf(const Inputs& inputs) {
   return logs;
 }
 
-void ReportUnreadable(const Input& input) {
-  Report(
-      kProgram,
-      {"log_unreadable", input.log.Name() + " cannot be read: " + SystemErrorText(input.source.Error()) + ".",
-       "Look at the name and at the rights of the file."},
-      false);
+void ReportFailure(const Input& input) {
+  const std::string where = input.log.Size() == 0 ? "" : " beyond byte " + std::to_string(input.log.Size());
+  Report(kProgram,
+         {"log_unreadable",
+          input.log.Name() + " cannot be read" + where + ": " + SystemErrorText(input.source.Error()) + ".",
+          "Look at the name and at the rights of the file, and whether its place can still be reached."},
+         false);
 }
 
-/// Reads what there is at present. @return whether anything has come.
-bool ReadOn(Input& input) {
-  bool news = false;
-  for (;;) {
-    switch (input.source.Read()) {
-      case LogSource::Outcome::Bytes:
-        input.log.Take(input.source.Bytes());
-        news = true;
-        break;
-      case LogSource::Outcome::BeganAnew:
-        input.log.Finish(true);
-        break;
-      case LogSource::Outcome::Failed:
-        input.isUnreadable = input.log.Size() == 0;
-        return news;
-      case LogSource::Outcome::Nothing:
-        return news;
-    }
+/// @return whether there may be more at once.
+bool ReadPiece(Input& input) {
+  switch (input.source.Read()) {
+    case LogSource::Outcome::Bytes:
+      input.log.Take(input.source.Bytes());
+      return true;
+    case LogSource::Outcome::BeganAnew:
+      input.log.Finish(true);
+      return true;
+    case LogSource::Outcome::Failed:
+      input.isUnreadable = input.log.Size() == 0;
+      if (input.source.BrokeOff()) input.log.BreakOff(SystemErrorText(input.source.Error()));
+      return false;
+    case LogSource::Outcome::Nothing:
+      break;
   }
+  return false;
 }
 
 /// @return the system's error.
@@ -133,20 +138,30 @@ DWORD WriteWhole(const std::wstring& path, const std::string& text) {
   return written == text.size() ? ERROR_SUCCESS : ERROR_DISK_FULL;
 }
 
-/// Never half a page: somebody may have it open. @return whether it could be written.
-bool WritePage(const std::string& path, const Inputs& inputs) {
+/// Never half a page: somebody may have it open. @return the system's error.
+DWORD WritePage(const std::string& path, const Inputs& inputs) {
   const std::wstring file = ToWide(path);
   const std::wstring draft = file + L".new";
   DWORD error = WriteWhole(draft, Page(LogsOf(inputs)));
   if (error == ERROR_SUCCESS && !::MoveFileExW(draft.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING)) {
     error = ::GetLastError();
   }
-  if (error == ERROR_SUCCESS) return true;
+  if (error != ERROR_SUCCESS) ::DeleteFileW(draft.c_str());
+  return error;
+}
+
+void ReportUnwritable(const std::string& path, DWORD error) {
   Report(kProgram,
          {"page_unwritable", "The page " + path + " cannot be written: " + SystemErrorText(error) + ".",
           "Name another file, or close what has this one open."},
          false);
-  return false;
+}
+
+/// @return whether it could be written, which is told otherwise.
+bool WriteLastPage(const std::string& path, const Inputs& inputs) {
+  const DWORD error = WritePage(path, inputs);
+  if (error != ERROR_SUCCESS) ReportUnwritable(path, error);
+  return error == ERROR_SUCCESS;
 }
 
 nlohmann::ordered_json ReportOn(const Inputs& inputs) {
@@ -175,14 +190,15 @@ void Show(const Options& options, const Inputs& inputs) {
 ExitCode ReadAll(const Options& options, Inputs& inputs) {
   bool good = true;
   for (const auto& input : inputs) {
-    ReadOn(*input);
+    while (ReadPiece(*input)) {
+    }
     input->log.Finish();
-    if (!input->isUnreadable) continue;
-    ReportUnreadable(*input);
+    if (!input->isUnreadable && !input->source.BrokeOff()) continue;
+    ReportFailure(*input);
     good = false;
   }
   if (LogsOf(inputs).empty()) return ExitCode::Failed;
-  if (!options.html.empty()) good = WritePage(options.html, inputs) && good;
+  if (!options.html.empty()) good = WriteLastPage(options.html, inputs) && good;
   if (options.html.empty() || options.json) Show(options, inputs);
   return good ? ExitCode::Success : ExitCode::Failed;
 }
@@ -206,38 +222,88 @@ std::size_t EndedJobs(const Inputs& inputs) {
 }
 
 /// Goes on reading until it is interrupted, or all pipes have ended.
-ExitCode Follow(const Options& options, Inputs& inputs) {
-  const Interruption interruption;
-  if (!options.json) WatchAll(inputs);
-  bool pageIsOld = !options.html.empty();
-  ULONGLONG lastPage = 0;
-  std::size_t told = 0;
-  for (bool canGrow = true; canGrow;) {
+class Follower {
+ public:
+  Follower(const Options& options, Inputs& inputs)
+      : m_Options(options), m_Inputs(inputs), m_PageIsOld(!options.html.empty()) {}
+
+  ExitCode Run() {
+    if (!m_Options.json) WatchAll(m_Inputs);
+    DWORD pause = 0;
+    do {
+      const bool news = ReadWhatIsThere();
+      TellEnds();
+      m_PageIsOld = m_PageIsOld || (news && !m_Options.html.empty());
+      KeepPageFresh();
+      pause = news ? kShortestPauseMs : std::min(2 * pause + 1, kLongestPauseMs);
+    } while (CanGrow() && ::WaitForSingleObject(m_Interruption.Event(), pause) == WAIT_TIMEOUT);
+    return End();
+  }
+
+ private:
+  /// @return whether anything has come.
+  bool ReadWhatIsThere() {
     bool news = false;
-    canGrow = false;
-    for (const auto& input : inputs) {
-      news = ReadOn(*input) || news;
+    for (const auto& input : m_Inputs) {
+      const std::uint64_t before = input->log.Size();
+      for (int i = 0; i < kPiecesInARow && input->source.IsReady() && ReadPiece(*input); ++i) {
+      }
+      news = news || input->log.Size() != before;
       // One that is not there yet may come.
       input->isUnreadable = false;
-      canGrow = canGrow || input->source.CanGrow();
+      TellFailure(*input);
     }
     std::cout << std::flush;
-    pageIsOld = !options.html.empty() && (pageIsOld || news);
-    const std::size_t ended = EndedJobs(inputs);
-    if (options.json && ended != std::exchange(told, ended)) {
-      PrintJson(ReportOn(inputs), JsonLayout::OneLine, kReportVersion);
-    }
-    if (pageIsOld && ::GetTickCount64() - lastPage >= kBetweenPagesMs) {
-      if (!WritePage(options.html, inputs)) return ExitCode::Failed;
-      lastPage = ::GetTickCount64();
-      pageIsOld = false;
-    }
-    if (canGrow && ::WaitForSingleObject(interruption.Event(), kLookAgainMs) == WAIT_OBJECT_0) break;
+    return news;
   }
-  for (const auto& input : inputs) input->log.Finish();
-  if (!options.html.empty() && !WritePage(options.html, inputs)) return ExitCode::Failed;
-  return ExitCode::Success;
-}
+
+  /// Once: it may last.
+  void TellFailure(Input& input) {
+    const bool isNew = input.source.BrokeOff() && !input.failureIsTold;
+    input.failureIsTold = input.source.BrokeOff();
+    if (!isNew) return;
+    ReportFailure(input);
+    m_PageIsOld = !m_Options.html.empty();
+  }
+
+  void TellEnds() {
+    const std::size_t ended = EndedJobs(m_Inputs);
+    if (!m_Options.json || ended == std::exchange(m_Ended, ended)) return;
+    PrintJson(ReportOn(m_Inputs), JsonLayout::OneLine, kReportVersion);
+  }
+
+  void KeepPageFresh() {
+    if (!m_PageIsOld || ::GetTickCount64() - m_LastPage < kBetweenPagesMs) return;
+    const DWORD error = WritePage(m_Options.html, m_Inputs);
+    // Somebody may hold the page for a moment.
+    if (error != ERROR_SUCCESS && m_PageError == ERROR_SUCCESS) ReportUnwritable(m_Options.html, error);
+    m_PageError = error;
+    m_PageIsOld = error != ERROR_SUCCESS;
+    m_LastPage = ::GetTickCount64();
+  }
+
+  bool CanGrow() const {
+    return std::ranges::any_of(m_Inputs, [](const auto& input) { return input->source.CanGrow(); });
+  }
+
+  ExitCode End() {
+    bool good = true;
+    for (const auto& input : m_Inputs) {
+      input->log.Finish();
+      good = good && !input->source.BrokeOff();
+    }
+    if (!m_Options.html.empty()) good = WriteLastPage(m_Options.html, m_Inputs) && good;
+    return good ? ExitCode::Success : ExitCode::Failed;
+  }
+
+  const Options& m_Options;
+  Inputs& m_Inputs;
+  const Interruption m_Interruption;
+  bool m_PageIsOld;
+  DWORD m_PageError = ERROR_SUCCESS;
+  ULONGLONG m_LastPage = 0;
+  std::size_t m_Ended = 0;
+};
 
 int Run(std::vector<std::string> words) {
   CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed."};
@@ -276,7 +342,7 @@ int Run(std::vector<std::string> words) {
   for (const std::string& name : options.files) {
     for (const std::string& file : FilesNamed(name)) inputs.push_back(std::make_unique<Input>(file, others));
   }
-  return static_cast<int>(options.follow ? Follow(options, inputs) : ReadAll(options, inputs));
+  return static_cast<int>(options.follow ? Follower(options, inputs).Run() : ReadAll(options, inputs));
 }
 
 int RunProgram() {

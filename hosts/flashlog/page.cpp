@@ -158,17 +158,32 @@ ordered_json Timeline(const Job& job) {
           {"progress", progress}};
 }
 
+/// No text of a log may end the element that the data lies in.
+std::string ForScript(const ordered_json& document) {
+  const std::string text = document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  std::string safe;
+  safe.reserve(text.size());
+  for (const char letter : text) {
+    if (letter == '<') {
+      safe += "\\u003c";
+    } else {
+      safe += letter;
+    }
+  }
+  return safe;
+}
+
 ordered_json LogData(Log& log, TextTable& messages) {
   RecordColumns columns(messages);
   const Milliseconds begin = log.Begin().value_or(0);
   columns.BeginAt(begin);
-  for (const KeptRecord& record : log.Kept()) columns.Add(record);
   auto jobs = ordered_json::array();
   for (const Job& job : log.Jobs()) jobs.push_back(Timeline(job));
-  return {{"name", ReadableText(log.Name())}, {"size", log.Size()},
-          {"count", log.Records()},           {"end", log.End()},
-          {"flaws", AsJson(log)["flaws"]},    {"jobs", jobs},
-          {"records", columns.AsJson(begin)}};
+  for (const KeptRecord& record : log.Kept()) columns.Add(record);
+  const ordered_json report = AsJson(log);
+  return {{"name", report["name"]}, {"size", report["size"]},          {"count", report["records"]},
+          {"end", log.End()},       {"flaws", report["flaws"]},        {"broke_off", report["broke_off"]},
+          {"jobs", jobs},           {"records", columns.AsJson(begin)}};
 }
 
 ordered_json StageNames() {
@@ -185,21 +200,6 @@ ordered_json Troubles() {
     rows.push_back({NameOf(trouble.kind), trouble.meaning, trouble.whatToDo});
   }
   return rows;
-}
-
-/// No text of a log may end the element that the data lies in.
-std::string ForScript(const ordered_json& document) {
-  const std::string text = document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-  std::string safe;
-  safe.reserve(text.size());
-  for (const char letter : text) {
-    if (letter == '<') {
-      safe += "\\u003c";
-    } else {
-      safe += letter;
-    }
-  }
-  return safe;
 }
 
 /// Puts a text in the place of its mark in the template.

@@ -4,16 +4,21 @@ it ends.
 
 usage: flashlog_program_test.py SCHEMA SAMPLE PROGRAM WORD ...
 """
+import contextlib
 import json
 import pathlib
+import socket
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 import unittest
 
 import jsonschema
 
 SCHEMA, SAMPLE, *PROGRAM = sys.argv[1:]
+LONGEST_WAIT_SECONDS = 60
 
 
 def run(*words, log=None):
@@ -78,27 +83,113 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertIn(b"cannot be written", done.stderr)
 
+    def test_a_page_that_cannot_be_written_leaves_no_draft(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder, "page.html")
+            page.mkdir()
+            done = run("--html", page, SAMPLE)
+            self.assertEqual(done.returncode, 1)
+            self.assertEqual(list(pathlib.Path(folder).iterdir()), [page])
+
+    def test_a_log_that_breaks_off_is_shown_and_is_no_success(self):
+        half = self.sample[:self.sample.index(b"Could not download file")]
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder, "page.html")
+            with self.broken_input(half) as log:
+                done = subprocess.run([*PROGRAM, "--json", "--html", page], stdin=log, capture_output=True,
+                                      timeout=LONGEST_WAIT_SECONDS, check=False)
+            self.assertIn(b'"broke_off":"', page.read_bytes())
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"standard input cannot be read beyond byte %d" % len(half), done.stderr)
+        document = json.loads(done.stdout)
+        jsonschema.validate(document, self.schema, cls=jsonschema.Draft7Validator)
+        self.assertTrue(document["logs"][0]["broke_off"])
+        self.assertEqual(len(document["logs"][0]["jobs"]), 3)
+
+    def test_a_log_that_breaks_off_while_it_is_followed_is_no_success(self):
+        with self.broken_input(self.sample) as log:
+            done = subprocess.run([*PROGRAM, "--follow"], stdin=log, capture_output=True,
+                                  timeout=LONGEST_WAIT_SECONDS, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"flash 3 failed", done.stdout)
+        self.assertEqual(done.stderr.count(b"cannot be read beyond byte"), 1)
+
+    @staticmethod
+    def broken_input(text):
+        """Something to read from that fails behind the text: its other end goes away with something unread."""
+        reader, writer = socket.socketpair()
+        writer.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 2 * len(text))
+        writer.settimeout(LONGEST_WAIT_SECONDS)
+        writer.sendall(text)
+        reader.sendall(b"unread")
+        writer.close()
+        return reader
+
+    def test_a_pipe_is_followed_while_it_is_open(self):
+        half = self.sample.index(b"Could not download file")
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder, "page.html")
+            with self.follow("--html", page, "-", stdin=subprocess.PIPE) as program:
+                program.stdin.write(self.sample[:half])
+                program.stdin.flush()
+                self.await_line(program, b"flash 3 begins")
+                self.await_page(page, b'"state":"running"')
+                program.stdin.write(self.sample[half:])
+                program.stdin.close()
+                self.await_line(program, b"flash 3 failed")
+                self.assertEqual(program.wait(LONGEST_WAIT_SECONDS), 0)
+            self.assertNotIn(b'"state":"running"', page.read_bytes())
+
+    def test_an_open_pipe_holds_no_other_log_up(self):
+        with self.follow("-", SAMPLE, stdin=subprocess.PIPE) as program:
+            self.await_line(program, b"flash 3 failed")
+
+    def test_a_page_that_cannot_be_written_for_a_while_is_written_later(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder, "later", "page.html")
+            with self.follow("--html", page, SAMPLE, stderr=subprocess.PIPE) as program:
+                self.assertIn(b"The page ", program.stderr.readline())
+                page.parent.mkdir()
+                self.await_page(page, b"</html>")
+
+    @staticmethod
+    @contextlib.contextmanager
+    def follow(*words, **how):
+        """The program on its way; killed at the end, for nobody presses Ctrl+C, and when that does not come."""
+        with subprocess.Popen([*PROGRAM, "--follow", *words], stdout=subprocess.PIPE,
+                              **{"stdin": subprocess.DEVNULL, **how}) as program:
+            late = threading.Timer(LONGEST_WAIT_SECONDS, program.kill)
+            late.start()
+            try:
+                yield program
+            finally:
+                late.cancel()
+                program.kill()
+
+    def await_page(self, page, text):
+        end = time.monotonic() + LONGEST_WAIT_SECONDS
+        while time.monotonic() < end:
+            if page.exists() and text in page.read_bytes():
+                return
+            time.sleep(0.05)
+        self.fail(f"the page never had {text}")
+
     def test_a_growing_log_is_followed_also_when_it_begins_anew(self):
         half = self.sample.index(b"Could not download file")
         with tempfile.TemporaryDirectory() as folder:
             log, page = pathlib.Path(folder, "growing.log"), pathlib.Path(folder, "page.html")
             log.write_bytes(self.sample[:half])
-            with subprocess.Popen([*PROGRAM, "--follow", "--html", page, log], stdout=subprocess.PIPE,
-                                  stdin=subprocess.DEVNULL) as program:
-                self.addCleanup(program.stdout.close)
-                try:
-                    self.await_line(program, b"writing, attempt 1")
-                    self.await_line(program, b"flash 2 succeeded")
-                    self.await_line(program, b"flash 3 begins")
-                    with log.open("ab") as more:
-                        more.write(self.sample[half:])
-                    self.await_line(program, b"error: Could not download file")
-                    self.await_line(program, b"flash 3 failed")
-                    log.write_bytes(self.sample[:half])
-                    self.await_line(program, b"flash 4 begins")
-                    self.assertIn(b"</html>", page.read_bytes())
-                finally:
-                    program.kill()
+            with self.follow("--html", page, log) as program:
+                self.await_line(program, b"writing, attempt 1")
+                self.await_line(program, b"flash 2 succeeded")
+                self.await_line(program, b"flash 3 begins")
+                with log.open("ab") as more:
+                    more.write(self.sample[half:])
+                self.await_line(program, b"error: Could not download file")
+                self.await_line(program, b"flash 3 failed")
+                log.write_bytes(self.sample[:half])
+                self.await_line(program, b"flash 4 begins")
+                self.assertIn(b"</html>", page.read_bytes())
 
     def await_line(self, program, text):
         for line in program.stdout:

@@ -2,13 +2,19 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "hosts/flashlog/log_reader.h"
 #include "hosts/flashlog/log_source.h"
 #include "hosts/flashlog_text.h"
+#include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 
 namespace hosts::flashlog {
@@ -320,6 +326,172 @@ TEST_F(LogSourceTest, HoldsNobodyUp) {
   All(source);
 
   EXPECT_TRUE(::DeleteFileW(path.c_str()));
+}
+
+/// Reading that fails from a place of the file on, as on a share whose server is gone.
+class BrokenLogSourceTest : public LogSourceTest {
+ protected:
+  BrokenLogSourceTest() {
+    s_brokenFrom = kNowhere;
+    patch.Replace("ReadFile", &BreakingReadFile);
+  }
+
+  static constexpr std::uint64_t kNowhere = std::numeric_limits<std::uint64_t>::max();
+  static std::uint64_t s_brokenFrom;
+
+ private:
+  static BOOL WINAPI BreakingReadFile(HANDLE file, void* buffer, DWORD size, DWORD* length,
+                                      OVERLAPPED* place) {
+    using Function = BOOL(WINAPI*)(HANDLE, void*, DWORD, DWORD*, OVERLAPPED*);
+    static const auto readFile = reinterpret_cast<Function>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "ReadFile")));
+    if (place->Offset >= s_brokenFrom) {
+      ::SetLastError(ERROR_NETNAME_DELETED);
+      return FALSE;
+    }
+    const std::uint64_t good = s_brokenFrom - place->Offset;
+    return readFile(file, buffer, static_cast<DWORD>(std::min<std::uint64_t>(size, good)), length, place);
+  }
+
+  simulator::ImportPatch patch{::GetModuleHandleW(nullptr)};
+};
+
+std::uint64_t BrokenLogSourceTest::s_brokenFrom = kNowhere;
+
+TEST_F(BrokenLogSourceTest, WhatCannotBeReadInTheMiddleIsToldAndReadWhenItCan) {
+  Put("the first half, the second half");
+  LogSource source(ToUtf8(path));
+  s_brokenFrom = 14;
+  EXPECT_EQ(All(source), "the first half!");
+  EXPECT_TRUE(source.BrokeOff());
+  EXPECT_EQ(source.Error(), DWORD{ERROR_NETNAME_DELETED});
+
+  s_brokenFrom = kNowhere;
+
+  EXPECT_EQ(All(source), ", the second half");
+  EXPECT_FALSE(source.BrokeOff());
+}
+
+TEST_F(BrokenLogSourceTest, AFileOfWhichNothingCanBeReadAnyMoreHasNotBegunAnew) {
+  Put("one");
+  LogSource source(ToUtf8(path));
+  EXPECT_EQ(All(source), "one");
+
+  s_brokenFrom = 0;
+
+  EXPECT_EQ(All(source), "!");
+  EXPECT_TRUE(source.BrokeOff());
+}
+
+TEST_F(LogSourceTest, AFileThatIsNotThereHasNotBrokenOff) {
+  LogSource source(ToUtf8(path));
+
+  EXPECT_EQ(All(source), "!");
+  EXPECT_FALSE(source.BrokeOff());
+}
+
+/// A pipe in the place of standard input.
+class InputSourceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    HANDLE reading = nullptr;
+    HANDLE writing = nullptr;
+    ASSERT_TRUE(::CreatePipe(&reading, &writing, nullptr, 0));
+    reader.reset(reading);
+    writer.reset(writing);
+    ::SetStdHandle(STD_INPUT_HANDLE, reading);
+  }
+  void TearDown() override { ::SetStdHandle(STD_INPUT_HANDLE, before); }
+
+  void Write(const std::string& text) {
+    DWORD written = 0;
+    ASSERT_TRUE(::WriteFile(writer.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
+  }
+
+  /// Until then somebody reads from the pipe.
+  void ExpectEnd(LogSource& source) {
+    writer.reset();
+    EXPECT_EQ(source.Read(), LogSource::Outcome::Nothing);
+  }
+  /// Somebody else reads, so it takes a moment.
+  static bool BecomesReady(const LogSource& source) {
+    constexpr int kMostLooks = 10'000;
+    for (int i = 0; i < kMostLooks && !source.IsReady(); ++i) ::Sleep(1);
+    return source.IsReady();
+  }
+
+  HANDLE before = ::GetStdHandle(STD_INPUT_HANDLE);
+  OwnedHandle reader;
+  OwnedHandle writer;
+};
+
+TEST_F(InputSourceTest, AnEmptyPipeIsNotReadyAndMayGrow) {
+  LogSource source("-");
+
+  EXPECT_FALSE(source.IsReady());
+  EXPECT_TRUE(source.CanGrow());
+  ExpectEnd(source);
+}
+
+TEST_F(InputSourceTest, APipeIsReadyWhenSomebodyHasWritten) {
+  LogSource source("-");
+
+  Write("one");
+
+  ASSERT_TRUE(BecomesReady(source));
+  EXPECT_EQ(source.Read(), LogSource::Outcome::Bytes);
+  EXPECT_EQ(source.Bytes(), "one");
+  EXPECT_FALSE(source.IsReady());
+  EXPECT_TRUE(source.CanGrow());
+  ExpectEnd(source);
+}
+
+TEST_F(InputSourceTest, ReadingWaitsForWhatIsWritten) {
+  LogSource source("-");
+  std::thread writing([this] { Write("one"); });
+
+  EXPECT_EQ(source.Read(), LogSource::Outcome::Bytes);
+  EXPECT_EQ(source.Bytes(), "one");
+  writing.join();
+  ExpectEnd(source);
+}
+
+TEST_F(InputSourceTest, MoreThanIsKeptComesWholeAndInOrder) {
+  std::string text;
+  while (text.size() < 5'000'000) text += std::to_string(text.size()) + " ";
+  LogSource source("-");
+  std::thread writing([&] {
+    Write(text);
+    writer.reset();
+  });
+
+  std::string seen;
+  while (source.Read() == LogSource::Outcome::Bytes) seen += source.Bytes();
+  writing.join();
+
+  EXPECT_TRUE(seen == text);
+}
+
+TEST_F(InputSourceTest, APipeWithoutAWriterEndsOnce) {
+  LogSource source("-");
+
+  writer.reset();
+
+  ASSERT_TRUE(BecomesReady(source));
+  EXPECT_EQ(source.Read(), LogSource::Outcome::Nothing);
+  EXPECT_FALSE(source.CanGrow());
+  EXPECT_FALSE(source.IsReady());
+  EXPECT_FALSE(source.BrokeOff());
+}
+
+TEST_F(InputSourceTest, AnInputThatCannotBeReadIsToldOnce) {
+  ::SetStdHandle(STD_INPUT_HANDLE, writer.get());
+  LogSource source("-");
+
+  EXPECT_EQ(source.Read(), LogSource::Outcome::Failed);
+  EXPECT_TRUE(source.BrokeOff());
+  EXPECT_EQ(source.Read(), LogSource::Outcome::Nothing);
+  EXPECT_TRUE(source.BrokeOff());
 }
 
 }  // namespace

@@ -72,6 +72,15 @@ TEST(FlashlogTextTest, ALogWithoutAFlashSaysSo) {
   EXPECT_THAT(Table(LogText().Trace("A::B", "x"), 80), testing::HasSubstr("There is no flash in it."));
 }
 
+TEST(FlashlogTextTest, ALogThatCouldNotBeReadToItsEndSaysSo) {
+  Log log("test.log", std::nullopt);
+  log.Take(LogText().Trace("A::B", "x").Text());
+  log.BreakOff("The network is gone");
+
+  EXPECT_THAT(JobTable(log, 80), testing::HasSubstr("Not read beyond byte " + std::to_string(log.Size()) +
+                                                    ": The network is gone.\n"));
+}
+
 TEST(FlashlogTextTest, AWordThatIsLongerThanALineIsBrokenBetweenLetters) {
   EXPECT_EQ(Wrapped("\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F", 3, "", ""), "\xC3\xA4\xC3\xB6\xC3\xBC\n\xC3\x9F\n");
   EXPECT_EQ(Wrapped("one two three", 7, "", "  "), "one two\n  three\n");

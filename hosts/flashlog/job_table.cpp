@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "hosts/common/text_layout.h"
+#include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
 
@@ -135,7 +136,7 @@ class Printer {
   static std::string ResultText(const Job& job) {
     std::string text = NameOf(job.state);
     if (job.state != JobState::Succeeded && !job.attempts.empty())
-      text += " at " + std::to_string(job.HighestProgress()) + " %";
+      text += " at " + std::to_string(job.highestProgress) + " %";
     if (job.beginMissing) text += ", its beginning is missing";
     return text;
   }

@@ -368,6 +368,8 @@ void JobTracker::TakeResult(int result, const Record& record) {
 
 void JobTracker::TakeProgress(int percent, const Record& record) {
   if (!m_Open) return;
+  Current().highestProgress = std::max(Current().highestProgress, percent);
+  if (!m_KeepsCurves) return;
   std::vector<ProgressPoint>& progress = Current().progress;
   if (progress.empty() || progress.back().percent != percent) {
     AddBounded(progress, {.time = record.time, .percent = percent});
@@ -415,10 +417,6 @@ const char* TokenOf(JobState state) {
 const char* NameOf(JobState state) {
   constexpr std::array<const char*, 5> kNames{"not ended", "succeeded", "failed", "no images", "cut short"};
   return kNames.at(static_cast<std::size_t>(state));
-}
-
-int Job::HighestProgress() const {
-  return progress.empty() ? 0 : std::ranges::max(progress, {}, &ProgressPoint::percent).percent;
 }
 
 }  // namespace hosts::flashlog

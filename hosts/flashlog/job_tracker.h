@@ -52,6 +52,9 @@ struct Place {
 /// Follows the records of one log and makes out its jobs.
 class JobTracker {
  public:
+  /// @param keepsCurves whether the jobs have their percentages over time, which need the most memory.
+  explicit JobTracker(bool keepsCurves) : m_KeepsCurves(keepsCurves) {}
+
   Place Take(const Record& record);
   /// The log is over, or begins anew. A job that has not ended stays as running, or as cut short when
   /// `goesOn`.
@@ -76,6 +79,7 @@ class JobTracker {
   bool IsWorker(const Record& record) const { return record.thread == m_Worker; }
   Job& Current() { return m_Jobs.back(); }
 
+  bool m_KeepsCurves;
   std::vector<Job> m_Jobs;
   bool m_Open = false;
   /// The result stands; only the tidying up follows.

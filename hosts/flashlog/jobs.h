@@ -102,6 +102,8 @@ struct Job {
   std::string version{};  ///< of the library; empty when the log does not tell
   std::vector<Stage> stages;
   std::vector<Attempt> attempts;
+  int highestProgress = 0;
+  /// The percentages over time, where they are wanted.
   std::vector<ProgressPoint> progress;
   std::vector<Moment> moments;
   /// The first cause, or the first error when none is known as one.
@@ -109,8 +111,6 @@ struct Job {
   std::uint64_t records = 0;
   std::uint64_t errors = 0;  ///< without those that are none
   std::uint64_t warnings = 0;
-
-  int HighestProgress() const;
 };
 
 }  // namespace hosts::flashlog

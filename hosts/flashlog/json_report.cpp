@@ -1,5 +1,7 @@
 #include "hosts/flashlog/json_report.h"
 
+#include "hosts/flashlog/readable_text.h"
+
 namespace hosts::flashlog {
 
 namespace {
@@ -71,7 +73,7 @@ ordered_json AsJson(const Job& job) {
           {"duration_s", Seconds(job.end - job.begin)},
           {"state", TokenOf(job.state)},
           {"result", NumberOrNull(job.result)},
-          {"progress", job.HighestProgress()},
+          {"progress", job.highestProgress},
           {"attempts", AsArray(job.attempts)},
           {"stages", AsArray(job.stages)},
           {"retries", Count(job, MomentKind::Retry)},

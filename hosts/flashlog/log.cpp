@@ -1,23 +1,14 @@
 #include "hosts/flashlog/log.h"
 
-#include <windows.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <utility>
 
-#include "hosts/common/text.h"
-
 namespace hosts::flashlog {
 
 namespace {
-
-bool IsUtf8(std::string_view text) {
-  return ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
-                               nullptr, 0) != 0;
-}
 
 template <typename... Values>
 std::string Formatted(const char* format, Values... values) {
@@ -28,9 +19,11 @@ std::string Formatted(const char* format, Values... values) {
 
 }  // namespace
 
-Log::Log(std::string name, std::optional<std::size_t> mostOthers)
-    : m_Name(std::move(name)), m_Reader([this](const Record& record) { TakeRecord(record); }) {
-  if (mostOthers) m_Store.emplace(*mostOthers);
+Log::Log(std::string name, std::optional<PageLimits> page)
+    : m_Name(std::move(name)),
+      m_Reader([this](const Record& record) { TakeRecord(record); }),
+      m_Tracker(page.has_value()) {
+  if (page) m_Store.emplace(*page);
 }
 
 void Log::Take(std::string_view bytes) {
@@ -44,9 +37,9 @@ void Log::Finish(bool goesOn) {
   m_Tracker.Finish(goesOn);
 }
 
-const std::vector<KeptRecord>& Log::Kept() {
+const std::vector<KeptRecord>& Log::Kept(std::size_t taken) {
   static const std::vector<KeptRecord> none;
-  return m_Store ? m_Store->Records() : none;
+  return m_Store ? m_Store->Records(taken) : none;
 }
 
 void Log::TakeRecord(const Record& record) {
@@ -105,14 +98,6 @@ std::string DurationText(Milliseconds duration) {
     return Formatted("%d min %02d s", static_cast<int>(seconds / 60), static_cast<int>(seconds % 60));
   }
   return Formatted("%d h %02d min", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60));
-}
-
-std::string ReadableText(std::string_view text) {
-  std::string readable = text.empty() || IsUtf8(text) ? std::string(text) : ToUtf8(FromAnsi(text));
-  for (char& letter : readable) {
-    if (static_cast<unsigned char>(letter) < ' ') letter = letter == '\n' ? '\n' : ' ';
-  }
-  return readable;
 }
 
 }  // namespace hosts::flashlog

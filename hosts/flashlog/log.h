@@ -30,10 +30,10 @@ class Log {
  public:
   using Watcher = std::function<void(const Record&, const Place&)>;
 
-  /// @param name       what people know the log by
-  /// @param mostOthers how many records besides errors, warnings and stages are kept; nothing keeps none at
-  /// all.
-  Log(std::string name, std::optional<std::size_t> mostOthers);
+  /// @param name what people know the log by
+  /// @param page what a page of it is to have; without one neither records nor curves of the progress are
+  /// kept.
+  Log(std::string name, std::optional<PageLimits> page);
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
 
@@ -57,7 +57,8 @@ class Log {
   std::optional<Milliseconds> Begin() const { return m_Begin; }
   Milliseconds End() const { return m_End; }
   const std::vector<Job>& Jobs() const { return m_Tracker.Jobs(); }
-  const std::vector<KeptRecord>& Kept();
+  /// @param taken what else of the log takes bytes of its page.
+  const std::vector<KeptRecord>& Kept(std::size_t taken = 0);
 
  private:
   void TakeRecord(const Record& record);
@@ -82,7 +83,5 @@ std::string TimeTextToSeconds(Milliseconds time);
 std::string ClockText(Milliseconds time);
 /// "0.4 s", "27.8 s", "3 min 05 s", "2 h 03 min".
 std::string DurationText(Milliseconds duration);
-/// In UTF-8 and without control characters; what is not UTF-8 is taken for the system's code page.
-std::string ReadableText(std::string_view text);
 
 }  // namespace hosts::flashlog

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -40,7 +41,6 @@ constexpr char kFooter[] =
     "Exit status: 0 all was read (and written), 1 not so, 2 wrong usage.";
 
 constexpr std::size_t kUsualColumns = 80;
-constexpr std::size_t kUsualOthers = 8000;
 /// Behind bytes the next ones are looked for soon, then less and less often.
 constexpr DWORD kShortestPauseMs = 1;
 constexpr DWORD kLongestPauseMs = 250;
@@ -55,14 +55,14 @@ struct Options {
   std::string html;
   bool json = false;
   bool follow = false;
-  std::size_t others = kUsualOthers;
+  PageLimits page;
   std::size_t columns = 0;  ///< 0: as the terminal has
 };
 
 /// A log with the place that its bytes come from.
 struct Input {
-  Input(std::string path, std::optional<std::size_t> others)
-      : source(path), log(path == "-" ? "standard input" : std::move(path), others) {}
+  Input(std::string path, std::optional<PageLimits> page)
+      : source(path), log(path == "-" ? "standard input" : std::move(path), page) {}
 
   LogSource source;
   Log log;
@@ -320,10 +320,11 @@ int Run(std::vector<std::string> words) {
   program.add_flag("--follow", options.follow,
                    "Tell what comes until Ctrl+C; with --json a document behind each end of a flash");
   program
-      .add_option("--records", options.others,
-                  "How many records a page shows of each log besides errors, warnings and stages")
-      ->check(CLI::Range(0, 1'000'000))
-      ->capture_default_str();
+      .add_option(
+          "--records", options.page.others,
+          "How many records a page shows of each log besides errors, warnings and stages, whatever they "
+          "take; without it 8000 at most, in a page of at most 5 MB of a log")
+      ->check(CLI::Range(0, 1'000'000));
   program.add_option("--width", options.columns, "Columns of the table (default: the window's, or 80)")
       ->check(CLI::Range(20, 1000));
   try {
@@ -337,10 +338,11 @@ int Run(std::vector<std::string> words) {
   }
   if (options.files.empty()) options.files.emplace_back("-");
 
-  const auto others = options.html.empty() ? std::nullopt : std::optional(options.others);
+  if (program.count("--records") != 0) options.page.bytes = std::numeric_limits<std::size_t>::max();
+  const auto page = options.html.empty() ? std::nullopt : std::optional(options.page);
   Inputs inputs;
   for (const std::string& name : options.files) {
-    for (const std::string& file : FilesNamed(name)) inputs.push_back(std::make_unique<Input>(file, others));
+    for (const std::string& file : FilesNamed(name)) inputs.push_back(std::make_unique<Input>(file, page));
   }
   return static_cast<int>(options.follow ? Follower(options, inputs).Run() : ReadAll(options, inputs));
 }

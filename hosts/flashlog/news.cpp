@@ -1,5 +1,7 @@
 #include "hosts/flashlog/news.h"
 
+#include "hosts/flashlog/readable_text.h"
+
 namespace hosts::flashlog {
 
 std::string News::Behind(const Log& log, const Record& record, const Place& place) {

@@ -9,6 +9,7 @@
 
 #include "hosts/flashlog/json_report.h"
 #include "hosts/flashlog/page_template.h"
+#include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
 
@@ -145,7 +146,7 @@ ordered_json Timeline(const Job& job) {
           {"length", job.end - job.begin},
           {"state", TokenOf(job.state)},
           {"state_name", NameOf(job.state)},
-          {"highest", job.HighestProgress()},
+          {"highest", job.highestProgress},
           {"result", job.result ? ordered_json(*job.result) : ordered_json()},
           {"errors", job.errors},
           {"warnings", job.warnings},
@@ -179,7 +180,7 @@ ordered_json LogData(Log& log, TextTable& messages) {
   columns.BeginAt(begin);
   auto jobs = ordered_json::array();
   for (const Job& job : log.Jobs()) jobs.push_back(Timeline(job));
-  for (const KeptRecord& record : log.Kept()) columns.Add(record);
+  for (const KeptRecord& record : log.Kept(ForScript(jobs).size())) columns.Add(record);
   const ordered_json report = AsJson(log);
   return {{"name", report["name"]}, {"size", report["size"]},          {"count", report["records"]},
           {"end", log.End()},       {"flaws", report["flaws"]},        {"broke_off", report["broke_off"]},

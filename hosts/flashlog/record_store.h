@@ -29,30 +29,54 @@ struct KeptRecord {
   Flaw flaw = Flaw::None;
   Place place;
 
-  /// Whether it is there whatever the limit.
+  /// Whether it is there whatever the limits.
   bool IsImportant() const {
-    return level == Level::Error || level == Level::Warning || place.stage || place.trouble != nullptr;
+    return leftOut == 0 &&
+           (level == Level::Error || level == Level::Warning || place.stage || place.trouble != nullptr);
   }
+  /// Whether it is there because it is not in order.
+  bool IsFlawed() const { return leftOut == 0 && !IsImportant() && flaw != Flaw::None; }
+  bool IsOther() const { return leftOut == 0 && !IsImportant() && flaw == Flaw::None; }
 };
 
-/// Keeps the records of a log for its page: all errors, warnings and stages, and of the others the newest,
-/// since the last flash is mostly the one that is asked for.
+/// How much of a log its page has.
+struct PageLimits {
+  /// Records that are kept besides errors, warnings, stages and what is not in order.
+  std::size_t others = 8000;
+  /// What one log may take of the page. Errors, warnings and stages are there all the same, with shorter
+  /// texts.
+  std::size_t bytes = 4'600'000;
+};
+
+/// Keeps the records of a log for its page: all errors, warnings and stages; of what is not in order the
+/// first and the last; of the others the newest, since the last flash is mostly the one that is asked for.
 class RecordStore {
  public:
-  /// @param mostOthers how many records are kept that are no errors, warnings or stages.
-  explicit RecordStore(std::size_t mostOthers) : m_MostOthers(mostOthers) {}
+  /// Of pieces that are not in order, and are no errors, warnings or stages.
+  static constexpr std::size_t kMostFlawed = 1000;
+
+  explicit RecordStore(PageLimits limits);
 
   void Take(const Record& record, const Place& place);
 
   /// In the order of the log, with what is left out in between.
-  const std::vector<KeptRecord>& Records();
+  /// @param taken what else of the log takes bytes of its page.
+  const std::vector<KeptRecord>& Records(std::size_t taken);
 
  private:
-  void Thin();
+  void FitInto(std::size_t bytes);
+  void ShortenTexts(std::size_t bytes);
+  void LeaveOutExcess(std::size_t mostOthers);
 
-  std::size_t m_MostOthers;
-  std::size_t m_Others = 0;
+  PageLimits m_Limits;
   std::vector<KeptRecord> m_Records;
+  std::size_t m_Others = 0;
+  std::size_t m_Flawed = 0;
+  /// What a lasting record keeps of each of its texts; less with each time that they are too many.
+  std::size_t m_LongestText;
+  /// Bytes of the lasting records' texts, and at how many of them it is looked whether these are too many.
+  std::size_t m_LastingBytes = 0;
+  std::size_t m_LookAtBytes;
 };
 
 }  // namespace hosts::flashlog

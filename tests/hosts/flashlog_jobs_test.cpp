@@ -1,9 +1,15 @@
 #include <gmock/gmock.h>
 
+#include <cstddef>
+#include <fstream>
+#include <iterator>
+#include <limits>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hosts/flashlog/log.h"
+#include "hosts/flashlog/page.h"
 #include "hosts/flashlog_text.h"
 
 namespace hosts::flashlog {
@@ -48,7 +54,7 @@ TEST_F(FlashlogJobsTest, ASuccessfulFlashHasItsStagesAndItsResult) {
   EXPECT_EQ(job.stages[6].limit, 23'000);
   ASSERT_THAT(job.attempts, SizeIs(1));
   EXPECT_EQ(job.attempts[0].outcome, AttemptOutcome::Succeeded);
-  EXPECT_EQ(job.HighestProgress(), 100);
+  EXPECT_EQ(job.highestProgress, 100);
   EXPECT_FALSE(job.firstError);
   EXPECT_EQ(job.errors, 0U) << "the deletion of the images is none, whatever its level";
 }
@@ -220,7 +226,7 @@ TEST_F(FlashlogJobsTest, AClockThatIsSetBackGivesNoNegativeLength) {
 }
 
 TEST_F(FlashlogJobsTest, ForeignLinesWithinAFlashBelongToIt) {
-  Log kept("test.log", 10);
+  Log kept("test.log", PageLimits{.others = 10});
   kept.Take(LogText().Request().Raw("foreign\r\n").Text());
   kept.Finish();
 
@@ -233,10 +239,57 @@ TEST_F(FlashlogJobsTest, ALogWithoutAFlashHasNone) {
   EXPECT_THAT(JobsOf(LogText().Trace("A::B", "something")), IsEmpty());
 }
 
+TEST_F(FlashlogJobsTest, WithoutAPageOnlyTheHighestPercentageIsKept) {
+  const Job& job = JobsOf(LogText().Request().AttemptBegins().Progress(30).Progress(70).Progress(50)).at(0);
+
+  EXPECT_EQ(job.highestProgress, 70);
+  EXPECT_THAT(job.progress, IsEmpty());
+}
+
+TEST_F(FlashlogJobsTest, ForAPageTheCurveIsKept) {
+  Log kept("test.log", PageLimits{});
+  kept.Take(LogText().Request().AttemptBegins().Progress(30).Progress(70).Progress(50).Text());
+
+  EXPECT_THAT(kept.Jobs().at(0).progress, SizeIs(3));
+}
+
+std::string SampleLog() {
+  std::ifstream file(std::string(TEST_DATA) + "/flashlog/sample.log", std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(LogTest, ALogThatIsCutAnywhereLosesNothingInFrontOfTheCut) {
+  constexpr std::size_t kStep = 1997;
+  const std::string sample = SampleLog();
+  ASSERT_GT(sample.size(), 50 * kStep);
+  for (std::size_t end = 1; end < sample.size(); end += kStep) {
+    Log log("test.log", PageLimits{});
+    log.Take(std::string_view(sample).substr(0, end));
+    log.Finish();
+
+    ASSERT_THAT(log.Kept(), testing::Not(IsEmpty())) << end;
+    const KeptRecord& last = log.Kept().back();
+    ASSERT_EQ(last.offset + last.size, end);
+    ASSERT_LE(log.Flaws().Sum(), 1U) << end;
+    ASSERT_TRUE(log.Flaws().Sum() == 0 || last.flaw != Flaw::None) << end;
+  }
+}
+
+TEST(LogTest, ThatItBrokeOffIsForgottenWhenItGoesOn) {
+  Log log("test.log", std::nullopt);
+  log.Take(LogText().Trace("A::B", "one").Text());
+  log.BreakOff("The network is gone");
+  EXPECT_EQ(log.BrokeOff(), "The network is gone");
+
+  log.Take(LogText().Trace("A::B", "two").Text());
+
+  EXPECT_EQ(log.BrokeOff(), "");
+}
+
 // --- What is kept for a page -----------------------------------------------------------------------------
 
 TEST(RecordStoreTest, KeepsAllErrorsAndTheNewestTraces) {
-  Log log("test.log", 3);
+  Log log("test.log", PageLimits{.others = 3});
   LogText text;
   for (int i = 0; i < 5000; ++i) {
     text.Trace("A::B", "trace " + std::to_string(i));
@@ -264,11 +317,116 @@ TEST(RecordStoreTest, KeepsAllErrorsAndTheNewestTraces) {
 }
 
 TEST(RecordStoreTest, ALongMessageIsCutAndToldSo) {
-  Log log("test.log", 3);
+  Log log("test.log", PageLimits{.others = 3});
   log.Take(LogText().Error("A::B", std::string(5000, 'x')).Text());
   log.Finish();
 
   EXPECT_EQ(log.Kept().at(0).messageCut, 3000U);
+}
+
+std::string Filled(const std::string& begin, std::size_t size) {
+  return begin + std::string(size - begin.size(), 'x');
+}
+
+/// Kept records of one kind.
+template <typename Predicate>
+std::vector<std::string> Messages(Log& log, Predicate predicate) {
+  std::vector<std::string> messages;
+  for (const KeptRecord& record : log.Kept()) {
+    if (predicate(record)) messages.push_back(record.message);
+  }
+  return messages;
+}
+
+TEST(RecordStoreTest, WhatIsNotInOrderIsKeptInFrontOfManyTraces) {
+  Log log("test.log", PageLimits{});
+  LogText text;
+  text.Raw("foreign\r\n").Raw(text.Begin("Trace", "A::B") + "half\r\n");
+  for (int i = 0; i < 20'000; ++i) text.Trace("A::B", "trace");
+  log.Take(text.Text());
+  log.Finish();
+
+  ASSERT_THAT(log.Kept(), SizeIs(2 + 1 + 8000));
+  EXPECT_EQ(log.Kept()[0].message, "foreign");
+  EXPECT_EQ(log.Kept()[1].flaw, Flaw::Truncated);
+  EXPECT_EQ(log.Kept()[2].leftOut, 12'000U);
+}
+
+TEST(RecordStoreTest, OfManyForeignLinesTheFirstAndTheLastAreKept) {
+  Log log("test.log", PageLimits{});
+  LogText text;
+  for (int i = 0; i < 5000; ++i) text.Raw("line " + std::to_string(i) + "\r\n");
+  log.Take(text.Text());
+  log.Finish();
+
+  const auto lines = Messages(log, [](const KeptRecord& record) { return record.IsFlawed(); });
+
+  ASSERT_THAT(lines, SizeIs(RecordStore::kMostFlawed));
+  EXPECT_EQ(lines.front(), "line 0");
+  EXPECT_EQ(lines[499], "line 499");
+  EXPECT_EQ(lines[500], "line 4500");
+  EXPECT_EQ(lines.back(), "line 4999");
+}
+
+constexpr std::size_t kBiggestPage = 5'000'000;
+
+TEST(RecordStoreTest, LongTracesThatAreAllDifferentFitIntoAPage) {
+  Log log("test.log", PageLimits{});
+  for (int i = 0; i < 9000; ++i) {
+    log.Take(LogText().Trace("A::B", Filled("<" + std::to_string(i) + ">", 2000)).Text());
+  }
+  log.Finish();
+
+  const auto kept = Messages(log, [](const KeptRecord& record) { return record.IsOther(); });
+
+  ASSERT_THAT(kept, testing::Not(IsEmpty()));
+  EXPECT_THAT(kept.back(), testing::StartsWith("<8999>"));
+  const std::size_t size = Page({&log}).size();
+  EXPECT_LE(size, kBiggestPage);
+  EXPECT_GE(size, kBiggestPage * 8 / 10) << "the room is used";
+}
+
+TEST(RecordStoreTest, LongErrorsThatAreAllDifferentStayWithShorterTexts) {
+  Log log("test.log", PageLimits{});
+  for (int i = 0; i < 3000; ++i) {
+    log.Take(LogText().Trace("A::B", "trace").Error("A::B", Filled(std::to_string(i) + ":", 2000)).Text());
+  }
+  log.Finish();
+
+  const auto errors = Messages(log, [](const KeptRecord& record) { return record.level == Level::Error; });
+
+  ASSERT_THAT(errors, SizeIs(3000));
+  EXPECT_THAT(errors.front(), testing::StartsWith("0:xxx"));
+  EXPECT_LE(Page({&log}).size(), kBiggestPage);
+  EXPECT_GT(log.Kept().back().messageCut, 0U);
+  EXPECT_EQ(log.Kept().back().message.size() + log.Kept().back().messageCut, 2000U);
+}
+
+TEST(RecordStoreTest, JobsTakeOfTheRoomOfTheTraces) {
+  Log log("test.log", PageLimits{.others = 8000, .bytes = 600'000});
+  for (int i = 0; i < 1000; ++i) log.Take(LogText().Trace("A::B", Filled(std::to_string(i), 500)).Text());
+  log.Finish();
+  const std::size_t all = log.Kept().size();
+
+  EXPECT_LT(log.Kept(300'000).size(), all);
+}
+
+TEST(RecordStoreTest, WhoAsksForAllGetsAll) {
+  Log log("test.log", PageLimits{.others = 9000, .bytes = std::numeric_limits<std::size_t>::max()});
+  for (int i = 0; i < 5000; ++i) {
+    log.Take(LogText().Trace("A::B", Filled(std::to_string(i), 2000)).Text());
+  }
+  log.Finish();
+
+  EXPECT_THAT(log.Kept(), SizeIs(5000));
+}
+
+TEST(RecordStoreTest, NoLetterIsCutInTwo) {
+  Log log("test.log", PageLimits{});
+  log.Take(LogText().Trace("A::B", std::string(1999, 'x') + "\xC3\xA4").Text());
+  log.Finish();
+
+  EXPECT_EQ(log.Kept().at(0).message, std::string(1999, 'x'));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "hosts/flashlog/job_table.h"
 #include "hosts/flashlog/log.h"
 #include "hosts/flashlog/news.h"
+#include "hosts/flashlog/readable_text.h"
 #include "hosts/flashlog_text.h"
 
 namespace hosts::flashlog {

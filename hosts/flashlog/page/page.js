@@ -128,11 +128,17 @@ function drawHead() {
 
   const words = {foreign: "foreign line", malformed: "malformed record", truncated: "truncated record",
                  cut: "overlong record"};
-  const lines = logs.map((log) => {
-    const found = Object.entries(log.flaws).filter(([, count]) => count > 0)
-      .map(([kind, count]) => counted(count, words[kind]));
-    return found.length === 0 ? null : (logs.length > 1 ? `${log.name}: ` : "") + `Not in order: ${found.join(", ")}.`;
-  }).filter((line) => line !== null);
+  const lines = [];
+  logs.forEach((log, index) => {
+    const name = logs.length > 1 ? `${log.name}: ` : "";
+    if (log.broke_off) lines.push(`${name}Not read beyond byte ${grouped(log.size)}: ${log.broke_off}.`);
+    const found = Object.entries(log.flaws).filter(([, count]) => count > 0);
+    if (found.length === 0) return;
+    const all = found.reduce((sum, [, count]) => sum + count, 0);
+    const here = records.filter((record) => record.log === index && record.flaw).length;
+    lines.push(`${name}Not in order: ${found.map(([kind, count]) => counted(count, words[kind])).join(", ")}.` +
+      (here < all ? ` ${grouped(here)} of them are below, the first and the last; the others stand in the log.` : ""));
+  });
   if (lines.length === 0) return;
   byId("flaws").hidden = false;
   byId("flaws").append(...lines.map((line) => html("p", {}, line)));
@@ -509,8 +515,10 @@ function drawRecords() {
   const real = shown.filter((record) => !record.leftOut);
   const kept = records.filter((record) => !record.leftOut).length;
   const left = records.reduce((sum, record) => sum + (record.leftOut || 0), 0);
+  const cut = records.filter((record) => record.cut).length;
   byId("count").textContent = `${counted(real.length, "record")} of ${grouped(kept)} shown` +
-    (left > 0 ? `; ${counted(left, "trace")} are left out of this page and stand in the log` : "");
+    (left > 0 ? `; ${grouped(left)} more are left out of this page and stand in the log` : "") +
+    (cut > 0 ? `; ${counted(cut, "long message")} ${cut === 1 ? "is" : "are"} shortened` : "");
   const list = byId("list");
   list.replaceChildren(...shown.slice(firstDrawn, lastDrawn).map(drawRecord));
   document.querySelector(".earlier")?.remove();

@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """The page of corvel_flashlog in a browser: clicks, filters, keys, widths, and a log of 200 MB.
 
-usage: flashlog_page_test.py [--pictures FOLDER] SAMPLE PROGRAM WORD ...
-  --pictures FOLDER   only take the pictures of the documentation
+usage: flashlog_page_test.py [--pictures] PICTURES SAMPLE PROGRAM WORD ...
+  PICTURES     folder of the documentation's pictures
+  --pictures   only take those of the page
 """
+import base64
 import json
 import pathlib
 import re
@@ -20,17 +22,19 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 arguments = sys.argv[1:]
-PICTURES = None
-if arguments[:1] == ["--pictures"]:
-    PICTURES = pathlib.Path(arguments[1])
-    arguments = arguments[2:]
-SAMPLE, *PROGRAM = arguments
+ONLY_PICTURES = arguments[:1] == ["--pictures"]
+PICTURES, SAMPLE, *PROGRAM = arguments[1:] if ONLY_PICTURES else arguments
 
 BROWSER_OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                    "--disable-background-networking", "--disable-component-update", "--disable-sync",
                    "--hide-scrollbars"]
+SMALL_LOG = 20_000_000
 BIG_LOG = 200_000_000
 BIGGEST_PAGE = 5_000_000
+# The table of ten times the log needs more memory for its flashes alone.
+MOST_MORE_MEMORY = 4_000_000
+# Of a picture's small squares, how many may look otherwise: another release of the browser or of a font.
+MOST_OTHER_SQUARES = 0.002
 HOSTILE = b"</script><script>window.broken=1</script><img src=x onerror='window.broken=2'>&amp;"
 
 
@@ -157,6 +161,39 @@ class PageTest(unittest.TestCase):
         self.assertFalse(self.one("#filters").is_displayed())
         self.assertTrue(self.one(".timeline svg").is_displayed())
 
+    def test_print_opens_the_tables_and_tells_what_is_not_printed(self):
+        self.show()
+        self.one("input[value=trace]").click()
+        # Behind the page's own: what is on the paper.
+        self.script("addEventListener('beforeprint', () => { window.paper = {"
+                    "open: document.querySelectorAll('.job details[open]').length,"
+                    "said: document.getElementById('printed').textContent}; })")
+        pdf = base64.b64decode(self.driver.execute_cdp_cmd("Page.printToPDF", {})["data"])
+        self.assertTrue(pdf.startswith(b"%PDF"))
+        self.assertGreater(len(re.findall(rb"/Type\s*/Page\b", pdf)), 2)
+        paper = self.script("return window.paper")
+        self.assertEqual(paper["open"], 3)
+        self.assertIn("400 of these 1\u202f114 records are printed", paper["said"])
+        self.assertEqual(len(self.all(".job details[open]")), 0)
+        self.assertFalse(self.one("#printed").is_displayed())
+        self.show(media="print")
+        self.script("document.getElementById('printed').textContent = 'so many'")
+        self.assertTrue(self.one("#printed").is_displayed())
+
+    def test_print_says_nothing_of_records_when_all_are_there(self):
+        self.show()
+        self.script("addEventListener('beforeprint', () => "
+                    "{ window.said = document.getElementById('printed').textContent; })")
+        self.driver.execute_cdp_cmd("Page.printToPDF", {})
+        self.assertEqual(self.script("return window.said"), "")
+
+    def test_the_pictures_of_the_documentation_show_the_page(self):
+        for name, picture in pictures(self.browser):
+            kept = base64.b64encode(pathlib.Path(PICTURES, name).read_bytes()).decode()
+            self.driver.get("about:blank")
+            other = self.driver.execute_async_script(SHARE_OF_OTHER_SQUARES, kept, picture)
+            self.assertLessEqual(other, MOST_OTHER_SQUARES, f"{name} no longer shows the page: --pictures takes it anew")
+
     def test_no_width_needs_sideways_scrolling(self):
         for width in (320, 420, 800, 1280, 1900):
             self.show(width=width)
@@ -246,8 +283,12 @@ class PageTest(unittest.TestCase):
         thread.click()
         self.assertEqual({element.text for element in self.all(".record .who")}, {thread.text})
         self.press(Keys.ESCAPE)
+        self.assertEqual(self.one("#filter-thread").get_attribute("value"), "")
+        self.assertGreater(len({element.text for element in self.all(".record .who")}), 1)
         self.all("#filter-job option")[1].click()
-        self.assertTrue(all(element.text < "06:26:55" for element in self.all(".record .when")))
+        times = [element.text for element in self.all(".record .when")]
+        self.assertTrue(times)
+        self.assertTrue(all(text < "06:26:55" for text in times))
 
     # Keys.
 
@@ -298,31 +339,46 @@ class PageTest(unittest.TestCase):
         self.show(self.browser.make(self.browser.log(b"", "empty.log"), name="empty.html"))
         self.assertIn("There is no flash in it.", self.one("#jobs").text)
 
+    def fleet(self, count):
+        logs = [self.browser.log(pathlib.Path(SAMPLE).read_bytes(), f"pc-{number + 1}.log") for number in range(count)]
+        return self.browser.make(*logs, name=f"fleet-{count}.html")
+
+    def card(self, log, flash):
+        return next(card for card in self.all(".job") if card.get_attribute("aria-label").endswith(f"{log}, flash {flash}"))
+
     def test_logs_of_a_fleet_stand_side_by_side(self):
-        logs = [self.browser.log(pathlib.Path(SAMPLE).read_bytes(), f"pc-{number}.log") for number in (1, 2)]
-        self.show(self.browser.make(*logs, name="fleet.html"), width=1500)
+        self.show(self.fleet(2), width=1500)
         self.assertEqual(len(self.all(".job")), 6)
-        first, second = self.all(".job")[:2]
+        first, second = self.card("pc-1.log", 1), self.card("pc-2.log", 1)
         self.assertEqual(first.location["y"], second.location["y"])
-        self.assertGreater(second.location["x"], first.location["x"])
+        self.assertGreaterEqual(second.location["x"], first.location["x"] + first.size["width"])
+        below = self.card("pc-1.log", 2)
+        self.assertEqual(below.location["x"], first.location["x"])
+        self.assertGreater(below.location["y"], first.location["y"])
         self.assertIn("pc-2.log", self.one("#overview tbody tr:last-child").text)
 
+    def test_of_many_logs_each_shows_its_last_bad_flash(self):
+        self.show(self.fleet(12), width=1500)
+        self.assertEqual([card.get_attribute("aria-label").rsplit("/")[-1] for card in self.all(".job")],
+                         [f"pc-{number + 1}.log, flash 3" for number in range(12)])
+        self.assertEqual(len({card.location["y"] for card in self.all(".job")}), 1)
+        self.assertLessEqual(self.script("return document.documentElement.scrollWidth"), 1500)
+        # The row of another flash opens it beside the one that is open.
+        self.one("#overview tbody tr:nth-child(4) button").click()
+        self.assertEqual(len(self.all(".job")), 13)
+        self.assertEqual(self.card("pc-2.log", 1).location["x"], self.card("pc-2.log", 3).location["x"])
+        self.assertTrue(self.is_seen(self.card("pc-2.log", 1)))
+
+    def test_a_log_that_could_not_be_read_to_its_end_is_shown_as_such(self):
+        page = self.browser.folder / "broken.html"
+        text = self.sample.read_text().replace('"broke_off":null', '"broke_off":"The network is gone"')
+        page.write_text(text)
+        self.show(page)
+        self.assertIn("Not read beyond byte 166\u202f078: The network is gone.", self.one("#flaws").text)
+
     def test_a_log_of_200_mb_has_all_errors_in_a_page_of_5_mb(self):
-        sample = pathlib.Path(SAMPLE).read_bytes()
-        rest = sample
-        # As large as a real one of so many flashes: with the records of each step of the progress.
-        filler = b"".join(record(0, b"Trace", b"CFirmwareDownloader::GetAbsoluteProgress",
-                                 b"\t downloadProgress:%d, m_ProgressBars:36,totalProgress:%d" % (i % 100, i))
-                          for i in range(3600))
-        errors = sample.count(b"\tError\t")
-        path = self.browser.folder / "big.log"
-        copies = 0
-        with path.open("wb") as log:
-            while log.tell() < BIG_LOG:
-                # Each copy of the sample by a process of its own.
-                log.write(re.sub(rb"\t\d+~", b"\t%d~" % (copies + 10), rest))
-                log.write(filler.replace(b"\t10~", b"\t%d~" % (copies + 10)))
-                copies += 1
+        path, copies = self.log_of_flashes(BIG_LOG)
+        errors = pathlib.Path(SAMPLE).read_bytes().count(b"\tError\t")
         began = time.monotonic()
         page = self.browser.make(path, name="big.html")
         read = time.monotonic() - began
@@ -348,22 +404,119 @@ class PageTest(unittest.TestCase):
         self.assertIn("Could not download file", self.one(".record.chosen").text)
 
 
+    def log_of_flashes(self, least):
+        """A log as large as a real one of so many flashes: with the records of each step of the progress."""
+        sample = pathlib.Path(SAMPLE).read_bytes()
+        filler = b"".join(record(0, b"Trace", b"CFirmwareDownloader::GetAbsoluteProgress",
+                                 b"\t downloadProgress:%d, m_ProgressBars:36,totalProgress:%d" % (i % 100, i))
+                          for i in range(3600))
+        path = self.browser.folder / f"flashes-{least}.log"
+        copies = 0
+        with path.open("wb") as log:
+            while log.tell() < least:
+                # Each copy of the sample by a process of its own.
+                log.write(re.sub(rb"\t\d+~", b"\t%d~" % (copies + 10), sample))
+                log.write(filler.replace(b"\t10~", b"\t%d~" % (copies + 10)))
+                copies += 1
+        return path, copies
+
+    def test_a_log_of_200_mb_of_which_no_line_is_like_another_has_a_page_of_5_mb(self):
+        path = self.browser.folder / "various.log"
+        pieces = 0
+        with path.open("wb") as log:
+            while log.tell() < BIG_LOG:
+                for _ in range(4):
+                    pieces += 1
+                    level, size = (b"Error", 3000) if pieces % 500 == 1 else (b"Trace", 700)
+                    log.write(record(pieces // 100, level, b"A::B", b"%d <%s>" % (pieces, b"x" * size)))
+                pieces += 1
+                log.write(b"somebody else's line %d %s\r\n" % (pieces, b"y" * 2500))
+        page = self.browser.make(path, name="various.html")
+        print(f"{path.stat().st_size} bytes in {pieces} pieces, page {page.stat().st_size} bytes", file=sys.stderr)
+        self.assertLessEqual(page.stat().st_size, BIGGEST_PAGE)
+        self.assertGreaterEqual(page.stat().st_size, BIGGEST_PAGE * 0.8, "the room is used")
+
+        self.show(page)
+        self.assertEqual(self.script("return records.filter((record) => record.level === 'error').length"),
+                         len(range(1, pieces + 1, 500)))
+        self.assertIn("1\u202f000 of them are below, the first and the last", self.one("#flaws").text)
+        self.assertIn("somebody else's line 5 ", self.texts()[1])
+        count = self.one("#count").text
+        self.assertIn("more are left out of this page", count)
+        self.assertIn("long messages are shortened", count)
+        self.assertEqual(self.script("return records.reduce((sum, record) => sum + (record.leftOut || 1), 0)"), pieces)
+        newest = self.script("return messageOf(records[records.length - 2])")
+        self.assertTrue(newest.startswith(f"{pieces - 1} <"), newest)
+
+    def test_the_table_of_ten_times_the_log_needs_no_more_memory(self):
+        peaks = [self.peak_memory(self.log_of_flashes(size)[0]) for size in (SMALL_LOG, BIG_LOG)]
+        print(f"peak memory of the table: {peaks[0]} bytes of 20 MB, {peaks[1]} bytes of 200 MB", file=sys.stderr)
+        self.assertLessEqual(peaks[1], peaks[0] + MOST_MORE_MEMORY)
+
+    @staticmethod
+    def peak_memory(*words):
+        done = subprocess.run([sys.executable, "-S", "-c", PEAK_OF_CHILD, *PROGRAM, *words], check=True, timeout=300,
+                              capture_output=True)
+        return int(done.stdout) * 1024
+
+
+# What a program begins with counts as its own, the memory of the process that starts it among it: a small one does.
+PEAK_OF_CHILD = """
+import resource, subprocess, sys
+subprocess.run(sys.argv[1:], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+"""
+
+# How much of two pictures looks different, of 0 to 1, by squares: the edges of letters differ with the font's
+# rendering.
+SHARE_OF_OTHER_SQUARES = """
+const [one, two, done] = arguments;
+const kSide = 8, kMostDifference = 24;
+const read = async (text) => {
+  const image = new Image();
+  image.src = "data:image/png;base64," + text;
+  await image.decode();
+  const canvas = document.createElement("canvas");
+  canvas.width = Math.ceil(image.width / kSide);
+  canvas.height = Math.ceil(image.height / kSide);
+  const context = canvas.getContext("2d");
+  context.imageSmoothingQuality = "high";
+  context.drawImage(image, 0, 0, canvas.width, canvas.height);
+  return {width: image.width, height: image.height, bytes: context.getImageData(0, 0, canvas.width, canvas.height).data};
+};
+Promise.all([read(one), read(two)]).then(([a, b]) => {
+  if (a.width !== b.width || a.height !== b.height) return done(1);
+  let other = 0;
+  for (let i = 0; i < a.bytes.length; i += 4) {
+    if ([0, 1, 2].some((colour) => Math.abs(a.bytes[i + colour] - b.bytes[i + colour]) > kMostDifference)) ++other;
+  }
+  done(other * 4 / a.bytes.length);
+});
+"""
+
+
+def pictures(browser):
+    """The page as the documentation shows it: names of files, and PNGs in Base64."""
+    page = browser.make(SAMPLE)
+    for name, how, script in (
+            ("flashlog-timeline.png", {"width": 1100, "height": 520}, "showJob(2, true)"),
+            ("flashlog-records.png", {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),
+            ("flashlog-dark.png", {"width": 1100, "height": 720, "dark": True}, "")):
+        browser.show(page, **how)
+        browser.driver.execute_script(script)
+        yield name, browser.driver.get_screenshot_as_base64()
+
+
 def take_pictures():
     browser = Browser()
     try:
-        page = browser.make(SAMPLE)
-        for name, how, script in (
-                ("flashlog-timeline", {"width": 1100, "height": 520}, "showJob(2, true)"),
-                ("flashlog-records", {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),
-                ("flashlog-dark", {"width": 1100, "height": 720, "dark": True}, "")):
-            browser.show(page, **how)
-            browser.driver.execute_script(script)
-            browser.driver.save_screenshot(str(PICTURES / f"{name}.png"))
+        for name, picture in pictures(browser):
+            pathlib.Path(PICTURES, name).write_bytes(base64.b64decode(picture))
     finally:
         browser.close()
 
 
-if PICTURES:
+if ONLY_PICTURES:
     take_pictures()
 else:
     unittest.main(argv=[sys.argv[0]], verbosity=2)

@@ -5,7 +5,7 @@
 const data = JSON.parse(document.getElementById("data").textContent);
 const lowerMessages = data.messages.map((text) => text.toLowerCase());
 const MomentKinds = ["reset", "retry", "item"];
-const kMostCards = 8;
+const kMostCards = 8;  // of all logs by themselves, of each log on demand
 const kPageOfRecords = 400;
 
 /** Undoes the columns of differences that the records of a log come in. */
@@ -195,24 +195,33 @@ function drawOverview() {
 
 const cards = new Map();  // of a job's index
 
+/** A lane for each log, in which the cards of its flashes stand; the lanes stand side by side. */
+function drawLanes() {
+  byId("jobs").append(...logs.map((log) => html("div", {class: "lane", role: "group", "aria-label": `Flashes of ${log.name}`},
+    log.jobs.length > 0 ? null : html("p", {class: "quiet"}, (logs.length > 1 ? `${log.name}: ` : "") + "There is no flash in it."))));
+  byId("jobs").classList.toggle("side", logs.length > 1);
+  byId("jobs").style.setProperty("--lanes", logs.length);
+}
+
 function showJob(index, scroll) {
+  const log = jobs[index].log;
   if (!cards.has(index)) {
-    if (cards.size >= kMostCards) {
-      const [oldest, card] = cards.entries().next().value;
-      card.element.remove();
-      cards.delete(oldest);
+    const beside = [...cards.keys()].filter((other) => jobs[other].log === log);
+    if (beside.length >= kMostCards) {
+      cards.get(beside[0]).element.remove();
+      cards.delete(beside[0]);
     }
     const card = {index, element: drawCard(jobs[index])};
     cards.set(index, card);
-    const next = [...cards.keys()].filter((other) => other > index).sort((a, b) => a - b)[0];
-    byId("jobs").insertBefore(card.element, next === undefined ? null : cards.get(next).element);
+    const next = beside.filter((other) => other > index && cards.has(other)).sort((a, b) => a - b)[0];
+    byId("jobs").children[log].insertBefore(card.element, next === undefined ? null : cards.get(next).element);
     drawTimeline(jobs[index]);
   }
   for (const row of document.querySelectorAll("#overview-table tr[data-job]")) {
     row.setAttribute("aria-current", String(jobs.length > kMostCards && cards.has(Number(row.dataset.job))));
   }
   const card = cards.get(index).element;
-  if (scroll) card.scrollIntoView({block: "start"});
+  if (scroll) card.scrollIntoView({block: "start", inline: "nearest"});
   return card;
 }
 
@@ -608,7 +617,7 @@ function goToTimeline(record) {
   if (index < 0) return;
   const card = showJob(index, false);
   card.placeCursor(record.time - jobs[index].begin);
-  card.scrollIntoView({block: "start"});
+  card.scrollIntoView({block: "start", inline: "nearest"});
   // The element of the timeline that the record began, or the last one in front of it.
   const items = [...card.querySelectorAll(".item")].filter((item) => Number(item.dataset.offset) <= record.offset);
   items.sort((a, b) => Number(b.dataset.offset) - Number(a.dataset.offset))[0]?.focus({preventScroll: true});
@@ -662,19 +671,43 @@ function onKey(event) {
   event.preventDefault();
 }
 
+// --- On paper ----------------------------------------------------------------------------------------------
+
+/** Nothing can be opened there: the tables of stages are, and what is not printed is told. */
+function preparePrint() {
+  for (const table of document.querySelectorAll(".job details:not([open])")) {
+    table.open = true;
+    table.dataset.closed = "";
+  }
+  const real = shown.filter((record) => !record.leftOut).length;
+  const here = document.querySelectorAll("#list .record:not(.gap)").length;
+  byId("printed").textContent = here === real ? "" :
+    `${grouped(here)} of these ${grouped(real)} records are printed: those that were listed on the screen.`;
+}
+
+function afterPrint() {
+  for (const table of document.querySelectorAll("details[data-closed]")) {
+    table.open = false;
+    delete table.dataset.closed;
+  }
+}
+
 // --- Begin -------------------------------------------------------------------------------------------------
 
 drawHead();
 drawOverview();
 fillSelects();
-byId("jobs").classList.toggle("side", logs.length > 1);
+drawLanes();
 if (jobs.length <= kMostCards) {
   jobs.forEach((_, index) => showJob(index, false));
 } else {
-  const bad = jobs.findLastIndex((job) => job.state !== "succeeded");
-  showJob(bad >= 0 ? bad : jobs.length - 1, false);
+  logs.forEach((_, log) => {
+    const last = (wanted) => jobs.findLastIndex((job) => job.log === log && wanted(job));
+    const bad = last((job) => job.state !== "succeeded");
+    const shows = bad >= 0 ? bad : last(() => true);
+    if (shows >= 0) showJob(shows, false);
+  });
 }
-if (jobs.length === 0) byId("jobs").append(html("p", {class: "quiet"}, "There is no flash in it."));
 applyFilter(null);
 
 byId("filters").addEventListener("input", () => applyFilter(null));
@@ -691,4 +724,6 @@ byId("more").addEventListener("click", () => {
   drawRecords();
 });
 document.addEventListener("keydown", onKey);
+window.addEventListener("beforeprint", preparePrint);
+window.addEventListener("afterprint", afterPrint);
 new ResizeObserver(() => cards.forEach((card) => drawTimeline(jobs[card.index]))).observe(byId("jobs"));

@@ -157,6 +157,34 @@ class Versions(unittest.TestCase):
         self.assertEqual(numbers, sorted(set(numbers), reverse=True))
 
 
+class Configuration(unittest.TestCase):
+    """The keys that the library reads, where operators look for them."""
+
+    keys = re.findall(r'L"(\[\w+\])", \w+Key', (CHECKOUT / "src/config/configparser.cpp").read_text())
+
+    def test_there_are_keys(self):
+        self.assertGreaterEqual(len(self.keys), 6)
+        self.assertIn("[IPCTYPE]", self.keys)
+
+    def test_each_key_has_a_part_with_default_example_and_what_goes_wrong(self):
+        parts = re.split(r"^## ", (DOCS / "configuration.md").read_text(), flags=re.M)
+        told = {part.partition("\n")[0]: part for part in parts if part.startswith("[")}
+        self.assertEqual(sorted(told), sorted(self.keys))
+        for key, part in told.items():
+            with self.subTest(key):
+                rows = dict(re.findall(r"^\| ([^|]+) \| (.+) \|$", part, re.M))
+                self.assertEqual(list(rows)[-3:], ["default", "example", "what goes wrong"])
+                self.assertTrue(rows["example"].startswith(f"`{key}="), rows["example"])
+
+    def test_each_key_is_in_the_table_of_the_hosts_and_in_the_sample(self):
+        hosts = (DOCS / "hosts.md").read_text()
+        sample = (CHECKOUT / "hosts/CorvelConfig.ini").read_text()
+        for key in self.keys:
+            with self.subTest(key):
+                self.assertIn(f"\n| `{key}` | ", hosts)
+                self.assertRegex(sample, rf"(?m)^; .*\n{re.escape(key)}=")
+
+
 class FrontPage(unittest.TestCase):
     text = (CHECKOUT / "README.md").read_text()
 

@@ -1,6 +1,7 @@
 # Flashes this PC: the counterpart of detect.ps1. Run it as the system or as an administrator.
 #
 #   .\remediate.ps1 [-Package FOLDER] [-Programs FOLDER] [-Firmware FOLDER] [-Results FOLDER] [-MinBattery PERCENT]
+#                   [-TimeoutSeconds SECONDS]
 #
 # The package holds the images and their SHA256SUMS; Firmware is the folder that [ModemAndNVMFirmwareFolder] of
 # CorvelConfig.ini names. What corvel_cmdline said is kept as NAME-OF-PC.json in Results, which may be a share.
@@ -13,7 +14,9 @@ param(
     [string] $Programs = "$env:ProgramFiles\Corvel\Toolkit\bin",
     [string] $Firmware = "$env:ProgramData\Quenta\Firmware",
     [string] $Results = "$env:ProgramData\Corvel\Results",
-    [ValidateRange(1, 100)] [int] $MinBattery = 50
+    [ValidateRange(1, 100)] [int] $MinBattery = 50,
+    # Longer than any flash takes: four attempts with all their pauses.
+    [ValidateRange(1, 2592000)] [int] $TimeoutSeconds = 1200
 )
 $ErrorActionPreference = 'Stop'
 trap { Write-Output "Broken off: $_"; exit 1 }
@@ -43,13 +46,16 @@ $failures = if ($values.Failed -eq $digest) { [int] $values.Failures } else { 0 
 New-Item -ItemType Directory -Path $Firmware, $Results -Force | Out-Null
 
 # The service would take the images itself, and two hosts would drive one modem. Status 3: a flash is running.
-Invoke-Program corvel_service @('stop')
-if ($LASTEXITCODE -ne 0) { exit $LASTEXITCODE }
+$said = Invoke-Program corvel_service @('stop')
+if ($LASTEXITCODE -ne 0) { Write-Output $said; exit $LASTEXITCODE }
+# A PC may have no service, or one that somebody has stopped: only one that ran is started again.
+$isToStart = $said -contains 'Stopped.'
+$started = 0
 try {
     Remove-Item "$Firmware\*.fls" -Force
     Copy-Item "$Package\*" $Firmware
     $said = Invoke-Program corvel_cmdline @('flash', '--json', '--quiet', '--expect', "$Firmware\SHA256SUMS",
-        '--min-battery', "$MinBattery")
+        '--min-battery', "$MinBattery", '--timeout', "$TimeoutSeconds")
     $status = $LASTEXITCODE
     if ($status -eq 0) { Set-State Flashed $digest String; $failures = 0 }
     # What was cut short counts, too; what was not begun is tried again.
@@ -58,8 +64,10 @@ try {
     Set-State Failures $failures DWord
     Set-Content -Path "$Results\$env:COMPUTERNAME.json" -Value $said -Encoding UTF8
 } finally {
-    Invoke-Program corvel_service @('start')
-    $started = $LASTEXITCODE
+    if ($isToStart) {
+        Invoke-Program corvel_service @('start')
+        $started = $LASTEXITCODE
+    }
 }
 Write-Output "corvel_cmdline ended with $status, the start of the service with $started."
 if ($status -eq 0) { exit $started } else { exit $status }

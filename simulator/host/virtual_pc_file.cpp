@@ -128,8 +128,8 @@ void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& 
   std::ofstream(folder / kVirtualPcEndFile)
       << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbimReboots
       << "\nat_commands=" << end.atCommands << "\npower_requests=" << end.powerRequests
-      << "\nitems_written=" << end.itemsWritten << "\nbytes_written=" << end.bytesWritten
-      << "\nelapsed_ms=" << end.elapsed.count() << "\n";
+      << "\nkept_awake=" << end.keptAwake << "\nitems_written=" << end.itemsWritten
+      << "\nbytes_written=" << end.bytesWritten << "\nelapsed_ms=" << end.elapsed.count() << "\n";
 }
 
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder) {
@@ -142,6 +142,7 @@ std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder
       .mbimReboots = std::stoi(values["mbim_reboots"]),
       .atCommands = std::stoi(values["at_commands"]),
       .powerRequests = std::stoi(values["power_requests"]),
+      .keptAwake = values["kept_awake"] == "1",
       .itemsWritten = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
       .bytesWritten = std::stoull(values["bytes_written"]),
       .elapsed = std::chrono::milliseconds(std::stoll(values["elapsed_ms"])),

@@ -40,6 +40,8 @@ struct VirtualPcEnd {
   int mbimReboots = 0;
   int atCommands = 0;
   int powerRequests = 0;  ///< that the host has made
+  /// Whether all of them were made before the command line's job and were not taken back before its end.
+  bool keptAwake = false;
   std::uint32_t itemsWritten = 0;
   std::uint64_t bytesWritten = 0;
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the host began

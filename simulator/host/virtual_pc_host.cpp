@@ -7,6 +7,7 @@
 
 #include <winsvc.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -50,28 +51,6 @@ std::filesystem::path HostFolder() {
 HMODULE WINAPI LoadForHost(const wchar_t* name) {
   if (std::filesystem::path(name).filename() != kProduct) return ::LoadLibraryW(name);
   return g_simulation->pc.LoadUnderSimulation(name);
-}
-
-using CommandLineJob = bool (*)(int, char*, int, char*, char*);
-CommandLineJob g_job = nullptr;
-
-/// The job runs on a thread of the host's. Meanwhile that is one of the product's: time must not fly while it
-/// works.
-bool RunCommandLineJob(int traceLevel, char* ipcType, int unused, char* unused2, char* unused3) {
-  working_threads::Begin();
-  working_threads::JoinCallingThread();
-  const bool result = g_job(traceLevel, ipcType, unused, unused2, unused3);
-  working_threads::LeaveCallingThread();
-  return result;
-}
-
-void TakeInCommandLineJob(HMODULE product) {
-  for (const char* name : kCommandLineJobs) {
-    const auto job = reinterpret_cast<CommandLineJob>(::GetProcAddress(product, name));
-    if (job == nullptr) continue;
-    g_job = job;
-    g_simulation->host.Replace(name, &RunCommandLineJob);
-  }
 }
 
 // --- The service manager, as the host finds it while a flash service starts -------------------------------
@@ -142,10 +121,21 @@ HANDLE WINAPI OpenEventForHost(DWORD access, BOOL inherit, LPCWSTR name) {
 // --- The power of the PC
 // --------------------------------------------------------------------------------------
 
-int g_powerRequests = 0;
+// The job and the host that waits for it have a thread each.
+std::atomic<int> g_powerRequests{0};
+/// Null before it is made and after it was closed.
+std::atomic<HANDLE> g_powerRequest{nullptr};
+std::atomic<bool> g_keptAwake{false};
 
 HANDLE WINAPI MakePowerRequest(REASON_CONTEXT*) {
-  return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  g_powerRequest = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return g_powerRequest;
+}
+
+BOOL WINAPI CloseForHost(HANDLE handle) {
+  HANDLE request = handle;
+  g_powerRequest.compare_exchange_strong(request, nullptr);
+  return ::CloseHandle(handle);
 }
 
 BOOL WINAPI AnswerPowerRequest(HANDLE, POWER_REQUEST_TYPE) {
@@ -168,9 +158,38 @@ void PlayPower() {
   ImportPatch& host = g_simulation->host;
   host.Replace("PowerCreateRequest", &MakePowerRequest);
   host.Replace("PowerSetRequest", &AnswerPowerRequest);
+  host.Replace("CloseHandle", &CloseForHost);
   // The service does not ask.
   host.ReplaceIfImported("GetSystemPowerStatus", &TellPowerStatus);
 }
+
+// --- The job of the command line ---------------------------------------------------------------------------
+
+using CommandLineJob = bool (*)(int, char*, int, char*, char*);
+CommandLineJob g_job = nullptr;
+
+/// The job runs on a thread of the host's. Meanwhile that is one of the product's: time must not fly while it
+/// works.
+bool RunCommandLineJob(int traceLevel, char* ipcType, int unused, char* unused2, char* unused3) {
+  working_threads::Begin();
+  working_threads::JoinCallingThread();
+  const int requestsBefore = g_powerRequests;
+  const bool result = g_job(traceLevel, ipcType, unused, unused2, unused3);
+  g_keptAwake = requestsBefore > 0 && g_powerRequests == requestsBefore && g_powerRequest != nullptr;
+  working_threads::LeaveCallingThread();
+  return result;
+}
+
+void TakeInCommandLineJob(HMODULE product) {
+  for (const char* name : kCommandLineJobs) {
+    const auto job = reinterpret_cast<CommandLineJob>(::GetProcAddress(product, name));
+    if (job == nullptr) continue;
+    g_job = job;
+    g_simulation->host.Replace(name, &RunCommandLineJob);
+  }
+}
+
+// --- What goes wrong in front of the host ------------------------------------------------------------------
 
 void InstallHostFaults(const HostFaults& faults) {
   if (faults.serviceStartsAt > 0) PlayStartingService(faults.serviceStartsAt);
@@ -205,6 +224,7 @@ extern "C" __declspec(dllexport) void ReportVirtualPc() try {
                                    .mbimReboots = pc.MbimReboots(),
                                    .atCommands = static_cast<int>(pc.AtCommands().size()),
                                    .powerRequests = g_powerRequests,
+                                   .keptAwake = g_keptAwake,
                                    .itemsWritten = pc.Modem().ItemsWritten(),
                                    .bytesWritten = pc.Modem().BytesWritten(),
                                    .elapsed = elapsed});

@@ -184,10 +184,13 @@ TEST_F(FlashTest, ExpectsNothingOfImagesThatAControllingProgramBrings) {
 // --- Power
 // ----------------------------------------------------------------------------------------------------
 
-TEST_F(FlashTest, AsksThatThePcStaysAwake) {
+TEST_F(FlashTest, AsksThatThePcStaysAwakeFromBeforeTheJobToItsEnd) {
   workspace.MakeVirtualPc({kFast});
   ASSERT_EQ(Flash().exitCode, 0);
-  EXPECT_EQ(simulator::ReadVirtualPcEnd(workspace.File(L""))->powerRequests, 2);
+  const auto end = simulator::ReadVirtualPcEnd(workspace.File(L""));
+  ASSERT_TRUE(end);
+  EXPECT_EQ(end->powerRequests, 2);
+  EXPECT_TRUE(end->keptAwake);
 }
 
 TEST_F(FlashTest, GoesOnWithOneWarningWhereThePcMayFallAsleep) {

@@ -33,6 +33,12 @@ void JobCare::KeepAwake(bool isJobOpen, News& news) {
 }
 
 void JobCare::LookForStall(const HandshakeKey& key, const Handshake& values, News& news) {
+  // A request that is not heard stands still, too, but neither restarting the service nor its end would help:
+  // the event log says what does. The time counts from when the library can hear.
+  if (m_Names.KeepsRequestsUnheard()) {
+    m_Stalls = {};
+    return;
+  }
   if (!m_Stalls.Look(values)) return;
   news.standsStill = true;
   news.texts.push_back(

@@ -21,6 +21,8 @@ class NameWatch {
   /// Looks again and leaves word of what has changed.
   /// @return what is new, in words for a terminal; empty when nothing is.
   std::vector<std::string> Look(const HandshakeKey& key, const Handshake& values);
+  /// Whether the library hears of no request, by the last look.
+  bool KeepsRequestsUnheard() const { return m_TakenEvent.has_value(); }
   /// When to look again if nothing else gives cause to.
   DWORD PeriodMs() const;
 

@@ -582,6 +582,27 @@ TEST_F(StuckServiceTest, EndsItsProcessWithAStatusOfItsOwnWhenAskedTo) {
                           static_cast<DWORD>(MSG_ENDED_BECAUSE_STUCK)));
 }
 
+/// No restart gives a request to a library that cannot hear: the service would end itself again and again.
+TEST_F(StuckServiceTest, DoesNotEndForARequestThatCannotBeHeardUntilItCan) {
+  g_requestEventError = ERROR_INVALID_HANDLE;
+  key.Write(L"Fls_Ready", 1);
+  StartAndLeave(WhenStuck::EndProcess);
+  ASSERT_TRUE(manager.HearsState(SERVICE_RUNNING));
+  ASSERT_TRUE(HasTold(2));
+  g_awakeTicks += 400 * kTicksPerSecond;
+  g_requestEventError = ERROR_SUCCESS;
+  // The names are free again.
+  ASSERT_TRUE(HasTold(3));
+  StandStillFor(152);
+  EXPECT_EQ(g_told.load(), 3u);
+  g_awakeTicks += 2 * kTicksPerSecond;
+  ASSERT_TRUE(manager.HearsState(SERVICE_STOPPED));
+  EXPECT_THAT(g_events,
+              ElementsAre(static_cast<DWORD>(MSG_SERVICE_STARTED), static_cast<DWORD>(MSG_NAME_TAKEN),
+                          static_cast<DWORD>(MSG_NAMES_FREE), static_cast<DWORD>(MSG_JOB_STANDS_STILL),
+                          static_cast<DWORD>(MSG_ENDED_BECAUSE_STUCK)));
+}
+
 // --- What it accepts -------------------------------------------------------------------------------------
 
 TEST_F(ServiceBodyTest, AcceptsNoStopFromARequestToItsEnd) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -13,9 +14,12 @@
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/modem_presence.h"
 #include "hosts/common/terminal.h"
+#include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
+#include "hosts/common/write_access.h"
 #include "toolkit/toolkit.h"
 
 namespace hosts {
@@ -48,6 +52,27 @@ std::vector<Finding> LookAtOtherHosts() {
   };
   return {found("command line", FindFlashingCommandLine()),
           found("flash service", FindServiceInTheWay(CommandLineKey()))};
+}
+
+/// Nothing to say while administrators and the system alone may change what a flash uses.
+std::vector<Finding> LookAtWriters(bool configurationIsLeftAlone) {
+  std::wstring images;
+  if (!configurationIsLeftAlone) {
+    if (const auto configuration = LibraryConfiguration::Read(ConfigurationPath())) {
+      images = configuration->FirmwareFolder();
+    }
+  }
+  std::string open;
+  for (const OpenPlace& place : FindOpenPlaces(ProgramFolder(), images)) {
+    open += (open.empty() ? "" : "; ") + ToUtf8(place.path) + " " + place.why;
+  }
+  if (open.empty()) return {};
+  return {Finding{
+      "permissions", Verdict::Warning, std::move(open),
+      "Whoever changes that has the rights of the service, or flashes an image of their own: leave it "
+      "to administrators and the system, for the folders of programs and images by \"corvel_service "
+      "install\".",
+      "writable_by_users"}};
 }
 
 bool Holds(const std::vector<Finding>& findings, std::string_view code) {
@@ -96,6 +121,7 @@ CheckReport Check(const CheckOptions& options) {
                             .images = FirstOf(findings, Verdict::Error) != nullptr};
   for (Finding& finding : LookBeforeFlash({.expect = options.expect}, leftAlone))
     findings.push_back(std::move(finding));
+  for (Finding& finding : LookAtWriters(leftAlone.configuration)) findings.push_back(std::move(finding));
   for (Finding& finding : LookAtModem()) findings.push_back(std::move(finding));
   return report;
 }

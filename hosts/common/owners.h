@@ -42,6 +42,13 @@ struct OwnedSearchCloser {
 };
 using OwnedSearch = std::unique_ptr<void, OwnedSearchCloser>;
 
+struct LocalMemoryFreer {
+  using pointer = void*;
+  void operator()(void* memory) const noexcept { ::LocalFree(memory); }
+};
+/// What a function of the system's has taken for its caller.
+using LocalMemory = std::unique_ptr<void, LocalMemoryFreer>;
+
 /// Throws the last error of the system with a text that says what was being done.
 [[noreturn]] inline void ThrowLastError(const char* what) {
   throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), what);

@@ -2,9 +2,9 @@
 
 #include <sddl.h>
 
-#include <memory>
 #include <utility>
 
+#include "hosts/common/accounts.h"
 #include "hosts/common/text.h"
 
 namespace hosts {
@@ -41,20 +41,8 @@ bool IsOfAnotherKind(const wchar_t* name) {
   return false;
 }
 
-struct LocalFreer {
-  void operator()(void* memory) const noexcept { ::LocalFree(memory); }
-};
-
 /// The system and administrators may do anything with what has these.
 constexpr wchar_t kForAdministrators[] = L"D:(A;;GA;;;SY)(A;;GA;;;BA)";
-
-bool IsAdministrator() {
-  alignas(SID) BYTE memory[SECURITY_MAX_SID_SIZE];
-  DWORD size = sizeof memory;
-  BOOL isMember = FALSE;
-  return ::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, memory, &size) &&
-         ::CheckTokenMembership(nullptr, memory, &isMember) && isMember;
-}
 
 std::string WhatIsWrong(DWORD error) {
   switch (error) {
@@ -105,9 +93,10 @@ std::optional<TakenName> HeldRequestEvent::Take() {
   // As the library makes it, but that administrators in the service's session may use it too: their command
   // line waits by the same event.
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  const bool isOpen = IsAdministrator() && ::ConvertStringSecurityDescriptorToSecurityDescriptorW(
-                                               kForAdministrators, SDDL_REVISION_1, &descriptor, nullptr);
-  const std::unique_ptr<void, LocalFreer> owner(descriptor);
+  const bool isOpen =
+      IsRunByAdministrator() && ::ConvertStringSecurityDescriptorToSecurityDescriptorW(
+                                    kForAdministrators, SDDL_REVISION_1, &descriptor, nullptr);
+  const LocalMemory owner(descriptor);
   SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), descriptor, FALSE};
   m_Event.reset(::CreateEventW(isOpen ? &attributes : nullptr, FALSE, TRUE, m_Name));
   return Judge(m_Name, ErrorOf(m_Event));

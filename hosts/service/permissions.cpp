@@ -8,13 +8,15 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <memory>
 #include <system_error>
 
+#include "hosts/common/event_log.h"
 #include "hosts/common/facts.h"
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
+#include "hosts/common/write_access.h"
+#include "messages.h"
 
 // Not in every set of the system's headers.
 #if !defined(PROTECTED_DACL_SECURITY_INFORMATION)
@@ -27,22 +29,8 @@ namespace {
 
 // System and administrators may do anything, users read; nothing is inherited from above, all that lies below
 // inherits it.
-constexpr wchar_t kOfFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+constexpr wchar_t kOfFolder[] = L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
 constexpr wchar_t kOfKey[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)(A;CI;KR;;;BU)";
-
-/// Any of these lets its owner change or replace a file or what is in a folder.
-constexpr ACCESS_MASK kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD | DELETE | WRITE_DAC |
-                                 WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
-
-/// Groups that everybody who works at the PC is in.
-constexpr WELL_KNOWN_SID_TYPE kUsers[] = {WinWorldSid,       WinAuthenticatedUserSid, WinBuiltinUsersSid,
-                                          WinInteractiveSid, WinBuiltinGuestsSid,     WinAnonymousSid};
-
-struct LocalFreer {
-  using pointer = void*;
-  void operator()(void* memory) const noexcept { ::LocalFree(memory); }
-};
-using LocalMemory = std::unique_ptr<void, LocalFreer>;
 
 /// @throws std::system_error when the system does not understand it.
 LocalMemory DescriptorOf(const wchar_t* text) {
@@ -53,16 +41,42 @@ LocalMemory DescriptorOf(const wchar_t* text) {
   return LocalMemory(descriptor);
 }
 
+/// Lets this process become the owner of what it may not change. Where the right is missing, the change that
+/// needs it says so.
+void EnableTakingOwnership() {
+  HANDLE token = nullptr;
+  if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token)) return;
+  const OwnedHandle owner(token);
+  TOKEN_PRIVILEGES privileges{};
+  privileges.PrivilegeCount = 1;
+  privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+  if (!::LookupPrivilegeValueW(nullptr, L"SeTakeOwnershipPrivilege", &privileges.Privileges[0].Luid)) return;
+  ::AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr);
+}
+
+/// Whoever made the folder owns it, and an owner gives himself any right that is taken from him.
+DWORD GiveToAdministrators(std::wstring path, PSECURITY_DESCRIPTOR descriptor) {
+  PSID owner = nullptr;
+  BOOL defaulted = FALSE;
+  ::GetSecurityDescriptorOwner(descriptor, &owner, &defaulted);
+  EnableTakingOwnership();
+  return ::SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, owner, nullptr,
+                                 nullptr, nullptr);
+}
+
 DWORD SetPermissionsOfFolder(std::wstring path) {
   const LocalMemory descriptor = DescriptorOf(kOfFolder);
+  // First, and by itself: the former owner may have left administrators no other right.
+  const DWORD given = GiveToAdministrators(path, descriptor.get());
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
   PACL list = nullptr;
   ::GetSecurityDescriptorDacl(descriptor.get(), &present, &list, &defaulted);
   // What lies in the folder takes part.
-  return ::SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT,
-                                 DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
-                                 nullptr, list, nullptr);
+  const DWORD set = ::SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT,
+                                            DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                            nullptr, nullptr, list, nullptr);
+  return given != ERROR_SUCCESS ? given : set;
 }
 
 /// Makes the key if necessary. @return ERROR_NOT_EMPTY of a key that is not the service's alone.
@@ -81,37 +95,7 @@ DWORD SetPermissionsOfKey(const HandshakeKey& key) {
   return static_cast<DWORD>(::RegSetKeySecurity(opened, DACL_SECURITY_INFORMATION, descriptor.get()));
 }
 
-// --- Who else may write ------------------------------------------------------------------------------------
-
-bool IsOfUsers(PSID sid) {
-  return std::ranges::any_of(kUsers, [&](WELL_KNOWN_SID_TYPE type) { return ::IsWellKnownSid(sid, type); });
-}
-
-bool LetsUsersWrite(PACL list) {
-  // Without a list everybody may do anything.
-  if (list == nullptr) return true;
-  for (DWORD i = 0; i < list->AceCount; ++i) {
-    void* entry = nullptr;
-    if (!::GetAce(list, i, &entry)) continue;
-    const auto& allowed = *static_cast<ACCESS_ALLOWED_ACE*>(entry);
-    if (allowed.Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (allowed.Mask & kWriting) == 0) continue;
-    if (IsOfUsers(&static_cast<ACCESS_ALLOWED_ACE*>(entry)->SidStart)) return true;
-  }
-  return false;
-}
-
-/// False also of a file whose permissions cannot be read: it is told elsewhere that it cannot be used.
-bool MayUsersWrite(std::wstring path) {
-  PACL list = nullptr;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  const DWORD error = ::GetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                                              nullptr, &list, nullptr, &descriptor);
-  const LocalMemory owner(descriptor);
-  return error == ERROR_SUCCESS && LetsUsersWrite(list);
-}
-
-// --- What is protected
-// ---------------------------------------------------------------------------------------
+// --- What is protected -------------------------------------------------------------------------------------
 
 std::wstring WithoutLastSeparators(std::wstring path) {
   while (path.size() > 1 && (path.back() == L'\\' || path.back() == L'/')) path.pop_back();
@@ -149,6 +133,20 @@ bool IsSharedWithOthers(const std::wstring& path) {
          std::ranges::any_of(others, [&](const std::wstring& other) { return Holds(folder, other); });
 }
 
+/// Whether a folder, or one above it, is a link: whoever made it would have other permissions given to what
+/// it leads to.
+bool LeadsElsewhere(const std::wstring& path) {
+  std::error_code ignored;
+  std::filesystem::path part = std::filesystem::absolute(path, ignored);
+  for (std::filesystem::path below; part != below; part = below.parent_path()) {
+    const DWORD attributes = ::GetFileAttributesW(part.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+      return true;
+    below = part;
+  }
+  return false;
+}
+
 class Protection {
  public:
   void ProtectFolder(const std::wstring& path) {
@@ -157,6 +155,10 @@ class Protection {
           "The permissions of " + ToUtf8(path) +
           " stay as they are, because other programs live there too. Give the flash service a folder of its "
           "own.");
+    }
+    if (LeadsElsewhere(path)) {
+      return Warn("The permissions of " + ToUtf8(path) +
+                  " stay as they are, because it is a link, or lies behind one. Name the folder itself.");
     }
     Tell(ToUtf8(path), SetPermissionsOfFolder(path));
   }
@@ -178,12 +180,10 @@ class Protection {
     Tell(key.Text(), error);
   }
 
-  void WarnOfWriters(const std::wstring& path) {
-    if (!MayUsersWrite(path)) return;
-    Warn("Users may write " + ToUtf8(path) +
-         ": whoever does has the rights of the service, or flashes an image of their own. Take that "
-         "permission from "
-         "them.");
+  void WarnOf(const OpenPlace& place) {
+    Warn(ToUtf8(place.path) + " " + place.why +
+         ": whoever changes it has the rights of the service, or flashes an image of their own. Leave it to "
+         "administrators and the system.");
   }
 
   void Warn(std::string text) { m_Warnings.push_back(std::move(text)); }
@@ -207,10 +207,30 @@ void ProtectImages(const std::wstring& folder, Protection& protection) {
         ToUtf8(folder) + "\", as [ModemAndNVMFirmwareFolder] names it, and install again.");
   }
   protection.ProtectFolder(folder);
-  protection.WarnOfWriters(folder);
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    protection.WarnOfWriters(entry.path().wstring());
+}
+
+/// @return the folder of the images; empty without a configuration.
+std::wstring ProtectAll(const std::wstring& folder, Protection& protection) {
+  protection.ProtectFolder(folder);
+  const auto configuration = LibraryConfiguration::Read(folder + L"\\" + kConfigurationName);
+  if (!configuration) {
+    protection.Warn(
+        "The configuration " + ToUtf8(folder) +
+        "\\CorvelConfig.ini cannot be read, so the folder of the images and the key stay open to whom they "
+        "were. Put it there and install again.");
+    return {};
   }
+  ProtectImages(configuration->FirmwareFolder(), protection);
+  protection.ProtectKey(configuration->ServiceKey());
+  return configuration->FirmwareFolder();
+}
+
+/// Behind an installer and a management system nobody reads what a program says.
+void TellEventLog(const std::vector<std::string>& warnings) {
+  if (warnings.empty()) return;
+  std::string text;
+  for (const std::string& warning : warnings) text += (text.empty() ? "" : "\r\n") + warning;
+  WriteEvent(MSG_OPEN_TO_OTHERS, ToWide(text));
 }
 
 }  // namespace
@@ -218,23 +238,11 @@ void ProtectImages(const std::wstring& folder, Protection& protection) {
 std::vector<std::string> ProtectInstallation() {
   Protection protection;
   const std::wstring folder = WithoutLastSeparators(ProgramFolder());
-  protection.ProtectFolder(folder);
-  protection.WarnOfWriters(folder);
-  for (const wchar_t* const name : {kConfigurationName, kLibraryName, kFlashingLibraryName}) {
-    protection.WarnOfWriters(folder + L"\\" + name);
-  }
-  protection.WarnOfWriters(ProgramPath());
-  const auto configuration = LibraryConfiguration::Read(folder + L"\\" + kConfigurationName);
-  if (!configuration) {
-    protection.Warn(
-        "The configuration " + ToUtf8(folder) +
-        "\\CorvelConfig.ini cannot be read, so the folder of the images and the key stay open to whom they "
-        "were. Put it there and install again.");
-    return protection.Take();
-  }
-  ProtectImages(configuration->FirmwareFolder(), protection);
-  protection.ProtectKey(configuration->ServiceKey());
-  return protection.Take();
+  const std::wstring images = ProtectAll(folder, protection);
+  for (const OpenPlace& place : FindOpenPlaces(folder, images)) protection.WarnOf(place);
+  std::vector<std::string> warnings = protection.Take();
+  TellEventLog(warnings);
+  return warnings;
 }
 
 }  // namespace hosts

@@ -542,6 +542,23 @@ TEST_F(CheckTest, NamesOfTheLibraryThatAnotherProgramHas) {
               whatToDo);
 }
 
+TEST_F(CheckTest, WhatOthersMayWriteIsAWarning) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;FA;;;WD)", SDDL_REVISION_1, &descriptor,
+                                                         nullptr);
+  const LocalMemory owner(descriptor);
+  for (const std::filesystem::path& file : {workspace.File(L"CorvelToolKit.dll"), workspace.NvmImage()}) {
+    ASSERT_TRUE(::SetFileSecurityW(file.c_str(), DACL_SECURITY_INFORMATION, descriptor));
+  }
+  const Findings findings = Check();
+  EXPECT_EQ(findings.ExitCode(), 0);
+  EXPECT_EQ(findings.Verdict("permissions"), "warning");
+  EXPECT_EQ(findings.Code("permissions"), "writable_by_users");
+  EXPECT_THAT(findings.Message("permissions"),
+              AllOf(testing::StartsWith(PathOf(L"CorvelToolKit.dll") + " may be written by "),
+                    HasSubstr("; " + PathOf(L"firmware\\nvm.fls") + " may be written by ")));
+}
+
 TEST_F(CheckTest, ModemInFlashModeIsReady) {
   workspace.MakeVirtualPc({"state=flash port"});
   const Findings findings = Check();

@@ -7,12 +7,18 @@
 #include <gtest/gtest.h>
 #include <sddl.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "hosts/common/facts.h"
 #include "hosts/common/handshake.h"
+#include "hosts/common/owners.h"
 #include "hosts/common/text.h"
+#include "messages.h"
 #include "simulator/host/kept_key.h"
 #include "simulator/import_patch.h"
 #include "tests/hosts/child_process.h"
@@ -22,14 +28,19 @@ namespace hosts {
 
 using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
 constexpr char kOfFolder[] = "D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+constexpr char kAdministrators[] = "S-1-5-32-544";
 constexpr char kOfKey[] = "D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)(A;CI;KR;;;BU)";
+
+/// What an account beside administrators may write, as the system tells it of a file.
+constexpr wchar_t kFromOneAccount[] = L"O:BAD:(A;;FA;;;BA)(A;;0x2;;;S-1-5-21-1-2-3-1001)";
 
 std::string TextOf(PSECURITY_DESCRIPTOR descriptor) {
   wchar_t* text = nullptr;
@@ -40,14 +51,29 @@ std::string TextOf(PSECURITY_DESCRIPTOR descriptor) {
   return utf8;
 }
 
-/// What the system was asked for: permissions by the folder's name, and those of the key.
+/// What the system was asked for: owners and permissions by the folder's name, and those of the key.
+std::map<std::wstring, std::string> g_owners;
 std::map<std::wstring, std::string> g_folders;
+std::vector<std::string> g_order;
 std::vector<std::string> g_keys;
 DWORD g_refusal = ERROR_SUCCESS;
 
-DWORD WINAPI RecordFolder(LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID, PSID, PACL list,
-                          PACL) {
+std::string NumberOf(PSID account) {
+  wchar_t* text = nullptr;
+  ::ConvertSidToStringSidW(account, &text);
+  const LocalMemory owner(text);
+  return text == nullptr ? "" : ToUtf8(text);
+}
+
+DWORD WINAPI RecordFolder(LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID owner, PSID,
+                          PACL list, PACL) {
   EXPECT_EQ(type, SE_FILE_OBJECT);
+  if (what == OWNER_SECURITY_INFORMATION) {
+    g_order.emplace_back("owner");
+    g_owners[name] = NumberOf(owner);
+    return g_refusal;
+  }
+  g_order.emplace_back("permissions");
   EXPECT_EQ(what, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION);
   SECURITY_DESCRIPTOR descriptor{};
   ::InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
@@ -63,6 +89,57 @@ LSTATUS WINAPI RecordKey(HKEY, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR d
   return static_cast<LSTATUS>(g_refusal);
 }
 
+/// Permissions that a test gives to files and folders, as text; those of all others are the system's answer.
+std::map<std::wstring, std::wstring> g_given;
+
+/// By its name alone this program would call what the test has put in its place.
+const auto g_getPermissions = reinterpret_cast<decltype(&::GetNamedSecurityInfoW)>(
+    reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"advapi32.dll"), "GetNamedSecurityInfoW")));
+
+DWORD WINAPI TellPermissions(LPCWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID* owner,
+                             PSID* group, PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* descriptor) {
+  const auto given = g_given.find(name);
+  if (given == g_given.end()) {
+    return g_getPermissions(name, type, what, owner, group, list, audit, descriptor);
+  }
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(given->second.c_str(), SDDL_REVISION_1,
+                                                                     descriptor, nullptr));
+  ::GetSecurityDescriptorOwner(*descriptor, owner, &defaulted);
+  ::GetSecurityDescriptorDacl(*descriptor, &present, list, &defaulted);
+  return ERROR_SUCCESS;
+}
+
+/// What went into the event log.
+std::vector<std::pair<DWORD, std::string>> g_events;
+
+HANDLE WINAPI OpenEventLog(LPCWSTR, LPCWSTR source) {
+  EXPECT_STREQ(source, kServiceName);
+  return &g_events;
+}
+
+BOOL WINAPI RecordEvent(HANDLE, WORD type, WORD, DWORD event, PSID, WORD count, DWORD, LPCWSTR* texts,
+                        void*) {
+  EXPECT_EQ(type, EVENTLOG_WARNING_TYPE);
+  EXPECT_EQ(count, 1);
+  g_events.emplace_back(event, ToUtf8(texts[0]));
+  return TRUE;
+}
+
+BOOL WINAPI CloseEventLog(HANDLE) {
+  return TRUE;
+}
+
+/// A folder that is a link; empty: none is.
+std::wstring g_link;
+
+DWORD WINAPI TellAttributes(LPCWSTR name) {
+  WIN32_FILE_ATTRIBUTE_DATA facts{};
+  if (!::GetFileAttributesExW(name, GetFileExInfoStandard, &facts)) return INVALID_FILE_ATTRIBUTES;
+  return facts.dwFileAttributes | (name == g_link ? FILE_ATTRIBUTE_REPARSE_POINT : 0);
+}
+
 /// A program's folder of the test's own, in which the code under test takes itself to be.
 std::wstring g_program;
 
@@ -73,13 +150,23 @@ DWORD WINAPI TellProgram(HMODULE, LPWSTR buffer, DWORD size) {
 class PermissionsTest : public testing::Test {
  protected:
   PermissionsTest() {
+    g_owners.clear();
     g_folders.clear();
+    g_order.clear();
     g_keys.clear();
+    g_given.clear();
+    g_events.clear();
+    g_link.clear();
     g_refusal = ERROR_SUCCESS;
     g_program = workspace.Service().wstring();
     workspace.SetServiceKey(ToWide(key.Location().Text()));
     m_Patch.Replace("SetNamedSecurityInfoW", &RecordFolder);
+    m_Patch.Replace("GetNamedSecurityInfoW", &TellPermissions);
+    m_Patch.Replace("GetFileAttributesW", &TellAttributes);
     m_Patch.Replace("RegSetKeySecurity", &RecordKey);
+    m_Patch.Replace("RegisterEventSourceW", &OpenEventLog);
+    m_Patch.Replace("ReportEventW", &RecordEvent);
+    m_Patch.Replace("DeregisterEventSource", &CloseEventLog);
     m_Patch.Replace("GetModuleFileNameW", &TellProgram);
   }
 
@@ -107,6 +194,17 @@ TEST_F(PermissionsTest, LeaveWritingToAdministratorsAndTheSystem) {
   EXPECT_EQ(g_folders, both);
   EXPECT_THAT(g_keys, ElementsAre(kOfKey));
   EXPECT_TRUE(key.Exists());
+  EXPECT_THAT(g_events, IsEmpty());
+}
+
+/// Who made a folder owns it, and gives himself any right that is taken from him.
+TEST_F(PermissionsTest, OfAFolderThatAUserOwnsAreGivenToAdministrators) {
+  ProtectInstallation();
+  const std::map<std::wstring, std::string> both{{Folder(), kAdministrators},
+                                                 {workspace.ImageFolder().wstring(), kAdministrators}};
+  EXPECT_EQ(g_owners, both);
+  // First: the former owner may have left administrators no other right.
+  EXPECT_THAT(g_order, ElementsAre("owner", "permissions", "owner", "permissions"));
 }
 
 TEST_F(PermissionsTest, ThatTheSystemRefusesAreTold) {
@@ -125,11 +223,68 @@ TEST_F(PermissionsTest, ThatLetUsersWriteAreTold) {
   LetEverybodyWrite(workspace.ModemImage().wstring());
   const std::vector<std::string> warnings = ProtectInstallation();
   ASSERT_EQ(warnings.size(), 2u);
-  EXPECT_EQ(warnings[0],
-            "Users may write " + ToUtf8(workspace.File(L"CorvelConfig.ini").wstring()) +
-                ": whoever does has the rights of the service, or flashes an image of their own. Take "
-                "that permission from them.");
+  EXPECT_THAT(warnings[0],
+              AllOf(StartsWith(ToUtf8(workspace.File(L"CorvelConfig.ini").wstring()) + " may be written by "),
+                    EndsWith(": whoever changes it has the rights of the service, or flashes an "
+                             "image of their own. Leave it to administrators and the system.")));
   EXPECT_THAT(warnings[1], HasSubstr("modem.fls"));
+}
+
+/// Behind an installer nobody reads what the program says.
+TEST_F(PermissionsTest, ThatAreNotAsTheyShouldBeAreLeftInTheEventLog) {
+  g_given[workspace.File(L"CorvelConfig.ini").wstring()] = kFromOneAccount;
+  workspace.Remove(L"firmware");
+  const std::vector<std::string> warnings = ProtectInstallation();
+  ASSERT_EQ(warnings.size(), 2u);
+  EXPECT_THAT(g_events, ElementsAre(std::pair(static_cast<DWORD>(MSG_OPEN_TO_OTHERS),
+                                              warnings[0] + "\r\n" + warnings[1])));
+}
+
+TEST_F(PermissionsTest, ThatLetOneAccountWriteAreTold) {
+  g_given[workspace.NvmImage().wstring()] = kFromOneAccount;
+  EXPECT_THAT(ProtectInstallation(), ElementsAre(StartsWith(ToUtf8(workspace.NvmImage().wstring()) +
+                                                            " may be written by S-1-5-21-1-2-3-1001: ")));
+}
+
+TEST_F(PermissionsTest, ThatAnOwnerGivesHimselfAreTold) {
+  g_given[workspace.NvmImage().wstring()] = L"O:S-1-5-21-1-2-3-1001D:(A;;FA;;;SY)";
+  EXPECT_THAT(ProtectInstallation(), ElementsAre(StartsWith(ToUtf8(workspace.NvmImage().wstring()) +
+                                                            " belongs to S-1-5-21-1-2-3-1001: ")));
+}
+
+TEST_F(PermissionsTest, OfEachLibraryBesideTheProgramAreLookedAt) {
+  const std::wstring library = workspace.File(L"Other.DLL").wstring();
+  const std::wstring text = workspace.File(L"other.txt").wstring();
+  for (const std::wstring& file : {library, text}) {
+    std::ofstream(std::filesystem::path(file)) << "anything";
+    g_given[file] = kFromOneAccount;
+  }
+  EXPECT_THAT(ProtectInstallation(), ElementsAre(StartsWith(ToUtf8(library) + " may be written by ")));
+}
+
+/// Whoever may write there may do anything with what lies in it: that is not said of each file.
+TEST_F(PermissionsTest, OfAnOpenFolderAreToldOnce) {
+  g_given[workspace.ImageFolder().wstring()] = kFromOneAccount;
+  g_given[workspace.NvmImage().wstring()] = kFromOneAccount;
+  EXPECT_THAT(ProtectInstallation(),
+              ElementsAre(StartsWith(ToUtf8(workspace.ImageFolder().wstring()) + " may be ")));
+}
+
+TEST_F(PermissionsTest, OfAFolderAboveThatLetItsFoldersBeReplacedAreToldOnce) {
+  const std::wstring above = std::filesystem::path(Folder()).parent_path().wstring();
+  // Deletes what lies in it.
+  g_given[above] = L"O:SYD:(A;;0x40;;;BU)";
+  EXPECT_THAT(ProtectInstallation(), ElementsAre(StartsWith(ToUtf8(above) + " may be written by ")));
+  g_given[above] = L"O:S-1-5-21-1-2-3-1001D:(A;;FA;;;SY)";
+  EXPECT_THAT(ProtectInstallation(), ElementsAre(StartsWith(ToUtf8(above) + " belongs to ")));
+}
+
+/// As the system's own folders have them: users add folders, and get rights in what they add.
+TEST_F(PermissionsTest, OfAFolderAboveThatLetUsersAddToItAreAsTheyShouldBe) {
+  g_given[std::filesystem::path(Folder()).parent_path().wstring()] =
+      L"O:S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464"
+      L"D:(A;OICIIO;FA;;;CO)(A;OICIIO;FA;;;BU)(A;;0x6;;;BU)(A;;0x1200a9;;;WD)(A;;FA;;;BA)";
+  EXPECT_THAT(ProtectInstallation(), IsEmpty());
 }
 
 TEST_F(PermissionsTest, OfFoldersThatOthersLiveInStayAsTheyAre) {
@@ -142,6 +297,22 @@ TEST_F(PermissionsTest, OfFoldersThatOthersLiveInStayAsTheyAre) {
     ASSERT_FALSE(warnings.empty()) << ToUtf8(folder);
     EXPECT_THAT(warnings[0], AllOf(HasSubstr("The permissions of " + ToUtf8(folder) + " stay as they are"),
                                    HasSubstr("a folder of its own")));
+  }
+}
+
+/// Whoever may make a link would have the permissions of what it leads to changed.
+TEST_F(PermissionsTest, OfAFolderBehindALinkStayAsTheyAre) {
+  const std::filesystem::path images = workspace.ImageFolder() / L"wave";
+  std::filesystem::create_directory(images);
+  workspace.WriteConfiguration("[ModemAndNVMFirmwareFolder]=", images.wstring());
+  for (const std::filesystem::path& link : {images, images.parent_path()}) {
+    g_folders.clear();
+    g_link = link.wstring();
+    EXPECT_THAT(
+        ProtectInstallation(),
+        ElementsAre("The permissions of " + ToUtf8(images.wstring()) +
+                    " stay as they are, because it is a link, or lies behind one. Name the folder itself."));
+    EXPECT_EQ(g_folders.count(images.wstring()), 0u);
   }
 }
 

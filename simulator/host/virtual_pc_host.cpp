@@ -12,12 +12,14 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "simulator/device_tree.h"
 #include "simulator/host/virtual_pc_file.h"
 #include "simulator/import_patch.h"
+#include "simulator/named_objects.h"
 #include "simulator/threads/working_threads.h"
 #include "simulator/virtual_pc.h"
 
@@ -102,17 +104,37 @@ void PlayStartingService(int lookThatFindsIt) {
 /// Enough for the interruption and for the job's end, not for the watch over the values.
 int g_eventsLeft = 2;
 
+bool IsTaken(LPCWSTR name) {
+  return name != nullptr && name == g_faults.nameTaken;
+}
+
+DWORD ErrorOfEvent(LPCWSTR name) {
+  if (IsTaken(name)) return ERROR_INVALID_HANDLE;
+  const bool lacks = name == nullptr && g_faults.watchFails && g_eventsLeft-- <= 0;
+  return lacks ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
+}
+
 HANDLE WINAPI CreateEventForHost(LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL state, LPCWSTR name) {
-  if (name != nullptr || g_eventsLeft-- > 0) return ::CreateEventW(security, manual, state, name);
-  ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  const DWORD error = ErrorOfEvent(name);
+  if (error == ERROR_SUCCESS) return ::CreateEventW(security, manual, state, name);
+  ::SetLastError(error);
   return nullptr;
 }
 
 // --- A name of the library's that another program has ------------------------------------------------------
 
+/// In front of the library, whose names are this process's own. Stays there until the process ends.
+void TakeNameFromLibrary() {
+  const std::wstring name = OwnName(g_faults.nameTaken.c_str());
+  const bool isOfEvent = g_faults.nameTaken == L"RegistryNotify";
+  const HANDLE made = isOfEvent ? ::CreateSemaphoreW(nullptr, 0, 1, name.c_str())
+                                : ::CreateEventW(nullptr, TRUE, FALSE, name.c_str());
+  if (made == nullptr) throw std::runtime_error("the name cannot be taken");
+}
+
 /// The library waits for requests by an event; the other name is a semaphore's, which an event has here.
 HANDLE WINAPI OpenEventForHost(DWORD access, BOOL inherit, LPCWSTR name) {
-  if (name == nullptr || name != g_faults.nameTaken) return ::OpenEventW(access, inherit, name);
+  if (!IsTaken(name)) return ::OpenEventW(access, inherit, name);
   if (g_faults.nameTaken != L"RegistryNotify") return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   ::SetLastError(ERROR_INVALID_HANDLE);
   return nullptr;
@@ -193,8 +215,13 @@ void TakeInCommandLineJob(HMODULE product) {
 
 void InstallHostFaults(const HostFaults& faults) {
   if (faults.serviceStartsAt > 0) PlayStartingService(faults.serviceStartsAt);
-  if (!faults.nameTaken.empty()) g_simulation->host.Replace("OpenEventW", &OpenEventForHost);
-  if (faults.watchFails) g_simulation->host.Replace("CreateEventW", &CreateEventForHost);
+  if (!faults.nameTaken.empty()) {
+    TakeNameFromLibrary();
+    g_simulation->host.Replace("OpenEventW", &OpenEventForHost);
+  }
+  if (faults.watchFails || !faults.nameTaken.empty()) {
+    g_simulation->host.Replace("CreateEventW", &CreateEventForHost);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The example of a controlling program, with the real service in a virtual PC.
 
+#include <windows.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +21,8 @@ using testing::HasSubstr;
 
 namespace {
 
+constexpr DWORD kLookPeriodMs = 50;
+
 class ControllerInVirtualPcTest : public testing::Test {
  protected:
   void StartService(const std::vector<std::string>& pc) {
@@ -27,6 +31,16 @@ class ControllerInVirtualPcTest : public testing::Test {
     service =
         std::make_unique<ChildProcess>(workspace.Service(), std::vector<std::wstring>{L"run", L"--console"});
     ASSERT_TRUE(service->Says("Waiting for Fls_Ready"));
+  }
+  /// Once it does, the library has written its values and has not begun to wait for a request.
+  bool LibraryFindsItsNameTaken() const {
+    constexpr int kMostLooks = 600;
+    const auto hasSaidSo = [this] {
+      return workspace.Content(L"FlashServiceDebugLogger_DLL.log").find("CreateEvent FAIL") !=
+             std::string::npos;
+    };
+    for (int look = 0; look < kMostLooks && !hasSaidSo(); ++look) ::Sleep(kLookPeriodMs);
+    return hasSaidSo();
   }
   ~ControllerInVirtualPcTest() override {
     if (service != nullptr) service->Kill();
@@ -72,6 +86,17 @@ TEST_F(ControllerInVirtualPcTest, LeavesTheRequestOfAServiceThatIsKilledInAFlash
   EXPECT_EQ(controller.WaitForEnd(), 3);
   EXPECT_THAT(controller.Errors(), HasSubstr("The service fell silent"));
   EXPECT_EQ(key.Read().ready, 1u);
+}
+
+/// Such a service lives and hears of no request.
+TEST_F(ControllerInVirtualPcTest, TakesTheRequestBackWhenAnotherProgramHasTheNameThatTheLibraryNeeds) {
+  StartService({"name-taken=RegistryNotify"});
+  EXPECT_TRUE(service->Says("nother program has the name \"RegistryNotify\""));
+  ASSERT_TRUE(LibraryFindsItsNameTaken());
+  const RunResult controller = RunToEnd(Program(), Arguments(L"2"));
+  EXPECT_EQ(controller.exitCode, 3);
+  EXPECT_THAT(controller.errors, HasSubstr("Nobody took the request"));
+  EXPECT_EQ(key.Read().ready, 0u);
 }
 
 TEST_F(ControllerInVirtualPcTest, SeesTheEndAlthoughItsRequestWasTakenBackInTheMiddle) {

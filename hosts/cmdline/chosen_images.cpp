@@ -134,6 +134,17 @@ bool IsCopyThere(const std::wstring& path, const ChosenImage& image) {
   return DigestOf(path).sha256 == image.sha256;
 }
 
+/// An image of a disc may only be read, and so may what was copied of it; that can be neither written over
+/// nor deleted. Of a file that is not there nothing changes.
+void LetItBeChanged(const std::wstring& path) {
+  ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+}
+
+BOOL DeleteCopy(const std::wstring& path) {
+  LetItBeChanged(path);
+  return ::DeleteFileW(path.c_str());
+}
+
 }  // namespace
 
 ChosenImages LookAtChosenImages(const std::vector<std::string>& names, const std::string& expect) {
@@ -173,17 +184,19 @@ std::optional<Finding> FindOtherImages(const std::vector<ChosenImage>& images, c
 
 ImageCopies::~ImageCopies() {
   // What was left has been told of by whoever asked for it.
-  for (const std::wstring& path : m_Drafts) ::DeleteFileW(path.c_str());
-  for (const std::wstring& path : m_Copies) ::DeleteFileW(path.c_str());
+  for (const std::wstring& path : m_Drafts) DeleteCopy(path);
+  for (const std::wstring& path : m_Copies) DeleteCopy(path);
 }
 
 std::optional<Finding> ImageCopies::MakeDraft(const ChosenImage& image, const std::wstring& draft) {
   m_Drafts.push_back(draft);
+  // One that was ended by force has left it as the copying made it.
+  LetItBeChanged(draft);
   if (!::CopyFileW(image.file.path.c_str(), draft.c_str(), FALSE)) {
     return NotCopied(image.file.path, draft, ::GetLastError());
   }
-  // An image of a disc may only be read, and so may its copy; but the library has to delete it.
-  ::SetFileAttributesW(draft.c_str(), FILE_ATTRIBUTE_NORMAL);
+  // The library has to delete it.
+  LetItBeChanged(draft);
   const FileDigest digest = DigestOf(draft);
   if (digest.error != ERROR_SUCCESS) return NotCopied(image.file.path, draft, digest.error);
   if (digest.sha256 == image.sha256) return std::nullopt;
@@ -216,7 +229,7 @@ std::vector<std::wstring> ImageCopies::TakeBack() {
   std::vector<std::wstring> left;
   for (std::vector<std::wstring>* paths : {&m_Drafts, &m_Copies}) {
     for (const std::wstring& path : std::exchange(*paths, {})) {
-      const bool isGone = ::DeleteFileW(path.c_str()) || ::GetLastError() == ERROR_FILE_NOT_FOUND ||
+      const bool isGone = DeleteCopy(path) || ::GetLastError() == ERROR_FILE_NOT_FOUND ||
                           ::GetLastError() == ERROR_PATH_NOT_FOUND;
       if (!isGone) left.push_back(path);
     }

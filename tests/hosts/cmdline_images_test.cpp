@@ -174,7 +174,10 @@ TEST_F(FlashOfChosenImagesTest, CanBeRepeatedAfterAFailure) {
 TEST_F(FlashOfChosenImagesTest, GoesOnWithWhatARunThatWasKilledHasLeft) {
   workspace.MakeVirtualPc({"speed=200"});
   std::filesystem::copy_file(Modem(), workspace.ModemImage());
-  std::ofstream(workspace.File(L"firmware\\nvm.fls.copying")) << "half";
+  const std::wstring draft = workspace.File(L"firmware\\nvm.fls.copying").wstring();
+  std::ofstream(std::filesystem::path(draft)) << "half";
+  // As an image of a disc is copied.
+  ASSERT_TRUE(::SetFileAttributesW(draft.c_str(), FILE_ATTRIBUTE_READONLY));
   EXPECT_EQ(Flash({originals.Path().wstring()}).exitCode, 0);
   EXPECT_THAT(NamesInFolder(), IsEmpty());
   EXPECT_TRUE(workspace.CompareModemMemory().equal);

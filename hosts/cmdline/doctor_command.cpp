@@ -8,7 +8,6 @@
 #include <string>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/doctor_contents.h"
@@ -17,7 +16,6 @@
 #include "hosts/common/json_output.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
-#include "hosts/common/text_layout.h"
 #include "hosts/common/zip_file.h"
 #include "toolkit/toolkit.h"
 
@@ -60,6 +58,7 @@ class Archive : public DoctorCollection {
   void LeaveOut(const std::string& name, const std::string& why) override {
     m_Report.leftOut.emplace_back(name, why);
   }
+  bool TakesMore() const override { return m_Zip.Error() == ERROR_SUCCESS; }
 
   /// @return the system's error; 0 when the archive is there.
   DWORD Finish() {
@@ -70,7 +69,6 @@ class Archive : public DoctorCollection {
     m_IsDraftThere = false;
     return ERROR_SUCCESS;
   }
-  bool CanBeWritten() const { return m_Zip.Error() == ERROR_SUCCESS; }
   const DoctorReport& Told() const { return m_Report; }
 
  private:
@@ -105,28 +103,17 @@ std::wstring FullPath(const std::wstring& name) {
   return failed ? name : path.wstring();
 }
 
-/// @return the system's error.
-DWORD Write(Archive& archive) {
-  for (const DoctorItem& item : DoctorItems()) {
-    if (archive.CanBeWritten()) item.collect(archive);
-  }
-  return archive.Finish();
-}
-
 ExitCode ShowList(bool json) {
-  std::vector<std::pair<const char*, const char*>> rows;
-  for (const DoctorItem& item : DoctorItems()) rows.emplace_back(item.name, item.what);
-  rows.emplace_back(kContentsName, kContentsWhat);
-  if (json) {
-    auto list = nlohmann::ordered_json::array();
-    for (const auto& [name, what] : rows) list.push_back({{"name", name}, {"what", what}});
-    PrintJson({{"contents", list}});
+  DoctorList list;
+  for (const DoctorItem& item : DoctorItems()) list.emplace_back(item.name, item.what);
+  list.emplace_back(kContentsName, kContentsWhat);
+  if (!json) {
+    std::cout << DoctorListText(list, TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE))) << std::flush;
     return ExitCode::Success;
   }
-  const std::size_t columns = TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE));
-  for (const auto& [name, what] : rows)
-    std::cout << Wrapped(std::string(name) + ": " + what, columns, "", "  ");
-  std::cout << std::flush;
+  auto rows = nlohmann::ordered_json::array();
+  for (const auto& [name, what] : list) rows.push_back({{"name", name}, {"what", what}});
+  PrintJson({{"contents", rows}});
   return ExitCode::Success;
 }
 
@@ -138,7 +125,8 @@ ExitCode RunDoctor(const DoctorOptions& options) {
   if (options.list) return ShowList(options.json);
   const std::wstring path = FullPath(options.output.empty() ? NameByTime() : ToWide(options.output));
   Archive archive(path);
-  if (const DWORD error = Write(archive)) {
+  Collect(DoctorItems(), archive);
+  if (const DWORD error = archive.Finish()) {
     Report({"archive_unwritable",
             "The archive " + ToUtf8(path) + " cannot be written: " + SystemErrorText(error) + ".",
             "Name another file with --output, in a folder that you may write."},

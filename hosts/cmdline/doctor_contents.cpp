@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "hosts/cmdline/check_report.h"
@@ -24,8 +25,11 @@ namespace hosts {
 
 namespace {
 
-/// Of a debug log: many times what a flash writes.
-constexpr std::uint64_t kLongestFile = std::uint64_t{64} * 1024 * 1024;
+/// Of a debug log, from its end: many times what a flash writes.
+constexpr std::uint64_t kMostBytes = std::uint64_t{64} * 1024 * 1024;
+/// Between two records of a debug log, whose messages may hold line ends, too.
+constexpr std::string_view kRecordsMeet = "##\r\n#";
+constexpr std::size_t kRecordEnd = 4;
 // How file properties are found: the platform's own names for these hang on the character set.
 constexpr WORD kVersionResource = 1;
 constexpr WORD kVersionType = 16;
@@ -49,6 +53,7 @@ std::string AsText(const nlohmann::ordered_json& fields) {
 /// A file as it was at one moment; whoever writes it goes on.
 struct FileContent {
   DWORD error = ERROR_SUCCESS;
+  std::uint64_t leftOut = 0;  ///< bytes at the beginning
   std::string bytes = {};
   SYSTEMTIME modified = {};
 };
@@ -61,7 +66,33 @@ SYSTEMTIME LocalTimeOf(const FILETIME& time) {
   return local;
 }
 
-FileContent ReadWhole(const std::wstring& path) {
+/// What does not go in of so many bytes.
+std::uint64_t BytesLeftOut(std::uint64_t size) {
+  return size > kMostBytes ? size - kMostBytes : 0;
+}
+
+/// @return the system's error.
+DWORD ReadFrom(HANDLE file, std::uint64_t begin, std::string& bytes) {
+  LARGE_INTEGER place{};
+  place.QuadPart = static_cast<LONGLONG>(begin);
+  DWORD read = 0;
+  if (!::SetFilePointerEx(file, place, nullptr, FILE_BEGIN) ||
+      !::ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr)) {
+    return ::GetLastError();
+  }
+  bytes.resize(read);
+  return ERROR_SUCCESS;
+}
+
+/// What is cut off begins with a whole record.
+void DropPartOfRecord(FileContent& content) {
+  const std::size_t end = content.leftOut == 0 ? std::string::npos : content.bytes.find(kRecordsMeet);
+  if (end == std::string::npos) return;
+  content.bytes.erase(0, end + kRecordEnd);
+  content.leftOut += end + kRecordEnd;
+}
+
+FileContent ReadEnd(const std::wstring& path) {
   const HANDLE opened =
       ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -72,22 +103,24 @@ FileContent ReadWhole(const std::wstring& path) {
   if (!::GetFileSizeEx(file.get(), &size) || !::GetFileTime(file.get(), nullptr, nullptr, &written)) {
     return {.error = ::GetLastError()};
   }
-  if (static_cast<std::uint64_t>(size.QuadPart) > kLongestFile) return {.error = ERROR_FILE_TOO_LARGE};
-  FileContent content{.bytes = std::string(static_cast<std::size_t>(size.QuadPart), '\0'),
-                      .modified = LocalTimeOf(written)};
-  DWORD read = 0;
-  if (!::ReadFile(file.get(), content.bytes.data(), static_cast<DWORD>(content.bytes.size()), &read,
-                  nullptr)) {
-    return {.error = ::GetLastError()};
-  }
-  content.bytes.resize(read);
+  const auto all = static_cast<std::uint64_t>(size.QuadPart);
+  FileContent content{.leftOut = BytesLeftOut(all), .modified = LocalTimeOf(written)};
+  content.bytes.resize(static_cast<std::size_t>(all - content.leftOut));
+  content.error = ReadFrom(file.get(), content.leftOut, content.bytes);
+  DropPartOfRecord(content);
   return content;
 }
 
 void CollectFile(DoctorCollection& collection, const std::string& name, const std::wstring& path) {
-  const FileContent content = ReadWhole(path);
-  if (content.error == ERROR_SUCCESS) return collection.Take(name, content.bytes, content.modified);
-  collection.LeaveOut(name, ToUtf8(path) + ": " + SystemErrorText(content.error));
+  const FileContent content = ReadEnd(path);
+  if (content.error != ERROR_SUCCESS) {
+    return collection.LeaveOut(name, ToUtf8(path) + ": " + SystemErrorText(content.error));
+  }
+  collection.Take(name, content.bytes, content.modified);
+  if (content.leftOut != 0) {
+    collection.LeaveOut(name, "its first " + std::to_string(content.leftOut) +
+                                  " bytes, because the file is larger than 64 MiB");
+  }
 }
 
 void CollectConfiguration(DoctorCollection& collection) {

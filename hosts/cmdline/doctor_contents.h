@@ -15,8 +15,10 @@ class DoctorCollection {
 
   /// @param modified local time of the last change.
   virtual void Take(const std::string& name, std::string_view bytes, const SYSTEMTIME& modified) = 0;
-  /// Something of the list that does not go in, and why, in words without a full stop.
+  /// Something of the list that does not go in, or not as a whole, and why, in words without a full stop.
   virtual void LeaveOut(const std::string& name, const std::string& why) = 0;
+  /// False when it cannot be kept any more.
+  virtual bool TakesMore() const = 0;
 };
 
 /// One row of what goes to support. Nothing goes there that has none.

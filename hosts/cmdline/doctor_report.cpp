@@ -1,8 +1,31 @@
 #include "hosts/cmdline/doctor_report.h"
 
+#include <exception>
+
 #include "hosts/common/text_layout.h"
 
 namespace hosts {
+
+void Collect(std::span<const DoctorItem> items, DoctorCollection& collection) {
+  for (const DoctorItem& item : items) {
+    if (!collection.TakesMore()) return;
+    try {
+      item.collect(collection);
+    } catch (const std::exception& error) {
+      collection.LeaveOut(item.name, std::string("something unforeseen went wrong: ") + error.what());
+    }
+  }
+}
+
+std::string DoctorListText(const DoctorList& list, std::size_t columns) {
+  std::string text;
+  for (const auto& [name, what] : list) {
+    std::string line = name;
+    line.append(": ").append(what);
+    text += Wrapped(line, columns, "", "  ");
+  }
+  return text;
+}
 
 std::string DoctorText(const DoctorReport& report, std::size_t columns) {
   std::string text = Wrapped("Written: " + report.archive, columns, "", "  ");

@@ -131,5 +131,22 @@ class OtherFoldersTest(unittest.TestCase):
         self.assertEqual((folder / "for_support.zip").read_bytes(), made)
         self.assertFalse((folder / "for_support.zip.new").exists())
 
+    def test_a_large_log_goes_in_from_a_record_near_its_end(self):
+        name, most = f"{SERVICE_LOG}.log", 64 * 1024 * 1024
+        part, record = b"of a record that is cut ##\r\n", b"#2026-11-15\tthe next one, \r\nin two lines##\r\n"
+        with open(self.installation.folder / name, "wb") as log:
+            log.write(b"#the first one##\r\n")
+            log.seek(1024 * 1024)
+            log.write(part + record)
+            log.truncate(most + 1024 * 1024)
+        told = self.installation.document()
+        out = 1024 * 1024 + len(part)
+        self.assertEqual(told["left_out"], [{"name": "logs/" + name, "why": f"its first {out} bytes, because the file is larger than 64 MiB"}])
+        with self.installation.made_archive() as archive:
+            taken = archive.read("logs/" + name)
+            self.assertEqual(len(taken), most - len(part))
+            self.assertTrue(taken.startswith(record))
+            self.assertIn(f"Left out: logs/{name}: its first {out} bytes".encode(), archive.read("contents.txt"))
+
 
 unittest.main(argv=[sys.argv[0]])

@@ -1,15 +1,12 @@
 #include <windows.h>
 
-#include <algorithm>
-#include <iostream>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/problems.h"
-#include "hosts/cmdline/progress_line.h"
+#include "hosts/cmdline/status_display.h"
 #include "hosts/cmdline/status_report.h"
 #include "hosts/cmdline/surroundings.h"
 #include "hosts/common/history_output.h"
@@ -66,84 +63,32 @@ Status Look(const Place& place, JobFollower& follower) {
   return status;
 }
 
-void Print(const Status& status) {
-  std::cout << StatusText(status, TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE))) << std::flush;
+StatusForm FormOfWatch(const StatusOptions& options) {
+  if (options.json) return StatusForm::Json;
+  const bool live = options.progress && IsLiveTerminal(::GetStdHandle(STD_OUTPUT_HANDLE)) &&
+                    IsLiveTerminal(::GetStdHandle(STD_ERROR_HANDLE));
+  return live ? StatusForm::LiveText : StatusForm::Text;
 }
 
-/// What changes all the time is left to the live line of a terminal.
-nlohmann::ordered_json WithoutProgress(nlohmann::ordered_json document) {
-  if (document["job"].is_null()) return document;
-  document["job"].erase("percent");
-  document["values"].erase(ToUtf8(kProgressValue));
-  return document;
+std::wstring LogOf(const StatusOptions& options) {
+  return options.service ? ServiceLogPath() : LogPath();
 }
-
-/// Shows one key again and again.
-class Watch {
- public:
-  Watch(Place place, const StatusOptions& options)
-      : m_Place(std::move(place)),
-        m_Json(options.json),
-        m_Live(!options.json && options.progress && IsLiveTerminal(::GetStdHandle(STD_OUTPUT_HANDLE)) &&
-               IsLiveTerminal(::GetStdHandle(STD_ERROR_HANDLE))),
-        m_Follower(options.service ? ServiceLogPath() : LogPath()) {}
-
-  ExitCode Run();
-
- private:
-  void Show();
-  void ShowLive(const Status& now);
-
-  Place m_Place;
-  bool m_Json;
-  bool m_Live;
-  JobFollower m_Follower;
-  LiveOutput m_Line;
-  nlohmann::ordered_json m_Shown;
-};
 
 /// Shows every change until the program is interrupted.
-ExitCode Watch::Run() {
+ExitCode Watch(const Place& place, const StatusOptions& options) {
+  JobFollower follower(LogOf(options));
+  StatusDisplay display(FormOfWatch(options));
   const Interruption interruption;
-  HandshakeWatch changes(m_Place.key);
+  HandshakeWatch changes(place.key);
   const HANDLE signals[] = {interruption.Event(), changes.Event()};
   do {
     // Without a key there is no announcement of its values either; the look once a second finds it.
     changes.Arm();
-    Show();
+    display.Show(Look(place, follower));
     // The modem, the folder and the log announce nothing: they are looked at once a second.
   } while (::WaitForMultipleObjects(2, signals, FALSE, kLookAtModemMs) != WAIT_OBJECT_0);
-  m_Line.Finish();
+  display.Finish();
   return ExitCode::Interrupted;
-}
-
-void Watch::Show() {
-  const Status now = Look(m_Place, m_Follower);
-  nlohmann::ordered_json document = m_Live ? WithoutProgress(AsJson(now)) : AsJson(now);
-  if (document != m_Shown) {
-    m_Line.Finish();
-    if (m_Json) {
-      PrintJson(document, JsonLayout::OneLine);
-    } else {
-      Print(now);
-    }
-    m_Shown = std::move(document);
-  }
-  if (m_Live) ShowLive(now);
-}
-
-void Watch::ShowLive(const Status& now) {
-  if (!now.job) return m_Line.Finish();
-  const flashlog::Milliseconds time = LocalTime();
-  const RunningJob& job = *now.job;
-  const std::optional<TimedStep>& step =
-      job.stageTimes && job.stageTimes->limit != 0 ? job.stageTimes : job.attemptTimes;
-  const std::optional<TimedStep>& begun = job.attemptTimes ? job.attemptTimes : job.stageTimes;
-  m_Line.Draw({.stage = job.stage,
-               .percent = job.percent,
-               .attempt = job.attempt,
-               .elapsedSeconds = begun ? std::max<long long>(0, (time - begun->begin) / 1000) : 0,
-               .remainingSeconds = step ? step->SecondsLeft(time) : std::nullopt});
 }
 
 }  // namespace
@@ -171,15 +116,15 @@ ExitCode RunStatus(const StatusOptions& options) {
   const Place place{.key = options.service ? configuration->ServiceKey() : CommandLineKey(),
                     .folder = configuration ? configuration->FirmwareFolder() : std::wstring(),
                     .ofService = options.service};
-  if (options.watch) return Watch(place, options).Run();
+  if (options.watch) return Watch(place, options);
 
-  JobFollower follower(options.service ? ServiceLogPath() : LogPath());
+  JobFollower follower(LogOf(options));
   Status status = Look(place, follower);
   status.serviceStarts = serviceStarts;
   if (options.json) {
     PrintJson(AsJson(status));
   } else {
-    Print(status);
+    PrintStatus(status);
   }
   return ExitCode::Success;
 }

@@ -1,20 +1,31 @@
 #include "hosts/cmdline/completion.h"
 
+#include "hosts/common/help_text.h"
+
 namespace hosts {
 
 namespace {
 
 constexpr char kBegin[] =
-    "# Completes verbs and options of corvel_cmdline. In a PowerShell profile:\n"
+    "# Completes verbs, options and their values of corvel_cmdline. In a PowerShell profile:\n"
     "#   corvel_cmdline completion powershell | Out-String | Invoke-Expression\n"
     "Register-ArgumentCompleter -Native -CommandName 'corvel_cmdline', 'corvel_cmdline.exe' -ScriptBlock {\n"
     "  param($word, $command, $cursor)\n"
     "  $places = @{\n";
+constexpr char kBetween[] =
+    "  }\n"
+    "  # What may follow an option; files, which PowerShell completes itself, where nothing stands.\n"
+    "  $values = @{\n";
 constexpr char kEnd[] =
     "  }\n"
-    "  $place = $command.CommandElements | Select-Object -Skip 1 | ForEach-Object { \"$_\" } |\n"
-    "    Where-Object { $_ -and $places.ContainsKey($_) } | Select-Object -First 1\n"
+    "  $words = @($command.CommandElements | Where-Object { $_.Extent.EndOffset -lt $cursor } | "
+    "ForEach-Object { "
+    "\"$_\" })\n"
+    "  $place = $words | Select-Object -Skip 1 | Where-Object { $_ -and $places.ContainsKey($_) } |\n"
+    "    Select-Object -First 1\n"
     "  if (-not $place) { $place = '' }\n"
+    "  $option = \"$place $($words[-1])\"\n"
+    "  if ($values.ContainsKey($option)) { $places = $values; $place = $option }\n"
     "  $places[$place] | Where-Object { $_[0] -like \"$word*\" } | ForEach-Object {\n"
     "    [System.Management.Automation.CompletionResult]::new($_[0], $_[0], 'ParameterValue', $_[1])\n"
     "  }\n"
@@ -40,17 +51,37 @@ std::string VerbWords(const CLI::App& program) {
   return words;
 }
 
+std::string ValueWords(const CLI::Option& option) {
+  std::string words;
+  for (const std::string& value : ValuesOf(option)) words += Word(value, option.get_description());
+  return words;
+}
+
+/// With the values of what stands by itself, such as the shell's name.
 std::string OptionWords(const CLI::App& place) {
   std::string words;
   for (const CLI::Option* const option : place.get_options()) {
     for (const std::string& name : option->get_lnames())
       words += Word("--" + name, option->get_description());
+    if (option->get_positional()) words += ValueWords(*option);
   }
   return words;
 }
 
 std::string Place(const std::string& name, const std::string& words) {
   return "    " + Quoted(name) + " = @(\n" + words + "    )\n";
+}
+
+/// Behind which options of a verb a value stands, and which.
+std::string PlacesOfValues(const CLI::App& verb) {
+  std::string places;
+  for (const CLI::Option* const option : verb.get_options()) {
+    if (option->get_items_expected_max() == 0) continue;
+    for (const std::string& name : option->get_lnames()) {
+      places += Place(verb.get_name() + " --" + name, ValueWords(*option));
+    }
+  }
+  return places;
 }
 
 }  // namespace
@@ -60,10 +91,12 @@ std::string PowerShellCompletion(const CLI::App& program) {
   std::string script = kBegin +
                        Place("", verbs + Word("help", "Tell the options of a verb") + OptionWords(program)) +
                        Place("help", verbs);
+  std::string values;
   for (const CLI::App* const verb : program.get_subcommands({})) {
     script += Place(verb->get_name(), OptionWords(*verb));
+    values += PlacesOfValues(*verb);
   }
-  return script + kEnd;
+  return script + kBetween + values + kEnd;
 }
 
 }  // namespace hosts

@@ -1,18 +1,21 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
-#include <iostream>
+#include <iterator>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "hosts/cmdline/journal.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/verbs.h"
-#include "hosts/common/nearest_word.h"
+#include "hosts/common/help_text.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "hosts/common/trusted_folders.h"
+#include "hosts/common/wrong_usage.h"
 
 namespace hosts {
 
@@ -30,74 +33,72 @@ std::vector<std::string> WithHelpAsOption(const CLI::App& program, std::vector<s
   return words;
 }
 
-std::string DidYouMean(const std::string& nearest, const std::string& otherwise) {
-  return nearest.empty() ? otherwise : "Did you mean \"" + nearest + "\"?";
+/// The file that --log names; empty when it names none.
+std::string LogIn(const std::vector<std::string>& words) {
+  constexpr std::string_view kOption = "--log";
+  for (auto word = words.begin(); word != words.end(); ++word) {
+    if (*word == kOption && std::next(word) != words.end()) return *std::next(word);
+    if (word->starts_with(std::string(kOption) + "=")) return word->substr(kOption.size() + 1);
+  }
+  return {};
 }
 
-/// A word that is neither verb nor option where it stands.
-Problem UnexpectedWord(const CLI::App& program, const std::string& word) {
-  constexpr const char* kCode = "wrong_usage";
-  const auto verbs = program.get_subcommands();
-  const CLI::App& place = verbs.empty() ? program : *verbs.front();
-  const std::string seeHelp =
-      "See \"corvel_cmdline help" + (verbs.empty() ? "" : " " + place.get_name()) + "\".";
-  if (word.starts_with("-")) {
-    return {kCode, "\"" + word + "\" is no option of " + place.get_name() + ".",
-            DidYouMean(NearestWord(word, OptionNames(place)), seeHelp)};
-  }
-  if (IsVerb(program, word)) return {kCode, "\"" + word + "\" is one verb too many.", seeHelp};
-  return {kCode, "\"" + word + "\" is no verb.", DidYouMean(NearestWord(word, VerbNames(program)), seeHelp)};
+/// The last that a log has of a run.
+int Ended(ExitCode code) {
+  const int status = static_cast<int>(code);
+  Note("exit status " + std::to_string(status));
+  return status;
 }
 
-Problem WrongUsage(const CLI::App& program, const CLI::ParseError& error) {
-  const std::vector<std::string> unexpected = program.remaining(true);
-  if (!unexpected.empty()) return UnexpectedWord(program, unexpected.front());
-  std::string message = error.what();
-  // The parser puts the option's name first.
-  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-    message = message.substr(0, message.find(':')) + " needs a value.";
-  }
-  return {"wrong_usage", std::move(message), "See \"corvel_cmdline help\"."};
+void NoteBegin(const std::vector<std::string>& words) {
+  std::string given;
+  for (const std::string& word : words) given += " " + word;
+  Note(std::string("corvel_cmdline " CORVEL_VERSION) + given);
 }
 
 /// @return the exit status of a parse that did not lead to a verb.
-int Answer(const CLI::App& program, const CLI::ParseError& error, bool json) {
+int Answer(const CLI::App& program, const CLI::ParseError& error, const std::vector<std::string>& words,
+           bool json) {
   // Help and version are no errors for the library either.
   if (error.get_exit_code() == 0) return program.exit(error);
+  const std::string log = LogIn(words);
+  // One that cannot be written is less than what is told now.
+  if (!log.empty() && OpenJournal(log) == ERROR_SUCCESS) NoteBegin(words);
   Report(WrongUsage(program, error), json);
-  return static_cast<int>(ExitCode::WrongUsage);
+  return Ended(ExitCode::WrongUsage);
 }
 
-int Run(std::vector<std::string> words, bool json) {
-  CLI::App program{"Flashes the built-in cellular modem, once."};
+/// @return the exit status when the log cannot be written.
+std::optional<int> BeginLog(const std::string& log, const std::vector<std::string>& words, bool json) {
+  if (log.empty()) return std::nullopt;
+  if (const DWORD error = OpenJournal(log)) {
+    Report({"log_unwritable", "The log " + log + " cannot be written: " + SystemErrorText(error) + ".",
+            "Name a file with --log that you may write, or leave it out."},
+           json);
+    return static_cast<int>(ExitCode::NotReady);
+  }
+  NoteBegin(words);
+  return std::nullopt;
+}
+
+int Run(const std::vector<std::string>& given, bool json) {
+  CLI::App program{"Flashes the built-in cellular modem, once"};
   program.name("corvel_cmdline");
+  WriteHelpForWindow(program);
   program.set_version_flag("-V,--version", std::string("corvel_cmdline ") + CORVEL_VERSION);
   VerbOptions options;
   AddVerbs(program, options);
 
-  std::string given;
-  for (const std::string& word : words) given += " " + word;
-  words = WithHelpAsOption(program, std::move(words));
+  std::vector<std::string> words = WithHelpAsOption(program, given);
   try {
     // The parser takes them from the back.
     std::ranges::reverse(words);
     program.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    return Answer(program, error, json);
+    return Answer(program, error, given, json);
   }
-  if (!options.log.empty()) {
-    if (const DWORD error = OpenJournal(options.log)) {
-      Report(
-          {"log_unwritable", "The log " + options.log + " cannot be written: " + SystemErrorText(error) + ".",
-           "Name a file with --log that you may write, or leave it out."},
-          json);
-      return static_cast<int>(ExitCode::NotReady);
-    }
-  }
-  Note(std::string("corvel_cmdline " CORVEL_VERSION) + given);
-  const int status = static_cast<int>(RunVerb(program, options));
-  Note("exit status " + std::to_string(status));
-  return status;
+  if (const auto status = BeginLog(options.log, given, json)) return *status;
+  return Ended(RunVerb(program, options));
 }
 
 int RunProgram() {
@@ -111,7 +112,7 @@ int RunProgram() {
     Report({"internal", std::string("Something unforeseen went wrong: ") + error.what() + ".",
             "Run \"corvel_cmdline check\" and try again."},
            json);
-    return static_cast<int>(ExitCode::NotReady);
+    return Ended(ExitCode::NotReady);
   }
 }
 

@@ -14,8 +14,8 @@ namespace hosts {
 namespace {
 
 constexpr char kExitCodes[] =
-    "Exit status: 0 flashed (or nothing wrong), 1 flash failed, 2 wrong usage,\n"
-    "3 no firmware images, 4 not ready, 5 interrupted or timed out.";
+    "Exit status: 0 flashed (or nothing wrong), 1 flash failed, 2 wrong usage, 3 no firmware images, 4 not "
+    "ready, 5 interrupted or timed out.";
 
 /// 30 days: more than anybody waits for a controlling program.
 constexpr unsigned int kLongestTimeLimit = 30 * 24 * 60 * 60;
@@ -59,6 +59,7 @@ void AddFlash(CLI::App& verb, VerbOptions& all) {
   verb.add_option("--ipc", options.ipc, "Bus of the modem (default: [IPCTYPE] of the configuration)")
       ->check(CLI::IsMember({"usb", "pcie"}));
   verb.add_option("--trace", options.trace, "0 writes no debug log")
+      ->type_name("0 | 1")
       ->check(CLI::Range(0, 1))
       ->capture_default_str();
   CLI::Option* const wait =
@@ -188,20 +189,6 @@ ExitCode RunVerb(const CLI::App& program, const VerbOptions& options) {
     if (program.got_subcommand(each.name)) return each.run(program, options);
   }
   return ExitCode::WrongUsage;
-}
-
-std::vector<std::string> VerbNames(const CLI::App& program) {
-  std::vector<std::string> names;
-  for (const CLI::App* const verb : program.get_subcommands({})) names.push_back(verb->get_name());
-  return names;
-}
-
-std::vector<std::string> OptionNames(const CLI::App& verb) {
-  std::vector<std::string> names;
-  for (const CLI::Option* const option : verb.get_options()) {
-    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
-  }
-  return names;
 }
 
 }  // namespace hosts

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
-#include <vector>
 
 #include "hosts/cmdline/commands.h"
 
@@ -26,9 +25,5 @@ struct VerbOptions {
 void AddVerbs(CLI::App& program, VerbOptions& options);
 /// Does what the parsed verb asks for.
 ExitCode RunVerb(const CLI::App& program, const VerbOptions& options);
-
-/// All that may be written at a place of the command line.
-std::vector<std::string> VerbNames(const CLI::App& program);
-std::vector<std::string> OptionNames(const CLI::App& verb);
 
 }  // namespace hosts

@@ -1,11 +1,14 @@
 #include "hosts/common/history_output.h"
 
+#include <windows.h>
+
 #include <iostream>
 
-#include "hosts/common/flash_history.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/problem.h"
+#include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/text_layout.h"
 
 namespace hosts {
 
@@ -21,16 +24,18 @@ nlohmann::ordered_json AsJson(const HistoryEntry& entry) {
           {"seconds", entry.job.seconds}};
 }
 
-void Print(const HistoryReading& reading) {
-  if (reading.entries.empty()) std::cout << "No flash has come to its end here yet.\n";
-  for (const HistoryEntry& entry : reading.entries) {
-    std::cout << entry.time << "  " << entry.host << "  " << (entry.job.flashed ? "succeeded" : "failed")
-              << ": " << entry.job.Text() << "\n";
-  }
-  std::cout << std::flush;
-}
-
 }  // namespace
+
+std::string HistoryText(const std::vector<HistoryEntry>& entries, std::size_t columns) {
+  if (entries.empty()) return Wrapped("No flash has come to its end here yet.", columns, "", "  ");
+  std::string text;
+  for (const HistoryEntry& entry : entries) {
+    const std::string verdict = entry.job.flashed ? "succeeded" : "failed";
+    text +=
+        Wrapped(entry.time + "  " + entry.host + "  " + verdict + ": " + entry.job.Text(), columns, "", "  ");
+  }
+  return text;
+}
 
 bool ShowHistory(const char* program, bool json) {
   const FlashHistory history;
@@ -45,7 +50,7 @@ bool ShowHistory(const char* program, bool json) {
     return false;
   }
   if (!json) {
-    Print(reading);
+    std::cout << HistoryText(reading.entries, TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE))) << std::flush;
     return true;
   }
   auto entries = nlohmann::ordered_json::array();

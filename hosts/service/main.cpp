@@ -5,12 +5,15 @@
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "hosts/common/help_text.h"
 #include "hosts/common/history_output.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/nearest_word.h"
@@ -19,14 +22,17 @@
 #include "hosts/common/shared_names.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
+#include "hosts/common/text_layout.h"
 #include "hosts/common/trusted_folders.h"
 #include "hosts/common/who_flashes.h"
+#include "hosts/common/wrong_usage.h"
 #include "hosts/service/first_configuration.h"
 #include "hosts/service/flash_library.h"
 #include "hosts/service/identity.h"
 #include "hosts/service/permissions.h"
 #include "hosts/service/service_body.h"
 #include "hosts/service/service_control.h"
+#include "hosts/service/service_text.h"
 
 namespace hosts {
 
@@ -40,9 +46,9 @@ constexpr int kNotReady = 4;
 
 constexpr char kProgram[] = "corvel_service";
 constexpr char kExitCodes[] =
-    "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage;\n"
-    "3 a flash is running and the service was not stopped; 4 of status: not ready;\n"
-    "5 of run: ended because a flash stood still.";
+    "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage; 3 a flash is running and the "
+    "service "
+    "was not stopped; 4 of status: not ready; 5 of run: ended because a flash stood still.";
 constexpr char kRestartWhenStuckHelp[] =
     "End the process when nothing changes in a flash for longer than Time_Out; the service manager starts it "
     "anew";
@@ -99,16 +105,20 @@ std::string FailureText(const ControlResult& result) {
   return std::string("Could not ") + result.step + ": " + ReasonText(result) + ".";
 }
 
+/// Tells something in the program's name, for a window of any width.
+void Tell(const std::string& text) {
+  const std::string line = std::string(kProgram) + ": " + text;
+  std::cerr << Wrapped(line, TextColumns(::GetStdHandle(STD_ERROR_HANDLE)), "", "  ") << std::flush;
+}
+
 int Conclude(const ControlResult& result, const std::string& success) {
   if (result.error == ERROR_SUCCESS) {
-    if (*result.missing != '\0') {
-      std::cerr << "corvel_service: This service manager does not offer " << result.missing << "."
-                << std::endl;
-    }
+    if (*result.missing != '\0')
+      Tell(std::string("This service manager does not offer ") + result.missing + ".");
     std::cout << success << std::endl;
     return kDone;
   }
-  std::cerr << kProgram << ": " << FailureText(result) << "\n" << Advice(result) << std::endl;
+  Report(kProgram, {"", FailureText(result), Advice(result)}, false);
   return result.error == ERROR_INVALID_SERVICE_CONTROL ? kBusy : kFailed;
 }
 
@@ -127,7 +137,7 @@ int Install(const InstallOptions& options) {
   }
   // Also of an installation that was there: whoever installs it again wants it as it is to be.
   if (wasThere || result.error == ERROR_SUCCESS) {
-    for (const std::string& warning : ProtectInstallation()) std::cerr << kProgram << ": " << warning << "\n";
+    for (const std::string& warning : ProtectInstallation()) Tell(warning);
   }
   return wasThere ? HadNothingToDo("It is installed already.") : Conclude(result, "Installed.");
 }
@@ -144,7 +154,7 @@ struct Removal {
 int Uninstall(const Removal& removal) {
   if (removal.unlessFlashing) {
     if (const auto commandLine = FindFlashingCommandLine()) {
-      std::cerr << kProgram << ": " << commandLine->message << ". " << commandLine->whatToDo << std::endl;
+      Tell(commandLine->message + ". " + commandLine->whatToDo);
       return kBusy;
     }
   }
@@ -158,7 +168,7 @@ int Uninstall(const Removal& removal) {
 }
 
 int Refuse(const std::string& why) {
-  std::cerr << kProgram << ": " << why << std::endl;
+  Tell(why);
   return kFailed;
 }
 
@@ -177,7 +187,7 @@ int WriteFirstConfiguration(const FirstConfiguration& wanted) try {
   std::cout << "Configured." << std::endl;
   return kDone;
 } catch (const std::invalid_argument& error) {
-  std::cerr << kProgram << ": " << error.what() << "." << std::endl;
+  Tell(std::string(error.what()) + ".");
   return kWrongUsage;
 }
 
@@ -244,12 +254,6 @@ nlohmann::ordered_json AsJson(const ServiceState& state, const std::string& flas
           {"flash_result", flashResult}};
 }
 
-void Print(const ServiceState& state, const std::string& flashResult) {
-  std::cout << ToUtf8(kServiceName) << ": " << (state.installed ? NameOfState(state.state) : "not installed");
-  if (state.processId != 0) std::cout << ", process " << state.processId;
-  std::cout << "\nLast flash: " << flashResult << std::endl;
-}
-
 std::string MeaningOfLastFlash(const HandshakeKey& key) {
   // First: a host that ends between the two looks has written its result by then.
   const Writer writer = WriterOf(key);
@@ -271,7 +275,8 @@ int ShowStatus(bool json) {
   if (json) {
     PrintJson(problem ? AsJson(*problem, AsJson(state, flashResult)) : AsJson(state, flashResult));
   } else {
-    Print(state, flashResult);
+    std::cout << ServiceStatusText(state, flashResult, TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE)))
+              << std::flush;
     if (problem) Report(kProgram, *problem, false);
   }
   return problem ? kNotReady : kDone;
@@ -300,18 +305,12 @@ int RunWithoutVerb(const CLI::App& program, WhenStuck whenStuck) {
   const unsigned long error = RunAsService(whenStuck);
   if (error == ERROR_SUCCESS) return kDone;
   if (error != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) {
-    std::cerr << "corvel_service: " << SystemErrorText(error) << "." << std::endl;
+    Tell(SystemErrorText(error) + ".");
     return kFailed;
   }
-  std::cerr << "corvel_service: This program was not started by the service manager; it needs a verb.\n\n"
-            << program.help();
+  Tell("This program was not started by the service manager; it needs a verb.");
+  std::cerr << "\n" << program.help();
   return kWrongUsage;
-}
-
-std::vector<std::string> NamesOfVerbs(const CLI::App& program) {
-  std::vector<std::string> names;
-  for (const CLI::App* const verb : program.get_subcommands(nullptr)) names.push_back(verb->get_name());
-  return names;
 }
 
 /// "help" and "help VERB" say the same as the option.
@@ -323,25 +322,21 @@ void TakeHelpForAnOption(std::vector<std::string>& words) {
 
 /// @return what is wrong with a first word that is neither a verb nor an option; nothing when it is one.
 std::optional<Problem> UnknownVerb(const CLI::App& program, const std::vector<std::string>& words) {
-  const std::vector<std::string> verbs = NamesOfVerbs(program);
+  const std::vector<std::string> verbs = VerbNames(program);
   if (words.empty() || words.front().starts_with("-") ||
       std::ranges::find(verbs, words.front()) != verbs.end()) {
     return std::nullopt;
   }
   const std::string nearest = NearestWord(words.front(), verbs);
   return Problem{"wrong_usage", "\"" + words.front() + "\" is no verb.",
-                 nearest.empty() ? "See corvel_service --help." : "Did you mean \"" + nearest + "\"?"};
+                 nearest.empty() ? "See \"corvel_service help\"." : "Did you mean \"" + nearest + "\"?"};
 }
 
 /// @return the exit status of a parse that did not lead to a verb.
 int Answer(const CLI::App& program, const CLI::ParseError& error, bool json) {
   // Help and version are no errors for the library either.
   if (error.get_exit_code() == 0) return program.exit(error);
-  if (json) {
-    Report(kProgram, {"wrong_usage", error.what(), "See corvel_service --help."}, true);
-  } else {
-    program.exit(error);
-  }
+  Report(kProgram, WrongUsage(program, error), json);
   return kWrongUsage;
 }
 
@@ -361,10 +356,40 @@ struct Options {
   WhenStuck AfterStandstill() const { return restartsWhenStuck ? WhenStuck::EndProcess : WhenStuck::GoOn; }
 };
 
+struct Example {
+  std::string_view verb;
+  const char* lines;
+};
+constexpr Example kExamples[] = {
+    {"install",
+     "  corvel_service install --restart-when-stuck\n"
+     "  corvel_service install --start demand --restrict\n"},
+    {"uninstall",
+     "  corvel_service uninstall\n"
+     "  corvel_service uninstall --unless-flashing --purge\n"},
+    {"configure",
+     "  corvel_service configure --bus usb --images D:\\Firmware\n"
+     "  corvel_service configure --registry-key HKLM\\SOFTWARE\\Quenta\\FlashService\n"},
+    {"start", "  corvel_service start\n"},
+    {"stop",
+     "  corvel_service stop\n"
+     "  corvel_service stop --force\n"},
+    {"status",
+     "  corvel_service status --json\n"
+     "  corvel_service status --history\n"},
+    {"run", "  corvel_service run --console\n"},
+};
+
+std::string FooterOf(std::string_view verb) {
+  const auto* const found = std::ranges::find(kExamples, verb, &Example::verb);
+  if (found == std::end(kExamples)) throw std::logic_error("a verb without an example");
+  return std::string("Examples:\n") + found->lines + kExitCodes;
+}
+
 CLI::App& AddVerb(CLI::App& program, Options& options, const char* name, const char* description,
                   std::function<int()> action) {
   CLI::App* const verb = program.add_subcommand(name, description);
-  verb->footer(kExitCodes);
+  verb->footer(FooterOf(name));
   verb->callback([&options, action = std::move(action)] { options.action = action; });
   return *verb;
 }
@@ -433,6 +458,7 @@ void AddRun(CLI::App& program, Options& options) {
 
 void DescribeProgram(CLI::App& program, Options& options) {
   program.name("corvel_service");
+  WriteHelpForWindow(program);
   program.set_version_flag("-V,--version", std::string("corvel_service ") + CORVEL_VERSION);
   program.footer(kExitCodes);
   program.require_subcommand(0, 1);
@@ -450,7 +476,7 @@ void DescribeProgram(CLI::App& program, Options& options) {
 }
 
 int Run(std::vector<std::string> words, bool json) {
-  CLI::App program{"Runs the modem flash library as a Windows service."};
+  CLI::App program{"Runs the modem flash library as a Windows service"};
   Options options;
   options.json = json;
   DescribeProgram(program, options);

@@ -4,11 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hosts/cmdline/check_report.h"
@@ -18,11 +19,14 @@
 #include "hosts/cmdline/progress_line.h"
 #include "hosts/cmdline/running_job.h"
 #include "hosts/cmdline/status_report.h"
+#include "hosts/common/help_text.h"
+#include "hosts/common/history_output.h"
 #include "hosts/common/problem.h"
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "support/temporary_folder.h"
 #include "tests/hosts/flashlog_text.h"
+#include "tests/hosts/kept_text.h"
 
 namespace hosts {
 
@@ -81,23 +85,10 @@ Status WritingStatus() {
   return status;
 }
 
-std::string Snapshot(const std::string& name, std::size_t columns) {
-  std::ifstream file(std::string(TEST_DATA) + "/cmdline/" + name + "_" + std::to_string(columns) + ".txt");
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::size_t LongestLine(const std::string& text) {
-  std::size_t longest = 0;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) longest = std::max(longest, line.size());
-  return longest;
-}
-
 class CmdlineTextTest : public testing::TestWithParam<std::size_t> {
  protected:
   static void ExpectAsKept(const std::string& name, const std::string& text) {
-    EXPECT_EQ(text, Snapshot(name, GetParam()));
-    EXPECT_LE(LongestLine(text), GetParam());
+    hosts::ExpectAsKept("cmdline/" + name, text, GetParam());
   }
 };
 
@@ -122,6 +113,72 @@ TEST_P(CmdlineTextTest, Doctor) {
                   .leftOut = {{"CorvelConfig.ini", "the flash service is starting and needs it for itself"}}},
                  GetParam()));
 }
+
+TEST_P(CmdlineTextTest, ListOfTheDoctor) {
+  ExpectAsKept("doctor_list",
+               DoctorListText({{"check.json", "what `check --json` finds"},
+                               {"devices.txt",
+                                "the modem's devices that are present, by bus, vendor and product, without "
+                                "what tells one modem from another"},
+                               {"logs/FlashServiceDebugLogger_DLL*.log",
+                                "the service's debug log and those that are kept of it"}},
+                              GetParam()));
+}
+
+TEST_P(CmdlineTextTest, History) {
+  ExpectAsKept("history",
+               HistoryText({{.time = "2026-11-15 23:04:11",
+                             .host = "service",
+                             .job = {.flashed = false, .result = 3, .progress = 40, .seconds = 131}},
+                            {.time = "2026-11-15 23:09:00",
+                             .host = "cmdline",
+                             .job = {.flashed = true, .result = 4, .progress = 100, .seconds = 57}}},
+                           GetParam()));
+  EXPECT_LE(LongestLine(HistoryText({}, GetParam())), GetParam());
+}
+
+class HelpTextTest : public testing::TestWithParam<std::size_t> {
+ protected:
+  HelpTextTest() {
+    program.name("corvel_example");
+    program.formatter(std::make_shared<HelpText>(GetParam()));
+    program.require_subcommand(1);
+    program.footer(
+        "\"corvel_example help VERB\" tells the options of a verb.\nExit status: 0 flashed (or nothing "
+        "wrong), 1 flash failed.");
+    CLI::App* const flash = program.add_subcommand("flash", "Flash the images of the configured folder");
+    flash->add_option("WORD", word, "Whatever may stand there")->required();
+    CLI::Option* const images =
+        flash->add_option("--images", words, "Flash copies of these images, which stay where they are")
+            ->type_name("FOLDER | FILE");
+    flash->add_option("--bus", word, "Bus of the modem")->check(CLI::IsMember({"usb", "pcie"}));
+    flash->add_option("--trace", number, "0 writes no debug log")
+        ->check(CLI::Range(0, 1))
+        ->capture_default_str();
+    flash->add_flag("-w,--wait-for-another-program", waits, "Wait until another program asks")
+        ->excludes(images);
+    flash->add_flag("--hidden", hides, "Not for people")->group("");
+    flash->footer(
+        "Examples:\n  corvel_example flash --images D:\\Firmware\\2.1 --bus usb\nExit status: 0 flashed.");
+  }
+
+  CLI::App program{"Flashes the built-in cellular modem, once"};
+  std::string word;
+  std::vector<std::string> words;
+  int number = 1;
+  bool waits = false;
+  bool hides = false;
+};
+
+TEST_P(HelpTextTest, OfAProgram) {
+  ExpectAsKept("cmdline/help", program.help(), GetParam());
+}
+
+TEST_P(HelpTextTest, OfAVerb) {
+  ExpectAsKept("cmdline/help_verb", program.get_subcommand("flash")->help("corvel_example"), GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Columns, HelpTextTest, testing::Values(40, 80, 120));
 
 TEST_P(CmdlineTextTest, EndOfAFlash) {
   ExpectAsKept("flash",
@@ -159,6 +216,33 @@ TEST(FlashEndTextTest, ColoursItsVerdictAlone) {
                 {.flashed = false, .verdict = "The flash failed.", .result = "Result 3.", .whatToDo = "Do."},
                 80, Colours::Ansi),
             "\x1b[31mThe flash failed.\x1b[0m Result 3.\nDo.\n");
+}
+
+// --- What goes to support
+// -----------------------------------------------------------------------------------
+
+class PlayedCollection : public DoctorCollection {
+ public:
+  void Take(const std::string& name, std::string_view, const SYSTEMTIME&) override { told.push_back(name); }
+  void LeaveOut(const std::string& name, const std::string& why) override {
+    told.push_back(name + ": " + why);
+  }
+  bool TakesMore() const override { return told.size() < 3; }
+
+  std::vector<std::string> told;
+};
+
+/// Who needs the archive has trouble already.
+TEST(DoctorCollectionTest, LosesNothingElseWhenOneFails) {
+  const auto fails = [](DoctorCollection&) { throw std::runtime_error("no such luck"); };
+  const auto takes = [](DoctorCollection& collection) { collection.Take("b.txt", "b", {}); };
+  const DoctorItem items[] = {
+      {"a.txt", "", fails}, {"b.txt", "", takes}, {"c.txt", "", fails}, {"d", "", takes}};
+  PlayedCollection collection;
+  Collect(items, collection);
+  EXPECT_THAT(collection.told,
+              testing::ElementsAre("a.txt: something unforeseen went wrong: no such luck", "b.txt",
+                                   "c.txt: something unforeseen went wrong: no such luck"));
 }
 
 // --- Verdicts ----------------------------------------------------------------------------------------------

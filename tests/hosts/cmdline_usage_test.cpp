@@ -88,6 +88,8 @@ TEST_F(CommandLineTest, PrintsACompletionThatKnowsEachVerbAndOption) {
   for (const char* word :
        {"    'flash' = @(\r\n", "      ,@('flash', 'Flash the images of the configured folder, ",
         "      ,@('--images', 'Flash copies of", "    'doctor' = @(\r\n",
+        "    'flash --ipc' = @(\r\n      ,@('usb', 'Bus of the modem",
+        "    'flash --expect' = @(\r\n    )\r\n",
         // Nothing ends the text before its end.
         "''s"}) {
     EXPECT_THAT(result.output, HasSubstr(word));
@@ -112,12 +114,14 @@ TEST_F(CommandLineTest, LogsWhatItTellsToTheEndOfAFile) {
   const std::wstring log = workspace.File(L"told.log").wstring();
   EXPECT_EQ(RunHost({L"flash", L"--log", log}).exitCode, 3);
   EXPECT_EQ(RunHost({L"check", L"--log", log}).exitCode, 3);
+  EXPECT_EQ(RunHost({L"flash", L"--timeout", L"0", L"--log", log}).exitCode, 2);
   const std::string told = workspace.Content(L"told.log");
   EXPECT_THAT(
       told, testing::ContainsRegex("20\\d\\d-\\d+-\\d+ \\d+:\\d+:\\d+.\\d+  corvel_cmdline .* flash --log "));
   EXPECT_THAT(told,
               testing::AllOf(HasSubstr(" is no folder. Make the folder and "), HasSubstr("(no_folder)\r\n"),
-                             HasSubstr(" check --log "), HasSubstr("  exit status 3\r\n")));
+                             HasSubstr(" check --log "), HasSubstr("  exit status 3\r\n"),
+                             HasSubstr(" (wrong_usage)\r\n"), testing::EndsWith("  exit status 2\r\n")));
 }
 
 TEST_F(CommandLineTest, SaysSoWhenItCannotLog) {
@@ -161,6 +165,7 @@ TEST_F(CommandLineTest, WithJsonPrintsAWrongValueAsAnErrorDocumentToo) {
 }
 
 constexpr char kSeeHelp[] = "See \"corvel_cmdline help\".";
+constexpr char kSeeHelpOfFlash[] = "See \"corvel_cmdline help flash\".";
 
 std::string NoSeconds(const std::string& word) {
   return "--timeout: \"" + word +
@@ -171,7 +176,7 @@ std::string NoSeconds(const std::string& word) {
 INSTANTIATE_TEST_SUITE_P(
     All, WrongUsageTest,
     testing::Values(
-        WrongUsageCase{"NoVerb", {}, "A subcommand is required", kSeeHelp},
+        WrongUsageCase{"NoVerb", {}, "A verb is missing.", kSeeHelp},
         WrongUsageCase{"UnknownVerb", {L"blink"}, "\"blink\" is no verb.", kSeeHelp},
         WrongUsageCase{"MistypedVerb", {L"falsh"}, "\"falsh\" is no verb.", "Did you mean \"flash\"?"},
         WrongUsageCase{"VerbInCapitals", {L"STATUS"}, "\"STATUS\" is no verb.", "Did you mean \"status\"?"},
@@ -193,32 +198,37 @@ INSTANTIATE_TEST_SUITE_P(
                        {L"check", L"--history"},
                        "\"--history\" is no option of check.",
                        "See \"corvel_cmdline help check\"."},
-        WrongUsageCase{"UnknownShell", {L"completion", L"csh"}, "SHELL: csh not in {powershell}", kSeeHelp},
+        WrongUsageCase{
+            "UnknownShell", {L"completion", L"csh"}, "SHELL cannot be \"csh\".", "Give powershell."},
+        WrongUsageCase{
+            "NoShell", {L"completion"}, "SHELL is missing.", "See \"corvel_cmdline help completion\"."},
         WrongUsageCase{"ListOfNoArchive",
                        {L"doctor", L"--list", L"--output", L"x.zip"},
-                       "--output excludes --list",
-                       kSeeHelp},
-        WrongUsageCase{"UnknownBus", {L"flash", L"--ipc", L"isa"}, "--ipc: isa not in {usb,pcie}", kSeeHelp},
+                       "--output cannot stand beside --list.",
+                       "Leave one of them out."},
+        WrongUsageCase{
+            "UnknownBus", {L"flash", L"--ipc", L"isa"}, "--ipc cannot be \"isa\".", "Give usb or pcie."},
         WrongUsageCase{"BusNotInAscii",
                        {L"flash", L"--ipc", L"\u00FC\u4E2D"},
-                       "--ipc: \xC3\xBC\xE4\xB8\xAD not in {usb,pcie}",
-                       kSeeHelp},
+                       "--ipc cannot be \"\xC3\xBC\xE4\xB8\xAD\".",
+                       "Give usb or pcie."},
         WrongUsageCase{"TraceOutOfRange",
                        {L"flash", L"--trace", L"2"},
-                       "--trace: Value 2 not in range 0 to 1",
-                       kSeeHelp},
-        WrongUsageCase{"TimeoutZero", {L"flash", L"--timeout", L"0"}, NoSeconds("0"), kSeeHelp},
-        WrongUsageCase{"TimeoutNegative", {L"flash", L"--timeout", L"-1"}, NoSeconds("-1"), kSeeHelp},
-        WrongUsageCase{"TimeoutNoNumber", {L"flash", L"--timeout", L"soon"}, NoSeconds("soon"), kSeeHelp},
-        WrongUsageCase{"TimeoutWithAUnit", {L"flash", L"--timeout", L"5s"}, NoSeconds("5s"), kSeeHelp},
+                       "--trace: Value 2 not in range 0 to 1.",
+                       kSeeHelpOfFlash},
+        WrongUsageCase{"TimeoutZero", {L"flash", L"--timeout", L"0"}, NoSeconds("0"), kSeeHelpOfFlash},
+        WrongUsageCase{"TimeoutNegative", {L"flash", L"--timeout", L"-1"}, NoSeconds("-1"), kSeeHelpOfFlash},
         WrongUsageCase{
-            "TimeoutTooLong", {L"flash", L"--timeout", L"2592001"}, NoSeconds("2592001"), kSeeHelp},
+            "TimeoutNoNumber", {L"flash", L"--timeout", L"soon"}, NoSeconds("soon"), kSeeHelpOfFlash},
+        WrongUsageCase{"TimeoutWithAUnit", {L"flash", L"--timeout", L"5s"}, NoSeconds("5s"), kSeeHelpOfFlash},
+        WrongUsageCase{
+            "TimeoutTooLong", {L"flash", L"--timeout", L"2592001"}, NoSeconds("2592001"), kSeeHelpOfFlash},
         WrongUsageCase{"TimeoutBeyondAnyNumber",
                        {L"flash", L"--timeout", L"4294967296"},
                        NoSeconds("4294967296"),
-                       kSeeHelp},
+                       kSeeHelpOfFlash},
         WrongUsageCase{
-            "TimeoutWithoutValue", {L"flash", L"--timeout"}, "--timeout needs a value.", kSeeHelp}),
+            "TimeoutWithoutValue", {L"flash", L"--timeout"}, "--timeout needs a value.", kSeeHelpOfFlash}),
     NameOf<WrongUsageCase>);
 
 }  // namespace

@@ -642,10 +642,22 @@ TEST_F(ServiceTest, TellsItsVersionAndHelp) {
   EXPECT_EQ(Service({L"install", L"--help"}).exitCode, 0);
 }
 
-TEST_F(ServiceTest, RefusesWrongUsage) {
-  EXPECT_EQ(Service({L"bogus"}).exitCode, 2);
-  EXPECT_EQ(Service({L"install", L"--start", L"never"}).exitCode, 2);
-  EXPECT_EQ(Service({L"run"}).exitCode, 2);
+TEST_F(ServiceTest, RefusesWrongUsageInSentences) {
+  const RunResult wrongStart = Service({L"install", L"--start", L"never"});
+  EXPECT_EQ(wrongStart.exitCode, 2);
+  EXPECT_EQ(wrongStart.errors, "corvel_service: --start cannot be \"never\".\r\nGive auto or demand.\r\n");
+  const RunResult noConsole = Service({L"run"});
+  EXPECT_EQ(noConsole.exitCode, 2);
+  EXPECT_EQ(noConsole.errors,
+            "corvel_service: --console is missing.\r\nSee \"corvel_service help run\".\r\n");
+}
+
+TEST_F(ServiceTest, GivesExamplesOfEachVerb) {
+  for (const wchar_t* verb : {L"install", L"configure", L"status"}) {
+    const RunResult help = Service({L"help", verb});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_THAT(help.output, HasSubstr("Examples:\r\n  corvel_service " + ToUtf8(verb) + " ")) << help.output;
+  }
 }
 
 TEST_F(ServiceTest, NamesTheVerbThatAMistypedOneIsNearTo) {

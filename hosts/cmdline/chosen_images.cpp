@@ -8,6 +8,8 @@
 #include <system_error>
 #include <utility>
 
+#include "hosts/cmdline/digest_list.h"
+#include "hosts/cmdline/preflight.h"
 #include "hosts/common/file_digest.h"
 #include "hosts/common/text.h"
 
@@ -15,14 +17,9 @@ namespace hosts {
 
 namespace {
 
-constexpr const char* kSubject = "chosen images";
-/// Of a copy that is not whole yet. It must not begin as that of images does: the short name that the file
-/// system gives a file has three letters of it, and searches go by short names, too.
-constexpr wchar_t kDraftExtension[] = L".copying";
-
 Finding Refusal(const char* code, std::string message, std::string whatToDo,
                 ExitCode exitCode = ExitCode::NotReady) {
-  return {kSubject, Verdict::Error, std::move(message), std::move(whatToDo), code, exitCode};
+  return {kChosenImages, Verdict::Error, std::move(message), std::move(whatToDo), code, exitCode};
 }
 
 Finding NoSuchImage(std::string message, std::string whatToDo) {
@@ -112,37 +109,15 @@ std::optional<Finding> ReadImage(const ImageFile& file, const DigestList* expect
                    "Close the program that holds the image open, and give this one the right to read it.");
   }
   if (expected != nullptr) {
-    if (auto difference = JudgeDigest(kSubject, file.path, digest.sha256, *expected)) return difference;
+    if (auto difference = JudgeDigest(kChosenImages, file.path, digest.sha256, *expected)) return difference;
   }
   images.push_back({file, digest.sha256});
   return std::nullopt;
 }
 
-Finding NotCopied(const std::wstring& image, const std::wstring& copy, DWORD error) {
-  return Refusal("copy_failed",
-                 ToUtf8(image) + " cannot be copied to " + ToUtf8(copy) + ": " + SystemErrorText(error),
-                 "Make room on the drive, and run this program as an administrator.");
-}
-
 bool IsSameFile(const std::wstring& left, const std::wstring& right) {
   std::error_code failed;
   return std::filesystem::equivalent(left, right, failed);
-}
-
-/// Whether a file is what an earlier flash of the same image has left, when it was ended by force.
-bool IsCopyThere(const std::wstring& path, const ChosenImage& image) {
-  return DigestOf(path).sha256 == image.sha256;
-}
-
-/// An image of a disc may only be read, and so may what was copied of it; that can be neither written over
-/// nor deleted. Of a file that is not there nothing changes.
-void LetItBeChanged(const std::wstring& path) {
-  ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-}
-
-BOOL DeleteCopy(const std::wstring& path) {
-  LetItBeChanged(path);
-  return ::DeleteFileW(path.c_str());
 }
 
 }  // namespace
@@ -173,68 +148,13 @@ std::optional<Finding> FindOtherImages(const std::vector<ChosenImage>& images, c
                      ToUtf8(file.path) + " lies in the configured folder already, and a flash deletes it",
                      "Leave --images out to flash what is there, or choose images of another folder.");
     }
-    if (chosen != images.end() && IsCopyThere(file.path, *chosen)) continue;
+    if (chosen != images.end() && IsCopyOf(file.path, *chosen)) continue;
     others += (others.empty() ? "" : ", ") + ToUtf8(file.Name());
   }
   if (others.empty()) return std::nullopt;
   return Refusal("folder_holds_images",
                  "the configured folder " + ToUtf8(folder) + " holds other images: " + others,
                  "Move them away, or leave --images out to flash them.");
-}
-
-ImageCopies::~ImageCopies() {
-  // What was left has been told of by whoever asked for it.
-  for (const std::wstring& path : m_Drafts) DeleteCopy(path);
-  for (const std::wstring& path : m_Copies) DeleteCopy(path);
-}
-
-std::optional<Finding> ImageCopies::MakeDraft(const ChosenImage& image, const std::wstring& draft) {
-  m_Drafts.push_back(draft);
-  // One that was ended by force has left it as the copying made it.
-  LetItBeChanged(draft);
-  if (!::CopyFileW(image.file.path.c_str(), draft.c_str(), FALSE)) {
-    return NotCopied(image.file.path, draft, ::GetLastError());
-  }
-  // The library has to delete it.
-  LetItBeChanged(draft);
-  const FileDigest digest = DigestOf(draft);
-  if (digest.error != ERROR_SUCCESS) return NotCopied(image.file.path, draft, digest.error);
-  if (digest.sha256 == image.sha256) return std::nullopt;
-  return Refusal("copy_failed", ToUtf8(draft) + " is not what was read of " + ToUtf8(image.file.path),
-                 "Look after both drives, and try again.");
-}
-
-std::optional<Finding> ImageCopies::Make(const std::vector<ChosenImage>& images, const std::wstring& folder) {
-  std::vector<std::pair<const ChosenImage*, std::wstring>> pending;
-  for (const ChosenImage& image : images) {
-    std::wstring copy = folder + L"\\" + image.file.Name();
-    if (IsCopyThere(copy, image)) {
-      m_Copies.push_back(std::move(copy));
-      continue;
-    }
-    if (auto error = MakeDraft(image, copy + kDraftExtension)) return error;
-    pending.emplace_back(&image, std::move(copy));
-  }
-  for (const auto& [image, copy] : pending) {
-    // Not over an image that somebody else has put there meanwhile.
-    if (!::MoveFileExW((copy + kDraftExtension).c_str(), copy.c_str(), MOVEFILE_WRITE_THROUGH)) {
-      return NotCopied(image->file.path, copy, ::GetLastError());
-    }
-    m_Copies.push_back(copy);
-  }
-  return std::nullopt;
-}
-
-std::vector<std::wstring> ImageCopies::TakeBack() {
-  std::vector<std::wstring> left;
-  for (std::vector<std::wstring>* paths : {&m_Drafts, &m_Copies}) {
-    for (const std::wstring& path : std::exchange(*paths, {})) {
-      const bool isGone = DeleteCopy(path) || ::GetLastError() == ERROR_FILE_NOT_FOUND ||
-                          ::GetLastError() == ERROR_PATH_NOT_FOUND;
-      if (!isGone) left.push_back(path);
-    }
-  }
-  return left;
 }
 
 }  // namespace hosts

@@ -269,7 +269,7 @@ TEST_F(InstallerTest, InstallsWhatItIsToldFlashesAndLeavesNothing) {
     EXPECT_FALSE(fs::exists(Programs() / name)) << ToUtf8(name);
   }
   EXPECT_FALSE(fs::exists(Folder() / L"docs"));
-  // Wine takes "*.log" for a name.
+  // Wine knows no patterns of names.
   EXPECT_EQ(fs::exists(Programs() / kServiceLogName), RunsUnderWine());
 }
 
@@ -416,6 +416,18 @@ TEST_F(InstallerTest, AFailedInstallationLeavesADeploymentByHandAlone) {
   EXPECT_TRUE(IsOfPackage(L"corvel_service.exe"));
   EXPECT_EQ(Entry().command, before.command);
   EXPECT_EQ(Entry().startType, before.startType);
+}
+
+// As somebody has it who flashes by the command line alone.
+TEST_F(InstallerTest, AFailedInstallationLeavesAConfigurationWithoutAServiceAlone) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand"}));
+  ASSERT_EQ(Service({L"uninstall"}), 0);
+  const std::string configuration = TextOf(Configuration());
+
+  EXPECT_EQ(InstallHere(old, {L"BUS=by-magic"}), kFailure);
+
+  EXPECT_FALSE(ServiceExists());
+  ExpectIsLeft(Programs(), configuration);
 }
 
 TEST_F(InstallerTest, TakesNoDeploymentByHandOverThatFlashes) {

@@ -23,7 +23,7 @@ from selenium.webdriver.common.keys import Keys
 
 arguments = sys.argv[1:]
 ONLY_PICTURES = arguments[:1] == ["--pictures"]
-PICTURES, SAMPLE, *PROGRAM = arguments[1:] if ONLY_PICTURES else arguments
+PICTURES, SAMPLE, *PROGRAM = [str(pathlib.Path(word).absolute()) for word in (arguments[1:] if ONLY_PICTURES else arguments)]
 
 BROWSER_OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                    "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -63,7 +63,8 @@ class Browser:
 
     def make(self, *logs, name="page.html", words=()):
         page = self.folder / name
-        subprocess.run([*PROGRAM, "--html", page, *words, *logs], check=True, timeout=300, capture_output=True)
+        subprocess.run([*PROGRAM, "--html", page, *words, *logs], check=True, timeout=300, capture_output=True,
+                       cwd=self.folder)
         return page
 
     def show(self, page, width=1280, height=1000, dark=False, media=""):
@@ -497,7 +498,9 @@ Promise.all([read(one), read(two)]).then(([a, b]) => {
 
 def pictures(browser):
     """The page as the documentation shows it: names of files, and PNGs in Base64."""
-    page = browser.make(SAMPLE)
+    # The page tells the path that it was given.
+    log = browser.log(pathlib.Path(SAMPLE).read_bytes(), "FlashServiceDebugLogger_DLL.log")
+    page = browser.make(log.name, name="pictures.html")
     for name, how, script in (
             ("flashlog-timeline.png", {"width": 1100, "height": 520}, "showJob(2, true)"),
             ("flashlog-records.png", {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),

@@ -339,6 +339,8 @@ class BrokenLogSourceTest : public LogSourceTest {
   static constexpr std::uint64_t kNowhere = std::numeric_limits<std::uint64_t>::max();
   static std::uint64_t s_brokenFrom;
 
+  simulator::ImportPatch patch{::GetModuleHandleW(nullptr)};
+
  private:
   static BOOL WINAPI BreakingReadFile(HANDLE file, void* buffer, DWORD size, DWORD* length,
                                       OVERLAPPED* place) {
@@ -352,8 +354,6 @@ class BrokenLogSourceTest : public LogSourceTest {
     const std::uint64_t good = s_brokenFrom - place->Offset;
     return readFile(file, buffer, static_cast<DWORD>(std::min<std::uint64_t>(size, good)), length, place);
   }
-
-  simulator::ImportPatch patch{::GetModuleHandleW(nullptr)};
 };
 
 std::uint64_t BrokenLogSourceTest::s_brokenFrom = kNowhere;

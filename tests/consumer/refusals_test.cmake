@@ -10,10 +10,11 @@ foreach(component runtime development)
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
+set(project ${CONSUMER}/installed)
 # refused(NAME REASON option ...)
 function(refused name reason)
   execute_process(
-    COMMAND ${CMAKE_COMMAND} -G Ninja -S ${CONSUMER}/installed -B ${FOLDER}/${name}
+    COMMAND ${CMAKE_COMMAND} -G Ninja -S ${project} -B ${FOLDER}/${name}
       -DCONSUMER_SOURCE=${CONSUMER}/consumer.cpp ${ARGN}
     RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
   string(REGEX REPLACE "[ \n]+" " " output "${output}")
@@ -29,6 +30,26 @@ refused(texts_of_before_cxx11 "its texts are those of before C++11"
   -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_CXX_FLAGS=-D_GLIBCXX_USE_CXX11_ABI=0 -DCorvelToolKit_DIR=${package})
 refused(other_system "it makes no 64-bit code for Windows"
   -DCMAKE_CXX_COMPILER=clang++ -DCorvelToolKit_DIR=${package})
+
+# Refused by the version file already, as a library of no other size is there. Nothing for 32 bits is installed, so
+# nothing is linked.
+refused(code_of_32_bits " (64bit)"
+  -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_CXX_FLAGS=-m32 -DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY
+  -DCorvelToolKit_DIR=${package})
+
+# Another C++ library, of which this much is asked for.
+file(WRITE ${FOLDER}/other_library/string "namespace std {}\n")
+refused(other_library "its C++ library is not libstdc++"
+  -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} "-DCMAKE_CXX_FLAGS=-isystem ${FOLDER}/other_library"
+  -DCorvelToolKit_DIR=${package})
+
+# A host in C alone.
+set(project ${FOLDER}/in_c)
+file(WRITE ${project}/CMakeLists.txt
+  "cmake_minimum_required(VERSION 3.25)\nproject(in_c LANGUAGES C)\nfind_package(CorvelToolKit 1.8 REQUIRED)\n")
+refused(no_cxx "the project does not enable the language CXX"
+  -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCorvelToolKit_DIR=${package})
+set(project ${CONSUMER}/installed)
 
 # A library that Microsoft's compiler has built, as its package would be.
 file(COPY ${package} DESTINATION ${FOLDER}/microsoft)

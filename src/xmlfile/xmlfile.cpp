@@ -24,6 +24,9 @@ constexpr const wchar_t* kSchemaAttribute = L"xsi:noNamespaceSchemaLocation";
 
 constexpr int kNoList = -1;
 
+// Under whose name the look at an attribute is logged, a search's too.
+constexpr char kGetAttribute[] = "QUENTA::Brevant::Interfaces::ToolkitCore::CXMLFile::GetAttributeForNode";
+
 /// A behaviour that every document of this library switches off.
 struct Behaviour {
   HRESULT (STDMETHODCALLTYPE IXMLDOMDocument::*put)(VARIANT_BOOL);
@@ -51,6 +54,37 @@ template <typename... Owners>
 HRESULT Abandon(HRESULT result, Owners&... owners) {
   (owners.reset(), ...);
   return result;
+}
+
+/// The value of a node's attribute, whose name comes as the document model takes it, too: a search asks each
+/// of its nodes.
+HRESULT ReadAttribute(IXMLDOMNode* node, const CTString& attributeName, const OwnedBstr& name,
+                      CTString& value) {
+  ComPtr<IXMLDOMNamedNodeMap> attributes;
+  HRESULT result = node->get_attributes(attributes.GetAddressOf());
+  if (FAILED(result))
+    LOG_ERROR_AS(kGetAttribute, "IXMLDOMNode::get_attributes() failed with: %x", HexOf(result));
+  // Texts and comments have no map; that is no failure of the call.
+  if (FAILED(result) || attributes == nullptr) return FailureOf(result);
+
+  ComPtr<IXMLDOMNode> attribute;
+  result = attributes->getNamedItem(name.Get(), attribute.GetAddressOf());
+  if (FAILED(result)) {
+    LOG_ERROR_AS(kGetAttribute, "IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x",
+                 Narrow(attributeName).c_str(), HexOf(result));
+  }
+  if (FAILED(result) || attribute == nullptr) return FailureOf(result);
+
+  OwnedVariant nodeValue;
+  result = attribute->get_nodeValue(nodeValue.Receive());
+  if (FAILED(result) || !nodeValue.IsText()) {
+    LOG_TRACE_AS(kGetAttribute, "Attribute Name: %s, Attribute Type: %d", Narrow(attributeName).c_str(),
+                 nodeValue.Type());
+    LOG_ERROR_AS(kGetAttribute, "IXMLDOMNode::get_nodeValue() failed with: %x", HexOf(result));
+    return FailureOf(result);
+  }
+  value = nodeValue.Text();
+  return S_OK;
 }
 
 VARIANT ElementType() {
@@ -250,31 +284,7 @@ bool CXMLFile::IsNthNodeAnElementWithName(int n, const CTString& name, IXMLDOMNo
 HRESULT CXMLFile::GetAttributeForNode(IXMLDOMNode* node, const CTString& attributeName,
                                       CTString& value) noexcept {
   if (node == nullptr) return E_FAIL;
-
-  ComPtr<IXMLDOMNamedNodeMap> attributes;
-  HRESULT result = node->get_attributes(attributes.GetAddressOf());
-  if (FAILED(result)) LOG_ERROR("IXMLDOMNode::get_attributes() failed with: %x", HexOf(result));
-  // Texts and comments have no map; that is no failure of the call.
-  if (FAILED(result) || attributes == nullptr) return FailureOf(result);
-
-  const OwnedBstr name(attributeName);
-  ComPtr<IXMLDOMNode> attribute;
-  result = attributes->getNamedItem(name.Get(), attribute.GetAddressOf());
-  if (FAILED(result)) {
-    LOG_ERROR("IXMLDOMNamedNodeMap::getNamedItem(%s) failed with: %x", Narrow(attributeName).c_str(),
-              HexOf(result));
-  }
-  if (FAILED(result) || attribute == nullptr) return FailureOf(result);
-
-  OwnedVariant nodeValue;
-  result = attribute->get_nodeValue(nodeValue.Receive());
-  if (FAILED(result) || !nodeValue.IsText()) {
-    LOG_TRACE("Attribute Name: %s, Attribute Type: %d", Narrow(attributeName).c_str(), nodeValue.Type());
-    LOG_ERROR("IXMLDOMNode::get_nodeValue() failed with: %x", HexOf(result));
-    return FailureOf(result);
-  }
-  value = nodeValue.Text();
-  return S_OK;
+  return ReadAttribute(node, attributeName, OwnedBstr(attributeName), value);
 }
 
 HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTString& attributeName,
@@ -282,6 +292,7 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
   Clear(node);
   if (list == nullptr || node == nullptr || attributeName.IsEmpty()) return E_FAIL;
 
+  const OwnedBstr name(attributeName);
   CTString found;
   for (;;) {
     ComPtr<IXMLDOMNode> candidate;
@@ -291,7 +302,7 @@ HRESULT CXMLFile::FindNodeWithAttributeValue(IXMLDOMNodeList* list, const CTStri
       return result;
     }
     if (candidate == nullptr) return S_OK;
-    if (SUCCEEDED(GetAttributeForNode(candidate.Get(), attributeName, found)) && found == value) {
+    if (SUCCEEDED(ReadAttribute(candidate.Get(), attributeName, name, found)) && found == value) {
       HandOut(candidate, node);
       return S_OK;
     }

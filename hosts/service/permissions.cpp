@@ -133,6 +133,13 @@ bool IsSharedWithOthers(const std::wstring& path) {
          std::ranges::any_of(others, [&](const std::wstring& other) { return Holds(folder, other); });
 }
 
+/// Only administrators mount a drive in a folder; anybody may make other links.
+bool IsMountedDrive(const std::wstring& folder) {
+  std::array<wchar_t, MAX_PATH> volume{};
+  return ::GetVolumeNameForVolumeMountPointW((folder + L"\\").c_str(), volume.data(),
+                                             static_cast<DWORD>(volume.size())) != FALSE;
+}
+
 /// Whether a folder, or one above it, is a link: whoever made it would have other permissions given to what
 /// it leads to.
 bool LeadsElsewhere(const std::wstring& path) {
@@ -140,8 +147,9 @@ bool LeadsElsewhere(const std::wstring& path) {
   std::filesystem::path part = std::filesystem::absolute(path, ignored);
   for (std::filesystem::path below; part != below; part = below.parent_path()) {
     const DWORD attributes = ::GetFileAttributesW(part.c_str());
-    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
-      return true;
+    const bool isLink =
+        attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (isLink && !IsMountedDrive(part.wstring())) return true;
     below = part;
   }
   return false;

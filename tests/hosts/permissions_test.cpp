@@ -140,6 +140,13 @@ DWORD WINAPI TellAttributes(LPCWSTR name) {
   return facts.dwFileAttributes | (name == g_link ? FILE_ATTRIBUTE_REPARSE_POINT : 0);
 }
 
+/// Whether that link is a drive that is mounted there.
+bool g_isDrive = false;
+
+BOOL WINAPI TellVolume(LPCWSTR, LPWSTR, DWORD) {
+  return g_isDrive;
+}
+
 /// A program's folder of the test's own, in which the code under test takes itself to be.
 std::wstring g_program;
 
@@ -157,12 +164,14 @@ class PermissionsTest : public testing::Test {
     g_given.clear();
     g_events.clear();
     g_link.clear();
+    g_isDrive = false;
     g_refusal = ERROR_SUCCESS;
     g_program = workspace.Service().wstring();
     workspace.SetServiceKey(ToWide(key.Location().Text()));
     m_Patch.Replace("SetNamedSecurityInfoW", &RecordFolder);
     m_Patch.Replace("GetNamedSecurityInfoW", &TellPermissions);
     m_Patch.Replace("GetFileAttributesW", &TellAttributes);
+    m_Patch.Replace("GetVolumeNameForVolumeMountPointW", &TellVolume);
     m_Patch.Replace("RegSetKeySecurity", &RecordKey);
     m_Patch.Replace("RegisterEventSourceW", &OpenEventLog);
     m_Patch.Replace("ReportEventW", &RecordEvent);
@@ -314,6 +323,14 @@ TEST_F(PermissionsTest, OfAFolderBehindALinkStayAsTheyAre) {
                     " stay as they are, because it is a link, or lies behind one. Name the folder itself."));
     EXPECT_EQ(g_folders.count(images.wstring()), 0u);
   }
+}
+
+/// Administrators alone make those.
+TEST_F(PermissionsTest, OfAFolderOnADriveThatIsMountedInAnotherAreSet) {
+  g_link = workspace.ImageFolder().wstring();
+  g_isDrive = true;
+  EXPECT_THAT(ProtectInstallation(), IsEmpty());
+  EXPECT_EQ(g_folders.count(workspace.ImageFolder().wstring()), 1u);
 }
 
 TEST_F(PermissionsTest, OfAKeyThatOthersLiveBelowStayAsTheyAre) {

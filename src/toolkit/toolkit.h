@@ -94,8 +94,8 @@ class CORVEL_TOOLKIT_API ToolKit {
   /// Folder of the host's executable with its trailing separator; empty when the system does not tell it. Any
   /// thread.
   static CTString GetInstallationDir();
-  /// Sets `folder` to the installation folder, empty when the system does not tell it. Any thread, each with a
-  /// text of its own. @return false although it does: callers must not take that for a failure.
+  /// Sets `folder` to the installation folder, empty when the system does not tell it. Any thread, each with
+  /// a text of its own. @return false although it does: callers must not take that for a failure.
   static bool GetLocalAppDataDir(CTString& folder);
   /// The same.
   static bool GetProgramDataDir(CTString& folder);
@@ -219,8 +219,8 @@ class CORVEL_TOOLKIT_API ToolKit {
   // flags through std::atomic_ref; a host that looks at them meanwhile does the same. Texts are not to be
   // touched then.
 
-  /// Root of the handshake key. Set by Initialize or Initialize_CmdLine and only read afterwards, as the three
-  /// texts of its location, each of at most 511 units.
+  /// Root of the handshake key. Set by Initialize or Initialize_CmdLine and only read afterwards, as the
+  /// three texts of its location, each of at most 511 units.
   static HKEY__* hMainKey;
   /// Prefix of that location: the root's name.
   static wchar_t mMainKey[512];

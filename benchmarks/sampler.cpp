@@ -50,12 +50,16 @@ Spread SpreadOf(const std::vector<double>& values) {
   return {Quantile(values, 0.25), Quantile(values, 0.5), Quantile(values, 0.75)};
 }
 
-/// How often a side has to be executed for one sample. It warms both sides up, too.
-int ExecutionsPerSample(const Work& work, double sample) {
-  int executions = 1;
-  for (;;) {
-    const double total = NanosecondsOf(work, executions) * executions;
-    if (total >= sample || executions >= kMostExecutions) return executions;
+struct WarmUp {
+  int executions;      ///< that one sample takes
+  double nanoseconds;  ///< that each of them took
+};
+
+WarmUp WarmUpWith(const Work& work, double sample) {
+  for (int executions = 1;;) {
+    const double each = NanosecondsOf(work, executions);
+    const double total = each * executions;
+    if (total >= sample || executions >= kMostExecutions) return {executions, each};
     const double factor = std::clamp(sample / std::max(total, 1.0), 1.5, 10.0);
     executions = std::min(static_cast<int>(std::ceil(executions * factor)), kMostExecutions);
   }
@@ -111,13 +115,19 @@ bool IsWanted(const std::string& name) {
 void Compare(const Comparison& comparison, const Work& subject, const Work& floor) {
   if (!IsWanted(comparison.name)) return;
   const double sample = TheOptions().quick ? 0 : kSample;
-  const int subjectExecutions = ExecutionsPerSample(subject, sample);
-  const int floorExecutions = ExecutionsPerSample(floor, sample);
+  const auto [subjectExecutions, subjectWarmUp] = WarmUpWith(subject, sample);
+  const auto [floorExecutions, floorWarmUp] = WarmUpWith(floor, sample);
 
   std::vector<double> subjectTimes;
   std::vector<double> floorTimes;
   int rounds = TheOptions().rounds;
-  for (int round = 0; round < rounds; ++round) {
+  // What takes so long is not in need of being warmed up.
+  if (subjectWarmUp + floorWarmUp > kLongestRow) {
+    subjectTimes.push_back(subjectWarmUp);
+    floorTimes.push_back(floorWarmUp);
+    rounds = std::min(rounds, kFewestRounds);
+  }
+  for (int round = static_cast<int>(subjectTimes.size()); round < rounds; ++round) {
     // Who goes second finds the memory warm, so they take turns at that as well.
     const bool floorFirst = round % 2 == 0;
     if (floorFirst) floorTimes.push_back(NanosecondsOf(floor, floorExecutions));

@@ -175,6 +175,7 @@ class HostInScratchFolder {
 
 void LoadBare(const std::filesystem::path& path) {
   LOG_TRACE("Start LoadConfig ++");
+  LOG_TRACE("VERSION: %s", corvel::facts::kVersion);
   if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return;
   std::FILE* const file = ::_wfopen(path.c_str(), L"rt");
   char line[512];

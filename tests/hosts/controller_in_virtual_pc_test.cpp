@@ -42,6 +42,15 @@ class ControllerInVirtualPcTest : public testing::Test {
     for (int look = 0; look < kMostLooks && !hasSaidSo(); ++look) ::Sleep(kLookPeriodMs);
     return hasSaidSo();
   }
+  /// They are deleted behind the end of the request; until then nobody else may lay new ones.
+  bool ImagesAreGone() const {
+    constexpr int kMostLooks = 600;
+    const auto isThere = [this] {
+      return std::filesystem::exists(workspace.ModemImage()) || std::filesystem::exists(workspace.NvmImage());
+    };
+    for (int look = 0; look < kMostLooks && isThere(); ++look) ::Sleep(kLookPeriodMs);
+    return !isThere();
+  }
   ~ControllerInVirtualPcTest() override {
     if (service != nullptr) service->Kill();
   }
@@ -66,6 +75,7 @@ TEST_F(ControllerInVirtualPcTest, FlashesTwiceInARow) {
     EXPECT_EQ(controller.exitCode, 0) << time << controller.output << controller.errors;
     EXPECT_THAT(controller.output, HasSubstr("Flash_Result 4: flashed"));
     ASSERT_TRUE(service->Says("Flash_Result 4"));
+    ASSERT_TRUE(ImagesAreGone());
   }
   EXPECT_TRUE(workspace.CompareModemMemory().equal);
 }

@@ -45,8 +45,10 @@ constexpr char kWatchFails[] = "watch-fails";
 constexpr char kNameTaken[] = "name-taken";
 constexpr char kBattery[] = "battery";
 constexpr char kPowerRefused[] = "power-refused";
+constexpr char kNoShortNames[] = "no-short-names";
 /// What the host itself meets.
-constexpr const char* kHostFaults[] = {kServiceStarts, kWatchFails, kNameTaken, kBattery, kPowerRefused};
+constexpr const char* kHostFaults[] = {kServiceStarts, kWatchFails,   kNameTaken,
+                                       kBattery,       kPowerRefused, kNoShortNames};
 
 constexpr ModemState kStates[] = {ModemState::Normal,      ModemState::Leaving, ModemState::Restarting,
                                   ModemState::FlashPort,   ModemState::Booted,  ModemState::Writing,
@@ -94,6 +96,7 @@ HostFaults ReadHostFaults(const std::filesystem::path& folder) {
     if (key == kNameTaken) faults.nameTaken.assign(value.begin(), value.end());
     if (key == kBattery) faults.battery = value;
     if (key == kPowerRefused) faults.powerRefused = true;
+    if (key == kNoShortNames) faults.noShortNames = true;
   }
   return faults;
 }

@@ -16,7 +16,7 @@ namespace simulator {
 /// counted from 1, the host finds a flash service that starts; "watch-fails" that the host itself gets no
 /// more events once it flashes; "name-taken" which of the library's names the host finds with an object of
 /// another kind; "battery" that the PC runs on one, charged to so many percent or "unknown"; "power-refused"
-/// that no request to keep the PC awake is granted.
+/// that no request to keep the PC awake is granted; "no-short-names" that the volume has none.
 inline constexpr wchar_t kVirtualPcFile[] = L"VirtualPc.ini";
 
 /// What is wrong in front of the host, beside the virtual PC.
@@ -26,6 +26,7 @@ struct HostFaults {
   std::wstring nameTaken;  ///< empty: none
   std::string battery;     ///< empty: the PC is on the mains
   bool powerRefused = false;
+  bool noShortNames = false;
 };
 HostFaults ReadHostFaults(const std::filesystem::path& folder);
 

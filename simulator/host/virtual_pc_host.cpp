@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "simulator/device_tree.h"
@@ -211,6 +212,17 @@ void TakeInCommandLineJob(HMODULE product) {
   }
 }
 
+// --- The volume
+// ---------------------------------------------------------------------------------------------
+
+/// As on a volume without short names: the path is its own.
+DWORD WINAPI GiveNoShortPath(LPCWSTR path, LPWSTR shortPath, DWORD size) {
+  const std::wstring_view itself(path);
+  if (size <= itself.size()) return static_cast<DWORD>(itself.size() + 1);
+  shortPath[itself.copy(shortPath, size - 1)] = L'\0';
+  return static_cast<DWORD>(itself.size());
+}
+
 // --- What goes wrong in front of the host ------------------------------------------------------------------
 
 void InstallHostFaults(const HostFaults& faults) {
@@ -219,6 +231,7 @@ void InstallHostFaults(const HostFaults& faults) {
     TakeNameFromLibrary();
     g_simulation->host.Replace("OpenEventW", &OpenEventForHost);
   }
+  if (faults.noShortNames) g_simulation->host.Replace("GetShortPathNameW", &GiveNoShortPath);
   if (faults.watchFails || !faults.nameTaken.empty()) {
     g_simulation->host.Replace("CreateEventW", &CreateEventForHost);
   }

@@ -642,6 +642,14 @@ TEST_F(CheckBeyondTheCodePageTest, TellsByWhatNameTheLogIsWritten) {
                 ToUtf8(FromAnsi(AnsiPath(folder, L"FlashCommandLineLogger_DLL.log"))));
 }
 
+TEST_F(CheckBeyondTheCodePageTest, WarnsThatThereIsNoLogOnAVolumeWithoutShortNames) {
+  workspace.MakeVirtualPc({"no-short-names"});
+  const Findings findings(RunToEnd(workspace.CommandLineHost(), {L"check", L"--json"}));
+  EXPECT_EQ(findings.ExitCode(), 0);
+  EXPECT_EQ(findings.Verdict("debug log"), "warning");
+  EXPECT_THAT(findings.Message("debug log"), HasSubstr(ToUtf8(workspace.File(L"").wstring())));
+}
+
 TEST_F(CheckBeyondTheCodePageTest, FlashThereSucceedsAndHasItsLog) {
   workspace.MakeVirtualPc({"speed=60"});
   const RunResult result = RunToEnd(workspace.CommandLineHost(), {L"flash", L"--json"});

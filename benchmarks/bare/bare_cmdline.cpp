@@ -17,6 +17,7 @@
 
 #include "controller.h"
 #include "hosts/common/facts.h"
+#include "hosts/common/shared_names.h"
 
 namespace {
 
@@ -43,12 +44,12 @@ void LookForTakenNames() {
   const auto close = [](HANDLE opened) {
     if (opened != nullptr) ::CloseHandle(opened);
   };
-  close(::OpenEventW(EVENT_ALL_ACCESS, FALSE, L"RegistryNotify"));
-  close(::OpenEventW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
-  close(::OpenMutexW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
-  close(::OpenWaitableTimerW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
-  close(::OpenFileMappingW(FILE_MAP_READ, FALSE, L"CFirmwareDownloader"));
-  close(::OpenJobObjectW(SYNCHRONIZE, FALSE, L"CFirmwareDownloader"));
+  close(::OpenEventW(EVENT_ALL_ACCESS, FALSE, hosts::kRequestEventName));
+  close(::OpenEventW(SYNCHRONIZE, FALSE, hosts::kPortSemaphoreName));
+  close(::OpenMutexW(SYNCHRONIZE, FALSE, hosts::kPortSemaphoreName));
+  close(::OpenWaitableTimerW(SYNCHRONIZE, FALSE, hosts::kPortSemaphoreName));
+  close(::OpenFileMappingW(FILE_MAP_READ, FALSE, hosts::kPortSemaphoreName));
+  close(::OpenJobObjectW(SYNCHRONIZE, FALSE, hosts::kPortSemaphoreName));
 }
 
 void LookAtPower() {

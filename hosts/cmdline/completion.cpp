@@ -18,9 +18,8 @@ constexpr char kBetween[] =
     "  $values = @{\n";
 constexpr char kEnd[] =
     "  }\n"
-    "  $words = @($command.CommandElements | Where-Object { $_.Extent.EndOffset -lt $cursor } | "
-    "ForEach-Object { "
-    "\"$_\" })\n"
+    "  $words = @($command.CommandElements | Where-Object { $_.Extent.EndOffset -lt $cursor } |\n"
+    "    ForEach-Object { \"$_\" })\n"
     "  $place = $words | Select-Object -Skip 1 | Where-Object { $_ -and $places.ContainsKey($_) } |\n"
     "    Select-Object -First 1\n"
     "  if (-not $place) { $place = '' }\n"

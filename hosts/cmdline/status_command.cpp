@@ -34,8 +34,7 @@ std::vector<std::string> FindHindrances(const HandshakeKey& key, bool ofService)
   if (IsServiceHindered(key)) {
     hindrances.emplace_back(
         "the flash service says that another program has a name that the library needs; the Windows event "
-        "log "
-        "tells which");
+        "log tells which");
   }
   if (ofService) return hindrances;
   for (const TakenName& name : FindTakenNames(PortSearch::MayBeRunning)) hindrances.push_back(name.Message());

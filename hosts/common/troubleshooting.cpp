@@ -16,18 +16,15 @@ constexpr char kSeeEarlier[] =
 constexpr char kFlashAgain[] = "Copy the images again and ask for the flash again.";
 constexpr char kColdStart[] =
     "Ask for the flash again: a modem that was left in flash mode is found there. When it fails the same way "
-    "twice, "
-    "shut the PC down, wait half a minute, start it, and ask once more.";
+    "twice, shut the PC down, wait half a minute, start it, and ask once more.";
 constexpr char kFreeMemory[] =
     "Close programs that need much memory, or restart the PC, and ask for the flash again.";
 constexpr char kModemDriver[] =
     "Look in the device manager whether the modem is there and its driver works. Install the modem's driver "
-    "anew, "
-    "restart the PC, and ask for the flash again.";
+    "anew, restart the PC, and ask for the flash again.";
 constexpr char kMobileBroadband[] =
     "The library resets the modem instead. When the flash fails all the same: restart the service WwanSvc "
-    "(WLAN/WWAN "
-    "AutoConfig) or the PC, and install the modem's Mobile Broadband driver anew.";
+    "(WLAN/WWAN AutoConfig) or the PC, and install the modem's Mobile Broadband driver anew.";
 constexpr char kResetDriver[] =
     "Look in the device manager whether the driver that resets the modem (UDE) is installed and works; "
     "install it anew. "
@@ -61,8 +58,7 @@ constexpr char kFolder[] =
     "images there and ask for the flash again.";
 constexpr char kXmlDocument[] =
     "Look whether the document is there, is well-formed XML and may be read and written by this account. The "
-    "flash "
-    "does not need it.";
+    "flash does not need it.";
 constexpr char kMsxml[] = "Repair Windows' MSXML (\"sfc /scannow\"). The flash does not need it.";
 
 const Trouble kTroubles[] = {
@@ -156,8 +152,7 @@ const Trouble kTroubles[] = {
      "The flashing library is missing, or something that it needs is.", kFlashingLibrary},
     {"CDownloadToolDll", "GetProcAddress(%s) failed with: %d", Cause,
      "The flashing library lacks a function: it is of another version. Without _ZEMO_DL_out_of_session_comm "
-     "a "
-     "flash succeeds all the same.",
+     "a flash succeeds all the same.",
      kFlashingLibrary},
     {"CDownloadToolDll", "PROGRESS: InitCallback failed due to %s", Cause,
      "The flashing library refused to tell its progress; the flash goes on without percentages.",
@@ -213,8 +208,7 @@ const Trouble kTroubles[] = {
     {"", "Command session is open; cannot proceed, RebootModemByMbimCmd --", Cause,
      "Another program has a command session with the modem's device service.",
      "Close the modem maker's other programs (updaters, connection managers) and ask for the flash again. "
-     "The "
-     "library resets the modem instead."},
+     "The library resets the modem instead."},
     {"", "QueryInterface(IID_IConnectionPointContainer **) failed, RebootModemByMbimCmd --", Cause,
      "The Mobile Broadband service announces no events.", kMobileBroadband},
     {"", "new CMbnSinks failed, RebootModemByMbimCmd --", Cause,

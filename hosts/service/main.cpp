@@ -47,8 +47,7 @@ constexpr int kNotReady = 4;
 constexpr char kProgram[] = "corvel_service";
 constexpr char kExitCodes[] =
     "Exit status: 0 done, or nothing was to do; 1 failed; 2 wrong usage; 3 a flash is running and the "
-    "service "
-    "was not stopped; 4 of status: not ready; 5 of run: ended because a flash stood still.";
+    "service was not stopped; 4 of status: not ready; 5 of run: ended because a flash stood still.";
 constexpr char kRestartWhenStuckHelp[] =
     "End the process when nothing changes in a flash for longer than Time_Out; the service manager starts it "
     "anew";
@@ -62,8 +61,7 @@ std::string AdviceOnServiceCode(DWORD code) {
              "open?";
     case kEndedBecauseStuck:
       return "The service manager starts it anew. Look at the Windows event log and at the end of the kept "
-             "debug "
-             "log.";
+             "debug log.";
     case kFailedNoResources:
       return "Look at the Windows event log; close other programs, or start the PC anew, and try again.";
     default:

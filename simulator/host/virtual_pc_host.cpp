@@ -141,8 +141,7 @@ HANDLE WINAPI OpenEventForHost(DWORD access, BOOL inherit, LPCWSTR name) {
   return nullptr;
 }
 
-// --- The power of the PC
-// --------------------------------------------------------------------------------------
+// --- The power of the PC ---------------------------------------------------------------------------------
 
 // The job and the host that waits for it have a thread each.
 std::atomic<int> g_powerRequests{0};
@@ -212,8 +211,7 @@ void TakeInCommandLineJob(HMODULE product) {
   }
 }
 
-// --- The volume
-// ---------------------------------------------------------------------------------------------
+// --- The volume ------------------------------------------------------------------------------------------
 
 /// As on a volume without short names: the path is its own.
 DWORD WINAPI GiveNoShortPath(LPCWSTR path, LPWSTR shortPath, DWORD size) {

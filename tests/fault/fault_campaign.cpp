@@ -115,8 +115,7 @@ struct Progress {
   }
 };
 
-// --- One process: a service, and jobs
-// -----------------------------------------------------------------------
+// --- One process: a service, and jobs --------------------------------------------------------------------
 
 /// Ends the process when a case takes too long, whoever hangs.
 class Watchdog {
@@ -358,8 +357,7 @@ class Campaign {
   std::uint32_t m_Images = 0;
 };
 
-// --- The program that starts them
-// ---------------------------------------------------------------------------
+// --- The program that starts them ------------------------------------------------------------------------
 
 std::vector<std::wstring> ArgumentsFrom(std::size_t from, const std::wstring& key) {
   std::vector<std::wstring> words;

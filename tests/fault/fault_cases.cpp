@@ -261,8 +261,7 @@ const std::vector<NotHeld>& EverythingNotHeld() {
        "whoever comes next waits for the mutex"},
       {"SetEvent", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false,
        "a completion's event is set under the lock that keeps it from being closed meanwhile: the call "
-       "touches "
-       "the process's own handles only"},
+       "touches the process's own handles only"},
       {nullptr, std::nullopt, std::nullopt, kResultForgotten, false,
        "a service that begins tells that it is there by its initial values, \"Flash_Result\" 0 among them: a "
        "controlling program that has not read the 3 or 4 by then asks again, as docs/controller.md says"},
@@ -274,8 +273,7 @@ const std::vector<NotHeld>& EverythingNotHeld() {
       {"_ZEMO_DL_download_fls_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
       {"_ZEMO_DL_boot_target", std::nullopt, Way::Delayed, "the next job: the image is left", false,
        "a boot that was given up opens the image by its path once it goes on, and nobody can delete it "
-       "meanwhile: "
-       "the result is true, and the controlling program sees the image in the folder"},
+       "meanwhile: the result is true, and the controlling program sees the image in the folder"},
       {"CreateSemaphoreW", std::nullopt, std::nullopt, "leaves behind: Thread +", false,
        "the handle of the search for the flash port is left open, and the search goes on until the port is "
        "found: that is how this failure is known in the field"},

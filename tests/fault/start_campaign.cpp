@@ -284,8 +284,7 @@ class Processes {
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count();
     std::printf(
         "%s, %s%s%s: %u of %zu cases, %u of them reached, %u served nobody, %u findings, %u not held as "
-        "known, "
-        "%lld s\n",
+        "known, %lld s\n",
         NameOf(g_options.route), NameOfWhat(), g_options.log ? ", log" : "", g_options.large ? ", 12 MB" : "",
         m_Run, cases.size(), m_Reached, m_ServedNobody, m_Findings, m_Excused,
         static_cast<long long>(seconds));

@@ -43,8 +43,7 @@ struct Options {
   std::string keep;
 };
 
-// --- What a process says that comes to a sudden end
-// ---------------------------------------------------------
+// --- What a process says that comes to a sudden end ------------------------------------------------------
 
 /// The case that runs. Whoever reads it is the thread that runs it, or knows that this one hangs.
 struct Running {

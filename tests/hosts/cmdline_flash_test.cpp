@@ -151,8 +151,7 @@ TEST_F(FlashTest, SpeaksOfNoRemovalAfterAFailureThatLeftTheImages) {
   ::SetFileAttributesW(workspace.ModemImage().c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
-// --- Images that were meant
-// ---------------------------------------------------------------------------------
+// --- Images that were meant ------------------------------------------------------------------------------
 
 TEST_F(FlashTest, RefusesAnImageThatIsNotTheOneThatWasMeantBeforeItAsksForAnything) {
   workspace.MakeVirtualPc({kFast});
@@ -181,8 +180,7 @@ TEST_F(FlashTest, ExpectsNothingOfImagesThatAControllingProgramBrings) {
   EXPECT_EQ(Flash({L"--wait-for-controller", L"--expect", L"SHA256SUMS"}).exitCode, 2);
 }
 
-// --- Power
-// ----------------------------------------------------------------------------------------------------
+// --- Power -----------------------------------------------------------------------------------------------
 
 TEST_F(FlashTest, AsksThatThePcStaysAwakeFromBeforeTheJobToItsEnd) {
   workspace.MakeVirtualPc({kFast});
@@ -550,8 +548,7 @@ TEST_F(FlashTest, EndsAsAnInterruptedOneAfterAnErrorOfItsOwnBehindTheRequest) {
   EXPECT_EQ(key.Read().ready, 0u);
 }
 
-// --- Flashes that are over while the library is still at work
-// ---------------------------------------------
+// --- Flashes that are over while the library is still at work --------------------------------------------
 
 TEST_F(FlashTest, WaitsForTheEndOfAFlashThatIsOverWhenItIsInterrupted) {
   workspace.MakeVirtualPc({kFast});

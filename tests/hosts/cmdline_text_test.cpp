@@ -218,8 +218,7 @@ TEST(FlashEndTextTest, ColoursItsVerdictAlone) {
             "\x1b[31mThe flash failed.\x1b[0m Result 3.\nDo.\n");
 }
 
-// --- What goes to support
-// -----------------------------------------------------------------------------------
+// --- What goes to support --------------------------------------------------------------------------------
 
 class PlayedCollection : public DoctorCollection {
  public:

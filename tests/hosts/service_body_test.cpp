@@ -372,8 +372,7 @@ TEST_F(ServiceBodyTest, LeavesNoRecordOfAnInterruptedJob) {
   EXPECT_TRUE(g_records.empty());
 }
 
-// --- Names that the library shares with everybody
-// -----------------------------------------------------------
+// --- Names that the library shares with everybody --------------------------------------------------------
 
 TEST_F(ServiceBodyTest, KeepsTheEventOfTheLibraryFromOthersWhileItServes) {
   EXPECT_EQ(OwnedHandle(::OpenEventW(SYNCHRONIZE, FALSE, g_requestEvent.c_str())), nullptr);
@@ -416,8 +415,7 @@ TEST_F(ServiceBodyTest, LooksAgainByItselfWhileANameIsTaken) {
   AwaitEnd();
 }
 
-// --- Power
-// ----------------------------------------------------------------------------------------------------
+// --- Power -----------------------------------------------------------------------------------------------
 
 TEST_F(ServiceBodyTest, KeepsThePcAwakeWhileAJobIsOpenAndNoLonger) {
   key.Write(L"Fls_Ready", 0);

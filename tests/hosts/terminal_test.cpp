@@ -52,8 +52,7 @@ TEST(Utf8TerminalTest, TakesUtf8UntilItIsGone) {
   EXPECT_THAT(g_codePages, ElementsAre(CP_UTF8, kFormerCodePage));
 }
 
-// --- What a terminal can do
-// ------------------------------------------------------------------------------------
+// --- What a terminal can do ------------------------------------------------------------------------------
 
 /// Of the played terminal.
 DWORD g_mode = 0;

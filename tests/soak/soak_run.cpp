@@ -360,8 +360,8 @@ class Soak {
     const Sample& last = m_Samples.Last();
     std::printf(
         "%zu jobs in %zu hosts (%zu flashed, %zu failed), %zu records, threads %zu -> %zu, events %d -> %d, "
-        "heap "
-        "blocks %lld -> %lld, heap bytes %lld -> %lld, working set %.1f -> %.1f MB, %zu findings, %.0f s\n",
+        "heap blocks %lld -> %lld, heap bytes %lld -> %lld, working set %.1f -> %.1f MB, %zu findings, %.0f "
+        "s\n",
         m_Jobs, m_Hosts, m_Flashed, m_Jobs - m_Flashed, m_Records, settled.threads, last.threads,
         settled.Of(L"Event"), last.Of(L"Event"), static_cast<long long>(settled.heap.blocks),
         static_cast<long long>(last.heap.blocks), static_cast<long long>(settled.heap.bytes),

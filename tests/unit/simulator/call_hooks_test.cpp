@@ -277,8 +277,7 @@ TEST_F(CallHooksTest, TellOfCallsThatShouldHaveFailedAndCouldNotBeMadeTo) {
   hooks.Lift();
 }
 
-// --- Functions that are not imported
-// ------------------------------------------------------------------------
+// --- Functions that are not imported ---------------------------------------------------------------------
 
 constexpr KnownCall kDouble{.name = "Double",
                             .kind = KnownCall::Kind::Library,

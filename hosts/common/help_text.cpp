@@ -54,10 +54,16 @@ std::string WhatText(const CLI::Option& option) {
   return text;
 }
 
+/// "SHELL", or "[FILE...]" of what may be left out and may come again.
+std::string PlaceText(const CLI::Option& option) {
+  const std::string text = option.get_name() + (option.get_items_expected_max() > 1 ? "..." : "");
+  return option.get_required() ? text : "[" + text + "]";
+}
+
 std::string UsageText(const CLI::App& app, const std::string& name) {
   std::string text = "Usage: " + name + " [OPTIONS]";
   for (const CLI::Option* const option : app.get_options()) {
-    if (option->get_positional()) text += " " + option->get_name();
+    if (option->get_positional()) text += " " + PlaceText(*option);
   }
   if (app.get_subcommands({}).empty()) return text;
   return text + (app.get_require_subcommand_min() == 0 ? " [VERB]" : " VERB");

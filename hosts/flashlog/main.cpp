@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "hosts/common/help_text.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
 #include "hosts/common/owners.h"
@@ -306,8 +307,9 @@ class Follower {
 };
 
 int Run(std::vector<std::string> words) {
-  CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed."};
+  CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed"};
   program.name(kProgram);
+  WriteHelpForWindow(program);
   program.set_version_flag("-V,--version", std::string(kProgram) + " " + CORVEL_VERSION);
   program.footer(kFooter);
   // Paths may begin with a slash.
@@ -324,8 +326,10 @@ int Run(std::vector<std::string> words) {
           "--records", options.page.others,
           "How many records a page shows of each log besides errors, warnings and stages, whatever they "
           "take; without it 8000 at most, in a page of at most 5 MB of a log")
+      ->type_name("COUNT")
       ->check(CLI::Range(0, 1'000'000));
   program.add_option("--width", options.columns, "Columns of the table (default: the window's, or 80)")
+      ->type_name("COUNT")
       ->check(CLI::Range(20, 1000));
   try {
     // The parser takes them from the back.

@@ -197,6 +197,12 @@ class ProgramTest(unittest.TestCase):
                 return
         self.fail(f"it never said {text}")
 
+    def test_help_says_what_may_be_left_out_and_what_comes_again(self):
+        done = run("--help")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(b"Usage: corvel_flashlog [OPTIONS] [FILE...]", done.stdout)
+        self.assertIn(b"--width COUNT ", done.stdout)
+
     def test_wrong_usage(self):
         done = run("--nonsense")
         self.assertEqual(done.returncode, 2)

@@ -4,8 +4,8 @@
 #include <iostream>
 #include <system_error>
 
-#include "hosts/cmdline/completion.h"
 #include "hosts/cmdline/journal.h"
+#include "hosts/common/completion.h"
 #include "hosts/common/handshake.h"
 #include "hosts/common/text.h"
 
@@ -121,13 +121,11 @@ void AddDoctor(CLI::App& verb, VerbOptions& all) {
 }
 
 void AddCompletion(CLI::App& verb, VerbOptions& all) {
-  verb.add_option("SHELL", all.shell, "Only powershell is known")
-      ->required()
-      ->check(CLI::IsMember({"powershell"}));
+  AddShell(verb, "SHELL", all.shell).required();
 }
 
 ExitCode PrintCompletion(const CLI::App& program) {
-  std::cout << PowerShellCompletion(program) << std::flush;
+  std::cout << PowerShellCompletion(program, "completion") << std::flush;
   return ExitCode::Success;
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "hosts/common/completion.h"
 #include "hosts/common/help_text.h"
 #include "hosts/common/interruption.h"
 #include "hosts/common/json_output.h"
@@ -331,6 +332,10 @@ int Run(std::vector<std::string> words) {
   program.add_option("--width", options.columns, "Columns of the table (default: the window's, or 80)")
       ->type_name("COUNT")
       ->check(CLI::Range(20, 1000));
+  std::string shell;
+  AddShell(program, "--completion", shell)
+      .type_name("SHELL")
+      ->description("Print a script that lets that shell, powershell, complete the options");
   try {
     // The parser takes them from the back.
     std::ranges::reverse(words);
@@ -339,6 +344,10 @@ int Run(std::vector<std::string> words) {
     if (error.get_exit_code() == 0) return program.exit(error);
     Report(kProgram, {"wrong_usage", error.what(), "See \"corvel_flashlog --help\"."}, false);
     return static_cast<int>(ExitCode::WrongUsage);
+  }
+  if (!shell.empty()) {
+    std::cout << PowerShellCompletion(program, "--completion") << std::flush;
+    return static_cast<int>(ExitCode::Success);
   }
   if (options.files.empty()) options.files.emplace_back("-");
 

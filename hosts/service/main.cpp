@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "hosts/common/completion.h"
 #include "hosts/common/help_text.h"
 #include "hosts/common/history_output.h"
 #include "hosts/common/json_output.h"
@@ -350,6 +351,7 @@ struct Options {
   bool forced = false;
   bool history = false;
   bool console = false;
+  std::string shell;
 
   WhenStuck AfterStandstill() const { return restartsWhenStuck ? WhenStuck::EndProcess : WhenStuck::GoOn; }
 };
@@ -376,6 +378,7 @@ constexpr Example kExamples[] = {
      "  corvel_service status --json\n"
      "  corvel_service status --history\n"},
     {"run", "  corvel_service run --console\n"},
+    {"completion", "  corvel_service completion powershell | Out-String | Invoke-Expression\n"},
 };
 
 std::string FooterOf(std::string_view verb) {
@@ -454,6 +457,16 @@ void AddRun(CLI::App& program, Options& options) {
   AddRestartWhenStuck(run, options);
 }
 
+void AddCompletion(CLI::App& program, Options& options) {
+  CLI::App& completion =
+      AddVerb(program, options, "completion",
+              "Print a script that lets a shell complete this program's verbs and options", [&program] {
+                std::cout << PowerShellCompletion(program, "completion") << std::flush;
+                return kDone;
+              });
+  AddShell(completion, "SHELL", options.shell).required();
+}
+
 void DescribeProgram(CLI::App& program, Options& options) {
   program.name("corvel_service");
   WriteHelpForWindow(program);
@@ -471,6 +484,7 @@ void DescribeProgram(CLI::App& program, Options& options) {
   AddStop(program, options);
   AddStatus(program, options);
   AddRun(program, options);
+  AddCompletion(program, options);
 }
 
 int Run(std::vector<std::string> words, bool json) {

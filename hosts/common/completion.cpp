@@ -1,4 +1,4 @@
-#include "hosts/cmdline/completion.h"
+#include "hosts/common/completion.h"
 
 #include "hosts/common/help_text.h"
 
@@ -6,10 +6,8 @@ namespace hosts {
 
 namespace {
 
+constexpr char kShell[] = "powershell";
 constexpr char kBegin[] =
-    "# Completes verbs, options and their values of corvel_cmdline. In a PowerShell profile:\n"
-    "#   corvel_cmdline completion powershell | Out-String | Invoke-Expression\n"
-    "Register-ArgumentCompleter -Native -CommandName 'corvel_cmdline', 'corvel_cmdline.exe' -ScriptBlock {\n"
     "  param($word, $command, $cursor)\n"
     "  $places = @{\n";
 constexpr char kBetween[] =
@@ -60,6 +58,8 @@ std::string ValueWords(const CLI::Option& option) {
 std::string OptionWords(const CLI::App& place) {
   std::string words;
   for (const CLI::Option* const option : place.get_options()) {
+    const bool isHidden = option->get_group().empty();
+    if (isHidden) continue;
     for (const std::string& name : option->get_lnames())
       words += Word("--" + name, option->get_description());
     if (option->get_positional()) words += ValueWords(*option);
@@ -71,29 +71,41 @@ std::string Place(const std::string& name, const std::string& words) {
   return "    " + Quoted(name) + " = @(\n" + words + "    )\n";
 }
 
-/// Behind which options of a verb a value stands, and which.
-std::string PlacesOfValues(const CLI::App& verb) {
+/// Behind which options of a verb a value stands, and which. A program's own options stand behind no verb.
+std::string PlacesOfValues(const std::string& verb, const CLI::App& place) {
   std::string places;
-  for (const CLI::Option* const option : verb.get_options()) {
-    if (option->get_items_expected_max() == 0) continue;
+  for (const CLI::Option* const option : place.get_options()) {
+    if (option->get_items_expected_max() == 0 || option->get_group().empty()) continue;
     for (const std::string& name : option->get_lnames()) {
-      places += Place(verb.get_name() + " --" + name, ValueWords(*option));
+      places += Place(verb + " --" + name, ValueWords(*option));
     }
   }
   return places;
 }
 
+std::string Head(const std::string& program, const std::string& how) {
+  return "# Completes what " + program + " may be told. In a PowerShell profile:\n#   " + program + " " +
+         how + " " + kShell +
+         " | Out-String | Invoke-Expression\nRegister-ArgumentCompleter -Native -CommandName '" + program +
+         "', '" + program + ".exe' -ScriptBlock {\n";
+}
+
 }  // namespace
 
-std::string PowerShellCompletion(const CLI::App& program) {
+CLI::Option& AddShell(CLI::App& place, const char* name, std::string& shell) {
+  return *place.add_option(name, shell, "Only powershell is known")->check(CLI::IsMember({kShell}));
+}
+
+std::string PowerShellCompletion(const CLI::App& program, const std::string& how) {
   const std::string verbs = VerbWords(program);
-  std::string script = kBegin +
-                       Place("", verbs + Word("help", "Tell the options of a verb") + OptionWords(program)) +
-                       Place("help", verbs);
-  std::string values;
+  const std::string help = verbs.empty() ? "" : Word("help", "Tell the options of a verb");
+  std::string script =
+      Head(program.get_name(), how) + kBegin + Place("", verbs + help + OptionWords(program));
+  if (!verbs.empty()) script += Place("help", verbs);
+  std::string values = PlacesOfValues("", program);
   for (const CLI::App* const verb : program.get_subcommands({})) {
     script += Place(verb->get_name(), OptionWords(*verb));
-    values += PlacesOfValues(*verb);
+    values += PlacesOfValues(verb->get_name(), *verb);
   }
   return script + kBetween + values + kEnd;
 }

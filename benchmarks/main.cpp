@@ -22,7 +22,9 @@ int main(int argc, char** argv) try {
               Opt(options.rounds, "count")["--rounds"]("how often each pair is measured, 41 by default") |
               Opt(options.quick)["--quick"]("only see that each row runs") |
               Opt(options.filter, "text")["--filter"]("only rows with this text in their names") |
-              Opt(options.json, "file")["--json"]("also write the rows as JSON"));
+              Opt(options.json, "file")["--json"]("also write the rows as JSON") |
+              Opt(options.manyImages,
+                  "folder")["--many-images"]("the images of the largest folder, made by scripts/bench"));
   if (const int refused = session.applyCommandLine(argc, argv); refused != 0) return refused;
   if (options.quick) options.rounds = kQuickRounds;
   if (options.rounds < 1) {

@@ -58,6 +58,9 @@ struct Options {
   std::string filter;
   /// Where the rows go as JSON; nowhere when empty.
   std::string json;
+  /// The images of the largest folder; they are made when empty. Wine looks through a whole folder for each
+  /// file that it makes, which takes longer than all rows together.
+  std::string manyImages;
 };
 Options& TheOptions();
 

@@ -35,7 +35,7 @@ constexpr unsigned kMostHosts = 2;
 constexpr wchar_t kModemImage[] = L"modem.fls";
 constexpr wchar_t kNvmImage[] = L"nvm.fls";
 // Time flies less while somebody waits for a thread that hangs.
-constexpr auto kPatience = 90s;
+constexpr auto kPatience = 240s;
 
 /// The thread of a host that serves its requests, as its calls show it. It waits endlessly for a change of
 /// the key only when it has looked and nothing is asked for, and on the event that it has armed.
@@ -52,7 +52,7 @@ class Witness {
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
     SeeServing(call, function);
-    if (function == "RegSetValueExW") SeeValue(reinterpret_cast<const wchar_t*>(call.arguments[1]));
+    if (function == "RegSetValueExW") SeeValue(call);
     if (const char* const last = s_lastFunction; last != nullptr && function == last)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_callsWhileWriting != 0 && s_modem->State() == ModemState::Writing && --s_callsWhileWriting == 0)
@@ -73,6 +73,8 @@ class Witness {
     return rest;
   }
   static ModemState ModemAtResult() { return s_modemAtResult; }
+  static bool HasBegunAttempt() { return s_hasBegunAttempt; }
+  static void ForgetAttempts() { s_hasBegunAttempt = false; }
   static DWORD SupervisorThread() { return s_serving[0].thread; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
   static void Record(bool calls) { s_records = calls; }
@@ -121,8 +123,11 @@ class Witness {
     return nullptr;
   }
 
-  static void SeeValue(const wchar_t* name) noexcept {
-    if (std::wstring_view(name) == L"Flash_Result") s_modemAtResult = s_modem->State();
+  static void SeeValue(const SeenCall& call) noexcept {
+    if (std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) != hosts::kResultValue) return;
+    s_modemAtResult = s_modem->State();
+    const auto* const data = reinterpret_cast<const DWORD*>(call.arguments[4]);
+    if (*data == static_cast<DWORD>(hosts::FlashResult::Flashing)) s_hasBegunAttempt = true;
   }
 
   static void Note(const SeenCall& call) noexcept {
@@ -148,6 +153,7 @@ class Witness {
   static inline std::atomic<const char*> s_lastFunction{nullptr};
   static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
+  static inline std::atomic<bool> s_hasBegunAttempt{false};
 };
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
@@ -241,11 +247,13 @@ void Service::ExpectImages(std::uint32_t seed) {
   m_Nvm = BuildImage(NvmImagePlan(2 * seed + 1));
 }
 
-bool Service::IsImageLeft() const {
+void Service::LookAtImages(JobEnd& end) const {
   std::error_code ignored;
   const auto folder = m_Folder / L"firmware";
-  return std::filesystem::exists(folder / kNvmImage, ignored) ||
-         std::filesystem::exists(folder / kModemImage, ignored);
+  const bool hasNvm = std::filesystem::exists(folder / kNvmImage, ignored);
+  const bool hasModem = std::filesystem::exists(folder / kModemImage, ignored);
+  end.isImageLeft = hasNvm || hasModem;
+  end.areImagesKept = hasNvm && (hasModem || m_Plan.images == Images::Small);
 }
 
 MemoryComparison Service::Compare() {
@@ -291,6 +299,7 @@ void Service::ForgetLastJob() {
 
 void Service::Request() {
   m_Pc.ClearJournal();
+  Witness::ForgetAttempts();
   m_WaitsBefore = Waits();
   if (const DWORD error = hosts::WriteHandshakeValue(m_Key, L"Fls_Ready", 1); error != 0)
     throw std::runtime_error("the flag cannot be raised: " + hosts::SystemErrorText(error));
@@ -327,8 +336,9 @@ JobEnd Service::Look(bool ended) {
   end.isMemoryEqual = Compare().equal;
   end.modem = m_Pc.Modem().State();
   end.modemAtResult = Witness::ModemAtResult();
-  end.isImageLeft = IsImageLeft();
-  end.sawImage = m_Pc.LibraryLoads() > 0;
+  LookAtImages(end);
+  // A registry that refuses to be opened sees no result written.
+  end.beganAttempt = Witness::HasBegunAttempt() || m_Pc.LibraryLoads() > 0;
   return end;
 }
 

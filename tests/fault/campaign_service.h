@@ -31,8 +31,9 @@ struct JobEnd {
   simulator::ModemState modem = simulator::ModemState::Dead;
   /// When "Flash_Result" was written the last time.
   simulator::ModemState modemAtResult = simulator::ModemState::Dead;
-  bool isImageLeft = false;
-  bool sawImage = false;  ///< it began an attempt with it
+  bool isImageLeft = false;    ///< one of them at least
+  bool areImagesKept = false;  ///< each of them
+  bool beganAttempt = false;
 
   bool Succeeded() const { return values.Is(hosts::FlashResult::Succeeded); }
   bool Failed() const { return values.Is(hosts::FlashResult::Failed); }
@@ -117,7 +118,7 @@ class Service {
  private:
   bool LoadSecondHost();
   bool IsAtRest(unsigned formerWaits) const;
-  bool IsImageLeft() const;
+  void LookAtImages(JobEnd& end) const;
   simulator::MemoryComparison Compare();
 
   const std::filesystem::path m_Folder;

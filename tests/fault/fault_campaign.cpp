@@ -57,13 +57,14 @@ using RealClock = std::chrono::steady_clock;
 
 constexpr unsigned long kGoOnBehind = 4;  ///< a child's exit status: its process serves no further case
 constexpr unsigned long kHangs = 5;
-constexpr auto kCaseLimit = 600s;
+constexpr auto kCaseLimit = 1200s;
 /// A fault that lasts for good is mended then.
 constexpr auto kUntilMended = 4s;
 /// So long a service is looked at that hangs with a call of its own: 40 s of its time.
 constexpr DWORD kLookAtHanging = 200;
 constexpr wchar_t kProgressFile[] = L"campaign.txt";
 constexpr wchar_t kCasesFile[] = L"cases.txt";
+constexpr wchar_t kUncountedFile[] = L"uncounted.txt";
 constexpr std::size_t kCasesPerCensus = 20;
 
 enum class What { Calls, Foreign, HoldUps, Repeated, Pairs, Triples };
@@ -113,6 +114,27 @@ struct Progress {
     }
     return progress;
   }
+};
+
+/// The cases behind which nobody has yet counted what is left: their process may end first.
+class Uncounted {
+ public:
+  void Save(const std::vector<std::size_t>& numbers) const {
+    std::ofstream stream(m_File);
+    for (const std::size_t number : numbers) stream << number << '\n';
+  }
+  /// Once: a case that ends its process again must not do so for ever.
+  std::vector<std::size_t> Take() const {
+    std::vector<std::size_t> numbers;
+    std::ifstream stream(m_File);
+    for (std::size_t number = 0; stream >> number;) numbers.push_back(number);
+    stream.close();
+    Save({});
+    return numbers;
+  }
+
+ private:
+  const std::filesystem::path m_File = std::filesystem::path(hosts::ProgramFolder()) / kUncountedFile;
 };
 
 // --- One process: a service, and jobs --------------------------------------------------------------------
@@ -214,12 +236,14 @@ class Campaign {
   }
 
   int RunCases() {
+    for (const std::size_t number : m_Uncounted.Take()) Suspect(m_Cases.at(number));
     std::vector<std::size_t> batch;
     Holdings before = CountHoldings();
     for (std::size_t i = 0; i < m_Cases.size(); ++i) {
       if (!IsChosen(i)) continue;
       m_Progress.next = i;
       m_Progress.Save();
+      m_Uncounted.Save(batch);
       m_Watchdog.Pat();
       Show(i);
       if (!RunCase(m_Cases[i])) {
@@ -234,6 +258,7 @@ class Campaign {
       }
     }
     TakeCensus(batch, before);
+    m_Uncounted.Save({});
     Done();
     return 0;
   }
@@ -353,6 +378,7 @@ class Campaign {
   Watchdog m_Watchdog;
   Service m_Service;
   std::vector<FaultCase> m_Cases;
+  const Uncounted m_Uncounted;
   Progress m_Progress;
   std::uint32_t m_Images = 0;
 };
@@ -419,8 +445,8 @@ int RunCampaign() {
 
 int PrintNotHeld() {
   for (const NotHeld& entry : EverythingNotHeld()) {
-    std::printf("%s: %s: %s\n", entry.function == nullptr ? "any function" : entry.function, entry.finding,
-                entry.reason);
+    std::printf("%s|%s|%s|%s: %s\n", entry.What(), entry.way ? TextOf(*entry.way) : "",
+                entry.route ? NameOf(*entry.route) : "", entry.finding, entry.reason);
   }
   return 0;
 }

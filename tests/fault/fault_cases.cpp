@@ -73,7 +73,9 @@ void ForEachKnown(const CallCounts& calls, Visit visit) {
   }
 }
 
-std::string_view TextOf(Way way) {
+}  // namespace
+
+const char* TextOf(Way way) {
   switch (way) {
     case Way::Refused:
       return "";
@@ -91,7 +93,10 @@ std::string_view TextOf(Way way) {
   return "";
 }
 
-}  // namespace
+const char* NotHeld::What() const {
+  if (function != nullptr) return function;
+  return way ? "any function" : "no call";
+}
 
 std::string SingleFault::Name() const {
   std::string name = function + " " + std::to_string(call);

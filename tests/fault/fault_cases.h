@@ -71,7 +71,13 @@ struct NotHeld {
   const char* finding;                           ///< how the finding begins
   bool isProcessSpoiled;                         ///< only a restart of the service brings it back
   const char* reason;
+
+  /// The function, or what stands for one.
+  const char* What() const;
 };
+
+/// The way in which a call fails, in words behind its name.
+const char* TextOf(simulator::CallFault::Way way);
 
 // Findings of a service that does not begin, and of one that does not go on while a call hangs, of its own
 // thread or of another.

@@ -36,7 +36,8 @@ std::string WhatIsWrongWith(const JobEnd& end) {
   if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
   if (values.timeOut != 153000u) return "\"Time_Out\" is " + Text(values.timeOut);
   if (values.progress.value_or(101) > 100) return "no percentage: " + state;
-  if (end.isImageLeft && (end.Succeeded() || end.sawImage)) return "the image is left: " + state;
+  if (end.isImageLeft && (end.Succeeded() || end.beganAttempt)) return "the image is left: " + state;
+  if (!end.areImagesKept && !end.beganAttempt) return "an image is gone without an attempt: " + state;
   return {};
 }
 

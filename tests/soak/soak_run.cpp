@@ -72,7 +72,7 @@ constexpr int kWriters = 2;
 constexpr DWORD kWriterPauseMs = 20;
 /// Nothing of the library's: the system itself keeps that much whenever a library comes and goes.
 constexpr std::int64_t kHeapTolerance = 64LL * 1024;
-constexpr std::int64_t kHeapTolerancePerJob = 100;
+constexpr std::int64_t kHeapTolerancePerHost = 600;
 /// What is made once, when it is needed first, may come late; what a job leaves behind comes thousands of
 /// times.
 constexpr int kHandleTolerance = 8;
@@ -198,6 +198,7 @@ HeapUse UseOfHeaps() {
 
 struct Sample {
   std::size_t jobs = 0;
+  std::size_t hosts = 0;
   double seconds = 0;
   std::size_t threads = 0;
   HeapUse heap;
@@ -228,10 +229,11 @@ class Samples {
     if (!stream) throw std::runtime_error("the samples cannot be written");
   }
 
-  void Take(std::size_t jobs, double seconds, std::int64_t keysLeftOpen) {
+  void Take(std::size_t jobs, std::size_t hosts, double seconds, std::int64_t keysLeftOpen) {
     Sample sample;
     sample.heap = UseOfHeaps();  // first of all, while nothing of what follows is held
     sample.jobs = jobs;
+    sample.hosts = hosts;
     sample.seconds = seconds;
     sample.keysLeftOpen = keysLeftOpen;
     sample.threads = ThreadsOfThisProcess();
@@ -350,7 +352,7 @@ class Soak {
       ++m_Hosts;
       if (m_Jobs / g_options.sample == sampled / g_options.sample && m_Jobs < g_options.jobs) continue;
       sampled = m_Jobs;
-      m_Samples.Take(m_Jobs, SecondsSince(begin), m_KeysLeftOpen);
+      m_Samples.Take(m_Jobs, m_Hosts, SecondsSince(begin), m_KeysLeftOpen);
       std::printf("%zu jobs, %zu hosts, %zu records, %zu findings, %.0f s\n", m_Jobs, m_Hosts, m_Records,
                   m_Findings, SecondsSince(begin));
       std::fflush(stdout);
@@ -488,8 +490,8 @@ class Soak {
         Find(kAll, "handles: " + hosts::ToUtf8(type) + " " + std::to_string(settled.Of(type.c_str())) +
                        " -> " + std::to_string(count));
     }
-    const auto jobs = static_cast<std::int64_t>(last.jobs - settled.jobs);
-    if (last.heap.bytes > settled.heap.bytes + kHeapTolerance + kHeapTolerancePerJob * jobs)
+    const auto more = static_cast<std::int64_t>(last.hosts - settled.hosts);
+    if (last.heap.bytes > settled.heap.bytes + kHeapTolerance + kHeapTolerancePerHost * more)
       Find(kAll, "there is more memory in use");
   }
 

@@ -2,7 +2,7 @@
 """Turns the JSON documents of corvel_cmdline from many PCs into one table.
 
 Each document is what "corvel_cmdline flash --json" or "corvel_cmdline check --json" printed on one PC, in a file that
-has the PC's name: PC-0815.json. The worst outcome comes first.
+has the PC's name: PC-0815.json. The worst outcome comes first. The time of a document is that of its file.
 
 Exit status: 0 every PC is flashed or ready, 1 some are not, 2 wrong usage.
 """
@@ -10,6 +10,7 @@ Exit status: 0 every PC is flashed or ready, 1 some are not, 2 wrong usage.
 import argparse
 import collections
 import csv
+import datetime
 import json
 import pathlib
 import sys
@@ -17,9 +18,9 @@ import sys
 # Of the documents that this program reads, and of the one that it prints: it grows when a field goes or changes.
 READS = 1
 VERSION = 1
-COLUMNS = ("pc", "outcome", "code", "result", "attempts", "seconds", "message")
+COLUMNS = ("pc", "outcome", "code", "result", "attempts", "seconds", "time", "message")
 # From the worst to the best; the last two are what one wants to see.
-OUTCOMES = ("unreadable", "failed", "not ready", "flashed", "ready")
+OUTCOMES = ("unreadable", "failed", "missing", "old", "not ready", "flashed", "ready")
 GOOD = OUTCOMES[-2:]
 
 
@@ -46,10 +47,15 @@ def why_unreadable(document):
     return "no document of corvel_cmdline"
 
 
+def time_of(path):
+    """To the second, with the zone."""
+    return datetime.datetime.fromtimestamp(int(path.stat().st_mtime)).astimezone()
+
+
 def row_of(path):
-    row = dict.fromkeys(COLUMNS, "")
-    row["pc"] = path.stem
+    row = dict.fromkeys(COLUMNS, "") | {"pc": path.stem}
     try:
+        row["time"] = time_of(path).isoformat()
         # What PowerShell writes begins with a mark, of UTF-8 or of UTF-16.
         data = path.read_bytes()
         document = json.loads(data.decode("utf-16" if data[:2] in (b"\xff\xfe", b"\xfe\xff") else "utf-8-sig"))
@@ -64,6 +70,28 @@ def row_of(path):
     outcome = outcome_of(document)
     message = why_unreadable(document) if outcome == "unreadable" else error.get("message", "")
     return row | {"outcome": outcome, "code": error.get("code", ""), "message": message}
+
+
+def aged(row, since):
+    """What an earlier wave left in the folder says nothing of this one."""
+    if not since or not row["time"] or datetime.datetime.fromisoformat(row["time"]) >= since:
+        return row
+    return row | {"outcome": "old", "code": "", "message": f"older than {since.isoformat()}: {row['outcome']}"}
+
+
+def missing(expected, rows):
+    """Of the names in a file, a line for each, those without a document; Windows compares names of PCs so."""
+    found = {row["pc"].casefold() for row in rows}
+    names = (line.strip() for line in expected.read_text(encoding="utf-8-sig").splitlines())
+    wanted = {name.casefold(): name for name in names if name and not name.startswith("#")}
+    for folded, name in wanted.items():
+        if folded not in found:
+            yield dict.fromkeys(COLUMNS, "") | {"pc": name, "outcome": "missing", "message": "there is no document of it"}
+
+
+def moment(text):
+    time = datetime.datetime.fromisoformat(text)
+    return time if time.tzinfo else time.astimezone()
 
 
 def files_of(places):
@@ -93,11 +121,20 @@ def main():
     parser = argparse.ArgumentParser(description="One table of the JSON results of many PCs.")
     parser.add_argument("places", nargs="+", type=pathlib.Path, metavar="PLACE",
                         help="a file NAME-OF-PC.json, or a folder of such")
+    parser.add_argument("--expected", type=pathlib.Path, metavar="FILE",
+                        help="names of the PCs that a document is expected of, one in a line")
+    parser.add_argument("--since", type=moment, metavar="TIME",
+                        help="when the wave began (2026-11-22T18:00): documents from before do not count")
     form = parser.add_mutually_exclusive_group()
     form.add_argument("--csv", action="store_true", help="print comma-separated values")
     form.add_argument("--json", action="store_true", help="print one JSON document (docs/collected.schema.json)")
     options = parser.parse_args()
-    rows = [row_of(path) for path in files_of(options.places)]
+    rows = [aged(row_of(path), options.since) for path in files_of(options.places)]
+    if options.expected:
+        try:
+            rows += missing(options.expected, rows)
+        except (OSError, ValueError) as error:
+            parser.error(str(error))
     if not rows:
         parser.error("there is no *.json in " + ", ".join(map(str, options.places)))
     rows.sort(key=lambda row: (OUTCOMES.index(row["outcome"]), row["pc"]))

@@ -5,7 +5,9 @@ usage: collect_results_test.py COLLECTOR DOCUMENTS
 """
 
 import csv
+import datetime
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -17,6 +19,8 @@ import jsonschema
 DOCUMENTS = pathlib.Path(sys.argv.pop())
 COLLECTOR = sys.argv.pop()
 
+MOMENT = 1763820000
+TIME = datetime.datetime.fromtimestamp(MOMENT).astimezone()
 FLASHED = {"version": 1, "flashed": True, "result": 4, "meaning": "succeeded", "progress": 100, "attempts": 1, "seconds": 57,
            "images_deleted": True, "log": "C:\\Corvel\\FlashCommandLineLogger_DLL.log"}
 FAILED = {"version": 1, "error": {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."},
@@ -45,7 +49,9 @@ class CollectorTest(unittest.TestCase):
 
     def put(self, pc, document, encoding="utf-8"):
         text = document if isinstance(document, str) else json.dumps(document)
-        (self.folder / (pc + ".json")).write_bytes(text.encode(encoding))
+        file = self.folder / (pc + ".json")
+        file.write_bytes(text.encode(encoding))
+        os.utime(file, (MOMENT, MOMENT))
 
     def collect(self, *arguments):
         return subprocess.run([sys.executable, COLLECTOR, str(self.folder), *arguments], capture_output=True,
@@ -66,7 +72,8 @@ class CollectorTest(unittest.TestCase):
                          {"PC-1": "flashed", "PC-2": "failed", "PC-3": "not ready", "PC-4": "ready",
                           "PC-5": "not ready", "PC-6": "failed"})
         self.assertEqual(rows["PC-2"], {"pc": "PC-2", "outcome": "failed", "code": "flash_failed", "result": "3",
-                                        "attempts": "4", "seconds": "541", "message": "The flash failed."})
+                                        "attempts": "4", "seconds": "541",
+                                        "time": TIME.isoformat(), "message": "The flash failed."})
 
     def test_puts_the_worst_first(self):
         self.put("A", FLASHED)
@@ -114,7 +121,44 @@ class CollectorTest(unittest.TestCase):
         validate(document, "collected")
         self.assertEqual(document["outcomes"], {"unreadable": 1, "failed": 1, "flashed": 1, "ready": 1})
         self.assertEqual([row["pc"] for row in document["pcs"]], ["C", "B", "A", "D"])
-        self.assertEqual(document["pcs"][2], {"pc": "A", "outcome": "flashed", "result": 4, "attempts": 1, "seconds": 57})
+        self.assertEqual(document["pcs"][2], {"pc": "A", "outcome": "flashed", "result": 4, "attempts": 1, "seconds": 57,
+                                                "time": TIME.isoformat()})
+
+    def expect(self, names):
+        """In a file beside the folder of the documents."""
+        file = tempfile.NamedTemporaryFile("w", suffix=".txt")
+        self.addCleanup(file.close)
+        file.write(names)
+        file.flush()
+        return "--expected", file.name
+
+    def test_misses_each_expected_pc_without_a_document(self):
+        self.put("PC-1", FLASHED)
+        self.assertEqual(self.collect(*self.expect("pc-1\n")).returncode, 0)
+        result = self.collect("--json", *self.expect("# the wave\nPC-2\n\nPC-1\n"))
+        self.assertEqual(result.returncode, 1)
+        document = json.loads(result.stdout)
+        validate(document, "collected")
+        self.assertEqual(document["outcomes"], {"missing": 1, "flashed": 1})
+        self.assertEqual(document["pcs"][0], {"pc": "PC-2", "outcome": "missing", "message": "there is no document of it"})
+
+    def test_misses_all_where_there_is_no_document(self):
+        result = self.collect(*self.expect("PC-1\nPC-2\n"))
+        self.assertEqual((result.returncode, result.stdout.splitlines()[-1]), (1, "2 missing"))
+        self.assertEqual(self.collect("--expected", "/nowhere").returncode, 2)
+
+    def test_takes_no_document_of_an_earlier_wave(self):
+        self.put("PC-1", FLASHED)
+        self.assertEqual(self.collect("--since", TIME.isoformat()).returncode, 0)
+        self.assertEqual(self.collect("--since", TIME.replace(tzinfo=None).isoformat()).returncode, 0)
+        later = TIME + datetime.timedelta(seconds=1)
+        result = self.collect("--json", "--since", later.isoformat())
+        self.assertEqual(result.returncode, 1)
+        document = json.loads(result.stdout)
+        validate(document, "collected")
+        self.assertEqual((document["pcs"][0]["outcome"], document["pcs"][0]["message"]),
+                         ("old", f"older than {later.isoformat()}: flashed"))
+        self.assertEqual(self.collect("--since", "yesterday").returncode, 2)
 
     def test_refuses_a_folder_without_results(self):
         self.assertEqual(self.collect().returncode, 2)

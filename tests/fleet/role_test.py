@@ -7,6 +7,7 @@ usage: role_test.py EXAMPLES BIN-FOLDER EMULATOR
 
 import hashlib
 import json
+import os
 import pathlib
 import re
 import shutil
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import xml.etree.ElementTree
 
 import jinja2
 import jsonschema
@@ -23,6 +25,8 @@ EMULATOR = sys.argv.pop()
 BIN = pathlib.Path(sys.argv.pop())
 EXAMPLES = pathlib.Path(sys.argv.pop())
 ROLE = EXAMPLES / "ansible/roles/corvel_flash"
+# Where the service is asked for a flash.
+KEY = r"HKCU\Software\Corvel\Test\Fleet"
 
 
 def windows_path(path):
@@ -38,7 +42,8 @@ def tasks_in(tasks):
 
 def run(*command):
     """By hand of the emulator: the first word is a file of this system, the others are the program's own."""
-    return subprocess.run([*filter(None, EMULATOR.split(";")), *command], capture_output=True, text=True, check=False)
+    return subprocess.run([*filter(None, EMULATOR.split(";")), *command], capture_output=True, text=True, check=False,
+                          env={"WINEPREFIX": str(BIN.parent / "wineprefix"), **os.environ})
 
 
 class RoleTest(unittest.TestCase):
@@ -47,28 +52,32 @@ class RoleTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.programs = pathlib.Path(folder.name) / "Program Files" / "Corvel"
         self.firmware = pathlib.Path(folder.name) / "Firmware"
+        self.staging = pathlib.Path(folder.name) / "Wave 7"
         self.programs.mkdir(parents=True)
         self.firmware.mkdir()
+        self.staging.mkdir()
         for name in ("simulated/corvel_cmdline.exe", "simulated/corvel_service.exe", "virtual_pc_host.dll",
                      "CorvelToolKit.dll", "Firmwareflashdownload.dll"):
             shutil.copy(BIN / name, self.programs)
         (self.programs / "VirtualPc.ini").write_text("speed=100\n")
         (self.programs / "CorvelConfig.ini").write_text(
-            "Corvel flash service\n[TraceLevel]=1\n[RegistryLocation]=HKCU\\Software\\Corvel\\Test\\Fleet\n"
+            "Corvel flash service\n[TraceLevel]=1\n[RegistryLocation]=" + KEY + "\n"
             f"[ModemAndNVMFirmwareFolder]={windows_path(self.firmware)}\n[IPCTYPE]=USB\n")
-        made = run(str(BIN / "modem_simulator.exe"), "--make-images", windows_path(self.firmware))
+        made = run(str(BIN / "modem_simulator.exe"), "--make-images", windows_path(self.staging))
         self.assertEqual(made.returncode, 0, made.stderr)
-        (self.firmware / "SHA256SUMS").write_text("".join(
-            f"{hashlib.sha256(image.read_bytes()).hexdigest()}  {image.name}\n" for image in self.firmware.glob("*.fls")))
+        (self.staging / "SHA256SUMS").write_text("".join(
+            f"{hashlib.sha256(image.read_bytes()).hexdigest()}  {image.name}\n" for image in self.staging.glob("*.fls")))
         service = str(self.programs / "corvel_service.exe")
         self.assertEqual(run(service, "install", "--start", "demand").returncode, 0)
-        self.addCleanup(lambda: (run(service, "stop", "--force"), run(service, "uninstall")))
+        self.addCleanup(lambda: (run(service, "stop", "--force"), run(service, "uninstall"),
+                                 run("reg", "delete", KEY, "/f")))
 
     def words(self, argv):
         """As the role's defaults fill them in, but for the places of this test."""
         values = yaml.safe_load((ROLE / "defaults/main.yml").read_text())
         values |= {"corvel_flash_programs": windows_path(self.programs),
-                   "corvel_flash_firmware": windows_path(self.firmware)}
+                   "corvel_flash_firmware": windows_path(self.firmware),
+                   "corvel_flash_staging": windows_path(self.staging)}
         return [re.sub(r"{{ (\w+) }}", lambda name: str(values[name[1]]), str(word)) for word in argv]
 
     def command_lines(self):
@@ -125,17 +134,56 @@ class RoleTest(unittest.TestCase):
             self.assertEqual(run(str(self.programs / "corvel_service.exe"), "uninstall").returncode, 0)
 
     def test_flashes_no_image_that_is_not_in_the_list(self):
-        (self.firmware / "SHA256SUMS").write_text("0" * 64 + "  modem.fls\n")
+        (self.staging / "SHA256SUMS").write_text("0" * 64 + "  modem.fls\n")
         flash = self.result_of(self.command_lines()[1])
         self.assertEqual(flash.returncode, 4, flash.stdout)
         self.assertIn("image_", flash.stdout)
+        # The service would flash them at its next request, whatever the list says.
+        self.assertEqual(list(self.firmware.iterdir()), [])
+
+    def test_ends_the_wave_at_a_flash_that_failed_and_at_no_other(self):
+        tasks = list(tasks_in(yaml.safe_load((ROLE / "tasks/main.yml").read_text())))
+        expressions = jinja2.Environment()
+        judge, = (task["ansible.builtin.assert"]["that"] for task in tasks if "ansible.builtin.assert" in task)
+        goes_on = {status for status in range(6)
+                   if expressions.compile_expression(judge)(corvel_flash_outcome={"rc": status})}
+        # What was not begun, and what the documents call "nothing was touched".
+        self.assertEqual(goes_on, {0, 3, 4})
+        failure = next(task["failed_when"] for task in tasks if task.get("register") == "corvel_flash_stop")
+        fails = {status for status in range(6)
+                 if expressions.compile_expression(failure)(corvel_flash_stop={"rc": status})}
+        self.assertEqual(fails, {1, 2, 4, 5})
+
+    def test_ends_the_wave_at_a_pc_that_is_lost_when_its_batch_is_through(self):
+        """A limit of failures would count none that cannot be reached."""
+        play, = yaml.safe_load((EXAMPLES / "ansible/flash.yml").read_text())
+        self.assertIs(play["any_errors_fatal"], True)
+        self.assertNotIn("max_fail_percentage", play)
+        tasks = yaml.safe_load((ROLE / "tasks/main.yml").read_text())
+        self.assertEqual([task["any_errors_fatal"] for task in tasks if "block" in task], [False])
+        judge = jinja2.Environment().compile_expression(play["pre_tasks"][0]["ansible.builtin.assert"]["that"])
+        self.assertTrue(judge(ansible_play_hosts=["a", "b"], ansible_play_hosts_all=["a", "b"]))
+        self.assertFalse(judge(ansible_play_hosts=["b"], ansible_play_hosts_all=["a", "b"]))
+
+    def test_says_in_its_document_why_a_pc_is_left_whose_service_flashes(self):
+        """The role asks the command line then, which refuses."""
+        service = str(self.programs / "corvel_service.exe")
+        (self.programs / "VirtualPc.ini").write_text("speed=1\n")
+        self.assertEqual(run(service, "start").returncode, 0)
+        shutil.copytree(self.staging, self.firmware, dirs_exist_ok=True)
+        self.assertEqual(run("reg", "add", KEY, "/v", "Fls_Ready", "/t", "REG_DWORD", "/d", "1", "/f").returncode, 0)
+        outcomes = self.run_role()
+        self.assertEqual(outcomes["corvel_flash_stop"]["rc"], 3, outcomes)
+        self.assertEqual(outcomes["corvel_flash_outcome"]["rc"], 4, outcomes)
+        self.assertIn('"service_', outcomes["corvel_flash_outcome"]["stdout"])
+        self.assertNotIn("corvel_flash_start", outcomes)
 
 
 class RemediationTest(unittest.TestCase):
     """The scripts in PowerShell are not run here; this much of them is compared with what is."""
 
     text = (EXAMPLES / "detection/remediate.ps1").read_text()
-    ROLE_NAMES = {"Programs": "corvel_flash_programs", "Firmware": "corvel_flash_firmware",
+    ROLE_NAMES = {"Programs": "corvel_flash_programs", "Package": "corvel_flash_staging", "Firmware": "corvel_flash_firmware",
                   "MinBattery": "corvel_flash_min_battery", "TimeoutSeconds": "corvel_flash_timeout_seconds"}
 
     def test_has_the_command_lines_of_the_role(self):
@@ -154,11 +202,43 @@ class RemediationTest(unittest.TestCase):
         of_role = yaml.safe_load((ROLE / "defaults/main.yml").read_text())
         places = {"$env:ProgramFiles": r"C:\Program Files", "$env:ProgramData": r"C:\ProgramData"}
         for name, name_in_role in self.ROLE_NAMES.items():
+            # Of a package the scripts are a part, the role brings it.
+            if name == "Package":
+                continue
             with self.subTest(name):
                 default = re.search(rf"\${name} = \"?([^\",\n]+)\"?", self.text)[1]
                 for variable, place in places.items():
                     default = default.replace(variable, place)
                 self.assertEqual(default, str(of_role[name_in_role]))
+
+    def test_remembers_a_flash_where_the_role_looks_for_it(self):
+        state = yaml.safe_load((ROLE / "vars/main.yml").read_text())["corvel_flash_state_key"]
+        tasks = list(tasks_in(yaml.safe_load((ROLE / "tasks/main.yml").read_text())))
+        names = {task["ansible.windows.win_regedit"]["name"] for task in tasks if "ansible.windows.win_regedit" in task}
+        self.assertEqual(names, {"Flashed"})
+        for script in ("detect.ps1", "remediate.ps1"):
+            self.assertIn(f"$state = '{state}'", (EXAMPLES / "detection" / script).read_text())
+        self.assertIn("Set-State Flashed $digest String", self.text)
+
+    def test_is_run_by_a_task_that_ends_no_flash(self):
+        task = xml.etree.ElementTree.parse(EXAMPLES / "detection/flash_once.xml")
+        told = {element.tag.rpartition("}")[2]: (element.text or "").strip() for element in task.iter()}
+        self.assertEqual((told["UserId"], told["DisallowStartIfOnBatteries"], told["StopIfGoingOnBatteries"],
+                          told["AllowHardTerminate"]), ("S-1-5-18", "true", "false", "false"))
+        longest = re.search(r"\$TimeoutSeconds = (\d+)", self.text)[1]
+        self.assertGreater(int(re.fullmatch(r"PT(\d+)H", told["ExecutionTimeLimit"])[1]) * 3600, 2 * int(longest))
+        self.assertTrue(told["Command"].endswith("flash_once.cmd"))
+
+    def test_is_run_by_a_wrapper_when_the_detection_says_so(self):
+        wrapper = (EXAMPLES / "detection/flash_once.cmd").read_text()
+        self.assertRegex(wrapper, r'detect\.ps1"\nif not "%errorlevel%" == "1" exit /b %errorlevel%\n.*remediate\.ps1" %\*\nexit')
+        for script in ("detect.ps1", "remediate.ps1"):
+            self.assertIn(f'"%~dp0{script}"', wrapper)
+            self.assertTrue((EXAMPLES / "detection" / script).exists())
+
+    def test_leaves_the_copying_of_images_to_the_command_line(self):
+        """Which takes them back when it refuses; the service would flash what lies there, whatever the list says."""
+        self.assertNotIn("Copy-Item", self.text)
 
     def test_starts_the_service_only_where_it_was_stopped(self):
         stop = re.search(r"(\$\w+) = Invoke-Program corvel_service @\('stop'\)", self.text)

@@ -4,7 +4,8 @@
 #                   [-TimeoutSeconds SECONDS]
 #
 # The package holds the images and their SHA256SUMS; Firmware is the folder that [ModemAndNVMFirmwareFolder] of
-# CorvelConfig.ini names. What corvel_cmdline said is kept as NAME-OF-PC.json in Results, which may be a share.
+# CorvelConfig.ini names: it is emptied of images first. corvel_cmdline copies those of the package there, and takes them
+# back when it comes to no flash. What it said is kept as NAME-OF-PC.json in Results, which may be a share.
 # Exit status: 0 flashed, otherwise that of corvel_cmdline or corvel_service, or 1.
 
 #Requires -Version 5.1
@@ -53,9 +54,8 @@ $isToStart = $said -contains 'Stopped.'
 $started = 0
 try {
     Remove-Item "$Firmware\*.fls" -Force
-    Copy-Item "$Package\*" $Firmware
-    $said = Invoke-Program corvel_cmdline @('flash', '--json', '--quiet', '--expect', "$Firmware\SHA256SUMS",
-        '--min-battery', "$MinBattery", '--timeout', "$TimeoutSeconds")
+    $said = Invoke-Program corvel_cmdline @('flash', '--json', '--quiet', '--images', "$Package",
+        '--expect', "$Package\SHA256SUMS", '--min-battery', "$MinBattery", '--timeout', "$TimeoutSeconds")
     $status = $LASTEXITCODE
     if ($status -eq 0) { Set-State Flashed $digest String; $failures = 0 }
     # What was cut short counts, too; what was not begun is tried again.

@@ -16,6 +16,7 @@ namespace hosts::flashlog {
 
 namespace {
 
+// Where the log does not tell another one.
 constexpr Milliseconds kAttemptLimit = 130'000;
 constexpr Milliseconds kFlashPortLimit = 15'000;
 constexpr Milliseconds kBootLimit = 10'000;
@@ -102,6 +103,19 @@ std::optional<int> LastNumber(std::string_view message) {
   int number = 0;
   const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), number);
   return read.ec == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+/// What a record says of how long something may take ("... timeout: 130s"), or what it usually may.
+Milliseconds LimitIn(std::string_view message, Milliseconds usual) {
+  constexpr std::string_view kMark = "timeout: ";
+  const std::size_t mark = message.find(kMark);
+  if (mark == std::string_view::npos) return usual;
+  const std::string_view text = message.substr(mark + kMark.size());
+  int seconds = 0;
+  const auto read = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  const bool isLimit =
+      read.ec == std::errc() && seconds > 0 && read.ptr != text.data() + text.size() && *read.ptr == 's';
+  return isLimit ? Milliseconds{seconds} * 1000 : usual;
 }
 
 /// Most records are traces that no table has to be asked for.
@@ -253,7 +267,7 @@ void JobTracker::FollowAttempt(EventKind kind, const Record& record) {
     case EventKind::PortAwaited:
       return BeginStage(StageKind::FlashPort, record, kFlashPortLimit);
     case EventKind::BootBegins:
-      return BeginStage(StageKind::Boot, record, kBootLimit);
+      return BeginStage(StageKind::Boot, record, LimitIn(record.message, kBootLimit));
     case EventKind::WriteBegins:
       return BeginStage(StageKind::Write, record);
     case EventKind::ItemBegins:
@@ -309,7 +323,7 @@ void JobTracker::BeginAttempt(const Record& record) {
   const Attempt attempt{.number = static_cast<int>(job.attempts.size()) + 1,
                         .begin = record.time,
                         .end = record.time,
-                        .limit = kAttemptLimit,
+                        .limit = LimitIn(record.message, kAttemptLimit),
                         .offset = record.offset};
   AddBounded(job.attempts, attempt);
   BeginStage(StageKind::Prepare, record);
@@ -328,15 +342,17 @@ void JobTracker::EndAttempt(const Record& record, AttemptOutcome outcome) {
 void JobTracker::BeginStage(StageKind kind, const Record& record, Milliseconds limit) {
   EndStage(record.time);
   Job& job = Current();
+  const bool running = !job.attempts.empty() && job.attempts.back().outcome == AttemptOutcome::Running;
+  const int attempt = running ? job.attempts.back().number : 0;
+  const auto goesOn = [&](const Stage& last) { return last.kind == kind && last.attempt == attempt; };
   // One look after the other at the same thing is one stage, unless each has a limit of its own.
-  if (!job.stages.empty() && job.stages.back().kind == kind && limit == 0) {
+  if (!job.stages.empty() && goesOn(job.stages.back()) && limit == 0) {
     m_StageOpen = true;
     return;
   }
   if (job.stages.size() >= kMostOfAKind) return;
-  const bool running = !job.attempts.empty() && job.attempts.back().outcome == AttemptOutcome::Running;
   job.stages.push_back({.kind = kind,
-                        .attempt = running ? job.attempts.back().number : 0,
+                        .attempt = attempt,
                         .begin = record.time,
                         .end = record.time,
                         .limit = limit,

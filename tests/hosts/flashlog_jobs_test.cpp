@@ -132,6 +132,51 @@ TEST_F(FlashlogJobsTest, AnAttemptThatOverrunsIsGivenUpAndItsLateRecordsMoveNoth
   EXPECT_EQ(jobs[0].stages.back().attempt, 2);
 }
 
+TEST_F(FlashlogJobsTest, AnAttemptThatDidNotStartTakesNothingOfTheNextOne) {
+  LogText text;
+  text.Request().Job("\t fetch modem & NVM folder, m_nModemNVMFolder:C:\\f").At(2);
+  text.JobError("\t CreateThread DownloadFirmwareImplementation FAIL, 8");
+
+  const Job& job = JobsOf(text.At(3).AttemptBegins().At(5).Progress(1)).at(0);
+
+  ASSERT_THAT(job.attempts, SizeIs(2));
+  EXPECT_EQ(job.attempts[0].outcome, AttemptOutcome::NotStarted);
+  ASSERT_THAT(StagesOf(job), ElementsAre(StageKind::Images, StageKind::Prepare, StageKind::Prepare));
+  EXPECT_EQ(job.stages[1].attempt, 1);
+  EXPECT_EQ(Length(job.stages[1]), 0);
+  EXPECT_EQ(job.stages[2].attempt, 2);
+  EXPECT_EQ(Length(job.stages[2]), 2000);
+}
+
+TEST_F(FlashlogJobsTest, ALimitThatTheLogTellsCounts) {
+  const Job& job =
+      JobsOf(
+          LogText()
+              .Request()
+              .Job("\t DownloadFirmwareImplementation timeout: 90s")
+              .By(LogText::kWorker)
+              .Trace("ToolKit::DownloadFirmwareImplementation", "ToolKit::DownloadFirmwareImplementation ++")
+              .Trace("CFirmwareDownloader::InjectBootTarget", "\t InjectBootTargetThread timeout: 25s"))
+          .at(0);
+
+  EXPECT_EQ(job.attempts.at(0).limit, 90'000);
+  ASSERT_EQ(job.stages.back().kind, StageKind::Boot);
+  EXPECT_EQ(job.stages.back().limit, 25'000);
+}
+
+TEST_F(FlashlogJobsTest, ALimitThatIsNoneIsTheUsualOne) {
+  LogText text;
+  text.Request();
+  for (const char* const limit : {"0s", "-5s", "90", "99999999999s", "soon"}) {
+    text.Job(std::string("\t DownloadFirmwareImplementation timeout: ") + limit);
+  }
+
+  const Job& job = JobsOf(text).at(0);
+
+  ASSERT_THAT(job.attempts, SizeIs(5));
+  for (const Attempt& attempt : job.attempts) EXPECT_EQ(attempt.limit, 130'000) << attempt.number;
+}
+
 TEST_F(FlashlogJobsTest, EachWaitForTheModemHasItsOwnLimit) {
   LogText text;
   text.Request().AttemptBegins().ReachesWriting().Job("\t Flash OK, to wait for MBIM Modem re-arrival");

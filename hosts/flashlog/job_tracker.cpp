@@ -312,6 +312,7 @@ void JobTracker::BeginJob(const Record& record, bool beginMissing) {
   job.beginMissing = beginMissing;
   job.begin = job.end = record.time;
   job.offset = record.offset;
+  job.before = record.before;
   job.version = m_Version;
   m_Jobs.push_back(std::move(job));
   BeginStage(StageKind::Images, record);

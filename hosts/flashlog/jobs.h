@@ -96,6 +96,8 @@ struct Job {
   Milliseconds end = 0;
   std::uint64_t offset = 0;
   std::uint64_t endOffset = 0;
+  /// Bytes that the log had before it began anew: all offsets of the job count from there.
+  std::uint64_t before = 0;
   JobState state = JobState::Running;
   /// The last Flash_Result that was written in it.
   std::optional<int> result = std::nullopt;

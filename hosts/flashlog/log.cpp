@@ -35,6 +35,9 @@ void Log::Take(std::string_view bytes) {
 void Log::Finish(bool goesOn) {
   m_Reader.Finish();
   m_Tracker.Finish(goesOn);
+  if (!goesOn) return;
+  m_Beginnings.push_back(Taken());
+  m_Size = 0;
 }
 
 const std::vector<KeptRecord>& Log::Kept(std::size_t taken) {

@@ -48,7 +48,12 @@ class Log {
   void BreakOff(std::string why) { m_BrokeOff = std::move(why); }
 
   const std::string& Name() const { return m_Name; }
+  /// Bytes that it has; those from before it began anew are no longer in it.
   std::uint64_t Size() const { return m_Size; }
+  /// Where it began, each time, in the bytes of all times.
+  const std::vector<std::uint64_t>& Beginnings() const { return m_Beginnings; }
+  /// Bytes of all times.
+  std::uint64_t Taken() const { return m_Beginnings.back() + m_Size; }
   /// Why it could not be read beyond its size; empty when it was read to its end.
   const std::string& BrokeOff() const { return m_BrokeOff; }
   std::uint64_t Records() const { return m_Records; }
@@ -69,6 +74,7 @@ class Log {
   std::optional<RecordStore> m_Store;
   Watcher m_Watcher;
   std::uint64_t m_Size = 0;
+  std::vector<std::uint64_t> m_Beginnings{0};
   std::string m_BrokeOff;
   std::uint64_t m_Records = 0;
   FlawCounts m_Flaws;

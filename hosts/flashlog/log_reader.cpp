@@ -163,6 +163,7 @@ void LogReader::Finish() {
   m_Tail.clear();
   m_LineSize = 0;
   if (m_RecordOpen) HandOut(Flaw::Truncated);
+  m_Before += m_Offset;
   m_Offset = 0;
 }
 
@@ -213,7 +214,7 @@ void LogReader::Continue(const Line& line) {
 void LogReader::HandOut(Flaw flaw) {
   m_RecordOpen = false;
   std::string_view text = m_Record;
-  Record record{.offset = m_RecordOffset, .size = m_RecordSize, .flaw = flaw};
+  Record record{.offset = m_RecordOffset, .before = m_Before, .size = m_RecordSize, .flaw = flaw};
   m_LastTime = record.time = TimeOf(text).value_or(m_LastTime);
   if (flaw == Flaw::None && text.ends_with(kEndMark)) text.remove_suffix(kEndMark.size());
   text.remove_prefix(kBegin.size());
@@ -226,6 +227,7 @@ void LogReader::HandOut(Flaw flaw) {
 
 void LogReader::HandOutForeign(const Line& line) {
   m_Taker({.offset = m_Offset,
+           .before = m_Before,
            .size = line.size,
            .time = m_LastTime,
            .message = Trimmed(line.text),

@@ -26,7 +26,8 @@ class LogReader {
 
   /// The next bytes of the log.
   void Take(std::string_view bytes);
-  /// There are no more bytes: hands out what is left without an end. What follows is another log.
+  /// There are no more bytes: hands out what is left without an end. What follows is the log that began
+  /// anew.
   void Finish();
 
  private:
@@ -47,6 +48,7 @@ class LogReader {
 
   Taker m_Taker;
   std::uint64_t m_Offset = 0;  ///< of the next line
+  std::uint64_t m_Before = 0;  ///< bytes of the log before it began anew
 
   // The line that has no end yet.
   std::string m_Line;

@@ -119,7 +119,7 @@ bool ReadPiece(Input& input) {
       input.log.Finish(true);
       return true;
     case LogSource::Outcome::Failed:
-      input.isUnreadable = input.log.Size() == 0;
+      input.isUnreadable = input.log.Taken() == 0;
       if (input.source.BrokeOff()) input.log.BreakOff(SystemErrorText(input.source.Error()));
       return false;
     case LogSource::Outcome::Nothing:
@@ -247,10 +247,10 @@ class Follower {
   bool ReadWhatIsThere() {
     bool news = false;
     for (const auto& input : m_Inputs) {
-      const std::uint64_t before = input->log.Size();
+      const std::uint64_t before = input->log.Taken();
       for (int i = 0; i < kPiecesInARow && input->source.IsReady() && ReadPiece(*input); ++i) {
       }
-      news = news || input->log.Size() != before;
+      news = news || input->log.Taken() != before;
       // One that is not there yet may come.
       input->isUnreadable = false;
       TellFailure(*input);

@@ -23,6 +23,7 @@ enum class Flaw {
 /// the record out.
 struct Record {
   std::uint64_t offset = 0;  ///< of its first byte in the log
+  std::uint64_t before = 0;  ///< bytes that the log had before it began anew, each time that it did
   std::uint64_t size = 0;    ///< in bytes, with its end mark and line end
   Milliseconds time = 0;     ///< a foreign line has the time of the record before it
   std::uint32_t process = 0;

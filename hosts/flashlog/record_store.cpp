@@ -123,7 +123,8 @@ void Shorten(KeptRecord& record, std::size_t longest) {
 void LeaveOut(const KeptRecord& record, std::vector<KeptRecord>& records) {
   const std::uint64_t count = record.leftOut == 0 ? 1 : record.leftOut;
   const std::uint64_t end = record.offset + record.size;
-  if (!records.empty() && records.back().leftOut != 0) {
+  // A gap ends with the log that it is in.
+  if (!records.empty() && records.back().leftOut != 0 && records.back().before == record.before) {
     records.back().leftOut += count;
     records.back().size = end - records.back().offset;
     return;
@@ -131,6 +132,7 @@ void LeaveOut(const KeptRecord& record, std::vector<KeptRecord>& records) {
   KeptRecord gap;
   gap.leftOut = count;
   gap.offset = record.offset;
+  gap.before = record.before;
   gap.size = record.size;
   gap.time = record.time;
   gap.place.job = record.place.job;
@@ -144,6 +146,7 @@ RecordStore::RecordStore(PageLimits limits)
 
 void RecordStore::Take(const Record& record, const Place& place) {
   KeptRecord kept{.offset = record.offset,
+                  .before = record.before,
                   .size = record.size,
                   .time = record.time,
                   .process = record.process,

@@ -15,6 +15,7 @@ struct KeptRecord {
   /// Records that are left out at this place; 0: this is a record.
   std::uint64_t leftOut = 0;
   std::uint64_t offset = 0;
+  std::uint64_t before = 0;  ///< as Record has it
   std::uint64_t size = 0;
   Milliseconds time = 0;
   std::uint32_t process = 0;

@@ -1,7 +1,13 @@
 #include "hosts/flashlog/page.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
@@ -32,49 +38,124 @@ class TextTable {
   ordered_json m_Texts = ordered_json::array();
 };
 
-/// The records of a log as columns of small numbers: most are differences to the record before. A log of many
-/// megabytes has tens of thousands of records that its page must hold.
+/// Small numbers as letters, five bits in each, the lowest first; the letters in front of a number's last one
+/// have a sixth bit. Most take one letter or two.
+class NumberText {
+ public:
+  void Add(std::uint64_t number) {
+    constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    for (; number >= 32; number >>= 5U) m_Text += kLetters[32 + number % 32];
+    m_Text += kLetters[number];
+  }
+  /// Also of a number below 0: the lowest bit tells.
+  void AddSigned(std::int64_t number) {
+    const std::uint64_t size = static_cast<std::uint64_t>(number < 0 ? -(number + 1) : number);
+    Add(2 * size + (number < 0 ? 1 : 0));
+  }
+  /// As the difference to the number before, which takes its place.
+  template <typename Number>
+  void AddStep(Number number, Number& before) {
+    AddSigned(static_cast<std::int64_t>(number) - static_cast<std::int64_t>(before));
+    before = number;
+  }
+  const std::string& Text() const { return m_Text; }
+
+ private:
+  std::string m_Text;
+};
+
+/// Numbers that mostly stay: how many come before each change, and the change.
+class RareChanges {
+ public:
+  void Add(std::uint64_t number) {
+    if (number != m_Last) {
+      m_Numbers.Add(m_Steady);
+      m_Numbers.AddStep(number, m_Last);
+      m_Steady = 0;
+    }
+    ++m_Steady;
+  }
+  const std::string& Text() const { return m_Numbers.Text(); }
+
+ private:
+  NumberText m_Numbers;
+  std::uint64_t m_Last = 0;
+  std::uint64_t m_Steady = 0;
+};
+
+/// Numbers of which one mostly follows the other as it did the last time: how many do so before each that
+/// does not, and that one: 0 is one more than the highest so far, 1 the highest, 2 the one below it.
+class RepeatedOrder {
+ public:
+  void Add(std::size_t number) {
+    std::optional<std::size_t>& expected = m_Next[m_Last];
+    const bool isExpected = expected == number;
+    expected = number;
+    m_Last = number;
+    if (isExpected) {
+      ++m_Expected;
+      return;
+    }
+    m_Numbers.Add(m_Expected);
+    m_Numbers.Add(m_Highest + 1 - number);
+    m_Highest = std::max(m_Highest, number);
+    m_Expected = 0;
+  }
+  /// With the rest that is as expected.
+  std::string Text() const {
+    NumberText numbers = m_Numbers;
+    numbers.Add(m_Expected);
+    return numbers.Text();
+  }
+
+ private:
+  NumberText m_Numbers;
+  std::unordered_map<std::size_t, std::optional<std::size_t>> m_Next;
+  std::size_t m_Last = 0;
+  std::size_t m_Highest = 0;
+  std::size_t m_Expected = 0;
+};
+
+/// The records of a log as columns of small numbers. A log of many megabytes has more than a hundred thousand
+/// records that its page must hold, and the ones of a flash are much as those of the flash before.
 class RecordColumns {
  public:
   explicit RecordColumns(TextTable& messages) : m_Messages(messages) {}
 
   void Add(const KeptRecord& record) {
-    m_Offsets.push_back(record.offset - m_LastEnd);
-    m_LastEnd = record.offset + record.size;
-    m_Times.push_back(record.time - m_LastTime);
-    m_LastTime = record.time;
-    m_Jobs.push_back(record.place.job);
+    const std::uint64_t offset = record.before + record.offset;
+    m_Holes.Add(offset - m_LastEnd);
+    m_LastEnd = offset + record.size;
+    m_Jobs.Add(static_cast<std::uint64_t>(record.place.job));
     if (record.leftOut != 0) {
-      // A gap has no site; its size follows the count.
-      m_Sites.push_back(-1);
-      m_Threads.push_back(record.leftOut);
-      m_TextIndices.push_back(record.size);
+      m_Shapes.Add(kGap);
+      m_Gaps.Add(record.leftOut);
+      m_Gaps.Add(record.size);
       return;
     }
-    m_Sites.push_back(static_cast<std::int64_t>(SiteOf(record)));
-    m_Threads.push_back(ThreadOf(record));
-    m_TextIndices.push_back(m_Messages.IndexOf(record.message));
-    m_Sizes.push_back(record.size);
-    if (record.messageCut != 0) m_Cut[std::to_string(m_Sites.size() - 1)] = record.messageCut;
+    m_Shapes.Add(ShapeOf(record));
+    m_Times.AddStep(record.time, m_LastTime);
+    m_Threads.Add(ThreadOf(record));
   }
 
   ordered_json AsJson(Milliseconds begin) const {
     return {{"begin", begin},
-            {"offsets", m_Offsets},
-            {"times", m_Times},
-            {"jobs", m_Jobs},
-            {"sites", m_Sites},
-            {"threads", m_Threads},
-            {"sizes", m_Sizes},
-            {"texts", m_TextIndices},
+            {"holes", m_Holes.Text()},
+            {"jobs", m_Jobs.Text()},
+            {"shapes", m_Shapes.Text()},
+            {"gaps", m_Gaps.Text()},
+            {"times", m_Times.Text()},
+            {"threads", m_Threads.Text()},
             {"site_table", m_SiteTable},
-            {"cut", m_Cut},
-            {"thread_table", m_ThreadTable}};
+            {"shape_table", m_ShapeTable.Text()},
+            {"thread_table", m_ThreadTable.Text()}};
   }
 
   void BeginAt(Milliseconds time) { m_LastTime = time; }
 
  private:
+  static constexpr std::size_t kGap = 0;
+
   /// Where a record comes from and what it is, which comes back with each record of that place.
   std::size_t SiteOf(const KeptRecord& record) {
     const auto key = std::tuple(record.source, record.line, record.function, record.level, record.flaw,
@@ -89,74 +170,148 @@ class RecordColumns {
     return place->second;
   }
 
+  /// All of a record but its time and its thread. @return from 1 on.
+  std::size_t ShapeOf(const KeptRecord& record) {
+    const Shape shape{SiteOf(record), m_Messages.IndexOf(record.message), record.size, record.messageCut};
+    const auto [place, isNew] = m_ShapeIndices.try_emplace(shape, m_ShapeIndices.size() + 1);
+    if (isNew) {
+      m_ShapeTable.Add(shape[0]);
+      m_ShapeTable.AddStep(shape[1], m_LastText);
+      m_ShapeTable.Add(shape[2]);
+      m_ShapeTable.Add(shape[3]);
+    }
+    return place->second;
+  }
+
   std::size_t ThreadOf(const KeptRecord& record) {
     const auto [place, isNew] =
         m_ThreadIndices.try_emplace(std::pair(record.process, record.thread), m_ThreadIndices.size());
-    if (isNew) m_ThreadTable.push_back({record.process, record.thread});
+    if (isNew) {
+      m_ThreadTable.AddStep(record.process, m_LastProcess);
+      m_ThreadTable.AddStep(record.thread, m_LastThread);
+    }
     return place->second;
   }
 
   using Site = std::tuple<std::string, std::uint32_t, std::string, Level, Flaw, bool, const Trouble*>;
+  /// Site, text, size, and what is cut of the message.
+  using Shape = std::array<std::uint64_t, 4>;
 
   TextTable& m_Messages;
   std::map<Site, std::size_t> m_SiteIndices;
+  std::map<Shape, std::size_t> m_ShapeIndices;
   std::map<std::pair<std::uint32_t, std::uint32_t>, std::size_t> m_ThreadIndices;
   std::uint64_t m_LastEnd = 0;
   Milliseconds m_LastTime = 0;
-  std::vector<std::uint64_t> m_Offsets;
-  std::vector<Milliseconds> m_Times;
-  std::vector<int> m_Jobs;
-  std::vector<std::int64_t> m_Sites;
-  std::vector<std::uint64_t> m_Threads;
-  std::vector<std::uint64_t> m_TextIndices;
-  std::vector<std::uint64_t> m_Sizes;
+  std::uint64_t m_LastText = 0;
+  std::uint32_t m_LastProcess = 0;
+  std::uint32_t m_LastThread = 0;
+  RareChanges m_Holes;  ///< bytes in front of a record that no record has
+  RareChanges m_Jobs;
+  RepeatedOrder m_Shapes;
+  NumberText m_Gaps;
+  NumberText m_Times;
+  RareChanges m_Threads;
   ordered_json m_SiteTable = ordered_json::array();
-  ordered_json m_ThreadTable = ordered_json::array();
-  ordered_json m_Cut = ordered_json::object();
+  NumberText m_ShapeTable;
+  NumberText m_ThreadTable;
 };
 
-/// Stages, attempts and moments as rows of numbers; times count from the job's start.
-ordered_json Timeline(const Job& job) {
-  auto stages = ordered_json::array();
+/// Of limits, which are whole seconds.
+std::uint64_t Seconds(Milliseconds time) {
+  return static_cast<std::uint64_t>(time / 1000);
+}
+
+std::string StageNumbers(const Job& job) {
+  NumberText numbers;
+  Milliseconds end = job.begin;
+  std::uint64_t offset = job.offset;
   for (const Stage& stage : job.stages) {
-    stages.push_back({static_cast<int>(stage.kind), stage.attempt, stage.begin - job.begin,
-                      stage.end - stage.begin, stage.limit, stage.offset});
+    numbers.Add(static_cast<std::uint64_t>(stage.kind));
+    numbers.Add(static_cast<std::uint64_t>(stage.attempt));
+    numbers.AddSigned(stage.begin - end);
+    numbers.AddSigned(stage.end - stage.begin);
+    numbers.Add(Seconds(stage.limit));
+    numbers.AddStep(stage.offset, offset);
+    end = stage.end;
   }
-  auto attempts = ordered_json::array();
+  return numbers.Text();
+}
+
+std::string AttemptNumbers(const Job& job) {
+  NumberText numbers;
+  Milliseconds begin = job.begin;
+  std::uint64_t offset = job.offset;
   for (const Attempt& attempt : job.attempts) {
-    attempts.push_back({attempt.number, attempt.begin - job.begin, attempt.end - attempt.begin, attempt.limit,
-                        TokenOf(attempt.outcome), attempt.offset});
+    numbers.AddStep(attempt.begin, begin);
+    numbers.AddSigned(attempt.end - attempt.begin);
+    numbers.Add(Seconds(attempt.limit));
+    numbers.Add(static_cast<std::uint64_t>(attempt.outcome));
+    numbers.AddStep(attempt.offset, offset);
   }
-  auto moments = ordered_json::array();
+  return numbers.Text();
+}
+
+std::string MomentNumbers(const Job& job) {
+  NumberText numbers;
+  Milliseconds time = job.begin;
+  std::uint64_t offset = job.offset;
   for (const Moment& moment : job.moments) {
-    moments.push_back({static_cast<int>(moment.kind), moment.time - job.begin, moment.offset});
+    // The page does not draw items.
+    if (moment.kind == MomentKind::Item) continue;
+    numbers.Add(static_cast<std::uint64_t>(moment.kind));
+    numbers.AddStep(moment.time, time);
+    numbers.AddStep(moment.offset, offset);
   }
-  std::vector<Milliseconds> progress;
+  return numbers.Text();
+}
+
+/// @param most points that the curve may have; the last one is always among them.
+std::string CurveNumbers(const Job& job, std::size_t most) {
+  NumberText numbers;
   ProgressPoint last{.time = job.begin, .percent = 0};
-  for (const ProgressPoint& point : job.progress) {
-    progress.push_back(point.time - last.time);
-    progress.push_back(point.percent - last.percent);
-    last = point;
+  const std::size_t count = job.progress.size();
+  const std::size_t step = (count + most - 1) / most;
+  for (std::size_t i = 0; i < count; ++i) {
+    if ((count - 1 - i) % std::max<std::size_t>(step, 1) != 0) continue;
+    numbers.AddStep(job.progress[i].time, last.time);
+    numbers.AddStep(job.progress[i].percent, last.percent);
   }
-  return {{"number", job.number},
-          {"command_line", job.byCommandLine},
-          {"begin_missing", job.beginMissing},
-          {"version", ReadableText(job.version)},
-          {"begin", job.begin},
-          {"length", job.end - job.begin},
-          {"state", TokenOf(job.state)},
-          {"state_name", NameOf(job.state)},
-          {"highest", job.highestProgress},
-          {"result", job.result ? ordered_json(*job.result) : ordered_json()},
-          {"errors", job.errors},
-          {"warnings", job.warnings},
-          {"records", job.records},
-          {"offset", job.offset},
-          {"reason", job.firstError ? ordered_json(job.firstError->offset) : ordered_json()},
-          {"stages", stages},
-          {"attempts", attempts},
-          {"moments", moments},
-          {"progress", progress}};
+  return numbers.Text();
+}
+
+/// Times count from the job's start; its own offset counts from the first byte of all times, so that none
+/// comes twice, and the other ones from it.
+ordered_json Timeline(const Job& job, std::size_t curvePoints) {
+  const std::uint64_t offset = job.before + job.offset;
+  ordered_json timeline{{"number", job.number},
+                        {"version", ReadableText(job.version)},
+                        {"begin", job.begin},
+                        {"length", job.end - job.begin},
+                        {"state", TokenOf(job.state)},
+                        {"highest", job.highestProgress},
+                        {"errors", job.errors},
+                        {"warnings", job.warnings},
+                        {"offset", offset},
+                        {"reason", ordered_json()},
+                        {"stages", StageNumbers(job)},
+                        {"attempts", AttemptNumbers(job)},
+                        {"moments", MomentNumbers(job)},
+                        {"progress", CurveNumbers(job, curvePoints)}};
+  if (job.firstError) timeline["reason"] = job.before + job.firstError->offset;
+  if (job.byCommandLine) timeline["command_line"] = true;
+  if (job.beginMissing) timeline["begin_missing"] = true;
+  return timeline;
+}
+
+ordered_json Timelines(const std::vector<Job>& jobs) {
+  // Of many flashes each is drawn less finely.
+  constexpr std::size_t kMostPoints = 200'000;
+  constexpr std::size_t kLeastPoints = 16;
+  const std::size_t points = std::max(kMostPoints / std::max<std::size_t>(jobs.size(), 1), kLeastPoints);
+  auto timelines = ordered_json::array();
+  for (const Job& job : jobs) timelines.push_back(Timeline(job, points));
+  return timelines;
 }
 
 /// No text of a log may end the element that the data lies in.
@@ -178,13 +333,12 @@ ordered_json LogData(Log& log, TextTable& messages) {
   RecordColumns columns(messages);
   const Milliseconds begin = log.Begin().value_or(0);
   columns.BeginAt(begin);
-  auto jobs = ordered_json::array();
-  for (const Job& job : log.Jobs()) jobs.push_back(Timeline(job));
+  const ordered_json jobs = Timelines(log.Jobs());
   for (const KeptRecord& record : log.Kept(ForScript(jobs).size())) columns.Add(record);
   const ordered_json report = AsJson(log);
-  return {{"name", report["name"]}, {"size", report["size"]},          {"count", report["records"]},
-          {"end", log.End()},       {"flaws", report["flaws"]},        {"broke_off", report["broke_off"]},
-          {"jobs", jobs},           {"records", columns.AsJson(begin)}};
+  return {{"name", report["name"]},           {"size", report["size"]}, {"beginnings", log.Beginnings()},
+          {"count", report["records"]},       {"end", log.End()},       {"flaws", report["flaws"]},
+          {"broke_off", report["broke_off"]}, {"jobs", jobs},           {"records", columns.AsJson(begin)}};
 }
 
 ordered_json StageNames() {
@@ -193,6 +347,26 @@ ordered_json StageNames() {
     names.push_back({TokenOf(static_cast<StageKind>(kind)), NameOf(static_cast<StageKind>(kind))});
   }
   return names;
+}
+
+ordered_json StateNames() {
+  ordered_json names;
+  for (const JobState state :
+       {JobState::Running, JobState::Succeeded, JobState::Failed, JobState::NoImages, JobState::CutShort}) {
+    names[TokenOf(state)] = NameOf(state);
+  }
+  return names;
+}
+
+/// In the order of their numbers.
+ordered_json OutcomeTokens() {
+  auto tokens = ordered_json::array();
+  for (const AttemptOutcome outcome :
+       {AttemptOutcome::Running, AttemptOutcome::Succeeded, AttemptOutcome::Failed, AttemptOutcome::Overran,
+        AttemptOutcome::NotStarted}) {
+    tokens.push_back(TokenOf(outcome));
+  }
+  return tokens;
 }
 
 ordered_json Troubles() {
@@ -218,6 +392,8 @@ std::string Page(const std::vector<Log*>& logs) {
   const ordered_json document{{"version", kReportVersion},
                               {"program", CORVEL_VERSION},
                               {"stages", StageNames()},
+                              {"states", StateNames()},
+                              {"outcomes", OutcomeTokens()},
                               {"troubles", Troubles()},
                               {"logs", data},
                               {"messages", messages.Texts()}};

@@ -23,13 +23,12 @@ constexpr std::size_t kLongestName = 200;
 /// A piece that is not in order is mostly known by its beginning.
 constexpr std::size_t kLongestFlawedText = 300;
 
-/// What a gap, a record without its texts, and a row of a table without its texts take of the page.
-constexpr std::size_t kGapBytes = 32;
-constexpr std::size_t kRecordBytes = 28;
+/// What a gap, a record, and a row of a table take of the page at most, mostly less, without their texts.
+constexpr std::size_t kGapBytes = 10;
+constexpr std::size_t kRecordBytes = 10;
+constexpr std::size_t kTextBytes = 10;
 constexpr std::size_t kSiteBytes = 48;
-constexpr std::size_t kThreadBytes = 24;
-/// The newest traces are there even when errors, warnings and stages take all room.
-constexpr std::size_t kLeastForOthers = 200'000;
+constexpr std::size_t kThreadBytes = 8;
 
 /// The beginning of a text, of which no UTF-8 letter is cut in two.
 std::string_view Beginning(std::string_view text, std::size_t longest) {
@@ -55,19 +54,14 @@ std::size_t PageBytes(std::string_view text) {
   return bytes;
 }
 
-std::size_t Digits(std::uint64_t number) {
-  return std::to_string(number).size();
-}
-
 /// What records take of the page, which tells texts, places in the library and threads once each.
 class PageCost {
  public:
   /// @param longest what is kept of each text.
   void Add(const KeptRecord& record, std::size_t longest) {
-    m_Bytes += kRecordBytes + Digits(record.size) + Digits(static_cast<std::uint64_t>(record.place.job));
-    if (record.messageCut != 0 || record.message.size() > longest) m_Bytes += kRecordBytes / 2;
+    m_Bytes += kRecordBytes;
     const std::string_view message = Beginning(record.message, longest);
-    if (m_Messages.insert(message).second) m_Bytes += PageBytes(message);
+    if (m_Messages.insert(message).second) m_Bytes += kTextBytes + PageBytes(message);
     const std::string_view source = Beginning(record.source, longest);
     const std::string_view function = Beginning(record.function, longest);
     if (m_Sites.emplace(source, function, record.line).second) {
@@ -86,12 +80,17 @@ class PageCost {
   std::size_t m_Bytes = 0;
 };
 
+bool Lasts(const KeptRecord& record) {
+  return record.IsImportant() || record.IsFlawed();
+}
+
 /// What the records that stay take when all others are left out.
-std::size_t LastingBytes(const std::vector<KeptRecord>& records, std::size_t longest) {
+template <typename Predicate>
+std::size_t BytesOf(const std::vector<KeptRecord>& records, std::size_t longest, Predicate isToStay) {
   PageCost cost;
   bool inGap = false;
   for (const KeptRecord& record : records) {
-    const bool stays = record.IsImportant() || record.IsFlawed();
+    const bool stays = isToStay(record);
     if (stays) cost.Add(record, longest);
     if (!stays && !inGap) cost.AddGap();
     inGap = !stays;
@@ -99,17 +98,28 @@ std::size_t LastingBytes(const std::vector<KeptRecord>& records, std::size_t lon
   return cost.Bytes();
 }
 
-/// How many of the newest others so many bytes hold.
-std::size_t OthersThatFit(const std::vector<KeptRecord>& records, std::size_t bytes) {
+std::size_t LastingBytes(const std::vector<KeptRecord>& records, std::size_t longest) {
+  return BytesOf(records, longest, Lasts);
+}
+
+/// How many of the newest records of a kind so many bytes hold.
+template <typename Predicate>
+std::size_t NewestThatFit(const std::vector<KeptRecord>& records, std::size_t bytes, Predicate isOfKind) {
   PageCost cost;
   std::size_t fit = 0;
   for (auto record = records.rbegin(); record != records.rend(); ++record) {
-    if (!record->IsOther()) continue;
+    if (!isOfKind(*record)) continue;
     cost.Add(*record, kLongestMessage);
+    // Each may stand alone between others that are left out.
+    if (record->IsStage()) cost.AddGap();
     if (cost.Bytes() > bytes) break;
     ++fit;
   }
   return fit;
+}
+
+std::size_t Rest(std::size_t all, std::size_t taken) {
+  return all - std::min(all, taken);
 }
 
 void Shorten(KeptRecord& record, std::size_t longest) {
@@ -180,21 +190,40 @@ void RecordStore::Take(const Record& record, const Place& place) {
 
 const std::vector<KeptRecord>& RecordStore::Records(std::size_t taken) {
   LeaveOutExcess(m_Limits.others);
-  FitInto(m_Limits.bytes - std::min(m_Limits.bytes, taken));
+  FitInto(Rest(m_Limits.bytes, taken));
   return m_Records;
 }
 
 void RecordStore::FitInto(std::size_t bytes) {
   ShortenTexts(bytes);
-  const std::size_t lasting = LastingBytes(m_Records, m_LongestText);
-  const std::size_t left = bytes - std::min(bytes, lasting);
-  LeaveOutExcess(OthersThatFit(m_Records, std::max(left, kLeastForOthers)));
+  if (LastingBytes(m_Records, m_LongestText) > bytes) GiveStagesUp(bytes);
+  const std::size_t left = Rest(bytes, LastingBytes(m_Records, m_LongestText));
+  LeaveOutExcess(NewestThatFit(m_Records, left, [](const auto& record) { return record.IsOther(); }));
 }
 
-/// Until a part of the page is left for the others.
+/// The oldest ones that there is no room for become traces like others.
+void RecordStore::GiveStagesUp(std::size_t bytes) {
+  const auto isStage = [](const KeptRecord& record) { return record.IsStage(); };
+  const std::size_t rest = BytesOf(
+      m_Records, m_LongestText, [&](const KeptRecord& record) { return Lasts(record) && !isStage(record); });
+  const std::size_t fit = NewestThatFit(m_Records, Rest(bytes, rest), isStage);
+  std::size_t excess = Rest(static_cast<std::size_t>(std::ranges::count_if(m_Records, isStage)), fit);
+  for (KeptRecord& record : m_Records) {
+    if (excess == 0) return;
+    if (!isStage(record)) continue;
+    record.place.stage = false;
+    ++m_Others;
+    --excess;
+  }
+}
+
+/// Until a part of the page is left for the others; not where the texts are not what takes the room.
 void RecordStore::ShortenTexts(std::size_t bytes) {
   const std::size_t room = bytes / 4 * 3;
   const auto fits = [&](std::size_t longest) { return LastingBytes(m_Records, longest) <= room; };
+  if (fits(m_LongestText)) return;
+  const std::size_t shortest = LastingBytes(m_Records, kLongestTexts.back());
+  if (shortest > LastingBytes(m_Records, m_LongestText) / 10 * 9) return;
   const std::size_t before = m_LongestText;
   while (m_LongestText != kLongestTexts.back() && !fits(m_LongestText)) {
     m_LongestText =

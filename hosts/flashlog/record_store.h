@@ -38,18 +38,23 @@ struct KeptRecord {
   /// Whether it is there because it is not in order.
   bool IsFlawed() const { return leftOut == 0 && !IsImportant() && flaw != Flaw::None; }
   bool IsOther() const { return leftOut == 0 && !IsImportant() && flaw == Flaw::None; }
+  /// Whether it is there for its stage alone.
+  bool IsStage() const {
+    return leftOut == 0 && place.stage && flaw == Flaw::None && level != Level::Error &&
+           level != Level::Warning && place.trouble == nullptr;
+  }
 };
 
 /// How much of a log its page has.
 struct PageLimits {
   /// Records that are kept besides errors, warnings, stages and what is not in order.
   std::size_t others = 8000;
-  /// What one log may take of the page. Errors, warnings and stages are there all the same, with shorter
-  /// texts.
+  /// What one log may take of the page. Errors and warnings are there all the same, with shorter texts, and
+  /// stages as long as there is room beside them.
   std::size_t bytes = 4'600'000;
 };
 
-/// Keeps the records of a log for its page: all errors, warnings and stages; of what is not in order the
+/// Keeps the records of a log for its page: all errors and warnings, and stages; of what is not in order the
 /// first and the last; of the others the newest, since the last flash is mostly the one that is asked for.
 class RecordStore {
  public:
@@ -66,6 +71,7 @@ class RecordStore {
 
  private:
   void FitInto(std::size_t bytes);
+  void GiveStagesUp(std::size_t bytes);
   void ShortenTexts(std::size_t bytes);
   void LeaveOutExcess(std::size_t mostOthers);
 

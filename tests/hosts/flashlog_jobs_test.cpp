@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -329,6 +330,69 @@ TEST(LogTest, ThatItBrokeOffIsForgottenWhenItGoesOn) {
   log.Take(LogText().Trace("A::B", "two").Text());
 
   EXPECT_EQ(log.BrokeOff(), "");
+}
+
+// --- A log that begins anew ------------------------------------------------------------------------------
+
+LogText FailingFlash() {
+  LogText text;
+  text.Request().Trace("A::B", "one").Trace("A::B", "two").Error("Somebody::Else", "went wrong");
+  return text;
+}
+
+/// What the page of a log holds for its script.
+nlohmann::json PageData(Log& log) {
+  const std::string page = Page({&log});
+  constexpr std::string_view kMark = "id=\"data\">";
+  const std::size_t begin = page.find(kMark) + kMark.size();
+  return nlohmann::json::parse(page.substr(begin, page.find("</script>", begin) - begin));
+}
+
+class LogThatBeganAnewTest : public testing::Test {
+ protected:
+  LogThatBeganAnewTest() {
+    log.Take(first);
+    log.Finish(true);
+    log.Take(second);
+    log.Finish();
+  }
+
+  const std::string first = LogText().Trace("A::B", std::string(3000, 'x')).Text() + FailingFlash().Text();
+  const std::string second = FailingFlash().Text();
+  Log log{"test.log", PageLimits{.others = 0}};
+};
+
+TEST_F(LogThatBeganAnewTest, HasTheSizeOfWhatIsInIt) {
+  EXPECT_EQ(log.Size(), second.size());
+  EXPECT_EQ(log.Taken(), first.size() + second.size());
+}
+
+TEST_F(LogThatBeganAnewTest, TellsWhereARecordStandsInIt) {
+  ASSERT_THAT(log.Jobs(), SizeIs(2));
+  EXPECT_EQ(log.Jobs()[1].offset, 0U);
+  EXPECT_EQ(log.Jobs()[1].firstError->offset, second.find("#2026", second.find("two")));
+}
+
+TEST_F(LogThatBeganAnewTest, HasGapsThatEndWithTheLogTheyAreIn) {
+  std::uint64_t end = 0;
+  std::uint64_t leftOut = 0;
+  for (const KeptRecord& record : log.Kept()) {
+    EXPECT_EQ(record.before + record.offset, end);
+    end = record.before + record.offset + record.size;
+    leftOut += record.leftOut;
+    EXPECT_LE(record.offset + record.size, record.before == 0 ? first.size() : second.size());
+  }
+  EXPECT_EQ(end, log.Taken());
+  EXPECT_EQ(leftOut, 5U);
+}
+
+TEST_F(LogThatBeganAnewTest, HasAPageInWhichNoPlaceComesTwice) {
+  const nlohmann::json data = PageData(log)["logs"][0];
+
+  EXPECT_EQ(data["beginnings"], (nlohmann::json{0, first.size()}));
+  EXPECT_EQ(data["size"], second.size());
+  EXPECT_EQ(data["jobs"][1]["offset"], first.size());
+  EXPECT_EQ(data["jobs"][1]["reason"], first.size() + log.Jobs()[1].firstError->offset);
 }
 
 // --- What is kept for a page -----------------------------------------------------------------------------

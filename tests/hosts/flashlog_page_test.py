@@ -8,6 +8,7 @@ usage: flashlog_page_test.py [--pictures] PICTURES SAMPLE PROGRAM WORD ...
 import base64
 import json
 import pathlib
+import random
 import re
 import shutil
 import subprocess
@@ -336,6 +337,38 @@ class PageTest(unittest.TestCase):
         self.assertIsNone(self.script("return window.broken || null"))
         self.assertEqual(self.texts(), [HOSTILE.decode()] * 2)
 
+    def test_a_log_that_begins_anew_while_it_is_followed_keeps_its_places(self):
+        sample = pathlib.Path(SAMPLE).read_bytes()
+        log = self.browser.log(sample, "anew.log")
+        page = self.browser.folder / "anew.html"
+        with subprocess.Popen([*PROGRAM, "--follow", "--html", page, log], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL) as program:
+            self.await_flashes(page, 3)
+            log.write_bytes(sample[:-1])
+            self.await_flashes(page, 6)
+            program.kill()
+        self.show(page)
+        self.assertEqual(len(self.all(".job .reason.mild")), 2)
+        for card in (2, 5):
+            reason = self.all(".job")[card].find_element(By.CSS_SELECTOR, ".reason")
+            self.assertIn("Could not download file", reason.text)
+            reason.find_element(By.CSS_SELECTOR, "button").click()
+            chosen = self.one(".record.chosen")
+            self.assertIn("Could not download file", chosen.text)
+            byte = int(re.search(r"Byte ([\d\u202f]+)", chosen.text)[1].replace("\u202f", ""))
+            self.assertIn(b"Could not download file", sample[byte:].split(b"##", 1)[0])
+            self.assertEqual("before it began anew" in chosen.text, card == 2)
+            chosen.find_element(By.CSS_SELECTOR, "button").click()
+            self.assertTrue(self.is_seen(self.all(".job")[card]))
+
+    def await_flashes(self, page, count):
+        end = time.monotonic() + 60
+        while time.monotonic() < end:
+            if page.exists() and f'"number":{count},' in page.read_text():
+                return
+            time.sleep(0.1)
+        self.fail(f"the page never had {count} flashes")
+
     def test_an_empty_log_says_so(self):
         self.show(self.browser.make(self.browser.log(b"", "empty.log"), name="empty.html"))
         self.assertIn("There is no flash in it.", self.one("#jobs").text)
@@ -404,6 +437,50 @@ class PageTest(unittest.TestCase):
         self.script("document.querySelector('#job-2 .reason button').click()")
         self.assertIn("Could not download file", self.one(".record.chosen").text)
 
+
+    def test_a_log_of_200_mb_of_good_flashes_has_all_stages_in_a_page_of_5_mb(self):
+        path, copies = self.log_of_good_flashes(BIG_LOG)
+        page = self.browser.make(path, name="dense.html")
+        print(f"{path.stat().st_size} bytes with {copies * 2} good flashes, page {page.stat().st_size} bytes", file=sys.stderr)
+        self.assertLessEqual(page.stat().st_size, BIGGEST_PAGE)
+
+        few = self.browser.log(self.good_flashes(), "few.log")
+        kinds = ("error", "warning", "stage")
+        counts = "return arguments[0].map((kind) => records.filter((record) => !record.leftOut && groupOf(record) === kind).length)"
+        drawn = "return jobs.slice(-2).map((job) => [job.stages, job.attempts, job.moments].map((rows) => rows.length))"
+        self.show(self.browser.make(few, name="few.html"))
+        expected, timelines = self.script(counts, kinds), self.script(drawn)
+        self.show(page)
+        self.assertEqual(len(self.all("#overview tbody tr")), copies * 2)
+        self.assertEqual(self.script(counts, kinds), [count * copies for count in expected])
+        self.assertEqual(self.script(drawn), timelines)
+        self.assertGreater(self.script("return Math.min(...jobs.map((job) => job.progress.length))"), 15)
+        # What a record of the last flash says stands where the page says that it does.
+        offset, size, message = self.script("const last = records.findLast((record) => record.stage && !record.leftOut);"
+                                            "return [last.offset, last.size, messageOf(last)]")
+        with path.open("rb") as log:
+            log.seek(offset)
+            self.assertIn(message.encode(), log.read(size))
+        self.assertEqual(self.script("return records.at(-1).offset + records.at(-1).size"), path.stat().st_size)
+
+    @staticmethod
+    def good_flashes():
+        """The part of the sample in front of the process whose flash fails."""
+        sample = pathlib.Path(SAMPLE).read_bytes()
+        return sample[:re.search(rb"#[^#]*\t396~", sample).start()]
+
+    def log_of_good_flashes(self, least):
+        """One flash after the other and nothing else; each takes other times, and its records other room."""
+        good, chance = self.good_flashes(), random.Random(1)
+        path = self.browser.folder / "good.log"
+        copies = 0
+        with path.open("wb") as log:
+            while log.tell() < least:
+                text = re.sub(rb"\t(\d+)~", lambda found: b"\t%d~" % (int(found[1]) + 1000 * (copies % 50)), good)
+                text = re.sub(rb"(:\d\d\.)\d{3}\t", lambda found: found[1] + b"%03d\t" % chance.randrange(1000), text)
+                log.write(re.sub(rb"(HandleCallbacks\t[^#]*)", lambda found: found[1] + b"." * chance.randrange(30), text))
+                copies += 1
+        return path, copies
 
     def log_of_flashes(self, least):
         """A log as large as a real one of so many flashes: with the records of each step of the progress."""

@@ -4,32 +4,144 @@
 
 const data = JSON.parse(document.getElementById("data").textContent);
 const lowerMessages = data.messages.map((text) => text.toLowerCase());
-const MomentKinds = ["reset", "retry", "item"];
+const MomentKinds = ["reset", "retry"];
 const kMostCards = 8;  // of all logs by themselves, of each log on demand
 const kPageOfRecords = 400;
 
-/** Undoes the columns of differences that the records of a log come in. */
-function unpack(log, logIndex) {
-  const columns = log.records;
-  const records = [];
-  let end = 0, time = columns.begin, sizes = 0;
-  for (let i = 0; i < columns.sites.length; ++i) {
-    const offset = end + columns.offsets[i];
-    time += columns.times[i];
-    const record = {log: logIndex, offset, time, job: columns.jobs[i]};
-    if (columns.sites[i] < 0) {
-      record.leftOut = columns.threads[i];
-      record.size = columns.texts[i];
+const kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+const letterValues = new Map([...kLetters].map((letter, value) => [letter, value]));
+
+/** The numbers of a text, five bits in each letter, the lowest first; a sixth bit says that the next letter goes on. */
+function* numbersOf(text) {
+  let number = 0, unit = 1;
+  for (const letter of text) {
+    const value = letterValues.get(letter);
+    number += (value & 31) * unit;
+    if (value & 32) {
+      unit *= 32;
     } else {
-      const [source, line, func, level, flaw, stage, trouble] = columns.site_table[columns.sites[i]];
-      Object.assign(record, {source, line, func, level, flaw, stage, text: columns.texts[i], size: columns.sizes[sizes++],
-                             thread: columns.thread_table[columns.threads[i]].join("~"), cut: columns.cut[i] || 0,
-                             trouble: trouble < 0 ? null : data.troubles[trouble]});
+      yield number;
+      number = 0;
+      unit = 1;
     }
-    end = offset + record.size;
+  }
+}
+
+/** Takes one number of a text after the other. */
+function reader(text) {
+  const numbers = [...numbersOf(text)];
+  let at = 0;
+  const next = () => numbers[at++];
+  const signed = () => {
+    const number = next();
+    return number % 2 === 0 ? number / 2 : -(number + 1) / 2;
+  };
+  return {next, signed, isEmpty: () => at >= numbers.length};
+}
+
+/** Numbers that mostly stay: how many come before each change, and the change. */
+function steady(text) {
+  const numbers = reader(text);
+  let value = 0, left = numbers.isEmpty() ? Infinity : numbers.next();
+  return () => {
+    while (left === 0) {
+      value += numbers.signed();
+      left = numbers.isEmpty() ? Infinity : numbers.next();
+    }
+    --left;
+    return value;
+  };
+}
+
+/** Numbers that mostly follow each other as they did the last time. */
+function* repeated(text) {
+  const numbers = reader(text), following = new Map();
+  let last = 0, highest = 0;
+  for (;;) {
+    for (let expected = numbers.next(); expected > 0; --expected) yield last = following.get(last);
+    if (numbers.isEmpty()) return;
+    const number = highest + 1 - numbers.next();
+    highest = Math.max(highest, number);
+    following.set(last, number);
+    yield last = number;
+  }
+}
+
+/** What is behind the number of a shape: all of a record but its place, time and thread. The shape 0 is a gap. */
+function unpackShapes(columns) {
+  const shapes = [null], numbers = reader(columns.shape_table);
+  let text = 0;
+  while (!numbers.isEmpty()) {
+    const [source, line, func, level, flaw, stage, trouble] = columns.site_table[numbers.next()];
+    text += numbers.signed();
+    shapes.push({source, line, func, level, flaw, stage, text, size: numbers.next(), cut: numbers.next(),
+                 trouble: trouble < 0 ? null : data.troubles[trouble]});
+  }
+  return shapes;
+}
+
+function unpackThreads(columns) {
+  const threads = [], numbers = reader(columns.thread_table);
+  let process = 0, thread = 0;
+  while (!numbers.isEmpty()) {
+    process += numbers.signed();
+    thread += numbers.signed();
+    threads.push(`${process}~${thread}`);
+  }
+  return threads;
+}
+
+/** Undoes the columns that the records of a log come in. */
+function unpack(log, logIndex) {
+  const columns = log.records, shapes = unpackShapes(columns), threads = unpackThreads(columns);
+  const holes = steady(columns.holes), jobNumbers = steady(columns.jobs), threadIndices = steady(columns.threads);
+  const gaps = reader(columns.gaps), times = reader(columns.times);
+  const records = [];
+  let end = 0, time = columns.begin;
+  for (const shape of repeated(columns.shapes)) {
+    const record = {log: logIndex, offset: end + holes(), time, job: jobNumbers()};
+    if (shape === 0) {
+      record.leftOut = gaps.next();
+      record.size = gaps.next();
+    } else {
+      time += times.signed();
+      Object.assign(record, shapes[shape], {time, thread: threads[threadIndices()]});
+    }
+    end = record.offset + record.size;
     records.push(record);
   }
   return records;
+}
+
+/** Gives a job the rows of its timeline; times count from its start. */
+function unpackTimeline(job) {
+  const stages = reader(job.stages), attempts = reader(job.attempts), moments = reader(job.moments), progress = reader(job.progress);
+  Object.assign(job, {stages: [], attempts: [], moments: [], progress: []});
+  for (let end = 0, offset = job.offset; !stages.isEmpty();) {
+    const kind = stages.next(), attempt = stages.next(), begin = end + stages.signed(), took = stages.signed();
+    const limit = stages.next() * 1000;
+    offset += stages.signed();
+    end = begin + took;
+    job.stages.push([kind, attempt, begin, took, limit, offset]);
+  }
+  for (let begin = 0, offset = job.offset; !attempts.isEmpty();) {
+    begin += attempts.signed();
+    const took = attempts.signed(), limit = attempts.next() * 1000, outcome = data.outcomes[attempts.next()];
+    offset += attempts.signed();
+    job.attempts.push([job.attempts.length + 1, begin, took, limit, outcome, offset]);
+  }
+  for (let time = 0, offset = job.offset; !moments.isEmpty();) {
+    const kind = moments.next();
+    time += moments.signed();
+    offset += moments.signed();
+    job.moments.push([kind, time, offset]);
+  }
+  for (let time = 0, percent = 0; !progress.isEmpty();) {
+    time += progress.signed();
+    percent += progress.signed();
+    job.progress.push([time, percent]);
+  }
+  return job;
 }
 
 const logs = data.logs;
@@ -39,12 +151,19 @@ logs.forEach((log, index) => {
   log.first = records.length;
   for (const record of unpack(log, index)) records.push(record);
   log.last = records.length;
-  for (const job of log.jobs) jobs.push(Object.assign(job, {log: index, end: job.begin + job.length}));
+  for (const job of log.jobs) jobs.push(Object.assign(unpackTimeline(job), {log: index, state_name: data.states[job.state]}));
 });
 records.forEach((record, index) => { record.index = index; });
 
 const isHarmless = (record) => record.trouble !== null && record.trouble[0] === "harmless";
 const messageOf = (record) => data.messages[record.text];
+
+/** Where a byte is: counted from where the log that it stood in began, and whether that log has begun anew since. */
+function placeOf(log, offset) {
+  const begin = log.beginnings.findLast((beginning) => beginning <= offset);
+  return {byte: offset - begin, isGone: begin !== log.beginnings.at(-1)};
+}
+const namedLog = (log, place) => log.name + (place.isGone ? ", before it began anew" : "");
 
 /** The record at a place of a log, or the last one in front of it. */
 function recordAt(logIndex, offset) {
@@ -121,7 +240,7 @@ function drawHead() {
   const ended = Math.max(...logs.map((log) => log.end));
   const parts = [counted(jobs.length, "flash", "flashes") + (failed > 0 ? `, ${failed} not good` : ""),
                  counted(logs.reduce((sum, log) => sum + log.count, 0), "record"),
-                 size(logs.reduce((sum, log) => sum + log.size, 0))];
+                 size(logs.reduce((sum, log) => sum + log.beginnings.at(-1) + log.size, 0))];
   if (Number.isFinite(began)) parts.push(`${moment(began)} to ${moment(ended)}`);
   byId("summary").textContent = parts.join(" \u00b7 ");
   byId("made").textContent = `Made by corvel_flashlog ${data.program}. Times are local to the PC that wrote the log.`;
@@ -298,10 +417,7 @@ function marksOf(job) {
     if (record.level === "error" && !isHarmless(record)) marks.push(["error", record.time - job.begin, record.offset, messageOf(record)]);
     if (record.level === "warning") marks.push(["warning", record.time - job.begin, record.offset, messageOf(record)]);
   }
-  for (const [kind, time, offset] of job.moments) {
-    const name = MomentKinds[kind];
-    if (name !== "item") marks.push([name, time, offset, markNames[name]]);
-  }
+  for (const [kind, time, offset] of job.moments) marks.push([MomentKinds[kind], time, offset, markNames[MomentKinds[kind]]]);
   return marks.sort((a, b) => a[1] - b[1]);
 }
 
@@ -347,20 +463,13 @@ function drawTimeline(job) {
   }
 
   let curve = "";
-  let percent = 0, time = 0;
-  const points = [];
-  for (let i = 0; i < job.progress.length; i += 2) {
-    time += job.progress[i];
-    percent += job.progress[i + 1];
-    points.push([time, percent]);
-  }
-  if (points.length > 0) {
+  if (job.progress.length > 0) {
     let last = 0;
     const at = (value) => y.curve + y.curveHeight * (1 - Math.min(100, value) / 100);
     curve = `M${x(0)},${at(0)}`;
     // It holds until it is written again; what comes soon behind is one slope.
     let before = 0;
-    for (const [when, value] of points) {
+    for (const [when, value] of job.progress) {
       const steady = value >= last && when - before < length / 30;
       curve += steady ? `L${x(when).toFixed(1)},${at(value).toFixed(1)}` : `H${x(when).toFixed(1)}V${at(value).toFixed(1)}`;
       last = value;
@@ -545,8 +654,9 @@ function drawRecords() {
 function drawRecord(record) {
   const log = logs[record.log];
   if (record.leftOut) {
+    const place = placeOf(log, record.offset);
     return html("div", {class: "record gap", role: "option", "aria-disabled": "true"},
-                `${counted(record.leftOut, "record")} left out: bytes ${grouped(record.offset)} to ${grouped(record.offset + record.size)} of ${log.name}`);
+                `${counted(record.leftOut, "record")} left out: bytes ${grouped(place.byte)} to ${grouped(place.byte + record.size)} of ${namedLog(log, place)}`);
   }
   const group = groupOf(record);
   const harmless = isHarmless(record) ? " harmless" : "";
@@ -561,7 +671,8 @@ function drawRecord(record) {
 }
 
 function drawDetails(record) {
-  const place = `Byte ${grouped(record.offset)} of ${logs[record.log].name}` +
+  const log = logs[record.log], byte = placeOf(log, record.offset);
+  const place = `Byte ${grouped(byte.byte)} of ${namedLog(log, byte)}` +
     (record.source ? `, written by ${record.func} in ${record.source}:${record.line}` : "");
   return html("div", {class: "more"},
               record.trouble ? html("p", {}, record.trouble[1]) : null,

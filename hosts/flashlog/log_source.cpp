@@ -51,6 +51,7 @@ DWORD ReadFrom(HANDLE file, std::uint64_t offset, char* buffer, DWORD size, DWOR
 LogSource::LogSource(const std::string& path) : m_Path(ToWide(path)) {
   if (path == "-") {
     m_Input.emplace();
+    m_HasBeenThere = true;
     return;
   }
   m_Buffer.resize(kPieceSize);
@@ -62,6 +63,7 @@ bool LogSource::Open() {
   m_Error = m_File == nullptr ? ::GetLastError() : ERROR_SUCCESS;
   m_Position = 0;
   m_Head.clear();
+  m_HasBeenThere = m_HasBeenThere || m_File != nullptr;
   return m_File != nullptr;
 }
 

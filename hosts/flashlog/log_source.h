@@ -35,6 +35,8 @@ class LogSource {
   bool CanGrow() const { return !m_HasEnded; }
   /// What the last Read() failed with.
   DWORD Error() const { return m_Error; }
+  /// Whether it was there at any time; standard input always is.
+  bool HasBeenThere() const { return m_HasBeenThere; }
   /// Whether it failed although the log is there, so that what it holds is not all known.
   bool BrokeOff() const { return m_Error != ERROR_SUCCESS && (m_Input || m_File != nullptr); }
 
@@ -51,6 +53,7 @@ class LogSource {
   /// In the place of a file.
   std::optional<InputReader> m_Input;
   bool m_HasEnded = false;
+  bool m_HasBeenThere = false;
   OwnedHandle m_File;
   std::uint64_t m_Position = 0;
   std::string m_Head;

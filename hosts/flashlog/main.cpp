@@ -70,6 +70,7 @@ struct Input {
   Log log;
   bool isUnreadable = false;
   bool failureIsTold = false;
+  bool absenceIsTold = false;
 };
 using Inputs = std::vector<std::unique_ptr<Input>>;
 
@@ -254,6 +255,7 @@ class Follower {
       // One that is not there yet may come.
       input->isUnreadable = false;
       TellFailure(*input);
+      TellAbsence(*input);
     }
     std::cout << std::flush;
     return news;
@@ -266,6 +268,17 @@ class Follower {
     if (!isNew) return;
     ReportFailure(input);
     m_PageIsOld = !m_Options.html.empty();
+  }
+
+  /// Once: a log that is replaced is not there for a moment, and need not be told of.
+  static void TellAbsence(Input& input) {
+    if (input.source.HasBeenThere() || std::exchange(input.absenceIsTold, true)) return;
+    Report(kProgram,
+           {"log_absent",
+            input.log.Name() + " cannot be opened: " + SystemErrorText(input.source.Error()) +
+                ". It is waited for.",
+            "Look at the name and at the rights of the file, unless it is still to come; Ctrl+C ends."},
+           false);
   }
 
   void TellEnds() {
@@ -292,7 +305,7 @@ class Follower {
     bool good = true;
     for (const auto& input : m_Inputs) {
       input->log.Finish();
-      good = good && !input->source.BrokeOff();
+      good = good && input->source.HasBeenThere() && !input->source.BrokeOff();
     }
     if (!m_Options.html.empty()) good = WriteLastPage(m_Options.html, m_Inputs) && good;
     return good ? ExitCode::Success : ExitCode::Failed;
@@ -306,6 +319,16 @@ class Follower {
   ULONGLONG m_LastPage = 0;
   std::size_t m_Ended = 0;
 };
+
+/// Without a log the program reads what is typed, which looks as if it did nothing.
+void TellOfConsole() {
+  DWORD mode = 0;
+  if (!::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode)) return;
+  Report(kProgram,
+         {"no_log_named", "No log is named, so standard input is read: what is typed here, up to Ctrl+Z.",
+          "Name a log to see its flashes: corvel_flashlog FlashServiceDebugLogger_DLL.log; Ctrl+C ends."},
+         false);
+}
 
 int Run(std::vector<std::string> words) {
   CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed"};
@@ -349,7 +372,10 @@ int Run(std::vector<std::string> words) {
     std::cout << PowerShellCompletion(program, "--completion") << std::flush;
     return static_cast<int>(ExitCode::Success);
   }
-  if (options.files.empty()) options.files.emplace_back("-");
+  if (options.files.empty()) {
+    TellOfConsole();
+    options.files.emplace_back("-");
+  }
 
   if (program.count("--records") != 0) options.page.bytes = std::numeric_limits<std::size_t>::max();
   const auto page = options.html.empty() ? std::nullopt : std::optional(options.page);

@@ -6,7 +6,10 @@ usage: flashlog_program_test.py SCHEMA SAMPLE PROGRAM WORD ...
 """
 import contextlib
 import json
+import os
 import pathlib
+import pty
+import signal
 import socket
 import subprocess
 import sys
@@ -139,6 +142,50 @@ class ProgramTest(unittest.TestCase):
                 self.await_line(program, b"flash 3 failed")
                 self.assertEqual(program.wait(LONGEST_WAIT_SECONDS), 0)
             self.assertNotIn(b'"state":"running"', page.read_bytes())
+
+    def test_a_log_that_is_not_there_is_told_once_and_followed_when_it_comes(self):
+        with tempfile.TemporaryDirectory() as folder:
+            log = pathlib.Path(folder, "later.log")
+            with self.follow(log, SAMPLE, stderr=subprocess.PIPE) as program:
+                self.assertIn(b"later.log cannot be opened: ", program.stderr.readline())
+                self.assertIn(b"Look at the name", program.stderr.readline())
+                self.await_line(program, b"flash 3 failed")
+                log.write_bytes(self.sample)
+                self.await_line(program, b"flash 3 failed")
+                program.kill()
+                self.assertEqual(program.stderr.read(), b"")
+
+    def test_following_a_log_that_never_came_is_no_success(self):
+        with self.follow("there-is-none.log", stderr=subprocess.PIPE, start_new_session=True) as program:
+            self.assertIn(b"cannot be opened", program.stderr.readline())
+            os.killpg(program.pid, signal.SIGINT)
+            self.assertEqual(program.wait(LONGEST_WAIT_SECONDS), 1)
+
+    def test_following_a_log_until_ctrl_c_is_a_success(self):
+        with self.follow(SAMPLE, start_new_session=True) as program:
+            self.await_line(program, b"flash 3 failed")
+            os.killpg(program.pid, signal.SIGINT)
+            self.assertEqual(program.wait(LONGEST_WAIT_SECONDS), 0)
+
+    def test_without_words_on_a_console_it_says_what_it_reads(self):
+        keyboard, terminal = pty.openpty()
+        with tempfile.TemporaryFile() as told_there:
+            with subprocess.Popen(PROGRAM, stdin=terminal, stdout=told_there, stderr=told_there,
+                                  start_new_session=True) as program:
+                end = time.monotonic() + LONGEST_WAIT_SECONDS
+                told = b""
+                while time.monotonic() < end and told.count(b"\n") < 2:
+                    time.sleep(0.05)
+                    told = os.pread(told_there.fileno(), 10_000, 0)
+                # With the console that Wine gives it.
+                os.killpg(program.pid, signal.SIGKILL)
+        os.close(terminal)
+        os.close(keyboard)
+        self.assertIn(b"No log is named, so standard input is read", told)
+        self.assertIn(b"corvel_flashlog FlashServiceDebugLogger_DLL.log", told)
+
+    def test_without_words_at_a_pipe_it_says_nothing(self):
+        self.assertEqual(run(log=self.sample).stderr, b"")
 
     def test_an_open_pipe_holds_no_other_log_up(self):
         with self.follow("-", SAMPLE, stdin=subprocess.PIPE) as program:

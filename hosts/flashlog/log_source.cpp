@@ -28,12 +28,11 @@ std::optional<FileIdentity> IdentityOf(HANDLE file) {
                       information.nFileIndexLow};
 }
 
-/// Nobody who writes, renames or deletes is held up.
-OwnedHandle OpenShared(const std::wstring& path) {
-  const HANDLE file =
-      ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  return OwnedHandle(file == INVALID_HANDLE_VALUE ? nullptr : file);
+/// From its root on; as it is when the system cannot tell.
+std::wstring FullPath(const std::wstring& path) {
+  std::wstring full(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
+  full.resize(::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+  return full.empty() ? path : full;
 }
 
 /// @return the number of bytes; 0 at the end as well as on failure, of which `error` tells.
@@ -47,6 +46,25 @@ DWORD ReadFrom(HANDLE file, std::uint64_t offset, char* buffer, DWORD size, DWOR
 }
 
 }  // namespace
+
+OwnedHandle OpenShared(const std::wstring& path) {
+  const HANDLE file =
+      ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return OwnedHandle(file == INVALID_HANDLE_VALUE ? nullptr : file);
+}
+
+bool IsSameFile(const std::wstring& one, const std::wstring& other) {
+  if (::CompareStringOrdinal(FullPath(one).c_str(), -1, FullPath(other).c_str(), -1, TRUE) == CSTR_EQUAL) {
+    return true;
+  }
+  // By a link, or by a short name.
+  const OwnedHandle file = OpenShared(one);
+  const OwnedHandle otherFile = OpenShared(other);
+  if (file == nullptr || otherFile == nullptr) return false;
+  const auto identity = IdentityOf(file.get());
+  return identity && identity == IdentityOf(otherFile.get());
+}
 
 LogSource::LogSource(const std::string& path) : m_Path(ToWide(path)) {
   if (path == "-") {

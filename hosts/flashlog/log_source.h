@@ -12,6 +12,11 @@
 
 namespace hosts::flashlog {
 
+/// Opens a file for reading and holds up nobody who writes, renames or deletes it; empty on failure.
+OwnedHandle OpenShared(const std::wstring& path);
+/// Whether two paths mean one file, which need not be there when they are spelt alike.
+bool IsSameFile(const std::wstring& one, const std::wstring& other);
+
 /// The bytes of a log: a file that somebody may be writing to, or standard input.
 class LogSource {
  public:

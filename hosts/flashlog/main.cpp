@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -129,28 +130,23 @@ bool ReadPiece(Input& input) {
   return false;
 }
 
-/// @return the system's error.
-DWORD WriteWhole(const std::wstring& path, const std::string& text) {
-  const HANDLE handle =
-      ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) return ::GetLastError();
-  const OwnedHandle file(handle);
-  DWORD written = 0;
-  const BOOL good = ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-  if (!good) return ::GetLastError();
-  return written == text.size() ? ERROR_SUCCESS : ERROR_DISK_FULL;
+/// What speaks against writing the page: a log would be lost, or something else that is in its place.
+std::optional<Problem> ProblemOfPage(const std::string& page, const std::vector<std::string>& files) {
+  const bool isLog = std::ranges::any_of(
+      files, [&](const std::string& file) { return file != "-" && IsSameFile(ToWide(page), ToWide(file)); });
+  if (isLog) {
+    return Problem{"wrong_usage", page + " is to be the page and is a log to read, too: it would be lost.",
+                   "Name the page directly behind --html, and the logs behind the page."};
+  }
+  if (LookAtPageFile(ToWide(page)) != ERROR_FILE_EXISTS) return std::nullopt;
+  return Problem{"wrong_usage", page + " is no page of this program, and the page would take its place.",
+                 "Name the page directly behind --html, and the logs behind the page. To have a page in that "
+                 "place, delete the file that is there."};
 }
 
-/// Never half a page: somebody may have it open. @return the system's error.
+/// @return the system's error.
 DWORD WritePage(const std::string& path, const Inputs& inputs) {
-  const std::wstring file = ToWide(path);
-  const std::wstring draft = file + L".new";
-  DWORD error = WriteWhole(draft, Page(LogsOf(inputs)));
-  if (error == ERROR_SUCCESS && !::MoveFileExW(draft.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-    error = ::GetLastError();
-  }
-  if (error != ERROR_SUCCESS) ::DeleteFileW(draft.c_str());
-  return error;
+  return WritePageFile(ToWide(path), Page(LogsOf(inputs)));
 }
 
 void ReportUnwritable(const std::string& path, DWORD error) {
@@ -379,10 +375,17 @@ int Run(std::vector<std::string> words) {
 
   if (program.count("--records") != 0) options.page.bytes = std::numeric_limits<std::size_t>::max();
   const auto page = options.html.empty() ? std::nullopt : std::optional(options.page);
-  Inputs inputs;
-  for (const std::string& name : options.files) {
-    for (const std::string& file : FilesNamed(name)) inputs.push_back(std::make_unique<Input>(file, page));
+  std::vector<std::string> files;
+  for (const std::string& name : options.files)
+    std::ranges::copy(FilesNamed(name), std::back_inserter(files));
+  if (!options.html.empty()) {
+    if (const auto problem = ProblemOfPage(options.html, files)) {
+      Report(kProgram, *problem, false);
+      return static_cast<int>(ExitCode::WrongUsage);
+    }
   }
+  Inputs inputs;
+  for (const std::string& file : files) inputs.push_back(std::make_unique<Input>(file, page));
   return static_cast<int>(options.follow ? Follower(options, inputs).Run() : ReadAll(options, inputs));
 }
 

@@ -94,6 +94,40 @@ class ProgramTest(unittest.TestCase):
             self.assertEqual(done.returncode, 1)
             self.assertEqual(list(pathlib.Path(folder).iterdir()), [page])
 
+    def refuses(self, *words, folder):
+        """Wrong usage that is told with what to do, and that leaves all files as they are."""
+        before = {path.name: path.read_bytes() for path in pathlib.Path(folder).iterdir()}
+        done = subprocess.run([*PROGRAM, *words], input=self.sample, capture_output=True, timeout=60, check=False,
+                              cwd=folder)
+        self.assertEqual(done.returncode, 2, done.stderr)
+        self.assertIn(b"Name the page directly behind --html", done.stderr)
+        self.assertEqual({path.name: path.read_bytes() for path in pathlib.Path(folder).iterdir()}, before)
+        return done.stderr
+
+    def test_a_page_never_takes_the_place_of_a_log(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for name in ("a.log", "b.log"):
+                pathlib.Path(folder, name).write_bytes(self.sample)
+            pathlib.Path(folder, "link.log").hardlink_to(pathlib.Path(folder, "a.log"))
+            # The page's name forgotten.
+            self.refuses("--html", "a.log", "b.log", folder=folder)
+            self.assertIn(b"a.log is no page", self.refuses("--html", "a.log", folder=folder))
+            for words in (("a.log",), ("A.LOG",), ("link.log",), ("./a.log",), ("*.log",)):
+                told = self.refuses("--html", "a.log", *words, folder=folder)
+                self.assertIn(b"a.log is to be the page and is a log to read, too", told)
+            self.refuses("--follow", "--html", "later.log", "later.log", folder=folder)
+
+    def test_a_page_takes_the_place_of_a_page_and_of_no_draft(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page, draft = pathlib.Path(folder, "page.html"), pathlib.Path(folder, "page.html.new")
+            draft.write_bytes(b"precious")
+            self.assertEqual(run("--html", page, SAMPLE).returncode, 0)
+            first = page.read_bytes()
+            self.assertEqual(run("--html", page, SAMPLE, SAMPLE).returncode, 0)
+            self.assertGreater(len(page.read_bytes()), len(first))
+            self.assertEqual(draft.read_bytes(), b"precious")
+            self.assertEqual(len(list(pathlib.Path(folder).iterdir())), 2)
+
     def test_a_log_that_breaks_off_is_shown_and_is_no_success(self):
         half = self.sample[:self.sample.index(b"Could not download file")]
         with tempfile.TemporaryDirectory() as folder:

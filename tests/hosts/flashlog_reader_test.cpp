@@ -13,6 +13,7 @@
 #include "hosts/common/text.h"
 #include "hosts/flashlog/log_reader.h"
 #include "hosts/flashlog/log_source.h"
+#include "hosts/flashlog/page.h"
 #include "hosts/flashlog_text.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
@@ -327,6 +328,88 @@ TEST_F(LogSourceTest, HoldsNobodyUp) {
 
   EXPECT_TRUE(::DeleteFileW(path.c_str()));
 }
+
+TEST_F(LogSourceTest, KnowsWhetherAFileWasEverThere) {
+  LogSource source(ToUtf8(path));
+  All(source);
+  EXPECT_FALSE(source.HasBeenThere());
+
+  Put("here");
+  All(source);
+  EXPECT_TRUE(source.HasBeenThere());
+
+  ASSERT_TRUE(::DeleteFileW(path.c_str()));
+  All(source);
+  EXPECT_TRUE(source.HasBeenThere());
+}
+
+TEST_F(LogSourceTest, OneFileMayHaveSeveralPaths) {
+  Put("one");
+  const std::wstring link = folder.File(L"link.log");
+  ASSERT_TRUE(::CreateHardLinkW(link.c_str(), path.c_str(), nullptr));
+
+  EXPECT_TRUE(IsSameFile(path, path));
+  EXPECT_TRUE(IsSameFile(path, link));
+  EXPECT_TRUE(IsSameFile(folder.File(L"missing.log"), folder.File(L"MISSING.log")));
+  EXPECT_TRUE(IsSameFile(folder.File(L"missing.log"), folder.File(L".\\missing.log")));
+  EXPECT_FALSE(IsSameFile(path, folder.File(L"missing.log")));
+}
+
+// --- Where a page goes -----------------------------------------------------------------------------------
+
+class PageFileTest : public LogSourceTest {
+ protected:
+  static std::string TextOf(const std::wstring& file) {
+    LogSource source(ToUtf8(file));
+    return All(source);
+  }
+
+  const std::string page = Page({});
+  const std::wstring draft = path + L".new";
+};
+
+TEST_F(PageFileTest, APageTakesThePlaceOfAPage) {
+  EXPECT_EQ(WritePageFile(path, page), DWORD{ERROR_SUCCESS});
+  EXPECT_EQ(WritePageFile(path, page + "newer"), DWORD{ERROR_SUCCESS});
+
+  EXPECT_EQ(TextOf(path), page + "newer");
+  EXPECT_EQ(TextOf(draft), "!");
+}
+
+TEST_F(PageFileTest, NothingElseIsReplaced) {
+  for (const std::string& text :
+       {std::string("a log"), std::string(), std::string("<!doctype html>"), std::string(10'000, 'x')}) {
+    Put(text);
+
+    EXPECT_EQ(LookAtPageFile(path), DWORD{ERROR_FILE_EXISTS});
+    EXPECT_EQ(WritePageFile(path, page), DWORD{ERROR_FILE_EXISTS});
+    EXPECT_EQ(TextOf(path), text);
+  }
+}
+
+TEST_F(PageFileTest, NoDraftOfSomebodyElseIsTouched) {
+  Write(draft, "precious", CREATE_ALWAYS);
+
+  EXPECT_EQ(WritePageFile(path, page), DWORD{ERROR_SUCCESS});
+
+  EXPECT_EQ(TextOf(draft), "precious");
+  EXPECT_EQ(TextOf(path), page);
+  EXPECT_EQ(TextOf(path + L".2.new"), "!");
+}
+
+TEST_F(PageFileTest, APageThatCannotTakeItsPlaceLeavesNoDraft) {
+  Put(page);
+  Write(draft, "precious", CREATE_ALWAYS);
+  const OwnedHandle held(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+
+  EXPECT_NE(WritePageFile(path, page), DWORD{ERROR_SUCCESS});
+
+  EXPECT_EQ(TextOf(draft), "precious");
+  EXPECT_EQ(TextOf(path + L".2.new"), "!");
+}
+
+// --- Reading that fails ----------------------------------------------------------------------------------
 
 /// Reading that fails from a place of the file on, as on a share whose server is gone.
 class BrokenLogSourceTest : public LogSourceTest {

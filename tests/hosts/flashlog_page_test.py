@@ -163,19 +163,37 @@ class PageTest(unittest.TestCase):
         self.assertFalse(self.one("#filters").is_displayed())
         self.assertTrue(self.one(".timeline svg").is_displayed())
 
+    def test_print_is_light_whatever_the_system_is(self):
+        looks = []
+        for dark in (False, True):
+            self.show(media="print", dark=dark)
+            looks.append(self.script(
+                "return [...document.querySelectorAll('body, .job, .badge, .reason, .record, .record .who, .swatch, td')].map("
+                "(element) => { const look = getComputedStyle(element);"
+                "return [element.className, look.color, look.backgroundColor, look.borderColor, look.colorScheme].join(' '); })"))
+        self.assertEqual(looks[0], looks[1])
+
     def test_print_opens_the_tables_and_tells_what_is_not_printed(self):
         self.show()
         self.one("input[value=trace]").click()
-        # Behind the page's own: what is on the paper.
-        self.script("addEventListener('beforeprint', () => { window.paper = {"
+        # Once the page is laid out for the paper: what stands on it.
+        self.script("matchMedia('print').addEventListener('change', (print) => { if (print.matches) window.paper = {"
                     "open: document.querySelectorAll('.job details[open]').length,"
-                    "said: document.getElementById('printed').textContent}; })")
+                    "said: document.getElementById('printed').textContent,"
+                    "stages: [...document.querySelectorAll('.job:last-of-type .stages tbody tr')].map((row) => row.innerText),"
+                    "text: document.body.innerText}; })")
         pdf = base64.b64decode(self.driver.execute_cdp_cmd("Page.printToPDF", {})["data"])
         self.assertTrue(pdf.startswith(b"%PDF"))
         self.assertGreater(len(re.findall(rb"/Type\s*/Page\b", pdf)), 2)
         paper = self.script("return window.paper")
         self.assertEqual(paper["open"], 3)
         self.assertIn("400 of these 1\u202f114 records are printed", paper["said"])
+        self.assertIn(paper["said"], paper["text"])
+        self.assertNotIn("Show the record", paper["text"])
+        self.assertNotIn("Clear", paper["text"])
+        names = [row.split("\t")[0].strip() for row in paper["stages"]]
+        self.assertEqual(names[:2], ["looking for images", "preparing"])
+        self.assertTrue(all(names), names)
         self.assertEqual(len(self.all(".job details[open]")), 0)
         self.assertFalse(self.one("#printed").is_displayed())
         self.show(media="print")
@@ -274,9 +292,26 @@ class PageTest(unittest.TestCase):
         times = [element.text for element in self.all(".record .when")]
         self.assertTrue(times)
         self.assertTrue(all(text.startswith("06:27:46.") for text in times))
+        for end in ("06:27:46,100", "06:27:46.100"):
+            self.one("#filter-to").clear()
+            self.one("#filter-to").send_keys(end)
+            self.assertEqual({element.text for element in self.all(".record .when")},
+                             {text for text in times if text <= "06:27:46.100"})
         self.one("#filter-from").clear()
         self.one("#filter-from").send_keys("quarter to six")
         self.assertEqual(self.one("#filter-from").get_attribute("aria-invalid"), "true")
+
+    def test_times_filter_over_midnight(self):
+        hours = ("22:00", "23:50", "23:59", "00:00", "00:10", "00:11", "12:00")
+        log = self.browser.log(b"".join(record(0, b"Error", b"A::B", hour.encode()).replace(b"00:00:00", hour.encode() + b":30")
+                                        for hour in hours), "midnight.log")
+        self.show(self.browser.make(log, name="midnight.html"))
+        self.one("#filter-from").send_keys("23:50")
+        self.one("#filter-to").send_keys("00:11")
+        self.assertEqual(self.texts(), ["23:50", "23:59", "00:00", "00:10"])
+        self.one("#filter-from").clear()
+        self.one("#filter-from").send_keys("2026-11-15 23:50")
+        self.assertEqual(self.texts(), [])
 
     def test_threads_and_flashes_filter(self):
         self.show()
@@ -310,6 +345,20 @@ class PageTest(unittest.TestCase):
         self.assertIn("item", self.driver.switch_to.active_element.get_attribute("class"))
         self.press("/")
         self.assertEqual(self.driver.switch_to.active_element.get_attribute("id"), "filter-text")
+
+    def test_keys_go_on_beside_a_record_that_is_filtered_out(self):
+        self.show()
+        self.script("goToRecord(recordAt(0, jobs[2].reason))")
+        chosen = self.script("return chosen.index")
+        self.script("document.getElementById('filter-text').value = 'flash'; applyFilter(null)")
+        self.assertFalse(self.script("return shown.includes(chosen)"))
+        errors = self.script("return shown.filter((record) => record.level === 'error' && !isHarmless(record)).map((r) => r.index)")
+        self.press("p")
+        self.assertEqual(self.script("return chosen.index"), max(index for index in errors if index < chosen))
+        self.script("document.getElementById('filter-text').value = ''; applyFilter(null); choose(records[arguments[0]], false);"
+                    "document.getElementById('filter-text').value = 'flash'; applyFilter(null)", chosen)
+        self.press("n")
+        self.assertEqual(self.script("return chosen.index"), min(index for index in errors if index > chosen))
 
     def test_arrows_go_through_a_timeline_and_enter_opens(self):
         self.show()

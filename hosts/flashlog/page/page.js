@@ -593,7 +593,15 @@ function filterTime(input) {
   const inDay = ((Number(found[2]) * 60 + Number(found[3])) * 60 + Number(found[4] || 0)) * 1000 + Number((found[5] || "0").padEnd(3, "0"));
   return found[1] ? Date.parse(`${found[1]}T00:00:00Z`) + inDay : inDay;
 }
-const comparable = (time, limit) => limit < 86400000 ? ((time % 86400000) + 86400000) % 86400000 : time;
+const kDay = 86400000;
+const comparable = (time, limit) => limit < kDay ? ((time % kDay) + kDay) % kDay : time;
+
+function isInTime(time, {from, to}) {
+  const isBehind = from === null || comparable(time, from) >= from;
+  const isBefore = to === null || comparable(time, to) <= to;
+  const isOverMidnight = from !== null && to !== null && to < from && from < kDay;
+  return isOverMidnight ? isBehind || isBefore : isBehind && isBefore;
+}
 
 function currentFilter() {
   const from = filterTime(byId("filter-from")), to = filterTime(byId("filter-to"));
@@ -601,7 +609,7 @@ function currentFilter() {
     text: byId("filter-text").value.trim().toLowerCase(),
     from: Number.isNaN(from) ? null : from,
     // A second that is named is meant as a whole.
-    to: to === null || Number.isNaN(to) ? null : to + (byId("filter-to").value.includes(".") ? 0 : 999),
+    to: to === null || Number.isNaN(to) ? null : to + (/[.,]/.test(byId("filter-to").value) ? 0 : 999),
     thread: byId("filter-thread").value,
     job: byId("filter-job").value,
     levels: new Set([...document.querySelectorAll("input[name=level]:checked")].map((box) => box.value)),
@@ -613,8 +621,7 @@ function passes(record, filter, narrow) {
   if (record.leftOut) return !narrow && filter.levels.has("trace");
   if (!filter.levels.has(groupOf(record))) return false;
   if (filter.thread !== "" && filter.thread !== `${record.log}:${record.thread}`) return false;
-  if (filter.from !== null && comparable(record.time, filter.from) < filter.from) return false;
-  if (filter.to !== null && comparable(record.time, filter.to) > filter.to) return false;
+  if (!isInTime(record.time, filter)) return false;
   return filter.text === "" || lowerMessages[record.text].includes(filter.text) ||
          record.func.toLowerCase().includes(filter.text) || record.source.toLowerCase().includes(filter.text);
 }
@@ -750,9 +757,17 @@ function fillSelects() {
          (logs.length > 1 ? `${logs[job.log].name.split(/[\\/]/).slice(-2).join("/")} ` : "") + `${job.number}, ${clock(job.begin, false)}`)));
 }
 
+/** Where among the shown records the chosen one stands; one that the filters hide stands beside where it would. */
+function placeOfChosen(direction) {
+  if (!chosen) return direction > 0 ? -1 : shown.length;
+  const next = shown.findIndex((record) => record.index >= chosen.index);
+  if (next < 0) return shown.length;
+  return shown[next] === chosen || direction < 0 ? next : next - 1;
+}
+
 /** The next of the shown records in a direction that is as wanted. */
 function step(direction, wanted) {
-  let place = chosen ? shown.indexOf(chosen) : (direction > 0 ? -1 : shown.length);
+  let place = placeOfChosen(direction);
   do place += direction;
   while (shown[place] && !wanted(shown[place]));
   if (!shown[place]) return;

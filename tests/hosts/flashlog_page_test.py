@@ -153,6 +153,15 @@ class PageTest(unittest.TestCase):
         self.assertGreaterEqual(count("line.limit"), 2)
         self.assertEqual(count(".curve"), 1)
 
+    def test_a_good_flash_shows_its_time_limits(self):
+        self.show()
+        card = self.all(".job")[1]
+        spare = self.script("return [...arguments[0].querySelectorAll('line.limit.spare title')].map((e) => e.textContent)", card)
+        self.assertIn("Time limit of booting: 10 s", spare)
+        inside = self.script("const job = jobs[1]; return limitsOf(job).filter(({when}) => when <= job.length * 1.02).length")
+        self.assertEqual(len(card.find_elements(By.CSS_SELECTOR, "line.limit")), inside)
+        self.assertIn("time limit", card.find_element(By.CSS_SELECTOR, ".legend").text)
+
     def test_light_and_dark_differ_and_print_hides_the_filters(self):
         self.show()
         light = self.colour("body")

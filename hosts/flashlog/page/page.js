@@ -421,6 +421,17 @@ function marksOf(job) {
   return marks.sort((a, b) => a[1] - b[1]);
 }
 
+/** When the time of each stage and attempt that has a limit would have been over, and whether it nearly was. */
+function limitsOf(job) {
+  const limits = [];
+  const add = (name, begin, took, limit) => {
+    if (limit > 0) limits.push({name, when: begin + limit, text: `${limit / 1000} s`, isNear: took >= limit * 0.8});
+  };
+  for (const [kind, , begin, took, limit] of job.stages) add(stageName(kind), begin, took, limit);
+  for (const [, begin, took, limit] of job.attempts) add("attempt", begin, took, limit);
+  return limits.sort((a, b) => a.when - b.when);
+}
+
 function drawTimeline(job) {
   const card = cards.get(jobs.indexOf(job)).element;
   const place = card.querySelector(".timeline");
@@ -479,19 +490,15 @@ function drawTimeline(job) {
     picture.append(svg("path", {class: "area", d: `${curve}V${at(0)}H${x(0)}Z`}), svg("path", {class: "curve", d: curve}));
   }
 
-  const limits = [];
-  for (const [kind, , begin, took, limit] of job.stages) {
-    if (limit > 0 && took >= limit * 0.8) limits.push([begin + limit, `${limit / 1000} s`, y.stage - 4, y.stage + y.stageHeight + 15]);
-  }
-  for (const [, begin, took, limit] of job.attempts) {
-    if (limit > 0 && took >= limit * 0.8) limits.push([begin + limit, `${limit / 1000} s`, y.attempt - 4, y.stage + y.stageHeight + 15]);
-  }
+  const limits = limitsOf(job).filter(({when}) => when <= length * 1.02);
   const limitMarks = [];
   let labelled = -99;
-  for (const [when, text, from, to] of limits.sort((a, b) => a[0] - b[0])) {
-    if (when > length * 1.02) continue;
-    limitMarks.push(svg("line", {class: "limit", x1: x(when), x2: x(when), y1: from, y2: to}));
-    if (x(when) - labelled > 40) {
+  for (const {when, text, isNear, name} of limits) {
+    const from = name === "attempt" ? y.attempt - 4 : y.stage - 4;
+    limitMarks.push(svg("line", {class: isNear ? "limit" : "limit spare", x1: x(when), x2: x(when), y1: isNear ? from : y.stage - 2,
+                                 y2: y.stage + y.stageHeight + (isNear ? 15 : 2)},
+                        svg("title", {}, `Time limit of ${name}: ${text}`)));
+    if (isNear && x(when) - labelled > 40) {
       limitMarks.push(svg("text", {class: "limit-name", x: x(when) - 3, y: y.stage + y.stageHeight + 13, "text-anchor": "end"}, text));
       labelled = x(when);
     }
@@ -549,7 +556,7 @@ function drawTimeline(job) {
 
   const legend = Object.keys(markNames).filter((kind) => seen.has(kind)).map((kind) =>
     html("li", {}, svg("svg", {viewBox: "-6 -6 12 12", class: `mark ${kind}`}, svg("path", {d: markShapes[kind]})), markNames[kind]));
-  if (limits.some(([when]) => when <= length * 1.02)) {
+  if (limits.length > 0) {
     legend.push(html("li", {}, svg("svg", {viewBox: "-6 -6 12 12"}, svg("line", {class: "dash", y1: -6, y2: 6})), "time limit"));
   }
   const kinds = [...new Set(job.stages.filter((stage) => stage[3] >= length / 400).map((stage) => stage[0]))].sort((a, b) => a - b);

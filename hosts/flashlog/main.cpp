@@ -203,9 +203,12 @@ ExitCode ReadAll(const Options& options, Inputs& inputs) {
 }
 
 /// Has each log tell what happens in it.
-void WatchAll(Inputs& inputs) {
+void WatchAll(const Options& options, Inputs& inputs) {
+  // Programs that read them want each in a line of its own.
+  const std::size_t columns =
+      options.columns != 0 ? options.columns : TextColumns(::GetStdHandle(STD_OUTPUT_HANDLE));
   for (const auto& input : inputs) {
-    const auto news = std::make_shared<News>(inputs.size() == 1 ? "" : input->log.Name());
+    const auto news = std::make_shared<News>(inputs.size() == 1 ? "" : input->log.Name(), columns);
     input->log.Watch([&log = input->log, news](const Record& record, const Place& place) {
       std::cout << news->Behind(log, record, place);
     });
@@ -227,7 +230,7 @@ class Follower {
       : m_Options(options), m_Inputs(inputs), m_PageIsOld(!options.html.empty()) {}
 
   ExitCode Run() {
-    if (!m_Options.json) WatchAll(m_Inputs);
+    if (!m_Options.json) WatchAll(m_Options, m_Inputs);
     DWORD pause = 0;
     do {
       const bool news = ReadWhatIsThere();
@@ -348,7 +351,9 @@ int Run(std::vector<std::string> words) {
           "take; without it 8000 at most, in a page of at most 5 MB of a log")
       ->type_name("COUNT")
       ->check(CLI::Range(0, 1'000'000));
-  program.add_option("--width", options.columns, "Columns of the table (default: the window's, or 80)")
+  program
+      .add_option("--width", options.columns,
+                  "Columns of the table and of what --follow tells (default: the window's)")
       ->type_name("COUNT")
       ->check(CLI::Range(20, 1000));
   std::string shell;

@@ -1,8 +1,16 @@
 #include "hosts/flashlog/news.h"
 
+#include "hosts/common/text_layout.h"
 #include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
+
+namespace {
+
+/// In a narrower window the rest of a line has nearly all of the width.
+constexpr std::size_t kNarrowest = 60;
+
+}  // namespace
 
 std::string News::Behind(const Log& log, const Record& record, const Place& place) {
   std::string lines;
@@ -31,7 +39,12 @@ std::string News::Behind(const Log& log, const Record& record, const Place& plac
 }
 
 std::string News::Line(Milliseconds time, const std::string& text) const {
-  return ClockText(time) + "  " + (m_Name.empty() ? "" : m_Name + "  ") + text + "\n";
+  // What does not fit stands below what was said, not below its time.
+  const std::string first = ClockText(time) + "  ";
+  const bool isNarrow = m_Columns < kNarrowest;
+  const std::string blanks(isNarrow ? 2 : first.size(), ' ');
+  const std::string name = m_Name.empty() ? "" : m_Name + (isNarrow ? " " : "  ");
+  return Wrapped(name + text, m_Columns, first, blanks);
 }
 
 }  // namespace hosts::flashlog

@@ -11,8 +11,9 @@ namespace hosts::flashlog {
 /// Tells in lines what happens in a log that grows: jobs, stages, errors, ends.
 class News {
  public:
-  /// @param name what each line begins with; empty with one log alone.
-  explicit News(std::string name) : m_Name(std::move(name)) {}
+  /// @param name what each line has behind its time; empty with one log alone.
+  /// @param columns that a line has room for.
+  News(std::string name, std::size_t columns) : m_Name(std::move(name)), m_Columns(columns) {}
 
   /// What there is to tell behind a record, each line with its end; mostly nothing.
   std::string Behind(const Log& log, const Record& record, const Place& place);
@@ -21,6 +22,7 @@ class News {
   std::string Line(Milliseconds time, const std::string& text) const;
 
   std::string m_Name;
+  std::size_t m_Columns;
   std::size_t m_Jobs = 0;
   std::size_t m_Stages = 0;
   JobState m_State = JobState::Running;

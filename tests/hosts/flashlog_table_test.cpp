@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "hosts/common/terminal.h"
 #include "hosts/common/text_layout.h"
 #include "hosts/flashlog/job_table.h"
 #include "hosts/flashlog/log.h"
@@ -46,8 +47,8 @@ std::string Table(const LogText& text, std::size_t columns) {
   return JobTable(log, columns);
 }
 
-std::string Snapshot(std::size_t columns) {
-  std::ifstream file(std::string(TEST_DATA) + "/flashlog/table_" + std::to_string(columns) + ".txt");
+std::string Snapshot(const std::string& name, std::size_t columns) {
+  std::ifstream file(std::string(TEST_DATA) + "/flashlog/" + name + "_" + std::to_string(columns) + ".txt");
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -63,7 +64,7 @@ class FlashlogTableTest : public testing::TestWithParam<std::size_t> {};
 TEST_P(FlashlogTableTest, LooksAsItShould) {
   const std::string table = Table(ThreeFlashes(), GetParam());
 
-  EXPECT_EQ(table, Snapshot(GetParam()));
+  EXPECT_EQ(table, Snapshot("table", GetParam()));
   EXPECT_LE(LongestLine(table), GetParam());
 }
 
@@ -100,10 +101,10 @@ TEST(FlashlogTextTest, BytesOfTheSystemsCodePageBecomeReadable) {
   EXPECT_EQ(ReadableText("a\tb\x01"), "a b ");
 }
 
-TEST(FlashlogNewsTest, TellsStagesErrorsAndTheEndOnce) {
+TEST(FlashlogTextTest, NewsTellStagesErrorsAndTheEndOnce) {
   std::string told;
   Log log("test.log", std::nullopt);
-  News news("");
+  News news("", kUnlimitedColumns);
   log.Watch([&](const Record& record, const Place& place) { told += news.Behind(log, record, place); });
   LogText text;
   text.Request().AttemptBegins().At(3).JobError("\t Flash FAILED, goto Flash_FAILED").Result(3).Tidied();
@@ -118,6 +119,22 @@ TEST(FlashlogNewsTest, TellsStagesErrorsAndTheEndOnce) {
             "10:00:03.000  tidying up\n"
             "10:00:03.000  flash 1 failed\n");
 }
+
+class FlashlogNewsTest : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(FlashlogNewsTest, FitIntoTheWindow) {
+  std::string told;
+  Log log("test.log", std::nullopt);
+  News news("collected\\pc-12.log", GetParam());
+  log.Watch([&](const Record& record, const Place& place) { told += news.Behind(log, record, place); });
+
+  log.Take(ThreeFlashes().Text());
+
+  EXPECT_EQ(told, Snapshot("news", GetParam()));
+  EXPECT_LE(LongestLine(told), GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Columns, FlashlogNewsTest, testing::Values(40, 80, 120));
 
 }  // namespace
 }  // namespace hosts::flashlog

@@ -17,6 +17,7 @@
 #include "hosts/common/help_text.h"
 #include "hosts/common/history_output.h"
 #include "hosts/common/json_output.h"
+#include "hosts/common/library_configuration.h"
 #include "hosts/common/nearest_word.h"
 #include "hosts/common/problem.h"
 #include "hosts/common/serving_notice.h"
@@ -77,7 +78,9 @@ std::string Advice(const ControlResult& result) {
     case ERROR_SERVICE_DOES_NOT_EXIST:
       return "Install it first: corvel_service install";
     case ERROR_SERVICE_EXISTS:
-      return "It is installed already, but for another program or with another --start: uninstall it first.";
+      return "It is installed already, but for another program or with another --start, or restricted: "
+             "uninstall "
+             "it first, or give the options that it has.";
     case ERROR_SERVICE_NOT_ACTIVE:
       return "It ended at once. Look at the Windows event log.";
     case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
@@ -145,23 +148,43 @@ int Install(const InstallOptions& options) {
 /// next.
 struct Removal {
   bool unlessFlashing = false;
+  bool releaseKey = false;
   bool purge = false;
   /// Where the programs are; empty: where this one is.
   std::string programs;
+
+  std::wstring Folder() const { return programs.empty() ? ProgramFolder() : ToWide(programs) + L'\\'; }
 };
+
+/// Of the hosts that the service manager does not know.
+std::optional<std::string> WhoFlashesUnmanaged(const std::wstring& folder) {
+  if (const auto commandLine = FindFlashingCommandLine()) {
+    return commandLine->message + ". " + commandLine->whatToDo;
+  }
+  const auto configuration = LibraryConfiguration::Read(folder + kConfigurationName);
+  if (!configuration) return std::nullopt;
+  const HandshakeKey key = configuration->ServiceKey();
+  if (!IsServedBy(Server::Service, key) || !ReadHandshake(key).IsJobOpen()) return std::nullopt;
+  return "A flash service is flashing; its key is " + key.Text() + ". Wait for its end.";
+}
+
+void Clean(const Removal& removal) {
+  // First: the configuration names it.
+  const std::string left = ReleaseHandshakeKey(removal.Folder());
+  if (!left.empty()) Tell(left);
+  if (removal.purge) DeleteWhatHostsLeave(removal.Folder());
+}
 
 int Uninstall(const Removal& removal) {
   if (removal.unlessFlashing) {
-    if (const auto commandLine = FindFlashingCommandLine()) {
-      Tell(commandLine->message + ". " + commandLine->whatToDo);
+    if (const auto why = WhoFlashesUnmanaged(removal.Folder())) {
+      Tell(*why);
       return kBusy;
     }
   }
   const ControlResult result = UninstallService();
   const bool gone = result.error == ERROR_SUCCESS || result.error == ERROR_SERVICE_DOES_NOT_EXIST;
-  if (removal.purge && gone) {
-    DeleteWhatHostsLeave(removal.programs.empty() ? ProgramFolder() : ToWide(removal.programs) + L'\\');
-  }
+  if (gone && (removal.purge || removal.releaseKey)) Clean(removal);
   if (result.error == ERROR_SERVICE_DOES_NOT_EXIST) return HadNothingToDo("It is not installed.");
   return Conclude(result, "Removed.");
 }
@@ -418,11 +441,12 @@ void AddUninstall(CLI::App& program, Options& options) {
   CLI::App& uninstall = AddVerb(program, options, "uninstall", "Stop the service and remove it",
                                 [&options] { return Uninstall(options.removal); });
   uninstall.add_flag("--unless-flashing", options.removal.unlessFlashing,
-                     "Not while a command line flashes either");
-  CLI::Option* const purge =
-      uninstall.add_flag("--purge", options.removal.purge, "Delete configuration, logs and history, too");
-  uninstall.add_option("--programs", options.removal.programs, "The folder where --purge finds them")
-      ->needs(purge);
+                     "Not while a command line or a service in a terminal flashes either");
+  uninstall.add_flag("--release-key", options.removal.releaseKey,
+                     "Delete the key of the handshake if install made it, else leave it to whom it was left");
+  uninstall.add_flag("--purge", options.removal.purge, "That, and delete configuration, logs and history");
+  uninstall.add_option("--programs", options.removal.programs,
+                       "The folder where these find the configuration; otherwise the program's own");
 }
 
 void AddConfigure(CLI::App& program, Options& options) {

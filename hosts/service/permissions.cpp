@@ -22,6 +22,9 @@
 #if !defined(PROTECTED_DACL_SECURITY_INFORMATION)
 #define PROTECTED_DACL_SECURITY_INFORMATION 0x80000000L
 #endif
+#if !defined(UNPROTECTED_DACL_SECURITY_INFORMATION)
+#define UNPROTECTED_DACL_SECURITY_INFORMATION 0x20000000L
+#endif
 
 namespace hosts {
 
@@ -79,20 +82,60 @@ DWORD SetPermissionsOfFolder(std::wstring path) {
   return given != ERROR_SUCCESS ? given : set;
 }
 
+/// @return ERROR_NOT_EMPTY of a key that others live below.
+DWORD LookForKeysBelow(HKEY key) {
+  DWORD keysBelow = 0;
+  const LSTATUS asked = ::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &keysBelow, nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr, nullptr);
+  if (asked != ERROR_SUCCESS) return static_cast<DWORD>(asked);
+  return keysBelow > 0 ? ERROR_NOT_EMPTY : ERROR_SUCCESS;
+}
+
+/// A value of the key that says who made it: it goes with the installation.
+constexpr wchar_t kMadeHere[] = L"Made_By_Service";
+
 /// Makes the key if necessary. @return ERROR_NOT_EMPTY of a key that is not the service's alone.
 DWORD SetPermissionsOfKey(const HandshakeKey& key) {
   HKEY opened = nullptr;
+  DWORD disposition = REG_OPENED_EXISTING_KEY;
   const LSTATUS made = ::RegCreateKeyExW(key.root, key.path.c_str(), 0, nullptr, 0, KEY_READ | WRITE_DAC,
-                                         nullptr, &opened, nullptr);
+                                         nullptr, &opened, &disposition);
   const OwnedKey owner(opened);
   if (made != ERROR_SUCCESS) return static_cast<DWORD>(made);
-  DWORD keysBelow = 0;
-  const LSTATUS asked = ::RegQueryInfoKeyW(opened, nullptr, nullptr, nullptr, &keysBelow, nullptr, nullptr,
-                                           nullptr, nullptr, nullptr, nullptr, nullptr);
-  if (asked != ERROR_SUCCESS) return static_cast<DWORD>(asked);
-  if (keysBelow > 0) return ERROR_NOT_EMPTY;
+  if (disposition == REG_CREATED_NEW_KEY) WriteHandshakeValue(key, kMadeHere, 1);
+  const DWORD alone = LookForKeysBelow(opened);
+  if (alone != ERROR_SUCCESS) return alone;
   const LocalMemory descriptor = DescriptorOf(kOfKey);
   return static_cast<DWORD>(::RegSetKeySecurity(opened, DACL_SECURITY_INFORMATION, descriptor.get()));
+}
+
+/// Leaves the key to those, too, whom its parent leaves it to.
+DWORD InheritPermissionsOfKey(HKEY key) {
+  const LocalMemory descriptor = DescriptorOf(kOfKey);
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  PACL list = nullptr;
+  ::GetSecurityDescriptorDacl(descriptor.get(), &present, &list, &defaulted);
+  return ::SetSecurityInfo(key, SE_REGISTRY_KEY,
+                           DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                           nullptr, list, nullptr);
+}
+
+bool WasMadeHere(HKEY key) {
+  return ::RegQueryValueExW(key, kMadeHere, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+}
+
+/// What SetPermissionsOfKey did is undone.
+DWORD ReleaseKey(const HandshakeKey& key) {
+  HKEY opened = nullptr;
+  const LSTATUS found = ::RegOpenKeyExW(key.root, key.path.c_str(), 0, KEY_READ | WRITE_DAC, &opened);
+  const OwnedKey owner(opened);
+  if (found == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
+  if (found != ERROR_SUCCESS) return static_cast<DWORD>(found);
+  // Neither was its own.
+  if (LookForKeysBelow(opened) == ERROR_NOT_EMPTY) return ERROR_SUCCESS;
+  if (!WasMadeHere(opened)) return InheritPermissionsOfKey(opened);
+  return static_cast<DWORD>(::RegDeleteKeyW(key.root, key.path.c_str()));
 }
 
 // --- What is protected -------------------------------------------------------------------------------------
@@ -242,6 +285,17 @@ void TellEventLog(const std::vector<std::string>& warnings) {
 }
 
 }  // namespace
+
+std::string ReleaseHandshakeKey(const std::wstring& folder) {
+  const auto configuration =
+      LibraryConfiguration::Read(WithoutLastSeparators(folder) + L"\\" + kConfigurationName);
+  if (!configuration || configuration->ServiceKey().root != HKEY_LOCAL_MACHINE) return {};
+  const HandshakeKey key = configuration->ServiceKey();
+  const DWORD error = ReleaseKey(key);
+  if (error == ERROR_SUCCESS) return {};
+  return "The key " + key.Text() + " stays as it is: " + SystemErrorText(error) +
+         ". Delete it as an administrator.";
+}
 
 std::vector<std::string> ProtectInstallation() {
   Protection protection;

@@ -12,4 +12,9 @@ namespace hosts {
 /// it, too.
 std::vector<std::string> ProtectInstallation();
 
+/// Undoes that for the key which the configuration in the folder names: one that ProtectInstallation made
+/// goes, one that was there before is left to whom its parent leaves it.
+/// @return what could not be done, in words for people; empty: nothing.
+std::string ReleaseHandshakeKey(const std::wstring& folder);
+
 }  // namespace hosts

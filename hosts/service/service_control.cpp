@@ -20,6 +20,7 @@ namespace {
 constexpr DWORD kPollMs = 100;
 constexpr DWORD kLongestStopMs = kShutdownLimitMs;
 constexpr DWORD kLongestProcessEndMs = 30000;
+constexpr DWORD kLongestDeletionMs = 30000;
 constexpr DWORD kFailureResetSeconds = 24 * 60 * 60;
 
 ControlResult Failed(const char* step) {
@@ -130,6 +131,30 @@ DWORD StartType(bool automatic) {
   return automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
 }
 
+/// A service that was deleted keeps its name until the last program that looks at it lets it go: the Services
+/// window, or a management system that reads all services right then.
+OwnedService CreateFlashService(SC_HANDLE manager, const InstallOptions& options) {
+  const std::wstring command = ServiceCommand(options);
+  for (DWORD waited = 0;; waited += kPollMs) {
+    OwnedService service(::CreateServiceW(manager, kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                                          SERVICE_WIN32_OWN_PROCESS, StartType(options.automatic),
+                                          SERVICE_ERROR_NORMAL, command.c_str(), nullptr, nullptr, nullptr,
+                                          nullptr, nullptr));
+    const bool isLeaving = service == nullptr && ::GetLastError() == ERROR_SERVICE_MARKED_FOR_DELETE;
+    if (!isLeaving || waited >= kLongestDeletionMs) return service;
+    ::Sleep(kPollMs);
+  }
+}
+
+/// Whether it was restricted: that gives it an identity of its own.
+bool IsRestricted(SC_HANDLE service) {
+  SERVICE_SID_INFO identity{};
+  DWORD needed = 0;
+  return ::QueryServiceConfig2W(service, SERVICE_CONFIG_SERVICE_SID_INFO, reinterpret_cast<BYTE*>(&identity),
+                                sizeof identity, &needed) &&
+         identity.dwServiceSidType != SERVICE_SID_TYPE_NONE;
+}
+
 /// Gives a new service all that it needs beyond its entry in the manager's list.
 ControlResult Furnish(SC_HANDLE service, const InstallOptions& options) {
   if (!SetDescription(service)) return Failed("describe the service");
@@ -154,10 +179,7 @@ ControlResult Remove(SC_HANDLE service) {
 ControlResult InstallService(const InstallOptions& options) {
   const OwnedService manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
   if (manager == nullptr) return Failed("open the service manager");
-  const OwnedService service(::CreateServiceW(manager.get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
-                                              SERVICE_WIN32_OWN_PROCESS, StartType(options.automatic),
-                                              SERVICE_ERROR_NORMAL, ServiceCommand(options).c_str(), nullptr,
-                                              nullptr, nullptr, nullptr, nullptr));
+  const OwnedService service = CreateFlashService(manager.get(), options);
   if (service == nullptr) return Failed("create the service");
   const ControlResult furnished = Furnish(service.get(), options);
   if (furnished.error != ERROR_SUCCESS) Remove(service.get());
@@ -174,6 +196,7 @@ bool IsInstalledLikeThis(const InstallOptions& options) {
   return service != nullptr &&
          ::QueryServiceConfigW(service.get(), configuration, static_cast<DWORD>(memory.size()), &needed) &&
          configuration->dwStartType == StartType(options.automatic) &&
+         (options.restricted || !IsRestricted(service.get())) &&
          ::CompareStringOrdinal(configuration->lpBinaryPathName, -1, ServiceCommand(options).c_str(), -1,
                                 TRUE) == CSTR_EQUAL;
 }

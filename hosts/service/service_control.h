@@ -39,8 +39,10 @@ struct InstallOptions {
   bool restricted = false;
 };
 
+/// Waits for a while for a deleted service of the same name to go.
 ControlResult InstallService(const InstallOptions& options);
-/// Whether the service is installed already with the same program, options for it, and start.
+/// Whether the service is installed already with the same program, options for it, and start, and not
+/// restricted unless it is to be. One that is to be may be restricted later.
 bool IsInstalledLikeThis(const InstallOptions& options);
 /// Takes from the installed service what InstallOptions::restricted says.
 ControlResult RestrictInstalledService();

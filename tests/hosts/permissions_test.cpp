@@ -89,6 +89,18 @@ LSTATUS WINAPI RecordKey(HKEY, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR d
   return static_cast<LSTATUS>(g_refusal);
 }
 
+/// Whether the key was given back to whom its parent leaves it.
+bool g_inherits = false;
+
+DWORD WINAPI RecordInheritance(HANDLE, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID, PSID, PACL list,
+                               PACL) {
+  EXPECT_EQ(type, SE_REGISTRY_KEY);
+  EXPECT_EQ(what, DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION);
+  EXPECT_EQ(list->AceCount, 3);
+  g_inherits = true;
+  return g_refusal;
+}
+
 /// Permissions that a test gives to files and folders, as text; those of all others are the system's answer.
 std::map<std::wstring, std::wstring> g_given;
 
@@ -165,6 +177,7 @@ class PermissionsTest : public testing::Test {
     g_events.clear();
     g_link.clear();
     g_isDrive = false;
+    g_inherits = false;
     g_refusal = ERROR_SUCCESS;
     g_program = workspace.Service().wstring();
     workspace.SetServiceKey(ToWide(key.Location().Text()));
@@ -173,6 +186,7 @@ class PermissionsTest : public testing::Test {
     m_Patch.Replace("GetFileAttributesW", &TellAttributes);
     m_Patch.Replace("GetVolumeNameForVolumeMountPointW", &TellVolume);
     m_Patch.Replace("RegSetKeySecurity", &RecordKey);
+    m_Patch.Replace("SetSecurityInfo", &RecordInheritance);
     m_Patch.Replace("RegisterEventSourceW", &OpenEventLog);
     m_Patch.Replace("ReportEventW", &RecordEvent);
     m_Patch.Replace("DeregisterEventSource", &CloseEventLog);
@@ -204,6 +218,27 @@ TEST_F(PermissionsTest, LeaveWritingToAdministratorsAndTheSystem) {
   EXPECT_THAT(g_keys, ElementsAre(kOfKey));
   EXPECT_TRUE(key.Exists());
   EXPECT_THAT(g_events, IsEmpty());
+}
+
+TEST_F(PermissionsTest, OfAKeyThatWasThereAreGivenBack) {
+  key.Write(L"Retry_Times", 2);
+  ProtectInstallation();
+  EXPECT_EQ(ReleaseHandshakeKey(Folder()), "");
+  EXPECT_TRUE(g_inherits);
+  EXPECT_TRUE(key.Exists());
+  g_refusal = ERROR_ACCESS_DENIED;
+  EXPECT_EQ(ReleaseHandshakeKey(Folder() + L"\\."),
+            "The key " + key.Location().Text() + " stays as it is: " + SystemErrorText(ERROR_ACCESS_DENIED) +
+                ". Delete it as an administrator.");
+}
+
+TEST_F(PermissionsTest, GoWithAKeyThatWasMadeForThem) {
+  ProtectInstallation();
+  ASSERT_TRUE(key.Exists());
+  EXPECT_EQ(ReleaseHandshakeKey(Folder()), "");
+  EXPECT_FALSE(g_inherits);
+  EXPECT_FALSE(key.Exists());
+  EXPECT_EQ(ReleaseHandshakeKey(Folder()), "");
 }
 
 /// Who made a folder owns it, and gives himself any right that is taken from him.

@@ -302,6 +302,50 @@ TEST_F(InstallServiceTest, GoesWithoutARestartWhereTheManagerKnowsNone) {
   EXPECT_TRUE(ManagedService().Exists());
 }
 
+BOOL WINAPI TellRestricted(SC_HANDLE, DWORD level, BYTE* buffer, DWORD, DWORD*) {
+  if (level != SERVICE_CONFIG_SERVICE_SID_INFO) return FALSE;
+  reinterpret_cast<SERVICE_SID_INFO*>(buffer)->dwServiceSidType = SERVICE_SID_TYPE_UNRESTRICTED;
+  return TRUE;
+}
+
+TEST_F(InstallServiceTest, TakesARestrictedServiceForNoUnrestrictedOne) {
+  ASSERT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SUCCESS));
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace("QueryServiceConfig2W", &TellRestricted);
+  EXPECT_FALSE(IsInstalledLikeThis({}));
+  EXPECT_TRUE(IsInstalledLikeThis({.restricted = true}));
+}
+
+/// How often the manager still has a deleted service of the name, and how long it was waited for.
+struct DeletedService {
+  int refusals = 0;
+  DWORD waitedMs = 0;
+};
+DeletedService g_deleted;
+
+SC_HANDLE WINAPI CreateBehindADeletedOne(SC_HANDLE, LPCWSTR, LPCWSTR, DWORD, DWORD, DWORD, DWORD, LPCWSTR,
+                                         LPCWSTR, LPDWORD, LPCWSTR, LPCWSTR, LPCWSTR) {
+  // With another error at last, so that nothing has to be made.
+  ::SetLastError(g_deleted.refusals-- > 0 ? ERROR_SERVICE_MARKED_FOR_DELETE : ERROR_ACCESS_DENIED);
+  return nullptr;
+}
+
+void WINAPI CountSleep(DWORD ms) {
+  g_deleted.waitedMs += ms;
+}
+
+TEST_F(InstallServiceTest, WaitsForADeletedServiceThatSomebodyLooksAt) {
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace("CreateServiceW", &CreateBehindADeletedOne);
+  patch.Replace("Sleep", &CountSleep);
+  g_deleted = {.refusals = 20};
+  EXPECT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_GT(g_deleted.waitedMs, 1000u);
+  g_deleted = {.refusals = 1000000};
+  EXPECT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SERVICE_MARKED_FOR_DELETE));
+  EXPECT_EQ(g_deleted.waitedMs, 30000u);
+}
+
 TEST_F(InstallServiceTest, KnowsItsProgramInAnySpelling) {
   ASSERT_EQ(InstallService({}).error, static_cast<DWORD>(ERROR_SUCCESS));
   std::wstring command = ManagedService().Configuration().lpBinaryPathName;
@@ -464,6 +508,40 @@ TEST_F(ServiceTest, SaysThatAnotherServiceOfItsNameIsInstalled) {
   const RunResult otherProgram = RunToEnd(other.Service(), {L"install"});
   EXPECT_EQ(otherProgram.exitCode, 1);
   EXPECT_THAT(otherProgram.errors, HasSubstr("for another program or with another --start"));
+}
+
+/// The installer asks so before it touches a file.
+TEST_F(ServiceTest, IsNotRemovedForAnInstallerWhileOneInATerminalFlashes) {
+  const ServingNotice inTerminal(Server::Service, key.Location());
+  EXPECT_EQ(Service({L"uninstall", L"--unless-flashing"}).exitCode, 0);
+  key.Write(L"Fls_Ready", 1);
+  const RunResult refused = Service({L"uninstall", L"--unless-flashing"});
+  EXPECT_EQ(refused.exitCode, 3);
+  EXPECT_EQ(refused.errors, "corvel_service: A flash service is flashing; its key is " +
+                                key.Location().Text() + ". Wait for its end.\r\n");
+  // As the installer does, from a folder of its own.
+  const HostWorkspace other(L"-other");
+  const std::wstring programs = workspace.Service().parent_path().wstring();
+  EXPECT_EQ(RunToEnd(other.Service(), {L"uninstall", L"--unless-flashing", L"--programs", programs}).exitCode,
+            3);
+}
+
+TEST_F(ServiceTest, DeletesTheKeyThatItMadeAndNoOther) {
+  for (const wchar_t* const option : {L"--release-key", L"--purge"}) {
+    ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+    ASSERT_TRUE(key.Exists());
+    key.Write(L"Retry_Times", 2);
+    ASSERT_EQ(Service({L"uninstall"}).exitCode, 0);
+    EXPECT_TRUE(key.Exists());
+    ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+    EXPECT_EQ(Service({L"uninstall", option}).exitCode, 0);
+    EXPECT_FALSE(key.Exists());
+    workspace.WriteConfiguration("[TraceLevel]=", L"1");
+  }
+  key.Write(L"Retry_Times", 2);
+  ASSERT_EQ(Service({L"install", L"--start", L"demand"}).exitCode, 0);
+  EXPECT_EQ(Service({L"uninstall", L"--release-key"}).exitCode, 0);
+  EXPECT_TRUE(key.Exists());
 }
 
 TEST_F(ServiceTest, LeavesNothingBehindWhenItIsUninstalled) {

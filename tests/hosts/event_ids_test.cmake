@@ -1,4 +1,4 @@
-# Finds each message of the Windows event log in the table of the hosts' document, with its level.
+# Finds each message of the Windows event log in the table of the hosts' document, with its level, and no other there.
 #
 # cmake -DMESSAGES=messages.mc -DDOCUMENT=FILE -P event_ids_test.cmake
 
@@ -17,8 +17,17 @@ while(lines)
   list(POP_FRONT lines id severity)
   string(REGEX REPLACE ".*=" "" id "${id}")
   string(REGEX REPLACE ".*=" "" severity "${severity}")
+  list(APPEND known "${id}")
   string(FIND "${document}" "| ${id} | ${level_${severity}} |" place)
   if(place EQUAL -1)
     message(SEND_ERROR "${DOCUMENT} has no event ${id} of the level ${level_${severity}}")
   endif()
 endwhile()
+
+string(REGEX MATCHALL "\n\\| [0-9]+ \\| (information|warning|error) \\|" rows "${document}")
+foreach(row IN LISTS rows)
+  string(REGEX MATCH "[0-9]+" id "${row}")
+  if(NOT id IN_LIST known)
+    message(SEND_ERROR "${DOCUMENT} has an event ${id} that nobody writes")
+  endif()
+endforeach()

@@ -2,6 +2,7 @@
 # what building a host needs besides, "symbols" what debuggers need. The rooms keep their places, so that links between
 # documents and examples hold.
 
+include(${CMAKE_CURRENT_LIST_DIR}/Notices.cmake)
 option(CORVEL_FOR_PACKAGES "As it ships: symbols in files of their own, the same bytes wherever it is built" OFF)
 
 # Flags of whatever is built from here on.
@@ -90,6 +91,11 @@ function(install_package)
   foreach(picture timeline records dark)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/pictures/flashlog-${picture}.png DESTINATION docs/pictures COMPONENT runtime)
   endforeach()
+  if(MSVC AND DEFINED VCPKG_INSTALLED_DIR)
+    write_notices(${made_folder}/THIRD-PARTY-NOTICES.txt ${VCPKG_INSTALLED_DIR}/${VCPKG_TARGET_TRIPLET}/share
+      cli11 nlohmann-json)
+    install(FILES ${made_folder}/THIRD-PARTY-NOTICES.txt DESTINATION . COMPONENT runtime)
+  endif()
   # Chosen by the owner; it goes into each package as soon as it is there.
   install(FILES ${PROJECT_SOURCE_DIR}/LICENSE.txt DESTINATION . COMPONENT runtime OPTIONAL)
 

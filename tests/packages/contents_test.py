@@ -72,10 +72,16 @@ class Word(str):
     def __xor__(self, other):
         return other.lower() in self.lower()
 
+    def __mod__(self, other):
+        return other.lower() == self.lower()
+
+    def __ge__(self, number):
+        return self.isdigit() and int(self) >= number
+
 
 def holds(condition, properties):
     """What an installer makes of a condition."""
-    operators = {"AND": "and", "OR": "or", "NOT": "not", "=": "==", "<>": "!=", "><": "@", "~><": "^"}
+    operators = {"AND": "and", "OR": "or", "NOT": "not", "=": "==", "<>": "!=", "><": "@", "~><": "^", "~=": "%", ">=": ">="}
 
     def translated(match):
         word = match[0]
@@ -85,7 +91,7 @@ def holds(condition, properties):
             return word
         return f"Word({word})" if word[0] == '"' else f"Word(properties.get({word!r}, ''))"
 
-    pattern = r'"[^"]*"|~?><|<>|[=()]|\w+'
+    pattern = r'"[^"]*"|~?><|<>|~=|>=|[=()]|\w+'
     if re.sub(pattern, "", condition).strip():
         raise ValueError(condition)
     return bool(eval(re.sub(pattern, translated, condition), {"Word": Word, "properties": properties}))
@@ -154,12 +160,14 @@ class Contents(unittest.TestCase):
     def test_list_of_contents_names_each_file_and_all_that_is_linked_in(self):
         document = json.loads((self.made / f"{BASE}.spdx.json").read_text())
         self.assertEqual(document["spdxVersion"], "SPDX-2.3")
-        root = SCRATCH / "one/installed/runtime"
+        runtime, development = (SCRATCH / "one/installed" / name for name in ("runtime", "development"))
         for file in document["files"]:
+            root = development if file["comment"] == "in the ZIP alone" else runtime
             data = (root / file["fileName"]).read_bytes()
             sums = {sum["algorithm"]: sum["checksumValue"] for sum in file["checksums"]}
             self.assertEqual(sums["SHA256"], hashlib.sha256(data).hexdigest())
-        self.assertEqual(len(document["files"]), sum(1 for path in root.rglob("*") if path.is_file()))
+        with zipfile.ZipFile(self.made / f"{BASE}.zip") as archive:
+            self.assertEqual(sorted(f"{BASE}/{file['fileName'][2:]}" for file in document["files"]), sorted(archive.namelist()))
         known = {package["name"].split(" ")[0] for package in document["packages"]}
         self.assertEqual(known, {"CorvelToolKit", "GCC", "mingw-w64", "CLI11", "JSON"})
         identities = [part["SPDXID"] for part in document["packages"] + document["files"]]
@@ -218,18 +226,49 @@ class Contents(unittest.TestCase):
         for file in [*(SCRATCH / "signed/installed/runtime/bin").iterdir(), made / f"{BASE}.msi"]:
             self.assertIn("Signature verification: ok", run("osslsigncode", "verify", "-CAfile", certificate, "-in", file))
 
-    def test_a_command_that_fails_to_sign_fails_the_packages(self):
-        with self.assertRaises(subprocess.CalledProcessError):
-            packages("unsigned", "--sign", "false")
+    def test_there_are_no_packages_when_a_command_fails_to_sign(self):
+        for name, words in (("unsigned", "false"), ("half signed", "sh -c 'case $1 in *.msi) exit 1;; esac' sign")):
+            with self.subTest(name), self.assertRaises(subprocess.CalledProcessError):
+                packages(name, "--sign", words)
+            self.assertEqual([path.name for path in (SCRATCH / name).glob("packages*")
+                              if (path / f"{BASE}.zip").exists() and path.name == "packages"], [])
+
+    def test_says_how_a_management_system_knows_the_product(self):
+        facts = json.loads((self.made / "package.json").read_text())
+        properties = dict(table(self.made / f"{BASE}.msi", "Property"))
+        self.assertEqual((facts["product_code"], facts["upgrade_code"], facts["version"]),
+                         (properties["ProductCode"], properties["UpgradeCode"], properties["ProductVersion"]))
+
+    def test_a_command_is_found_from_where_its_caller_stands(self):
+        """By scripts/package, which builds in its checkout; what it calls is played here."""
+        checkout, caller = SCRATCH / "called/checkout", SCRATCH / "called/caller"
+        for folder in (checkout / "scripts", checkout / "packaging", checkout / "programs", checkout / "build/package/package",
+                       caller):
+            folder.mkdir(parents=True)
+        shutil.copy(CHECKOUT / "scripts/package", checkout / "scripts")
+        (checkout / "build/package/package/package.json").write_text("{}")
+        (checkout / "build/package/installed").mkdir()
+        for name, text in (("scripts/setup", "true"), ("programs/cmake", "mkdir -p build/package/installed"),
+                           ("packaging/make-packages", 'pwd; printf "%s\\n" "$@"')):
+            (checkout / name).write_text(f"#!/bin/sh\n{text}\n")
+            (checkout / name).chmod(0o755)
+        said = subprocess.run([checkout / "scripts/package", "--output", "made", "--sign", "./sign"], cwd=caller, check=True,
+                              capture_output=True, text=True,
+                              env={**os.environ, "PATH": f"{checkout / 'programs'}:{os.environ['PATH']}"}).stdout
+        self.assertEqual(said.splitlines()[:5], [str(caller.resolve()), str((checkout / "build/package/installed").resolve()),
+                                                 str((caller / "made").resolve()), "--sign", "./sign"])
 
 
 BIN = "C:\\Programs\\bin\\"
-BY_HAND = {"FORMERSERVICE": f'"{BIN}corvel_service.exe" --restart-when-stuck', "FORMERSTART": "#3",
+# As Windows Installer reads a text of that kind.
+BY_HAND = {"FORMERSERVICE": f'#%"{BIN}corvel_service.exe" --restart-when-stuck', "FORMERSTART": "#3",
            "FORMERCONFIGURATION": BIN + "CorvelConfig.ini"}
-INSTALLED = {"FORMERSERVICE": f'"{BIN}corvel_service.exe"', "FORMERSTART": "#2",
-             "FORMERCONFIGURATION": BIN + "CorvelConfig.ini", "KEPTSTARTTYPE": "auto", "KEPTSERVICEOPTIONS": "none"}
+INSTALLED = {"FORMERSERVICE": f'#%"{BIN}corvel_service.exe"', "FORMERSTART": "#2",
+             "FORMERCONFIGURATION": BIN + "CorvelConfig.ini", "KEPTSTARTTYPE": "auto", "KEPTSERVICEOPTIONS": "none",
+             "KEPTREGISTRYKEY": "KEPT", "KEPTBUS": "pcie", "KEPTINSTALLFOLDER": "C:\\Programs\\"}
 CONFIGURE = 'configure --registry-key "K" --bus usb --images "I."'
-TAKE_AWAY = "uninstall --unless-flashing"
+TAKE_AWAY = f'uninstall --unless-flashing --programs "{BIN}."'
+TAKE_ALL_AWAY = f'uninstall --unless-flashing --release-key --programs "{BIN}."'
 
 
 class Installer(unittest.TestCase):
@@ -240,7 +279,8 @@ class Installer(unittest.TestCase):
         cls.file = plain_packages() / f"{BASE}.msi"
 
     def run_of(self, **properties):
-        return Run(self.file, **{"BINFOLDER": BIN, "REGISTRYKEY": "K", "BUS": "usb", "IMAGEFOLDER": "I", **properties})
+        return Run(self.file, **{"BINFOLDER": BIN, "REGISTRYKEY": "K", "BUS": "usb", "IMAGEFOLDER": "I", "Privileged": "1",
+                                  "INSTALLFOLDER": "C:\\Programs\\", **properties})
 
     def test_first_installation_leaves_nothing_when_it_fails(self):
         first = self.run_of()
@@ -268,8 +308,8 @@ class Installer(unittest.TestCase):
         self.assertEqual(self.run_of(FORMERCONFIGURATION=BIN + "CorvelConfig.ini").steps_back, ["uninstall"])
 
     def test_service_of_another_folder_is_left_alone(self):
-        with self.assertRaisesRegex(Refused, "from another folder: E:.*corvel_service uninstall"):
-            self.run_of(**{**BY_HAND, "FORMERSERVICE": "E:\\Tools\\corvel_service.exe"})
+        with self.assertRaisesRegex(Refused, "behind the #% here: #%E:.*corvel_service uninstall"):
+            self.run_of(**{**BY_HAND, "FORMERSERVICE": "#%E:\\Tools\\corvel_service.exe"})
         self.run_of(**{**BY_HAND, "FORMERSERVICE": BY_HAND["FORMERSERVICE"].lower()})
 
     def test_upgrade_takes_over_what_was_told_and_puts_back_what_was_there(self):
@@ -280,6 +320,39 @@ class Installer(unittest.TestCase):
         self.assertEqual(old.steps, [TAKE_AWAY, Run.FILES])
         self.assertEqual(old.steps_back, ["install --start auto", "start"])
         self.assertNotIn("LEFTOVERS", old.properties)
+
+    def test_upgrade_goes_into_no_other_folder(self):
+        upgrade = {**INSTALLED, "WIX_UPGRADE_DETECTED": "{1}"}
+        with self.assertRaisesRegex(Refused, r"installed in C:.Programs.* and stays there"):
+            self.run_of(**upgrade, INSTALLFOLDER="D:\\Others\\")
+        self.run_of(**upgrade, INSTALLFOLDER="c:\\programs\\")
+
+    def test_what_was_told_of_the_configuration_holds_too(self):
+        """Where somebody has deleted it."""
+        repair = self.run_of(**INSTALLED, Installed="1", REGISTRYKEY="", BUS="")
+        self.assertIn(CONFIGURE.replace('"K"', '"KEPT"').replace("usb", "pcie"), repair.steps)
+        first = self.run_of(REGISTRYKEY="", BUS="")
+        self.assertIn(CONFIGURE.replace('"K"', '"HKLM\\SOFTWARE\\Quenta\\FlashService"'), first.steps)
+        kept = {row[3]: row[4] for row in table(self.file, "Registry")}
+        self.assertEqual((kept["RegistryKey"], kept["Bus"]), ("[REGISTRYKEY]", "[BUS]"))
+
+    def test_no_words_of_a_callers_own_reach_what_the_system_runs(self):
+        for name, value in (("BUS", 'usb --registry-key "X'), ("STARTTYPE", "auto --restrict"), ("REGISTRYKEY", 'K" --bus "usb'),
+                            ("IMAGEFOLDER", 'I" --bus "usb'), ("SERVICEOPTIONS", "--restrict & calc"), ("Privileged", "")):
+            with self.subTest(name), self.assertRaises(Refused):
+                self.run_of(**{name: value})
+        for options in ("none", "--restrict", "--restart-when-stuck", "--restart-when-stuck --restrict"):
+            self.run_of(SERVICEOPTIONS=options)
+        self.run_of(**{**BY_HAND, "FORMERSERVICE": f'#%"{BIN}corvel_service.exe"', "FORMERIDENTITY": "#1"})
+
+    def test_needs_windows_10(self):
+        """Whose version the installer does not tell from that of Windows 8.1; the build's number does."""
+        condition, = (row[0] for row in table(self.file, "LaunchCondition") if "VersionNT64" in row[0])
+        self.assertTrue(holds(condition, {"VersionNT64": "603", "SYSTEMBUILD": "10240"}))
+        self.assertTrue(holds(condition, {"VersionNT64": "603", "SYSTEMBUILD": "22631"}))
+        self.assertFalse(holds(condition, {"VersionNT64": "603", "SYSTEMBUILD": "9600"}))
+        self.assertFalse(holds(condition, {"SYSTEMBUILD": "19045"}))
+        self.assertTrue(holds(condition, {"Installed": "1"}))
 
     def test_old_version_goes_within_the_transaction_when_no_step_waits(self):
         """Windows Installer refuses the whole installation otherwise (its error 2613)."""
@@ -299,7 +372,7 @@ class Installer(unittest.TestCase):
 
     def test_removal_takes_what_was_left_and_puts_the_service_back_when_it_fails(self):
         removal = self.run_of(**INSTALLED, Installed="1", REMOVE="ALL")
-        self.assertEqual(removal.steps, [TAKE_AWAY, Run.FILES])
+        self.assertEqual(removal.steps, [TAKE_ALL_AWAY, Run.FILES])
         self.assertEqual(removal.steps_back, ["install --start auto", "start"])
         self.assertEqual(removal.properties["LEFTOVERS"], BIN)
 

@@ -38,6 +38,8 @@ using namespace std::chrono_literals;
 
 constexpr wchar_t kOwnKey[] = L"SOFTWARE\\Corvel\\Toolkit";
 constexpr int kLongestInstallationSeconds = 300;
+/// What is refused by the installed program, when its files are there.
+constexpr wchar_t kRefusedKey[] = L"REGISTRYKEY=HKXX\\Corvel";
 /// What an installation ends with that failed; Wine has another code for it.
 const int kFailure = RunsUnderWine() ? ERROR_FUNCTION_FAILED : ERROR_INSTALL_FAILURE;
 
@@ -101,8 +103,11 @@ struct Package {
 void TellInstallerOfSystem() {
   if (!RunsUnderWine()) return;
   constexpr wchar_t kVersion[] = L"win10";
+  constexpr wchar_t kBuild[] = L"19045";
   ::RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\msiexec.exe", L"Version", REG_SZ,
                     kVersion, sizeof kVersion);
+  ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
+                    L"CurrentBuildNumber", REG_SZ, kBuild, sizeof kBuild);
 }
 
 class InstallerTest : public testing::Test {
@@ -124,11 +129,11 @@ class InstallerTest : public testing::Test {
     ChildProcess installer(fs::path(system.data()) / L"msiexec.exe", words);
     return installer.WaitForEnd(std::chrono::seconds(kLongestInstallationSeconds)).value_or(-1);
   }
-  int Install(const Package& package, const std::wstring& start, const std::wstring& bus = L"pcie",
+  int Install(const Package& package, const std::wstring& start,
               const std::wstring& options = L"none") const {
     return InstallHere(package,
                        {L"IMAGEFOLDER=" + Images().wstring(), L"REGISTRYKEY=" + ToWide(key.Location().Text()),
-                        L"BUS=" + bus, L"STARTTYPE=" + start, L"SERVICEOPTIONS=" + options});
+                        L"BUS=pcie", L"STARTTYPE=" + start, L"SERVICEOPTIONS=" + options});
   }
   int InstallHere(const Package& package, std::vector<std::wstring> properties = {}) const {
     properties.push_back(L"INSTALLFOLDER=" + Folder().wstring());
@@ -264,6 +269,7 @@ TEST_F(InstallerTest, InstallsWhatItIsToldFlashesAndLeavesNothing) {
   EXPECT_EQ(Remove(old), 0);
   EXPECT_FALSE(ServiceExists());
   EXPECT_FALSE(OwnKeyExists());
+  EXPECT_FALSE(key.Exists());
   for (const wchar_t* name : {L"corvel_service.exe", L"corvel_cmdline.exe", L"CorvelToolKit.dll",
                               kConfigurationName, kHistoryName}) {
     EXPECT_FALSE(fs::exists(Programs() / name)) << ToUtf8(name);
@@ -309,6 +315,55 @@ TEST_F(InstallerTest, LeavesWhatIsUsedToANewerVersionThatTakesItsPlace) {
   EXPECT_FALSE(ServiceExists());
   EXPECT_FALSE(fs::exists(Programs() / L"corvel_service.exe"));
   ExpectIsLeft(Programs(), configuration);
+}
+
+TEST_F(InstallerTest, UpgradesIntoNoOtherFolder) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration());
+
+  EXPECT_NE(Upgrade(fresh, {L"INSTALLFOLDER=" + (Place() / L"elsewhere").wstring()}), 0);
+
+  EXPECT_TRUE(IsInstalled(old));
+  EXPECT_FALSE(fs::exists(Place() / L"elsewhere"));
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  EXPECT_TRUE(ServiceExists());
+}
+
+TEST_F(InstallerTest, TakesNoWordsThatItDoesNotKnow) {
+  for (const wchar_t* property : {L"BUS=by-magic", L"STARTTYPE=never", L"SERVICEOPTIONS=--force"}) {
+    EXPECT_NE(InstallHere(old, {property}), 0) << ToUtf8(property);
+    EXPECT_FALSE(fs::exists(Programs()));
+  }
+}
+
+TEST_F(InstallerTest, IsNotInstalledOnAnOlderWindows) {
+  if (!RunsUnderWine()) GTEST_SKIP() << "the system's own number stays as it is";
+  constexpr wchar_t kOfWindows81[] = L"9600";
+  ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
+                    L"CurrentBuildNumber", REG_SZ, kOfWindows81, sizeof kOfWindows81);
+  EXPECT_NE(InstallHere(old), 0);
+  EXPECT_FALSE(ServiceExists());
+}
+
+TEST_F(InstallerTest, MakesALostConfigurationAnewAsItWasTold) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration());
+  fs::remove(Configuration());
+
+  EXPECT_EQ(Repair(old), 0);
+
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+}
+
+TEST_F(InstallerTest, DoesNotUpgradeWhileAServiceInATerminalFlashes) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const ServingNotice inTerminal(Server::Service, key.Location());
+  key.Write(kReadyValue, 1);
+
+  EXPECT_EQ(Upgrade(fresh), kFailure);
+
+  EXPECT_FALSE(IsInstalled(fresh));
+  EXPECT_TRUE(ServiceExists());
 }
 
 TEST_F(InstallerTest, NeitherRepairsNorRemovesWhileAModemIsFlashed) {
@@ -362,7 +417,7 @@ TEST_F(InstallerTest, RepairsWhatIsDamagedAndKeepsTheConfiguration) {
 }
 
 TEST_F(InstallerTest, TakesAFailedInstallationBack) {
-  EXPECT_EQ(Install(old, L"demand", L"by-magic"), kFailure);
+  EXPECT_EQ(InstallHere(old, {kRefusedKey}), kFailure);
 
   EXPECT_FALSE(IsInstalled(old));
   EXPECT_FALSE(ServiceExists());
@@ -407,7 +462,7 @@ TEST_F(InstallerTest, AFailedInstallationLeavesADeploymentByHandAlone) {
   const std::string configuration = TextOf(Configuration());
   const ServiceEntry before = Entry();
 
-  EXPECT_EQ(InstallHere(old, {L"BUS=by-magic"}), kFailure);
+  EXPECT_EQ(InstallHere(old, {kRefusedKey}), kFailure);
 
   EXPECT_FALSE(IsInstalled(old));
   ExpectIsLeft(Programs(), configuration);
@@ -424,7 +479,7 @@ TEST_F(InstallerTest, AFailedInstallationLeavesAConfigurationWithoutAServiceAlon
   ASSERT_EQ(Service({L"uninstall"}), 0);
   const std::string configuration = TextOf(Configuration());
 
-  EXPECT_EQ(InstallHere(old, {L"BUS=by-magic"}), kFailure);
+  EXPECT_EQ(InstallHere(old, {kRefusedKey}), kFailure);
 
   EXPECT_FALSE(ServiceExists());
   ExpectIsLeft(Programs(), configuration);
@@ -463,7 +518,7 @@ TEST_F(InstallerTest, LeavesAServiceOfAnotherFolderAlone) {
 
 TEST_F(InstallerTest, GivesTheServiceTheOptionsThatItIsToldAndKeepsThem) {
   const auto restarts = [] { return Entry().command.find(L"\" --restart-when-stuck") != std::wstring::npos; };
-  ASSERT_EQ(Install(old, L"demand", L"pcie", L"--restart-when-stuck"), 0);
+  ASSERT_EQ(Install(old, L"demand", L"--restart-when-stuck"), 0);
   EXPECT_TRUE(restarts());
   EXPECT_EQ(Upgrade(fresh), 0);
   EXPECT_TRUE(restarts());
@@ -479,7 +534,7 @@ TEST_F(InstallerTest, TakesAFailedUpgradeBack) {
   ASSERT_EQ(Install(old, L"demand"), 0);
   const std::string configuration = TextOf(Configuration());
 
-  EXPECT_EQ(Upgrade(fresh, {L"BUS=by-magic"}), kFailure);
+  EXPECT_EQ(Upgrade(fresh, {kRefusedKey}), kFailure);
 
   EXPECT_FALSE(IsInstalled(fresh));
   // Wine removes the old version in a transaction of its own, which it does not take back.

@@ -520,6 +520,51 @@ TEST(RecordStoreTest, JobsTakeOfTheRoomOfTheTraces) {
   EXPECT_LT(log.Kept(300'000).size(), all);
 }
 
+TEST(RecordStoreTest, AFullPageHasNoOthers) {
+  Log log("test.log", PageLimits{.others = 8000, .bytes = 600'000});
+  log.Take(LogText().Error("A::B", "error").Trace("A::B", "trace").Text());
+  log.Finish();
+
+  EXPECT_THAT(Messages(log, [](const KeptRecord& record) { return record.leftOut == 0; }), SizeIs(2));
+  log.Kept(600'000);
+  EXPECT_THAT(Messages(log, [](const KeptRecord& record) { return record.leftOut == 0; }),
+              ElementsAre("error"));
+}
+
+TEST(RecordStoreTest, OfStagesThatThereIsNoRoomForTheOldestAreLeftOutAndTold) {
+  constexpr int kStages = 3000;
+  Log log("test.log", PageLimits{.others = 100, .bytes = 20'000});
+  log.Take(LogText().Error("A::B", "error").Warning("A::B", "warning").Text());
+  for (int i = 0; i < kStages; ++i) {
+    log.Take(LogText().At(i).Job("\t Start a new loop process...").Trace("A::B", "trace").Text());
+  }
+  log.Finish();
+
+  std::uint64_t all = 0;
+  int stages = 0;
+  for (const KeptRecord& record : log.Kept()) {
+    all += record.leftOut == 0 ? 1 : record.leftOut;
+    stages += record.IsStage() ? 1 : 0;
+  }
+  EXPECT_EQ(log.Kept()[0].message, "error");
+  EXPECT_EQ(log.Kept()[1].message, "warning");
+  EXPECT_GT(log.Kept()[2].leftOut, 1000U);
+  EXPECT_TRUE(log.Kept()[3].IsStage()) << "the newest stay";
+  EXPECT_EQ(all, 2U + 2 * kStages);
+  EXPECT_GT(stages, 500);
+  EXPECT_LT(stages, 1500);
+}
+
+TEST(RecordStoreTest, TextsAreNotShortenedWhereTheyTakeNoRoom) {
+  Log log("test.log", PageLimits{.others = 100, .bytes = 20'000});
+  for (int i = 0; i < 3000; ++i) {
+    log.Take(LogText().Error("A::B", Filled("error", 500)).Text());
+  }
+  log.Finish();
+
+  EXPECT_EQ(log.Kept().back().message.size(), 500U);
+}
+
 TEST(RecordStoreTest, WhoAsksForAllGetsAll) {
   Log log("test.log", PageLimits{.others = 9000, .bytes = std::numeric_limits<std::size_t>::max()});
   for (int i = 0; i < 5000; ++i) {

@@ -557,7 +557,8 @@ function drawTimeline(job) {
   const legend = Object.keys(markNames).filter((kind) => seen.has(kind)).map((kind) =>
     html("li", {}, svg("svg", {viewBox: "-6 -6 12 12", class: `mark ${kind}`}, svg("path", {d: markShapes[kind]})), markNames[kind]));
   if (limits.length > 0) {
-    legend.push(html("li", {}, svg("svg", {viewBox: "-6 -6 12 12"}, svg("line", {class: "dash", y1: -6, y2: 6})), "time limit"));
+    const line = svg("line", {class: limits.some(({isNear}) => isNear) ? "dash" : "dash spare", y1: -6, y2: 6});
+    legend.push(html("li", {}, svg("svg", {viewBox: "-6 -6 12 12"}, line), "time limit"));
   }
   const kinds = [...new Set(job.stages.filter((stage) => stage[3] >= length / 400).map((stage) => stage[0]))].sort((a, b) => a - b);
   const swatches = kinds.map((kind) => {

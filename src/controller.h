@@ -83,10 +83,15 @@ struct FlashValues {
     if (Is(FlashResult::Flashing)) return onGoing == 1u || ready == 1u;
     return ready == 1u && (Is(FlashResult::Failed) || Is(FlashResult::Succeeded));
   }
+  /// Whether nobody has written anything else meanwhile.
+  bool AreSameAs(const FlashValues& other) const {
+    return ready == other.ready && retryTimes == other.retryTimes && timeOut == other.timeOut &&
+           onGoing == other.onGoing && progress == other.progress && result == other.result;
+  }
 };
 
-/// Reads all values, one after the other.
-/// @param path below the key; null for the key itself.
+/// Reads all values, one after the other, in the 64-bit view of the registry.
+/// @param path below the key; null for the key itself, which has to be open in that view.
 FlashValues ReadFlashValues(HKEY key, const wchar_t* path = nullptr);
 
 /// Signals an event whenever a value under a key changes. Arm first, then look, then wait: a change between
@@ -148,7 +153,8 @@ struct FlashRequest {
   /// Called by the calling thread whenever something has changed, and once before. May throw: the request
   /// then stays as it is.
   std::function<void(const FlashValues&)> onProgress = nullptr;
-  /// An event of the caller's that ends the wait; null for none.
+  /// An event of the caller's that ends the wait; null for none. When it is signalled already, nothing is
+  /// asked for.
   HANDLE cancellation = nullptr;
 };
 
@@ -179,7 +185,11 @@ inline std::optional<std::uint32_t> ReadNumber(HKEY key, const wchar_t* path, co
                                                DWORD& error) {
   DWORD value = 0;
   DWORD size = sizeof value;
-  const LSTATUS status = ::RegGetValueW(key, path, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+  // RRF_SUBKEY_WOW6464KEY, which some sets of the system's headers lack: where the service looks, also when
+  // this program is built for 32 bits.
+  constexpr DWORD kSubkeyIn64BitView = 0x00010000;
+  const DWORD flags = RRF_RT_REG_DWORD | (path != nullptr ? kSubkeyIn64BitView : 0);
+  const LSTATUS status = ::RegGetValueW(key, path, name, flags, nullptr, &value, &size);
   if (status == ERROR_SUCCESS) return value;
   if (status != ERROR_FILE_NOT_FOUND && status != ERROR_UNSUPPORTED_TYPE) error = static_cast<DWORD>(status);
   return std::nullopt;
@@ -202,6 +212,9 @@ class Request {
   Request& operator=(const Request&) = delete;
 
   FlashOutcome Run() {
+    if (IsCancelledAlready())
+      return {FlashEnding::Cancelled, ReadFlashValues(m_Location.root, m_Location.path.c_str()),
+              ERROR_SUCCESS};
     if (const DWORD error = Raise()) return {FlashEnding::Refused, {}, error};
     m_Begin = m_LastChange = AwakeMs();
     for (;;) {
@@ -214,6 +227,11 @@ class Request {
   }
 
  private:
+  bool IsCancelledAlready() const {
+    return m_Wishes.cancellation != nullptr &&
+           ::WaitForSingleObject(m_Wishes.cancellation, 0) == WAIT_OBJECT_0;
+  }
+
   DWORD Raise() {
     // The 64-bit view, where the service looks, also when this program is built for 32 bits.
     constexpr REGSAM kAccess = KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_NOTIFY | KEY_WOW64_64KEY;
@@ -259,18 +277,24 @@ class Request {
     const DWORD count = m_Wishes.cancellation != nullptr ? 2 : 1;
     switch (::WaitForMultipleObjects(count, events, FALSE, MsUntil((std::min)(silenceEnds, limitEnds)))) {
       case WAIT_OBJECT_0:
-        m_IsTaken = true;
-        m_LastChange = AwakeMs();
-        return std::nullopt;
+        return NoteChange();
       case WAIT_OBJECT_0 + 1:
         return FlashEnding::Cancelled;
       case WAIT_TIMEOUT:
+        // Somebody may have taken it just now, and must not have it taken away again.
+        if (!m_IsTaken && !ReadFlashValues(m_Key).AreSameAs(values)) return NoteChange();
         if (!m_IsTaken) return FlashEnding::NotTaken;
         return silenceEnds <= limitEnds ? FlashEnding::Silent : FlashEnding::TimedOut;
       default:
         m_Error = ::GetLastError();
         return FlashEnding::Refused;
     }
+  }
+
+  std::optional<FlashEnding> NoteChange() {
+    m_IsTaken = true;
+    m_LastChange = AwakeMs();
+    return std::nullopt;
   }
 
   static DWORD MsUntil(std::uint64_t end) {

@@ -5,6 +5,7 @@
 // The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
 // 3 no end (no service took the request, it fell silent, the time limit passed, or Ctrl+C), 4 the registry
 // refused.
+// Run against a played service and a simulated modem, under Wine; not yet on Windows.
 
 #include <cstdio>
 #include <cwchar>
@@ -76,6 +77,8 @@ int wmain(int count, wchar_t** words) {
   request.cancellation = g_interruption;
   const corvel::FlashOutcome outcome = corvel::Flash(*key, request);
   const Text text = TextOf(outcome.ending);
-  std::fprintf(text.status < 2 ? stdout : stderr, "%s\n", text.words);
+  std::fprintf(text.status < 2 ? stdout : stderr, "%s", text.words);
+  if (outcome.error != ERROR_SUCCESS) std::fprintf(stderr, " (%lu)", outcome.error);
+  std::fputc('\n', text.status < 2 ? stdout : stderr);
   return text.status;
 }

@@ -5,6 +5,7 @@
 // The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
 // 3 no end (no service took the request, it fell silent, the time limit passed, or Ctrl+C), 4 the registry refused.
 // Built by any compiler of C# 5 or later: csc controller.cs key_watch.cs
+// Compiled and run with Mono, on a stand-in of the registry; not yet on Windows.
 using System;
 using System.Text.RegularExpressions;
 using Microsoft.Win32;
@@ -53,8 +54,8 @@ public static class Controller {
             watch.Arm();  // first, then look, then wait: a change between the look and the wait ends the wait
             long ready = Read(key, "Fls_Ready"), result = Read(key, "Flash_Result"), timeOut = Read(key, "Time_Out");
             changed |= result != before;
-            if (ready != 1) return Tell(changed ? result : -1);  // a result from before the request says nothing of it
             Console.WriteLine("Flash_Result {0}, {1} %", result, Read(key, "Flash_Progress"));
+            if (ready != 1) return Tell(changed ? result : -1);  // a result from before the request says nothing of it
             long silenceEnds = lastChange + (!taken ? LongestToTakeMs : timeOut > 0 ? timeOut : UsualTimeOutMs);
             if (watch.Wait(Math.Min(silenceEnds, limitEnds) - KeyWatch.AwakeMs())) {
                 taken = true;  // only a change behind the request tells that somebody took it

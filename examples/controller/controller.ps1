@@ -5,6 +5,7 @@
 # The images lie in the service's folder already. Exit status: 0 flashed, 1 failed, 2 wrong usage,
 # 3 no end (no service took the request, it fell silent, or the time limit passed), 4 the registry refused.
 # Needs key_watch.cs beside it: PowerShell itself cannot wait for a change of a key.
+# Compared with the ones in C++ and C#, word for word and step by step; not yet run.
 
 #Requires -Version 5.1
 param([string] $Key, [string] $Seconds = '900')
@@ -24,9 +25,14 @@ if (@('HKLM', 'HKCU', 'HKU') -cnotcontains $root -or -not $path -or $args.Count 
     Write-Problem "usage: controller.ps1 -Key HKLM\KEY [-Seconds SECONDS]`nSECONDS: 1 to 1000000"
     exit 2
 }
+$needed = Join-Path $PSScriptRoot 'key_watch.cs'
+if (-not (Test-Path $needed)) {
+    Write-Problem "$needed is missing."
+    exit 2
+}
 $asked = $false; $taken = $false; $changed = $false
 try {
-    if (-not ('KeyWatch' -as [type])) { Add-Type -Path (Join-Path $PSScriptRoot 'key_watch.cs') }
+    if (-not ('KeyWatch' -as [type])) { Add-Type -Path $needed }
     # The 64-bit view, where the service looks, also in a PowerShell of 32 bits.
     $registry = [Microsoft.Win32.RegistryKey]::OpenBaseKey($hives[$root], 'Registry64').CreateSubKey($path)
     $watch = New-Object KeyWatch $registry
@@ -38,8 +44,8 @@ try {
         $watch.Arm()  # first, then look, then wait: a change between the look and the wait ends the wait
         $ready = Read-Value Fls_Ready; $result = Read-Value Flash_Result; $timeOut = Read-Value Time_Out
         $changed = $changed -or $result -ne $before
-        if ($ready -ne 1) { break }
         Write-Output ('Flash_Result {0}, {1} %' -f $result, (Read-Value Flash_Progress))
+        if ($ready -ne 1) { break }
         $silenceEnds = $lastChange + $(if (-not $taken) { $longestToTake } elseif ($timeOut -gt 0) { $timeOut } else { $usualTimeOut })
         $ends = [Math]::Min($silenceEnds, $limitEnds)
         # In pieces, because PowerShell hears Ctrl+C between them alone.

@@ -53,13 +53,15 @@ std::string Bar(std::uint32_t percent) {
 std::string LiveLine(const Progress& now, std::size_t columns) {
   const std::string stage = Padded(now.stage, std::max(kStageWidth, now.stage.size()));
   const std::string percent = PaddedLeft(std::to_string(now.percent) + " %", kPercentWidth);
-  const std::string attempt = "  attempt " + std::to_string(now.attempt);
+  const std::string number = std::to_string(now.attempt);
+  const std::string attempt = "  attempt " + number;
   const std::string seconds = "  " + std::to_string(now.elapsedSeconds) + " s";
   const std::string limit =
       now.remainingSeconds ? ", limit in " + std::to_string(*now.remainingSeconds) + " s" : "";
   const std::array lines{stage + " " + Bar(now.percent) + " " + percent + attempt + seconds + limit,
                          stage + " " + Bar(now.percent) + " " + percent + attempt + seconds,
-                         stage + " " + percent + attempt + seconds, stage + " " + percent + seconds};
+                         stage + " " + percent + attempt + seconds,
+                         stage + " " + percent + "  #" + number + seconds, stage + " " + percent + seconds};
   // A line that wraps cannot be written over, and one that fills the last column may wrap.
   const std::size_t width = std::max<std::size_t>(columns, 1) - 1;
   const auto fitting =

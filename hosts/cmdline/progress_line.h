@@ -20,7 +20,7 @@ struct Progress {
   std::optional<long long> remainingSeconds = std::nullopt;
 };
 /// The live line of a terminal of so many columns. It is one narrower, whatever it tells, and leaves out what
-/// does not fit: first the limit, then the bar, then the attempt.
+/// does not fit: first the limit, then the bar, then the word "attempt", then its number.
 std::string LiveLine(const Progress& now, std::size_t columns);
 
 /// A live line on standard error, which is a terminal.

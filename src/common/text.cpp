@@ -21,14 +21,20 @@ namespace corvel {
 
 namespace {
 
-std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
+/// In a text's place, whose room is used again.
+void PutNarrowFromWide(std::string& narrow, UINT codePage, std::wstring_view text) {
   const LastErrorKeeper keep;
   const int wideLength = static_cast<int>(text.size());
   const int length =
       ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, nullptr, 0, nullptr, nullptr);
-  if (length < 1) return {};
-  std::string narrow(static_cast<std::size_t>(length), '\0');
-  ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, narrow.data(), length, nullptr, nullptr);
+  narrow.resize(static_cast<std::size_t>(std::max(length, 0)));
+  if (length > 0)
+    ::WideCharToMultiByte(codePage, 0, text.data(), wideLength, narrow.data(), length, nullptr, nullptr);
+}
+
+std::string NarrowFromWide(UINT codePage, std::wstring_view text) {
+  std::string narrow;
+  PutNarrowFromWide(narrow, codePage, text);
   return narrow;
 }
 
@@ -104,6 +110,10 @@ std::wstring WideFromUtf8(std::string_view text) {
 
 std::string Utf8FromWide(std::wstring_view text) {
   return NarrowFromWide(CP_UTF8, text);
+}
+
+void PutUtf8FromWide(std::string& utf8, std::wstring_view text) {
+  PutNarrowFromWide(utf8, CP_UTF8, text);
 }
 
 std::string AnsiFromWide(std::wstring_view text) {

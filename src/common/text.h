@@ -14,6 +14,8 @@ namespace corvel {
 std::wstring WideFromUtf8(std::string_view text);
 std::string Utf8FromWide(std::wstring_view text);
 std::string AnsiFromWide(std::wstring_view text);
+/// Encodes UTF-8 in a text's place; leaves it empty when that fails. The last error survives.
+void PutUtf8FromWide(std::string& utf8, std::wstring_view text);
 
 /// Print with the C runtime's printf to any length; the narrow ones take positional parameters too. Nothing
 /// when the runtime refuses (a wide character that the locale lacks, mixed positional parameters).

@@ -48,6 +48,7 @@ struct ControllerCase {
         steps(document.at("steps").get<Words>()),
         exitCode(document.at("exit").get<int>()),
         says(document.at("says").get<Words>()),
+        prints(document.value("prints", Words())),
         flag(document.at("flag").get<std::uint32_t>()),
         lasts(document.value("ms", 0)) {}
 
@@ -57,6 +58,7 @@ struct ControllerCase {
   Words steps;  ///< of the service, one after each look of the controlling program
   int exitCode;
   Words says;
+  Words prints;                     ///< line by line; empty: not looked at
   std::uint32_t flag;               ///< that it leaves
   std::chrono::milliseconds lasts;  ///< the wait for the end, at least
 };
@@ -107,6 +109,11 @@ TEST_P(ControllerExampleTest, DoesWhatEveryControllingProgramDoes) {
   const auto took = std::chrono::steady_clock::now() - begin;
   for (const std::string& text : expected.says) {
     EXPECT_THAT(controller.Output() + controller.Errors(), HasSubstr(text));
+  }
+  std::string printed;
+  for (const std::string& line : expected.prints) printed += line + "\r\n";
+  if (!printed.empty()) {
+    EXPECT_EQ(controller.Output(), printed);
   }
   EXPECT_EQ(key.Read().ready, expected.flag);
   // It has begun to wait a little before this test has.

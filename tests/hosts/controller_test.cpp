@@ -10,6 +10,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hosts/common/owners.h"
@@ -148,6 +149,14 @@ TEST_F(CancelledControllerTest, TakesTheRequestBackBeforeAnybodyTookIt) {
   EXPECT_EQ(key.Read().ready, 0u);
 }
 
+TEST_F(CancelledControllerTest, AsksForNothingWhenItIsCancelledAlready) {
+  ::SetEvent(cancellation.get());
+  const FlashOutcome outcome = FlashBeside({}, 60s, cancellation.get());
+  EXPECT_EQ(outcome.ending, FlashEnding::Cancelled);
+  EXPECT_FALSE(key.Read().ready.has_value());
+  EXPECT_TRUE(seen.empty());
+}
+
 TEST_F(CancelledControllerTest, LeavesAFlashAlone) {
   const FlashOutcome outcome = FlashBeside({Writes(1), Cancels()}, 60s, cancellation.get());
   EXPECT_EQ(outcome.ending, FlashEnding::Cancelled);
@@ -204,6 +213,39 @@ TEST_F(ControllerTest, UsesTheViewOfTheService) {
   corvel::FlashKeyWatch watch({HKEY_CURRENT_USER, L"Software\\Corvel\\Test"});
   EXPECT_EQ(watch.Arm(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
   EXPECT_THAT(accesses, ElementsAre(KEY_WOW64_64KEY, KEY_WOW64_64KEY));
+}
+
+TEST_F(ControllerTest, ReadsTheViewOfTheService) {
+  static std::vector<DWORD> views;
+  views.clear();
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace(
+      "RegGetValueW", +[](HKEY, LPCWSTR, LPCWSTR, DWORD flags, LPDWORD, PVOID, LPDWORD) -> LSTATUS {
+        constexpr DWORD kSubkeyIn64BitView = 0x00010000;
+        views.push_back(flags & kSubkeyIn64BitView);
+        return ERROR_FILE_NOT_FOUND;
+      });
+  corvel::ReadFlashValues(HKEY_CURRENT_USER, L"Software\\Corvel\\Test");
+  EXPECT_THAT(views, testing::AllOf(testing::SizeIs(6), testing::Each(0x00010000)));
+}
+
+/// A service may take the request when the time for it is just over.
+TEST_F(ControllerTest, LeavesAJobThatWasTakenAtTheLastMoment) {
+  static const simulator::KeptKey* taken;
+  static bool isTaken;
+  taken = &key;
+  isTaken = false;
+  simulator::ImportPatch patch(::GetModuleHandleW(nullptr));
+  patch.Replace(
+      "WaitForMultipleObjects", +[](DWORD count, const HANDLE* events, BOOL all, DWORD limit) -> DWORD {
+        const auto wait = reinterpret_cast<decltype(&::WaitForMultipleObjects)>(
+            ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "WaitForMultipleObjects"));
+        if (std::exchange(isTaken, true)) return wait(count, events, all, limit);
+        taken->Write(L"Flash_Result", 1);
+        return WAIT_TIMEOUT;
+      });
+  EXPECT_EQ(FlashBeside({}, 200ms).ending, FlashEnding::TimedOut);
+  EXPECT_EQ(key.Read().ready, 1u);
 }
 
 TEST(FlashKeyTest, IsReadFromTheTextOfAConfiguration) {

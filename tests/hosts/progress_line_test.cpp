@@ -33,7 +33,8 @@ TEST(LiveLineTest, TellsStageBarAttemptAndBothTimes) {
 TEST(LiveLineTest, LeavesOutWhatANarrowWindowDoesNotHold) {
   EXPECT_EQ(LiveLine(kWriting, 70), "writing            [########........]  50 %  attempt 2  14 s         ");
   EXPECT_EQ(LiveLine(kWriting, 50), "writing             50 %  attempt 2  14 s        ");
-  EXPECT_EQ(LiveLine(kWriting, 40), "writing             50 %  14 s         ");
+  EXPECT_EQ(LiveLine(kWriting, 40), "writing             50 %  #2  14 s     ");
+  EXPECT_EQ(LiveLine(kWriting, 33), "writing             50 %  14 s  ");
   EXPECT_EQ(LiveLine(kWriting, 20), "writing            ");
 }
 

@@ -52,6 +52,8 @@ class ControllerTest(unittest.TestCase):
                 self.assertEqual(done.returncode, case["exit"], done)
                 for text in case["says"]:
                     self.assertIn(text, done.stdout + done.stderr)
+                if "prints" in case:
+                    self.assertEqual(done.stdout.splitlines()[:len(case["prints"])], case["prints"])
                 self.assertIn(f"Fls_Ready is left at {case['flag']}, ", done.stdout)
                 if "ms" in case:
                     self.assertIn(f", {case['ms']} ms after the last change", done.stdout)

@@ -134,20 +134,21 @@ double NanosecondsOfRun(const ProgramFolder& folder, const wchar_t* program, con
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// A host that idles, with a library or without one: what it takes. It has a name that no other process has.
+/// A host that idles, with a library or without one: what it takes. In each round it has a name that no other
+/// process has, the one of the round before included, which may take a moment to go.
 class IdleHost {
  public:
-  IdleHost(const ProgramFolder& folder, const std::wstring& name, Words library)
+  IdleHost(const ProgramFolder& folder, std::wstring name, Words library, int rounds)
       : m_Folder(folder),
-        m_Program(name + Number(static_cast<int>(::GetCurrentProcessId())) + L".exe"),
+        m_Name(std::move(name) + Number(static_cast<int>(::GetCurrentProcessId()))),
         m_Library(std::move(library)) {
-    folder.Bring(kService, m_Program);
+    for (int round = 0; round < rounds; ++round) folder.Bring(kService, Program(round));
   }
 
-  void Idle(int seconds) try {
+  void Idle(int round, int seconds) try {
     Words words{L"idle", Number(seconds)};
     words.insert(words.end(), m_Library.begin(), m_Library.end());
-    const std::vector<double> numbers = NumbersIn(m_Folder.Run(m_Program, words));
+    const std::vector<double> numbers = NumbersIn(m_Folder.Run(Program(round), words));
     if (numbers.size() != kNumbers) throw std::runtime_error("the idling host tells nothing");
     for (std::size_t i = 0; i < kNumbers; ++i) m_Numbers[i].push_back(numbers[i]);
   } catch (...) {
@@ -160,8 +161,10 @@ class IdleHost {
   }
 
  private:
+  std::wstring Program(int round) const { return m_Name + L"_" + Number(round) + L".exe"; }
+
   const ProgramFolder& m_Folder;
-  std::wstring m_Program;
+  std::wstring m_Name;
   Words m_Library;
   static constexpr std::size_t kNumbers = 3;
   std::array<std::vector<double>, kNumbers> m_Numbers;
@@ -211,13 +214,13 @@ TEST_CASE("Idling") {
   const std::string empty = "a host without the library";
   const ProgramFolder folder;
   // All copies are made before the first program is started: it would inherit a file that is being written.
-  IdleHost subject(folder, L"idle_l", {hosts::kLibraryName});
-  IdleHost bare(folder, L"idle_b", {kBareLibrary});
-  IdleHost alone(folder, L"idle_h", {});
+  IdleHost subject(folder, L"idl", {hosts::kLibraryName}, rounds);
+  IdleHost bare(folder, L"idb", {kBareLibrary}, rounds);
+  IdleHost alone(folder, L"idh", {}, rounds);
   for (int round = 0; round < rounds; ++round) {
     std::vector<std::jthread> threads;
     for (IdleHost* const host : {&subject, &bare, &alone})
-      threads.emplace_back([host, seconds] { host->Idle(seconds); });
+      threads.emplace_back([host, round, seconds] { host->Idle(round, seconds); });
   }
   const auto keep = [&](const Comparison& row, std::size_t number, const IdleHost& floor) {
     Keep(row, subject.Numbers(number), floor.Numbers(number));

@@ -96,7 +96,8 @@ bool RunsUnderWine() {
   return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
 
-/// The system below knows this process by the program's name, cut; the name is this process's alone.
+/// The system below knows this process by the program's name, cut; the name up to there is this process's
+/// alone.
 std::filesystem::path FindEntryOfThisProcess() {
   constexpr std::size_t kLongestName = 15;
   const std::string name =

@@ -330,9 +330,12 @@ TEST_F(InstallerTest, UpgradesIntoNoOtherFolder) {
 }
 
 TEST_F(InstallerTest, TakesNoWordsThatItDoesNotKnow) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand"}));
+  WriteText(Programs() / L"corvel_cmdline.exe", "of before");
   for (const wchar_t* property : {L"BUS=by-magic", L"STARTTYPE=never", L"SERVICEOPTIONS=--force"}) {
     EXPECT_NE(InstallHere(old, {property}), 0) << ToUtf8(property);
-    EXPECT_FALSE(fs::exists(Programs()));
+    EXPECT_EQ(TextOf(Programs() / L"corvel_cmdline.exe"), "of before");
+    EXPECT_TRUE(ServiceExists());
   }
 }
 

@@ -341,6 +341,10 @@ class Installer(unittest.TestCase):
                             ("IMAGEFOLDER", 'I" --bus "usb'), ("SERVICEOPTIONS", "--restrict & calc"), ("Privileged", "")):
             with self.subTest(name), self.assertRaises(Refused):
                 self.run_of(**{name: value})
+        # What a search has found goes to a rollback; a caller may say it, too.
+        for name, value in (("FORMEROPTIONS", "--restrict & calc"), ("FORMERSTARTTYPE", "auto --force")):
+            with self.subTest(name), self.assertRaises(Refused):
+                self.run_of(**{name: value}, SERVICEOPTIONS="none", STARTTYPE="auto")
         for options in ("none", "--restrict", "--restart-when-stuck", "--restart-when-stuck --restrict"):
             self.run_of(SERVICEOPTIONS=options)
         self.run_of(**{**BY_HAND, "FORMERSERVICE": f'#%"{BIN}corvel_service.exe"', "FORMERIDENTITY": "#1"})

@@ -130,7 +130,7 @@ TEST_F(TerminalTest, IsDrawnInItsWholeWidthAlsoAfterItWasNarrowed) {
   ASSERT_THAT(g_terminal.drawn, SizeIs(2));
   // The line itself is one narrower than the window, after the return to its beginning.
   EXPECT_THAT(g_terminal.drawn[0], AllOf(SizeIs(100), HasSubstr("\rwriting            [######")));
-  EXPECT_THAT(g_terminal.drawn[1], AllOf(SizeIs(40), HasSubstr("\rwriting             40 %  0 s")));
+  EXPECT_THAT(g_terminal.drawn[1], AllOf(SizeIs(40), HasSubstr("\rwriting             40 %  #1  0 s")));
   EXPECT_THAT(g_terminal.drawn, Each(Not(HasSubstr("\n"))));
 }
 

@@ -5,6 +5,9 @@ set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)
 set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
+# GNU's linker leaves places in the table of symbols that only its own tools pass over.
+find_program(CMAKE_STRIP x86_64-w64-mingw32-strip)
+find_program(CMAKE_OBJCOPY x86_64-w64-mingw32-objcopy)
 
 file(GLOB gcc_folders /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
 if(NOT gcc_folders)

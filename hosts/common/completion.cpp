@@ -73,21 +73,23 @@ std::string Place(const std::string& name, const std::string& words) {
 
 /// Behind which options of a verb a value stands, and which. A program's own options stand behind no verb.
 std::string PlacesOfValues(const std::string& verb, const CLI::App& place) {
+  const std::string before = verb + " --";
   std::string places;
   for (const CLI::Option* const option : place.get_options()) {
     if (option->get_items_expected_max() == 0 || option->get_group().empty()) continue;
     for (const std::string& name : option->get_lnames()) {
-      places += Place(verb + " --" + name, ValueWords(*option));
+      places += Place(before + name, ValueWords(*option));
     }
   }
   return places;
 }
 
 std::string Head(const std::string& program, const std::string& how) {
-  return "# Completes what " + program + " may be told. In a PowerShell profile:\n#   " + program + " " +
-         how + " " + kShell +
-         " | Out-String | Invoke-Expression\nRegister-ArgumentCompleter -Native -CommandName '" + program +
-         "', '" + program + ".exe' -ScriptBlock {\n";
+  std::string head = "# Completes what " + program + " may be told. In a PowerShell profile:\n";
+  head += "#   " + program + " " + how + " " + kShell + " | Out-String | Invoke-Expression\n";
+  head += "Register-ArgumentCompleter -Native -CommandName '" + program + "', '" + program +
+          ".exe' -ScriptBlock {\n";
+  return head;
 }
 
 }  // namespace

@@ -148,11 +148,12 @@ OwnedService CreateFlashService(SC_HANDLE manager, const InstallOptions& options
 
 /// Whether it was restricted: that gives it an identity of its own.
 bool IsRestricted(SC_HANDLE service) {
+  constexpr DWORD kNoIdentity = 0;  // SERVICE_SID_TYPE_NONE, which some sets of the system's headers lack
   SERVICE_SID_INFO identity{};
   DWORD needed = 0;
   return ::QueryServiceConfig2W(service, SERVICE_CONFIG_SERVICE_SID_INFO, reinterpret_cast<BYTE*>(&identity),
                                 sizeof identity, &needed) &&
-         identity.dwServiceSidType != SERVICE_SID_TYPE_NONE;
+         identity.dwServiceSidType != kNoIdentity;
 }
 
 /// Gives a new service all that it needs beyond its entry in the manager's list.

@@ -77,8 +77,7 @@ int wmain(int count, wchar_t** words) {
   request.cancellation = g_interruption;
   const corvel::FlashOutcome outcome = corvel::Flash(*key, request);
   const Text text = TextOf(outcome.ending);
-  std::fprintf(text.status < 2 ? stdout : stderr, "%s", text.words);
-  if (outcome.error != ERROR_SUCCESS) std::fprintf(stderr, " (%lu)", outcome.error);
-  std::fputc('\n', text.status < 2 ? stdout : stderr);
+  std::fprintf(text.status < 2 ? stdout : stderr, "%s\n", text.words);
+  if (outcome.error != ERROR_SUCCESS) std::fprintf(stderr, "Error %lu.\n", outcome.error);
   return text.status;
 }

@@ -29,6 +29,7 @@
 #include "hosts/flashlog/log_source.h"
 #include "hosts/flashlog/news.h"
 #include "hosts/flashlog/page.h"
+#include "hosts/flashlog/page_file.h"
 
 namespace hosts::flashlog {
 

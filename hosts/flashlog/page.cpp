@@ -6,16 +6,14 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
 
-#include "hosts/common/owners.h"
 #include "hosts/flashlog/json_report.h"
-#include "hosts/flashlog/log_source.h"
+#include "hosts/flashlog/number_text.h"
 #include "hosts/flashlog/page_template.h"
 #include "hosts/flashlog/readable_text.h"
 
@@ -38,84 +36,6 @@ class TextTable {
  private:
   std::unordered_map<std::string, std::size_t> m_Indices;
   ordered_json m_Texts = ordered_json::array();
-};
-
-/// Small numbers as letters, five bits in each, the lowest first; the letters in front of a number's last one
-/// have a sixth bit. Most take one letter or two.
-class NumberText {
- public:
-  void Add(std::uint64_t number) {
-    constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    for (; number >= 32; number >>= 5U) m_Text += kLetters[32 + number % 32];
-    m_Text += kLetters[number];
-  }
-  /// Also of a number below 0: the lowest bit tells.
-  void AddSigned(std::int64_t number) {
-    const std::uint64_t size = static_cast<std::uint64_t>(number < 0 ? -(number + 1) : number);
-    Add(2 * size + (number < 0 ? 1 : 0));
-  }
-  /// As the difference to the number before, which takes its place.
-  template <typename Number>
-  void AddStep(Number number, Number& before) {
-    AddSigned(static_cast<std::int64_t>(number) - static_cast<std::int64_t>(before));
-    before = number;
-  }
-  const std::string& Text() const { return m_Text; }
-
- private:
-  std::string m_Text;
-};
-
-/// Numbers that mostly stay: how many come before each change, and the change.
-class RareChanges {
- public:
-  void Add(std::uint64_t number) {
-    if (number != m_Last) {
-      m_Numbers.Add(m_Steady);
-      m_Numbers.AddStep(number, m_Last);
-      m_Steady = 0;
-    }
-    ++m_Steady;
-  }
-  const std::string& Text() const { return m_Numbers.Text(); }
-
- private:
-  NumberText m_Numbers;
-  std::uint64_t m_Last = 0;
-  std::uint64_t m_Steady = 0;
-};
-
-/// Numbers of which one mostly follows the other as it did the last time: how many do so before each that
-/// does not, and that one: 0 is one more than the highest so far, 1 the highest, 2 the one below it.
-class RepeatedOrder {
- public:
-  void Add(std::size_t number) {
-    std::optional<std::size_t>& expected = m_Next[m_Last];
-    const bool isExpected = expected == number;
-    expected = number;
-    m_Last = number;
-    if (isExpected) {
-      ++m_Expected;
-      return;
-    }
-    m_Numbers.Add(m_Expected);
-    m_Numbers.Add(m_Highest + 1 - number);
-    m_Highest = std::max(m_Highest, number);
-    m_Expected = 0;
-  }
-  /// With the rest that is as expected.
-  std::string Text() const {
-    NumberText numbers = m_Numbers;
-    numbers.Add(m_Expected);
-    return numbers.Text();
-  }
-
- private:
-  NumberText m_Numbers;
-  std::unordered_map<std::size_t, std::optional<std::size_t>> m_Next;
-  std::size_t m_Last = 0;
-  std::size_t m_Highest = 0;
-  std::size_t m_Expected = 0;
 };
 
 /// The records of a log as columns of small numbers. A log of many megabytes has more than a hundred thousand
@@ -385,76 +305,7 @@ void Replace(std::string& page, std::string_view mark, std::string_view text) {
   page.replace(place, mark.size(), text);
 }
 
-// --- Its file --------------------------------------------------------------------------------------------
-
-/// What all pages begin with, and no other file is likely to.
-std::string_view BeginningOfPages() {
-  constexpr std::string_view kTitle = "<title>Flash log</title>";
-  return PageHtml().substr(0, PageHtml().find(kTitle) + kTitle.size());
-}
-
-/// What a page is written to before it takes its place.
-struct Draft {
-  std::wstring path;
-  OwnedHandle file;
-};
-
-/// Makes a file that was not there. @return the system's error.
-DWORD MakeDraft(const std::wstring& page, Draft& draft) {
-  constexpr int kMostNames = 1000;
-  for (int i = 1; i <= kMostNames; ++i) {
-    draft.path = page + (i == 1 ? L"" : L"." + std::to_wstring(i)) + L".new";
-    const HANDLE file = ::CreateFileW(draft.path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file != INVALID_HANDLE_VALUE) {
-      draft.file.reset(file);
-      return ERROR_SUCCESS;
-    }
-    if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS) return error;
-  }
-  return ERROR_FILE_EXISTS;
-}
-
-/// @return the system's error.
-DWORD WriteWhole(HANDLE file, const std::string& text) {
-  DWORD written = 0;
-  if (!::WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
-    return ::GetLastError();
-  }
-  return written == text.size() ? ERROR_SUCCESS : ERROR_DISK_FULL;
-}
-
 }  // namespace
-
-DWORD LookAtPageFile(const std::wstring& path) {
-  const OwnedHandle file = OpenShared(path);
-  if (file == nullptr) {
-    const DWORD error = ::GetLastError();
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? ERROR_SUCCESS : error;
-  }
-  const std::string_view expected = BeginningOfPages();
-  std::string found(expected.size(), '\0');
-  DWORD length = 0;
-  if (!::ReadFile(file.get(), found.data(), static_cast<DWORD>(found.size()), &length, nullptr)) {
-    return ::GetLastError();
-  }
-  return length == found.size() && found == expected ? ERROR_SUCCESS : ERROR_FILE_EXISTS;
-}
-
-DWORD WritePageFile(const std::wstring& path, const std::string& page) {
-  DWORD error = LookAtPageFile(path);
-  if (error != ERROR_SUCCESS) return error;
-  Draft draft;
-  error = MakeDraft(path, draft);
-  if (error != ERROR_SUCCESS) return error;
-  error = WriteWhole(draft.file.get(), page);
-  draft.file.reset();
-  if (error == ERROR_SUCCESS && !::MoveFileExW(draft.path.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-    error = ::GetLastError();
-  }
-  if (error != ERROR_SUCCESS) ::DeleteFileW(draft.path.c_str());
-  return error;
-}
 
 std::string Page(const std::vector<Log*>& logs) {
   TextTable messages;

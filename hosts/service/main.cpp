@@ -79,8 +79,7 @@ std::string Advice(const ControlResult& result) {
       return "Install it first: corvel_service install";
     case ERROR_SERVICE_EXISTS:
       return "It is installed already, but for another program or with another --start, or restricted: "
-             "uninstall "
-             "it first, or give the options that it has.";
+             "uninstall it first, or give the options that it has.";
     case ERROR_SERVICE_NOT_ACTIVE:
       return "It ended at once. Look at the Windows event log.";
     case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:

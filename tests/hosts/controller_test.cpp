@@ -248,6 +248,21 @@ TEST_F(ControllerTest, LeavesAJobThatWasTakenAtTheLastMoment) {
   EXPECT_EQ(key.Read().ready, 1u);
 }
 
+TEST(FlashValuesTest, AreOthersWhicheverHasChanged) {
+  const corvel::FlashValues values{
+      .ready = 1, .retryTimes = 3, .timeOut = 153000, .onGoing = 0, .progress = 0, .result = 0};
+  EXPECT_TRUE(values.AreSameAs(values));
+  for (const auto value :
+       {&corvel::FlashValues::ready, &corvel::FlashValues::retryTimes, &corvel::FlashValues::timeOut,
+        &corvel::FlashValues::onGoing, &corvel::FlashValues::progress, &corvel::FlashValues::result}) {
+    corvel::FlashValues other = values;
+    other.*value = 7;
+    EXPECT_FALSE(values.AreSameAs(other));
+    (other.*value).reset();
+    EXPECT_FALSE(values.AreSameAs(other));
+  }
+}
+
 TEST(FlashKeyTest, IsReadFromTheTextOfAConfiguration) {
   const auto key = corvel::FlashKey::Parse(L"HKLM\\SOFTWARE\\Quenta\\FlashService");
   ASSERT_TRUE(key.has_value());

@@ -14,6 +14,7 @@
 #include "hosts/flashlog/log_reader.h"
 #include "hosts/flashlog/log_source.h"
 #include "hosts/flashlog/page.h"
+#include "hosts/flashlog/page_file.h"
 #include "hosts/flashlog_text.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"

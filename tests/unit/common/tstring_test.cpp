@@ -101,8 +101,8 @@ TEST(TStringConversion, GivesUtf8AndWideCopies) {
 }
 
 TEST(TStringConversion, RegeneratesTheNarrowTextAtEachConversion) {
-  CTString text("one");
-  EXPECT_STREQ(static_cast<const char*>(text), "one");
+  CTString text("number one");
+  EXPECT_STREQ(static_cast<const char*>(text), "number one");
   text = CTString("two");
   EXPECT_STREQ(static_cast<const char*>(text), "two");
   text.Empty();
@@ -168,6 +168,13 @@ TEST(TStringEquality, OfANullPointerIsFalseEvenForAnEmptyText) {
   EXPECT_FALSE(empty == static_cast<const char*>(nullptr));
   EXPECT_FALSE(empty == static_cast<const wchar_t*>(nullptr));
   EXPECT_TRUE(empty == "");
+}
+
+TEST(TStringEquality, SeesADifferenceInTheLastUnitsUpperByteAlone) {
+  EXPECT_FALSE(CTString(L"ab\x0163") == CTString(L"ab\x0263"));
+  EXPECT_TRUE(CTString(L"ab\x0163") == CTString(L"ab\x0163"));
+  EXPECT_EQ(CTString(L"ab\x0163").Compare(CTString(L"ab\x0263")), -1);
+  EXPECT_EQ(CTString(L"ab\x0263").Compare(CTString(L"ab\x0163")), 1);
 }
 
 TEST(TStringCompare, PutsATextBeforeItsExtension) {

@@ -1,0 +1,103 @@
+// What the campaigns find wrong with the end of a job, and what they let pass.
+
+#include "fault/job_judgement.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+namespace campaign {
+
+using simulator::ModemState;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+JobEnd GoodEnd() {
+  JobEnd end;
+  end.ended = true;
+  end.values.ready = 0;
+  end.values.onGoing = 0;
+  end.values.timeOut = 153000;
+  end.values.progress = 100;
+  end.values.result = static_cast<std::uint32_t>(hosts::FlashResult::Succeeded);
+  end.isMemoryEqual = true;
+  end.modem = end.modemAtResult = ModemState::Normal;
+  end.beganAttempt = true;
+  return end;
+}
+
+JobEnd FailedEnd() {
+  JobEnd end = GoodEnd();
+  end.values.result = static_cast<std::uint32_t>(hosts::FlashResult::Failed);
+  end.isMemoryEqual = false;
+  end.modem = end.modemAtResult = ModemState::Restarting;
+  return end;
+}
+
+JobEnd EndWithoutImages() {
+  JobEnd end = FailedEnd();
+  end.beganAttempt = false;
+  end.isImageLeft = end.areImagesKept = true;
+  return end;
+}
+
+/// A good end with one thing about it changed.
+template <typename Change>
+std::string Wrong(const Change& change, JobEnd end = GoodEnd()) {
+  change(end);
+  return WhatIsWrongWith(end);
+}
+
+TEST(JobJudgementTest, LetsEachDocumentedEndPass) {
+  EXPECT_EQ(WhatIsWrongWith(GoodEnd()), "");
+  EXPECT_EQ(WhatIsWrongWith(FailedEnd()), "");
+  EXPECT_EQ(WhatIsWrongWith(EndWithoutImages()), "");
+  EXPECT_EQ(WhatIsWrongWithSound(GoodEnd()), "");
+}
+
+TEST(JobJudgementTest, TakesNoFailureForASoundJob) {
+  EXPECT_THAT(WhatIsWrongWithSound(FailedEnd()), StartsWith("it fails"));
+}
+
+TEST(JobJudgementTest, FindsAServiceThatDoesNotGoOn) {
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.ended = false; }), HasSubstr("does not wait"));
+}
+
+TEST(JobJudgementTest, FindsResultsThatAreNoEnd) {
+  for (const std::uint32_t result : {0u, 1u, 2u, 5u})
+    EXPECT_THAT(Wrong([=](JobEnd& end) { end.values.result = result; }), StartsWith("no documented end"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.values.result.reset(); }), StartsWith("no documented end"));
+}
+
+TEST(JobJudgementTest, FindsASuccessThatIsNone) {
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.isMemoryEqual = false; }), HasSubstr("the memory is not equal"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.modem = ModemState::FlashPort; }), HasSubstr("the modem is"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.modemAtResult = ModemState::Restarting; }),
+              HasSubstr("while the modem was"));
+}
+
+TEST(JobJudgementTest, FindsValuesThatAreLeft) {
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.values.ready = 1; }), StartsWith("the flag is not taken back"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.values.onGoing = 1; }), HasSubstr("Flash_OnGoing"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.values.timeOut = 152999; }), HasSubstr("Time_Out"));
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.values.progress = 101; }), StartsWith("no percentage"));
+}
+
+TEST(JobJudgementTest, FindsAnImageThatIsLeftBehindAnAttempt) {
+  const auto leaves = [](JobEnd& end) { end.isImageLeft = true; };
+  EXPECT_THAT(Wrong(leaves), StartsWith("the image is left"));
+  EXPECT_THAT(Wrong(leaves, FailedEnd()), StartsWith("the image is left"));
+}
+
+TEST(JobJudgementTest, FindsAnImageThatIsGoneWithoutAnAttempt) {
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.areImagesKept = false; }, EndWithoutImages()),
+              StartsWith("an image is gone"));
+}
+
+}  // namespace
+
+}  // namespace campaign

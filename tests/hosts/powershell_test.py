@@ -43,9 +43,9 @@ class ControllersTest(unittest.TestCase):
 
     @staticmethod
     def sentences(texts):
-        """Without what each language has in place of a number, a line's end or the error's own words."""
+        """Without what each language has in place of a number, a line's end or the error's own words (in C++ its number)."""
         plain = (re.sub(r"%u|\{\d\}", "N", text.replace("%%", "%")).replace("\\n", "").removesuffix(" $_").strip() for text in texts)
-        return {text for text in plain if " " in text and not text.startswith(("usage", "SECONDS")) and not text.endswith("is missing.")}
+        return {text for text in plain if " " in text and not text.startswith(("usage", "SECONDS", "Error %lu.")) and not text.endswith("is missing.")}
 
     @staticmethod
     def literals(source):

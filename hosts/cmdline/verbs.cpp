@@ -169,11 +169,11 @@ constexpr Verb kVerbs[] = {
 }  // namespace
 
 void AddVerbs(CLI::App& program, VerbOptions& options) {
-  program.footer(std::string("\"corvel_cmdline help VERB\" tells the options of a verb.\n") + kExitCodes);
+  program.footer(std::string("\"corvel_cmdline help VERB\" tells the options of a verb.\n\n") + kExitCodes);
   program.require_subcommand(1);
   for (const Verb& each : kVerbs) {
     CLI::App* const verb = program.add_subcommand(each.name, each.description);
-    verb->footer(std::string("Examples:\n") + each.examples + kExitCodes);
+    verb->footer(std::string("Examples:\n") + each.examples + "\n" + kExitCodes);
     each.addOptions(*verb, options);
     verb->add_option("--log", options.log, "Write what this program tells to the end of that file, too")
         ->type_name("FILE");

@@ -69,13 +69,25 @@ std::string UsageText(const CLI::App& app, const std::string& name) {
   return text + (app.get_require_subcommand_min() == 0 ? " [VERB]" : " VERB");
 }
 
+/// Examples are set in, and go on further in: what is to be typed is seen to be one line.
+std::string FooterText(const std::string& footer, std::size_t columns) {
+  std::istringstream lines(footer);
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    const bool isExample = line.starts_with("  ");
+    text +=
+        Wrapped(isExample ? line.substr(2) : line, columns, isExample ? "  " : "", isExample ? "      " : "");
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string HelpText::make_help(const CLI::App* app, std::string name, CLI::AppFormatMode) const {
   const std::size_t narrow = std::min(m_Columns, kWidestText);
   return Wrapped(app->get_description() + ".", narrow, "", "") +
          Wrapped(UsageText(*app, name), m_Columns, "", "  ") + OptionRows(*app, true) +
-         OptionRows(*app, false) + VerbRows(*app) + "\n" + Wrapped(app->get_footer(), narrow, "", "");
+         OptionRows(*app, false) + VerbRows(*app) + "\n" + FooterText(app->get_footer(), narrow);
 }
 
 std::string HelpText::Row(const std::string& name, const std::string& what) const {

@@ -42,6 +42,7 @@ constexpr char kFooter[] =
     "  corvel_flashlog --html flash.html FlashServiceDebugLogger_DLL.log\n"
     "  corvel_flashlog --html fleet.html collected\\*.log\n"
     "  corvel_flashlog --follow FlashServiceDebugLogger_DLL.log\n"
+    "\n"
     "Exit status: 0 all was read (and written), 1 not so, 2 wrong usage.";
 
 constexpr std::size_t kUsualColumns = 80;

@@ -406,7 +406,7 @@ constexpr Example kExamples[] = {
 std::string FooterOf(std::string_view verb) {
   const auto* const found = std::ranges::find(kExamples, verb, &Example::verb);
   if (found == std::end(kExamples)) throw std::logic_error("a verb without an example");
-  return std::string("Examples:\n") + found->lines + kExitCodes;
+  return std::string("Examples:\n") + found->lines + "\n" + kExitCodes;
 }
 
 CLI::App& AddVerb(CLI::App& program, Options& options, const char* name, const char* description,

@@ -72,7 +72,6 @@ inline ClearAttempts() {
 
 /* --- The modem: it outlives the process, too --------------------------------------------------------------- */
 mtype modem = Normal;
-bit seenBack = 0;          /* the job has seen it in normal mode behind its download */
 
 /* One attempt: ToolKit::DownloadFirmwareImplementation on a thread of its own. */
 proctype Worker(byte me; byte mine) { {
@@ -199,7 +198,6 @@ Pass:
   fi;
 
   failures = 0;
-  seenBack = 0;
 Attempt:
   /* FlashJob::DownloadOnce */
   atomic {
@@ -242,18 +240,18 @@ Rearrival:
 #ifdef NO_PRESENCE
   :: skip -> goto Success
 #endif
-  :: modem == Normal -> seenBack = 1; goto Success
+  :: modem == Normal -> goto Success
   :: skip -> goto Again
   fi;
 
 Success:
   /* FlashJob::End */
-  assert(seenBack);
 #ifdef FLAG_FIRST
   atomic { ready = 0; asked = 0; KeyChanges() };
   assert(result != Flashing);
 #endif
-  atomic { result = Succeeded; KeyChanges() };
+  /* Every attempt has had it in flash mode, and nobody who may still do something takes it away again. */
+  atomic { assert(modem == Normal); result = Succeeded; KeyChanges() };
   goto Lower;
 GaveUp:
 #ifdef FLAG_FIRST

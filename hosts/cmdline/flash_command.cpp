@@ -17,6 +17,7 @@
 #include "hosts/cmdline/commands.h"
 #include "hosts/cmdline/flash_end.h"
 #include "hosts/cmdline/journal.h"
+#include "hosts/cmdline/logged_cause.h"
 #include "hosts/cmdline/preflight.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/progress_line.h"
@@ -186,6 +187,9 @@ class FlashRun {
   void Warn(const char* text);
   ExitCode Conclude();
   ExitCode ConcludeWithoutImages(const Handshake& values);
+  void TellSuccess(const Handshake& values, const UsedImages& images) const;
+  void TellFailure(const Handshake& values, const UsedImages& images) const;
+  std::string ResultText(const Handshake& values) const;
   void LeaveRecordOf(const Handshake& values) const;
   ExitCode Flash(const LibraryConfiguration& configuration, const FolderImages& images);
   ExitCode GiveUp(Ending ending);
@@ -400,25 +404,49 @@ ExitCode FlashRun::Conclude() {
   Note(std::string(flashed ? "Flashed" : "The flash failed") + ", result " +
        std::to_string(values.result.value_or(0)));
   LeaveRecordOf(values);
-  const Problem failure{
-      "flash_failed", "The flash failed.",
-      (values.Is(FlashResult::Failed) ? "" : "The download could not be started. ") +
-          images.WhatToDoAfterFailure() +
-          " A modem that was left in flash mode is found there. The debug log says more in its lines of "
-          "level Error."};
-  if (m_Options.json) {
-    PrintJson(flashed ? Details(values, images) : AsJson(failure, Details(values, images)));
+  if (flashed) {
+    TellSuccess(values, images);
   } else {
-    Print({.flashed = flashed,
-           .verdict = flashed ? "The modem was flashed and is back." : failure.message,
-           .result = "Result " + std::to_string(values.result.value_or(0)) + " (" +
-                     MeaningOfResult(values.result) + "), " + std::to_string(m_Progress.Attempts()) +
-                     (m_Progress.Attempts() == 1 ? " attempt, " : " attempts, ") + std::to_string(Seconds()) +
-                     " s.",
-           .whatToDo = flashed ? images.WhatToDoAfterSuccess() : failure.whatToDo,
-           .log = HasLog() ? ToUtf8(LogPath()) : ""});
+    TellFailure(values, images);
   }
   return flashed ? ExitCode::Success : ExitCode::FlashFailed;
+}
+
+void FlashRun::TellSuccess(const Handshake& values, const UsedImages& images) const {
+  if (m_Options.json) return PrintJson(Details(values, images));
+  Print({.flashed = true,
+         .verdict = "The modem was flashed and is back.",
+         .result = ResultText(values),
+         .whatToDo = images.WhatToDoAfterSuccess(),
+         .log = HasLog() ? ToUtf8(LogPath()) : ""});
+}
+
+/// What, why, and what to do: the log says why, to whoever reads it.
+void FlashRun::TellFailure(const Handshake& values, const UsedImages& images) const {
+  const auto cause = HasLog() ? FindLoggedCause(LogPath()) : std::nullopt;
+  const Problem failure{"flash_failed", "The flash failed.",
+                        (values.Is(FlashResult::Failed) ? "" : "The download could not be started. ") +
+                            (cause && !cause->whatToDo.empty() ? cause->whatToDo + " " : "") +
+                            images.WhatToDoAfterFailure() +
+                            " A modem that was left in flash mode is found there."};
+  if (m_Options.json) {
+    nlohmann::ordered_json details = Details(values, images);
+    details["cause"] = AsJson(cause);
+    return PrintJson(AsJson(failure, details));
+  }
+  Print({.flashed = false,
+         .verdict = failure.message,
+         .result = ResultText(values),
+         .why = cause ? cause->Text() : "",
+         .whatToDo = failure.whatToDo,
+         .log = HasLog() ? ToUtf8(LogPath()) : "",
+         .toShowLog = HasLog() ? "corvel_flashlog \"" + ToUtf8(LogPath()) + "\"" : ""});
+}
+
+std::string FlashRun::ResultText(const Handshake& values) const {
+  return "Result " + std::to_string(values.result.value_or(0)) + " (" + MeaningOfResult(values.result) +
+         "), " + std::to_string(m_Progress.Attempts()) +
+         (m_Progress.Attempts() == 1 ? " attempt, " : " attempts, ") + std::to_string(Seconds()) + " s.";
 }
 
 void FlashRun::LeaveRecordOf(const Handshake& values) const {

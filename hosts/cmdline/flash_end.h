@@ -12,8 +12,10 @@ struct FlashEnd {
   bool flashed = false;
   std::string verdict{};
   std::string result{};
+  std::string why{};  ///< empty when it is not known, or nothing is wrong
   std::string whatToDo{};
-  std::string log{};  ///< path; empty without one
+  std::string log{};        ///< path; empty without one
+  std::string toShowLog{};  ///< what is to be typed for that; empty when nothing went wrong
 };
 
 /// For lines of so many columns.

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
-
-#include "hosts/common/text.h"
+#include <vector>
 
 namespace hosts {
 
@@ -22,6 +21,13 @@ nlohmann::ordered_json StepAsJson(const std::optional<TimedStep>& step) {
   const nlohmann::ordered_json limit =
       step->limit == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(step->limit / 1000);
   return {{"since", flashlog::TimeText(step->begin)}, {"limit_seconds", limit}};
+}
+
+/// The job that the log ends in; the handshake may tell of a job that an untraced host runs.
+const flashlog::Job* RunningOf(const std::vector<flashlog::Job>& jobs) {
+  if (jobs.empty()) return nullptr;
+  const flashlog::Job& last = jobs.back();
+  return last.state == flashlog::JobState::Running && !last.stages.empty() ? &last : nullptr;
 }
 
 }  // namespace
@@ -65,11 +71,11 @@ nlohmann::ordered_json RunningJob::AsJson() const {
           {"percent", percent}};
 }
 
-JobFollower::JobFollower(const std::wstring& log) : m_Source(ToUtf8(log)), m_Log(ToUtf8(log), std::nullopt) {}
+JobFollower::JobFollower(const std::wstring& log) : m_Log(log) {}
 
 std::optional<RunningJob> JobFollower::Look(const Handshake& values, Writer writer) {
   // Also while nothing runs: what is read then need not be read when a job begins.
-  ReadOn();
+  const std::vector<flashlog::Job>& jobs = m_Log.ReadOn();
   if (writer == Writer::Gone || !values.IsJobRunning()) return std::nullopt;
   RunningJob job{.stageToken = {},
                  .stage = StageByHandshake(values),
@@ -77,7 +83,7 @@ std::optional<RunningJob> JobFollower::Look(const Handshake& values, Writer writ
                  .percent = std::min(values.progress.value_or(0), kComplete),
                  .stageTimes = std::nullopt,
                  .attemptTimes = std::nullopt};
-  const flashlog::Job* const logged = FindJob();
+  const flashlog::Job* const logged = RunningOf(jobs);
   if (logged == nullptr) return job;
   const flashlog::Stage& stage = logged->stages.back();
   job.stageToken = flashlog::TokenOf(stage.kind);
@@ -90,30 +96,6 @@ std::optional<RunningJob> JobFollower::Look(const Handshake& values, Writer writ
     job.attemptTimes = TimedStep{.begin = attempt.begin, .limit = attempt.limit};
   }
   return job;
-}
-
-void JobFollower::ReadOn() {
-  using Outcome = flashlog::LogSource::Outcome;
-  for (;;) {
-    switch (m_Source.Read()) {
-      case Outcome::Bytes:
-        m_Log.Take(m_Source.Bytes());
-        break;
-      case Outcome::BeganAnew:
-        m_Log.Finish(true);
-        break;
-      case Outcome::Nothing:
-      case Outcome::Failed:
-        return;
-    }
-  }
-}
-
-/// The job that the log ends in; the handshake may tell of a job that an untraced host runs.
-const flashlog::Job* JobFollower::FindJob() const {
-  if (m_Log.Jobs().empty()) return nullptr;
-  const flashlog::Job& last = m_Log.Jobs().back();
-  return last.state == flashlog::JobState::Running && !last.stages.empty() ? &last : nullptr;
 }
 
 Milliseconds LocalTime() {

@@ -7,9 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "hosts/cmdline/followed_log.h"
 #include "hosts/common/handshake.h"
-#include "hosts/flashlog/log.h"
-#include "hosts/flashlog/log_source.h"
 
 namespace hosts {
 
@@ -54,11 +53,7 @@ class JobFollower {
   std::optional<RunningJob> Look(const Handshake& values, Writer writer);
 
  private:
-  void ReadOn();
-  const flashlog::Job* FindJob() const;
-
-  flashlog::LogSource m_Source;
-  flashlog::Log m_Log;
+  FollowedLog m_Log;
 };
 
 /// The present moment as debug logs would have it.

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hosts/cmdline/commands.h"
+#include "hosts/cmdline/journal.h"
 #include "hosts/cmdline/problems.h"
 #include "hosts/cmdline/status_display.h"
 #include "hosts/cmdline/status_report.h"
@@ -69,13 +70,13 @@ StatusForm FormOfWatch(const StatusOptions& options) {
   return live ? StatusForm::LiveText : StatusForm::Text;
 }
 
-std::wstring LogOf(const StatusOptions& options) {
-  return options.service ? ServiceLogPath() : LogPath();
+std::wstring LogOf(const Place& place) {
+  return place.ofService ? ServiceLogPath() : LogPath();
 }
 
 /// Shows every change until the program is interrupted.
 ExitCode Watch(const Place& place, const StatusOptions& options) {
-  JobFollower follower(LogOf(options));
+  JobFollower follower(LogOf(place));
   StatusDisplay display(FormOfWatch(options));
   const Interruption interruption;
   HandshakeWatch changes(place.key);
@@ -88,6 +89,25 @@ ExitCode Watch(const Place& place, const StatusOptions& options) {
   } while (::WaitForMultipleObjects(2, signals, FALSE, kLookAtModemMs) != WAIT_OBJECT_0);
   display.Finish();
   return ExitCode::Interrupted;
+}
+
+/// Whether a watch is to follow the service, though nobody said so: it runs, and no command line does. A
+/// script has to say what it wants.
+bool FollowsServiceUnasked(const StatusOptions& options, const LibraryConfiguration& configuration) {
+  if (!options.watch || options.json || WriterOf(CommandLineKey()) == Writer::Lives) return false;
+  return WriterOf(configuration.ServiceKey()) == Writer::Lives;
+}
+
+ExitCode ShowStatus(const Place& place, const StatusOptions& options, bool serviceStarts) {
+  JobFollower follower(LogOf(place));
+  Status status = Look(place, follower);
+  status.serviceStarts = serviceStarts;
+  if (options.json) {
+    PrintJson(AsJson(status));
+  } else {
+    PrintStatus(status);
+  }
+  return ExitCode::Success;
 }
 
 }  // namespace
@@ -112,20 +132,13 @@ ExitCode RunStatus(const StatusOptions& options) {
            options.json);
     return ExitCode::NotReady;
   }
-  const Place place{.key = options.service ? configuration->ServiceKey() : CommandLineKey(),
+  const bool unasked = !options.service && configuration && FollowsServiceUnasked(options, *configuration);
+  if (unasked) Tell("The flash service runs: what follows is of its key, as with --service.");
+  const bool ofService = options.service || unasked;
+  const Place place{.key = ofService ? configuration->ServiceKey() : CommandLineKey(),
                     .folder = configuration ? configuration->FirmwareFolder() : std::wstring(),
-                    .ofService = options.service};
-  if (options.watch) return Watch(place, options);
-
-  JobFollower follower(LogOf(options));
-  Status status = Look(place, follower);
-  status.serviceStarts = serviceStarts;
-  if (options.json) {
-    PrintJson(AsJson(status));
-  } else {
-    PrintStatus(status);
-  }
-  return ExitCode::Success;
+                    .ofService = ofService};
+  return options.watch ? Watch(place, options) : ShowStatus(place, options, serviceStarts);
 }
 
 }  // namespace hosts

@@ -15,6 +15,7 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -274,7 +275,11 @@ TEST_F(FlashTest, FailsWhenEveryDownloadFails) {
   const RunResult result = Flash({L"--json"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(ErrorCode(result.output), "flash_failed");
-  EXPECT_EQ(Document(result.output)["attempts"], 4);
+  const nlohmann::json document = Document(result.output);
+  EXPECT_EQ(document["attempts"], 4);
+  EXPECT_THAT(document["cause"].value("message", ""), HasSubstr("Could not download file"));
+  EXPECT_THAT(document["error"].value("what_to_do", ""),
+              StartsWith(document["cause"].value("what_to_do", "-")));
   const Handshake values = key.Read();
   EXPECT_EQ(values.result, 3u);
   EXPECT_EQ(values.ready, 0u);
@@ -288,7 +293,16 @@ TEST_F(FlashTest, MakesNoSecondAttemptWhenRetryTimesIsZero) {
   const RunResult result = Flash();
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.output, AllOf(HasSubstr("The flash failed. Result 3 (failed), 1 attempt, "),
-                                   HasSubstr("copy them anew")));
+                                   HasSubstr("\r\nBecause of \"Could not download file"),
+                                   HasSubstr("copy them anew"), HasSubstr("corvel_flashlog \"")));
+}
+
+TEST_F(FlashTest, TellsNoCauseOfAFailureThatNoLogTells) {
+  key.Write(L"Retry_Times", 0);
+  workspace.MakeVirtualPc({kFast, "scenario=download-fails-default-limit"});
+  const RunResult result = Flash({L"--trace", L"0", L"--json"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_TRUE(Document(result.output)["cause"].is_null());
 }
 
 TEST_F(FlashTest, FailsWhenTheModemDoesNotComeBack) {

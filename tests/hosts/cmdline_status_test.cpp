@@ -8,6 +8,7 @@ namespace hosts {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace {
 
@@ -143,6 +144,29 @@ TEST_F(StatusTest, ShowsTheKeyOfTheServiceWhenAsked) {
   const nlohmann::json status = Status({L"--service"});
   EXPECT_EQ(status["key"], serviceKey.Location().Text());
   EXPECT_EQ(status["values"]["Flash_Progress"]["value"], 7);
+}
+
+/// Who watches wants to see the flash that runs.
+TEST_F(StatusTest, WatchFollowsAServiceThatRunsUnlessACommandLineFlashes) {
+  const simulator::KeptKey serviceKey(
+      {.root = HKEY_CURRENT_USER,
+       .rootName = L"HKCU",
+       .path = L"Software\\Corvel\\Test\\Status-" + std::to_wstring(::GetCurrentProcessId())});
+  workspace.SetServiceKey(ToWide(serviceKey.Location().Text()));
+  const ServingNotice service(Server::Service, serviceKey.Location());
+  const auto watched = [&](const Arguments& more) {
+    Arguments arguments{L"status", L"--watch"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    ChildProcess watcher(workspace.CommandLineHost(), arguments);
+    EXPECT_TRUE(watcher.Says("Flash_Result"));
+    EXPECT_TRUE(watcher.Interrupt());
+    EXPECT_EQ(watcher.WaitForEnd(), 5);
+    return watcher.Output();
+  };
+  EXPECT_THAT(watched({}), HasSubstr(serviceKey.Location().Text()));
+  EXPECT_THAT(watched({L"--json"}), Not(HasSubstr("HKCU")));
+  const ServingNotice commandLine(Server::CommandLine, key.Location());
+  EXPECT_THAT(watched({}), Not(HasSubstr(serviceKey.Location().Text())));
 }
 
 TEST_F(StatusTest, CannotShowTheServiceWithoutItsConfiguration) {

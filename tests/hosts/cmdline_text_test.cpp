@@ -16,6 +16,7 @@
 #include "hosts/cmdline/doctor_report.h"
 #include "hosts/cmdline/flash_end.h"
 #include "hosts/cmdline/images_text.h"
+#include "hosts/cmdline/logged_cause.h"
 #include "hosts/cmdline/progress_line.h"
 #include "hosts/cmdline/running_job.h"
 #include "hosts/cmdline/status_report.h"
@@ -190,6 +191,36 @@ TEST_P(CmdlineTextTest, EndOfAFlash) {
                             GetParam()));
 }
 
+TEST_P(CmdlineTextTest, EndOfAFlashThatFailed) {
+  const LoggedCause cause{.message = "Timeout in waiting for flash channel",
+                          .meaning = "The modem did not come back as a flash port within 15 s.",
+                          .whatToDo = "Look whether the device list has the modem."};
+  ExpectAsKept("flash_failed",
+               FlashEndText({.flashed = false,
+                             .verdict = "The flash failed.",
+                             .result = "Result 3 (failed), 4 attempts, 214 s.",
+                             .why = cause.Text(),
+                             .whatToDo = cause.whatToDo + " The image files were removed: copy them anew and "
+                                                          "run the flash again.",
+                             .log = "C:\\Corvel\\FlashCommandLineLogger_DLL.log",
+                             .toShowLog = "corvel_flashlog \"C:\\Corvel\\FlashCommandLineLogger_DLL.log\""},
+                            GetParam()));
+}
+
+TEST_P(CmdlineTextTest, CheckThatFoundNothingWrong) {
+  CheckReport report = MixedReport();
+  report.findings.resize(2);
+  ExpectAsKept("check_ready", CheckText(report, GetParam()));
+}
+
+TEST_P(CmdlineTextTest, StatusOfAFlashThatWasCutShort) {
+  Status status = WritingStatus();
+  status.writer = Writer::Gone;
+  status.job.reset();
+  status.hindrances.clear();
+  ExpectAsKept("status_cut_short", StatusText(status, GetParam()));
+}
+
 TEST_P(CmdlineTextTest, Problem) {
   ExpectAsKept("problem", ProblemText("corvel_cmdline",
                                       {"folder_holds_images",
@@ -210,6 +241,42 @@ TEST_P(CmdlineTextTest, LiveLine) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Columns, CmdlineTextTest, testing::Values(40, 80, 120));
+
+// --- Why a flash failed ------------------------------------------------------------------------------------
+
+flashlog::Job FailedJob() {
+  flashlog::Job job;
+  job.state = flashlog::JobState::Failed;
+  job.firstError = flashlog::Reason{.message = "ZEMO_DL_open_channel error"};
+  return job;
+}
+
+TEST(LoggedCauseTest, IsNoneOfAFlashThatHasNotFailed) {
+  flashlog::Job job = FailedJob();
+  EXPECT_TRUE(CauseOf(job));
+  job.state = flashlog::JobState::Succeeded;
+  EXPECT_FALSE(CauseOf(job));
+}
+
+TEST(LoggedCauseTest, TellsARecordThatNobodyKnows) {
+  const auto cause = CauseOf(FailedJob());
+  ASSERT_TRUE(cause);
+  EXPECT_EQ(cause->Text(), "Because of \"ZEMO_DL_open_channel error\".");
+  EXPECT_EQ(cause->whatToDo, "");
+}
+
+TEST(LoggedCauseTest, IsOfTheLastFlashOfALog) {
+  const auto cause = FindLoggedCause(ToWide(std::string(TEST_DATA) + "/flashlog/sample.log"));
+  ASSERT_TRUE(cause);
+  EXPECT_NE(cause->meaning, "");
+  EXPECT_NE(cause->whatToDo, "");
+  EXPECT_EQ(AsJson(cause)["message"], cause->message);
+}
+
+TEST(LoggedCauseTest, IsNoneWithoutALog) {
+  EXPECT_FALSE(FindLoggedCause(L"C:\\there is\\none.log"));
+  EXPECT_TRUE(AsJson(std::nullopt).is_null());
+}
 
 TEST(FlashEndTextTest, ColoursItsVerdictAlone) {
   EXPECT_EQ(FlashEndText(

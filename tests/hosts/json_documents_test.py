@@ -163,9 +163,13 @@ class SchemaTest(unittest.TestCase):
 
     def test_a_failure_has_an_error_and_a_success_none(self):
         error = {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."}
-        self.assertTrue(is_valid(self.changed(flashed=False, error=error)))
-        self.assertFalse(is_valid(self.changed(flashed=False)))
+        cause = {"message": "Could not download file(|0|)", "meaning": "An item.", "what_to_do": "Copy."}
+        self.assertTrue(is_valid(self.changed(flashed=False, error=error, cause=cause)))
+        self.assertTrue(is_valid(self.changed(flashed=False, error=error, cause=None)))
+        self.assertFalse(is_valid(self.changed(flashed=False, error=error)))
+        self.assertFalse(is_valid(self.changed(flashed=False, cause=cause)))
         self.assertFalse(is_valid(self.changed(error=error)))
+        self.assertFalse(is_valid(self.changed(cause=None)))
 
 
 if __name__ == "__main__":

@@ -93,6 +93,17 @@ class WindowTest(unittest.TestCase):
                 with self.subTest(name, columns=columns):
                     self.assertEqual(self.texts[name, columns].split(), expected)
 
+    def test_live_line_of_the_simulator_fills_no_window(self):
+        for columns in WIDTHS:
+            with self.subTest(columns=columns):
+                text = printed([*RUNNER, str(FOLDER / "modem_simulator.exe"), "--speed", "60", "--terminal", "--width",
+                                str(columns)])
+                live = [line.removesuffix("\n") for line in text.partition("Flash by route")[0].split("\r")]
+                self.assertTrue(any(line.startswith("writing ") for line in live), text)
+                self.assertLess(max(map(len, live)), columns)
+                # It is cut to the window, and no shorter than it has to be.
+                self.assertEqual(max(map(len, live)) == columns - 1, columns < 80)
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1])

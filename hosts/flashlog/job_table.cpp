@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "hosts/common/text_layout.h"
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
@@ -172,15 +173,29 @@ class Printer {
   }
 
   void PrintReason(const Job& job) {
+    if (const auto ending = EndingOf(job)) return PrintEnding(job, *ending);
     if (!job.firstError) return;
-    const Reason& reason = *job.firstError;
+    PrintFirstError(*job.firstError);
+    const Trouble* const trouble = job.firstError->trouble;
+    if (trouble != nullptr)
+      PrintAdvice(trouble->meaning, job.state == JobState::Succeeded ? nullptr : trouble->whatToDo);
+  }
+
+  void PrintEnding(const Job& job, const Ending& ending) {
+    Paragraph("Failed at " + ClockText(ending.time) + ", byte " + std::to_string(ending.offset) + ": " +
+              ReadableText(ending.message));
+    PrintAdvice(ending.meaning, ending.whatToDo);
+    if (BeganOtherwise(job, ending)) PrintFirstError(*job.firstError);
+  }
+
+  void PrintFirstError(const Reason& reason) {
     Paragraph("First error at " + ClockText(reason.time) + ", byte " + std::to_string(reason.offset) + ": " +
               ReadableText(reason.message));
-    if (reason.trouble == nullptr) return;
-    Paragraph(std::string("Means: ") + reason.trouble->meaning, "       ");
-    if (job.state != JobState::Succeeded) {
-      Paragraph(std::string("Do:    ") + reason.trouble->whatToDo, "       ");
-    }
+  }
+
+  void PrintAdvice(const char* meaning, const char* whatToDo) {
+    if (meaning != nullptr) Paragraph(std::string("Means: ") + meaning, "       ");
+    if (whatToDo != nullptr) Paragraph(std::string("Do:    ") + whatToDo, "       ");
   }
 
   void Line(const std::string& text, const std::string& next = "") {

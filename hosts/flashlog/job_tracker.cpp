@@ -134,6 +134,14 @@ bool TellsError(const Record& record, const Trouble* trouble) {
   return record.level == Level::Error || (trouble != nullptr && trouble->kind == TroubleKind::Cause);
 }
 
+Reason ReasonIn(const Record& record, const Trouble* trouble) {
+  return {.time = record.time,
+          .offset = record.offset,
+          .function = std::string(record.function),
+          .message = std::string(record.message.substr(0, 1000)),
+          .trouble = trouble};
+}
+
 template <typename Item>
 void AddBounded(std::vector<Item>& items, const Item& item) {
   if (items.size() < kMostOfAKind) items.push_back(item);
@@ -149,6 +157,7 @@ Place JobTracker::Take(const Record& record) {
     Finish(true);
     m_Process = record.process;
     m_Version.clear();
+    m_GivenUp.clear();
   }
   const Sign* const sign = FindSign(record);
   if (sign != nullptr) Follow(sign->kind, record);
@@ -180,12 +189,12 @@ void JobTracker::Judge(const Record& record, const Trouble* trouble) {
   if (!TellsError(record, trouble)) return;
   ++job.errors;
   const bool isConsequence = trouble != nullptr && trouble->kind == TroubleKind::Consequence;
-  if (job.firstError && (isConsequence || !job.firstError->IsConsequence())) return;
-  job.firstError = Reason{.time = record.time,
-                          .offset = record.offset,
-                          .function = std::string(record.function),
-                          .message = std::string(record.message.substr(0, 1000)),
-                          .trouble = trouble};
+  if (!job.firstError || (!isConsequence && job.firstError->IsConsequence())) {
+    job.firstError = ReasonIn(record, trouble);
+  }
+  if (!isConsequence && !job.lastCause && !m_Decided && !m_GivenUp.contains(record.thread)) {
+    job.lastCause = ReasonIn(record, trouble);
+  }
 }
 
 void JobTracker::Follow(EventKind kind, const Record& record) {
@@ -238,6 +247,7 @@ void JobTracker::FollowAttempt(EventKind kind, const Record& record) {
     case EventKind::AttemptBegins:
       return BeginAttempt(record);
     case EventKind::WorkerBegins:
+      m_GivenUp.erase(record.thread);
       // The one of an attempt that was given up has begun already.
       if (m_Worker == 0) m_Worker = record.thread;
       return;
@@ -245,6 +255,7 @@ void JobTracker::FollowAttempt(EventKind kind, const Record& record) {
       BeginAttempt(record);
       return EndAttempt(record, AttemptOutcome::NotStarted);
     case EventKind::Overran:
+      m_GivenUp.insert(m_Worker);
       return EndAttempt(record, AttemptOutcome::Overran);
     case EventKind::AttemptFailed:
       return EndAttempt(record, AttemptOutcome::Failed);
@@ -291,6 +302,7 @@ void JobTracker::FollowReturn(EventKind kind, const Record& record) {
   switch (kind) {
     case EventKind::ReturnAwaited:
       EndAttempt(record, AttemptOutcome::Succeeded);
+      Current().lastCause.reset();
       return BeginStage(StageKind::Return, record, kReturnLimit);
     case EventKind::ReturnRetried:
       Note(MomentKind::Retry, record);
@@ -321,6 +333,8 @@ void JobTracker::BeginJob(const Record& record, bool beginMissing) {
 void JobTracker::BeginAttempt(const Record& record) {
   Job& job = Current();
   m_Worker = 0;
+  // What stopped the attempt before has been overcome.
+  job.lastCause.reset();
   const Attempt attempt{.number = static_cast<int>(job.attempts.size()) + 1,
                         .begin = record.time,
                         .end = record.time,

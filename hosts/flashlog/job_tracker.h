@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,8 @@ class JobTracker {
   bool m_Decided = false;
   std::uint32_t m_Process = 0;
   std::uint32_t m_Worker = 0;
+  /// Threads of attempts that were left to themselves: what they still say tells nothing of a later attempt.
+  std::set<std::uint32_t> m_GivenUp;
   bool m_StageOpen = false;
   std::string m_Version;
 };

@@ -110,6 +110,8 @@ struct Job {
   std::vector<Moment> moments;
   /// The first cause, or the first error when none is known as one.
   std::optional<Reason> firstError = std::nullopt;
+  /// The first cause of the last attempt, or of the waits for the modem behind it.
+  std::optional<Reason> lastCause = std::nullopt;
   std::uint64_t records = 0;
   std::uint64_t errors = 0;  ///< without those that are none
   std::uint64_t warnings = 0;

@@ -1,5 +1,6 @@
 #include "hosts/flashlog/json_report.h"
 
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
@@ -49,6 +50,19 @@ ordered_json AsJson(const Reason& reason) {
           {"what_to_do", known ? ordered_json(reason.trouble->whatToDo) : ordered_json()}};
 }
 
+ordered_json TextOrNull(const char* text) {
+  return text == nullptr ? ordered_json() : ordered_json(text);
+}
+
+ordered_json AsJson(const Ending& ending) {
+  return {{"time", TimeText(ending.time)},
+          {"offset", ending.offset},
+          {"function", ending.IsError() ? ordered_json(ReadableText(ending.function)) : ordered_json()},
+          {"message", ReadableText(ending.message)},
+          {"meaning", TextOrNull(ending.meaning)},
+          {"what_to_do", TextOrNull(ending.whatToDo)}};
+}
+
 int Count(const Job& job, MomentKind kind) {
   int count = 0;
   for (const Moment& moment : job.moments) count += moment.kind == kind ? 1 : 0;
@@ -65,6 +79,7 @@ ordered_json AsArray(const std::vector<Item>& items) {
 }  // namespace
 
 ordered_json AsJson(const Job& job) {
+  const auto ending = EndingOf(job);
   return {{"number", job.number},
           {"host", job.byCommandLine ? "command_line" : "service"},
           {"library_version", job.version.empty() ? ordered_json() : ordered_json(ReadableText(job.version))},
@@ -83,6 +98,7 @@ ordered_json AsJson(const Job& job) {
           {"records", job.records},
           {"offset", job.offset},
           {"end_offset", job.endOffset},
+          {"failed_by", ending ? AsJson(*ending) : ordered_json()},
           {"first_error", job.firstError ? AsJson(*job.firstError) : ordered_json()}};
 }
 

@@ -1,6 +1,7 @@
 #include "hosts/flashlog/news.h"
 
 #include "hosts/common/text_layout.h"
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/readable_text.h"
 
 namespace hosts::flashlog {
@@ -34,7 +35,17 @@ std::string News::Behind(const Log& log, const Record& record, const Place& plac
   if (job.state != m_State) {
     m_State = job.state;
     lines += Line(job.end, "flash " + std::to_string(job.number) + " " + NameOf(job.state));
+    lines += Why(job);
   }
+  return lines;
+}
+
+std::string News::Why(const Job& job) const {
+  const auto ending = EndingOf(job);
+  if (!ending) return "";
+  std::string lines = Line(job.end, "failed by: " + ReadableText(ending->message));
+  if (ending->meaning != nullptr) lines += Line(job.end, std::string("means: ") + ending->meaning);
+  if (ending->whatToDo != nullptr) lines += Line(job.end, std::string("do: ") + ending->whatToDo);
   return lines;
 }
 

@@ -19,6 +19,8 @@ class News {
   std::string Behind(const Log& log, const Record& record, const Place& place);
 
  private:
+  /// What ended a flash that failed, with advice.
+  std::string Why(const Job& job) const;
   std::string Line(Milliseconds time, const std::string& text) const;
 
   std::string m_Name;

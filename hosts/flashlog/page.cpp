@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/json_report.h"
 #include "hosts/flashlog/number_text.h"
 #include "hosts/flashlog/page_template.h"
@@ -202,6 +203,17 @@ std::string CurveNumbers(const Job& job, std::size_t most) {
   return numbers.Text();
 }
 
+/// Of an error its place, which leads to all else; otherwise what its record does not tell.
+ordered_json EndingData(const Job& job, const Ending& ending) {
+  ordered_json data{{"offset", job.before + ending.offset}};
+  if (ending.IsError()) return data;
+  data["time"] = ending.time;
+  data["said"] = ReadableText(ending.message);
+  data["meaning"] = ending.meaning == nullptr ? "" : ending.meaning;
+  data["what_to_do"] = ending.whatToDo == nullptr ? "" : ending.whatToDo;
+  return data;
+}
+
 /// Times count from the job's start; its own offset counts from the first byte of all times, so that none
 /// comes twice, and the other ones from it.
 ordered_json Timeline(const Job& job, std::size_t curvePoints) {
@@ -221,6 +233,7 @@ ordered_json Timeline(const Job& job, std::size_t curvePoints) {
                         {"moments", MomentNumbers(job)},
                         {"progress", CurveNumbers(job, curvePoints)}};
   if (job.firstError) timeline["reason"] = job.before + job.firstError->offset;
+  if (const auto ending = EndingOf(job)) timeline["ending"] = EndingData(job, *ending);
   if (job.byCommandLine) timeline["command_line"] = true;
   if (job.beginMissing) timeline["begin_missing"] = true;
   return timeline;

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/log.h"
 #include "hosts/flashlog/page.h"
 #include "hosts/flashlog_text.h"
@@ -17,8 +18,10 @@ namespace hosts::flashlog {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 class FlashlogJobsTest : public testing::Test {
  protected:
@@ -176,6 +179,119 @@ TEST_F(FlashlogJobsTest, ALimitThatIsNoneIsTheUsualOne) {
 
   ASSERT_THAT(job.attempts, SizeIs(5));
   for (const Attempt& attempt : job.attempts) EXPECT_EQ(attempt.limit, 130'000) << attempt.number;
+}
+
+// --- What ended a flash that failed ----------------------------------------------------------------------
+
+constexpr char kNotWritten[] = "\t Could not download file(|3|C:\\a.fls)";
+
+/// An attempt whose download breaks off, up to its end.
+LogText& FailingAttempt(LogText& text) {
+  return text.AttemptBegins()
+      .ReachesWriting()
+      .By(LogText::kWorker)
+      .Error("CFirmwareDownloader::DownloadFirmwareIntoDevice", kNotWritten)
+      .JobError("\t Flash FAILED, goto Flash_FAILED");
+}
+
+TEST_F(FlashlogJobsTest, WhatARetryHasOvercomeDidNotEndTheFlash) {
+  LogText text;
+  FailingAttempt(text.Request()).AttemptBegins().ReachesWriting();
+  text.Job("\t Flash OK, to wait for MBIM Modem re-arrival").At(30);
+  text.JobError("\t Wait Modem re-arrival timeout or other issue, Let's check it last time\n");
+  text.JobError("\t Flash OK, but wait Modem re-arrived failed").Result(3);
+  text.Error("ToolKit::DeleteFLSFiles", "DeleteFile(C:\\a.fls) failed with: 5").Tidied();
+
+  const Job& job = JobsOf(text).at(0);
+
+  EXPECT_THAT(job.firstError->message, StartsWith("Could not download file"));
+  const auto ending = EndingOf(job);
+  ASSERT_TRUE(ending);
+  EXPECT_THAT(ending->message, StartsWith("Wait Modem re-arrival timeout"));
+  EXPECT_THAT(ending->meaning, HasSubstr("not back within 23 s"));
+  EXPECT_TRUE(BeganOtherwise(job, *ending));
+}
+
+TEST_F(FlashlogJobsTest, WhatTheLastAttemptHasOvercomeItselfDidNotEndTheFlash) {
+  LogText text;
+  text.Request().AttemptBegins().By(LogText::kWorker);
+  text.Error("CFirmwareDownloader::MonitorFlashPort", "\t Timeout in waiting for flash channel");
+  text.Job("\t Flash OK, to wait for MBIM Modem re-arrival").At(30);
+  text.JobError("\t Wait Modem re-arrival timeout or other issue, retry\n").Result(3);
+
+  EXPECT_THAT(EndingOf(JobsOf(text).at(0))->message, StartsWith("Wait Modem re-arrival timeout"));
+}
+
+TEST_F(FlashlogJobsTest, OneErrorMayBeTheFirstAndEndTheFlash) {
+  LogText text;
+  FailingAttempt(text.Request()).Result(3);
+
+  const Job& job = JobsOf(text).at(0);
+
+  const auto ending = EndingOf(job);
+  ASSERT_TRUE(ending && job.firstError);
+  EXPECT_EQ(ending->offset, job.firstError->offset);
+  EXPECT_FALSE(BeganOtherwise(job, *ending));
+}
+
+TEST_F(FlashlogJobsTest, AnAttemptThatWasGivenUpDoesNotEndALaterOne) {
+  LogText text;
+  text.Request().AttemptBegins().At(130).JobError("\t Flash TIMEOUT or other issue, goto Flash_FAILED");
+  text.At(135).Job("\t DownloadFirmwareImplementation timeout: 130s");
+  text.By(77).Trace("ToolKit::DownloadFirmwareImplementation", "ToolKit::DownloadFirmwareImplementation ++");
+  text.By(LogText::kWorker).Error("CFirmwareDownloader::DownloadFirmwareIntoDevice", kNotWritten);
+  text.By(77).Error("Somebody::Else", "went wrong");
+  text.JobError("\t Flash FAILED, goto Flash_FAILED").Result(3);
+
+  EXPECT_EQ(EndingOf(JobsOf(text).at(0))->message, "went wrong");
+}
+
+TEST_F(FlashlogJobsTest, AThreadOfAnAttemptThatWasGivenUpMayWorkForALaterOne) {
+  LogText text;
+  text.Request().AttemptBegins().At(130).JobError("\t Flash TIMEOUT or other issue, goto Flash_FAILED");
+  FailingAttempt(text.At(135)).Result(3);
+
+  EXPECT_THAT(EndingOf(JobsOf(text).at(0))->message, StartsWith("Could not download file"));
+}
+
+TEST_F(FlashlogJobsTest, AWaitThatRanOutWithoutAnErrorIsToldInWords) {
+  LogText text;
+  FailingAttempt(text.Request()).AttemptBegins().ReachesWriting();
+  text.At(10).Job("\t Flash OK, to wait for MBIM Modem re-arrival").At(33);
+  text.JobError("\t Flash OK, but wait Modem re-arrived failed").Result(3).Tidied();
+
+  const Job& job = JobsOf(text).at(0);
+
+  const auto ending = EndingOf(job);
+  ASSERT_TRUE(ending);
+  EXPECT_FALSE(ending->IsError());
+  EXPECT_EQ(ending->message, "awaiting the modem ended after 23.0 s of 23 s, and no error tells why");
+  EXPECT_EQ(ending->offset, job.stages[job.stages.size() - 2].offset);
+  EXPECT_EQ(ending->time - job.begin, 33'000);
+  EXPECT_THAT(ending->meaning, HasSubstr("the modem did not come back"));
+  EXPECT_TRUE(BeganOtherwise(job, *ending));
+}
+
+TEST_F(FlashlogJobsTest, AnAttemptThatFailedWithoutAnErrorIsToldByItsResult) {
+  LogText text;
+  text.Request().AttemptBegins().ReachesWriting().By(LogText::kWorker);
+  text.Trace("ToolKit::DownloadFirmwareImplementation",
+             "ToolKit::DownloadFirmwareImplementation --, result: 5");
+  text.At(4).JobError("\t Flash FAILED, goto Flash_FAILED").Result(3);
+
+  const auto ending = EndingOf(JobsOf(text).at(0));
+
+  ASSERT_TRUE(ending);
+  EXPECT_EQ(ending->message, "writing in attempt 1 ended after 1.0 s, and no error tells why");
+  EXPECT_THAT(ending->meaning, StartsWith("update failed"));
+}
+
+TEST_F(FlashlogJobsTest, OnlyAFlashThatFailedHasAnEndingThatIsTold) {
+  LogText text;
+  FailingAttempt(text.Request()).At(9).SuccessfulFlash();
+  FailingAttempt(text.At(100).Request());
+
+  for (const Job& job : JobsOf(text)) EXPECT_FALSE(EndingOf(job)) << job.number;
 }
 
 TEST_F(FlashlogJobsTest, EachWaitForTheModemHasItsOwnLimit) {

@@ -136,9 +136,35 @@ class PageTest(unittest.TestCase):
         self.assertEqual(len(self.all(".job")), 3)
         self.assertEqual([badge.text for badge in self.all("#overview .badge")], ["succeeded", "succeeded", "failed"])
         self.assertIn("3 flashes, 1 not good", self.one("#summary").text)
-        reason = self.all(".job")[2].find_element(By.CSS_SELECTOR, ".reason").text
-        self.assertIn("Could not download file", reason)
-        self.assertIn("Copy the images again", reason)
+
+    def test_what_ended_a_flash_stands_before_what_it_began_with(self):
+        self.show()
+        ending, first = [reason.text for reason in self.all(".job:last-of-type .reason")]
+        self.assertTrue(ending.startswith("Failed by"), ending)
+        self.assertIn("Wait Modem re-arrival timeout", ending)
+        self.assertIn("the modem was not back within 23 s", ending)
+        self.assertIn("Ask for the flash again", ending)
+        self.assertTrue(first.startswith("First error"), first)
+        self.assertIn("Could not download file", first)
+        self.assertNotIn("Copy the images again", first)
+        self.assertIn("the modem was not back within 23 s", self.one("#overview tbody tr:last-child .why").text)
+
+    def test_an_error_that_began_and_ended_a_flash_is_told_once(self):
+        log = self.browser.log(record(1, b"Trace", b"ToolKit::MonitorFlashReadyFlag", b"flash flag changed to 1") +
+                               record(2, b"Error", b"A::B", b"went wrong") +
+                               record(3, b"Trace", b"ToolKit::SetFlashResult", b"WriteRegistry Flash_Result: 3"), "one.log")
+        self.show(self.browser.make(log, name="one.html"))
+        reason, = [reason.text for reason in self.all(".job .reason")]
+        self.assertTrue(reason.startswith("Failed by"), reason)
+
+    def test_a_flash_that_no_error_ended_is_told_by_its_stage(self):
+        text = re.sub(rb"#[^#]*Wait Modem re-arrival timeout[^#]*##\r\n", b"", pathlib.Path(SAMPLE).read_bytes())
+        self.show(self.browser.make(self.browser.log(text, "words.log"), name="words.html"))
+        ending = self.one(".job:last-of-type .reason")
+        self.assertIn("awaiting the modem ended after 23.0 s of 23 s", ending.text)
+        self.assertIn("Ask for the flash again", ending.text)
+        ending.find_element(By.CSS_SELECTOR, "button").click()
+        self.assertIn("WaitForMBIMRearrivedImplementation ++", self.one(".record.chosen").text)
 
     def test_a_timeline_has_stages_attempts_marks_limits_and_a_curve(self):
         self.show()
@@ -256,7 +282,7 @@ class PageTest(unittest.TestCase):
 
     def test_the_reason_leads_to_its_record_with_its_advice(self):
         self.show()
-        self.one(".job:last-of-type .reason button").click()
+        self.one(".job:last-of-type .reason.first button").click()
         details = self.one(".record.chosen .more").text
         self.assertIn("What to do: Copy the images again", details)
         self.assertIn("Byte ", details)
@@ -265,7 +291,7 @@ class PageTest(unittest.TestCase):
         self.show()
         self.one("#filter-text").send_keys("no record says this")
         self.assertEqual(self.texts(), [])
-        self.one(".job:last-of-type .reason button").click()
+        self.one(".job:last-of-type .reason.first button").click()
         self.assertIn("Could not download file", self.one(".record.chosen").text)
 
     # Filters.
@@ -406,9 +432,9 @@ class PageTest(unittest.TestCase):
             self.await_flashes(page, 6)
             program.kill()
         self.show(page)
-        self.assertEqual(len(self.all(".job .reason.mild")), 2)
+        self.assertEqual(len(self.all(".job .reason.mild")), 4)
         for card in (2, 5):
-            reason = self.all(".job")[card].find_element(By.CSS_SELECTOR, ".reason")
+            reason = self.all(".job")[card].find_element(By.CSS_SELECTOR, ".reason.first")
             self.assertIn("Could not download file", reason.text)
             reason.find_element(By.CSS_SELECTOR, "button").click()
             chosen = self.one(".record.chosen")
@@ -492,7 +518,7 @@ class PageTest(unittest.TestCase):
         self.script("document.getElementById('more').click()")
         self.assertIn("left out: bytes", self.one(".record.gap").text)
         self.script("showJob(2, true)")
-        self.script("document.querySelector('#job-2 .reason button').click()")
+        self.script("document.querySelector('#job-2 .reason.first button').click()")
         self.assertIn("Could not download file", self.one(".record.chosen").text)
 
 

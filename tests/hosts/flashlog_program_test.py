@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import pty
+import re
 import signal
 import socket
 import subprocess
@@ -46,10 +47,30 @@ class ProgramTest(unittest.TestCase):
         jobs = self.report(self.sample)["logs"][0]["jobs"]
         self.assertEqual([job["state"] for job in jobs], ["succeeded", "succeeded", "failed"])
         self.assertEqual([job["result"] for job in jobs], [4, 4, 3])
-        error = jobs[2]["first_error"]
-        self.assertIn("Could not download file", error["message"])
-        self.assertIn("Copy the images again", error["what_to_do"])
-        self.assertTrue(self.sample[error["offset"]:].startswith(b"#2026-11-15\t" + error["time"][11:].encode()))
+        self.assertEqual([job["failed_by"] for job in jobs[:2]], [None, None])
+        # Two attempts broke off; the third one wrote all, and the modem did not come back.
+        for error, message, advice in (
+                (jobs[2]["first_error"], "Could not download file", "Copy the images again"),
+                (jobs[2]["failed_by"], "Wait Modem re-arrival timeout", "Ask for the flash again")):
+            self.assertIn(message, error["message"])
+            self.assertIn(advice, error["what_to_do"])
+            self.assertTrue(self.sample[error["offset"]:].startswith(b"#2026-11-15\t" + error["time"][11:].encode()))
+            self.assertTrue(self.sample[error["offset"]:].split(b"##")[0].strip().endswith(error["message"].encode()))
+
+    def test_a_flash_that_no_error_ends_is_told_by_its_stages(self):
+        causes = re.compile(rb"#[^#]*Wait Modem re-arrival timeout[^#]*##\r\n")
+        self.assertEqual(len(causes.findall(self.sample)), 2)
+        ending = self.report(causes.sub(b"", self.sample))["logs"][0]["jobs"][2]["failed_by"]
+        self.assertIsNone(ending["function"])
+        self.assertEqual(ending["message"], "awaiting the modem ended after 23.0 s of 23 s, and no error tells why")
+        self.assertIn("the modem did not come back", ending["meaning"])
+
+    def test_the_table_tells_what_ended_a_flash_before_what_it_began_with(self):
+        told = run("--width", "100", SAMPLE).stdout.decode()
+        failed = told[told.index("failed at 100 %"):]
+        self.assertLess(failed.index("Failed at 06:28:36.872"), failed.index("Ask for the flash again"))
+        self.assertLess(failed.index("Ask for the flash again"), failed.index("First error at 06:27:46.475"))
+        self.assertNotIn("Copy the images", failed)
 
     def test_an_empty_log(self):
         log = self.report(b"")["logs"][0]
@@ -268,6 +289,8 @@ class ProgramTest(unittest.TestCase):
                     more.write(self.sample[half:])
                 self.await_line(program, b"error: Could not download file")
                 self.await_line(program, b"flash 3 failed")
+                self.await_line(program, b"failed by: Wait Modem re-arrival timeout")
+                self.await_line(program, b"do: Ask for the flash again")
                 log.write_bytes(self.sample[:half])
                 self.await_line(program, b"flash 4 begins")
                 self.assertIn(b"</html>", page.read_bytes())

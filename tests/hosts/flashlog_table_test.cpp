@@ -74,6 +74,16 @@ TEST(FlashlogTextTest, ALogWithoutAFlashSaysSo) {
   EXPECT_THAT(Table(LogText().Trace("A::B", "x"), 80), testing::HasSubstr("There is no flash in it."));
 }
 
+TEST(FlashlogTextTest, AnErrorThatIsTheFirstAndTheLastIsToldOnce) {
+  LogText text;
+  text.Request().AttemptBegins().Error("Somebody::Else", "went wrong").Result(3);
+
+  const std::string table = Table(text, 80);
+
+  EXPECT_THAT(table, testing::HasSubstr("Failed at 10:00:00.000, byte "));
+  EXPECT_THAT(table, testing::Not(testing::HasSubstr("First error")));
+}
+
 TEST(FlashlogTextTest, ALogThatCouldNotBeReadToItsEndSaysSo) {
   Log log("test.log", std::nullopt);
   log.Take(LogText().Trace("A::B", "x").Text());
@@ -117,7 +127,12 @@ TEST(FlashlogTextTest, NewsTellStagesErrorsAndTheEndOnce) {
             "10:00:00.000  preparing, attempt 1\n"
             "10:00:03.000  error: Flash FAILED, goto Flash_FAILED\n"
             "10:00:03.000  tidying up\n"
-            "10:00:03.000  flash 1 failed\n");
+            "10:00:03.000  flash 1 failed\n"
+            "10:00:03.000  failed by: preparing in attempt 1 ended after 3.0 s, and no error tells why\n"
+            "10:00:03.000  means: failed: no images were found, or the last attempt failed\n"
+            "10:00:03.000  do: Ask for the flash again: a modem that was left in flash mode is found there. "
+            "When it fails the same way twice, shut the PC down, wait half a minute, start it, and ask once "
+            "more.\n");
 }
 
 class FlashlogNewsTest : public testing::TestWithParam<std::size_t> {};

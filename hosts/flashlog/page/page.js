@@ -265,11 +265,23 @@ function drawHead() {
 
 // --- Overview ----------------------------------------------------------------------------------------------
 
-function reasonOf(job) {
-  if (job.reason === null) return null;
-  const record = recordAt(job.log, job.reason);
-  return record.offset === job.reason && !record.leftOut ? record : null;
+/** An error of a job in words, with the record that they lead to. */
+function errorAt(job, offset) {
+  const record = recordAt(job.log, offset);
+  if (record.offset !== offset || record.leftOut) return null;
+  const [, meaning, whatToDo] = record.trouble || ["", "", ""];
+  return {record, time: record.time, said: messageOf(record), meaning, whatToDo};
 }
+
+/** What ended a job that failed; what its stages tell when no error does. */
+function endingOf(job) {
+  const ending = job.ending;
+  if (!ending || !("said" in ending)) return ending ? errorAt(job, ending.offset) : null;
+  return {record: recordAt(job.log, ending.offset), time: ending.time, said: ending.said, meaning: ending.meaning,
+          whatToDo: ending.what_to_do};
+}
+
+const firstErrorOf = (job) => job.reason === null ? null : errorAt(job, job.reason);
 
 function strip(job, longest) {
   const bar = html("div", {class: "strip", "aria-hidden": "true"});
@@ -288,9 +300,9 @@ function drawOverview() {
   byId("overview").hidden = false;
   const longest = Math.max(1, ...jobs.map((job) => job.length));
   const many = logs.length > 1;
-  const heads = [many ? "Log" : null, "#", "Start", "Took", "Attempts", "Result", "On one scale", "First error"];
+  const heads = [many ? "Log" : null, "#", "Start", "Took", "Attempts", "Result", "On one scale", "Why"];
   const rows = jobs.map((job, index) => {
-    const reason = reasonOf(job);
+    const reason = job.state === "succeeded" ? null : endingOf(job) || firstErrorOf(job);
     const open = () => showJob(index, true);
     return html("tr", {"data-job": index, onclick: open},
                 many ? html("td", {}, logs[job.log].name.split(/[\\/]/).slice(-2).join("/")) : null,
@@ -301,8 +313,7 @@ function drawOverview() {
                 html("td", {class: "number"}, String(job.attempts.length)),
                 html("td", {}, html("span", {class: `badge ${job.state}`}, job.state_name)),
                 html("td", {}, strip(job, longest)),
-                html("td", {class: "why", title: reason ? messageOf(reason) : ""},
-                     job.state === "succeeded" || !reason ? "" : (reason.trouble ? reason.trouble[1] : messageOf(reason))));
+                html("td", {class: "why", title: reason ? reason.said : ""}, reason ? reason.meaning || reason.said : ""));
   });
   byId("overview-table").append(
     html("thead", {}, html("tr", {}, ...heads.map((head) => head === null ? null :
@@ -344,15 +355,26 @@ function showJob(index, scroll) {
   return card;
 }
 
-function drawReason(job) {
-  const record = reasonOf(job);
-  if (record === null) return null;
-  const good = job.state === "succeeded";
-  return html("div", {class: good ? "reason mild" : "reason"},
-              html("p", {class: "said"}, `${clock(record.time)}  ${messageOf(record)}`),
-              record.trouble ? html("p", {}, record.trouble[1]) : null,
-              record.trouble && !good ? html("p", {class: "do"}, record.trouble[2]) : null,
-              html("button", {type: "button", class: "link", onclick: () => goToRecord(record)}, "Show the record"));
+function drawError(name, error, look, ...advice) {
+  return html("div", {class: look},
+              html("p", {class: "name"}, name),
+              html("p", {class: "said"}, `${clock(error.time)}  ${error.said}`), ...advice,
+              html("button", {type: "button", class: "link", onclick: () => goToRecord(error.record)}, "Show the record"));
+}
+
+/** What ended the job comes first, with its advice; an error that it began with is told besides. */
+function drawReasons(job) {
+  const ending = endingOf(job), first = firstErrorOf(job);
+  const meaning = (error) => error.meaning ? html("p", {}, error.meaning) : null;
+  const toDo = (error) => error.whatToDo ? html("p", {class: "do"}, error.whatToDo) : null;
+  if (ending === null) {
+    if (first === null) return [];
+    const good = job.state === "succeeded";
+    return [drawError("First error", first, good ? "reason mild" : "reason", meaning(first), good ? null : toDo(first))];
+  }
+  const reasons = [drawError("Failed by", ending, "reason", meaning(ending), toDo(ending))];
+  if (first !== null && first.record !== ending.record) reasons.push(drawError("First error", first, "reason mild first"));
+  return reasons;
 }
 
 function drawStageTable(job) {
@@ -388,7 +410,7 @@ function drawCard(job) {
   return html("article", {class: "job", id: `job-${jobs.indexOf(job)}`, "aria-label": heading},
               html("header", {}, html("h3", {}, heading), html("span", {class: `badge ${job.state}`}, job.state_name),
                    html("span", {class: "facts"}, facts.join(" \u00b7 "))),
-              drawReason(job),
+              ...drawReasons(job),
               html("div", {class: "timeline", role: "group", "aria-label": `Timeline of flash ${job.number}; arrow keys go through it`}),
               html("ul", {class: "legend", "aria-hidden": "true"}),
               drawStageTable(job));

@@ -3,23 +3,23 @@
 #include <vector>
 
 #include "hosts/cmdline/followed_log.h"
+#include "hosts/flashlog/ending.h"
 #include "hosts/flashlog/readable_text.h"
 
 namespace hosts {
 
 std::string LoggedCause::Text() const {
-  return "Because of \"" + message + "\"" + (meaning.empty() ? "." : ": " + meaning);
+  const std::string told = isQuoted ? "\"" + message + "\"." : message + ".";
+  return "Why: " + told + (meaning.empty() ? "" : " " + meaning);
 }
 
 std::optional<LoggedCause> CauseOf(const flashlog::Job& job) {
-  if (job.state != flashlog::JobState::Failed || !job.firstError) return std::nullopt;
-  LoggedCause cause{
-      .message = flashlog::ReadableText(job.firstError->message), .meaning = {}, .whatToDo = {}};
-  if (const Trouble* const trouble = job.firstError->trouble; trouble != nullptr) {
-    cause.meaning = trouble->meaning;
-    cause.whatToDo = trouble->whatToDo;
-  }
-  return cause;
+  const std::optional<flashlog::Ending> ending = flashlog::EndingOf(job);
+  if (!ending) return std::nullopt;
+  return LoggedCause{.message = flashlog::ReadableText(ending->message),
+                     .isQuoted = ending->IsError(),
+                     .meaning = ending->meaning == nullptr ? "" : ending->meaning,
+                     .whatToDo = ending->whatToDo == nullptr ? "" : ending->whatToDo};
 }
 
 std::optional<LoggedCause> FindLoggedCause(const std::wstring& log) {

@@ -10,14 +10,15 @@ namespace hosts {
 
 /// Why a flash failed, as its debug log tells it.
 struct LoggedCause {
-  std::string message;   ///< of the record
-  std::string meaning;   ///< empty when the record is unknown, and so is what to do
-  std::string whatToDo;  ///< empty when the record is unknown
+  std::string message;   ///< of the record; or, when none tells, what the flash was doing
+  bool isQuoted = true;  ///< the message is a record's
+  std::string meaning;   ///< empty when nothing is known
+  std::string whatToDo;  ///< empty when nothing is known
 
   std::string Text() const;
 };
 
-/// Of a flash; nothing when it has not failed, or no record tells why.
+/// Of a flash; nothing when it has not failed.
 std::optional<LoggedCause> CauseOf(const flashlog::Job& job);
 /// Of the last flash of a debug log; nothing when there is no log, too.
 std::optional<LoggedCause> FindLoggedCause(const std::wstring& log);

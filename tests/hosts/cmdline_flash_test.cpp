@@ -293,7 +293,7 @@ TEST_F(FlashTest, MakesNoSecondAttemptWhenRetryTimesIsZero) {
   const RunResult result = Flash();
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.output, AllOf(HasSubstr("The flash failed. Result 3 (failed), 1 attempt, "),
-                                   HasSubstr("\r\nBecause of \"Could not download file"),
+                                   HasSubstr("\r\nWhy: \"Could not download file"),
                                    HasSubstr("copy them anew"), HasSubstr("corvel_flashlog \"")));
 }
 

@@ -34,6 +34,7 @@ namespace hosts {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -247,7 +248,7 @@ INSTANTIATE_TEST_SUITE_P(Columns, CmdlineTextTest, testing::Values(40, 80, 120))
 flashlog::Job FailedJob() {
   flashlog::Job job;
   job.state = flashlog::JobState::Failed;
-  job.firstError = flashlog::Reason{.message = "ZEMO_DL_open_channel error"};
+  job.lastCause = flashlog::Reason{.function = "ToolKit::", .message = "ZEMO_DL_open_channel error"};
   return job;
 }
 
@@ -261,8 +262,18 @@ TEST(LoggedCauseTest, IsNoneOfAFlashThatHasNotFailed) {
 TEST(LoggedCauseTest, TellsARecordThatNobodyKnows) {
   const auto cause = CauseOf(FailedJob());
   ASSERT_TRUE(cause);
-  EXPECT_EQ(cause->Text(), "Because of \"ZEMO_DL_open_channel error\".");
+  EXPECT_EQ(cause->Text(), "Why: \"ZEMO_DL_open_channel error\".");
   EXPECT_EQ(cause->whatToDo, "");
+}
+
+TEST(LoggedCauseTest, TellsWhatTheFlashWasDoingWhenNoRecordTells) {
+  flashlog::Job job = FailedJob();
+  job.lastCause.reset();
+  job.stages.push_back({.kind = flashlog::StageKind::Return, .begin = 0, .end = 23'000, .limit = 23'000});
+  const auto cause = CauseOf(job);
+  ASSERT_TRUE(cause);
+  EXPECT_THAT(cause->Text(), StartsWith("Why: awaiting the modem ended after 23.0 s of 23 s"));
+  EXPECT_NE(cause->whatToDo, "");
 }
 
 TEST(LoggedCauseTest, IsOfTheLastFlashOfALog) {

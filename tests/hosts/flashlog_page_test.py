@@ -362,6 +362,25 @@ class PageTest(unittest.TestCase):
         self.assertTrue(times)
         self.assertTrue(all(text < "06:26:55" for text in times))
 
+    def test_of_many_threads_the_newest_and_those_of_a_flash_are_listed(self):
+        flashes = [record(2 * i, b"Trace", b"ToolKit::MonitorFlashReadyFlag", b"flash flag changed to 1", thread=10_000 + i) +
+                   record(2 * i + 1, b"Trace", b"ToolKit::DeleteFLSFiles", b"DeleteFLSFiles --", thread=20_000 + i)
+                   for i in range(300)]
+        self.show(self.browser.make(self.browser.log(b"".join(flashes), "threads.log"), name="threads.html"))
+        listed = lambda: [option.text for option in self.all("#filter-thread option")]
+        self.assertEqual(listed()[:3], ["all", "100 older ones are listed with their flash", "10~10050"])
+        self.assertEqual(listed()[-1], "10~20299")
+        self.assertEqual(len(listed()), 502)
+        self.one("#filter-thread option:last-child").click()
+        self.assertEqual([element.text for element in self.all(".record .who")], ["10~20299"])
+        # The thread that was chosen has nothing to say of another flash.
+        self.all("#filter-job option")[1].click()
+        self.assertEqual(listed(), ["all", "10~10000", "10~20000"])
+        self.assertEqual(self.one("#filter-thread").get_attribute("value"), "")
+        self.assertEqual({element.text for element in self.all(".record .who")}, {"10~10000", "10~20000"})
+        self.press(Keys.ESCAPE)
+        self.assertEqual(len(listed()), 502)
+
     # Keys.
 
     def test_keys_go_through_errors_and_records(self):

@@ -7,6 +7,7 @@ const lowerMessages = data.messages.map((text) => text.toLowerCase());
 const MomentKinds = ["reset", "retry"];
 const kMostCards = 8;  // of all logs by themselves, of each log on demand
 const kPageOfRecords = 400;
+const kMostThreads = 500;
 
 const kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 const letterValues = new Map([...kLetters].map((letter, value) => [letter, value]));
@@ -747,6 +748,7 @@ function choose(record, scroll) {
 /** As at the start; with a record that has to be among those that are shown. */
 function clearFilters(record) {
   byId("filters").reset();
+  fillThreads();
   if (!record) return;
   const box = document.querySelector(`input[name=level][value=${record.leftOut ? "trace" : groupOf(record)}]`);
   box.checked = true;
@@ -771,17 +773,27 @@ function goToTimeline(record) {
   items.sort((a, b) => Number(b.dataset.offset) - Number(a.dataset.offset))[0]?.focus({preventScroll: true});
 }
 
-function fillSelects() {
+/** The threads of the chosen flash, or of all: those that the log has last. */
+function fillThreads() {
+  const select = byId("filter-thread"), job = byId("filter-job").value, before = select.value;
   const seen = new Set();
-  for (const record of records) {
-    if (record.leftOut || record.flaw === "foreign") continue;
+  for (const record of [...records].reverse()) {
+    if (record.leftOut || record.flaw === "foreign" || (job && job !== `${record.log}:${record.job}`)) continue;
     seen.add(`${record.log}:${record.thread}`);
-    if (seen.size >= 500) break;
   }
-  byId("filter-thread").append(html("option", {value: ""}, "all"), ...[...seen].map((key) => {
+  const listed = [...seen].slice(0, kMostThreads).reverse(), older = seen.size - listed.length;
+  select.replaceChildren(html("option", {value: ""}, "all"), ...listed.map((key) => {
     const [log, thread] = key.split(":");
     return html("option", {value: key}, logs.length > 1 ? `${thread} (${logs[log].name.split(/[\\/]/).pop()})` : thread);
   }));
+  if (older > 0) {
+    const hint = `${counted(older, "older one")} ${older === 1 ? "is" : "are"} listed with ${older === 1 ? "its" : "their"} flash`;
+    select.firstChild.after(html("option", {disabled: true}, hint));
+  }
+  select.value = listed.includes(before) ? before : "";
+}
+
+function fillJobs() {
   byId("filter-job").append(html("option", {value: ""}, "all"), ...jobs.map((job) =>
     html("option", {value: `${job.log}:${job.number}`},
          (logs.length > 1 ? `${logs[job.log].name.split(/[\\/]/).slice(-2).join("/")} ` : "") + `${job.number}, ${clock(job.begin, false)}`)));
@@ -852,7 +864,8 @@ function afterPrint() {
 
 drawHead();
 drawOverview();
-fillSelects();
+fillJobs();
+fillThreads();
 drawLanes();
 if (jobs.length <= kMostCards) {
   jobs.forEach((_, index) => showJob(index, false));
@@ -868,6 +881,7 @@ applyFilter(null);
 
 byId("filters").addEventListener("input", () => applyFilter(null));
 byId("filters").addEventListener("change", (event) => {
+  if (event.target.id === "filter-job") fillThreads();
   if (event.target.matches("select")) applyFilter(null);
 });
 byId("filters").addEventListener("submit", (event) => event.preventDefault());

@@ -23,6 +23,7 @@
 #include "hosts/common/terminal.h"
 #include "hosts/common/text.h"
 #include "hosts/common/trusted_folders.h"
+#include "hosts/common/wrong_usage.h"
 #include "hosts/flashlog/job_table.h"
 #include "hosts/flashlog/json_report.h"
 #include "hosts/flashlog/log.h"
@@ -368,7 +369,7 @@ int Run(std::vector<std::string> words) {
     program.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return program.exit(error);
-    Report(kProgram, {"wrong_usage", error.what(), "See \"corvel_flashlog --help\"."}, false);
+    Report(kProgram, WrongUsage(program, error), false);
     return static_cast<int>(ExitCode::WrongUsage);
   }
   if (!shell.empty()) {

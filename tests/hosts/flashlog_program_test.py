@@ -308,9 +308,16 @@ class ProgramTest(unittest.TestCase):
         self.assertIn(b"--width COUNT ", done.stdout)
 
     def test_wrong_usage(self):
-        done = run("--nonsense")
-        self.assertEqual(done.returncode, 2)
-        self.assertIn(b"--help", done.stderr)
+        for words, told in (
+                (("--folow", SAMPLE), b'"--folow" is no option of corvel_flashlog. Did you mean "--follow"?'),
+                (("--xyzzy",), b'"--xyzzy" is no option of corvel_flashlog. See "corvel_flashlog --help".'),
+                (("--records", "-5"), b'--records cannot be "-5". Give a number from 0 to 1000000.'),
+                (("--width", "wide"), b'--width cannot be "wide". Give a number from 20 to 1000.'),
+                (("--html",), b'--html needs a value. See "corvel_flashlog --help".')):
+            with self.subTest(words):
+                done = run(*words)
+                self.assertEqual(done.returncode, 2)
+                self.assertIn(told, b" ".join(done.stderr.split()))
 
 
 unittest.main(argv=[sys.argv[0]])

@@ -200,7 +200,6 @@ TEST_F(FlashlogJobsTest, WhatARetryHasOvercomeDidNotEndTheFlash) {
   text.Job("\t Flash OK, to wait for MBIM Modem re-arrival").At(30);
   text.JobError("\t Wait Modem re-arrival timeout or other issue, Let's check it last time\n");
   text.JobError("\t Flash OK, but wait Modem re-arrived failed").Result(3);
-  text.Error("ToolKit::DeleteFLSFiles", "DeleteFile(C:\\a.fls) failed with: 5").Tidied();
 
   const Job& job = JobsOf(text).at(0);
 
@@ -258,7 +257,8 @@ TEST_F(FlashlogJobsTest, AWaitThatRanOutWithoutAnErrorIsToldInWords) {
   LogText text;
   FailingAttempt(text.Request()).AttemptBegins().ReachesWriting();
   text.At(10).Job("\t Flash OK, to wait for MBIM Modem re-arrival").At(33);
-  text.JobError("\t Flash OK, but wait Modem re-arrived failed").Result(3).Tidied();
+  text.JobError("\t Flash OK, but wait Modem re-arrived failed").Result(3);
+  text.Error("ToolKit::DeleteFLSFiles", "DeleteFile(C:\\a.fls) failed with: 5").Tidied();
 
   const Job& job = JobsOf(text).at(0);
 

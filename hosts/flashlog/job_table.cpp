@@ -131,7 +131,8 @@ class Printer {
     add(flaws.malformed, "malformed record", "malformed records");
     add(flaws.truncated, "truncated record", "truncated records");
     add(flaws.cut, "record too long", "records too long");
-    return text;
+    return text + "; " + SizeText(flaws.bytes) + ", the first at byte " +
+           std::to_string(flaws.firstOffset.value_or(0));
   }
 
   static std::string ResultText(const Job& job) {

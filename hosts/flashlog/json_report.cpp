@@ -114,6 +114,9 @@ ordered_json AsJson(const Log& log) {
             {"malformed", log.Flaws().malformed},
             {"truncated", log.Flaws().truncated},
             {"cut", log.Flaws().cut}}},
+          {"flawed_bytes", log.Flaws().bytes},
+          {"first_flaw_offset",
+           log.Flaws().firstOffset ? ordered_json(*log.Flaws().firstOffset) : ordered_json()},
           {"jobs", AsArray(log.Jobs())}};
 }
 

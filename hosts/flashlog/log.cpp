@@ -66,6 +66,10 @@ void Log::TakeRecord(const Record& record) {
     ++m_Records;
     if (!m_Begin) m_Begin = record.time;
     m_End = record.time;
+  if (record.flaw != Flaw::None) {
+    m_Flaws.bytes += record.size;
+    if (!m_Flaws.firstOffset) m_Flaws.firstOffset = record.offset;
+  }
   }
   const Place place = m_Tracker.Take(record);
   if (m_Store) m_Store->Take(record, place);

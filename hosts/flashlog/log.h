@@ -21,6 +21,9 @@ struct FlawCounts {
   std::uint64_t malformed = 0;
   std::uint64_t truncated = 0;
   std::uint64_t cut = 0;
+  std::uint64_t bytes = 0;  ///< of all of them
+  /// Of the first one, in the log that it stood in.
+  std::optional<std::uint64_t> firstOffset = std::nullopt;
 
   std::uint64_t Sum() const { return foreign + malformed + truncated + cut; }
 };

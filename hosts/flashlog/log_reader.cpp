@@ -15,8 +15,8 @@ constexpr std::string_view kEndMark = "##";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 /// How a record begins; a 0 stands for any digit.
 constexpr std::string_view kBegin = "#0000-00-00\t00:00:00.000\t";
-/// Enough to hold the end mark and a line end.
-constexpr std::size_t kTailLength = 4;
+/// Enough to hold the end mark and a line end, and less than what a record begins with.
+constexpr std::size_t kTailLength = kBegin.size() - 1;
 
 bool IsDigit(char letter) {
   return letter >= '0' && letter <= '9';
@@ -55,9 +55,9 @@ std::optional<Milliseconds> TimeOf(std::string_view text) {
   return (((Milliseconds{days} * 24 + hours) * 60 + minutes) * 60 + seconds) * 1000 + thousandths;
 }
 
-/// Where a record begins behind the first letter of a line; npos when none does.
-std::size_t BeginWithin(std::string_view text) {
-  std::size_t begin = text.find('#', 1);
+/// Where a record begins in a text, from a place on; npos when none does.
+std::size_t BeginWithin(std::string_view text, std::size_t from) {
+  std::size_t begin = text.find('#', from);
   while (begin != std::string_view::npos && !TimeOf(text.substr(begin))) begin = text.find('#', begin + 1);
   return begin;
 }
@@ -145,23 +145,52 @@ void LogReader::Take(std::string_view bytes) {
       TakeLine(piece, piece.size(), false, piece);
       continue;
     }
-    m_LineSize += piece.size();
-    m_Line += piece.substr(0, std::min(piece.size(), kLongestRecord - m_Line.size()));
-    m_Tail += piece.substr(piece.size() - std::min(piece.size(), kTailLength));
-    if (m_Tail.size() > kTailLength) m_Tail.erase(0, m_Tail.size() - kTailLength);
-    if (!complete) continue;
-    TakeLine(m_Line, m_LineSize, m_LineSize > m_Line.size(), m_Tail);
-    m_Line.clear();
-    m_Tail.clear();
-    m_LineSize = 0;
+    AddToLine(piece);
+    if (complete) EndLine();
   }
 }
 
-void LogReader::Finish() {
+void LogReader::AddToLine(std::string_view piece) {
+  const std::string_view kept = piece.substr(0, kLongestRecord - m_Line.size());
+  m_Line += kept;
+  m_LineSize += kept.size();
+  KeepTail(kept);
+  piece.remove_prefix(kept.size());
+  if (!piece.empty()) PassOver(piece);
+}
+
+/// What is more than a line may have. A record in it begins a line of its own: what a power cut leaves in
+/// front of it, zeros for example, has no line end.
+void LogReader::PassOver(std::string_view piece) {
+  const bool isFirst = m_LineSize == m_Line.size();
+  const std::string before = isFirst ? m_Line : m_Tail;
+  const std::string ahead = before + std::string(piece);
+  const std::size_t begin = BeginWithin(ahead, isFirst ? 1 : 0);
+  if (begin == std::string_view::npos) {
+    m_LineSize += piece.size();
+    return KeepTail(piece);
+  }
+  m_LineSize = m_LineSize - before.size() + begin;
+  m_Line.resize(static_cast<std::size_t>(std::min<std::uint64_t>(m_Line.size(), m_LineSize)));
+  m_Tail.clear();
+  EndLine();
+  AddToLine(std::string_view(ahead).substr(begin));
+}
+
+void LogReader::KeepTail(std::string_view piece) {
+  m_Tail += piece.substr(piece.size() - std::min(piece.size(), kTailLength));
+  if (m_Tail.size() > kTailLength) m_Tail.erase(0, m_Tail.size() - kTailLength);
+}
+
+void LogReader::EndLine() {
   if (m_LineSize != 0) TakeLine(m_Line, m_LineSize, m_LineSize > m_Line.size(), m_Tail);
   m_Line.clear();
   m_Tail.clear();
   m_LineSize = 0;
+}
+
+void LogReader::Finish() {
+  EndLine();
   if (m_RecordOpen) HandOut(Flaw::Truncated);
   m_Before += m_Offset;
   m_Offset = 0;
@@ -173,7 +202,8 @@ void LogReader::TakeLine(std::string_view text, std::uint64_t size, bool isCut, 
   if (m_Offset == 0 && text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   const bool endsRecord = tail.ends_with(kEndMark);
   // A record that broke off without a line end has the next one behind it.
-  for (std::size_t begin = BeginWithin(text); begin != std::string_view::npos; begin = BeginWithin(text)) {
+  for (std::size_t begin = BeginWithin(text, 1); begin != std::string_view::npos;
+       begin = BeginWithin(text, 1)) {
     Sort({.text = text.substr(0, begin), .size = begin});
     m_Offset += begin;
     text.remove_prefix(begin);

@@ -39,6 +39,10 @@ class LogReader {
     bool endsRecord = false;
   };
 
+  void AddToLine(std::string_view piece);
+  void PassOver(std::string_view piece);
+  void KeepTail(std::string_view piece);
+  void EndLine();
   void TakeLine(std::string_view text, std::uint64_t size, bool isCut, std::string_view tail);
   void Sort(const Line& line);
   void Begin(const Line& line);

@@ -81,6 +81,17 @@ class ProgramTest(unittest.TestCase):
         flaws = self.report(noise)["logs"][0]["flaws"]
         self.assertGreater(flaws["foreign"], 0)
 
+    def test_zeros_of_a_power_cut_lose_nothing_behind_them(self):
+        place = self.sample.rindex(b"#2026", 0, self.sample.index(b"flash flag changed to 1"))
+        whole = self.report(self.sample)["logs"][0]
+        log = self.report(self.sample[:place] + bytes(70_000) + self.sample[place:])["logs"][0]
+        self.assertEqual(log["flaws"], {"foreign": 1, "malformed": 0, "truncated": 0, "cut": 0})
+        self.assertEqual((log["flawed_bytes"], log["first_flaw_offset"]), (70_000, place))
+        self.assertEqual(log["records"], whole["records"])
+        self.assertEqual([job["records"] for job in log["jobs"]], [job["records"] for job in whole["jobs"]])
+        told = run("-", log=self.sample[:place] + bytes(70_000) + self.sample[place:]).stdout
+        self.assertIn(b"Not in order: 1 foreign line; 70 kB, the first at byte %d" % place, b" ".join(told.split()))
+
     def test_a_log_that_is_cut_anywhere(self):
         for end in range(1000, len(self.sample), len(self.sample) // 3):
             self.report(self.sample[:end])

@@ -222,6 +222,46 @@ TEST_F(LogReaderTest, ZerosOfALostSectorAreAForeignLine) {
   EXPECT_THAT(Flaws(), ElementsAre(Flaw::Foreign, Flaw::None));
 }
 
+TEST_F(LogReaderTest, ZerosOfAPowerCutLoseNoRecordBehindThem) {
+  constexpr std::size_t kZeros = 70'000;
+  const std::string records = LogText().Request().Trace("A::B", "next").Text();
+  for (const std::size_t pieceSize : {std::size_t{1} << 18, std::size_t{4096}, std::size_t{1}}) {
+    seen.clear();
+    ReadAll(std::string(kZeros, '\0') + records, pieceSize);
+
+    ASSERT_THAT(Flaws(), ElementsAre(Flaw::Foreign, Flaw::None, Flaw::None)) << pieceSize;
+    EXPECT_EQ(seen[0].size, kZeros);
+    EXPECT_EQ(seen[1].message, "flash flag changed to 1");
+    EXPECT_EQ(seen[1].offset, kZeros);
+    EXPECT_EQ(seen[1].size + seen[2].size, records.size());
+    EXPECT_EQ(seen[2].message, "next");
+  }
+}
+
+TEST_F(LogReaderTest, ARecordBeginsAnywhereAroundWhereALineIsTooLong) {
+  const std::string records = LogText().Trace("A::B", "one").Trace("A::B", "two").Text();
+  for (std::size_t zeros = LogReader::kLongestRecord - 60; zeros < LogReader::kLongestRecord + 60; ++zeros) {
+    seen.clear();
+    ReadAll(std::string(zeros, '\0') + records, 1000);
+
+    ASSERT_THAT(Flaws(), ElementsAre(Flaw::Foreign, Flaw::None, Flaw::None)) << zeros;
+    ASSERT_EQ(seen[0].size, zeros);
+    ASSERT_EQ(seen[1].offset, zeros);
+    ASSERT_EQ(seen[1].message, "one");
+  }
+}
+
+TEST_F(LogReaderTest, EachHoleOfZerosEndsWithTheNextRecord) {
+  const std::string zeros(70'000, '\0');
+  const std::string one = LogText().Trace("A::B", "one").Text();
+  const std::string half = LogText().Begin("Trace", "A::B") + "half";
+  ReadAll(one + zeros + one + half + zeros + one + one);
+
+  EXPECT_THAT(Flaws(),
+              ElementsAre(Flaw::None, Flaw::Foreign, Flaw::None, Flaw::Truncated, Flaw::None, Flaw::None));
+  EXPECT_EQ(seen.back().offset + seen.back().size, 4 * one.size() + half.size() + 2 * zeros.size());
+}
+
 TEST_F(LogReaderTest, AByteOrderMarkDoesNotHideTheFirstRecord) {
   ReadAll("\xEF\xBB\xBF" + LogText().Trace("A::B", "one").Text());
 

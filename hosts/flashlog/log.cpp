@@ -10,6 +10,8 @@ namespace hosts::flashlog {
 
 namespace {
 
+constexpr std::size_t kMarkSize = 2;
+
 template <typename... Values>
 std::string Formatted(const char* format, Values... values) {
   std::array<char, 64> text{};
@@ -29,7 +31,8 @@ Log::Log(std::string name, std::optional<PageLimits> page)
 void Log::Take(std::string_view bytes) {
   m_BrokeOff.clear();
   m_Size += bytes.size();
-  m_Reader.Take(bytes);
+  m_Head += bytes.substr(0, kMarkSize - m_Head.size());
+  if (!IsUtf16()) m_Reader.Take(bytes);
 }
 
 void Log::Finish(bool goesOn) {
@@ -38,6 +41,7 @@ void Log::Finish(bool goesOn) {
   if (!goesOn) return;
   m_Beginnings.push_back(Taken());
   m_Size = 0;
+  m_Head.clear();
 }
 
 const std::vector<KeptRecord>& Log::Kept(std::size_t taken) {
@@ -62,14 +66,14 @@ void Log::TakeRecord(const Record& record) {
     case Flaw::None:
       break;
   }
-  if (record.flaw != Flaw::Foreign) {
-    ++m_Records;
-    if (!m_Begin) m_Begin = record.time;
-    m_End = record.time;
   if (record.flaw != Flaw::None) {
     m_Flaws.bytes += record.size;
     if (!m_Flaws.firstOffset) m_Flaws.firstOffset = record.offset;
   }
+  if (record.flaw != Flaw::Foreign) {
+    ++m_Records;
+    if (!m_Begin) m_Begin = record.time;
+    m_End = record.time;
   }
   const Place place = m_Tracker.Take(record);
   if (m_Store) m_Store->Take(record, place);

@@ -57,6 +57,8 @@ class Log {
   const std::vector<std::uint64_t>& Beginnings() const { return m_Beginnings; }
   /// Bytes of all times.
   std::uint64_t Taken() const { return m_Beginnings.back() + m_Size; }
+  /// Whether it is text of two bytes a letter, as a copy may be. No record can be found in it.
+  bool IsUtf16() const { return m_Head == "\xFF\xFE" || m_Head == "\xFE\xFF"; }
   /// Why it could not be read beyond its size; empty when it was read to its end.
   const std::string& BrokeOff() const { return m_BrokeOff; }
   std::uint64_t Records() const { return m_Records; }
@@ -77,6 +79,8 @@ class Log {
   std::optional<RecordStore> m_Store;
   Watcher m_Watcher;
   std::uint64_t m_Size = 0;
+  /// Its first bytes, which may be a mark of how its letters are written.
+  std::string m_Head;
   std::vector<std::uint64_t> m_Beginnings{0};
   std::string m_BrokeOff;
   std::uint64_t m_Records = 0;

@@ -75,6 +75,7 @@ struct Input {
   bool isUnreadable = false;
   bool failureIsTold = false;
   bool absenceIsTold = false;
+  bool utf16IsTold = false;
 };
 using Inputs = std::vector<std::unique_ptr<Input>>;
 
@@ -100,7 +101,7 @@ std::vector<std::string> FilesNamed(const std::string& name) {
 std::vector<Log*> LogsOf(const Inputs& inputs) {
   std::vector<Log*> logs;
   for (const auto& input : inputs) {
-    if (!input->isUnreadable) logs.push_back(&input->log);
+    if (!input->isUnreadable && !input->log.IsUtf16()) logs.push_back(&input->log);
   }
   return logs;
 }
@@ -114,12 +115,21 @@ void ReportFailure(const Input& input) {
          false);
 }
 
+void ReportUtf16(const Input& input) {
+  Report(kProgram,
+         {"log_utf16",
+          input.log.Name() + " is a copy in UTF-16, as Windows PowerShell's > writes it; it is not read.",
+          "Give the log itself, or a copy that was made with Copy-Item. To turn this one back: "
+          "Get-Content COPY | Set-Content LOG."},
+         false);
+}
+
 /// @return whether there may be more at once.
 bool ReadPiece(Input& input) {
   switch (input.source.Read()) {
     case LogSource::Outcome::Bytes:
       input.log.Take(input.source.Bytes());
-      return true;
+      return !input.log.IsUtf16();
     case LogSource::Outcome::BeganAnew:
       input.log.Finish(true);
       return true;
@@ -195,8 +205,12 @@ ExitCode ReadAll(const Options& options, Inputs& inputs) {
     while (ReadPiece(*input)) {
     }
     input->log.Finish();
-    if (!input->isUnreadable && !input->source.BrokeOff()) continue;
-    ReportFailure(*input);
+    if (!input->isUnreadable && !input->source.BrokeOff() && !input->log.IsUtf16()) continue;
+    if (input->log.IsUtf16()) {
+      ReportUtf16(*input);
+    } else {
+      ReportFailure(*input);
+    }
     good = false;
   }
   if (LogsOf(inputs).empty()) return ExitCode::Failed;
@@ -258,6 +272,7 @@ class Follower {
       input->isUnreadable = false;
       TellFailure(*input);
       TellAbsence(*input);
+      TellUtf16(*input);
     }
     std::cout << std::flush;
     return news;
@@ -281,6 +296,13 @@ class Follower {
                 ". It is waited for.",
             "Look at the name and at the rights of the file, unless it is still to come; Ctrl+C ends."},
            false);
+  }
+
+  /// Once: a log in its place may be one of the usual kind.
+  static void TellUtf16(Input& input) {
+    const bool isNew = input.log.IsUtf16() && !input.utf16IsTold;
+    input.utf16IsTold = input.log.IsUtf16();
+    if (isNew) ReportUtf16(input);
   }
 
   void TellEnds() {
@@ -307,7 +329,7 @@ class Follower {
     bool good = true;
     for (const auto& input : m_Inputs) {
       input->log.Finish();
-      good = good && input->source.HasBeenThere() && !input->source.BrokeOff();
+      good = good && input->source.HasBeenThere() && !input->source.BrokeOff() && !input->log.IsUtf16();
     }
     if (!m_Options.html.empty()) good = WriteLastPage(m_Options.html, m_Inputs) && good;
     return good ? ExitCode::Success : ExitCode::Failed;

@@ -437,6 +437,21 @@ TEST(LogTest, ALogThatIsCutAnywhereLosesNothingInFrontOfTheCut) {
   }
 }
 
+TEST(LogTest, ACopyOfTwoBytesALetterIsKnownByItsMarkAndNotRead) {
+  for (const std::string& text :
+       {std::string("\xFF\xFE#\0002\0000\000", 8), std::string("\xFE\xFF\000#\0002", 6)}) {
+    Log log("test.log", std::nullopt);
+    for (const char letter : text) log.Take(std::string_view(&letter, 1));
+
+    EXPECT_TRUE(log.IsUtf16());
+    EXPECT_EQ(log.Size(), text.size());
+    log.Finish(true);
+    log.Take(LogText().SuccessfulFlash().Text());
+    EXPECT_FALSE(log.IsUtf16()) << "another one took its place";
+    EXPECT_THAT(log.Jobs(), SizeIs(1));
+  }
+}
+
 TEST(LogTest, ThatItBrokeOffIsForgottenWhenItGoesOn) {
   Log log("test.log", std::nullopt);
   log.Take(LogText().Trace("A::B", "one").Text());

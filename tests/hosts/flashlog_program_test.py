@@ -107,6 +107,20 @@ class ProgramTest(unittest.TestCase):
         self.assertIn(b"there-is-none.log cannot be read", done.stderr)
         self.assertEqual(len(json.loads(done.stdout)["logs"]), 1)
 
+    def test_a_copy_in_utf_16_is_told_and_loses_no_other_log(self):
+        for mark, encoding in ((b"\xff\xfe", "utf-16-le"), (b"\xfe\xff", "utf-16-be")):
+            copy = mark + self.sample.decode("latin-1").encode(encoding)
+            done = run("--json", "-", SAMPLE, log=copy)
+            self.assertEqual(done.returncode, 1)
+            told = b" ".join(done.stderr.split())
+            self.assertIn(b"standard input is a copy in UTF-16", told)
+            self.assertIn(b"Get-Content COPY | Set-Content LOG", told)
+            self.assertEqual([len(log["jobs"]) for log in json.loads(done.stdout)["logs"]], [3])
+            done = run("--follow", "-", log=copy)
+            self.assertEqual(done.returncode, 1)
+            self.assertEqual(done.stderr.count(b"UTF-16"), 1)
+            self.assertEqual(run(log=copy).stdout, b"")
+
     def test_names_with_stars_stand_for_files(self):
         with tempfile.TemporaryDirectory() as folder:
             for name in "ab":

@@ -1,7 +1,8 @@
 # The library's CMake package refuses what would crash later, and says why.
 #
-# usage: cmake -DBUILD=<build folder> -DFOLDER=<scratch folder> -DCONSUMER=<folder of consumer.cpp>
+# usage: cmake -DBUILD=<build folder> -DFOLDER=<scratch folder> -DCONSUMER=<folder of consumer.cpp> -DPAGE=<docs/abi.md>
 #              -DTOOLCHAIN=<file> -P refusals_test.cmake
+include(${CMAKE_CURRENT_LIST_DIR}/host_of_page.cmake)
 file(REMOVE_RECURSE ${FOLDER})
 set(prefix ${FOLDER}/installed)
 set(package ${prefix}/lib/cmake/CorvelToolKit)
@@ -10,12 +11,13 @@ foreach(component runtime development)
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
-set(project ${CONSUMER}/installed)
+set(host ${FOLDER}/host)
+write_host_of_page(${PAGE} ${CONSUMER}/consumer.cpp ${host})
+set(project ${host})
 # refused(NAME REASON option ...)
 function(refused name reason)
   execute_process(
-    COMMAND ${CMAKE_COMMAND} -G Ninja -S ${project} -B ${FOLDER}/${name}
-      -DCONSUMER_SOURCE=${CONSUMER}/consumer.cpp ${ARGN}
+    COMMAND ${CMAKE_COMMAND} -G Ninja -S ${project} -B ${FOLDER}/${name} ${ARGN}
     RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
   string(REGEX REPLACE "[ \n]+" " " output "${output}")
   string(FIND "${output}" "${reason}" place)
@@ -49,7 +51,7 @@ file(WRITE ${project}/CMakeLists.txt
   "cmake_minimum_required(VERSION 3.25)\nproject(in_c LANGUAGES C)\nfind_package(CorvelToolKit 1.8 REQUIRED)\n")
 refused(no_cxx "the project does not enable the language CXX"
   -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCorvelToolKit_DIR=${package})
-set(project ${CONSUMER}/installed)
+set(project ${host})
 
 # A library that Microsoft's compiler has built, as its package would be.
 file(COPY ${package} DESTINATION ${FOLDER}/microsoft)

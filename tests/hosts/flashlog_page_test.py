@@ -679,12 +679,16 @@ Promise.all([read(one), read(two)]).then(([a, b]) => {
 def pictures(browser):
     """The page as the documentation shows it: names of files, and PNGs in Base64."""
     # The page tells the path that it was given.
-    log = browser.log(pathlib.Path(SAMPLE).read_bytes(), "FlashServiceDebugLogger_DLL.log")
+    sample, good = pathlib.Path(SAMPLE).read_bytes(), PageTest.good_flashes()
+    log = browser.log(sample, "FlashServiceDebugLogger_DLL.log")
     page = browser.make(log.name, name="pictures.html")
-    for name, how, script in (
-            ("flashlog-timeline.png", {"width": 1100, "height": 520}, "showJob(2, true)"),
-            ("flashlog-records.png", {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),
-            ("flashlog-dark.png", {"width": 1100, "height": 720, "dark": True}, "")):
+    fleet = [browser.log(text, f"pc-{number}.log") for number, text in ((11, good), (12, sample[len(good):]))]
+    side = browser.make(*[log.name for log in fleet], name="side.html")
+    for name, page, how, script in (
+            ("flashlog-timeline.png", page, {"width": 1100, "height": 680}, "showJob(2, true)"),
+            ("flashlog-records.png", page, {"width": 1100, "height": 620}, "goToRecord(recordAt(0, jobs[2].reason))"),
+            ("flashlog-dark.png", page, {"width": 1100, "height": 720, "dark": True}, ""),
+            ("flashlog-side.png", side, {"width": 1440, "height": 900}, "")):
         browser.show(page, **how)
         browser.driver.execute_script(script)
         yield name, browser.driver.get_screenshot_as_base64()

@@ -1,7 +1,6 @@
 #include "hosts/flashlog/ending.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "hosts/flashlog/log.h"
 

@@ -67,15 +67,6 @@ std::optional<Problem> ValueThatIsNone(const std::string& told) {
                  "Give " + Replaced(known, ",", " or ") + "."};
 }
 
-/// The parser says "--records: Value -5 not in range 0 to 1000000".
-std::optional<Problem> ValueOutOfRange(const std::string& told) {
-  const auto parts = Split(told, " not in range ");
-  const auto option = parts ? Split(parts->first, ": Value ") : std::nullopt;
-  if (!option) return std::nullopt;
-  return Problem{kCode, option->first + " cannot be \"" + option->second + "\".",
-                 "Give a number from " + parts->second + "."};
-}
-
 /// The parser says "--output excludes --list".
 std::optional<Problem> OptionBesideAnother(const std::string& told) {
   const auto options = Split(told, " excludes ");
@@ -108,7 +99,6 @@ Problem WrongUsage(const CLI::App& program, const CLI::ParseError& error) {
   if (!unexpected.empty()) return UnexpectedWord(program, unexpected.front());
   const std::string told = error.what();
   if (auto problem = ValueThatIsNone(told)) return *std::move(problem);
-  if (auto problem = ValueOutOfRange(told)) return *std::move(problem);
   if (auto problem = OptionBesideAnother(told)) return *std::move(problem);
   if (auto problem = MissingWord(program, told)) return *std::move(problem);
   return {kCode, Sentence(error), SeeHelp(program)};

@@ -354,6 +354,17 @@ void TellOfConsole() {
          false);
 }
 
+/// Tells a number that is out of its range in a sentence, and shows nothing of it in the help.
+CLI::Validator NumberFrom(int least, int most) {
+  return CLI::Validator(
+      [range = CLI::Range(least, most), least, most](std::string& text) {
+        if (range(text).empty()) return std::string();
+        return "\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most) +
+               ".";
+      },
+      "");
+}
+
 int Run(std::vector<std::string> words) {
   CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed"};
   program.name(kProgram);
@@ -375,12 +386,12 @@ int Run(std::vector<std::string> words) {
           "How many records a page shows of each log besides errors, warnings and stages, whatever they "
           "take; without it 8000 at most, in a page of at most 5 MB of a log")
       ->type_name("COUNT")
-      ->check(CLI::Range(0, 1'000'000));
+      ->check(NumberFrom(0, 1'000'000));
   program
       .add_option("--width", options.columns,
                   "Columns of the table and of what --follow tells (default: the window's)")
       ->type_name("COUNT")
-      ->check(CLI::Range(20, 1000));
+      ->check(NumberFrom(20, 1000));
   std::string shell;
   AddShell(program, "--completion", shell)
       .type_name("SHELL")

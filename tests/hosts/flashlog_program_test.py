@@ -336,8 +336,8 @@ class ProgramTest(unittest.TestCase):
         for words, told in (
                 (("--folow", SAMPLE), b'"--folow" is no option of corvel_flashlog. Did you mean "--follow"?'),
                 (("--xyzzy",), b'"--xyzzy" is no option of corvel_flashlog. See "corvel_flashlog --help".'),
-                (("--records", "-5"), b'--records cannot be "-5". Give a number from 0 to 1000000.'),
-                (("--width", "wide"), b'--width cannot be "wide". Give a number from 20 to 1000.'),
+                (("--records", "-5"), b'--records: "-5" is no number from 0 to 1000000. See "corvel_flashlog --help".'),
+                (("--width", "wide"), b'--width: "wide" is no number from 20 to 1000. See "corvel_flashlog --help".'),
                 (("--html",), b'--html needs a value. See "corvel_flashlog --help".')):
             with self.subTest(words):
                 done = run(*words)

@@ -92,6 +92,41 @@ Configured WriteConfiguration(const std::string& bytes) {
   ThrowLastError("The configuration cannot be written");
 }
 
+// --- What an installer remembers ---------------------------------------------------------------------------
+
+// As packaging/installer.wxs has them.
+constexpr wchar_t kInstallerKey[] = L"SOFTWARE\\Corvel\\Toolkit";
+constexpr wchar_t kRememberedKey[] = L"RegistryKey";
+constexpr wchar_t kRememberedBus[] = L"Bus";
+constexpr wchar_t kRememberedImages[] = L"ImageFolder";
+
+LSTATUS Forget(const wchar_t* name) {
+  const LSTATUS status = ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kInstallerKey, name);
+  return status == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : status;
+}
+
+void Remember(const wchar_t* name, const std::wstring& text) {
+  const auto bytes = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+  const LSTATUS status =
+      text.empty() ? Forget(name)
+                   : ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kInstallerKey, name, REG_SZ, text.c_str(), bytes);
+  if (status == ERROR_SUCCESS) return;
+  ::SetLastError(static_cast<DWORD>(status));
+  ThrowLastError("What the configuration says cannot be noted for the installer");
+}
+
+/// Empty: an installer that were told it would refuse each repair, and the removal too.
+std::wstring KeyProperty(const HandshakeKey& key) {
+  return key.path.empty() || key.path.find(L'"') != std::wstring::npos ? L"" : ToWide(key.Text());
+}
+
+/// Empty for the same reason.
+std::wstring ImagesProperty(const std::wstring& folder) {
+  const bool isFolder =
+      std::filesystem::path(folder).is_absolute() && folder.find_first_of(L"\"<>|?*") == std::wstring::npos;
+  return isFolder ? FolderText(folder) : L"";
+}
+
 }  // namespace
 
 Configured Configure(const FirstSettings& settings) {
@@ -101,6 +136,14 @@ Configured Configure(const FirstSettings& settings) {
   Set(configuration, kIpcTypeKey, settings.bus);
   Set(configuration, kFirmwareFolderKey, FolderText(settings.images));
   return WriteConfiguration(configuration);
+}
+
+void RememberForInstaller() {
+  const auto configuration = LibraryConfiguration::Read(ProgramFolder() + kConfigurationName);
+  if (!configuration) ThrowLastError("The configuration cannot be read");
+  Remember(kRememberedKey, KeyProperty(configuration->ServiceKey()));
+  Remember(kRememberedBus, configuration->Get(kIpcTypeKey) == L"PCIE" ? L"pcie" : L"usb");
+  Remember(kRememberedImages, ImagesProperty(configuration->FirmwareFolder()));
 }
 
 void DeleteWhatHostsLeave(const std::wstring& folder) {

@@ -18,6 +18,11 @@ enum class Configured { Now, Before };
 /// read otherwise, and std::system_error when the file cannot be written.
 Configured Configure(const FirstSettings& settings);
 
+/// Notes in the installer's own key what the configuration beside the program says of key, bus and folder of
+/// the images, in the words of the installer's properties. What these could not say is deleted there.
+/// Throws std::system_error when that cannot be done.
+void RememberForInstaller();
+
 /// Deletes what the hosts leave in their folder, which ends with a separator: configuration, logs, history.
 /// Throws std::system_error for what cannot be deleted.
 void DeleteWhatHostsLeave(const std::wstring& folder);

@@ -198,13 +198,18 @@ struct FirstConfiguration {
   std::string registryKey;
   std::string bus;
   std::string images;
+  bool remember = false;
 };
 
 int WriteFirstConfiguration(const FirstConfiguration& wanted) try {
   const std::wstring bus = wanted.bus.empty() ? L"" : wanted.bus == "pcie" ? L"PCIE" : L"USB";
   const Configured configured =
       Configure({.registryKey = ToWide(wanted.registryKey), .bus = bus, .images = ToWide(wanted.images)});
-  if (configured == Configured::Before) return HadNothingToDo("It is configured already.");
+  if (configured == Configured::Before) {
+    // A new one says what the installer was told.
+    if (wanted.remember) RememberForInstaller();
+    return HadNothingToDo("It is configured already.");
+  }
   std::cout << "Configured." << std::endl;
   return kDone;
 } catch (const std::invalid_argument& error) {
@@ -456,6 +461,8 @@ void AddConfigure(CLI::App& program, Options& options) {
   configure.add_option("--bus", options.configuration.bus, "How the modem is connected")
       ->check(CLI::IsMember({"usb", "pcie"}));
   configure.add_option("--images", options.configuration.images, "The folder of the firmware images");
+  configure.add_flag("--remember", options.configuration.remember,
+                     "Of one that is there, note for the installer what it says of these three");
 }
 
 void AddStop(CLI::App& program, Options& options) {

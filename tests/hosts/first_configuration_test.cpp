@@ -1,10 +1,14 @@
 // What "corvel_service configure" makes, and what "uninstall" takes away or leaves when it is told more.
 
+#include <windows.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -93,6 +97,75 @@ INSTANTIATE_TEST_SUITE_P(
                     RefusedCase{"ALineEnd", {L"--registry-key", L"HKLM\\A\n[IPCTYPE]=PCIE"}},
                     RefusedCase{"AKeyTooLong", {L"--registry-key", L"HKLM\\" + std::wstring(507, L'k')}}),
     [](const auto& tested) { return tested.param.name; });
+
+// --- What an installer is to remember ----------------------------------------------------------------------
+
+constexpr wchar_t kInstallerKey[] = L"SOFTWARE\\Corvel\\Toolkit";
+constexpr wchar_t kTold[] = L"told";
+
+class RememberedConfigurationTest : public FirstConfigurationTest {
+ protected:
+  RememberedConfigurationTest() {
+    for (const wchar_t* name : {L"RegistryKey", L"Bus", L"ImageFolder"}) {
+      ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kInstallerKey, name, REG_SZ, kTold, sizeof kTold);
+    }
+  }
+  ~RememberedConfigurationTest() override { ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kInstallerKey); }
+  RememberedConfigurationTest(const RememberedConfigurationTest&) = delete;
+  RememberedConfigurationTest& operator=(const RememberedConfigurationTest&) = delete;
+
+  void Configuration(const std::string& text) const {
+    std::ofstream(workspace.File(kConfigurationName), std::ios::binary) << "Title\r\n" << text;
+  }
+  int Remember() const {
+    return Service({L"configure", L"--remember", L"--bus", L"usb"}).exitCode.value_or(-1);
+  }
+  /// Nothing where there is no such value.
+  static std::optional<std::wstring> Remembered(const wchar_t* name) {
+    std::array<wchar_t, 512> text{};
+    auto size = static_cast<DWORD>(sizeof text);
+    const LSTATUS read =
+        ::RegGetValueW(HKEY_LOCAL_MACHINE, kInstallerKey, name, RRF_RT_REG_SZ, nullptr, text.data(), &size);
+    return read == ERROR_SUCCESS ? std::optional<std::wstring>(text.data()) : std::nullopt;
+  }
+};
+
+TEST_F(RememberedConfigurationTest, IsTheOneThatIsThere) {
+  Configuration(
+      "[RegistryLocation]=HKLM\\SOFTWARE\\Mine\r\n[IPCTYPE]=PCIE\r\n"
+      "[ModemAndNVMFirmwareFolder]=C:\\My images\\\r\n");
+  EXPECT_EQ(Remember(), 0);
+  EXPECT_EQ(Remembered(L"RegistryKey"), L"HKLM\\SOFTWARE\\Mine");
+  EXPECT_EQ(Remembered(L"Bus"), L"pcie");
+  EXPECT_EQ(Remembered(L"ImageFolder"), L"C:\\My images");
+}
+
+// Any bus but PCIE is USB to the library, and a location without a root that it knows lies below HKLM.
+TEST_F(RememberedConfigurationTest, IsInTheInstallersWordsWhatTheLibraryReads) {
+  Configuration("[RegistryLocation]=XX\\Mine\r\n[IPCTYPE]=pcie\r\n[ModemAndNVMFirmwareFolder]=C:\\i\r\n");
+  EXPECT_EQ(Remember(), 0);
+  EXPECT_EQ(Remembered(L"RegistryKey"), L"HKLM\\Mine");
+  EXPECT_EQ(Remembered(L"Bus"), L"usb");
+}
+
+// It would refuse them at each repair, and at the removal.
+TEST_F(RememberedConfigurationTest, IsForgottenWhereTheInstallerTakesNoSuchWords) {
+  for (const char* const text :
+       {"", "[RegistryLocation]=HKLM\\a\"b\r\n[ModemAndNVMFirmwareFolder]=images\r\n",
+        "[ModemAndNVMFirmwareFolder]=C:\\a|b\r\n"}) {
+    Configuration(text);
+    EXPECT_EQ(Remember(), 0);
+    EXPECT_EQ(Remembered(L"RegistryKey"), std::nullopt) << text;
+    EXPECT_EQ(Remembered(L"ImageFolder"), std::nullopt) << text;
+  }
+}
+
+TEST_F(RememberedConfigurationTest, IsWhatItWasToldWhereThereWasNone) {
+  EXPECT_EQ(Remember(), 0);
+  EXPECT_EQ(Remembered(L"Bus"), L"told");
+}
+
+// --- What is taken away ------------------------------------------------------------------------------------
 
 TEST_F(FirstConfigurationTest, IsDeletedByAPurgeWithAllThatHostsLeaveAndNothingElse) {
   for (const wchar_t* name : {kConfigurationName, kHistoryName, kServiceLogName, kCommandLineLogName,

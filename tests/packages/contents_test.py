@@ -266,7 +266,7 @@ BY_HAND = {"FORMERSERVICE": f'#%"{BIN}corvel_service.exe" --restart-when-stuck',
 INSTALLED = {"FORMERSERVICE": f'#%"{BIN}corvel_service.exe"', "FORMERSTART": "#2",
              "FORMERCONFIGURATION": BIN + "CorvelConfig.ini", "KEPTSTARTTYPE": "auto", "KEPTSERVICEOPTIONS": "none",
              "KEPTREGISTRYKEY": "KEPT", "KEPTBUS": "pcie", "KEPTINSTALLFOLDER": "C:\\Programs\\"}
-CONFIGURE = 'configure --registry-key "K" --bus usb --images "I."'
+CONFIGURE = 'configure --remember --registry-key "K" --bus usb --images "I."'
 TAKE_AWAY = f'uninstall --unless-flashing --programs "{BIN}."'
 TAKE_ALL_AWAY = f'uninstall --unless-flashing --release-key --programs "{BIN}."'
 
@@ -335,6 +335,20 @@ class Installer(unittest.TestCase):
         self.assertIn(CONFIGURE.replace('"K"', '"HKLM\\SOFTWARE\\Quenta\\FlashService"'), first.steps)
         kept = {row[3]: row[4] for row in table(self.file, "Registry")}
         self.assertEqual((kept["RegistryKey"], kept["Bus"]), ("[REGISTRYKEY]", "[BUS]"))
+
+    def test_what_a_configuration_says_is_noted_after_what_the_installer_was_told(self):
+        rows = {row[0]: int(row[2]) for row in table(self.file, "InstallExecuteSequence")}
+        configure, = (name for name in rows if name.startswith("Corvel") and name.endswith("Configure"))
+        self.assertGreater(rows[configure], rows["WriteRegistryValues"])
+
+    def test_no_folder_of_images_is_made_that_the_configuration_does_not_name(self):
+        condition, = (row[4] for row in table(self.file, "Component") if row[0] == "Images")
+        self.assertTrue(holds(condition, {}))
+        self.assertFalse(holds(condition, BY_HAND))
+        kept = {**INSTALLED, "KEPTIMAGEFOLDER": "D:\\Images\\"}
+        self.assertTrue(holds(condition, kept))
+        self.assertEqual(self.run_of(**kept).properties["IMAGEFOLDER"], "D:\\Images\\")
+        self.assertEqual(self.run_of(**INSTALLED).properties["IMAGEFOLDER"], "I")
 
     def test_no_words_of_a_callers_own_reach_what_the_system_runs(self):
         for name, value in (("BUS", 'usb --registry-key "X'), ("STARTTYPE", "auto --restrict"), ("REGISTRYKEY", 'K" --bus "usb'),

@@ -80,6 +80,14 @@ bool OwnKeyExists() {
   return exists;
 }
 
+/// What the installer remembers; empty: nothing.
+std::wstring Remembered(const wchar_t* name) {
+  std::array<wchar_t, 512> text{};
+  auto size = static_cast<DWORD>(sizeof text);
+  ::RegGetValueW(HKEY_LOCAL_MACHINE, kOwnKey, name, RRF_RT_REG_SZ, nullptr, text.data(), &size);
+  return text.data();
+}
+
 std::string TextOf(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
@@ -143,9 +151,8 @@ class InstallerTest : public testing::Test {
   static int Upgrade(const Package& package, std::vector<std::wstring> properties = {}) {
     return Installer(L"/i", package.file.wstring(), std::move(properties));
   }
-  static int Repair(const Package& package, const std::wstring& options = L"") {
-    std::vector<std::wstring> properties{L"REINSTALL=ALL", L"REINSTALLMODE=amus"};
-    if (!options.empty()) properties.push_back(L"SERVICEOPTIONS=" + options);
+  static int Repair(const Package& package, std::vector<std::wstring> properties = {}) {
+    properties.insert(properties.end(), {L"REINSTALL=ALL", L"REINSTALLMODE=amus"});
     return Installer(L"/i", package.code, std::move(properties));
   }
   static int Remove(const Package& package, std::vector<std::wstring> properties = {}) {
@@ -171,13 +178,20 @@ class InstallerTest : public testing::Test {
     std::vector<std::wstring> words{L"install"};
     words.insert(words.end(), options.begin(), options.end());
     const fs::path service = programs / L"corvel_service.exe";
-    ASSERT_EQ(RunToEnd(service, {L"configure", L"--registry-key", ToWide(key.Location().Text()), L"--images",
-                                 Images().wstring()})
+    ASSERT_EQ(RunToEnd(service, {L"configure", L"--registry-key", ToWide(key.Location().Text()), L"--bus",
+                                 L"pcie", L"--images", Images().wstring()})
                   .exitCode,
               0);
     ASSERT_EQ(RunToEnd(service, words).exitCode, 0);
     WriteText(programs / kHistoryName, "a history");
     WriteText(programs / kServiceLogName, "a log");
+  }
+  /// Whether the installer remembers what the configuration says: that of Install, and of DeployByHand.
+  void ExpectConfigurationIsRemembered() const {
+    EXPECT_EQ(Remembered(L"RegistryKey"), ToWide(key.Location().Text()));
+    EXPECT_EQ(Remembered(L"Bus"), L"pcie");
+    // Windows Installer writes a separator behind a folder.
+    EXPECT_EQ(fs::path(Remembered(L"ImageFolder")) / L"", Images() / L"");
   }
   /// Whether what somebody has made and collected is as it was.
   static void ExpectIsLeft(const fs::path& programs, const std::string& configuration) {
@@ -358,6 +372,20 @@ TEST_F(InstallerTest, MakesALostConfigurationAnewAsItWasTold) {
   EXPECT_EQ(TextOf(Configuration()), configuration);
 }
 
+TEST_F(InstallerTest, TakesKeyBusAndImagesForAFirstConfigurationAlone) {
+  ASSERT_EQ(Install(old, L"demand"), 0);
+  const std::string configuration = TextOf(Configuration());
+  const fs::path others = Place() / L"other images";
+
+  EXPECT_EQ(Repair(old, {L"BUS=usb", L"REGISTRYKEY=HKLM\\SOFTWARE\\Corvel\\Test\\Other",
+                         L"IMAGEFOLDER=" + others.wstring()}),
+            0);
+
+  EXPECT_EQ(TextOf(Configuration()), configuration);
+  ExpectConfigurationIsRemembered();
+  EXPECT_FALSE(fs::exists(others));
+}
+
 TEST_F(InstallerTest, DoesNotUpgradeWhileAServiceInATerminalFlashes) {
   ASSERT_EQ(Install(old, L"demand"), 0);
   const ServingNotice inTerminal(Server::Service, key.Location());
@@ -458,6 +486,18 @@ TEST_F(InstallerTest, TakesOverADeploymentByHand) {
     EXPECT_EQ(Entry().command, before.command);
   }
   EXPECT_EQ(Service({L"start"}), 0);
+  ExpectConfigurationIsRemembered();
+}
+
+TEST_F(InstallerTest, MakesALostConfigurationAnewThatWasMadeByHand) {
+  ASSERT_NO_FATAL_FAILURE(DeployByHand(Programs(), {L"--start", L"demand"}));
+  const std::string configuration = TextOf(Configuration());
+  ASSERT_EQ(InstallHere(old), 0);
+  fs::remove(Configuration());
+
+  EXPECT_EQ(Repair(old), 0);
+
+  EXPECT_EQ(TextOf(Configuration()), configuration);
 }
 
 TEST_F(InstallerTest, AFailedInstallationLeavesADeploymentByHandAlone) {
@@ -528,7 +568,7 @@ TEST_F(InstallerTest, GivesTheServiceTheOptionsThatItIsToldAndKeepsThem) {
   ASSERT_EQ(Service({L"uninstall"}), 0);
   EXPECT_EQ(Repair(fresh), 0);
   EXPECT_TRUE(restarts());
-  EXPECT_EQ(Repair(fresh, L"none"), 0);
+  EXPECT_EQ(Repair(fresh, {L"SERVICEOPTIONS=none"}), 0);
   EXPECT_TRUE(ServiceExists());
   EXPECT_FALSE(restarts());
 }

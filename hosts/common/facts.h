@@ -19,6 +19,9 @@ inline constexpr wchar_t kServiceLogName[] = L"FlashServiceDebugLogger_DLL.log";
 inline constexpr wchar_t kCommandLineLogName[] = L"FlashCommandLineLogger_DLL.log";
 inline constexpr wchar_t kHistoryName[] = L"CorvelFlashHistory.txt";
 
+/// Below HKLM: where the command line's handshake lies.
+inline constexpr wchar_t kCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService";
+
 // Keys of the configuration.
 inline constexpr wchar_t kTraceLevelKey[] = L"[TraceLevel]";
 inline constexpr wchar_t kRegistryLocationKey[] = L"[RegistryLocation]";

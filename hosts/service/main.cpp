@@ -168,9 +168,11 @@ std::optional<std::string> WhoFlashesUnmanaged(const std::wstring& folder) {
 }
 
 void Clean(const Removal& removal) {
-  // First: the configuration names it.
-  const std::string left = ReleaseHandshakeKey(removal.Folder());
-  if (!left.empty()) Tell(left);
+  // First: configuration and history tell of them.
+  for (const auto release : {ReleaseHandshakeKey, ReleaseCommandLineKey}) {
+    const std::string left = release(removal.Folder());
+    if (!left.empty()) Tell(left);
+  }
   if (removal.purge) DeleteWhatHostsLeave(removal.Folder());
 }
 
@@ -447,7 +449,8 @@ void AddUninstall(CLI::App& program, Options& options) {
   uninstall.add_flag("--unless-flashing", options.removal.unlessFlashing,
                      "Not while a command line or a service in a terminal flashes either");
   uninstall.add_flag("--release-key", options.removal.releaseKey,
-                     "Delete the key of the handshake if install made it, else leave it to whom it was left");
+                     "Delete the key of the handshake if install made it, else leave it to whom it was left; "
+                     "and the command line's, if there were flashes");
   uninstall.add_flag("--purge", options.removal.purge, "That, and delete configuration, logs and history");
   uninstall.add_option("--programs", options.removal.programs,
                        "The folder where these find the configuration; otherwise the program's own");

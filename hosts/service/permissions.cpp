@@ -15,6 +15,7 @@
 #include "hosts/common/library_configuration.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
+#include "hosts/common/who_flashes.h"
 #include "hosts/common/write_access.h"
 #include "messages.h"
 
@@ -136,6 +137,40 @@ DWORD ReleaseKey(const HandshakeKey& key) {
   if (LookForKeysBelow(opened) == ERROR_NOT_EMPTY) return ERROR_SUCCESS;
   if (!WasMadeHere(opened)) return InheritPermissionsOfKey(opened);
   return static_cast<DWORD>(::RegDeleteKeyW(key.root, key.path.c_str()));
+}
+
+/// Keys above those that are used when nobody names others; what others name is theirs.
+constexpr const wchar_t* kOwnParents[] = {L"SOFTWARE\\Quenta", L"SOFTWARE\\WOW6432Node\\Quenta"};
+
+bool IsEmpty(const wchar_t* path) {
+  HKEY opened = nullptr;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &opened) != ERROR_SUCCESS) return false;
+  const OwnedKey owner(opened);
+  DWORD keys = 0;
+  DWORD values = 0;
+  const LSTATUS asked = ::RegQueryInfoKeyW(opened, nullptr, nullptr, nullptr, &keys, nullptr, nullptr,
+                                           &values, nullptr, nullptr, nullptr, nullptr);
+  return asked == ERROR_SUCCESS && keys == 0 && values == 0;
+}
+
+void DeleteEmptyParents() {
+  for (const wchar_t* const path : kOwnParents) {
+    if (IsEmpty(path)) ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, path);
+  }
+}
+
+DWORD DeleteKeyOfCommandLine() {
+  HKEY opened = nullptr;
+  const LSTATUS found = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCommandLineKey, 0, KEY_READ, &opened);
+  const OwnedKey owner(opened);
+  if (found == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
+  if (found != ERROR_SUCCESS) return static_cast<DWORD>(found);
+  if (LookForKeysBelow(opened) == ERROR_NOT_EMPTY) return ERROR_SUCCESS;
+  return static_cast<DWORD>(::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCommandLineKey));
+}
+
+std::string Stays(const HandshakeKey& key, const std::string& why) {
+  return "The key " + key.Text() + " stays as it is: " + why;
 }
 
 // --- What is protected -------------------------------------------------------------------------------------
@@ -292,9 +327,26 @@ std::string ReleaseHandshakeKey(const std::wstring& folder) {
   if (!configuration || configuration->ServiceKey().root != HKEY_LOCAL_MACHINE) return {};
   const HandshakeKey key = configuration->ServiceKey();
   const DWORD error = ReleaseKey(key);
-  if (error == ERROR_SUCCESS) return {};
-  return "The key " + key.Text() + " stays as it is: " + SystemErrorText(error) +
-         ". Delete it as an administrator.";
+  if (error != ERROR_SUCCESS) return Stays(key, SystemErrorText(error) + ". Delete it as an administrator.");
+  DeleteEmptyParents();
+  return {};
+}
+
+std::string ReleaseCommandLineKey(const std::wstring& folder) {
+  // Whoever has not flashed from here may have set the key's values for a command line elsewhere, or for one
+  // that is still to come: an installation that failed takes none of them along.
+  const std::wstring place = WithoutLastSeparators(folder) + L"\\";
+  if (::GetFileAttributesW((place + kHistoryName).c_str()) == INVALID_FILE_ATTRIBUTES) return {};
+  const HandshakeKey key{.path = kCommandLineKey};
+  const auto configuration = LibraryConfiguration::Read(place + kConfigurationName);
+  if (configuration && configuration->ServiceKey().Identity() == key.Identity()) return {};
+  // Held until the key is gone, so that no command line begins meanwhile.
+  const CommandLineClaim claim;
+  if (const auto other = claim.WhoHoldsIt()) return Stays(key, other->message + ". " + other->whatToDo);
+  const DWORD error = DeleteKeyOfCommandLine();
+  if (error != ERROR_SUCCESS) return Stays(key, SystemErrorText(error) + ". Delete it as an administrator.");
+  DeleteEmptyParents();
+  return {};
 }
 
 std::vector<std::string> ProtectInstallation() {

@@ -17,4 +17,9 @@ std::vector<std::string> ProtectInstallation();
 /// @return what could not be done, in words for people; empty: nothing.
 std::string ReleaseHandshakeKey(const std::wstring& folder);
 
+/// Deletes the key that the command line's first flash makes, if the folder's history tells that there was a
+/// flash, no other keys lie below it and it is not the service's, too.
+/// @return what could not be done, in words for people; empty: nothing.
+std::string ReleaseCommandLineKey(const std::wstring& folder);
+
 }  // namespace hosts

@@ -26,6 +26,10 @@ TEST(HostFacts, NameTheServiceAndTheFiles) {
   EXPECT_STREQ(kHistoryName, L"CorvelFlashHistory.txt");
 }
 
+TEST(HostFacts, NameTheKeyOfTheCommandLine) {
+  EXPECT_STREQ(kCommandLineKey, L"SOFTWARE\\WOW6432Node\\Quenta\\FlashService");
+}
+
 TEST(HostFacts, NameTheKeysOfTheConfiguration) {
   EXPECT_STREQ(kTraceLevelKey, L"[TraceLevel]");
   EXPECT_STREQ(kRegistryLocationKey, L"[RegistryLocation]");

@@ -14,7 +14,10 @@
 
 #include "hosts/common/facts.h"
 #include "hosts/common/library_configuration.h"
+#include "hosts/common/owners.h"
+#include "hosts/common/text.h"
 #include "hosts/common/who_flashes.h"
+#include "simulator/host/kept_key.h"
 #include "support/temporary_folder.h"
 #include "tests/hosts/child_process.h"
 #include "tests/hosts/host_workspace.h"
@@ -166,6 +169,78 @@ TEST_F(RememberedConfigurationTest, IsWhatItWasToldWhereThereWasNone) {
 }
 
 // --- What is taken away ------------------------------------------------------------------------------------
+
+constexpr wchar_t kParentOfCommandLineKey[] = L"SOFTWARE\\WOW6432Node\\Quenta";
+
+class CommandLineKeyTest : public FirstConfigurationTest {
+ protected:
+  CommandLineKeyTest() {
+    workspace.WriteConfiguration("[RegistryLocation]=", L"HKLM\\SOFTWARE\\Corvel\\Test\\Uninstall");
+    Write(kHistoryName);
+    key.Write(kResultValue, 4);
+  }
+
+  int Uninstall(const wchar_t* option) const { return Service({L"uninstall", option}).exitCode.value_or(-1); }
+  static bool ParentExists() {
+    HKEY opened = nullptr;
+    ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kParentOfCommandLineKey, 0, KEY_READ, &opened);
+    return OwnedKey(opened) != nullptr;
+  }
+
+  simulator::KeptKey key{simulator::KeyOfCommandLine()};
+};
+
+TEST_F(CommandLineKeyTest, GoesWithTheEmptyKeyAbove) {
+  for (const wchar_t* const option : {L"--release-key", L"--purge"}) {
+    key.Write(kResultValue, 4);
+    EXPECT_EQ(Uninstall(option), 0);
+    EXPECT_FALSE(key.Exists());
+    EXPECT_FALSE(ParentExists());
+    workspace.WriteConfiguration("[TraceLevel]=", L"1");
+    Write(kHistoryName);
+  }
+}
+
+TEST_F(CommandLineKeyTest, StaysWithoutTheOption) {
+  EXPECT_EQ(Service({L"uninstall"}).exitCode, 0);
+  EXPECT_TRUE(key.Exists());
+}
+
+// A fleet sets its values before there are programs.
+TEST_F(CommandLineKeyTest, StaysWhereNobodyHasFlashed) {
+  workspace.Remove(kHistoryName);
+  EXPECT_EQ(Uninstall(L"--purge"), 0);
+  EXPECT_TRUE(key.Exists());
+}
+
+TEST_F(CommandLineKeyTest, StaysWithAKeyOfOthersBelow) {
+  const simulator::KeptKey below{{.path = key.Location().path + L"\\Theirs"}};
+  below.Write(L"Value", 1);
+  EXPECT_EQ(Uninstall(L"--release-key"), 0);
+  EXPECT_TRUE(key.Exists());
+}
+
+TEST_F(CommandLineKeyTest, LeavesAKeyAboveThatHoldsMore) {
+  const simulator::KeptKey beside{{.path = std::wstring(kParentOfCommandLineKey) + L"\\Theirs"}};
+  beside.Write(L"Value", 1);
+  EXPECT_EQ(Uninstall(L"--release-key"), 0);
+  EXPECT_FALSE(key.Exists());
+  EXPECT_TRUE(beside.Exists());
+}
+
+TEST_F(CommandLineKeyTest, StaysWhileACommandLineFlashes) {
+  const CommandLineClaim commandLine;
+  const RunResult result = Service({L"uninstall", L"--release-key"});
+  EXPECT_THAT(result.errors, HasSubstr("The key " + key.Location().Text() +
+                                       " stays as it is: A corvel_cmdline is flashing already. "));
+  EXPECT_TRUE(key.Exists());
+}
+
+TEST_F(CommandLineKeyTest, StaysWhenItIsTheServicesThatWasThereBefore) {
+  workspace.SetServiceKey(ToWide(key.Location().Text()));
+  EXPECT_EQ(Uninstall(L"--release-key"), 0);
+  EXPECT_TRUE(key.Exists());
+}
 
 TEST_F(FirstConfigurationTest, IsDeletedByAPurgeWithAllThatHostsLeaveAndNothingElse) {
   for (const wchar_t* name : {kConfigurationName, kHistoryName, kServiceLogName, kCommandLineLogName,

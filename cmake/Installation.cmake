@@ -92,7 +92,9 @@ function(install_package)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/pictures/flashlog-${picture}.png DESTINATION docs/pictures COMPONENT runtime)
   endforeach()
   if(MSVC AND DEFINED VCPKG_INSTALLED_DIR)
-    write_notices(${made_folder}/THIRD-PARTY-NOTICES.txt ${VCPKG_INSTALLED_DIR}/${VCPKG_TARGET_TRIPLET}/share
+    # Looked for anew with each build.
+    file(GLOB licence CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/LICENSE.txt)
+    write_notices(${made_folder}/THIRD-PARTY-NOTICES.txt "${licence}" ${VCPKG_INSTALLED_DIR}/${VCPKG_TARGET_TRIPLET}/share
       cli11 nlohmann-json)
     install(FILES ${made_folder}/THIRD-PARTY-NOTICES.txt DESTINATION . COMPONENT runtime)
   endif()

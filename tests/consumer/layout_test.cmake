@@ -1,6 +1,6 @@
 # Each component installs what the list says, and nothing else: nothing of simulator, tests or build.
 #
-# usage: cmake -DBUILD=<build folder> -DFOLDER=<scratch folder> -DLIST=<file> -P layout_test.cmake
+# usage: cmake -DBUILD=<build folder> -DFOLDER=<scratch folder> -DLIST=<file> -DLICENCE=<file> -P layout_test.cmake
 file(REMOVE_RECURSE ${FOLDER})
 set(found "")
 foreach(component runtime development symbols)
@@ -21,6 +21,10 @@ if(others)
 endif()
 
 file(READ ${LIST} expected)
+# Once it is chosen.
+if(EXISTS ${LICENCE})
+  string(REPLACE "runtime CHANGELOG.md\n" "runtime CHANGELOG.md\nruntime LICENSE.txt\n" expected "${expected}")
+endif()
 # The import library and the name of the configuration differ with compiler and build.
 string(REGEX REPLACE "CorvelToolKitTargets-[a-z]+\\.cmake" "CorvelToolKitTargets-CONFIGURATION.cmake" found "${found}")
 if(NOT found STREQUAL expected)

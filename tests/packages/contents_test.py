@@ -176,6 +176,26 @@ class Contents(unittest.TestCase):
             for end in ("spdxElementId", "relatedSpdxElement"):
                 self.assertIn(relation[end], identities + ["SPDXRef-DOCUMENT"])
 
+    def test_an_owners_licence_is_in_all_that_tells_of_one(self):
+        folder = installation("licence")
+        for text in ("", "Terms of the owner\n"):
+            with self.subTest(text):
+                (folder / "runtime/LICENSE.txt").unlink(missing_ok=True)
+                if text:
+                    (folder / "runtime/LICENSE.txt").write_text(text)
+                made = SCRATCH / "licence/packages"
+                run(TOOL, folder, made)
+                with zipfile.ZipFile(made / f"{BASE}.zip") as archive:
+                    self.assertEqual(f"{BASE}/LICENSE.txt" in archive.namelist(), bool(text))
+                self.assertEqual("LICENSE.txt" in run("msiextract", "-l", made / f"{BASE}.msi"), bool(text))
+                self.assertEqual("as soon as there is one" in (made / "THIRD-PARTY-NOTICES.txt").read_text(), not text)
+                document = json.loads((made / f"{BASE}.spdx.json").read_text())
+                own, = (part for part in document["packages"] if part["name"] == "CorvelToolKit")
+                known = {licence["licenseId"]: licence["extractedText"]
+                         for licence in document.get("hasExtractedLicensingInfos", [])}
+                self.assertEqual(known, {"LicenseRef-CorvelToolKit": text} if text else {})
+                self.assertEqual(own["licenseDeclared"], "LicenseRef-CorvelToolKit" if text else "NOASSERTION")
+
     def test_notices_hold_the_terms_of_all_that_is_linked_in(self):
         text = (self.made / "THIRD-PARTY-NOTICES.txt").read_text()
         for words in ("GCC RUNTIME LIBRARY EXCEPTION", "winpthreads", "Henry Schreiner", "Niels Lohmann"):

@@ -37,7 +37,7 @@ def installation(name):
         run(OBJCOPY, "--only-keep-debug", program, folder / "symbols/bin" / f"{program.name}.debug",
             SOURCE_DATE_EPOCH="946684800")
     (folder / "package.json").write_text(json.dumps(
-        {"name": "CorvelToolKit", "library_version": "1.8.1", "package_version": "3.4.5", "compiler": "any"}))
+        {"name": "CorvelToolKit", "library_version": "1.8.1", "package_version": "3.4.5"}))
     return folder
 
 
@@ -175,6 +175,11 @@ class Contents(unittest.TestCase):
         for relation in document["relationships"]:
             for end in ("spdxElementId", "relatedSpdxElement"):
                 self.assertIn(relation[end], identities + ["SPDXRef-DOCUMENT"])
+
+    def test_list_of_contents_tells_the_compiler_by_the_version_of_its_runtime(self):
+        document = json.loads((self.made / f"{BASE}.spdx.json").read_text())
+        parts = {part["name"].split(" ")[0]: part for part in document["packages"]}
+        self.assertIn(parts["GCC"]["versionInfo"], parts["CorvelToolKit"]["comment"])
 
     def test_an_owners_licence_is_in_all_that_tells_of_one(self):
         folder = installation("licence")

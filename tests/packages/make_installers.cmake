@@ -22,7 +22,7 @@ foreach(version old=1.0.0 new=1.0.1)
       COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
   file(WRITE ${FOLDER}/${name}/package.json "{\"name\": \"CorvelToolKit\", \"library_version\": \"1.8.1\",
-    \"package_version\": \"${number}\", \"compiler\": \"any\"}")
+    \"package_version\": \"${number}\"}")
   execute_process(COMMAND ${TOOL} ${FOLDER}/${name} ${FOLDER}/${name}-packages OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
   set(installer ${FOLDER}/${name}-packages/CorvelToolKit-${number}-x64.msi)
   file(COPY_FILE ${installer} ${OUTPUT}/${name}.msi)

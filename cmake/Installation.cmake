@@ -77,7 +77,7 @@ function(install_package)
   foreach(document abi configuration controller deployment doctor flashlog hosts log-format packages troubleshooting windows)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/${document}.md DESTINATION docs COMPONENT runtime)
   endforeach()
-  foreach(schema collected flashlog hosts)
+  foreach(schema collected flashlog hosts package)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/${schema}.schema.json DESTINATION docs COMPONENT runtime)
   endforeach()
   # The index leaves out the pages that are for those who have the sources.

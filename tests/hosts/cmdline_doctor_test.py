@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """What "corvel_cmdline doctor" puts into its archive: what its list says and what the page says, and nothing else.
 
-usage: cmdline_doctor_test.py PAGE FOLDER WORD ...
+usage: cmdline_doctor_test.py PAGE SCHEMA FOLDER WORD ...
   PAGE     docs/doctor.md
+  SCHEMA   docs/hosts.schema.json
   FOLDER   of the programs
   WORD     what runs a program
 """
@@ -17,7 +18,9 @@ import tempfile
 import unittest
 import zipfile
 
-PAGE, PROGRAMS, *RUNNER = sys.argv[1:]
+import jsonschema
+
+PAGE, SCHEMA, PROGRAMS, *RUNNER = sys.argv[1:]
 SERVICE_LOG, COMMAND_LINE_LOG = "FlashServiceDebugLogger_DLL", "FlashCommandLineLogger_DLL"
 # What lies beside the programs and goes in, and what lies there and must not.
 LOGS = {f"{SERVICE_LOG}.log": b"the last one\r\n", f"{SERVICE_LOG}_2026-11-15_23-04-11.log": bytes(range(256)) * 300,
@@ -51,6 +54,16 @@ class Installation:
     def made_archive(self):
         (archive,) = self.folder.glob("corvel_doctor_*.zip")
         return zipfile.ZipFile(archive)
+
+
+def document_in(archive, name):
+    """A document of the archive, as the schema says that one of its kind is."""
+    document = json.loads(archive.read(name))
+    schema = json.loads(pathlib.Path(SCHEMA).read_text())
+    kind = {"$ref": f"#/definitions/{pathlib.Path(name).stem}", "definitions": schema["definitions"]}
+    jsonschema.validate(document, schema, cls=jsonschema.Draft7Validator)
+    jsonschema.validate(document, kind, cls=jsonschema.Draft7Validator)
+    return document
 
 
 class ArchiveTest(unittest.TestCase):
@@ -90,10 +103,10 @@ class ArchiveTest(unittest.TestCase):
 
     def test_what_a_look_finds(self):
         with self.installation.made_archive() as archive:
-            check = json.loads(archive.read("check.json"))
+            check = document_in(archive, "check.json")
             self.assertFalse(check["ready"])
             self.assertEqual(check["error"]["code"], "no_folder_configured")
-            handshake = json.loads(archive.read("handshake.json"))
+            handshake = document_in(archive, "handshake.json")
             self.assertEqual(handshake["service"]["key"], "HKCU\\Software\\Corvel\\Test\\Doctor")
             self.assertEqual(len(handshake["command_line"]["values"]), 6)
             self.assertRegex(archive.read("versions.txt").decode(),
@@ -115,7 +128,7 @@ class OtherFoldersTest(unittest.TestCase):
                          {"CorvelConfig.ini", f"logs/{SERVICE_LOG}.log", f"logs/{COMMAND_LINE_LOG}.log"})
         with self.installation.made_archive() as archive:
             self.assertIn(b"Left out: CorvelConfig.ini: ", archive.read("contents.txt"))
-            self.assertIsNone(json.loads(archive.read("handshake.json"))["service"])
+            self.assertIsNone(document_in(archive, "handshake.json")["service"])
 
     def test_people_are_told_and_no_file_is_written_over(self):
         folder = self.installation.folder

@@ -16,6 +16,8 @@ import sys
 import unittest
 import zipfile
 
+import jsonschema
+
 BUILD, SCRATCH, CHECKOUT, OBJCOPY = (pathlib.Path(word) for word in sys.argv[1:5])
 TOOL = CHECKOUT / "packaging/make-packages"
 BASE = "CorvelToolKit-3.4.5-x64"
@@ -261,7 +263,9 @@ class Contents(unittest.TestCase):
     def test_says_how_a_management_system_knows_the_product(self):
         facts = json.loads((self.made / "package.json").read_text())
         properties = dict(table(self.made / f"{BASE}.msi", "Property"))
-        self.assertEqual((facts["product_code"], facts["upgrade_code"], facts["version"]),
+        schema = json.loads((CHECKOUT / "docs/package.schema.json").read_text())
+        jsonschema.validate(facts, schema, cls=jsonschema.Draft7Validator)
+        self.assertEqual((facts["product_code"], facts["upgrade_code"], facts["package_version"]),
                          (properties["ProductCode"], properties["UpgradeCode"], properties["ProductVersion"]))
 
     def test_a_command_is_found_from_where_its_caller_stands(self):

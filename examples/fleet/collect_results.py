@@ -47,6 +47,12 @@ def why_unreadable(document):
     return "no document of corvel_cmdline"
 
 
+def told(error, cause):
+    """What went wrong, and why when the log of the flash tells."""
+    texts = [part.get("message", "") for part in (error, cause) if isinstance(part, dict)]
+    return " ".join(text for text in texts if isinstance(text, str) and text)
+
+
 def time_of(path):
     """To the second, with the zone."""
     return datetime.datetime.fromtimestamp(int(path.stat().st_mtime)).astimezone()
@@ -68,7 +74,7 @@ def row_of(path):
         error = {}
     row |= {name: document.get(name, "") for name in ("result", "attempts", "seconds")}
     outcome = outcome_of(document)
-    message = why_unreadable(document) if outcome == "unreadable" else error.get("message", "")
+    message = why_unreadable(document) if outcome == "unreadable" else told(error, document.get("cause"))
     return row | {"outcome": outcome, "code": error.get("code", ""), "message": message}
 
 

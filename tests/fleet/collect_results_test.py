@@ -25,7 +25,8 @@ FLASHED = {"version": 1, "flashed": True, "result": 4, "meaning": "succeeded", "
            "images_deleted": True, "log": "C:\\Corvel\\FlashCommandLineLogger_DLL.log"}
 FAILED = {"version": 1, "error": {"code": "flash_failed", "message": "The flash failed.", "what_to_do": "Flash again."},
           "flashed": False, "result": 3, "meaning": "failed", "progress": 48, "attempts": 4, "seconds": 541,
-          "images_deleted": True, "log": ""}
+          "images_deleted": True, "log": "",
+          "cause": {"message": "Could not download file(|0|)", "meaning": "An item.", "what_to_do": "Copy the images again."}}
 INTERRUPTED = {"version": 1, "error": {"code": "interrupted", "message": "Interrupted.", "what_to_do": "-"},
                "images_deleted": False}
 REFUSED = {"version": 1,
@@ -73,7 +74,7 @@ class CollectorTest(unittest.TestCase):
                           "PC-5": "not ready", "PC-6": "failed"})
         self.assertEqual(rows["PC-2"], {"pc": "PC-2", "outcome": "failed", "code": "flash_failed", "result": "3",
                                         "attempts": "4", "seconds": "541",
-                                        "time": TIME.isoformat(), "message": "The flash failed."})
+                                        "time": TIME.isoformat(), "message": "The flash failed. Could not download file(|0|)"})
 
     def test_puts_the_worst_first(self):
         self.put("A", FLASHED)

@@ -228,6 +228,7 @@ struct CallHooks::State {
     if (const Observer observer = state.observer) {
       observer({hook.name.c_str(),
                 {frame->Argument(0), frame->Argument(1), frame->Argument(2), frame->Argument(3)},
+                frame->StackedArguments(),
                 frame->returnAddress});
     }
     if (hook.isPlatformCall) state.CountPlatformCall();

@@ -39,6 +39,8 @@ struct SeenCall {
   const char* function;
   /// The four that stand in registers; one that is a floating-point number is not among them.
   std::uint64_t arguments[4];
+  /// The fifth and those behind it, as many as the function has; until the observer returns.
+  const std::uint64_t* stacked;
   const void* returnsTo;  ///< where it was made
 };
 

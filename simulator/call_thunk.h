@@ -15,6 +15,11 @@ struct CallFrame {
   void* returnAddress;
 
   std::uint64_t Argument(int number) const { return registers[3 - number]; }
+  /// The fifth argument and those behind it, where the caller has put them: beyond the places that it keeps
+  /// free for the first four.
+  const std::uint64_t* StackedArguments() const {
+    return reinterpret_cast<const std::uint64_t*>(&returnAddress) + 5;
+  }
   /// Of a call that is not passed on.
   void SetResult(std::uint64_t result) { registers[3] = result; }
 };

@@ -126,7 +126,7 @@ class Witness {
   static void SeeValue(const SeenCall& call) noexcept {
     if (std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) != hosts::kResultValue) return;
     s_modemAtResult = s_modem->State();
-    const auto* const data = reinterpret_cast<const DWORD*>(call.arguments[4]);
+    const auto* const data = reinterpret_cast<const DWORD*>(call.stacked[0]);
     if (*data == static_cast<DWORD>(hosts::FlashResult::Flashing)) s_hasBegunAttempt = true;
   }
 

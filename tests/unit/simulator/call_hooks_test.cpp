@@ -402,6 +402,19 @@ TEST_F(CallHooksTest, ShowEachCallWithItsArguments) {
   EXPECT_EQ(g_seenInitialState, TRUE);
 }
 
+TEST_F(CallHooksTest, ShowWhatStandsOnTheStack) {
+  static std::int64_t fifth = 0;
+  static int sixth = 0;
+  hooks.Observe([](const SeenCall& call) noexcept {
+    if (std::string_view(call.function) != "MixedArguments") return;
+    fifth = static_cast<std::int64_t>(call.stacked[0]);
+    sixth = static_cast<int>(call.stacked[1]);
+  });
+  calls.Mixed(1.5, 2, 3.25f, 4.5, -5, 6, 7.75f, 8.5);
+  EXPECT_EQ(fifth, -5);
+  EXPECT_EQ(sixth, 6);
+}
+
 TEST_F(CallHooksTest, ShowWhereACallWasMade) {
   hooks.Observe([](const SeenCall& call) noexcept { g_seenPlace = call.returnsTo; });
   MakeEvents(1);

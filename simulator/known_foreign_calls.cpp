@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <iterator>
+#include <string_view>
 #include <vector>
 
 #include "simulator/known_calls.h"
@@ -48,12 +50,25 @@ constexpr KnownCall kExports[] = {
     {.name = "_ZEMO_DL_get_sys_version", .kind = Kind::Library},
 };
 
+// What the service does for its caller: it may do that and end before its answer is on its way. Whatever only
+// hands something out leaves nothing behind that fails; what it handed out would be a fault of its own.
+constexpr std::string_view kRequests[] = {
+    "IConnectionPoint::Advise",
+    "IConnectionPoint::Unadvise",
+    "IMbnDeviceService::QuerySupportedCommands",
+    "IMbnDeviceService::OpenCommandSession",
+    "IMbnDeviceService::CloseCommandSession",
+    "IMbnDeviceService::SetCommand",
+};
+
 KnownCall OfObject(const char* name) {
   const std::string_view text = name;
+  const bool mayHaveTakenEffect = std::ranges::find(kRequests, text) != std::end(kRequests);
   if (text.ends_with("::AddRef") || text.ends_with("::Release")) return {.name = name, .kind = Kind::Object};
   constexpr std::uint64_t kOk = 0;
   constexpr std::uint64_t kFalse = 1;
-  return {name, Kind::Object, Failure::Plausible, Tells::ByResult, kServiceIsGone, 0, false, kOk, kFalse};
+  return {name, Kind::Object, Failure::Plausible, Tells::ByResult, kServiceIsGone, 0, mayHaveTakenEffect,
+          kOk,  kFalse};
 }
 
 std::vector<KnownCall> AllForeignCalls() {

@@ -87,6 +87,11 @@ std::uint32_t Style() {
                                             : ProgressStyle::Normal);
 }
 
+std::uint32_t BlockSize() {
+  const auto machine = CurrentMachine();
+  return machine ? machine->modem.BlockSize() : VirtualModem::kUsualBlockSize;
+}
+
 const ModemInterface& ModemOfCurrentMachine() {
   static constexpr ModemInterface kModem{sizeof(ModemInterface),
                                          &BeginCall,
@@ -97,7 +102,8 @@ const ModemInterface& ModemOfCurrentMachine() {
                                          &WriteBlock,
                                          &EndItem,
                                          &ForceReset,
-                                         &Style};
+                                         &Style,
+                                         &BlockSize};
   return kModem;
 }
 

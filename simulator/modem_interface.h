@@ -34,6 +34,8 @@ struct ModemInterface {
   std::int32_t (*forceReset)(std::uint32_t session);
   /// A value of `ProgressStyle`.
   std::uint32_t (*progressStyle)();
+  /// How many bytes of an item to send at a time; at least 1.
+  std::uint32_t (*blockSize)();
 };
 
 /// Type of the library's seventeenth export, "SimulatorAttachModem". The table must outlive the library.

@@ -362,6 +362,8 @@ bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
 
 bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_t> bytes) {
   Milliseconds done{0};
+  std::uint32_t written = 0;
+  BlockObserver observer;
   {
     const std::lock_guard lock(m_Mutex);
     if (!IsOpen(session) || !m_Item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
@@ -376,9 +378,23 @@ bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_
     m_Item->written += static_cast<std::uint32_t>(bytes.size());
     m_Item->crc = Crc32(bytes, m_Item->crc);
     done = m_Item->begun + Milliseconds(std::int64_t{m_Item->written} * 1000 / m_Timing.bytesPerSecond);
+    written = m_Item->written;
+    observer = m_BlockObserver;
   }
+  if (observer) observer(written);
   m_Clock.PauseUntil(done);
   return true;
+}
+
+std::uint32_t VirtualModem::BlockSize() {
+  const std::lock_guard lock(m_Mutex);
+  return m_BlockSize;
+}
+
+void VirtualModem::TakeInBlocks(std::uint32_t size, BlockObserver observer) {
+  const std::lock_guard lock(m_Mutex);
+  m_BlockSize = size;
+  m_BlockObserver = std::move(observer);
 }
 
 bool VirtualModem::EndItem(std::uint32_t session) {

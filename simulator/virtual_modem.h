@@ -83,6 +83,7 @@ struct MemoryComparison {
 class VirtualModem {
  public:
   static constexpr std::uint32_t kMemorySize = 16 * 1024 * 1024;
+  static constexpr std::uint32_t kUsualBlockSize = 64 * 1024;
   using Journal = std::function<void(JournalEvent, std::string)>;
 
   VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
@@ -118,6 +119,12 @@ class VirtualModem {
   bool Boot(std::uint32_t session, std::span<const std::uint8_t> header);
   bool BeginItem(std::uint32_t session, const ImageItem& item);
   bool WriteBlock(std::uint32_t session, std::span<const std::uint8_t> bytes);
+  /// How many bytes of an item the modem takes at a time; the flashing library asks.
+  std::uint32_t BlockSize();
+  /// Changes that, and tells somebody of each block that has come into the memory, and how much of its item
+  /// is there by then: on the thread that sends it.
+  using BlockObserver = std::function<void(std::uint32_t written)>;
+  void TakeInBlocks(std::uint32_t size, BlockObserver observer);
   /// Ends an item. @return false when size or checksum of what came is not what was announced.
   bool EndItem(std::uint32_t session);
   /// Restarts into normal mode. @return false when the session is over.
@@ -176,6 +183,8 @@ class VirtualModem {
   bool m_IsBooted = false;
   std::optional<Item> m_Item;
   std::fstream m_Memory;
+  std::uint32_t m_BlockSize = kUsualBlockSize;
+  BlockObserver m_BlockObserver;
   std::string m_AtInput;
   std::uint32_t m_ItemsWritten = 0;
   std::uint64_t m_BytesWritten = 0;

@@ -34,7 +34,6 @@ namespace {
 constexpr std::int32_t kOk = 0;
 constexpr std::int32_t kFailed = 1;
 constexpr std::size_t kStatusSize = 512;
-constexpr std::uint32_t kBlockSize = 64 * 1024;
 constexpr std::uint32_t kBytesPerProgressBar = 256 * 1024;
 constexpr std::int32_t kNoArgument = -1;
 
@@ -183,9 +182,9 @@ std::string SendItem(std::uint8_t channel, const ImageReader& image, const Image
 
   ProgressReport progress(channel, static_cast<ProgressStyle>(modem.progressStyle()));
   progress.Begin();
-  std::vector<std::uint8_t> block(kBlockSize);
+  std::vector<std::uint8_t> block(modem.blockSize());
   for (std::uint32_t done = 0; done < item.size;) {
-    const auto part = std::span(block).first(std::min(kBlockSize, item.size - done));
+    const auto part = std::span(block).first(std::min<std::size_t>(block.size(), item.size - done));
     if (!image.ReadAt(item.dataOffset + done, part)) return "the image cannot be read";
     if (modem.writeBlock(session, part.data(), static_cast<std::uint32_t>(part.size())) == 0) {
       return "the target refuses the data";

@@ -55,8 +55,7 @@ class Witness {
     if (function == "RegSetValueExW") SeeValue(call);
     if (const char* const last = s_lastFunction; last != nullptr && function == last)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
-    if (s_callsWhileWriting != 0 && s_modem->State() == ModemState::Writing && --s_callsWhileWriting == 0)
-      ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
+    if (s_endsAtNextCall) ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_records) Note(call);
     if (const CallHooks::Observer other = s_other) other(call);
   }
@@ -87,9 +86,9 @@ class Witness {
     s_exitCode = exitCode;
     s_lastFunction = function;
   }
-  static void EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
+  static void EndProcessAtNextCall(unsigned exitCode) {
     s_exitCode = exitCode;
-    s_callsWhileWriting = calls;
+    s_endsAtNextCall = true;
   }
 
  private:
@@ -149,7 +148,7 @@ class Witness {
   static inline std::atomic<bool> s_hasWritten{false};
   static inline std::array<ServingThread, kMostHosts> s_serving;
   static inline unsigned s_hosts = 1;
-  static inline std::atomic<unsigned> s_callsWhileWriting{0};
+  static inline std::atomic<bool> s_endsAtNextCall{false};
   static inline std::atomic<const char*> s_lastFunction{nullptr};
   static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
@@ -158,12 +157,12 @@ class Witness {
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
 
-VirtualPcOptions PcOf(Route route, const std::filesystem::path& folder, Begins begins) {
+VirtualPcOptions PcOf(const ServicePlan& plan, const std::filesystem::path& folder) {
   Setup setup;
-  setup.route = route;
+  setup.route = plan.route;
   VirtualPcOptions options = PcOptions(setup, kSpeed, folder);
   options.timing = QuickTiming();
-  if (begins == Begins::WithModemAsLeft)
+  if (plan.begins == Begins::WithModemAsLeft)
     options.initialState = VirtualModem::StateLeftIn(folder / kStateFile);
   return options;
 }
@@ -192,7 +191,7 @@ Service::Service(const ServicePlan& plan)
     : m_Folder(hosts::ProgramFolder()),
       m_Plan(plan),
       m_Key{HKEY_CURRENT_USER, L"HKCU", plan.key},
-      m_Pc(PcOf(plan.route, m_Folder, plan.begins)) {
+      m_Pc(PcOf(plan, m_Folder)) {
   Setup setup;
   setup.route = plan.route;
   m_Configuration = std::make_unique<ConfigurationFile>(m_Folder, setup, m_Key.rootName + L"\\" + m_Key.path,
@@ -288,8 +287,12 @@ void Service::EndProcessBefore(const char* function, unsigned exitCode) {
   Witness::EndProcessBefore(function, exitCode);
 }
 
-void Service::EndProcessWhileWriting(unsigned calls, unsigned exitCode) {
-  Witness::EndProcessWhileWriting(calls, exitCode);
+void Service::EndProcessInItem(std::uint32_t blockSize, std::size_t blocks, InItem when, unsigned exitCode) {
+  m_Pc.Modem().TakeInBlocks(blockSize, [=](std::uint32_t written) {
+    if (written < blocks * blockSize) return;
+    if (when == InItem::AtBlock) ::TerminateProcess(::GetCurrentProcess(), exitCode);
+    Witness::EndProcessAtNextCall(exitCode);
+  });
 }
 
 void Service::ForgetLastJob() {

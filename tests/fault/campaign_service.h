@@ -50,6 +50,12 @@ enum class Images {
   Large,  ///< a modem image of 12 MB with nine items, and an NVM image
 };
 
+/// Where a process ends while an item is written.
+enum class InItem {
+  AtBlock,    ///< in the flashing library, between two blocks
+  AtNextCall  ///< at the first call of the library behind the block
+};
+
 struct ServicePlan {
   simulator::Route route = simulator::Route::Mbim;
   bool log = false;
@@ -97,8 +103,8 @@ class Service {
   JobEnd GoOn();
   /// Is told of every call, too, once the service has begun; null for nobody.
   static void AlsoTell(simulator::CallHooks::Observer observer);
-  /// Ends the process when so many calls of the library have begun while an item was written.
-  static void EndProcessWhileWriting(unsigned calls, unsigned exitCode);
+  /// Sends items in blocks of that size, and ends the process when so many of them are in the modem's memory.
+  void EndProcessInItem(std::uint32_t blockSize, std::size_t blocks, InItem when, unsigned exitCode);
   /// Ends the process at the next call of a function; its name has to live on.
   static void EndProcessBefore(const char* function, unsigned exitCode);
   hosts::Handshake Values() const { return hosts::ReadHandshake(m_Key); }

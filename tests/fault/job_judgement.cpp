@@ -46,4 +46,18 @@ std::string WhatIsWrongWithSound(const JobEnd& end) {
   return end.Succeeded() ? "" : "it fails, the modem is " + std::string(NameOf(end.modem));
 }
 
+std::string WhatIsWrongWithGoingOn(const hosts::Handshake& before, const JobEnd& end) {
+  const bool stood = before.ready == 1u;
+  const std::string modem = std::string("the modem is ") + NameOf(end.modem);
+  const std::string state = ", result " + Text(end.values.result) + ", progress " + Text(end.values.progress);
+  if (stood && !end.Succeeded()) return "the job is not done by the new host, " + modem + state;
+  if (!stood && !end.values.Is(hosts::FlashResult::Idle)) return "the new host tells of an old job" + state;
+  if (end.values.ready != 0u) return "the flag is not taken back";
+  if (!end.isMemoryEqual) return "the memory is not equal";
+  if (end.modem != ModemState::Normal) return modem;
+  if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
+    return std::string("success was reported while the modem was ") + NameOf(end.modemAtResult);
+  return stood && end.isImageLeft ? "the image is left" : "";
+}
+
 }  // namespace campaign

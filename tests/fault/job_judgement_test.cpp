@@ -98,6 +98,54 @@ TEST(JobJudgementTest, FindsAnImageThatIsGoneWithoutAnAttempt) {
               StartsWith("an image is gone"));
 }
 
+hosts::Handshake Found(std::uint32_t ready) {
+  hosts::Handshake values;
+  values.ready = ready;
+  return values;
+}
+
+/// What a new host looks like that has found nothing to do.
+JobEnd NothingToDo() {
+  JobEnd end = GoodEnd();
+  end.values.result = static_cast<std::uint32_t>(hosts::FlashResult::Idle);
+  return end;
+}
+
+TEST(JobJudgementTest, LetsANewHostPassThatHasDoneWhatStood) {
+  EXPECT_EQ(WhatIsWrongWithGoingOn(Found(1), GoodEnd()), "");
+  EXPECT_EQ(WhatIsWrongWithGoingOn(Found(0), NothingToDo()), "");
+}
+
+TEST(JobJudgementTest, FindsARequestThatANewHostHasNotDone) {
+  for (const JobEnd& end : {FailedEnd(), NothingToDo()})
+    EXPECT_THAT(WhatIsWrongWithGoingOn(Found(1), end), StartsWith("the job is not done"));
+  JobEnd end = GoodEnd();
+  end.isImageLeft = true;
+  EXPECT_EQ(WhatIsWrongWithGoingOn(Found(1), end), "the image is left");
+}
+
+TEST(JobJudgementTest, FindsANewHostThatTellsOfAnOldJob) {
+  EXPECT_THAT(WhatIsWrongWithGoingOn(Found(0), GoodEnd()), HasSubstr("an old job"));
+}
+
+TEST(JobJudgementTest, FindsAModemThatANewHostHasNotBroughtBack) {
+  for (const std::uint32_t ready : {0u, 1u}) {
+    const JobEnd good = ready == 1 ? GoodEnd() : NothingToDo();
+    JobEnd end = good;
+    end.isMemoryEqual = false;
+    EXPECT_EQ(WhatIsWrongWithGoingOn(Found(ready), end), "the memory is not equal");
+    end = good;
+    end.modem = ModemState::Booted;
+    EXPECT_EQ(WhatIsWrongWithGoingOn(Found(ready), end), "the modem is booted");
+    end = good;
+    end.values.ready = 1;
+    EXPECT_EQ(WhatIsWrongWithGoingOn(Found(ready), end), "the flag is not taken back");
+  }
+  JobEnd early = GoodEnd();
+  early.modemAtResult = ModemState::Returning;
+  EXPECT_THAT(WhatIsWrongWithGoingOn(Found(1), early), HasSubstr("while the modem was returning"));
+}
+
 }  // namespace
 
 }  // namespace campaign

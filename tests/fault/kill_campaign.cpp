@@ -9,9 +9,11 @@
 // the modem runs and holds the images, and the next job is done too. --large flashes 12 MB.
 //
 // --at-start lets the process that is started behind such a kill end as well, at every N-th call from its
-// loading of the library to the end of the job that it has found standing. --torn ends a process N times in
-// the middle of an item, --before-deletion one between the end of the request and the deletion of its images.
-// Exit status 1 when any of that does not hold.
+// loading of the library to the end of the job that it has found standing. --torn ends a process N times (up
+// to 255) in the middle of an item, behind another block of it each time, by --seed: half of them in the
+// flashing library itself, half at the next call of the library. Each time the memory has to be partly the
+// new image's and partly the one's before. --before-deletion ends a process between the end of the request
+// and the deletion of its images. Exit status 1 when any of that does not hold.
 
 #include <windows.h>
 
@@ -21,14 +23,18 @@
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <numeric>
 #include <optional>
+#include <random>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "fault/campaign_service.h"
 #include "fault/fault_cases.h"
+#include "fault/job_judgement.h"
 #include "hosts/common/text.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
@@ -46,8 +52,9 @@ constexpr wchar_t kSeedFile[] = L"image_seed.txt";
 /// The kills in front of those at the start are spread over so many calls of a job.
 constexpr std::size_t kCallsOfAJob = 400;
 constexpr std::size_t kSpread = 37;
-/// Calls of the library while the small item is written, at the least.
-constexpr std::size_t kPlacesInAnItem = 4;
+/// So small that a process can end at very many places in the small item.
+constexpr std::uint32_t kTornBlockSize = 256;
+constexpr wchar_t kMemoryFile[] = L"modem_flash.bin";
 
 struct Options {
   Route route = Route::Mbim;
@@ -59,9 +66,10 @@ struct Options {
   bool beforeDeletion = false;
   bool large = false;
   bool inPlace = false;
-  bool inItem = false;     ///< of the child: calls are counted while an item is written
-  std::size_t killAt = 0;  ///< of the child: 0 for never
-  bool killStart = false;  ///< of the child: it is counted from its loading on
+  bool inItem = false;      ///< of the child: blocks of an item are counted
+  bool atNextCall = false;  ///< of the child: it ends at the call of the library behind that block
+  std::size_t killAt = 0;   ///< of the child: 0 for never
+  bool killStart = false;   ///< of the child: it is counted from its loading on
   std::string key;
 };
 Options g_options;
@@ -71,6 +79,8 @@ Options g_options;
 /// The number of the image that was laid last: it outlives the process, as the image does.
 class ImageSeed {
  public:
+  explicit ImageSeed(const std::filesystem::path& folder) : m_File(folder / kSeedFile) {}
+
   std::uint32_t Last() const {
     std::uint32_t seed = 0;
     std::ifstream(m_File) >> seed;
@@ -83,7 +93,7 @@ class ImageSeed {
   }
 
  private:
-  const std::filesystem::path m_File = std::filesystem::path(hosts::ProgramFolder()) / kSeedFile;
+  const std::filesystem::path m_File;
 };
 
 class Host {
@@ -123,23 +133,14 @@ class Host {
   /// What a request that stood when the process died has come to; and one that did not.
   std::string JudgeRecovery(const hosts::Handshake& before) {
     const JobEnd end = m_Service.Look(true);
-    std::string modem = std::string("the modem is ") + NameOf(end.modem);
-    if (before.ready == 1u && !end.Succeeded()) return "the job is not done by the new host, " + modem;
-    if (before.ready != 1u && !end.values.Is(hosts::FlashResult::Idle))
-      return "the new host tells of an old job";
+    std::string finding = WhatIsWrongWithGoingOn(before, end);
+    if (!finding.empty()) return finding;
     const bool wasOver = before.Is(hosts::FlashResult::Succeeded) || before.Is(hosts::FlashResult::Failed);
     if (before.ready != 1u && wasOver) {
       if (ExcuseOf({}, m_Options.route, kResultForgotten) == nullptr) return kResultForgotten;
       std::printf("not held %s: %s (known)\n", NameOf(m_Options.route), kResultForgotten);
     }
-    if (end.values.ready != 0u) return "the flag is not taken back";
-    if (m_Options.beforeDeletion && !end.isImageLeft) return "no image is left";
-    if (!end.isMemoryEqual) return "the memory is not equal";
-    if (end.modem != ModemState::Normal) return modem;
-    if (end.Succeeded() && end.modemAtResult != ModemState::Normal)
-      return std::string("success was reported while the modem was ") + NameOf(end.modemAtResult);
-    if (before.ready == 1u && end.isImageLeft) return "the image is left";
-    return {};
+    return m_Options.beforeDeletion && !end.isImageLeft ? "no image is left" : "";
   }
 
   /// Nobody takes away what is left of a job whose request was over: the next request flashes it.
@@ -169,7 +170,8 @@ class Host {
     if (m_Options.beforeDeletion) {
       Service::EndProcessBefore("DeleteFileW", kKilled);
     } else if (m_Options.inItem) {
-      Service::EndProcessWhileWriting(call, kKilled);
+      m_Service.EndProcessInItem(kTornBlockSize, call,
+                                 m_Options.atNextCall ? InItem::AtNextCall : InItem::AtBlock, kKilled);
     } else {
       m_Service.Hooks().EndProcessAt(call, kKilled);
     }
@@ -180,7 +182,7 @@ class Host {
   }
 
   const Options m_Options;
-  const ImageSeed m_Seed;
+  const ImageSeed m_Seed{hosts::ProgramFolder()};
   Service m_Service;
 };
 
@@ -188,8 +190,54 @@ class Host {
 
 struct Summary {
   unsigned kills = 0;
+  unsigned torn = 0;  ///< those that left the memory partly old and partly new
   unsigned findings = 0;
 };
+
+/// The small item as the modem has it in its memory.
+class ItemInMemory {
+ public:
+  /// @param folder of the process that has died.
+  explicit ItemInMemory(const std::filesystem::path& folder) : m_Latest(ImageSeed(folder).Last()) {
+    const ImageItem item = BuildImage(SmallImagePlan(m_Latest)).items.front();
+    m_Bytes.resize(item.size);
+    std::ifstream memory(folder / kMemoryFile, std::ios::binary);
+    memory.seekg(item.flashOffset);
+    memory.read(reinterpret_cast<char*>(m_Bytes.data()), static_cast<std::streamsize>(m_Bytes.size()));
+    if (!memory) throw std::runtime_error("the modem's memory cannot be read");
+  }
+
+  /// @return how many bytes are of the latest image, when all others are of the one before; nothing
+  /// otherwise.
+  std::optional<std::size_t> NewBytes() const {
+    const auto now = BytesOf(m_Latest);
+    const auto before = BytesOf(m_Latest - 1);
+    const auto end = std::ranges::mismatch(m_Bytes, now).in1;
+    const auto count = static_cast<std::size_t>(end - m_Bytes.begin());
+    if (!std::equal(end, m_Bytes.end(), before.begin() + (end - m_Bytes.begin()))) return std::nullopt;
+    return count;
+  }
+  std::size_t Size() const { return m_Bytes.size(); }
+
+ private:
+  static std::vector<std::uint8_t> BytesOf(std::uint32_t seed) {
+    const FlashImage image = BuildImage(SmallImagePlan(seed));
+    const auto bytes = image.Bytes(image.items.front());
+    return {bytes.begin(), bytes.end()};
+  }
+
+  const std::uint32_t m_Latest;
+  std::vector<std::uint8_t> m_Bytes;
+};
+
+/// The blocks of the small item in the middle of which a process may end, in an order of the seed's.
+std::vector<std::size_t> BlocksToEndBehind() {
+  const std::size_t size = BuildImage(SmallImagePlan(1)).items.front().size;
+  std::vector<std::size_t> blocks(size / kTornBlockSize - 1);
+  std::iota(blocks.begin(), blocks.end(), 1);
+  std::ranges::shuffle(blocks, std::mt19937(static_cast<std::uint32_t>(g_options.seed)));
+  return blocks;
+}
 
 class Kills {
  public:
@@ -200,9 +248,11 @@ class Kills {
     if (g_options.beforeDeletion) {
       Step(1, "before the deletion of the images", summary);
     } else if (g_options.torn > 0) {
-      for (std::size_t i = 0; i < g_options.torn; ++i) {
-        const std::size_t call = 1 + i % kPlacesInAnItem;
-        Step(call, "in the middle of an item, at call " + std::to_string(call), summary);
+      bool atNextCall = false;
+      for (const std::size_t block : BlocksToEndBehind()) {
+        if (summary.kills == g_options.torn) break;
+        if (KillInItem(block, atNextCall, summary) != kKilled) break;
+        atNextCall = !atNextCall;
       }
     } else {
       for (std::size_t call = 1 + std::max(g_options.from, g_options.seed % g_options.step);;
@@ -221,6 +271,26 @@ class Kills {
     return Step(call, "at call " + std::to_string(call), summary);
   }
 
+  unsigned long KillInItem(std::size_t block, bool atNextCall, Summary& summary) {
+    m_AtNextCall = atNextCall;
+    const std::string place =
+        (atNextCall ? "at the call behind block " : "at block ") + std::to_string(block);
+    const unsigned long status = Step(block, place, summary);
+    if (status != kKilled) return status;
+    const ItemInMemory item(m_Folder->Path());
+    const auto written = item.NewBytes();
+    const std::size_t least = block * kTornBlockSize;
+    const std::size_t most = atNextCall ? item.Size() - 1 : least;
+    if (written && *written >= least && *written <= most) {
+      ++summary.torn;
+    } else {
+      Find(summary,
+           "killed " + place + ": of the memory " +
+               (written ? std::to_string(*written) + " bytes are new" : "some is neither old nor new"));
+    }
+    return status;
+  }
+
   /// Somewhere in a job, and then at a call of the process that has to go on with it.
   unsigned long KillTwice(std::size_t call, Summary& summary) {
     const std::size_t first = 1 + call * kSpread % kCallsOfAJob;
@@ -232,10 +302,7 @@ class Kills {
   unsigned long Step(std::size_t killAt, const std::string& place, Summary& summary, bool atStart = false) {
     unsigned long status = Start(killAt, atStart);
     if (status != 0 && status != kKilled) {
-      ++summary.findings;
-      std::printf("FINDING %s: killed %s: the new host ends with %lu\n", NameOf(g_options.route),
-                  m_Before.c_str(), status);
-      std::fflush(stdout);
+      Find(summary, "killed " + m_Before + ": the new host ends with " + std::to_string(status));
       // Nothing of it may hide what comes.
       m_Folder.emplace();
       m_Key.emplace(m_Path, false);
@@ -244,6 +311,12 @@ class Kills {
     if (status == kKilled) ++summary.kills;
     m_Before = place;
     return status;
+  }
+
+  static void Find(Summary& summary, const std::string& finding) {
+    ++summary.findings;
+    std::printf("FINDING %s: %s\n", NameOf(g_options.route), finding.c_str());
+    std::fflush(stdout);
   }
 
   unsigned long Start(std::size_t killAt, bool atStart) {
@@ -255,6 +328,7 @@ class Kills {
                                     L"--key",
                                     m_Path};
     if (g_options.torn > 0) words.push_back(L"--in-item");
+    if (m_AtNextCall) words.push_back(L"--at-next-call");
     if (atStart) words.push_back(L"--kill-start");
     if (g_options.beforeDeletion) words.push_back(L"--before-deletion");
     if (g_options.large) words.push_back(L"--large");
@@ -266,6 +340,7 @@ class Kills {
   std::optional<WorkFolder> m_Folder{std::in_place};
   std::optional<SessionKey> m_Key{std::in_place, m_Path, false};
   std::string m_Before = "nowhere";
+  bool m_AtNextCall = false;
 };
 
 bool TakeNumber(std::string_view value, std::size_t& number) {
@@ -278,7 +353,9 @@ bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--step") return TakeNumber(value, g_options.step) && g_options.step > 0;
   if (word == "--seed") return TakeNumber(value, g_options.seed);
   if (word == "--from") return TakeNumber(value, g_options.from);
-  if (word == "--torn") return TakeNumber(value, g_options.torn);
+  if (word == "--torn")
+    return TakeNumber(value, g_options.torn) && g_options.torn > 0 &&
+           g_options.torn <= BlocksToEndBehind().size();
   if (word == "--kill-at") return TakeNumber(value, g_options.killAt);
   if (word == "--key") {
     g_options.key = value;
@@ -294,14 +371,17 @@ int RunKills() {
   const Summary summary = Kills().Run();
   const auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count();
-  const char* const where = g_options.torn > 0         ? " in the middle of an item"
+  const std::string torn = " in the middle of an item, " + std::to_string(summary.torn) +
+                           " of them with the memory partly old and partly new";
+  const char* const where = g_options.torn > 0         ? torn.c_str()
                             : g_options.atStart        ? ", at the start too"
                             : g_options.beforeDeletion ? " before the deletion"
                                                        : "";
   std::printf("%s%s: %u kills%s, %u findings, %lld s\n", NameOf(g_options.route),
               g_options.large ? ", 12 MB" : "", summary.kills, where, summary.findings,
               static_cast<long long>(seconds));
-  const bool isWhole = g_options.torn > 0 ? summary.kills == g_options.torn : summary.kills > 0;
+  // In the middle of an item is where nothing is whole: a kill that left it whole has missed its place.
+  const bool isWhole = g_options.torn > 0 ? summary.torn == g_options.torn : summary.kills > 0;
   return summary.findings == 0 && isWhole ? 0 : 1;
 }
 
@@ -310,7 +390,8 @@ constexpr campaign::Switch kSwitches[] = {{"--in-place", &g_options.inPlace},
                                           {"--at-start", &g_options.atStart},
                                           {"--kill-start", &g_options.killStart},
                                           {"--before-deletion", &g_options.beforeDeletion},
-                                          {"--in-item", &g_options.inItem}};
+                                          {"--in-item", &g_options.inItem},
+                                          {"--at-next-call", &g_options.atNextCall}};
 
 }  // namespace
 

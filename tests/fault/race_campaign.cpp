@@ -3,16 +3,18 @@
 //
 // usage: race_campaign [--route mbim|at|bbrst|flash-port] [--cases N] [--seed N] [--from N] [--only KIND]
 //
-// The kinds of meddling take turns (the table in this file). Behind each case there is a job that nobody
-// disturbs and that has to succeed. Then come hosts that leave in the middle of a job (exit), and two hosts
-// on one key and one modem (two-hosts). One line per finding, with the seed and the number that bring its
-// case again; exit status 1 when there is any. The schedule is the system's all the same: a case that is run
-// again may end another way.
+// The kinds of meddling that the route knows take turns (the table in this file). Behind each case there is a
+// job that nobody disturbs and that has to succeed. Then come hosts that leave in the middle of a job (exit),
+// and two hosts on one key and one modem (two-hosts). One line per finding, with the seed and the number that
+// bring its case again; exit status 1 when there is any, or when of a kind more than every other case has not
+// met what it meddles with: it has tested nothing. The schedule is the system's all the same: a case that is
+// run again may end another way.
 //
 // Many cases share a process. One that hangs or crashes ends it; it is named, and the rest goes on behind it.
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -21,17 +23,20 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <wrl/client.h>
 
 #include "fault/campaign_service.h"
+#include "fault/job_judgement.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "simulator/mobile_broadband.h"
@@ -55,7 +60,11 @@ constexpr unsigned kExited = 77;
 constexpr auto kCaseLimit = 1200s;
 /// Longer than a job takes that nothing holds up.
 constexpr auto kKeyMeddledWith = 3s;
+/// An exit behind so many thousandths of a job's calls leaves the request standing.
+constexpr int kLatestExit = 900;
 constexpr wchar_t kProgressFile[] = L"races.txt";
+/// The seed of the image that is being flashed when a host leaves.
+constexpr std::uint32_t kImagesAtExit = 1'000'000;
 
 struct Options {
   Route route = Route::Mbim;
@@ -65,8 +74,9 @@ struct Options {
   std::string only;
   std::string key;
   bool inPlace = false;
-  std::size_t exitAt = 0;  ///< of the child: leaves at that call of the system
-  bool twoHosts = false;   ///< of the child
+  std::size_t exitAt = 0;   ///< of the child: leaves behind so many thousandths of a job's calls
+  bool behindExit = false;  ///< of the child: judges what the host before has left
+  bool twoHosts = false;    ///< of the child
 };
 Options g_options;
 
@@ -78,9 +88,12 @@ class Perturber {
   static void Begin(std::uint64_t seed) {
     s_seed = seed;
     s_calls = 0;
+    s_heldUp = 0;
     s_isOn = true;
   }
   static void End() { s_isOn = false; }
+  /// Calls since the beginning that were held up while virtual time passed.
+  static unsigned HeldUp() { return s_heldUp; }
 
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
@@ -88,6 +101,7 @@ class Perturber {
     if (const HANDLE over = s_over;
         over != nullptr && function == "RegSetValueExW" &&
         std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) == L"Fls_Ready") {
+      ++s_ends;
       ::SetEvent(over);
     }
     if (const unsigned at = s_exitAt; at != 0 && ++s_callsToExit == at) {
@@ -102,6 +116,7 @@ class Perturber {
       ::Sleep(static_cast<DWORD>(dice.Between(0, 3)));
       return;
     }
+    ++s_heldUp;
     const working_threads::Rest rest;
     ::Sleep(static_cast<DWORD>(dice.Between(1, 30)));
   }
@@ -110,7 +125,12 @@ class Perturber {
   static void SignalWatch() { ::SetEvent(reinterpret_cast<HANDLE>(s_watch.load())); }
 
   /// Signals an event whenever the library is about to take the flag back; null for none.
-  static void TellOfEnds(HANDLE over) { s_over = over; }
+  static void TellOfEnds(HANDLE over) {
+    s_ends = 0;
+    s_over = over;
+  }
+  /// How often that was, since the event is there.
+  static unsigned Ends() { return s_ends; }
 
   /// @return an event that is signalled when that many calls have begun; the thread that makes the last one
   /// stays in it.
@@ -125,6 +145,8 @@ class Perturber {
   static inline std::atomic<bool> s_isOn{false};
   static inline std::atomic<std::uint64_t> s_seed{0};
   static inline std::atomic<std::uint64_t> s_calls{0};
+  static inline std::atomic<unsigned> s_heldUp{0};
+  static inline std::atomic<unsigned> s_ends{0};
   static inline std::atomic<std::uint64_t> s_watch{0};
   static inline std::atomic<unsigned> s_exitAt{0};
   static inline std::atomic<unsigned> s_callsToExit{0};
@@ -157,6 +179,9 @@ struct Bench {
   std::filesystem::path folder;
   std::uint32_t images;  ///< seed of the present image
   std::string configuration;
+  std::map<std::string, int> calls{};  ///< of a job on this route that nobody disturbs
+  /// Whether a case has met what it meddles with.
+  bool isReached = false;
   /// How a case left the service before the job that is judged: with values that somebody else wrote.
   std::optional<JobEnd> meddledWith = std::nullopt;
 };
@@ -177,11 +202,15 @@ class Completions {
  public:
   explicit Completions(SimulatedMobileBroadband& service) : m_Service(service) {}
 
+  /// Whether a sink has had one.
+  bool CameToSink() const { return m_CameToSink; }
+
   void Bring(Dice& dice) {
     const int kind = dice.Between(0, 3);
     const HRESULT status = dice.Between(0, 1) == 0 ? S_OK : E_FAIL;
     const auto request = static_cast<ULONG>(dice.Between(0, 6));
     m_Service.Notify([&](IMbnDeviceServicesEvents& sink) {
+      m_CameToSink = true;
       Keep(sink);
       Bring(sink, kind, status, request);
     });
@@ -218,6 +247,7 @@ class Completions {
   }
 
   SimulatedMobileBroadband& m_Service;
+  std::atomic<bool> m_CameToSink{false};
   std::mutex m_Lock;
   std::vector<ComPtr<IMbnDeviceServicesEvents>> m_Kept;
 };
@@ -227,7 +257,9 @@ JobEnd RunWithCompletions(Bench& bench, std::uint64_t seed) {
   const auto bring = [&completions](Dice& dice) { completions.Bring(dice); };
   const Meddler one(seed, bring);
   const Meddler other(seed + 1, bring);
-  return bench.service.Run();
+  const JobEnd end = bench.service.Run();
+  bench.isReached = completions.CameToSink();
+  return end;
 }
 
 /// Calls that hold a thread up for so long that it is given up, and comes back anywhere behind.
@@ -243,12 +275,25 @@ JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
                                            "CM_Reenumerate_DevNode",
                                            "LoadLibraryW",
                                            "GetProcAddress",
-                                           "CoCreateInstance"};
+                                           "CoCreateInstance",
+                                           "_ZEMO_DL_open_comm_port",
+                                           "_ZEMO_DL_boot_target",
+                                           "_ZEMO_DL_download_fls_file",
+                                           "_ZEMO_DL_download_dffs_file",
+                                           "_ZEMO_DL_download_cust_file"};
+  // Only what a job on this route does.
+  std::vector<std::pair<const char*, int>> made;
+  for (const char* const call : kCalls) {
+    if (const auto found = bench.calls.find(call); found != bench.calls.end())
+      made.emplace_back(call, found->second);
+  }
   Dice dice(seed);
   for (int i = dice.Between(1, 4); i > 0; --i) {
     CallFault fault;
-    fault.function = kCalls[dice.Between(0, static_cast<int>(std::size(kCalls)) - 1)];
-    fault.calls = Occurrence::Only(dice.Between(1, 6));
+    const auto& [function, count] =
+        made.at(static_cast<std::size_t>(dice.Between(0, static_cast<int>(made.size()) - 1)));
+    fault.function = function;
+    fault.calls = Occurrence::Only(dice.Between(1, count));
     fault.way = CallFault::Way::Delayed;
     // Mostly for longer than an attempt may take.
     const bool isShort = dice.Between(1, 4) == 1;
@@ -256,6 +301,7 @@ JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
     bench.service.Hooks().Arm(fault);
   }
   const JobEnd end = bench.service.Run();
+  bench.isReached = bench.service.Hooks().Hits() > 0;
   bench.service.Hooks().Disarm();
   return end;
 }
@@ -271,6 +317,7 @@ JobEnd RunWithHaste(Bench& bench, std::uint64_t seed) {
     Raise(bench, 1);
   });
   JobEnd end = bench.service.Run();
+  bench.isReached = Perturber::Ends() > 0;
   ::SetEvent(over.get());
   again.join();
   Perturber::TellOfEnds(nullptr);
@@ -283,7 +330,9 @@ JobEnd RunWithTwoControllers(Bench& bench, std::uint64_t seed) {
     const auto wave = [&bench](Dice& dice) { Raise(bench, static_cast<std::uint32_t>(dice.Between(0, 2))); };
     const Meddler one(seed, wave);
     const Meddler other(seed + 1, wave);
+    const int before = bench.service.Hooks().Count("RegSetValueExW");
     ::Sleep(300);
+    bench.isReached = bench.service.Hooks().Count("RegSetValueExW") > before;
   }
   // Whatever they left, and whatever it has become: once the service is at rest, this is asked for.
   const unsigned waits = Service::Waits();
@@ -324,13 +373,18 @@ void WriteOddValue(const Bench& bench, Dice& dice) {
 JobEnd RunWithKeyChanged(Bench& bench, std::uint64_t seed) {
   DeleteKey(bench);
   {
-    const Meddler meddler(seed, [&bench](Dice& dice) {
-      if (dice.Between(1, 8) == 1) DeleteKey(bench);
+    std::atomic<bool> isDeleted{false};
+    const Meddler meddler(seed, [&](Dice& dice) {
+      if (dice.Between(1, 8) == 1) {
+        DeleteKey(bench);
+        isDeleted = true;
+      }
       WriteOddValue(bench, dice);
     });
     // Without a key the service waits for one, which is no rest.
     const auto end = RealClock::now() + kKeyMeddledWith;
     bench.service.Run([end] { return RealClock::now() > end; });
+    bench.isReached = isDeleted;
   }
   // A key that went away took the values with it.
   const unsigned waits = Service::Waits();
@@ -346,7 +400,9 @@ JobEnd RunWithFilesChanged(Bench& bench, std::uint64_t seed) {
   const auto configuration = bench.folder / L"CorvelConfig.ini";
   JobEnd end;
   {
+    std::atomic<bool> isChanged{false};
     const Meddler meddler(seed, [&](Dice& dice) {
+      isChanged = true;
       std::error_code ignored;
       const auto image = bench.folder / L"firmware" / L"nvm.fls";
       switch (dice.Between(0, 4)) {
@@ -369,6 +425,7 @@ JobEnd RunWithFilesChanged(Bench& bench, std::uint64_t seed) {
       }
     });
     end = bench.service.Run();
+    bench.isReached = isChanged;
   }
   std::error_code ignored;
   std::filesystem::remove(bench.folder / L"firmware" / L"modem.fls", ignored);
@@ -378,20 +435,26 @@ JobEnd RunWithFilesChanged(Bench& bench, std::uint64_t seed) {
 
 /// The host frees the library, and loads it again, while it works.
 JobEnd RunWithLibraryFreed(Bench& bench, std::uint64_t seed) {
-  const Meddler meddler(seed, [](Dice& dice) {
+  std::atomic<bool> isFreed{false};
+  const Meddler meddler(seed, [&](Dice& dice) {
     static constexpr wchar_t kLibrary[] = L"CorvelToolKit.dll";
     if (dice.Between(0, 1) == 0) {
       ::LoadLibraryW(kLibrary);
     } else if (const HMODULE library = ::GetModuleHandleW(kLibrary)) {
       ::FreeLibrary(library);
+      isFreed = true;
     }
   });
-  return bench.service.Run();
+  const JobEnd end = bench.service.Run();
+  bench.isReached = isFreed;
+  return end;
 }
 
 /// A schedule that is disturbed, and nothing else.
 JobEnd RunAlone(Bench& bench, std::uint64_t) {
-  return bench.service.Run();
+  const JobEnd end = bench.service.Run();
+  bench.isReached = Perturber::HeldUp() > 0;
+  return end;
 }
 
 struct Kind {
@@ -400,10 +463,11 @@ struct Kind {
   /// The result tells of the image that the bench knows, whole and alone.
   bool isImageKnown;
   bool hasDocumentedEnd;
+  std::optional<Route> route = std::nullopt;  ///< the only one on which it can happen
 };
 constexpr Kind kKinds[] = {
     {"schedule", &RunAlone, true, true},
-    {"completions", &RunWithCompletions, true, true},
+    {"completions", &RunWithCompletions, true, true, Route::Mbim},
     {"late-workers", &RunWithLateWorkers, true, true},
     {"two-controllers", &RunWithTwoControllers, true, true},
     {"key", &RunWithKeyChanged, true, true},
@@ -415,26 +479,67 @@ constexpr Kind kKinds[] = {
 constexpr char kExit[] = "exit";
 constexpr char kTwoHosts[] = "two-hosts";
 
+/// Those that can happen on the route.
+std::vector<const Kind*> KindsHere() {
+  std::vector<const Kind*> kinds;
+  for (const Kind& kind : kKinds) {
+    if (!kind.route || kind.route == g_options.route) kinds.push_back(&kind);
+  }
+  return kinds;
+}
+
 const Kind& KindOf(std::size_t number) {
-  return kKinds[number % std::size(kKinds)];
+  static const std::vector<const Kind*> kinds = KindsHere();
+  return *kinds[number % kinds.size()];
 }
 
 // --- One process ------------------------------------------------------------------------------------------
 
+/// The cases of one kind.
+struct Count {
+  std::size_t run = 0;
+  std::size_t reached = 0;
+};
+
 struct Progress {
   std::size_t next = 0;
-  std::size_t run = 0;
   std::size_t findings = 0;
   bool isDone = false;
+  std::map<std::string, Count> kinds;
+
+  void Add(const std::string& kind, bool isReached) {
+    ++kinds[kind].run;
+    if (isReached) ++kinds[kind].reached;
+  }
+  void Add(const Progress& other) {
+    findings += other.findings;
+    for (const auto& [kind, count] : other.kinds) {
+      kinds[kind].run += count.run;
+      kinds[kind].reached += count.reached;
+    }
+  }
+  std::size_t Run() const {
+    std::size_t run = 0;
+    for (const auto& [kind, count] : kinds) run += count.run;
+    return run;
+  }
+  /// Of each kind every other case, at the least.
+  bool WereReached() const {
+    return std::ranges::all_of(kinds,
+                               [](const auto& kind) { return 2 * kind.second.reached >= kind.second.run; });
+  }
 
   void Save() const {
-    std::ofstream(std::filesystem::path(hosts::ProgramFolder()) / kProgressFile)
-        << next << ' ' << run << ' ' << findings << ' ' << isDone << '\n';
+    std::ofstream file(std::filesystem::path(hosts::ProgramFolder()) / kProgressFile);
+    file << next << ' ' << findings << ' ' << isDone << '\n';
+    for (const auto& [kind, count] : kinds) file << kind << ' ' << count.run << ' ' << count.reached << '\n';
   }
   static std::optional<Progress> Load(const std::filesystem::path& folder) {
     Progress progress;
     std::ifstream file(folder / kProgressFile);
-    if (!(file >> progress.next >> progress.run >> progress.findings >> progress.isDone)) return std::nullopt;
+    if (!(file >> progress.next >> progress.findings >> progress.isDone)) return std::nullopt;
+    std::string kind;
+    for (Count count; file >> kind >> count.run >> count.reached;) progress.kinds[kind] = count;
     return progress;
   }
 };
@@ -479,12 +584,24 @@ class Races {
                 ReadFile(std::filesystem::path(hosts::ProgramFolder()) / L"CorvelConfig.ini")} {}
 
   int Run() {
+    const hosts::Handshake left = m_Service.Values();
+    if (m_Options.behindExit) m_Service.ExpectImages(kImagesAtExit);
     if (!m_Service.Begin()) return Fail("the service does not begin");
+    if (m_Options.behindExit) {
+      m_Progress.Add(kExit, left.ready == 1u);
+      if (const std::string finding = WhatIsWrongWithGoingOn(left, m_Service.Look(true)); !finding.empty())
+        return Fail("what the host before has left: " + finding);
+    }
     Service::AlsoTell(&Perturber::See);
     if (m_Options.twoHosts) return RunTwoHosts();
-    // Whatever a process before has left to do is done by now.
-    if (const std::string finding = SoundJob(); !finding.empty())
-      return Fail("a job without races: " + finding);
+    // Whatever a process before has left to do is done by now; the second one begins where all others do.
+    for (int times = 0; times < 2; ++times) {
+      m_Service.Hooks().ResetCounts();
+      if (const std::string finding = SoundJob(); !finding.empty())
+        return Fail("a job without races: " + finding);
+      m_Bench.calls = m_Service.Hooks().Counts();
+      m_Service.PutModemWhereTheRouteBegins();
+    }
     if (m_Options.exitAt != 0) ExitInJob();
     for (std::size_t i = m_Options.from; i < m_Options.cases; ++i) {
       if (!m_Options.only.empty() && m_Options.only != KindOf(i).name) continue;
@@ -515,9 +632,10 @@ class Races {
     const std::uint64_t seed = Dice(m_Options.seed * 1'000'003 + number).Throw();
     Perturber::Begin(seed);
     m_Bench.meddledWith.reset();
+    m_Bench.isReached = false;
     const JobEnd end = kind.run(m_Bench, seed);
     Perturber::End();
-    ++m_Progress.run;
+    m_Progress.Add(kind.name, m_Bench.isReached);
     std::string finding = Judge(kind, end);
     if (finding.empty() && m_Bench.meddledWith) finding = JudgeMeddledWith(*m_Bench.meddledWith);
     if (!finding.empty()) Report(number, finding);
@@ -595,8 +713,11 @@ class Races {
   /// The host leaves in an orderly way, with everything going on.
   [[noreturn]] void ExitInJob() {
     m_Service.PutModemWhereTheRouteBegins();
-    m_Service.LayImages(++m_Images);
-    const HANDLE now = Perturber::StopAt(static_cast<unsigned>(m_Options.exitAt));
+    m_Service.LayImages(kImagesAtExit);
+    int calls = 0;
+    for (const auto& [function, count] : m_Bench.calls) calls += count;
+    const HANDLE now =
+        Perturber::StopAt(1 + static_cast<unsigned>(calls) * static_cast<unsigned>(m_Options.exitAt) / 1000);
     hosts::WriteHandshakeValue(m_Key, L"Fls_Ready", 1);
     ::WaitForSingleObject(now, INFINITE);
     ::ExitProcess(kExited);
@@ -640,8 +761,7 @@ bool RunRaces(Progress& total) {
     const ChildResult child = RunChild(folder.Program(), Arguments(from, path), 12h);
     const auto progress = Progress::Load(folder.Path());
     if (!progress) return false;
-    total.run += progress->run;
-    total.findings += progress->findings;
+    total.Add(*progress);
     if (progress->isDone) return child.exitCode == 0;
     from = progress->next;
     if (child.exitCode == kGoOnBehind) continue;
@@ -662,14 +782,13 @@ void RunExits(Progress& total) {
     const WorkFolder folder;
     const std::wstring path = kPathPrefix + std::to_wstring(::GetCurrentProcessId());
     const SessionKey key(path, false);
-    const int call = dice.Between(1, 400);
+    const int part = dice.Between(1, kLatestExit);
     auto words = Arguments(g_options.cases, path);
-    words.insert(words.end(), {L"--exit-at", std::to_wstring(call)});
-    ++total.run;
+    words.insert(words.end(), {L"--exit-at", std::to_wstring(part)});
     const auto find = [&](const std::string& what) {
       ++total.findings;
-      std::printf("FINDING %s: seed %zu, exit at call %d: %s\n", NameOf(g_options.route), g_options.seed,
-                  call, what.c_str());
+      std::printf("FINDING %s: seed %zu, exit behind %d thousandths of a job: %s\n", NameOf(g_options.route),
+                  g_options.seed, part, what.c_str());
     };
     const ChildResult left = RunChild(folder.Program(), words, kCaseLimit);
     if (!left.ended) {
@@ -677,8 +796,11 @@ void RunExits(Progress& total) {
     } else if (left.exitCode != kExited) {
       find("the process ends with " + std::to_string(left.exitCode));
     }
-    const ChildResult next = RunChild(folder.Program(), Arguments(g_options.cases, path), kCaseLimit);
+    words = Arguments(g_options.cases, path);
+    words.emplace_back(L"--behind-exit");
+    const ChildResult next = RunChild(folder.Program(), words, kCaseLimit);
     if (next.exitCode != 0) find("the next host ends with " + std::to_string(next.exitCode));
+    if (const auto progress = Progress::Load(folder.Path())) total.Add(*progress);
   }
 }
 
@@ -697,7 +819,7 @@ void RunTwoHosts(Progress& total) {
     };
     auto together = arguments();
     together.emplace_back(L"--two-hosts");
-    ++total.run;
+    total.Add(kTwoHosts, true);
     for (const auto& words : {together, arguments()}) {
       const ChildResult child = RunChild(folder.Program(), words, 2 * kCaseLimit);
       if (child.exitCode == 0) continue;
@@ -717,9 +839,14 @@ int RunCampaign() {
   if (isChosen(kExit)) RunExits(total);
   if (isChosen(kTwoHosts)) RunTwoHosts(total);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(RealClock::now() - begin).count();
-  std::printf("%s: %zu races, seed %zu, %zu findings, %lld s\n", NameOf(g_options.route), total.run,
-              g_options.seed, total.findings, static_cast<long long>(seconds));
-  return isWhole && total.findings == 0 && total.run > 0 ? 0 : 1;
+  std::string reached;
+  for (const auto& [kind, count] : total.kinds) {
+    reached += (reached.empty() ? "" : ", ") + kind + " " + std::to_string(count.reached) + " of " +
+               std::to_string(count.run);
+  }
+  std::printf("%s: %zu races, seed %zu, %zu findings, %lld s; reached: %s\n", NameOf(g_options.route),
+              total.Run(), g_options.seed, total.findings, static_cast<long long>(seconds), reached.c_str());
+  return isWhole && total.findings == 0 && total.Run() > 0 && total.WereReached() ? 0 : 1;
 }
 
 bool TakeNumber(std::string_view value, std::size_t& number) {
@@ -728,9 +855,7 @@ bool TakeNumber(std::string_view value, std::size_t& number) {
 }
 
 bool IsKind(std::string_view word) {
-  for (const Kind& kind : kKinds) {
-    if (word == kind.name) return true;
-  }
+  if (std::ranges::any_of(kKinds, [&](const Kind& kind) { return word == kind.name; })) return true;
   return word == kExit || word == kTwoHosts;
 }
 
@@ -754,6 +879,7 @@ bool TakeValue(std::string_view word, std::string_view value) {
 }
 
 constexpr campaign::Switch kSwitches[] = {{"--in-place", &g_options.inPlace},
+                                          {"--behind-exit", &g_options.behindExit},
                                           {"--two-hosts", &g_options.twoHosts}};
 
 }  // namespace

@@ -41,8 +41,9 @@ constexpr KnownCall WithEffect(KnownCall call) {
   call.mayHaveTakenEffect = true;
   return call;
 }
-constexpr KnownCall Implausibly(KnownCall call) {
+constexpr KnownCall Implausibly(const char* why, KnownCall call) {
   call.failure = Failure::Implausible;
+  call.whyImplausible = why;
   return call;
 }
 constexpr KnownCall OfRuntime(KnownCall call) {
@@ -67,6 +68,25 @@ constexpr KnownCall WithSpoiltStream(int argument, KnownCall call) {
   return call;
 }
 
+constexpr char kOwnHandle[] =
+    "it refuses a handle that is none or lacks a right; the library's own are neither";
+constexpr char kOwnMutex[] = "it refuses a thread that does not own the mutex";
+constexpr char kOfThreadRuntime[] =
+    "the runtime's for threads that somebody cancels or ranks; the library does neither";
+constexpr char kOwnSlot[] = "it refuses an index that is none; the runtime's own is one";
+constexpr char kOwnMemory[] =
+    "it refuses addresses at which nothing is; these are of the library's own image";
+constexpr char kOwnSearch[] = "it refuses a search that was not begun";
+constexpr char kOwnModule[] = "it refuses a module that is not loaded";
+constexpr char kOwnArray[] =
+    "it refuses an array that is none or not locked, or one that somebody still has locked; none of them "
+    "is shared";
+constexpr char kOwnVariant[] = "it refuses a type that is none; the library made the variant";
+constexpr char kTimeOfSystem[] = "it refuses a date that is none; no job has one";
+constexpr char kRoomForPath[] =
+    "it refuses a part that is longer than its buffer; each has room for the whole path";
+constexpr char kOwnFormat[] = "it refuses a format that is none; those of a job are the library's own";
+
 constexpr KnownCall kCallsThatFail[] = {
     // Threads and objects of the system
     Nothing("CreateThread", ERROR_NOT_ENOUGH_MEMORY),
@@ -82,31 +102,31 @@ constexpr KnownCall kCallsThatFail[] = {
     Nothing("OpenProcess", ERROR_ACCESS_DENIED),
     WithEffect(Nothing("ReleaseSemaphore", ERROR_TOO_MANY_POSTS)),
     Locally(AllOnes("TlsAlloc", ERROR_NO_MORE_ITEMS)),
-    Implausibly(Nothing("SetEvent", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("ResetEvent", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("ReleaseMutex", ERROR_NOT_OWNER)),
-    Implausibly(AllOnes("WaitForSingleObject", ERROR_INVALID_HANDLE)),
-    Implausibly(AllOnes("WaitForMultipleObjects", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("CloseHandle", ERROR_INVALID_HANDLE)),
-    Implausibly(AllOnes("SuspendThread", ERROR_ACCESS_DENIED)),
-    Implausibly(AllOnes("ResumeThread", ERROR_ACCESS_DENIED)),
-    Implausibly(Nothing("GetThreadContext", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("SetThreadContext", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("SetThreadPriority", ERROR_INVALID_HANDLE)),
-    Implausibly(Returns("GetThreadPriority", 0x7FFFFFFF, ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("GetHandleInformation", ERROR_INVALID_HANDLE)),
-    Implausibly(Nothing("GetProcessAffinityMask", ERROR_ACCESS_DENIED)),
-    Implausibly(Nothing("SetProcessAffinityMask", ERROR_ACCESS_DENIED)),
-    Implausibly(Locally(Nothing("TlsSetValue", ERROR_INVALID_PARAMETER))),
-    Implausibly(Locally(Nothing("TlsFree", ERROR_INVALID_PARAMETER))),
+    Implausibly(kOwnHandle, Nothing("SetEvent", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnHandle, Nothing("ResetEvent", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnMutex, Nothing("ReleaseMutex", ERROR_NOT_OWNER)),
+    Implausibly(kOwnHandle, AllOnes("WaitForSingleObject", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnHandle, AllOnes("WaitForMultipleObjects", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnHandle, Nothing("CloseHandle", ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, AllOnes("SuspendThread", ERROR_ACCESS_DENIED)),
+    Implausibly(kOfThreadRuntime, AllOnes("ResumeThread", ERROR_ACCESS_DENIED)),
+    Implausibly(kOfThreadRuntime, Nothing("GetThreadContext", ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, Nothing("SetThreadContext", ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, Nothing("SetThreadPriority", ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, Returns("GetThreadPriority", 0x7FFFFFFF, ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, Nothing("GetHandleInformation", ERROR_INVALID_HANDLE)),
+    Implausibly(kOfThreadRuntime, Nothing("GetProcessAffinityMask", ERROR_ACCESS_DENIED)),
+    Implausibly(kOfThreadRuntime, Nothing("SetProcessAffinityMask", ERROR_ACCESS_DENIED)),
+    Locally(Nothing("TlsSetValue", ERROR_NOT_ENOUGH_MEMORY)),
+    Implausibly(kOwnSlot, Locally(Nothing("TlsFree", ERROR_INVALID_PARAMETER))),
 
     // Memory and texts
     Nothing("HeapAlloc", 0),
     Locally(Nothing("MultiByteToWideChar", ERROR_NOT_ENOUGH_MEMORY)),
     Locally(Nothing("WideCharToMultiByte", ERROR_NOT_ENOUGH_MEMORY)),
     Nothing("FormatMessageA", ERROR_NOT_ENOUGH_MEMORY),
-    Implausibly(Nothing("VirtualProtect", ERROR_INVALID_ADDRESS)),
-    Implausibly(Locally(Nothing("VirtualQuery", ERROR_INVALID_PARAMETER))),
+    Nothing("VirtualProtect", ERROR_COMMITMENT_LIMIT),
+    Implausibly(kOwnMemory, Locally(Nothing("VirtualQuery", ERROR_INVALID_PARAMETER))),
 
     // Files
     NoHandle("CreateFileA", ERROR_SHARING_VIOLATION),
@@ -128,8 +148,8 @@ constexpr KnownCall kCallsThatFail[] = {
     Nothing("ReadFile", ERROR_READ_FAULT),
     WithEffect(Nothing("WriteFile", ERROR_DISK_FULL)),
     WithEffect(Nothing("FlushFileBuffers", ERROR_DISK_FULL)),
-    Implausibly(Nothing("UnlockFile", ERROR_NOT_LOCKED)),
-    Implausibly(Nothing("FindClose", ERROR_INVALID_HANDLE)),
+    WithEffect(Nothing("UnlockFile", ERROR_GEN_FAILURE)),
+    Implausibly(kOwnSearch, Nothing("FindClose", ERROR_INVALID_HANDLE)),
 
     // Modules
     Nothing("GetModuleFileNameW", ERROR_NOT_ENOUGH_MEMORY),
@@ -137,7 +157,7 @@ constexpr KnownCall kCallsThatFail[] = {
     Nothing("GetModuleHandleW", ERROR_MOD_NOT_FOUND),
     Nothing("LoadLibraryW", ERROR_NOT_ENOUGH_MEMORY),
     Nothing("GetProcAddress", ERROR_PROC_NOT_FOUND),
-    Implausibly(Nothing("FreeLibrary", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnModule, Nothing("FreeLibrary", ERROR_INVALID_HANDLE)),
 
     // Devices. A request that the driver goes on with after it was refused would write where nothing is any
     // more: none fails after its effect.
@@ -165,7 +185,7 @@ constexpr KnownCall kCallsThatFail[] = {
     Code("RegQueryValueExW", ERROR_NO_SYSTEM_RESOURCES),
     WithEffect(Code("RegSetValueExW", ERROR_NO_SYSTEM_RESOURCES)),
     Code("RegNotifyChangeKeyValue", ERROR_KEY_DELETED),
-    Implausibly(Code("RegCloseKey", ERROR_INVALID_HANDLE)),
+    Implausibly(kOwnHandle, Code("RegCloseKey", ERROR_INVALID_HANDLE)),
 
     // COM and Automation
     Code("CoInitializeEx", E_OUTOFMEMORY),
@@ -180,11 +200,11 @@ constexpr KnownCall kCallsThatFail[] = {
     Nothing("SysAllocString", 0),
     Nothing("SysAllocStringLen", 0),
     Nothing("SysAllocStringByteLen", 0),
-    Implausibly(Code("SafeArrayUnaccessData", E_UNEXPECTED)),
-    Implausibly(Code("SafeArrayDestroy", DISP_E_ARRAYISLOCKED)),
-    Implausibly(Code("CoDisconnectObject", E_FAIL)),
-    Implausibly(Code("VariantClear", DISP_E_BADVARTYPE)),
-    Implausibly(Nothing("SystemTimeToVariantTime", 0)),
+    Implausibly(kOwnArray, Code("SafeArrayUnaccessData", E_UNEXPECTED)),
+    Implausibly(kOwnArray, Code("SafeArrayDestroy", DISP_E_ARRAYISLOCKED)),
+    WithEffect(Code("CoDisconnectObject", E_OUTOFMEMORY)),
+    Implausibly(kOwnVariant, Code("VariantClear", DISP_E_BADVARTYPE)),
+    Implausibly(kTimeOfSystem, Nothing("SystemTimeToVariantTime", 0)),
 
     // Random numbers
     Nothing("CryptAcquireContextA", ERROR_NOT_ENOUGH_MEMORY),
@@ -201,12 +221,12 @@ constexpr KnownCall kCallsThatFail[] = {
     OfRuntime(AllOnes("_read", 0)),
     OfRuntime(AllOnes("_write", 0)),
     WithSpoiltStream(3, OfRuntime(Nothing("fread", 0))),
-    Implausibly(OfRuntime(Code("_splitpath_s", ERANGE))),
-    Implausibly(OfRuntime(Code("_wsplitpath_s", ERANGE))),
-    Implausibly(OfRuntime(AllOnes("_vscprintf_p_l", 0))),
-    Implausibly(OfRuntime(AllOnes("_vscwprintf", 0))),
-    Implausibly(OfRuntime(AllOnes("_vsnwprintf", 0))),
-    Implausibly(OfRuntime(AllOnes("_vsprintf_p", 0))),
+    Implausibly(kRoomForPath, OfRuntime(Code("_splitpath_s", ERANGE))),
+    Implausibly(kRoomForPath, OfRuntime(Code("_wsplitpath_s", ERANGE))),
+    Implausibly(kOwnFormat, OfRuntime(AllOnes("_vscprintf_p_l", 0))),
+    Implausibly(kOwnFormat, OfRuntime(AllOnes("_vscwprintf", 0))),
+    Implausibly(kOwnFormat, OfRuntime(AllOnes("_vsnwprintf", 0))),
+    Implausibly(kOwnFormat, OfRuntime(AllOnes("_vsprintf_p", 0))),
 };
 
 // Neither fails nor leaves a trace outside of the process.

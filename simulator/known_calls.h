@@ -21,7 +21,7 @@ struct KnownCall {
   enum class Failure {
     None,        ///< it cannot fail, or nothing is described that a caller could see
     Plausible,   ///< on a sound PC: lack of memory, a file in somebody else's hands, a device that went away
-    Implausible  ///< only when the caller gave it something wrong
+    Implausible  ///< not while its caller does what it does; no job is run with it
   };
   enum class Tells { ByLastError, ByResult };
 
@@ -40,6 +40,8 @@ struct KnownCall {
   /// What else a failing call leaves behind, where a caller looks for that; null for nothing.
   void (*leaves)(std::uint64_t argument) = nullptr;
   int leavesFor = 0;  ///< the argument that is told; one of the first four
+
+  const char* whyImplausible = nullptr;  ///< set when its failure is
 
   bool CanFail() const { return failure != Failure::None; }
 };

@@ -3,6 +3,7 @@
 //
 // usage: fault_campaign [--route mbim|at|bbrst|flash-port] [--what WHAT] [--log] [--large] [--seed N]
 //                       [--step N] [--count N] [--from N] [--only "FUNCTION N"] [--list] [--not-held]
+//                       [--left-out]
 //
 // WHAT calls     every plausible failure of every call to what the library imports (default); with --log or
 //                --large of each function, place and stage the first, the second and the last call
@@ -13,7 +14,8 @@
 //      pairs     any two of the functions fail
 //      triples   any three calls fail, --count times, by --seed
 //
-// --not-held prints the list of what is not held, and does nothing else.
+// --not-held prints the list of what is not held, --left-out those functions that no case lets fail, with the
+// reason; neither does anything else.
 //
 // --large flashes 12 MB. --step takes every N-th case, beginning with the one that --seed chooses. --from
 // goes on at a case, by its number. One line per finding; exit status 1 when there is any that the list of
@@ -44,6 +46,7 @@
 #include "fault/holdings.h"
 #include "fault/job_judgement.h"
 #include "hosts/common/text.h"
+#include "simulator/known_calls.h"
 #include "simulator/program/session_key.h"
 #include "simulator/program/work_folder.h"
 
@@ -66,6 +69,8 @@ constexpr wchar_t kProgressFile[] = L"campaign.txt";
 constexpr wchar_t kCasesFile[] = L"cases.txt";
 constexpr wchar_t kUncountedFile[] = L"uncounted.txt";
 constexpr std::size_t kCasesPerCensus = 20;
+/// So often is a case played that is not reached.
+constexpr int kTries = 2;
 
 enum class What { Calls, Foreign, HoldUps, Repeated, Pairs, Triples };
 constexpr std::pair<const char*, What> kWhats[] = {{"calls", What::Calls},      {"foreign", What::Foreign},
@@ -85,6 +90,7 @@ struct Options {
   std::string key;
   bool list = false;
   bool notHeld = false;
+  bool leftOut = false;
   bool inPlace = false;
 };
 Options g_options;
@@ -95,6 +101,7 @@ struct Progress {
   std::size_t next = 0;  ///< the case that is to come
   std::size_t run = 0;
   std::size_t reached = 0;
+  std::size_t missed = 0;  ///< not reached, and not tried again
   std::size_t findings = 0;
   std::size_t excused = 0;
   std::size_t cases = 0;
@@ -102,13 +109,13 @@ struct Progress {
 
   void Save() const {
     std::ofstream(std::filesystem::path(hosts::ProgramFolder()) / kProgressFile)
-        << next << ' ' << run << ' ' << reached << ' ' << findings << ' ' << excused << ' ' << cases << ' '
-        << isDone << '\n';
+        << next << ' ' << run << ' ' << reached << ' ' << missed << ' ' << findings << ' ' << excused << ' '
+        << cases << ' ' << isDone << '\n';
   }
   static std::optional<Progress> Load(const std::filesystem::path& folder) {
     Progress progress;
     std::ifstream file(folder / kProgressFile);
-    if (!(file >> progress.next >> progress.run >> progress.reached >> progress.findings >>
+    if (!(file >> progress.next >> progress.run >> progress.reached >> progress.missed >> progress.findings >>
           progress.excused >> progress.cases >> progress.isDone)) {
       return std::nullopt;
     }
@@ -309,10 +316,15 @@ class Campaign {
   /// @return false when the process serves no further case.
   bool RunCase(const FaultCase& fault) {
     Played played = Play(fault);
+    int tries = 1;
     // Threads run side by side: the call may have been another thread's this time.
-    if (!played.wasReached && played.end.ended) played = Play(fault);
+    for (; tries < kTries && !played.wasReached && played.end.ended; ++tries) played = Play(fault);
     ++m_Progress.run;
-    if (played.wasReached) ++m_Progress.reached;
+    if (played.wasReached) {
+      ++m_Progress.reached;
+    } else {
+      TellNotReached(fault, tries);
+    }
     bool goesOn = true;
     if (!played.couldBePlaced) goesOn = Report(fault, "a call could not be made to fail") && goesOn;
     if (played.held != nullptr) goesOn = Report(fault, played.held) && goesOn;
@@ -320,6 +332,13 @@ class Campaign {
       goesOn = Report(fault, finding) && goesOn;
     if (!played.end.ended) return false;
     return goesOn && NextJobsAreDone(fault);
+  }
+
+  void TellNotReached(const FaultCase& fault, int tries) {
+    if (tries < kTries) ++m_Progress.missed;
+    std::printf("not reached %s: %s (tried %d times)\n", NameOf(m_Options.route), fault.Name().c_str(),
+                tries);
+    std::fflush(stdout);
   }
 
   /// While calls hang that belong to it, and once they have come back.
@@ -405,6 +424,7 @@ bool RunChildren(Progress& total) {
     if (!progress) return false;
     total.run += progress->run;
     total.reached += progress->reached;
+    total.missed += progress->missed;
     total.findings += progress->findings;
     total.excused += progress->excused;
     total.cases = progress->cases;
@@ -422,10 +442,11 @@ const char* NameOf(What what) {
   return std::ranges::find(kWhats, what, &std::pair<const char*, What>::second)->first;
 }
 
-/// A case that is not reached has tested nothing. Threads run side by side, so a few may be missed.
+/// A case that is not reached has tested nothing. Threads run side by side, so a few may be missed, however
+/// often they are tried; each of them is named.
 bool WereReached(const Progress& total) {
   constexpr std::size_t kOneIn = 10;
-  return total.reached > 0 && (total.run - total.reached) * kOneIn <= total.run + kOneIn;
+  return total.reached > 0 && total.missed == 0 && (total.run - total.reached) * kOneIn <= total.run + kOneIn;
 }
 
 int RunCampaign() {
@@ -447,6 +468,14 @@ int PrintNotHeld() {
   for (const NotHeld& entry : EverythingNotHeld()) {
     std::printf("%s|%s|%s|%s: %s\n", entry.What(), entry.way ? TextOf(*entry.way) : "",
                 entry.route ? NameOf(*entry.route) : "", entry.finding, entry.reason);
+  }
+  return 0;
+}
+
+int PrintLeftOut() {
+  for (const KnownCall& call : KnownCalls()) {
+    if (call.failure == KnownCall::Failure::Implausible)
+      std::printf("%s|%s\n", call.name, call.whyImplausible);
   }
   return 0;
 }
@@ -480,11 +509,10 @@ bool TakeValue(std::string_view word, std::string_view value) {
   return route.has_value();
 }
 
-constexpr campaign::Switch kSwitches[] = {{"--log", &g_options.log},
-                                          {"--large", &g_options.large},
-                                          {"--list", &g_options.list},
-                                          {"--not-held", &g_options.notHeld},
-                                          {"--in-place", &g_options.inPlace}};
+constexpr campaign::Switch kSwitches[] = {
+    {"--log", &g_options.log},          {"--large", &g_options.large},
+    {"--list", &g_options.list},        {"--not-held", &g_options.notHeld},
+    {"--left-out", &g_options.leftOut}, {"--in-place", &g_options.inPlace}};
 
 }  // namespace
 
@@ -492,6 +520,7 @@ int main(int count, char** words) try {
   g_words = std::span(words, static_cast<std::size_t>(count)).subspan(1);
   if (!campaign::TakeWords("fault_campaign", g_words, kSwitches, &TakeValue)) return 2;
   if (g_options.notHeld) return PrintNotHeld();
+  if (g_options.leftOut) return PrintLeftOut();
   if (!g_options.inPlace) return RunCampaign();
   // Never destroyed: the service goes on until the process ends.
   campaign::EndProcess((new Campaign(g_options))->Run());

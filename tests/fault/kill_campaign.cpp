@@ -10,7 +10,7 @@
 //
 // --at-start lets the process that is started behind such a kill end as well, at every N-th call from its
 // loading of the library to the end of the job that it has found standing. --torn ends a process N times (up
-// to 255) in the middle of an item, behind another block of it each time, by --seed: half of them in the
+// to 252) in the middle of an item, behind another block of it each time, by --seed: half of them in the
 // flashing library itself, half at the next call of the library. Each time the memory has to be partly the
 // new image's and partly the one's before. --before-deletion ends a process between the end of the request
 // and the deletion of its images. Exit status 1 when any of that does not hold.
@@ -54,6 +54,8 @@ constexpr std::size_t kCallsOfAJob = 400;
 constexpr std::size_t kSpread = 37;
 /// So small that a process can end at very many places in the small item.
 constexpr std::uint32_t kTornBlockSize = 256;
+/// A percentage is told behind every third block at the latest: the library has one more to write by then.
+constexpr std::size_t kBlocksStillToCome = 4;
 constexpr wchar_t kMemoryFile[] = L"modem_flash.bin";
 
 struct Options {
@@ -207,15 +209,15 @@ class ItemInMemory {
     if (!memory) throw std::runtime_error("the modem's memory cannot be read");
   }
 
-  /// @return how many bytes are of the latest image, when all others are of the one before; nothing
-  /// otherwise.
+  /// @return how many bytes, in whole blocks, are of the latest image, when all others are of the one before;
+  /// nothing otherwise. A byte behind them may happen to be the same in both.
   std::optional<std::size_t> NewBytes() const {
     const auto now = BytesOf(m_Latest);
     const auto before = BytesOf(m_Latest - 1);
     const auto end = std::ranges::mismatch(m_Bytes, now).in1;
     const auto count = static_cast<std::size_t>(end - m_Bytes.begin());
     if (!std::equal(end, m_Bytes.end(), before.begin() + (end - m_Bytes.begin()))) return std::nullopt;
-    return count;
+    return count - count % kTornBlockSize;
   }
   std::size_t Size() const { return m_Bytes.size(); }
 
@@ -233,7 +235,7 @@ class ItemInMemory {
 /// The blocks of the small item in the middle of which a process may end, in an order of the seed's.
 std::vector<std::size_t> BlocksToEndBehind() {
   const std::size_t size = BuildImage(SmallImagePlan(1)).items.front().size;
-  std::vector<std::size_t> blocks(size / kTornBlockSize - 1);
+  std::vector<std::size_t> blocks(size / kTornBlockSize - kBlocksStillToCome);
   std::iota(blocks.begin(), blocks.end(), 1);
   std::ranges::shuffle(blocks, std::mt19937(static_cast<std::uint32_t>(g_options.seed)));
   return blocks;

@@ -221,11 +221,12 @@ TEST_F(CommandLineKeyTest, StaysWithAKeyOfOthersBelow) {
 }
 
 TEST_F(CommandLineKeyTest, LeavesAKeyAboveThatHoldsMore) {
-  const simulator::KeptKey beside{{.path = std::wstring(kParentOfCommandLineKey) + L"\\Theirs"}};
-  beside.Write(L"Value", 1);
+  const simulator::KeptKey above{{.path = kParentOfCommandLineKey}};
+  above.Write(L"Theirs", 1);
+  key.Write(kResultValue, 4);
   EXPECT_EQ(Uninstall(L"--release-key"), 0);
   EXPECT_FALSE(key.Exists());
-  EXPECT_TRUE(beside.Exists());
+  EXPECT_TRUE(above.Exists());
 }
 
 TEST_F(CommandLineKeyTest, StaysWhileACommandLineFlashes) {

@@ -48,7 +48,7 @@ std::string WhatIsWrongWithSound(const JobEnd& end) {
 
 std::string WhatIsWrongWithGoingOn(const hosts::Handshake& before, const JobEnd& end) {
   const bool stood = before.ready == 1u;
-  const std::string modem = std::string("the modem is ") + NameOf(end.modem);
+  std::string modem = std::string("the modem is ") + NameOf(end.modem);
   const std::string state = ", result " + Text(end.values.result) + ", progress " + Text(end.values.progress);
   if (stood && !end.Succeeded()) return "the job is not done by the new host, " + modem + state;
   if (!stood && !end.values.Is(hosts::FlashResult::Idle)) return "the new host tells of an old job" + state;

@@ -34,6 +34,10 @@ constexpr char kPercentageBeingWritten[] =
     "an attempt is not given up while it writes a percentage, or it could do so over a newer one's: a "
     "registry that never answers holds up the service as it does on its own thread";
 
+constexpr char kAtPortHeld[] =
+    "the library keeps the AT port to the thread that has it, until its call returns: attempts that need the "
+    "port "
+    "wait for it until their time is over";
 constexpr char kAtPortKept[] =
     "an AT port that was refused once is refused to every later attempt of the process: the service has to "
     "be restarted, as docs/hosts.md says";
@@ -273,6 +277,11 @@ const std::vector<NotHeld>& EverythingNotHeld() {
       {"CreateEventW", std::nullopt, Way::NeverReturns, kNextJobWhileHeld, false,
        "the events of the Mobile Broadband sink are made under its lock: the call touches the process's own "
        "handles only"},
+      {"CreateFileA", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
+      {"GetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
+      {"SetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
+      {"PurgeComm", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
+      {"WriteFile", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
       {"_ZEMO_DL_download_cust_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
       {"_ZEMO_DL_download_dffs_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
       {"_ZEMO_DL_download_fls_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},

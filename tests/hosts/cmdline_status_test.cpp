@@ -165,6 +165,7 @@ TEST_F(StatusTest, WatchFollowsAServiceThatRunsUnlessACommandLineFlashes) {
   };
   EXPECT_THAT(watched({}), HasSubstr(serviceKey.Location().Text()));
   EXPECT_THAT(watched({L"--json"}), Not(HasSubstr("HKCU")));
+  EXPECT_THAT(RunHost({L"status"}).output, Not(HasSubstr("HKCU"))) << "only a watch does";
   const ServingNotice commandLine(Server::CommandLine, key.Location());
   EXPECT_THAT(watched({}), Not(HasSubstr(serviceKey.Location().Text())));
 }

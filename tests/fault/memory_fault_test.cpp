@@ -46,8 +46,6 @@ constexpr unsigned kPlacesPerBurst = 2;
 constexpr int kJobsToCount = 3;
 /// So often is a place tried at which no memory was refused.
 constexpr int kTries = 3;
-/// What tells that an attempt was made: "Flash_Result" and the flashing library. Each of them needs memory.
-constexpr unsigned kSignsOfAnAttempt = 2;
 /// From this length on a burst takes long: the service pauses after each failure that it meets itself.
 constexpr unsigned kLongBurst = 50;
 
@@ -143,17 +141,6 @@ class LackOfMemory : public testing::Test {
     return tried;
   }
 
-  /// An attempt may have been made although all that tells of it was refused.
-  std::string WhatIsWrongWith(const Tried& tried) {
-    JobEnd end = tried.end;
-    if (!end.beganAttempt && !end.isImageLeft && tried.refused >= kSignsOfAnAttempt) {
-      end.beganAttempt = true;
-      ++m_WithoutSign;
-    }
-    return campaign::WhatIsWrongWith(end);
-  }
-  unsigned WithoutSign() const { return m_WithoutSign; }
-
   void FlashWithMemory() {
     m_Service.LayImages(++m_Images);
     EXPECT_EQ(WhatIsWrongWithSound(m_Service.Run()), "") << "with memory";
@@ -176,7 +163,6 @@ class LackOfMemory : public testing::Test {
   Service& m_Service =
       *new Service({.route = g_options.route, .log = g_options.log, .key = hosts::ToWide(g_options.key)});
   std::uint32_t m_Images = 0;
-  unsigned m_WithoutSign = 0;
 };
 
 TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
@@ -192,17 +178,15 @@ TEST_F(LackOfMemory, IsSurvivedAndReportedByEveryJobAndForgottenByTheNext) {
   for (const Burst& burst : bursts) {
     SCOPED_TRACE(NameOf(burst));
     const Tried tried = FlashAndReach(burst);
-    EXPECT_EQ(WhatIsWrongWith(tried), "");
+    EXPECT_EQ(WhatIsWrongWith(tried.end), "");
     EXPECT_GT(tried.refused, 0u) << "memory was not refused";
     if (tried.end.Failed()) ++failed;
     if (tried.refused > 0) ++hit;
     FlashWithMemory();
     if (HasFailure()) break;
   }
-  std::printf(
-      "%zu jobs of %u allocations: memory was refused in %u, %u of them failed, %u with no sign of an "
-      "attempt left\n",
-      bursts.size(), allocations, hit, failed, WithoutSign());
+  std::printf("%zu jobs of %u allocations: memory was refused in %u, %u of them failed\n", bursts.size(),
+              allocations, hit, failed);
 }
 
 /// What becomes of one word of the command line. @return false when it means nothing.

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -46,9 +47,10 @@ constexpr char kNameTaken[] = "name-taken";
 constexpr char kBattery[] = "battery";
 constexpr char kPowerRefused[] = "power-refused";
 constexpr char kNoShortNames[] = "no-short-names";
-/// What the host itself meets.
-constexpr const char* kHostFaults[] = {kServiceStarts, kWatchFails,   kNameTaken,
-                                       kBattery,       kPowerRefused, kNoShortNames};
+/// What others take from the file.
+constexpr const char* kForOthers[] = {kServiceStarts, kWatchFails,           kNameTaken,
+                                      kBattery,       kPowerRefused,         kNoShortNames,
+                                      kCallFails,     kCallFailsAfterEffect, kTellCalls};
 
 constexpr ModemState kStates[] = {ModemState::Normal,      ModemState::Leaving, ModemState::Restarting,
                                   ModemState::FlashPort,   ModemState::Booted,  ModemState::Writing,
@@ -101,6 +103,22 @@ HostFaults ReadHostFaults(const std::filesystem::path& folder) {
   return faults;
 }
 
+CallsOfLibrary ReadCallsOfLibrary(const std::filesystem::path& folder) {
+  CallsOfLibrary calls;
+  for (const auto& [key, value] : ReadLines(folder / kVirtualPcFile)) {
+    if (key == kTellCalls) calls.areTold = true;
+    if (key != kCallFails && key != kCallFailsAfterEffect) continue;
+    CallFault fault;
+    int number = 0;
+    if (!(std::istringstream(value) >> fault.function >> number))
+      throw std::runtime_error("no such call: " + value);
+    fault.calls = Occurrence::Only(number);
+    if (key == kCallFailsAfterEffect) fault.way = CallFault::Way::RefusedAfterEffect;
+    calls.faults.push_back(fault);
+  }
+  return calls;
+}
+
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
   Setup setup;
   double speed = 1.0;
@@ -115,8 +133,8 @@ VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder) {
       state = StateOf(value);
     } else if (key == "fault") {
       faults.push_back(FaultOf(value));
-    } else if (std::ranges::find(kHostFaults, key) != std::end(kHostFaults)) {
-      // ReadHostFaults takes these.
+    } else if (std::ranges::find(kForOthers, key) != std::end(kForOthers)) {
+      // ReadHostFaults and ReadCallsOfLibrary take these.
     } else {
       throw std::runtime_error("no such key: " + key);
     }
@@ -132,7 +150,8 @@ void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& 
       << "modem=" << NameOf(end.modem) << "\nresets=" << end.resets << "\nmbim_reboots=" << end.mbimReboots
       << "\nat_commands=" << end.atCommands << "\npower_requests=" << end.powerRequests
       << "\nkept_awake=" << end.keptAwake << "\nitems_written=" << end.itemsWritten
-      << "\nbytes_written=" << end.bytesWritten << "\nelapsed_ms=" << end.elapsed.count() << "\n";
+      << "\nbytes_written=" << end.bytesWritten << "\nhits=" << end.hits
+      << "\nelapsed_ms=" << end.elapsed.count() << "\n";
 }
 
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder) {
@@ -148,8 +167,23 @@ std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder
       .keptAwake = values["kept_awake"] == "1",
       .itemsWritten = static_cast<std::uint32_t>(std::stoul(values["items_written"])),
       .bytesWritten = std::stoull(values["bytes_written"]),
+      .hits = static_cast<unsigned>(std::stoul(values["hits"])),
       .elapsed = std::chrono::milliseconds(std::stoll(values["elapsed_ms"])),
   };
+}
+
+void WriteToldCalls(const std::filesystem::path& folder, std::span<const MadeCall> calls) {
+  std::ofstream file(folder / kToldCallsFile);
+  for (const MadeCall& call : calls)
+    file << call.function << ' ' << call.number << ' ' << call.place << ' ' << call.stage << '\n';
+}
+
+std::vector<MadeCall> ReadToldCalls(const std::filesystem::path& folder) {
+  std::vector<MadeCall> calls;
+  std::ifstream file(folder / kToldCallsFile);
+  for (MadeCall call; file >> call.function >> call.number >> call.place >> call.stage;)
+    calls.push_back(call);
+  return calls;
 }
 
 }  // namespace simulator

@@ -4,8 +4,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
+#include "simulator/call_hooks.h"
+#include "simulator/call_record.h"
 #include "simulator/virtual_pc.h"
 
 namespace simulator {
@@ -16,8 +20,14 @@ namespace simulator {
 /// counted from 1, the host finds a flash service that starts; "watch-fails" that the host itself gets no
 /// more events once it flashes; "name-taken" which of the library's names the host finds with an object of
 /// another kind; "battery" that the PC runs on one, charged to so many percent or "unknown"; "power-refused"
-/// that no request to keep the PC awake is granted; "no-short-names" that the volume has none.
+/// that no request to keep the PC awake is granted; "no-short-names" that the volume has none. "call-fails"
+/// and "call-fails-after-effect" name a function and which of the library's calls to it, counted from 1 on,
+/// is made to fail; with "tell-calls" all its calls are told of when the host ends.
 inline constexpr wchar_t kVirtualPcFile[] = L"VirtualPc.ini";
+
+inline constexpr char kCallFails[] = "call-fails";
+inline constexpr char kCallFailsAfterEffect[] = "call-fails-after-effect";
+inline constexpr char kTellCalls[] = "tell-calls";
 
 /// What is wrong in front of the host, beside the virtual PC.
 struct HostFaults {
@@ -29,6 +39,13 @@ struct HostFaults {
   bool noShortNames = false;
 };
 HostFaults ReadHostFaults(const std::filesystem::path& folder);
+
+/// What goes wrong with the library's calls, and whether somebody wants to be told of them.
+struct CallsOfLibrary {
+  std::vector<CallFault> faults;
+  bool areTold = false;
+};
+CallsOfLibrary ReadCallsOfLibrary(const std::filesystem::path& folder);
 
 /// Reads the file; the modem's memory lies in the same folder. Throws when a line says nothing known.
 VirtualPcOptions ReadVirtualPcFile(const std::filesystem::path& folder);
@@ -45,12 +62,18 @@ struct VirtualPcEnd {
   bool keptAwake = false;
   std::uint32_t itemsWritten = 0;
   std::uint64_t bytesWritten = 0;
+  unsigned hits = 0;                     ///< calls of the library that a fault has hit
   std::chrono::milliseconds elapsed{0};  ///< virtual, since the host began
 };
 inline constexpr wchar_t kVirtualPcEndFile[] = L"VirtualPcEnd.ini";
+inline constexpr wchar_t kToldCallsFile[] = L"VirtualPcCalls.txt";
 
 void WriteVirtualPcEnd(const std::filesystem::path& folder, const VirtualPcEnd& end);
 /// Nothing when no host has ended there, or not by itself.
 std::optional<VirtualPcEnd> ReadVirtualPcEnd(const std::filesystem::path& folder);
+
+/// "VirtualPcCalls.txt" in the same folder: the calls of the library, in their order.
+void WriteToldCalls(const std::filesystem::path& folder, std::span<const MadeCall> calls);
+std::vector<MadeCall> ReadToldCalls(const std::filesystem::path& folder);
 
 }  // namespace simulator

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <utility>
 
+#include "simulator/call_hooks.h"
+#include "simulator/call_record.h"
 #include "simulator/device_tree.h"
 #include "simulator/host/virtual_pc_file.h"
 #include "simulator/import_patch.h"
@@ -44,6 +46,8 @@ struct Simulation {
 };
 Simulation* g_simulation = nullptr;
 HostFaults g_faults;
+/// Null when nobody wants to be told. Never destroyed: the product's threads go on until the process ends.
+CallRecord* g_record = nullptr;
 
 std::filesystem::path HostFolder() {
   std::wstring path(kLongestPath, L'\0');
@@ -221,6 +225,27 @@ DWORD WINAPI GiveNoShortPath(LPCWSTR path, LPWSTR shortPath, DWORD size) {
   return static_cast<DWORD>(itself.size());
 }
 
+// --- The calls of the library ----------------------------------------------------------------------------
+
+void NoteCall(const SeenCall& call) noexcept {
+  g_record->Note(call, g_simulation->pc.Modem().State());
+}
+
+void PrepareCalls(const CallsOfLibrary& calls) {
+  CallHooks& hooks = g_simulation->pc.Hooks();
+  for (const CallFault& fault : calls.faults) hooks.Arm(fault);
+  if (!calls.areTold) return;
+  g_record = new CallRecord;
+  hooks.Observe(&NoteCall);
+}
+
+void TellCalls() {
+  if (g_record == nullptr) return;
+  g_simulation->pc.Hooks().Observe(nullptr);
+  WriteToldCalls(HostFolder(),
+                 g_record->Take(reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(kProduct))));
+}
+
 // --- What goes wrong in front of the host ------------------------------------------------------------------
 
 void InstallHostFaults(const HostFaults& faults) {
@@ -247,6 +272,7 @@ extern "C" __declspec(dllexport) void InstallVirtualPc() try {
   if (const HMODULE product = ::GetModuleHandleW(kProduct)) {
     g_simulation->pc.Install(product);
     TakeInCommandLineJob(product);
+    PrepareCalls(ReadCallsOfLibrary(HostFolder()));
   }
 } catch (const std::exception& error) {
   std::fprintf(stderr, "The virtual PC cannot be set up: %s\n", error.what());
@@ -265,7 +291,9 @@ extern "C" __declspec(dllexport) void ReportVirtualPc() try {
                                    .keptAwake = g_keptAwake,
                                    .itemsWritten = pc.Modem().ItemsWritten(),
                                    .bytesWritten = pc.Modem().BytesWritten(),
+                                   .hits = pc.Hooks().Hits(),
                                    .elapsed = elapsed});
+  TellCalls();
 } catch (const std::exception& error) {
   // The host's exit status stays its own; whoever reads the report misses it.
   std::fprintf(stderr, "The virtual PC cannot be reported on: %s\n", error.what());

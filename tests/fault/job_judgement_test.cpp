@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "hosts/cmdline/exit_code.h"
+
 namespace campaign {
 
 using simulator::ModemState;
@@ -144,6 +146,123 @@ TEST(JobJudgementTest, FindsAModemThatANewHostHasNotBroughtBack) {
   JobEnd early = GoodEnd();
   early.modemAtResult = ModemState::Returning;
   EXPECT_THAT(WhatIsWrongWithGoingOn(Found(1), early), HasSubstr("while the modem was returning"));
+}
+
+TEST(JobJudgementTest, FindsAnAttemptThatGoesOnInANewerOnesPlace) {
+  EXPECT_THAT(Wrong([](JobEnd& end) { end.hasOldAttemptWritten = true; }),
+              StartsWith("an attempt that was given up"));
+}
+
+// --- The command line --------------------------------------------------------------------------------------
+
+/// A job that went no further than its request.
+JobEnd BrokenOffEnd() {
+  JobEnd end = EndWithoutImages();
+  end.values.result = 0;
+  end.values.ready = 1;
+  return end;
+}
+
+TEST(CommandLineJudgementTest, LetsPassWhatItsHostDealsWith) {
+  EXPECT_EQ(WhatIsWrongWithCommandLine(GoodEnd()), "");
+  JobEnd failed = FailedEnd();
+  failed.values.onGoing = 1;
+  EXPECT_EQ(WhatIsWrongWithCommandLine(failed), "") << "nobody begins another pass";
+  EXPECT_EQ(WhatIsWrongWithCommandLine(BrokenOffEnd()), "");
+}
+
+TEST(CommandLineJudgementTest, LooksAtModemMemoryAndImages) {
+  JobEnd end = GoodEnd();
+  end.isMemoryEqual = false;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("the memory is not equal"));
+  end = GoodEnd();
+  end.modem = ModemState::FlashPort;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("the modem is"));
+  end = GoodEnd();
+  end.isImageLeft = true;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("the image is left"));
+  end = BrokenOffEnd();
+  end.isImageLeft = end.areImagesKept = false;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("gone without an attempt"));
+}
+
+TEST(CommandLineJudgementTest, LooksAtTheFlags) {
+  JobEnd end = GoodEnd();
+  end.values.onGoing = 1;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("\"Flash_OnGoing\" is left"));
+  end = GoodEnd();
+  end.values.ready = 1;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("the flag is not taken back"));
+  end = BrokenOffEnd();
+  end.values.ready = 0;
+  EXPECT_THAT(WhatIsWrongWithCommandLine(end), HasSubstr("no documented end"));
+}
+
+ProgramEnd Exit(hosts::ExitCode code, hosts::FlashResult result) {
+  ProgramEnd end;
+  end.exitCode = static_cast<unsigned long>(code);
+  end.values.ready = 0;
+  end.values.result = static_cast<std::uint32_t>(result);
+  end.modem = ModemState::Normal;
+  return end;
+}
+
+ProgramEnd Flashed() {
+  ProgramEnd end = Exit(hosts::ExitCode::Success, hosts::FlashResult::Succeeded);
+  end.wasModemTouched = end.isMemoryEqual = true;
+  return end;
+}
+
+ProgramEnd RefusedToFlash() {
+  ProgramEnd end = Exit(hosts::ExitCode::NotReady, hosts::FlashResult::Idle);
+  end.isImageLeft = true;
+  return end;
+}
+
+template <typename Change>
+std::string WrongExit(ProgramEnd end, const Change& change) {
+  change(end);
+  return WhatIsWrongWith(end);
+}
+
+TEST(ProgramJudgementTest, LetsEachTrueExitStatusPass) {
+  EXPECT_EQ(WhatIsWrongWith(Flashed()), "");
+  EXPECT_EQ(WhatIsWrongWithSound(Flashed()), "");
+  EXPECT_EQ(WhatIsWrongWith(RefusedToFlash()), "");
+  EXPECT_EQ(WhatIsWrongWith(Exit(hosts::ExitCode::FlashFailed, hosts::FlashResult::Failed)), "");
+}
+
+TEST(ProgramJudgementTest, FindsASuccessThatIsNone) {
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.isMemoryEqual = false; }),
+              HasSubstr("not equal"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.modem = ModemState::Booted; }),
+              HasSubstr("the modem is"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.isImageLeft = true; }),
+              HasSubstr("the image is left"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.values.result = 3; }),
+              HasSubstr("with the result 3"));
+}
+
+TEST(ProgramJudgementTest, FindsAFailureThatIsNone) {
+  const ProgramEnd end = Exit(hosts::ExitCode::FlashFailed, hosts::FlashResult::Succeeded);
+  EXPECT_EQ(WhatIsWrongWith(end), "exit 1 behind a success");
+  EXPECT_THAT(WhatIsWrongWithSound(Exit(hosts::ExitCode::FlashFailed, hosts::FlashResult::Failed)),
+              HasSubstr("it ends with 1"));
+}
+
+TEST(ProgramJudgementTest, FindsAModemOrAnImageThatWasTouchedByARefusal) {
+  EXPECT_THAT(WrongExit(RefusedToFlash(), [](ProgramEnd& end) { end.wasModemTouched = true; }),
+              HasSubstr("the modem was touched"));
+  EXPECT_THAT(WrongExit(RefusedToFlash(), [](ProgramEnd& end) { end.isImageLeft = false; }),
+              HasSubstr("the image is gone"));
+}
+
+TEST(ProgramJudgementTest, FindsWhatIsNoEnd) {
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.exitCode.reset(); }), HasSubstr("does not end"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.modem.reset(); }), HasSubstr("broken off"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.values.ready = 1; }),
+              HasSubstr("the request stands"));
+  EXPECT_THAT(WrongExit(Flashed(), [](ProgramEnd& end) { end.exitCode = 5; }), HasSubstr("it ends with 5"));
 }
 
 }  // namespace

@@ -9,15 +9,11 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 #include "hosts/common/text.h"
 #include "simulator/load_watch.h"
-#include "simulator/threads/lock.h"
 #include "support/quick_modem.h"
 
 namespace campaign {
@@ -46,17 +42,44 @@ struct ServingThread {
   std::atomic<bool> rests{false};
 };
 
+/// The keys that were read from and not closed since, as the calls show it. Whoever writes gives his key
+/// back.
+class KeysRead {
+ public:
+  void See(const SeenCall& call, std::string_view function) noexcept {
+    if (!function.starts_with("Reg")) return;
+    const std::size_t key = call.arguments[0] / kHandleStep;
+    // The roots, which nobody opens, are far beyond.
+    if (key >= m_AreRead.size()) return;
+    if (function == "RegQueryValueExW") Set(key, true);
+    if (function == "RegCloseKey" || function == "RegSetValueExW") Set(key, false);
+  }
+  std::size_t Count() const { return m_Count; }
+
+ private:
+  void Set(std::size_t key, bool isRead) noexcept {
+    if (m_AreRead[key].exchange(isRead) == isRead) return;
+    isRead ? ++m_Count : --m_Count;
+  }
+
+  static constexpr std::uint64_t kHandleStep = 4;
+  std::array<std::atomic<bool>, 65536> m_AreRead{};
+  std::atomic<std::size_t> m_Count{0};
+};
+
 /// Sees the service begin to wait for a request, and what the modem is like when a result is reported.
 class Witness {
  public:
   static void See(const SeenCall& call) noexcept {
     const std::string_view function = call.function;
+    NoteAttemptOfThread();
     SeeServing(call, function);
     if (function == "RegSetValueExW") SeeValue(call);
+    s_keys.See(call, function);
     if (const char* const last = s_lastFunction; last != nullptr && function == last)
       ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
     if (s_endsAtNextCall) ::TerminateProcess(::GetCurrentProcess(), s_exitCode);
-    if (s_records) Note(call);
+    if (s_records) s_record.Note(call, s_modem->State());
     if (const CallHooks::Observer other = s_other) other(call);
   }
   static void AlsoTell(CallHooks::Observer other) { s_other = other; }
@@ -73,15 +96,16 @@ class Witness {
   }
   static ModemState ModemAtResult() { return s_modemAtResult; }
   static bool HasBegunAttempt() { return s_hasBegunAttempt; }
-  static void ForgetAttempts() { s_hasBegunAttempt = false; }
+  static bool HasOldAttemptWritten() { return s_hasOldAttemptWritten; }
+  static void ForgetAttempts() {
+    s_hasBegunAttempt = false;
+    s_hasOldAttemptWritten = false;
+  }
+  static std::size_t KeysLeftOpenByReads() { return s_keys.Count(); }
   static DWORD SupervisorThread() { return s_serving[0].thread; }
   static void Watch(VirtualModem& modem) { s_modem = &modem; }
   static void Record(bool calls) { s_records = calls; }
-  static std::vector<MadeCall> TakeRecord() {
-    const std::lock_guard lock(s_lock);
-    s_numbers.clear();
-    return std::exchange(s_record, {});
-  }
+  static CallRecord& TheRecord() { return s_record; }
   static void EndProcessBefore(const char* function, unsigned exitCode) {
     s_exitCode = exitCode;
     s_lastFunction = function;
@@ -99,7 +123,7 @@ class Witness {
     own->rests = false;
     if (arms) {
       own->event = call.arguments[3];
-      s_hasWritten = false;
+      s_record.BeginJob();
     }
     if (function == "WaitForSingleObject" && call.arguments[0] == own->event &&
         static_cast<DWORD>(call.arguments[1]) == INFINITE) {
@@ -123,29 +147,29 @@ class Witness {
   }
 
   static void SeeValue(const SeenCall& call) noexcept {
-    if (std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) != hosts::kResultValue) return;
+    const std::wstring_view name(reinterpret_cast<const wchar_t*>(call.arguments[1]));
+    // Of two hosts each counts its own attempts, and nobody can tell them apart.
+    if (name == hosts::kProgressValue && s_hosts == 1 && t_attempt < s_attempt && !IsServing())
+      s_hasOldAttemptWritten = true;
+    if (name != hosts::kResultValue) return;
     s_modemAtResult = s_modem->State();
     const auto* const data = reinterpret_cast<const DWORD*>(call.stacked[0]);
-    if (*data == static_cast<DWORD>(hosts::FlashResult::Flashing)) s_hasBegunAttempt = true;
+    if (*data != static_cast<DWORD>(hosts::FlashResult::Flashing)) return;
+    s_hasBegunAttempt = true;
+    ++s_attempt;
   }
 
-  static void Note(const SeenCall& call) noexcept {
-    constexpr int kStages = 100;
-    const ModemState state = s_modem->State();
-    if (state == ModemState::Writing) s_hasWritten = true;
-    const int stage = static_cast<int>(state) + (s_hasWritten ? kStages : 0);
-    const std::lock_guard lock(s_lock);
-    s_record.push_back(
-        {call.function, ++s_numbers[call.function], reinterpret_cast<std::uintptr_t>(call.returnsTo), stage});
+  /// A thread works for the attempt in which it is seen first.
+  static void NoteAttemptOfThread() noexcept {
+    if (t_attempt == 0) t_attempt = s_attempt;
   }
+  static bool IsServing() noexcept { return s_serving[0].thread == ::GetCurrentThreadId(); }
 
   static inline std::atomic<CallHooks::Observer> s_other{nullptr};
   static inline VirtualModem* s_modem = nullptr;
-  static inline Lock s_lock;
-  static inline std::vector<MadeCall> s_record;
-  static inline std::map<std::string, int> s_numbers;
+  static inline KeysRead s_keys;
+  static inline CallRecord s_record;
   static inline std::atomic<bool> s_records{false};
-  static inline std::atomic<bool> s_hasWritten{false};
   static inline std::array<ServingThread, kMostHosts> s_serving;
   static inline unsigned s_hosts = 1;
   static inline std::atomic<bool> s_endsAtNextCall{false};
@@ -153,6 +177,9 @@ class Witness {
   static inline std::atomic<unsigned> s_exitCode{0};
   static inline std::atomic<ModemState> s_modemAtResult{ModemState::Dead};
   static inline std::atomic<bool> s_hasBegunAttempt{false};
+  static inline std::atomic<bool> s_hasOldAttemptWritten{false};
+  static inline std::atomic<unsigned> s_attempt{1};  ///< of the service, over all jobs
+  static inline thread_local unsigned t_attempt = 0;
 };
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
@@ -268,6 +295,10 @@ void Service::AlsoTell(CallHooks::Observer observer) {
   Witness::AlsoTell(observer);
 }
 
+std::size_t Service::KeysLeftOpenByReads() {
+  return Witness::KeysLeftOpenByReads();
+}
+
 DWORD Service::Supervisor() {
   return Witness::SupervisorThread();
 }
@@ -277,10 +308,7 @@ void Service::Record(bool calls) {
 }
 
 std::vector<MadeCall> Service::TakeRecord() const {
-  const auto begin = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(kLibrary));
-  std::vector<MadeCall> record = Witness::TakeRecord();
-  for (MadeCall& call : record) call.place -= begin;
-  return record;
+  return Witness::TheRecord().Take(reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(kLibrary)));
 }
 
 void Service::EndProcessBefore(const char* function, unsigned exitCode) {
@@ -340,6 +368,7 @@ JobEnd Service::Look(bool ended) {
   end.modem = m_Pc.Modem().State();
   end.modemAtResult = Witness::ModemAtResult();
   LookAtImages(end);
+  end.hasOldAttemptWritten = Witness::HasOldAttemptWritten();
   // A registry that refuses to be opened sees no result written.
   end.beganAttempt = Witness::HasBegunAttempt() || m_Pc.LibraryLoads() > 0;
   return end;

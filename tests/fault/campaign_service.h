@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -13,6 +14,7 @@
 
 #include "hosts/common/handshake.h"
 #include "simulator/call_hooks.h"
+#include "simulator/call_record.h"
 #include "simulator/flash_image.h"
 #include "simulator/program/configuration.h"
 #include "simulator/virtual_pc.h"
@@ -34,6 +36,7 @@ struct JobEnd {
   bool isImageLeft = false;    ///< one of them at least
   bool areImagesKept = false;  ///< each of them
   bool beganAttempt = false;
+  bool hasOldAttemptWritten = false;  ///< a percentage, over a newer attempt's
 
   bool Succeeded() const { return values.Is(hosts::FlashResult::Succeeded); }
   bool Failed() const { return values.Is(hosts::FlashResult::Failed); }
@@ -63,14 +66,6 @@ struct ServicePlan {
   std::wstring key;  ///< is there already; whoever made it removes it
   Begins begins = Begins::Anew;
   unsigned hosts = 1;  ///< 2: a second one in the session, on the same key and with the same modem
-};
-
-/// A call of the library to a function that stands behind a hook.
-struct MadeCall {
-  std::string function;
-  int number = 1;            ///< among those of the function, since the recording began
-  std::uintptr_t place = 0;  ///< where it was made, from the library's beginning on
-  int stage = 0;             ///< how far the job was
 };
 
 /// The service of this process in its virtual PC, and the controlling program in front of it. Once per
@@ -116,10 +111,12 @@ class Service {
   static unsigned Waits();
   /// The thread that serves the requests, of the host that began first; 0 before its first wait.
   static DWORD Supervisor();
+  /// Keys that were read from and are still open. Reading leaves them so, as it is meant to.
+  static std::size_t KeysLeftOpenByReads();
   /// From now on each call is noted, or no longer.
   static void Record(bool calls);
   /// What was noted, which is forgotten.
-  std::vector<MadeCall> TakeRecord() const;
+  std::vector<simulator::MadeCall> TakeRecord() const;
 
  private:
   bool LoadSecondHost();

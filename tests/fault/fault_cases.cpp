@@ -26,21 +26,44 @@ constexpr std::chrono::seconds kDelays[] = {12s, 140s};
 /// Not each call of a function that is called again and again needs a process.
 constexpr int kMostCallsAtStart = 30;
 
-constexpr char kBelieved[] =
-    "a library that tells of an item as written is believed: nobody else can look into the modem's memory";
-constexpr char kFalseSuccess[] = "success is reported, but the memory is not equal";
-
-constexpr char kPercentageBeingWritten[] =
-    "an attempt is not given up while it writes a percentage, or it could do so over a newer one's: a "
-    "registry that never answers holds up the service as it does on its own thread";
-
-constexpr char kAtPortHeld[] =
-    "the library keeps the AT port to the thread that has it, until its call returns: attempts that need the "
-    "port "
-    "wait for it until their time is over";
-constexpr char kAtPortKept[] =
-    "an AT port that was refused once is refused to every later attempt of the process: the service has to "
-    "be restarted, as docs/hosts.md says";
+// The rows of what is not held, as the page about it has them.
+constexpr NotHeldRow kAtPortKept{
+    "this job succeeds by a reset; later ones of the process fail",
+    "the library keeps the port to the thread that failed; the cure is a restart of the service"};
+constexpr NotHeldRow kAtPortHeld{"jobs fail until it does",
+                                 "the library keeps the port to the thread that has it; what the port does "
+                                 "not answer, a restart of the service "
+                                 "ends"};
+constexpr NotHeldRow kImageStays{
+    "the image stays, the result is true",
+    "somebody else has it in his hands; the controlling program sees it in the folder"};
+constexpr NotHeldRow kImageOpen{
+    "the image of that job stays, its result is true",
+    "the flashing library has it open then; the controlling program sees it in the folder"};
+constexpr NotHeldRow kResultRefused{"1 or 2 stays while the flag goes back to 0",
+                                    "each value is written once; the log tells the result"};
+constexpr NotHeldRow kNotTakenBack{
+    "it stays 1, the result is true",
+    "each value is written once; `corvel_cmdline` takes its request back, and the next flash begins with 0"};
+constexpr NotHeldRow kBeginsAnew{
+    "a host that is started then writes 0 in the place of a 3 or 4",
+    "a service that begins says so by its initial values; what a controlling program does"};
+constexpr NotHeldRow kBelieved{"4, and the memory is not equal",
+                               "nobody but the library can look into the memory"};
+constexpr NotHeldRow kSupervisorHeld{
+    "nothing changes for longer than \"Time_Out\"",
+    "nothing ends a call that another thread is in; once it returns, the job is done"};
+constexpr NotHeldRow kPercentageBeingWritten{
+    "the same", "an attempt is not given up while it writes, or it could write over a newer one's"};
+constexpr NotHeldRow kMutexHeld{"the same", "whoever comes next waits for the mutex"};
+constexpr NotHeldRow kCompletionHeld{"nothing changes until it does",
+                                     "the event is set under the lock that keeps it from being closed "
+                                     "meanwhile; the call touches the process's own "
+                                     "handles only"};
+constexpr NotHeldRow kSinkHeld{"jobs fail until it does", "it touches the process's own handles only"};
+constexpr NotHeldRow kSearchGoesOn{
+    "a handle of a thread stays open with each attempt, and its search goes on until it finds the port",
+    "that is how this failure is known in the field"};
 
 bool IsForeign(const KnownCall& call) {
   return call.kind == Kind::Library || call.kind == Kind::Object;
@@ -257,54 +280,45 @@ std::vector<FaultCase> LoadCases(const std::filesystem::path& file) {
 }
 
 const std::vector<NotHeld>& EverythingNotHeld() {
+  constexpr auto kAny = std::nullopt;
   static const std::vector<NotHeld> list{
-      {nullptr, std::nullopt, Way::NeverReturns, kHeldWithItsCall, false,
-       "nothing ends a call of the system that another thread is in: the controlling program sees no change "
-       "for longer than \"Time_Out\", and the service has to be restarted"},
-      {"RegOpenKeyExW", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false, kPercentageBeingWritten},
-      {"RegSetValueExW", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false, kPercentageBeingWritten},
-      {"RegQueryValueExW", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false,
-       kPercentageBeingWritten},
-      {"RegCloseKey", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false, kPercentageBeingWritten},
-      {"ReleaseMutex", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false,
-       "whoever comes next waits for the mutex"},
-      {"SetEvent", std::nullopt, Way::NeverReturns, kWaitsForHeldCall, false,
-       "a completion's event is set under the lock that keeps it from being closed meanwhile: the call "
-       "touches the process's own handles only"},
-      {nullptr, std::nullopt, std::nullopt, kResultForgotten, false,
-       "a service that begins tells that it is there by its initial values, \"Flash_Result\" 0 among them: a "
-       "controlling program that has not read the 3 or 4 by then asks again, as docs/controller.md says"},
-      {"CreateEventW", std::nullopt, Way::NeverReturns, kNextJobWhileHeld, false,
-       "the events of the Mobile Broadband sink are made under its lock: the call touches the process's own "
-       "handles only"},
-      {"CreateFileA", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
-      {"GetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
-      {"SetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
-      {"PurgeComm", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
-      {"WriteFile", Route::At, Way::NeverReturns, kNextJobWhileHeld, false, kAtPortHeld},
-      {"_ZEMO_DL_download_cust_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
-      {"_ZEMO_DL_download_dffs_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
-      {"_ZEMO_DL_download_fls_file", std::nullopt, Way::DoesNothing, kFalseSuccess, false, kBelieved},
-      {"_ZEMO_DL_boot_target", std::nullopt, Way::Delayed, "the next job: the image is left", false,
-       "a boot that was given up opens the image by its path once it goes on, and nobody can delete it "
-       "meanwhile: the result is true, and the controlling program sees the image in the folder"},
-      {"CreateSemaphoreW", std::nullopt, std::nullopt, "leaves behind: Thread +", false,
-       "the handle of the search for the flash port is left open, and the search goes on until the port is "
-       "found: that is how this failure is known in the field"},
-      {"DeleteFileW", std::nullopt, std::nullopt, "the image is left", false,
-       "an image that cannot be deleted stays; the controlling program sees it in the folder, and writes its "
-       "next images in its place"},
-      {"RegSetValueExW", std::nullopt, std::nullopt, "no documented end: result 1, ready 0", false,
-       "a value of the handshake is written once: a result that the registry refuses is in the log alone, "
-       "and the controlling program sees the job end without 3 or 4"},
       // A port that is not found is one that cannot be opened.
-      {"CM_Get_Device_ID_ListW", Route::At, std::nullopt, "the next job: it fails", true, kAtPortKept},
-      {"CM_Locate_DevNodeW", Route::At, std::nullopt, "the next job: it fails", true, kAtPortKept},
-      {"CM_Get_DevNode_Registry_PropertyW", Route::At, std::nullopt, "the next job: it fails", true,
-       kAtPortKept},
-      {"GetCommState", Route::At, std::nullopt, "the next job: it fails", true, kAtPortKept},
-      {"SetCommState", Route::At, std::nullopt, "the next job: it fails", true, kAtPortKept},
-      {"CreateFileA", Route::At, std::nullopt, "the next job: it fails", true, kAtPortKept},
+      {"CM_Get_Device_ID_ListW", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"CM_Locate_DevNodeW", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"CM_Get_DevNode_Registry_PropertyW", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"GetCommState", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"SetCommState", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"CreateFileA", Route::At, kAny, "the next job: it fails", kAtPortKept, true},
+      {"DeleteFileW", kAny, kAny, "the image is left", kImageStays},
+      {"DeleteFileW", kAny, kAny, "by the command line, the image is left", kImageStays},
+      {"DeleteFileW", kAny, kAny, "exit 0, but the image is left", kImageStays},
+      {"_ZEMO_DL_boot_target", kAny, Way::Delayed, "the next job: the image is left", kImageOpen},
+      {"RegSetValueExW", kAny, kAny, "no documented end: result 1, ready 0", kResultRefused},
+      {"RegSetValueExW", kAny, kAny, "no documented end: result 2, ready 0", kResultRefused},
+      {"RegSetValueExW", kAny, kAny, "by the command line, no documented end: result 1, ready 0",
+       kResultRefused},
+      {"RegSetValueExW", kAny, kAny, "by the command line, \"Flash_OnGoing\" is left: result 4",
+       kNotTakenBack},
+      {"RegSetValueExW", kAny, kAny, "by the command line, the flag is not taken back: result 4",
+       kNotTakenBack},
+      {nullptr, kAny, kAny, kResultForgotten, kBeginsAnew},
+      {"_ZEMO_DL_download_fls_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},
+      {"_ZEMO_DL_download_dffs_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},
+      {"_ZEMO_DL_download_cust_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},
+      {nullptr, kAny, Way::NeverReturns, kHeldWithItsCall, kSupervisorHeld},
+      {"RegOpenKeyExW", kAny, Way::NeverReturns, kWaitsForHeldCall, kPercentageBeingWritten},
+      {"RegSetValueExW", kAny, Way::NeverReturns, kWaitsForHeldCall, kPercentageBeingWritten},
+      {"RegQueryValueExW", kAny, Way::NeverReturns, kWaitsForHeldCall, kPercentageBeingWritten},
+      {"RegCloseKey", kAny, Way::NeverReturns, kWaitsForHeldCall, kPercentageBeingWritten},
+      {"ReleaseMutex", kAny, Way::NeverReturns, kWaitsForHeldCall, kMutexHeld},
+      {"SetEvent", kAny, Way::NeverReturns, kWaitsForHeldCall, kCompletionHeld},
+      {"CreateEventW", kAny, Way::NeverReturns, kNextJobWhileHeld, kSinkHeld},
+      {"CreateFileA", Route::At, Way::NeverReturns, kNextJobWhileHeld, kAtPortHeld},
+      {"GetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, kAtPortHeld},
+      {"SetCommState", Route::At, Way::NeverReturns, kNextJobWhileHeld, kAtPortHeld},
+      {"PurgeComm", Route::At, Way::NeverReturns, kNextJobWhileHeld, kAtPortHeld},
+      {"WriteFile", Route::At, Way::NeverReturns, kNextJobWhileHeld, kAtPortHeld},
+      {"CreateSemaphoreW", kAny, kAny, "leaves behind: Thread +", kSearchGoesOn},
   };
   return list;
 }

@@ -45,7 +45,7 @@ std::vector<FaultCase> AllCases(const CallCounts& calls);
 std::vector<FaultCase> CasesOfStart(const CallCounts& calls);
 /// Of each function, at each place from which it is called and in each stage of the job, the first, the
 /// second and the last call.
-std::vector<FaultCase> RepresentativeCases(const std::vector<MadeCall>& calls);
+std::vector<FaultCase> RepresentativeCases(const std::vector<simulator::MadeCall>& calls);
 /// All that can go wrong with each call of the flashing library and of the service's objects.
 std::vector<FaultCase> ForeignCases(const CallCounts& calls);
 /// Of each function one call that is late by less and by more than an attempt may take, and one that never
@@ -63,14 +63,20 @@ void SaveCases(const std::vector<FaultCase>& cases, const std::filesystem::path&
 /// Empty without such a file.
 std::vector<FaultCase> LoadCases(const std::filesystem::path& file);
 
-/// What the service does not promise to survive as if nothing had been, and why.
+/// A row of the page about what is not held.
+struct NotHeldRow {
+  const char* seen;
+  const char* reason;
+};
+
+/// What the service does not promise to survive as if nothing had been.
 struct NotHeld {
   const char* function;                          ///< null: whichever
   std::optional<simulator::Route> route;         ///< nothing: whichever
   std::optional<simulator::CallFault::Way> way;  ///< nothing: whichever, or none at all
   const char* finding;                           ///< how the finding begins
-  bool isProcessSpoiled;                         ///< only a restart of the service brings it back
-  const char* reason;
+  NotHeldRow row;                                ///< several entries may have the same
+  bool isProcessSpoiled = false;                 ///< only a restart of the service brings it back
 
   /// The function, or what stands for one.
   const char* What() const;
@@ -84,6 +90,9 @@ const char* TextOf(simulator::CallFault::Way way);
 inline constexpr char kNobodyKnows[] = "it does not come to wait, and the host does not know";
 inline constexpr char kHeldWithItsCall[] = "the service hangs with its call";
 inline constexpr char kNextJobWhileHeld[] = "while its call hangs, the next job: ";
+inline constexpr char kOldAttemptWrites[] =
+    "an attempt that was given up writes over a newer one's percentage";
+inline constexpr char kFalseSuccess[] = "success is reported, but the memory is not equal";
 inline constexpr char kWaitsForHeldCall[] = "the service waits for a call of another thread that hangs";
 // And of one that was started anew.
 inline constexpr char kResultForgotten[] = "the new host takes back the result of a job that was over";

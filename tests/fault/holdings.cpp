@@ -4,6 +4,8 @@
 
 #include <tlhelp32.h>
 
+#include <cstdint>
+
 #include "hosts/common/text.h"
 
 namespace campaign {
@@ -28,17 +30,22 @@ int ThreadsOfThisProcess() {
 
 }  // namespace
 
-Holdings CountHoldings() {
-  Holdings holdings{ThreadsOfThisProcess(), HandlesOfThisProcess()};
-  holdings.handles.erase(L"Key");
+Holdings CountHoldings(Service& service) {
+  // First, so that a read between the two looks is not taken for a key too much.
+  const std::size_t leftOpen = Service::KeysLeftOpenByReads();
+  constexpr std::uintptr_t kOthers = 32768;
+  constexpr std::uintptr_t kStep = 4;
+  Holdings holdings{ThreadsOfThisProcess(), HandlesOfThisProcess(kOthers + kStep * leftOpen),
+                    OwnedMemory::Now(), service.Pc().MobileBroadband().LiveObjects()};
+  holdings.handles[L"Key"] -= static_cast<int>(leftOpen);
   return holdings;
 }
 
-Holdings SettledHoldings(const Holdings& expected) {
-  Holdings now = CountHoldings();
+Holdings SettledHoldings(Service& service, const Holdings& expected) {
+  Holdings now = CountHoldings(service);
   for (int looks = 0; looks < kLooks && !Grown(expected, now).empty(); ++looks) {
     ::Sleep(kPauseBetweenLooks);
-    now = CountHoldings();
+    now = CountHoldings(service);
   }
   return now;
 }
@@ -51,6 +58,9 @@ std::string Grown(const Holdings& before, const Holdings& now) {
     const int more = count - (found == before.handles.end() ? 0 : found->second);
     if (more > 0) text += " " + hosts::ToUtf8(type) + " +" + std::to_string(more);
   }
+  if (now.objects > before.objects) text += " objects +" + std::to_string(now.objects - before.objects);
+  if (now.memory.blocks > before.memory.blocks)
+    text += " memory +" + std::to_string(now.memory.blocks - before.memory.blocks);
   return text;
 }
 

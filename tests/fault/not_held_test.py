@@ -11,6 +11,7 @@ import subprocess
 import sys
 
 NAME = re.compile(r"`(\w+)`")
+LINK = re.compile(r"\[([^\]]*)\]\([^)]*\)")
 # How the document says in which way a call fails.
 WORDS_OF_WAYS = {"": "", " late": "late", " never returns": "never returns", " without doing anything": "has not written"}
 
@@ -19,8 +20,9 @@ def names_of(row):
     return set(NAME.findall(row)) | {name for name in ("any function", "no call") if f"({name})" in row}
 
 
-def has(row, name, way, route):
-    return name in names_of(row) and WORDS_OF_WAYS[way] in row and (not route or f"route {route}" in row)
+def has(what, entry):
+    name, way, route = entry
+    return name in names_of(what) and WORDS_OF_WAYS[way] in what and (not route or f"route {route}" in what)
 
 
 def rows_of(document, heading):
@@ -45,19 +47,30 @@ def left_out_is_right(document, command):
     return bool(listed) and written == listed
 
 
+def not_held_is_right(document, command):
+    """Of each row what is seen and why it stays are those of its entries, and its names theirs."""
+    written = {(seen.strip(), LINK.sub(r"\1", why).strip()): what
+               for what, seen, why in rows_of(document, "What is not held")}
+    listed = {}
+    for *entry, seen, why in lines_of(command, "--not-held"):
+        listed.setdefault((seen, why), []).append(entry)
+    wrong = [f"the row is in the {'document' if row in written else 'list'} alone: {row}"
+             for row in written.keys() ^ listed.keys()]
+    for row in written.keys() & listed.keys():
+        what, entries = written[row], listed[row]
+        wrong += [f"not in the row \"{what}\": {entry}" for entry in entries if not has(what, entry)]
+        if names_of(what) != {name for name, _, _ in entries}:
+            wrong.append(f"the row \"{what}\" names what no entry does")
+        if "route " in what and not all(route for _, _, route in entries):
+            wrong.append(f"the row \"{what}\" is of one route, its entries are of all")
+    print(*wrong, sep="\n")
+    return bool(listed) and not wrong
+
+
 def main():
     document, command = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8"), sys.argv[2:]
-    rows = [row[0] for row in rows_of(document, "What is not held")]
-    entries = [entry[:3] for entry in lines_of(command, "--not-held")]
-    missing = [entry for entry in entries if not any(has(row, *entry) for row in rows)]
-    listed = {name for name, _, _ in entries}
-    spare = [row for row in rows if not names_of(row) or names_of(row) - listed]
-    for entry in missing:
-        print(f"not in the document: {entry}")
-    for row in spare:
-        print(f"not in the list: {row}")
-    sound = left_out_is_right(document, command)
-    return 0 if entries and not missing and not spare and sound else 1
+    sound = [not_held_is_right(document, command), left_out_is_right(document, command)]
+    return 0 if all(sound) else 1
 
 
 if __name__ == "__main__":

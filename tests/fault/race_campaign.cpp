@@ -24,6 +24,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -36,6 +37,7 @@
 #include <wrl/client.h>
 
 #include "fault/campaign_service.h"
+#include "fault/fault_cases.h"
 #include "fault/job_judgement.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
@@ -262,6 +264,38 @@ JobEnd RunWithCompletions(Bench& bench, std::uint64_t seed) {
   return end;
 }
 
+/// Virtual time for which a thread is held up, mostly longer than an attempt may take.
+std::chrono::milliseconds DelayOfLateWorker(Dice& dice) {
+  const bool isShort = dice.Between(1, 4) == 1;
+  return std::chrono::milliseconds(isShort ? dice.Between(20, 600) : dice.Between(660, 1200));
+}
+
+/// Holds the thread that sends an item up in the middle of it, once. Behind it come the rest of the item, and
+/// what is told of it.
+class HeldInItem {
+ public:
+  HeldInItem(VirtualModem& modem, Dice& dice) : m_Modem(modem) {
+    constexpr std::uint32_t kBlockSize = 1024;
+    const auto at = static_cast<std::uint32_t>(dice.Between(1, 60)) * kBlockSize;
+    const auto delay = static_cast<DWORD>(DelayOfLateWorker(dice).count());
+    m_Modem.TakeInBlocks(kBlockSize, [held = m_IsHeld, at, delay](std::uint32_t written) {
+      if (written < at || held->exchange(true)) return;
+      const working_threads::Rest rest;
+      ::Sleep(delay);
+    });
+  }
+  ~HeldInItem() { m_Modem.TakeInBlocks(VirtualModem::kUsualBlockSize, nullptr); }
+  HeldInItem(const HeldInItem&) = delete;
+  HeldInItem& operator=(const HeldInItem&) = delete;
+
+  bool IsHeld() const { return *m_IsHeld; }
+
+ private:
+  VirtualModem& m_Modem;
+  // The thread may come back when all this is over.
+  std::shared_ptr<std::atomic<bool>> m_IsHeld = std::make_shared<std::atomic<bool>>(false);
+};
+
 /// Calls that hold a thread up for so long that it is given up, and comes back anywhere behind.
 JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
   static constexpr const char* kCalls[] = {"CreateFileW",
@@ -295,13 +329,13 @@ JobEnd RunWithLateWorkers(Bench& bench, std::uint64_t seed) {
     fault.function = function;
     fault.calls = Occurrence::Only(dice.Between(1, count));
     fault.way = CallFault::Way::Delayed;
-    // Mostly for longer than an attempt may take.
-    const bool isShort = dice.Between(1, 4) == 1;
-    fault.delay = std::chrono::milliseconds(isShort ? dice.Between(20, 600) : dice.Between(660, 1200));
+    fault.delay = DelayOfLateWorker(dice);
     bench.service.Hooks().Arm(fault);
   }
+  std::optional<HeldInItem> inItem;
+  if (dice.Between(0, 1) == 1) inItem.emplace(bench.service.Pc().Modem(), dice);
   const JobEnd end = bench.service.Run();
-  bench.isReached = bench.service.Hooks().Hits() > 0;
+  bench.isReached = bench.service.Hooks().Hits() > 0 || (inItem && inItem->IsHeld());
   bench.service.Hooks().Disarm();
   return end;
 }
@@ -674,6 +708,7 @@ class Races {
     if (hasDocumentedEnd && !end.Succeeded() && !end.Failed()) return "no documented end: " + state;
     if (values.ready != 0u) return "the flag is not taken back: " + state;
     if (values.onGoing != 0u) return "\"Flash_OnGoing\" is left: " + state;
+    if (end.hasOldAttemptWritten) return kOldAttemptWrites;
     return {};
   }
 

@@ -8,6 +8,7 @@
 #include "hosts/common/completion.h"
 #include "hosts/common/handshake.h"
 #include "hosts/common/text.h"
+#include "hosts/common/wrong_usage.h"
 
 namespace hosts {
 
@@ -60,7 +61,7 @@ void AddFlash(CLI::App& verb, VerbOptions& all) {
       ->check(CLI::IsMember({"usb", "pcie"}));
   verb.add_option("--trace", options.trace, "0 writes no debug log")
       ->type_name("0 | 1")
-      ->check(CLI::Range(0, 1))
+      ->check(NumberFrom(0, 1))
       ->capture_default_str();
   CLI::Option* const wait =
       verb.add_flag("--wait-for-controller", options.waitForController,

@@ -118,4 +118,14 @@ std::vector<std::string> OptionNames(const CLI::App& verb) {
   return names;
 }
 
+CLI::Validator NumberFrom(int least, int most) {
+  return CLI::Validator(
+      [range = CLI::Range(least, most), least, most](std::string& text) {
+        if (range(text).empty()) return std::string();
+        return "\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most) +
+               ".";
+      },
+      "");
+}
+
 }  // namespace hosts

@@ -354,17 +354,6 @@ void TellOfConsole() {
          false);
 }
 
-/// Tells a number that is out of its range in a sentence, and shows nothing of it in the help.
-CLI::Validator NumberFrom(int least, int most) {
-  return CLI::Validator(
-      [range = CLI::Range(least, most), least, most](std::string& text) {
-        if (range(text).empty()) return std::string();
-        return "\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most) +
-               ".";
-      },
-      "");
-}
-
 int Run(std::vector<std::string> words) {
   CLI::App program{"Shows what a debug log of the flash library tells: its flashes, and why one failed"};
   program.name(kProgram);

@@ -214,7 +214,7 @@ INSTANTIATE_TEST_SUITE_P(
                        "Give usb or pcie."},
         WrongUsageCase{"TraceOutOfRange",
                        {L"flash", L"--trace", L"2"},
-                       "--trace: Value 2 not in range 0 to 1.",
+                       "--trace: \"2\" is no number from 0 to 1.",
                        kSeeHelpOfFlash},
         WrongUsageCase{"TimeoutZero", {L"flash", L"--timeout", L"0"}, NoSeconds("0"), kSeeHelpOfFlash},
         WrongUsageCase{"TimeoutNegative", {L"flash", L"--timeout", L"-1"}, NoSeconds("-1"), kSeeHelpOfFlash},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -389,6 +390,16 @@ bool TakeWords(const char* program, std::span<char* const> words, std::span<cons
     ++i;
   }
   return true;
+}
+
+bool TakeNumber(std::string_view value, std::size_t& number) {
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+  return error == std::errc() && end == value.data() + value.size();
+}
+
+bool TakeText(std::string_view value, std::string& text) {
+  text = value;
+  return !value.empty();
 }
 
 void EndProcess(int status) {

@@ -145,6 +145,10 @@ using ValueTaker = std::function<bool(std::string_view word, std::string_view va
 bool TakeWords(const char* program, std::span<char* const> words, std::span<const Switch> switches,
                const ValueTaker& takeValue);
 
+/// What becomes of such a value. @return false when it is none.
+bool TakeNumber(std::string_view value, std::size_t& number);
+bool TakeText(std::string_view value, std::string& text);
+
 /// Ends this process with its service, which would go on otherwise.
 [[noreturn]] void EndProcess(int status);
 

@@ -26,8 +26,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <atomic>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -37,7 +35,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -46,6 +43,7 @@
 #include "fault/holdings.h"
 #include "fault/job_judgement.h"
 #include "fault/owned_memory.h"
+#include "fault/watchdog.h"
 #include "hosts/common/text.h"
 #include "simulator/known_calls.h"
 #include "simulator/program/session_key.h"
@@ -59,9 +57,6 @@ namespace {
 using namespace std::chrono_literals;
 using RealClock = std::chrono::steady_clock;
 
-constexpr unsigned long kGoOnBehind = 4;  ///< a child's exit status: its process serves no further case
-constexpr unsigned long kHangs = 5;
-constexpr auto kCaseLimit = 1200s;
 /// A fault that lasts for good is mended then.
 constexpr auto kUntilMended = 4s;
 /// So long a service is looked at that hangs with a call of its own: 40 s of its time.
@@ -146,25 +141,6 @@ class Uncounted {
 };
 
 // --- One process: a service, and jobs --------------------------------------------------------------------
-
-/// Ends the process when a case takes too long, whoever hangs.
-class Watchdog {
- public:
-  Watchdog() : m_Thread([this](const std::stop_token& stop) { Watch(stop); }) {}
-  void Pat() { m_End = (RealClock::now() + kCaseLimit).time_since_epoch().count(); }
-
- private:
-  void Watch(const std::stop_token& stop) const {
-    while (!stop.stop_requested()) {
-      ::Sleep(100);
-      if (RealClock::now().time_since_epoch().count() > m_End)
-        ::TerminateProcess(::GetCurrentProcess(), kHangs);
-    }
-  }
-
-  std::atomic<RealClock::rep> m_End{(RealClock::now() + kCaseLimit).time_since_epoch().count()};
-  std::jthread m_Thread;
-};
 
 class Campaign {
  public:
@@ -514,11 +490,6 @@ int PrintLeftOut() {
   return 0;
 }
 
-bool TakeNumber(std::string_view value, std::size_t& number) {
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  return error == std::errc() && end == value.data() + value.size();
-}
-
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
 bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--from") return TakeNumber(value, g_options.from);
@@ -530,14 +501,8 @@ bool TakeValue(std::string_view word, std::string_view value) {
     return found != std::end(kWhats);
   }
   if (word == "--step") return TakeNumber(value, g_options.step) && g_options.step > 0;
-  if (word == "--only") {
-    g_options.only = value;
-    return !value.empty();
-  }
-  if (word == "--key") {
-    g_options.key = value;
-    return !value.empty();
-  }
+  if (word == "--only") return TakeText(value, g_options.only);
+  if (word == "--key") return TakeText(value, g_options.key);
   const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
   if (route) g_options.route = *route;
   return route.has_value();

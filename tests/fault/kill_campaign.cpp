@@ -18,7 +18,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -345,11 +344,6 @@ class Kills {
   bool m_AtNextCall = false;
 };
 
-bool TakeNumber(std::string_view value, std::size_t& number) {
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  return error == std::errc() && end == value.data() + value.size();
-}
-
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
 bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--step") return TakeNumber(value, g_options.step) && g_options.step > 0;
@@ -359,10 +353,7 @@ bool TakeValue(std::string_view word, std::string_view value) {
     return TakeNumber(value, g_options.torn) && g_options.torn > 0 &&
            g_options.torn <= BlocksToEndBehind().size();
   if (word == "--kill-at") return TakeNumber(value, g_options.killAt);
-  if (word == "--key") {
-    g_options.key = value;
-    return !value.empty();
-  }
+  if (word == "--key") return TakeText(value, g_options.key);
   const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
   if (route) g_options.route = *route;
   return route.has_value();

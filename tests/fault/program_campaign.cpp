@@ -14,7 +14,6 @@
 
 #include <windows.h>
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -226,20 +225,12 @@ class Campaign {
   unsigned m_Excused = 0;
 };
 
-bool TakeNumber(std::string_view value, std::size_t& number) {
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  return error == std::errc() && end == value.data() + value.size();
-}
-
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
 bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--from") return TakeNumber(value, g_options.from);
   if (word == "--seed") return TakeNumber(value, g_options.seed);
   if (word == "--step") return TakeNumber(value, g_options.step) && g_options.step > 0;
-  if (word == "--only") {
-    g_options.only = value;
-    return !value.empty();
-  }
+  if (word == "--only") return TakeText(value, g_options.only);
   const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
   if (route) g_options.route = *route;
   return route.has_value();

@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -39,6 +38,7 @@
 #include "fault/campaign_service.h"
 #include "fault/fault_cases.h"
 #include "fault/job_judgement.h"
+#include "fault/watchdog.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
 #include "simulator/mobile_broadband.h"
@@ -56,10 +56,7 @@ namespace {
 using namespace std::chrono_literals;
 using RealClock = std::chrono::steady_clock;
 
-constexpr unsigned long kGoOnBehind = 4;  ///< a child's exit status: its process serves no further case
-constexpr unsigned long kHangs = 5;
 constexpr unsigned kExited = 77;
-constexpr auto kCaseLimit = 1200s;
 /// Longer than a job takes that nothing holds up.
 constexpr auto kKeyMeddledWith = 3s;
 /// An exit behind so many thousandths of a job's calls leaves the request standing.
@@ -578,24 +575,6 @@ struct Progress {
   }
 };
 
-/// Ends the process when a case takes too long, whoever hangs.
-class Watchdog {
- public:
-  void Pat() { m_End = (RealClock::now() + kCaseLimit).time_since_epoch().count(); }
-
- private:
-  void Watch(const std::stop_token& stop) const {
-    while (!stop.stop_requested()) {
-      ::Sleep(100);
-      if (RealClock::now().time_since_epoch().count() > m_End)
-        ::TerminateProcess(::GetCurrentProcess(), kHangs);
-    }
-  }
-
-  std::atomic<RealClock::rep> m_End{(RealClock::now() + kCaseLimit).time_since_epoch().count()};
-  std::jthread m_Thread{[this](const std::stop_token& stop) { Watch(stop); }};
-};
-
 std::string ReadFile(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), {}};
@@ -884,11 +863,6 @@ int RunCampaign() {
   return isWhole && total.findings == 0 && total.Run() > 0 && total.WereReached() ? 0 : 1;
 }
 
-bool TakeNumber(std::string_view value, std::size_t& number) {
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  return error == std::errc() && end == value.data() + value.size();
-}
-
 bool IsKind(std::string_view word) {
   if (std::ranges::any_of(kKinds, [&](const Kind& kind) { return word == kind.name; })) return true;
   return word == kExit || word == kTwoHosts;
@@ -904,10 +878,7 @@ bool TakeValue(std::string_view word, std::string_view value) {
     g_options.only = value;
     return IsKind(value);
   }
-  if (word == "--key") {
-    g_options.key = value;
-    return !value.empty();
-  }
+  if (word == "--key") return TakeText(value, g_options.key);
   const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
   if (route) g_options.route = *route;
   return route.has_value();

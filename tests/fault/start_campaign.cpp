@@ -16,7 +16,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -378,16 +377,6 @@ class Processes {
   unsigned m_Findings = 0;
   unsigned m_Excused = 0;
 };
-
-bool TakeNumber(std::string_view value, std::size_t& number) {
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  return error == std::errc() && end == value.data() + value.size();
-}
-
-bool TakeText(std::string_view value, std::string& text) {
-  text = value;
-  return !value.empty();
-}
 
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
 bool TakeValue(std::string_view word, std::string_view value) {

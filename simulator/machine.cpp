@@ -1,6 +1,7 @@
 #include "simulator/machine.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "common/handles.h"
@@ -14,6 +15,13 @@ namespace {
 
 /// How long the product waits for the modem to come back; its last check follows.
 constexpr DWORD kReturnWait = 23000;
+
+VirtualClock ClockOf(const VirtualPcOptions& options) {
+  if (options.sharedBy.empty()) return VirtualClock(options.speed, options.pace);
+  if (options.pace != Pace::Steady)
+    throw std::invalid_argument("a clock knows the threads of its own process alone");
+  return {options.speed, options.sharedBy};
+}
 
 std::filesystem::path MadeFolder(std::filesystem::path folder) {
   std::filesystem::create_directories(folder);
@@ -46,10 +54,11 @@ void SetCurrentMachine(std::shared_ptr<Machine> machine) {
 
 Machine::Machine(VirtualPcOptions pcOptions)
     : options(std::move(pcOptions)),
-      clock(options.speed, options.pace),
+      clock(ClockOf(options)),
       modem(clock, MadeFolder(options.folder) / "modem_flash.bin", options.timing, options.faults.modem,
             options.initialState,
-            [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); }),
+            [this](JournalEvent event, std::string detail) { Note(event, std::move(detail)); },
+            {.name = options.sharedBy}),
       m_FaultCalls(options.faults.library.calls.size()) {}
 
 std::optional<std::int32_t> Machine::BeginLibraryCall(const std::string& function, int argument,

@@ -1,9 +1,23 @@
 #include "simulator/named_objects.h"
 
+#include <atomic>
+
 namespace simulator {
 
+namespace {
+
+// Never destroyed: threads of the product may still make objects while the program ends.
+std::atomic<const std::wstring*> g_sharedWith{nullptr};
+
+}  // namespace
+
 std::wstring OwnName(const wchar_t* name) {
-  return name + (L"-" + std::to_wstring(::GetCurrentProcessId()));
+  const std::wstring* const with = g_sharedWith;
+  return name + (L"-" + (with != nullptr ? *with : std::to_wstring(::GetCurrentProcessId())));
+}
+
+void ShareNames(const std::wstring& with) {
+  g_sharedWith = with.empty() ? nullptr : new std::wstring(with);
 }
 
 HANDLE WINAPI CreateOwnSemaphore(SECURITY_ATTRIBUTES* security, LONG count, LONG maximum, LPCWSTR name) {

@@ -108,13 +108,19 @@ BOOL WINAPI SimulatedWrite(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD writ
   if (!call.port) return ::WriteFile(file, buffer, size, written, overlapped);
   const DWORD error = call.machine->options.faults.atPort.writeError;
   if (error != ERROR_SUCCESS) return Fail(error);
-  return call.port->Write(*call.machine, {static_cast<const std::uint8_t*>(buffer), size}, written);
+  return call.port->Write({static_cast<const std::uint8_t*>(buffer), size}, written);
 }
 
 }  // namespace
 
-BOOL OpenAtPort::Write(Machine& machine, std::span<const std::uint8_t> bytes, LPDWORD written) {
-  const std::string replies = machine.modem.HearAtBytes(bytes);
+OpenAtPort::OpenAtPort(VirtualModem& modem) : m_Modem(modem) {}
+
+OpenAtPort::~OpenAtPort() {
+  m_Modem.GiveAtPortBack();
+}
+
+BOOL OpenAtPort::Write(std::span<const std::uint8_t> bytes, LPDWORD written) {
+  const std::string replies = m_Modem.HearAtBytes(bytes);
   const std::lock_guard lock(m_Mutex);
   m_Replies += replies;
   if (written != nullptr) *written = static_cast<DWORD>(bytes.size());
@@ -146,9 +152,9 @@ std::optional<HANDLE> OpenSerialPort(Machine& machine, const std::string& path) 
   const bool isOurs = path == "\\\\.\\COM" + std::to_string(machine.options.atPortNumber);
   if (!isOurs || !IsAtPortPresent(machine)) return Refused(ERROR_FILE_NOT_FOUND);
   if (faults.openError != ERROR_SUCCESS) return Refused(faults.openError);
-  if (machine.handles.HasAny<OpenAtPort>()) return Refused(ERROR_ACCESS_DENIED);
+  if (!machine.modem.TakeAtPort()) return Refused(ERROR_ACCESS_DENIED);
 
-  auto port = std::make_shared<OpenAtPort>();
+  auto port = std::make_shared<OpenAtPort>(machine.modem);
   port->settings = InitialSettings();
   // The handle must be a real one, since the product closes it; nothing is done through it.
   UniqueHandle handle = OwnFileHandle(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,

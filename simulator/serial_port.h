@@ -14,12 +14,19 @@ namespace simulator {
 
 class ImportPatch;
 class Machine;
+class VirtualModem;
 
 /// The AT port while the product has it open.
 class OpenAtPort : public SimulatedDevice {
  public:
+  /// @param modem whose port was taken for this one; it is given back with it.
+  explicit OpenAtPort(VirtualModem& modem);
+  ~OpenAtPort() override;
+  OpenAtPort(const OpenAtPort&) = delete;
+  OpenAtPort& operator=(const OpenAtPort&) = delete;
+
   /// As the system's calls of these names; the modem hears what is written and its replies can be read.
-  BOOL Write(Machine& machine, std::span<const std::uint8_t> bytes, LPDWORD written);
+  BOOL Write(std::span<const std::uint8_t> bytes, LPDWORD written);
   BOOL Read(std::span<char> bytes, LPDWORD read);
   DWORD Waiting();
   void Clear();
@@ -27,6 +34,7 @@ class OpenAtPort : public SimulatedDevice {
   DCB settings{};
 
  private:
+  VirtualModem& m_Modem;
   Lock m_Mutex;
   std::string m_Replies;
 };

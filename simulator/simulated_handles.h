@@ -31,15 +31,6 @@ class SimulatedHandles {
     return found == m_Devices.end() ? nullptr : std::dynamic_pointer_cast<Device>(found->second);
   }
 
-  template <typename Device>
-  bool HasAny() {
-    const std::lock_guard lock(m_Mutex);
-    for (const auto& [handle, device] : m_Devices) {
-      if (std::dynamic_pointer_cast<Device>(device)) return true;
-    }
-    return false;
-  }
-
   std::shared_ptr<SimulatedDevice> Remove(HANDLE handle) {
     const std::lock_guard lock(m_Mutex);
     const auto node = m_Devices.extract(handle);

@@ -72,6 +72,12 @@ VirtualClock::VirtualClock(double speed, Pace pace)
   if (pace == Pace::Elastic) m_Ticker = std::make_unique<Ticker>(m_Speed, m_Frequency);
 }
 
+VirtualClock::VirtualClock(double speed, const std::wstring& name) : VirtualClock(speed) {
+  m_SharedStart = std::make_unique<SharedData<std::int64_t>>(name + L"-clock", m_Start);
+  m_Start = m_SharedStart->Take();
+  m_SharedStart->PutBack(m_Start);
+}
+
 VirtualClock::~VirtualClock() = default;
 
 Milliseconds VirtualClock::Now() const {

@@ -5,6 +5,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
+
+#include "simulator/shared_data.h"
 
 namespace simulator {
 
@@ -22,10 +25,12 @@ enum class Pace {
 class VirtualClock {
  public:
   explicit VirtualClock(double speed, Pace pace = Pace::Steady);
+  /// A steady clock that began with the first one of that name, in whichever process of the session.
+  VirtualClock(double speed, const std::wstring& name);
   ~VirtualClock();
 
   double Speed() const { return m_Speed; }
-  /// Virtual time since this clock was made.
+  /// Virtual time since this clock began.
   Milliseconds Now() const;
   /// A tick count that began with the system's and runs at the virtual speed.
   std::uint64_t TickCount() const;
@@ -56,7 +61,8 @@ class VirtualClock {
   std::int64_t m_Frequency = 0;
   std::int64_t m_Start = 0;
   std::uint64_t m_StartTicks = 0;
-  std::unique_ptr<Ticker> m_Ticker;  ///< of an elastic clock
+  std::unique_ptr<Ticker> m_Ticker;                         ///< of an elastic clock
+  std::unique_ptr<SharedData<std::int64_t>> m_SharedStart;  ///< of one that has a name
 };
 
 }  // namespace simulator

@@ -102,43 +102,79 @@ const char* NameOf(JournalEvent event) {
   return "";
 }
 
+class VirtualModem::Turn {
+ public:
+  explicit Turn(VirtualModem& modem) : m_Modem(modem), m_Lock(modem.m_Mutex) {
+    if (!m_Modem.m_Shared) return;
+    m_Modem.m_Data = m_Modem.m_Shared->Take();
+    m_Modem.LetGoOfTheDead();
+  }
+  ~Turn() {
+    if (m_Modem.m_Shared) m_Modem.m_Shared->PutBack(m_Modem.m_Data);
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  VirtualModem& m_Modem;
+  const std::lock_guard<Lock> m_Lock;
+};
+
 VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
-                           ModemFaults faults, ModemState initial, Journal journal)
+                           ModemFaults faults, ModemState initial, Journal journal, ModemSharing sharing)
     : m_Clock(clock),
       m_MemoryFile(std::move(memoryFile)),
       m_Timing(timing),
       m_Faults(faults),
       m_Journal(std::move(journal)),
-      m_State(initial) {
+      m_User(sharing.user) {
+  m_Data.state = initial;
+  if (!sharing.name.empty())
+    m_Shared = std::make_unique<SharedData<ModemData>>(sharing.name + L"-modem", m_Data);
+  // No turn: whom it would tell of the dead may not be there yet.
+  if (m_Shared) m_Data = m_Shared->Take();
   MakeErasedMemory(m_MemoryFile, kMemorySize);
   m_Memory.open(m_MemoryFile, std::ios::binary | std::ios::in | std::ios::out);
+  if (m_Shared) m_Shared->PutBack(m_Data);
+}
+
+void VirtualModem::LetGoOfTheDead() {
+  if (m_Data.atPortUser.IsAny() && m_Data.atPortUser != m_User && !Lives(m_Data.atPortUser))
+    m_Data.atPortUser = {};
+  if (m_Data.session == 0 || m_Data.sessionUser == m_User || Lives(m_Data.sessionUser)) return;
+  const bool wasBooted = m_Data.isBooted;
+  EndSession();
+  // The boot file that runs talks to nobody else; only a reset ends it.
+  if (wasBooted) return Enter(ModemState::Booted);
+  m_Journal(JournalEvent::FlashPortClosed, "its user has died");
+  EnterFlashPort(m_Clock.Now());
 }
 
 ModemState VirtualModem::State() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
-  return m_State;
+  return m_Data.state;
 }
 
 void VirtualModem::Put(ModemState state) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   EndSession();
-  m_StaysInFlashMode = true;
-  m_ResetsUntilReturn = 0;
-  m_ReturnsWhenWaitExpires = false;
+  m_Data.staysInFlashMode = true;
+  m_Data.resetsUntilReturn = 0;
+  m_Data.returnsWhenWaitExpires = false;
   Enter(state);
 }
 
 void VirtualModem::KeepStateIn(std::filesystem::path file) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   m_StateFile = std::move(file);
   KeepState();
 }
 
 void VirtualModem::KeepState() {
   if (m_StateFile.empty()) return;
-  std::ofstream(m_StateFile) << static_cast<int>(m_State) << ' ' << (m_StaysInFlashMode ? 1 : 0) << ' '
-                             << (m_StateEnds == kNoEnd ? 1 : 0) << '\n';
+  std::ofstream(m_StateFile) << static_cast<int>(m_Data.state) << ' ' << (m_Data.staysInFlashMode ? 1 : 0)
+                             << ' ' << (m_Data.stateEnds == kNoEnd ? 1 : 0) << '\n';
 }
 
 ModemState VirtualModem::StateLeftIn(const std::filesystem::path& file) {
@@ -186,9 +222,9 @@ bool VirtualModem::IsPresentAsFlashPort() {
 }
 
 ModemState VirtualModem::ComeToRest() {
-  const std::lock_guard lock(m_Mutex);
-  while (m_StateEnds != kNoEnd) AdvanceTo(m_StateEnds);
-  return m_State;
+  const Turn turn(*this);
+  while (m_Data.stateEnds != kNoEnd) AdvanceTo(m_Data.stateEnds);
+  return m_Data.state;
 }
 
 void VirtualModem::Advance() {
@@ -196,9 +232,9 @@ void VirtualModem::Advance() {
 }
 
 void VirtualModem::AdvanceTo(Milliseconds moment) {
-  while (moment >= m_StateEnds) {
-    const auto since = m_StateEnds;
-    switch (m_State) {
+  while (moment >= m_Data.stateEnds) {
+    const auto since = m_Data.stateEnds;
+    switch (m_Data.state) {
       case ModemState::Leaving:
         EnterRestarting(since);
         break;
@@ -216,39 +252,52 @@ void VirtualModem::AdvanceTo(Milliseconds moment) {
 }
 
 void VirtualModem::Enter(ModemState state, Milliseconds ends) {
-  m_State = state;
-  m_StateEnds = ends;
+  m_Data.state = state;
+  m_Data.stateEnds = ends;
   KeepState();
   m_Journal(JournalEvent::StateChanged, NameOf(state));
 }
 
 void VirtualModem::EnterRestarting(Milliseconds since) {
-  ++m_FlashModeStarts;
-  const bool isMissing = m_Faults.flashPortMissing.Hits(m_FlashModeStarts);
-  const bool isLate = m_Faults.flashPortLate.Hits(m_FlashModeStarts);
+  ++m_Data.flashModeStarts;
+  const bool isMissing = m_Faults.flashPortMissing.Hits(m_Data.flashModeStarts);
+  const bool isLate = m_Faults.flashPortLate.Hits(m_Data.flashModeStarts);
   const auto delay = m_Timing.restarting + (isLate ? m_Faults.flashPortDelay : Milliseconds::zero());
   Enter(ModemState::Restarting, isMissing ? kNoEnd : since + delay);
 }
 
 void VirtualModem::EnterFlashPort(Milliseconds since) {
-  Enter(ModemState::FlashPort, m_StaysInFlashMode ? kNoEnd : since + m_Timing.bootLoaderWindow);
+  Enter(ModemState::FlashPort, m_Data.staysInFlashMode ? kNoEnd : since + m_Timing.bootLoaderWindow);
 }
 
 void VirtualModem::EndSession() {
-  m_Session = 0;
-  m_IsBooted = false;
-  m_Item.reset();
+  m_Data.session = 0;
+  m_Data.sessionUser = {};
+  m_Data.isBooted = false;
+  m_Data.item.reset();
 }
 
 bool VirtualModem::LeaveForFlashMode() {
-  if (m_State != ModemState::Normal) return false;
-  m_StaysInFlashMode = true;
+  if (m_Data.state != ModemState::Normal) return false;
+  m_Data.staysInFlashMode = true;
   Enter(ModemState::Leaving, m_Clock.Now() + m_Timing.leaving);
   return true;
 }
 
+bool VirtualModem::TakeAtPort() {
+  const Turn turn(*this);
+  if (m_Data.atPortUser.IsAny()) return false;
+  m_Data.atPortUser = m_User;
+  return true;
+}
+
+void VirtualModem::GiveAtPortBack() {
+  const Turn turn(*this);
+  m_Data.atPortUser = {};
+}
+
 std::string VirtualModem::HearAtBytes(std::span<const std::uint8_t> bytes) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
   std::string replies;
   for (const std::uint8_t byte : bytes) {
@@ -269,36 +318,36 @@ std::string VirtualModem::Obey(const std::string& command) {
 }
 
 bool VirtualModem::RebootByMbim() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
-  m_Journal(JournalEvent::MbimReboot, NameOf(m_State));
-  if (m_Faults.ignoresMbimReboot) return m_State == ModemState::Normal;
+  m_Journal(JournalEvent::MbimReboot, NameOf(m_Data.state));
+  if (m_Faults.ignoresMbimReboot) return m_Data.state == ModemState::Normal;
   return LeaveForFlashMode();
 }
 
 void VirtualModem::ResetBaseband() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
-  m_Journal(JournalEvent::BasebandReset, NameOf(m_State));
-  if (m_State == ModemState::Dead) return;
+  m_Journal(JournalEvent::BasebandReset, NameOf(m_Data.state));
+  if (m_Data.state == ModemState::Dead) return;
   EndSession();
-  m_ReturnsWhenWaitExpires = false;
-  if (m_ResetsUntilReturn > 0) {
-    if (--m_ResetsUntilReturn == 0) Enter(ModemState::Returning, m_Clock.Now() + m_Timing.returning);
+  m_Data.returnsWhenWaitExpires = false;
+  if (m_Data.resetsUntilReturn > 0) {
+    if (--m_Data.resetsUntilReturn == 0) Enter(ModemState::Returning, m_Clock.Now() + m_Timing.returning);
     return;
   }
-  m_StaysInFlashMode = false;
+  m_Data.staysInFlashMode = false;
   EnterRestarting(m_Clock.Now());
 }
 
 void VirtualModem::WaitForReturnExpired() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
-  if (std::exchange(m_ReturnsWhenWaitExpires, false)) Enter(ModemState::Normal);
+  if (std::exchange(m_Data.returnsWhenWaitExpires, false)) Enter(ModemState::Normal);
 }
 
 bool VirtualModem::IsOpen(std::uint32_t session) const {
-  return session != 0 && session == m_Session;
+  return session != 0 && session == m_Data.session;
 }
 
 bool VirtualModem::Refuse(JournalEvent event, const std::string& reason) {
@@ -309,23 +358,24 @@ bool VirtualModem::Refuse(JournalEvent event, const std::string& reason) {
 std::uint32_t VirtualModem::OpenPort() {
   std::uint32_t session = 0;
   {
-    const std::lock_guard lock(m_Mutex);
+    const Turn turn(*this);
     Advance();
-    if (m_State != ModemState::FlashPort) {
-      m_Journal(JournalEvent::FlashPortRefused, NameOf(m_State));
+    if (m_Data.state != ModemState::FlashPort) {
+      m_Journal(JournalEvent::FlashPortRefused, NameOf(m_Data.state));
       return 0;
     }
-    session = m_Session = ++m_LastSession;
+    session = m_Data.session = ++m_Data.lastSession;
+    m_Data.sessionUser = m_User;
     Enter(ModemState::ChannelOpen);
     m_Journal(JournalEvent::FlashPortOpened, std::to_string(session));
   }
   m_Clock.Pause(m_Timing.openPort);
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   return IsOpen(session) ? session : 0;
 }
 
 void VirtualModem::ClosePort(std::uint32_t session) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   Advance();
   if (!IsOpen(session)) return;
   EndSession();
@@ -335,27 +385,27 @@ void VirtualModem::ClosePort(std::uint32_t session) {
 
 bool VirtualModem::Boot(std::uint32_t session, std::span<const std::uint8_t> header) {
   {
-    const std::lock_guard lock(m_Mutex);
+    const Turn turn(*this);
     if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "the port is not open");
-    if (m_IsBooted) return Refuse(JournalEvent::BootRefused, "already booted");
+    if (m_Data.isBooted) return Refuse(JournalEvent::BootRefused, "already booted");
     if (!ParseImageTable(header)) return Refuse(JournalEvent::BootRefused, "damaged boot file");
   }
   m_Clock.Pause(m_Timing.boot);
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   if (!IsOpen(session)) return Refuse(JournalEvent::BootRefused, "reset while booting");
-  m_IsBooted = true;
+  m_Data.isBooted = true;
   Enter(ModemState::Booted);
   m_Journal(JournalEvent::Booted, std::to_string(session));
   return true;
 }
 
 bool VirtualModem::BeginItem(std::uint32_t session, const ImageItem& item) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   if (!IsOpen(session)) return Refuse(JournalEvent::ItemRefused, "the port is not open");
-  if (!m_IsBooted) return Refuse(JournalEvent::ItemRefused, "written before boot");
-  if (m_Item) return Refuse(JournalEvent::ItemRefused, "the item before is not complete");
+  if (!m_Data.isBooted) return Refuse(JournalEvent::ItemRefused, "written before boot");
+  if (m_Data.item) return Refuse(JournalEvent::ItemRefused, "the item before is not complete");
   if (!LiesInMemory(item)) return Refuse(JournalEvent::ItemRefused, "outside the memory");
-  m_Item = Item{item, 0, 0, m_Clock.Now()};
+  m_Data.item = ModemData::Item{item, 0, 0, m_Clock.Now()};
   Enter(ModemState::Writing);
   return true;
 }
@@ -365,20 +415,22 @@ bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_
   std::uint32_t written = 0;
   BlockObserver observer;
   {
-    const std::lock_guard lock(m_Mutex);
-    if (!IsOpen(session) || !m_Item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
-    if (bytes.size() > m_Item->announced.size - m_Item->written) {
-      m_Item.reset();
+    const Turn turn(*this);
+    if (!IsOpen(session) || !m_Data.item)
+      return Refuse(JournalEvent::ItemRefused, "no item is being written");
+    if (bytes.size() > m_Data.item->announced.size - m_Data.item->written) {
+      m_Data.item.reset();
       Enter(ModemState::Booted);
       return Refuse(JournalEvent::ItemRefused, "more than announced");
     }
-    if (!StoreBlock(m_Item->announced.flashOffset + m_Item->written, bytes)) {
+    if (!StoreBlock(m_Data.item->announced.flashOffset + m_Data.item->written, bytes)) {
       return Refuse(JournalEvent::ItemRefused, "the memory cannot be written");
     }
-    m_Item->written += static_cast<std::uint32_t>(bytes.size());
-    m_Item->crc = Crc32(bytes, m_Item->crc);
-    done = m_Item->begun + Milliseconds(std::int64_t{m_Item->written} * 1000 / m_Timing.bytesPerSecond);
-    written = m_Item->written;
+    m_Data.item->written += static_cast<std::uint32_t>(bytes.size());
+    m_Data.item->crc = Crc32(bytes, m_Data.item->crc);
+    done = m_Data.item->begun +
+           Milliseconds(std::int64_t{m_Data.item->written} * 1000 / m_Timing.bytesPerSecond);
+    written = m_Data.item->written;
     observer = m_BlockObserver;
   }
   if (observer) observer(written);
@@ -387,27 +439,27 @@ bool VirtualModem::WriteBlock(std::uint32_t session, std::span<const std::uint8_
 }
 
 std::uint32_t VirtualModem::BlockSize() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   return m_BlockSize;
 }
 
 void VirtualModem::TakeInBlocks(std::uint32_t size, BlockObserver observer) {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   m_BlockSize = size;
   m_BlockObserver = std::move(observer);
 }
 
 bool VirtualModem::EndItem(std::uint32_t session) {
-  const std::lock_guard lock(m_Mutex);
-  if (!IsOpen(session) || !m_Item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
-  const Item item = *std::exchange(m_Item, std::nullopt);
+  const Turn turn(*this);
+  if (!IsOpen(session) || !m_Data.item) return Refuse(JournalEvent::ItemRefused, "no item is being written");
+  const ModemData::Item item = *std::exchange(m_Data.item, std::nullopt);
   Enter(ModemState::Booted);
   const std::string what =
       Print("class %u at 0x%06x", item.announced.memoryClass, item.announced.flashOffset);
   if (item.written != item.announced.size) return Refuse(JournalEvent::ItemRefused, what + ": incomplete");
   if (item.crc != item.announced.crc32) return Refuse(JournalEvent::ItemRefused, what + ": wrong checksum");
-  ++m_ItemsWritten;
-  m_BytesWritten += item.written;
+  ++m_Data.itemsWritten;
+  m_Data.bytesWritten += item.written;
   m_Journal(JournalEvent::ItemWritten, what);
   return true;
 }
@@ -420,8 +472,8 @@ bool VirtualModem::StoreBlock(std::uint32_t offset, std::span<const std::uint8_t
 }
 
 bool VirtualModem::ForceReset(std::uint32_t session) {
-  const std::lock_guard lock(m_Mutex);
-  m_Journal(JournalEvent::ForcedReset, NameOf(m_State));
+  const Turn turn(*this);
+  m_Journal(JournalEvent::ForcedReset, NameOf(m_Data.state));
   if (!IsOpen(session)) return false;
   EndSession();
   ReturnToNormal();
@@ -430,24 +482,24 @@ bool VirtualModem::ForceReset(std::uint32_t session) {
 
 void VirtualModem::ReturnToNormal() {
   if (m_Faults.neverReturns) return Enter(ModemState::Dead);
-  m_ResetsUntilReturn = m_Faults.returnsAfterResets;
-  m_ReturnsWhenWaitExpires = m_Faults.returnsAtLastCheck;
-  const bool waits = m_ResetsUntilReturn > 0 || m_ReturnsWhenWaitExpires;
+  m_Data.resetsUntilReturn = m_Faults.returnsAfterResets;
+  m_Data.returnsWhenWaitExpires = m_Faults.returnsAtLastCheck;
+  const bool waits = m_Data.resetsUntilReturn > 0 || m_Data.returnsWhenWaitExpires;
   Enter(ModemState::Returning, waits ? kNoEnd : m_Clock.Now() + m_Timing.returning + m_Faults.returnDelay);
 }
 
 std::uint32_t VirtualModem::ItemsWritten() {
-  const std::lock_guard lock(m_Mutex);
-  return m_ItemsWritten;
+  const Turn turn(*this);
+  return m_Data.itemsWritten;
 }
 
 std::uint64_t VirtualModem::BytesWritten() {
-  const std::lock_guard lock(m_Mutex);
-  return m_BytesWritten;
+  const Turn turn(*this);
+  return m_Data.bytesWritten;
 }
 
 std::vector<std::uint8_t> VirtualModem::Memory() {
-  const std::lock_guard lock(m_Mutex);
+  const Turn turn(*this);
   std::vector<std::uint8_t> bytes(kMemorySize);
   std::ifstream stream(m_MemoryFile, std::ios::binary);
   stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -11,6 +12,8 @@
 
 #include "simulator/faults.h"
 #include "simulator/flash_image.h"
+#include "simulator/process_identity.h"
+#include "simulator/shared_data.h"
 #include "simulator/threads/lock.h"
 #include "simulator/virtual_clock.h"
 
@@ -78,8 +81,45 @@ struct MemoryComparison {
   std::string difference;   ///< the first one, in words; empty when equal
 };
 
+/// What of a modem changes, its memory apart. Plain data, since processes may share it.
+struct ModemData {
+  static constexpr Milliseconds kNoEnd = Milliseconds::max();
+
+  struct Item {
+    ImageItem announced;
+    std::uint32_t written = 0;
+    std::uint32_t crc = 0;
+    Milliseconds begun{0};
+  };
+
+  ModemState state = ModemState::Normal;
+  Milliseconds stateEnds{kNoEnd};
+  bool staysInFlashMode = true;
+  int flashModeStarts = 0;
+  int resetsUntilReturn = 0;
+  bool returnsWhenWaitExpires = false;
+  std::uint32_t session = 0;
+  std::uint32_t lastSession = 0;
+  ProcessIdentity sessionUser;
+  ProcessIdentity atPortUser;
+  bool isBooted = false;
+  std::optional<Item> item;
+  std::uint32_t itemsWritten = 0;
+  std::uint64_t bytesWritten = 0;
+};
+
+/// How several processes drive one modem.
+struct ModemSharing {
+  std::wstring name;  ///< by which they meet; empty for a modem of this process alone
+  ProcessIdentity user = ThisProcess();
+};
+
 /// The modem: one state machine that is brought up to date by the clock whenever somebody looks. It has its
 /// own flash memory in a file and refuses what a modem refuses. Any thread.
+///
+/// One that is shared is the same in all processes that name it, with one memory file and clocks that agree.
+/// What a process has open of it is closed once that process has died, and what is typed on the AT port and
+/// not yet sent goes with it.
 class VirtualModem {
  public:
   static constexpr std::uint32_t kMemorySize = 16 * 1024 * 1024;
@@ -87,7 +127,7 @@ class VirtualModem {
   using Journal = std::function<void(JournalEvent, std::string)>;
 
   VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
-               ModemFaults faults, ModemState initial, Journal journal);
+               ModemFaults faults, ModemState initial, Journal journal, ModemSharing sharing = {});
 
   ModemState State();
   /// Puts it into a state, as if it had been brought there by something else. Whoever is connected with it is
@@ -103,6 +143,9 @@ class VirtualModem {
   bool IsPresentAsModem();
   bool IsPresentAsFlashPort();
 
+  /// The AT port has one user. @return false when there is one.
+  bool TakeAtPort();
+  void GiveAtPortBack();
   /// Bytes on the AT port; a complete "at+xlog=4\r" reboots into flash mode. @return what the modem replies.
   std::string HearAtBytes(std::span<const std::uint8_t> bytes);
   /// The reboot command of the Mobile Broadband device service. @return false when it is not in normal mode.
@@ -140,16 +183,13 @@ class VirtualModem {
   MemoryComparison CompareWith(const FlashImage* modem, const FlashImage* nvm);
 
  private:
-  struct Item {
-    ImageItem announced;
-    std::uint32_t written = 0;
-    std::uint32_t crc = 0;
-    Milliseconds begun{0};
-  };
+  static constexpr Milliseconds kNoEnd = ModemData::kNoEnd;
 
-  static constexpr Milliseconds kNoEnd = Milliseconds::max();
+  /// One call of somebody's: under the lock, and with what the other processes have made of the modem.
+  class Turn;
 
-  // All of these are called under the lock.
+  // All of these are called in a turn.
+  void LetGoOfTheDead();
   void Advance();
   void AdvanceTo(Milliseconds moment);
   void Enter(ModemState state, Milliseconds ends = kNoEnd);
@@ -171,23 +211,14 @@ class VirtualModem {
   Journal m_Journal;
 
   Lock m_Mutex;
-  ModemState m_State;
+  ModemData m_Data;
+  const ProcessIdentity m_User;
+  std::unique_ptr<SharedData<ModemData>> m_Shared;  ///< null for a modem of this process alone
   std::filesystem::path m_StateFile;
-  Milliseconds m_StateEnds{kNoEnd};
-  bool m_StaysInFlashMode = true;
-  int m_FlashModeStarts = 0;
-  int m_ResetsUntilReturn = 0;
-  bool m_ReturnsWhenWaitExpires = false;
-  std::uint32_t m_Session = 0;
-  std::uint32_t m_LastSession = 0;
-  bool m_IsBooted = false;
-  std::optional<Item> m_Item;
   std::fstream m_Memory;
   std::uint32_t m_BlockSize = kUsualBlockSize;
   BlockObserver m_BlockObserver;
   std::string m_AtInput;
-  std::uint32_t m_ItemsWritten = 0;
-  std::uint64_t m_BytesWritten = 0;
 };
 
 }  // namespace simulator

@@ -12,6 +12,7 @@
 #include "simulator/load_watch.h"
 #include "simulator/loader_lock.h"
 #include "simulator/machine.h"
+#include "simulator/named_objects.h"
 #include "simulator/serial_port.h"
 #include "simulator/thread_calls.h"
 #include "simulator/ude_driver.h"
@@ -94,6 +95,7 @@ void VirtualPc::WhenPlaced(std::function<void(CallHooks&)> prepare) {
 
 void VirtualPc::Begin() {
   SetCurrentMachine(m_Machine);
+  ShareNames(m_Machine->options.sharedBy);
   m_Hooks = std::make_shared<CallHooks>();
   m_Hooks->Expect(KnownForeignCalls());
   m_Machine->CoverLibrary(
@@ -132,6 +134,7 @@ void VirtualPc::Uninstall() {
   m_PatchesBeside.clear();
   m_MobileBroadband.reset();
   m_Machine->EndHangs();
+  ShareNames({});
   SetCurrentMachine(nullptr);
 }
 

@@ -27,6 +27,9 @@ struct VirtualPcOptions {
   std::wstring atPortName = L"Modem AT Port (COM%d)";
   /// The AT port is a real one of the system: only the device tree's answers about it are simulated.
   bool atPortIsReal = false;
+  /// A name by which processes of the session meet that drive one modem, with one folder and one speed, and
+  /// use the same named objects. The first one's initial state counts; the pace is steady. Empty: a PC alone.
+  std::wstring sharedBy;
 };
 
 }  // namespace simulator

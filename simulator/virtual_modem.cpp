@@ -121,7 +121,8 @@ class VirtualModem::Turn {
 };
 
 VirtualModem::VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
-                           ModemFaults faults, ModemState initial, Journal journal, ModemSharing sharing)
+                           ModemFaults faults, ModemState initial, Journal journal,
+                           const ModemSharing& sharing)
     : m_Clock(clock),
       m_MemoryFile(std::move(memoryFile)),
       m_Timing(timing),

@@ -127,7 +127,7 @@ class VirtualModem {
   using Journal = std::function<void(JournalEvent, std::string)>;
 
   VirtualModem(const VirtualClock& clock, std::filesystem::path memoryFile, ModemTiming timing,
-               ModemFaults faults, ModemState initial, Journal journal, ModemSharing sharing = {});
+               ModemFaults faults, ModemState initial, Journal journal, const ModemSharing& sharing = {});
 
   ModemState State();
   /// Puts it into a state, as if it had been brought there by something else. Whoever is connected with it is

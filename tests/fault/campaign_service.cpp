@@ -185,14 +185,8 @@ class Witness {
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
 
-VirtualPcOptions PcOf(const ServicePlan& plan, const std::filesystem::path& folder) {
-  Setup setup;
-  setup.route = plan.route;
-  VirtualPcOptions options = PcOptions(setup, kSpeed, folder);
-  options.timing = QuickTiming();
-  if (plan.begins == Begins::WithModemAsLeft)
-    options.initialState = VirtualModem::StateLeftIn(folder / kStateFile);
-  return options;
+std::filesystem::path FolderOf(const ServicePlan& plan) {
+  return plan.folder.empty() ? std::filesystem::path(hosts::ProgramFolder()) : plan.folder;
 }
 
 void TurnLogOff(const std::filesystem::path& configuration) {
@@ -215,19 +209,40 @@ bool Becomes(const std::function<bool()>& condition) {
 
 }  // namespace
 
+VirtualPcOptions PcOf(const ServicePlan& plan) {
+  const bool isShared = !plan.sharedBy.empty();
+  const auto folder = FolderOf(plan);
+  Setup setup;
+  setup.route = plan.route;
+  VirtualPcOptions options = PcOptions(setup, isShared ? kSharedSpeed : kSpeed, folder);
+  options.timing = QuickTiming();
+  options.sharedBy = plan.sharedBy;
+  if (isShared) options.pace = Pace::Steady;
+  if (plan.begins == Begins::WithModemAsLeft)
+    options.initialState = VirtualModem::StateLeftIn(folder / kStateFile);
+  return options;
+}
+
+ModemState BeginOf(Route route) {
+  if (route == Route::Bbrst) return ModemState::Restarting;
+  return route == Route::FlashPort ? ModemState::FlashPort : ModemState::Normal;
+}
+
 Service::Service(const ServicePlan& plan)
     : m_Folder(hosts::ProgramFolder()),
       m_Plan(plan),
+      m_Images(FolderOf(plan) / L"firmware"),
       m_Key{HKEY_CURRENT_USER, L"HKCU", plan.key},
-      m_Pc(PcOf(plan, m_Folder)) {
+      m_Pc(PcOf(plan)) {
   Setup setup;
   setup.route = plan.route;
-  m_Configuration = std::make_unique<ConfigurationFile>(m_Folder, setup, m_Key.rootName + L"\\" + m_Key.path,
-                                                        m_Folder / L"firmware");
+  m_Configuration =
+      std::make_unique<ConfigurationFile>(m_Folder, setup, m_Key.rootName + L"\\" + m_Key.path, m_Images);
   if (!plan.log) TurnLogOff(m_Folder / L"CorvelConfig.ini");
   Witness::Watch(m_Pc.Modem());
   Witness::ExpectHosts(plan.hosts);
-  m_Pc.Modem().KeepStateIn(m_Folder / kStateFile);
+  // One that is shared outlives its processes anyway.
+  if (plan.sharedBy.empty()) m_Pc.Modem().KeepStateIn(FolderOf(plan) / kStateFile);
 }
 
 HMODULE Service::Load() {
@@ -249,18 +264,16 @@ bool Service::Begin() {
 }
 
 void Service::PutModemWhereTheRouteBegins() {
-  if (m_Plan.route == Route::Bbrst) return m_Pc.Modem().Put(ModemState::Restarting);
-  m_Pc.Modem().Put(m_Plan.route == Route::FlashPort ? ModemState::FlashPort : ModemState::Normal);
+  m_Pc.Modem().Put(BeginOf(m_Plan.route));
 }
 
 void Service::LayImages(std::uint32_t seed) {
   ExpectImages(seed);
-  const auto folder = m_Folder / L"firmware";
-  std::filesystem::create_directories(folder);
+  std::filesystem::create_directories(m_Images);
   // An attempt that was given up may have the former ones open.
   const bool isLaid = Becomes([&] {
-    return SaveImageFile(m_Nvm, folder / kNvmImage) &&
-           (m_Plan.images == Images::Small || SaveImageFile(m_Modem, folder / kModemImage));
+    return SaveImageFile(m_Nvm, m_Images / kNvmImage) &&
+           (m_Plan.images == Images::Small || SaveImageFile(m_Modem, m_Images / kModemImage));
   });
   if (!isLaid) throw std::runtime_error("the images cannot be laid");
 }
@@ -276,9 +289,8 @@ void Service::ExpectImages(std::uint32_t seed) {
 
 void Service::LookAtImages(JobEnd& end) const {
   std::error_code ignored;
-  const auto folder = m_Folder / L"firmware";
-  const bool hasNvm = std::filesystem::exists(folder / kNvmImage, ignored);
-  const bool hasModem = std::filesystem::exists(folder / kModemImage, ignored);
+  const bool hasNvm = std::filesystem::exists(m_Images / kNvmImage, ignored);
+  const bool hasModem = std::filesystem::exists(m_Images / kModemImage, ignored);
   end.isImageLeft = hasNvm || hasModem;
   end.areImagesKept = hasNvm && (hasModem || m_Plan.images == Images::Small);
 }
@@ -290,6 +302,10 @@ MemoryComparison Service::Compare() {
 
 unsigned Service::Waits() {
   return Witness::Count();
+}
+
+bool Service::Rests() {
+  return Witness::AllRest();
 }
 
 void Service::AlsoTell(CallHooks::Observer observer) {

@@ -24,6 +24,8 @@ namespace campaign {
 /// How fast time passes for the service. Not faster: a thread that has to wait for a processor must not miss
 /// the time limits of what it does.
 inline constexpr int kSpeed = 200;
+/// The same where processes share a clock, which does not slow down for those that wait for a processor.
+inline constexpr int kSharedSpeed = 20;
 
 /// What came of one job.
 struct JobEnd {
@@ -66,7 +68,14 @@ struct ServicePlan {
   std::wstring key;  ///< is there already; whoever made it removes it
   Begins begins = Begins::Anew;
   unsigned hosts = 1;  ///< 2: a second one in the session, on the same key and with the same modem
+  /// By which name this process shares modem and named objects with others; empty for a modem of its own.
+  std::wstring sharedBy{};
+  std::filesystem::path folder{};  ///< of images and the modem's memory; empty for the program's
 };
+/// What the virtual PC of such a service is like.
+simulator::VirtualPcOptions PcOf(const ServicePlan& plan);
+/// Where the modem is when a job begins on that route.
+simulator::ModemState BeginOf(simulator::Route route);
 
 /// The service of this process in its virtual PC, and the controlling program in front of it. Once per
 /// process.
@@ -109,6 +118,8 @@ class Service {
   bool AwaitRest(unsigned formerWaits);
   /// How often it began to wait so; of two hosts both together.
   static unsigned Waits();
+  /// Whether all hosts of this process wait so.
+  static bool Rests();
   /// The thread that serves the requests, of the host that began first; 0 before its first wait.
   static DWORD Supervisor();
   /// Keys that were read from and are still open. Reading leaves them so, as it is meant to.
@@ -126,6 +137,7 @@ class Service {
 
   const std::filesystem::path m_Folder;
   const ServicePlan m_Plan;
+  const std::filesystem::path m_Images;
   const hosts::HandshakeKey m_Key;
   std::unique_ptr<simulator::ConfigurationFile> m_Configuration;
   simulator::VirtualPc m_Pc;

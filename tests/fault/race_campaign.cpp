@@ -5,7 +5,8 @@
 //
 // The kinds of meddling that the route knows take turns (the table in this file). Behind each case there is a
 // job that nobody disturbs and that has to succeed. Then come hosts that leave in the middle of a job (exit),
-// and two hosts on one key and one modem (two-hosts). One line per finding, with the seed and the number that
+// two hosts on one key and one modem in one process (two-hosts), and in two, of which now and then one is
+// killed or leaves while both work (two-processes). One line per finding, with the seed and the number that
 // bring its case again; exit status 1 when there is any, or when of a kind more than every other case has not
 // met what it meddles with: it has tested nothing. The schedule is the system's all the same: a case that is
 // run again may end another way.
@@ -38,6 +39,8 @@
 #include "fault/campaign_service.h"
 #include "fault/fault_cases.h"
 #include "fault/job_judgement.h"
+#include "fault/perturber.h"
+#include "fault/two_processes.h"
 #include "fault/watchdog.h"
 #include "hosts/common/owners.h"
 #include "hosts/common/text.h"
@@ -61,6 +64,8 @@ constexpr unsigned kExited = 77;
 constexpr auto kKeyMeddledWith = 3s;
 /// An exit behind so many thousandths of a job's calls leaves the request standing.
 constexpr int kLatestExit = 900;
+/// Of the requests to two processes one in so many, at the most, may not be heard by the one that is left.
+constexpr std::size_t kMostUnheard = 4;
 constexpr wchar_t kProgressFile[] = L"races.txt";
 /// The seed of the image that is being flashed when a host leaves.
 constexpr std::uint32_t kImagesAtExit = 1'000'000;
@@ -76,82 +81,12 @@ struct Options {
   std::size_t exitAt = 0;   ///< of the child: leaves behind so many thousandths of a job's calls
   bool behindExit = false;  ///< of the child: judges what the host before has left
   bool twoHosts = false;    ///< of the child
+  std::string pair;         ///< of the child that is one of two processes: by which name they meet
+  std::size_t hostOfPair = 0;
 };
 Options g_options;
 
-// --- Disturbed schedules ----------------------------------------------------------------------------------
-
-/// Holds threads of the library up at calls of theirs, some of the time while virtual time passes.
-class Perturber {
- public:
-  static void Begin(std::uint64_t seed) {
-    s_seed = seed;
-    s_calls = 0;
-    s_heldUp = 0;
-    s_isOn = true;
-  }
-  static void End() { s_isOn = false; }
-  /// Calls since the beginning that were held up while virtual time passed.
-  static unsigned HeldUp() { return s_heldUp; }
-
-  static void See(const SeenCall& call) noexcept {
-    const std::string_view function = call.function;
-    if (function == "RegNotifyChangeKeyValue") s_watch = call.arguments[3];
-    if (const HANDLE over = s_over;
-        over != nullptr && function == "RegSetValueExW" &&
-        std::wstring_view(reinterpret_cast<const wchar_t*>(call.arguments[1])) == L"Fls_Ready") {
-      ++s_ends;
-      ::SetEvent(over);
-    }
-    if (const unsigned at = s_exitAt; at != 0 && ++s_callsToExit == at) {
-      ::SetEvent(s_exits);
-      ::Sleep(INFINITE);
-    }
-    if (!s_isOn) return;
-    Dice dice(s_seed + ++s_calls);
-    const int lot = dice.Between(1, 1000);
-    if (lot > 60) return;
-    if (lot > 10) {
-      ::Sleep(static_cast<DWORD>(dice.Between(0, 3)));
-      return;
-    }
-    ++s_heldUp;
-    const working_threads::Rest rest;
-    ::Sleep(static_cast<DWORD>(dice.Between(1, 30)));
-  }
-
-  /// Windows signals a watch whose key is deleted; not every system does.
-  static void SignalWatch() { ::SetEvent(reinterpret_cast<HANDLE>(s_watch.load())); }
-
-  /// Signals an event whenever the library is about to take the flag back; null for none.
-  static void TellOfEnds(HANDLE over) {
-    s_ends = 0;
-    s_over = over;
-  }
-  /// How often that was, since the event is there.
-  static unsigned Ends() { return s_ends; }
-
-  /// @return an event that is signalled when that many calls have begun; the thread that makes the last one
-  /// stays in it.
-  static HANDLE StopAt(unsigned calls) {
-    s_exits = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    s_callsToExit = 0;
-    s_exitAt = calls;
-    return s_exits;
-  }
-
- private:
-  static inline std::atomic<bool> s_isOn{false};
-  static inline std::atomic<std::uint64_t> s_seed{0};
-  static inline std::atomic<std::uint64_t> s_calls{0};
-  static inline std::atomic<unsigned> s_heldUp{0};
-  static inline std::atomic<unsigned> s_ends{0};
-  static inline std::atomic<std::uint64_t> s_watch{0};
-  static inline std::atomic<unsigned> s_exitAt{0};
-  static inline std::atomic<unsigned> s_callsToExit{0};
-  static inline HANDLE s_exits = nullptr;
-  static inline std::atomic<HANDLE> s_over{nullptr};
-};
+// --- What is meddled with ---------------------------------------------------------------------------------
 
 /// Somebody beside the job, until it is over.
 class Meddler {
@@ -169,8 +104,6 @@ class Meddler {
  private:
   std::jthread m_Thread;
 };
-
-// --- What is meddled with ---------------------------------------------------------------------------------
 
 struct Bench {
   Service& service;
@@ -509,6 +442,8 @@ constexpr Kind kKinds[] = {
 // These need processes of their own.
 constexpr char kExit[] = "exit";
 constexpr char kTwoHosts[] = "two-hosts";
+constexpr char kTwoProcesses[] = "two-processes";
+constexpr std::string_view kOfManyProcesses[] = {kExit, kTwoHosts, kTwoProcesses};
 
 /// Those that can happen on the route.
 std::vector<const Kind*> KindsHere() {
@@ -844,14 +779,53 @@ void RunTwoHosts(Progress& total) {
   }
 }
 
+/// Two hosts on one key and one modem, of which now and then one ends while both work.
+void RunTwoProcesses(Progress& total) {
+  const std::size_t pairs = 1 + g_options.cases / 40;
+  unsigned unheard = 0;
+  for (std::size_t i = 0; i < pairs; ++i) {
+    const std::wstring name = L"races-" + std::to_wstring(::GetCurrentProcessId());
+    const PairPlan plan{.route = g_options.route,
+                        .seed = g_options.seed + i,
+                        .key = kPathPrefix + std::to_wstring(::GetCurrentProcessId()),
+                        .name = name};
+    const SessionKey key(plan.key, false);
+    const auto words = [&plan](unsigned number) {
+      auto all = Arguments(0, plan.key);
+      all.insert(all.end(), {L"--pair", plan.name, L"--host-of-pair", std::to_wstring(number)});
+      return all;
+    };
+    RunPair(plan, words, [&](const PairRound& round) {
+      total.Add(kTwoProcesses, round.isReached);
+      unheard += round.unheard;
+      if (round.unheard > 0) {
+        std::printf(
+            "not held %s: seed %zu, %s, %s: the host that is left has not heard of a request (known)\n",
+            NameOf(g_options.route), plan.seed, kTwoProcesses, round.what.c_str());
+      }
+      if (round.finding.empty()) return;
+      ++total.findings;
+      std::printf("FINDING %s: seed %zu, %s, %s: %s\n", NameOf(g_options.route), plan.seed, kTwoProcesses,
+                  round.what.c_str(), round.finding.c_str());
+      std::fflush(stdout);
+    });
+  }
+  if (kMostUnheard * unheard <= total.kinds[kTwoProcesses].run) return;
+  ++total.findings;
+  std::printf("FINDING %s: %s: %u requests are not heard by the host that is left\n", NameOf(g_options.route),
+              kTwoProcesses, unheard);
+}
+
 int RunCampaign() {
   const auto begin = RealClock::now();
   Progress total;
   bool isWhole = true;
   const auto isChosen = [](const char* kind) { return g_options.only.empty() || g_options.only == kind; };
-  if (g_options.only != kExit && g_options.only != kTwoHosts) isWhole = RunRaces(total);
+  const bool runsRaces = std::ranges::find(kOfManyProcesses, g_options.only) == std::end(kOfManyProcesses);
+  if (runsRaces) isWhole = RunRaces(total);
   if (isChosen(kExit)) RunExits(total);
   if (isChosen(kTwoHosts)) RunTwoHosts(total);
+  if (isChosen(kTwoProcesses)) RunTwoProcesses(total);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(RealClock::now() - begin).count();
   std::string reached;
   for (const auto& [kind, count] : total.kinds) {
@@ -865,7 +839,7 @@ int RunCampaign() {
 
 bool IsKind(std::string_view word) {
   if (std::ranges::any_of(kKinds, [&](const Kind& kind) { return word == kind.name; })) return true;
-  return word == kExit || word == kTwoHosts;
+  return std::ranges::find(kOfManyProcesses, word) != std::end(kOfManyProcesses);
 }
 
 /// What becomes of a word of the command line that takes a value. @return false when it means nothing.
@@ -873,11 +847,13 @@ bool TakeValue(std::string_view word, std::string_view value) {
   if (word == "--cases") return TakeNumber(value, g_options.cases);
   if (word == "--seed") return TakeNumber(value, g_options.seed);
   if (word == "--from") return TakeNumber(value, g_options.from);
+  if (word == "--host-of-pair") return TakeNumber(value, g_options.hostOfPair);
   if (word == "--exit-at") return TakeNumber(value, g_options.exitAt);
   if (word == "--only") {
     g_options.only = value;
     return IsKind(value);
   }
+  if (word == "--pair") return TakeText(value, g_options.pair);
   if (word == "--key") return TakeText(value, g_options.key);
   const auto route = word == "--route" ? RouteOfName(value) : std::nullopt;
   if (route) g_options.route = *route;
@@ -895,6 +871,11 @@ int main(int count, char** words) try {
                            kSwitches, &TakeValue))
     return 2;
   if (!g_options.inPlace) return RunCampaign();
+  if (!g_options.pair.empty()) {
+    const PairPlan plan{
+        .route = g_options.route, .key = hosts::ToWide(g_options.key), .name = hosts::ToWide(g_options.pair)};
+    campaign::EndProcess(RunHostOfPair(plan, static_cast<unsigned>(g_options.hostOfPair)));
+  }
   // Never destroyed: the service goes on until the process ends.
   campaign::EndProcess((new Races(g_options))->Run());
 } catch (const std::exception& error) {

@@ -91,7 +91,7 @@ TEST(SharedDataTest, TheFirstOneFillsIt) {
 
 TEST(SharedDataTest, GoesWithTheLastOne) {
   const std::wstring name = NewName();
-  SharedData<Numbers>(name, {1, 2});
+  { const SharedData<Numbers> first(name, {1, 2}); }
   SharedData<Numbers> later(name, {3, 4});
   EXPECT_EQ(later.Take().first, 3);
   later.PutBack({});

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <ostream>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -166,6 +168,61 @@ TEST_F(FlashingLibraryTest, TellsPercentagesWhileItSends) {
   ASSERT_EQ(Download(0), 0);
   EXPECT_EQ(Texts(2), (std::vector<std::string>{"25", "50", "75", "100"}));
   EXPECT_THAT(Texts(4), testing::Contains("  - Sending data. (RAW mode)"));
+}
+
+/// What whoever watches the blocks of an item is told, and finds in the memory at that moment.
+struct SeenBlock {
+  std::uint32_t told;
+  std::uint32_t inMemory;
+  bool isOnSendersThread;
+  bool operator==(const SeenBlock&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const SeenBlock& block) {
+  return stream << block.told << " told, " << block.inMemory << " in memory, on the "
+                << (block.isOnSendersThread ? "sender's thread" : "wrong thread");
+}
+
+/// How many bytes of an item are in a memory that was erased before; more than it has when something else is.
+std::uint32_t BytesThere(const std::vector<std::uint8_t>& memory, const FlashImage& image) {
+  const ImageItem& item = image.items.at(0);
+  const auto stored = std::span(memory).subspan(item.flashOffset, item.size);
+  const auto [here, there] = std::ranges::mismatch(stored, image.Bytes(item));
+  const bool isErasedBehind = std::all_of(here, stored.end(), [](std::uint8_t byte) { return byte == 0xFF; });
+  return isErasedBehind ? static_cast<std::uint32_t>(here - stored.begin()) : item.size + 1;
+}
+
+TEST_F(FlashingLibraryTest, SendsBlocksOfTheSizeThatTheModemTakesAndTheModemTellsOfEach) {
+  StartAndLoad(SmallImagePlan(3, 2500));
+  ASSERT_EQ(pc->Modem().BlockSize(), VirtualModem::kUsualBlockSize);
+  std::vector<SeenBlock> seen;
+  pc->Modem().TakeInBlocks(1000, [&, sender = std::this_thread::get_id()](std::uint32_t written) {
+    seen.push_back({written, BytesThere(pc->Modem().Memory(), image), std::this_thread::get_id() == sender});
+  });
+  OpenAndBoot();
+  ASSERT_EQ(Download(0), 0) << status.data();
+  EXPECT_THAT(seen, testing::ElementsAre(SeenBlock{1000, 1000, true}, SeenBlock{2000, 2000, true},
+                                         SeenBlock{2500, 2500, true}));
+}
+
+TEST_F(FlashingLibraryTest, TheLastBlockIsWholeWhenTheItemDividesByItsSize) {
+  StartAndLoad(SmallImagePlan(3, 2000));
+  std::vector<std::uint32_t> seen;
+  pc->Modem().TakeInBlocks(1000, [&](std::uint32_t written) { seen.push_back(written); });
+  OpenAndBoot();
+  ASSERT_EQ(Download(0), 0) << status.data();
+  EXPECT_THAT(seen, testing::ElementsAre(1000u, 2000u));
+}
+
+TEST_F(FlashingLibraryTest, OfABlockThatTheModemRefusesNobodyIsTold) {
+  StartAndLoad(SmallImagePlan(3, 2000));
+  std::vector<std::uint32_t> seen;
+  pc->Modem().TakeInBlocks(1000, [&](std::uint32_t written) {
+    seen.push_back(written);
+    pc->Modem().ResetBaseband();
+  });
+  OpenAndBoot();
+  EXPECT_NE(Download(0), 0);
+  EXPECT_THAT(seen, testing::ElementsAre(1000u));
 }
 
 TEST_F(FlashingLibraryTest, RefusesAnItemWhoseChecksumIsWrong) {

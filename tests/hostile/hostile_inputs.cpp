@@ -212,7 +212,7 @@ void RunProperty(const Property& property, const Options& options, Summary& summ
   const std::size_t casesBefore = summary.cases;
   const auto began = std::chrono::steady_clock::now();
   const std::size_t first = options.just.value_or(0);
-  const std::size_t end = options.just ? first + 1 : corpus.size() + options.cases / property.rarity + 1;
+  const std::size_t end = options.just ? first + 1 : corpus.size() + CasesOf(property, options.cases) + 1;
   for (std::size_t number = first; number < end && summary.findings == findingsBefore; ++number) {
     g_running.number = number;
     RunCase(property, corpus, options, summary);
@@ -254,7 +254,8 @@ int main(int count, char** words) try {
   Options options;
   CLI::App program("Gives the library inputs that nobody should give it.");
   program.add_option("--only", options.only, "The properties with these names");
-  program.add_option("--cases", options.cases, "How many cases a quick property has; slow ones have fewer");
+  program.add_option("--cases", options.cases,
+                     "How many cases a quick property has; slow ones have fewer, but one in 64, or 3000");
   program.add_option("--seed", options.seed, "What the inputs are made from");
   program.add_option("--case", options.just, "Just this one case");
   program.add_option("--corpus", options.corpus, "Folder with a folder of inputs for each property");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -17,7 +18,7 @@ namespace hostile {
 /// So each can be kept in a file, changed at any place and made smaller.
 struct Property {
   const char* name;
-  /// One of so many cases is spent on it: how slow it is.
+  /// One of so many cases is spent on it: how slow it is. None has fewer than CasesOf tells.
   std::size_t rarity;
   /// Makes an input that looks like what is meant to come, with something wrong here and there.
   std::string (*make)(Random& random);
@@ -26,6 +27,14 @@ struct Property {
   /// What stands around while the cases run; may be missing.
   std::shared_ptr<void> (*surround)() = nullptr;
 };
+
+/// How many cases a property has when a quick one has so many: a share by what one costs, but one in
+/// sixty-four of them, or three thousand, even of those that cost most. What nobody tries, nobody finds.
+inline std::size_t CasesOf(const Property& property, std::size_t cases) {
+  constexpr std::size_t kLeastShare = 64;
+  constexpr std::size_t kEnough = 3000;
+  return std::max(cases / property.rarity, std::min(cases / kLeastShare, kEnough));
+}
 
 /// Something that holds does not.
 class Violation : public std::runtime_error {

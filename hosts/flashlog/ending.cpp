@@ -64,6 +64,7 @@ Ending OfStages(const Job& job) {
     ending.time = stage->end;
     ending.offset = stage->offset;
     ending.message = InWords(*stage);
+    ending.stage = stage->kind;
   }
   AdviseByStage(ending, job, stage);
   return ending;

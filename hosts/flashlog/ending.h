@@ -16,6 +16,8 @@ struct Ending {
   std::string function{};
   /// The error's message, or the stage in words.
   std::string message{};
+  /// The stage that it ended in; nothing when an error tells.
+  std::optional<StageKind> stage = std::nullopt;
   /// nullptr when nothing is known, then whatToDo is, too.
   const char* meaning = nullptr;
   const char* whatToDo = nullptr;

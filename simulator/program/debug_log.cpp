@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <string_view>
 
 namespace simulator {
 
@@ -29,16 +28,19 @@ DebugRecord ParseRecord(std::string_view text) {
 
 }  // namespace
 
+std::vector<DebugRecord> RecordsIn(std::string_view log) {
+  std::vector<DebugRecord> records;
+  for (auto end = log.find(kRecordEnd); end != std::string_view::npos; end = log.find(kRecordEnd)) {
+    records.push_back(ParseRecord(log.substr(0, end)));
+    log.remove_prefix(end + kRecordEnd.size());
+  }
+  return records;
+}
+
 std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  std::vector<DebugRecord> records;
-  std::string_view rest(all);
-  for (auto end = rest.find(kRecordEnd); end != std::string_view::npos; end = rest.find(kRecordEnd)) {
-    records.push_back(ParseRecord(rest.substr(0, end)));
-    rest.remove_prefix(end + kRecordEnd.size());
-  }
-  return records;
+  return RecordsIn(all);
 }
 
 }  // namespace simulator

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace simulator {
@@ -13,6 +14,8 @@ struct DebugRecord {
   std::string message;
 };
 
+/// The complete records of a piece of a log that begins with one.
+std::vector<DebugRecord> RecordsIn(std::string_view log);
 /// The complete records of a log that may still be written to; none when there is no such file.
 std::vector<DebugRecord> ReadDebugLog(const std::filesystem::path& path);
 

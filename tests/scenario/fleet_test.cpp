@@ -9,7 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "hosts/flashlog_text.h"
 #include "simulator/program/fleet/fleet_report.h"
+#include "simulator/program/fleet/why_failed.h"
 #include "support/temporary_folder.h"
 
 using namespace simulator;
@@ -71,6 +73,60 @@ TEST(FleetPlan, DrawsEveryRowAboutAsOftenAsTheTableSays) {
 TEST(FleetPlan, NoRowStandsTwice) {
   std::map<std::string, int> names;
   for (const FaultRate& rate : FaultRates()) EXPECT_EQ(++names[rate.name], 1) << rate.name;
+}
+
+// --- Why a request failed ----------------------------------------------------------------------------------
+
+using hosts::flashlog::LogText;
+
+LogText& WithAttemptThatCannotWrite(LogText& log) {
+  return log.AttemptBegins()
+      .ReachesWriting()
+      .By(LogText::kWorker)
+      .Error("CFirmwareDownloader::DownloadFirmwareIntoDevice", "\t Could not download file(|3|C:\\a.fls)")
+      .JobError("\t Flash FAILED, goto Flash_FAILED");
+}
+
+TEST(WhyFailed, WhatOnlyFollowsIsNotBlamed) {
+  LogText log;
+  WithAttemptThatCannotWrite(log.Request()).Result(3).Tidied();
+  EXPECT_EQ(WhyFailed(log.Text()), "Could not download file(|3|C:\\a.fls)");
+}
+
+TEST(WhyFailed, WhatIsCalledAnErrorAndIsNoneIsNotBlamed) {
+  LogText log;
+  log.Request().AttemptBegins().Download("\t GO BootDeviceInFirmwareMode, g_retry_times: 0\n");
+  log.By(LogText::kWorker).Error("ATProcessor::writeCmd", "ATProcessor::writeCmd write at command success\n");
+  log.JobError("\t Flash FAILED, goto Flash_FAILED").Result(3);
+  EXPECT_EQ(WhyFailed(log.Text()), "no error tells why, last stage: into flash mode");
+}
+
+TEST(WhyFailed, OfAnEarlierAttemptNothingIsBlamed) {
+  LogText log;
+  WithAttemptThatCannotWrite(log.Request()).AttemptBegins().By(LogText::kWorker);
+  log.Error("CFirmwareDownloader::Download", "went wrong").Result(3);
+  EXPECT_EQ(WhyFailed(log.Text()), "went wrong");
+}
+
+TEST(WhyFailed, WhatBeganItIsToldWhereTheLastAttemptSaysNothing) {
+  LogText log;
+  WithAttemptThatCannotWrite(log.Request()).AttemptBegins();
+  log.JobError("\t Flash FAILED, goto Flash_FAILED").Result(3);
+  EXPECT_EQ(WhyFailed(log.Text()),
+            "no error tells why, last stage: preparing; first error: Could not download file(|3|C:\\a.fls)");
+}
+
+TEST(WhyFailed, FilesAreNamedWithoutThePcsFolder) {
+  LogText log;
+  WithAttemptThatCannotWrite(log.Request()).Result(3);
+  EXPECT_EQ(WhyFailed(log.Text(), "C:\\"), "Could not download file(|3|a.fls)");
+}
+
+TEST(WhyFailed, OfAllFlashesTheLastOneIsTold) {
+  LogText log;
+  WithAttemptThatCannotWrite(log.Request()).Result(3).Tidied().SuccessfulFlash();
+  EXPECT_EQ(WhyFailed(log.Text()), "the log has no failure; its last flash: succeeded");
+  EXPECT_EQ(WhyFailed(""), "the log has no flash");
 }
 
 // --- The tally -------------------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -18,6 +19,7 @@
 #include "simulator/program/debug_log.h"
 #include "simulator/program/fleet/pc_plan.h"
 #include "simulator/program/fleet/service_watch.h"
+#include "simulator/program/fleet/why_failed.h"
 #include "simulator/virtual_pc.h"
 
 namespace simulator {
@@ -32,8 +34,6 @@ constexpr wchar_t kRequestsFile[] = L"requests.txt";
 constexpr wchar_t kStateFile[] = L"modem_state.txt";
 constexpr wchar_t kImagesFile[] = L"images.txt";
 constexpr char kWorkerBegins[] = "ToolKit::DownloadFirmwareImplementation ++";
-constexpr char kFailureTold[] = "\t WriteRegistry Flash_Result: 3";
-constexpr char kSupervisor[] = "ToolKit::MainThreadImplementation";
 /// Longer than the longest job there is, in virtual time.
 constexpr Milliseconds kJobLimit = 2400s;
 constexpr DWORD kLookPeriodMs = 10;
@@ -98,26 +98,6 @@ class Images {
   std::optional<FlashImage> m_Modem;
   FlashImage m_Nvm;
 };
-
-std::string Shortened(std::string text) {
-  constexpr char kBlanks[] = "\t\r\n ";
-  text.erase(0, text.find_first_not_of(kBlanks));
-  text.erase(text.find_last_not_of(kBlanks) + 1);
-  return text;
-}
-
-/// The last error of a job before it told its result; what the supervisor makes of it only when nobody else
-/// tells one.
-std::string WhyOf(const std::vector<DebugRecord>& log, std::size_t from) {
-  std::string why;
-  std::string supervisorsWord;
-  for (const DebugRecord& record : std::span(log).subspan(std::min(from, log.size()))) {
-    if (record.message == kFailureTold) break;
-    if (record.level == "Error") (record.function == kSupervisor ? supervisorsWord : why) = record.message;
-  }
-  const std::string& text = why.empty() ? supervisorsWord : why;
-  return text.empty() ? "no error in the log" : Shortened(text);
-}
 
 class PcLife {
  public:
@@ -196,9 +176,16 @@ class PcLife {
     return m_Images->LayIn(m_Folder / L"firmware");
   }
 
+  /// What the log has behind so many bytes.
+  std::string LogSince(std::size_t before) const {
+    std::ifstream file(m_Folder / kLogFile, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(before));
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
   void Ask() {
     m_Begun = m_Pc.Clock().Now();
-    m_LogBefore = ReadDebugLog(m_Folder / kLogFile).size();
+    m_LogBefore = LogSince(0).size();
     ServiceWatch::Forget();
     m_Pc.Hooks().ResetCounts();
     if (m_Requests == 0) ArmInterruption();
@@ -218,12 +205,10 @@ class PcLife {
     end.result = static_cast<int>(hosts::ReadHandshake(m_Key).result.value_or(~0u));
     end.isMemoryEqual = m_Images->AreIn(m_Pc.Modem());
     end.isModemNormal = m_Pc.Modem().State() == ModemState::Normal;
-    const auto log = ReadDebugLog(m_Folder / kLogFile);
-    end.attempts = static_cast<int>(
-        std::count_if(log.begin() + static_cast<std::ptrdiff_t>(std::min(m_LogBefore, log.size())), log.end(),
-                      [](const DebugRecord& record) { return record.message == kWorkerBegins; }));
+    const std::string log = LogSince(m_LogBefore);
+    end.attempts = static_cast<int>(std::ranges::count(RecordsIn(log), kWorkerBegins, &DebugRecord::message));
     m_IsFlashed = end.Succeeded();
-    if (!m_IsFlashed) end.why = WhyOf(log, m_LogBefore);
+    if (!m_IsFlashed) end.why = WhyFailed(log, (m_Folder / L"").string());
     Note(end);
     return true;
   }
@@ -250,7 +235,7 @@ class PcLife {
   VirtualPc m_Pc;
   std::optional<Images> m_Images;
   Milliseconds m_Begun{0};
-  std::size_t m_LogBefore = 0;
+  std::size_t m_LogBefore = 0;  ///< bytes
   int m_Requests = 0;
   bool m_IsFlashed = false;
 };

@@ -246,6 +246,7 @@ constexpr const char* kLocalCalls[] = {
     "GetTickCount64",
     "HeapFree",
     "InitializeCriticalSection",
+    "InitializeCriticalSectionEx",
     "IsDBCSLeadByteEx",
     "IsDebuggerPresent",
     "LeaveCriticalSection",

@@ -108,7 +108,8 @@ NeverDestroyed<TheProcessor> g_processor;
 }  // namespace
 
 ATProcessor::ATProcessor() {
-  ::InitializeCriticalSection(&m_Section);
+  // Nothing deletes it, so it must not hold memory either. Without debug information nothing can fail.
+  static_cast<void>(::InitializeCriticalSectionEx(&m_Section, 0, CRITICAL_SECTION_NO_DEBUG_INFO));
 }
 
 ATProcessor* ATProcessor::GetInstance() {

@@ -53,7 +53,6 @@ struct Binding {
   SRWLOCK lock = SRWLOCK_INIT;
   std::shared_ptr<FlashLibrary> library;
   UniqueModule module;
-  CTString fileName;
 };
 
 NeverDestroyed<Binding> g_binding;
@@ -100,7 +99,6 @@ bool CDownloadToolDll::Load() {
   const std::shared_ptr<FlashLibrary> library = NewLibrary();
   SetLibrary(library);
   g_callbackStatus.fill('\0');
-  if (library != nullptr) g_binding->fileName = facts::kFlashingLibrary;
   if (library != nullptr && SetFunctionPointers(*library)) {
     LOG_TRACE("CDownloadToolDll::Load ,SetFunctionPointers()");
     return AssociateCallbackWithDll(*library);
@@ -129,9 +127,8 @@ std::shared_ptr<FlashLibrary> CDownloadToolDll::Library() {
 }
 
 bool CDownloadToolDll::SetFunctionPointers(FlashLibrary& library) {
-  CTString& path = g_binding->fileName;
   const CTString folder = ProgramFolder();
-  path = folder + path;
+  const CTString path = folder + facts::kFlashingLibrary;
   g_binding->module.reset(LoadFrom(folder, path));
   if (g_binding->module == nullptr) {
     const int error = LastErrorNumber();

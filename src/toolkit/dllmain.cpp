@@ -21,6 +21,11 @@ std::wstring HostPath() {
   return path;
 }
 
+/// What of the singleton is the entry routine's alone.
+struct TheToolKit : ToolKit {
+  using ToolKit::ReleaseInstance;
+};
+
 void Attach() {
   try {
     if (HostPath().find(kCommandLineHost) == std::wstring::npos) ToolKit::Initialize();
@@ -35,6 +40,7 @@ void Detach(bool processEnds) {
     CConfigParser::ReleaseAtProcessExit();
   } else {
     CConfigParser::ReleaseInstance();
+    TheToolKit::ReleaseInstance();
   }
   CDebugLogger::ReleaseInstance();
   // A record from a static object's destructor would create the log file again, and empty.

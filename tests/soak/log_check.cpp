@@ -113,10 +113,9 @@ LogCheck CheckLog(std::string_view bytes) {
   return check;
 }
 
-LogCheck CheckLogFile(const std::filesystem::path& file) {
+std::string ReadLog(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
-  return CheckLog(bytes);
+  return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 }  // namespace soak

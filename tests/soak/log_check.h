@@ -23,6 +23,6 @@ struct LogCheck {
 };
 
 LogCheck CheckLog(std::string_view bytes);
-LogCheck CheckLogFile(const std::filesystem::path& file);
+std::string ReadLog(const std::filesystem::path& file);
 
 }  // namespace soak

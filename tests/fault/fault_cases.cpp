@@ -48,6 +48,8 @@ constexpr NotHeldRow kNotTakenBack{
 constexpr NotHeldRow kBeginsAnew{
     "a host that is started then writes 0 in the place of a 3 or 4",
     "a service that begins says so by its initial values; what a controlling program does"};
+constexpr NotHeldRow kOneEvent{"the one that is left hears of no request until it is started anew",
+                               "both wait on one event, and a change wakes one of them"};
 constexpr NotHeldRow kBelieved{"4, and the memory is not equal",
                                "nobody but the library can look into the memory"};
 constexpr NotHeldRow kSupervisorHeld{
@@ -302,6 +304,7 @@ const std::vector<NotHeld>& EverythingNotHeld() {
       {"RegSetValueExW", kAny, kAny, "by the command line, the flag is not taken back: result 4",
        kNotTakenBack},
       {nullptr, kAny, kAny, kResultForgotten, kBeginsAnew},
+      {nullptr, kAny, kAny, kRequestUnheard, kOneEvent},
       {"_ZEMO_DL_download_fls_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},
       {"_ZEMO_DL_download_dffs_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},
       {"_ZEMO_DL_download_cust_file", kAny, Way::DoesNothing, kFalseSuccess, kBelieved},

@@ -95,6 +95,7 @@ inline constexpr char kOldAttemptWrites[] =
 inline constexpr char kFalseSuccess[] = "success is reported, but the memory is not equal";
 inline constexpr char kWaitsForHeldCall[] = "the service waits for a call of another thread that hangs";
 // And of one that was started anew.
+inline constexpr char kRequestUnheard[] = "the host that is left has not heard of a request";
 inline constexpr char kResultForgotten[] = "the new host takes back the result of a job that was over";
 
 /// Null when nothing excuses the finding.

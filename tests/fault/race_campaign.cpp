@@ -799,9 +799,11 @@ void RunTwoProcesses(Progress& total) {
       total.Add(kTwoProcesses, round.isReached);
       unheard += round.unheard;
       if (round.unheard > 0) {
-        std::printf(
-            "not held %s: seed %zu, %s, %s: the host that is left has not heard of a request (known)\n",
-            NameOf(g_options.route), plan.seed, kTwoProcesses, round.what.c_str());
+        const bool isKnown = ExcuseOf({}, g_options.route, kRequestUnheard) != nullptr;
+        if (!isKnown) ++total.findings;
+        std::printf("%s %s: seed %zu, %s, %s: %s%s\n", isKnown ? "not held" : "FINDING",
+                    NameOf(g_options.route), plan.seed, kTwoProcesses, round.what.c_str(), kRequestUnheard,
+                    isKnown ? " (known)" : "");
       }
       if (round.finding.empty()) return;
       ++total.findings;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "common/text.h"
 #include "simulator/import_patch.h"
 #include "support/temporary_folder.h"
 #include "support/test_log.h"
@@ -155,9 +156,27 @@ TEST_F(DebugLoggerTest, WritesFieldsOfMoreThanTenThousandCharactersWhole) {
   EXPECT_THAT(log.Text(), HasSubstr("\t339\t" + function + "\tmessage##\r\n"));
 }
 
+// The fields are printed at a usual length first, and measured only beyond it.
+TEST_F(DebugLoggerTest, WritesFieldsWholeAroundTheUsualLength) {
+  constexpr std::size_t kRoomForOtherFields = 150;
+  for (std::size_t length = corvel::kUsualPrint - kRoomForOtherFields; length <= corvel::kUsualPrint;
+       ++length) {
+    const std::string function(length, 'f');
+    ToolKit::OutputDebug(3, "FlashSvc", function.c_str(), kFile, 339, "message");
+    ASSERT_THAT(log.Text(), EndsWith("\t339\t" + function + "\tmessage##\r\n"));
+  }
+}
+
 TEST_F(DebugLoggerTest, KeepsALineEndInTheMessage) {
   RECORD("first\nsecond\n");
   EXPECT_THAT(log.Text(), EndsWith("\tfirst\nsecond\n##\r\n"));
+}
+
+TEST_F(DebugLoggerTest, EndsAMessageAtACharacterThatIsNul) {
+  LogUnchecked("narrow%c unseen", 0);
+  EXPECT_THAT(log.Text(), EndsWith("\tnarrow##\r\n"));
+  LogUnchecked("wide%C unseen", 0);
+  EXPECT_THAT(log.Text(), EndsWith("\twide##\r\n"));
 }
 
 TEST_F(DebugLoggerTest, TakesPositionalParameters) {

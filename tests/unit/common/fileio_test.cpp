@@ -109,6 +109,20 @@ TEST_F(FileIoTest, OpeningAnotherFileLetsTheFirstOneGo) {
   EXPECT_EQ(other.Open(Path("first").c_str(), true), S_OK);
 }
 
+BOOL WINAPI CloseWithAnErrorOfItsOwn(HANDLE handle) {
+  const BOOL closed = ::CloseHandle(handle);
+  ::SetLastError(kStaleError);
+  return closed;
+}
+
+TEST_F(FileIoTest, LettingTheFirstFileGoDoesNotHideWhyTheNextCouldNotBeOpened) {
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  ASSERT_EQ(file.Open(Path("first").c_str(), true), S_OK);
+  patch.Replace("CloseHandle", &CloseWithAnErrorOfItsOwn);
+  EXPECT_EQ(file.Open(Path("missing").c_str(), false), kNotFound);
+  EXPECT_EQ(file.LastError(), kNotFound);
+}
+
 TEST_F(FileIoTest, OpensAfterAFailedOpen) {
   ASSERT_EQ(file.Open(Path().c_str(), false), kNotFound);
   EXPECT_EQ(file.Open(Path().c_str(), true), S_OK);

@@ -181,7 +181,11 @@ class FakeElement : public FakeNode<IXMLDOMElement> {
   HRESULT STDMETHODCALLTYPE getAttribute(BSTR, VARIANT* value) override {
     value->vt = VT_NULL;
     PLAY("getAttribute");
-    return S_FALSE;
+    if (this->m_Dom.ValueType() == VT_BSTR) return S_FALSE;
+    // A value of another type, which no text may be read from.
+    value->vt = this->m_Dom.ValueType();
+    value->llVal = 1;
+    return S_OK;
   }
   UNUSED_METHOD(get_tagName(BSTR*))
   UNUSED_METHOD(setAttribute(BSTR, VARIANT))

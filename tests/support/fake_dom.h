@@ -34,7 +34,7 @@ class FakeDom {
   /// Of the calls from now on, only the one with this number (from 1) fails.
   void FailCallNumber(int number);
   bool HasFailed() const { return m_HasFailed; }
-  /// From now on values are of this type instead of text.
+  /// From now on values, those of attributes included, are of this type instead of text.
   void GiveValuesOfType(VARTYPE type) { m_ValueType = type; }
 
   /// From now on texts are null pointers, which stand for empty ones.

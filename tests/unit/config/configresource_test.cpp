@@ -343,6 +343,33 @@ TEST_F(FailingDomTest, ADeclarationThatIsNotFoundIsReported) {
   EXPECT_THAT(Errors(), ElementsAre("Could not find child element"));
 }
 
+TEST_F(FailingDomTest, ADocumentWithoutARootIsReported) {
+  dom.Answer("get_documentElement", S_FALSE);
+  EXPECT_FALSE(config->LoadResource(L"x.xml"));
+  EXPECT_FALSE(config->IsResourceLoaded());
+  EXPECT_THAT(Errors(), ElementsAre("Could not read the elements of x.xml: 80004005"));
+}
+
+TEST_F(FailingDomTest, ADeclarationWithoutAnEncodingIsReported) {
+  dom.Answer("getNamedItem", S_FALSE);
+  EXPECT_FALSE(config->SaveConfig(L"x.xml"));
+  EXPECT_THAT(Errors(), ElementsAre("Could not find encoding element"));
+}
+
+TEST_F(FailingDomTest, ADocumentWithoutARootIsNotFormatted) {
+  dom.Answer("get_documentElement", S_FALSE);
+  EXPECT_FALSE(config->SaveConfig(L"x.xml"));
+  EXPECT_THAT(Errors(), ElementsAre("Failed to format the document x.xml"));
+}
+
+TEST_F(FailingDomTest, AnAttributeThatIsNoTextDoesNotAskForTheWhiteSpace) {
+  const std::wstring path = folder.Write(L"r.xml", "<old/>");
+  dom.BeginAFileWhenSaving();
+  dom.GiveValuesOfType(VT_I8);
+  EXPECT_TRUE(config->SaveConfig(path.c_str()));
+  EXPECT_THAT(dom.Calls(), IsSupersetOf({"getAttribute", "insertBefore"}));
+}
+
 TEST_F(FailingDomTest, AFormattedDocumentThatIsNotLoadedIsReported) {
   // Two documents are made with five calls each and the first one's load between them.
   dom.FailCallNumber(12);

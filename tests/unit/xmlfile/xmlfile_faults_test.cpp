@@ -554,12 +554,43 @@ TEST_F(FakeDomTest, AFailedOperationLeavesNoObjectBehind) {
   EXPECT_EQ(dom.LivingObjects(), 0);
 }
 
+TEST_F(FakeDomTest, AFailedLoadLetsTheFormerDocumentGoWhole) {
+  CXMLFile file(L"x.xml");
+  ASSERT_EQ(file.GetRootNode(nullptr), S_OK);
+  dom.Answer("load", kRefused);
+  EXPECT_EQ(file.GetRootNode(nullptr), E_FAIL);
+  EXPECT_EQ(dom.LivingObjects(), 0);
+}
+
 TEST_F(FakeDomTest, ADocumentThatCouldNotBeBuiltIsNeverSaved) {
   CXMLFile file(L"x.xml");
   dom.Answer("setNamedItem", kRefused);
   EXPECT_EQ(file.CreateRootNode(L"root", L"a.xsd", nullptr), E_FAIL);
   EXPECT_EQ(file.SaveDocumentToFile(), E_FAIL);
   EXPECT_THAT(dom.Calls(), testing::Not(testing::Contains("save")));
+}
+
+class RefusedRootTest : public FakeDomTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(RefusedRootTest, DropsTheDocumentAtOnce) {
+  CXMLFile file(L"x.xml");
+  dom.Answer(GetParam(), kRefused);
+  EXPECT_EQ(file.CreateRootNode(L"root", nullptr), E_FAIL);
+  EXPECT_EQ(dom.LivingObjects(), 0);
+  EXPECT_EQ(file.SaveDocumentToFile(), E_FAIL);
+  EXPECT_THAT(dom.Calls(), testing::Not(testing::Contains("save")));
+}
+
+INSTANTIATE_TEST_SUITE_P(By, RefusedRootTest,
+                         testing::Values("createProcessingInstruction", "createNode", "QueryInterface"),
+                         [](const auto& call) { return std::string(call.param); });
+
+TEST_F(FakeDomTest, WithoutAListTheNodeAtAnIndexIsNone) {
+  CXMLFile file(L"x.xml");
+  const ComPtr<IXMLDOMNode> element = dom.Element();
+  IXMLDOMNode* node = element.Get();
+  EXPECT_EQ(file.GetNodeAtIndex(0, &node, nullptr), E_FAIL);
+  EXPECT_EQ(node, nullptr);
 }
 
 TEST_F(FakeDomTest, CreateNodesStopsAtTheFirstFailure) {

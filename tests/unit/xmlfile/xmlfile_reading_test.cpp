@@ -257,6 +257,11 @@ TEST_F(ReadingTest, ASearchForAnEmptyValueFindsIt) {
   EXPECT_EQ(document.Name(document.Find(L"id", L"").Get()), L"b");
 }
 
+TEST_F(ReadingTest, ASearchForAnEmptyValuePassesOverNodesWithoutTheAttribute) {
+  Document document = Read("<r>text<a key='1'/><b id=''/></r>");
+  EXPECT_EQ(document.Name(document.Find(L"id", L"").Get()), L"b");
+}
+
 // A second document in the same object.
 
 TEST_F(ReadingTest, ASecondLoadReplacesTheFirst) {

@@ -217,6 +217,19 @@ TEST_F(InitializeTest, WithoutMemoryForTheLocationNothingIsStarted) {
   });
 }
 
+TEST_F(InitializeTest, AnInstanceThatThereIsNoMemoryForIsToldOfAsAnError) {
+  host.WriteConfig("title\n");
+  ASSERT_TRUE(ToolKit::LoadConfig(nullptr));
+  ScarceMemory memory;
+  int missing = 0;
+  memory.FailEachOf([&] {
+    ReleasableToolKit::ReleaseInstance();
+    if (ToolKit::GetInstance() == nullptr) ++missing;
+  });
+  EXPECT_EQ(missing, 1);
+  EXPECT_THAT(host.Said(), Contains("E:CFirmwareCore::Initialize() failed").Times(1));
+}
+
 TEST_F(InitializeTest, WithoutMemoryForTheConfigurationItIsNotLoaded) {
   host.WriteConfig(
       "title\n[ModemAndNVMFirmwareFolder]=C:\\A folder whose name is too long for a small text\n");

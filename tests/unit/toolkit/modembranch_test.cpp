@@ -101,6 +101,12 @@ TEST_F(ModemBranchTest, ANameOfTheBuffersSizeWithoutTerminatorEndsInsideTheBuffe
   EXPECT_THAT(buffer.data(), StrEq(std::string(1023, 'x')));
 }
 
+TEST_F(ModemBranchTest, ANameOneByteLongerThanTheBufferIsNotRead) {
+  DriverIsCalled(std::string(1020, 'x') + "4850");
+  EXPECT_EQ(Check(), 0);
+  EXPECT_THAT(buffer.data(), StrEq(""));
+}
+
 TEST_F(ModemBranchTest, ANameLongerThanTheBufferIsNotRead) {
   DriverIsCalled("4850" + std::string(2000, 'x'));
   EXPECT_EQ(Check(), 0);

@@ -10,6 +10,7 @@
 
 #include "common/facts.h"
 #include "download/devicepresence.h"
+#include "simulator/import_patch.h"
 #include "support/device_tree.h"
 #include "support/lock_probe.h"
 #include "support/manual_clock.h"
@@ -121,6 +122,17 @@ TEST_F(FindComPortTest, ADeviceThatCannotBeLocatedGivesZero) {
 
 TEST_F(FindComPortTest, ANameThatCannotBeReadGivesZero) {
   tree.Refuses("CM_Get_DevNode_Registry_PropertyW", CR_NO_SUCH_VALUE);
+  EXPECT_EQ(PortNamed(L"Modem (COM7)"), 0);
+}
+
+CONFIGRET WINAPI WriteABeginningAndRefuse(DEVINST, ULONG, ULONG*, void* buffer, ULONG*, ULONG) {
+  std::wmemcpy(static_cast<wchar_t*>(buffer), L"Modem (COM7", 12);
+  return CR_BUFFER_SMALL;
+}
+
+TEST_F(FindComPortTest, WhatARefusedNameLeftInTheBufferIsNoPort) {
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  patch.Replace("CM_Get_DevNode_Registry_PropertyW", &WriteABeginningAndRefuse);
   EXPECT_EQ(PortNamed(L"Modem (COM7)"), 0);
 }
 

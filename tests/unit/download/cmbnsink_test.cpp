@@ -451,9 +451,21 @@ TEST_F(MbnSinkTest, AFailingSetCommandIsRecordedAndSignalledWithoutTouchingTheRe
   g_SetCommandResponse = {0x55};
   const UniqueSafeArray data = Bytes({0x01});
   Sink().OnSetCommandComplete(nullptr, 6, data.get(), kStatus, 5);
+  EXPECT_THAT(Entries(), Contains(Trace("OnSetCommandComplete", "\t *****status = 8007001f\n")));
   EXPECT_THAT(g_SetCommandResponse, ElementsAre(0x55));
   EXPECT_EQ(g_LastStatus, kStatus);
   EXPECT_TRUE(TakeSignal(g_Event_OnSetCommandComplete));
+}
+
+TEST_F(MbnSinkTest, NoSuccessButTheWholeOneKeepsAResponse) {
+  g_SetCommandResponse = {0x55};
+  g_QueryCommandResponse = {0x66};
+  const UniqueSafeArray data = Bytes({0x01});
+  Sink().OnSetCommandComplete(nullptr, 6, data.get(), S_FALSE, 5);
+  Sink().OnQueryCommandComplete(nullptr, 6, data.get(), S_FALSE, 5);
+  EXPECT_THAT(g_SetCommandResponse, ElementsAre(0x55));
+  EXPECT_THAT(g_QueryCommandResponse, ElementsAre(0x66));
+  EXPECT_EQ(g_LastStatus, S_FALSE);
 }
 
 TEST_F(MbnSinkTest, ASetCommandWithoutDataLeavesTheResponse) {

@@ -1000,6 +1000,15 @@ TEST_P(AbandonedListTest, DoesNothingMoreAndTellsOfNoFailure) {
   EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("Could not"))));
 }
 
+TEST_P(AbandonedListTest, TellsOfNoRefusalThatCameTooLate) {
+  bench.library.results[GetParam()] = 1;
+  HangIn(GetParam());
+  FlashAndGiveUp();
+  Return();
+  ExpectNothingHappened();
+  EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("Could not"))));
+}
+
 INSTANTIATE_TEST_SUITE_P(Queries, AbandonedListTest,
                          testing::Values("TOC_get_flash_technogy", "TOC_get_memory_class",
                                          "TOC_get_nof_items"));
@@ -1034,6 +1043,16 @@ TEST_F(AbandonedTest, FromABootThatFailedClosesItsChannelWithoutAPause) {
   ExpectOnlyItsChannelWasClosed();
   EXPECT_EQ(bench.TimesSaid("E:\t ERROR: Boot Target failed due to a reason, call BB_RST\n"), 0);
   EXPECT_FALSE(bench.HasSaid("\t Close Comm Port\n"));
+}
+
+TEST_F(AbandonedTest, FromAskingForAChannelTellsOfNoPort) {
+  HangIn("get_next_free_channel");
+  FlashAndGiveUp();
+  Return();
+  EXPECT_THAT(bench.Said({"firmwareboot.cpp"}),
+              AllOf(Contains(testing::HasSubstr("GetNextFreeChannel, mCommChannel:")),
+                    Contains(testing::HasSubstr("The attempt was given up meanwhile")),
+                    Not(Contains(testing::HasSubstr("OpenCommPort")))));
 }
 
 TEST_F(AbandonedTest, FromOpeningThePortClosesItAndDoesNothingMore) {
@@ -1212,6 +1231,7 @@ TEST_F(AbandonedTest, BackBehindANewerAttemptLeavesItsChannelOpen) {
   EXPECT_EQ(Flash(), FirmwareUpdated);
   Return();
   EXPECT_EQ(bench.library.CallCount("close_comm_port(7)"), 0);
+  EXPECT_THAT(Said(), Not(Contains(testing::HasSubstr("Close CommPort failed"))));
 }
 
 // Its own early end is none that cleans up.

@@ -123,6 +123,12 @@ TEST_F(FlashPortSearchTest, FindsNoActiveInterfaceInAnEmptyList) {
   EXPECT_THAT(Said(), ElementsAre("E:Error - No active device interfaces found.\n"));
 }
 
+TEST_F(FlashPortSearchTest, LooksThroughTheShortestListThatMayHoldAPath) {
+  bench.modem.otherPorts = {L""};
+  EXPECT_EQ(search.Look(), Sight::NotFound);
+  EXPECT_THAT(Said(), ElementsAre("deviceInterfaceListLength:2\n", "free deviceInterfaceList"));
+}
+
 TEST_F(FlashPortSearchTest, TellsBothThatTheLengthWasRefusedAndThatItIsTooShort) {
   bench.modem.portListSizeResult = CR_FAILURE;
   bench.modem.portListLength = 0;
@@ -308,6 +314,27 @@ class SearchLockTest : public FlashPortSearchTest, public testing::WithParamInte
 TEST_P(SearchLockTest, KeepsTheOtherThreadFromThePort) {
   FlashPortIsPresent();
   ASSERT_TRUE(locks.Excludes([this] { GetParam().run(search); }, [this] { search.Port(); }));
+}
+
+LockProbe* g_locks = nullptr;
+bool g_closingWaits = false;
+BOOL WINAPI CloseTheSignalMeanwhile(HANDLE semaphore, LONG count, LONG* previous) {
+  g_closingWaits = g_locks->IsMetBy([] { g_search->CloseSignal(); });
+  return ::ReleaseSemaphore(semaphore, count, previous);
+}
+
+TEST_F(FlashPortSearchTest, TheSignalIsNotClosedWhileItIsGiven) {
+  LockProbe locks;
+  g_locks = &locks;
+  g_search = &search;
+  g_closingWaits = false;
+  ASSERT_TRUE(search.CreateSignal());
+  FlashPortIsPresent();
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  patch.Replace("ReleaseSemaphore", &CloseTheSignalMeanwhile);
+  EXPECT_EQ(search.Look(), Sight::Found);
+  locks.Join();
+  EXPECT_TRUE(g_closingWaits);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -921,17 +921,33 @@ TEST_F(MbimRebootTest, ARunThatIsGivenUpAfterItsCommandEndsAsAFailure) {
   EXPECT_EQ(Reboot(), E_ABORT);
 }
 
+UniqueHandle Duplicate(HANDLE event) {
+  HANDLE copy = nullptr;
+  ::DuplicateHandle(::GetCurrentProcess(), event, ::GetCurrentProcess(), &copy, 0, FALSE,
+                    DUPLICATE_SAME_ACCESS);
+  return UniqueHandle(copy);
+}
+
 TEST_F(MbimRebootTest, ARunThatWasGivenUpPassesOnTheCompletionThatItTook) {
   UniqueHandle openEvent;
   waits.onWait = [&](int, HANDLE event) {
-    HANDLE copy = nullptr;
-    ::DuplicateHandle(::GetCurrentProcess(), event, ::GetCurrentProcess(), &copy, 0, FALSE,
-                      DUPLICATE_SAME_ACCESS);
-    openEvent.reset(copy);
+    openEvent = Duplicate(event);
     abandoned = true;
   };
   EXPECT_EQ(Reboot(), E_ABORT);
   EXPECT_EQ(::WaitForSingleObject(openEvent.get(), 0), WAIT_OBJECT_0);
+}
+
+TEST_F(MbimRebootTest, ARunThatWasGivenUpPassesOnNoCompletionThatDidNotCome) {
+  service.Behaviour().openCommandSession.completesAfter.reset();
+  UniqueHandle openEvent;
+  waits.onWait = [&](int, HANDLE event) {
+    openEvent = Duplicate(event);
+    abandoned = true;
+    waits.RunOut();
+  };
+  Reboot();
+  EXPECT_EQ(::WaitForSingleObject(openEvent.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
 }
 
 TEST_F(MbimRebootTest, UnloadingTheEngineGivesItsRunUp) {

@@ -178,6 +178,24 @@ TEST_F(ExceptionMemoryTest, EachThreadCountsItsOwnUncaughtExceptions) {
   EXPECT_EQ(behind, 0);
 }
 
+struct Filling {
+  std::array<char, 256> bytes{};
+};
+
+TEST_F(ExceptionMemoryTest, WhatFillsAPlaceNeedsNoHeap) {
+  bool caught = false;
+  EXPECT_EQ(WithoutMemory([&] {
+              try {
+                throw Filling();
+              } catch (const Filling&) {
+                caught = true;
+              }
+            }),
+            0u);
+  EXPECT_TRUE(caught);
+  EXPECT_EQ(g_asked, 0);
+}
+
 struct Large {
   std::array<int, 1000> numbers{};
 };

@@ -438,6 +438,14 @@ TEST_P(FlashJobTest, GivesAModemThatNeverComesBackUpAfterThreeRetries) {
   EXPECT_EQ(Said()[Said().size() - 2], std::string("E:") + GetParam().rules->rearrivalLimitReached);
 }
 
+TEST_P(FlashJobTest, ForgetsThatTheModemCameBackFromAnEarlierFlash) {
+  AllowRetries(0);
+  ToolKit::m_MBIM_Modem_presence = true;
+  bench.NeverComesBack();
+  RunJob();
+  EXPECT_FALSE(ToolKit::m_MBIM_Modem_presence);
+}
+
 TEST_P(FlashJobTest, ReportsAModemThatNeverComesBack) {
   AllowRetries(1);
   bench.NeverComesBack();

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "simulator/import_patch.h"
 #include "support/device_tree.h"
 #include "support/process_heap.h"
 #include "support/test_log.h"
@@ -505,6 +506,27 @@ TEST_F(RequestTest, ADriverThatCompletesLateWritesToMemoryThatIsStillTheRequests
   late->InternalHigh = 0x4B4B4B4B4B4B4B4B;
 
   EXPECT_FALSE(IsOnThisStack(late));
+  EXPECT_THAT(blocks, testing::Each(testing::Truly(IsUntouched)));
+}
+
+DWORD WINAPI FailEveryWaitWithAnEnd(HANDLE handle, DWORD milliseconds) {
+  if (milliseconds == INFINITE) return ::WaitForSingleObject(handle, milliseconds);
+  ::SetLastError(ERROR_INVALID_HANDLE);
+  return WAIT_FAILED;
+}
+
+TEST_F(RequestTest, ADriverThatCannotBeWaitedForWritesToMemoryThatIsStillTheRequests) {
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  HasFlashInterface(Answer::Never);
+  driver.IgnoresCancel();
+  patch.Replace("WaitForSingleObject", &FailEveryWaitWithAnEnd);
+  EXPECT_TRUE(channel.TriggerFlashReset());
+  patch.Restore();
+  OVERLAPPED* const late = driver.Requests().back().overlapped;
+  const auto blocks = WhatTheHeapGivesNext();
+
+  late->InternalHigh = 0x4B4B4B4B4B4B4B4B;
+
   EXPECT_THAT(blocks, testing::Each(testing::Truly(IsUntouched)));
 }
 

@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 
 #include <cstdlib>
+#include <cwchar>
 
+#include "simulator/import_patch.h"
 #include "support/job_bench.h"
 
 using corvel::Utf8FromWide;
@@ -124,6 +126,24 @@ TEST_F(NoImagesTest, PausesThreeSecondsBeforeItReports) {
               ElementsAre("Time_Out: 153000", "Flash_OnGoing: 0", "Flash_Progress: 0", "Flash_Result: 0",
                           "Time_Out: 153000", "Flash_OnGoing: 0", "Flash_Progress: 0", "Flash_Result: 0",
                           "Flash_Result: 3", "Time_Out: 153000", "Flash_OnGoing: 0"));
+}
+
+const JobBench* g_bench = nullptr;
+std::vector<int> g_resultsAtTheFlag;
+LSTATUS WINAPI NoteTheResultAtTheFlag(HKEY key, const wchar_t* name, DWORD reserved, DWORD type,
+                                      const BYTE* data, DWORD size) {
+  if (std::wcscmp(name, L"Fls_Ready") == 0) g_resultsAtTheFlag.push_back(g_bench->Result());
+  return ::RegSetValueExW(key, name, reserved, type, data, size);
+}
+
+// The controlling program reads the result as soon as the flag is taken back.
+TEST_F(NoImagesTest, ReportsTheFailureBeforeItTakesTheFlagBack) {
+  g_bench = &bench;
+  g_resultsAtTheFlag.clear();
+  simulator::ImportPatch patch(::GetModuleHandleW(L"toolkit_internals.dll"));
+  patch.Replace("RegSetValueExW", &NoteTheResultAtTheFlag);
+  RunSupervisor();
+  EXPECT_THAT(g_resultsAtTheFlag, ElementsAre(3));
 }
 
 TEST_F(NoImagesTest, TriesAgainOnlyWhenTheFlagIsRaisedAnew) {

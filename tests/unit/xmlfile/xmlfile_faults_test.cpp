@@ -554,6 +554,16 @@ TEST_F(FakeDomTest, AFailedOperationLeavesNoObjectBehind) {
   EXPECT_EQ(dom.LivingObjects(), 0);
 }
 
+TEST_F(FakeDomTest, AFailedLoadHandsOutNoRoot) {
+  CXMLFile file(L"x.xml");
+  IXMLDOMElement* root = nullptr;
+  ASSERT_EQ(file.GetRootNode(&root), S_OK);
+  ASSERT_NE(root, nullptr);
+  dom.Answer("load", kRefused);
+  EXPECT_EQ(file.GetRootNode(&root), E_FAIL);
+  EXPECT_EQ(root, nullptr);
+}
+
 TEST_F(FakeDomTest, AFailedLoadLetsTheFormerDocumentGoWhole) {
   CXMLFile file(L"x.xml");
   ASSERT_EQ(file.GetRootNode(nullptr), S_OK);

@@ -192,6 +192,10 @@ std::map<std::string, int> VirtualPc::PlatformCalls() const {
   return m_Hooks ? m_Hooks->Counts() : std::map<std::string, int>();
 }
 
+unsigned VirtualPc::CallsHit() const {
+  return m_Hooks ? m_Hooks->Hits() : 0;
+}
+
 CallHooks& VirtualPc::Hooks() {
   return *m_Hooks;
 }

@@ -70,6 +70,8 @@ class VirtualPc {
   std::map<std::string, int> LibraryCalls() const;
   /// Calls of the product to the functions that it imports, by name, from the installation on.
   std::map<std::string, int> PlatformCalls() const;
+  /// Those of them that a fault has hit.
+  unsigned CallsHit() const;
   /// In front of everything that the product imports, of the flashing library's functions and of the Mobile
   /// Broadband service's objects. Only while the simulation is installed.
   CallHooks& Hooks();

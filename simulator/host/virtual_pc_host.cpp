@@ -291,7 +291,7 @@ extern "C" __declspec(dllexport) void ReportVirtualPc() try {
                                    .keptAwake = g_keptAwake,
                                    .itemsWritten = pc.Modem().ItemsWritten(),
                                    .bytesWritten = pc.Modem().BytesWritten(),
-                                   .hits = pc.Hooks().Hits(),
+                                   .hits = pc.CallsHit(),
                                    .elapsed = elapsed});
   TellCalls();
 } catch (const std::exception& error) {

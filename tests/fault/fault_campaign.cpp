@@ -222,7 +222,8 @@ class Campaign {
   }
 
   int RunCases() {
-    for (const std::size_t number : m_Uncounted.Take()) Suspect(m_Cases.at(number));
+    SuspectEach(m_Uncounted.Take());
+    if (m_IsSpoiled) return GoOnBehind(m_Options.from);
     std::vector<std::size_t> batch;
     Holdings before = CountHoldings(m_Service);
     for (std::size_t i = 0; i < m_Cases.size(); ++i) {
@@ -232,21 +233,26 @@ class Campaign {
       m_Uncounted.Save(batch);
       m_Watchdog.Pat();
       Show(i);
-      if (!RunCase(m_Cases[i])) {
-        m_Progress.next = i + 1;
-        m_Progress.Save();
-        return kGoOnBehind;
-      }
+      if (!RunCase(m_Cases[i])) return GoOnBehind(i + 1);
       batch.push_back(i);
       if (batch.size() == kCasesPerCensus) {
         TakeCensus(batch, before);
         batch.clear();
+        if (m_IsSpoiled) return GoOnBehind(i + 1);
       }
     }
     TakeCensus(batch, before);
+    if (m_IsSpoiled) return GoOnBehind(m_Cases.size());
     m_Uncounted.Save({});
     Done();
     return 0;
+  }
+
+  /// Another process does.
+  int GoOnBehind(std::size_t next) {
+    m_Progress.next = next;
+    m_Progress.Save();
+    return static_cast<int>(kGoOnBehind);
   }
 
   /// A live line, where one can be seen.
@@ -362,10 +368,16 @@ class Campaign {
     return Grown(before, SettledHoldings(m_Service, before));
   }
 
-  /// @return whether it was one of them.
+  /// @return whether it was one of them, or nobody can tell any more.
   bool SuspectEach(const std::vector<std::size_t>& batch) {
     bool isFound = false;
-    for (const std::size_t number : batch) isFound = Suspect(m_Cases[number]) || isFound;
+    for (auto number = batch.begin(); number != batch.end(); ++number) {
+      isFound = Suspect(m_Cases.at(*number)) || isFound;
+      if (!m_IsSpoiled) continue;
+      // The next process looks at the others.
+      m_Uncounted.Save({std::next(number), batch.end()});
+      return true;
+    }
     return isFound;
   }
 
@@ -375,7 +387,7 @@ class Campaign {
     for (const std::size_t number : batch) {
       m_Watchdog.Pat();
       Play(m_Cases[number]);
-      NextJobsAreDone(m_Cases[number]);
+      if (m_IsSpoiled = !NextJobsAreDone(m_Cases[number]); m_IsSpoiled) return "";
     }
     return HasGrownSince(before);
   }
@@ -395,7 +407,8 @@ class Campaign {
       m_Watchdog.Pat();
       const Holdings before = CountHoldings(m_Service);
       Play(fault);
-      NextJobsAreDone(fault);
+      // What a process that serves no further case leaves behind says nothing.
+      if (m_IsSpoiled = !NextJobsAreDone(fault); m_IsSpoiled) return false;
       grown = HasGrownSince(before);
       if (grown.empty()) return false;
     }
@@ -410,6 +423,7 @@ class Campaign {
   const Uncounted m_Uncounted;
   Progress m_Progress;
   std::uint32_t m_Images = 0;
+  bool m_IsSpoiled = false;  ///< the process serves no further case
 };
 
 // --- The program that starts them ------------------------------------------------------------------------

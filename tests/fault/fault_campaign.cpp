@@ -303,7 +303,8 @@ class Campaign {
     Played played = Play(fault);
     int tries = 1;
     // Threads run side by side: the call may have been another thread's this time.
-    for (; tries < kTries && !played.wasReached && played.end.ended; ++tries) played = Play(fault);
+    for (; tries < kTries && !played.wasReached && WhatIsWrongWith(played.end).empty(); ++tries)
+      played = Play(fault);
     ++m_Progress.run;
     if (played.wasReached) {
       ++m_Progress.reached;

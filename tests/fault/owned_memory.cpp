@@ -81,6 +81,14 @@ void* WINAPI AllocateOnHeap(HANDLE heap, DWORD flags, SIZE_T size) {
   return All().Took(::HeapAlloc(heap, flags, size), size);
 }
 
+void* WINAPI ReallocateOnHeap(HANDLE heap, DWORD flags, LPVOID memory, SIZE_T size) {
+  const auto former = reinterpret_cast<std::uintptr_t>(memory);
+  const auto before = All().GaveBack(memory);
+  void* const moved = All().Took(::HeapReAlloc(heap, flags, memory, size), size);
+  if (moved == nullptr && before) All().Took(reinterpret_cast<void*>(former), *before);
+  return moved;
+}
+
 BOOL WINAPI FreeOnHeap(HANDLE heap, DWORD flags, LPVOID memory) {
   All().GaveBack(memory);
   return ::HeapFree(heap, flags, memory);
@@ -125,6 +133,7 @@ HRESULT WINAPI Clear(VARIANTARG* variant) {
 OwnedMemory::OwnedMemory(HMODULE module) : m_Patch(module) {
   m_Patch.Replace("HeapAlloc", &AllocateOnHeap);
   m_Patch.Replace("HeapFree", &FreeOnHeap);
+  m_Patch.ReplaceIfImported("HeapReAlloc", &ReallocateOnHeap);
   // A module whose runtime is linked in allocates from the process heap alone.
   m_Patch.ReplaceIfImported("malloc", &Malloc);
   m_Patch.ReplaceIfImported("calloc", &Calloc);

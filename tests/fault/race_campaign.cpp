@@ -812,7 +812,7 @@ void RunTwoProcesses(Progress& total) {
       std::fflush(stdout);
     });
   }
-  if (kMostUnheard * unheard <= total.kinds[kTwoProcesses].run) return;
+  if (kMostUnheard * unheard <= total.kinds[kTwoProcesses].run + kMostUnheard) return;
   ++total.findings;
   std::printf("FINDING %s: %s: %u requests are not heard by the host that is left\n", NameOf(g_options.route),
               kTwoProcesses, unheard);

@@ -344,7 +344,7 @@ class Processes {
 
   /// The call may have been another thread's this time.
   static bool WasMissed(unsigned long status) {
-    return status >= kDone && status < 2 * kDone && (status & kReached) == 0;
+    return status >= kDone && status < 2 * kDone && (status & (kReached | kFinding | kExcused)) == 0;
   }
 
   static void TellMissed(const FaultCase& fault) {

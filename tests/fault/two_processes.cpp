@@ -33,12 +33,13 @@ using RealClock = std::chrono::steady_clock;
 constexpr unsigned long kKilled = 77;
 constexpr unsigned long kLeft = 78;
 constexpr int kRounds = 4;
+constexpr int kMostRounds = 4 * kRounds;
 constexpr wchar_t kImage[] = L"nvm.fls";
 constexpr auto kHostLimit = 1h;
 /// Longer than all attempts of both take.
 constexpr auto kPatience = 120s;
 /// A request stands for so long and no host works: none hears of it.
-constexpr auto kUnheard = 10s;
+constexpr auto kUnheard = 30s;
 /// A host that ends does so at one of so many calls of a job that both work on.
 constexpr int kFirstEnd = 20;
 constexpr int kLastEnd = 300;
@@ -187,12 +188,16 @@ class Pair {
     for (unsigned i = 0; i < kHosts && begin.finding.empty(); ++i) begin.finding = Start(i);
     if (begin.finding.empty() && !HaveNamesInCommon()) begin.finding = "the hosts have no event in common";
     if (!begin.finding.empty()) return tell(begin);
-    for (int i = 0; i < kRounds; ++i) {
+    // A request that only one of them has heard of is made again; that is how it is with two.
+    int reached = 0;
+    for (int i = 0; i < kMostRounds && reached < kRounds; ++i) {
       PairRound round = RunRound();
+      if (round.isReached) ++reached;
       if (!round.finding.empty()) round.what += ", " + State();
-      tell(round);
+      if (round.isReached || round.unheard > 0 || !round.finding.empty()) tell(round);
       if (!round.finding.empty()) return;
     }
+    for (; reached < kRounds; ++reached) tell({.what = "a request that both hear of", .isReached = false});
   }
 
  private:
@@ -294,6 +299,9 @@ class Pair {
       m_Hosts.at(fate.who)->Sign()->callsToEnd = fate.calls;
     }
     const Answer answer = Ask();
+    // Who has come to its last call may need a while to be gone.
+    if (fate.EndsHost() && m_Hosts.at(fate.who)->Sign()->callsToEnd.exchange(0) == 0)
+      Becomes([&] { return !m_Hosts.at(fate.who)->Lives(); });
     round.isReached = true;
     for (std::size_t i = 0; i < kHosts; ++i) {
       const SharedSign& sign = m_Hosts.at(i)->Sign();

@@ -150,7 +150,7 @@ class Witness {
   static void SeeValue(const SeenCall& call) noexcept {
     const std::wstring_view name(reinterpret_cast<const wchar_t*>(call.arguments[1]));
     // Of two hosts each counts its own attempts, and nobody can tell them apart.
-    if (name == hosts::kProgressValue && s_hosts == 1 && t_attempt < s_attempt && !IsServing())
+    if (name == hosts::kProgressValue && s_hosts == 1 && s_attemptOfThread < s_attempt && !IsServing())
       s_hasOldAttemptWritten = true;
     if (name != hosts::kResultValue) return;
     s_modemAtResult = s_modem->State();
@@ -162,7 +162,7 @@ class Witness {
 
   /// A thread works for the attempt in which it is seen first.
   static void NoteAttemptOfThread() noexcept {
-    if (t_attempt == 0) t_attempt = s_attempt;
+    if (s_attemptOfThread == 0) s_attemptOfThread = s_attempt;
   }
   static bool IsServing() noexcept { return s_serving[0].thread == ::GetCurrentThreadId(); }
 
@@ -180,7 +180,7 @@ class Witness {
   static inline std::atomic<bool> s_hasBegunAttempt{false};
   static inline std::atomic<bool> s_hasOldAttemptWritten{false};
   static inline std::atomic<unsigned> s_attempt{1};  ///< of the service, over all jobs
-  static inline thread_local unsigned t_attempt = 0;
+  static inline thread_local unsigned s_attemptOfThread = 0;
 };
 
 constexpr wchar_t kStateFile[] = L"modem_state.txt";

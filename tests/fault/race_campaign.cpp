@@ -65,7 +65,7 @@ constexpr auto kKeyMeddledWith = 3s;
 /// An exit behind so many thousandths of a job's calls leaves the request standing.
 constexpr int kLatestExit = 900;
 /// Of the requests to two processes one in so many, at the most, may not be heard by the one that is left.
-constexpr std::size_t kMostUnheard = 4;
+constexpr std::size_t kMostUnheard = 2;
 constexpr wchar_t kProgressFile[] = L"races.txt";
 /// The seed of the image that is being flashed when a host leaves.
 constexpr std::uint32_t kImagesAtExit = 1'000'000;

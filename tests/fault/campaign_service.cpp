@@ -199,12 +199,7 @@ void TurnLogOff(const std::filesystem::path& configuration) {
 }
 
 bool Becomes(const std::function<bool()>& condition) {
-  const auto end = RealClock::now() + kPatience;
-  while (!condition()) {
-    if (RealClock::now() > end) return false;
-    ::Sleep(1);
-  }
-  return true;
+  return BecomesWithin(kPatience, condition);
 }
 
 }  // namespace
@@ -226,6 +221,15 @@ VirtualPcOptions PcOf(const ServicePlan& plan) {
 ModemState BeginOf(Route route) {
   if (route == Route::Bbrst) return ModemState::Restarting;
   return route == Route::FlashPort ? ModemState::FlashPort : ModemState::Normal;
+}
+
+bool BecomesWithin(std::chrono::seconds patience, const std::function<bool()>& condition) {
+  const auto end = RealClock::now() + patience;
+  while (!condition()) {
+    if (RealClock::now() > end) return false;
+    ::Sleep(1);
+  }
+  return true;
 }
 
 Service::Service(const ServicePlan& plan)

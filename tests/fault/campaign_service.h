@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -145,6 +146,9 @@ class Service {
   simulator::FlashImage m_Nvm;
   unsigned m_WaitsBefore = 0;
 };
+
+/// Looks again and again. @return false when the condition does not come in that time.
+bool BecomesWithin(std::chrono::seconds patience, const std::function<bool()>& condition);
 
 /// A word that stands alone, and what is set by it.
 struct Switch {

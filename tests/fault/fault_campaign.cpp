@@ -360,6 +360,7 @@ class Campaign {
   /// What grew over a batch is put down to the case that lets it grow again, twice. What no case alone does,
   /// but the batch once more, is a finding all the same.
   void TakeCensus(const std::vector<std::size_t>& batch, Holdings& before) {
+    if (batch.empty()) return;
     if (!HasGrownSince(before).empty() && !SuspectEach(batch) && !HasGrownBy(batch).empty())
       ReportBatch(batch, HasGrownBy(batch));
     before = CountHoldings(m_Service);

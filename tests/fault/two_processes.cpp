@@ -160,12 +160,7 @@ class WatchedHost {
 };
 
 bool Becomes(const std::function<bool()>& condition) {
-  const auto end = RealClock::now() + kPatience;
-  while (!condition()) {
-    if (RealClock::now() > end) return false;
-    ::Sleep(1);
-  }
-  return true;
+  return BecomesWithin(kPatience, condition);
 }
 
 std::string Text(const std::optional<std::uint32_t>& value) {
@@ -194,7 +189,7 @@ class Pair {
       PairRound round = RunRound();
       if (round.isReached) ++reached;
       if (!round.finding.empty()) round.what += ", " + State();
-      if (round.isReached || round.unheard > 0 || !round.finding.empty()) tell(round);
+      if (round.isReached || round.toOneLeft > 0 || !round.finding.empty()) tell(round);
       if (!round.finding.empty()) return;
     }
     for (; reached < kRounds; ++reached) tell({.what = "a request that both hear of", .isReached = false});
@@ -328,6 +323,7 @@ class Pair {
     if (dead.Status() != fate.Status()) return "the host ends with " + std::to_string(dead.Status());
     round.isReached = round.isReached && !dead.Sign()->rests;
     const unsigned left = 1 - fate.who;
+    ++round.toOneLeft;
     std::string finding = answer == Answer::Unheard ? RouseTo(left, round) : "";
     if (finding.empty()) finding = FlashAlone(left, round);
     return finding.empty() ? Start(fate.who) : finding;
@@ -347,6 +343,7 @@ class Pair {
       if (std::string finding = Start(who); !finding.empty()) return finding;
     }
     LayImages();
+    ++round.toOneLeft;
     const Answer answer = Ask();
     if (answer == Answer::None) return "the request to the host that is left is not dealt with";
     return answer == Answer::Unheard ? RouseTo(who, round) : JudgeFlashed();

@@ -22,7 +22,8 @@ struct PairRound {
   std::string what;  ///< in words
   /// Both dealt with the request, and the one that was to end ended while it did.
   bool isReached = false;
-  /// Requests of which the host that was left had not heard, as two hosts of a session may not; it was
+  unsigned toOneLeft = 0;  ///< requests that a host that was left had to deal with
+  /// Those of which the host that was left had not heard, as two hosts of a session may not; it was
   /// started anew.
   unsigned unheard = 0;
   std::string finding{};  ///< empty for none
